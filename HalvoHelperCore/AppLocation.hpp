@@ -1,0 +1,21 @@
+// The rules of where an app may lie.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace halvo::AppLocation {
+
+// Whether `path` can be an app bundle's: absolute, ending in ".app", in its plainest form (no "//",
+// "/./" or "/../"), and text (UTF-8 without a zero byte). Looks at the text only.
+bool isBundlePath(const std::string& path);
+
+// Whether the bundle at `path` may be locked: a bundle path, directly in a folder named
+// "Applications", at which there is a folder and no symbolic link.
+bool mayLock(const std::string& path);
+
+// The bundle in whose "Contents/MacOS" folder the executable at `path` lies; nothing when it lies
+// elsewhere or that is no bundle path. Looks at the text only.
+std::optional<std::string> bundlePath(const std::string& executable);
+
+}  // namespace halvo::AppLocation

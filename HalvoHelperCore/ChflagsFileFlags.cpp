@@ -1,0 +1,33 @@
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
+
+#include "HalvoHelperCore/ItemFlags.hpp"
+#include "HalvoPlatform/Log.hpp"
+
+namespace halvo {
+
+LockState ChflagsFileFlags::state(const std::string& path) {
+    const auto flags = itemFlags(path);
+    if (!flags) {
+        return LockState::missing;
+    }
+    return (*flags & flag_) != 0 ? LockState::locked : LockState::unlocked;
+}
+
+bool ChflagsFileFlags::setLocked(bool locked, const std::string& path) {
+    const auto flags = itemFlags(path);
+    if (!flags) {
+        return false;
+    }
+    const std::uint32_t wanted = locked ? *flags | flag_ : *flags & ~flag_;
+    if (wanted == *flags) {
+        return true;
+    }
+    const int code = setItemFlags(path, wanted);
+    if (code != 0) {
+        HALVO_LOG_ERROR(helperLog, "Couldn't %{public}s Halvo: errno %d",
+                        locked ? "lock" : "unlock", code);
+    }
+    return code == 0;
+}
+
+}  // namespace halvo

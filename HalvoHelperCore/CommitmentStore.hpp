@@ -1,0 +1,42 @@
+// Where the commitment survives the process.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "HalvoHelperCore/HelperCommitment.hpp"
+
+namespace halvo {
+
+// A file that is there but does not hold a commitment, and what could be saved of it.
+struct UnreadableCommitment {
+    std::optional<std::string> appPath;
+    bool locked{};
+
+    bool operator==(const UnreadableCommitment&) const = default;
+};
+
+struct NoCommitment {
+    bool operator==(const NoCommitment&) const = default;
+};
+
+// What a store holds.
+using StoredCommitment = std::variant<HelperCommitment, UnreadableCommitment, NoCommitment>;
+
+class CommitmentStore {
+  public:
+    virtual ~CommitmentStore() = default;
+
+    // What is stored. Never fails: what cannot be read at all is no commitment.
+    virtual StoredCommitment load() = 0;
+
+    // Stores `commitment` in the place of what was there. A failure leaves what was there, and is
+    // logged by the implementation.
+    virtual void save(const HelperCommitment& commitment) = 0;
+
+    // Stores nothing any more. Failures are ignored.
+    virtual void remove() = 0;
+};
+
+}  // namespace halvo

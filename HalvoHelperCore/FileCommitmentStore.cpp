@@ -1,0 +1,191 @@
+#include "HalvoHelperCore/FileCommitmentStore.hpp"
+
+#include <cerrno>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "HalvoPlatform/Files.hpp"
+#include "HalvoPlatform/Log.hpp"
+
+namespace halvo {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr const char* fileName = "commitment.json";
+constexpr std::size_t sizeLimit = std::size_t{1} << 20U;
+constexpr mode_t folderMode = 0700;
+constexpr mode_t fileMode = 0600;
+
+namespace key {
+constexpr const char* appPath = "appPath";
+constexpr const char* capRemaining = "capRemaining";
+constexpr const char* checkpoint = "checkpoint";
+constexpr const char* locked = "locked";
+constexpr const char* remaining = "remaining";
+constexpr const char* startedWall = "startedWall";
+constexpr const char* uid = "uid";
+constexpr const char* bootID = "bootID";
+constexpr const char* sinceBoot = "sinceBoot";
+constexpr const char* wall = "wall";
+}  // namespace key
+
+// The member `name` of `object` when it is there and of type Value, else null.
+template <class Value>
+const Value* member(const Json& object, const char* name) {
+    const auto found = object.find(name);
+    return found == object.end() ? nullptr : found->template get_ptr<const Value*>();
+}
+
+std::optional<double> number(const Json& object, const char* name) {
+    const auto found = object.find(name);
+    if (found == object.end() || !found->is_number()) {
+        return std::nullopt;
+    }
+    return found->get<double>();
+}
+
+// A user id: any JSON number that is a whole one in range, however it is spelled.
+std::optional<std::uint32_t> userID(const Json& object) {
+    const auto value = number(object, key::uid);
+    if (!value || *value < 0 || *value > std::numeric_limits<std::uint32_t>::max() ||
+        std::trunc(*value) != *value) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(*value);
+}
+
+std::optional<ClockReading> readingFrom(const Json& object) {
+    const auto found = object.find(key::checkpoint);
+    if (found == object.end() || !found->is_object()) {
+        return std::nullopt;
+    }
+    const auto* bootID = member<std::string>(*found, key::bootID);
+    const auto sinceBoot = number(*found, key::sinceBoot);
+    const auto wall = number(*found, key::wall);
+    if (bootID == nullptr || !sinceBoot || !wall) {
+        return std::nullopt;
+    }
+    return ClockReading{*bootID, Seconds{*sinceBoot}, wallDate(*wall)};
+}
+
+std::optional<HelperCommitment> commitmentFrom(const Json& object) {
+    const auto* appPath = member<std::string>(object, key::appPath);
+    const auto uid = userID(object);
+    const auto startedWall = number(object, key::startedWall);
+    const auto remaining = number(object, key::remaining);
+    const auto capRemaining = number(object, key::capRemaining);
+    const auto checkpoint = readingFrom(object);
+    const auto* locked = member<bool>(object, key::locked);
+    if (appPath == nullptr || !uid || !startedWall || !remaining || !capRemaining || !checkpoint ||
+        locked == nullptr) {
+        return std::nullopt;
+    }
+    return HelperCommitment{*appPath,
+                            *uid,
+                            wallDate(*startedWall),
+                            Seconds{*remaining},
+                            Seconds{*capRemaining},
+                            *checkpoint,
+                            *locked};
+}
+
+StoredCommitment decode(const std::string& bytes) {
+    const Json root = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
+    if (!root.is_object()) {
+        return UnreadableCommitment{};
+    }
+    if (auto commitment = commitmentFrom(root)) {
+        return *std::move(commitment);
+    }
+    UnreadableCommitment salvaged;
+    if (const auto* appPath = member<std::string>(root, key::appPath)) {
+        salvaged.appPath = *appPath;
+    }
+    if (const auto* locked = member<bool>(root, key::locked)) {
+        salvaged.locked = *locked;
+    }
+    return salvaged;
+}
+
+// The bytes of the state file, or why there can be none. JSON has no number for infinity and the
+// library would write null, which could not be read back.
+std::expected<std::string, std::string> encode(const HelperCommitment& commitment) {
+    const ClockReading& checkpoint = commitment.checkpoint;
+    const std::pair<const char*, double> numbers[] = {
+        {key::capRemaining, commitment.capRemaining.count()},
+        {key::remaining, commitment.remaining.count()},
+        {key::startedWall, secondsSince1970(commitment.startedWall)},
+        {key::sinceBoot, checkpoint.sinceBoot.count()},
+        {key::wall, secondsSince1970(checkpoint.wall)},
+    };
+    for (const auto& [name, value] : numbers) {
+        if (!std::isfinite(value)) {
+            return std::unexpected(std::string(name) + " is not a finite number");
+        }
+    }
+    const Json root{
+        {key::appPath, commitment.appPath},
+        {key::capRemaining, commitment.capRemaining.count()},
+        {key::checkpoint,
+         {{key::bootID, checkpoint.bootID.text()},
+          {key::sinceBoot, checkpoint.sinceBoot.count()},
+          {key::wall, secondsSince1970(checkpoint.wall)}}},
+        {key::locked, commitment.locked},
+        {key::remaining, commitment.remaining.count()},
+        {key::startedWall, secondsSince1970(commitment.startedWall)},
+        {key::uid, commitment.uid},
+    };
+    constexpr int indentation = 2;
+    try {
+        return root.dump(indentation) + "\n";
+    } catch (const Json::type_error&) {
+        return std::unexpected("appPath or bootID is not UTF-8 text");
+    }
+}
+
+}  // namespace
+
+FileCommitmentStore::FileCommitmentStore(std::string folder) : folder_(std::move(folder)) {}
+
+StoredCommitment FileCommitmentStore::load() {
+    const auto bytes = readFile(folder_ + "/" + fileName, sizeLimit);
+    if (bytes) {
+        return decode(*bytes);
+    }
+    if (bytes.error().code == EFBIG) {
+        return UnreadableCommitment{};
+    }
+    return NoCommitment{};
+}
+
+void FileCommitmentStore::save(const HelperCommitment& commitment) {
+    const auto failed = [](const std::string& why) {
+        HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", why.c_str());
+    };
+    if (const auto made = createFolder(folder_, folderMode); !made) {
+        return failed(made.error().message);
+    }
+    const auto bytes = encode(commitment);
+    if (!bytes) {
+        return failed(bytes.error());
+    }
+    if (const auto written = replaceFile(folder_, fileName, *bytes, fileMode); !written) {
+        return failed(written.error().message);
+    }
+}
+
+void FileCommitmentStore::remove() {
+    std::error_code ignored;
+    std::filesystem::remove(folder_ + "/" + fileName, ignored);
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+}  // namespace halvo

@@ -1,0 +1,38 @@
+// The state file.
+#pragma once
+
+#include <string>
+
+#include "HalvoHelperCore/CommitmentStore.hpp"
+
+namespace halvo {
+
+// Keeps the commitment as JSON in "commitment.json" in a folder of its own, both closed to
+// everybody but their owner. Every operation starts from the disk as it finds it; two stores on one
+// folder are interchangeable, but must not write at once. Main queue only.
+//
+// The file is one object, pretty-printed, with its keys sorted; dates are seconds since 1970, and
+// every double reads back to the same bits. Readers accept any order and unknown members.
+class FileCommitmentStore final : public CommitmentStore {
+  public:
+    // `folder` need not exist; save() makes it (0700) with the folders above it.
+    explicit FileCommitmentStore(std::string folder);
+
+    // A file that cannot be read at file-system level is NoCommitment; one that is there but is not
+    // a whole record, or is longer than 1 MiB, is UnreadableCommitment.
+    StoredCommitment load() override;
+
+    // Replaces the file (0600) in one step, on the disk when this returns. A failure, also of a
+    // record that JSON cannot carry (a number that is not finite, a text that is not UTF-8), logs
+    // "Couldn't save the state: %{public}s" and leaves the file that was there.
+    void save(const HelperCommitment& commitment) override;
+
+    // Removes the file, and the folder with anything left inside. Where the folder is a symbolic
+    // link only the link goes.
+    void remove() override;
+
+  private:
+    std::string folder_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,113 @@
+// Ultra Hard mode: the one object that decides.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "HalvoHelperCore/AppOpener.hpp"
+#include "HalvoHelperCore/CommitmentStore.hpp"
+#include "HalvoHelperCore/FileFlags.hpp"
+#include "HalvoHelperCore/HelperClock.hpp"
+#include "HalvoHelperCore/HelperCommitment.hpp"
+#include "HalvoHelperCore/HelperPeer.hpp"
+#include "HalvoHelperCore/HelperStatus.hpp"
+#include "HalvoHelperCore/SessionProbe.hpp"
+#include "HalvoPlatform/Log.hpp"
+
+namespace halvo {
+
+// Holds at most one commitment, keeps it stored, keeps the app locked and open, and answers the
+// requests. Borrows its five collaborators, which must outlive it. Main queue only; begin() checks
+// that. Nothing throws out of it, and no failure of a collaborator stops it: what a collaborator
+// cannot do it reports itself, and the next tick sees what is so.
+class HelperEngine {
+  public:
+    // Why a commitment was let go.
+    enum class Lift { ended, deadline, expiredAtStartup, unreadableAtStartup };
+
+    struct Timing {
+        // Period of tick().
+        static constexpr Seconds tick{2};
+        // Least time between two saves made by tick().
+        static constexpr Seconds checkpoint{60};
+        // How long after the announced end of the session the app is not opened again.
+        static constexpr Seconds sessionEndGrace{90};
+        // How long the app must have given no sign of life before anybody looks for it.
+        static constexpr Seconds silence{6};
+        // Least time between two openings of the app.
+        static constexpr Seconds reopenGap{15};
+    };
+
+    // What terminate() returns while a commitment is live (EX_TEMPFAIL).
+    static constexpr int exitWhileHolding = 75;
+
+    HelperEngine(HelperClock& clock, FileFlags& flags, CommitmentStore& store,
+                 SessionProbe& session, AppOpener& opener);
+
+    // Takes the stored commitment up again, or lets it go when its time ran out meanwhile or its
+    // record cannot be read. Called once, before any request.
+    void startup();
+
+    // Commits `peer` to keep its own bundle `appPath` until `until`, counted from `started`, and
+    // never longer than a day from the first start. True when a commitment is now held for the
+    // caller. An `until` in the past ends the caller's running commitment and is false.
+    bool begin(const std::string& appPath, WallDate until, WallDate started,
+               const HelperPeer& peer);
+
+    // A sign of life of the app; `sessionEnding` announces that the person's session is about to
+    // end, which keeps the app closed for a while. True while the caller's commitment is live.
+    bool heartbeat(bool sessionEnding, const HelperPeer& peer);
+
+    // Lets the caller's commitment go. True when there was one.
+    bool end(const HelperPeer& peer);
+
+    // What holds for the caller. Changes nothing.
+    [[nodiscard]] HelperStatus status(const HelperPeer& peer) const;
+
+    // The periodic check: lets a spent commitment go, saves the budget, sets the lock again, opens
+    // the app again. With nothing to do it allocates nothing; with nothing held it does not even
+    // look at the clock.
+    void tick();
+
+    // Saves the commitment and takes the lock off for as long as no helper runs. Returns the status
+    // to exit with. The engine is not used afterwards.
+    int terminate();
+
+    // Whether no commitment is held.
+    [[nodiscard]] bool isIdle() const { return !commitment_; }
+
+    // The commitment held, and why the last one was let go. For tests and reports.
+    [[nodiscard]] const std::optional<HelperCommitment>& commitment() const { return commitment_; }
+
+    [[nodiscard]] std::optional<Lift> lastLift() const { return lastLift_; }
+
+  private:
+    void lift(Lift reason);
+    void tryToLock(HelperCommitment& next);
+    void relockIfNeeded(const HelperCommitment& commitment);
+    void keepAppOpen(Seconds now, const HelperCommitment& commitment);
+    bool isCommittedPersonPresent(Seconds now, std::uint32_t uid);
+    bool isSessionEnding(Seconds now);
+
+    std::optional<HelperCommitment> commitment_;
+    std::optional<Lift> lastLift_;
+    HelperClock& clock_;
+    FileFlags& flags_;
+    CommitmentStore& store_;
+    SessionProbe& session_;
+    AppOpener& opener_;
+    Logger log_ = helperLog;
+
+    // All of these are times since boot.
+    Seconds startedAt_;
+    std::optional<Seconds> lastHeartbeat_;
+    std::optional<Seconds> lastSeenRunning_;
+    std::optional<std::uint32_t> console_;
+    Seconds consoleSince_;
+    std::optional<Seconds> sessionEndingAt_;
+    std::optional<Seconds> lastOpen_;
+    std::optional<Seconds> lastCheckpoint_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,63 @@
+#include "HalvoHelperCore/HelperIdentity.hpp"
+
+#include <algorithm>
+#include <string_view>
+
+namespace halvo {
+namespace {
+
+// The character classes of <cctype> depend on the locale; these do not.
+bool isCapital(char c) { return c >= 'A' && c <= 'Z'; }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool isLetter(char c) { return isCapital(c) || (c >= 'a' && c <= 'z'); }
+
+bool isBundleID(std::string_view text) {
+    constexpr std::size_t longest = 200;
+    return !text.empty() && text.size() <= longest && text.front() != '.' &&
+           text.find("..") == std::string_view::npos && std::ranges::all_of(text, [](char c) {
+               return isLetter(c) || isDigit(c) || c == '.' || c == '-';
+           });
+}
+
+bool isTeamID(std::string_view text) {
+    constexpr std::size_t length = 10;
+    return text.size() == length &&
+           std::ranges::all_of(text, [](char c) { return isCapital(c) || isDigit(c); });
+}
+
+// Neither value can hold a double quote or a backslash, so neither needs escaping.
+std::string requirement(const std::string& identifier, const std::string& teamID) {
+    return "anchor apple generic and identifier \"" + identifier +
+           "\" and certificate leaf[subject.OU] = \"" + teamID + "\"";
+}
+
+}  // namespace
+
+std::optional<HelperIdentity> HelperIdentity::helper(const std::optional<InfoDictionary>& info) {
+    return info ? app(info, infoString(*info, appBundleIDKey)) : std::nullopt;
+}
+
+std::optional<HelperIdentity> HelperIdentity::app(const std::optional<InfoDictionary>& info,
+                                                  const std::optional<std::string>& bundleID) {
+    const auto teamID = info ? infoString(*info, teamKey) : std::nullopt;
+    if (!bundleID || !teamID || !isBundleID(*bundleID) || !isTeamID(*teamID)) {
+        return std::nullopt;
+    }
+    return HelperIdentity{*bundleID, *teamID};
+}
+
+std::string HelperIdentity::helperBundleID() const { return appBundleID + ".helper"; }
+
+std::string HelperIdentity::appRequirement() const { return requirement(appBundleID, teamID); }
+
+std::string HelperIdentity::helperRequirement() const {
+    return requirement(helperBundleID(), teamID);
+}
+
+std::string HelperIdentity::stateFolder() const {
+    return "/Library/Application Support/" + helperBundleID();
+}
+
+}  // namespace halvo

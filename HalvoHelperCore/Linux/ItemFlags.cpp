@@ -1,0 +1,88 @@
+#include "HalvoHelperCore/ItemFlags.hpp"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/stat.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
+#include "HalvoPlatform/Descriptor.hpp"
+
+namespace halvo {
+namespace {
+
+// One flag in the three spellings: BSD's, the inode's and statx(2)'s.
+struct FlagName {
+    std::uint32_t item;
+    int inode;
+    std::uint64_t attribute;
+};
+
+constexpr std::array flagNames{
+    FlagName{ItemFlag::systemImmutable, FS_IMMUTABLE_FL, STATX_ATTR_IMMUTABLE},
+    FlagName{ItemFlag::systemAppendOnly, FS_APPEND_FL, STATX_ATTR_APPEND},
+    FlagName{ItemFlag::noDump, FS_NODUMP_FL, STATX_ATTR_NODUMP},
+};
+
+std::uint32_t itemFlagsOf(int inodeFlags) {
+    std::uint32_t flags = 0;
+    for (const FlagName& name : flagNames) {
+        flags |= (inodeFlags & name.inode) != 0 ? name.item : 0;
+    }
+    return flags;
+}
+
+// Gives 0 or the errno.
+int change(int item, std::uint32_t wanted) {
+    int flags = 0;
+    if (ioctl(item, FS_IOC_GETFLAGS, &flags) != 0) {
+        return errno;
+    }
+    int supported = 0;
+    int next = flags;
+    for (const FlagName& name : flagNames) {
+        supported |= static_cast<int>(name.item);
+        next = (wanted & name.item) != 0 ? next | name.inode : next & ~name.inode;
+    }
+    if ((wanted & ~static_cast<std::uint32_t>(supported)) != 0) {
+        return EOPNOTSUPP;
+    }
+    if (ioctl(item, FS_IOC_SETFLAGS, &next) == 0) {
+        return 0;
+    }
+    const int code = errno;
+    // An overlay can refuse the change and carry it out all the same: what counts is what is so.
+    int after = 0;
+    const bool asWanted =
+        ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && itemFlagsOf(after) == wanted;
+    return asWanted ? 0 : code;
+}
+
+}  // namespace
+
+std::optional<std::uint32_t> itemFlags(const std::string& path) {
+    struct statx status{};
+    // STATX_TYPE because something must be asked for; the attributes come with anything.
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
+        return std::nullopt;
+    }
+    std::uint32_t flags = 0;
+    for (const FlagName& name : flagNames) {
+        flags |= (status.stx_attributes & name.attribute) != 0 ? name.item : 0;
+    }
+    return flags;
+}
+
+int setItemFlags(const std::string& path, std::uint32_t wanted) {
+    // The ioctl needs a descriptor that is open for reading (O_PATH gives EBADF). O_NONBLOCK: a
+    // pipe in the item's place must not make the helper wait.
+    const Descriptor item(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return item.isOpen() ? change(item.get(), wanted) : errno;
+}
+
+}  // namespace halvo

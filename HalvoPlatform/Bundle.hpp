@@ -1,0 +1,54 @@
+// App bundles and property lists.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <variant>
+
+namespace halvo {
+
+// A member of a property list of which only strings matter here.
+struct NotAString {
+    bool operator==(const NotAString&) const = default;
+};
+
+using InfoValue = std::variant<std::string, NotAString>;
+
+// The top level of an Info.plist.
+using InfoDictionary = std::map<std::string, InfoValue>;
+
+// The string that `info` holds under `key`; nothing when the key is missing or holds something else.
+std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
+
+// A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
+// thread. Files longer than 1 MiB, damaged ones and such whose top level is no dictionary count as
+// missing.
+class Bundle {
+  public:
+    // The bundle at `path`, which need not exist.
+    explicit Bundle(std::string path);
+
+    // The bundle of this process: its executable and the Info.plist that belongs to it. On Linux
+    // that is the Info.plist in the executable's own folder.
+    static Bundle main();
+
+    // The Info.plist's path: "Contents/Info.plist" in the bundle, but for main().
+    [[nodiscard]] const std::string& infoPath() const { return infoPath_; }
+
+    // The Info.plist's members, or nothing when there is none that can be read.
+    [[nodiscard]] std::optional<InfoDictionary> info() const;
+
+    // The path of the executable: for main() the process's own, else the file that
+    // "CFBundleExecutable" names in "Contents/MacOS". Nothing when the bundle has none.
+    [[nodiscard]] std::optional<std::string> executablePath() const;
+
+  private:
+    Bundle(std::string infoPath, std::string executable);
+
+    std::string path_;
+    std::string infoPath_;
+    std::optional<std::string> ownExecutable_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,15 @@
+// What a process that runs as root all day settles before it does anything else.
+#pragma once
+
+namespace halvo {
+
+// Makes the process safe to run as a service, however it was started: descriptors 0 to 2 are open
+// (on /dev/null where they were not), so that no socket is ever taken for standard error; a reader
+// that goes away never kills it (SIGPIPE ignored); its folder is "/"; new files are closed to
+// others. Called once, first, on the main thread. Never fails.
+void prepareDaemon();
+
+// Whether the real user is root.
+bool runsAsRoot();
+
+}  // namespace halvo

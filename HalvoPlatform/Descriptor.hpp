@@ -1,0 +1,51 @@
+// Ownership of a file descriptor.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace halvo {
+
+// Owns at most one descriptor and closes it at the end. Moves, never copies. Any thread, one at a
+// time.
+class Descriptor {
+  public:
+    Descriptor() = default;
+
+    // Takes over `number`; a negative one, as failed calls return it, means none.
+    explicit Descriptor(int number) : number_(number) {}
+
+    Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
+
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        if (this != &other) {
+            close();
+            number_ = other.release();
+        }
+        return *this;
+    }
+
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    ~Descriptor() { close(); }
+
+    [[nodiscard]] bool isOpen() const { return number_ >= 0; }
+
+    [[nodiscard]] int get() const { return number_; }
+
+    // Gives the descriptor away; it is no longer closed here.
+    [[nodiscard]] int release() { return std::exchange(number_, -1); }
+
+  private:
+    void close() {
+        if (number_ >= 0) {
+            ::close(number_);
+        }
+    }
+
+    int number_ = -1;
+};
+
+}  // namespace halvo

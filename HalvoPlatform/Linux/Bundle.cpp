@@ -1,0 +1,106 @@
+#include "HalvoPlatform/Bundle.hpp"
+
+#include <limits.h>
+#include <plist/plist.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "HalvoPlatform/Files.hpp"
+#include "HalvoPlatform/Paths.hpp"
+
+namespace halvo {
+namespace {
+
+constexpr std::size_t infoLimit = std::size_t{1} << 20U;
+
+// libplist hands out memory of malloc(3).
+using Text = std::unique_ptr<char, decltype(&std::free)>;
+using Node = std::unique_ptr<void, decltype(&plist_free)>;
+
+InfoValue valueOf(plist_t node) {
+    if (plist_get_node_type(node) != PLIST_STRING) {
+        return NotAString{};
+    }
+    char* raw = nullptr;
+    plist_get_string_val(node, &raw);
+    const Text text(raw, &std::free);
+    return text == nullptr ? InfoValue(NotAString{}) : InfoValue(std::string(text.get()));
+}
+
+std::optional<InfoDictionary> parsePropertyList(std::string_view bytes) {
+    if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+        return std::nullopt;
+    }
+    plist_t raw = nullptr;
+    plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    const Node root(raw, &plist_free);
+    if (root == nullptr || plist_get_node_type(root.get()) != PLIST_DICT) {
+        return std::nullopt;
+    }
+    InfoDictionary info;
+    plist_dict_iter rawPosition = nullptr;
+    plist_dict_new_iter(root.get(), &rawPosition);
+    const std::unique_ptr<void, decltype(&std::free)> position(rawPosition, &std::free);
+    while (true) {
+        char* rawKey = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(root.get(), position.get(), &rawKey, &value);
+        const Text key(rawKey, &std::free);
+        if (key == nullptr || value == nullptr) {
+            return info;
+        }
+        info.insert_or_assign(key.get(), valueOf(value));
+    }
+}
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
+
+std::optional<std::string> ownExecutablePath() {
+    std::array<char, PATH_MAX> buffer{};
+    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (length < 1 || std::cmp_greater_equal(length, buffer.size())) {
+        return std::nullopt;
+    }
+    return std::string(buffer.data(), static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+Bundle::Bundle(std::string path)
+    : path_(std::move(path)), infoPath_(path_ + "/Contents/Info.plist") {}
+
+Bundle::Bundle(std::string infoPath, std::string executable)
+    : infoPath_(std::move(infoPath)), ownExecutable_(std::move(executable)) {}
+
+Bundle Bundle::main() {
+    const std::string executable = ownExecutablePath().value_or("");
+    return {folderOf(executable) + "/Info.plist", executable};
+}
+
+std::optional<InfoDictionary> Bundle::info() const {
+    const auto bytes = readFile(infoPath_, infoLimit);
+    return bytes ? parsePropertyList(*bytes) : std::nullopt;
+}
+
+std::optional<std::string> Bundle::executablePath() const {
+    if (ownExecutable_) {
+        return ownExecutable_->empty() ? std::nullopt : ownExecutable_;
+    }
+    const auto members = info();
+    const auto name = members ? infoString(*members, "CFBundleExecutable") : std::nullopt;
+    // A name with a slash would lead out of the folder.
+    if (!name || name->empty() || name->find('/') != std::string::npos) {
+        return std::nullopt;
+    }
+    std::string path = path_ + "/Contents/MacOS/" + *name;
+    return itemExists(path) ? std::optional(std::move(path)) : std::nullopt;
+}
+
+}  // namespace halvo

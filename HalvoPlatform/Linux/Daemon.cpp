@@ -1,0 +1,28 @@
+#include "HalvoPlatform/Daemon.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+namespace halvo {
+
+void prepareDaemon() {
+    // open(2) gives the lowest free number, so this fills the gaps and stops past 2.
+    int descriptor = 0;
+    do {
+        descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor > STDERR_FILENO) {
+        close(descriptor);
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    umask(077);
+    // "/" can always be entered by root; where not, the folder stays, which harms nothing.
+    [[maybe_unused]] const int result = chdir("/");
+}
+
+bool runsAsRoot() { return getuid() == 0; }
+
+}  // namespace halvo

@@ -1,0 +1,170 @@
+#include "HalvoPlatform/MainQueue.hpp"
+
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/MainActor.hpp"
+
+namespace halvo {
+namespace {
+
+using Microseconds = std::chrono::duration<std::uint64_t, std::micro>;
+
+std::uint64_t microseconds(Seconds span) {
+    return std::chrono::duration_cast<Microseconds>(span).count();
+}
+
+// sd-event calls fail with a negative errno. Here that means the machine has no memory or
+// descriptors left before the helper has even started.
+void require(int result, const char* call) {
+    if (result < 0) {
+        fatal(std::string(call) + ": " + std::generic_category().message(-result));
+    }
+}
+
+Seconds clockNow(clockid_t clock) {
+    timespec time{};
+    clock_gettime(clock, &time);
+    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
+}
+
+// Enqueued work goes before timers, and timers before connections: a connection is counted before
+// the next tick, and no flood of requests holds up a tick. sd_event_source_set_priority(3).
+constexpr std::int64_t workPriority = SD_EVENT_PRIORITY_NORMAL - 20;
+constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
+
+// The default event loop of the main thread (sd_event_default(3)), so that other users of the same
+// loop find it there. It lives as long as the process and is never taken down.
+class EventLoopQueue final : public MainQueue {
+  public:
+    EventLoopQueue() {
+        assumeMainActor();
+        require(sd_event_default(&loop_), "sd_event_default");
+        wakeUp_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        require(wakeUp_ < 0 ? -errno : 0, "eventfd");
+        const auto drain = [](sd_event_source*, int descriptor, std::uint32_t, void* self) {
+            eventfd_t count = 0;
+            eventfd_read(descriptor, &count);
+            static_cast<EventLoopQueue*>(self)->runWork();
+            return 0;
+        };
+        sd_event_source* fromThreads = nullptr;
+        require(sd_event_add_io(loop_, &fromThreads, wakeUp_, EPOLLIN, drain, this),
+                "sd_event_add_io");
+        require(sd_event_source_set_priority(fromThreads, workPriority),
+                "sd_event_source_set_priority");
+        const auto runDeferred = [](sd_event_source*, void* self) {
+            static_cast<EventLoopQueue*>(self)->runWork();
+            return 0;
+        };
+        require(sd_event_add_defer(loop_, &deferred_, runDeferred, this), "sd_event_add_defer");
+        require(sd_event_source_set_priority(deferred_, workPriority),
+                "sd_event_source_set_priority");
+        require(sd_event_source_set_enabled(deferred_, SD_EVENT_OFF),
+                "sd_event_source_set_enabled");
+    }
+
+    void async(Work work) override {
+        {
+            const std::lock_guard lock(mutex_);
+            waiting_.push_back(std::move(work));
+        }
+        if (onMainActor()) {
+            // No system call: the loop looks at deferred sources before it waits.
+            sd_event_source_set_enabled(deferred_, SD_EVENT_ONESHOT);
+        } else {
+            eventfd_write(wakeUp_, 1);
+        }
+    }
+
+    void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
+        auto* timer = new Timer{std::move(work), microseconds(interval)};
+        sd_event_source* source = nullptr;
+        require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC, microseconds(first),
+                                           microseconds(leeway), fire, timer),
+                "sd_event_add_time_relative");
+        require(sd_event_source_set_priority(source, timerPriority),
+                "sd_event_source_set_priority");
+        require(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
+    }
+
+    void onTermination(Work work) override {
+        const auto handler = [](sd_event_source*, const signalfd_siginfo*, void* termination) {
+            (*static_cast<Work*>(termination))();
+            return 0;
+        };
+        require(sd_event_add_signal(loop_, nullptr, SIGTERM | SD_EVENT_SIGNAL_PROCMASK, handler,
+                                    new Work(std::move(work))),
+                "sd_event_add_signal");
+    }
+
+    Seconds now() const override { return clockNow(CLOCK_BOOTTIME); }
+
+    void run() override {
+        assumeMainActor();
+        require(sd_event_loop(loop_), "sd_event_loop");
+        std::exit(EXIT_SUCCESS);
+    }
+
+    void exit(int status) override { std::exit(status); }
+
+  private:
+    struct Timer {
+        Work work;
+        std::uint64_t interval;
+    };
+
+    static int fire(sd_event_source* source, std::uint64_t due, void* userdata) {
+        auto* timer = static_cast<Timer*>(userdata);
+        std::uint64_t now = 0;
+        sd_event_now(sd_event_source_get_event(source), CLOCK_MONOTONIC, &now);
+        // Keep to the grid, but do not make up for turns that were missed.
+        std::uint64_t next = due + timer->interval;
+        if (next <= now) {
+            next += (now - next) / timer->interval * timer->interval + timer->interval;
+        }
+        sd_event_source_set_time(source, next);
+        timer->work();
+        return 0;
+    }
+
+    void runWork() {
+        {
+            const std::lock_guard lock(mutex_);
+            running_.swap(waiting_);
+        }
+        for (Work& work : running_) {
+            work();
+        }
+        running_.clear();
+    }
+
+    sd_event* loop_ = nullptr;
+    sd_event_source* deferred_ = nullptr;
+    int wakeUp_ = -1;
+    std::mutex mutex_;
+    std::vector<Work> waiting_;
+    std::vector<Work> running_;
+};
+
+}  // namespace
+
+MainQueue& liveMainQueue() {
+    // Never destroyed: work may still be on the stack when the process exits.
+    static EventLoopQueue& queue = *new EventLoopQueue;
+    return queue;
+}
+
+}  // namespace halvo

@@ -1,0 +1,14 @@
+// The one executor that owns all state.
+#pragma once
+
+namespace halvo {
+
+// Whether the caller runs on the main queue. Costs no system call after a thread's first question.
+// On Linux the main queue is the process's initial thread.
+bool onMainActor();
+
+// Checks that the caller runs on the main queue, and otherwise ends the process with the fatal error
+// "Incorrect actor executor assumption; Expected same executor as MainActor."
+void assumeMainActor();
+
+}  // namespace halvo
