@@ -1,0 +1,44 @@
+// Where callers come in.
+#pragma once
+
+#include <expected>
+#include <memory>
+#include <string>
+
+#include "HalvoHelperCore/HelperIdentity.hpp"
+
+namespace halvo {
+
+class ConnectionAcceptor;
+
+// Waits for callers on the helper's Mach service, or what stands for it. Made before the engine
+// starts up, so that a place that is taken is noticed before anything is touched; nobody is served
+// before resume().
+class HelperListener {
+  public:
+    HelperListener() = default;
+    HelperListener(const HelperListener&) = delete;
+    HelperListener& operator=(const HelperListener&) = delete;
+    virtual ~HelperListener() = default;
+
+    // Demands of every caller that it be the app of `identity`. A stranger is turned away before
+    // the acceptor hears of it. Called once, before resume(). Main queue or before it runs.
+    virtual void setRequirement(const HelperIdentity& identity) = 0;
+
+    // Serves callers from now on, for as long as the process lives: each admitted one is handed to
+    // `acceptor`, which must outlive the listener. Main queue or before it runs.
+    virtual void resume(ConnectionAcceptor& acceptor) = 0;
+};
+
+// Why there can be no listener: what to log, and the status to exit with.
+struct ListenerFailure {
+    int exitStatus;
+    std::string message;
+};
+
+// The listener of this system for the Mach service `name`. On Linux it takes the socket that systemd
+// hands over (sd_listen_fds(3)), else makes its own and holds it alone.
+std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
+    const std::string& name);
+
+}  // namespace halvo

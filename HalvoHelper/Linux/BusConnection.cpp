@@ -1,0 +1,234 @@
+#include "HalvoHelper/Linux/BusConnection.hpp"
+
+#include <sys/socket.h>
+#include <systemd/sd-id128.h>
+
+#include <chrono>
+#include <expected>
+#include <utility>
+
+#include "HalvoHelper/Linux/Limits.hpp"
+#include "HalvoHelper/Linux/RequestFormat.hpp"
+#include "HalvoHelperCore/Linux/HelperBus.hpp"
+
+namespace halvo {
+namespace {
+
+// A request that is being answered; holds on to its connection's wire until it is.
+using Call = std::shared_ptr<sd_bus_message>;
+
+Call keep(sd_bus_message* message) {
+    return {sd_bus_message_ref(message), [](sd_bus_message* last) { sd_bus_message_unref(last); }};
+}
+
+// Ends the conversation from below: sd-bus sees its socket closed, and says so in its own time.
+void disconnect(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RDWR); }
+
+// A reply may find nobody left to read it, which is no concern of the helper's. One who is there but
+// does not read must not fill its memory.
+void sent(const Call& call) {
+    sd_bus* bus = sd_bus_message_get_bus(call.get());
+    std::uint64_t waiting = 0;
+    if (sd_bus_get_n_queued_write(bus, &waiting) >= 0 && waiting > Limits::queuedReplies) {
+        disconnect(bus);
+    }
+}
+
+void reply(const Call& call, bool ok) {
+    sd_bus_reply_method_return(call.get(), "b", static_cast<int>(ok));
+    sent(call);
+}
+
+void replyInvalid(const Call& call, const std::string& problem) {
+    sd_bus_reply_method_errorf(call.get(), SD_BUS_ERROR_INVALID_ARGS, "%s", problem.c_str());
+    sent(call);
+}
+
+void reply(const Call& call, const HelperStatus& status) {
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_message_new_method_return(call.get(), &raw) < 0) {
+        return;  // the connection is gone
+    }
+    const Call message(raw, [](sd_bus_message* last) { sd_bus_message_unref(last); });
+    const double until = status.until ? secondsSince1970(*status.until) : 0;
+    sd_bus_message_append(raw, "b", static_cast<int>(status.holding));
+    // An optional is an array of none or one.
+    sd_bus_message_append_array(raw, 'd', &until, status.until ? sizeof until : 0);
+    sd_bus_message_append(raw, "b", static_cast<int>(status.locked));
+    sd_bus_send(nullptr, raw, nullptr);
+    sent(call);
+}
+
+HelperConnection& requestsOf(void* connection) {
+    return static_cast<BusConnection*>(connection)->requests();
+}
+
+// The four below are called with arguments that argumentProblem() has let through.
+
+int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
+    const char* appPath = nullptr;
+    double until = 0;
+    double started = 0;
+    const int result = sd_bus_message_read(message, "sdd", &appPath, &until, &started);
+    if (result < 0) {
+        return result;
+    }
+    requestsOf(connection).begin(appPath, wallDate(until), wallDate(started),
+                                 [call = keep(message)](std::expected<bool, BadArgument> ok) {
+                                     if (ok) {
+                                         reply(call, *ok);
+                                     } else {
+                                         replyInvalid(call,
+                                                      ok.error().name + " " + ok.error().problem);
+                                     }
+                                 });
+    return 1;
+}
+
+int onHeartbeat(sd_bus_message* message, void* connection, sd_bus_error*) {
+    int sessionEnding = 0;
+    const int result = sd_bus_message_read(message, "b", &sessionEnding);
+    if (result < 0) {
+        return result;
+    }
+    requestsOf(connection).heartbeat(sessionEnding != 0,
+                                     [call = keep(message)](bool ok) { reply(call, ok); });
+    return 1;
+}
+
+int onEnd(sd_bus_message* message, void* connection, sd_bus_error*) {
+    requestsOf(connection).end([call = keep(message)](bool ok) { reply(call, ok); });
+    return 1;
+}
+
+int onStatus(sd_bus_message* message, void* connection, sd_bus_error*) {
+    requestsOf(connection).status(
+        [call = keep(message)](const HelperStatus& status) { reply(call, status); });
+    return 1;
+}
+
+// Answers a request with the wrong arguments by naming the first wrong one, before sd-bus answers
+// with the two signatures only.
+int onMessage(sd_bus_message* message, void*, sd_bus_error*) {
+    if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
+        return 0;
+    }
+    const RequestFormat* format = requestFormat(sd_bus_message_get_member(message));
+    const auto problem =
+        format == nullptr ? std::nullopt
+                          : argumentProblem(*format, sd_bus_message_get_signature(message, 1));
+    if (!problem) {
+        return 0;
+    }
+    replyInvalid(keep(message), *problem);
+    return 1;
+}
+
+// Introspection shows these; the arguments are those of RequestFormat.
+const sd_bus_vtable requestTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_ARGS("Begin",
+                            SD_BUS_ARGS("s", appPath, "d", until, "d", started),
+                            SD_BUS_RESULT("b", ok), onBegin, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Heartbeat", SD_BUS_ARGS("b", sessionEnding), SD_BUS_RESULT("b", ok),
+                            onHeartbeat, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("End", SD_BUS_NO_ARGS, SD_BUS_RESULT("b", ok), onEnd,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Status", SD_BUS_NO_ARGS,
+                            SD_BUS_RESULT("b", holding, "ad", until, "b", locked), onStatus,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};
+
+}  // namespace
+
+BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests,
+                             std::function<void()> gone)
+    : requests_(std::move(requests)), gone_(std::move(gone)) {}
+
+BusConnection::~BusConnection() {
+    sd_event_source_disable_unref(firstMessages_);
+    sd_event_source_disable_unref(tooLate_);
+    if (bus_ != nullptr) {
+        sd_bus_detach_event(bus_);
+        sd_bus_close_unref(bus_);
+    }
+}
+
+bool BusConnection::start(Descriptor socket) {
+    sd_event* loop = nullptr;
+    if (sd_event_default(&loop) < 0) {
+        return false;
+    }
+    const bool started = prepare(std::move(socket)) && listenToSignals() && startTimer(loop) &&
+                         sd_bus_start(bus_) >= 0 &&
+                         sd_bus_attach_event(bus_, loop, SD_EVENT_PRIORITY_NORMAL) >= 0;
+    sd_event_unref(loop);
+    return started;
+}
+
+bool BusConnection::prepare(Descriptor socket) {
+    sd_id128_t server{};
+    if (sd_bus_new(&bus_) < 0 || sd_id128_randomize(&server) < 0 ||
+        sd_bus_set_fd(bus_, socket.get(), socket.get()) < 0) {
+        return false;
+    }
+    [[maybe_unused]] const int owned = socket.release();  // by the bus
+    // Who may call was decided when the caller was admitted, so sd-bus need not ask again.
+    return sd_bus_set_server(bus_, 1, server) >= 0 && sd_bus_set_trusted(bus_, 1) >= 0 &&
+           sd_bus_negotiate_fds(bus_, 0) >= 0 && sd_bus_set_connected_signal(bus_, 1) >= 0 &&
+           sd_bus_add_filter(bus_, nullptr, onMessage, this) >= 0 &&
+           sd_bus_add_object_vtable(bus_, nullptr, HelperBus::object, HelperBus::interface,
+                                    requestTable, this) >= 0;
+}
+
+bool BusConnection::listenToSignals() {
+    constexpr const char* local = "org.freedesktop.DBus.Local";
+    constexpr const char* path = "/org/freedesktop/DBus/Local";
+    return sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Connected", onConnected,
+                                     nullptr, this) >= 0 &&
+           sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Disconnected",
+                                     onDisconnected, nullptr, this) >= 0;
+}
+
+bool BusConnection::startTimer(sd_event* loop) {
+    const auto patience =
+        std::chrono::duration_cast<std::chrono::microseconds>(Limits::authentication).count();
+    return sd_event_add_time_relative(loop, &tooLate_, CLOCK_MONOTONIC,
+                                      static_cast<std::uint64_t>(patience), 0, onTooLate,
+                                      this) >= 0 &&
+           sd_event_add_defer(loop, &firstMessages_, onFirstMessages, this) >= 0 &&
+           sd_event_source_set_enabled(firstMessages_, SD_EVENT_OFF) >= 0;
+}
+
+// libsystemd 252 forgets a first message that arrives together with the end of the authentication:
+// it has been read, so the socket never becomes readable for it. Processing by hand finds it.
+int BusConnection::onConnected(sd_bus_message*, void* self, sd_bus_error*) {
+    auto* connection = static_cast<BusConnection*>(self);
+    sd_event_source_set_enabled(connection->tooLate_, SD_EVENT_OFF);
+    sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_ON);
+    return 0;
+}
+
+// One message at a turn, so that a flood leaves the other connections theirs.
+int BusConnection::onFirstMessages(sd_event_source* source, void* self) {
+    if (sd_bus_process(static_cast<BusConnection*>(self)->bus_, nullptr) <= 0) {
+        sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    }
+    return 0;
+}
+
+int BusConnection::onTooLate(sd_event_source*, std::uint64_t, void* self) {
+    disconnect(static_cast<BusConnection*>(self)->bus_);
+    return 0;
+}
+
+int BusConnection::onDisconnected(sd_bus_message*, void* self, sd_bus_error*) {
+    auto* connection = static_cast<BusConnection*>(self);
+    sd_event_source_set_enabled(connection->tooLate_, SD_EVENT_OFF);
+    sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_OFF);
+    connection->gone_();
+    return 0;
+}
+
+}  // namespace halvo

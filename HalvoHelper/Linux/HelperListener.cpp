@@ -1,0 +1,239 @@
+#include "HalvoHelper/HelperListener.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "HalvoHelper/ConnectionAcceptor.hpp"
+#include "HalvoHelper/Linux/BusConnection.hpp"
+#include "HalvoHelper/Linux/CallerRules.hpp"
+#include "HalvoHelper/Linux/Limits.hpp"
+#include "HalvoHelper/Linux/RefusalLog.hpp"
+#include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
+
+namespace halvo {
+namespace {
+
+// sysexits.h: somebody must put the machine in order; and: try again later.
+constexpr int exitConfig = 78;
+constexpr int exitSystem = 71;
+
+std::unexpected<ListenerFailure> failure(int status, const std::string& message) {
+    return std::unexpected(ListenerFailure{status, message});
+}
+
+std::string described(int code) { return std::generic_category().message(code); }
+
+class SocketListener final : public HelperListener {
+  public:
+    SocketListener(Descriptor socket, Descriptor lock)
+        : socket_(std::move(socket)), lock_(std::move(lock)) {}
+
+    ~SocketListener() override {
+        sd_event_source_disable_unref(incoming_);
+        sd_event_source_disable_unref(retry_);
+    }
+
+    void setRequirement(const HelperIdentity& identity) override { identity_ = identity; }
+
+    void resume(ConnectionAcceptor& acceptor) override {
+        acceptor_ = &acceptor;
+        sd_event* loop = nullptr;
+        if (listen(socket_.get(), Limits::backlog) != 0 || sd_event_default(&loop) < 0 ||
+            sd_event_add_io(loop, &incoming_, socket_.get(), EPOLLIN, onIncoming, this) < 0 ||
+            sd_event_add_time_relative(loop, &retry_, CLOCK_MONOTONIC, 0, 0, onRetry, this) < 0 ||
+            sd_event_source_set_enabled(retry_, SD_EVENT_OFF) < 0) {
+            fatal("The helper cannot listen on its socket");
+        }
+        sd_event_unref(loop);
+    }
+
+  private:
+    static int onIncoming(sd_event_source*, int, std::uint32_t, void* self) {
+        static_cast<SocketListener*>(self)->acceptOne();
+        return 0;
+    }
+
+    static int onRetry(sd_event_source*, std::uint64_t, void* self) {
+        sd_event_source_set_enabled(static_cast<SocketListener*>(self)->incoming_, SD_EVENT_ON);
+        return 0;
+    }
+
+    // One at a turn, so that a flood of strangers leaves the connections theirs.
+    void acceptOne() {
+        Descriptor socket(
+            accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket.isOpen()) {
+            waitIfExhausted(errno);
+            return;
+        }
+        const Seconds now = liveMainQueue().now();
+        if (connections_.size() >= Limits::connections) {
+            refusals_.refused(now, "too many connections are open");
+            return;
+        }
+        // Without a requirement nobody is admitted.
+        const auto caller = identity_ ? checkCaller(socket.get(), *identity_)
+                                      : std::unexpected("nothing is known of the app");
+        if (!caller) {
+            refusals_.refused(now, caller.error());
+            return;
+        }
+        admit(std::move(socket), *caller);
+    }
+
+    // With no descriptor or memory left the socket stays readable; looking again at once would
+    // only burn the processor.
+    void waitIfExhausted(int code) {
+        if (code != EMFILE && code != ENFILE && code != ENOBUFS && code != ENOMEM) {
+            return;  // the caller is gone already
+        }
+        HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s",
+                        described(code).c_str());
+        constexpr std::uint64_t oneSecond = 1000000;
+        sd_event_source_set_enabled(incoming_, SD_EVENT_OFF);
+        sd_event_source_set_time_relative(retry_, oneSecond);
+        sd_event_source_set_enabled(retry_, SD_EVENT_ONESHOT);
+    }
+
+    void admit(Descriptor socket, const Caller& caller) {
+        const std::uint64_t id = nextID_++;
+        auto connection =
+            std::make_unique<BusConnection>(acceptor_->accept(caller.uid, caller.executable),
+                                            [this, id] { forget(id); });
+        if (!connection->start(std::move(socket))) {
+            HALVO_LOG_ERROR(helperLog, "Couldn't serve a caller: no memory or descriptors left");
+            acceptor_->invalidated();
+            return;
+        }
+        connections_.emplace(id, std::move(connection));
+    }
+
+    // Called from within the connection, which therefore goes later.
+    void forget(std::uint64_t id) {
+        acceptor_->invalidated();
+        liveMainQueue().async([this, id] { connections_.erase(id); });
+    }
+
+    Descriptor socket_;
+    // Held while this helper serves the socket that it made itself.
+    Descriptor lock_;
+    std::optional<HelperIdentity> identity_;
+    ConnectionAcceptor* acceptor_ = nullptr;
+    sd_event_source* incoming_ = nullptr;
+    sd_event_source* retry_ = nullptr;
+    RefusalLog refusals_;
+    std::uint64_t nextID_ = 0;
+    std::map<std::uint64_t, std::unique_ptr<BusConnection>> connections_;
+};
+
+// The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it made
+// none.
+std::expected<Descriptor, ListenerFailure> socketFromSystemd() {
+    const int count = sd_listen_fds(/*unset_environment=*/1);
+    if (count == 0) {
+        return Descriptor{};
+    }
+    const int socket = SD_LISTEN_FDS_START;
+    if (count != 1 || sd_is_socket_unix(socket, SOCK_STREAM, -1, nullptr, 0) <= 0 ||
+        fcntl(socket, F_SETFL, O_NONBLOCK) != 0) {
+        return failure(exitConfig, "systemd must hand over exactly one Unix stream socket");
+    }
+    return Descriptor(socket);
+}
+
+// Makes sure that no other helper serves `path`, for as long as the result is open. A file of its
+// own, because the socket's own file is no help: it outlives a helper that was killed.
+std::expected<Descriptor, ListenerFailure> takeLock(const std::string& path) {
+    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor lock(open(path.c_str(), flags, 0600));
+    if (!lock.isOpen()) {
+        return failure(exitSystem, "Couldn't open " + path + ": " + described(errno));
+    }
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        return failure(exitSystem, "Another helper already runs: it holds " + path);
+    }
+    return lock;
+}
+
+// Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;
+// who is served is decided then.
+std::expected<Descriptor, ListenerFailure> bindSocket(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        return failure(exitConfig, "The app's identifier is too long for a socket: " + path);
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    struct stat status{};
+    if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        return failure(exitConfig, "Something that is no socket lies at " + path +
+                                       "; remove it and start the helper again");
+    }
+    unlink(path.c_str());
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    constexpr mode_t everybody = 0666;
+    if (!socket.isOpen() ||
+        bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        chmod(path.c_str(), everybody) != 0) {
+        return failure(exitSystem, "Couldn't make the socket " + path + ": " + described(errno));
+    }
+    return socket;
+}
+
+// The helper ends by exit(3) wherever it is, so what it leaves in /run is taken away there.
+void removeAtExit(const std::string& socket, const std::string& lock) {
+    static std::string socketPath;
+    static std::string lockPath;
+    socketPath = socket;
+    lockPath = lock;
+    std::atexit([] {
+        unlink(socketPath.c_str());
+        unlink(lockPath.c_str());
+    });
+}
+
+}  // namespace
+
+std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
+    const std::string& name) {
+    auto handed = socketFromSystemd();
+    if (!handed) {
+        return std::unexpected(handed.error());
+    }
+    if (handed->isOpen()) {
+        return std::make_unique<SocketListener>(*std::move(handed), Descriptor{});
+    }
+    const std::string path = HelperBus::socketPath(name);
+    const std::string lockPath = path + ".lock";
+    auto lock = takeLock(lockPath);
+    if (!lock) {
+        return std::unexpected(lock.error());
+    }
+    auto socket = bindSocket(path);
+    if (!socket) {
+        return std::unexpected(socket.error());
+    }
+    removeAtExit(path, lockPath);
+    return std::make_unique<SocketListener>(*std::move(socket), *std::move(lock));
+}
+
+}  // namespace halvo

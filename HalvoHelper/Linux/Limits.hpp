@@ -1,0 +1,27 @@
+// How much one caller, or all together, may take of the helper. Only admitted connections count;
+// a refused one costs nothing that stays.
+#pragma once
+
+#include <cstddef>
+
+#include "HalvoPlatform/Time.hpp"
+
+namespace halvo::Limits {
+
+// Connections open at once. The app needs one for each of its processes.
+inline constexpr std::size_t connections = 64;
+
+// How long a caller may take to authenticate before it is disconnected.
+inline constexpr Seconds authentication{10};
+
+// Replies waiting for a caller that does not read them. Past that it is disconnected.
+inline constexpr std::size_t queuedReplies = 64;
+
+// Callers waiting to be accepted; listen(2).
+inline constexpr int backlog = 128;
+
+// Lines about refused callers within one span of time; the rest is only counted.
+inline constexpr std::size_t refusalLines = 10;
+inline constexpr Seconds refusalSpan{60};
+
+}  // namespace halvo::Limits

@@ -1,0 +1,89 @@
+#include "HalvoHelper/LiveOpener.hpp"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "HalvoHelper/Linux/CStrings.hpp"
+#include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/Paths.hpp"
+
+namespace halvo {
+namespace {
+
+// What the child changes before it runs the command; posix_spawn(3). These calls fail only without
+// memory, and then the child starts with less taken away from it than it should, so all count.
+class SpawnPlan {
+  public:
+    SpawnPlan() {
+        posix_spawnattr_init(&attributes_);
+        posix_spawn_file_actions_init(&actions_);
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        note(posix_spawnattr_setsigmask(&attributes_, &none));
+        note(posix_spawnattr_setsigdefault(&attributes_, &all));
+        note(posix_spawnattr_setflags(
+            &attributes_, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                             POSIX_SPAWN_SETSID)));
+        note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDWR, 0));
+        note(posix_spawn_file_actions_adddup2(&actions_, STDIN_FILENO, STDOUT_FILENO));
+        note(posix_spawn_file_actions_adddup2(&actions_, STDIN_FILENO, STDERR_FILENO));
+        note(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
+        note(posix_spawn_file_actions_addchdir_np(&actions_, "/"));
+    }
+
+    SpawnPlan(const SpawnPlan&) = delete;
+    SpawnPlan& operator=(const SpawnPlan&) = delete;
+
+    ~SpawnPlan() {
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
+    }
+
+    // Gives 0 or the errno.
+    int start(const OpenAsUser::Command& command) const {
+        if (error_ != 0) {
+            return error_;
+        }
+        const CStrings arguments(command.arguments);
+        const CStrings environment(command.environment);
+        pid_t child = 0;
+        return posix_spawn(&child, command.path.c_str(), &actions_, &attributes_,
+                           arguments.data(), environment.data());
+    }
+
+  private:
+    void note(int error) { error_ = error_ == 0 ? error : error_; }
+
+    posix_spawnattr_t attributes_{};
+    posix_spawn_file_actions_t actions_{};
+    int error_ = 0;
+};
+
+}  // namespace
+
+LiveOpener::LiveOpener(std::string helperExecutable)
+    : helperExecutable_(std::move(helperExecutable)) {}
+
+void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQuit) {
+    if (!itemExists(appPath)) {
+        return;
+    }
+    std::signal(SIGCHLD, SIG_IGN);
+    const int error =
+        SpawnPlan().start(OpenAsUser::helperCommand(helperExecutable_, {uid, appPath, afterQuit}));
+    if (error != 0) {
+        HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s",
+                        std::generic_category().message(error).c_str());
+    }
+}
+
+}  // namespace halvo

@@ -1,0 +1,165 @@
+#include "HalvoHelper/OpenAsUser.hpp"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "HalvoHelper/Linux/CStrings.hpp"
+#include "HalvoPlatform/Bundle.hpp"
+#include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Fatal.hpp"
+
+namespace halvo::OpenAsUser {
+namespace {
+
+class ProcessPrivileges final : public Privileges {
+  public:
+    bool setGroup(std::uint32_t gid) override { return setgid(gid) == 0; }
+
+    bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) override {
+        return initgroups(name.c_str(), gid) == 0;
+    }
+
+    bool setUser(std::uint32_t uid) override { return setuid(uid) == 0; }
+
+    std::uint32_t realUser() override { return getuid(); }
+
+    std::uint32_t effectiveUser() override { return geteuid(); }
+
+    std::uint32_t realGroup() override { return getgid(); }
+};
+
+std::optional<User> lookUp(std::uint32_t uid) {
+    // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
+    const passwd* entry = getpwuid(uid);
+    if (entry == nullptr) {
+        return std::nullopt;
+    }
+    if (entry->pw_name == nullptr || entry->pw_dir == nullptr) {
+        fatal("A user without a name or a home directory");
+    }
+    return User{uid, entry->pw_gid, entry->pw_name, entry->pw_dir};
+}
+
+// How long the user's manager may take to answer. One that is stuck must not keep the app closed.
+constexpr std::chrono::seconds managerPatience{2};
+
+// Connects without waiting; the kernel says at once when nobody listens.
+Descriptor connectTo(const std::string& path) {
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (!socket.isOpen() || path.size() >= sizeof address.sun_path) {
+        return {};
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    return connect(socket.get(), generic, sizeof address) == 0 ? std::move(socket) : Descriptor{};
+}
+
+// Notes in `userdata` that the manager replied. A connection that breaks replies too, with an error
+// that sd-bus makes up.
+int onReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    *static_cast<bool*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
+    return 0;
+}
+
+// Serves `bus` until the reply to the ping sets `answered`, or patience ends.
+void waitForAnswer(sd_bus* bus, const bool& answered) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + managerPatience;
+    while (!answered) {
+        const int processed = sd_bus_process(bus, nullptr);
+        if (processed < 0) {
+            return;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
+        if (left.count() <= 0 ||
+            (processed == 0 && sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())) < 0)) {
+            return;
+        }
+    }
+}
+
+// Whether the user's own systemd manager really answers on the socket that systemd-run(1) would use.
+// A manager that is gone may leave the socket's file behind, and one that is stuck still accepts.
+bool managerAnswers(const User& user) {
+    Descriptor socket =
+        connectTo("/run/user/" + std::to_string(user.uid) + "/systemd/private");
+    sd_bus* bus = nullptr;
+    if (!socket.isOpen() || sd_bus_new(&bus) < 0) {
+        return false;
+    }
+    bool answered = false;
+    const int descriptor = socket.get();
+    if (sd_bus_set_fd(bus, descriptor, descriptor) >= 0) {
+        [[maybe_unused]] const int owned = socket.release();  // by the bus
+        if (sd_bus_start(bus) >= 0 &&
+            sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
+                                     "org.freedesktop.DBus.Peer", "Ping", onReply, &answered,
+                                     "") >= 0) {
+            waitForAnswer(bus, answered);
+        }
+    }
+    sd_bus_close_unref(bus);
+    return answered;
+}
+
+std::string randomHex() {
+    std::uint32_t number = 0;
+    // For uniqueness only: without randomness the process id does.
+    if (getrandom(&number, sizeof number, 0) != sizeof number) {
+        number = static_cast<std::uint32_t>(getpid());
+    }
+    constexpr const char* digits = "0123456789abcdef";
+    std::string text;
+    for (unsigned shift = 0; shift < 32; shift += 4) {
+        text += digits[number >> shift & 0xFU];
+    }
+    return text;
+}
+
+Command commandFor(const Request& request, const User& user) {
+    const Bundle bundle(request.appPath);
+    const std::string executable =
+        bundle.executablePath().value_or(request.appPath + "/Contents/MacOS/Halvo");
+    if (!managerAnswers(user)) {
+        return directCommand(request, user, executable);
+    }
+    const auto info = bundle.info();
+    const auto identifier = info ? infoString(*info, "CFBundleIdentifier") : std::nullopt;
+    return managerCommand(request, user, executable, identifier.value_or("app"), randomHex());
+}
+
+}  // namespace
+
+void run(std::span<const std::string> words) {
+    const auto request = parse(words);
+    if (!request) {
+        std::exit(exitUsage);
+    }
+    const auto user = lookUp(request->uid);
+    if (!user) {
+        std::exit(exitUsage);
+    }
+    ProcessPrivileges privileges;
+    if (!dropPrivileges(privileges, *user)) {
+        std::exit(exitNoPermission);
+    }
+    const Command command = commandFor(*request, *user);
+    const CStrings arguments(command.arguments);
+    const CStrings environment(command.environment);
+    execve(command.path.c_str(), arguments.data(), environment.data());
+    std::exit(exitCannotExecute);
+}
+
+}  // namespace halvo::OpenAsUser

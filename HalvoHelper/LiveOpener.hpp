@@ -1,0 +1,29 @@
+// Opens the app on this machine.
+#pragma once
+
+#include <string>
+
+#include "HalvoHelperCore/AppOpener.hpp"
+
+namespace halvo {
+
+// Starts the helper's own executable in its open-as-user mode and does not wait for it. The child
+// inherits nothing: no environment, no descriptor beyond 0 to 2 (which are /dev/null), no signal
+// mask or disposition, no session, "/" as its folder. It is reaped without anybody waiting. Main
+// queue only; one source per system.
+//
+// On Linux SIGCHLD is ignored from the first opening on, so that the kernel reaps (sigaction(2)).
+class LiveOpener final : public AppOpener {
+  public:
+    // `helperExecutable`: the path of the helper's own executable.
+    explicit LiveOpener(std::string helperExecutable);
+
+    // Does nothing when there is nothing at `appPath`. A child that cannot be started logs "Couldn't
+    // open Halvo: %{public}s".
+    void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override;
+
+  private:
+    std::string helperExecutable_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,37 @@
+// The people and processes of this machine.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "HalvoHelperCore/SessionProbe.hpp"
+
+namespace halvo {
+
+// Asks the system. Nothing is logged, nothing thrown; allocates nothing while what it looked at
+// before is unchanged. One source per system. Main queue only.
+//
+// On Linux the console is seat0 (sd-login(3)): its active session, of class "user" and not about to
+// close. The processes are those of /proc (proc(5)): one counts when its executable's path is the
+// bundle's, that file is the very one at the path (a mount namespace can forge a path), and its
+// effective user is the one asked about. A process that was stopped counts, one that has ended but
+// was not waited for does not.
+class LiveSessionProbe final : public SessionProbe {
+  public:
+    LiveSessionProbe();
+    ~LiveSessionProbe() override;
+    LiveSessionProbe(const LiveSessionProbe&) = delete;
+    LiveSessionProbe& operator=(const LiveSessionProbe&) = delete;
+
+    std::optional<std::uint32_t> consoleUser() override;
+
+    // The executable is the one that the bundle's Info.plist names, else "Contents/MacOS/Halvo" in
+    // it. Paths are compared as bytes.
+    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override;
+
+  private:
+    class State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,144 @@
+#include "HalvoHelper/OpenAsUser.hpp"
+
+#include <charconv>
+#include <utility>
+
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoShared/LaunchReason.hpp"
+
+namespace halvo::OpenAsUser {
+namespace {
+
+void append(std::vector<std::string>& list, const std::vector<std::string>& more) {
+    list.insert(list.end(), more.begin(), more.end());
+}
+
+// The user's manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
+std::string withoutExpansion(const std::string& argument) {
+    std::string result;
+    for (const char character : argument) {
+        result += character;
+        if (character == '$') {
+            result += character;
+        }
+    }
+    return result;
+}
+
+// `text` with all but ASCII letters and digits, which are safe in a unit's name, as "_".
+std::string unitName(const std::string& text) {
+    std::string result = text;
+    for (char& c : result) {
+        const bool safe =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.';
+        c = safe ? c : '_';
+    }
+    return result;
+}
+
+}  // namespace
+
+std::vector<std::string> words(const Request& request) {
+    std::vector<std::string> list{modeWord, std::to_string(request.uid), request.appPath};
+    if (request.afterQuit) {
+        list.emplace_back(afterQuitWord);
+    }
+    return list;
+}
+
+std::optional<std::uint32_t> parseUserID(const std::string& word) {
+    const char* first = word.data() + (word.starts_with('+') ? 1 : 0);
+    const char* last = word.data() + word.size();
+    std::uint32_t uid = 0;
+    const auto [end, error] = std::from_chars(first, last, uid);
+    return error == std::errc{} && end == last ? std::optional(uid) : std::nullopt;
+}
+
+std::optional<Request> parse(std::span<const std::string> words) {
+    if (words.size() < 2) {
+        return std::nullopt;
+    }
+    const auto uid = parseUserID(words[0]);
+    if (!uid || *uid == 0 || !AppLocation::isBundlePath(words[1])) {
+        return std::nullopt;
+    }
+    bool afterQuit = false;
+    for (const std::string& word : words.subspan(2)) {
+        afterQuit = afterQuit || word == afterQuitWord;
+    }
+    return Request{*uid, words[1], afterQuit};
+}
+
+std::vector<std::string> appArguments(bool afterQuit) {
+    return afterQuit ? std::vector<std::string>{LaunchReason::relaunchArgument, "YES"}
+                     : std::vector<std::string>{};
+}
+
+std::vector<std::string> environment(const User& user) {
+    return {"HOME=" + user.home, "USER=" + user.name, "LOGNAME=" + user.name,
+            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
+}
+
+Command launchctlCommand(const std::string& helperExecutable, const Request& request) {
+    Command command{"/bin/launchctl",
+                    {"/bin/launchctl", "asuser", std::to_string(request.uid), helperExecutable},
+                    {}};
+    append(command.arguments, words(request));
+    return command;
+}
+
+Command openCommand(const Request& request, const User& user) {
+    Command command{"/usr/bin/open",
+                    {"/usr/bin/open", "-g", "-a", request.appPath},
+                    environment(user)};
+    if (request.afterQuit) {
+        command.arguments.emplace_back("--args");
+        append(command.arguments, appArguments(true));
+    }
+    return command;
+}
+
+Command helperCommand(const std::string& helperExecutable, const Request& request) {
+    Command command{helperExecutable, {helperExecutable}, {}};
+    append(command.arguments, words(request));
+    return command;
+}
+
+Command managerCommand(const Request& request, const User& user, const std::string& executable,
+                       const std::string& appID, const std::string& unitSuffix) {
+    Command command{"/usr/bin/systemd-run",
+                    {"/usr/bin/systemd-run", "--user", "--quiet", "--collect",
+                     // The start fails when the executable cannot be run, instead of later.
+                     "--service-type=exec", "--slice=app.slice",
+                     // The app may fork and end its first process without being counted as gone.
+                     "--property=ExitType=cgroup",
+                     "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) +
+                         ".service",
+                     "--", withoutExpansion(executable)},
+                    environment(user)};
+    // Where the manager's socket is: systemd-run(1), environment.
+    command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
+    append(command.arguments, appArguments(request.afterQuit));
+    return command;
+}
+
+Command directCommand(const Request& request, const User& user, const std::string& executable) {
+    Command command{executable, {executable}, environment(user)};
+    append(command.arguments, appArguments(request.afterQuit));
+    return command;
+}
+
+bool dropPrivileges(Privileges& privileges, const User& user) {
+    if (!privileges.setGroup(user.gid) ||
+        !privileges.setSupplementaryGroups(user.name, user.gid) ||
+        !privileges.setUser(user.uid)) {
+        return false;
+    }
+    if (privileges.realUser() != user.uid || privileges.effectiveUser() != user.uid ||
+        privileges.realGroup() != user.gid) {
+        return false;
+    }
+    return !privileges.setUser(0);
+}
+
+}  // namespace halvo::OpenAsUser

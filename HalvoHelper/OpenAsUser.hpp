@@ -1,0 +1,101 @@
+// The helper's second, short-lived mode: opens the app as a user, and its other half, which starts
+// it. What is decided here without the system is the same on every system and tested on each.
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace halvo::OpenAsUser {
+
+// The word that selects the mode, and the one that marks an opening after a quit.
+inline constexpr const char* modeWord = "--open-as-user";
+inline constexpr const char* afterQuitWord = "--after-quit";
+
+// Exit statuses (sysexits.h).
+inline constexpr int exitUsage = 64;
+inline constexpr int exitCannotExecute = 71;
+inline constexpr int exitNoPermission = 77;
+
+// A program to run: its path, its arguments (the first is its own name) and its environment.
+struct Command {
+    std::string path;
+    std::vector<std::string> arguments;
+    std::vector<std::string> environment;
+
+    bool operator==(const Command&) const = default;
+};
+
+// What the mode was asked to do.
+struct Request {
+    std::uint32_t uid{};
+    std::string appPath;
+    bool afterQuit{};
+
+    bool operator==(const Request&) const = default;
+};
+
+// A user as the password file has it.
+struct User {
+    std::uint32_t uid{};
+    std::uint32_t gid{};
+    std::string name;
+    std::string home;
+};
+
+// The words after the helper's path that ask for `request`.
+std::vector<std::string> words(const Request& request);
+
+// The request in the words that follow the mode's; nothing when there are too few, the user is not a
+// decimal number of 32 bits (one "+" in front allowed) or is root, or the path is no bundle path.
+std::optional<Request> parse(std::span<const std::string> words);
+
+// The user id in `word` by the rule above, root included.
+std::optional<std::uint32_t> parseUserID(const std::string& word);
+
+// The arguments that tell the app why it is opened; none but after a quit.
+std::vector<std::string> appArguments(bool afterQuit);
+
+// The environment of what is run as `user`: HOME, USER, LOGNAME and PATH, in this order.
+std::vector<std::string> environment(const User& user);
+
+// The commands on macOS: what LiveOpener starts, and what the mode becomes.
+Command launchctlCommand(const std::string& helperExecutable, const Request& request);
+Command openCommand(const Request& request, const User& user);
+
+// The commands on Linux: what LiveOpener starts; what the mode becomes when the user's own systemd
+// manager answers, which runs the app inside the session; and when none does. `unitSuffix` keeps
+// two openings from clashing; `appID` names the unit.
+Command helperCommand(const std::string& helperExecutable, const Request& request);
+Command managerCommand(const Request& request, const User& user, const std::string& executable,
+                       const std::string& appID, const std::string& unitSuffix);
+Command directCommand(const Request& request, const User& user, const std::string& executable);
+
+// The system calls of the privilege drop, so that their order can be tested without losing any.
+class Privileges {
+  public:
+    virtual ~Privileges() = default;
+    // Each returns whether it succeeded; setgid(2), initgroups(3), setuid(2).
+    virtual bool setGroup(std::uint32_t gid) = 0;
+    virtual bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) = 0;
+    virtual bool setUser(std::uint32_t uid) = 0;
+    // getuid(2), geteuid(2), getgid(2).
+    virtual std::uint32_t realUser() = 0;
+    virtual std::uint32_t effectiveUser() = 0;
+    virtual std::uint32_t realGroup() = 0;
+};
+
+// Becomes `user` for good, and proves it: the groups go first, because only root may set them; then
+// the identities are read back; then becoming root again must fail. False at the first thing that
+// is not as it must be.
+bool dropPrivileges(Privileges& privileges, const User& user);
+
+// Runs the mode with the words that follow its own. Ends in execve(2) or exit(3), without a word in
+// the log: 64 for bad words or an unknown user, 77 when the privileges cannot be dropped for good,
+// 71 when the program cannot be run. One source per system.
+[[noreturn]] void run(std::span<const std::string> words);
+
+}  // namespace halvo::OpenAsUser

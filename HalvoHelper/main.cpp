@@ -1,0 +1,65 @@
+// The helper's process: chooses the mode, builds what the service needs of the system, and serves.
+
+#include <cstdlib>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "HalvoHelper/HelperListener.hpp"
+#include "HalvoHelper/HelperService.hpp"
+#include "HalvoHelper/LiveOpener.hpp"
+#include "HalvoHelper/LiveSessionProbe.hpp"
+#include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
+#include "HalvoHelperCore/FileCommitmentStore.hpp"
+#include "HalvoHelperCore/HelperIdentity.hpp"
+#include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "HalvoPlatform/Bundle.hpp"
+#include "HalvoPlatform/Daemon.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
+
+namespace {
+
+// sysexits.h.
+constexpr int exitNoPermission = 77;
+constexpr int exitConfig = 78;
+
+void runService(const std::string& firstWord) {
+    using namespace halvo;
+    prepareDaemon();
+    if (!runsAsRoot()) {
+        HALVO_LOG_ERROR(helperLog, "The helper runs only as root, from launchd");
+        std::exit(exitNoPermission);
+    }
+    const Bundle bundle = Bundle::main();
+    const auto identity = HelperIdentity::helper(bundle.info());
+    if (!identity) {
+        HALVO_LOG_ERROR(helperLog, "The helper has no team or app identifier in its Info.plist");
+        std::exit(exitConfig);
+    }
+    MainQueue& queue = liveMainQueue();
+    const auto listener = makeListener(identity->helperBundleID());
+    if (!listener) {
+        HALVO_LOG_ERROR(helperLog, "%{public}s", listener.error().message.c_str());
+        std::exit(listener.error().exitStatus);
+    }
+    SystemHelperClock clock;
+    ChflagsFileFlags flags(ItemFlag::systemImmutable);
+    FileCommitmentStore store(identity->stateFolder());
+    LiveSessionProbe session;
+    LiveOpener opener(bundle.executablePath().value_or(firstWord));
+    HelperService service(*identity, {clock, flags, store, session, opener}, **listener, queue);
+    service.start();
+    queue.run();
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    const std::vector<std::string> arguments(words + (count > 0 ? 1 : 0), words + count);
+    if (!arguments.empty() && arguments.front() == halvo::OpenAsUser::modeWord) {
+        halvo::OpenAsUser::run(std::span(arguments).subspan(1));
+    }
+    runService(count > 0 ? words[0] : "");
+}
