@@ -14,8 +14,8 @@ ConnectionAcceptor::ConnectionAcceptor(MainQueue& queue, HelperEngine& engine,
 
 std::unique_ptr<HelperConnection> ConnectionAcceptor::accept(
     std::uint32_t uid, const std::optional<std::string>& executable) {
-    auto bundlePath = executable && isUTF8(*executable) ? AppLocation::bundlePath(*executable)
-                                                        : std::nullopt;
+    auto bundlePath =
+        executable && isUTF8(*executable) ? AppLocation::bundlePath(*executable) : std::nullopt;
     if (bundlePath) {
         bundlePath = canonicalPath(*bundlePath).value_or(*bundlePath);
     }

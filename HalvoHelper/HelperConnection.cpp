@@ -1,5 +1,6 @@
 #include "HalvoHelper/HelperConnection.hpp"
 
+#include <array>
 #include <optional>
 #include <utility>
 
@@ -17,11 +18,12 @@ constexpr double pastLastDate = 253402300800;
 
 // What is wrong with the first of the dates that no begin may carry.
 std::optional<BadArgument> badDate(WallDate until, WallDate started) {
-    const std::pair<const char*, WallDate> dates[] = {{"until", until}, {"started", started}};
+    const std::array dates{std::pair{std::string("until"), until},
+                           std::pair{std::string("started"), started}};
     for (const auto& [name, date] : dates) {
         const double seconds = secondsSince1970(date);
-        // Written so that not-a-number fails it.
-        if (!(seconds >= firstDate && seconds < pastLastDate)) {
+        const bool fits = seconds >= firstDate && seconds < pastLastDate;  // not-a-number does not
+        if (!fits) {
             return BadArgument{name, "is not a date of the years 1970 to 9999"};
         }
     }
@@ -40,8 +42,8 @@ void HelperConnection::begin(const std::string& appPath, WallDate until, WallDat
                   reply = std::move(reply)] {
         assumeMainActor();
         if (auto bad = badDate(until, started)) {
-            HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s %{public}s",
-                            bad->name.c_str(), bad->problem.c_str());
+            HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s %{public}s", bad->name.c_str(),
+                            bad->problem.c_str());
             reply(std::unexpected(*std::move(bad)));
             return;
         }

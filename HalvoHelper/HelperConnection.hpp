@@ -11,8 +11,8 @@
 
 namespace halvo {
 
-// Turns each request into a call of the engine on the main queue, and its result into the reply. The
-// peer is fixed at admission. Requests may come from any thread and may outlive the connection;
+// Turns each request into a call of the engine on the main queue, and its result into the reply.
+// The peer is fixed at admission. Requests may come from any thread and may outlive the connection;
 // the queue and the engine must outlive both.
 class HelperConnection final : public HalvoHelperXPC {
   public:

@@ -36,8 +36,8 @@ struct ListenerFailure {
     std::string message;
 };
 
-// The listener of this system for the Mach service `name`. On Linux it takes the socket that systemd
-// hands over (sd_listen_fds(3)), else makes its own and holds it alone.
+// The listener of this system for the Mach service `name`. On Linux it takes the socket that
+// systemd hands over (sd_listen_fds(3)), else makes its own and holds it alone.
 std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
     const std::string& name);
 

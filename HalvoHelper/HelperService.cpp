@@ -12,8 +12,8 @@ HelperService::HelperService(HelperIdentity identity, Collaborators collaborator
                              HelperListener& listener, MainQueue& queue)
     : identity_(std::move(identity)),
       queue_(queue),
-      engine_(collaborators.clock, collaborators.flags, collaborators.store,
-              collaborators.session, collaborators.opener),
+      engine_(collaborators.clock, collaborators.flags, collaborators.store, collaborators.session,
+              collaborators.opener),
       listener_(listener),
       acceptor_(queue, engine_, *this),
       busySince_(queue.now()) {}

@@ -18,8 +18,8 @@ class LiveOpener final : public AppOpener {
     // `helperExecutable`: the path of the helper's own executable.
     explicit LiveOpener(std::string helperExecutable);
 
-    // Does nothing when there is nothing at `appPath`. A child that cannot be started logs "Couldn't
-    // open Halvo: %{public}s".
+    // Does nothing when there is nothing at `appPath`. A child that cannot be started logs
+    // "Couldn't open Halvo: %{public}s".
     void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override;
 
   private:

@@ -88,9 +88,8 @@ Command launchctlCommand(const std::string& helperExecutable, const Request& req
 }
 
 Command openCommand(const Request& request, const User& user) {
-    Command command{"/usr/bin/open",
-                    {"/usr/bin/open", "-g", "-a", request.appPath},
-                    environment(user)};
+    Command command{
+        "/usr/bin/open", {"/usr/bin/open", "-g", "-a", request.appPath}, environment(user)};
     if (request.afterQuit) {
         command.arguments.emplace_back("--args");
         append(command.arguments, appArguments(true));
@@ -106,16 +105,16 @@ Command helperCommand(const std::string& helperExecutable, const Request& reques
 
 Command managerCommand(const Request& request, const User& user, const std::string& executable,
                        const std::string& appID, const std::string& unitSuffix) {
-    Command command{"/usr/bin/systemd-run",
-                    {"/usr/bin/systemd-run", "--user", "--quiet", "--collect",
-                     // The start fails when the executable cannot be run, instead of later.
-                     "--service-type=exec", "--slice=app.slice",
-                     // The app may fork and end its first process without being counted as gone.
-                     "--property=ExitType=cgroup",
-                     "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) +
-                         ".service",
-                     "--", withoutExpansion(executable)},
-                    environment(user)};
+    Command command{
+        "/usr/bin/systemd-run",
+        {"/usr/bin/systemd-run", "--user", "--quiet", "--collect",
+         // The start fails when the executable cannot be run, instead of later.
+         "--service-type=exec", "--slice=app.slice",
+         // The app may fork and end its first process without being counted as gone.
+         "--property=ExitType=cgroup",
+         "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) + ".service", "--",
+         withoutExpansion(executable)},
+        environment(user)};
     // Where the manager's socket is: systemd-run(1), environment.
     command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
     append(command.arguments, appArguments(request.afterQuit));
@@ -129,8 +128,7 @@ Command directCommand(const Request& request, const User& user, const std::strin
 }
 
 bool dropPrivileges(Privileges& privileges, const User& user) {
-    if (!privileges.setGroup(user.gid) ||
-        !privileges.setSupplementaryGroups(user.name, user.gid) ||
+    if (!privileges.setGroup(user.gid) || !privileges.setSupplementaryGroups(user.name, user.gid) ||
         !privileges.setUser(user.uid)) {
         return false;
     }

@@ -49,8 +49,8 @@ struct User {
 // The words after the helper's path that ask for `request`.
 std::vector<std::string> words(const Request& request);
 
-// The request in the words that follow the mode's; nothing when there are too few, the user is not a
-// decimal number of 32 bits (one "+" in front allowed) or is root, or the path is no bundle path.
+// The request in the words that follow the mode's; nothing when there are too few, the user is not
+// a decimal number of 32 bits (one "+" in front allowed) or is root, or the path is no bundle path.
 std::optional<Request> parse(std::span<const std::string> words);
 
 // The user id in `word` by the rule above, root included.

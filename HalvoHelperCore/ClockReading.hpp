@@ -13,7 +13,7 @@ struct ClockReading {
     // Time since that boot. Nobody can set it, and it counts while the machine sleeps.
     Seconds sinceBoot{};
     // The wall clock, which anybody may set.
-    WallDate wall{};
+    WallDate wall;
 
     bool operator==(const ClockReading&) const = default;
 };

@@ -1,5 +1,6 @@
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstddef>
@@ -88,13 +89,9 @@ std::optional<HelperCommitment> commitmentFrom(const Json& object) {
         locked == nullptr) {
         return std::nullopt;
     }
-    return HelperCommitment{*appPath,
-                            *uid,
-                            wallDate(*startedWall),
-                            Seconds{*remaining},
-                            Seconds{*capRemaining},
-                            *checkpoint,
-                            *locked};
+    return HelperCommitment{
+        *appPath,    *uid,   wallDate(*startedWall), Seconds{*remaining}, Seconds{*capRemaining},
+        *checkpoint, *locked};
 }
 
 StoredCommitment decode(const std::string& bytes) {
@@ -119,12 +116,12 @@ StoredCommitment decode(const std::string& bytes) {
 // library would write null, which could not be read back.
 std::expected<std::string, std::string> encode(const HelperCommitment& commitment) {
     const ClockReading& checkpoint = commitment.checkpoint;
-    const std::pair<const char*, double> numbers[] = {
-        {key::capRemaining, commitment.capRemaining.count()},
-        {key::remaining, commitment.remaining.count()},
-        {key::startedWall, secondsSince1970(commitment.startedWall)},
-        {key::sinceBoot, checkpoint.sinceBoot.count()},
-        {key::wall, secondsSince1970(checkpoint.wall)},
+    const std::array numbers{
+        std::pair{key::capRemaining, commitment.capRemaining.count()},
+        std::pair{key::remaining, commitment.remaining.count()},
+        std::pair{key::startedWall, secondsSince1970(commitment.startedWall)},
+        std::pair{key::sinceBoot, checkpoint.sinceBoot.count()},
+        std::pair{key::wall, secondsSince1970(checkpoint.wall)},
     };
     for (const auto& [name, value] : numbers) {
         if (!std::isfinite(value)) {
@@ -171,14 +168,16 @@ void FileCommitmentStore::save(const HelperCommitment& commitment) {
         HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", why.c_str());
     };
     if (const auto made = createFolder(folder_, folderMode); !made) {
-        return failed(made.error().message);
+        failed(made.error().message);
+        return;
     }
     const auto bytes = encode(commitment);
     if (!bytes) {
-        return failed(bytes.error());
+        failed(bytes.error());
+        return;
     }
     if (const auto written = replaceFile(folder_, fileName, *bytes, fileMode); !written) {
-        return failed(written.error().message);
+        failed(written.error().message);
     }
 }
 

@@ -18,7 +18,7 @@ struct HelperCommitment {
     // The person bound; nobody else may extend, end or ask about it.
     std::uint32_t uid{};
     // When it started; an extension keeps it.
-    WallDate startedWall{};
+    WallDate startedWall;
     // The time asked for that is still to run, as of `checkpoint`.
     Seconds remaining{};
     // The time that `maximum` still allows, as of `checkpoint`.

@@ -130,8 +130,7 @@ bool HelperEngine::begin(const std::string& appPath, WallDate until, WallDate st
 // A bundle that carries the lock already is left alone: what the helper did not set it never
 // clears.
 void HelperEngine::tryToLock(HelperCommitment& next) {
-    if (!AppLocation::mayLock(next.appPath) ||
-        flags_.state(next.appPath) != LockState::unlocked) {
+    if (!AppLocation::mayLock(next.appPath) || flags_.state(next.appPath) != LockState::unlocked) {
         return;
     }
     // Saved before the flag is touched, so that a crash in between leaves a record that owes the

@@ -15,8 +15,8 @@ std::optional<std::uint32_t> itemFlags(const std::string& path);
 
 // Gives the item at `path` itself the flags `wanted`. Returns 0, or the errno of the system's
 // refusal when the flags, read back, are not as wanted. On Linux all inode flags without a
-// counterpart in ItemFlag are kept (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP, a
-// flag without a counterpart EOPNOTSUPP.
+// counterpart in ItemFlag are kept (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP,
+// a flag without a counterpart EOPNOTSUPP.
 int setItemFlags(const std::string& path, std::uint32_t wanted);
 
 }  // namespace halvo

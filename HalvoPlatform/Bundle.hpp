@@ -18,7 +18,8 @@ using InfoValue = std::variant<std::string, NotAString>;
 // The top level of an Info.plist.
 using InfoDictionary = std::map<std::string, InfoValue>;
 
-// The string that `info` holds under `key`; nothing when the key is missing or holds something else.
+// The string that `info` holds under `key`; nothing when the key is missing or holds something
+// else.
 std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any

@@ -39,7 +39,7 @@ class Descriptor {
     [[nodiscard]] int release() { return std::exchange(number_, -1); }
 
   private:
-    void close() {
+    void close() const {
         if (number_ >= 0) {
             ::close(number_);
         }

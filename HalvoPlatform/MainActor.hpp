@@ -7,8 +7,8 @@ namespace halvo {
 // On Linux the main queue is the process's initial thread.
 bool onMainActor();
 
-// Checks that the caller runs on the main queue, and otherwise ends the process with the fatal error
-// "Incorrect actor executor assumption; Expected same executor as MainActor."
+// Checks that the caller runs on the main queue, and otherwise ends the process with the fatal
+// error "Incorrect actor executor assumption; Expected same executor as MainActor."
 void assumeMainActor();
 
 }  // namespace halvo

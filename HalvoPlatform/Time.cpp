@@ -14,7 +14,8 @@ std::int64_t wholeSeconds(Seconds span) {
     const double seconds = std::trunc(span.count());
     // 2^63 is exact as a double and the first value that no longer fits.
     constexpr double limit = 9223372036854775808.0;
-    if (!(seconds >= -limit && seconds < limit)) {
+    const bool fits = seconds >= -limit && seconds < limit;  // not-a-number fits nowhere
+    if (!fits) {
         fatal("A span of seconds cannot be converted to a whole number");
     }
     return static_cast<std::int64_t>(seconds);

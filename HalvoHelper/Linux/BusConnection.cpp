@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
+#include <array>
 #include <chrono>
 #include <expected>
 #include <utility>
@@ -24,8 +25,8 @@ Call keep(sd_bus_message* message) {
 // Ends the conversation from below: sd-bus sees its socket closed, and says so in its own time.
 void disconnect(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RDWR); }
 
-// A reply may find nobody left to read it, which is no concern of the helper's. One who is there but
-// does not read must not fill its memory.
+// A reply may find nobody left to read it, which is no concern of the helper's. One who is there
+// but does not read must not fill its memory.
 void sent(const Call& call) {
     sd_bus* bus = sd_bus_message_get_bus(call.get());
     std::uint64_t waiting = 0;
@@ -73,15 +74,15 @@ int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
     if (result < 0) {
         return result;
     }
-    requestsOf(connection).begin(appPath, wallDate(until), wallDate(started),
-                                 [call = keep(message)](std::expected<bool, BadArgument> ok) {
-                                     if (ok) {
-                                         reply(call, *ok);
-                                     } else {
-                                         replyInvalid(call,
-                                                      ok.error().name + " " + ok.error().problem);
-                                     }
-                                 });
+    requestsOf(connection)
+        .begin(appPath, wallDate(until), wallDate(started),
+               [call = keep(message)](std::expected<bool, BadArgument> ok) {
+                   if (ok) {
+                       reply(call, *ok);
+                   } else {
+                       replyInvalid(call, ok.error().name + " " + ok.error().problem);
+                   }
+               });
     return 1;
 }
 
@@ -91,8 +92,9 @@ int onHeartbeat(sd_bus_message* message, void* connection, sd_bus_error*) {
     if (result < 0) {
         return result;
     }
-    requestsOf(connection).heartbeat(sessionEnding != 0,
-                                     [call = keep(message)](bool ok) { reply(call, ok); });
+    requestsOf(connection).heartbeat(sessionEnding != 0, [call = keep(message)](bool ok) {
+        reply(call, ok);
+    });
     return 1;
 }
 
@@ -102,8 +104,9 @@ int onEnd(sd_bus_message* message, void* connection, sd_bus_error*) {
 }
 
 int onStatus(sd_bus_message* message, void* connection, sd_bus_error*) {
-    requestsOf(connection).status(
-        [call = keep(message)](const HelperStatus& status) { reply(call, status); });
+    requestsOf(connection).status([call = keep(message)](const HelperStatus& status) {
+        reply(call, status);
+    });
     return 1;
 }
 
@@ -114,9 +117,9 @@ int onMessage(sd_bus_message* message, void*, sd_bus_error*) {
         return 0;
     }
     const RequestFormat* format = requestFormat(sd_bus_message_get_member(message));
-    const auto problem =
-        format == nullptr ? std::nullopt
-                          : argumentProblem(*format, sd_bus_message_get_signature(message, 1));
+    const auto problem = format == nullptr
+                             ? std::nullopt
+                             : argumentProblem(*format, sd_bus_message_get_signature(message, 1));
     if (!problem) {
         return 0;
     }
@@ -125,10 +128,10 @@ int onMessage(sd_bus_message* message, void*, sd_bus_error*) {
 }
 
 // Introspection shows these; the arguments are those of RequestFormat.
+// NOLINTNEXTLINE(*-avoid-c-arrays): what the macros make.
 const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD_WITH_ARGS("Begin",
-                            SD_BUS_ARGS("s", appPath, "d", until, "d", started),
+    SD_BUS_METHOD_WITH_ARGS("Begin", SD_BUS_ARGS("s", appPath, "d", until, "d", started),
                             SD_BUS_RESULT("b", ok), onBegin, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Heartbeat", SD_BUS_ARGS("b", sessionEnding), SD_BUS_RESULT("b", ok),
                             onHeartbeat, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -142,8 +145,7 @@ const sd_bus_vtable requestTable[] = {
 
 }  // namespace
 
-BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests,
-                             std::function<void()> gone)
+BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone)
     : requests_(std::move(requests)), gone_(std::move(gone)) {}
 
 BusConnection::~BusConnection() {

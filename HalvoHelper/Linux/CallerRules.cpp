@@ -1,7 +1,6 @@
 #include "HalvoHelper/Linux/CallerRules.hpp"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <optional>
 
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -17,6 +17,7 @@
 
 // Newer than the C library's headers.
 #ifndef SO_PEERPIDFD
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): as the headers have it.
 #define SO_PEERPIDFD 77
 #endif
 

@@ -18,8 +18,8 @@ struct Caller {
     std::string executable;
 };
 
-// Whether the process behind the connected socket `connection` is the app of `identity`: the caller,
-// or the rule that it failed, as a text for the log. All must hold:
+// Whether the process behind the connected socket `connection` is the app of `identity`: the
+// caller, or the rule that it failed, as a text for the log. All must hold:
 //
 // 1. Its effective group when it connected is the group of its executable, and that file is
 //    set-group-id, owned by root, and, like every folder above it, writable by nobody else.

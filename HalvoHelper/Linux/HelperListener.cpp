@@ -79,8 +79,7 @@ class SocketListener final : public HelperListener {
 
     // One at a turn, so that a flood of strangers leaves the connections theirs.
     void acceptOne() {
-        Descriptor socket(
-            accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.isOpen()) {
             waitIfExhausted(errno);
             return;
@@ -106,8 +105,7 @@ class SocketListener final : public HelperListener {
         if (code != EMFILE && code != ENFILE && code != ENOBUFS && code != ENOMEM) {
             return;  // the caller is gone already
         }
-        HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s",
-                        described(code).c_str());
+        HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", described(code).c_str());
         constexpr std::uint64_t oneSecond = 1000000;
         sd_event_source_set_enabled(incoming_, SD_EVENT_OFF);
         sd_event_source_set_time_relative(retry_, oneSecond);
@@ -116,9 +114,8 @@ class SocketListener final : public HelperListener {
 
     void admit(Descriptor socket, const Caller& caller) {
         const std::uint64_t id = nextID_++;
-        auto connection =
-            std::make_unique<BusConnection>(acceptor_->accept(caller.uid, caller.executable),
-                                            [this, id] { forget(id); });
+        auto connection = std::make_unique<BusConnection>(
+            acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); });
         if (!connection->start(std::move(socket))) {
             HALVO_LOG_ERROR(helperLog, "Couldn't serve a caller: no memory or descriptors left");
             acceptor_->invalidated();

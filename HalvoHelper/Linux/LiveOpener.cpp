@@ -49,15 +49,15 @@ class SpawnPlan {
     }
 
     // Gives 0 or the errno.
-    int start(const OpenAsUser::Command& command) const {
+    [[nodiscard]] int start(const OpenAsUser::Command& command) const {
         if (error_ != 0) {
             return error_;
         }
         const CStrings arguments(command.arguments);
         const CStrings environment(command.environment);
         pid_t child = 0;
-        return posix_spawn(&child, command.path.c_str(), &actions_, &attributes_,
-                           arguments.data(), environment.data());
+        return posix_spawn(&child, command.path.c_str(), &actions_, &attributes_, arguments.data(),
+                           environment.data());
     }
 
   private:

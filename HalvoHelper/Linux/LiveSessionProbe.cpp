@@ -151,8 +151,8 @@ class Processes {
             }
             for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
                 const auto* entry = reinterpret_cast<const dirent64*>(entries_.data() + at);
-                if (runs(entry->d_name, executable) &&
-                    isUsers(entry->d_name, uid) && isSameFile(entry->d_name, expected)) {
+                if (runs(entry->d_name, executable) && isUsers(entry->d_name, uid) &&
+                    isSameFile(entry->d_name, expected)) {
                     return true;
                 }
                 at += entry->d_reclen;
@@ -165,7 +165,7 @@ class Processes {
     using Name = std::array<char, NAME_MAX + 8>;
 
     static Name executableOf(const char* process) {
-        Name name;
+        Name name{};
         const std::size_t length = std::strlen(process);
         std::memcpy(name.data(), process, length);
         std::memcpy(name.data() + length, "/exe", sizeof "/exe");
@@ -187,8 +187,8 @@ class Processes {
         }
         const Name name = executableOf(process);
         const ssize_t length = readlinkat(proc_.get(), name.data(), link_.data(), link_.size());
-        return length >= 0 && std::string_view(link_.data(), static_cast<std::size_t>(length)) ==
-                                  executable;
+        return length >= 0 &&
+               std::string_view(link_.data(), static_cast<std::size_t>(length)) == executable;
     }
 
     // A process's own folder belongs to its effective user, even when it may not be dumped.
@@ -210,7 +210,7 @@ class Processes {
 
     Descriptor proc_;
     std::string link_;
-    alignas(dirent64) std::array<char, 32768> entries_;
+    alignas(dirent64) std::array<char, 32768> entries_{};
 };
 
 }  // namespace

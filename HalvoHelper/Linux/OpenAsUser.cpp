@@ -90,11 +90,11 @@ void waitForAnswer(sd_bus* bus, const bool& answered) {
     }
 }
 
-// Whether the user's own systemd manager really answers on the socket that systemd-run(1) would use.
-// A manager that is gone may leave the socket's file behind, and one that is stuck still accepts.
+// Whether the user's own systemd manager really answers on the socket that systemd-run(1) would
+// use. A manager that is gone may leave the socket's file behind, and one that is stuck still
+// accepts.
 bool managerAnswers(const User& user) {
-    Descriptor socket =
-        connectTo("/run/user/" + std::to_string(user.uid) + "/systemd/private");
+    Descriptor socket = connectTo("/run/user/" + std::to_string(user.uid) + "/systemd/private");
     sd_bus* bus = nullptr;
     if (!socket.isOpen() || sd_bus_new(&bus) < 0) {
         return false;

@@ -1,10 +1,10 @@
 #include "HalvoPlatform/Bundle.hpp"
 
-#include <limits.h>
 #include <plist/plist.h>
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -14,6 +14,7 @@
 namespace halvo {
 namespace {
 
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): set by tests only.
 LogSink installedSink = nullptr;
 
 std::string formatted(std::string_view format, const detail::LogArgument* arguments) {
@@ -39,10 +40,9 @@ std::string formatted(std::string_view format, const detail::LogArgument* argume
 void writeToSystem(const Logger& logger, LogLevel level, std::string_view message) {
     // sd_journal_send() succeeds silently where no journal listens, so look first.
     if (access("/run/systemd/journal/socket", W_OK) == 0) {
-        const int size = static_cast<int>(message.size());
         // "Default" of the unified log is what syslog calls a notice.
         const int priority = level == LogLevel::Error ? LOG_ERR : LOG_NOTICE;
-        if (sd_journal_send("MESSAGE=%.*s", size, message.data(), "PRIORITY=%i", priority,
+        if (sd_journal_send("MESSAGE=%s", std::string(message).c_str(), "PRIORITY=%i", priority,
                             "SUBSYSTEM=%s", logger.subsystem, "CATEGORY=%s", logger.category,
                             nullptr) == 0) {
             return;

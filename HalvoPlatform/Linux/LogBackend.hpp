@@ -25,6 +25,7 @@ namespace detail {
 
 struct LogArgument {
     enum class Kind { Text, Long, Int } kind;
+
     union {
         const char* text;
         long number;
@@ -106,6 +107,8 @@ void log(const Logger& logger, LogLevel level,
 
 }  // namespace halvo
 
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): see Log.hpp.
 #define HALVO_LOG_DEFAULT(logger, ...) \
     ::halvo::log((logger), ::halvo::LogLevel::Default, __VA_ARGS__)
 #define HALVO_LOG_ERROR(logger, ...) ::halvo::log((logger), ::halvo::LogLevel::Error, __VA_ARGS__)
+// NOLINTEND(cppcoreguidelines-macro-usage)

@@ -49,11 +49,10 @@ constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
 // loop find it there. It lives as long as the process and is never taken down.
 class EventLoopQueue final : public MainQueue {
   public:
-    EventLoopQueue() {
+    EventLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         assumeMainActor();
         require(sd_event_default(&loop_), "sd_event_default");
-        wakeUp_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        require(wakeUp_ < 0 ? -errno : 0, "eventfd");
+        require(wakeUp_, "eventfd");
         const auto drain = [](sd_event_source*, int descriptor, std::uint32_t, void* self) {
             eventfd_t count = 0;
             eventfd_read(descriptor, &count);
@@ -110,7 +109,7 @@ class EventLoopQueue final : public MainQueue {
                 "sd_event_add_signal");
     }
 
-    Seconds now() const override { return clockNow(CLOCK_BOOTTIME); }
+    [[nodiscard]] Seconds now() const override { return clockNow(CLOCK_BOOTTIME); }
 
     void run() override {
         assumeMainActor();
@@ -145,7 +144,7 @@ class EventLoopQueue final : public MainQueue {
             const std::lock_guard lock(mutex_);
             running_.swap(waiting_);
         }
-        for (Work& work : running_) {
+        for (const Work& work : running_) {
             work();
         }
         running_.clear();
@@ -153,7 +152,7 @@ class EventLoopQueue final : public MainQueue {
 
     sd_event* loop_ = nullptr;
     sd_event_source* deferred_ = nullptr;
-    int wakeUp_ = -1;
+    int wakeUp_;
     std::mutex mutex_;
     std::vector<Work> waiting_;
     std::vector<Work> running_;
