@@ -1,0 +1,160 @@
+#include "HalvoClient/BusCall.hpp"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <thread>
+
+#include "HalvoClient/PrivateGroup.hpp"
+
+namespace halvo {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::expected<sockaddr_un, int> addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        return std::unexpected(ENAMETOOLONG);
+    }
+    std::ranges::copy(path, address.sun_path);
+    return address;
+}
+
+// Gives 0 or the errno.
+int tryToConnect(int socket, const sockaddr_un& address) {
+    const PrivateGroup::InEffect group;
+    return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
+               ? 0
+               : errno;
+}
+
+struct Answer {
+    BusMessage reply;
+    bool broken = false;
+};
+
+int takeAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    auto* answer = static_cast<Answer*>(userdata);
+    // While a connection closes sd-bus answers its pending calls itself, with an error.
+    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) > 0) {
+        answer->reply.reset(sd_bus_message_ref(reply));
+    } else {
+        answer->broken = true;
+    }
+    return 0;
+}
+
+struct SlotRelease {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+
+// Gives 0 or a negative errno, as sd-bus does.
+int waitForMore(sd_bus& bus, Deadline deadline) {
+    const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
+    const int result =
+        sd_bus_wait(&bus, static_cast<std::uint64_t>(std::max(left.count(), std::int64_t{0})));
+    return result == -EINTR ? 0 : std::min(result, 0);
+}
+
+}  // namespace
+
+Deadline deadlineAfter(Seconds limit) {
+    constexpr Seconds longest = std::chrono::hours{24};
+    // Written so that not-a-number means at once.
+    const Seconds span = limit > Seconds{0} ? std::min(limit, longest) : Seconds{0};
+    return Clock::now() + std::chrono::ceil<Clock::duration>(span);
+}
+
+bool waitBefore(Deadline deadline, Seconds span) {
+    std::this_thread::sleep_until(std::min(deadline, deadlineAfter(span)));
+    return Clock::now() < deadline;
+}
+
+std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline) {
+    const auto address = addressOf(path);
+    if (!address) {
+        return std::unexpected(address.error());
+    }
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.isOpen()) {
+        return std::unexpected(errno);
+    }
+    while (true) {
+        const int code = tryToConnect(socket.get(), *address);
+        if (code == 0) {
+            return socket;
+        }
+        // EAGAIN says that the listener's queue is full, and no event says when it no longer is:
+        // connect(2).
+        constexpr Seconds pause{0.01};
+        if (code != EAGAIN && code != EINTR) {
+            return std::unexpected(code);
+        }
+        if (!waitBefore(deadline, code == EAGAIN ? pause : Seconds{0})) {
+            return std::unexpected(ETIMEDOUT);
+        }
+    }
+}
+
+std::expected<BusHandle, int> openBus(Descriptor socket) {
+    sd_bus* raw = nullptr;
+    int result = sd_bus_new(&raw);
+    if (result < 0) {
+        return std::unexpected(-result);
+    }
+    BusHandle bus(raw);
+    result = sd_bus_negotiate_fds(bus.get(), 0);
+    if (result >= 0) {
+        result = sd_bus_set_fd(bus.get(), socket.get(), socket.get());
+    }
+    if (result < 0) {
+        return std::unexpected(-result);
+    }
+    [[maybe_unused]] const int owned = socket.release();
+    result = sd_bus_start(bus.get());
+    if (result < 0) {
+        return std::unexpected(-result);
+    }
+    return bus;
+}
+
+std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
+                                               sd_bus_message& request) {
+    bool authenticated = sd_bus_is_ready(&bus) > 0;
+    const auto broken = [&authenticated] {
+        return std::unexpected(authenticated ? BusFault::Broken : BusFault::Unauthenticated);
+    };
+    // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
+    // steps, and the time limit is kept here alone.
+    constexpr std::uint64_t noLimit = UINT64_MAX;
+    Answer answer;
+    sd_bus_slot* raw = nullptr;
+    if (sd_bus_call_async(&bus, &raw, &request, takeAnswer, &answer, noLimit) < 0) {
+        return broken();
+    }
+    const std::unique_ptr<sd_bus_slot, SlotRelease> slot(raw);
+    while (true) {
+        const int progress = sd_bus_process(&bus, nullptr);
+        authenticated = authenticated || sd_bus_is_ready(&bus) > 0;
+        if (answer.reply != nullptr) {
+            return std::move(answer.reply);
+        }
+        if (progress < 0 || answer.broken) {
+            return broken();
+        }
+        // Also while there is progress: a peer that never stops sending must not hold us.
+        if (Clock::now() >= deadline) {
+            return std::unexpected(BusFault::TimedOut);
+        }
+        if (progress == 0 && waitForMore(bus, deadline) < 0) {
+            return broken();
+        }
+    }
+}
+
+}  // namespace halvo

@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "HalvoClient/BusCall.hpp"
+#include "HalvoClient/FakeHelper.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+constexpr Seconds limit{5};
+
+// The two ends of a connection; `theirs` is for the test to play the other side.
+struct Pair {
+    Pair() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()),
+                  0);
+        ours = Descriptor(ends[0]);
+        theirs = Descriptor(ends[1]);
+    }
+
+    Descriptor ours;
+    Descriptor theirs;
+};
+
+BusMessage statusRequest(sd_bus& bus) {
+    sd_bus_message* raw = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_call(&bus, &raw, nullptr, "/", "a.b", "Status"), 0);
+    return BusMessage(raw);
+}
+
+std::expected<BusMessage, BusFault> callOn(Pair& pair, Seconds callLimit = limit) {
+    const auto bus = openBus(std::move(pair.ours));
+    EXPECT_TRUE(bus.has_value());
+    const BusMessage request = statusRequest(**bus);
+    return callWithin(deadlineAfter(callLimit), **bus, *request);
+}
+
+void send(const Descriptor& end, std::string_view bytes) {
+    EXPECT_EQ(::send(end.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+}
+
+TEST(DeadlineTest, IsNeverInThePastAndAtMostADayAhead) {
+    const Deadline before = deadlineAfter(Seconds{0});
+    EXPECT_GE(deadlineAfter(Seconds{-5}), before);
+    const Deadline farthest = deadlineAfter(Seconds{1e300});
+    EXPECT_LE(farthest, std::chrono::steady_clock::now() + std::chrono::hours{24});
+}
+
+TEST(DeadlineTest, EndsAWaitThatWouldTakeLonger) {
+    EXPECT_TRUE(waitBefore(deadlineAfter(Seconds{60}), Seconds{0}));
+    const Deadline deadline = deadlineAfter(Seconds{0.01});
+    EXPECT_FALSE(waitBefore(deadline, Seconds{60}));
+    EXPECT_LT(std::chrono::steady_clock::now(), deadline + std::chrono::seconds{30});
+}
+
+TEST(BusCallTest, TakesAPeerThatIsGoneForOneThatDidNotAuthenticate) {
+    Pair pair;
+    pair.theirs = Descriptor();
+    auto bus = openBus(std::move(pair.ours));
+    // Whether the first bytes already fail is up to the version of sd-bus.
+    if (bus) {
+        const BusMessage request = statusRequest(**bus);
+        EXPECT_EQ(callWithin(deadlineAfter(limit), **bus, *request).error(),
+                  BusFault::Unauthenticated);
+    } else {
+        EXPECT_EQ(bus.error(), EPIPE);
+    }
+}
+
+TEST(BusCallTest, TakesANoForOneToo) {
+    Pair pair;
+    // sd-bus looks at no line before it has two.
+    send(pair.theirs, "REJECTED EXTERNAL\r\nREJECTED EXTERNAL\r\n");
+    EXPECT_EQ(callOn(pair).error(), BusFault::Unauthenticated);
+}
+
+TEST(BusCallTest, TakesNonsenseForOneToo) {
+    Pair pair;
+    send(pair.theirs, "HTTP/1.1 400 Bad Request\r\n\r\n");
+    EXPECT_EQ(callOn(pair).error(), BusFault::Unauthenticated);
+}
+
+constexpr std::string_view welcome = "DATA\r\nOK 00112233445566778899aabbccddeeff\r\n";
+
+TEST(BusCallTest, BreaksOnNonsenseAfterAuthentication) {
+    Pair pair;
+    send(pair.theirs, welcome);
+    send(pair.theirs, "This is no message of D-Bus, whatever else it may be.");
+    EXPECT_EQ(callOn(pair).error(), BusFault::Broken);
+}
+
+TEST(BusCallTest, BreaksWhenThePeerGoesAfterAuthentication) {
+    Pair pair;
+    send(pair.theirs, welcome);
+    ASSERT_EQ(shutdown(pair.theirs.get(), SHUT_WR), 0);
+    EXPECT_EQ(callOn(pair).error(), BusFault::Broken);
+}
+
+TEST(BusCallTest, TimesOutWithAPeerThatSaysHalfAWord) {
+    Pair pair;
+    send(pair.theirs, "DA");
+    EXPECT_EQ(callOn(pair, Seconds{0.1}).error(), BusFault::TimedOut);
+}
+
+TEST(BusCallTest, GivesAnErrorReplyAsAReply) {
+    const TemporaryFolder folder;
+    const FakeHelper helper(folder / "socket", {Conduct::Reject});
+    auto socket = connectAsApp(folder / "socket", deadlineAfter(limit));
+    ASSERT_TRUE(socket.has_value());
+    const auto bus = openBus(std::move(*socket));
+    ASSERT_TRUE(bus.has_value());
+    const BusMessage request = statusRequest(**bus);
+    const auto reply = callWithin(deadlineAfter(limit), **bus, *request);
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_STREQ(sd_bus_message_get_error(reply->get())->name, SD_BUS_ERROR_UNKNOWN_METHOD);
+}
+
+}  // namespace
+}  // namespace halvo::testing

@@ -1,0 +1,245 @@
+#include "HalvoClient/FakeHelper.hpp"
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-id128.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <utility>
+
+#include "HalvoPlatform/Fatal.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using Record = FakeHelper::Record;
+
+void require(bool holds, const char* what) {
+    if (!holds) {
+        fatal(std::string("FakeHelper: ") + what);
+    }
+}
+
+struct Serving {
+    Record& record;
+    Conduct conduct{};
+    bool over = false;
+};
+
+void note(Record& record, sd_bus_message* request) {
+    std::ostringstream text;
+    text.precision(17);
+    text << sd_bus_message_get_member(request);
+    const char* path = nullptr;
+    double until = 0;
+    double started = 0;
+    int ending = 0;
+    if (sd_bus_message_has_signature(request, "sdd") > 0 &&
+        sd_bus_message_read(request, "sdd", &path, &until, &started) > 0) {
+        text << ' ' << path << ' ' << until << ' ' << started;
+    } else if (sd_bus_message_has_signature(request, "b") > 0 &&
+               sd_bus_message_read(request, "b", &ending) > 0) {
+        text << (ending != 0 ? " true" : " false");
+    }
+    std::snprintf(record.lastRequest.data(), record.lastRequest.size(), "%s", text.str().c_str());
+    ++record.requests;
+}
+
+int replyWithDates(sd_bus_message* request, const Record& record,
+                   const std::vector<double>& dates) {
+    sd_bus_message* reply = nullptr;
+    int result = sd_bus_message_new_method_return(request, &reply);
+    if (result >= 0) {
+        result = sd_bus_message_append(reply, "b", static_cast<int>(record.holding));
+    }
+    if (result >= 0) {
+        result =
+            sd_bus_message_append_array(reply, 'd', dates.data(), dates.size() * sizeof(double));
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(reply, "b", static_cast<int>(record.locked));
+    }
+    if (result >= 0) {
+        result = sd_bus_send(nullptr, reply, nullptr);
+    }
+    sd_bus_message_unref(reply);
+    return result;
+}
+
+int answer(sd_bus_message* request, const Record& record) {
+    if (std::strcmp(sd_bus_message_get_member(request), "Status") != 0) {
+        return sd_bus_reply_method_return(request, "b", static_cast<int>(record.yes));
+    }
+    const double until = record.until;
+    return replyWithDates(request, record,
+                          until == 0 ? std::vector<double>{} : std::vector<double>{until});
+}
+
+int answerForLogind(sd_bus_message* request, const Record& record) {
+    if (std::strcmp(sd_bus_message_get_member(request), "Hello") == 0) {
+        return sd_bus_reply_method_return(request, "s", ":1.1");
+    }
+    return sd_bus_reply_method_return(request, "v", "b", static_cast<int>(record.yes));
+}
+
+int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
+    auto& serving = *static_cast<Serving*>(userdata);
+    if (sd_bus_message_is_method_call(request, nullptr, nullptr) <= 0) {
+        return 0;
+    }
+    note(serving.record, request);
+    int result = 0;
+    switch (serving.conduct) {
+        case Conduct::AnswerLate:
+            usleep(300'000);
+            [[fallthrough]];
+        case Conduct::Answer:
+        case Conduct::AnswerOnce:
+            result = answer(request, serving.record);
+            break;
+        case Conduct::Reject:
+            result = sd_bus_reply_method_errorf(request, SD_BUS_ERROR_UNKNOWN_METHOD,
+                                                "There is no %s here",
+                                                sd_bus_message_get_member(request));
+            break;
+        case Conduct::AnswerText:
+            result = sd_bus_reply_method_return(request, "s", "yes");
+            break;
+        case Conduct::AnswerTwoDates:
+            result = replyWithDates(request, serving.record, {1, 2});
+            break;
+        case Conduct::AnswerForLogind:
+            result = answerForLogind(request, serving.record);
+            break;
+        case Conduct::CloseAtAccept:
+        case Conduct::CloseOnRequest:
+        case Conduct::NeverAuthenticate:
+        case Conduct::NeverAnswer:
+            break;
+    }
+    // A client that has given up is none of our business.
+    serving.over = result < 0 || serving.conduct == Conduct::AnswerOnce ||
+                   serving.conduct == Conduct::CloseOnRequest;
+    return 1;
+}
+
+void serveBus(Descriptor peer, Serving& serving) {
+    sd_bus* bus = nullptr;
+    sd_id128_t id{};
+    require(sd_bus_new(&bus) >= 0 && sd_id128_randomize(&id) >= 0, "sd_bus_new");
+    require(sd_bus_set_fd(bus, peer.get(), peer.get()) >= 0, "sd_bus_set_fd");
+    [[maybe_unused]] const int owned = peer.release();
+    require(sd_bus_set_server(bus, 1, id) >= 0 &&
+                sd_bus_add_filter(bus, nullptr, handle, &serving) >= 0,
+            "setting up the connection");
+    bool open = sd_bus_start(bus) >= 0;
+    while (open && !serving.over) {
+        const int progress = sd_bus_process(bus, nullptr);
+        open = progress >= 0 && sd_bus_is_open(bus) > 0;
+        if (open && !serving.over && progress == 0) {
+            open = sd_bus_wait(bus, UINT64_MAX) >= 0;
+        }
+    }
+    sd_bus_flush(bus);
+    sd_bus_close_unref(bus);
+}
+
+void serve(Descriptor peer, Serving& serving) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    require(getsockopt(peer.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0,
+            "SO_PEERCRED");
+    serving.record.group = credentials.gid;
+    ++serving.record.connections;
+    if (serving.conduct == Conduct::CloseAtAccept) {
+        return;
+    }
+    if (serving.conduct == Conduct::NeverAuthenticate) {
+        std::array<char, 256> buffer{};
+        while (read(peer.get(), buffer.data(), buffer.size()) > 0) {
+        }
+        return;
+    }
+    serveBus(std::move(peer), serving);
+}
+
+[[noreturn]] void runHelper(int listener, const std::vector<Conduct>& conducts, Record& record) {
+    for (std::size_t i = 0;; ++i) {
+        Descriptor peer(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        require(peer.isOpen(), "accept");
+        Serving serving{record, conducts[std::min(i, conducts.size() - 1)]};
+        serve(std::move(peer), serving);
+    }
+}
+
+}  // namespace
+
+FakeHelper::FakeHelper(std::string path, const std::vector<Conduct>& conducts)
+    : path_(std::move(path)) {
+    void* memory =
+        mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    require(memory != MAP_FAILED, "mmap");
+    record_ = new (memory) Record;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    require(path_.size() < sizeof address.sun_path, "the path is too long");
+    std::ranges::copy(path_, address.sun_path);
+    unlink(path_.c_str());
+    const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    constexpr int queue = 16;
+    // Clients without root's rights connect too, hence the permissions.
+    require(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                chmod(path_.c_str(), 0666) == 0 && listen(listener.get(), queue) == 0,
+            "listening");
+    start(listener.get(), conducts);
+}
+
+void FakeHelper::start(int listener, const std::vector<Conduct>& conducts) {
+    const pid_t test = getpid();
+    process_ = fork();
+    require(process_ >= 0, "fork");
+    if (process_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // The test may have died before the line above.
+        if (getppid() != test) {
+            _exit(EXIT_FAILURE);
+        }
+        runHelper(listener, conducts, *record_);
+    }
+}
+
+FakeHelper::~FakeHelper() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    unlink(path_.c_str());
+    munmap(record_, sizeof(Record));
+}
+
+void FakeHelper::stop() const {
+    kill(process_, SIGSTOP);
+    int status = 0;
+    require(waitpid(process_, &status, WUNTRACED) == process_ && WIFSTOPPED(status), "stopping");
+}
+
+void FakeHelper::resume() const {
+    kill(process_, SIGCONT);
+    int status = 0;
+    require(waitpid(process_, &status, WCONTINUED) == process_ && WIFCONTINUED(status), "resuming");
+}
+
+}  // namespace halvo::testing

@@ -1,0 +1,264 @@
+#include "HalvoClient/HelperClient.hpp"
+
+#include <sysexits.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/Paths.hpp"
+
+namespace halvo {
+namespace {
+
+using HelperFailures::NoResources;
+using HelperFailures::NotRunning;
+using HelperFailures::Refused;
+using HelperFailures::Rejected;
+using HelperFailures::TimedOut;
+
+// How long a helper that was killed while it accepted gets to be replaced.
+constexpr Seconds pauseAfterRefusal{0.1};
+
+// No connection could be made, or no request: the errno.
+struct CannotAsk {
+    int code;
+};
+
+// What an attempt ended in: a fault that another attempt may cure, or an end to all attempts.
+using Trouble = std::variant<BusFault, CannotAsk>;
+
+HelperFailure failureOf(CannotAsk trouble) {
+    switch (trouble.code) {
+        case EACCES:
+        case EPERM:
+            return Refused{};
+        case ETIMEDOUT:
+            return TimedOut{};
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+            return NoResources{trouble.code};
+        default:
+            return NotRunning{trouble.code};
+    }
+}
+
+std::expected<BusHandle, Trouble> connectToHelper(const std::string& path, Deadline deadline) {
+    auto socket = connectAsApp(path, deadline);
+    if (!socket) {
+        return std::unexpected(CannotAsk{socket.error()});
+    }
+    auto bus = openBus(std::move(*socket));
+    if (bus) {
+        return std::move(*bus);
+    }
+    // A helper that closes at once can be seen here already, by the first bytes we send.
+    if (bus.error() == EPIPE || bus.error() == ECONNRESET) {
+        return std::unexpected(BusFault::Unauthenticated);
+    }
+    return std::unexpected(CannotAsk{bus.error()});
+}
+
+using Append = std::function<int(sd_bus_message*)>;
+
+std::expected<BusMessage, int> makeRequest(sd_bus& bus, const char* member, const Append& append) {
+    sd_bus_message* raw = nullptr;
+    int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
+                                                HelperBus::interface, member);
+    BusMessage request(raw);
+    if (result >= 0) {
+        result = append(raw);
+    }
+    if (result < 0) {
+        return std::unexpected(-result);
+    }
+    return request;
+}
+
+std::expected<BusMessage, Trouble> attempt(BusHandle& bus, const std::string& path,
+                                           const char* member, const Append& append,
+                                           Deadline deadline) {
+    if (bus == nullptr) {
+        auto made = connectToHelper(path, deadline);
+        if (!made) {
+            return std::unexpected(made.error());
+        }
+        bus = std::move(*made);
+    }
+    const auto request = makeRequest(*bus, member, append);
+    if (!request) {
+        return std::unexpected(CannotAsk{request.error()});
+    }
+    auto reply = callWithin(deadline, *bus, **request);
+    if (!reply) {
+        return std::unexpected(reply.error());
+    }
+    return std::move(*reply);
+}
+
+HelperFailure notUnderstood(const char* member) {
+    return Rejected{SD_BUS_ERROR_INCONSISTENT_MESSAGE,
+                    std::string("The helper answered ") + member + " in an unknown form"};
+}
+
+// An error reply is a failure.
+std::expected<BusMessage, HelperFailure> answerOf(BusMessage reply) {
+    const sd_bus_error* error = sd_bus_message_get_error(reply.get());
+    if (error == nullptr) {
+        return reply;
+    }
+    return std::unexpected(Rejected{error->name, error->message == nullptr ? "" : error->message});
+}
+
+int appendNothing(sd_bus_message*) { return 0; }
+
+std::string systemText(int code) { return std::generic_category().message(code); }
+
+struct Describe {
+    std::string operator()(const NotRunning& failure) const {
+        return "The helper is not running: " + systemText(failure.code) + ".";
+    }
+
+    std::string operator()(const Refused&) const {
+        return "The helper refused the connection before reading a request.";
+    }
+
+    std::string operator()(const TimedOut&) const { return "The helper did not answer in time."; }
+
+    std::string operator()(const Rejected& failure) const {
+        return "The helper rejected the request: " + failure.message + " (" + failure.name + ").";
+    }
+
+    std::string operator()(const NoResources& failure) const {
+        return "The helper cannot be asked: " + systemText(failure.code) + ".";
+    }
+};
+
+struct ExitStatus {
+    int operator()(const NotRunning&) const { return EX_UNAVAILABLE; }
+
+    int operator()(const Refused&) const { return EX_NOPERM; }
+
+    int operator()(const TimedOut&) const { return EX_TEMPFAIL; }
+
+    int operator()(const Rejected&) const { return EX_DATAERR; }
+
+    int operator()(const NoResources&) const { return EX_OSERR; }
+};
+
+}  // namespace
+
+std::string description(const HelperFailure& failure) { return std::visit(Describe{}, failure); }
+
+int exitStatus(const HelperFailure& failure) { return std::visit(ExitStatus{}, failure); }
+
+HelperClient::HelperClient(const HelperIdentity& identity)
+    : HelperClient(HelperBus::socketPath(identity.helperBundleID())) {}
+
+HelperClient::HelperClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
+
+HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, WallDate until,
+                                               WallDate started, Seconds limit) {
+    if (!isUTF8(appPath) || appPath.find('\0') != std::string::npos) {
+        return std::unexpected(
+            Rejected{SD_BUS_ERROR_INVALID_ARGS, "The app's path is no text that D-Bus can carry"});
+    }
+    return askYesOrNo(
+        "Begin",
+        [&](sd_bus_message* request) {
+            return sd_bus_message_append(request, "sdd", appPath.c_str(), secondsSince1970(until),
+                                         secondsSince1970(started));
+        },
+        limit);
+}
+
+HelperClient::Result<bool> HelperClient::heartbeat(bool sessionEnding, Seconds limit) {
+    return askYesOrNo(
+        "Heartbeat",
+        [sessionEnding](sd_bus_message* request) {
+            return sd_bus_message_append(request, "b", static_cast<int>(sessionEnding));
+        },
+        limit);
+}
+
+HelperClient::Result<bool> HelperClient::end(Seconds limit) {
+    return askYesOrNo("End", appendNothing, limit);
+}
+
+HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
+    constexpr const char* member = "Status";
+    const auto reply = ask(member, appendNothing, limit);
+    if (!reply) {
+        return std::unexpected(reply.error());
+    }
+    int holding = 0;
+    const void* dates = nullptr;
+    std::size_t size = 0;
+    int locked = 0;
+    if (sd_bus_message_has_signature(reply->get(), "badb") <= 0 ||
+        sd_bus_message_read(reply->get(), "b", &holding) <= 0 ||
+        sd_bus_message_read_array(reply->get(), 'd', &dates, &size) < 0 ||
+        sd_bus_message_read(reply->get(), "b", &locked) <= 0 || size > sizeof(double)) {
+        return std::unexpected(notUnderstood(member));
+    }
+    HelperStatus status{holding != 0, std::nullopt, locked != 0};
+    if (size == sizeof(double)) {
+        status.until = wallDate(*static_cast<const double*>(dates));
+    }
+    return status;
+}
+
+HelperClient::Result<bool> HelperClient::askYesOrNo(const char* member, const Append& append,
+                                                    Seconds limit) {
+    const auto reply = ask(member, append, limit);
+    if (!reply) {
+        return std::unexpected(reply.error());
+    }
+    int yes = 0;
+    if (sd_bus_message_has_signature(reply->get(), "b") <= 0 ||
+        sd_bus_message_read(reply->get(), "b", &yes) <= 0) {
+        return std::unexpected(notUnderstood(member));
+    }
+    return yes != 0;
+}
+
+HelperClient::Result<BusMessage> HelperClient::ask(const char* member, const Append& append,
+                                                   Seconds limit) {
+    const Deadline deadline = deadlineAfter(limit);
+    bool refusedBefore = false;
+    bool brokenBefore = false;
+    while (true) {
+        auto reply = attempt(bus_, socketPath_, member, append, deadline);
+        if (reply) {
+            return answerOf(std::move(*reply));
+        }
+        bus_.reset();
+        if (const auto* trouble = std::get_if<CannotAsk>(&reply.error())) {
+            return std::unexpected(failureOf(*trouble));
+        }
+        switch (std::get<BusFault>(reply.error())) {
+            case BusFault::Unauthenticated:
+                if (std::exchange(refusedBefore, true)) {
+                    return std::unexpected(Refused{});
+                }
+                if (!waitBefore(deadline, pauseAfterRefusal)) {
+                    return std::unexpected(TimedOut{});
+                }
+                break;
+            case BusFault::Broken:
+                if (std::exchange(brokenBefore, true)) {
+                    return std::unexpected(NotRunning{ECONNRESET});
+                }
+                break;
+            case BusFault::TimedOut:
+                return std::unexpected(TimedOut{});
+        }
+    }
+}
+
+}  // namespace halvo

@@ -1,0 +1,78 @@
+#include "examples/SampleApp/SessionEnding.hpp"
+
+#include <systemd/sd-login.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "HalvoClient/BusCall.hpp"
+
+namespace halvo {
+namespace {
+
+// What an sd-login function answers, which hands out memory of malloc(3).
+template <class Ask>
+std::optional<std::string> textOf(const Ask& ask) {
+    char* raw = nullptr;
+    const int result = ask(&raw);
+    const std::unique_ptr<char, decltype(&std::free)> text(raw, &std::free);
+    return result < 0 || text == nullptr ? std::nullopt : std::optional<std::string>(text.get());
+}
+
+std::optional<std::string> ownSession() {
+    return textOf([](char** text) { return sd_pid_get_session(0, text); });
+}
+
+std::optional<std::string> stateOf(const std::string& session) {
+    return textOf([&](char** text) { return sd_session_get_state(session.c_str(), text); });
+}
+
+std::optional<std::string> stateOfUser() {
+    return textOf([](char** text) { return sd_uid_get_state(getuid(), text); });
+}
+
+std::optional<bool> askPreparingForShutdown(Seconds limit) {
+    sd_bus* rawBus = nullptr;
+    if (sd_bus_open_system(&rawBus) < 0) {
+        return std::nullopt;
+    }
+    const BusHandle bus(rawBus);
+    sd_bus_message* rawRequest = nullptr;
+    const int made = sd_bus_message_new_method_call(rawBus, &rawRequest, "org.freedesktop.login1",
+                                                    "/org/freedesktop/login1",
+                                                    "org.freedesktop.DBus.Properties", "Get");
+    const BusMessage request(rawRequest);
+    if (made < 0 || sd_bus_message_append(rawRequest, "ss", "org.freedesktop.login1.Manager",
+                                          "PreparingForShutdown") < 0) {
+        return std::nullopt;
+    }
+    const auto reply = callWithin(deadlineAfter(limit), *bus, *request);
+    int preparing = 0;
+    if (!reply || sd_bus_message_read(reply->get(), "v", "b", &preparing) <= 0) {
+        return std::nullopt;
+    }
+    return preparing != 0;
+}
+
+}  // namespace
+
+bool isSessionEnding(const SessionFacts& facts) {
+    const auto& state = facts.sessionState ? facts.sessionState : facts.userState;
+    return state == "closing" || facts.preparingForShutdown == true;
+}
+
+SessionFacts readSessionFacts(Seconds limit) {
+    SessionFacts facts;
+    if (const auto session = ownSession()) {
+        facts.sessionState = stateOf(*session);
+    }
+    facts.userState = stateOfUser();
+    // The files that answer the above cost nothing, a question on the bus does.
+    if (!isSessionEnding(facts)) {
+        facts.preparingForShutdown = askPreparingForShutdown(limit);
+    }
+    return facts;
+}
+
+}  // namespace halvo
