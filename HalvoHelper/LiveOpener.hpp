@@ -9,8 +9,8 @@ namespace halvo {
 
 // Starts the helper's own executable in its open-as-user mode and does not wait for it. The child
 // inherits nothing: no environment, no descriptor beyond 0 to 2 (which are /dev/null), no signal
-// mask or disposition, no session, "/" as its folder. It is reaped without anybody waiting. Main
-// queue only; one source per system.
+// mask or disposition, no session, "/" as its folder. (Its umask is the open-as-user mode's to
+// set.) It is reaped without anybody waiting. Main queue only; one source per system.
 //
 // On Linux SIGCHLD is ignored from the first opening on, so that the kernel reaps (sigaction(2)).
 class LiveOpener final : public AppOpener {

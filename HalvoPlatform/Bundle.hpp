@@ -23,8 +23,8 @@ using InfoDictionary = std::map<std::string, InfoValue>;
 std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
-// thread. Files longer than 1 MiB, damaged ones and such whose top level is no dictionary count as
-// missing.
+// thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
+// as missing.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.

@@ -1,6 +1,6 @@
-#include "HalvoPlatform/Bundle.hpp"
-
 #include <gtest/gtest.h>
+
+#include "HalvoPlatform/Bundle.hpp"
 
 namespace halvo {
 namespace {

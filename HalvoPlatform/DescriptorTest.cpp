@@ -1,10 +1,10 @@
-#include "HalvoPlatform/Descriptor.hpp"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <type_traits>
 #include <utility>
+
+#include "HalvoPlatform/Descriptor.hpp"
 
 namespace halvo {
 namespace {

@@ -1,9 +1,8 @@
-#include "HalvoPlatform/Fatal.hpp"
-
 #include <gtest/gtest.h>
 
 #include <csignal>
 
+#include "HalvoPlatform/Fatal.hpp"
 #include "tests/Support/ChildProcess.hpp"
 
 namespace halvo {

@@ -1,10 +1,9 @@
-#include "HalvoPlatform/MainActor.hpp"
-
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <thread>
 
+#include "HalvoPlatform/MainActor.hpp"
 #include "tests/Support/ChildProcess.hpp"
 
 namespace halvo {

@@ -1,5 +1,3 @@
-#include "HalvoPlatform/Paths.hpp"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "HalvoPlatform/Paths.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {

@@ -1,5 +1,3 @@
-#include "HalvoPlatform/Time.hpp"
-
 #include <gtest/gtest.h>
 
 #include <array>
@@ -9,6 +7,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "HalvoPlatform/Time.hpp"
 #include "tests/Support/FaultInjection.hpp"
 
 namespace halvo {
@@ -77,8 +76,13 @@ TEST(TimeTest, WholeSecondsAreTruncatedTowardZero) {
     };
 
     constexpr std::array rows{
-        Row{0, 0},       Row{-0.0, 0},     Row{0.999, 0}, Row{-0.999, 0},
-        Row{1.5, 1},     Row{-1.5, -1},    Row{7200, 7200},
+        Row{0, 0},
+        Row{-0.0, 0},
+        Row{0.999, 0},
+        Row{-0.999, 0},
+        Row{1.5, 1},
+        Row{-1.5, -1},
+        Row{7200, 7200},
         Row{86399.9999, 86399},
         Row{Limits::denorm_min(), 0},
         Row{9007199254740993.0, 9007199254740992},

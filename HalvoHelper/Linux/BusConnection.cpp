@@ -5,6 +5,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <expected>
 #include <utility>
 
@@ -73,6 +74,10 @@ int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
     const int result = sd_bus_message_read(message, "sdd", &appPath, &until, &started);
     if (result < 0) {
         return result;
+    }
+    if (std::strlen(appPath) > Limits::appPath) {
+        replyInvalid(keep(message), "appPath is longer than any path");
+        return 1;
     }
     requestsOf(connection)
         .begin(appPath, wallDate(until), wallDate(started),
@@ -214,8 +219,14 @@ int BusConnection::onConnected(sd_bus_message*, void* self, sd_bus_error*) {
 
 // One message at a turn, so that a flood leaves the other connections theirs.
 int BusConnection::onFirstMessages(sd_event_source* source, void* self) {
-    if (sd_bus_process(static_cast<BusConnection*>(self)->bus_, nullptr) <= 0) {
+    sd_bus* bus = static_cast<BusConnection*>(self)->bus_;
+    const int result = sd_bus_process(bus, nullptr);
+    if (result <= 0) {
         sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    }
+    // As sd-bus does itself with what is no message when it comes later.
+    if (result < 0) {
+        disconnect(bus);
     }
     return 0;
 }

@@ -30,7 +30,8 @@ class BusConnection {
     ~BusConnection();
 
     // Serves the connected `socket` on the main thread's event loop. False when the system has no
-    // memory or descriptors for it; the connection is then of no use. Called once.
+    // memory or descriptors for it, or what the caller has sent already is no authentication; the
+    // connection is then of no use. Called once.
     bool start(Descriptor socket);
 
     [[nodiscard]] HelperConnection& requests() { return *requests_; }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <optional>
 
@@ -99,7 +100,10 @@ std::expected<Caller, std::string> checkCaller(int connection, const HelperIdent
     int number = -1;
     size = sizeof number;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &number, &size) != 0) {
-        number = -1;  // an older kernel
+        if (errno != ENOPROTOOPT) {  // so an older kernel says that it has none
+            return std::unexpected("it cannot be told whether it still lives");
+        }
+        number = -1;
     }
     const Descriptor pidfd(number);
 
@@ -107,6 +111,10 @@ std::expected<Caller, std::string> checkCaller(int connection, const HelperIdent
     const auto executable = executableOf(link);
     if (!executable) {
         return std::unexpected("its executable cannot be read");
+    }
+    // The kernel's mark for a file that is no longer at its path; proc_pid_exe(5).
+    if (executable->ends_with(" (deleted)")) {
+        return std::unexpected("its executable was replaced or removed since it started");
     }
     if (!isOutOfReach(*executable)) {
         return std::unexpected("somebody besides root can change " + *executable);

@@ -96,7 +96,9 @@ class SocketListener final : public HelperListener {
             refusals_.refused(now, caller.error());
             return;
         }
-        admit(std::move(socket), *caller);
+        if (!admit(std::move(socket), *caller)) {
+            refusals_.refused(now, "what it sent is not D-Bus, or memory or descriptors ran out");
+        }
     }
 
     // With no descriptor or memory left the socket stays readable; looking again at once would
@@ -112,16 +114,16 @@ class SocketListener final : public HelperListener {
         sd_event_source_set_enabled(retry_, SD_EVENT_ONESHOT);
     }
 
-    void admit(Descriptor socket, const Caller& caller) {
+    bool admit(Descriptor socket, const Caller& caller) {
         const std::uint64_t id = nextID_++;
         auto connection = std::make_unique<BusConnection>(
             acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); });
         if (!connection->start(std::move(socket))) {
-            HALVO_LOG_ERROR(helperLog, "Couldn't serve a caller: no memory or descriptors left");
             acceptor_->invalidated();
-            return;
+            return false;
         }
         connections_.emplace(id, std::move(connection));
+        return true;
     }
 
     // Called from within the connection, which therefore goes later.
@@ -157,18 +159,31 @@ std::expected<Descriptor, ListenerFailure> socketFromSystemd() {
     return Descriptor(socket);
 }
 
+// Whether `file` is what now lies at `path`.
+bool liesAt(const Descriptor& file, const std::string& path) {
+    struct stat own{};
+    struct stat there{};
+    return fstat(file.get(), &own) == 0 && lstat(path.c_str(), &there) == 0 &&
+           own.st_dev == there.st_dev && own.st_ino == there.st_ino;
+}
+
 // Makes sure that no other helper serves `path`, for as long as the result is open. A file of its
 // own, because the socket's own file is no help: it outlives a helper that was killed.
 std::expected<Descriptor, ListenerFailure> takeLock(const std::string& path) {
     constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor lock(open(path.c_str(), flags, 0600));
-    if (!lock.isOpen()) {
-        return failure(exitSystem, "Couldn't open " + path + ": " + described(errno));
+    while (true) {
+        Descriptor lock(open(path.c_str(), flags, 0600));
+        if (!lock.isOpen()) {
+            return failure(exitSystem, "Couldn't open " + path + ": " + described(errno));
+        }
+        if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            return failure(exitSystem, "Another helper already runs: it holds " + path);
+        }
+        // A helper that ended in between took its file away, and what was locked is nobody's lock.
+        if (liesAt(lock, path)) {
+            return lock;
+        }
     }
-    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        return failure(exitSystem, "Another helper already runs: it holds " + path);
-    }
-    return lock;
 }
 
 // Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;

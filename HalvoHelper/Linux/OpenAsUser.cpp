@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -156,6 +157,9 @@ void run(std::span<const std::string> words) {
         std::exit(exitNoPermission);
     }
     const Command command = commandFor(*request, *user);
+    // The app's own files are made as in any other session of the person.
+    constexpr mode_t usual = 022;
+    umask(usual);
     const CStrings arguments(command.arguments);
     const CStrings environment(command.environment);
     execve(command.path.c_str(), arguments.data(), environment.data());

@@ -66,7 +66,9 @@ int change(int item, std::uint32_t wanted) {
 std::optional<std::uint32_t> itemFlags(const std::string& path) {
     struct statx status{};
     // STATX_TYPE because something must be asked for; the attributes come with anything.
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
+    // The kernel would take a path with a zero byte inside for what stands before it.
+    if (path.find('\0') != std::string::npos ||
+        statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
         return std::nullopt;
     }
     std::uint32_t flags = 0;

@@ -18,7 +18,8 @@
 namespace halvo {
 namespace {
 
-constexpr std::size_t infoLimit = std::size_t{1} << 20U;
+// libplist follows nested members on the stack: what fits in here cannot exhaust it.
+constexpr std::size_t infoLimit = std::size_t{1} << 17U;
 
 // libplist hands out memory of malloc(3).
 using Text = std::unique_ptr<char, decltype(&std::free)>;

@@ -18,7 +18,8 @@ void prepareDaemon() {
         close(descriptor);
     }
     std::signal(SIGPIPE, SIG_IGN);
-    umask(077);
+    constexpr mode_t usual = 022;
+    umask(usual);
     // "/" can always be entered by root; where not, the folder stays, which harms nothing.
     [[maybe_unused]] const int result = chdir("/");
 }

@@ -50,9 +50,9 @@ constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
 class EventLoopQueue final : public MainQueue {
   public:
     EventLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        require(wakeUp_ < 0 ? -errno : 0, "eventfd");
         assumeMainActor();
         require(sd_event_default(&loop_), "sd_event_default");
-        require(wakeUp_, "eventfd");
         const auto drain = [](sd_event_source*, int descriptor, std::uint32_t, void* self) {
             eventfd_t count = 0;
             eventfd_read(descriptor, &count);
@@ -91,8 +91,10 @@ class EventLoopQueue final : public MainQueue {
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
         auto* timer = new Timer{std::move(work), microseconds(interval)};
         sd_event_source* source = nullptr;
+        // An accuracy of 0 would stand for sd-event's own choice, 250 ms.
+        const std::uint64_t accuracy = std::max<std::uint64_t>(microseconds(leeway), 1);
         require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC, microseconds(first),
-                                           microseconds(leeway), fire, timer),
+                                           accuracy, fire, timer),
                 "sd_event_add_time_relative");
         require(sd_event_source_set_priority(source, timerPriority),
                 "sd_event_source_set_priority");

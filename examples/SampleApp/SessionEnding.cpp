@@ -20,8 +20,14 @@ std::optional<std::string> textOf(const Ask& ask) {
     return result < 0 || text == nullptr ? std::nullopt : std::optional<std::string>(text.get());
 }
 
+// The session that this process runs in, if it is one at a screen: a remote login that ends says
+// nothing about the session that the helper keeps the app open in.
 std::optional<std::string> ownSession() {
-    return textOf([](char** text) { return sd_pid_get_session(0, text); });
+    auto session = textOf([](char** text) { return sd_pid_get_session(0, text); });
+    const auto seat =
+        session ? textOf([&](char** text) { return sd_session_get_seat(session->c_str(), text); })
+                : std::nullopt;
+    return seat ? session : std::nullopt;
 }
 
 std::optional<std::string> stateOf(const std::string& session) {

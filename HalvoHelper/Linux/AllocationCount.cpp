@@ -1,0 +1,68 @@
+#include "HalvoHelper/Linux/AllocationCount.hpp"
+
+#include <atomic>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HALVO_SANITIZED_ALLOCATOR
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HALVO_SANITIZED_ALLOCATOR
+#endif
+
+namespace {
+
+std::atomic<std::size_t> allocations{0};
+
+}  // namespace
+
+#ifdef HALVO_SANITIZED_ALLOCATOR
+
+#include <sanitizer/allocator_interface.h>
+
+namespace {
+
+// The sanitizers have an allocator of their own, and tell who wants to know.
+[[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, std::size_t) { ++allocations; }, [](const volatile void*) {});
+
+}  // namespace
+
+#else
+
+// The executable's functions come before the C library's, also for shared libraries: ld.so(8).
+extern "C" {
+
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) noexcept {
+    ++allocations;
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) noexcept {
+    ++allocations;
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, std::size_t size) noexcept {
+    ++allocations;
+    return __libc_realloc(memory, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+    ++allocations;
+    return __libc_memalign(alignment, size);
+}
+}
+
+#endif
+
+namespace halvo::testing {
+
+std::size_t allocationsMade() { return allocations; }
+
+}  // namespace halvo::testing

@@ -1,0 +1,591 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "HalvoHelper/Linux/CallerRules.hpp"
+#include "HalvoHelper/Linux/Interception.hpp"
+#include "HalvoHelper/Linux/PrivateMachine.hpp"
+#include "HalvoHelper/Linux/TestBundle.hpp"
+#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::AnyOf;
+
+const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
+
+// Why a caller was refused; "admitted" when it was not.
+std::string verdictOn(int connection, const HelperIdentity& wanted = identity) {
+    const auto caller = checkCaller(connection, wanted);
+    return caller ? "admitted" : caller.error();
+}
+
+std::array<Descriptor, 2> connectedEnds() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+TEST(CallerRulesTest, RefuseWhatIsNoConnection) {
+    EXPECT_EQ(verdictOn(-1), "its credentials cannot be read");
+    const Descriptor file(dup(STDERR_FILENO));
+    EXPECT_EQ(verdictOn(file.get()), "its credentials cannot be read");
+    const Descriptor unconnected(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(verdictOn(unconnected.get()), "its credentials cannot be read");
+}
+
+TEST(CallerRulesTest, RefuseAnyOtherProgram) {
+    const auto ends = connectedEnds();
+    EXPECT_NE(verdictOn(ends[0].get()), "admitted");
+}
+
+TEST(CallerRulesTest, ReadNothingFromTheConnection) {
+    const auto ends = connectedEnds();
+    ASSERT_EQ(write(ends[1].get(), "hello", 5), 5);
+    EXPECT_NE(verdictOn(ends[0].get()), "admitted");
+    std::array<char, 16> buffer{};
+    EXPECT_EQ(read(ends[0].get(), buffer.data(), buffer.size()), 5);
+}
+
+// ----------------------------------------------------------------------------- for real, in a
+// machine
+
+class CallerRulesPrivateMachineTest : public PrivateMachineTest {
+  protected:
+    void prepare() override {
+        app = std::make_unique<TestBundle>("/Applications/Sample.app");
+        app->writeInfo();
+        app->install(appGroup);
+        listen();
+    }
+
+    void cleanUp() override {
+        caller.reset();
+        for (const auto& item : fs::directory_iterator("/Applications")) {
+            fs::remove_all(item.path());
+        }
+    }
+
+    void listen() {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        fs::remove(socketPath);
+        listener = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+        ASSERT_EQ(chmod(socketPath.c_str(), 0666), 0);
+        ASSERT_EQ(::listen(listener.get(), 5), 0);
+    }
+
+    // Runs `path` with these words as a process that first does `prepare`, and takes its
+    // connection.
+    Descriptor connectionOf(const std::string& path, const std::vector<std::string>& words,
+                            const std::function<void()>& prepare) {
+        caller = std::make_unique<TestProcess>([&] {
+            prepare();
+            execute(path, words);
+        });
+        pollfd waiting{listener.get(), POLLIN, 0};
+        constexpr int tenSeconds = 10'000;
+        if (poll(&waiting, 1, tenSeconds) != 1) {
+            ADD_FAILURE() << "no connection; " << path << " says: " << caller->readLine();
+            return {};
+        }
+        return Descriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
+
+    Descriptor connectionOf(const std::string& path, const std::vector<std::string>& words) {
+        return connectionOf(path, words, [this] { become(user); });
+    }
+
+    // The usual caller: a person's process of the program at `path`, which is there to stay.
+    Descriptor connectionOf(const std::string& path) {
+        return connectionOf(path, {"connect", socketPath});
+    }
+
+    Descriptor connectionOfApp() { return connectionOf(app->executable()); }
+
+    std::string verdictOnApp() { return verdictOn(connectionOfApp().get()); }
+
+    [[nodiscard]] std::string changeable() const {
+        return "somebody besides root can change " + app->executable();
+    }
+
+    [[nodiscard]] std::string forged() const {
+        return "what it runs is not the file at " + app->executable();
+    }
+
+    [[nodiscard]] std::string withoutGroup(const std::string& path) const {
+        return "it does not run with the private group of " + path;
+    }
+
+    [[nodiscard]] std::string ofAnotherApp() const {
+        return app->executable() + " is not in a bundle of this app and team";
+    }
+
+    const std::string socketPath = "/run/callers.sock";
+    std::unique_ptr<TestBundle> app;
+    Descriptor listener;
+    std::unique_ptr<TestProcess> caller;
+};
+
+// Each rule is broken by itself: the rest holds as in this one.
+TEST_F(CallerRulesPrivateMachineTest, AdmitTheInstalledApp) {
+    const Descriptor connection = connectionOfApp();
+    const auto verdict = checkCaller(connection.get(), identity);
+    ASSERT_TRUE(verdict) << verdict.error();
+    EXPECT_EQ(verdict->uid, user.uid);
+    EXPECT_EQ(verdict->executable, app->executable());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfEveryPerson) {
+    const Descriptor connection =
+        connectionOf(app->executable(), {"connect", socketPath}, [this] { become(other); });
+    const auto verdict = checkCaller(connection.get(), identity);
+    ASSERT_TRUE(verdict) << verdict.error();
+    EXPECT_EQ(verdict->uid, other.uid);
+}
+
+TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfRoot) {
+    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [] {});
+    const auto verdict = checkCaller(connection.get(), identity);
+    ASSERT_TRUE(verdict) << verdict.error();
+    EXPECT_EQ(verdict->uid, 0U);
+}
+
+TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheBundleThatIsInstalledSo) {
+    const std::string second = app->folder() + "/Second";
+    copyProgram(HALVO_TEST_APP, second);
+    ASSERT_EQ(chown(second.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(second.c_str(), 02755), 0);
+    EXPECT_EQ(verdictOn(connectionOf(second).get()), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, AdmitAStoppedApp) {
+    const Descriptor connection = connectionOfApp();
+    caller->send(SIGSTOP);
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+}
+
+// -------------------------------------------------------------------------------- the private
+// group
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatIsNotSetGroupId) {
+    ASSERT_EQ(chmod(app->executable().c_str(), 0755), 0);
+    EXPECT_EQ(verdictOnApp(), withoutGroup(app->executable()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest,
+       RefuseAnExecutableThatIsNotSetGroupIdAlsoToAMemberOfItsGroup) {
+    ASSERT_EQ(chmod(app->executable().c_str(), 0755), 0);
+    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath},
+                                               [this] { become({user.uid, appGroup}); });
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatHadPutItsGroupAside) {
+    const Descriptor connection =
+        connectionOf(app->executable(), {"drop-group", "connect", socketPath});
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseTheGroupOfAnotherProgram) {
+    const Descriptor connection = connectionOfApp();
+    // To belong to another group loses the bit: chown(2).
+    ASSERT_EQ(chown(app->executable().c_str(), 0, user.gid), 0);
+    ASSERT_EQ(chmod(app->executable().c_str(), 02755), 0);
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseASystemProgram) {
+    const Descriptor connection =
+        connectionOf(HALVO_TEST_APP, {"connect-run", socketPath, "/usr/bin/sleep", "60"});
+    ASSERT_TRUE(eventually([this] {
+        return fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe") ==
+               "/usr/bin/sleep";
+    }));
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup("/usr/bin/sleep"));
+}
+
+// ------------------------------------------------------------------------- who can change the file
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatItsGroupCanWrite) {
+    ASSERT_EQ(chmod(app->executable().c_str(), 02775), 0);
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatEverybodyCanWrite) {
+    ASSERT_EQ(chmod(app->executable().c_str(), 02757), 0);
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableOfSomebodyElse) {
+    ASSERT_EQ(chown(app->executable().c_str(), user.uid, appGroup), 0);
+    ASSERT_EQ(chmod(app->executable().c_str(), 02755), 0);
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+class CallerRulesFolderPrivateMachineTest : public CallerRulesPrivateMachineTest,
+                                            public ::testing::WithParamInterface<const char*> {
+  protected:
+    void cleanUp() override {
+        ASSERT_EQ(chown(GetParam(), 0, 0), 0);
+        ASSERT_EQ(chmod(GetParam(), 0755), 0);
+        CallerRulesPrivateMachineTest::cleanUp();
+    }
+};
+
+TEST_P(CallerRulesFolderPrivateMachineTest, IsNotWritableByItsGroup) {
+    ASSERT_EQ(chmod(GetParam(), 0775), 0);
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+TEST_P(CallerRulesFolderPrivateMachineTest, IsNotWritableByEverybody) {
+    ASSERT_EQ(chmod(GetParam(), 01757), 0) << "not even when it is sticky";
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+TEST_P(CallerRulesFolderPrivateMachineTest, IsNobodyElses) {
+    ASSERT_EQ(chown(GetParam(), user.uid, 0), 0);
+    EXPECT_EQ(verdictOnApp(), changeable());
+}
+
+INSTANTIATE_TEST_SUITE_P(Above, CallerRulesFolderPrivateMachineTest,
+                         ::testing::Values("/", "/Applications", "/Applications/Sample.app",
+                                           "/Applications/Sample.app/Contents",
+                                           "/Applications/Sample.app/Contents/MacOS"));
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseACopyOfThePersonsOwn) {
+    const std::string home = "/home/" + userName;
+    const TestBundle copy(home + "/Sample.app");
+    copy.writeInfo();
+    for (const auto& item : fs::recursive_directory_iterator(home)) {
+        ASSERT_EQ(lchown(item.path().c_str(), user.uid, user.gid), 0);
+    }
+    ASSERT_EQ(chmod(copy.executable().c_str(), 02755), 0);
+    EXPECT_EQ(verdictOn(connectionOf(copy.executable()).get()),
+              "somebody besides root can change " + copy.executable());
+    fs::remove_all(copy.path());
+}
+
+// By a path whose folder is a link for us. The caller sees a folder there.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAPathByWayOfALink) {
+    const std::string seen = "/Applications/Link.app/Contents/MacOS/Sample";
+    fs::create_directory_symlink(app->path(), "/Applications/Link.app");
+    const std::string real = "/tmp/real.app";
+    fs::create_directory(real);
+    const Descriptor connection = connectionOf(seen, {"connect", socketPath}, [&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(mount(app->path().c_str(), real.c_str(), nullptr, MS_BIND, nullptr), 0);
+        ASSERT_EQ(mount("tmpfs", "/Applications", "tmpfs", 0, "mode=755"), 0);
+        fs::create_directory("/Applications/Link.app");
+        ASSERT_EQ(mount(real.c_str(), "/Applications/Link.app", nullptr, MS_BIND, nullptr), 0);
+        become(user);
+    });
+    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"), seen);
+    EXPECT_EQ(verdictOn(connection.get()), "somebody besides root can change " + seen);
+    fs::remove(real);
+}
+
+// ------------------------------------------------------------------------ whether it is that file
+
+// In a mount namespace of its own, with everything else as it is with the app: even the group.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAForgedPath) {
+    const std::string forgery = "/Library/forgery";
+    copyProgram(HALVO_TEST_APP, forgery);
+    ASSERT_EQ(chown(forgery.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(forgery.c_str(), 02755), 0);
+    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(mount(forgery.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
+        become(user);
+    });
+    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"),
+              app->executable());
+    EXPECT_EQ(verdictOn(connection.get()), forged());
+    fs::remove(forgery);
+}
+
+// On another file system files have the same numbers again.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAForgedPathWithTheNumberOfTheRealFile) {
+    const std::string twins = "/Library/twins";
+    fs::create_directory(twins);
+    {
+        const PrivateMount mount("tmpfs", "tmpfs", twins, 0, "mode=755");
+        ASSERT_TRUE(mount.isMounted());
+        struct stat status{};
+        ASSERT_EQ(stat(app->executable().c_str(), &status), 0);
+        const std::string forgery = copyProgramAsNumber(HALVO_TEST_APP, twins, status.st_ino);
+        ASSERT_EQ(chown(forgery.c_str(), 0, appGroup), 0);
+        ASSERT_EQ(chmod(forgery.c_str(), 02755), 0);
+        const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [&] {
+            ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+            ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+            ASSERT_EQ(
+                ::mount(forgery.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
+            become(user);
+        });
+        EXPECT_EQ(verdictOn(connection.get()), forged());
+    }
+    fs::remove(twins);
+}
+
+// As anybody may do it: the kernel then gives nobody the group.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatAPersonForged) {
+    const std::string forgery = "/home/" + userName + "/forgery";
+    copyProgram(HALVO_TEST_APP, forgery);
+    const Descriptor connection =
+        connectionOf(HALVO_TEST_APP, {"forge", forgery, app->executable(), "connect", socketPath});
+    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"),
+              app->executable());
+    EXPECT_EQ(verdictOn(connection.get()), forged());
+    fs::remove(forgery);
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasReplacedMeanwhile) {
+    const Descriptor connection = connectionOfApp();
+    fs::rename(app->executable(), app->executable() + ".old");
+    copyProgram(HALVO_TEST_APP, app->executable());
+    app->install(appGroup);
+    // What runs has another path now, and is no longer set-group-id.
+    ASSERT_EQ(chmod((app->executable() + ".old").c_str(), 0755), 0);
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable() + ".old"));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasDeleted) {
+    const std::string deleted = "its executable was replaced or removed since it started";
+    const Descriptor connection = connectionOfApp();
+    fs::remove(app->executable());
+    EXPECT_EQ(verdictOn(connection.get()), deleted);
+    // And in whose place there is another.
+    copyProgram(HALVO_TEST_APP, app->executable());
+    app->install(appGroup);
+    EXPECT_EQ(verdictOn(connection.get()), deleted);
+    // And one that is called as the kernel calls it now.
+    const std::string called = app->executable() + " (deleted)";
+    copyProgram(HALVO_TEST_APP, called);
+    ASSERT_EQ(chown(called.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(called.c_str(), 02755), 0);
+    EXPECT_EQ(verdictOn(connection.get()), deleted);
+}
+
+// Longer than the kernel says any path.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatCannotBeTold) {
+    const std::string top = "/Library/deep";
+    const Descriptor connection = connectionOf("./Sample", {"connect", socketPath}, [&] {
+        const std::string name(200, 'x');
+        fs::create_directory(top);
+        fs::current_path(top);
+        for (int depth = 0; depth < 25; ++depth) {
+            fs::create_directory(name);
+            ASSERT_EQ(chdir(name.c_str()), 0);
+        }
+        copyProgram(HALVO_TEST_APP, "Sample");
+        ASSERT_EQ(chown("Sample", 0, appGroup), 0);
+        ASSERT_EQ(chmod("Sample", 02755), 0);
+        become(user);
+    });
+    EXPECT_EQ(verdictOn(connection.get()), "its executable cannot be read");
+    caller.reset();
+    fs::remove_all(top);
+}
+
+// -------------------------------------------------------------------------------------- the bundle
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAProgramOutsideOfABundle) {
+    const std::string program = "/Applications/Sample";
+    copyProgram(HALVO_TEST_APP, program);
+    ASSERT_EQ(chown(program.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(program.c_str(), 02755), 0);
+    EXPECT_EQ(verdictOn(connectionOf(program).get()),
+              program + " is not in a bundle of this app and team");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnotherApp) {
+    for (const char* name : {"com.example.other", "com.example.app.helper", "com.example.ap",
+                             "COM.EXAMPLE.APP", "", "com..example"}) {
+        app->writeInfo(name);
+        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << name;
+    }
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnotherTeam) {
+    for (const char* team : {"7QX4KD19MU", "7qx4kd19mt", "7QX4KD19M", "7QX4KD19MTT", ""}) {
+        app->writeInfo("com.example.app", team);
+        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << team;
+    }
+}
+
+TEST_F(CallerRulesPrivateMachineTest, GoByTheirOwnIdentity) {
+    const Descriptor connection = connectionOfApp();
+    EXPECT_EQ(verdictOn(connection.get(), {"com.example.other", "7QX4KD19MT"}), ofAnotherApp());
+    EXPECT_EQ(verdictOn(connection.get(), {"com.example.app", "7QX4KD19MU"}), ofAnotherApp());
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseABundleWithoutAnInfo) {
+    fs::remove(app->info());
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseABundleWithADamagedInfo) {
+    replaceTestFile(app->info(), "com.example.app 7QX4KD19MT");
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoWithoutTheIdentifierOrTheTeam) {
+    for (const std::string& missing :
+         {std::string("CFBundleIdentifier"), std::string("HalvoTeamID")}) {
+        std::string text = infoText("Sample", "com.example.app", "7QX4KD19MT");
+        text.replace(text.find(missing), missing.size(), "Other");
+        replaceTestFile(app->info(), text);
+        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << missing;
+    }
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatOthersCanWrite) {
+    for (const mode_t mode : {0664U, 0646U, 0666U}) {
+        ASSERT_EQ(chmod(app->info().c_str(), mode), 0);
+        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << std::oct << mode;
+    }
+    ASSERT_EQ(chmod(app->info().c_str(), 0644), 0);
+    EXPECT_EQ(verdictOnApp(), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoOfSomebodyElse) {
+    ASSERT_EQ(chown(app->info().c_str(), user.uid, user.gid), 0);
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsALink) {
+    fs::rename(app->info(), app->path() + "/Contents/Real.plist");
+    fs::create_symlink("Real.plist", app->info());
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNoFile) {
+    fs::remove(app->info());
+    ASSERT_EQ(mkfifo(app->info().c_str(), 0644), 0);
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+    fs::remove(app->info());
+    fs::create_directory(app->info());
+    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
+}
+
+// ------------------------------------------------------------------ a connection that changes
+// hands
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgram) {
+    const std::string next = "/Library/next";
+    copyProgram(HALVO_TEST_APP, next);
+    const Descriptor connection =
+        connectionOf(app->executable(), {"connect-run", socketPath, next, "wait"});
+    EXPECT_EQ(caller->readLine(), "waiting");
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(next));
+    fs::remove(next);
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAProgramThatBecameTheApp) {
+    const Descriptor connection =
+        connectionOf(HALVO_TEST_APP, {"connect-run", socketPath, app->executable(), "wait"});
+    EXPECT_EQ(caller->readLine(), "waiting");
+    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"),
+              app->executable());
+    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseAConnectionThatTheAppLeftToAnother) {
+    const Descriptor connection = connectionOf(app->executable(), {"connect-share", socketPath});
+    EXPECT_EQ(caller->readLine(), "connected");
+    // Ended, and not waited for.
+    siginfo_t end{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(caller->pid()), &end, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(verdictOn(connection.get()), "its executable cannot be read");
+    // Waited for: the number is nobody's. What shows it first is a matter of the kernel.
+    caller->wait();
+    EXPECT_THAT(verdictOn(connection.get()),
+                AnyOf("its executable cannot be read", "it cannot be told whether it still lives"));
+}
+
+// Whether the kernel holds on to the process behind a connection: SO_PEERPIDFD, Linux 6.5.
+bool isHeldByKernel(const Descriptor& connection) {
+    constexpr int peerPidfd = 77;
+    int number = -1;
+    socklen_t size = sizeof number;
+    const bool held = getsockopt(connection.get(), SOL_SOCKET, peerPidfd, &number, &size) == 0;
+    const Descriptor pidfd(number);
+    return held;
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatCannotBeHeldOnTo) {
+    const Descriptor connection = connectionOfApp();
+    if (!isHeldByKernel(connection)) {
+        GTEST_SKIP() << "needs SO_PEERPIDFD (Linux 6.5)";
+    }
+    std::string verdict;
+    {
+        const FewDescriptors none(0);
+        verdict = verdictOn(connection.get());
+    }
+    EXPECT_EQ(verdict, "it cannot be told whether it still lives");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatEndsMeanwhile) {
+    const Descriptor connection = connectionOfApp();
+    if (!isHeldByKernel(connection)) {
+        GTEST_SKIP() << "needs SO_PEERPIDFD (Linux 6.5)";
+    }
+    const BeforeNextPoll end([this] {
+        caller->send(SIGKILL);
+        caller->wait();
+    });
+    EXPECT_EQ(verdictOn(connection.get()), "it ended meanwhile");
+}
+
+// Of a process in a machine within ours, or around it, there is no number.
+TEST_F(CallerRulesPrivateMachineTest, RefuseACallerOfAnotherMachine) {
+    const auto ends = connectedEnds();
+    TestProcess helper([&] {
+        ASSERT_EQ(unshare(CLONE_NEWPID), 0);
+        {
+            TestProcess inside(
+                [&] { EXPECT_EQ(verdictOn(ends[0].get()), "its credentials cannot be read"); });
+            EXPECT_EQ(inside.wait(), 0) << inside.readAll();
+        }
+        std::fflush(nullptr);
+        // At once: this process can start no other any more, which the leak sanitizer would want
+        // to.
+        _exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+    });
+    EXPECT_EQ(helper.wait(), 0) << helper.readAll();
+}
+
+}  // namespace
+}  // namespace halvo::testing

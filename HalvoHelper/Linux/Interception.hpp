@@ -1,0 +1,38 @@
+// System calls of the code under test in which a test has a hand. The linker puts them in the place
+// of the real ones (--wrap).
+#pragma once
+
+#include <functional>
+
+namespace halvo::testing {
+
+// While it lives, a listing of a folder (getdents64(2)) brings a few entries at a time.
+class ShortListings {
+  public:
+    ShortListings();
+    ShortListings(const ShortListings&) = delete;
+    ShortListings& operator=(const ShortListings&) = delete;
+    ~ShortListings();
+};
+
+// While it lives, the next poll(2) first does this.
+class BeforeNextPoll {
+  public:
+    explicit BeforeNextPoll(std::function<void()> work);
+    BeforeNextPoll(const BeforeNextPoll&) = delete;
+    BeforeNextPoll& operator=(const BeforeNextPoll&) = delete;
+    // Fails the test when there was none.
+    ~BeforeNextPoll();
+};
+
+// While it lives, the next sd_bus_start(3) fails for want of memory.
+class FailingBusStart {
+  public:
+    FailingBusStart();
+    FailingBusStart(const FailingBusStart&) = delete;
+    FailingBusStart& operator=(const FailingBusStart&) = delete;
+    // Fails the test when there was none.
+    ~FailingBusStart();
+};
+
+}  // namespace halvo::testing

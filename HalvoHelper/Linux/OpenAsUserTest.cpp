@@ -1,0 +1,484 @@
+// The mode as a process. What it decides without the system: HalvoHelper/OpenAsUserTest.cpp.
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "HalvoHelper/Linux/PrivateMachine.hpp"
+#include "HalvoHelper/Linux/TestBundle.hpp"
+#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "HalvoHelper/Linux/TestReport.hpp"
+#include "HalvoHelper/LiveOpener.hpp"
+#include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoPlatform/Time.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+
+using Words = std::vector<std::string>;
+
+constexpr Person nobody{65534, 65534};
+
+// A process that gave its privileges up cannot be looked at for leaks.
+const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0", "LEFT=over", "HOME=/root"};
+
+// How the helper at `helper` ends when `person` calls it with these words.
+int statusOf(const std::string& helper, const Person& person, const Words& words) {
+    TestProcess process([&] {
+        if (person.uid != geteuid()) {
+            become(person);
+        }
+        close_range(STDERR_FILENO + 1, ~0U, 0);
+        execute(helper, words, helperEnvironment);
+    });
+    const int status = process.wait();
+    EXPECT_EQ(process.readAll(), "") << "it says nothing, whatever happens";
+    return status;
+}
+
+// ----------------------------------------------------------------------------------- bad requests
+
+class OpenAsUserBadRequestTest : public ::testing::TestWithParam<Words> {};
+
+TEST_P(OpenAsUserBadRequestTest, IsRefused) {
+    Words words{"--open-as-user"};
+    words.insert(words.end(), GetParam().begin(), GetParam().end());
+    EXPECT_EQ(statusOf(HALVO_HELPER, {geteuid(), getegid()}, words), 64);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Words, OpenAsUserBadRequestTest,
+    ::testing::Values(Words{}, Words{"501"}, Words{"/Applications/Halvo.app"},
+                      Words{"0", "/Applications/Halvo.app"}, Words{"+0", "/Applications/Halvo.app"},
+                      Words{"", "/Applications/Halvo.app"}, Words{"-1", "/Applications/Halvo.app"},
+                      Words{"ann", "/Applications/Halvo.app"},
+                      Words{"4294967296", "/Applications/Halvo.app"}, Words{"65534", "Halvo.app"},
+                      Words{"65534", ""}, Words{"65534", "/Applications/Halvo"},
+                      Words{"65534", "/Applications/../Halvo.app"},
+                      Words{"65534", "/Applications/./Halvo.app"},
+                      Words{"65534", "/Applications//Halvo.app"},
+                      // Nobody's number.
+                      Words{"4294967294", "/Applications/Halvo.app"},
+                      Words{"4294967294", "/Applications/Halvo.app", "--after-quit"}));
+
+// Takes the privileges of whoever runs it for what they are.
+TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {
+    // Where everybody can reach it.
+    TemporaryFolder disk;
+    fs::permissions(disk.path(), fs::perms{0755});
+    const std::string helper = disk / "helper";
+    copyProgram(HALVO_HELPER, helper);
+    const Person person = geteuid() == 0 ? nobody : Person{geteuid(), getegid()};
+    EXPECT_EQ(statusOf(helper, person, {"--open-as-user", "1", disk / "Halvo.app"}), 77);
+    EXPECT_EQ(statusOf(helper, person,
+                       {"--open-as-user", std::to_string(person.uid), disk / "Halvo.app"}),
+              77);
+}
+
+// -------------------------------------------------------------------------- as root, in a machine
+
+// The manager's place in the folder of the user's session.
+std::string managerSocket(const Person& user) {
+    return "/run/user/" + std::to_string(user.uid) + "/systemd/private";
+}
+
+// Listens at the manager's place. For the body of a process of the user.
+Descriptor listenAsManager(const Person& user) {
+    become(user);
+    const std::string path = managerSocket(user);
+    fs::create_directories(fs::path(path).parent_path());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener.get(), 5), 0);
+    return listener;
+}
+
+void sayReady() { EXPECT_EQ(write(STDOUT_FILENO, "ready\n", 6), 6); }
+
+// What managers do with a caller.
+
+void answerOne(const Descriptor& listener, sd_bus_message_handler_t filter) {
+    const int connection = accept(listener.get(), nullptr, nullptr);
+    sd_bus* bus = nullptr;
+    sd_id128_t id{};
+    sd_id128_randomize(&id);
+    sd_bus_new(&bus);
+    sd_bus_set_fd(bus, connection, connection);
+    sd_bus_set_server(bus, 1, id);
+    if (filter != nullptr) {
+        sd_bus_add_filter(bus, nullptr, filter, nullptr);
+    }
+    sd_bus_start(bus);
+    while (sd_bus_process(bus, nullptr) >= 0) {
+        sd_bus_wait(bus, UINT64_MAX);
+    }
+    sd_bus_close_unref(bus);
+}
+
+[[noreturn]] void answer(const Descriptor& listener, sd_bus_message_handler_t filter) {
+    while (true) {
+        answerOne(listener, filter);
+    }
+}
+
+void answerTruly(const Descriptor& listener) { answer(listener, nullptr); }
+
+void answerWithAnError(const Descriptor& listener) {
+    answer(listener, [](sd_bus_message* message, void*, sd_bus_error*) {
+        return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "not now");
+    });
+}
+
+// Lets the caller authenticate, but no more.
+void swallowMessages(const Descriptor& listener) {
+    answer(listener, [](sd_bus_message*, void*, sd_bus_error*) { return 1; });
+}
+
+void acceptInSilence(const Descriptor& listener) {
+    const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+    pause();
+}
+
+void hangUp(const Descriptor& listener) {
+    while (true) {
+        const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+    }
+}
+
+void talkNonsense(const Descriptor& listener) {
+    std::vector<Descriptor> connections;
+    while (true) {
+        connections.emplace_back(accept(listener.get(), nullptr, nullptr));
+        constexpr std::string_view nonsense =
+            "HTTP/1.1 400 Bad Request\r\nServer: x\r\nDate: y\r\n\r\n";
+        EXPECT_GT(write(connections.back().get(), nonsense.data(), nonsense.size()), 0);
+    }
+}
+
+class OpenAsUserPrivateMachineTest : public PrivateMachineTest {
+  protected:
+    void cleanUp() override {
+        fs::remove_all("/Applications/Sample.app");
+        fs::remove(appReport);
+        fs::remove(systemdRunReport);
+        fs::remove_all(fs::path(managerSocket(user)).parent_path());
+    }
+
+    [[nodiscard]] Words request(const std::string& app) const {
+        return {"--open-as-user", std::to_string(user.uid), app};
+    }
+
+    // Opens the bundle as root, and returns how that ended.
+    int open(const std::string& app = "/Applications/Sample.app", const Words& more = {}) {
+        Words words = request(app);
+        words.insert(words.end(), more.begin(), more.end());
+        return statusOf(HALVO_HELPER, {0, 0}, words);
+    }
+
+    // A bundle with an Info.plist.
+    static TestBundle makeBundle() {
+        TestBundle bundle("/Applications/Sample.app");
+        bundle.writeInfo("com.exa-mple.app");
+        return bundle;
+    }
+
+    [[nodiscard]] Words usersEnvironment() const {
+        return {"HOME=/home/" + userName, "USER=" + userName, "LOGNAME=" + userName,
+                "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
+    }
+
+    // Expects that the app was run by the helper itself.
+    void expectDirectRun() {
+        EXPECT_THAT(readReport(appReport)["argument"],
+                    ElementsAre("/Applications/Sample.app/Contents/MacOS/Sample"));
+        EXPECT_FALSE(fs::exists(systemdRunReport));
+    }
+
+    const std::string appReport = reportInTmp("/Sample");
+    const std::string systemdRunReport = reportInTmp("/systemd-run");
+};
+
+TEST_F(OpenAsUserPrivateMachineTest, RunsTheAppAsTheUserWithoutAManager) {
+    const TestBundle bundle = makeBundle();
+    EXPECT_EQ(open(), 0);
+    TestReport app = readReport(appReport);
+    const std::string uid = std::to_string(user.uid);
+    const std::string gid = std::to_string(user.gid);
+    EXPECT_THAT(app["user"], ElementsAre(uid, uid, uid));
+    EXPECT_THAT(app["group"], ElementsAre(gid, gid, gid));
+    EXPECT_THAT(app["supplementary"], ElementsAre(gid));
+    EXPECT_THAT(app["executable"], ElementsAre(bundle.executable()));
+    EXPECT_THAT(app["argument"], ElementsAre(bundle.executable()));
+    EXPECT_EQ(app["environment"], usersEnvironment());
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, GivesTheAppTheUsersGroupsAndNoneOfRoots) {
+    makeBundle();
+    const std::string groups = readTestFile("/etc/group");
+    overwriteTestFile("/etc/group", groups + "halvo-team:x:61200:" + userName + "\n");
+    TestProcess process([&] {
+        const gid_t inherited[]{0, 4, 61300};
+        ASSERT_EQ(setgroups(std::size(inherited), inherited), 0);
+        execute(HALVO_HELPER, request("/Applications/Sample.app"), helperEnvironment);
+    });
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_THAT(readReport(appReport)["supplementary"],
+                UnorderedElementsAre(std::to_string(user.gid), "61200"));
+    overwriteTestFile("/etc/group", groups);
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, TellsTheAppThatItIsBackAfterAQuit) {
+    const TestBundle bundle = makeBundle();
+    EXPECT_EQ(open(bundle.path(), {"other", "--after-quit"}), 0);
+    EXPECT_THAT(readReport(appReport)["argument"],
+                ElementsAre(bundle.executable(), "-halvoRelaunchedAfterQuit", "YES"));
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, RunsTheUsualExecutableOfABundleThatNamesNone) {
+    const TestBundle bundle("/Applications/Sample.app", "Halvo");
+    EXPECT_EQ(open(), 0);
+    const std::string report = reportInTmp("/Halvo");
+    EXPECT_THAT(readReport(report)["argument"], ElementsAre(bundle.executable()));
+    fs::remove(report);
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, FailsWithoutAnExecutable) {
+    const TestBundle bundle = makeBundle();
+    fs::remove(bundle.executable());
+    EXPECT_EQ(open(), 71);
+    EXPECT_EQ(open("/Applications/Missing.app"), 71);
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, LooksAtTheBundleWithTheUsersEyesOnly) {
+    const TestBundle bundle = makeBundle();
+    fs::permissions(bundle.path(), fs::perms{0700});
+    EXPECT_EQ(open(), 71);
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, RefusesUnknownUsersAndRoot) {
+    makeBundle();
+    EXPECT_EQ(
+        statusOf(HALVO_HELPER, {0, 0}, {"--open-as-user", "61999", "/Applications/Sample.app"}),
+        64);
+    EXPECT_EQ(statusOf(HALVO_HELPER, {0, 0}, {"--open-as-user", "0", "/Applications/Sample.app"}),
+              64);
+    EXPECT_FALSE(fs::exists(appReport));
+}
+
+// The whole way, as the service goes it.
+TEST_F(OpenAsUserPrivateMachineTest, LeavesNothingOfTheDaemonToAnAppThatItsOpenerStarts) {
+    const TestBundle bundle = makeBundle();
+    const ChildResult result = runInChild([&] {
+        ASSERT_EQ(setenv("LEFT", "over", 1), 0);
+        ASSERT_EQ(chdir("/tmp"), 0);
+        ASSERT_EQ(dup2(STDOUT_FILENO, 17), 17);
+        sigset_t some;
+        sigemptyset(&some);
+        sigaddset(&some, SIGTERM);
+        ASSERT_EQ(sigprocmask(SIG_BLOCK, &some, nullptr), 0);
+        ASSERT_NE(std::signal(SIGPIPE, SIG_IGN), SIG_ERR);
+        umask(077);
+        LiveOpener(HALVO_HELPER).open(bundle.path(), user.uid, true);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+    TestReport app = readReport(appReport);
+    EXPECT_THAT(app["user"], ElementsAre(std::to_string(user.uid), std::to_string(user.uid),
+                                         std::to_string(user.uid)));
+    EXPECT_THAT(app["argument"],
+                ElementsAre(bundle.executable(), "-halvoRelaunchedAfterQuit", "YES"));
+    EXPECT_EQ(app["environment"], usersEnvironment());
+    EXPECT_THAT(app["descriptor"],
+                ElementsAre("0 /dev/null rw", "1 /dev/null rw", "2 /dev/null rw"));
+    constexpr const char* nothing = "0000000000000000";
+    EXPECT_THAT(app["SigBlk"], ElementsAre(nothing));
+    EXPECT_EQ(ignoredSignals(app), 0U);
+    EXPECT_THAT(app["folder"], ElementsAre("/"));
+    EXPECT_THAT(app["umask"], ElementsAre("22"));
+    EXPECT_THAT(app["session"], ElementsAre("own"));
+}
+
+// ----------------------------------------------------------------------- with a manager in its
+// place
+
+// Puts a program that reports in the place of systemd-run(1).
+class OpenAsUserManagerPrivateMachineTest : public OpenAsUserPrivateMachineTest {
+  protected:
+    void prepare() override {
+        copyProgram(HALVO_TEST_APP, disk / "systemd-run");
+        fs::permissions(disk.path(), fs::perms{0755});
+        standIn = std::make_unique<PrivateMount>(nullptr, disk / "systemd-run",
+                                                 "/usr/bin/systemd-run", MS_BIND);
+        ASSERT_TRUE(standIn->isMounted());
+        makeBundle();
+    }
+
+    // A manager of the user that does this with its callers.
+    std::unique_ptr<TestProcess> startManager(std::function<void(const Descriptor&)> behaviour) {
+        auto manager = std::make_unique<TestProcess>([&] {
+            const Descriptor listener = listenAsManager(user);
+            sayReady();
+            behaviour(listener);
+        });
+        EXPECT_EQ(manager->readLine(), "ready");
+        return manager;
+    }
+
+    TemporaryFolder disk;
+    std::unique_ptr<PrivateMount> standIn;
+};
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, AsksAManagerThatAnswersToRunTheApp) {
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open(), 0);
+    TestReport run = readReport(systemdRunReport);
+    EXPECT_THAT(
+        run["argument"],
+        ElementsAre("/usr/bin/systemd-run", "--user", "--quiet", "--collect", "--service-type=exec",
+                    "--slice=app.slice", "--property=ExitType=cgroup",
+                    MatchesRegex("--unit=app-halvo-com\\.exa_mple\\.app@[0-9a-f]{8}\\.service"),
+                    "--", "/Applications/Sample.app/Contents/MacOS/Sample"));
+    Words environment = usersEnvironment();
+    environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
+    EXPECT_EQ(run["environment"], environment);
+    const std::string uid = std::to_string(user.uid);
+    EXPECT_THAT(run["user"], ElementsAre(uid, uid, uid));
+    EXPECT_THAT(run["supplementary"], ElementsAre(std::to_string(user.gid)));
+    EXPECT_FALSE(fs::exists(appReport)) << "the app was run twice";
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, LeavesTheManagerNoOpenConnectionInTheProgramItBecomes) {
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open(), 0);
+    // Those that it was started with.
+    EXPECT_THAT(readReport(systemdRunReport)["descriptor"],
+                ElementsAre(StartsWith("0 "), StartsWith("1 "), StartsWith("2 ")));
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, TellsTheManagerOfAQuit) {
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open("/Applications/Sample.app", {"--after-quit"}), 0);
+    const Words arguments = readReport(systemdRunReport)["argument"];
+    ASSERT_GE(arguments.size(), 2U);
+    EXPECT_EQ(Words(arguments.end() - 2, arguments.end()),
+              (Words{"-halvoRelaunchedAfterQuit", "YES"}));
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, NamesEachUnitDifferently) {
+    std::set<std::string> units;
+    for (int turn = 0; turn < 3; ++turn) {
+        const auto manager = startManager(answerTruly);
+        EXPECT_EQ(open(), 0);
+        units.insert(readReport(systemdRunReport)["argument"].at(7));
+        fs::remove(systemdRunReport);
+        fs::remove(managerSocket(user));
+    }
+    EXPECT_EQ(units.size(), 3U);
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, NamesTheUnitOfABundleWithoutAnIdentifier) {
+    fs::remove("/Applications/Sample.app/Contents/Info.plist");
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open(), 0);
+    const Words arguments = readReport(systemdRunReport)["argument"];
+    EXPECT_THAT(arguments.at(7), MatchesRegex("--unit=app-halvo-app@[0-9a-f]{8}\\.service"));
+    EXPECT_EQ(arguments.back(), "/Applications/Sample.app/Contents/MacOS/Halvo");
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, FailsWithoutTheProgramThatAsksTheManager) {
+    fs::permissions(disk / "systemd-run", fs::perms{0644});
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open(), 71);
+    EXPECT_FALSE(fs::exists(appReport));
+}
+
+// The socket of a manager that was killed.
+TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenNobodyListensAnyMore) {
+    startManager([](const Descriptor&) {})->wait();
+    ASSERT_TRUE(fs::is_socket(managerSocket(user)));
+    EXPECT_EQ(open(), 0);
+    expectDirectRun();
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenTheSocketIsAnotherFile) {
+    fs::create_directories(fs::path(managerSocket(user)).parent_path());
+    writeTestFile(managerSocket(user), "no socket\n");
+    EXPECT_EQ(open(), 0);
+    expectDirectRun();
+}
+
+struct UselessManager {
+    std::string name;
+    void (*behaviour)(const Descriptor& listener);
+    // Its end of the conversation ends, so that nothing can come any more.
+    bool endsAtOnce;
+};
+
+class OpenAsUserUselessManagerPrivateMachineTest
+    : public OpenAsUserManagerPrivateMachineTest,
+      public ::testing::WithParamInterface<UselessManager> {
+  protected:
+    Seconds timeToOpen() {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(open(), 0);
+        return std::chrono::steady_clock::now() - start;
+    }
+};
+
+TEST_P(OpenAsUserUselessManagerPrivateMachineTest, LetsTheHelperRunTheAppItself) {
+    const auto manager = startManager(GetParam().behaviour);
+    const Seconds took = timeToOpen();
+    expectDirectRun();
+    if (!GetParam().endsAtOnce) {
+        EXPECT_GE(took, Seconds{1.9}) << "it gave the manager no time";
+        EXPECT_LT(took, Seconds{15});
+        return;
+    }
+    // A machine that is busy with other tests may be late, but not always.
+    constexpr int tries = 5;
+    bool inTime = took < Seconds{1.9};
+    for (int turn = 1; !inTime && turn < tries; ++turn) {
+        inTime = timeToOpen() < Seconds{1.9};
+    }
+    EXPECT_TRUE(inTime) << "it waited without a reason";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Managers, OpenAsUserUselessManagerPrivateMachineTest,
+    ::testing::Values(UselessManager{"NeverAccepts", [](const Descriptor&) { pause(); }, false},
+                      UselessManager{"AcceptsInSilence", acceptInSilence, false},
+                      UselessManager{"SwallowsMessages", swallowMessages, false},
+                      UselessManager{"HangsUp", hangUp, true},
+                      UselessManager{"TalksNonsense", talkNonsense, true},
+                      UselessManager{"AnswersWithAnError", answerWithAnError, false}),
+    [](const auto& row) { return row.param.name; });
+
+}  // namespace
+}  // namespace halvo::testing

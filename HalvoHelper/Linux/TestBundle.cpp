@@ -1,0 +1,89 @@
+#include "HalvoHelper/Linux/TestBundle.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+
+namespace fs = std::filesystem;
+
+TestBundle::TestBundle(std::string path, std::string name)
+    : path_(std::move(path)), name_(std::move(name)) {
+    fs::create_directories(folder());
+    for (const std::string& place : {path_, path_ + "/Contents", folder()}) {
+        fs::permissions(place, fs::perms{0755});
+    }
+    copyProgram(HALVO_TEST_APP, executable());
+}
+
+void TestBundle::writeInfo(const std::string& identifier, const std::string& team) const {
+    replaceTestFile(info(), infoText(name_, identifier, team));
+}
+
+void TestBundle::install(gid_t group) const {
+    // The other way round would lose the bit: chown(2).
+    ASSERT_EQ(chown(executable().c_str(), 0, group), 0);
+    ASSERT_EQ(chmod(executable().c_str(), 02755), 0);
+}
+
+std::string infoText(const std::string& executable, const std::string& identifier,
+                     const std::string& team) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<plist version=\"1.0\"><dict>\n"
+           "<key>CFBundleExecutable</key><string>" +
+           executable +
+           "</string>\n"
+           "<key>CFBundleIdentifier</key><string>" +
+           identifier +
+           "</string>\n"
+           "<key>HalvoTeamID</key><string>" +
+           team +
+           "</string>\n"
+           "</dict></plist>\n";
+}
+
+void replaceTestFile(const std::string& path, const std::string& bytes) {
+    const std::string part = path + ".part";
+    writeTestFile(part, bytes);
+    fs::permissions(part, fs::perms{0644});
+    fs::rename(part, path);
+}
+
+void overwriteTestFile(const std::string& path, const std::string& bytes) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << bytes;
+    file.close();
+    ASSERT_TRUE(file.good()) << "cannot write " << path;
+}
+
+void copyProgram(const std::string& from, const std::string& to) {
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+    fs::permissions(to, fs::perms{0755});
+}
+
+std::string copyProgramAsNumber(const std::string& from, const std::string& folder, ino_t number) {
+    // A file system in memory numbers its files one after the other.
+    constexpr int most = 200'000;
+    const std::string path = folder + "/program";
+    for (int count = 0; count < most; ++count) {
+        writeTestFile(path, "");
+        struct stat status{};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        if (status.st_ino == number) {
+            overwriteTestFile(path, readTestFile(from));
+            fs::permissions(path, fs::perms{0755});
+            return path;
+        }
+    }
+    ADD_FAILURE() << "no file with the number " << number << " in " << folder;
+    return path;
+}
+
+}  // namespace halvo::testing

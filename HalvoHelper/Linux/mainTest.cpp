@@ -1,0 +1,205 @@
+// The process entry: HalvoHelper/main.cpp.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "HalvoHelper/Linux/PrivateMachine.hpp"
+#include "HalvoHelper/Linux/TestBundle.hpp"
+#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+using Words = std::vector<std::string>;
+
+constexpr Person nobody{65534, 65534};
+
+// Who gave privileges up cannot be looked at for leaks; and the sanitizers' remarks on that would
+// be taken for the helper's.
+const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0"};
+
+constexpr const char* onlyAsRoot = "error: The helper runs only as root, from launchd\n";
+constexpr const char* noIdentity =
+    "error: The helper has no team or app identifier in its Info.plist\n";
+
+// A helper in a folder that everybody can reach.
+class MainTest : public ::testing::Test {
+  protected:
+    MainTest() {
+        fs::permissions(disk.path(), fs::perms{0755});
+        copyProgram(HALVO_HELPER, helper);
+    }
+
+    // How the helper ends when somebody who is not root calls it with these words, and what it
+    // says.
+    std::pair<int, std::string> runAsNobody(const Words& words) {
+        TestProcess process([&] {
+            if (geteuid() == 0) {
+                become(nobody);
+            }
+            execute(helper, words, helperEnvironment);
+        });
+        const int status = process.wait();
+        return {status, process.readAll()};
+    }
+
+    TemporaryFolder disk;
+    const std::string helper = disk / "HalvoHelper";
+};
+
+TEST_F(MainTest, StartsTheServiceOnlyAsRootAndSaysSoBeforeItReadsTheInfo) {
+    // With the Info.plist missing here, the order shows.
+    const auto [status, text] = runAsNobody({});
+    EXPECT_EQ(status, 77);
+    EXPECT_THAT(text, HasSubstr(onlyAsRoot));
+    EXPECT_EQ(text.find("Info.plist"), std::string::npos);
+}
+
+TEST_F(MainTest, StartsTheServiceWithAnyOtherFirstWord) {
+    for (const Words& words :
+         {Words{"x"}, Words{""}, Words{"--after-quit"}, Words{"--help"}, Words{"--OPEN-AS-USER"},
+          Words{"--open-as-user "}, Words{"--open-as-users", "501", "/Applications/Halvo.app"},
+          Words{"x", "--open-as-user", "501", "/Applications/Halvo.app"},
+          Words{"", "--open-as-user"}}) {
+        const auto [status, text] = runAsNobody(words);
+        EXPECT_EQ(status, 77) << ::testing::PrintToString(words);
+        EXPECT_THAT(text, HasSubstr(onlyAsRoot)) << ::testing::PrintToString(words);
+    }
+}
+
+TEST_F(MainTest, StartsTheOtherModeWithItsWordInFront) {
+    EXPECT_EQ(runAsNobody({"--open-as-user"}), std::pair(64, std::string()));
+    EXPECT_EQ(runAsNobody({"--open-as-user", "--open-as-user"}), std::pair(64, std::string()));
+}
+
+// --------------------------------------------------------------------------- as root, in a machine
+
+class MainPrivateMachineTest : public PrivateMachineTest {
+  protected:
+    void prepare() override { copyProgram(HALVO_HELPER, helper); }
+
+    // A service that has started, or null.
+    std::unique_ptr<TestProcess> start(const Words& words = {}) const {
+        auto process =
+            std::make_unique<TestProcess>([&] { execute(helper, words, helperEnvironment); });
+        const pid_t pid = process->pid();
+        const bool started = eventually([pid] { return handlesTermination(pid); });
+        EXPECT_TRUE(started);
+        return started ? std::move(process) : nullptr;
+    }
+
+    // Nearly the last thing that it does to start. Such a signal is blocked, to be read as a file:
+    // signalfd(2).
+    static bool handlesTermination(pid_t pid) {
+        const std::string status = readTestFile("/proc/" + std::to_string(pid) + "/status");
+        const std::string name = "SigBlk:\t";
+        const std::size_t at = status.find(name);
+        constexpr unsigned long long bit = 1ULL << (SIGTERM - 1);
+        return at != std::string::npos &&
+               (std::stoull(status.substr(at + name.size()), nullptr, 16) & bit) != 0;
+    }
+
+    void writeInfo(const std::string& app, const std::string& team) const {
+        replaceTestFile(disk / "Info.plist",
+                        "<plist version=\"1.0\"><dict><key>HalvoAppBundleID</key><string>" + app +
+                            "</string><key>HalvoTeamID</key><string>" + team +
+                            "</string></dict></plist>");
+    }
+
+    TemporaryFolder disk;
+    const std::string helper = disk / "HalvoHelper";
+    const std::string socket = "/run/com.example.app.helper.sock";
+};
+
+struct InfoRow {
+    std::string name;
+    // Nothing: no Info.plist at all.
+    std::string app;
+    std::string team;
+};
+
+class MainBadInfoPrivateMachineTest : public MainPrivateMachineTest,
+                                      public ::testing::WithParamInterface<InfoRow> {};
+
+TEST_P(MainBadInfoPrivateMachineTest, EndsTheService) {
+    if (!GetParam().app.empty()) {
+        writeInfo(GetParam().app, GetParam().team);
+    }
+    TestProcess process([&] { execute(helper, {}, helperEnvironment); });
+    EXPECT_EQ(process.wait(), 78);
+    EXPECT_THAT(process.readAll(), HasSubstr(noIdentity));
+}
+
+INSTANTIATE_TEST_SUITE_P(Infos, MainBadInfoPrivateMachineTest,
+                         ::testing::Values(InfoRow{"None", "", ""},
+                                           InfoRow{"BadApp", "com..example", "7QX4KD19MT"},
+                                           InfoRow{"BadTeam", "com.example.app", "7qx4kd19mt"}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(MainPrivateMachineTest, ServesUntilItIsTerminated) {
+    writeInfo("com.example.app", "7QX4KD19MT");
+    const auto service = start({"x", "--open-as-user", "0"});
+    ASSERT_NE(service, nullptr);
+    service->send(SIGTERM);
+    EXPECT_EQ(service->wait(), 0);
+    EXPECT_EQ(service->readAll(), "");
+    EXPECT_FALSE(fs::exists(socket));
+    EXPECT_FALSE(fs::exists(socket + ".lock"));
+}
+
+TEST_F(MainPrivateMachineTest, LeavesOtherSignalsTheirMeaning) {
+    writeInfo("com.example.app", "7QX4KD19MT");
+    const auto service = start();
+    ASSERT_NE(service, nullptr);
+    service->send(SIGINT);
+    EXPECT_EQ(service->wait(), 128 + SIGINT);
+}
+
+TEST_F(MainPrivateMachineTest, EndsWithSeventyFiveWhenTerminatedWhileItHolds) {
+    writeInfo("com.example.app", "7QX4KD19MT");
+    const TestBundle app("/Applications/Held.app");
+    app.writeInfo();
+    app.install(appGroup);
+    const auto service = start();
+    ASSERT_NE(service, nullptr);
+    TestProcess caller([&] {
+        become(user);
+        execute(app.executable(), {"ask", socket, "begin=" + app.path(), "status"});
+    });
+    EXPECT_EQ(caller.readLine(), "yes");
+    EXPECT_THAT(caller.readLine(), HasSubstr("holding until"));
+    service->send(SIGTERM);
+    EXPECT_EQ(service->wait(), 75);
+    EXPECT_THAT(service->readAll(), HasSubstr("Holding Ultra Hard mode for 3"));
+    // The folder of the records, where and as closed as it must be.
+    struct stat folder{};
+    ASSERT_EQ(stat("/Library/Application Support/com.example.app.helper", &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 0700U);
+    fs::remove_all("/Library/Application Support/com.example.app.helper");
+    fs::remove_all(app.path());
+}
+
+TEST_F(MainPrivateMachineTest, ASecondServiceEndsAndLeavesTheFirst) {
+    writeInfo("com.example.app", "7QX4KD19MT");
+    const auto first = start();
+    ASSERT_NE(first, nullptr);
+    TestProcess second([&] { execute(helper, {}, helperEnvironment); });
+    EXPECT_EQ(second.wait(), 71);
+    EXPECT_THAT(second.readAll(), HasSubstr("Another helper already runs"));
+    EXPECT_TRUE(fs::is_socket(socket));
+    first->send(SIGTERM);
+    EXPECT_EQ(first->wait(), 0);
+}
+
+}  // namespace
+}  // namespace halvo::testing

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "HalvoHelperCore/Hash.hpp"
+#include "HalvoHelperCore/HelperCommitment.hpp"
+#include "HalvoHelperCore/HelperIdentity.hpp"
+#include "HalvoHelperCore/HelperPeer.hpp"
+#include "HalvoHelperCore/HelperStatus.hpp"
+#include "tests/Support/Printing.hpp"
+
+namespace halvo {
+namespace {
+
+// Every record differs from every other in one member; none may be taken for another.
+template <class Record>
+void expectAllDifferent(const std::vector<Record>& records) {
+    std::unordered_set<std::size_t> hashes;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const Record copy = records[i];
+        EXPECT_EQ(copy, records[i]);
+        EXPECT_EQ(std::hash<Record>{}(copy), std::hash<Record>{}(records[i]));
+        for (std::size_t other = 0; other < i; ++other) {
+            EXPECT_NE(records[i], records[other]) << i << " and " << other;
+        }
+        EXPECT_TRUE(hashes.insert(std::hash<Record>{}(records[i])).second) << i;
+    }
+}
+
+const ClockReading reading{"boot", Seconds{12.5}, wallDate(1'763'249'012.25)};
+
+const HelperCommitment commitment{"/Applications/Halvo.app",
+                                  501,
+                                  wallDate(1'763'243'700.5),
+                                  Seconds{5312.75},
+                                  Seconds{81088},
+                                  reading,
+                                  true};
+
+TEST(HashTest, DependsOnEveryMemberAndOnTheirOrder) {
+    EXPECT_EQ(hashOf(1, 2), hashOf(1, 2));
+    EXPECT_NE(hashOf(1, 2), hashOf(2, 1));
+    EXPECT_NE(hashOf(1), hashOf(1, 0));
+    EXPECT_NE(hashOf(0, 0), hashOf(0, 0, 0));
+}
+
+TEST(HashTest, TellsClockReadingsApartByEveryMember) {
+    std::vector<ClockReading> readings(4, reading);
+    readings[1].bootID = "other";
+    readings[2].sinceBoot += Seconds{1};
+    readings[3].wall += Seconds{1};
+    expectAllDifferent(readings);
+}
+
+TEST(HashTest, TellsCommitmentsApartByEveryMember) {
+    std::vector<HelperCommitment> commitments(8, commitment);
+    commitments[1].appPath = "/Applications/Other.app";
+    commitments[2].uid = 502;
+    commitments[3].startedWall += Seconds{1};
+    commitments[4].remaining += Seconds{1};
+    commitments[5].capRemaining += Seconds{1};
+    commitments[6].checkpoint.sinceBoot += Seconds{1};
+    commitments[7].locked = false;
+    expectAllDifferent(commitments);
+}
+
+TEST(HashTest, TellsStatusesApartByEveryMember) {
+    expectAllDifferent<HelperStatus>({
+        HelperStatus::idle,
+        {true, std::nullopt, false},
+        {true, wallDate(0), false},
+        {true, wallDate(1), false},
+        {true, wallDate(1), true},
+    });
+}
+
+TEST(HashTest, TellsIdentitiesApartByBothMembers) {
+    expectAllDifferent<HelperIdentity>({
+        {"com.example.app", "7QX4KD19MT"},
+        {"com.example.other", "7QX4KD19MT"},
+        {"com.example.app", "AAAAAAAAAA"},
+    });
+}
+
+TEST(HashTest, EqualNumbersHashEqually) {
+    ClockReading minus = reading;
+    ClockReading plus = reading;
+    minus.sinceBoot = Seconds{-0.0};
+    plus.sinceBoot = Seconds{0.0};
+    EXPECT_EQ(minus, plus);
+    EXPECT_EQ(std::hash<ClockReading>{}(minus), std::hash<ClockReading>{}(plus));
+}
+
+TEST(HelperStatusTest, IsIdleWhenNothingHolds) {
+    EXPECT_FALSE(HelperStatus::idle.holding);
+    EXPECT_EQ(HelperStatus::idle.until, std::nullopt);
+    EXPECT_FALSE(HelperStatus::idle.locked);
+    EXPECT_EQ(HelperStatus::idle, HelperStatus{});
+}
+
+TEST(HelperPeerTest, IsEqualByUserAndBundle) {
+    const HelperPeer peer{501, "/Applications/Halvo.app"};
+    EXPECT_EQ(peer, (HelperPeer{501, "/Applications/Halvo.app"}));
+    EXPECT_NE(peer, (HelperPeer{502, "/Applications/Halvo.app"}));
+    EXPECT_NE(peer, (HelperPeer{501, "/Applications/Other.app"}));
+    EXPECT_NE(peer, (HelperPeer{501, std::nullopt}));
+    EXPECT_NE((HelperPeer{501, ""}), (HelperPeer{501, std::nullopt}));
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,240 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "LogBackend.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/PrivateMount.hpp"
+
+namespace halvo {
+namespace {
+
+using testing::Fault;
+using testing::PrivateMount;
+using testing::runInChild;
+using testing::SystemCall;
+
+std::string received;
+LogLevel receivedLevel;
+
+// Notes the last message for as long as it lives.
+class Receiver {
+  public:
+    Receiver()
+        : before_(replaceLogSink([](const Logger&, LogLevel level, std::string_view message) {
+              received = message;
+              receivedLevel = level;
+          })) {}
+
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    ~Receiver() { replaceLogSink(before_); }
+
+  private:
+    LogSink before_;
+};
+
+TEST(LogTest, SaysAFixedTextAsItIs) {
+    const Receiver receiver;
+    HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
+    EXPECT_EQ(received, "Locked Halvo's app again");
+}
+
+TEST(LogTest, PutsATextInThePlaceOfItsPlaceholder) {
+    const Receiver receiver;
+    HALVO_LOG_DEFAULT(helperLog, "Ultra Hard mode let go: %{public}s", "ended");
+    EXPECT_EQ(received, "Ultra Hard mode let go: ended");
+    HALVO_LOG_DEFAULT(helperLog, "%{public}s", "");
+    EXPECT_EQ(received, "");
+}
+
+TEST(LogTest, PutsALongInThePlaceOfItsPlaceholder) {
+    const Receiver receiver;
+    HALVO_LOG_DEFAULT(helperLog, "Holding Ultra Hard mode for %{public}ld s", 7200L);
+    EXPECT_EQ(received, "Holding Ultra Hard mode for 7200 s");
+    HALVO_LOG_DEFAULT(helperLog, "%{public}ld", std::numeric_limits<long>::min());
+    EXPECT_EQ(received, "-9223372036854775808");
+}
+
+TEST(LogTest, PutsAnIntInThePlaceOfItsPlaceholder) {
+    const Receiver receiver;
+    HALVO_LOG_ERROR(helperLog, "errno %d", 13);
+    EXPECT_EQ(received, "errno 13");
+    HALVO_LOG_ERROR(helperLog, "%d", std::numeric_limits<int>::min());
+    EXPECT_EQ(received, "-2147483648");
+}
+
+TEST(LogTest, PutsSeveralArgumentsInTheirOrder) {
+    const Receiver receiver;
+    HALVO_LOG_ERROR(helperLog, "Couldn't %{public}s Halvo: errno %d", "lock", 1);
+    EXPECT_EQ(received, "Couldn't lock Halvo: errno 1");
+    HALVO_LOG_ERROR(helperLog, "%d%{public}ld%{public}s%d", 1, 2L, "3", 4);
+    EXPECT_EQ(received, "1234");
+}
+
+TEST(LogTest, TakesAnArgumentForTextAndNotForAFormat) {
+    const Receiver receiver;
+    HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", "%d %{public}s %n");
+    EXPECT_EQ(received, "Couldn't save the state: %d %{public}s %n");
+}
+
+TEST(LogTest, KnowsTheTwoLevels) {
+    const Receiver receiver;
+    HALVO_LOG_ERROR(helperLog, "a refusal");
+    EXPECT_EQ(receivedLevel, LogLevel::Error);
+    HALVO_LOG_DEFAULT(helperLog, "a change");
+    EXPECT_EQ(receivedLevel, LogLevel::Default);
+}
+
+TEST(LogTest, GivesBackTheReceiverBefore) {
+    const LogSink none = [](const Logger&, LogLevel, std::string_view) {};
+    const LogSink before = replaceLogSink(none);
+    EXPECT_EQ(replaceLogSink(before), none);
+}
+
+// No journal listens.
+testing::ChildResult sayWithoutJournal(void (*say)()) {
+    return runInChild([&] {
+        const Fault fault = Fault::failing(SystemCall::access, ENOENT);
+        say();
+    });
+}
+
+TEST(LogWithoutJournalTest, WritesAnErrorToStandardError) {
+    const auto result = sayWithoutJournal([] { HALVO_LOG_ERROR(helperLog, "errno %d", 13); });
+    EXPECT_EQ(result.output, "app.halvo Helper: error: errno 13\n");
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST(LogWithoutJournalTest, WritesAChangeToStandardError) {
+    const auto result =
+        sayWithoutJournal([] { HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again"); });
+    EXPECT_EQ(result.output, "app.halvo Helper: Locked Halvo's app again\n");
+}
+
+TEST(LogWithoutJournalTest, KeepsAMessageOnOneLine) {
+    const auto result =
+        sayWithoutJournal([] { HALVO_LOG_ERROR(helperLog, "Couldn't: %{public}s", "a\nb\r\nc"); });
+    EXPECT_EQ(result.output, "app.halvo Helper: error: Couldn't: a b  c\n");
+}
+
+TEST(LogWithoutJournalTest, NeverFailsTowardsItsCaller) {
+    const auto result = runInChild([] {
+        const Fault fault = Fault::failing(SystemCall::access, ENOENT);
+        const Fault unwritable = Fault::failing(SystemCall::write, EIO);
+        HALVO_LOG_ERROR(helperLog, "nobody hears this");
+    });
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.status, 0);
+}
+
+// A folder /run of our own, in which nothing but the journal's socket can be.
+class LogToJournalTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!run_.isMounted()) {
+            GTEST_SKIP() << "needs the permission to mount a file system";
+        }
+        std::filesystem::create_directories("/run/systemd/journal");
+    }
+
+    // Listens as the journal does.
+    static Descriptor listen() {
+        Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+        EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+        return socket;
+    }
+
+  private:
+    PrivateMount run_{"tmpfs", "tmpfs", "/run"};
+};
+
+// The entry that arrived: one "FIELD=value" per line, with one newline in front and one behind.
+std::string nextEntry(const Descriptor& journal) {
+    std::array<char, 4096> buffer{'\n'};
+    const ssize_t count = recv(journal.get(), buffer.data() + 1, buffer.size() - 1, 0);
+    return count < 0 ? "nothing" : std::string(buffer.data(), static_cast<std::size_t>(count) + 1);
+}
+
+bool has(const std::string& entry, const std::string& part) {
+    return entry.find(part) != std::string::npos;
+}
+
+TEST_F(LogToJournalTest, SendsTheMessageWithItsFields) {
+    const Descriptor journal = listen();
+    HALVO_LOG_ERROR(helperLog, "Couldn't %{public}s Halvo: errno %d", "lock", 1);
+    const std::string error = nextEntry(journal);
+    EXPECT_TRUE(has(error, "\nMESSAGE=Couldn't lock Halvo: errno 1\n")) << error;
+    EXPECT_TRUE(has(error, "\nPRIORITY=3\n")) << error;
+    EXPECT_TRUE(has(error, "\nSUBSYSTEM=app.halvo\n")) << error;
+    EXPECT_TRUE(has(error, "\nCATEGORY=Helper\n")) << error;
+    EXPECT_FALSE(has(error, "CODE_FILE")) << error;
+    HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
+    const std::string notice = nextEntry(journal);
+    EXPECT_TRUE(has(notice, "\nMESSAGE=Locked Halvo's app again\n")) << notice;
+    EXPECT_TRUE(has(notice, "\nPRIORITY=5\n")) << notice;
+    EXPECT_EQ(nextEntry(journal), "nothing");
+}
+
+TEST_F(LogToJournalTest, AMessageCannotSmuggleInAField) {
+    const Descriptor journal = listen();
+    HALVO_LOG_ERROR(helperLog, "Couldn't: %{public}s", "a\nPRIORITY=0");
+    // A value with a newline is sent with its length in front, in 8 bytes.
+    const std::string entry = nextEntry(journal);
+    const std::string length("\x16\0\0\0\0\0\0\0", 8);
+    EXPECT_TRUE(has(entry, "\nMESSAGE\n" + length + "Couldn't: a\nPRIORITY=0\n")) << entry;
+    EXPECT_TRUE(has(entry, "\nPRIORITY=3\n")) << entry;
+}
+
+TEST_F(LogToJournalTest, TakesMessagesFromAnyThread) {
+    constexpr int threadCount = 4;
+    constexpr int messageCount = 25;
+    const Descriptor journal = listen();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threadCount; ++thread) {
+        threads.emplace_back([] {
+            for (int i = 0; i < messageCount; ++i) {
+                HALVO_LOG_ERROR(helperLog, "errno %d", i);
+            }
+        });
+    }
+    int arrived = 0;
+    pollfd waiting{journal.get(), POLLIN, 0};
+    while (arrived < threadCount * messageCount && poll(&waiting, 1, 10'000) > 0) {
+        arrived += has(nextEntry(journal), "\nMESSAGE=errno ") ? 1 : 0;
+    }
+    std::ranges::for_each(threads, &std::thread::join);
+    EXPECT_EQ(arrived, threadCount * messageCount);
+}
+
+TEST_F(LogToJournalTest, WritesToStandardErrorWhenTheJournalHasGone) {
+    {
+        // Its socket stays behind.
+        const Descriptor journal = listen();
+    }
+    const auto result = runInChild([] { HALVO_LOG_ERROR(helperLog, "errno %d", 13); });
+    EXPECT_EQ(result.output, "app.halvo Helper: error: errno 13\n");
+    EXPECT_EQ(result.status, 0);
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,309 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HalvoPlatform/MainActor.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FaultInjection.hpp"
+
+namespace halvo {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ChildResult;
+using testing::Fault;
+using testing::SystemCall;
+
+constexpr auto noMemory = "Cannot allocate memory";
+
+// Ends the child: with 0 when all its expectations held.
+void finish() { liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
+
+// Lets `prepare` set up the queue of a child, serves it until somebody calls finish(), and expects
+// that all went well there.
+void serve(const std::function<void(MainQueue&)>& prepare) {
+    const ChildResult result = testing::runInChild([&] {
+        MainQueue& queue = liveMainQueue();
+        prepare(queue);
+        queue.run();
+    });
+    EXPECT_EQ(result.status, 0) << result.output << " signal " << result.signal;
+}
+
+TEST(MainQueueTest, IsOne) {
+    serve([](MainQueue& queue) {
+        EXPECT_EQ(&queue, &liveMainQueue());
+        queue.async(finish);
+    });
+}
+
+TEST(MainQueueTest, RunsWorkLaterAndInOrder) {
+    serve([](MainQueue& queue) {
+        static std::string order;
+        queue.async([] { order += 'a'; });
+        queue.async([] { order += 'b'; });
+        queue.async([] { order += 'c'; });
+        EXPECT_EQ(order, "");
+        queue.async([] {
+            EXPECT_EQ(order, "abc");
+            finish();
+        });
+    });
+}
+
+TEST(MainQueueTest, RunsWorkOfWorkAfterWhatIsEnqueuedAlready) {
+    serve([](MainQueue& queue) {
+        static std::string order;
+        queue.async([&queue] {
+            order += 'a';
+            queue.async([&queue] {
+                order += 'c';
+                queue.async([] {
+                    EXPECT_EQ(order, "abc");
+                    finish();
+                });
+            });
+            EXPECT_EQ(order, "a");
+        });
+        queue.async([] { order += 'b'; });
+    });
+}
+
+TEST(MainQueueTest, RunsWorkOnTheMainActor) {
+    serve([](MainQueue& queue) {
+        std::thread([&queue] {
+            queue.async([] {
+                EXPECT_TRUE(onMainActor());
+                finish();
+            });
+        }).join();
+    });
+}
+
+TEST(MainQueueTest, RunsTheWorkOfEveryThreadInItsOrder) {
+    serve([](MainQueue& queue) {
+        static constexpr std::size_t threadCount = 4;
+        static constexpr int workCount = 500;
+        static std::vector<int> done(threadCount, 0);
+        static std::vector<std::thread> threads;
+        for (std::size_t index = 0; index < threadCount; ++index) {
+            threads.emplace_back([&queue, index] {
+                for (int number = 0; number < workCount; ++number) {
+                    queue.async([index, number] {
+                        EXPECT_EQ(done[index], number);
+                        ++done[index];
+                        if (std::ranges::count(done, workCount) == threadCount) {
+                            std::ranges::for_each(threads, &std::thread::join);
+                            finish();
+                        }
+                    });
+                }
+            });
+        }
+    });
+}
+
+TEST(MainQueueTest, WakesUpForTheWorkOfAThread) {
+    serve([](MainQueue& queue) {
+        static std::thread thread;
+        thread = std::thread([&queue] {
+            // Long enough for the loop to have gone to sleep.
+            std::this_thread::sleep_for(50ms);
+            queue.async([] {
+                thread.join();
+                finish();
+            });
+        });
+    });
+}
+
+TEST(MainQueueTest, RunsWorkBeforeATimerThatIsDueAtOnce) {
+    serve([](MainQueue& queue) {
+        static std::string order;
+        queue.repeat(Seconds{0.01}, Seconds{10}, Seconds{0}, [] {
+            EXPECT_EQ(order, "ab");
+            finish();
+        });
+        queue.async([&queue] {
+            std::this_thread::sleep_for(30ms);
+            order += 'a';
+            queue.async([] { order += 'b'; });
+        });
+    });
+}
+
+TEST(MainQueueTest, TurnsATimerNeverBeforeItIsDue) {
+    serve([](MainQueue& queue) {
+        static int turns = 0;
+        const Seconds start = queue.now();
+        queue.repeat(Seconds{0.04}, Seconds{0.02}, Seconds{0}, [&queue, start] {
+            EXPECT_TRUE(onMainActor());
+            // The loop counts whole microseconds.
+            const Seconds passed = queue.now() - start + Seconds{2e-6};
+            EXPECT_GE(passed.count(), 0.04 + 0.02 * turns);
+            if (++turns == 5) {
+                finish();
+            }
+        });
+    });
+}
+
+// The grid is looked at as the loop is told of it: turns themselves come late on a busy machine.
+TEST(MainQueueTest, KeepsATimerOnItsGridAndMakesUpForNoMissedTurn) {
+    serve([](MainQueue& queue) {
+        constexpr std::uint64_t interval = 20'000;
+        static int turns = 0;
+        static std::uint64_t second = 0;
+        queue.repeat(Seconds{0.02}, Seconds{0.02}, Seconds{0}, [] {
+            if (++turns == 1) {
+                second = testing::lastTurnAsked();
+                // Over the second turn and two more.
+                std::this_thread::sleep_for(70ms);
+                return;
+            }
+            timespec time{};
+            clock_gettime(CLOCK_MONOTONIC, &time);
+            const auto now =
+                static_cast<std::uint64_t>(time.tv_sec * 1'000'000 + time.tv_nsec / 1000);
+            const std::uint64_t third = testing::lastTurnAsked();
+            EXPECT_EQ((third - second) % interval, 0U);
+            EXPECT_GE(third - second, 3 * interval) << "a turn that was missed is made up for";
+            EXPECT_LE(third, now + interval) << "a turn is left out";
+            finish();
+        });
+    });
+}
+
+TEST(MainQueueTest, TurnsSeveralTimersEachInItsTime) {
+    serve([](MainQueue& queue) {
+        static std::string order;
+        queue.repeat(Seconds{0.06}, Seconds{10}, Seconds{0}, [] { order += 'b'; });
+        queue.repeat(Seconds{0.03}, Seconds{10}, Seconds{0}, [] { order += 'a'; });
+        queue.repeat(Seconds{0.09}, Seconds{10}, Seconds{0}, [] {
+            EXPECT_EQ(order, "ab");
+            finish();
+        });
+    });
+}
+
+TEST(MainQueueTest, LetsTheSystemDelayATurnByTheLeewayAndNoMore) {
+    serve([](MainQueue& queue) {
+        queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, [] {});
+        EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{2'000'000, 200'000}));
+        queue.async(finish);
+    });
+}
+
+TEST(MainQueueTest, TellsTimeOnTheClockThatCountsSleep) {
+    serve([](MainQueue& queue) {
+        timespec before{};
+        clock_gettime(CLOCK_BOOTTIME, &before);
+        const Seconds passed = queue.now() - std::chrono::seconds{before.tv_sec} -
+                               std::chrono::nanoseconds{before.tv_nsec};
+        EXPECT_GE(passed.count(), 0);
+        EXPECT_LT(passed.count(), 5);
+        const testing::StoppedClock stopped(1, 500'000'000);
+        EXPECT_EQ(queue.now().count(), 1.5);
+        queue.async(finish);
+    });
+}
+
+TEST(MainQueueTest, RunsTheTerminationForEverySIGTERM) {
+    serve([](MainQueue& queue) {
+        static int signals = 0;
+        queue.onTermination([&queue] {
+            EXPECT_TRUE(onMainActor());
+            if (++signals == 2) {
+                finish();
+            }
+            queue.async([] { kill(getpid(), SIGTERM); });
+        });
+        kill(getpid(), SIGTERM);
+        EXPECT_EQ(signals, 0);
+    });
+}
+
+TEST(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
+    const auto result = testing::runInChild([] {
+        MainQueue& queue = liveMainQueue();
+        queue.onTermination([&queue] { queue.exit(75); });
+        queue.async([] { kill(getpid(), SIGTERM); });
+        queue.run();
+    });
+    EXPECT_EQ(result.status, 75) << result.output;
+}
+
+TEST(MainQueueTest, LeavesOtherSignalsAsTheyAre) {
+    const auto result = testing::runInChild([] {
+        MainQueue& queue = liveMainQueue();
+        queue.onTermination([] {});
+        queue.async([] { kill(getpid(), SIGINT); });
+        queue.run();
+    });
+    EXPECT_EQ(result.signal, SIGINT);
+}
+
+TEST(MainQueueTest, LeavesSIGTERMAsItIsUntilSomebodyAsksForIt) {
+    const auto result = testing::runInChild([] {
+        MainQueue& queue = liveMainQueue();
+        queue.async([] { kill(getpid(), SIGTERM); });
+        queue.run();
+    });
+    EXPECT_EQ(result.signal, SIGTERM);
+}
+
+TEST(MainQueueTest, IsMadeOnTheMainThreadOnly) {
+    const auto result = testing::runInChild([] { std::thread(liveMainQueue).join(); });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+}
+
+TEST(MainQueueTest, IsServedOnTheMainThreadOnly) {
+    const auto result = testing::runInChild([] {
+        MainQueue& queue = liveMainQueue();
+        std::thread([&queue] { queue.run(); }).join();
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+}
+
+// What a child says that makes the queue, sets a timer and serves it, when `call` fails.
+std::string fatalErrorWhen(SystemCall call, int code) {
+    const auto result = testing::runInChild([&] {
+        // The fault outlives the body: nothing after a fatal error is of interest.
+        const Fault fault = call == SystemCall::eventfd ? Fault::failing(call, code)
+                                                        : Fault::returning(call, -code);
+        MainQueue& queue = liveMainQueue();
+        queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, [] {});
+        queue.run();
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    return result.output;
+}
+
+TEST(MainQueueTest, EndsTheProcessWhenThereCanBeNoLoop) {
+    const std::string error = "Fatal error: ";
+    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_default, ENOMEM),
+              error + "sd_event_default: " + noMemory + "\n");
+    EXPECT_EQ(fatalErrorWhen(SystemCall::eventfd, EMFILE),
+              error + "eventfd: Too many open files\n");
+    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_add_time_relative, ENOMEM),
+              error + "sd_event_add_time_relative: " + noMemory + "\n");
+    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_loop, ENOMEM),
+              error + "sd_event_loop: " + noMemory + "\n");
+}
+
+}  // namespace
+}  // namespace halvo

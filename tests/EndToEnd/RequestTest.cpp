@@ -1,0 +1,179 @@
+// What the helper answers to requests that no app makes, and what it says of itself.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "HalvoHelper/Linux/Limits.hpp"
+#include "tests/EndToEnd/RunningHelper.hpp"
+#include "tests/EndToEnd/World.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string invalidArguments = "rejected org.freedesktop.DBus.Error.InvalidArgs: ";
+
+class RequestTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        EXPECT_TRUE(helper.isRunning());
+        EXPECT_EQ(world.ask({"status"}).status, Reply::no);
+        EXPECT_FALSE(isLocked());
+        EXPECT_FALSE(exists(Place::stateFolder));
+    }
+
+    void expectRejection(const std::vector<std::string>& words, const std::string& text) {
+        const Answer answer = world.ask(words);
+        EXPECT_EQ(answer.status, Reply::rejected) << answer.output;
+        EXPECT_EQ(answer.output, text + "\n");
+    }
+
+    World world;
+    RunningHelper helper;
+};
+
+TEST_F(RequestTest, NamesTheArgumentThatHasTheWrongType) {
+    const std::string begin = "Begin(s appPath, d until, d started) was called with ";
+    expectRejection({"raw", "Begin", "udd", "1", "1", "1"},
+                    invalidArguments + "appPath has the wrong type: " + begin + R"("udd")");
+    expectRejection({"raw", "Begin", "ssd", Place::app, "1", "1"},
+                    invalidArguments + "until has the wrong type: " + begin + R"("ssd")");
+    expectRejection({"raw", "Begin", "sdx", Place::app, "1", "1"},
+                    invalidArguments + "started has the wrong type: " + begin + R"("sdx")");
+    expectRejection({"raw", "Heartbeat", "u", "1"},
+                    invalidArguments +
+                        "sessionEnding has the wrong type: Heartbeat(b "
+                        R"(sessionEnding) was called with "u")");
+}
+
+TEST_F(RequestTest, NamesTheArgumentThatIsMissing) {
+    const std::string begin = "Begin(s appPath, d until, d started)";
+    expectRejection({"raw", "Begin"}, invalidArguments + "appPath is missing: " + begin);
+    expectRejection({"raw", "Begin", "s", Place::app},
+                    invalidArguments + "until is missing: " + begin);
+    expectRejection({"raw", "Begin", "sd", Place::app, "1"},
+                    invalidArguments + "started is missing: " + begin);
+    expectRejection({"raw", "Heartbeat"},
+                    invalidArguments + "sessionEnding is missing: Heartbeat(b sessionEnding)");
+}
+
+TEST_F(RequestTest, SaysThatThereAreTooManyArguments) {
+    expectRejection({"raw", "End", "b", "true"},
+                    invalidArguments + R"(there are more arguments than End() takes: "b")");
+    expectRejection({"raw", "Status", "s", "all"},
+                    invalidArguments + R"(there are more arguments than Status() takes: "s")");
+    expectRejection({"raw", "Heartbeat", "bb", "true", "true"},
+                    invalidArguments +
+                        "there are more arguments than Heartbeat(b sessionEnding) "
+                        R"(takes: "bb")");
+}
+
+TEST_F(RequestTest, IsRefusedByNameWhenThereIsNoSuchThing) {
+    EXPECT_THAT(world.ask({"raw", "Extend"}).output,
+                AllOf(StartsWith("rejected org.freedesktop.DBus.Error.UnknownMethod"),
+                      HasSubstr("Extend")));
+    EXPECT_THAT(world.ask({"raw", "begin", "sdd", Place::app, "1", "1"}).output,
+                StartsWith("rejected org.freedesktop.DBus.Error.UnknownMethod"));
+    EXPECT_THAT(world.ask({"raw", "com.example.Other.Status"}).output,
+                AllOf(StartsWith("rejected org.freedesktop.DBus.Error.UnknownMethod"),
+                      HasSubstr("com.example.Other")));
+    EXPECT_THAT(world
+                    .ask({"raw", "org.freedesktop.DBus.Properties.Get", "ss",
+                          "app.halvo.HalvoHelperXPC", "Holding"})
+                    .status,
+                Reply::rejected);
+}
+
+TEST_F(RequestTest, MustHaveDatesOfTheCalendar) {
+    const std::string until = invalidArguments + "until is not a date of the years 1970 to 9999";
+    const std::string started =
+        invalidArguments + "started is not a date of the years 1970 to 9999";
+    for (const char* date : {"nan", "-nan", "inf", "-inf", "-1", "-0.001", "253402300800", "1e300",
+                             "-1e300", "1.7976931348623157e308"}) {
+        SCOPED_TRACE(date);
+        expectRejection({"begin-at", Place::app, date, "1e9"}, until);
+        expectRejection({"begin-at", Place::app, "1e9", date}, started);
+        expectRejection({"begin-at", Place::app, date, date}, until);
+        EXPECT_FALSE(isLocked());
+        EXPECT_FALSE(exists(Place::stateFolder));
+    }
+    EXPECT_EQ(helper.count("Holding*"), 0);
+}
+
+TEST_F(RequestTest, MayHaveTheLastDateOfTheCalendar) {
+    EXPECT_EQ(world.ask({"begin-at", Place::app, "253402300799", "253402300799"}).status,
+              Reply::yes);
+    EXPECT_TRUE(isLocked());
+    EXPECT_EQ(world.end(), Reply::yes);
+    EXPECT_EQ(world.ask({"begin-at", Place::app, "253402300799", "0"}).status, Reply::no);
+}
+
+TEST_F(RequestTest, MustNotHaveAPathWithAZeroByteOrBrokenText) {
+    for (const char* path : {"/Applications/Halvo.app\xFF", "\xC0\xAF/Halvo.app"}) {
+        EXPECT_EQ(world.ask({"begin", path, "600", "0"}).status, Reply::rejected);
+    }
+    EXPECT_EQ(helper.count("Holding*"), 0);
+}
+
+TEST_F(RequestTest, MustNotHaveAPathThatIsLongerThanAnyPath) {
+    const std::string longest(Limits::appPath, 'x');
+    EXPECT_EQ(world.ask({"begin", longest, "600", "0"}).status, Reply::no);
+    expectRejection({"begin", longest + "x", "600", "0"},
+                    invalidArguments + "appPath is longer than any path");
+    expectRejection({"huge", "1"}, invalidArguments + "appPath is longer than any path");
+}
+
+TEST_F(RequestTest, IsDescribedByTheHelper) {
+    const Answer answer = world.ask({"introspect"});
+    EXPECT_EQ(answer.status, 0);
+    EXPECT_THAT(answer.output,
+                AllOf(HasSubstr(R"(<interface name="app.halvo.HalvoHelperXPC">)"),
+                      HasSubstr(R"(<method name="Begin">)"),
+                      HasSubstr(R"(<arg type="s" name="appPath" direction="in"/>)"),
+                      HasSubstr(R"(<arg type="d" name="until" direction="in"/>)"),
+                      HasSubstr(R"(<arg type="d" name="started" direction="in"/>)"),
+                      HasSubstr(R"(<method name="Heartbeat">)"),
+                      HasSubstr(R"(<arg type="b" name="sessionEnding" direction="in"/>)"),
+                      HasSubstr(R"(<method name="End">)"), HasSubstr(R"(<method name="Status">)"),
+                      HasSubstr(R"(<arg type="ad" name="until" direction="out"/>)")));
+}
+
+TEST_F(RequestTest, GetsTheStatusWithAnOptionalDate) {
+    EXPECT_EQ(world.ask({"raw", "Status"}).output, "reply badb false [ ] false\n");
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    EXPECT_THAT(world.ask({"raw", "Status"}).output,
+                AllOf(StartsWith("reply badb true [ 1"), HasSubstr(" ] true\n")));
+    ASSERT_EQ(world.end(), Reply::yes);
+}
+
+TEST_F(RequestTest, IsAnsweredOnAConnectionThatHadAnErrorBefore) {
+    const Answer answer = world.run({Place::talker, "Status", "Begin:udd", "End:b", "Missing",
+                                     "Heartbeat:b", "Begin:sdd", "Status"});
+    EXPECT_EQ(answer.output,
+              "badb\n"
+              "org.freedesktop.DBus.Error.InvalidArgs\n"
+              "org.freedesktop.DBus.Error.InvalidArgs\n"
+              "org.freedesktop.DBus.Error.UnknownMethod\n"
+              "b\n"
+              "b\n"
+              "badb\n");
+}
+
+TEST_F(RequestTest, IsDoneAlsoWhenNoReplyIsWanted) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    const Answer answer = world.run(
+        {Place::talker, "!Begin:udd", "!Heartbeat", "!Missing", "!End", "!Status", "Status"});
+    EXPECT_EQ(answer.output, "sent\nsent\nsent\nsent\nsent\nbadb\n");
+    EXPECT_EQ(helper.count("Ultra Hard mode let go: ended"), 1);
+}
+
+}  // namespace
+}  // namespace halvo::testing

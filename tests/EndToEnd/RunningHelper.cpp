@@ -1,0 +1,166 @@
+#include "tests/EndToEnd/RunningHelper.hpp"
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+constexpr std::string_view logPrefix = "app.halvo Helper: ";
+
+std::vector<std::string> commandFor(const HelperStart& start) {
+    std::vector<std::string> command{start.executable};
+    command.insert(command.end(), start.words.begin(), start.words.end());
+    return command;
+}
+
+// The helper takes SIGTERM into its own hands as the last thing before its timer, and serves by
+// then.
+bool serves(pid_t pid) {
+    constexpr int hexadecimal = 16;
+    const auto blocked = processNumbers(pid, "SigBlk", hexadecimal);
+    return !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+}  // namespace
+
+RunningHelper::RunningHelper(const HelperStart& start)
+    : process_({.words = commandFor(start),
+                .environment = start.environment,
+                .prepare = start.prepare,
+                .stopped = start.stopped}) {
+    if (start.stopped) {
+        return;
+    }
+    constexpr Seconds patience{20};
+    EXPECT_TRUE(eventually(patience, [this] { return !isRunning() || serves(process_.pid()); }))
+        << "the helper neither serves nor ends: " << process_.output();
+    servedAt_ = timeNow();
+}
+
+RunningHelper::~RunningHelper() {
+    if (isRunning()) {
+        process_.goOn();
+        const int status = terminate();
+        constexpr int holding = 75;
+        EXPECT_TRUE(status == 0 || status == holding) << "the helper ended with " << status;
+    }
+    checkLog();
+}
+
+void RunningHelper::checkLog() const {
+    for (const std::string& line : linesOf(process_.output())) {
+        // A sanitizer's remark on the memory that withMemory() does not grant.
+        const bool expected =
+            isSanitized && line.find("Sanitizer failed to allocate") != std::string::npos;
+        EXPECT_TRUE(line.starts_with(logPrefix) || expected) << "the helper said: " << line;
+    }
+}
+
+int RunningHelper::terminate() {
+    process_.send(SIGTERM);
+    return process_.wait();
+}
+
+std::vector<std::string> RunningHelper::log() const {
+    std::vector<std::string> lines;
+    for (const std::string& line : linesOf(process_.output())) {
+        if (line.starts_with(logPrefix)) {
+            lines.push_back(line.substr(logPrefix.size()));
+        }
+    }
+    return lines;
+}
+
+std::ptrdiff_t RunningHelper::count(const std::string& line) const {
+    return std::ranges::count_if(log(), [&line](const std::string& said) {
+        return line.ends_with('*') ? said.starts_with(line.substr(0, line.size() - 1))
+                                   : said == line;
+    });
+}
+
+bool RunningHelper::says(const std::string& line, Seconds limit) const {
+    return eventually(limit, [&] { return count(line) > 0; });
+}
+
+std::size_t RunningHelper::descriptors() const {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(process_.pid()) +
+                                                  "/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+Memory RunningHelper::memory() const {
+    Memory memory;
+    const std::string path = "/proc/" + std::to_string(process_.pid()) + "/smaps_rollup";
+    for (const std::string& line : linesOf(readTestFile(path))) {
+        std::istringstream words(line);
+        std::string name;
+        long kibibytes = 0;
+        words >> name >> kibibytes;
+        if (name == "Rss:") {
+            memory.resident = kibibytes;
+        } else if (name == "Private_Clean:" || name == "Private_Dirty:") {
+            memory.unshared += kibibytes;
+        }
+    }
+    EXPECT_GT(memory.resident, 0) << path;
+    return memory;
+}
+
+Seconds RunningHelper::processorTime() const {
+    // After the name, which may hold anything and ends with ")", the times are words 12 and 13.
+    const std::string stat = readTestFile("/proc/" + std::to_string(process_.pid()) + "/stat");
+    std::istringstream words(stat.substr(stat.rfind(')') + 1));
+    const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
+    const double ticks = std::stod(fields.at(11)) + std::stod(fields.at(12));
+    return Seconds{ticks / static_cast<double>(sysconf(_SC_CLK_TCK))};
+}
+
+HelperStart withLimit(int resource, unsigned long long limit) {
+    return {.prepare = [resource, limit] {
+        const rlimit bound{limit, limit};
+        if (setrlimit(static_cast<__rlimit_resource>(resource), &bound) != 0) {
+            _exit(1);
+        }
+    }};
+}
+
+HelperStart withMemory(unsigned long long mebibytes) {
+    if (isSanitized) {
+        // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
+        return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
+                                std::to_string(mebibytes)}};
+    }
+    return withLimit(RLIMIT_DATA, mebibytes << 20U);
+}
+
+HelperStart withoutCapability(int capability) {
+    return {.prepare = [capability] {
+        if (prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) {
+            _exit(1);
+        }
+    }};
+}
+
+}  // namespace halvo::testing

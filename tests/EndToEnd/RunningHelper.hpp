@@ -1,0 +1,94 @@
+// A helper that runs, and what can be seen of it from outside.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/EndToEnd/Program.hpp"
+#include "tests/EndToEnd/World.hpp"
+
+namespace halvo::testing {
+
+// In KiB.
+struct Memory {
+    long resident{};
+    // What nobody else uses too: what would be free if the helper ended.
+    long unshared{};
+};
+
+struct HelperStart {
+    // What follows the program's path.
+    std::vector<std::string> words{};
+    // Done in the new process before it becomes the helper.
+    std::function<void()> prepare{};
+    std::string executable = Place::helper;
+    // "NAME=VALUE".
+    std::vector<std::string> environment{};
+    // See Start; the helper then neither serves nor has ended when it is there.
+    bool stopped = false;
+};
+
+// The helper, installed where the world has it. At the end it is asked to stop, and a test fails
+// whose helper did not do so properly, or said anything that is not a line of its log.
+class RunningHelper {
+  public:
+    // Returns when it serves or has ended.
+    explicit RunningHelper(const HelperStart& start = {});
+    ~RunningHelper();
+    RunningHelper(const RunningHelper&) = delete;
+    RunningHelper& operator=(const RunningHelper&) = delete;
+
+    [[nodiscard]] Program& process() { return process_; }
+
+    [[nodiscard]] const Program& process() const { return process_; }
+
+    bool isRunning() { return process_.isRunning(); }
+
+    // When it served, on timeNow(). Its ticks come every 2 seconds from then on.
+    [[nodiscard]] Seconds servedAt() const { return servedAt_; }
+
+    // SIGTERM; the exit status.
+    int terminate();
+
+    // SIGKILL.
+    void kill() { process_.kill(); }
+
+    // The exit status of one that ends by itself.
+    int wait(Seconds limit = Seconds{10}) { return process_.wait(limit); }
+
+    // The log's lines, of errors with "error: " before the message.
+    [[nodiscard]] std::vector<std::string> log() const;
+
+    // How many lines of the log are exactly `line`, or begin with it when it ends in "*".
+    [[nodiscard]] std::ptrdiff_t count(const std::string& line) const;
+
+    // Whether such a line is in the log, or comes before `limit` has passed.
+    [[nodiscard]] bool says(const std::string& line, Seconds limit = Seconds{5}) const;
+
+    [[nodiscard]] std::size_t descriptors() const;
+    [[nodiscard]] Memory memory() const;
+    // Spent in the program and in the kernel.
+    [[nodiscard]] Seconds processorTime() const;
+
+  private:
+    void checkLog() const;
+
+    Program process_;
+    Seconds servedAt_{};
+};
+
+// A start under a bound on a resource; setrlimit(2).
+HelperStart withLimit(int resource, unsigned long long limit);
+
+// A start with so much memory and no more.
+HelperStart withMemory(unsigned long long mebibytes);
+
+// A start without the capability, and without any way to get it.
+HelperStart withoutCapability(int capability);
+
+// Whether the helper was built with a sanitizer, which takes memory of its own.
+constexpr bool isSanitized = HALVO_IS_SANITIZED;
+
+}  // namespace halvo::testing

@@ -1,0 +1,225 @@
+#include "tests/EndToEnd/World.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <linux/stat.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iomanip>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+
+#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+// scripts/private-machine tells who lives in it.
+unsigned numberFrom(const char* variable) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? 0 : static_cast<unsigned>(std::stoul(text));
+}
+
+// Ends everything that the persons run; pid 1 collects it.
+void killAllOf(uid_t person) {
+    Program({.person = person, .body = [] { return ::kill(-1, SIGKILL) == 0 ? 0 : 1; }}).wait();
+}
+
+void removeAll(const std::string& path) {
+    std::error_code ignored;
+    if (exists(path) && isLocked(path)) {
+        setLockedByHand(false, path);
+    }
+    fs::remove_all(path, ignored);
+    EXPECT_FALSE(exists(path)) << path;
+}
+
+void removeAllIn(const std::string& folder) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        removeAll(entry.path());
+    }
+}
+
+// Every digit counts: the dates are compared later.
+std::string text(double number) {
+    std::ostringstream stream;
+    stream << std::setprecision(17) << number;
+    return stream.str();
+}
+
+}  // namespace
+
+World::World()
+    : user(numberFrom("HALVO_UID")),
+      other(numberFrom("HALVO_OTHER_UID")),
+      userName(std::getenv("HALVO_USER")),
+      home("/home/" + userName),
+      appGroup(numberFrom("HALVO_APP_GID")) {
+    killAllOf(user);
+    killAllOf(other);
+    removeAllIn(Place::applications);
+    removeAllIn(Place::support);
+    removeAllIn(home);
+    removeAll(Place::socket);
+    removeAll(Place::lock);
+    const fs::path tools = fs::path(Place::helper).parent_path();
+    removeAll(tools);
+    fs::create_directory(tools);
+    fs::copy_file(HALVO_HELPER_FILE, Place::helper);
+    fs::copy_file(fs::path(HALVO_HELPER_FILE).parent_path() / "Info.plist", Place::helperInfoPlist);
+    installApp(Place::app);
+    console(user);
+}
+
+void World::installApp(const std::string& path) const {
+    const std::string executables = path + "/Contents/MacOS";
+    fs::create_directories(executables);
+    constexpr mode_t setGroupID = 02755;
+    copyFile(HALVO_APP_BUNDLE "/Contents/Info.plist", path + "/Contents/Info.plist", 0, 0644);
+    copyFile(HALVO_APP_BUNDLE "/Contents/MacOS/Halvo", executables + "/Halvo", appGroup,
+             setGroupID);
+    copyFile(HALVO_TEST_CALLER, executables + "/TestCaller", appGroup, setGroupID);
+    copyFile(HALVO_TALKER, executables + "/Talker", appGroup, setGroupID);
+}
+
+Program World::startCaller(const std::vector<std::string>& words,
+                           std::optional<uid_t> person) const {
+    std::vector<std::string> command{Place::caller};
+    command.insert(command.end(), words.begin(), words.end());
+    return Program({.words = command, .person = person.value_or(user)});
+}
+
+Answer World::ask(const std::vector<std::string>& words, std::optional<uid_t> person) const {
+    Program caller = startCaller(words, person);
+    const int status = caller.wait();
+    return {status, caller.output()};
+}
+
+Answer World::run(const std::vector<std::string>& words,
+                  const std::vector<std::string>& environment) const {
+    Program program({.words = words, .person = user, .environment = environment});
+    const int status = program.wait();
+    return {status, program.output()};
+}
+
+Program World::startApp() const {
+    return Program({.words = {Place::appExecutable}, .person = user});
+}
+
+int World::begin(Seconds span, std::optional<uid_t> person) const {
+    return ask({"begin", ".", text(span.count()), "0"}, person).status;
+}
+
+Told World::status(std::optional<uid_t> person) const {
+    const Answer answer = ask({"status"}, person);
+    Told told;
+    std::istringstream words(answer.output);
+    std::string word;
+    words >> word;
+    EXPECT_EQ(word, "status") << answer.status << ": " << answer.output;
+    while (words >> word) {
+        const std::string value = word.substr(word.find('=') + 1);
+        if (word.starts_with("holding=")) {
+            told.holding = value == "true";
+        } else if (word.starts_with("locked=")) {
+            told.locked = value == "true";
+        } else if (word.starts_with("until=") && value != "none") {
+            told.until = std::stod(value);
+        }
+    }
+    return told;
+}
+
+std::optional<State> World::state() const {
+    if (!exists(Place::stateFile)) {
+        return std::nullopt;
+    }
+    const std::string bytes = readTestFile(Place::stateFile);
+    const auto json = nlohmann::json::parse(bytes, nullptr, false);
+    try {
+        return State{json.at("appPath"),      json.at("uid"),
+                     json.at("startedWall"),  json.at("remaining"),
+                     json.at("capRemaining"), json.at("checkpoint").at("wall"),
+                     json.at("locked")};
+    } catch (const nlohmann::json::exception& error) {
+        ADD_FAILURE() << "the state file is not whole: " << error.what() << "\n" << bytes;
+        return std::nullopt;
+    }
+}
+
+void World::console(const std::vector<std::string>& words) const {
+    // Which is a script on the machine's own PATH.
+    std::string command = "console-session";
+    for (const std::string& word : words) {
+        command += " " + word;
+    }
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+bool isLocked(const std::string& path) {
+    struct statx status{};
+    EXPECT_EQ(statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status), 0) << path;
+    return (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
+}
+
+void setLockedByHand(bool locked, const std::string& path) {
+    const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    int flags = 0;
+    ASSERT_EQ(ioctl(item.get(), FS_IOC_GETFLAGS, &flags), 0) << path << ": " << strerror(errno);
+    flags = locked ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    ASSERT_EQ(ioctl(item.get(), FS_IOC_SETFLAGS, &flags), 0) << path << ": " << strerror(errno);
+}
+
+bool exists(const std::string& path) {
+    struct stat status{};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+void put(const std::string& path, const std::string& bytes, mode_t mode) {
+    writeTestFile(path, bytes);
+    ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+void copyFile(const std::string& from, const std::string& to, gid_t group, mode_t mode,
+              uid_t owner) {
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+    // In this order: a change of the owner takes the set-group-id bit away.
+    ASSERT_EQ(chown(to.c_str(), owner, group), 0) << to;
+    ASSERT_EQ(chmod(to.c_str(), mode), 0) << to;
+}
+
+mode_t modeOf(const std::string& path) {
+    constexpr mode_t permissions = 07777;
+    struct stat status{};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status.st_mode & permissions;
+}
+
+Mount::Mount(const char* type, std::string path, const std::string& options, unsigned long flags)
+    : path_(std::move(path)) {
+    EXPECT_EQ(mount("test", path_.c_str(), type, flags, options.c_str()), 0)
+        << path_ << ": " << strerror(errno);
+}
+
+Mount::~Mount() { umount2(path_.c_str(), MNT_DETACH); }
+
+void Mount::remount(const std::string& options, unsigned long flags) const {
+    EXPECT_EQ(mount("test", path_.c_str(), nullptr, MS_REMOUNT | flags, options.c_str()), 0)
+        << path_ << ": " << strerror(errno);
+}
+
+}  // namespace halvo::testing

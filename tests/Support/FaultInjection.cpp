@@ -1,0 +1,301 @@
+#include "tests/Support/FaultInjection.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <systemd/sd-event.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <ctime>
+#include <stdexcept>
+#include <utility>
+
+namespace halvo::testing {
+
+// What is to happen to one kind of call.
+struct FaultPlan {
+    std::atomic<std::size_t> calls{0};
+    // Calls to go until the fault, this one included; 0: none is planned, or it has happened.
+    std::atomic<int> countdown{0};
+    bool isMade = false;
+    Fault::Kind kind{};
+    long value = 0;
+
+    using Kind = Fault::Kind;
+
+    // Notes a call. Whether this is the one that goes wrong.
+    bool isNext() {
+        ++calls;
+        return countdown > 0 && --countdown == 0;
+    }
+};
+
+namespace {
+
+using Kind = FaultPlan::Kind;
+
+std::array<FaultPlan, static_cast<std::size_t>(SystemCall::write) + 1> plans;
+
+FaultPlan& planFor(SystemCall call) { return plans[static_cast<std::size_t>(call)]; }
+
+TimerAsked timerAsked;
+std::uint64_t turnAsked = 0;
+
+std::atomic<double> wallClockJump{0};
+
+std::atomic<bool> isClockStopped{false};
+timespec stoppedTime{};
+
+// Makes the call, or lets it go wrong. `real` makes it.
+template <class Real>
+auto attempt(SystemCall call, Real real) -> decltype(real()) {
+    FaultPlan& plan = planFor(call);
+    if (!plan.isNext()) {
+        return real();
+    }
+    if (plan.kind == Kind::give) {
+        return static_cast<decltype(real())>(plan.value);
+    }
+    if (plan.kind == Kind::deny) {
+        static_cast<void>(real());
+    }
+    errno = static_cast<int>(plan.value);
+    return -1;
+}
+
+// The same for a transfer of `count` bytes, which may also be cut short.
+template <class Real>
+auto attemptTransfer(SystemCall call, std::size_t count, Real real) -> decltype(real(count)) {
+    const FaultPlan& plan = planFor(call);
+    if (plan.isMade && plan.kind == Kind::cut) {
+        const bool cut = planFor(call).isNext();
+        return real(cut ? std::min(count, static_cast<std::size_t>(plan.value)) : count);
+    }
+    return attempt(call, [&] { return real(count); });
+}
+
+mode_t modeArgument(int flags, std::va_list& arguments) {
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return creates ? va_arg(arguments, mode_t) : 0;
+}
+
+}  // namespace
+
+Fault Fault::failing(SystemCall call, int code, int skip) { return {call, Kind::fail, code, skip}; }
+
+Fault Fault::denying(SystemCall call, int code, int skip) { return {call, Kind::deny, code, skip}; }
+
+Fault Fault::returning(SystemCall call, int result, int skip) {
+    return {call, Kind::give, result, skip};
+}
+
+Fault Fault::cutShort(SystemCall call, std::size_t count, int skip) {
+    return {call, Kind::cut, static_cast<long>(count), skip};
+}
+
+Fault::Fault(SystemCall call, Kind kind, long value, int skip) : call_(call) {
+    FaultPlan& plan = planFor(call);
+    if (std::exchange(plan.isMade, true)) {
+        throw std::logic_error("two faults for one system call");
+    }
+    plan.kind = kind;
+    plan.value = value;
+    plan.countdown = skip + 1;
+}
+
+Fault::~Fault() {
+    FaultPlan& plan = planFor(call_);
+    EXPECT_EQ(plan.countdown, 0) << "the system call that was to go wrong was not made (number "
+                                 << static_cast<int>(call_) << ")";
+    plan.countdown = 0;
+    plan.isMade = false;
+}
+
+std::size_t callsMade(SystemCall call) { return planFor(call).calls; }
+
+TimerAsked lastTimerAsked() { return timerAsked; }
+
+std::uint64_t lastTurnAsked() { return turnAsked; }
+
+WallClockJump::WallClockJump(Seconds by) { wallClockJump = by.count(); }
+
+WallClockJump::~WallClockJump() { wallClockJump = 0; }
+
+StoppedClock::StoppedClock(long seconds, long nanoseconds) {
+    stoppedTime = {seconds, nanoseconds};
+    isClockStopped = true;
+}
+
+StoppedClock::~StoppedClock() { isClockStopped = false; }
+
+}  // namespace halvo::testing
+
+using halvo::testing::attempt;
+using halvo::testing::attemptTransfer;
+using halvo::testing::SystemCall;
+
+// The linker's names: __wrap_x is called in the place of x, which is called __real_x.
+extern "C" {
+
+int __real_access(const char* path, int mode);
+int __real_chdir(const char* path);
+int __real_chmod(const char* path, mode_t mode);
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __real_eventfd(unsigned int count, int flags);
+int __real_fchmod(int file, mode_t mode);
+int __real_fstat(int file, struct stat* status);
+int __real_fsync(int file);
+int __real_ioctl(int file, unsigned long request, void* argument);
+int __real_mkdir(const char* path, mode_t mode);
+int __real_open(const char* path, int flags, mode_t mode);
+int __real_openat(int folder, const char* path, int flags, mode_t mode);
+ssize_t __real_read(int file, void* bytes, size_t count);
+ssize_t __real_readlink(const char* path, char* buffer, size_t size);
+int __real_renameat(int fromFolder, const char* from, int toFolder, const char* to);
+int __real_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
+                                      std::uint64_t first, std::uint64_t leeway,
+                                      sd_event_time_handler_t handler, void* userdata);
+int __real_sd_event_default(sd_event** loop);
+int __real_sd_event_loop(sd_event* loop);
+int __real_sd_event_source_set_time(sd_event_source* source, std::uint64_t time);
+int __real_stat(const char* path, struct stat* status);
+int __real_statx(int folder, const char* path, int flags, unsigned mask, struct statx* status);
+int __real_unlinkat(int folder, const char* path, int flags);
+ssize_t __real_write(int file, const void* bytes, size_t count);
+
+int __wrap_access(const char* path, int mode) {
+    return attempt(SystemCall::access, [&] { return __real_access(path, mode); });
+}
+
+int __wrap_chdir(const char* path) {
+    return attempt(SystemCall::chdir, [&] { return __real_chdir(path); });
+}
+
+int __wrap_chmod(const char* path, mode_t mode) {
+    return attempt(SystemCall::chmod, [&] { return __real_chmod(path, mode); });
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    if (halvo::testing::isClockStopped) {
+        *time = halvo::testing::stoppedTime;
+        return 0;
+    }
+    return attempt(SystemCall::clock_gettime, [&] { return __real_clock_gettime(clock, time); });
+}
+
+int __wrap_eventfd(unsigned int count, int flags) {
+    return attempt(SystemCall::eventfd, [&] { return __real_eventfd(count, flags); });
+}
+
+int __wrap_fchmod(int file, mode_t mode) {
+    return attempt(SystemCall::fchmod, [&] { return __real_fchmod(file, mode); });
+}
+
+int __wrap_fstat(int file, struct stat* status) {
+    return attempt(SystemCall::fstat, [&] { return __real_fstat(file, status); });
+}
+
+int __wrap_fsync(int file) {
+    return attempt(SystemCall::fsync, [&] { return __real_fsync(file); });
+}
+
+int __wrap_ioctl(int file, unsigned long request, ...) {
+    std::va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return attempt(SystemCall::ioctl, [&] { return __real_ioctl(file, request, argument); });
+}
+
+int __wrap_mkdir(const char* path, mode_t mode) {
+    return attempt(SystemCall::mkdir, [&] { return __real_mkdir(path, mode); });
+}
+
+int __wrap_open(const char* path, int flags, ...) {
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = halvo::testing::modeArgument(flags, arguments);
+    va_end(arguments);
+    return attempt(SystemCall::open, [&] { return __real_open(path, flags, mode); });
+}
+
+int __wrap_openat(int folder, const char* path, int flags, ...) {
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = halvo::testing::modeArgument(flags, arguments);
+    va_end(arguments);
+    return attempt(SystemCall::openat, [&] { return __real_openat(folder, path, flags, mode); });
+}
+
+ssize_t __wrap_read(int file, void* bytes, size_t count) {
+    return attemptTransfer(SystemCall::read, count,
+                           [&](size_t part) { return __real_read(file, bytes, part); });
+}
+
+ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
+    return attempt(SystemCall::readlink, [&] { return __real_readlink(path, buffer, size); });
+}
+
+int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* to) {
+    return attempt(SystemCall::renameat,
+                   [&] { return __real_renameat(fromFolder, from, toFolder, to); });
+}
+
+int __wrap_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
+                                      std::uint64_t first, std::uint64_t leeway,
+                                      sd_event_time_handler_t handler, void* userdata) {
+    halvo::testing::timerAsked = {first, leeway};
+    return attempt(SystemCall::sd_event_add_time_relative, [&] {
+        return __real_sd_event_add_time_relative(loop, source, clock, first, leeway, handler,
+                                                 userdata);
+    });
+}
+
+int __wrap_sd_event_default(sd_event** loop) {
+    return attempt(SystemCall::sd_event_default, [&] { return __real_sd_event_default(loop); });
+}
+
+int __wrap_sd_event_loop(sd_event* loop) {
+    return attempt(SystemCall::sd_event_loop, [&] { return __real_sd_event_loop(loop); });
+}
+
+int __wrap_sd_event_source_set_time(sd_event_source* source, std::uint64_t time) {
+    halvo::testing::turnAsked = time;
+    return attempt(SystemCall::sd_event_source_set_time,
+                   [&] { return __real_sd_event_source_set_time(source, time); });
+}
+
+int __wrap_stat(const char* path, struct stat* status) {
+    return attempt(SystemCall::stat, [&] { return __real_stat(path, status); });
+}
+
+int __wrap_statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) {
+    return attempt(SystemCall::statx,
+                   [&] { return __real_statx(folder, path, flags, mask, status); });
+}
+
+int __wrap_unlinkat(int folder, const char* path, int flags) {
+    return attempt(SystemCall::unlinkat, [&] { return __real_unlinkat(folder, path, flags); });
+}
+
+ssize_t __wrap_write(int file, const void* bytes, size_t count) {
+    return attemptTransfer(SystemCall::write, count,
+                           [&](size_t part) { return __real_write(file, bytes, part); });
+}
+
+}  // extern "C"
+
+// std::chrono::system_clock::now(), whose name the compiler spells so.
+std::chrono::system_clock::time_point realNow() asm("__real__ZNSt6chrono3_V212system_clock3nowEv");
+std::chrono::system_clock::time_point wrappedNow() asm(
+    "__wrap__ZNSt6chrono3_V212system_clock3nowEv");
+
+std::chrono::system_clock::time_point wrappedNow() {
+    return realNow() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                           halvo::Seconds{halvo::testing::wallClockJump});
+}

@@ -1,0 +1,108 @@
+// System calls that fail when a test wants them to.
+//
+// The linker puts this in the place of the calls named below (--wrap), in test executables that
+// link HalvoFaultInjection and there only for code linked statically: the libraries under test, and
+// the tests. What shared libraries call stays as it is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "HalvoPlatform/Time.hpp"
+
+namespace halvo::testing {
+
+enum class SystemCall {
+    access,
+    chdir,
+    chmod,
+    clock_gettime,
+    eventfd,
+    fchmod,
+    fstat,
+    fsync,
+    ioctl,
+    mkdir,
+    open,
+    openat,
+    read,
+    readlink,
+    renameat,
+    sd_event_add_time_relative,
+    sd_event_default,
+    sd_event_loop,
+    sd_event_source_set_time,
+    stat,
+    statx,
+    unlinkat,
+    write,
+};
+
+// Makes one call go wrong, while it lives. At most one for each kind of call at a time. A fault
+// that never happens fails the test: the branch it was made for was not reached. May be made on any
+// thread while no other makes the calls; happens on any.
+class Fault {
+  public:
+    // The next call fails with `code` in errno and has no effect. With `skip`, that many calls are
+    // carried out first.
+    static Fault failing(SystemCall call, int code, int skip = 0);
+
+    // The next call is carried out, but says that it failed with `code`.
+    static Fault denying(SystemCall call, int code, int skip = 0);
+
+    // The next call has no effect and returns `result`.
+    static Fault returning(SystemCall call, int result, int skip = 0);
+
+    // The next read or write moves no more than `count` bytes.
+    static Fault cutShort(SystemCall call, std::size_t count, int skip = 0);
+
+    Fault(const Fault&) = delete;
+    Fault& operator=(const Fault&) = delete;
+    ~Fault();
+
+  private:
+    enum class Kind { fail, deny, give, cut };
+
+    Fault(SystemCall call, Kind kind, long value, int skip);
+
+    SystemCall call_;
+
+    friend struct FaultPlan;
+};
+
+// How often the call was made in the whole life of the process.
+std::size_t callsMade(SystemCall call);
+
+// The last timer that anybody asked the event loop for, in microseconds.
+struct TimerAsked {
+    std::uint64_t first{};
+    // How much later the system may let it turn.
+    std::uint64_t leeway{};
+
+    bool operator==(const TimerAsked&) const = default;
+};
+
+TimerAsked lastTimerAsked();
+
+// When a timer is to turn next, as it was last asked for after a turn, in microseconds.
+std::uint64_t lastTurnAsked();
+
+// Moves the wall clock, as wallNow() sees it, by `by` while it lives.
+class WallClockJump {
+  public:
+    explicit WallClockJump(Seconds by);
+    WallClockJump(const WallClockJump&) = delete;
+    WallClockJump& operator=(const WallClockJump&) = delete;
+    ~WallClockJump();
+};
+
+// Makes every clock_gettime(2) give this time while it lives.
+class StoppedClock {
+  public:
+    StoppedClock(long seconds, long nanoseconds);
+    StoppedClock(const StoppedClock&) = delete;
+    StoppedClock& operator=(const StoppedClock&) = delete;
+    ~StoppedClock();
+};
+
+}  // namespace halvo::testing

@@ -1,0 +1,88 @@
+// A folder for one test.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "HalvoPlatform/Descriptor.hpp"
+
+namespace halvo::testing {
+
+// A new, empty folder inside the folder for temporary files of the tests (::testing::TempDir()),
+// removed with everything inside at the end, also what carries file flags. Its path is canonical.
+class TemporaryFolder {
+  public:
+    TemporaryFolder() {
+        std::string pattern = ::testing::TempDir() + "halvo-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("no temporary folder: " + pattern);
+        }
+        path_ = std::filesystem::canonical(pattern);
+    }
+
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    ~TemporaryFolder() {
+        namespace fs = std::filesystem;
+        clearFlags(path_);
+        std::error_code error;
+        for (fs::recursive_directory_iterator item(path_, error), end; !error && item != end;
+             item.increment(error)) {
+            if (item->is_directory(error) || item->is_regular_file(error)) {
+                clearFlags(item->path());
+            }
+        }
+        fs::remove_all(path_, error);
+    }
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+    // The path of the member `name`, which need not exist.
+    [[nodiscard]] std::string operator/(std::string_view name) const {
+        return path_ + "/" + std::string(name);
+    }
+
+  private:
+    // An immutable item could not be removed, not even by root.
+    static void clearFlags(const std::string& path) {
+        const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        int flags = 0;
+        if (item.isOpen() && ioctl(item.get(), FS_IOC_GETFLAGS, &flags) == 0 &&
+            (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) {
+            flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
+            ioctl(item.get(), FS_IOC_SETFLAGS, &flags);
+        }
+    }
+
+    std::string path_;
+};
+
+// Makes the file at `path` hold `bytes`, and fails the test when that cannot be.
+inline void writeTestFile(const std::string& path, std::string_view bytes) {
+    // A new file: what is written over an old one some file systems bring to the disk at once.
+    std::filesystem::remove(path);
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    ASSERT_TRUE(file.good()) << "cannot write " << path;
+}
+
+// What the file at `path` holds; empty when there is none.
+inline std::string readTestFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace halvo::testing
