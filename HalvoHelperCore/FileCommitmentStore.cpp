@@ -1,15 +1,16 @@
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 
+#include <ftw.h>
+
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <expected>
-#include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <system_error>
 #include <utility>
 
 #include "HalvoPlatform/Files.hpp"
@@ -56,11 +57,13 @@ std::optional<double> number(const Json& object, const char* name) {
 // A user id: any JSON number that is a whole one in range, however it is spelled.
 std::optional<std::uint32_t> userID(const Json& object) {
     const auto value = number(object, key::uid);
-    if (!value || *value < 0 || *value > std::numeric_limits<std::uint32_t>::max() ||
-        std::trunc(*value) != *value) {
+    constexpr double last = std::numeric_limits<std::uint32_t>::max();
+    const bool fits = value && *value >= 0 && *value <= last;  // not-a-number fits nowhere
+    if (!fits) {
         return std::nullopt;
     }
-    return static_cast<std::uint32_t>(*value);
+    const auto user = static_cast<std::uint32_t>(*value);
+    return user == *value ? std::optional(user) : std::nullopt;
 }
 
 std::optional<ClockReading> readingFrom(const Json& object) {
@@ -181,10 +184,17 @@ void FileCommitmentStore::save(const HelperCommitment& commitment) {
     }
 }
 
+// By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
+// into the helper, more than half of its code.
 void FileCommitmentStore::remove() {
-    std::error_code ignored;
-    std::filesystem::remove(folder_ + "/" + fileName, ignored);
-    std::filesystem::remove_all(folder_, ignored);
+    std::remove((folder_ + "/" + fileName).c_str());
+    // From the leaves upwards; a link goes, what it leads to stays. nftw(3).
+    const auto removeItem = [](const char* path, const struct stat*, int, FTW*) {
+        std::remove(path);
+        return 0;
+    };
+    constexpr int openFolders = 16;
+    nftw(folder_.c_str(), removeItem, openFolders, FTW_DEPTH | FTW_PHYS);
 }
 
 }  // namespace halvo

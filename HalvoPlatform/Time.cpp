@@ -1,7 +1,5 @@
 #include "HalvoPlatform/Time.hpp"
 
-#include <cmath>
-
 #include "HalvoPlatform/Fatal.hpp"
 
 namespace halvo {
@@ -11,14 +9,14 @@ WallDate wallNow() {
 }
 
 std::int64_t wholeSeconds(Seconds span) {
-    const double seconds = std::trunc(span.count());
+    const double seconds = span.count();
     // 2^63 is exact as a double and the first value that no longer fits.
     constexpr double limit = 9223372036854775808.0;
     const bool fits = seconds >= -limit && seconds < limit;  // not-a-number fits nowhere
     if (!fits) {
         fatal("A span of seconds cannot be converted to a whole number");
     }
-    return static_cast<std::int64_t>(seconds);
+    return static_cast<std::int64_t>(seconds);  // truncates
 }
 
 }  // namespace halvo

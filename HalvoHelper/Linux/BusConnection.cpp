@@ -171,6 +171,11 @@ bool BusConnection::start(Descriptor socket) {
                          sd_bus_start(bus_) >= 0 &&
                          sd_bus_attach_event(bus_, loop, SD_EVENT_PRIORITY_NORMAL) >= 0;
     sd_event_unref(loop);
+    if (started) {
+        // sd-bus asks the kernel for megabytes. Where it will not take them back they stay.
+        setsockopt(sd_bus_get_fd(bus_), SOL_SOCKET, SO_SNDBUF, &Limits::sendBuffer,
+                   sizeof Limits::sendBuffer);
+    }
     return started;
 }
 

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "HalvoHelper/Linux/BusConnection.hpp"
-#include "HalvoHelper/Linux/Interception.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"

@@ -22,13 +22,13 @@
 #include <vector>
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
-#include "HalvoHelper/Linux/Interception.hpp"
-#include "HalvoHelper/Linux/PrivateMachine.hpp"
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/Interception.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -562,7 +562,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatEndsMeanwhile) {
     if (!isHeldByKernel(connection)) {
         GTEST_SKIP() << "needs SO_PEERPIDFD (Linux 6.5)";
     }
-    const BeforeNextPoll end([this] {
+    const BeforeNext end(BeforeNext::Call::poll, [this] {
         caller->send(SIGKILL);
         caller->wait();
     });

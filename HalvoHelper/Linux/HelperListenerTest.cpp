@@ -28,16 +28,16 @@
 
 #include "HalvoHelper/ConnectionAcceptor.hpp"
 #include "HalvoHelper/HelperListener.hpp"
-#include "HalvoHelper/Linux/Interception.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
-#include "HalvoHelper/Linux/PrivateMachine.hpp"
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -233,6 +233,37 @@ TEST_F(HelperListenerPrivateMachineTest, RefusesANameThatIsTooLong) {
                   "The app's identifier is too long for a socket: /run/" + longest + "x.sock");
     });
     fs::remove("/run/" + longest + "x.sock.lock");
+}
+
+// One that ends takes the file away that the next one has opened already.
+TEST_F(HelperListenerPrivateMachineTest, HoldsAFileThatIsStillThere) {
+    inChild([] {
+        std::optional<std::expected<std::unique_ptr<HelperListener>, ListenerFailure>> listener;
+        {
+            const BeforeNext end(BeforeNext::Call::flock, [] { fs::remove(lockPath); });
+            listener = makeListener(name);
+        }
+        ASSERT_TRUE(*listener);
+        EXPECT_EQ(modeOf(lockPath), S_IFREG | 0600U);
+        const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CLOEXEC));
+        EXPECT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), -1) << "another helper could hold it";
+    });
+}
+
+// And another one may have put its own in the place meanwhile.
+TEST_F(HelperListenerPrivateMachineTest, DoesNotHoldAFileBesidesThatOfAnother) {
+    inChild([] {
+        const BeforeNext change(BeforeNext::Call::flock, [] {
+            fs::remove(lockPath);
+            // Held until this process ends.
+            const int file = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+            ASSERT_EQ(flock(file, LOCK_EX | LOCK_NB), 0);
+        });
+        const auto listener = makeListener(name);
+        ASSERT_FALSE(listener);
+        EXPECT_EQ(listener.error().exitStatus, exitSystem);
+        EXPECT_THAT(listener.error().message, StartsWith("Another helper already runs"));
+    });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, DoesNotFollowALinkInThePlaceOfItsLock) {

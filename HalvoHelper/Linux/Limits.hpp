@@ -17,6 +17,9 @@ inline constexpr Seconds authentication{10};
 // Replies waiting for a caller that does not read them. Past that it is disconnected.
 inline constexpr std::size_t queuedReplies = 64;
 
+// Bytes of replies that the kernel keeps for such a caller besides; SO_SNDBUF, socket(7).
+inline constexpr int sendBuffer = 64 * 1024;
+
 // Bytes of the path in a begin; path_resolution(7). A message may have 128 MiB, and to copy that
 // would end a helper that may not have so much memory.
 inline constexpr std::size_t appPath = 4096;

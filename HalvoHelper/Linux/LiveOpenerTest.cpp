@@ -10,13 +10,13 @@
 #include <filesystem>
 #include <string>
 
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
-#include "HalvoHelper/Linux/TestReport.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
+#include "tests/Support/TestReport.hpp"
 
 namespace halvo::testing {
 namespace {

@@ -17,14 +17,14 @@
 #include <thread>
 #include <vector>
 
-#include "HalvoHelper/Linux/AllocationCount.hpp"
-#include "HalvoHelper/Linux/Interception.hpp"
-#include "HalvoHelper/Linux/PrivateMachine.hpp"
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
 #include "HalvoHelper/LiveSessionProbe.hpp"
+#include "tests/Support/Interception.hpp"
+#include "tests/Support/MallocCount.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -263,31 +263,31 @@ TEST_F(LiveSessionProbeTest, AllocatesNothingWhileNothingChanges) {
     bundle.writeInfo();
     const std::string path = bundle.path();
     EXPECT_FALSE(isRunning());
-    std::size_t before = allocationsMade();
+    std::size_t before = mallocsMade();
     for (int turn = 0; turn < 5; ++turn) {
         EXPECT_FALSE(isRunning(path));
     }
-    EXPECT_EQ(allocationsMade(), before) << "while the app does not run";
+    EXPECT_EQ(mallocsMade(), before) << "while the app does not run";
 
     const auto app = startProgram(bundle.executable());
     EXPECT_TRUE(isRunning());
-    before = allocationsMade();
+    before = mallocsMade();
     for (int turn = 0; turn < 5; ++turn) {
         EXPECT_TRUE(isRunning(path));
     }
-    EXPECT_EQ(allocationsMade(), before) << "while the app runs";
+    EXPECT_EQ(mallocsMade(), before) << "while the app runs";
 }
 
-TEST(AllocationCountTest, CountsEveryAllocation) {
-    const std::size_t before = allocationsMade();
+TEST(MallocCountTest, CountsEveryAllocation) {
+    const std::size_t before = mallocsMade();
     // Volatile, or the compiler would see that nobody needs it.
     void* volatile memory = std::malloc(1);
     std::free(memory);
-    EXPECT_GT(allocationsMade(), before);
+    EXPECT_GT(mallocsMade(), before);
     // By a shared library.
-    const std::size_t between = allocationsMade();
+    const std::size_t between = mallocsMade();
     std::free(realpath("/", nullptr));
-    EXPECT_GT(allocationsMade(), between);
+    EXPECT_GT(mallocsMade(), between);
 }
 
 // ------------------------------------------------------------------- in a machine with other
@@ -558,26 +558,26 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesASessionThatComesAfterItsS
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChanges) {
     letSomebodySit();
-    const std::size_t before = allocationsMade();
+    const std::size_t before = mallocsMade();
     for (int turn = 0; turn < 5; ++turn) {
         EXPECT_EQ(probe.consoleUser(), user.uid);
     }
-    EXPECT_EQ(allocationsMade(), before);
+    EXPECT_EQ(mallocsMade(), before);
     // And that it looks again is seen too.
     session("1", user.uid);
     EXPECT_EQ(probe.consoleUser(), user.uid);
-    EXPECT_GT(allocationsMade(), before);
+    EXPECT_GT(mallocsMade(), before);
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileALoginScreenIsInFront) {
     session("1", 110, "greeter");
     seat("1", 110);
     EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    const std::size_t before = allocationsMade();
+    const std::size_t before = mallocsMade();
     for (int turn = 0; turn < 5; ++turn) {
         EXPECT_EQ(probe.consoleUser(), std::nullopt);
     }
-    EXPECT_EQ(allocationsMade(), before);
+    EXPECT_EQ(mallocsMade(), before);
 }
 
 }  // namespace

@@ -67,18 +67,21 @@ Descriptor connectTo(const std::string& path) {
     return connect(socket.get(), generic, sizeof address) == 0 ? std::move(socket) : Descriptor{};
 }
 
-// Notes in `userdata` that the manager replied. A connection that breaks replies too, with an error
+// Whether the manager is well; nothing while it has not replied.
+using Answer = std::optional<bool>;
+
+// Notes the reply in the Answer `userdata`. A connection that breaks replies too, with an error
 // that sd-bus makes up.
 int onReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    *static_cast<bool*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
+    *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
     return 0;
 }
 
-// Serves `bus` until the reply to the ping sets `answered`, or patience ends.
-void waitForAnswer(sd_bus* bus, const bool& answered) {
+// Serves `bus` until the reply to the ping sets `answer`, or patience ends.
+void waitForAnswer(sd_bus* bus, const Answer& answer) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point end = Clock::now() + managerPatience;
-    while (!answered) {
+    while (!answer) {
         const int processed = sd_bus_process(bus, nullptr);
         if (processed < 0) {
             return;
@@ -100,19 +103,19 @@ bool managerAnswers(const User& user) {
     if (!socket.isOpen() || sd_bus_new(&bus) < 0) {
         return false;
     }
-    bool answered = false;
+    Answer answer;
     const int descriptor = socket.get();
     if (sd_bus_set_fd(bus, descriptor, descriptor) >= 0) {
         [[maybe_unused]] const int owned = socket.release();  // by the bus
         if (sd_bus_start(bus) >= 0 &&
             sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
-                                     "org.freedesktop.DBus.Peer", "Ping", onReply, &answered,
+                                     "org.freedesktop.DBus.Peer", "Ping", onReply, &answer,
                                      "") >= 0) {
-            waitForAnswer(bus, answered);
+            waitForAnswer(bus, answer);
         }
     }
     sd_bus_close_unref(bus);
-    return answered;
+    return answer.value_or(false);
 }
 
 std::string randomHex() {

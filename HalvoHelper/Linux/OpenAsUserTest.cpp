@@ -20,16 +20,16 @@
 #include <string_view>
 #include <vector>
 
-#include "HalvoHelper/Linux/PrivateMachine.hpp"
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
-#include "HalvoHelper/Linux/TestReport.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
+#include "tests/Support/TestReport.hpp"
 
 namespace halvo::testing {
 namespace {

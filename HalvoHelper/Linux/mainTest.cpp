@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/PrivateMachine.hpp"
-#include "HalvoHelper/Linux/TestBundle.hpp"
-#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

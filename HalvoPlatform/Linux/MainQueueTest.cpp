@@ -202,6 +202,9 @@ TEST(MainQueueTest, LetsTheSystemDelayATurnByTheLeewayAndNoMore) {
     serve([](MainQueue& queue) {
         queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, [] {});
         EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{2'000'000, 200'000}));
+        // The loop takes 0 for "as you like".
+        queue.repeat(Seconds{2}, Seconds{2}, Seconds{0}, [] {});
+        EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{2'000'000, 1}));
         queue.async(finish);
     });
 }

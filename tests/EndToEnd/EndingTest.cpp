@@ -163,6 +163,8 @@ TEST_F(EndingTest, ByItselfIsNotPutOffByStrangers) {
 }
 
 TEST_F(EndingTest, ByItselfNeverComesWhileACommitmentHolds) {
+    // Nobody for whom the app would be opened: its connection, too, would keep the helper.
+    world.console({"nobody"});
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_TRUE(always(idleLimit + Seconds{6}, [&] { return helper.isRunning(); }));

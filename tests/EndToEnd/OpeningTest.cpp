@@ -1,10 +1,13 @@
 // How the helper keeps the app open.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
@@ -79,6 +82,16 @@ TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
 }
 
 TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
+    // A helper with groups, variables, ignored signals and descriptors that the app is not to have.
+    helper.reset();
+    helper.emplace(HelperStart{.prepare =
+                                   [] {
+                                       constexpr std::array<gid_t, 3> groups{0, 4, 27};
+                                       setgroups(groups.size(), groups.data());
+                                       std::signal(SIGUSR1, SIG_IGN);
+                                       open("/etc/passwd", O_RDONLY);
+                                   },
+                               .environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}});
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
     EXPECT_THAT(processNumbers(app, "Uid"), Each(world.user));
@@ -87,7 +100,7 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
         return processNumbers(app, "Gid") ==
                std::vector<unsigned long long>{world.user, world.user, world.appGroup, world.user};
     }));
-    EXPECT_THAT(processNumbers(app, "Groups"), Each(world.user));
+    EXPECT_THAT(processNumbers(app, "Groups"), ElementsAre(world.user));
     // It ignores SIGPIPE itself. That two signals of the C library's own are ignored is how
     // posix_spawn(3) leaves them.
     constexpr unsigned long long own = 1ULL << (SIGPIPE - 1);
@@ -194,7 +207,8 @@ TEST_F(OpeningTest, WaitsWhileNobodyIsAtTheConsole) {
 
 TEST_F(OpeningTest, WaitsWhileTheLoginScreenIsAtTheConsole) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    world.console({"greeter", "102"});
+    // Whoever's account the login screen runs as, it is nobody.
+    world.console({"greeter", std::to_string(world.user)});
     EXPECT_TRUE(staysClosed(wellAfterSilence));
     world.console(world.user);
     const Seconds back = timeNow();

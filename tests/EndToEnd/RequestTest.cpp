@@ -167,6 +167,10 @@ TEST_F(RequestTest, IsAnsweredOnAConnectionThatHadAnErrorBefore) {
               "badb\n");
 }
 
+TEST_F(RequestTest, IsAnsweredWhenItComesTogetherWithTheAuthentication) {
+    EXPECT_EQ(world.run({Place::talker, "--at-once"}).output, "answered\n");
+}
+
 TEST_F(RequestTest, IsDoneAlsoWhenNoReplyIsWanted) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const Answer answer = world.run(

@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 #include <fcntl.h>
 #include <grp.h>

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 

@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/TestBundle.hpp"
+#include "tests/Support/TestBundle.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

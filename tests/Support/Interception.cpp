@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/Interception.hpp"
+#include "tests/Support/Interception.hpp"
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <limits>
+#include <map>
 #include <utility>
 
 namespace halvo::testing {
@@ -18,8 +19,14 @@ namespace {
 constexpr std::size_t shortListing = 512;
 
 std::size_t longestListing = std::numeric_limits<std::size_t>::max();
-std::function<void()> beforePoll;
+std::map<BeforeNext::Call, std::function<void()>> workBefore;
 bool failsBusStart = false;
+
+void doWorkBefore(BeforeNext::Call call) {
+    if (auto node = workBefore.extract(call)) {
+        node.mapped()();
+    }
+}
 
 }  // namespace
 
@@ -27,12 +34,11 @@ ShortListings::ShortListings() { longestListing = shortListing; }
 
 ShortListings::~ShortListings() { longestListing = std::numeric_limits<std::size_t>::max(); }
 
-BeforeNextPoll::BeforeNextPoll(std::function<void()> work) { beforePoll = std::move(work); }
-
-BeforeNextPoll::~BeforeNextPoll() {
-    EXPECT_EQ(beforePoll, nullptr) << "nobody polled";
-    beforePoll = nullptr;
+BeforeNext::BeforeNext(Call call, std::function<void()> work) : call_(call) {
+    workBefore[call] = std::move(work);
 }
+
+BeforeNext::~BeforeNext() { EXPECT_EQ(workBefore.erase(call_), 0U) << "there was no such call"; }
 
 FailingBusStart::FailingBusStart() { failsBusStart = true; }
 
@@ -47,6 +53,7 @@ FailingBusStart::~FailingBusStart() {
 extern "C" {
 
 ssize_t __real_getdents64(int folder, void* entries, std::size_t size);
+int __real_flock(int file, int operation);
 int __real_poll(pollfd* descriptors, nfds_t count, int limit);
 int __real_sd_bus_start(sd_bus* bus);
 
@@ -55,10 +62,13 @@ ssize_t __wrap_getdents64(int folder, void* entries, std::size_t size) {
 }
 
 int __wrap_poll(pollfd* descriptors, nfds_t count, int limit) {
-    if (const auto work = std::exchange(halvo::testing::beforePoll, nullptr)) {
-        work();
-    }
+    halvo::testing::doWorkBefore(halvo::testing::BeforeNext::Call::poll);
     return __real_poll(descriptors, count, limit);
+}
+
+int __wrap_flock(int file, int operation) {
+    halvo::testing::doWorkBefore(halvo::testing::BeforeNext::Call::flock);
+    return __real_flock(file, operation);
 }
 
 int __wrap_sd_bus_start(sd_bus* bus) {

@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/AllocationCount.hpp"
+#include "tests/Support/MallocCount.hpp"
 
 #include <atomic>
 
@@ -63,6 +63,6 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
 
 namespace halvo::testing {
 
-std::size_t allocationsMade() { return allocations; }
+std::size_t mallocsMade() { return allocations; }
 
 }  // namespace halvo::testing

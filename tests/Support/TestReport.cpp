@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/TestReport.hpp"
+#include "tests/Support/TestReport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <fstream>
 #include <string>
 
-#include "HalvoHelper/Linux/TestProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 

@@ -15,14 +15,19 @@ class ShortListings {
     ~ShortListings();
 };
 
-// While it lives, the next poll(2) first does this.
-class BeforeNextPoll {
+// While it lives, the next call of one kind first does this.
+class BeforeNext {
   public:
-    explicit BeforeNextPoll(std::function<void()> work);
-    BeforeNextPoll(const BeforeNextPoll&) = delete;
-    BeforeNextPoll& operator=(const BeforeNextPoll&) = delete;
+    enum class Call { flock, poll };
+
+    BeforeNext(Call call, std::function<void()> work);
+    BeforeNext(const BeforeNext&) = delete;
+    BeforeNext& operator=(const BeforeNext&) = delete;
     // Fails the test when there was none.
-    ~BeforeNextPoll();
+    ~BeforeNext();
+
+  private:
+    Call call_;
 };
 
 // While it lives, the next sd_bus_start(3) fails for want of memory.

@@ -1,0 +1,13 @@
+// Whether anything allocates: not only C++ code, as AllocationCount.hpp tells, but the C library
+// and other shared libraries too. An executable that asks has MallocCount.cpp among its own
+// sources.
+#pragma once
+
+#include <cstddef>
+
+namespace halvo::testing {
+
+// How often memory was allocated so far in this process, by whomever, also what was freed at once.
+std::size_t mallocsMade();
+
+}  // namespace halvo::testing
