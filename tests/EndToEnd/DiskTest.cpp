@@ -1,4 +1,4 @@
-// What becomes of a commitment when the disk does not do its part.
+// What becomes of a commitment when the disk fails it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -257,7 +257,8 @@ TEST_F(DamagedStateTest, ThatIsHugeIsForgotten) {
 }
 
 TEST_F(DamagedStateTest, ThatIsDeeplyNestedIsForgotten) {
-    constexpr std::size_t deep = 400'000;
+    // The address sanitizer makes much of each of them.
+    constexpr std::size_t deep = HALVO_IS_SANITIZED ? 40'000 : 400'000;
     expectLifted(std::string(2 * deep, '['), false);
     expectLifted(std::string(deep, '[') + std::string(deep, ']'), false);
     std::string objects = R"(, "locked": true, "more": )";

@@ -153,9 +153,9 @@ TEST_F(StrangerTest, IsABundleOfAnotherAppOrTeam) {
     world.installApp(copyOfApp);
     const std::string plist = copyOfApp + "/Contents/Info.plist";
     const std::string whole = readTestFile(plist);
-    for (const char* part : {HALVO_APP_BUNDLE_ID, HALVO_TEAM_ID}) {
+    for (const char* word : {HALVO_APP_BUNDLE_ID, HALVO_TEAM_ID}) {
         std::string other = whole;
-        const std::size_t at = other.find(part);
+        const std::size_t at = other.find(word);
         ASSERT_NE(at, std::string::npos);
         other[at] = 'X';
         put(plist, other);
