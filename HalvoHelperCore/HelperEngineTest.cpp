@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "tests/Support/AllocationCount.hpp"
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/MallocCount.hpp"
 #include "tests/Support/Printing.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
@@ -696,14 +696,14 @@ TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
     world.calls.stopRecording();
     engine->tick();
     world.clock.advance(second * 20);
-    const std::size_t before = testing::allocationsMade();
+    const std::size_t before = testing::mallocsMade();
     for (int i = 0; i < 5; ++i) {
         world.clock.advance(second * 2);
         engine->tick();
     }
-    EXPECT_EQ(testing::allocationsMade(), before);
+    EXPECT_EQ(testing::mallocsMade(), before);
     std::string(100, 'x').swap(app);
-    EXPECT_GT(testing::allocationsMade(), before) << "nothing was counted";
+    EXPECT_GT(testing::mallocsMade(), before) << "nothing was counted";
     EXPECT_FALSE(engine->isIdle());
 }
 

@@ -1,6 +1,5 @@
-// Whether anything allocates: not only C++ code, as AllocationCount.hpp tells, but the C library
-// and other shared libraries too. An executable that asks has MallocCount.cpp among its own
-// sources.
+// Whether anything allocates: C++ code, the C library and other shared libraries. An executable
+// that asks has MallocCount.cpp among its own sources.
 #pragma once
 
 #include <cstddef>
