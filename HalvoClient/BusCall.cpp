@@ -1,6 +1,8 @@
 #include "HalvoClient/BusCall.hpp"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -25,7 +27,19 @@ std::expected<sockaddr_un, int> addressOf(const std::string& path) {
     return address;
 }
 
-// Gives 0 or the errno.
+// Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer; socket(7).
+// Only who waits in it has a turn there: a socket that never blocks has to come back by chance.
+// Says whether the kernel took it.
+bool limitWait(int socket, Deadline deadline) {
+    // Zero would be no limit.
+    const auto left = std::max(std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()),
+                               std::chrono::microseconds{1});
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timeval limit{.tv_sec = seconds.count(), .tv_usec = (left - seconds).count()};
+    return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+// Gives 0 or the errno; EAGAIN when the queue had no place in time.
 int tryToConnect(int socket, const sockaddr_un& address) {
     const PrivateGroup::InEffect group;
     return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
@@ -80,25 +94,24 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
     if (!address) {
         return std::unexpected(address.error());
     }
-    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket.isOpen()) {
         return std::unexpected(errno);
     }
-    while (true) {
-        const int code = tryToConnect(socket.get(), *address);
-        if (code == 0) {
-            return socket;
+    int code = EAGAIN;
+    do {
+        if (!limitWait(socket.get(), deadline)) {
+            return std::unexpected(errno);
         }
-        // EAGAIN says that the listener's queue is full, and no event says when it no longer is:
-        // connect(2).
-        constexpr Seconds pause{0.01};
-        if (code != EAGAIN && code != EINTR) {
-            return std::unexpected(code);
-        }
-        if (!waitBefore(deadline, code == EAGAIN ? pause : Seconds{0})) {
-            return std::unexpected(ETIMEDOUT);
-        }
+        code = tryToConnect(socket.get(), *address);
+    } while ((code == EAGAIN || code == EINTR) && Clock::now() < deadline);
+    if (code == EAGAIN || code == EINTR) {
+        return std::unexpected(ETIMEDOUT);
     }
+    if (code != 0 || fcntl(socket.get(), F_SETFL, O_NONBLOCK) != 0) {
+        return std::unexpected(code != 0 ? code : errno);
+    }
+    return socket;
 }
 
 std::expected<BusHandle, int> openBus(Descriptor socket) {

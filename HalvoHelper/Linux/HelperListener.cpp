@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -42,6 +43,11 @@ std::unexpected<ListenerFailure> failure(int status, const std::string& message)
 
 std::string described(int code) { return std::generic_category().message(code); }
 
+// Whoever is let in goes before who asks to be, or strangers without end would keep the app from
+// authenticating: sd-bus arms its timer anew at each turn of the loop, and among equals the source
+// that has waited longest goes first. sd_event_source_set_priority(3).
+constexpr std::int64_t incomingPriority = SD_EVENT_PRIORITY_NORMAL + 10;
+
 class SocketListener final : public HelperListener {
   public:
     SocketListener(Descriptor socket, Descriptor lock)
@@ -59,6 +65,7 @@ class SocketListener final : public HelperListener {
         sd_event* loop = nullptr;
         if (listen(socket_.get(), Limits::backlog) != 0 || sd_event_default(&loop) < 0 ||
             sd_event_add_io(loop, &incoming_, socket_.get(), EPOLLIN, onIncoming, this) < 0 ||
+            sd_event_source_set_priority(incoming_, incomingPriority) < 0 ||
             sd_event_add_time_relative(loop, &retry_, CLOCK_MONOTONIC, 0, 0, onRetry, this) < 0 ||
             sd_event_source_set_enabled(retry_, SD_EVENT_OFF) < 0) {
             fatal("The helper cannot listen on its socket");
@@ -77,7 +84,7 @@ class SocketListener final : public HelperListener {
         return 0;
     }
 
-    // One at a turn, so that a flood of strangers leaves the connections theirs.
+    // One at a turn, so that the connections have theirs in between.
     void acceptOne() {
         Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.isOpen()) {
