@@ -27,13 +27,14 @@ std::expected<sockaddr_un, int> addressOf(const std::string& path) {
     return address;
 }
 
-// Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer; socket(7).
-// Only who waits in it has a turn there: a socket that never blocks has to come back by chance.
-// Says whether the kernel took it.
+// Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer;
+// socket(7). Only who waits in it has a turn there: a socket that never blocks has to come back by
+// chance. Says whether the kernel took it.
 bool limitWait(int socket, Deadline deadline) {
     // Zero would be no limit.
-    const auto left = std::max(std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()),
-                               std::chrono::microseconds{1});
+    const auto left =
+        std::max(std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()),
+                 std::chrono::microseconds{1});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timeval limit{.tv_sec = seconds.count(), .tv_usec = (left - seconds).count()};
     return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;

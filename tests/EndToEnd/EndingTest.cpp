@@ -25,7 +25,7 @@ using ::testing::StartsWith;
 constexpr int exitWhileHolding = 75;
 constexpr Seconds idleLimit{30};
 // One tick, and what a busy machine adds.
-constexpr Seconds idleLate{4};
+constexpr Seconds idleLate{10};
 
 class EndingTest : public ::testing::Test {
   protected:
@@ -124,9 +124,10 @@ TEST_F(EndingTest, WhileTheTimeRunsOutIsNoticedByTheNext) {
 }
 
 TEST_F(EndingTest, ComesByItselfAfterThirtyIdleSeconds) {
+    const Seconds before = timeNow();
     RunningHelper helper;
     EXPECT_EQ(helper.wait(idleLimit + idleLate), 0);
-    EXPECT_GE(timeNow() - helper.servedAt(), idleLimit - Seconds{0.1});
+    EXPECT_GE(timeNow() - before, idleLimit);
     EXPECT_FALSE(exists(Place::socket));
     EXPECT_THAT(helper.log(), ElementsAre());
 }
@@ -134,21 +135,21 @@ TEST_F(EndingTest, ComesByItselfAfterThirtyIdleSeconds) {
 TEST_F(EndingTest, ByItselfIsPutOffByEveryConnection) {
     RunningHelper helper;
     sleepFor(Seconds{15});
+    const Seconds before = timeNow();
     EXPECT_EQ(world.ask({"status"}).status, Reply::no);
-    const Seconds closed = timeNow();
     EXPECT_EQ(helper.wait(idleLimit + idleLate), 0);
-    EXPECT_GE(timeNow() - closed, idleLimit - Seconds{0.5});
+    EXPECT_GE(timeNow() - before, idleLimit);
 }
 
 TEST_F(EndingTest, ByItselfWaitsForAsLongAsAConnectionIsOpen) {
     RunningHelper helper;
     Program caller = world.startCaller({"hold", "1"});
     EXPECT_TRUE(always(idleLimit + Seconds{5}, [&] { return helper.isRunning(); }));
+    const Seconds before = timeNow();
     caller.closeInput();
     EXPECT_EQ(caller.wait(), 0);
-    const Seconds closed = timeNow();
     EXPECT_EQ(helper.wait(idleLimit + idleLate), 0);
-    EXPECT_GE(timeNow() - closed, idleLimit - Seconds{0.5});
+    EXPECT_GE(timeNow() - before, idleLimit);
 }
 
 TEST_F(EndingTest, ByItselfIsNotPutOffByStrangers) {

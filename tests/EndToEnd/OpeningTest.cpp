@@ -36,7 +36,9 @@ const std::string opening = "Halvo isn't running during Ultra Hard mode; opening
 constexpr Seconds silence{6};
 constexpr Seconds reopenGap{15};
 // A tick comes every 2 seconds, and a busy machine is late.
-constexpr Seconds late{5};
+constexpr Seconds late{10};
+// By how much later than it happened an event may be seen there.
+constexpr Seconds seen{3};
 // Clear of any opening that would come.
 constexpr Seconds wellAfterSilence{11};
 
@@ -145,7 +147,7 @@ TEST_F(OpeningTest, ComesNoSoonerThanFifteenSecondsAfterTheLast) {
     const Seconds firstAt = timeNow();
     quit(first);
     const pid_t second = waitForApp(reopenGap + late);
-    EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
+    EXPECT_GE(timeNow() - firstAt, reopenGap - seen);
     EXPECT_NE(second, first);
     EXPECT_EQ(helper->count(opening), 2);
 }
@@ -156,7 +158,7 @@ TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
     EXPECT_TRUE(helper->says(opening, silence + late));
     const Seconds firstAt = timeNow();
     EXPECT_TRUE(eventually(reopenGap + late, [&] { return helper->count(opening) == 2; }));
-    EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
+    EXPECT_GE(timeNow() - firstAt, reopenGap - seen);
     EXPECT_TRUE(world.status().holding);
     // What it started and could not become the app is not left behind.
     EXPECT_TRUE(eventually(Seconds{2}, [] { return processesRunning(Place::helper).size() == 1; }));
@@ -165,11 +167,11 @@ TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
 TEST_F(OpeningTest, SaysNothingOfAQuitAfterTheHelperStartedAnew) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     helper->kill();
+    const Seconds before = timeNow();
     helper.emplace();
-    const Seconds before = helper->servedAt();
     EXPECT_EQ(helper->count("Holding Ultra Hard mode for another 59*"), 1);
     const pid_t app = waitForApp();
-    EXPECT_GE(timeNow() - before, silence - Seconds{0.5});
+    EXPECT_GE(timeNow() - before, silence);
     EXPECT_THAT(processWords(app), ElementsAre(Place::appExecutable));
 }
 
@@ -198,8 +200,8 @@ TEST_F(OpeningTest, WaitsWhileNobodyIsAtTheConsole) {
     world.console({"nobody"});
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_TRUE(staysClosed(wellAfterSilence));
-    world.console(world.user);
     const Seconds back = timeNow();
+    world.console(world.user);
     waitForApp();
     EXPECT_GE(timeNow() - back, silence);
     EXPECT_EQ(helper->count(opening), 1);
@@ -210,8 +212,8 @@ TEST_F(OpeningTest, WaitsWhileTheLoginScreenIsAtTheConsole) {
     // Whoever's account the login screen runs as, it is nobody.
     world.console({"greeter", std::to_string(world.user)});
     EXPECT_TRUE(staysClosed(wellAfterSilence));
-    world.console(world.user);
     const Seconds back = timeNow();
+    world.console(world.user);
     const pid_t app = waitForApp();
     EXPECT_GE(timeNow() - back, silence);
     // Not heard from since the person came back.
@@ -225,8 +227,8 @@ TEST_F(OpeningTest, WaitsWhileAnotherPersonIsAtTheConsole) {
     // The lock holds meanwhile.
     setLockedByHand(false);
     EXPECT_TRUE(eventually(Seconds{5}, [] { return isLocked(); }));
-    world.console(world.user);
     const Seconds back = timeNow();
+    world.console(world.user);
     waitForApp();
     EXPECT_GE(timeNow() - back, silence);
 }
@@ -242,10 +244,10 @@ TEST_F(OpeningTest, WaitsAfterTheAppSaidThatTheSessionEnds) {
     ASSERT_EQ(world.ask({"heartbeat", "--ending"}).status, Reply::yes);
     EXPECT_TRUE(staysClosed(Seconds{20}));
     // The session did not end after all.
-    ASSERT_EQ(world.heartbeat(), Reply::yes);
     const Seconds back = timeNow();
+    ASSERT_EQ(world.heartbeat(), Reply::yes);
     const pid_t app = waitForApp();
-    EXPECT_GE(timeNow() - back, silence - Seconds{0.5});
+    EXPECT_GE(timeNow() - back, silence);
     EXPECT_THAT(processWords(app),
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
 }
@@ -255,8 +257,8 @@ TEST_F(OpeningTest, ForgetsAnEndingSessionWhenSomebodyElseComesToTheConsole) {
     ASSERT_EQ(world.ask({"heartbeat", "--ending"}).status, Reply::yes);
     world.console(world.other);
     sleepFor(Seconds{4});
-    world.console(world.user);
     const Seconds back = timeNow();
+    world.console(world.user);
     waitForApp();
     EXPECT_GE(timeNow() - back, silence);
 }
