@@ -30,22 +30,32 @@ class Bundle {
     // The bundle at `path`, which need not exist.
     explicit Bundle(std::string path);
 
-    // The bundle of this process: its executable and the Info.plist that belongs to it. On Linux
-    // that is the Info.plist in the executable's own folder.
+    // The bundle of this process, as ofProcess() finds it.
     static Bundle main();
 
-    // The Info.plist's path: "Contents/Info.plist" in the bundle, but for main().
+    // The bundle of a process that runs the program at the absolute path `executable`: X for a
+    // program at X/Contents/MacOS/NAME; for any other program its own folder, with the Info.plist
+    // beside the program. "" stands for a process that cannot tell its program.
+    static Bundle ofProcess(const std::string& executable);
+
+    // The bundle's folder. It has no slash at its end unless the bundle was made with one or is the
+    // root folder.
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+    // The Info.plist's path: "Contents/Info.plist" in the bundle, or "Info.plist" in the folder of
+    // a program that lies in no bundle.
     [[nodiscard]] const std::string& infoPath() const { return infoPath_; }
 
     // The Info.plist's members, or nothing when there is none that can be read.
     [[nodiscard]] std::optional<InfoDictionary> info() const;
 
-    // The path of the executable: for main() the process's own, else the file that
-    // "CFBundleExecutable" names in "Contents/MacOS". Nothing when the bundle has none.
+    // The path of the executable: for main() the process's own, for ofProcess() the one given, else
+    // the file that "CFBundleExecutable" names in "Contents/MacOS". Nothing when the bundle has
+    // none.
     [[nodiscard]] std::optional<std::string> executablePath() const;
 
   private:
-    Bundle(std::string infoPath, std::string executable);
+    Bundle(std::string path, std::string infoPath, std::string executable);
 
     std::string path_;
     std::string infoPath_;

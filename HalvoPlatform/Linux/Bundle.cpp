@@ -61,8 +61,6 @@ std::optional<InfoDictionary> parsePropertyList(std::string_view bytes) {
     }
 }
 
-std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
-
 std::optional<std::string> ownExecutablePath() {
     std::array<char, PATH_MAX> buffer{};
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
@@ -74,16 +72,7 @@ std::optional<std::string> ownExecutablePath() {
 
 }  // namespace
 
-Bundle::Bundle(std::string path)
-    : path_(std::move(path)), infoPath_(path_ + "/Contents/Info.plist") {}
-
-Bundle::Bundle(std::string infoPath, std::string executable)
-    : infoPath_(std::move(infoPath)), ownExecutable_(std::move(executable)) {}
-
-Bundle Bundle::main() {
-    const std::string executable = ownExecutablePath().value_or("");
-    return {folderOf(executable) + "/Info.plist", executable};
-}
+Bundle Bundle::main() { return ofProcess(ownExecutablePath().value_or("")); }
 
 std::optional<InfoDictionary> Bundle::info() const {
     const auto bytes = readFile(infoPath_, infoLimit);

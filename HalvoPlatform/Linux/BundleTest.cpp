@@ -263,6 +263,7 @@ TEST(MainBundleTest, IsTheProcessItself) {
     const Bundle main = Bundle::main();
     const std::filesystem::path executable = testExecutable();
     EXPECT_EQ(main.executablePath(), executable);
+    EXPECT_EQ(main.path(), executable.parent_path());
     EXPECT_EQ(main.infoPath(), executable.parent_path() / "Info.plist");
 }
 
