@@ -54,6 +54,11 @@ class NotingQueue final : public MainQueue {
         queue_.repeat(first, interval, leeway, std::move(work));
     }
 
+    void after(Seconds delay, Work work) override {
+        calls_.enter("after");
+        queue_.after(delay, std::move(work));
+    }
+
     void onTermination(Work work) override {
         calls_.enter("handle SIGTERM");
         queue_.onTermination(std::move(work));

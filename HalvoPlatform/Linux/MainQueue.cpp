@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -44,6 +45,16 @@ Seconds clockNow(clockid_t clock) {
 // the next tick, and no flood of requests holds up a tick. sd_event_source_set_priority(3).
 constexpr std::int64_t workPriority = SD_EVENT_PRIORITY_NORMAL - 20;
 constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
+
+// In microseconds. An accuracy of 0 would stand for sd-event's own choice, 250 ms.
+constexpr std::uint64_t noLeeway = 1;
+
+// A delay that a time of the event loop can hold.
+Seconds withinACentury(Seconds delay) {
+    constexpr Seconds century = std::chrono::years{100};
+    const bool isDelay = delay > Seconds{0};  // not-a-number is none
+    return isDelay ? std::min(delay, century) : Seconds{0};
+}
 
 // The default event loop of the main thread (sd_event_default(3)), so that other users of the same
 // loop find it there. It lives as long as the process and is never taken down.
@@ -91,14 +102,24 @@ class EventLoopQueue final : public MainQueue {
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
         auto* timer = new Timer{std::move(work), microseconds(interval)};
         sd_event_source* source = nullptr;
-        // An accuracy of 0 would stand for sd-event's own choice, 250 ms.
-        const std::uint64_t accuracy = std::max<std::uint64_t>(microseconds(leeway), 1);
+        const std::uint64_t accuracy = std::max(microseconds(leeway), noLeeway);
         require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC, microseconds(first),
                                            accuracy, fire, timer),
                 "sd_event_add_time_relative");
         require(sd_event_source_set_priority(source, timerPriority),
                 "sd_event_source_set_priority");
         require(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
+    }
+
+    void after(Seconds delay, Work work) override {
+        auto* once = new Work(std::move(work));
+        sd_event_source* source = nullptr;
+        require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC,
+                                           microseconds(withinACentury(delay)), noLeeway, fireOnce,
+                                           once),
+                "sd_event_add_time_relative");
+        require(sd_event_source_set_priority(source, timerPriority),
+                "sd_event_source_set_priority");
     }
 
     void onTermination(Work work) override {
@@ -138,6 +159,14 @@ class EventLoopQueue final : public MainQueue {
         }
         sd_event_source_set_time(source, next);
         timer->work();
+        return 0;
+    }
+
+    // The loop keeps a source that its own handler gives up until that handler has returned.
+    static int fireOnce(sd_event_source* source, std::uint64_t, void* userdata) {
+        const std::unique_ptr<Work> once(static_cast<Work*>(userdata));
+        sd_event_source_unref(source);
+        (*once)();
         return 0;
     }
 

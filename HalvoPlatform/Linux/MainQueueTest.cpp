@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <limits>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -206,6 +209,82 @@ TEST(MainQueueTest, LetsTheSystemDelayATurnByTheLeewayAndNoMore) {
         queue.repeat(Seconds{2}, Seconds{2}, Seconds{0}, [] {});
         EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{2'000'000, 1}));
         queue.async(finish);
+    });
+}
+
+TEST(MainQueueTest, RunsDelayedWorkOnceAndNeverBeforeItIsDue) {
+    serve([](MainQueue& queue) {
+        static int runs = 0;
+        const Seconds start = queue.now();
+        queue.after(Seconds{0.02}, [&queue, start] {
+            EXPECT_TRUE(onMainActor());
+            // The loop counts whole microseconds.
+            const Seconds passed = queue.now() - start + Seconds{2e-6};
+            EXPECT_GE(passed.count(), 0.02);
+            ++runs;
+        });
+        queue.after(Seconds{0.08}, [] {
+            EXPECT_EQ(runs, 1);
+            finish();
+        });
+        EXPECT_EQ(runs, 0);
+    });
+}
+
+TEST(MainQueueTest, LetsDelayedWorkAskForMore) {
+    serve([](MainQueue& queue) {
+        static int runs = 0;
+        static std::function<void()> step = [&queue] {
+            if (++runs == 100) {
+                finish();
+            }
+            queue.after(Seconds{0}, step);
+        };
+        queue.after(Seconds{0}, step);
+        EXPECT_EQ(runs, 0);
+    });
+}
+
+// What the work holds is let go when it has run, not when the process ends.
+TEST(MainQueueTest, LetsGoOfDelayedWorkThatHasRun) {
+    serve([](MainQueue& queue) {
+        auto held = std::make_shared<int>(1);
+        const std::weak_ptr<int> seen = held;
+        queue.after(Seconds{0.01}, [held = std::move(held)] { EXPECT_EQ(held.use_count(), 1); });
+        EXPECT_FALSE(seen.expired());
+        queue.after(Seconds{0.03}, [seen] {
+            EXPECT_TRUE(seen.expired());
+            finish();
+        });
+    });
+}
+
+TEST(MainQueueTest, LetsTheSystemDelayDelayedWorkByNothing) {
+    serve([](MainQueue& queue) {
+        queue.after(Seconds{0.05}, [] {});
+        EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{50'000, 1}));
+        queue.async(finish);
+    });
+}
+
+TEST(MainQueueTest, TakesAnyDelay) {
+    serve([](MainQueue& queue) {
+        static int runs = 0;
+        constexpr double infinity = std::numeric_limits<double>::infinity();
+        const auto count = [] {
+            if (++runs == 4) {
+                finish();
+            }
+        };
+        for (const double delay : {0.0, -1.0, -infinity, std::nan("")}) {
+            queue.after(Seconds{delay}, count);
+            EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{0, 1})) << delay;
+        }
+        for (const double delay : {infinity, 1e300, 1e10}) {
+            queue.after(Seconds{delay}, [] { ADD_FAILURE() << "due in a century"; });
+            EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{3'155'695'200'000'000, 1}))
+                << delay;
+        }
     });
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstddef>
 #include <utility>
 
 namespace halvo::testing {
@@ -15,6 +16,12 @@ void ManualMainQueue::async(Work work) {
 void ManualMainQueue::repeat(Seconds first, Seconds interval, Seconds leeway, Work work) {
     requests_.push_back({first, interval, leeway});
     timers_.push_back({now() + first, interval, std::move(work)});
+}
+
+void ManualMainQueue::after(Seconds delay, Work work) {
+    delays_.push_back(delay);
+    const bool isDelay = delay > Seconds{0};  // not-a-number is none
+    timers_.push_back({now() + (isDelay ? delay : Seconds{0}), std::nullopt, std::move(work)});
 }
 
 void ManualMainQueue::onTermination(Work work) { termination_ = std::move(work); }
@@ -51,10 +58,14 @@ std::size_t ManualMainQueue::nextDue() const {
 // The timer keeps to its grid; turns that were missed are not made up for.
 void ManualMainQueue::fire(std::size_t index) {
     Timer& timer = timers_[index];
-    const double missed = std::floor((now() - timer.due) / timer.interval);
-    timer.due += timer.interval * (std::max(missed, 0.0) + 1);
     // A copy: the work may add timers, which moves this one.
     const Work work = timer.work;
+    if (timer.interval) {
+        const double missed = std::floor((now() - timer.due) / *timer.interval);
+        timer.due += *timer.interval * (std::max(missed, 0.0) + 1);
+    } else {
+        timers_.erase(timers_.begin() + static_cast<std::ptrdiff_t>(index));
+    }
     work();
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "HalvoPlatform/MainQueue.hpp"
@@ -35,6 +36,7 @@ class ManualMainQueue final : public MainQueue {
 
     void async(Work work) override;
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override;
+    void after(Seconds delay, Work work) override;
     void onTermination(Work work) override;
 
     [[nodiscard]] Seconds now() const override { return clock_.now().sinceBoot; }
@@ -55,6 +57,9 @@ class ManualMainQueue final : public MainQueue {
 
     [[nodiscard]] const std::vector<TimerRequest>& timers() const { return requests_; }
 
+    // Every delay that after() was asked for.
+    [[nodiscard]] const std::vector<Seconds>& delays() const { return delays_; }
+
     [[nodiscard]] bool handlesTermination() const { return termination_ != nullptr; }
 
     [[nodiscard]] bool isServed() const { return served_; }
@@ -62,7 +67,8 @@ class ManualMainQueue final : public MainQueue {
   private:
     struct Timer {
         Seconds due;
-        Seconds interval;
+        // Absent for one that turns once.
+        std::optional<Seconds> interval;
         Work work;
     };
 
@@ -73,6 +79,7 @@ class ManualMainQueue final : public MainQueue {
     std::mutex mutex_;
     std::vector<Work> waiting_;
     std::vector<TimerRequest> requests_;
+    std::vector<Seconds> delays_;
     std::vector<Timer> timers_;
     Work termination_;
     bool served_ = false;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,6 +76,37 @@ TEST_F(ManualMainQueueTest, LetsATimerMakeTimers) {
                  [this] { queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, note("b")); });
     queue.advance(Seconds{4});
     EXPECT_EQ(order, "b3b4");
+}
+
+TEST_F(ManualMainQueueTest, RunsDelayedWorkOnceWhenItIsDue) {
+    queue.after(Seconds{3}, note("b"));
+    queue.after(Seconds{1}, note("a"));
+    EXPECT_EQ(order, "");
+    queue.advance(Seconds{0.5});
+    EXPECT_EQ(order, "");
+    queue.advance(Seconds{10});
+    EXPECT_EQ(order, "a1b3");
+    EXPECT_EQ(queue.delays(), (std::vector<Seconds>{Seconds{3}, Seconds{1}}));
+}
+
+TEST_F(ManualMainQueueTest, RunsDelayedWorkBetweenTheTurnsOfTimers) {
+    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0}, note("t"));
+    queue.after(Seconds{3}, [this] {
+        note("a")();
+        queue.async(note("w"));
+        queue.after(Seconds{2}, note("b"));
+    });
+    queue.advance(Seconds{6});
+    EXPECT_EQ(order, "t2a3w3t4b5t6");
+}
+
+TEST_F(ManualMainQueueTest, RunsWorkWithoutADelayLaterButAtOnce) {
+    queue.after(Seconds{0}, note("a"));
+    queue.after(Seconds{-5}, note("b"));
+    queue.after(Seconds{std::nan("")}, note("c"));
+    EXPECT_EQ(order, "");
+    queue.advance(Seconds{0});
+    EXPECT_EQ(order, "a0b0c0");
 }
 
 TEST_F(ManualMainQueueTest, TakesWorkFromThreads) {
