@@ -1,0 +1,33 @@
+// The folder that the app shares with its widgets, its intents and its helper.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "HalvoPlatform/Bundle.hpp"
+
+// Nothing here is remembered: each call looks again. Any thread, as long as none changes the
+// environment (getenv(3)).
+namespace halvo::AppGroup {
+
+// Which group the main bundle belongs to: identifierIn() its Info.plist.
+std::optional<std::string> identifier();
+
+// The string under "HalvoAppGroup", as it stands there; nothing when there is none.
+std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& info);
+
+// The path of the folder that holds every shared file: containerOf() the identifier().
+std::string container();
+
+// The folder of the group `identifier`. Without a group, or where the system has no folder for such
+// a group, it is "Halvo-NoGroup" in the folder where the user's apps keep their data. The folder is
+// made when it is missing, with the folders above it. That this failed shows only when a file in it
+// is read or written: the path is the same all the same.
+//
+// On Linux the user's apps keep their data in $XDG_DATA_HOME, else in ~/.local/share (XDG Base
+// Directory), a group's folder lies in there under the group's identifier, and a folder made here
+// is its owner's only (0700). An identifier that is no plain name of one folder (empty, ".", "..",
+// with a "/" or a zero byte) has no folder.
+std::string containerOf(const std::optional<std::string>& identifier);
+
+}  // namespace halvo::AppGroup

@@ -1,0 +1,21 @@
+// Says on standard output what it finds of itself: the answer to the question that its one argument
+// names.
+
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "HalvoShared/AppGroup.hpp"
+
+int main(int count, char** words) {
+    using namespace halvo;
+    const std::string question = count > 1 ? words[1] : "";
+    if (question == "identifier") {
+        std::cout << AppGroup::identifier().value_or("(none)");
+    } else if (question == "container") {
+        std::cout << AppGroup::container();
+    } else {
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
