@@ -6,11 +6,16 @@
 #include <string>
 
 #include "HalvoShared/AppGroup.hpp"
+#include "HalvoShared/HalvoLink.hpp"
 
 int main(int count, char** words) {
     using namespace halvo;
     const std::string question = count > 1 ? words[1] : "";
-    if (question == "identifier") {
+    if (question == "scheme") {
+        std::cout << HalvoLink::scheme();
+    } else if (question == "url") {
+        std::cout << HalvoLink{HalvoLink::Today{}}.url();
+    } else if (question == "identifier") {
         std::cout << AppGroup::identifier().value_or("(none)");
     } else if (question == "container") {
         std::cout << AppGroup::container();

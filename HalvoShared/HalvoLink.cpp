@@ -1,0 +1,166 @@
+#include "HalvoShared/HalvoLink.hpp"
+
+#include <boost/url.hpp>
+#include <charconv>
+#include <system_error>
+#include <utility>
+
+#include "HalvoPlatform/Paths.hpp"
+
+namespace halvo {
+namespace {
+
+namespace urls = boost::urls;
+
+constexpr std::string_view breatheHost = "breathe";
+constexpr std::string_view focusHost = "focus";
+constexpr std::string_view todayHost = "today";
+constexpr std::string_view settingsHost = "settings";
+constexpr std::string_view mainHost = "main";
+
+constexpr std::string_view styleItem = "style";
+constexpr std::string_view minutesItem = "minutes";
+
+// What separates the items, and an item from its value, must not stand in a value.
+constexpr auto valueCharacters = urls::pchars + '/' + '?' - '&' - '=';
+
+// "[" and "]" belong into hosts that are no screen of ours: encoded there, they lead to Main too.
+constexpr auto urlCharacters = urls::pchars + '/' + '?';
+
+constexpr urls::grammar::hexdig_chars_t hexDigits;
+
+bool isEscape(std::string_view text) {
+    return text.size() >= 3 && text[0] == '%' && hexDigits(text[1]) && hexDigits(text[2]);
+}
+
+// Boost.URL 1.81 takes what follows a host or port for the path even without a "/" between them, so
+// that "halvo://today:port" and "halvo://ann@today@x" would lead to today.
+bool hasPathGluedToHost(const urls::url_view& url) {
+    const std::string_view path = url.encoded_path();
+    return url.has_authority() && !path.empty() && !path.starts_with('/');
+}
+
+// `text` with everything encoded that a URL may hold only so.
+std::string encoded(std::string_view text) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (urlCharacters(byte) || isEscape(text.substr(i))) {
+            result += text[i];
+        } else {
+            result += '%';
+            result += digits[byte >> 4U];
+            result += digits[byte & 0xFU];
+        }
+    }
+    return result;
+}
+
+std::optional<std::int64_t> minutesOf(const std::string& text) {
+    if (text.starts_with("+-")) {
+        return std::nullopt;
+    }
+    // from_chars() takes a minus sign only.
+    const char* start = text.data() + (text.starts_with('+') ? 1 : 0);
+    const char* end = text.data() + text.size();
+    std::int64_t number = 0;
+    const auto [rest, error] = std::from_chars(start, end, number);
+    return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
+}
+
+std::optional<std::string> valueOf(const urls::param_pct_view& item) {
+    if (!item.has_value) {
+        return std::nullopt;
+    }
+    std::string value = item.value.decode();
+    return isUTF8(value) ? std::optional(std::move(value)) : std::nullopt;
+}
+
+HalvoLink::Breathe exerciseIn(const urls::url_view& url) {
+    std::optional<std::optional<std::string>> style;
+    std::optional<std::optional<std::string>> minutes;
+    for (const urls::param_pct_view item : url.encoded_params()) {
+        const std::string name = item.key.decode();
+        if (name == styleItem && !style) {
+            style = valueOf(item);
+        }
+        if (name == minutesItem && !minutes) {
+            minutes = valueOf(item);
+        }
+    }
+    HalvoLink::Breathe exercise;
+    exercise.style = std::move(style).value_or(std::nullopt);
+    const auto number = std::move(minutes).value_or(std::nullopt);
+    exercise.minutes = number ? minutesOf(*number) : std::nullopt;
+    return exercise;
+}
+
+std::string_view hostOf(const HalvoLink::Breathe&) { return breatheHost; }
+
+std::string_view hostOf(const HalvoLink::Focus&) { return focusHost; }
+
+std::string_view hostOf(const HalvoLink::Today&) { return todayHost; }
+
+std::string_view hostOf(const HalvoLink::Settings&) { return settingsHost; }
+
+std::string_view hostOf(const HalvoLink::Main&) { return mainHost; }
+
+}  // namespace
+
+HalvoLink HalvoLink::reading(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) {
+        return {};
+    }
+    // The fragment may hold whatever it likes.
+    const std::string address = encoded(text.substr(0, text.find('#')));
+    const auto parsed = urls::parse_uri_reference(address);
+    if (!parsed || hasPathGluedToHost(*parsed)) {
+        return {};
+    }
+    const std::string_view host = parsed->encoded_host();
+    if (host == breatheHost) {
+        return {exerciseIn(*parsed)};
+    }
+    if (host == focusHost) {
+        return {Focus{}};
+    }
+    if (host == todayHost) {
+        return {Today{}};
+    }
+    if (host == settingsHost) {
+        return {Settings{}};
+    }
+    return {};
+}
+
+std::string HalvoLink::url() const { return url(scheme()); }
+
+std::string HalvoLink::url(const std::string& scheme) const {
+    urls::url url;
+    try {
+        url.set_scheme(scheme);
+    } catch (const boost::system::system_error&) {
+        return "file:///";
+    }
+    url.set_encoded_host(std::visit([](const auto& shown) { return hostOf(shown); }, screen));
+    if (const auto* exercise = std::get_if<Breathe>(&screen)) {
+        if (exercise->style && isUTF8(*exercise->style)) {
+            url.encoded_params().append(
+                {styleItem, urls::encode(*exercise->style, valueCharacters)});
+        }
+        if (exercise->minutes) {
+            url.encoded_params().append({minutesItem, std::to_string(*exercise->minutes)});
+        }
+    }
+    return std::string(url.buffer());
+}
+
+std::string HalvoLink::scheme() { return schemeIn(Bundle::main().info()); }
+
+std::string HalvoLink::schemeIn(const std::optional<InfoDictionary>& info) {
+    return (info ? infoString(*info, "HalvoURLScheme") : std::nullopt).value_or("halvo");
+}
+
+}  // namespace halvo
