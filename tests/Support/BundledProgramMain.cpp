@@ -7,6 +7,7 @@
 
 #include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/HalvoLink.hpp"
+#include "HalvoShared/IntentHosting.hpp"
 
 int main(int count, char** words) {
     using namespace halvo;
@@ -19,6 +20,8 @@ int main(int count, char** words) {
         std::cout << AppGroup::identifier().value_or("(none)");
     } else if (question == "container") {
         std::cout << AppGroup::container();
+    } else if (question == "process") {
+        std::cout << (IntentHosting::shared().isAppProcess() ? "app" : "extension");
     } else {
         return EXIT_FAILURE;
     }

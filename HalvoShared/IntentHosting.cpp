@@ -1,0 +1,49 @@
+#include "HalvoShared/IntentHosting.hpp"
+
+#include <filesystem>
+#include <utility>
+
+namespace halvo {
+namespace {
+
+constexpr Seconds betweenLooks{0.05};
+
+}  // namespace
+
+IntentHosting::IntentHosting(MainQueue& queue, bool isAppProcess, Clock clock)
+    : queue_(queue), isAppProcess_(isAppProcess), clock_(std::move(clock)) {}
+
+IntentHosting& IntentHosting::shared() {
+    // Never destroyed: somebody may still wait when the process exits.
+    static IntentHosting& hosting = *new IntentHosting(liveMainQueue(), isApp(Bundle::main()));
+    return hosting;
+}
+
+bool IntentHosting::isApp(const Bundle& bundle) {
+    return std::filesystem::path(bundle.path()).extension() == ".app";
+}
+
+void IntentHosting::registerHost(std::shared_ptr<HalvoIntentHost> host) { host_ = std::move(host); }
+
+void IntentHosting::current(Seconds waitingUpTo, Completion completion) {
+    queue_.async([this, waitingUpTo, completion = std::move(completion)] {
+        if (isAppProcess_) {
+            look(clock_() + waitingUpTo, completion);
+        } else {
+            completion(nullptr);
+        }
+    });
+}
+
+void IntentHosting::look(WallDate deadline, Completion completion) {
+    const bool mayWait = clock_() < deadline;  // never before not-a-number
+    if (host_ != nullptr || !mayWait) {
+        completion(host_);
+        return;
+    }
+    queue_.after(betweenLooks, [this, deadline, completion = std::move(completion)] {
+        look(deadline, completion);
+    });
+}
+
+}  // namespace halvo

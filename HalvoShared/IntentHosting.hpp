@@ -1,0 +1,71 @@
+// How an intent inside the app's process finds the app.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "HalvoPlatform/Bundle.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/Time.hpp"
+#include "HalvoShared/HalvoIntentHost.hpp"
+
+namespace halvo {
+
+// Holds the host that the app registers once it is ready, and lets intents that start before that
+// wait for it. There is one for the process, shared(); tests make their own. Main queue only, but
+// for isAppProcess() and current().
+class IntentHosting {
+  public:
+    using Clock = std::function<WallDate()>;
+
+    // Receives the host; null when there is none.
+    using Completion = std::function<void(std::shared_ptr<HalvoIntentHost>)>;
+
+    // Waits on `queue` and measures the waiting with `clock`, which is asked on the main queue.
+    // `queue`, and this object itself, must outlive every waiting.
+    IntentHosting(MainQueue& queue, bool isAppProcess, Clock clock = wallNow);
+
+    IntentHosting(const IntentHosting&) = delete;
+    IntentHosting& operator=(const IntentHosting&) = delete;
+
+    // The process's own, on liveMainQueue(); made at the first call, which must come from the main
+    // thread, and never destroyed.
+    static IntentHosting& shared();
+
+    // Whether `bundle`, as a process's own, makes it the app: its path has the extension "app".
+    static bool isApp(const Bundle& bundle);
+
+    // Keeps `host`, in the place of any earlier one, until another takes its place. Null takes the
+    // host away.
+    void registerHost(std::shared_ptr<HalvoIntentHost> host);
+
+    // The host; null when none is registered.
+    [[nodiscard]] const std::shared_ptr<HalvoIntentHost>& host() const { return host_; }
+
+    // Whether this process is the app, and not one of its extensions. Any thread.
+    [[nodiscard]] bool isAppProcess() const { return isAppProcess_; }
+
+    // Hands `completion` the host, as soon as there is one. Absent when `waitingUpTo` has passed
+    // without one on the wall clock (somebody who sets that clock shortens or lengthens the
+    // waiting), and at once outside the app's process, whatever is registered there. Any thread.
+    //
+    // It looks when the main queue gets to it and then every 50 ms, for the last time with the
+    // first look at or after the deadline. A span that is zero, negative or not-a-number means one
+    // look; an infinite one waits for ever.
+    //
+    // `completion`, which must not be empty, is always called exactly once, on the main queue, and
+    // never before that queue has returned from the work that called this. There is no cancelling,
+    // on purpose: a caller that has lost interest is called all the same, at the latest when its
+    // time is out.
+    void current(Seconds waitingUpTo, Completion completion);
+
+  private:
+    void look(WallDate deadline, Completion completion);
+
+    MainQueue& queue_;
+    bool isAppProcess_;
+    Clock clock_;
+    std::shared_ptr<HalvoIntentHost> host_;
+};
+
+}  // namespace halvo

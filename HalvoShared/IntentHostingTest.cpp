@@ -1,0 +1,342 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "HalvoPlatform/MainActor.hpp"
+#include "HalvoShared/IntentHosting.hpp"
+#include "tests/Support/BundledProgram.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/ManualMainQueue.hpp"
+
+namespace halvo {
+namespace {
+
+using testing::BundledProgram;
+using testing::ManualMainQueue;
+
+// Takes on everything.
+class WillingHost final : public HalvoIntentHost {
+  public:
+    bool startFocus(std::optional<Seconds>) override { return true; }
+
+    bool endFocus() override { return true; }
+
+    bool startBreathing(const HalvoLink::Breathe&) override { return true; }
+
+    bool setBlock(const std::string&, bool) override { return true; }
+};
+
+using HostPointer = std::shared_ptr<HalvoIntentHost>;
+
+// An answer, and how long after the start it came.
+struct Answer {
+    HostPointer host;
+    double at{};
+
+    bool operator==(const Answer&) const = default;
+};
+
+// The simulated clock counts in doubles: steps of 50 ms do not add up to the last bit.
+double rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
+
+// A process whose two clocks go alike until somebody sets one of them.
+class IntentHostingTest : public ::testing::Test {
+  protected:
+    [[nodiscard]] IntentHosting::Completion keep(std::vector<Answer>& kept) {
+        return [this, &kept](const HostPointer& found) {
+            kept.push_back({found, rounded((queue.now() - start).count())});
+        };
+    }
+
+    // Asks `hosting`, which waits for `seconds` at most.
+    void ask(double seconds) { hosting.current(Seconds{seconds}, keep(answers)); }
+
+    void pass(double seconds) { queue.advance(Seconds{seconds}); }
+
+    // Makes the next look fall on exactly `wall`, in seconds since 1970.
+    void lookAt(double wall) {
+        clock.setSinceBoot(clock.now().sinceBoot + Seconds{0.05});
+        clock.setWallClock(wallDate(wall));
+        pass(0);
+    }
+
+    testing::CallLog calls;
+    testing::SimulatedClock clock{calls};
+    ManualMainQueue queue{clock};
+    Seconds start = queue.now();
+    IntentHosting hosting{queue, true, [this] { return clock.now().wall; }};
+    HostPointer host = std::make_shared<WillingHost>();
+    std::vector<Answer> answers;
+};
+
+TEST(HalvoIntentHostTest, IsAnObjectOfItsOwnWithFourOperations) {
+    static_assert(std::is_abstract_v<HalvoIntentHost>);
+    static_assert(std::has_virtual_destructor_v<HalvoIntentHost>);
+    static_assert(!std::is_copy_constructible_v<HalvoIntentHost>);
+    static_assert(!std::is_copy_assignable_v<HalvoIntentHost>);
+    WillingHost willing;
+    HalvoIntentHost& host = willing;
+    EXPECT_TRUE(host.startFocus(Seconds{1500}));
+    EXPECT_TRUE(host.endFocus());
+    EXPECT_TRUE(host.startBreathing({"box", 5}));
+    EXPECT_TRUE(host.setBlock("news", true));
+}
+
+TEST_F(IntentHostingTest, HasNoHostAtFirst) { EXPECT_EQ(hosting.host(), nullptr); }
+
+TEST_F(IntentHostingTest, KeepsTheHostThatWasRegistered) {
+    const std::weak_ptr<HalvoIntentHost> seen = host;
+    hosting.registerHost(std::move(host));
+    ASSERT_FALSE(seen.expired());
+    EXPECT_EQ(hosting.host(), seen.lock());
+}
+
+TEST_F(IntentHostingTest, ReplacesAnEarlierHost) {
+    const std::weak_ptr<HalvoIntentHost> seen = host;
+    hosting.registerHost(std::move(host));
+    const auto other = std::make_shared<WillingHost>();
+    hosting.registerHost(other);
+    EXPECT_EQ(hosting.host(), other);
+    EXPECT_TRUE(seen.expired());
+    ask(1);
+    pass(0);
+    EXPECT_EQ(answers, (std::vector<Answer>{{other, 0}}));
+}
+
+TEST_F(IntentHostingTest, GivesAHostThatIsThereWithoutWaiting) {
+    hosting.registerHost(host);
+    ask(5);
+    ask(0);
+    queue.runPending();
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0}, {host, 0}}));
+    EXPECT_TRUE(queue.delays().empty());
+}
+
+TEST_F(IntentHostingTest, NeverAnswersBeforeTheCallReturns) {
+    hosting.registerHost(host);
+    ask(0);
+    EXPECT_TRUE(answers.empty());
+    queue.runPending();
+    EXPECT_EQ(answers.size(), 1U);
+}
+
+TEST_F(IntentHostingTest, LooksOnlyWhenTheQueueGetsToIt) {
+    ask(0);
+    hosting.registerHost(host);
+    queue.runPending();
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0}}));
+}
+
+TEST_F(IntentHostingTest, WaitsForAHost) {
+    ask(5);
+    pass(0.12);
+    EXPECT_TRUE(answers.empty());
+    hosting.registerHost(host);
+    EXPECT_TRUE(answers.empty());
+    pass(10);
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0.15}}));
+    EXPECT_EQ(queue.delays(), (std::vector<Seconds>(3, Seconds{0.05})));
+}
+
+TEST_F(IntentHostingTest, GivesNobodyWhenTheTimeIsOut) {
+    ask(0.12);
+    pass(0.149);
+    EXPECT_TRUE(answers.empty());
+    pass(0.01);
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0.15}}));
+    EXPECT_EQ(queue.delays().size(), 3U);
+    hosting.registerHost(host);
+    pass(10);
+    EXPECT_EQ(answers.size(), 1U) << "called twice";
+    EXPECT_EQ(queue.delays().size(), 3U);
+}
+
+TEST_F(IntentHostingTest, TakesAHostThatCameDuringTheLastStep) {
+    ask(0.12);
+    pass(0.14);
+    hosting.registerHost(host);
+    pass(0.02);
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0.15}}));
+}
+
+TEST_F(IntentHostingTest, DoesNotWaitOnAtTheDeadlineItself) {
+    clock.setWallClock(wallDate(1000));
+    ask(0.25);
+    queue.runPending();
+    EXPECT_EQ(queue.delays().size(), 1U);
+    lookAt(1000.25);
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0.05}}));
+    EXPECT_EQ(queue.delays().size(), 1U);
+}
+
+TEST_F(IntentHostingTest, WaitsOnJustBeforeTheDeadline) {
+    clock.setWallClock(wallDate(1000));
+    ask(0.25);
+    queue.runPending();
+    lookAt(std::nextafter(1000.25, 0));
+    EXPECT_TRUE(answers.empty());
+    EXPECT_EQ(queue.delays().size(), 2U);
+}
+
+TEST_F(IntentHostingTest, TakesAHostThatIsThereAtTheDeadline) {
+    clock.setWallClock(wallDate(1000));
+    ask(0.25);
+    queue.runPending();
+    hosting.registerHost(host);
+    lookAt(1000.25);
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0.05}}));
+}
+
+TEST_F(IntentHostingTest, LooksOnceWhenItMayNotWait) {
+    for (const double seconds :
+         {0.0, -0.0, -1.0, -std::numeric_limits<double>::infinity(), std::nan("")}) {
+        answers.clear();
+        ask(seconds);
+        queue.runPending();
+        EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0}})) << seconds;
+    }
+    EXPECT_TRUE(queue.delays().empty());
+}
+
+TEST_F(IntentHostingTest, WaitsForEverWhenTold) {
+    ask(std::numeric_limits<double>::infinity());
+    pass(3600);
+    EXPECT_TRUE(answers.empty());
+    hosting.registerHost(host);
+    pass(0.05);
+    EXPECT_EQ(answers.size(), 1U);
+}
+
+TEST_F(IntentHostingTest, WaitsForOneStepWhenItMayWaitForLess) {
+    ask(1e-6);
+    pass(1);
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0.05}}));
+}
+
+TEST_F(IntentHostingTest, WaitsLessWhenTheWallClockIsSetForward) {
+    ask(60);
+    pass(0.12);
+    clock.moveWallClock(Seconds{3600});
+    pass(10);
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0.15}}));
+}
+
+TEST_F(IntentHostingTest, WaitsLongerWhenTheWallClockIsSetBack) {
+    ask(1);
+    pass(0.12);
+    clock.moveWallClock(Seconds{-10});
+    pass(10);
+    EXPECT_TRUE(answers.empty());
+    pass(1.05);
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_NEAR(answers[0].at, 11.05, 0.051);
+}
+
+TEST_F(IntentHostingTest, AnswersEachOfSeveralWhoWait) {
+    std::vector<Answer> others;
+    ask(0.12);
+    hosting.current(Seconds{5}, keep(others));
+    pass(1);
+    hosting.registerHost(host);
+    pass(10);
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0.15}}));
+    ASSERT_EQ(others.size(), 1U);
+    EXPECT_EQ(others[0].host, host);
+    EXPECT_NEAR(others[0].at, 1.05, 0.051);
+}
+
+TEST_F(IntentHostingTest, LetsAnAnswerAskAgainAndRegister) {
+    const auto other = std::make_shared<WillingHost>();
+    hosting.registerHost(host);
+    hosting.current(Seconds{5}, [&](const HostPointer& found) {
+        EXPECT_EQ(found, host);
+        hosting.registerHost(other);
+        ask(0);
+    });
+    queue.runPending();
+    EXPECT_EQ(answers, (std::vector<Answer>{{other, 0}}));
+}
+
+TEST_F(IntentHostingTest, WaitsAgainWhenTheHostWasTakenAway) {
+    hosting.registerHost(host);
+    hosting.registerHost(nullptr);
+    ask(0.1);
+    pass(1);
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].host, nullptr);
+}
+
+TEST_F(IntentHostingTest, TakesQuestionsFromThreads) {
+    hosting.registerHost(host);
+    std::thread([this] { ask(1); }).join();
+    queue.runPending();
+    EXPECT_EQ(answers, (std::vector<Answer>{{host, 0}}));
+}
+
+TEST_F(IntentHostingTest, HasNobodyOutsideTheApp) {
+    IntentHosting extension(queue, false, [this] { return clock.now().wall; });
+    EXPECT_FALSE(extension.isAppProcess());
+    extension.current(Seconds{5}, keep(answers));
+    extension.registerHost(host);
+    extension.current(Seconds{5}, keep(answers));
+    extension.current(Seconds{0}, keep(answers));
+    queue.runPending();
+    EXPECT_EQ(answers, (std::vector<Answer>{{nullptr, 0}, {nullptr, 0}, {nullptr, 0}}));
+    EXPECT_TRUE(queue.delays().empty());
+    EXPECT_EQ(extension.host(), host);
+}
+
+TEST(IntentHostingBundleTest, IsTheAppInABundleWithTheExtensionApp) {
+    EXPECT_TRUE(IntentHosting::isApp(Bundle("/Applications/Halvo.app")));
+    EXPECT_TRUE(IntentHosting::isApp(Bundle("/Applications/a.b.app")));
+    for (const char* path :
+         {"/Halvo.app/Contents/PlugIns/Widget.appex", "/Applications/Halvo", "/Applications/.app",
+          "/Applications/Halvo.App", "/Applications/Halvo.app.old", "/Halvo.app/tools", "/", ""}) {
+        EXPECT_FALSE(IntentHosting::isApp(Bundle(path))) << path;
+    }
+}
+
+TEST(IntentHostingBundleTest, KnowsTheAppFromItsExtensions) {
+    EXPECT_EQ(BundledProgram("Halvo.app", "").says("process"), "app");
+    EXPECT_EQ(BundledProgram("Halvo.app/Contents/PlugIns/W.appex", "").says("process"),
+              "extension");
+}
+
+TEST(IntentHostingBundleTest, IsOneForTheProcessAndAnswersOnItsMainQueue) {
+    const auto result = testing::runInChild([] {
+        IntentHosting& hosting = IntentHosting::shared();
+        EXPECT_EQ(&hosting, &IntentHosting::shared());
+        // The tests lie in no app.
+        EXPECT_FALSE(hosting.isAppProcess());
+        hosting.current(Seconds{60}, [](const HostPointer& host) {
+            EXPECT_EQ(host, nullptr);
+            EXPECT_TRUE(onMainActor());
+            liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+        });
+        liveMainQueue().run();
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(IntentHostingBundleTest, WaitsOnTheLiveQueueByTheWallClock) {
+    const auto result = testing::runInChild([] {
+        static IntentHosting hosting(liveMainQueue(), true);
+        static const auto host = std::make_shared<WillingHost>();
+        hosting.current(Seconds{20}, [](const HostPointer& found) {
+            EXPECT_EQ(found, host);
+            liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+        });
+        liveMainQueue().after(Seconds{0.06}, [] { hosting.registerHost(host); });
+        liveMainQueue().run();
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+}  // namespace
+}  // namespace halvo
