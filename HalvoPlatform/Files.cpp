@@ -1,6 +1,7 @@
 #include "HalvoPlatform/Files.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,11 +140,17 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
 
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
                                            std::string_view bytes, mode_t mode) {
-    const std::string path = folder + "/" + name;
+    const std::string path = folder.ends_with('/') ? folder + name : folder + "/" + name;
     const std::string temporary = "." + name + ".new";
     const Descriptor place(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!place.isOpen()) {
         return failure(errno, folder);
+    }
+    // Writers of one folder take turns, since they share the name of the temporary file.
+    while (flock(place.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            return failure(errno, folder);
+        }
     }
     const Descriptor file = createTemporary(place.get(), temporary);
     if (!file.isOpen()) {

@@ -34,7 +34,7 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
 // permissions `mode` from the start, whatever the umask, and both it and the folder are on the disk
 // (fsync(2)) when this returns. The temporary file beside it has a fixed name, so that a process
 // killed half-way leaves at most one, which the next call replaces; after a failure none stays.
-// Not for two writers of one file at a time.
+// Writers in one folder, of any process, wait for one another (flock(2)).
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
                                            std::string_view bytes, mode_t mode);
 

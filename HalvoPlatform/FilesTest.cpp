@@ -1,16 +1,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -486,6 +491,46 @@ TEST_F(ReplaceFileTest, ReportsAFolderThatDoesNotReachTheDisk) {
     const auto result = replace();
     ASSERT_FALSE(result.has_value());
     EXPECT_EQ(result.error(), (FileError{EIO, folder.path() + ": Input/output error"}));
+    EXPECT_EQ(readTestFile(file), "new");
+}
+
+TEST_F(ReplaceFileTest, TakesTurnsWithOtherWriters) {
+    // Each content is one letter many times over; a mixture would show.
+    constexpr std::size_t size = 200'000;
+    constexpr int times = 50;
+    const auto writeMany = [&](char letter) {
+        for (int i = 0; i < times; ++i) {
+            if (!replaceFile(folder.path(), "state", std::string(size, letter), 0600)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    auto first = std::async(std::launch::async, writeMany, 'a');
+    auto second = std::async(std::launch::async, writeMany, 'b');
+    while (first.wait_for(std::chrono::seconds{0}) != std::future_status::ready) {
+        const auto seen = readFile(file, size);
+        if (!seen) {
+            EXPECT_EQ(seen.error().code, ENOENT) << "before the first of them";
+            continue;
+        }
+        EXPECT_EQ(*seen, std::string(size, seen->front()));
+    }
+    EXPECT_TRUE(first.get());
+    EXPECT_TRUE(second.get());
+    EXPECT_EQ(membersOf(folder.path()), std::vector<std::string>{"state"});
+}
+
+TEST_F(ReplaceFileTest, WaitsOnForItsTurnAfterASignal) {
+    static int other;
+    other = open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    struct sigaction release{};
+    release.sa_handler = [](int) { close(other); };
+    ASSERT_EQ(sigaction(SIGALRM, &release, nullptr), 0);
+    const itimerval soon{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 50'000}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
+    EXPECT_TRUE(replace());
     EXPECT_EQ(readTestFile(file), "new");
 }
 
