@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "HalvoShared/InternetDate.hpp"
+
+namespace halvo {
+namespace {
+
+std::string textOf(double seconds) {
+    std::string text;
+    return InternetDate::append(wallDate(seconds), text) ? text : "none";
+}
+
+std::optional<double> secondsOf(const std::string& text) {
+    const auto date = InternetDate::parse(text);
+    return date ? std::optional(secondsSince1970(*date)) : std::nullopt;
+}
+
+// The C library's own idea of a date.
+std::string libraryTextOf(std::int64_t seconds) {
+    const std::time_t time = seconds;
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    std::string text(32, '\0');
+    text.resize(std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts));
+    return text;
+}
+
+TEST(InternetDateTest, IsWrittenInUTC) {
+    EXPECT_EQ(textOf(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(textOf(1795165200), "2026-11-20T09:00:00Z");
+    EXPECT_EQ(textOf(951782399), "2000-02-28T23:59:59Z");
+    EXPECT_EQ(textOf(951868800), "2000-03-01T00:00:00Z");
+    EXPECT_EQ(textOf(64092211200), "4001-01-01T00:00:00Z");
+}
+
+TEST(InternetDateTest, IsCutToTheSecondThatItLiesIn) {
+    EXPECT_EQ(textOf(0.999999), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(textOf(-0.000001), "1969-12-31T23:59:59Z");
+    EXPECT_EQ(textOf(-1), "1969-12-31T23:59:59Z");
+}
+
+TEST(InternetDateTest, IsWrittenForTheYears0To9999) {
+    EXPECT_EQ(textOf(-62167219200), "0000-01-01T00:00:00Z");
+    EXPECT_EQ(textOf(-62167219200.5), "none");
+    EXPECT_EQ(textOf(253402300799.5), "9999-12-31T23:59:59Z");
+    EXPECT_EQ(textOf(253402300800), "none");
+}
+
+TEST(InternetDateTest, IsNotWrittenForWhatIsNoDate) {
+    EXPECT_EQ(textOf(std::nan("")), "none");
+    EXPECT_EQ(textOf(std::numeric_limits<double>::infinity()), "none");
+    EXPECT_EQ(textOf(-std::numeric_limits<double>::infinity()), "none");
+    EXPECT_EQ(textOf(1e300), "none");
+    std::string text = "before";
+    EXPECT_FALSE(InternetDate::append(wallDate(std::nan("")), text));
+    EXPECT_EQ(text, "before");
+}
+
+TEST(InternetDateTest, IsReadWithZ) {
+    EXPECT_EQ(secondsOf("1970-01-01T00:00:00Z"), 0);
+    EXPECT_EQ(secondsOf("2026-11-20T09:00:00Z"), 1795165200);
+    EXPECT_EQ(secondsOf("2024-02-29T23:59:59Z"), 1709251199);
+    EXPECT_EQ(secondsOf("0000-01-01T00:00:00Z"), -62167219200);
+    EXPECT_EQ(secondsOf("9999-12-31T23:59:59Z"), 253402300799);
+}
+
+TEST(InternetDateTest, IsReadWithANumericOffset) {
+    EXPECT_EQ(secondsOf("2026-11-20T10:00:00+01:00"), 1795165200);
+    EXPECT_EQ(secondsOf("2026-11-20T14:45:00+05:45"), 1795165200);
+    EXPECT_EQ(secondsOf("2026-11-19T23:30:00-09:30"), 1795165200);
+    EXPECT_EQ(secondsOf("2026-11-20T09:00:00-00:00"), 1795165200);
+    EXPECT_EQ(secondsOf("1970-01-01T23:59:00+23:59"), 0);
+}
+
+TEST(InternetDateTest, IsReadFromNothingElse) {
+    for (const std::string text : {"",
+                                   "Z",
+                                   "2026-11-20",
+                                   "2026-11-20T09:00:00",
+                                   "2026-11-20T09:00Z",
+                                   "2026-11-20 09:00:00Z",
+                                   "2026-11-20T09:00:00.000Z",
+                                   "2026-11-20T09:00:00,5Z",
+                                   "2026-11-20t09:00:00Z",
+                                   "2026-11-20T09:00:00z",
+                                   "2026-11-20T09:00:00+01",
+                                   "2026-11-20T09:00:00+0100",
+                                   "2026-11-20T09:00:00+24:00",
+                                   "2026-11-20T09:00:00+01:60",
+                                   "2026-11-20T09:00:00 01:00",
+                                   "2026-11-20T09:00:00Z ",
+                                   " 2026-11-20T09:00:00Z",
+                                   "20261120T090000Z",
+                                   "2026-W47-5T09:00:00Z",
+                                   "2026-13-01T00:00:00Z",
+                                   "2026-00-01T00:00:00Z",
+                                   "2026-02-29T00:00:00Z",
+                                   "2026-04-31T00:00:00Z",
+                                   "2026-11-00T00:00:00Z",
+                                   "2026-11-20T24:00:00Z",
+                                   "2026-11-20T09:60:00Z",
+                                   "2016-12-31T23:59:60Z",
+                                   "-026-11-20T09:00:00Z",
+                                   "+2026-11-20T09:00:00Z",
+                                   "12026-11-20T09:00:00Z",
+                                   "2026-11-20T09:00:00Zulu",
+                                   "0000-01-01T00:00:00+00:01",
+                                   "9999-12-31T23:59:59-00:01",
+                                   "1795165200",
+                                   "２026-11-20T09:00:00Z"}) {
+        EXPECT_EQ(secondsOf(text), std::nullopt) << text;
+    }
+    EXPECT_EQ(secondsOf(std::string("2026-11-20T09:00:00\0", 20)), std::nullopt);
+}
+
+TEST(InternetDateTest, AgreesWithTheCLibrary) {
+    std::mt19937_64 random(20261120);
+    std::uniform_int_distribution<std::int64_t> instants(-30'000'000'000, 253'402'300'799);
+    for (int i = 0; i < 20'000; ++i) {
+        const std::int64_t instant = instants(random);
+        const std::string text = textOf(static_cast<double>(instant));
+        ASSERT_EQ(text, libraryTextOf(instant));
+        ASSERT_EQ(secondsOf(text), static_cast<double>(instant));
+    }
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,240 @@
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "HalvoShared/KeepAliveState.hpp"
+#include "HalvoShared/SharedFile.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/SampleSnapshot.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ChildResult;
+using testing::Fault;
+using testing::longSnapshot;
+using testing::PrivateMount;
+using testing::readTestFile;
+using testing::runInChild;
+using testing::sampleSnapshot;
+using testing::SystemCall;
+using testing::TemporaryFolder;
+using testing::writeTestFile;
+
+class SharedFileTest : public ::testing::Test {
+  protected:
+    // What write() throws, or "nothing".
+    std::string failureOf(const WidgetSnapshot& snapshot) const {
+        try {
+            file.write(snapshot);
+        } catch (const SharedFileError& error) {
+            return error.what();
+        }
+        return "nothing";
+    }
+
+    [[nodiscard]] std::size_t members() const {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
+    }
+
+    TemporaryFolder folder;
+    std::string path = folder / "widgets.json";
+    SharedFile<WidgetSnapshot> file{path};
+};
+
+TEST_F(SharedFileTest, IsTheNameInTheFolder) {
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", "/a/b").url(), "/a/b/widgets.json");
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", "/a/b/").url(), "/a/b/widgets.json");
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("/a b/c").url(), "/a b/c");
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", folder.path()), file);
+}
+
+TEST_F(SharedFileTest, HasWhatWasWrittenLast) {
+    file.write(sampleSnapshot());
+    EXPECT_EQ(file.read(), sampleSnapshot());
+    file.write(WidgetSnapshot());
+    EXPECT_EQ(file.read(), WidgetSnapshot());
+    EXPECT_EQ(members(), 1U);
+}
+
+TEST_F(SharedFileTest, IsThePersonsAlone) {
+    file.write(sampleSnapshot());
+    struct stat status{};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(SharedFileTest, HasNothingWhenItIsMissing) {
+    EXPECT_EQ(file.read(), std::nullopt);
+    EXPECT_EQ(file.load().error(), path + ": No such file or directory");
+}
+
+TEST_F(SharedFileTest, HasNothingWhenItIsNoFile) {
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    EXPECT_EQ(file.read(), std::nullopt);
+    ASSERT_EQ(rmdir(path.c_str()), 0);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(file.read(), std::nullopt) << "without waiting for somebody to write";
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("").read(), std::nullopt);
+    EXPECT_EQ(SharedFile<WidgetSnapshot>(std::string(5000, 'x')).read(), std::nullopt);
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("/dev/zero").read(), std::nullopt);
+}
+
+TEST_F(SharedFileTest, HasNothingWhenItIsDamaged) {
+    for (const std::string& bytes : {std::string(), std::string("{"), std::string(1000, '\0')}) {
+        writeTestFile(path, bytes);
+        EXPECT_EQ(file.read(), std::nullopt);
+    }
+    writeTestFile(path, "{\"writtenAt\":5}");
+    EXPECT_EQ(file.load().error(),
+              path + ": writtenAt: Expected a date such as \"2026-11-20T09:30:00Z\", found 5");
+}
+
+TEST_F(SharedFileTest, HasNothingWhenItIsLongerThanAnyRecord) {
+    fs::resize_file((writeTestFile(path, ""), path), shared_file::sizeLimit + 1);
+    EXPECT_EQ(file.load().error(), path + ": File too large");
+    fs::resize_file(path, std::uintmax_t{1} << 40U);
+    EXPECT_EQ(file.read(), std::nullopt);
+}
+
+TEST_F(SharedFileTest, HoldsVeryManyPhases) {
+    // A sanitizer takes ten times as long.
+    const WidgetSnapshot snapshot = longSnapshot(HALVO_IS_SANITIZED ? 10'000 : 100'000);
+    file.write(snapshot);
+    EXPECT_LE(fs::file_size(path), shared_file::sizeLimit);
+    EXPECT_EQ(file.read(), snapshot);
+}
+
+#if !HALVO_IS_SANITIZED
+// What setrlimit(2) counts against RLIMIT_DATA, in bytes.
+rlim_t memoryInUse() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    rlim_t kibibytes = 0;
+    while (status >> word && word != "VmData:") {
+    }
+    status >> kibibytes;
+    return kibibytes * 1024;
+}
+
+// A sanitizer's allocator ends the process where the C library's lets operator new throw.
+TEST_F(SharedFileTest, HasNothingWhenThereIsNotTheMemoryForIt) {
+    file.write(longSnapshot(50'000));
+    const ChildResult child = runInChild([this] {
+        malloc_trim(0);
+        constexpr rlim_t little = 4 << 20U;
+        const rlim_t most = memoryInUse() + little;
+        const rlimit few{most, most};
+        ASSERT_EQ(setrlimit(RLIMIT_DATA, &few), 0);
+        EXPECT_EQ(file.load().error(), path + ": There is not enough memory to read it");
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+#endif
+
+TEST_F(SharedFileTest, KeepsTheOldRecordWhenTheNewOneCannotBeWritten) {
+    file.write(sampleSnapshot());
+    WidgetSnapshot bad = sampleSnapshot();
+    bad.horizon = wallDate(std::nan(""));
+    EXPECT_EQ(failureOf(bad), path + ": horizon: is not a date of the years 0 to 9999");
+    bad = sampleSnapshot();
+    std::get<WidgetSnapshot::Block>(bad.phases[0].state).running.name = "\xFF";
+    EXPECT_EQ(failureOf(bad), path + ": phases[0].state.block._0.name: is not UTF-8 text");
+    EXPECT_EQ(file.read(), sampleSnapshot());
+    EXPECT_EQ(members(), 1U);
+}
+
+TEST_F(SharedFileTest, SaysWhatTheDiskSaid) {
+    file.write(sampleSnapshot());
+    {
+        const Fault fault = Fault::failing(SystemCall::write, ENOSPC);
+        EXPECT_EQ(failureOf(WidgetSnapshot()), path + ": No space left on device");
+    }
+    EXPECT_EQ(file.read(), sampleSnapshot());
+    EXPECT_EQ(members(), 1U);
+}
+
+TEST_F(SharedFileTest, KeepsTheOldRecordWhenTheDiskIsFull) {
+    const PrivateMount mount("tmpfs", "tmpfs", folder.path(), 0, "size=64k");
+    if (!mount.isMounted()) {
+        GTEST_SKIP() << "needs the permission to mount a file system";
+    }
+    file.write(sampleSnapshot());
+    EXPECT_EQ(failureOf(longSnapshot(1000)), path + ": No space left on device");
+    EXPECT_EQ(file.read(), sampleSnapshot());
+    EXPECT_EQ(members(), 1U);
+}
+
+TEST_F(SharedFileTest, IsNotWrittenIntoAFolderThatIsMissing) {
+    const SharedFile<WidgetSnapshot> elsewhere("widgets.json", folder / "none");
+    try {
+        elsewhere.write(sampleSnapshot());
+        FAIL() << "it was written";
+    } catch (const SharedFileError& error) {
+        EXPECT_EQ(error.what(), folder / "none/: No such file or directory");
+    }
+    EXPECT_FALSE(fs::exists(folder / "none"));
+}
+
+TEST_F(SharedFileTest, IsWrittenBesideTheProcessWhenItsPathIsABareName) {
+    const ChildResult child = runInChild([this] {
+        ASSERT_EQ(chdir(folder.path().c_str()), 0);
+        SharedFile<WidgetSnapshot>("widgets.json").write(sampleSnapshot());
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+    EXPECT_EQ(file.read(), sampleSnapshot());
+}
+
+TEST_F(SharedFileTest, IsWholeForWhoeverReadsItMeanwhile) {
+    const WidgetSnapshot first = longSnapshot(300);
+    const WidgetSnapshot second = longSnapshot(200);
+    file.write(first);
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        for (int i = 0; i < 60; ++i) {
+            file.write(i % 2 == 0 ? second : first);
+        }
+        done = true;
+    });
+    int seen = 0;
+    while (!done) {
+        const auto read = file.load();
+        ASSERT_TRUE(read.has_value()) << read.error();
+        EXPECT_TRUE(*read == first || *read == second);
+        ++seen;
+    }
+    writer.join();
+    EXPECT_GT(seen, 0);
+}
+
+TEST_F(SharedFileTest, IsRemoved) {
+    file.write(sampleSnapshot());
+    file.remove();
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(SharedFileTest, SaysNothingWhenItCannotBeRemoved) {
+    file.remove();
+    writeTestFile((fs::create_directory(path), path + "/inside"), "kept");
+    file.remove();
+    EXPECT_EQ(readTestFile(path + "/inside"), "kept");
+}
+
+}  // namespace
+}  // namespace halvo

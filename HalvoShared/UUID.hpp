@@ -1,0 +1,25 @@
+// Universally unique identifiers.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace halvo {
+
+// 128 bits that name something for good; all zero unless made from a text. A value.
+struct UUID {
+    std::array<std::uint8_t, 16> bytes{};
+
+    bool operator==(const UUID&) const = default;
+    auto operator<=>(const UUID&) const = default;
+
+    // From the 36 characters of the hyphenated form, in either case; nothing from any other text.
+    static std::optional<UUID> fromText(const std::string& text);
+
+    // The hyphenated form in upper case, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".
+    [[nodiscard]] std::string text() const;
+};
+
+}  // namespace halvo

@@ -1,0 +1,428 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "HalvoShared/WidgetMoment.hpp"
+#include "tests/Support/PlainTimeline.hpp"
+#include "tests/Support/SampleSnapshot.hpp"
+#include "tests/Support/UTCCalendar.hpp"
+
+namespace halvo {
+namespace {
+
+using testing::aDay;
+using testing::longSnapshot;
+using testing::nineOClock;
+using testing::plainDates;
+using testing::sampleRun;
+using testing::sampleSnapshot;
+using testing::UTCCalendar;
+using S = WidgetSnapshot;
+using Dates = std::vector<WallDate>;
+
+constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
+constexpr Seconds minute{60};
+constexpr Seconds hour{3600};
+constexpr WallDate today = nineOClock - hour * 9;
+const UTCCalendar utc;
+
+// Counts what it is asked.
+class CountingCalendar final : public Calendar {
+  public:
+    [[nodiscard]] WallDate startOfDay(WallDate date) const override {
+        ++questions;
+        return utc.startOfDay(date);
+    }
+
+    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
+        ++questions;
+        return utc.startOfNextDay(date);
+    }
+
+    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
+        ++questions;
+        return utc.addingDays(days, date);
+    }
+
+    mutable int questions = 0;
+};
+
+// A snapshot in which something runs, with a horizon two hours after nine.
+S runningSnapshot(std::vector<S::Phase> phases) {
+    S snapshot;
+    snapshot.isRunning = true;
+    snapshot.phases = std::move(phases);
+    snapshot.horizon = nineOClock + hour * 2;
+    return snapshot;
+}
+
+S::Phase blockUntil(WallDate start, WallDate end) { return {start, S::Block{sampleRun(end)}}; }
+
+S::Phase focusUntil(WallDate start, WallDate end) { return {start, S::Focus{sampleRun(end)}}; }
+
+S::Phase nothingFrom(WallDate start) { return {start, S::NothingScheduled{}}; }
+
+// Nine, and each minute from nine and `first` on up to nine and `last`.
+Dates nineAndMinutes(Seconds first, Seconds last) {
+    Dates dates{nineOClock};
+    for (Seconds at = first; at <= last; at += minute) {
+        dates.push_back(nineOClock + at);
+    }
+    return dates;
+}
+
+// The moment.
+
+TEST(WidgetMomentTest, HasTheSnapshotsStateAndFacts) {
+    const S snapshot = sampleSnapshot();
+    const WidgetMoment moment = snapshot.moment(nineOClock + hour, utc);
+    EXPECT_EQ(moment.date, nineOClock + hour);
+    EXPECT_EQ(moment.state, snapshot.state(nineOClock + hour));
+    EXPECT_EQ(moment.isRunning, snapshot.isRunning);
+    EXPECT_EQ(moment.blockCount, snapshot.blockCount);
+    EXPECT_EQ(moment.breathe, snapshot.breathe);
+    EXPECT_EQ(moment.focusMinutes, snapshot.focusMinutes);
+}
+
+TEST(WidgetMomentTest, HasZerosWhereNothingWasRecorded) {
+    const WidgetMoment moment = S().moment(nineOClock, utc);
+    EXPECT_EQ(moment.today, (S::Day{today, 0, 0, 0}));
+    ASSERT_EQ(moment.week.size(), 7U);
+    for (int i = 0; i < 7; ++i) {
+        EXPECT_EQ(moment.week[static_cast<std::size_t>(i)],
+                  (S::Day{today - aDay * (6 - i), 0, 0, 0}));
+    }
+}
+
+TEST(WidgetMomentTest, HasTheSevenDaysThatEndToday) {
+    S snapshot;
+    for (int i = -10; i <= 3; ++i) {
+        snapshot.days.push_back({today + aDay * i, 10 + i, 0, 0});
+    }
+    const WidgetMoment moment = snapshot.moment(nineOClock, utc);
+    EXPECT_EQ(moment.today, (S::Day{today, 10, 0, 0}));
+    ASSERT_EQ(moment.week.size(), 7U);
+    for (int i = 0; i < 7; ++i) {
+        EXPECT_EQ(moment.week[static_cast<std::size_t>(i)].breaths, 4 + i);
+    }
+}
+
+TEST(WidgetMomentTest, TakesARecordThatBeganAtAnyTimeOfItsDay) {
+    S snapshot;
+    snapshot.days = {{today - Seconds{0.001}, 1, 0, 0}, {today + aDay - Seconds{1}, 2, 0, 0}};
+    const WidgetMoment moment = snapshot.moment(today, utc);
+    EXPECT_EQ(moment.today, snapshot.days[1]);
+    EXPECT_EQ(moment.week[5], snapshot.days[0]);
+}
+
+TEST(WidgetMomentTest, TakesTheLastOfTwoRecordsOfADay) {
+    S snapshot;
+    snapshot.days = {{today, 1, 0, 0}, {today - aDay, 7, 0, 0}, {today + hour, 2, 0, 0}};
+    const WidgetMoment moment = snapshot.moment(nineOClock, utc);
+    EXPECT_EQ(moment.today, snapshot.days[2]);
+    EXPECT_EQ(moment.week[6], snapshot.days[2]);
+    EXPECT_EQ(moment.week[5], snapshot.days[1]);
+}
+
+TEST(WidgetMomentTest, AsksTheCalendarNoMoreForManyDaysThanForOne) {
+    S snapshot;
+    snapshot.days = {{today, 1, 0, 0}};
+    const CountingCalendar one;
+    (void)snapshot.moment(nineOClock, one);
+    for (int i = 0; i < 3650; ++i) {
+        snapshot.days.push_back({today - aDay * i, 1, 0, 0});
+    }
+    const CountingCalendar many;
+    (void)snapshot.moment(nineOClock, many);
+    EXPECT_EQ(many.questions, one.questions);
+}
+
+TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
+    class SixDayCalendar final : public Calendar {
+      public:
+        [[nodiscard]] WallDate startOfDay(WallDate date) const override {
+            return utc.startOfDay(date);
+        }
+
+        [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
+            return utc.startOfNextDay(date);
+        }
+
+        [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
+            return days == -1 ? std::nullopt : utc.addingDays(days, date);
+        }
+    };
+
+    const WidgetMoment moment = S().moment(nineOClock, SixDayCalendar());
+    ASSERT_EQ(moment.week.size(), 6U);
+    EXPECT_EQ(moment.week[4].start, today - aDay * 2);
+    EXPECT_EQ(moment.week[5].start, today);
+}
+
+// What counts down.
+
+WidgetMoment focusMoment(std::optional<WallDate> end) {
+    WidgetMoment moment;
+    moment.date = nineOClock;
+    moment.isRunning = true;
+    moment.state = S::Focus{sampleRun(end)};
+    return moment;
+}
+
+TEST(WidgetMomentTest, HasAFocusThatCountsDown) {
+    EXPECT_EQ(focusMoment(nineOClock + Seconds{0.001}).focus(),
+              sampleRun(nineOClock + Seconds{0.001}));
+}
+
+TEST(WidgetMomentTest, HasNoFocusWhenItsEndIsTheMomentsDate) {
+    EXPECT_EQ(focusMoment(nineOClock).focus(), std::nullopt);
+    EXPECT_EQ(focusMoment(nineOClock - Seconds{1}).focus(), std::nullopt);
+}
+
+TEST(WidgetMomentTest, HasNoFocusWithoutAnEnd) {
+    EXPECT_EQ(focusMoment(std::nullopt).focus(), std::nullopt);
+}
+
+TEST(WidgetMomentTest, HasNoFocusWhenNothingRuns) {
+    WidgetMoment moment = focusMoment(nineOClock + hour);
+    moment.isRunning = false;
+    EXPECT_EQ(moment.focus(), std::nullopt);
+}
+
+TEST(WidgetMomentTest, HasNoFocusInAnyOtherState) {
+    WidgetMoment moment = focusMoment(nineOClock + hour);
+    for (const S::State& state :
+         {S::State(S::Block{sampleRun(nineOClock + hour)}),
+          S::State(S::FocusFilter{sampleRun(nineOClock + hour)}), S::State(S::Next{}),
+          S::State(S::NothingScheduled{}), S::State(S::NoBlocks{})}) {
+        moment.state = state;
+        EXPECT_EQ(moment.focus(), std::nullopt);
+    }
+}
+
+// The timeline.
+
+TEST(TimelineDatesTest, IsOnlyTheStartWhenNothingRuns) {
+    S snapshot = sampleSnapshot();
+    snapshot.isRunning = false;
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, 60), Dates{nineOClock});
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, 0), Dates{nineOClock});
+}
+
+TEST(TimelineDatesTest, IsOnlyTheStartWhenTheHorizonIsPast) {
+    S snapshot = runningSnapshot({blockUntil(nineOClock - hour, nineOClock + hour)});
+    snapshot.horizon = nineOClock - Seconds{1};
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), Dates{nineOClock});
+}
+
+TEST(TimelineDatesTest, HasThePhasesThatStartAfterFromAndUpToTheEnd) {
+    const WallDate end = nineOClock + hour * 2;
+    const S snapshot = runningSnapshot({nothingFrom(nineOClock - hour), nothingFrom(nineOClock),
+                                        nothingFrom(nineOClock + Seconds{0.5}), nothingFrom(end),
+                                        nothingFrom(end + Seconds{0.5})});
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
+              (Dates{nineOClock, nineOClock + Seconds{0.5}, end}));
+}
+
+TEST(TimelineDatesTest, HasTheMidnightsUpToTheEnd) {
+    S snapshot = runningSnapshot({});
+    snapshot.horizon = today + aDay * 3;
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
+              (Dates{nineOClock, today + aDay, today + aDay * 2, today + aDay * 3}));
+    EXPECT_EQ(snapshot.timelineDates(today, utc, hour, 2), (Dates{today, today + aDay}));
+}
+
+TEST(TimelineDatesTest, HasWholeMinutesBackFromTheEndOfARun) {
+    const S snapshot =
+        runningSnapshot({blockUntil(nineOClock, nineOClock + Seconds{630})});  // 9:10:30
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
+              nineAndMinutes(Seconds{30}, Seconds{630}));
+}
+
+TEST(TimelineDatesTest, HasMinutesOfAFocusOnlyUntilTheNextPhase) {
+    const S snapshot = runningSnapshot({focusUntil(nineOClock, nineOClock + Seconds{1820}),
+                                        nothingFrom(nineOClock + minute * 10)});
+    Dates expected = nineAndMinutes(Seconds{20}, Seconds{560});  // 9:00:20 to 9:09:20
+    expected.push_back(nineOClock + minute * 10);
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), expected);
+}
+
+TEST(TimelineDatesTest, HasNoMinutesWithoutASpan) {
+    const S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + hour)});
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{0}, noLimit), Dates{nineOClock});
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{-5}, noLimit), Dates{nineOClock});
+}
+
+TEST(TimelineDatesTest, HasMinutesWithinTheSpanOnly) {
+    const S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + hour)});
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, minute * 3, noLimit),
+              nineAndMinutes(minute, minute * 3));
+}
+
+TEST(TimelineDatesTest, HasMinutesOfBlocksAndFocusRunsOnly) {
+    S::Running run = sampleRun(nineOClock + hour);
+    S::Running open = sampleRun(std::nullopt);
+    for (const S::State& state :
+         {S::State(S::FocusFilter{run}), S::State(S::Block{open}), S::State(S::Focus{open}),
+          S::State(S::Next{}), S::State(S::NoBlocks{})}) {
+        const S snapshot = runningSnapshot({{nineOClock, state}});
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), Dates{nineOClock});
+    }
+}
+
+TEST(TimelineDatesTest, HasTheEarliestUpToTheLimit) {
+    const S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + hour)});
+    const Dates all = snapshot.timelineDates(nineOClock, utc, hour, noLimit);
+    ASSERT_EQ(all.size(), 61U);
+    for (std::size_t limit = 0; limit <= all.size(); ++limit) {
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, limit),
+                  Dates(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(limit)));
+    }
+}
+
+TEST(TimelineDatesTest, HasEachDateOnce) {
+    S snapshot = runningSnapshot({blockUntil(today + aDay - minute, today + aDay),
+                                  nothingFrom(today + aDay), nothingFrom(today + aDay)});
+    snapshot.horizon = today + aDay * 1.5;
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, aDay, noLimit),
+              (Dates{nineOClock, today + aDay - minute, today + aDay}));
+}
+
+TEST(TimelineDatesTest, MakesNothingOfWhatIsNoNumber) {
+    const double nan = std::nan("");
+    const double infinity = std::numeric_limits<double>::infinity();
+    S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + minute * 3)});
+    const Dates usual = nineAndMinutes(minute, minute * 3);
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{infinity}, noLimit), usual);
+    EXPECT_EQ(snapshot.timelineDates(wallDate(nan), utc, hour, noLimit).size(), 1U);
+    for (const double odd : {nan, infinity, -infinity, 1e300, -1e300}) {
+        snapshot.phases = {{wallDate(odd), S::Block{sampleRun(nineOClock + minute * 3)}},
+                           blockUntil(nineOClock, wallDate(odd))};
+        EXPECT_LE(snapshot.timelineDates(nineOClock, utc, hour, 200).size(), 200U) << odd;
+        (void)snapshot.moment(wallDate(odd), utc);
+    }
+}
+
+// Seconds whole, halved and odd, so that dates coincide often and not always.
+class RandomSnapshots {
+  public:
+    explicit RandomSnapshots(unsigned seed) : random_(seed) {}
+
+    int below(int end) { return std::uniform_int_distribution(0, end - 1)(random_); }
+
+    WallDate date() {
+        constexpr std::array steps{60.0, 30.0, 20.5, 86400.0, 7.25};
+        return nineOClock +
+               Seconds{steps[static_cast<std::size_t>(below(steps.size()))] * (below(120) - 30)};
+    }
+
+    S::State state() {
+        const auto run = sampleRun(below(5) == 0 ? std::nullopt : std::optional(date()));
+        switch (below(6)) {
+            case 0:
+                return S::Focus{run};
+            case 1:
+                return S::FocusFilter{run};
+            case 2:
+                return S::NothingScheduled{};
+            default:
+                return S::Block{run};
+        }
+    }
+
+    S snapshot() {
+        S snapshot;
+        snapshot.isRunning = below(20) != 0;
+        snapshot.horizon = date() + hour * below(100);
+        const int count = below(12);
+        for (int i = 0; i < count; ++i) {
+            snapshot.phases.push_back({date(), state()});
+        }
+        if (below(4) != 0) {
+            std::ranges::sort(snapshot.phases, {}, &S::Phase::start);
+        }
+        return snapshot;
+    }
+
+  private:
+    std::mt19937 random_;
+};
+
+TEST(TimelineDatesTest, AreThoseOfThePlainRuleForAnySnapshot) {
+    RandomSnapshots random(20261120);
+    std::size_t dates = 0;
+    for (int i = 0; i < 8000; ++i) {
+        const S snapshot = random.snapshot();
+        const WallDate from = random.date();
+        const Seconds span{60.0 * random.below(300) - 60};
+        for (const std::size_t limit : {std::size_t{1}, std::size_t{7}, std::size_t{60}, noLimit}) {
+            const Dates expected = plainDates(snapshot, from, utc, span, limit);
+            ASSERT_EQ(snapshot.timelineDates(from, utc, span, limit), expected) << "snapshot " << i;
+            dates += expected.size();
+        }
+    }
+    EXPECT_GT(dates, 100'000U);
+}
+
+TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdown) {
+    S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + aDay * 365 * 3)});
+    snapshot.horizon = nineOClock + aDay * 365 * 3;
+    for (const std::size_t limit : {std::size_t{60}, std::size_t{5000}}) {
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, aDay * 200, limit),
+                  plainDates(snapshot, nineOClock, utc, aDay * 200, limit));
+    }
+}
+
+TEST(TimelineDatesTest, AreThoseOfThePlainRuleForManyPhases) {
+    const S snapshot = longSnapshot(100'000);
+    for (const Seconds later : {Seconds{0}, hour * 50'000.5, hour * 99'999}) {
+        const WallDate from = nineOClock + later;
+        EXPECT_EQ(snapshot.timelineDates(from, utc, hour, 60),
+                  plainDates(snapshot, from, utc, hour, 60));
+    }
+}
+
+TEST(TimelineDatesTest, AskTheCalendarOnlyForWhatTheyHave) {
+    // 4001-01-01.
+    constexpr WallDate farAway = wallDate(64092211200);
+    S snapshot = runningSnapshot({blockUntil(nineOClock, farAway)});
+    snapshot.horizon = farAway;
+    const CountingCalendar filled;
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, filled, hour, 60).size(), 60U);
+    EXPECT_LE(filled.questions, 2) << "the minutes come first";
+    const CountingCalendar midnights;
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, midnights, Seconds{0}, 60).size(), 60U);
+    EXPECT_LE(midnights.questions, 62);
+}
+
+// The reload.
+
+TEST(ReloadDateTest, IsTheLastDateThatIsStillToCome) {
+    S snapshot;
+    snapshot.horizon = nineOClock + hour * 5;
+    EXPECT_EQ(snapshot.reloadDate({nineOClock, nineOClock + hour}, nineOClock), nineOClock + hour);
+}
+
+TEST(ReloadDateTest, IsTheHorizonWhenTheLastDateIsNow) {
+    S snapshot;
+    snapshot.horizon = nineOClock + hour * 5;
+    EXPECT_EQ(snapshot.reloadDate({nineOClock - hour, nineOClock}, nineOClock), snapshot.horizon);
+    EXPECT_EQ(snapshot.reloadDate({}, nineOClock), snapshot.horizon);
+}
+
+TEST(ReloadDateTest, IsInSixHoursWhenNothingIsToCome) {
+    S snapshot;
+    snapshot.horizon = nineOClock - hour;
+    EXPECT_EQ(snapshot.reloadDate({}, nineOClock), nineOClock + hour * 6);
+    snapshot.horizon = nineOClock;
+    EXPECT_EQ(snapshot.reloadDate({nineOClock}, nineOClock), nineOClock + hour * 6);
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,230 @@
+// What the widgets and controls draw from, written by the app whenever that may have changed.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "HalvoPlatform/Time.hpp"
+#include "HalvoShared/Coding.hpp"
+#include "HalvoShared/SharedFile.hpp"
+#include "HalvoShared/UUID.hpp"
+
+namespace halvo {
+
+class Calendar;
+struct WidgetMoment;
+
+// A schedule as phases, what was done on recent days, and the person's lists and blocks. A value.
+struct WidgetSnapshot {
+    // The identifiers of the widgets and controls.
+    struct Kind {
+        static constexpr const char* status = "app.halvo.widget.status";
+        static constexpr const char* breathe = "app.halvo.widget.breathe";
+        static constexpr const char* breatheControl = "app.halvo.control.breathe";
+        static constexpr const char* focusControl = "app.halvo.control.focus";
+    };
+
+    // How hard a block is to get out of.
+    enum class Level { gentle, firm, ultraHard };
+
+    // None of these may initialise its members itself: within a class that would come too late for
+    // the variant and the optionals below.
+
+    struct Look {
+        std::string color;
+        std::string symbol;
+
+        bool operator==(const Look&) const = default;
+    };
+
+    struct Unlock {
+        std::string name;
+        WallDate end;
+
+        bool operator==(const Unlock&) const = default;
+    };
+
+    // Something that runs.
+    struct Running {
+        std::string name;
+        std::vector<std::string> names;
+        std::optional<Look> look;
+        WallDate start;
+        // Absent when it runs until somebody ends it.
+        std::optional<WallDate> end;
+        Level level;
+        std::vector<std::string> listNames;
+        std::optional<Unlock> unlock;
+
+        bool operator==(const Running&) const = default;
+    };
+
+    // Something that runs later.
+    struct Upcoming {
+        std::string name;
+        std::optional<Look> look;
+        WallDate start;
+        WallDate end;
+        Level level;
+
+        bool operator==(const Upcoming&) const = default;
+    };
+
+    struct Block {
+        Running running;
+
+        bool operator==(const Block&) const = default;
+    };
+
+    struct Focus {
+        Running running;
+
+        bool operator==(const Focus&) const = default;
+    };
+
+    struct FocusFilter {
+        Running running;
+
+        bool operator==(const FocusFilter&) const = default;
+    };
+
+    struct Next {
+        Upcoming upcoming;
+
+        bool operator==(const Next&) const = default;
+    };
+
+    struct NothingScheduled {
+        bool operator==(const NothingScheduled&) const = default;
+    };
+
+    struct NoBlocks {
+        bool operator==(const NoBlocks&) const = default;
+    };
+
+    using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;
+
+    // From `start` on, until the next phase, the state is this.
+    struct Phase {
+        WallDate start;
+        State state;
+
+        bool operator==(const Phase&) const = default;
+    };
+
+    // What was done on the day that begins at `start`.
+    struct Day {
+        WallDate start;
+        std::int64_t breaths;
+        std::int64_t minutesBreathed;
+        std::int64_t stayedOff;
+
+        bool operator==(const Day&) const = default;
+
+        // Whether nothing was.
+        [[nodiscard]] bool isEmpty() const {
+            return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
+        }
+    };
+
+    // The settings of the breathing exercise.
+    struct Breath {
+        std::string style;
+        std::int64_t minutes;
+
+        bool operator==(const Breath&) const = default;
+    };
+
+    struct ListItem {
+        UUID id;
+        std::string name;
+        Look look;
+
+        bool operator==(const ListItem&) const = default;
+    };
+
+    struct BlockItem {
+        UUID id;
+        std::string name;
+        Look look;
+        Level level;
+        bool isEnabled;
+        bool isRunning;
+
+        bool operator==(const BlockItem&) const = default;
+    };
+
+    WallDate writtenAt{};
+    // Whether anything runs, as the app has it.
+    bool isRunning{};
+    std::int64_t blockCount{};
+    // In the order of their starts.
+    std::vector<Phase> phases;
+    // So far the phases are planned.
+    WallDate horizon{};
+    std::vector<Day> days;
+    Breath breathe;
+    std::int64_t focusMinutes{};
+    std::vector<ListItem> lists;
+    std::vector<BlockItem> blocks;
+
+    bool operator==(const WidgetSnapshot&) const = default;
+
+    // "widgets.json" in the app group's container as that was at the first call.
+    static const SharedFile<WidgetSnapshot>& file();
+
+    // The state at `date`: that of the last phase which has started. Before the first phase the
+    // first phase's, so that there is something to show; without any phase NoBlocks.
+    [[nodiscard]] State state(WallDate date) const;
+
+    // The three questions of a widget's timeline, answered in WidgetMoment.cpp.
+
+    // What there is to show at `date`. The days are those of `calendar`; of several records of one
+    // day the last counts.
+    [[nodiscard]] WidgetMoment moment(WallDate date, const Calendar& calendar) const;
+
+    // The dates from `from` on at which the picture changes, ascending, each once, at most `limit`
+    // of the earliest: `from` itself, the starts of phases and of days up to the horizon, and each
+    // minute of a countdown to the end of a block or focus run within `countdownSpan` of `from`.
+    // Only `from`, whatever the limit, when nothing runs. Costs one pass over the phases and what
+    // the answer costs, however far the horizon is.
+    [[nodiscard]] std::vector<WallDate> timelineDates(WallDate from, const Calendar& calendar,
+                                                      Seconds countdownSpan,
+                                                      std::size_t limit) const;
+
+    // When to ask for a new timeline after one of `dates`: at its last date or else at the horizon,
+    // if that is still to come; else in six hours, so that a stale snapshot is looked at again.
+    [[nodiscard]] WallDate reloadDate(const std::vector<WallDate>& dates, WallDate now) const;
+};
+
+// Its parts are records as well, each with a declaration of its own.
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Level>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Look>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Unlock>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Running>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Upcoming>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::State>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Phase>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Day>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::Breath>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::ListItem>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot::BlockItem>::type();
+template <>
+const coding::Type& coding::Coding<WidgetSnapshot>::type();
+
+}  // namespace halvo

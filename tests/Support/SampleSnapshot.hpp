@@ -1,0 +1,78 @@
+// Widget snapshots to test and measure with.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "HalvoShared/WidgetSnapshot.hpp"
+
+namespace halvo::testing {
+
+// 2026-11-20T09:00:00Z.
+inline constexpr WallDate nineOClock = wallDate(1795165200);
+
+inline constexpr Seconds aDay{86400};
+
+// A run of a block or focus that begins at nine.
+inline WidgetSnapshot::Running sampleRun(std::optional<WallDate> end) {
+    return {.name = "Deep work",
+            .names = {"Mail", "News"},
+            .look = WidgetSnapshot::Look{"indigo", "brain"},
+            .start = nineOClock,
+            .end = end,
+            .level = WidgetSnapshot::Level::firm,
+            .listNames = {"Distractions"},
+            .unlock = WidgetSnapshot::Unlock{"Five minutes", nineOClock + Seconds{600}}};
+}
+
+// Every kind of state, every optional member present and absent, and texts that JSON must escape.
+inline WidgetSnapshot sampleSnapshot() {
+    using S = WidgetSnapshot;
+    const UUID first = UUID::fromText("E621E1F8-C36C-495A-93FC-0C247A3E6E5F").value();
+    const UUID second = UUID::fromText("00000000-0000-4000-8000-0000000000FF").value();
+    S::Running open = sampleRun(std::nullopt);
+    open.look.reset();
+    open.unlock.reset();
+    open.names.clear();
+    open.level = S::Level::gentle;
+    const S::Upcoming upcoming{.name = "Evening \"off\"\n\\ \xE2\x98\xBE",
+                               .look = std::nullopt,
+                               .start = nineOClock + Seconds{36000},
+                               .end = nineOClock + Seconds{43200},
+                               .level = S::Level::ultraHard};
+    return {.writtenAt = nineOClock - Seconds{5},
+            .isRunning = true,
+            .blockCount = 2,
+            .phases = {{nineOClock, S::Block{sampleRun(nineOClock + Seconds{630})}},
+                       {nineOClock + Seconds{630}, S::Focus{sampleRun(nineOClock + Seconds{3600})}},
+                       {nineOClock + Seconds{3600}, S::FocusFilter{open}},
+                       {nineOClock + Seconds{7200}, S::Next{upcoming}},
+                       {nineOClock + Seconds{43200}, S::NothingScheduled{}},
+                       {nineOClock + Seconds{50000}, S::NoBlocks{}}},
+            .horizon = nineOClock + aDay,
+            .days = {{nineOClock - Seconds{32400} - aDay, 3, 15, 2},
+                     {nineOClock - Seconds{32400}, 1, 5, 0}},
+            .breathe = {"box", 5},
+            .focusMinutes = 25,
+            .lists = {{first, "Distractions", {"red", "bell"}}},
+            .blocks = {{second, "Deep work", {"indigo", "brain"}, S::Level::firm, true, false}}};
+}
+
+// `phases` runs of an hour each, one after the other, from nine on.
+inline WidgetSnapshot longSnapshot(std::size_t phases) {
+    using S = WidgetSnapshot;
+    constexpr Seconds hour{3600};
+    S snapshot = sampleSnapshot();
+    snapshot.phases.clear();
+    for (std::size_t i = 0; i < phases; ++i) {
+        const WallDate start = nineOClock + hour * i;
+        S::Running run = sampleRun(start + hour);
+        run.start = start;
+        snapshot.phases.push_back({start, i % 2 == 0 ? S::State(S::Block{run}) : S::Focus{run}});
+    }
+    snapshot.horizon = nineOClock + hour * phases;
+    return snapshot;
+}
+
+}  // namespace halvo::testing
