@@ -37,4 +37,7 @@ void measureReady(Table& table, const Places& places, const InstalledApp& app, E
 // What a helper at rest keeps of the machine's memory.
 void measureMemory(Table& table, const Places& places, const InstalledApp& app, Effort effort);
 
+// What the app's processes do with the records that they share.
+void measureRecords(Table& table, Effort effort);
+
 }  // namespace halvo::benchmark

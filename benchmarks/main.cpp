@@ -69,6 +69,9 @@ Table measure(const Options& options) {
     if (wanted("ready")) {
         measureReady(table, places, app, effort);
     }
+    if (wanted("records")) {
+        measureRecords(table, effort);
+    }
     return table;
 }
 
