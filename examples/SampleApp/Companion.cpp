@@ -42,9 +42,11 @@ Descriptor takeSignals() {
 
 }  // namespace
 
-Companion::Companion(HelperClient& client, Display& display, std::string appPath, Pace pace)
+Companion::Companion(HelperClient& client, Display& display, RecordKeeper& records,
+                     std::string appPath, Pace pace)
     : client_(client),
       display_(display),
+      records_(records),
       appPath_(std::move(appPath)),
       pace_(pace),
       signals_(takeSignals()) {}
@@ -109,14 +111,17 @@ int Companion::stay() {
         if (now() >= nextBeat) {
             nextBeat = deadlineAfter(pace_.heartbeat);
             if (beat() == Next::Leave) {
+                sayIfAny(records_.end(wallNow()));
                 return exitStatus_;
             }
+            sayIfAny(records_.update(shown_, wallNow()));
         }
         refresh();
         const auto wake =
             display_.isTerminal() ? std::min(nextBeat, deadlineAfter(second)) : nextBeat;
         if (const int signal = waitForSignal(wake); signal != 0) {
             leave(signal);
+            sayIfAny(records_.end(wallNow()));
             return 0;
         }
     }
@@ -182,6 +187,12 @@ void Companion::refresh() {
         display_.show(holding(shown_), ", " + timeLeft(*shown_.until - wallNow()) + " left");
     } else {
         display_.show(holding(shown_), "");
+    }
+}
+
+void Companion::sayIfAny(const std::optional<std::string>& trouble) {
+    if (trouble) {
+        display_.say(*trouble);
     }
 }
 

@@ -1,6 +1,7 @@
 // The app while it runs: keeps the helper company for as long as a commitment holds.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "HalvoClient/BusCall.hpp"
@@ -9,6 +10,7 @@
 #include "HalvoPlatform/Time.hpp"
 #include "examples/SampleApp/Arguments.hpp"
 #include "examples/SampleApp/Display.hpp"
+#include "examples/SampleApp/RecordKeeper.hpp"
 
 namespace halvo {
 
@@ -25,11 +27,13 @@ struct Pace {
 };
 
 // Begins a commitment if asked to, then sends heartbeats and shows what holds.
-// It has no way to end a commitment. Takes SIGINT, SIGTERM and SIGHUP for itself when it is made,
-// which must be before any thread is. Borrows the client and the display.
+// It has no way to end a commitment. While it stays it keeps the records that others of the app's
+// processes read. Takes SIGINT, SIGTERM and SIGHUP for itself when it is made, which must be before
+// any thread is. Borrows the client, the display and the records.
 class Companion {
   public:
-    Companion(HelperClient& client, Display& display, std::string appPath, Pace pace = {});
+    Companion(HelperClient& client, Display& display, RecordKeeper& records, std::string appPath,
+              Pace pace = {});
 
     // Returns the process's exit status once nothing holds any more, a signal came, or the helper
     // could not be asked to begin with.
@@ -46,12 +50,14 @@ class Companion {
     Next isOver();
     Next isInTrouble(const HelperFailure& failure);
     void refresh();
+    void sayIfAny(const std::optional<std::string>& trouble);
     // Waits for a signal until `until`; zero when there was none.
     [[nodiscard]] int waitForSignal(Deadline until) const;
     void leave(int signal);
 
     HelperClient& client_;
     Display& display_;
+    RecordKeeper& records_;
     std::string appPath_;
     Pace pace_;
     Descriptor signals_;

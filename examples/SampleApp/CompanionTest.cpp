@@ -46,8 +46,10 @@ class CompanionTest : public ::testing::Test {
             std::FILE* stream = std::fopen(output.c_str(), "w");
             HelperClient client(path_);
             Display display(stream, /*terminal=*/false);
+            RecordKeeper records(keepAlive_, widgets_, "/Applications/Halvo.app");
             const int status =
-                Companion(client, display, "/Applications/Halvo.app", hurried).run(arguments);
+                Companion(client, display, records, "/Applications/Halvo.app", hurried)
+                    .run(arguments);
             std::fclose(stream);
             _exit(status);
         }
@@ -81,6 +83,8 @@ class CompanionTest : public ::testing::Test {
 
     TemporaryFolder folder_;
     std::string path_ = folder_ / "helper.sock";
+    SharedFile<KeepAliveState> keepAlive_{"keepalive.json", folder_.path()};
+    SharedFile<WidgetSnapshot> widgets_{"widgets.json", folder_.path()};
 };
 
 TEST_F(CompanionTest, SaysThatNothingHolds) {
@@ -103,6 +107,57 @@ TEST_F(CompanionTest, StaysWhileACommitmentHoldsAndEndsAfterIt) {
         AllOf(StartsWith("Ultra Hard mode holds until "), HasSubstr(", the app is locked\n"),
               HasSubstr("Ultra Hard mode is over. Halvo ends by itself in 0 seconds.\n"),
               EndsWith("Nothing holds\n")));
+}
+
+TEST_F(CompanionTest, LeavesRecordsOfWhatHolds) {
+    FakeHelper helper(path_, {Conduct::Answer});
+    hold(helper, Seconds{600});
+    run({}, [&](pid_t app) {
+        awaitRequests(helper, 4);
+        const auto state = keepAlive_.read();
+        ASSERT_TRUE(state);
+        EXPECT_EQ(state->pid, app);
+        EXPECT_FALSE(state->clean);
+        EXPECT_TRUE(state->shouldRelaunch(wallNow()));
+        const auto snapshot = widgets_.read();
+        ASSERT_TRUE(snapshot);
+        EXPECT_TRUE(snapshot->isRunning);
+        kill(app, SIGKILL);
+    });
+    EXPECT_TRUE(keepAlive_.read()->shouldRelaunch(wallNow())) << "it was killed";
+}
+
+TEST_F(CompanionTest, LeavesRecordsOfACleanEnd) {
+    FakeHelper helper(path_, {Conduct::Answer});
+    hold(helper, Seconds{600});
+    run({}, [&](pid_t) {
+        awaitRequests(helper, 6);
+        letGo(helper);
+    });
+    EXPECT_TRUE(keepAlive_.read()->clean);
+    EXPECT_EQ(keepAlive_.read()->commitmentUntil, std::nullopt);
+    EXPECT_FALSE(widgets_.read()->isRunning);
+}
+
+TEST_F(CompanionTest, GoesOnWhenARecordCannotBeWritten) {
+    FakeHelper helper(path_, {Conduct::Answer});
+    hold(helper, Seconds{600});
+    const std::string elsewhere = folder_ / "none";
+    keepAlive_ = SharedFile<KeepAliveState>("keepalive.json", elsewhere);
+    const Outcome result = run({}, [&](pid_t) {
+        awaitRequests(helper, 6);
+        letGo(helper);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.said, HasSubstr("What the widgets show could not be written: " + elsewhere +
+                                       "/: No such file or directory.\n"));
+}
+
+TEST_F(CompanionTest, LeavesNoRecordWhenNothingHolds) {
+    FakeHelper const helper(path_, {Conduct::Answer});
+    run({});
+    EXPECT_EQ(keepAlive_.read(), std::nullopt);
+    EXPECT_EQ(widgets_.read(), std::nullopt);
 }
 
 TEST_F(CompanionTest, SaysWhenTheHelperTakesNoCommitment) {

@@ -14,6 +14,7 @@
 #include "examples/SampleApp/Arguments.hpp"
 #include "examples/SampleApp/Companion.hpp"
 #include "examples/SampleApp/Display.hpp"
+#include "examples/SampleApp/RecordKeeper.hpp"
 
 int main(int count, char** words) {
     using namespace halvo;
@@ -40,5 +41,6 @@ int main(int count, char** words) {
     }
     HelperClient client(bundle->identity);
     Display display(stdout, isatty(STDOUT_FILENO) == 1);
-    return Companion(client, display, bundle->path).run(*arguments);
+    RecordKeeper records(KeepAliveState::file(), WidgetSnapshot::file(), bundle->path);
+    return Companion(client, display, records, bundle->path).run(*arguments);
 }

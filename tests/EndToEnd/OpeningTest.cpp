@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -15,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "HalvoShared/KeepAliveState.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
 #include "tests/EndToEnd/RunningHelper.hpp"
 #include "tests/EndToEnd/World.hpp"
 
@@ -139,6 +142,31 @@ TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
     EXPECT_LE(timeNow() - quitAt, silence + late);
     EXPECT_THAT(processWords(opened),
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
+}
+
+TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    const pid_t app = waitForApp();
+    const std::string group = "/home/halvo-demo/.local/share/group." HALVO_APP_BUNDLE_ID;
+    const SharedFile<KeepAliveState> keepAlive("keepalive.json", group);
+    const SharedFile<WidgetSnapshot> widgets("widgets.json", group);
+    ASSERT_TRUE(eventually(Seconds{10}, [&] { return widgets.read().has_value(); }))
+        << widgets.load().error();
+    EXPECT_TRUE(widgets.read()->isRunning);
+    const auto state = keepAlive.load();
+    ASSERT_TRUE(state.has_value()) << state.error();
+    EXPECT_EQ(state->pid, app);
+    EXPECT_EQ(state->appPath, Place::app);
+    EXPECT_TRUE(state->shouldRelaunch(wallNow()));
+    for (const std::string& path : {keepAlive.url(), widgets.url(), group}) {
+        struct stat status{};
+        ASSERT_EQ(stat(path.c_str(), &status), 0) << path;
+        EXPECT_EQ(status.st_uid, world.user) << path;
+        EXPECT_NE(status.st_gid, world.appGroup) << "the private group is for the helper alone";
+        EXPECT_EQ(status.st_mode & 077, 0U) << path;
+    }
+    quit(app);
+    EXPECT_TRUE(keepAlive.read()->shouldRelaunch(wallNow())) << "it was killed";
 }
 
 TEST_F(OpeningTest, ComesNoSoonerThanFifteenSecondsAfterTheLast) {
