@@ -1,4 +1,4 @@
-// The folder that the app shares with its widgets, its intents and its helper.
+// The folder that the app shares with its widgets and its intents.
 #pragma once
 
 #include <optional>
