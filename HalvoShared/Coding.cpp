@@ -5,7 +5,6 @@
 #include <concepts>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <numeric>
 
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Paths.hpp"
@@ -95,12 +94,13 @@ Needs needsOf(std::string_view text) {
 
 }  // namespace
 
-RecordType::RecordType(std::vector<Field> declared)
-    : fields(std::move(declared)), sorted(fields.size()) {
+RecordType::RecordType(std::vector<Field> declared) : fields(std::move(declared)) {
     if (fields.size() > mostKeys) {
         fatal("A record has more members than can be counted");
     }
-    std::iota(sorted.begin(), sorted.end(), std::size_t{0});
+    for (std::size_t place = 0; place < fields.size(); ++place) {
+        sorted.push_back(place);
+    }
     std::ranges::sort(sorted, {}, [this](std::size_t place) { return fields[place].key; });
 }
 

@@ -40,14 +40,14 @@ bool hasForm(std::string_view text, std::string_view pattern) {
 unsigned number(std::string_view digits) {
     unsigned value = 0;
     for (const char digit : digits) {
-        value = value * 10 + static_cast<unsigned>(digit - '0');
+        value = (value * 10) + static_cast<unsigned>(digit - '0');
     }
     return value;
 }
 
 void put(unsigned value, char* place, std::size_t digits) {
     for (std::size_t i = digits; i > 0; --i) {
-        place[i - 1] = static_cast<char>('0' + value % 10);
+        place[i - 1] = static_cast<char>('0' + (value % 10));
         value /= 10;
     }
 }
@@ -88,7 +88,7 @@ bool append(WallDate date, std::string& text) {
     std::array<char, form.size() + 1> place{};
     form.copy(place.data(), form.size());
     place.back() = 'Z';
-    put(static_cast<unsigned>(static_cast<int>(ymd.year())), &place[0], 4);
+    put(static_cast<unsigned>(static_cast<int>(ymd.year())), place.data(), 4);
     put(static_cast<unsigned>(ymd.month()), &place[5], 2);
     put(static_cast<unsigned>(ymd.day()), &place[8], 2);
     put(static_cast<unsigned>(time.hours().count()), &place[11], 2);

@@ -64,11 +64,11 @@ struct Frame {
     const Case* body = nullptr;
     // The place of the member whose value comes next among the type's, or in the list so far; the
     // value of an unknown member is passed over.
-    std::optional<std::size_t> current{};
+    std::optional<std::size_t> current = std::nullopt;
     // The members, or cases, that were there: one bit each.
     std::uint64_t seen = 0;
     // What is wrong within a choice's case. Told only when the choice itself is right.
-    std::optional<DecodingError> pending{};
+    std::optional<DecodingError> pending = std::nullopt;
 
     [[nodiscard]] bool has(std::size_t place) const { return (seen >> place & 1U) != 0; }
 };
@@ -174,7 +174,7 @@ class Reader final : public Json::json_sax_t {
         if (std::popcount(frame.seen) != 1) {
             return fail({DecodingError::Kind::TypeMismatch, path(), std::string(oneKeyExpected)});
         }
-        return frame.pending ? fail(*std::move(frame.pending)) : true;
+        return !frame.pending || fail(*std::move(frame.pending));
     }
 
     bool end_array() override {
@@ -213,11 +213,12 @@ class Reader final : public Json::json_sax_t {
 
     // The record's member whose value comes next, if it is one's.
     [[nodiscard]] const Field* currentField() const {
-        if (frames_.empty() || frames_.back().body != nullptr || !frames_.back().current) {
+        if (frames_.empty() || frames_.back().body != nullptr) {
             return nullptr;
         }
+        const auto place = frames_.back().current;
         const auto* record = std::get_if<RecordType>(frames_.back().type);
-        return record == nullptr ? nullptr : &record->fields[*frames_.back().current];
+        return place && record != nullptr ? &record->fields[*place] : nullptr;
     }
 
     Slot next() {
@@ -365,17 +366,18 @@ class Writer {
 
     [[nodiscard]] const EncodingError& error() const { return error_; }
 
+    // NOLINTBEGIN(misc-no-recursion): as deep as the declarations go, which no value changes.
+
     // Says whether it could.
     bool write(const void* value, const Type& type) {
-        return std::visit([&](const auto& shape) { return write(value, shape); }, type);
+        return std::visit([this, value](const auto& shape) { return this->write(value, shape); },
+                          type);
     }
 
   private:
     bool write(const void* value, const ScalarType& type) {
-        auto problem = type.append(value, json_);
-        if (problem) {
-            error_.problem = *std::move(problem);
-        }
+        const auto problem = type.append(value, json_);
+        error_.problem = problem.value_or("");
         return !problem;
     }
 
@@ -430,6 +432,8 @@ class Writer {
         json_ += "}}";
         return true;
     }
+
+    // NOLINTEND(misc-no-recursion)
 
     // A declared key needs no escapes.
     void writeKey(std::string_view key) {

@@ -29,7 +29,7 @@ struct KeepAliveState {
     // recorded.
     bool bypassNoted{};
     // When this was written.
-    WallDate updatedAt{};
+    WallDate updatedAt;
 
     bool operator==(const KeepAliveState&) const = default;
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <iterator>
 
 namespace halvo {
 namespace {
@@ -21,7 +20,7 @@ std::optional<UUID> UUID::fromText(const std::string& text) {
         return std::nullopt;
     }
     UUID uuid;
-    std::copy(std::begin(raw), std::end(raw), uuid.bytes.begin());
+    std::ranges::copy(raw, uuid.bytes.begin());
     return uuid;
 }
 

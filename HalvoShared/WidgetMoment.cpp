@@ -4,6 +4,7 @@
 #include <cmath>
 #include <iterator>
 #include <limits>
+#include <ranges>
 #include <set>
 #include <utility>
 #include <variant>
@@ -50,8 +51,8 @@ class RecordSearch {
     std::vector<Day> in(const std::vector<Day>& days) && {
         // Nearly all records are passed over by this alone.
         const auto [begin, end] = daysFrom(dates_.front(), dates_.back(), calendar_);
-        for (auto day = days.rbegin(); day != days.rend(); ++day) {
-            if (day->start >= begin && day->start < end && take(*day) == 0) {
+        for (const Day& day : std::views::reverse(days)) {
+            if (day.start >= begin && day.start < end && take(day) == 0) {
                 break;
             }
         }

@@ -11,7 +11,7 @@
 namespace halvo {
 
 struct WidgetMoment {
-    WallDate date{};
+    WallDate date;
     // The schedule's state at `date`.
     WidgetSnapshot::State state;
     bool isRunning{};

@@ -18,6 +18,139 @@ namespace halvo {
 class Calendar;
 struct WidgetMoment;
 
+// The parts of a WidgetSnapshot, known by their names there. Not within it, because a class has no
+// default values before its end, where a variant of its members would need them.
+namespace widget_snapshot {
+
+// How hard a block is to get out of.
+enum class Level { gentle, firm, ultraHard };
+
+struct Look {
+    std::string color;
+    std::string symbol;
+
+    bool operator==(const Look&) const = default;
+};
+
+struct Unlock {
+    std::string name;
+    WallDate end;
+
+    bool operator==(const Unlock&) const = default;
+};
+
+// Something that runs.
+struct Running {
+    std::string name;
+    std::vector<std::string> names;
+    std::optional<Look> look;
+    WallDate start;
+    // Absent when it runs until somebody ends it.
+    std::optional<WallDate> end;
+    Level level{};
+    std::vector<std::string> listNames;
+    std::optional<Unlock> unlock;
+
+    bool operator==(const Running&) const = default;
+};
+
+// Something that runs later.
+struct Upcoming {
+    std::string name;
+    std::optional<Look> look;
+    WallDate start;
+    WallDate end;
+    Level level{};
+
+    bool operator==(const Upcoming&) const = default;
+};
+
+struct Block {
+    Running running;
+
+    bool operator==(const Block&) const = default;
+};
+
+struct Focus {
+    Running running;
+
+    bool operator==(const Focus&) const = default;
+};
+
+struct FocusFilter {
+    Running running;
+
+    bool operator==(const FocusFilter&) const = default;
+};
+
+struct Next {
+    Upcoming upcoming;
+
+    bool operator==(const Next&) const = default;
+};
+
+struct NothingScheduled {
+    bool operator==(const NothingScheduled&) const = default;
+};
+
+struct NoBlocks {
+    bool operator==(const NoBlocks&) const = default;
+};
+
+using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;
+
+// From `start` on, until the next phase, the state is this.
+struct Phase {
+    WallDate start;
+    State state;
+
+    bool operator==(const Phase&) const = default;
+};
+
+// What was done on the day that begins at `start`.
+struct Day {
+    WallDate start;
+    std::int64_t breaths{};
+    std::int64_t minutesBreathed{};
+    std::int64_t stayedOff{};
+
+    bool operator==(const Day&) const = default;
+
+    // Whether nothing was.
+    [[nodiscard]] bool isEmpty() const {
+        return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
+    }
+};
+
+// The settings of the breathing exercise.
+struct Breath {
+    std::string style;
+    std::int64_t minutes{};
+
+    bool operator==(const Breath&) const = default;
+};
+
+struct ListItem {
+    UUID id;
+    std::string name;
+    Look look;
+
+    bool operator==(const ListItem&) const = default;
+};
+
+struct BlockItem {
+    UUID id;
+    std::string name;
+    Look look;
+    Level level{};
+    bool isEnabled{};
+    bool isRunning{};
+
+    bool operator==(const BlockItem&) const = default;
+};
+
+}  // namespace widget_snapshot
+
 // A schedule as phases, what was done on recent days, and the person's lists and blocks. A value.
 struct WidgetSnapshot {
     // The identifiers of the widgets and controls.
@@ -28,144 +161,32 @@ struct WidgetSnapshot {
         static constexpr const char* focusControl = "app.halvo.control.focus";
     };
 
-    // How hard a block is to get out of.
-    enum class Level { gentle, firm, ultraHard };
+    using Level = widget_snapshot::Level;
+    using Look = widget_snapshot::Look;
+    using Unlock = widget_snapshot::Unlock;
+    using Running = widget_snapshot::Running;
+    using Upcoming = widget_snapshot::Upcoming;
+    using Block = widget_snapshot::Block;
+    using Focus = widget_snapshot::Focus;
+    using FocusFilter = widget_snapshot::FocusFilter;
+    using Next = widget_snapshot::Next;
+    using NothingScheduled = widget_snapshot::NothingScheduled;
+    using NoBlocks = widget_snapshot::NoBlocks;
+    using State = widget_snapshot::State;
+    using Phase = widget_snapshot::Phase;
+    using Day = widget_snapshot::Day;
+    using Breath = widget_snapshot::Breath;
+    using ListItem = widget_snapshot::ListItem;
+    using BlockItem = widget_snapshot::BlockItem;
 
-    // None of these may initialise its members itself: within a class that would come too late for
-    // the variant and the optionals below.
-
-    struct Look {
-        std::string color;
-        std::string symbol;
-
-        bool operator==(const Look&) const = default;
-    };
-
-    struct Unlock {
-        std::string name;
-        WallDate end;
-
-        bool operator==(const Unlock&) const = default;
-    };
-
-    // Something that runs.
-    struct Running {
-        std::string name;
-        std::vector<std::string> names;
-        std::optional<Look> look;
-        WallDate start;
-        // Absent when it runs until somebody ends it.
-        std::optional<WallDate> end;
-        Level level;
-        std::vector<std::string> listNames;
-        std::optional<Unlock> unlock;
-
-        bool operator==(const Running&) const = default;
-    };
-
-    // Something that runs later.
-    struct Upcoming {
-        std::string name;
-        std::optional<Look> look;
-        WallDate start;
-        WallDate end;
-        Level level;
-
-        bool operator==(const Upcoming&) const = default;
-    };
-
-    struct Block {
-        Running running;
-
-        bool operator==(const Block&) const = default;
-    };
-
-    struct Focus {
-        Running running;
-
-        bool operator==(const Focus&) const = default;
-    };
-
-    struct FocusFilter {
-        Running running;
-
-        bool operator==(const FocusFilter&) const = default;
-    };
-
-    struct Next {
-        Upcoming upcoming;
-
-        bool operator==(const Next&) const = default;
-    };
-
-    struct NothingScheduled {
-        bool operator==(const NothingScheduled&) const = default;
-    };
-
-    struct NoBlocks {
-        bool operator==(const NoBlocks&) const = default;
-    };
-
-    using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;
-
-    // From `start` on, until the next phase, the state is this.
-    struct Phase {
-        WallDate start;
-        State state;
-
-        bool operator==(const Phase&) const = default;
-    };
-
-    // What was done on the day that begins at `start`.
-    struct Day {
-        WallDate start;
-        std::int64_t breaths;
-        std::int64_t minutesBreathed;
-        std::int64_t stayedOff;
-
-        bool operator==(const Day&) const = default;
-
-        // Whether nothing was.
-        [[nodiscard]] bool isEmpty() const {
-            return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
-        }
-    };
-
-    // The settings of the breathing exercise.
-    struct Breath {
-        std::string style;
-        std::int64_t minutes;
-
-        bool operator==(const Breath&) const = default;
-    };
-
-    struct ListItem {
-        UUID id;
-        std::string name;
-        Look look;
-
-        bool operator==(const ListItem&) const = default;
-    };
-
-    struct BlockItem {
-        UUID id;
-        std::string name;
-        Look look;
-        Level level;
-        bool isEnabled;
-        bool isRunning;
-
-        bool operator==(const BlockItem&) const = default;
-    };
-
-    WallDate writtenAt{};
+    WallDate writtenAt;
     // Whether anything runs, as the app has it.
     bool isRunning{};
     std::int64_t blockCount{};
     // In the order of their starts.
     std::vector<Phase> phases;
     // So far the phases are planned.
-    WallDate horizon{};
+    WallDate horizon;
     std::vector<Day> days;
     Breath breathe;
     std::int64_t focusMinutes{};

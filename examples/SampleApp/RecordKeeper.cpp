@@ -13,11 +13,15 @@ constexpr Seconds longestSilence{30};
 
 constexpr Seconds aDay{86400};
 
+bool isNear(WallDate one, WallDate other) {
+    constexpr Seconds hair{1};
+    return one - other < hair && other - one < hair;
+}
+
 // The helper tells an end anew each time, and not always to the same fraction of a second.
 bool isSame(const HelperStatus& a, const HelperStatus& b) {
-    constexpr Seconds hair{1};
-    return a.holding == b.holding && a.until.has_value() == b.until.has_value() &&
-           (!a.until || (*a.until - *b.until < hair && *b.until - *a.until < hair));
+    const bool endsSame = a.until && b.until ? isNear(*a.until, *b.until) : a.until == b.until;
+    return a.holding == b.holding && endsSame;
 }
 
 }  // namespace

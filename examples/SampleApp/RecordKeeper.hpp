@@ -37,7 +37,7 @@ class RecordKeeper {
     KeepAliveState keepAlive_;
     HelperStatus status_;
     // Since when something holds, or nothing.
-    WallDate since_{};
+    WallDate since_;
     // When both files were last written; absent when they are yet to be.
     std::optional<WallDate> writtenAt_;
     // What was last said.
