@@ -37,7 +37,8 @@ WidgetSnapshot snapshotOf(const HelperStatus& status, WallDate since, WallDate n
     snapshot.horizon = now + aDay;
     snapshot.breathe = {"box", 5};
     snapshot.focusMinutes = 25;
-    static const UUID block = UUID::fromText("6F0A4B9E-2D53-4C6C-9A57-51C8D3E7A210").value();
+    constexpr UUID block{{0x6F, 0x0A, 0x4B, 0x9E, 0x2D, 0x53, 0x4C, 0x6C, 0x9A, 0x57, 0x51, 0xC8,
+                          0xD3, 0xE7, 0xA2, 0x10}};
     snapshot.blocks = {{block, name, look, S::Level::ultraHard, true, status.holding}};
     if (!status.holding) {
         snapshot.phases = {{since, S::NothingScheduled{}}};
