@@ -231,6 +231,14 @@ GregorianCalendar GregorianCalendar::system() {
 
 const std::string& GregorianCalendar::zoneName() const { return zone_->name; }
 
+Seconds GregorianCalendar::offset(WallDate date) const {
+    if (!isInRange(date)) {
+        return Seconds{0};
+    }
+    const sys_seconds whole = wholeSecondsOf(date);
+    return zone_->changeAt(whole - zone_->cyclesTo(whole))->offset;
+}
+
 WallDate GregorianCalendar::startOfDay(WallDate date) const {
     if (!isInRange(date)) {
         return date;

@@ -38,6 +38,10 @@ class GregorianCalendar final : public Calendar {
     // The name it was asked for; that of the system's zone; or "UTC".
     [[nodiscard]] const std::string& zoneName() const;
 
+    // How far clocks are ahead of UTC at `date`, negative where they are behind. 0 for a date
+    // outside the calendar's range.
+    [[nodiscard]] Seconds offset(WallDate date) const;
+
     [[nodiscard]] WallDate startOfDay(WallDate date) const override;
     [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override;
     [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override;

@@ -370,6 +370,27 @@ TEST(GregorianCalendarTest, ServesTheFirstAndTheLastDayOfItsRange) {
     }
 }
 
+TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
+    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
+    EXPECT_EQ(berlin.offset(at("1800-01-01T00:00:00Z")), Seconds{3208});
+    EXPECT_EQ(berlin.offset(at("2026-03-29T00:59:59Z") + Seconds{0.75}), Seconds{hour});
+    EXPECT_EQ(berlin.offset(at("2026-03-29T01:00:00Z")), Seconds{2 * hour});
+    EXPECT_EQ(berlin.offset(at("2026-10-25T00:59:59Z")), Seconds{2 * hour});
+    EXPECT_EQ(berlin.offset(at("2026-10-25T01:00:00Z")), Seconds{hour});
+    EXPECT_EQ(berlin.offset(at("9026-07-01T00:00:00Z")), Seconds{2 * hour});
+    EXPECT_EQ(calendarOf("America/St_Johns").offset(at("2026-11-20T00:00:00Z")),
+              Seconds{-3.5 * hour});
+    EXPECT_EQ(calendarOf("UTC").offset(at("2026-11-20T00:00:00Z")), Seconds{0});
+}
+
+TEST(GregorianCalendarTest, KnowsNoOffsetOutsideItsRange) {
+    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
+    for (const double date :
+         {-infinity, -1e300, -62135596801.0, 253402300800.0, infinity, notANumber}) {
+        EXPECT_EQ(berlin.offset(wallDate(date)), Seconds{0}) << date;
+    }
+}
+
 TEST(GregorianCalendarTest, KnowsItsZone) {
     EXPECT_EQ(calendarOf("Europe/Berlin").zoneName(), "Europe/Berlin");
     EXPECT_EQ(calendarOf("Eire").zoneName(), "Eire");
