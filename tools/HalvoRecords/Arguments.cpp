@@ -116,7 +116,7 @@ Result<Words> sort(std::span<const std::string> words, std::span<const Option> k
 
 // The number that the whole of `word` is, in decimal.
 template <class Number>
-std::optional<Number> numberIn(std::string_view word) {
+std::optional<Number> numberIn(const std::string& word) {
     Number number{};
     const char* end = word.data() + word.size();
     const auto [rest, error] = std::from_chars(word.data(), end, number);
@@ -150,7 +150,7 @@ Result<std::optional<WallDate>> fromIn(const Words& words) {
     return date;
 }
 
-std::optional<Seconds> parseSpan(std::string_view word) {
+std::optional<Seconds> parseSpan(std::string word) {
     struct Unit {
         char letter;
         Seconds length;
@@ -161,10 +161,10 @@ std::optional<Seconds> parseSpan(std::string_view word) {
                                Unit{'d', std::chrono::days{1}}};
     Seconds length{1};
     if (!word.empty()) {
-        const auto unit = std::ranges::find(units, word.back(), &Unit::letter);
+        const auto* const unit = std::ranges::find(units, word.back(), &Unit::letter);
         if (unit != units.end()) {
             length = unit->length;
-            word.remove_suffix(1);
+            word.pop_back();
         }
     }
     const auto number = numberIn<std::uint32_t>(word);
@@ -305,8 +305,14 @@ Result<Command> timelineIn(const Words& words) {
     const auto from = fromIn(words);
     const auto span = spanIn(words, command.span);
     const auto limit = limitIn(words, command.limit);
-    if (!from || !span || !limit) {
-        return std::unexpected(!from ? from.error() : !span ? span.error() : limit.error());
+    if (!from) {
+        return std::unexpected(from.error());
+    }
+    if (!span) {
+        return std::unexpected(span.error());
+    }
+    if (!limit) {
+        return std::unexpected(limit.error());
     }
     if (!words.operands.empty()) {
         command.file = words.operands.front();
@@ -352,7 +358,7 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
     if (name == "--help" || name == "-h") {
         return Help{helpText};
     }
-    const auto entry = std::ranges::find(entries, name, &Entry::name);
+    const auto* const entry = std::ranges::find(entries, name, &Entry::name);
     if (entry == entries.end()) {
         return std::unexpected(shown(name) + " is no command: show, check, link or timeline.");
     }

@@ -143,13 +143,16 @@ class Runner {
 
     static std::vector<Target> targetsOf(const Show& command) {
         std::vector<Target> targets;
+        targets.reserve(command.files.size());
         for (const std::string& file : command.files) {
             targets.emplace_back(file, command.kind);
         }
-        for (const RecordKind kind : {RecordKind::keepAlive, RecordKind::widgets}) {
-            if (command.files.empty() && command.kind.value_or(kind) == kind) {
-                targets.emplace_back(ownFile(kind, command.group), kind);
-            }
+        if (command.files.empty() && command.kind != RecordKind::widgets) {
+            targets.emplace_back(ownFile(RecordKind::keepAlive, command.group),
+                                 RecordKind::keepAlive);
+        }
+        if (command.files.empty() && command.kind != RecordKind::keepAlive) {
+            targets.emplace_back(ownFile(RecordKind::widgets, command.group), RecordKind::widgets);
         }
         return targets;
     }
