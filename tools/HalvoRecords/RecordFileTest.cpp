@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <sstream>
 
 #include "HalvoShared/JSON.hpp"
@@ -150,24 +151,32 @@ TEST(StandardInputTest, SaysThatItCannotBeRead) {
     EXPECT_EQ(load("-", std::nullopt, input).error(), "standard input: This cannot be read");
 }
 
-TEST(OwnFileTest, IsTheOneThatTheRecordKnows) {
+// In a folder for data of its own: a container that is asked for is made.
+class OwnFileTest : public ::testing::Test {
+  protected:
+    testing::TemporaryFolder folder;
+
+    void SetUp() override { setenv("XDG_DATA_HOME", folder.path().c_str(), 1); }
+
+    void TearDown() override { unsetenv("XDG_DATA_HOME"); }
+};
+
+TEST_F(OwnFileTest, IsTheOneThatTheRecordKnows) {
     EXPECT_EQ(ownFile(RecordKind::keepAlive, std::nullopt), KeepAliveState::file().url());
     EXPECT_EQ(ownFile(RecordKind::widgets, std::nullopt), WidgetSnapshot::file().url());
 }
 
-TEST_F(RecordFileTest, LiesInTheGroupThatIsAskedFor) {
-    setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
-    const std::string keepAlive = ownFile(RecordKind::keepAlive, "com.example.group");
-    const std::string widgets = ownFile(RecordKind::widgets, "com.example.group");
-    unsetenv("XDG_DATA_HOME");
-    EXPECT_EQ(keepAlive, folder / "com.example.group/keepalive.json");
-    EXPECT_EQ(widgets, folder / "com.example.group/widgets.json");
+TEST_F(OwnFileTest, LiesInTheGroupThatIsAskedFor) {
+    EXPECT_EQ(ownFile(RecordKind::keepAlive, "com.example.group"),
+              folder / "com.example.group/keepalive.json");
+    EXPECT_EQ(ownFile(RecordKind::widgets, "com.example.group"),
+              folder / "com.example.group/widgets.json");
 }
 
-TEST(OwnFileTest, HasOneNameInEveryGroup) {
+TEST_F(OwnFileTest, HasOneNameInEveryGroup) {
     for (const RecordKind kind : {RecordKind::keepAlive, RecordKind::widgets}) {
         const std::string own = ownFile(kind, std::nullopt);
-        const std::string inGroup = ownFile(kind, "");
+        const std::string inGroup = ownFile(kind, "com.example.group");
         EXPECT_EQ(own.substr(own.rfind('/')), inGroup.substr(inGroup.rfind('/')));
     }
 }
