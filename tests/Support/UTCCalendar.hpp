@@ -1,7 +1,7 @@
 // The calendar of UTC, whose days are all alike.
 #pragma once
 
-#include <chrono>
+#include <cmath>
 #include <optional>
 
 #include "HalvoShared/Calendar.hpp"
@@ -11,16 +11,20 @@ namespace halvo::testing {
 class UTCCalendar final : public Calendar {
   public:
     [[nodiscard]] WallDate startOfDay(WallDate date) const override {
-        return WallDate{std::chrono::floor<std::chrono::days>(date)};
+        return WallDate{day * std::floor(date.time_since_epoch() / day)};
     }
 
     [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
-        return startOfDay(date) + std::chrono::days{1};
+        return addingDays(1, startOfDay(date));
     }
 
     [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
-        return date + std::chrono::days{days};
+        return std::isfinite(secondsSince1970(date)) ? std::optional(date + day * days)
+                                                     : std::nullopt;
     }
+
+  private:
+    static constexpr Seconds day{86400};
 };
 
 }  // namespace halvo::testing
