@@ -1,7 +1,6 @@
 #include "HalvoPlatform/Files.hpp"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,9 @@ namespace {
 std::unexpected<FileError> failure(int code, const std::string& path) {
     return std::unexpected(FileError{code, path + ": " + std::generic_category().message(code)});
 }
+
+// The kernel would take such a path for a shorter one.
+bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 // Gives 0 or the errno.
 int writeAll(int file, std::string_view bytes) {
@@ -61,6 +63,9 @@ int fill(int file, std::string_view bytes, mode_t mode) {
 }  // namespace
 
 std::expected<std::string, FileError> readFile(const std::string& path, std::size_t limit) {
+    if (hasZeroByte(path)) {
+        return failure(EINVAL, path);
+    }
     // O_NONBLOCK: opening a pipe must not wait for its other end.
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!file.isOpen()) {
@@ -139,18 +144,16 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
 }
 
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
-                                           std::string_view bytes, mode_t mode) {
+                                           std::string_view bytes, mode_t mode,
+                                           const std::string& writer) {
     const std::string path = folder.ends_with('/') ? folder + name : folder + "/" + name;
-    const std::string temporary = "." + name + ".new";
+    const std::string temporary = "." + name + writer + ".new";
+    if (hasZeroByte(path)) {
+        return failure(EINVAL, path);
+    }
     const Descriptor place(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!place.isOpen()) {
         return failure(errno, folder);
-    }
-    // Writers of one folder take turns, since they share the name of the temporary file.
-    while (flock(place.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            return failure(errno, folder);
-        }
     }
     const Descriptor file = createTemporary(place.get(), temporary);
     if (!file.isOpen()) {

@@ -21,7 +21,8 @@ struct FileError {
 
 // The whole content of the regular file at `path`, links followed. Fails with the errno of the
 // call that failed; with EFBIG, without reading on, when the file is longer than `limit` bytes;
-// with EINVAL when it is no regular file (a pipe would make the caller wait).
+// with EINVAL when it is no regular file (a pipe would make the caller wait), or the path has a
+// zero byte.
 std::expected<std::string, FileError> readFile(const std::string& path, std::size_t limit);
 
 // Makes the folder `path`, with the permissions `mode` whatever the umask, and the folders above it
@@ -34,8 +35,10 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
 // permissions `mode` from the start, whatever the umask, and both it and the folder are on the disk
 // (fsync(2)) when this returns. The temporary file beside it has a fixed name, so that a process
 // killed half-way leaves at most one, which the next call replaces; after a failure none stays.
-// Writers in one folder, of any process, wait for one another (flock(2)).
+// Two writers of one file at a time must each give a name of their own, `writer`, which becomes a
+// part of the temporary file's.
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
-                                           std::string_view bytes, mode_t mode);
+                                           std::string_view bytes, mode_t mode,
+                                           const std::string& writer = "");
 
 }  // namespace halvo

@@ -1,12 +1,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <signal.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -494,13 +491,14 @@ TEST_F(ReplaceFileTest, ReportsAFolderThatDoesNotReachTheDisk) {
     EXPECT_EQ(readTestFile(file), "new");
 }
 
-TEST_F(ReplaceFileTest, TakesTurnsWithOtherWriters) {
+TEST_F(ReplaceFileTest, IsForTwoWritersWithNamesOfTheirOwn) {
     // Each content is one letter many times over; a mixture would show.
     constexpr std::size_t size = 200'000;
     constexpr int times = 50;
     const auto writeMany = [&](char letter) {
         for (int i = 0; i < times; ++i) {
-            if (!replaceFile(folder.path(), "state", std::string(size, letter), 0600)) {
+            if (!replaceFile(folder.path(), "state", std::string(size, letter), 0600,
+                             std::string(1, letter))) {
                 return false;
             }
         }
@@ -521,17 +519,12 @@ TEST_F(ReplaceFileTest, TakesTurnsWithOtherWriters) {
     EXPECT_EQ(membersOf(folder.path()), std::vector<std::string>{"state"});
 }
 
-TEST_F(ReplaceFileTest, WaitsOnForItsTurnAfterASignal) {
-    static int other;
-    other = open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_EQ(flock(other, LOCK_EX), 0);
-    struct sigaction release{};
-    release.sa_handler = [](int) { close(other); };
-    ASSERT_EQ(sigaction(SIGALRM, &release, nullptr), 0);
-    const itimerval soon{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 50'000}};
-    ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
-    EXPECT_TRUE(replace());
-    EXPECT_EQ(readTestFile(file), "new");
+TEST_F(ReplaceFileTest, RefusesAZeroByteInAPath) {
+    writeOldFile();
+    EXPECT_EQ(codeOf(replaceFile(folder.path(), "state\0x"s, "new", 0600)), EINVAL);
+    EXPECT_EQ(codeOf(replaceFile(folder.path() + "\0x"s, "state", "new", 0600)), EINVAL);
+    EXPECT_EQ(codeOf(readFile(file + "\0x"s, enough)), EINVAL);
+    expectOldFileAlone();
 }
 
 // Replacements on file systems that refuse them for real.

@@ -13,7 +13,6 @@
 namespace halvo::coding {
 namespace {
 
-// Writes a value whose JSON is that of the library.
 template <class T>
 std::optional<std::string> appendNumber(const void* value, std::string& json) {
     json += std::to_string(*static_cast<const T*>(value));
@@ -92,12 +91,22 @@ Needs needsOf(std::string_view text) {
     return needs;
 }
 
+// Which keys were there is kept as the bits of one number.
+void requireCountable(std::size_t keys) {
+    if (keys > mostKeys) {
+        fatal("A record or a choice has more keys than can be counted");
+    }
+}
+
 }  // namespace
 
+ChoiceType::ChoiceType(std::vector<Case> declared, std::size_t (*indexOf)(const void* variant))
+    : cases(std::move(declared)), index(indexOf) {
+    requireCountable(cases.size());
+}
+
 RecordType::RecordType(std::vector<Field> declared) : fields(std::move(declared)) {
-    if (fields.size() > mostKeys) {
-        fatal("A record has more members than can be counted");
-    }
+    requireCountable(fields.size());
     for (std::size_t place = 0; place < fields.size(); ++place) {
         sorted.push_back(place);
     }

@@ -21,7 +21,6 @@
 // All of it is made at its first use, lives as long as the process, and is for any thread.
 #pragma once
 
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -46,7 +45,7 @@ struct ChoiceType;
 using Type = std::variant<ScalarType, ListType, RecordType, ChoiceType>;
 
 // The type of a T: a bool, a std::int32_t, a std::int64_t, a std::string, a WallDate, a UUID, a
-// vector of one of these, and whatever declares itself. T has a default value.
+// vector of any of these but bool, and whatever declares itself. T has a default value.
 template <class T>
 struct Coding {
     static const Type& type();
@@ -112,6 +111,8 @@ struct Case {
 // A std::variant: an object with one key, the case's name, whose value is an object with the
 // payload as "_0", or with nothing.
 struct ChoiceType {
+    ChoiceType(std::vector<Case> declared, std::size_t (*indexOf)(const void* variant));
+
     // One for each alternative, in the variant's order.
     std::vector<Case> cases;
     std::size_t (*index)(const void* variant);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "HalvoShared/Coding.hpp"
 #include "HalvoShared/JSON.hpp"
+#include "tests/Support/ChildProcess.hpp"
 
 namespace halvo {
 namespace {
@@ -187,6 +189,18 @@ TEST(CodingTest, KnowsAnEnumeratorByItsName) {
 TEST(CodingTest, WritesNoEnumeratorWithoutAName) {
     EXPECT_EQ(written(static_cast<Size>(2)), "error: is none of the values that have a name");
     EXPECT_EQ(written(static_cast<Size>(-1)), "error: is none of the values that have a name");
+}
+
+TEST(CodingTest, CountsNoMoreKeysThanItCan) {
+    using coding::mostKeys;
+    const coding::Field field = coding::required<&Parcel::name>("name");
+    EXPECT_EQ(coding::RecordType(std::vector(mostKeys, field)).fields.size(), mostKeys);
+    const auto child = testing::runInChild(
+        [&] { const coding::RecordType tooMany(std::vector(mostKeys + 1, field)); });
+    EXPECT_EQ(child.signal, SIGABRT);
+    const auto choice = testing::runInChild(
+        [] { const coding::ChoiceType tooMany(std::vector<coding::Case>(mostKeys + 1), nullptr); });
+    EXPECT_EQ(choice.signal, SIGABRT);
 }
 
 TEST(CodingTest, WritesTextsAsJSONSpellsThem) {

@@ -16,7 +16,8 @@ namespace halvo {
 // An immutable value whose copies share what was read. Making one reads files, and for the first
 // time in a process lists all zones, a few milliseconds; after that no member reads, waits or
 // allocates. The files are those in /usr/share/zoneinfo (see tzfile(5)); TZDIR does not count.
-// They are read once in the life of a process: newer ones are seen by the next.
+// What was read of a zone's past stays as it is for the life of the process; newer files are seen
+// whole by the next.
 class GregorianCalendar final : public Calendar {
   public:
     // The calendar of the zone `name`, such as "Europe/Berlin", links such as "Eire" included. Any

@@ -591,6 +591,43 @@ TEST_F(ZoneFileTest, RefusesADamagedFile) {
     EXPECT_EQ(errorOf("Iran"), "the time zone \"Iran\" has a rule that cannot be read: ABC-1DEF");
 }
 
+// A sound file but for the byte `place` of its second part.
+std::string zoneFileWith(std::size_t place, char byte) {
+    constexpr std::size_t partSize = 54;
+    std::string file = zoneFile(0, '2', "\nABC0\n");
+    file.at(partSize + place) = byte;
+    return file;
+}
+
+// A file with two changes, at 0 and at `second`, the latter to the kind of time `type`.
+std::string zoneFileWithChanges(char second, char type) {
+    std::string file = zoneFileWith(35, 2);  // how many changes there are
+    const std::string times = std::string(15, '\0') + second + '\0' + type;
+    return file.insert(54 + 44, times);
+}
+
+TEST_F(ZoneFileTest, RefusesAFileWhoseTablesLeadAstray) {
+    writeTestFile(path("Iran"), zoneFileWithChanges(1, 0));
+    ASSERT_EQ(errorOf("Iran"), "none") << "the file is sound but for what follows";
+    const std::string damaged = "the file of the time zone \"Iran\" is damaged";
+    for (const auto& [what, bytes] : {std::pair{"no kind of time", zoneFileWith(39, 0)},
+                                      {"more kinds of time than there are", zoneFileWith(39, 9)},
+                                      {"a number of them below zero", zoneFileWith(36, '\x80')},
+                                      {"no name", zoneFileWith(43, 0)},
+                                      {"a name without an end", zoneFileWith(53, 'x')},
+                                      {"a name past the last", zoneFileWith(49, 4)},
+                                      {"an offset of years ahead", zoneFileWith(44, '\x7F')},
+                                      {"an offset of years behind", zoneFileWith(44, '\x80')},
+                                      {"two changes at one time", zoneFileWithChanges(0, 0)},
+                                      {"a change to no kind of time", zoneFileWithChanges(1, 1)}}) {
+        writeTestFile(path("Iran"), bytes);
+        EXPECT_EQ(errorOf("Iran"), damaged) << what;
+    }
+    // The header of the second part ends early.
+    writeTestFile(path("Iran"), zoneFile(0, '2', "\nABC0\n").substr(0, 60) + "\nABC0\n");
+    EXPECT_EQ(errorOf("Iran"), damaged);
+}
+
 TEST_F(ZoneFileTest, SaysWhyAFileCannotBeRead) {
     writeTestFile(path("Navajo"), zoneFile(0, '2', "\nABC0\n"));
     EXPECT_EQ(errorOf("Navajo"), "none");

@@ -20,7 +20,8 @@ IntentHosting& IntentHosting::shared() {
 }
 
 bool IntentHosting::isApp(const Bundle& bundle) {
-    return std::filesystem::path(bundle.path()).extension() == ".app";
+    const std::filesystem::path path(bundle.path());
+    return (path.has_filename() ? path : path.parent_path()).extension() == ".app";
 }
 
 void IntentHosting::registerHost(std::shared_ptr<HalvoIntentHost> host) { host_ = std::move(host); }

@@ -10,8 +10,6 @@
 #include <variant>
 #include <vector>
 
-#include "HalvoPlatform/Paths.hpp"
-
 namespace halvo::JSON {
 namespace {
 
@@ -191,14 +189,12 @@ class Reader final : public Json::json_sax_t {
         // "[json.exception.parse_error.101] parse error at line 1, column 5: ..."
         std::string text = problem.what();
         text.erase(0, std::min(text.size(), text.find("] ") + 2));
+        // It quotes what it last read, of any length and whatever it is.
         constexpr std::size_t longest = 200;
-        if (text.size() > longest) {
-            text.resize(longest);
-            while (!isUTF8(text)) {
-                text.pop_back();
-            }
-            text += "…";
-        }
+        const bool isCut = text.size() > longest;
+        text.resize(std::min(text.size(), longest));
+        const auto readable = Json(text).dump(-1, ' ', false, Json::error_handler_t::ignore);
+        text = Json::parse(readable).get<std::string>() + (isCut ? "…" : "");
         error_ = {DecodingError::Kind::Malformed, "", "This is not JSON: " + text};
         return false;
     }

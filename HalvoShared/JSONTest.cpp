@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "HalvoPlatform/Paths.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
@@ -106,13 +107,20 @@ TEST(JSONTest, IsCutAnywhereAndThenNotRead) {
 TEST(JSONTest, TellsOfALongMistakeInShort) {
     const auto error = JSON::decode<State>('"' + std::string(1'000'000, 'x')).error();
     EXPECT_LT(error.problem.size(), 300U);
+    EXPECT_TRUE(error.problem.ends_with("xxx…")) << error.problem;
+}
+
+TEST(JSONTest, TellsOfAMistakeInUTF8WhateverTheTextHolds) {
     // Cut between characters, not within one.
     std::string text = "[\"";
     for (int i = 0; i < 300; ++i) {
         text += "\xE2\x98\xBE";
         const auto cut = JSON::decode<State>(text);
         ASSERT_FALSE(cut.has_value());
+        EXPECT_TRUE(isUTF8(cut.error().problem)) << cut.error().problem;
     }
+    EXPECT_TRUE(isUTF8(JSON::decode<State>("{\"a\xFF\":1}").error().problem));
+    EXPECT_TRUE(isUTF8(JSON::decode<State>("\x80").error().problem));
 }
 
 TEST(JSONTest, PassesOverMembersThatARecordDoesNotDeclare) {
@@ -177,7 +185,7 @@ TEST(JSONTest, AChoicePassesOverKeysThatAreNoCases) {
               State(WidgetSnapshot::NoBlocks{}));
 }
 
-// Whatever the text, it takes no more stack, and little more memory than the text itself.
+// Whatever the text, it takes no more stack.
 
 TEST(JSONTest, MayBeNestedAsDeepAsItWill) {
     constexpr std::size_t depth = 1'000'000;

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
+#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/LaunchReason.hpp"
+#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -203,8 +206,14 @@ TEST(KeepAliveStateTest, KnowsTheTrashByItsTextAlone) {
 }
 
 TEST(KeepAliveStateTest, LiesInTheContainerUnderItsName) {
-    EXPECT_TRUE(KeepAliveState::file().url().ends_with("/keepalive.json"));
-    EXPECT_EQ(&KeepAliveState::file(), &KeepAliveState::file());
+    const testing::TemporaryFolder home;
+    const auto child = testing::runInChild([&home] {
+        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
+        EXPECT_EQ(KeepAliveState::file().url(), AppGroup::container() + "/keepalive.json");
+        EXPECT_TRUE(KeepAliveState::file().url().starts_with(home.path()));
+        EXPECT_EQ(&KeepAliveState::file(), &KeepAliveState::file());
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST(LaunchReasonTest, HasTheArgumentsThatTheAppKnows) {

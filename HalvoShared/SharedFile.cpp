@@ -1,32 +1,57 @@
 #include "HalvoShared/SharedFile.hpp"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdio>
+#include <system_error>
 #include <utility>
 
 #include "HalvoPlatform/Files.hpp"
 
 namespace halvo::shared_file {
 
+namespace {
+
+std::string described(int code) { return std::generic_category().message(code); }
+
+// Of this process no other write has the same.
+std::string writerName() {
+    static std::atomic<unsigned> count = 0;
+    return "." + std::to_string(getpid()) + "-" + std::to_string(++count);
+}
+
+}  // namespace
+
 std::expected<std::string, std::string> load(const std::string& url) {
     auto bytes = readFile(url, sizeLimit);
     if (!bytes) {
-        return std::unexpected(std::move(bytes.error().message));
+        return std::unexpected(url + ": " + described(bytes.error().code));
     }
     return *std::move(bytes);
 }
 
 void store(const std::string& url, std::string_view bytes) {
+    if (bytes.size() > sizeLimit) {
+        throw SharedFileError(url + ": The record is longer than " + std::to_string(sizeLimit) +
+                              " bytes, the most that is read");
+    }
     const std::size_t slash = url.find_last_of('/');
     const bool isBare = slash == std::string::npos;
     const std::string folder = isBare ? "." : url.substr(0, slash + 1);
     constexpr mode_t personOnly = 0600;
     const auto stored =
-        replaceFile(folder, isBare ? url : url.substr(slash + 1), bytes, personOnly);
+        replaceFile(folder, isBare ? url : url.substr(slash + 1), bytes, personOnly, writerName());
     if (!stored) {
-        throw SharedFileError(stored.error().message);
+        throw SharedFileError(url + ": " + described(stored.error().code));
     }
 }
 
-void remove(const std::string& url) noexcept { std::remove(url.c_str()); }
+void remove(const std::string& url) noexcept {
+    // The kernel would take it for a shorter path.
+    if (url.find('\0') == std::string::npos) {
+        std::remove(url.c_str());
+    }
+}
 
 }  // namespace halvo::shared_file

@@ -23,7 +23,8 @@ class SharedFileError : public std::runtime_error {
 // What files share whatever their record.
 namespace shared_file {
 
-// A longer file is not read: it is no record that an app has written.
+// A longer file is neither read nor written. The worst of that length takes some twenty times as
+// much memory.
 inline constexpr std::size_t sizeLimit = std::size_t{32} << 20U;
 
 // The whole content of the file, or what a person is told, the path at its beginning.
@@ -38,8 +39,9 @@ void remove(const std::string& url) noexcept;
 }  // namespace shared_file
 
 // The file at `url` as a T that declares itself with the words of Coding.hpp. A value that keeps
-// nothing but the path: reads and writes go to the disk each time. Any thread, and any process:
-// writers of one file take turns, and a reader has what one of them wrote, whole.
+// nothing but the path: reads and writes go to the disk each time. Any thread, and any process: of
+// several writers the last one counts, and a reader has what one of them wrote, whole. Nobody waits
+// for anybody. A process that is killed while it writes may leave a file ".NAME.PID-COUNT.new".
 template <class T>
 class SharedFile {
   public:
@@ -48,7 +50,7 @@ class SharedFile {
 
     // The file `name` in the folder `folder`.
     SharedFile(const std::string& name, const std::string& folder)
-        : url_(folder.ends_with('/') ? folder + name : folder + "/" + name) {}
+        : url_(folder.empty() || folder.ends_with('/') ? folder + name : folder + "/" + name) {}
 
     // The file's path.
     [[nodiscard]] const std::string& url() const { return url_; }
@@ -77,8 +79,10 @@ class SharedFile {
     }
 
     // Puts `value` in the place of what was there, readable for the person alone (0600). Throws
-    // SharedFileError when the record has no JSON or the disk does not take it; what was there is
-    // then still there, whole. The folder must exist.
+    // SharedFileError when the record has no JSON, is too long, or the disk does not take it. What
+    // was there is then still there, whole; only when the new one is in its place and the disk
+    // cannot promise to keep it so is the new one there, whole. The folder must exist. Throws
+    // std::bad_alloc, before anything else, when there is not the memory.
     void write(const T& value) const {
         const auto json = JSON::encode(value);
         if (!json) {

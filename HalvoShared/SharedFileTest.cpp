@@ -61,6 +61,7 @@ class SharedFileTest : public ::testing::Test {
 TEST_F(SharedFileTest, IsTheNameInTheFolder) {
     EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", "/a/b").url(), "/a/b/widgets.json");
     EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", "/a/b/").url(), "/a/b/widgets.json");
+    EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", "").url(), "widgets.json");
     EXPECT_EQ(SharedFile<WidgetSnapshot>("/a b/c").url(), "/a b/c");
     EXPECT_EQ(SharedFile<WidgetSnapshot>("widgets.json", folder.path()), file);
 }
@@ -170,6 +171,53 @@ TEST_F(SharedFileTest, SaysWhatTheDiskSaid) {
     EXPECT_EQ(members(), 1U);
 }
 
+TEST_F(SharedFileTest, KeepsTheOldRecordWhenTheNewOneIsLongerThanWhatIsRead) {
+    file.write(sampleSnapshot());
+    WidgetSnapshot huge = sampleSnapshot();
+    huge.breathe.style.assign(shared_file::sizeLimit, 'x');
+    EXPECT_EQ(failureOf(huge), path +
+                                   ": The record is longer than 33554432 bytes, the most that "
+                                   "is read");
+    EXPECT_EQ(file.read(), sampleSnapshot());
+}
+
+TEST_F(SharedFileTest, HasTheNewRecordWholeWhenOnlyTheFolderDoesNotReachTheDisk) {
+    file.write(sampleSnapshot());
+    {
+        const Fault fault = Fault::failing(SystemCall::fsync, EIO, 1);
+        EXPECT_EQ(failureOf(WidgetSnapshot()), path + ": Input/output error");
+    }
+    EXPECT_EQ(file.read(), WidgetSnapshot());
+}
+
+TEST_F(SharedFileTest, IsNoOtherFileWhenItsPathHasAZeroByte) {
+    file.write(sampleSnapshot());
+    const SharedFile<WidgetSnapshot> other(path + std::string("\0x", 2));
+    EXPECT_EQ(other.read(), std::nullopt);
+    EXPECT_THROW(other.write(WidgetSnapshot()), SharedFileError);
+    other.remove();
+    EXPECT_EQ(file.read(), sampleSnapshot());
+}
+
+TEST_F(SharedFileTest, HasOneOfTheRecordsThatManyWriteAtOnce) {
+    const WidgetSnapshot first = longSnapshot(100);
+    const WidgetSnapshot second = longSnapshot(90);
+    const auto writeOften = [this](const WidgetSnapshot& snapshot) {
+        for (int i = 0; i < 30; ++i) {
+            file.write(snapshot);
+        }
+    };
+    {
+        const std::jthread one([&] { writeOften(first); });
+        const std::jthread other([&] { writeOften(second); });
+        const ChildResult child = runInChild([&] { writeOften(first); });
+        EXPECT_EQ(child.status, 0) << child.output;
+    }
+    const auto last = file.read();
+    EXPECT_TRUE(last == first || last == second);
+    EXPECT_EQ(members(), 1U);
+}
+
 TEST_F(SharedFileTest, KeepsTheOldRecordWhenTheDiskIsFull) {
     const PrivateMount mount("tmpfs", "tmpfs", folder.path(), 0, "size=64k");
     if (!mount.isMounted()) {
@@ -187,7 +235,7 @@ TEST_F(SharedFileTest, IsNotWrittenIntoAFolderThatIsMissing) {
         elsewhere.write(sampleSnapshot());
         FAIL() << "it was written";
     } catch (const SharedFileError& error) {
-        EXPECT_EQ(error.what(), folder / "none/: No such file or directory");
+        EXPECT_EQ(error.what(), elsewhere.url() + ": No such file or directory");
     }
     EXPECT_FALSE(fs::exists(folder / "none"));
 }
@@ -206,7 +254,7 @@ TEST_F(SharedFileTest, IsWholeForWhoeverReadsItMeanwhile) {
     const WidgetSnapshot second = longSnapshot(200);
     file.write(first);
     std::atomic<bool> done = false;
-    std::thread writer([&] {
+    std::jthread writer([&] {
         for (int i = 0; i < 60; ++i) {
             file.write(i % 2 == 0 ? second : first);
         }
@@ -219,7 +267,6 @@ TEST_F(SharedFileTest, IsWholeForWhoeverReadsItMeanwhile) {
         EXPECT_TRUE(*read == first || *read == second);
         ++seen;
     }
-    writer.join();
     EXPECT_GT(seen, 0);
 }
 

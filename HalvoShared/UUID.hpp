@@ -13,7 +13,6 @@ struct UUID {
     std::array<std::uint8_t, 16> bytes{};
 
     bool operator==(const UUID&) const = default;
-    auto operator<=>(const UUID&) const = default;
 
     // From the 36 characters of the hyphenated form, in either case; nothing from any other text.
     static std::optional<UUID> fromText(const std::string& text);

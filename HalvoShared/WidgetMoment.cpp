@@ -130,7 +130,10 @@ void addMinutes(EarliestDates& dates, WallDate runEnd, WallDate begin, WallDate 
                 WallDate from) {
     // Where a double tells seconds apart no longer, there are no minutes to count.
     constexpr double countable = 9e15;
-    if (!(begin < last) || !(std::abs(secondsSince1970(runEnd)) < countable)) {
+    const auto isCountable = [](WallDate date) {
+        return std::abs(secondsSince1970(date)) < countable;
+    };
+    if (!(begin < last) || !isCountable(begin) || !isCountable(runEnd)) {
         return;
     }
     WallDate mark = runEnd - minute * std::floor((runEnd - begin) / minute);
@@ -153,20 +156,17 @@ std::optional<Running> WidgetMoment::focus() const {
 WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) const {
     const WallDate dayStart = calendar.startOfDay(date);
     std::vector<WallDate> dates;
-    dates.reserve(daysInWeek + 1);
+    dates.reserve(daysInWeek);
     for (int offset = 1 - daysInWeek; offset <= 0; ++offset) {
         if (const auto start = calendar.addingDays(offset, dayStart)) {
             dates.push_back(*start);
         }
     }
-    const std::size_t inWeek = dates.size();
-    // Always the same as the week's last, but outside the calendar's range.
-    if (dates.empty() || dates.back() != dayStart) {
-        dates.push_back(dayStart);
-    }
-    std::vector<Day> week = RecordSearch(std::move(dates), calendar).in(days);
-    const Day today = week.back();
-    week.resize(inWeek);
+    // Outside the calendar's range, where no day can be told from another.
+    const bool hasDays = !dates.empty();
+    std::vector<Day> week =
+        hasDays ? RecordSearch(std::move(dates), calendar).in(days) : std::vector<Day>();
+    const Day today = hasDays ? week.back() : Day{dayStart, 0, 0, 0};
     return {.date = date,
             .state = state(date),
             .isRunning = isRunning,
@@ -189,7 +189,8 @@ std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calenda
     EarliestDates dates(limit);
     dates.add(from);
     const WallDate end = std::max(from, horizon);
-    const WallDate countdownLimit = std::min(end, from + countdownSpan);
+    // In this order a span that is no number gives no minutes.
+    const WallDate countdownLimit = std::min(from + countdownSpan, end);
     for (std::size_t index = 0; index < phases.size(); ++index) {
         const Phase& phase = phases[index];
         // Nothing of this phase is earlier, but for what rounding takes off a minute.

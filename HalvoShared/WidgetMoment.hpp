@@ -19,15 +19,15 @@ struct WidgetMoment {
     // The day that holds `date`.
     WidgetSnapshot::Day today;
     // The seven days that end with it, the oldest first; a day without a record has counts of
-    // zero. A day that the calendar does not have is missing.
+    // zero. A day that the calendar does not have is missing; outside its range all are.
     std::vector<WidgetSnapshot::Day> week;
     WidgetSnapshot::Breath breathe;
     std::int64_t focusMinutes{};
 
     bool operator==(const WidgetMoment&) const = default;
 
-    // The focus run that counts down at `date`; absent when the run is no focus run, has no end or
-    // is over.
+    // The focus run that counts down at `date`; absent when nothing runs, and when what does is no
+    // focus run, has no end or is over.
     [[nodiscard]] std::optional<WidgetSnapshot::Running> focus() const;
 };
 

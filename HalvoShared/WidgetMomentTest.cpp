@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "HalvoShared/GregorianCalendar.hpp"
+#include "HalvoShared/InternetDate.hpp"
 #include "HalvoShared/WidgetMoment.hpp"
 #include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
@@ -300,12 +302,87 @@ TEST(TimelineDatesTest, MakesNothingOfWhatIsNoNumber) {
     S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + minute * 3)});
     const Dates usual = nineAndMinutes(minute, minute * 3);
     EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{infinity}, noLimit), usual);
+    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{nan}, noLimit), Dates{nineOClock});
     EXPECT_EQ(snapshot.timelineDates(wallDate(nan), utc, hour, noLimit).size(), 1U);
+    // A phase whose start or end is odd, beside one that is not.
     for (const double odd : {nan, infinity, -infinity, 1e300, -1e300}) {
-        snapshot.phases = {{wallDate(odd), S::Block{sampleRun(nineOClock + minute * 3)}},
-                           blockUntil(nineOClock, wallDate(odd))};
-        EXPECT_LE(snapshot.timelineDates(nineOClock, utc, hour, 200).size(), 200U) << odd;
-        (void)snapshot.moment(wallDate(odd), utc);
+        snapshot.phases = {{wallDate(odd), S::Block{sampleRun(wallDate(odd))}},
+                           blockUntil(nineOClock, nineOClock + minute * 3)};
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, 60), usual) << odd;
+    }
+}
+
+TEST(TimelineDatesTest, EndsForAFromThatIsNoDateOfTheWorld) {
+    const double infinity = std::numeric_limits<double>::infinity();
+    const S snapshot = runningSnapshot({blockUntil(wallDate(-infinity), nineOClock),
+                                        blockUntil(nineOClock, nineOClock + minute * 3)});
+    for (const double from : {-infinity, -1e300, -1e19, 1e19, 1e300, infinity}) {
+        for (const double span : {infinity, 1e300, 1e20, 3600.0, -infinity}) {
+            const Dates dates = snapshot.timelineDates(wallDate(from), utc, Seconds{span}, 60);
+            EXPECT_EQ(dates.front(), wallDate(from)) << from << " " << span;
+            EXPECT_TRUE(std::ranges::is_sorted(dates)) << from << " " << span;
+        }
+    }
+}
+
+// In real time zones.
+
+GregorianCalendar calendarOf(const std::string& zone) {
+    return GregorianCalendar::named(zone).value();
+}
+
+WallDate dateOf(const std::string& text) { return InternetDate::parse(text).value(); }
+
+TEST(TimelineDatesTest, HasTheFirstInstantOfADayWithoutAMidnight) {
+    // In Chile 8 September 2024 began at 01:00 (-03), one second after 23:59:59 (-04).
+    const GregorianCalendar santiago = calendarOf("America/Santiago");
+    S snapshot = runningSnapshot({});
+    const WallDate from = dateOf("2024-09-07T12:00:00-04:00");
+    snapshot.horizon = dateOf("2024-09-10T00:00:00-03:00");
+    EXPECT_EQ(snapshot.timelineDates(from, santiago, hour, 60),
+              (Dates{from, dateOf("2024-09-08T01:00:00-03:00"), dateOf("2024-09-09T00:00:00-03:00"),
+                     snapshot.horizon}));
+}
+
+TEST(TimelineDatesTest, PassesOverADayThatWasSkipped) {
+    // In Samoa 30 December 2011 did not exist.
+    S snapshot = runningSnapshot({});
+    const WallDate from = dateOf("2011-12-29T12:00:00-10:00");
+    snapshot.horizon = dateOf("2012-01-01T12:00:00+14:00");
+    EXPECT_EQ(
+        snapshot.timelineDates(from, calendarOf("Pacific/Apia"), hour, 60),
+        (Dates{from, dateOf("2011-12-31T00:00:00+14:00"), dateOf("2012-01-01T00:00:00+14:00")}));
+}
+
+TEST(WidgetMomentTest, HasADayOf25HoursWhole) {
+    // In Berlin 25 October 2026 ended an hour late.
+    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
+    S snapshot;
+    snapshot.days = {{dateOf("2026-10-25T00:00:00+02:00"), 1, 0, 0},
+                     {dateOf("2026-10-25T23:59:59+01:00"), 2, 0, 0}};
+    const WidgetMoment moment = snapshot.moment(dateOf("2026-10-25T12:00:00+01:00"), berlin);
+    EXPECT_EQ(moment.today, snapshot.days[1]);
+    const WidgetMoment next = snapshot.moment(dateOf("2026-10-26T00:00:00+01:00"), berlin);
+    EXPECT_EQ(next.today, (S::Day{dateOf("2026-10-26T00:00:00+01:00"), 0, 0, 0}));
+    EXPECT_EQ(next.week[5], snapshot.days[1]);
+    EXPECT_EQ(next.week[0].start, dateOf("2026-10-20T00:00:00+02:00"));
+}
+
+TEST(WidgetMomentTest, HasOnlyTheDaysThatThereWere) {
+    const WidgetMoment moment =
+        S().moment(dateOf("2011-12-31T12:00:00+14:00"), calendarOf("Pacific/Apia"));
+    ASSERT_EQ(moment.week.size(), 6U);
+    EXPECT_EQ(moment.week[4].start, dateOf("2011-12-29T00:00:00-10:00"));
+    EXPECT_EQ(moment.week[5].start, dateOf("2011-12-31T00:00:00+14:00"));
+}
+
+TEST(WidgetMomentTest, HasNothingOfOtherDaysForADateThatNoCalendarHas) {
+    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
+    for (const double odd : {secondsSince1970(dateOf("0000-06-01T00:00:00Z")), -1e300, 1e300,
+                             -std::numeric_limits<double>::infinity()}) {
+        const WidgetMoment moment = sampleSnapshot().moment(wallDate(odd), berlin);
+        EXPECT_EQ(moment.today, (S::Day{wallDate(odd), 0, 0, 0}));
+        EXPECT_TRUE(moment.week.empty());
     }
 }
 
@@ -368,6 +445,25 @@ TEST(TimelineDatesTest, AreThoseOfThePlainRuleForAnySnapshot) {
         }
     }
     EXPECT_GT(dates, 100'000U);
+}
+
+TEST(TimelineDatesTest, AreThoseOfThePlainRuleInAnyZone) {
+    RandomSnapshots random(20261121);
+    for (const char* zone : {"Europe/Berlin", "America/Santiago", "Africa/Cairo", "Asia/Beirut",
+                             "Australia/Lord_Howe", "Asia/Kathmandu", "America/Havana"}) {
+        const GregorianCalendar calendar = calendarOf(zone);
+        for (int i = 0; i < 300; ++i) {
+            S snapshot = random.snapshot();
+            snapshot.horizon += aDay * random.below(400);
+            const WallDate from = random.date() + aDay * random.below(365);
+            const Seconds span{60.0 * random.below(300)};
+            for (const std::size_t limit : {std::size_t{7}, std::size_t{60}, noLimit}) {
+                ASSERT_EQ(snapshot.timelineDates(from, calendar, span, limit),
+                          plainDates(snapshot, from, calendar, span, limit))
+                    << zone << ", snapshot " << i;
+            }
+        }
+    }
 }
 
 TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdown) {

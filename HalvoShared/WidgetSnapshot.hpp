@@ -211,8 +211,8 @@ struct WidgetSnapshot {
     // The dates from `from` on at which the picture changes, ascending, each once, at most `limit`
     // of the earliest: `from` itself, the starts of phases and of days up to the horizon, and each
     // minute of a countdown to the end of a block or focus run within `countdownSpan` of `from`.
-    // Only `from`, whatever the limit, when nothing runs. Costs one pass over the phases and what
-    // the answer costs, however far the horizon is.
+    // Only `from`, whatever the limit, when nothing runs. Costs one pass over the phases, when
+    // they are in order, and what the answer costs, however far the horizon is.
     [[nodiscard]] std::vector<WallDate> timelineDates(WallDate from, const Calendar& calendar,
                                                       Seconds countdownSpan,
                                                       std::size_t limit) const;

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
+#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -71,10 +74,11 @@ TEST(WidgetSnapshotTest, AnUpcomingBlockIsAnObjectWithOneKeyToo) {
                                .start = nineOClock,
                                .end = noon,
                                .level = S::Level::ultraHard};
-    EXPECT_EQ(JSON::encode(S::State(S::Next{upcoming})).value(),
-              R"({"next":{"_0":{"end":"2026-11-20T12:00:00Z","level":"ultraHard",)"
-              R"("look":{"color":"blue","symbol":"moon"},"name":"Night",)"
-              R"("start":"2026-11-20T09:00:00Z"}}})");
+    const std::string json = R"({"next":{"_0":{"end":"2026-11-20T12:00:00Z","level":"ultraHard",)"
+                             R"("look":{"color":"blue","symbol":"moon"},"name":"Night",)"
+                             R"("start":"2026-11-20T09:00:00Z"}}})";
+    EXPECT_EQ(JSON::encode(S::State(S::Next{upcoming})), json);
+    EXPECT_EQ(JSON::decode<S::State>(json), S::State(S::Next{upcoming}));
 }
 
 TEST(WidgetSnapshotTest, AStateWithoutAKeyFails) {
@@ -168,6 +172,21 @@ TEST(WidgetSnapshotTest, CannotBeReadWithoutARequiredMember) {
     EXPECT_GT(count, 50);
 }
 
+TEST(WidgetSnapshotTest, CannotBeReadWithoutWhatIsOptionalOnlyElsewhere) {
+    EXPECT_EQ(JSON::decode<S::Unlock>(R"({"name":"A"})").error().path, "end");
+    EXPECT_EQ(JSON::decode<S::Upcoming>(R"({"level":"firm","name":"A",)"
+                                        R"("start":"2026-11-20T09:00:00Z"})")
+                  .error()
+                  .path,
+              "end");
+    EXPECT_EQ(JSON::decode<S::BlockItem>(R"({"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
+                                         R"("isEnabled":true,"isRunning":false,"level":"firm",)"
+                                         R"("name":"A"})")
+                  .error()
+                  .path,
+              "look");
+}
+
 TEST(WidgetSnapshotTest, CannotBeReadWithAMemberOfAnotherType) {
     const std::string whole = readTestFile(golden);
     int count = 0;
@@ -233,8 +252,14 @@ TEST(WidgetSnapshotTest, KnowsTheKindsOfWidgetsAndControls) {
 }
 
 TEST(WidgetSnapshotTest, LiesInTheContainerUnderItsName) {
-    EXPECT_TRUE(S::file().url().ends_with("/widgets.json"));
-    EXPECT_EQ(&S::file(), &S::file());
+    const testing::TemporaryFolder home;
+    const auto child = testing::runInChild([&home] {
+        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
+        EXPECT_EQ(S::file().url(), AppGroup::container() + "/widgets.json");
+        EXPECT_TRUE(S::file().url().starts_with(home.path()));
+        EXPECT_EQ(&S::file(), &S::file());
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 }  // namespace

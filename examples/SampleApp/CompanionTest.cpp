@@ -150,7 +150,7 @@ TEST_F(CompanionTest, GoesOnWhenARecordCannotBeWritten) {
     });
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.said, HasSubstr("What the widgets show could not be written: " + elsewhere +
-                                       "/: No such file or directory.\n"));
+                                       "/keepalive.json: No such file or directory.\n"));
 }
 
 TEST_F(CompanionTest, LeavesNoRecordWhenNothingHolds) {

@@ -81,8 +81,8 @@ TEST_F(RecordKeeperTest, WritesThatTheAppEndedAsItShould) {
 TEST_F(RecordKeeperTest, SaysOnceWhyItCannotWrite) {
     RecordKeeper lost(SharedFile<KeepAliveState>(folder / "none/keepalive.json"), widgets, "/A");
     const auto said = lost.update(HelperStatus::idle, now);
-    EXPECT_EQ(said, "What the widgets show could not be written: " + (folder / "none/") +
-                        ": No such file or directory.");
+    EXPECT_EQ(said, "What the widgets show could not be written: " +
+                        (folder / "none/keepalive.json") + ": No such file or directory.");
     EXPECT_EQ(lost.update(HelperStatus::idle, now + hour), std::nullopt);
 }
 

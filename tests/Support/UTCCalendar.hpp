@@ -19,8 +19,10 @@ class UTCCalendar final : public Calendar {
     }
 
     [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
-        return std::isfinite(secondsSince1970(date)) ? std::optional(date + day * days)
-                                                     : std::nullopt;
+        // As far as a double tells one second from the next.
+        constexpr double range = 1e15;
+        return std::abs(secondsSince1970(date)) < range ? std::optional(date + day * days)
+                                                        : std::nullopt;
     }
 
   private:
