@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
@@ -16,9 +17,6 @@ namespace {
 std::unexpected<FileError> failure(int code, const std::string& path) {
     return std::unexpected(FileError{code, path + ": " + std::generic_category().message(code)});
 }
-
-// The kernel would take such a path for a shorter one.
-bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 // Gives 0 or the errno.
 int writeAll(int file, std::string_view bytes) {

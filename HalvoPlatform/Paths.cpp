@@ -12,8 +12,6 @@
 namespace halvo {
 namespace {
 
-bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
-
 // The forms of a character of several bytes: what its first byte looks like, how many follow, and
 // the smallest character that may be written so.
 struct Form {
@@ -40,6 +38,8 @@ const Form* formOf(unsigned char lead) {
 }
 
 }  // namespace
+
+bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 bool isUTF8(std::string_view text) {
     while (!text.empty()) {

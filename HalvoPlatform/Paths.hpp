@@ -8,6 +8,9 @@
 
 namespace halvo {
 
+// Whether `path` names nothing for that reason; the kernel would take it for a shorter one.
+bool hasZeroByte(const std::string& path);
+
 // Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool isUTF8(std::string_view text);
 

@@ -15,6 +15,14 @@ using namespace std::string_literals;
 using testing::TemporaryFolder;
 using testing::writeTestFile;
 
+TEST(HasZeroByteTest, IsSoWhereverItStands) {
+    EXPECT_TRUE(hasZeroByte(std::string("\0", 1)));
+    EXPECT_TRUE(hasZeroByte(std::string("/a\0b", 4)));
+    EXPECT_TRUE(hasZeroByte(std::string("/a\0", 3)));
+    EXPECT_FALSE(hasZeroByte("/a"));
+    EXPECT_FALSE(hasZeroByte(""));
+}
+
 TEST(PathsTest, TellsUTF8FromOtherBytes) {
     struct Row {
         const char* what;

@@ -1,5 +1,6 @@
 #include "HalvoShared/HalvoLink.hpp"
 
+#include <array>
 #include <boost/url.hpp>
 #include <charconv>
 #include <system_error>
@@ -11,12 +12,6 @@ namespace halvo {
 namespace {
 
 namespace urls = boost::urls;
-
-constexpr std::string_view breatheHost = "breathe";
-constexpr std::string_view focusHost = "focus";
-constexpr std::string_view todayHost = "today";
-constexpr std::string_view settingsHost = "settings";
-constexpr std::string_view mainHost = "main";
 
 constexpr std::string_view styleItem = "style";
 constexpr std::string_view minutesItem = "minutes";
@@ -97,15 +92,17 @@ HalvoLink::Breathe exerciseIn(const urls::url_view& url) {
     return exercise;
 }
 
-std::string_view hostOf(const HalvoLink::Breathe&) { return breatheHost; }
-
-std::string_view hostOf(const HalvoLink::Focus&) { return focusHost; }
-
-std::string_view hostOf(const HalvoLink::Today&) { return todayHost; }
-
-std::string_view hostOf(const HalvoLink::Settings&) { return settingsHost; }
-
-std::string_view hostOf(const HalvoLink::Main&) { return mainHost; }
+// One for each alternative of a Screen, in its order.
+const std::array<std::pair<std::string_view, HalvoLink::Screen>, 5>& screens() {
+    static const std::array<std::pair<std::string_view, HalvoLink::Screen>, 5> all{{
+        {"breathe", HalvoLink::Breathe{}},
+        {"focus", HalvoLink::Focus{}},
+        {"today", HalvoLink::Today{}},
+        {"settings", HalvoLink::Settings{}},
+        {"main", HalvoLink::Main{}},
+    }};
+    return all;
+}
 
 }  // namespace
 
@@ -119,21 +116,23 @@ HalvoLink HalvoLink::reading(std::string_view text) {
     if (!parsed || hasPathGluedToHost(*parsed)) {
         return {};
     }
-    const std::string_view host = parsed->encoded_host();
-    if (host == breatheHost) {
+    const auto screen = screenNamed(parsed->encoded_host());
+    if (screen && std::holds_alternative<Breathe>(*screen)) {
         return {exerciseIn(*parsed)};
     }
-    if (host == focusHost) {
-        return {Focus{}};
-    }
-    if (host == todayHost) {
-        return {Today{}};
-    }
-    if (host == settingsHost) {
-        return {Settings{}};
-    }
-    return {};
+    return {screen.value_or(Main{})};
 }
+
+std::optional<HalvoLink::Screen> HalvoLink::screenNamed(std::string_view name) {
+    for (const auto& [known, screen] : screens()) {
+        if (known == name) {
+            return screen;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string_view HalvoLink::name() const { return screens().at(screen.index()).first; }
 
 std::string HalvoLink::url() const { return url(scheme()); }
 
@@ -142,9 +141,9 @@ std::string HalvoLink::url(const std::string& scheme) const {
     try {
         url.set_scheme(scheme);
     } catch (const boost::system::system_error&) {
-        return "file:///";
+        return noURL;
     }
-    url.set_encoded_host(std::visit([](const auto& shown) { return hostOf(shown); }, screen));
+    url.set_encoded_host(name());
     if (const auto* exercise = std::get_if<Breathe>(&screen)) {
         if (exercise->style && isUTF8(*exercise->style)) {
             url.encoded_params().append(

@@ -60,10 +60,20 @@ struct HalvoLink {
     // text with a zero byte.
     static HalvoLink reading(std::string_view text);
 
+    // The screen whose host in a URL is `name`: "breathe" (of no style and no minutes), "focus",
+    // "today", "settings" or "main". Nothing for any other name.
+    static std::optional<Screen> screenNamed(std::string_view name);
+
+    // The name of this link's screen.
+    [[nodiscard]] std::string_view name() const;
+
+    // What stands for a URL where none can be made.
+    static constexpr const char* noURL = "file:///";
+
     // The link's URL under scheme().
     [[nodiscard]] std::string url() const;
 
-    // The link's URL under `scheme`, which reading() reads as an equal link. "file:///" when
+    // The link's URL under `scheme`, which reading() reads as an equal link. noURL when
     // `scheme` is none: a letter, then letters, digits, "+", "-" and "." (RFC 3986, 3.1). A style
     // that is not UTF-8 cannot be told in a URL and is left out.
     [[nodiscard]] std::string url(const std::string& scheme) const;

@@ -38,6 +38,18 @@ std::string written(const std::string& style) {
     return url.starts_with(start) ? url.substr(start.size()) : "(other) " + url;
 }
 
+TEST(HalvoLinkTest, KnowsEachScreenByItsName) {
+    for (const HalvoLink::Screen& screen :
+         {HalvoLink::Screen(HalvoLink::Breathe{}), HalvoLink::Screen(HalvoLink::Focus{}),
+          HalvoLink::Screen(HalvoLink::Today{}), HalvoLink::Screen(HalvoLink::Settings{}),
+          HalvoLink::Screen(HalvoLink::Main{})}) {
+        EXPECT_EQ(HalvoLink::screenNamed(HalvoLink{screen}.name()), screen);
+    }
+    EXPECT_EQ(HalvoLink{HalvoLink::Settings{}}.name(), "settings");
+    EXPECT_EQ(HalvoLink::screenNamed("Focus"), std::nullopt);
+    EXPECT_EQ(HalvoLink::screenNamed(""), std::nullopt);
+}
+
 TEST(HalvoLinkTest, IsEqualForTheSameScreenOnly) {
     EXPECT_EQ(focus, HalvoLink{HalvoLink::Focus{}});
     EXPECT_NE(focus, today);

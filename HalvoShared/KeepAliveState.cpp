@@ -30,7 +30,7 @@ const coding::Type& coding::Coding<KeepAliveState>::type() {
 }
 
 const SharedFile<KeepAliveState>& KeepAliveState::file() {
-    static const SharedFile<KeepAliveState> file("keepalive.json", AppGroup::container());
+    static const SharedFile<KeepAliveState> file(fileName, AppGroup::container());
     return file;
 }
 

@@ -33,7 +33,9 @@ struct KeepAliveState {
 
     bool operator==(const KeepAliveState&) const = default;
 
-    // "keepalive.json" in the app group's container as that was at the first call.
+    static constexpr const char* fileName = "keepalive.json";
+
+    // `fileName` in the app group's container as that was at the first call.
     static const SharedFile<KeepAliveState>& file();
 
     // Whether the app, found gone at `date`, is to be opened again: it did not end as it should,

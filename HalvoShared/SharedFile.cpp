@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "HalvoPlatform/Files.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo::shared_file {
 
@@ -48,8 +49,7 @@ void store(const std::string& url, std::string_view bytes) {
 }
 
 void remove(const std::string& url) noexcept {
-    // The kernel would take it for a shorter path.
-    if (url.find('\0') == std::string::npos) {
+    if (!hasZeroByte(url)) {
         std::remove(url.c_str());
     }
 }

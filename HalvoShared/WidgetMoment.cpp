@@ -116,15 +116,6 @@ class EarliestDates {
     WallDate bound_ = endOfTime;
 };
 
-// What counts down: a block or a focus run, not one that a focus filter began.
-const Running* countdownOf(const WidgetSnapshot::State& state) {
-    if (const auto* block = std::get_if<WidgetSnapshot::Block>(&state)) {
-        return &block->running;
-    }
-    const auto* focus = std::get_if<WidgetSnapshot::Focus>(&state);
-    return focus == nullptr ? nullptr : &focus->running;
-}
-
 // Adds what lies from `begin` to `last` of the whole minutes before `runEnd`, and after `from`.
 void addMinutes(EarliestDates& dates, WallDate runEnd, WallDate begin, WallDate last,
                 WallDate from) {
@@ -151,6 +142,14 @@ std::optional<Running> WidgetMoment::focus() const {
     const bool countsDown =
         isRunning && focus != nullptr && focus->running.end && *focus->running.end > date;
     return countsDown ? std::optional(focus->running) : std::nullopt;
+}
+
+const Running* WidgetSnapshot::countdown(const State& state) {
+    if (const auto* block = std::get_if<Block>(&state)) {
+        return &block->running;
+    }
+    const auto* focus = std::get_if<Focus>(&state);
+    return focus == nullptr ? nullptr : &focus->running;
 }
 
 WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) const {
@@ -200,7 +199,7 @@ std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calenda
         if (phase.start > from && phase.start <= end && dates.wants(phase.start)) {
             dates.add(phase.start);
         }
-        const Running* running = countdownOf(phase.state);
+        const Running* running = countdown(phase.state);
         if (running == nullptr || !running->end) {
             continue;
         }

@@ -169,6 +169,18 @@ TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
 
 // What counts down.
 
+TEST(WidgetMomentTest, CountsDownToTheEndOfABlockOrAFocus) {
+    const S::Running run = sampleRun(nineOClock + hour);
+    for (const S::State& state : {S::State(S::Block{run}), S::State(S::Focus{run})}) {
+        ASSERT_NE(S::countdown(state), nullptr);
+        EXPECT_EQ(*S::countdown(state), run);
+    }
+    for (const S::State& state : {S::State(S::FocusFilter{run}), S::State(S::Next{}),
+                                  S::State(S::NothingScheduled{}), S::State(S::NoBlocks{})}) {
+        EXPECT_EQ(S::countdown(state), nullptr);
+    }
+}
+
 WidgetMoment focusMoment(std::optional<WallDate> end) {
     WidgetMoment moment;
     moment.date = nineOClock;

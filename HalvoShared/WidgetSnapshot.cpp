@@ -152,7 +152,7 @@ const Type& Coding<WidgetSnapshot>::type() {
 }  // namespace coding
 
 const SharedFile<WidgetSnapshot>& WidgetSnapshot::file() {
-    static const SharedFile<WidgetSnapshot> file("widgets.json", AppGroup::container());
+    static const SharedFile<WidgetSnapshot> file(fileName, AppGroup::container());
     return file;
 }
 

@@ -195,12 +195,18 @@ struct WidgetSnapshot {
 
     bool operator==(const WidgetSnapshot&) const = default;
 
-    // "widgets.json" in the app group's container as that was at the first call.
+    static constexpr const char* fileName = "widgets.json";
+
+    // `fileName` in the app group's container as that was at the first call.
     static const SharedFile<WidgetSnapshot>& file();
 
     // The state at `date`: that of the last phase which has started. Before the first phase the
     // first phase's, so that there is something to show; without any phase NoBlocks.
     [[nodiscard]] State state(WallDate date) const;
+
+    // The run whose end is counted down to in `state`: a block or a focus, not one that a focus
+    // filter began; null for any other state. Borrowed from `state`. It may have no end.
+    static const Running* countdown(const State& state);
 
     // The three questions of a widget's timeline, answered in WidgetMoment.cpp.
 

@@ -237,8 +237,8 @@ TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
         setLockedByHand(false);
         const Seconds cleared = timeNow();
         EXPECT_TRUE(eventually(Seconds{10}, [] { return isLocked(); }));
-        EXPECT_LT(timeNow() - cleared, Seconds{4});
-        EXPECT_TRUE(eventually(Seconds{5}, [&] { return helper.count(again) == times; }));
+        EXPECT_LT(timeNow() - cleared, Seconds{3});
+        EXPECT_TRUE(eventually(Seconds{1}, [&] { return helper.count(again) == times; }));
     }
 }
 

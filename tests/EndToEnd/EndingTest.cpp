@@ -25,7 +25,7 @@ using ::testing::StartsWith;
 constexpr int exitWhileHolding = 75;
 constexpr Seconds idleLimit{30};
 // One tick, and what a busy machine adds.
-constexpr Seconds idleLate{10};
+constexpr Seconds idleLate{4};
 
 class EndingTest : public ::testing::Test {
   protected:

@@ -39,9 +39,7 @@ const std::string opening = "Halvo isn't running during Ultra Hard mode; opening
 constexpr Seconds silence{6};
 constexpr Seconds reopenGap{15};
 // A tick comes every 2 seconds, and a busy machine is late.
-constexpr Seconds late{10};
-// By how much later than it happened an event may be seen there.
-constexpr Seconds seen{3};
+constexpr Seconds late{5};
 // Clear of any opening that would come.
 constexpr Seconds wellAfterSilence{11};
 
@@ -175,7 +173,7 @@ TEST_F(OpeningTest, ComesNoSoonerThanFifteenSecondsAfterTheLast) {
     const Seconds firstAt = timeNow();
     quit(first);
     const pid_t second = waitForApp(reopenGap + late);
-    EXPECT_GE(timeNow() - firstAt, reopenGap - seen);
+    EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
     EXPECT_NE(second, first);
     EXPECT_EQ(helper->count(opening), 2);
 }
@@ -186,7 +184,7 @@ TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
     EXPECT_TRUE(helper->says(opening, silence + late));
     const Seconds firstAt = timeNow();
     EXPECT_TRUE(eventually(reopenGap + late, [&] { return helper->count(opening) == 2; }));
-    EXPECT_GE(timeNow() - firstAt, reopenGap - seen);
+    EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
     EXPECT_TRUE(world.status().holding);
     // What it started and could not become the app is not left behind.
     EXPECT_TRUE(eventually(Seconds{2}, [] { return processesRunning(Place::helper).size() == 1; }));

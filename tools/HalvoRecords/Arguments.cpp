@@ -8,6 +8,7 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <variant>
 
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoShared/InternetDate.hpp"
@@ -252,25 +253,18 @@ Result<HalvoLink::Screen> breatheIn(const Words& words) {
 }
 
 Result<HalvoLink::Screen> screenIn(const Words& words, const std::string& name) {
-    if (name == "breathe") {
+    const auto screen = HalvoLink::screenNamed(name);
+    if (!screen) {
+        return std::unexpected(shown(name) +
+                               " is no screen: breathe, focus, today, settings or main.");
+    }
+    if (std::holds_alternative<HalvoLink::Breathe>(*screen)) {
         return breatheIn(words);
     }
     if (words.has(styleOption) || words.has(minutesOption)) {
         return std::unexpected("Only breathe has a style and minutes.");
     }
-    if (name == "focus") {
-        return HalvoLink::Focus{};
-    }
-    if (name == "today") {
-        return HalvoLink::Today{};
-    }
-    if (name == "settings") {
-        return HalvoLink::Settings{};
-    }
-    if (name == "main") {
-        return HalvoLink::Main{};
-    }
-    return std::unexpected(shown(name) + " is no screen: breathe, focus, today, settings or main.");
+    return *screen;
 }
 
 Result<Command> linkIn(const Words& words) {

@@ -10,18 +10,6 @@
 namespace halvo::records {
 namespace {
 
-struct NameOf {
-    const char* operator()(const HalvoLink::Breathe& /*screen*/) const { return "breathe"; }
-
-    const char* operator()(const HalvoLink::Focus& /*screen*/) const { return "focus"; }
-
-    const char* operator()(const HalvoLink::Today& /*screen*/) const { return "today"; }
-
-    const char* operator()(const HalvoLink::Settings& /*screen*/) const { return "settings"; }
-
-    const char* operator()(const HalvoLink::Main& /*screen*/) const { return "main"; }
-};
-
 // ASCII, whatever the locale.
 bool isPlain(std::string_view text) {
     return !text.empty() && std::ranges::all_of(text, [](char c) {
@@ -33,7 +21,7 @@ bool isPlain(std::string_view text) {
 }  // namespace
 
 std::string description(const HalvoLink& link) {
-    std::string text = std::visit(NameOf{}, link.screen);
+    std::string text(link.name());
     if (const auto* breathe = std::get_if<HalvoLink::Breathe>(&link.screen)) {
         if (breathe->style) {
             text += ", style " +
@@ -49,7 +37,7 @@ std::string description(const HalvoLink& link) {
 
 std::string asJSON(const HalvoLink& link) {
     nlohmann::ordered_json object;
-    object["screen"] = std::visit(NameOf{}, link.screen);
+    object["screen"] = link.name();
     if (const auto* breathe = std::get_if<HalvoLink::Breathe>(&link.screen)) {
         if (breathe->style) {
             object["style"] = *breathe->style;

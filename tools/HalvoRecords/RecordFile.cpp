@@ -18,9 +18,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::string_view keepAliveName = "keepalive.json";
-constexpr std::string_view widgetsName = "widgets.json";
-
 std::string_view nameOf(std::string_view path) {
     const std::size_t slash = path.find_last_of('/');
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
@@ -86,10 +83,11 @@ class KindFinder final : public nlohmann::json_sax<Json> {
 };
 
 std::optional<RecordKind> kindOfName(const std::string& file) {
-    if (nameOf(file) == keepAliveName) {
+    if (nameOf(file) == KeepAliveState::fileName) {
         return RecordKind::keepAlive;
     }
-    return nameOf(file) == widgetsName ? std::optional(RecordKind::widgets) : std::nullopt;
+    return nameOf(file) == WidgetSnapshot::fileName ? std::optional(RecordKind::widgets)
+                                                    : std::nullopt;
 }
 
 std::optional<RecordKind> kindOfMembers(const std::string& bytes) {
@@ -156,7 +154,7 @@ std::string ownFile(RecordKind kind, const std::optional<std::string>& group) {
         return isKeepAlive ? KeepAliveState::file().url() : WidgetSnapshot::file().url();
     }
     return AppGroup::containerOf(group) + "/" +
-           std::string(isKeepAlive ? keepAliveName : widgetsName);
+           (isKeepAlive ? KeepAliveState::fileName : WidgetSnapshot::fileName);
 }
 
 std::expected<Record, std::string> load(const std::string& file, std::optional<RecordKind> kind,

@@ -15,11 +15,8 @@ namespace {
 
 // The end that the state counts down to.
 std::optional<WallDate> endOf(const WidgetSnapshot::State& state) {
-    if (const auto* block = std::get_if<WidgetSnapshot::Block>(&state)) {
-        return block->running.end;
-    }
-    const auto* focus = std::get_if<WidgetSnapshot::Focus>(&state);
-    return focus == nullptr ? std::nullopt : focus->running.end;
+    const auto* running = WidgetSnapshot::countdown(state);
+    return running == nullptr ? std::nullopt : running->end;
 }
 
 // Why dates are on the timeline of a snapshot.

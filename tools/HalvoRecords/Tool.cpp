@@ -24,9 +24,6 @@ namespace {
 // So many remarks on one file are told; more say no more.
 constexpr std::size_t mostRemarks = 20;
 
-// What HalvoLink gives for a scheme that is none.
-constexpr const char* noURL = "file:///";
-
 Outcome wrong(const std::string& problem) {
     return {ExitStatus::wrongWords, "",
             "halvo-records: " + problem + " See halvo-records --help.\n"};
@@ -109,7 +106,7 @@ class Runner {
     Outcome operator()(const MakeLink& command) const {
         const std::string url =
             command.scheme ? command.link.url(*command.scheme) : command.link.url();
-        if (url == noURL) {
+        if (url == HalvoLink::noURL) {
             return wrong(command.scheme
                              ? "'" + printable(*command.scheme) + "' is no scheme of a URL."
                              : "The app's own scheme is none; --scheme gives another.");
