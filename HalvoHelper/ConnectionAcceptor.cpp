@@ -19,12 +19,15 @@ std::unique_ptr<HelperConnection> ConnectionAcceptor::accept(
     if (bundlePath) {
         bundlePath = canonicalPath(*bundlePath).value_or(*bundlePath);
     }
+    return std::make_unique<HelperConnection>(HelperPeer{uid, std::move(bundlePath)}, queue_,
+                                              engine_);
+}
+
+void ConnectionAcceptor::admitted() {
     queue_.async([&count = count_] {
         assumeMainActor();
         count.connectionOpened();
     });
-    return std::make_unique<HelperConnection>(HelperPeer{uid, std::move(bundlePath)}, queue_,
-                                              engine_);
 }
 
 void ConnectionAcceptor::invalidated() {

@@ -27,12 +27,15 @@ class ConnectionAcceptor {
     ConnectionAcceptor(MainQueue& queue, HelperEngine& engine, ConnectionCount& count);
 
     // Admits the connection of a process with the effective user `uid` that runs the executable at
-    // `executable` (absent when that cannot be told). The connection is counted before any request
-    // of it is served.
+    // `executable` (absent when that cannot be told). What it returns serves the requests.
     std::unique_ptr<HelperConnection> accept(std::uint32_t uid,
                                              const std::optional<std::string>& executable);
 
-    // The connection is gone. Called exactly once for each that was accepted.
+    // The connection can be used from now on. Called before its first request can arrive, so that
+    // it is counted before any is served.
+    void admitted();
+
+    // The connection is gone. Called exactly once for each that was admitted.
     void invalidated();
 
   private:

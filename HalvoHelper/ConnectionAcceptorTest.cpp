@@ -107,9 +107,17 @@ INSTANTIATE_TEST_SUITE_P(Executables, ConnectionAcceptorNoBundleTest,
                                            "/Applications/\xFF.app/Contents/MacOS/Halvo",
                                            "/Applications/Halvo.app/Contents/MacOS/\xFF"));
 
+TEST_F(ConnectionAcceptorTest, CountsNobodyWhoIsNotAdmittedInTheEnd) {
+    const auto connection = acceptor.accept(ann, std::nullopt);
+    queue.runPending();
+    EXPECT_THAT(count.events, IsEmpty());
+}
+
 TEST_F(ConnectionAcceptorTest, CountsEachConnectionOnTheQueueOnly) {
     const auto first = acceptor.accept(ann, std::nullopt);
     const auto second = acceptor.accept(ann, std::nullopt);
+    acceptor.admitted();
+    acceptor.admitted();
     EXPECT_THAT(count.events, IsEmpty());
     queue.runPending();
     EXPECT_THAT(count.events, ElementsAre("opened", "opened"));
@@ -117,6 +125,7 @@ TEST_F(ConnectionAcceptorTest, CountsEachConnectionOnTheQueueOnly) {
 
 TEST_F(ConnectionAcceptorTest, CountsEachInvalidationOnce) {
     const auto connection = acceptor.accept(ann, std::nullopt);
+    acceptor.admitted();
     queue.runPending();
     acceptor.invalidated();
     EXPECT_THAT(count.events, ElementsAre("opened"));
@@ -127,6 +136,7 @@ TEST_F(ConnectionAcceptorTest, CountsEachInvalidationOnce) {
 
 TEST_F(ConnectionAcceptorTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
     const auto connection = acceptor.accept(ann, std::nullopt);
+    acceptor.admitted();
     connection->status([this](const HelperStatus&) { count.events.emplace_back("served"); });
     acceptor.invalidated();
     queue.runPending();
@@ -136,6 +146,7 @@ TEST_F(ConnectionAcceptorTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
 TEST_F(ConnectionAcceptorTest, TouchesTheEngineOnlyWhenARequestIsServed) {
     world.calls.clear();
     const auto connection = acceptor.accept(ann, std::nullopt);
+    acceptor.admitted();
     queue.runPending();
     acceptor.invalidated();
     queue.runPending();
@@ -145,6 +156,7 @@ TEST_F(ConnectionAcceptorTest, TouchesTheEngineOnlyWhenARequestIsServed) {
 TEST_F(ConnectionAcceptorTest, AdmitsOnAnyThread) {
     std::thread([this] {
         const auto connection = acceptor.accept(ann, std::nullopt);
+        acceptor.admitted();
         acceptor.invalidated();
     }).join();
     queue.runPending();
@@ -158,6 +170,7 @@ TEST_F(ConnectionAcceptorDeathTest, CountsOnTheMainQueueOnly) {
         std::thread([this] { queue.runPending(); }).join();
     };
     const auto connection = acceptor.accept(ann, std::nullopt);
+    acceptor.admitted();
     EXPECT_DEATH(serveOnAnotherThread(), "Expected same executor as MainActor\\.");
     queue.runPending();
     acceptor.invalidated();

@@ -109,7 +109,9 @@ class HelperServiceTest : public ::testing::Test {
     }
 
     std::unique_ptr<HelperConnection> connect(std::uint32_t uid = ann) {
-        return listener.acceptor->accept(uid, app + "/Contents/MacOS/Halvo");
+        auto connection = listener.acceptor->accept(uid, app + "/Contents/MacOS/Halvo");
+        listener.acceptor->admitted();
+        return connection;
     }
 
     void disconnect() { listener.acceptor->invalidated(); }

@@ -1,9 +1,17 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <charconv>
+#include <cstdlib>
 #include <utility>
 
+#include "HalvoHelper/CStrings.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoPlatform/Fatal.hpp"
 #include "HalvoShared/LaunchReason.hpp"
 
 namespace halvo::OpenAsUser {
@@ -34,6 +42,41 @@ std::string unitName(const std::string& text) {
         c = safe ? c : '_';
     }
     return result;
+}
+
+// initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
+template <class Group>
+bool setGroupsOf(int (*call)(const char*, Group), const std::string& name, std::uint32_t gid) {
+    return call(name.c_str(), static_cast<Group>(gid)) == 0;
+}
+
+class ProcessPrivileges final : public Privileges {
+  public:
+    bool setGroup(std::uint32_t gid) override { return setgid(gid) == 0; }
+
+    bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) override {
+        return setGroupsOf(initgroups, name, gid);
+    }
+
+    bool setUser(std::uint32_t uid) override { return setuid(uid) == 0; }
+
+    std::uint32_t realUser() override { return getuid(); }
+
+    std::uint32_t effectiveUser() override { return geteuid(); }
+
+    std::uint32_t realGroup() override { return getgid(); }
+};
+
+std::optional<User> lookUp(std::uint32_t uid) {
+    // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
+    const passwd* entry = getpwuid(uid);
+    if (entry == nullptr) {
+        return std::nullopt;
+    }
+    if (entry->pw_name == nullptr || entry->pw_dir == nullptr) {
+        fatal("A user without a name or a home directory");
+    }
+    return User{uid, entry->pw_gid, entry->pw_name, entry->pw_dir};
 }
 
 }  // namespace
@@ -137,6 +180,29 @@ bool dropPrivileges(Privileges& privileges, const User& user) {
         return false;
     }
     return !privileges.setUser(0);
+}
+
+void run(std::span<const std::string> words) {
+    const auto request = parse(words);
+    if (!request) {
+        std::exit(exitUsage);
+    }
+    const auto user = lookUp(request->uid);
+    if (!user) {
+        std::exit(exitUsage);
+    }
+    ProcessPrivileges privileges;
+    if (!dropPrivileges(privileges, *user)) {
+        std::exit(exitNoPermission);
+    }
+    const Command command = commandFor(*request, *user);
+    // The app's own files are made as in any other session of the person.
+    constexpr mode_t usual = 022;
+    umask(usual);
+    const CStrings arguments(command.arguments);
+    const CStrings environment(command.environment);
+    execve(command.path.c_str(), arguments.data(), environment.data());
+    std::exit(exitCannotExecute);
 }
 
 }  // namespace halvo::OpenAsUser

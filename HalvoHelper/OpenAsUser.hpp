@@ -93,9 +93,13 @@ class Privileges {
 // is not as it must be.
 bool dropPrivileges(Privileges& privileges, const User& user);
 
+// What the mode becomes once it is `user`. One per system; on Linux it asks for the user's own
+// systemd manager, for two seconds at most.
+Command commandFor(const Request& request, const User& user);
+
 // Runs the mode with the words that follow its own. Ends in execve(2) or exit(3), without a word in
 // the log: 64 for bad words or an unknown user, 77 when the privileges cannot be dropped for good,
-// 71 when the program cannot be run. One source per system.
+// 71 when the program cannot be run.
 [[noreturn]] void run(std::span<const std::string> words);
 
 }  // namespace halvo::OpenAsUser

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/DiskSync.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -55,7 +56,7 @@ int fill(int file, std::string_view bytes, mode_t mode) {
     if (const int code = writeAll(file, bytes); code != 0) {
         return code;
     }
-    return fsync(file) == 0 ? 0 : errno;
+    return syncToDisk(file);
 }
 
 }  // namespace
@@ -165,8 +166,8 @@ std::expected<void, FileError> replaceFile(const std::string& folder, const std:
         unlinkat(place.get(), temporary.c_str(), 0);
         return failure(code, path);
     }
-    if (fsync(place.get()) != 0) {
-        return failure(errno, folder);
+    if (const int unsynced = syncToDisk(place.get()); unsynced != 0) {
+        return failure(unsynced, folder);
     }
     return {};
 }

@@ -33,10 +33,10 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
 // Puts `bytes` in the place of `folder`/`name`, in one step: a reader, and a machine that loses
 // power at any moment, has the old file whole or the new one whole. The new file has the
 // permissions `mode` from the start, whatever the umask, and both it and the folder are on the disk
-// (fsync(2)) when this returns. The temporary file beside it has a fixed name, so that a process
-// killed half-way leaves at most one, which the next call replaces; after a failure none stays.
-// Two writers of one file at a time must each give a name of their own, `writer`, which becomes a
-// part of the temporary file's.
+// (DiskSync.hpp) when this returns. The temporary file beside it has a fixed name, so that a
+// process killed half-way leaves at most one, which the next call replaces; after a failure none
+// stays. Two writers of one file at a time must each give a name of their own, `writer`, which
+// becomes a part of the temporary file's.
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
                                            std::string_view bytes, mode_t mode,
                                            const std::string& writer = "");

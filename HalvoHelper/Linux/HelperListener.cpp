@@ -126,9 +126,9 @@ class SocketListener final : public HelperListener {
         auto connection = std::make_unique<BusConnection>(
             acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); });
         if (!connection->start(std::move(socket))) {
-            acceptor_->invalidated();
             return false;
         }
+        acceptor_->admitted();
         connections_.emplace(id, std::move(connection));
         return true;
     }

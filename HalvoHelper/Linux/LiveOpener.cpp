@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "HalvoHelper/Linux/CStrings.hpp"
+#include "HalvoHelper/CStrings.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"

@@ -1,55 +1,19 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 
-#include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 
-#include "HalvoHelper/Linux/CStrings.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
-#include "HalvoPlatform/Fatal.hpp"
 
 namespace halvo::OpenAsUser {
 namespace {
-
-class ProcessPrivileges final : public Privileges {
-  public:
-    bool setGroup(std::uint32_t gid) override { return setgid(gid) == 0; }
-
-    bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) override {
-        return initgroups(name.c_str(), gid) == 0;
-    }
-
-    bool setUser(std::uint32_t uid) override { return setuid(uid) == 0; }
-
-    std::uint32_t realUser() override { return getuid(); }
-
-    std::uint32_t effectiveUser() override { return geteuid(); }
-
-    std::uint32_t realGroup() override { return getgid(); }
-};
-
-std::optional<User> lookUp(std::uint32_t uid) {
-    // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
-    const passwd* entry = getpwuid(uid);
-    if (entry == nullptr) {
-        return std::nullopt;
-    }
-    if (entry->pw_name == nullptr || entry->pw_dir == nullptr) {
-        fatal("A user without a name or a home directory");
-    }
-    return User{uid, entry->pw_gid, entry->pw_name, entry->pw_dir};
-}
 
 // How long the user's manager may take to answer. One that is stuck must not keep the app closed.
 constexpr std::chrono::seconds managerPatience{2};
@@ -132,6 +96,8 @@ std::string randomHex() {
     return text;
 }
 
+}  // namespace
+
 Command commandFor(const Request& request, const User& user) {
     const Bundle bundle(request.appPath);
     const std::string executable =
@@ -142,31 +108,6 @@ Command commandFor(const Request& request, const User& user) {
     const auto info = bundle.info();
     const auto identifier = info ? infoString(*info, "CFBundleIdentifier") : std::nullopt;
     return managerCommand(request, user, executable, identifier.value_or("app"), randomHex());
-}
-
-}  // namespace
-
-void run(std::span<const std::string> words) {
-    const auto request = parse(words);
-    if (!request) {
-        std::exit(exitUsage);
-    }
-    const auto user = lookUp(request->uid);
-    if (!user) {
-        std::exit(exitUsage);
-    }
-    ProcessPrivileges privileges;
-    if (!dropPrivileges(privileges, *user)) {
-        std::exit(exitNoPermission);
-    }
-    const Command command = commandFor(*request, *user);
-    // The app's own files are made as in any other session of the person.
-    constexpr mode_t usual = 022;
-    umask(usual);
-    const CStrings arguments(command.arguments);
-    const CStrings environment(command.environment);
-    execve(command.path.c_str(), arguments.data(), environment.data());
-    std::exit(exitCannotExecute);
 }
 
 }  // namespace halvo::OpenAsUser

@@ -17,7 +17,7 @@
 #include <system_error>
 #include <thread>
 
-#include "HalvoHelper/Linux/CStrings.hpp"
+#include "HalvoHelper/CStrings.hpp"
 
 namespace halvo::testing {
 namespace {

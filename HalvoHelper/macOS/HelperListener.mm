@@ -1,0 +1,41 @@
+#include "HalvoHelper/HelperListener.hpp"
+
+#import <Foundation/Foundation.h>
+
+#include "HalvoHelper/macOS/ConnectionAcceptor.hpp"
+#include "HalvoPlatform/macOS/FoundationText.hpp"
+
+namespace halvo {
+namespace {
+
+class XPCListener final : public HelperListener {
+  public:
+    explicit XPCListener(const std::string& name)
+        : listener_([[NSXPCListener alloc] initWithMachServiceName:foundationText(name)]) {}
+
+    void setRequirement(const HelperIdentity& identity) override {
+        [listener_ setConnectionCodeSigningRequirement:foundationText(identity.appRequirement())];
+    }
+
+    void resume(ConnectionAcceptor& acceptor) override {
+        delegate_ = [[::ConnectionAcceptor alloc] initWithAcceptor:acceptor];
+        listener_.delegate = delegate_;
+        [listener_ resume];
+    }
+
+  private:
+    NSXPCListener* listener_;
+    // The listener does not keep it.
+    ::ConnectionAcceptor* delegate_ = nil;
+};
+
+}  // namespace
+
+std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
+    const std::string& name) {
+    @autoreleasepool {
+        return std::make_unique<XPCListener>(name);
+    }
+}
+
+}  // namespace halvo

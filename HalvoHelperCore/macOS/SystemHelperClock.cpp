@@ -1,0 +1,30 @@
+#include "HalvoHelperCore/SystemHelperClock.hpp"
+
+#include <sys/sysctl.h>
+#include <time.h>
+
+#include <cstddef>
+#include <string>
+
+namespace halvo {
+
+BootID readBootID() {
+    constexpr const char* name = "kern.bootsessionuuid";
+    std::size_t size = 0;
+    if (sysctlbyname(name, nullptr, &size, nullptr, 0) != 0 || size == 0) {
+        return unknownBootID;
+    }
+    std::string bytes(size, '\0');
+    if (sysctlbyname(name, bytes.data(), &size, nullptr, 0) != 0) {
+        return unknownBootID;
+    }
+    return bootIDFrom(bytes);
+}
+
+Seconds sinceBoot() {
+    constexpr double nanosecondsPerSecond = 1000000000.0;
+    return Seconds{static_cast<double>(clock_gettime_nsec_np(CLOCK_MONOTONIC)) /
+                   nanosecondsPerSecond};
+}
+
+}  // namespace halvo

@@ -1,0 +1,18 @@
+#include "HalvoPlatform/DiskSync.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace halvo {
+
+int syncToDisk(int descriptor) {
+    if (fcntl(descriptor, F_FULLFSYNC) == 0) {
+        return 0;
+    }
+    // Network and foreign file systems do not know it.
+    return fsync(descriptor) == 0 ? 0 : errno;
+}
+
+}  // namespace halvo

@@ -1,0 +1,120 @@
+#include "HalvoPlatform/MainQueue.hpp"
+
+#include <dispatch/dispatch.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "HalvoPlatform/MainActor.hpp"
+
+namespace halvo {
+namespace {
+
+using Nanoseconds = std::chrono::duration<std::uint64_t, std::nano>;
+
+std::uint64_t nanoseconds(Seconds span) {
+    return std::chrono::duration_cast<Nanoseconds>(span).count();
+}
+
+// dispatch_time(3). Its clock stands still while the machine sleeps.
+dispatch_time_t fromNow(Seconds span) {
+    return dispatch_time(DISPATCH_TIME_NOW, static_cast<std::int64_t>(nanoseconds(span)));
+}
+
+// A delay that a time of Dispatch can hold.
+Seconds withinACentury(Seconds delay) {
+    constexpr Seconds century = std::chrono::years{100};
+    const bool isDelay = delay > Seconds{0};  // not-a-number is none
+    return isDelay ? std::min(delay, century) : Seconds{0};
+}
+
+// A source whose events are turns of `context` on the main queue (dispatch_source_create(3)); it
+// waits for dispatch_resume(3).
+dispatch_source_t makeSource(dispatch_source_type_t type, std::uintptr_t handle,
+                             std::uintptr_t mask, void* context, dispatch_function_t turn) {
+    dispatch_source_t source =
+        dispatch_source_create(type, handle, mask, dispatch_get_main_queue());
+    dispatch_set_context(source, context);
+    dispatch_source_set_event_handler_f(source, turn);
+    return source;
+}
+
+void runOnce(void* work) {
+    (*std::unique_ptr<MainQueue::Work>(static_cast<MainQueue::Work*>(work)))();
+}
+
+void runAgain(void* work) { (*static_cast<MainQueue::Work*>(work))(); }
+
+// A turn of after(), with the source that brings it.
+struct Alarm {
+    MainQueue::Work work;
+    dispatch_source_t source = nullptr;
+
+    static void ring(void* context) {
+        const std::unique_ptr<Alarm> alarm(static_cast<Alarm*>(context));
+        dispatch_source_cancel(alarm->source);
+        dispatch_release(alarm->source);
+        alarm->work();
+    }
+};
+
+// The main queue of Dispatch. Nothing here is taken down: sources live as long as the process.
+class DispatchQueue final : public MainQueue {
+  public:
+    void async(Work work) override {
+        dispatch_async_f(dispatch_get_main_queue(), new Work(std::move(work)), runOnce);
+    }
+
+    void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
+        dispatch_source_t timer =
+            makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, new Work(std::move(work)), runAgain);
+        dispatch_source_set_timer(timer, fromNow(first), nanoseconds(interval),
+                                  nanoseconds(leeway));
+        dispatch_resume(timer);
+    }
+
+    void after(Seconds delay, Work work) override {
+        auto* alarm = new Alarm{std::move(work)};
+        // Strict, or the system would add a leeway of its own.
+        alarm->source =
+            makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, DISPATCH_TIMER_STRICT, alarm, Alarm::ring);
+        dispatch_source_set_timer(alarm->source, fromNow(withinACentury(delay)),
+                                  DISPATCH_TIME_FOREVER, 0);
+        dispatch_resume(alarm->source);
+    }
+
+    void onTermination(Work work) override {
+        // A source only watches; it is the disposition that would end the process.
+        std::signal(SIGTERM, SIG_IGN);
+        dispatch_resume(makeSource(DISPATCH_SOURCE_TYPE_SIGNAL, SIGTERM, 0,
+                                   new Work(std::move(work)), runAgain));
+    }
+
+    [[nodiscard]] Seconds now() const override {
+        // clock_gettime_nsec_np(3): this one counts on through sleep.
+        return Nanoseconds{clock_gettime_nsec_np(CLOCK_MONOTONIC)};
+    }
+
+    void run() override {
+        assumeMainActor();
+        dispatch_main();
+    }
+
+    void exit(int status) override { std::exit(status); }
+};
+
+}  // namespace
+
+MainQueue& liveMainQueue() {
+    assumeMainActor();
+    // Never destroyed: work may still be on the stack when the process exits.
+    static DispatchQueue& queue = *new DispatchQueue;
+    return queue;
+}
+
+}  // namespace halvo

@@ -1,0 +1,9 @@
+// What of Core Foundation the macOS layer uses, declared from Apple's public documentation. For
+// checking without a Mac only: on a Mac the real headers are used.
+#pragma once
+
+#define CF_CONSUMED __attribute__((cf_consumed))
+#define CF_RETURNS_RETAINED __attribute__((cf_returns_retained))
+
+typedef const void* CFTypeRef;
+typedef const struct __attribute__((objc_bridge(NSString))) __CFString* CFStringRef;
