@@ -1,0 +1,142 @@
+// A Darwin that does what a test tells it: stand-ins of the frameworks and system calls that the
+// macOS layer uses, on simulated time, with what they were asked for written down.
+//
+// Everything here may be called from any thread that the test or Dispatch runs, one at a time: the
+// stand-ins run one thread while all others wait for it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+// A process as libproc tells of it.
+struct Process {
+    pid_t pid{};
+    std::uint32_t uid{};
+    // What proc_pidpath() writes, byte for byte; it fails when this is empty.
+    std::string path;
+    // How many bytes proc_pidinfo() returns; 64 is all of them.
+    int infoSize = 64;
+};
+
+struct LogEntry {
+    std::string subsystem;
+    std::string category;
+    bool isError{};
+    std::string text;
+
+    bool operator==(const LogEntry&) const = default;
+};
+
+// A task that was launched.
+struct Launch {
+    std::string executable;
+    std::vector<std::string> arguments;
+    std::map<std::string, std::string> environment;
+    bool hasTerminationHandler{};
+
+    bool operator==(const Launch&) const = default;
+};
+
+struct World {
+    // libproc. The processes in the order in which they are listed, besides those of pid 0.
+    std::vector<Process> processes;
+    // What proc_listallpids() returns without a buffer, and with one, in place of the truth.
+    std::optional<int> announcedProcesses;
+    std::optional<int> listedProcesses;
+    // How often proc_pidinfo() and proc_pidpath() were called.
+    int infoCalls = 0;
+    int pathCalls = 0;
+
+    // SystemConfiguration: nobody has the console when there is no name.
+    std::optional<std::string> consoleUser;
+    std::uint32_t consoleUID = 0;
+
+    // File flags by path; any other item that exists has none. lstat(2) itself is the real one.
+    std::map<std::string, std::uint32_t> flags;
+    // The errno of lchflags(2), when it fails; and how often it was called.
+    std::optional<int> lchflagsError;
+    int lchflagsCalls = 0;
+
+    // The clocks: nanoseconds since boot, and the wall clock's seconds since 1970 at boot. Only
+    // Dispatch moves the first, as a script goes on.
+    std::uint64_t sinceBoot = 1'000'000'000'000;
+    double bootedAt = 1'800'000'000;
+
+    // sysctl(3) "kern.bootsessionuuid": the bytes of its value; the first call (which asks for the
+    // size) fails without, and the second when told.
+    std::optional<std::string> bootSession = std::string("9F0C6A5E-0000-4000-8000-00000000B007") + '\0';
+    bool bootSessionReadFails = false;
+    int sysctlCalls = 0;
+
+    // The main bundle: its executable, and its Info.plist as XML (of the executable's own section,
+    // or of the bundle). Other bundles are read from the disk: Contents/Info.plist.
+    std::optional<std::string> mainExecutable = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
+    std::string mainInfo;
+
+    // Foundation's folders: the containers of groups, and Application Support.
+    std::map<std::string, std::string> groupContainers;
+    std::string applicationSupport = "/nonexistent";
+
+    // Tasks: those launched, what happens then, and why the next cannot be launched.
+    std::vector<Launch> launches;
+    std::function<void(const Launch&)> onLaunch;
+    std::optional<std::string> launchError;
+
+    // fcntl(2) F_FULLFSYNC: its errno when it fails; how often it was called, and fsync(2) too.
+    std::optional<int> fullSyncError;
+    std::optional<int> syncError;
+    int fullSyncCalls = 0;
+    int syncCalls = 0;
+
+    // Everything that was said to the unified log, formatted.
+    std::vector<LogEntry> log;
+};
+
+World& world();
+
+// Everything as in a new process: the world, the queues, the sources, the listeners.
+void reset();
+
+// The texts of the log at one level, in order.
+std::vector<std::string> errors();
+std::vector<std::string> notices();
+
+// Dispatch. Time passes only inside dispatch_main(), which serves the main queue on a thread of its
+// own, as Dispatch does, until the script is over; it then throws Over. Elsewhere, serve() runs what
+// the queue holds, and what comes due within `seconds`.
+struct Over {};
+
+// Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
+void at(double seconds, std::function<void()> event);
+
+// When the script is over, counted from now on. Without it dispatch_main() is over when nothing is
+// left to come but timers.
+void endAt(double seconds);
+
+// Serves the main queue for `seconds` (0: only what is due) on a thread of its own, and returns.
+void serve(double seconds);
+
+// What a kernel does with `signal`: tells the sources that watch it. False when nobody does.
+bool raise(int signal);
+
+// What sources were made and not released, with their leeway and whether they are strict.
+struct Timer {
+    std::uint64_t first{};
+    std::uint64_t interval{};
+    std::uint64_t leeway{};
+    bool isStrict{};
+};
+std::vector<Timer> timers();
+
+// Objective-C objects of the class `name` that are alive.
+long liveObjects(const char* name);
+
+}  // namespace fake
