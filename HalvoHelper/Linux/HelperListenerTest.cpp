@@ -620,9 +620,9 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor
         {
             const FailingBusStart once;
             const auto caller = start({"connect", socketPath});
-            EXPECT_TRUE(serveUntil([&] { return service.count.closed == 1; }));
+            EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
         }
-        EXPECT_EQ(service.count.opened, 1);
+        EXPECT_EQ(service.count.opened, 0) << "it was never of use";
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
                                 "descriptors ran out"));
@@ -638,8 +638,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsAnAppGoThatTalksNonsense) {
         service.resume();
         const auto caller = start({"connect-say", socketPath, "GET / HTTP/1.1"});
         EXPECT_EQ(caller->readLine(), "connected");
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == 1; }));
-        EXPECT_EQ(service.count.opened, 1);
+        EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
+        EXPECT_EQ(service.count.opened, 0) << "it was never of use";
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
                                 "descriptors ran out"));
