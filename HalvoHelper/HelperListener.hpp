@@ -36,8 +36,10 @@ struct ListenerFailure {
     std::string message;
 };
 
-// The listener of this system for the Mach service `name`. On Linux it takes the socket that
-// systemd hands over (sd_listen_fds(3)), else makes its own and holds it alone.
+// The listener of this system for the Mach service `name`. On macOS it is NSXPCListener, which
+// always comes about: a name that launchd does not know shows only when nobody calls, and strangers
+// are turned away by the system (setConnectionCodeSigningRequirement:). On Linux it takes the
+// socket that systemd hands over (sd_listen_fds(3)), else makes its own and holds it alone.
 std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
     const std::string& name);
 

@@ -8,11 +8,13 @@
 namespace halvo {
 
 // Starts the helper's own executable in its open-as-user mode and does not wait for it. The child
-// inherits nothing: no environment, no descriptor beyond 0 to 2 (which are /dev/null), no signal
-// mask or disposition, no session, "/" as its folder. (Its umask is the open-as-user mode's to
-// set.) It is reaped without anybody waiting. Main queue only; one source per system.
+// has an empty environment and is reaped without anybody waiting. (Its umask is the open-as-user
+// mode's to set.) Main queue only; one source per system.
 //
-// On Linux SIGCHLD is ignored from the first opening on, so that the kernel reaps (sigaction(2)).
+// On macOS NSTask starts it through `launchctl asuser`, in the login session of the person. On
+// Linux it inherits nothing else either: no descriptor beyond 0 to 2 (which are /dev/null), no
+// signal mask or disposition, no session, "/" as its folder; and SIGCHLD is ignored from the first
+// opening on, so that the kernel reaps (sigaction(2)).
 class LiveOpener final : public AppOpener {
   public:
     // `helperExecutable`: the path of the helper's own executable.

@@ -11,6 +11,10 @@ namespace halvo {
 // Asks the system. Nothing is logged, nothing thrown; allocates nothing while what it looked at
 // before is unchanged. One source per system. Main queue only.
 //
+// On macOS the console is that of SCDynamicStoreCopyConsoleUser (SystemConfiguration), which
+// allocates; the processes are those of libproc.h, and one counts when its executable's path is the
+// bundle's and its effective user is the one asked about.
+//
 // On Linux the console is seat0 (sd-login(3)): its active session, of class "user" and not about to
 // close. The processes are those of /proc (proc(5)): one counts when its executable's path is the
 // bundle's, that file is the very one at the path (a mount namespace can forge a path), and its

@@ -93,8 +93,8 @@ class Privileges {
 // is not as it must be.
 bool dropPrivileges(Privileges& privileges, const User& user);
 
-// What the mode becomes once it is `user`. One per system; on Linux it asks for the user's own
-// systemd manager, for two seconds at most.
+// What the mode becomes once it is `user`. One per system: on macOS openCommand(); on Linux it
+// depends on whether the user's own systemd manager answers within two seconds.
 Command commandFor(const Request& request, const User& user);
 
 // Runs the mode with the words that follow its own. Ends in execve(2) or exit(3), without a word in

@@ -9,12 +9,13 @@
 namespace halvo {
 
 // The flags of the item at `path` itself (a symbolic link is not followed), or nothing when its
-// status cannot be read. On Linux only the three flags of ItemFlag exist, read with statx(2); an
-// item on a file system without flags has none set.
+// status cannot be read. On macOS they are those of lstat(2); on Linux only the three flags of
+// ItemFlag exist, read with statx(2); an item on a file system without flags has none set.
 std::optional<std::uint32_t> itemFlags(const std::string& path);
 
 // Gives the item at `path` itself the flags `wanted`. Returns 0, or the errno of the system's
-// refusal when the flags, read back, are not as wanted. On Linux all inode flags without a
+// refusal. On macOS that is lchflags(2). On Linux a refusal counts only when the flags, read back,
+// are not as wanted, and all inode flags without a
 // counterpart in ItemFlag are kept (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP,
 // a flag without a counterpart EOPNOTSUPP.
 int setItemFlags(const std::string& path, std::uint32_t wanted);

@@ -23,10 +23,12 @@ inline constexpr const char* unknownBootID = "unknown";
 BootID bootIDFrom(std::string_view bytes);
 
 // The name of this boot, from the system at every call; "unknown" when it does not tell. One per
-// system: on Linux /proc/sys/kernel/random/boot_id (random(4)) without its newline.
+// system: on Linux /proc/sys/kernel/random/boot_id (random(4)) without its newline, on macOS the
+// value "kern.bootsessionuuid" of sysctl(3).
 BootID readBootID();
 
-// Time since boot. One per system: on Linux CLOCK_BOOTTIME (clock_gettime(2)).
+// Time since boot. One per system: on Linux CLOCK_BOOTTIME (clock_gettime(2)), on macOS
+// CLOCK_MONOTONIC (clock_gettime_nsec_np(3)), which there counts through sleep.
 Seconds sinceBoot();
 
 }  // namespace halvo

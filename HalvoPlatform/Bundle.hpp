@@ -23,14 +23,15 @@ using InfoDictionary = std::map<std::string, InfoValue>;
 std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
-// thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
-// as missing.
+// thread. Damaged files and such whose top level is no dictionary count as missing, on Linux also
+// those longer than 128 KiB. On macOS it is NSBundle that reads, and remembers for as long as the
+// process lives; a program in no bundle carries its Info.plist inside itself there.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.
     explicit Bundle(std::string path);
 
-    // The bundle of this process, as ofProcess() finds it.
+    // The bundle of this process, as ofProcess() finds it; on macOS the main bundle.
     static Bundle main();
 
     // The bundle of a process that runs the program at the absolute path `executable`: X for a

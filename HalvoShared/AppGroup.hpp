@@ -24,6 +24,10 @@ std::string container();
 // made when it is missing, with the folders above it. That this failed shows only when a file in it
 // is read or written: the path is the same all the same.
 //
+// On macOS it is the group's container, which the system gives only to processes with the
+// entitlement for it (containerURLForSecurityApplicationGroupIdentifier:), and the user's apps keep
+// their data in Application Support.
+//
 // On Linux the user's apps keep their data in $XDG_DATA_HOME, else in ~/.local/share (XDG Base
 // Directory), a group's folder lies in there under the group's identifier, and a folder made here
 // is its owner's only (0700). An identifier that is no plain name of one folder (empty, ".", "..",
