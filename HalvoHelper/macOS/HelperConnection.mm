@@ -21,11 +21,14 @@ NSDate* foundationDate(const std::optional<halvo::WallDate>& date) {
     return date ? [NSDate dateWithTimeIntervalSince1970:halvo::secondsSince1970(*date)] : nil;
 }
 
+// Replies are called on the main queue, whose thread may keep what is autoreleased for long.
 halvo::HalvoHelperXPC::Reply passingOn(Reply reply) {
     Reply copied = [reply copy];
     return [copied](bool ok) {
-        if (copied != nil) {
-            copied(ok ? YES : NO);
+        @autoreleasepool {
+            if (copied != nil) {
+                copied(ok ? YES : NO);
+            }
         }
     };
 }
@@ -33,9 +36,11 @@ halvo::HalvoHelperXPC::Reply passingOn(Reply reply) {
 halvo::HalvoHelperXPC::StatusReply passingOnStatus(StatusReply reply) {
     StatusReply copied = [reply copy];
     return [copied](const halvo::HelperStatus& status) {
-        if (copied != nil) {
-            copied(status.holding ? YES : NO, foundationDate(status.until),
-                   status.locked ? YES : NO);
+        @autoreleasepool {
+            if (copied != nil) {
+                copied(status.holding ? YES : NO, foundationDate(status.until),
+                       status.locked ? YES : NO);
+            }
         }
     };
 }

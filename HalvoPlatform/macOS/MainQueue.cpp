@@ -66,6 +66,8 @@ struct Alarm {
 // The main queue of Dispatch. Nothing here is taken down: sources live as long as the process.
 class DispatchQueue final : public MainQueue {
   public:
+    DispatchQueue() { assumeMainActor(); }
+
     void async(Work work) override {
         dispatch_async_f(dispatch_get_main_queue(), new Work(std::move(work)), runOnce);
     }
@@ -111,7 +113,6 @@ class DispatchQueue final : public MainQueue {
 }  // namespace
 
 MainQueue& liveMainQueue() {
-    assumeMainActor();
     // Never destroyed: work may still be on the stack when the process exits.
     static DispatchQueue& queue = *new DispatchQueue;
     return queue;
