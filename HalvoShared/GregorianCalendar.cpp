@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string_view>
@@ -128,8 +127,8 @@ std::expected<GregorianCalendar::Zone, std::string> GregorianCalendar::Zone::rea
         lastBegin = std::max(lastBegin, begin);
         append(zone.changes, {begin > rangeBegin ? begin : sys_seconds::min(), offset});
     }
-    if (file->rule && file->rule->summer) {
-        zone.cycleEnd = appendCycle(zone.changes, *file->rule, lastBegin);
+    if (const auto& rule = file->rule; rule && rule->summer) {
+        zone.cycleEnd = appendCycle(zone.changes, *rule, lastBegin);
     }
     zone.changes.push_back({sys_seconds::max(), {}});
     return zone;
