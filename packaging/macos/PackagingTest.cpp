@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <ostream>
 #include <sstream>
@@ -57,6 +58,24 @@ struct Input {
     std::string requirement = readTestFile(folderOfGenerated + "/" + requirementName);
 };
 
+struct CommandResult {
+    int status = -1;
+    // Standard output and standard error.
+    std::string output;
+};
+
+CommandResult run(const std::string& command) {
+    FILE* stream = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+    CommandResult run;
+    std::array<char, 4096> part{};
+    for (std::size_t size = 0; (size = fread(part.data(), 1, part.size(), stream)) > 0;) {
+        run.output.append(part.data(), size);
+    }
+    const int status = pclose(stream);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
 Outcome lint(const Input& input) {
     const TemporaryFolder folder;
     writeTestFile(folder / input.launchdName, input.launchd);
@@ -72,17 +91,9 @@ Outcome lint(const Input& input) {
     define("LAUNCHD_PLIST", folder / input.launchdName);
     define("INFO_PLIST", folder / "Info.plist");
     define("REQUIREMENT", folder / input.requirementName);
-    command += std::string(" -P '") + HALVO_PACKAGING_SOURCES + "/lint.cmake' 2>&1";
-
-    FILE* stream = popen(command.c_str(), "r");
-    std::string output;
-    std::array<char, 4096> part{};
-    for (std::size_t size = 0; (size = fread(part.data(), 1, part.size(), stream)) > 0;) {
-        output.append(part.data(), size);
-    }
-    const int status = pclose(stream);
-    Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, {}};
-    std::istringstream lines(output);
+    const CommandResult linted = run(command + " -P '" HALVO_PACKAGING_SOURCES "/lint.cmake'");
+    Outcome outcome{linted.status, {}};
+    std::istringstream lines(linted.output);
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with("lint: ")) {
             outcome.findings.push_back(line.substr(6));
@@ -367,18 +378,106 @@ TEST(PackagingTest, KeepsTheHelperInsideTheBundle) {
     }
 }
 
-TEST(PackagingTest, SaysWhichFileIsMissing) {
-    const std::string command =
-        std::string(HALVO_CMAKE) + " -D APP_BUNDLE_ID=" + app + " -D TEAM_ID=" + team +
-        " -D HELPER_IN_BUNDLE=Contents/Helpers/HalvoHelper -D LAUNCHD_PLIST=/nowhere/" + helper +
-        ".plist -D INFO_PLIST=/nowhere/Info.plist -D REQUIREMENT=/nowhere/" + helper +
-        ".requirement -P " + HALVO_PACKAGING_SOURCES +
-        "/lint.cmake 2>&1 | grep -c 'cannot be read'";
-    FILE* stream = popen(command.c_str(), "r");
-    int count = 0;
-    EXPECT_EQ(fscanf(stream, "%d", &count), 1);
-    pclose(stream);
-    EXPECT_EQ(count, 3);
+TEST(PackagingTest, SaysWhichFilesAreMissing) {
+    const CommandResult linted =
+        run(std::string(HALVO_CMAKE) + " -D APP_BUNDLE_ID=" + app + " -D TEAM_ID=" + team +
+            " -D HELPER_IN_BUNDLE=Contents/a/b" + " -D LAUNCHD_PLIST=/nowhere/" + helper +
+            ".plist" + " -D INFO_PLIST=/nowhere/Info.plist -D REQUIREMENT=/nowhere/" + helper +
+            ".requirement -P '" HALVO_PACKAGING_SOURCES "/lint.cmake'");
+    EXPECT_NE(linted.status, 0);
+    for (const std::string& name :
+         {helper + ".plist", std::string("Info.plist"), helper + ".requirement"}) {
+        EXPECT_THAT(linted.output, HasSubstr("lint: /nowhere/" + name +
+                                             " cannot be read: there is no such file; "));
+    }
+}
+
+// Builds for macOS, with a file in place of the helper, and a codesign that only writes down how it
+// was called.
+class LayoutTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        writeTestFile(folder_ / "helper", "the helper");
+        writeTestFile(folder_ / "CMakeLists.txt", R"(cmake_minimum_required(VERSION 3.25)
+project(Layout LANGUAGES NONE)
+set(HALVO_SYSTEM macOS)
+set(HALVO_APP_BUNDLE_ID )" + app + R"()
+set(HALVO_TEAM_ID )" + team + R"()
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+configure_file()" HALVO_INFO_PLIST R"( ${PROJECT_BINARY_DIR}/bin/Info.plist COPYONLY)
+add_executable(HalvoHelper IMPORTED GLOBAL)
+set_target_properties(HalvoHelper PROPERTIES IMPORTED_LOCATION ${PROJECT_SOURCE_DIR}/helper)
+add_subdirectory()" HALVO_PACKAGING_SOURCES R"( packaging/macos)
+)");
+        std::filesystem::create_directory(folder_ / "tools");
+        setSigningTo("true");
+    }
+
+    // Makes codesign end like `command`.
+    void setSigningTo(const std::string& command) const {
+        const std::string tool = folder_ / "tools/codesign";
+        writeTestFile(tool, "#!/bin/sh\necho \"$*\" >>'" + folder_ / "calls" + "'\n" + command);
+        std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+    }
+
+    [[nodiscard]] CommandResult configure(const std::string& arguments = "") const {
+        return run(std::string(HALVO_CMAKE) + " -G Ninja -S " + folder_.path() + " -B " + build_ +
+                   " " + arguments);
+    }
+
+    [[nodiscard]] CommandResult build() const {
+        return run("PATH='" + folder_ / "tools" + "':$PATH " + HALVO_CMAKE + " --build " + build_);
+    }
+
+    TemporaryFolder folder_;
+    std::string build_ = folder_ / "build";
+    std::string bundle_ = build_ + "/Halvo.app/";
+    std::string installed_ = bundle_ + "Contents/Helpers/HalvoHelper";
+};
+
+TEST_F(LayoutTest, PutsTheHelperAndItsJobIntoTheBundle) {
+    ASSERT_EQ(configure().status, 0);
+    const CommandResult built = build();
+    ASSERT_EQ(built.status, 0) << built.output;
+    EXPECT_EQ(readTestFile(installed_), "the helper");
+    EXPECT_EQ(readTestFile(bundle_ + "Contents/Library/LaunchDaemons/" + helper + ".plist"),
+              Input().launchd);
+    EXPECT_EQ(readTestFile(folder_ / "calls"), "") << "nothing to sign with";
+}
+
+TEST_F(LayoutTest, FollowsANewHelper) {
+    ASSERT_EQ(configure().status, 0);
+    ASSERT_EQ(build().status, 0);
+    writeTestFile(folder_ / "helper", "the new helper");
+    ASSERT_EQ(build().status, 0);
+    EXPECT_EQ(readTestFile(installed_), "the new helper");
+}
+
+TEST_F(LayoutTest, SignsTheHelperAndChecksWhatTheAppWillDemand) {
+    ASSERT_EQ(configure("-D HALVO_SIGNING_IDENTITY='Developer ID Application: A (B)'").status, 0);
+    const CommandResult built = build();
+    ASSERT_EQ(built.status, 0) << built.output;
+    EXPECT_EQ(readTestFile(folder_ / "calls"),
+              "--force --sign Developer ID Application: A (B) --identifier " + helper +
+                  " --options runtime --timestamp " + installed_ + "\n--verify --strict -R " +
+                  build_ + "/packaging/macos/" + helper + ".requirement " + installed_ + "\n");
+}
+
+TEST_F(LayoutTest, TriesASignatureAgainThatFailed) {
+    ASSERT_EQ(configure("-D HALVO_SIGNING_IDENTITY=A").status, 0);
+    setSigningTo("false");
+    EXPECT_NE(build().status, 0);
+    EXPECT_NE(build().status, 0);
+    setSigningTo("true");
+    EXPECT_EQ(build().status, 0);
+}
+
+TEST_F(LayoutTest, LaysNothingOutThatTheCheckRefuses) {
+    ASSERT_EQ(configure("-D HALVO_SIGNING_IDENTITY=A").status, 0);
+    writeTestFile(build_ + "/bin/Info.plist", "");
+    EXPECT_NE(build().status, 0);
+    EXPECT_FALSE(std::filesystem::exists(installed_));
+    EXPECT_EQ(readTestFile(folder_ / "calls"), "");
 }
 
 }  // namespace
