@@ -1,0 +1,21 @@
+# Writes the one C++ program of the Markdown page DOCUMENT to the file OUTPUT.
+#
+#   cmake -D DOCUMENT=FILE -D OUTPUT=FILE -P extract.cmake
+cmake_minimum_required(VERSION 3.25)
+file(READ ${DOCUMENT} text)
+set(opening "\n```cpp\n")
+string(FIND "${text}" "${opening}" first)
+string(FIND "${text}" "${opening}" last REVERSE)
+if(first EQUAL -1 OR NOT first EQUAL last)
+    message(FATAL_ERROR "${DOCUMENT}: there must be exactly one block of C++")
+endif()
+string(LENGTH "${opening}" length)
+math(EXPR first "${first} + ${length}")
+string(SUBSTRING "${text}" ${first} -1 text)
+string(FIND "${text}" "\n```\n" end)
+if(end EQUAL -1)
+    message(FATAL_ERROR "${DOCUMENT}: the block of C++ does not end")
+endif()
+math(EXPR end "${end} + 1")
+string(SUBSTRING "${text}" 0 ${end} text)
+file(WRITE ${OUTPUT} "${text}")
