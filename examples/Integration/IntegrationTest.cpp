@@ -13,8 +13,10 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "HalvoClient/FakeHelper.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
@@ -31,6 +33,7 @@ namespace halvo::testing {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 // Whether `condition` comes true in time, on a machine that is busy with other tests.
@@ -180,6 +183,23 @@ TEST_F(IntegrationTest, MustLieInItsBundle) {
     EXPECT_EQ(outcomeOf(copy).status, EX_CONFIG);
 }
 
+// The selectors of the methods that `header` declares: of each, the words before a "(" type.
+std::vector<std::string> selectorsOf(const std::string& header) {
+    static const std::regex method("\n- \\(void\\)([^;]*);");
+    static const std::regex label("(\\w+:)\\([^)]");
+    std::vector<std::string> selectors;
+    const std::sregex_iterator end;
+    for (std::sregex_iterator found(header.begin(), header.end(), method); found != end; ++found) {
+        const std::string declaration = (*found)[1];
+        std::string& selector = selectors.emplace_back();
+        for (std::sregex_iterator part(declaration.begin(), declaration.end(), label); part != end;
+             ++part) {
+            selector += (*part)[1];
+        }
+    }
+    return selectors;
+}
+
 // No compiler for Swift is at hand; that the names are those of the helper can be checked without.
 class GuideTest : public ::testing::Test {
   protected:
@@ -193,9 +213,11 @@ class GuideTest : public ::testing::Test {
 
 TEST_F(GuideTest, NamesTheSelectorsOfTheProtocol) {
     EXPECT_THAT(swift_, HasSubstr("@objc(HalvoHelperXPC)\nprotocol"));
-    for (const std::string selector :
-         {"beginWithAppPath:until:started:reply:", "heartbeatWithSessionEnding:reply:",
-          "endWithReply:", "statusWithReply:"}) {
+    const std::vector<std::string> selectors = selectorsOf(readTestFile(HALVO_XPC_PROTOCOL));
+    EXPECT_THAT(selectors, ElementsAre("beginWithAppPath:until:started:reply:",
+                                       "heartbeatWithSessionEnding:reply:", "endWithReply:",
+                                       "statusWithReply:"));
+    for (const std::string& selector : selectors) {
         EXPECT_THAT(swift_, HasSubstr("@objc(" + selector + ")\n    func "));
     }
 }
