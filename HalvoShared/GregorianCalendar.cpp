@@ -1,22 +1,17 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 
-#include <date/tz.h>
-
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <exception>
 #include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "HalvoPlatform/Files.hpp"
-#include "HalvoShared/TimeZoneRule.hpp"
+#include "HalvoShared/TimeZoneFile.hpp"
 
 namespace halvo {
 namespace {
@@ -36,10 +31,7 @@ using std::chrono::years;
 constexpr years cycleYears{400};
 constexpr seconds cycle = days{146'097};
 
-// RFC 8536 (3.2): an offset, whether it is summer, and where the abbreviation begins.
-constexpr std::size_t bytesOfType = 6;
-
-// RFC 8536 (3.2): no clock is as much ahead of UTC.
+// No clock is as much ahead of UTC; see TimeZoneFile.
 constexpr seconds farthestAhead = hours{26};
 
 constexpr sys_seconds rangeBegin = sys_days{year{1} / 1 / 1};
@@ -101,135 +93,6 @@ sys_seconds appendCycle(std::vector<OffsetChange>& changes, const TimeZoneRule& 
     return sys_seconds{sys_days{firstOfCycle / 1 / 1}} + cycle;
 }
 
-// Names of zones are short and plain; anything else would only spoil a message.
-std::string noSuchZone(const std::string& name) {
-    constexpr std::size_t longest = 100;
-    const bool plain = name.size() <= longest &&
-                       std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~'; });
-    return plain ? "no time zone is named \"" + name + '"' : "that is not the name of a time zone";
-}
-
-// A number of RFC 8536 (3.2): its most significant byte comes first, negative ones in two's
-// complement.
-std::int64_t numberOf(std::string_view bytes) {
-    std::uint64_t number = (static_cast<unsigned char>(bytes[0]) & 0x80U) != 0 ? ~0ULL : 0;
-    for (const char byte : bytes) {
-        number = number << 8U | static_cast<unsigned char>(byte);
-    }
-    return static_cast<std::int64_t>(number);
-}
-
-// The tables of a zone file that are read: those of its first part, or of its second, in which
-// times have eight bytes.
-struct Tables {
-    std::string_view times;
-    std::string_view typesOfTimes;
-    std::string_view types;
-    std::string_view abbreviations;
-    std::size_t bytesOfTime = 0;
-    // What follows the part.
-    std::string_view rest;
-};
-
-// RFC 8536 (3.1, 3.2). Nothing when `part` ends before its tables do.
-std::optional<Tables> tablesOf(std::string_view part, std::size_t bytesOfTime) {
-    constexpr std::size_t header = 44;
-    constexpr std::size_t firstCount = 20;
-    std::array<std::size_t, 6> counts{};
-    if (part.size() < header) {
-        return std::nullopt;
-    }
-    for (std::size_t i = 0; i < counts.size(); ++i) {
-        const std::int64_t count = numberOf(part.substr(firstCount + (4 * i), 4));
-        if (count < 0) {
-            return std::nullopt;
-        }
-        counts[i] = static_cast<std::size_t>(count);
-    }
-    const auto [utc, standard, leaps, times, types, characters] = counts;
-    part.remove_prefix(header);
-    bool isWhole = true;
-    const auto take = [&](std::size_t size) {
-        isWhole = isWhole && size <= part.size();
-        const std::string_view taken = isWhole ? part.substr(0, size) : std::string_view();
-        part.remove_prefix(taken.size());
-        return taken;
-    };
-    Tables tables;
-    tables.bytesOfTime = bytesOfTime;
-    tables.times = take(times * bytesOfTime);
-    tables.typesOfTimes = take(times);
-    tables.types = take(types * bytesOfType);
-    tables.abbreviations = take(characters);
-    take((leaps * (bytesOfTime + 4)) + standard + utc);
-    tables.rest = part;
-    return isWhole ? std::optional(tables) : std::nullopt;
-}
-
-// The library follows every number in the tables, wherever it leads.
-bool areSound(const Tables& tables) {
-    const std::size_t types = tables.types.size() / bytesOfType;
-    if (types == 0 || !tables.abbreviations.ends_with('\0')) {
-        return false;
-    }
-    for (std::size_t i = 0; i < types; ++i) {
-        const std::string_view type = tables.types.substr(i * bytesOfType, bytesOfType);
-        const seconds offset{numberOf(type.substr(0, 4))};
-        if (offset > farthestAhead || offset < -farthestAhead ||
-            static_cast<unsigned char>(type[5]) >= tables.abbreviations.size()) {
-            return false;
-        }
-    }
-    const auto timeAt = [&](std::size_t i) {
-        return numberOf(tables.times.substr(i * tables.bytesOfTime, tables.bytesOfTime));
-    };
-    for (std::size_t i = 0; i < tables.typesOfTimes.size(); ++i) {
-        if (static_cast<unsigned char>(tables.typesOfTimes[i]) >= types ||
-            (i > 0 && timeAt(i) <= timeAt(i - 1))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Whether the library can read the file; version 1 has the first part only.
-bool isSound(std::string_view file, bool hasSecondPart) {
-    auto tables = tablesOf(file, 4);
-    if (tables && hasSecondPart) {
-        tables = tablesOf(tables->rest, 8);
-    }
-    return tables && areSound(*tables);
-}
-
-// The last line of the file of a zone that exists, without its line ends: how it goes on after the
-// last change in the file. Empty in files that say nothing about it.
-std::expected<std::string, std::string> lastLineOf(const std::string& name) {
-    constexpr std::size_t limit = 1 << 20;
-    const auto bytes = readFile("/usr/share/zoneinfo/" + name, limit);
-    if (!bytes) {
-        return std::unexpected("the time zone file cannot be read: " + bytes.error().message);
-    }
-    const auto damaged = std::unexpected("the file of the time zone \"" + name + "\" is damaged");
-    // See tzfile(5): the version is the fifth byte; the first had no such line.
-    constexpr std::string_view magic = "TZif";
-    if (!bytes->starts_with(magic) || bytes->size() == magic.size()) {
-        return damaged;
-    }
-    const bool hasLine = (*bytes)[magic.size()] >= '2';
-    if (!isSound(*bytes, hasLine)) {
-        return damaged;
-    }
-    if (!hasLine) {
-        return {};
-    }
-    const std::string_view text(*bytes);
-    const std::size_t newline = text.substr(0, text.size() - 1).rfind('\n');
-    if (!text.ends_with('\n') || newline == std::string_view::npos) {
-        return damaged;
-    }
-    return std::string(text.substr(newline + 1, text.size() - newline - 2));
-}
-
 }  // namespace
 
 struct GregorianCalendar::Zone {
@@ -251,39 +114,22 @@ struct GregorianCalendar::Zone {
 
 std::expected<GregorianCalendar::Zone, std::string> GregorianCalendar::Zone::read(
     const std::string& name) {
-    const date::time_zone* listed = nullptr;
-    try {
-        listed = date::locate_zone(name);
-    } catch (const std::exception&) {
-        return std::unexpected(noSuchZone(name));
-    }
-    // Before the library reads the file, which it does when it is first asked for an offset.
-    const auto line = lastLineOf(name);
-    if (!line) {
-        return std::unexpected(line.error());
+    const auto file = TimeZoneFile::read(name);
+    if (!file) {
+        return std::unexpected(file.error());
     }
     Zone zone{.name = name, .changes = {}};
+    append(zone.changes, {sys_seconds::min(), file->firstOffset});
     sys_seconds lastBegin = rangeBegin;
-    try {
-        date::sys_info info = listed->get_info(rangeBegin);
-        append(zone.changes, {sys_seconds::min(), info.offset});
-        while (info.end < rangeEnd) {
-            info = listed->get_info(info.end);
-            lastBegin = info.begin;
-            append(zone.changes, {info.begin, info.offset});
+    for (const auto& [begin, offset] : file->changes) {
+        if (begin >= rangeEnd) {
+            break;
         }
-    } catch (const std::exception&) {
-        return std::unexpected("the file of the time zone \"" + name + "\" is damaged");
+        lastBegin = std::max(lastBegin, begin);
+        append(zone.changes, {begin > rangeBegin ? begin : sys_seconds::min(), offset});
     }
-    if (!line->empty()) {
-        const auto rule = TimeZoneRule::parse(*line);
-        if (!rule) {
-            return std::unexpected("the time zone \"" + name +
-                                   "\" has a rule that cannot be read: " + *line);
-        }
-        if (rule->summer) {
-            zone.cycleEnd = appendCycle(zone.changes, *rule, lastBegin);
-        }
+    if (file->rule && file->rule->summer) {
+        zone.cycleEnd = appendCycle(zone.changes, *file->rule, lastBegin);
     }
     zone.changes.push_back({sys_seconds::max(), {}});
     return zone;
@@ -321,11 +167,10 @@ GregorianCalendar GregorianCalendar::system() {
             return *calendar;
         }
     }
-    try {
-        if (auto calendar = named(date::current_zone()->name())) {
+    if (const auto name = timeZoneOfMachine()) {
+        if (auto calendar = named(*name)) {
             return *calendar;
         }
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): what follows is the answer
     }
     return GregorianCalendar(std::make_shared<const Zone>(
         Zone{.name = "UTC",

@@ -13,22 +13,20 @@ namespace halvo {
 // The Gregorian calendar, also before it was introduced, in one time zone of the IANA database. Its
 // range are the years 1 to 9999 in UTC; a date that is not finite is outside of it.
 //
-// An immutable value whose copies share what was read. Making one reads files, and for the first
-// time in a process lists all zones, a few milliseconds; after that no member reads, waits or
-// allocates. The files are those in /usr/share/zoneinfo (see tzfile(5)); TZDIR does not count.
-// What was read of a zone's past stays as it is for the life of the process; newer files are seen
-// whole by the next.
+// An immutable value whose copies share what was read. Making one reads the zone's file, a fraction
+// of a millisecond; after that no member reads, waits or allocates. The files are those in
+// /usr/share/zoneinfo (see tzfile(5)); TZDIR does not count. Newer files are seen by the next.
 class GregorianCalendar final : public Calendar {
   public:
     // The calendar of the zone `name`, such as "Europe/Berlin", links such as "Eire" included. Any
-    // thread. Fails with a sentence for a person, without a full stop: `no time zone is named "X"`,
-    // or why its file cannot be used. A name that cannot be one is not repeated.
+    // thread. Fails as TimeZoneFile::read does, with a sentence for a person, without a full stop:
+    // `no time zone is named "X"`, or why its file cannot be used.
     static std::expected<GregorianCalendar, std::string> named(const std::string& name);
 
     // The calendar of the system's zone: the one that the environment variable TZ names (a ":" in
-    // front is passed over, see tzset(3)), else the one that /etc/localtime links to (see
-    // localtime(5)), else UTC. Any thread, as long as no other changes the environment. The zone
-    // stays as it is now when somebody chooses another.
+    // front is passed over, see tzset(3)), else the one to which the machine is set (see
+    // timeZoneOfMachine), else UTC. Any thread, as long as no other changes the environment. The
+    // zone stays as it is now when somebody chooses another.
     static GregorianCalendar system();
 
     // No moves: nothing is cheaper than sharing, and what was moved from would have no zone.
