@@ -2,6 +2,10 @@
 // checking without a Mac only: on a Mac the real headers are used.
 #pragma once
 
+#if __has_include(<Foundation/NSObjCRuntime.h>)
+#error "These declarations are for checking without a Mac only, and here are Apple's own"
+#endif
+
 #define CF_CONSUMED __attribute__((cf_consumed))
 #define CF_RETURNS_RETAINED __attribute__((cf_returns_retained))
 

@@ -2,6 +2,10 @@
 // without a Mac only: on a Mac the real headers are used.
 #pragma once
 
+#if __has_include(<Foundation/NSObjCRuntime.h>)
+#error "These declarations are for checking without a Mac only, and here are Apple's own"
+#endif
+
 #include <CoreFoundation/CoreFoundation.h>
 #include <objc/NSObject.h>
 #include <objc/objc.h>

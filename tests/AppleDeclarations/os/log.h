@@ -3,6 +3,10 @@
 // Mac the real header is used.
 #pragma once
 
+#if __has_include(<Foundation/NSObjCRuntime.h>)
+#error "These declarations are for checking without a Mac only, and here are Apple's own"
+#endif
+
 #include <os/object.h>
 #include <stdbool.h>
 #include <stdint.h>
