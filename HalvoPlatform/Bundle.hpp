@@ -23,9 +23,10 @@ using InfoDictionary = std::map<std::string, InfoValue>;
 std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
-// thread. Damaged files and such whose top level is no dictionary count as missing, on Linux also
-// those longer than 128 KiB. On macOS it is NSBundle that reads, and remembers for as long as the
-// process lives; a program in no bundle carries its Info.plist inside itself there.
+// thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
+// as missing. On macOS the system reads them instead (-[NSBundle infoDictionary]): of any length,
+// once for each bundle and process; a bundle that is there has members even without an Info.plist,
+// the system's own; and a program in no bundle carries its Info.plist inside itself.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.
