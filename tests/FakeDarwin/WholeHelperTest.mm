@@ -426,14 +426,20 @@ TEST_F(WholeHelperPrivateMachineTest, ChecksEveryTwoSecondsAFifthOfASecondLateAt
 
 TEST_F(WholeHelperPrivateMachineTest, LeavesOtherSignalsTheirMeaning) {
     run([] {
+        static const int others[]{SIGINT, SIGHUP, SIGQUIT};
+        for (const int signal : others) {
+            std::signal(signal, SIG_DFL);
+        }
         fake::at(1, [] {
-            struct sigaction action{};
-            sigaction(SIGTERM, nullptr, &action);
-            EXPECT_EQ(action.sa_handler, SIG_IGN) << "the source watches it";
-            for (const int signal : {SIGINT, SIGHUP, SIGQUIT}) {
-                EXPECT_FALSE(fake::raise(signal));
+            const auto disposition = [](int signal) {
+                struct sigaction action{};
                 sigaction(signal, nullptr, &action);
-                EXPECT_EQ(action.sa_handler, SIG_DFL) << signal;
+                return action.sa_handler;
+            };
+            EXPECT_EQ(disposition(SIGTERM), SIG_IGN) << "a source watches it";
+            for (const int signal : others) {
+                EXPECT_FALSE(fake::raise(signal)) << signal;
+                EXPECT_EQ(disposition(signal), SIG_DFL) << signal;
             }
         });
         fake::endAt(2);
@@ -643,13 +649,13 @@ const std::string opening = "Halvo isn't running during Ultra Hard mode; opening
 TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuit) {
     const HelperRun helper = run([this] {
         App& mine = newHoldingApp(user.uid, 600);
-        // Last looked for, and seen, at 10 s.
+        // Last looked for, and seen, at 8 s.
         fake::at(11, [&] { mine.quit(); });
         fake::world().onLaunch = [](const fake::Launch&) { noteTime("open"); };
-        fake::endAt(17);
+        fake::endAt(15);
     });
     // The silence lasts 6 s.
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "open at 16"));
+    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "open at 14"));
     EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s", opening));
     ASSERT_EQ(helper.launches.size(), 1U);
     const std::string uid = std::to_string(user.uid);
