@@ -11,10 +11,11 @@ namespace {
 class XPCListener final : public HelperListener {
   public:
     explicit XPCListener(const std::string& name)
-        : listener_([[NSXPCListener alloc] initWithMachServiceName:foundationText(name)]) {}
+        : listener_([[NSXPCListener alloc] initWithMachServiceName:knownFoundationText(name)]) {}
 
     void setRequirement(const HelperIdentity& identity) override {
-        [listener_ setConnectionCodeSigningRequirement:foundationText(identity.appRequirement())];
+        [listener_
+            setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
     }
 
     void resume(ConnectionAcceptor& acceptor) override {

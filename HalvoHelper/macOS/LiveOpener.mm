@@ -14,7 +14,7 @@ namespace {
 
 NSTask* taskOf(const OpenAsUser::Command& command) {
     NSTask* task = [[NSTask alloc] init];
-    task.executableURL = [NSURL fileURLWithPath:foundationText(command.path)];
+    task.executableURL = [NSURL fileURLWithPath:knownFoundationText(command.path)];
     NSMutableArray<NSString*>* arguments = [NSMutableArray array];
     // The first is the program's own name, which NSTask adds itself.
     for (std::size_t i = 1; i < command.arguments.size(); ++i) {

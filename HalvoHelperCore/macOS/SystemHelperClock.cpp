@@ -1,9 +1,9 @@
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 
 #include <sys/sysctl.h>
-#include <time.h>
 
 #include <cstddef>
+#include <ctime>
 #include <string>
 
 namespace halvo {

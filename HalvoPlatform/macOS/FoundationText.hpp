@@ -15,4 +15,8 @@ std::optional<std::string> textOf(NSString* _Nullable text);
 // `text` for Foundation; nil when it is not UTF-8. Any thread.
 NSString* _Nullable foundationText(const std::string& text);
 
+// The same for a text that our own code has made, or has taken from Foundation before: anything but
+// UTF-8 is fatal. Any thread.
+NSString* _Nonnull knownFoundationText(const std::string& text);
+
 }  // namespace halvo

@@ -1,5 +1,7 @@
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 
+#include "HalvoPlatform/Fatal.hpp"
+
 namespace halvo {
 
 std::optional<std::string> textOf(NSString* text) {
@@ -15,6 +17,14 @@ NSString* foundationText(const std::string& text) {
     return [[NSString alloc] initWithBytes:text.data()
                                     length:text.size()
                                   encoding:NSUTF8StringEncoding];
+}
+
+NSString* knownFoundationText(const std::string& text) {
+    NSString* known = foundationText(text);
+    if (known == nil) {
+        fatal("A text of our own that is not UTF-8");
+    }
+    return known;
 }
 
 }  // namespace halvo

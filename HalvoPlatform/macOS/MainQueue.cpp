@@ -1,13 +1,13 @@
 #include "HalvoPlatform/MainQueue.hpp"
 
 #include <dispatch/dispatch.h>
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 
 #include "HalvoPlatform/MainActor.hpp"

@@ -20,8 +20,13 @@ NSURL* folderWithoutGroup() {
                                    inDomains:NSUserDomainMask]
                          .firstObject;
     NSURL* folder = [support URLByAppendingPathComponent:@"Halvo-NoGroup" isDirectory:YES];
-    // Whoever reads or writes there learns why there is no folder.
-    [files createDirectoryAtURL:folder withIntermediateDirectories:YES attributes:nil error:nil];
+    if (folder != nil) {
+        // Whoever reads or writes there learns why there is no folder.
+        [files createDirectoryAtURL:folder
+            withIntermediateDirectories:YES
+                             attributes:nil
+                                  error:nil];
+    }
     return folder;
 }
 
