@@ -46,7 +46,8 @@ struct Launch {
 };
 
 struct World {
-    // libproc. The processes in the order in which they are listed, besides those of pid 0.
+    // libproc. The processes in the order in which they are listed; the kernel's own, of pid 0, is
+    // one of them only when it is here.
     std::vector<Process> processes;
     // What proc_listallpids() returns without a buffer, and with one, in place of the truth.
     std::optional<int> announcedProcesses;
