@@ -57,6 +57,16 @@ TEST(FoundationTextTest, MakesNothingOfWhatIsNotUTF8) {
     }
 }
 
+TEST(FoundationTextTest, TakesATextOfOurOwnAsItIs) {
+    @autoreleasepool {
+        EXPECT_EQ(textOf(knownFoundationText("Hälvö")), "Hälvö");
+    }
+}
+
+TEST(FoundationTextDeathTest, EndsTheProcessForATextOfOurOwnThatIsNone) {
+    EXPECT_DEATH(knownFoundationText("\xFF"), "A text of our own that is not UTF-8");
+}
+
 TEST(FoundationTextTest, LeavesNothingBehind) {
     const long texts = fake::liveObjects("NSString");
     const long bytes = fake::liveObjects("NSData");

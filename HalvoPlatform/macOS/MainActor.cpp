@@ -9,13 +9,13 @@ bool onMainActor() {
     // Which thread serves the main queue says nothing: from dispatch_main(3) on it is any. So the
     // queue carries a mark, which only its own work sees (dispatch_get_specific(3)).
     static char mark = 0;
-    static const bool marked = [] {
+    [[maybe_unused]] static const bool marked = [] {
         dispatch_queue_set_specific(dispatch_get_main_queue(), &mark, &mark, nullptr);
         return true;
     }();
     // Until dispatch_main(3) the main queue is the main thread (pthread_main_np(3)), which does
     // nothing after it.
-    return marked && (dispatch_get_specific(&mark) != nullptr || pthread_main_np() != 0);
+    return dispatch_get_specific(&mark) != nullptr || pthread_main_np() != 0;
 }
 
 }  // namespace halvo

@@ -287,12 +287,9 @@ void dispatch_queue_set_specific(dispatch_queue_t queue, const void* key, void* 
     static_cast<Queue*>(queue)->specifics[key] = context;
 }
 
-// Until dispatch_main() the main thread counts as the main queue's.
+// Of the main thread before dispatch_main() nothing is promised: here it is on no queue.
 void* dispatch_get_specific(const void* key) {
     const Queue* queue = currentQueue;
-    if (queue == nullptr && pthread_main_np() != 0) {
-        queue = &state().mainQueue;
-    }
     if (queue == nullptr) {
         return nullptr;
     }

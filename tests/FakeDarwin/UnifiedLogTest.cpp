@@ -8,20 +8,20 @@
 
 #include "FakeDarwin.hpp"
 
-// Of LogTestObjects.mm, where the type of the log is another.
+// Of UnifiedLogTestObjects.mm, where the type of the log is another.
 os_log_t sameLog();
 void logFromObjectiveC(const char* text);
 
 namespace {
 
-class LogTest : public ::testing::Test {
+class UnifiedLogTest : public ::testing::Test {
   protected:
     void SetUp() override { fake::reset(); }
 
     os_log_t log = os_log_create("app.halvo", "Test");
 };
 
-TEST_F(LogTest, RecordsWhoSaysWhat) {
+TEST_F(UnifiedLogTest, RecordsWhoSaysWhat) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "a notice");
     os_log_with_type(log, OS_LOG_TYPE_ERROR, "an error");
     EXPECT_EQ(fake::world().log,
@@ -31,25 +31,25 @@ TEST_F(LogTest, RecordsWhoSaysWhat) {
     EXPECT_EQ(fake::errors(), std::vector<std::string>{"an error"});
 }
 
-TEST_F(LogTest, FillsInWhatIsPublic) {
+TEST_F(UnifiedLogTest, FillsInWhatIsPublic) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%{public}s %{public}ld %d %05.1f 100%%", "text",
                      LONG_MIN, -7, 2.25);
     EXPECT_EQ(fake::notices(), std::vector<std::string>{"text -9223372036854775808 -7 002.2 100%"});
 }
 
-TEST_F(LogTest, HidesWhatIsPrivate) {
+TEST_F(UnifiedLogTest, HidesWhatIsPrivate) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%s|%{private}d|%{public}s|%x", "secret", 5, "",
                      255);
     EXPECT_EQ(fake::notices(), std::vector<std::string>{"<private>|<private>||ff"});
 }
 
-TEST_F(LogTest, KeepsLongTextsWhole) {
+TEST_F(UnifiedLogTest, KeepsLongTextsWhole) {
     const std::string text(5000, 'x');
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%{public}s", text.c_str());
     EXPECT_EQ(fake::notices(), std::vector<std::string>{text});
 }
 
-TEST_F(LogTest, IsTheSameFromObjectiveC) {
+TEST_F(UnifiedLogTest, IsTheSameFromObjectiveC) {
     EXPECT_EQ(sameLog(), log);
     logFromObjectiveC("text");
     EXPECT_EQ(fake::world().log,

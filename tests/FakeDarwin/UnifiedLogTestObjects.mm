@@ -1,4 +1,4 @@
-// The log as Objective-C++ sees it, for LogTest.cpp.
+// The log as Objective-C++ sees it, for UnifiedLogTest.cpp.
 #include <os/log.h>
 
 // The same function, though it returns an object here.
