@@ -72,13 +72,15 @@ struct World {
 
     // sysctl(3) "kern.bootsessionuuid": the bytes of its value; the first call (which asks for the
     // size) fails without, and the second when told.
-    std::optional<std::string> bootSession = std::string("9F0C6A5E-0000-4000-8000-00000000B007") + '\0';
+    std::optional<std::string> bootSession =
+        std::string("9F0C6A5E-0000-4000-8000-00000000B007") + '\0';
     bool bootSessionReadFails = false;
     int sysctlCalls = 0;
 
     // The main bundle: its executable, and its Info.plist as XML (of the executable's own section,
     // or of the bundle). Other bundles are read from the disk: Contents/Info.plist.
-    std::optional<std::string> mainExecutable = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
+    std::optional<std::string> mainExecutable =
+        "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
 
     // Foundation's folders: the containers of groups, and Application Support.
@@ -110,8 +112,8 @@ std::vector<std::string> errors();
 std::vector<std::string> notices();
 
 // Dispatch. Time passes only inside dispatch_main(), which serves the main queue on a thread of its
-// own, as Dispatch does, until the script is over; it then throws Over. Elsewhere, serve() runs what
-// the queue holds, and what comes due within `seconds`.
+// own, as Dispatch does, until the script is over; it then throws Over. Elsewhere, serve() runs
+// what the queue holds, and what comes due within `seconds`.
 struct Over {};
 
 // Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
@@ -134,6 +136,7 @@ struct Timer {
     std::uint64_t leeway{};
     bool isStrict{};
 };
+
 std::vector<Timer> timers();
 
 // Objective-C objects of the class `name` that are alive.

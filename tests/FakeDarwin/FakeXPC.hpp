@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fake {
 
@@ -15,10 +16,12 @@ struct ListenerState {
     bool hadRequirementWhenResumed{};
     bool hadDelegateWhenResumed{};
 };
+
 std::optional<ListenerState> listener(const std::string& service);
 
 // Connects to the service as a process, as NSXPC does it: the delegate is asked on the listener's
-// own queue, a thread that is not the main queue's. Nil when nobody listens or the delegate refuses.
+// own queue, a thread that is not the main queue's. Nil when nobody listens or the delegate
+// refuses.
 NSXPCConnection* connect(const std::string& service, pid_t pid, uid_t uid);
 
 // The protocol of a connection's exported interface, and whether it was resumed; in which order

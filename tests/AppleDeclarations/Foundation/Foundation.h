@@ -78,6 +78,7 @@ typedef struct {
 @property(readonly) NSUInteger count;
 @property(nullable, readonly) Element firstObject;
 + (instancetype)array;
++ (instancetype)arrayWithObjects:(const Element _Nonnull[_Nullable])objects count:(NSUInteger)count;
 - (Element)objectAtIndexedSubscript:(NSUInteger)index;
 @end
 

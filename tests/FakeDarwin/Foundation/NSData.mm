@@ -1,0 +1,30 @@
+#include "Foundation.hpp"
+
+@implementation NSData {
+  @public
+    std::string _bytes;
+}
+
+- (NSUInteger)length {
+    return _bytes.size();
+}
+
+- (const void*)bytes {
+    return _bytes.data();
+}
+
+- (id)copyWithZone:(struct _NSZone*)zone {
+    return self;
+}
+
+@end
+
+namespace fake {
+
+NSData* dataOf(const std::string& bytes) {
+    NSData* data = [[NSData alloc] init];
+    data->_bytes = bytes;
+    return data;
+}
+
+}  // namespace fake

@@ -1,0 +1,61 @@
+#include <unistd.h>
+
+#include "../FakeDarwin.hpp"
+#include "Foundation.hpp"
+
+namespace {
+
+// What the child has when a task names no environment.
+std::map<std::string, std::string> ownEnvironment() {
+    std::map<std::string, std::string> own;
+    for (char** each = environ; *each != nullptr; ++each) {
+        const std::string variable = *each;
+        const auto sign = variable.find('=');
+        own[variable.substr(0, sign)] = variable.substr(sign + 1);
+    }
+    return own;
+}
+
+std::map<std::string, std::string> environmentOf(NSTask* task) {
+    if (task.environment == nil) {
+        return ownEnvironment();
+    }
+    std::map<std::string, std::string> environment;
+    for (NSString* name in task.environment) {
+        environment[fake::textOf(name)] = fake::textOf(task.environment[name]);
+    }
+    return environment;
+}
+
+}  // namespace
+
+@implementation NSTask {
+    BOOL _wasLaunched;
+}
+
+- (BOOL)launchAndReturnError:(NSError**)error {
+    if (self.executableURL == nil || _wasLaunched) {
+        fake::refuse(_wasLaunched ? "to launch a task twice" : "a task without an executable");
+    }
+    if (const auto& reason = fake::world().launchError) {
+        if (error != nullptr) {
+            *error = fake::errorOf(*reason);
+        }
+        return NO;
+    }
+    _wasLaunched = YES;
+    fake::Launch launch;
+    launch.executable = fake::textOf(self.executableURL.path);
+    for (NSString* argument in self.arguments) {
+        launch.arguments.push_back(fake::textOf(argument));
+    }
+    launch.environment = environmentOf(self);
+    launch.hasTerminationHandler = self.terminationHandler != nil;
+    fake::world().launches.push_back(launch);
+    if (fake::world().onLaunch) {
+        fake::world().onLaunch(launch);
+    }
+    return YES;
+}
+
+@end
