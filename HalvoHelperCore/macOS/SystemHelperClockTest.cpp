@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+
+namespace halvo {
+namespace {
+
+using namespace std::string_literals;
+
+class DarwinClockTest : public ::testing::Test {
+  protected:
+    DarwinClockTest() { fake::reset(); }
+
+    // The boot's name when the system's value is `bytes`.
+    static std::string nameOf(const std::string& bytes) {
+        fake::world().bootSession = bytes;
+        return readBootID().text();
+    }
+};
+
+TEST_F(DarwinClockTest, NamesTheBootAsTheSystemDoes) {
+    EXPECT_EQ(nameOf("9F0C6A5E-51B7-4B6E-9D0A-2C1E7F3B8A44\0"s),
+              "9F0C6A5E-51B7-4B6E-9D0A-2C1E7F3B8A44");
+    EXPECT_EQ(fake::world().sysctlCalls, 2) << "one for the size, one for the value";
+    EXPECT_EQ(nameOf(" 9f0C\n\0"s), " 9f0C\n") << "neither trimmed nor changed in case";
+}
+
+TEST_F(DarwinClockTest, TakesANameWithoutAZeroByteWhole) {
+    EXPECT_EQ(nameOf("9F0C6A5E"), "9F0C6A5E");
+}
+
+TEST_F(DarwinClockTest, CutsANameAtTheFirstZeroByte) {
+    EXPECT_EQ(nameOf("9F0C\0006A5E\0"s), "9F0C");
+    EXPECT_EQ(nameOf("9F0C\0\xFF"s), "9F0C");
+}
+
+TEST_F(DarwinClockTest, HasAnEmptyNameForAValueThatBeginsWithAZeroByte) {
+    EXPECT_EQ(nameOf("\0009F0C"s), "");
+    EXPECT_EQ(nameOf("\0"s), "");
+}
+
+TEST_F(DarwinClockTest, DoesNotKnowABootWhoseNameIsNotUTF8) {
+    EXPECT_EQ(nameOf("9F\xFF\0"s), "unknown");
+    EXPECT_EQ(nameOf("\xC3\0"s), "unknown");
+}
+
+TEST_F(DarwinClockTest, DoesNotKnowTheBootWhenTheSystemDoesNotTellTheSize) {
+    fake::world().bootSession = std::nullopt;
+    EXPECT_EQ(readBootID(), "unknown");
+    EXPECT_EQ(fake::world().sysctlCalls, 1);
+}
+
+TEST_F(DarwinClockTest, DoesNotKnowTheBootWhenTheValueIsEmpty) {
+    EXPECT_EQ(nameOf(""), "unknown");
+    EXPECT_EQ(fake::world().sysctlCalls, 1);
+}
+
+TEST_F(DarwinClockTest, DoesNotKnowTheBootWhenTheSystemDoesNotTellTheValue) {
+    fake::world().bootSessionReadFails = true;
+    EXPECT_EQ(readBootID(), "unknown");
+    EXPECT_EQ(fake::world().sysctlCalls, 2);
+}
+
+TEST_F(DarwinClockTest, SaysNothingAboutABootThatItDoesNotKnow) {
+    fake::world().bootSession = std::nullopt;
+    readBootID();
+    EXPECT_TRUE(fake::world().log.empty());
+}
+
+TEST_F(DarwinClockTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
+    fake::world().sinceBoot = 1'500'000'000;
+    EXPECT_EQ(sinceBoot().count(), 1.5);
+    EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 1.5);
+    fake::world().sinceBoot = 51'873'204'417'375;
+    EXPECT_EQ(sinceBoot().count(), 51'873'204'417'375.0 / 1'000'000'000.0);
+    fake::world().sinceBoot = 0;
+    EXPECT_EQ(sinceBoot().count(), 0);
+}
+
+// The count is unsigned: half of its range is more than a signed one holds.
+TEST_F(DarwinClockTest, CountsAsFarAsTheSystemCounts) {
+    fake::world().sinceBoot = 0x8000'0000'0000'0000;
+    EXPECT_EQ(sinceBoot().count(), 9'223'372'036'854'775'808.0 / 1'000'000'000.0);
+}
+
+// What happens at the first reading of a process needs a process that has taken none: it is
+// started anew for each of these.
+class DarwinClockDeathTest : public ::testing::Test {
+  protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    // Ends the new process: with 0 when all its expectations held.
+    [[noreturn]] static void finish() { std::exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
+};
+
+TEST_F(DarwinClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess) {
+    const auto body = [] {
+        SystemHelperClock clock;
+        const auto name = fake::world().bootSession;
+        fake::world().bootSession = std::nullopt;
+        EXPECT_EQ(clock.reading().bootID, "unknown");
+        fake::world().bootSession = name;
+        EXPECT_EQ(clock.reading().bootID, "unknown");
+        EXPECT_EQ(SystemHelperClock().reading().bootID, "unknown");
+        EXPECT_NE(readBootID(), "unknown");
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(DarwinClockDeathTest, AsksForTheBootOncePerProcessHoweverManyThreadsBegin) {
+    const auto body = [] {
+        std::vector<ClockReading> readings(8);
+        std::vector<std::thread> threads;
+        for (ClockReading& reading : readings) {
+            threads.emplace_back([&reading] { reading = SystemHelperClock().reading(); });
+        }
+        std::ranges::for_each(threads, &std::thread::join);
+        EXPECT_EQ(fake::world().sysctlCalls, 2);
+        for (const ClockReading& reading : readings) {
+            EXPECT_EQ(reading.bootID, readBootID());
+        }
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,160 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <tuple>
+
+#include "HalvoPlatform/Bundle.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo {
+namespace {
+
+using testing::TemporaryFolder;
+using testing::writeTestFile;
+
+std::string plist(const std::string& members) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<plist version=\"1.0\"><dict>" +
+           members + "</dict></plist>\n";
+}
+
+const std::string sample =
+    plist("<key>HalvoTeamID</key><string>7QX4KD19MT</string>"
+          "<key>Title</key><string>Hälvö &amp; &lt;co&gt;</string>"
+          "<key>Empty</key><string></string>"
+          "<key>Count</key><integer>3</integer>"
+          "<key>Yes</key><true/>"
+          "<key>Some</key><array><string>one</string></array>"
+          "<key>More</key><dict><key>HalvoTeamID</key><string>AAAAAAAAAA</string></dict>");
+
+const InfoDictionary sampleMembers{
+    {"HalvoTeamID", "7QX4KD19MT"}, {"Title", "Hälvö & <co>"}, {"Empty", ""},
+    {"Count", NotAString{}},       {"Yes", NotAString{}},     {"Some", NotAString{}},
+    {"More", NotAString{}},
+};
+
+class MainBundleTest : public ::testing::Test {
+  protected:
+    MainBundleTest() { fake::reset(); }
+};
+
+TEST_F(MainBundleTest, IsTheProcessItself) {
+    fake::world().mainExecutable = "/Applications/Halvo.app/Contents/MacOS/Halvo";
+    fake::world().mainInfo = sample;
+    const Bundle main = Bundle::main();
+    EXPECT_EQ(main.path(), "/Applications/Halvo.app");
+    EXPECT_EQ(main.executablePath(), "/Applications/Halvo.app/Contents/MacOS/Halvo");
+    EXPECT_EQ(main.info(), sampleMembers);
+}
+
+// Whose Info.plist is a section of the program.
+TEST_F(MainBundleTest, HasTheInfoThatAProgramOutsideABundleCarries) {
+    fake::world().mainExecutable = "/Library/PrivilegedHelperTools/com.example.app.helper";
+    fake::world().mainInfo = sample;
+    const Bundle main = Bundle::main();
+    EXPECT_EQ(main.path(), "/Library/PrivilegedHelperTools");
+    EXPECT_EQ(main.executablePath(), "/Library/PrivilegedHelperTools/com.example.app.helper");
+    EXPECT_EQ(main.info(), sampleMembers);
+}
+
+TEST_F(MainBundleTest, HasNoExecutableWhenTheSystemDoesNotTell) {
+    fake::world().mainExecutable = std::nullopt;
+    fake::world().mainInfo = sample;
+    EXPECT_EQ(Bundle::main().executablePath(), std::nullopt);
+    EXPECT_EQ(Bundle::main().info(), sampleMembers) << "which does not hang on its path";
+}
+
+TEST_F(MainBundleTest, IsNotThatOfAnotherProgramBesideIt) {
+    fake::world().mainExecutable = "/nonexistent/Halvo.app/Contents/MacOS/Halvo";
+    fake::world().mainInfo = sample;
+    const Bundle other = Bundle::ofProcess("/nonexistent/Halvo.app/Contents/MacOS/Other");
+    EXPECT_EQ(other.path(), Bundle::main().path());
+    EXPECT_EQ(other.info(), std::nullopt);
+    EXPECT_EQ(other.executablePath(), "/nonexistent/Halvo.app/Contents/MacOS/Other");
+}
+
+TEST_F(MainBundleTest, IsFoundByTheExecutableOfTheProcess) {
+    fake::world().mainExecutable = "/nonexistent/Halvo.app/Contents/MacOS/Halvo";
+    fake::world().mainInfo = sample;
+    EXPECT_EQ(Bundle::ofProcess("/nonexistent/Halvo.app/Contents/MacOS/Halvo").info(),
+              sampleMembers);
+}
+
+TEST_F(MainBundleTest, LeavesNothingBehind) {
+    fake::world().mainInfo = sample;
+    std::ignore = Bundle::main().info();
+    const long texts = fake::liveObjects("NSString");
+    const long dictionaries = fake::liveObjects("NSDictionary");
+    const long bundles = fake::liveObjects("NSBundle");
+    for (int count = 0; count < 10; ++count) {
+        EXPECT_EQ(Bundle::main().info(), sampleMembers);
+        EXPECT_EQ(Bundle("/nonexistent").info(), std::nullopt);
+        EXPECT_EQ(Bundle("/nonexistent").executablePath(), std::nullopt);
+    }
+    EXPECT_EQ(fake::liveObjects("NSString"), texts);
+    EXPECT_EQ(fake::liveObjects("NSDictionary"), dictionaries);
+    EXPECT_EQ(fake::liveObjects("NSBundle"), bundles);
+}
+
+class BundleOnDiskTest : public ::testing::Test {
+  protected:
+    BundleOnDiskTest() {
+        fake::reset();
+        std::filesystem::create_directories(path + "/Contents/MacOS");
+    }
+
+    void writeInfo(const std::string& bytes) const { writeTestFile(bundle.infoPath(), bytes); }
+
+    TemporaryFolder folder;
+    std::string path = folder / "Halvo.app";
+    std::string executable = path + "/Contents/MacOS/Halvo";
+    Bundle bundle{path};
+};
+
+TEST_F(BundleOnDiskTest, TellsStringsFromOtherValues) {
+    writeInfo(sample);
+    EXPECT_EQ(bundle.info(), sampleMembers);
+}
+
+TEST_F(BundleOnDiskTest, HasNoInfoWithoutAFile) { EXPECT_EQ(bundle.info(), std::nullopt); }
+
+TEST_F(BundleOnDiskTest, HasNeitherInfoNorExecutableWithoutAFolder) {
+    const Bundle missing(folder / "Missing.app");
+    EXPECT_EQ(missing.info(), std::nullopt);
+    EXPECT_EQ(missing.executablePath(), std::nullopt);
+}
+
+TEST_F(BundleOnDiskTest, HasNeitherInfoNorExecutableAtAPathThatIsNotUTF8) {
+    const std::string place = folder / "\xFF.app";
+    std::filesystem::create_directories(place + "/Contents/MacOS");
+    writeTestFile(place + "/Contents/Info.plist",
+                  plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
+    writeTestFile(place + "/Contents/MacOS/Halvo", "");
+    EXPECT_EQ(Bundle(place).info(), std::nullopt);
+    EXPECT_EQ(Bundle(place).executablePath(), std::nullopt);
+}
+
+TEST_F(BundleOnDiskTest, NamesItsExecutable) {
+    writeInfo(plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
+    writeTestFile(executable, "");
+    EXPECT_EQ(bundle.executablePath(), executable);
+}
+
+TEST_F(BundleOnDiskTest, HasNoExecutableWhenTheFileIsMissing) {
+    writeInfo(plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
+    EXPECT_EQ(bundle.executablePath(), std::nullopt);
+}
+
+TEST_F(BundleOnDiskTest, HasTheExecutableOfTheProcessThatItIsMadeFor) {
+    writeInfo(sample);
+    const Bundle ofProcess = Bundle::ofProcess(executable);
+    EXPECT_EQ(ofProcess.path(), path);
+    EXPECT_EQ(ofProcess.executablePath(), executable);
+    EXPECT_EQ(ofProcess.info(), sampleMembers);
+}
+
+}  // namespace
+}  // namespace halvo

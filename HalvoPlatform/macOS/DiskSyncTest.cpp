@@ -1,0 +1,57 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/DiskSync.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo {
+namespace {
+
+using testing::TemporaryFolder;
+
+class DiskSyncTest : public ::testing::Test {
+  protected:
+    DiskSyncTest() { fake::reset(); }
+
+    TemporaryFolder folder;
+    Descriptor file{open((folder / "file").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600)};
+};
+
+TEST_F(DiskSyncTest, EmptiesTheDrivesOwnCacheToo) {
+    EXPECT_EQ(syncToDisk(file.get()), 0);
+    EXPECT_EQ(fake::world().fullSyncCalls, 1);
+    EXPECT_EQ(fake::world().syncCalls, 0) << "one of the two is enough";
+}
+
+TEST_F(DiskSyncTest, SyncsAFolder) {
+    const Descriptor place(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_EQ(syncToDisk(place.get()), 0);
+    EXPECT_EQ(fake::world().fullSyncCalls, 1);
+}
+
+TEST_F(DiskSyncTest, DoesWhatAFileSystemCanThatDoesNotKnowIt) {
+    fake::world().fullSyncError = ENOTSUP;
+    EXPECT_EQ(syncToDisk(file.get()), 0);
+    EXPECT_EQ(fake::world().fullSyncCalls, 1);
+    EXPECT_EQ(fake::world().syncCalls, 1);
+}
+
+TEST_F(DiskSyncTest, SaysWhyBothFailed) {
+    fake::world().fullSyncError = ENOTTY;
+    fake::world().syncError = EIO;
+    EXPECT_EQ(syncToDisk(file.get()), EIO);
+    EXPECT_EQ(fake::world().syncCalls, 1);
+}
+
+TEST_F(DiskSyncTest, DoesNotMindAFallbackThatIsNotNeeded) {
+    fake::world().syncError = EIO;
+    EXPECT_EQ(syncToDisk(file.get()), 0);
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,323 @@
+#include <dispatch/dispatch.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "HalvoPlatform/MainActor.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/ChildProcess.hpp"
+
+namespace halvo {
+namespace {
+
+constexpr std::uint64_t millisecond = 1'000'000;
+constexpr std::uint64_t second = 1'000 * millisecond;
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+// What Dispatch was asked for, with the first turn counted from now on.
+struct TimerAsked {
+    std::uint64_t wait{};
+    std::uint64_t interval{};
+    std::uint64_t leeway{};
+    bool isStrict{};
+
+    bool operator==(const TimerAsked&) const = default;
+
+    friend void PrintTo(const TimerAsked& timer, std::ostream* stream) {
+        *stream << "{wait " << timer.wait << ", interval " << timer.interval << ", leeway "
+                << timer.leeway << (timer.isStrict ? ", strict}" : "}");
+    }
+};
+
+std::vector<TimerAsked> timersAsked() {
+    std::vector<TimerAsked> asked;
+    for (const fake::Timer& timer : fake::timers()) {
+        asked.push_back(
+            {timer.first - fake::world().sinceBoot, timer.interval, timer.leeway, timer.isStrict});
+    }
+    return asked;
+}
+
+// Which thread a turn ran on, and when.
+struct Turn {
+    bool isOnMainActor{};
+    bool isOnInitialThread{};
+    std::uint64_t time{};
+
+    bool operator==(const Turn&) const = default;
+
+    friend void PrintTo(const Turn& turn, std::ostream* stream) {
+        *stream << "{" << (turn.isOnMainActor ? "main actor" : "elsewhere")
+                << (turn.isOnInitialThread ? ", initial thread, " : ", ") << turn.time << "}";
+    }
+};
+
+class MainQueueTest : public ::testing::Test {
+  protected:
+    MainQueueTest() {
+        fake::reset();
+        start = fake::world().sinceBoot;
+    }
+
+    ~MainQueueTest() override { std::signal(SIGTERM, SIG_DFL); }
+
+    // A turn as it should be, `wait` nanoseconds after the test's beginning.
+    static Turn turnAfter(std::uint64_t wait) { return {true, false, wait}; }
+
+    // Work that notes its turns.
+    MainQueue::Work noted() {
+        return [this] {
+            turns.push_back({onMainActor(), std::this_thread::get_id() == initialThread,
+                             fake::world().sinceBoot - start});
+        };
+    }
+
+    const std::thread::id initialThread = std::this_thread::get_id();
+    std::uint64_t start{};
+    std::vector<Turn> turns;
+    MainQueue& queue = liveMainQueue();
+};
+
+TEST_F(MainQueueTest, IsOne) { EXPECT_EQ(&queue, &liveMainQueue()); }
+
+TEST_F(MainQueueTest, RunsWorkLaterAndInOrder) {
+    std::string order;
+    queue.async([&] { order += 'a'; });
+    queue.async([&] { order += 'b'; });
+    queue.async([&] { order += 'c'; });
+    EXPECT_EQ(order, "");
+    fake::serve(0);
+    EXPECT_EQ(order, "abc");
+}
+
+TEST_F(MainQueueTest, RunsWorkOfWorkAfterWhatIsEnqueuedAlready) {
+    std::string order;
+    queue.async([&] {
+        queue.async([&] { order += 'c'; });
+        order += 'a';
+    });
+    queue.async([&] { order += 'b'; });
+    fake::serve(0);
+    EXPECT_EQ(order, "abc");
+}
+
+TEST_F(MainQueueTest, RunsWorkOnTheMainQueueWhichIsNotTheInitialThread) {
+    queue.async(noted());
+    std::thread([this] { queue.async(noted()); }).join();
+    fake::serve(0);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(0), turnAfter(0)}));
+}
+
+TEST_F(MainQueueTest, RunsWorkBeforeATimerThatIsNotYetDue) {
+    std::string order;
+    queue.after(Seconds{1}, [&] {
+        order += 'a';
+        queue.async([&] { order += 'b'; });
+    });
+    queue.after(Seconds{1.001}, [&] { order += 'c'; });
+    fake::serve(2);
+    EXPECT_EQ(order, "abc");
+}
+
+TEST_F(MainQueueTest, LetsGoOfWorkThatHasRun) {
+    auto held = std::make_shared<int>(1);
+    const std::weak_ptr<int> seen = held;
+    queue.async([held] { EXPECT_EQ(*held, 1); });
+    queue.after(Seconds{1}, [held = std::move(held)] { EXPECT_EQ(*held, 1); });
+    fake::serve(0);
+    EXPECT_FALSE(seen.expired());
+    fake::serve(1);
+    EXPECT_TRUE(seen.expired());
+}
+
+TEST_F(MainQueueTest, AsksForTheTimerThatIsWanted) {
+    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, [] {});
+    EXPECT_EQ(timersAsked(),
+              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false}}));
+    queue.repeat(Seconds{0}, Seconds{0.5}, Seconds{0}, [] {});
+    EXPECT_EQ(timersAsked(),
+              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false},
+                                       {0, 500 * millisecond, 0, false}}));
+}
+
+TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
+    queue.repeat(Seconds{1}, Seconds{2}, Seconds{0.2}, noted());
+    fake::serve(0.999);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+    fake::serve(4.5);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(1 * second), turnAfter(3 * second),
+                                        turnAfter(5 * second)}));
+    EXPECT_EQ(fake::timers().size(), 1U);
+}
+
+TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDue) {
+    queue.after(Seconds{1.5}, noted());
+    EXPECT_EQ(timersAsked(),
+              (std::vector<TimerAsked>{{1'500 * millisecond, DISPATCH_TIME_FOREVER, 0, true}}));
+    fake::serve(1.499);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+    fake::serve(100);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(1'500 * millisecond)}));
+    EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
+}
+
+TEST_F(MainQueueTest, KeepsADelayToTheNanosecond) {
+    queue.after(Seconds{0.123456789}, noted());
+    EXPECT_EQ(timersAsked(),
+              (std::vector<TimerAsked>{{123'456'789, DISPATCH_TIME_FOREVER, 0, true}}));
+    fake::serve(1);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(123'456'789)}));
+}
+
+TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
+    for (const double delay : {0.0, -0.0, -1.0, -infinity, std::nan("")}) {
+        turns.clear();
+        queue.after(Seconds{delay}, noted());
+        EXPECT_EQ(turns, std::vector<Turn>{});
+        EXPECT_EQ(timersAsked(), (std::vector<TimerAsked>{{0, DISPATCH_TIME_FOREVER, 0, true}}))
+            << delay;
+        fake::serve(0);
+        EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(0)})) << delay;
+        EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{});
+    }
+}
+
+TEST_F(MainQueueTest, TakesADelayOfMoreThanACenturyForACentury) {
+    constexpr std::uint64_t century = 3'155'695'200 * second;
+    for (const double delay : {infinity, 1e300, 1e10, 3'155'695'201.0, 3'155'695'200.0}) {
+        queue.after(Seconds{delay}, noted());
+        EXPECT_EQ(timersAsked().back(), (TimerAsked{century, DISPATCH_TIME_FOREVER, 0, true}))
+            << delay;
+    }
+    queue.after(Seconds{3'155'695'199.0}, noted());
+    EXPECT_EQ(timersAsked().back().wait, century - second);
+    fake::serve(3'155'695'198.0);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+    fake::serve(2);
+    EXPECT_EQ(turns.size(), 6U);
+}
+
+TEST_F(MainQueueTest, LetsDelayedWorkAskForMore) {
+    std::string order;
+    queue.after(Seconds{1}, [&] {
+        queue.after(Seconds{1}, [&] {
+            order += 'b';
+            noted()();
+        });
+        order += 'a';
+        EXPECT_EQ(fake::timers().size(), 1U) << "its own is given up";
+    });
+    fake::serve(2);
+    EXPECT_EQ(order, "ab");
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(2 * second)}));
+    EXPECT_TRUE(fake::timers().empty());
+}
+
+TEST_F(MainQueueTest, TurnsSeveralTimersEachInItsTime) {
+    std::string order;
+    queue.after(Seconds{0.2}, [&] { order += 'b'; });
+    queue.repeat(Seconds{0.1}, Seconds{0.15}, Seconds{0}, [&] { order += 'a'; });
+    queue.after(Seconds{0.3}, [&] { order += 'c'; });
+    fake::serve(0.45);
+    EXPECT_EQ(order, "abaca");
+}
+
+// How SIGTERM is disposed of.
+bool isIgnored(int signal) {
+    struct sigaction action{};
+    EXPECT_EQ(sigaction(signal, nullptr, &action), 0);
+    return action.sa_handler == SIG_IGN;
+}
+
+TEST_F(MainQueueTest, RunsTheTerminationForEverySIGTERM) {
+    queue.onTermination(noted());
+    fake::at(1, [] { EXPECT_TRUE(fake::raise(SIGTERM)); });
+    fake::at(2, [] { EXPECT_TRUE(fake::raise(SIGTERM)); });
+    fake::serve(3);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(1 * second), turnAfter(2 * second)}));
+}
+
+// Or the signal would end the process before anybody is told.
+TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceSomebodyAsksForIt) {
+    EXPECT_FALSE(isIgnored(SIGTERM));
+    EXPECT_FALSE(fake::raise(SIGTERM));
+    queue.onTermination(noted());
+    EXPECT_TRUE(isIgnored(SIGTERM));
+    ASSERT_EQ(std::raise(SIGTERM), 0);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+}
+
+TEST_F(MainQueueTest, LeavesOtherSignalsAsTheyAre) {
+    queue.onTermination(noted());
+    for (const int signal : {SIGINT, SIGHUP, SIGQUIT}) {
+        EXPECT_FALSE(isIgnored(signal)) << signal;
+        EXPECT_FALSE(fake::raise(signal)) << signal;
+    }
+    fake::serve(0);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+}
+
+TEST_F(MainQueueTest, TellsTimeInSecondsOnTheClockThatCountsSleep) {
+    fake::world().sinceBoot = 1'500'000'000;
+    EXPECT_EQ(queue.now().count(), 1.5);
+    fake::world().sinceBoot = 51'873'204'417'375;
+    EXPECT_DOUBLE_EQ(queue.now().count(), 51'873.204417375);
+}
+
+TEST_F(MainQueueTest, TellsTimeOnAnyThread) {
+    fake::world().sinceBoot = 250 * millisecond;
+    double seconds = 0;
+    std::thread([&] { seconds = queue.now().count(); }).join();
+    EXPECT_EQ(seconds, 0.25);
+}
+
+TEST_F(MainQueueTest, IsServedByRunUntilTheScriptIsOver) {
+    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, noted());
+    fake::endAt(5);
+    EXPECT_THROW(queue.run(), fake::Over);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(2 * second), turnAfter(4 * second)}));
+}
+
+TEST_F(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
+    for (const int status : {75, 0}) {
+        const auto result = testing::runInChild([&] {
+            queue.onTermination([&] { queue.exit(status); });
+            fake::at(1, [] { fake::raise(SIGTERM); });
+            fake::endAt(2);
+            queue.run();
+        });
+        EXPECT_EQ(result.status, status) << result.output;
+    }
+}
+
+TEST_F(MainQueueTest, ExitsBeforeItIsServed) {
+    const auto result = testing::runInChild([this] { queue.exit(78); });
+    EXPECT_EQ(result.status, 78) << result.output;
+}
+
+TEST_F(MainQueueTest, IsMadeOnTheMainThreadOnly) {
+    const auto result = testing::runInChild([] { std::thread(liveMainQueue).join(); });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+}
+
+TEST_F(MainQueueTest, IsServedOnTheMainThreadOnly) {
+    const auto result =
+        testing::runInChild([this] { std::thread([this] { queue.run(); }).join(); });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace halvo

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "HalvoShared/AppGroup.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::TemporaryFolder;
+using testing::writeTestFile;
+
+class DarwinAppGroupTest : public ::testing::Test {
+  protected:
+    DarwinAppGroupTest() {
+        fake::reset();
+        fake::world().groupContainers["group.a"] = groups + "/group.a";
+        fake::world().applicationSupport = support;
+    }
+
+    TemporaryFolder home;
+    std::string groups = home / "Library/Group Containers";
+    std::string support = home / "Library/Application Support";
+    std::string noGroup = support + "/Halvo-NoGroup";
+};
+
+TEST_F(DarwinAppGroupTest, HasTheFolderThatTheSystemHasForIt) {
+    EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
+    EXPECT_FALSE(fs::exists(noGroup));
+}
+
+TEST_F(DarwinAppGroupTest, HasAFolderWithoutAnIdentifier) {
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
+    EXPECT_TRUE(fs::is_directory(noGroup)) << "made with the folders above it";
+}
+
+TEST_F(DarwinAppGroupTest, TakesAGroupThatTheSystemDoesNotKnowForNone) {
+    for (const char* identifier : {"group.b", "group.a.b", "Group.a", ""}) {
+        EXPECT_EQ(AppGroup::containerOf(identifier), noGroup) << identifier;
+    }
+    EXPECT_TRUE(fs::is_directory(noGroup));
+}
+
+TEST_F(DarwinAppGroupTest, TakesAnIdentifierThatIsNotUTF8ForNone) {
+    EXPECT_EQ(AppGroup::containerOf("group.\xFF"), noGroup);
+    EXPECT_TRUE(fs::is_directory(noGroup));
+}
+
+TEST_F(DarwinAppGroupTest, KeepsWhatIsInTheFolderAlready) {
+    fs::create_directories(noGroup);
+    writeTestFile(noGroup + "/keepalive.json", "{}");
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
+    EXPECT_EQ(testing::readTestFile(noGroup + "/keepalive.json"), "{}");
+}
+
+TEST_F(DarwinAppGroupTest, LooksAgainOnEachUse) {
+    EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
+    fake::world().groupContainers.clear();
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    fs::remove_all(noGroup);
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    EXPECT_TRUE(fs::is_directory(noGroup));
+    fake::world().applicationSupport = home / "Hälvö";
+    EXPECT_EQ(AppGroup::containerOf("group.a"), home / "Hälvö/Halvo-NoGroup");
+}
+
+// Where records lie must not change with the state of the disk: others would look elsewhere.
+TEST_F(DarwinAppGroupTest, HasTheSamePathWhenTheFolderCannotBeMade) {
+    writeTestFile(home / "Library", "a file in its place");
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
+    EXPECT_EQ(testing::readTestFile(home / "Library"), "a file in its place");
+    EXPECT_TRUE(fake::world().log.empty());
+}
+
+TEST_F(DarwinAppGroupTest, IsThatOfTheMainBundle) {
+    fake::world().mainInfo = "<plist version=\"1.0\"><dict>"
+                             "<key>HalvoAppGroup</key><string>group.a</string></dict></plist>";
+    EXPECT_EQ(AppGroup::identifier(), "group.a");
+    EXPECT_EQ(AppGroup::container(), groups + "/group.a");
+}
+
+TEST_F(DarwinAppGroupTest, IsNoneWhereTheMainBundleNamesNone) {
+    fake::world().mainInfo =
+        "<plist version=\"1.0\"><dict><key>HalvoAppGroup</key><true/></dict></plist>";
+    EXPECT_EQ(AppGroup::identifier(), std::nullopt);
+    EXPECT_EQ(AppGroup::container(), noGroup);
+}
+
+TEST_F(DarwinAppGroupTest, LeavesNothingBehind) {
+    AppGroup::containerOf(std::nullopt);
+    const long texts = fake::liveObjects("NSString");
+    const long places = fake::liveObjects("NSURL");
+    for (int count = 0; count < 10; ++count) {
+        AppGroup::containerOf("group.a");
+        AppGroup::containerOf("group.b");
+        AppGroup::containerOf(std::nullopt);
+    }
+    EXPECT_EQ(fake::liveObjects("NSString"), texts);
+    EXPECT_EQ(fake::liveObjects("NSURL"), places);
+}
+
+}  // namespace
+}  // namespace halvo

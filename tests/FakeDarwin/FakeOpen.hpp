@@ -1,0 +1,38 @@
+// A /usr/bin/open for a private machine.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestReport.hpp"
+
+namespace halvo::testing {
+
+// While it lives /usr/bin holds nothing but an `open` that reports how it was started.
+class FakeOpen {
+  public:
+    FakeOpen() {
+        EXPECT_TRUE(folder_.isMounted());
+        copyProgram(HALVO_REPORTING_PROGRAM, "/usr/bin/open");
+    }
+
+    FakeOpen(const FakeOpen&) = delete;
+    FakeOpen& operator=(const FakeOpen&) = delete;
+
+    ~FakeOpen() { std::filesystem::remove(place); }
+
+    // How it was started, by somebody who may not write into /usr/bin.
+    [[nodiscard]] TestReport report() const { return readReport(place); }
+
+    [[nodiscard]] bool wasStarted() const { return std::filesystem::exists(place); }
+
+  private:
+    static constexpr const char* place = "/tmp/open.report";
+
+    PrivateMount folder_{"tmpfs", "tmpfs", "/usr/bin", 0, "mode=755"};
+};
+
+}  // namespace halvo::testing
