@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 
 namespace halvo {
@@ -89,6 +90,19 @@ TEST_F(DarwinClockTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
 TEST_F(DarwinClockTest, CountsAsFarAsTheSystemCounts) {
     fake::world().sinceBoot = 0x8000'0000'0000'0000;
     EXPECT_EQ(sinceBoot().count(), 9'223'372'036'854'775'808.0 / 1'000'000'000.0);
+}
+
+TEST_F(DarwinClockTest, ReadsBothClocksAtEveryReading) {
+    SystemHelperClock clock;
+    const ClockReading before = clock.reading();
+    EXPECT_EQ(before.sinceBoot.count(), 1'000);
+    EXPECT_EQ(before.wall, wallDate(1'800'001'000));
+    fake::world().bootedAt -= 7'200;
+    fake::serve(0.5);
+    const ClockReading after = clock.reading();
+    EXPECT_EQ(after.sinceBoot.count(), 1'000.5);
+    EXPECT_EQ(after.wall, wallDate(1'799'993'800.5)) << "somebody set the wall clock";
+    EXPECT_EQ(after.bootID, before.bootID);
 }
 
 // What happens at the first reading of a process needs a process that has taken none: it is

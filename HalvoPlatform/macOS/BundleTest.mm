@@ -7,6 +7,7 @@
 
 #include "HalvoPlatform/Bundle.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/FakeDarwin/FakeFoundation.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {
@@ -67,6 +68,17 @@ TEST_F(MainBundleTest, HasNoExecutableWhenTheSystemDoesNotTell) {
     EXPECT_EQ(Bundle::main().info(), sampleMembers) << "which does not hang on its path";
 }
 
+TEST_F(MainBundleTest, LeavesOutWhatUTF8CannotHold) {
+    @autoreleasepool {
+        fake::setMainInfo(@{
+            @"Name" : @"Hälvö",
+            @"Value" : fake::loneSurrogate(),
+            fake::loneSurrogate() : @"a name that is none",
+        });
+    }
+    EXPECT_EQ(Bundle::main().info(), (InfoDictionary{{"Name", "Hälvö"}, {"Value", NotAString{}}}));
+}
+
 TEST_F(MainBundleTest, IsNotThatOfAnotherProgramBesideIt) {
     fake::world().mainExecutable = "/nonexistent/Halvo.app/Contents/MacOS/Halvo";
     fake::world().mainInfo = sample;
@@ -119,7 +131,12 @@ TEST_F(BundleOnDiskTest, TellsStringsFromOtherValues) {
     EXPECT_EQ(bundle.info(), sampleMembers);
 }
 
-TEST_F(BundleOnDiskTest, HasNoInfoWithoutAFile) { EXPECT_EQ(bundle.info(), std::nullopt); }
+// A bundle that is there has an -infoDictionary in any case.
+TEST_F(BundleOnDiskTest, HasNoMembersWithoutAFileThatCanBeRead) {
+    EXPECT_EQ(bundle.info(), InfoDictionary{});
+    writeInfo("not a property list");
+    EXPECT_EQ(bundle.info(), InfoDictionary{});
+}
 
 TEST_F(BundleOnDiskTest, HasNeitherInfoNorExecutableWithoutAFolder) {
     const Bundle missing(folder / "Missing.app");

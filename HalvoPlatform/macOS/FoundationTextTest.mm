@@ -5,17 +5,12 @@
 
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/FakeDarwin/FakeFoundation.hpp"
 
 namespace halvo {
 namespace {
 
 using namespace std::string_literals;
-
-// "a", the first half of a surrogate pair, "b": no text in UTF-8.
-NSString* halfAPair() {
-    const unichar units[] = {'a', 0xD83C, 'b'};
-    return [[NSString alloc] initWithCharacters:units length:3];
-}
 
 TEST(FoundationTextTest, IsTheTextInUTF8) {
     @autoreleasepool {
@@ -33,7 +28,7 @@ TEST(FoundationTextTest, TellsNoTextFromAnEmptyOne) {
 
 TEST(FoundationTextTest, HasNoTextWhereUTF8CannotHoldIt) {
     @autoreleasepool {
-        EXPECT_EQ(textOf(halfAPair()), std::nullopt);
+        EXPECT_EQ(textOf(fake::loneSurrogate()), std::nullopt);
     }
 }
 
@@ -69,7 +64,7 @@ TEST(FoundationTextTest, LeavesNothingBehind) {
         for (const char* text : {"Hälvö", "", "\xFF"}) {
             textOf(foundationText(text));
         }
-        textOf(halfAPair());
+        textOf(fake::loneSurrogate());
     }
     EXPECT_EQ(fake::liveObjects("NSString"), texts);
     EXPECT_EQ(fake::liveObjects("NSData"), bytes);

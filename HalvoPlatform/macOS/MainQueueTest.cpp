@@ -43,8 +43,7 @@ struct TimerAsked {
 std::vector<TimerAsked> timersAsked() {
     std::vector<TimerAsked> asked;
     for (const fake::Timer& timer : fake::timers()) {
-        asked.push_back(
-            {timer.first - fake::world().sinceBoot, timer.interval, timer.leeway, timer.isStrict});
+        asked.push_back({timer.first, timer.interval, timer.leeway, timer.isStrict});
     }
     return asked;
 }
