@@ -220,26 +220,42 @@ INSTANTIATE_TEST_SUITE_P(Executables, ConnectionAdmissionNoBundleTest,
 // -------------------------------------------------------------------------------------- its
 // lifetime
 
-TEST_F(ConnectionAdmissionTest, LetsGoOfWhatItExportedAfterTheInvalidation) {
+// Those of one test; others may have left some to the pool of the thread.
+class ConnectionAdmissionLifetimeTest : public ConnectionAdmissionTest {
+  protected:
+    [[nodiscard]] long exportedObjects() const {
+        return fake::liveObjects("HelperConnection") - exportedBefore;
+    }
+
+    [[nodiscard]] long connections() const {
+        return fake::liveObjects("NSXPCConnection") - connectionsBefore;
+    }
+
+  private:
+    const long exportedBefore = fake::liveObjects("HelperConnection");
+    const long connectionsBefore = fake::liveObjects("NSXPCConnection");
+};
+
+TEST_F(ConnectionAdmissionLifetimeTest, LetsGoOfWhatItExportedAfterTheInvalidation) {
     @autoreleasepool {
         NSXPCConnection* connection = connect();
         status(connection);
         fake::serve(0);
-        EXPECT_EQ(fake::liveObjects("HelperConnection"), 1);
+        EXPECT_EQ(exportedObjects(), 1);
         fake::invalidate(connection);
         fake::serve(0);
     }
-    EXPECT_EQ(fake::liveObjects("HelperConnection"), 0);
-    EXPECT_EQ(fake::liveObjects("NSXPCConnection"), 0);
+    EXPECT_EQ(exportedObjects(), 0);
+    EXPECT_EQ(connections(), 0);
 }
 
-TEST_F(ConnectionAdmissionTest, AnswersARequestWhoseConnectionDiesMeanwhile) {
+TEST_F(ConnectionAdmissionLifetimeTest, AnswersARequestWhoseConnectionDiesMeanwhile) {
     @autoreleasepool {
         NSXPCConnection* connection = connect();
         status(connection);
         fake::invalidate(connection);
     }
-    EXPECT_EQ(fake::liveObjects("HelperConnection"), 0);
+    EXPECT_EQ(exportedObjects(), 0);
     fake::serve(0);
     EXPECT_THAT(events, ElementsAre("opened", "idle", "closed"));
 }

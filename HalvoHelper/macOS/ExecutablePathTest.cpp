@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,9 +19,11 @@ class ExecutablePathTest : public ::testing::Test {
   protected:
     ExecutablePathTest() { fake::reset(); }
 
-    // What is told of a process that runs the executable at `path`.
-    std::optional<std::string_view> told(const std::string& path) {
-        fake::world().processes = {{process, 501, path}};
+    // What is told of a process that runs the executable at `path`, when the kernel says that it
+    // has so many bytes.
+    std::optional<std::string_view> told(const std::string& path,
+                                         std::optional<int> size = std::nullopt) {
+        fake::world().processes = {{process, 501, path, 64, size}};
         return executablePath(process, *buffer);
     }
 
@@ -58,8 +61,21 @@ TEST_F(ExecutablePathTest, MayFillTheWholeBuffer) {
 }
 
 TEST_F(ExecutablePathTest, EndsWithTheBufferWhenTheKernelSaysMore) {
-    const std::string path = "/" + std::string(2 * buffer->size(), 'a');
-    EXPECT_EQ(told(path), path.substr(0, buffer->size()));
+    const std::string path = "/" + std::string(buffer->size() - 1, 'a');
+    EXPECT_EQ(told(path, 4097), path);
+    EXPECT_EQ(told(path + "a", 4097), path);
+    EXPECT_EQ(told(path, std::numeric_limits<int>::max()), path);
+}
+
+TEST_F(ExecutablePathTest, IsFilledUpWithZerosWhereTheKernelWroteLessThanItSays) {
+    EXPECT_EQ(told("/usr/bin/longer"), "/usr/bin/longer");
+    EXPECT_EQ(told("/bin/x", 8), std::string_view("/bin/x\0\0", 8));
+}
+
+TEST_F(ExecutablePathTest, IsNothingWhenTheKernelFailsWhateverItWrote) {
+    EXPECT_EQ(told("/bin/x", 0), std::nullopt);
+    EXPECT_EQ(told("/bin/x", -1), std::nullopt);
+    EXPECT_EQ(told("/bin/x", std::numeric_limits<int>::min()), std::nullopt);
 }
 
 TEST_F(ExecutablePathTest, AllocatesNothing) {

@@ -16,7 +16,7 @@ class FakeOpen {
   public:
     FakeOpen() {
         EXPECT_TRUE(folder_.isMounted());
-        copyProgram(HALVO_REPORTING_PROGRAM, "/usr/bin/open");
+        copyProgram(HALVO_TEST_APP, "/usr/bin/open");
     }
 
     FakeOpen(const FakeOpen&) = delete;

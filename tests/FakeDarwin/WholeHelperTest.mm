@@ -31,7 +31,7 @@
 #include "tests/Support/TemporaryFolder.hpp"
 
 // The helper's main().
-int halvoHelperMain(int count, char** words);
+extern "C" int halvoHelperMain(int count, char** words);
 
 namespace halvo::testing {
 namespace {
@@ -223,7 +223,7 @@ class App {
         });
     }
 
-    static void (^noting(const std::string& what))(BOOL) {
+    static void (^noting(std::string what))(BOOL) {
         return ^(BOOL ok) {
           note(what + (ok ? " yes" : " no"));
         };
@@ -415,7 +415,7 @@ TEST_F(WholeHelperPrivateMachineTest, ChecksEveryTwoSecondsAFifthOfASecondLateAt
             const std::uint64_t second = 1'000'000'000;
             ASSERT_EQ(fake::timers().size(), 1U);
             const fake::Timer timer = fake::timers().front();
-            EXPECT_EQ(timer.first, record().startedAt + 2 * second);
+            EXPECT_EQ(timer.first, 2 * second);
             EXPECT_EQ(timer.interval, 2 * second);
             EXPECT_EQ(timer.leeway, second / 5);
             EXPECT_FALSE(timer.isStrict);
