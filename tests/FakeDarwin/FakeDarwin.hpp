@@ -21,7 +21,7 @@ struct Process {
     pid_t pid{};
     std::uint32_t uid{};
     // What proc_pidpath() writes, byte for byte; it fails when this is empty.
-    std::string path;
+    std::string path{};
     // How many bytes proc_pidinfo() returns; 64 is all of them.
     int infoSize = 64;
     // What proc_pidpath() returns in place of the number of bytes that it wrote.
@@ -48,7 +48,8 @@ struct Launch {
 };
 
 struct World {
-    // libproc. The processes in the order in which they are listed, besides those of pid 0.
+    // libproc. The processes in the order in which they are listed; the kernel's own, of pid 0, is
+    // one of them only when it is here.
     std::vector<Process> processes;
     // What proc_listallpids() returns without a buffer, and with one, in place of the truth.
     std::optional<int> announcedProcesses;
@@ -89,7 +90,8 @@ struct World {
     std::map<std::string, std::string> groupContainers;
     std::string applicationSupport = "/nonexistent";
 
-    // Tasks: those launched, what happens then, and why the next cannot be launched.
+    // Tasks: those launched, what happens then, and why none can be launched. A task without an
+    // environment of its own has the process's.
     std::vector<Launch> launches;
     std::function<void(const Launch&)> onLaunch;
     std::optional<std::string> launchError;
@@ -106,16 +108,19 @@ struct World {
 
 World& world();
 
-// Everything as in a new process: the world, the queues, the sources, the listeners.
+// Everything as in a new process: the world, the queues, the sources, the listeners. Only what was
+// set on the main queue by dispatch_queue_set_specific(3) stays, as static variables do.
 void reset();
 
 // The texts of the log at one level, in order.
 std::vector<std::string> errors();
 std::vector<std::string> notices();
 
-// Dispatch. Time passes only inside dispatch_main(), which serves the main queue on a thread of its
-// own, as Dispatch does, until the script is over; it then throws Over. Elsewhere, serve() runs
-// what the queue holds, and what comes due within `seconds`.
+// Dispatch. Timers go by a clock of their own, which passes with World::sinceBoot but stands still
+// when a test moves that one: then the machine was asleep. Time passes only inside dispatch_main(),
+// which serves the main queue on a thread of its own, as Dispatch does, until the script is over;
+// it then throws Over. Elsewhere, serve() runs what the queue holds, and what comes due within
+// `seconds`.
 struct Over {};
 
 // Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
@@ -131,7 +136,8 @@ void serve(double seconds);
 // What a kernel does with `signal`: tells the sources that watch it. False when nobody does.
 bool raise(int signal);
 
-// What sources were made and not released, with their leeway and whether they are strict.
+// The timers that were made and not released, in the order of their making: what each was set to,
+// in nanoseconds. `first` counts from when it was set.
 struct Timer {
     std::uint64_t first{};
     std::uint64_t interval{};
@@ -141,7 +147,8 @@ struct Timer {
 
 std::vector<Timer> timers();
 
-// Objective-C objects of the class `name` that are alive.
+// Objective-C objects of the class `name` and its subclasses that are alive; literals do not count.
+// What was autoreleased lives until its pool ends, so a test that counts has a pool of its own.
 long liveObjects(const char* name);
 
 }  // namespace fake
