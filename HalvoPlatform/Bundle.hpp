@@ -24,7 +24,9 @@ std::optional<std::string> infoString(const InfoDictionary& info, const std::str
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
 // thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
-// as missing.
+// as missing. On macOS the system reads them instead (-[NSBundle infoDictionary]): of any length,
+// once for each bundle and process, and a bundle that is there has members even without an
+// Info.plist, the system's own.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.

@@ -252,7 +252,7 @@ TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceSomebodyAsksForIt) {
     EXPECT_FALSE(isIgnored(SIGTERM));
     EXPECT_FALSE(fake::raise(SIGTERM));
     queue.onTermination(noted());
-    EXPECT_TRUE(isIgnored(SIGTERM));
+    ASSERT_TRUE(isIgnored(SIGTERM));
     ASSERT_EQ(std::raise(SIGTERM), 0);
     EXPECT_EQ(turns, std::vector<Turn>{});
 }

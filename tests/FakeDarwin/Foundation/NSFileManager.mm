@@ -11,6 +11,9 @@
 }
 
 - (NSURL*)containerURLForSecurityApplicationGroupIdentifier:(NSString*)group {
+    if (group == nil) {
+        fake::refuse("nil as a group");
+    }
     const auto& containers = fake::world().groupContainers;
     const auto found = containers.find(fake::textOf(group));
     return found == containers.end() ? nil : [NSURL fileURLWithPath:fake::stringOf(found->second)];
