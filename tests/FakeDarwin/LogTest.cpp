@@ -14,14 +14,14 @@ void logFromObjectiveC(const char* text);
 
 namespace {
 
-class LogTest : public ::testing::Test {
+class FakeLogTest : public ::testing::Test {
   protected:
     void SetUp() override { fake::reset(); }
 
     os_log_t log = os_log_create("app.halvo", "Test");
 };
 
-TEST_F(LogTest, RecordsWhoSaysWhat) {
+TEST_F(FakeLogTest, RecordsWhoSaysWhat) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "a notice");
     os_log_with_type(log, OS_LOG_TYPE_ERROR, "an error");
     EXPECT_EQ(fake::world().log,
@@ -31,25 +31,25 @@ TEST_F(LogTest, RecordsWhoSaysWhat) {
     EXPECT_EQ(fake::errors(), std::vector<std::string>{"an error"});
 }
 
-TEST_F(LogTest, FillsInWhatIsPublic) {
+TEST_F(FakeLogTest, FillsInWhatIsPublic) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%{public}s %{public}ld %d %05.1f 100%%", "text",
                      LONG_MIN, -7, 2.25);
     EXPECT_EQ(fake::notices(), std::vector<std::string>{"text -9223372036854775808 -7 002.2 100%"});
 }
 
-TEST_F(LogTest, HidesWhatIsPrivate) {
+TEST_F(FakeLogTest, HidesWhatIsPrivate) {
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%s|%{private}d|%{public}s|%x", "secret", 5, "",
                      255);
     EXPECT_EQ(fake::notices(), std::vector<std::string>{"<private>|<private>||ff"});
 }
 
-TEST_F(LogTest, KeepsLongTextsWhole) {
+TEST_F(FakeLogTest, KeepsLongTextsWhole) {
     const std::string text(5000, 'x');
     os_log_with_type(log, OS_LOG_TYPE_DEFAULT, "%{public}s", text.c_str());
     EXPECT_EQ(fake::notices(), std::vector<std::string>{text});
 }
 
-TEST_F(LogTest, IsTheSameFromObjectiveC) {
+TEST_F(FakeLogTest, IsTheSameFromObjectiveC) {
     EXPECT_EQ(sameLog(), log);
     logFromObjectiveC("text");
     EXPECT_EQ(fake::world().log,
