@@ -1,0 +1,86 @@
+"""What scripts/macos-coverage and scripts/mutate-macos share: where the macOS layer lies, how its
+tests run, and how the files are read in which people explain what the tests leave open."""
+
+import re
+import shutil
+import subprocess
+import sys
+from dataclasses import dataclass
+from pathlib import Path
+from typing import NoReturn
+
+ROOT = Path(__file__).resolve().parent.parent
+TESTS = "HalvoMacOSTests"
+# Those tests need people, an /Applications folder and a console of their own.
+PRIVATE_MACHINE = "*PrivateMachine*"
+
+
+def fail(text: str) -> NoReturn:
+    sys.exit(f"{Path(sys.argv[0]).name}: {text}")
+
+
+def product_sources(tree: Path = ROOT) -> list[str]:
+    """The sources of the layer itself, relative to the checkout."""
+    found = [*tree.glob("Halvo*/macOS/*.cpp"), *tree.glob("Halvo*/macOS/*.mm")]
+    names = sorted(str(path.relative_to(tree)) for path in found)
+    return [name for name in names if not re.search(r"Test\.(cpp|mm)$|/Fake[^/]*$", name)]
+
+
+def must(command: list[str | Path], **options) -> None:
+    """Runs a step that has to succeed, and shows what it said only when it does not."""
+    done = subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options
+    )
+    if done.returncode != 0:
+        sys.stderr.write(done.stdout)
+        fail(f"failed: {' '.join(map(str, command))}")
+
+
+def need(*programs: str) -> None:
+    missing = [program for program in programs if shutil.which(program) is None]
+    if missing:
+        fail(f"missing: {', '.join(missing)}; scripts/setup installs it")
+
+
+def in_private_machine(command: list[str], writable: Path) -> list[str]:
+    return [str(ROOT / "scripts/private-machine"), "--writable", str(writable), "--", *command]
+
+
+@dataclass
+class Explanation:
+    """A line of tests/FakeDarwin/uncovered or survivors: FILE "part of a source line" [KIND] REASON."""
+
+    file: str
+    fragment: str
+    kind: str
+    reason: str
+    place: str
+    is_used: bool = False
+
+    def where(self, source: str) -> list[tuple[int, int]]:
+        """The offsets in `source`, from and to, of each place where the fragment stands."""
+        found = re.finditer(re.escape(self.fragment), source)
+        return [match.span() for match in found]
+
+
+def read_explanations(path: Path, has_kind: bool) -> list[Explanation]:
+    """Ends the program when a line is not understood. No file: no explanations."""
+    pattern = re.compile(
+        r'(?P<file>\S+)\s+"(?P<fragment>(?:[^"\\]|\\.)+)"\s+'
+        + (r"(?P<kind>[a-z-]+)\s+" if has_kind else "(?P<kind>)")
+        + r"(?P<reason>\S.*)"
+    )
+    explanations = []
+    lines = path.read_text(encoding="utf-8").splitlines() if path.exists() else []
+    for number, line in enumerate(lines, 1):
+        if not line.strip() or line.startswith("#"):
+            continue
+        place = f"{path.relative_to(ROOT)}:{number}"
+        match = pattern.fullmatch(line.strip())
+        if match is None:
+            fail(f'{place}: not FILE "fragment" {"KIND " if has_kind else ""}REASON')
+        fragment = re.sub(r"\\(.)", r"\1", match["fragment"])
+        explanations.append(
+            Explanation(match["file"], fragment, match["kind"], match["reason"], place)
+        )
+    return explanations
