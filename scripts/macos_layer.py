@@ -48,7 +48,8 @@ def in_private_machine(command: list[str], writable: Path) -> list[str]:
 
 @dataclass
 class Explanation:
-    """A line of tests/FakeDarwin/uncovered or survivors: FILE "part of a source line" [KIND] REASON."""
+    """A line of tests/FakeDarwin/uncovered or survivors, for one of its kinds:
+    FILE "part of a source line" [KIND[,KIND]...] REASON."""
 
     file: str
     fragment: str
@@ -67,7 +68,7 @@ def read_explanations(path: Path, has_kind: bool) -> list[Explanation]:
     """Ends the program when a line is not understood. No file: no explanations."""
     pattern = re.compile(
         r'(?P<file>\S+)\s+"(?P<fragment>(?:[^"\\]|\\.)+)"\s+'
-        + (r"(?P<kind>[a-z-]+)\s+" if has_kind else "(?P<kind>)")
+        + (r"(?P<kinds>[a-z,-]+)\s+" if has_kind else "(?P<kinds>)")
         + r"(?P<reason>\S.*)"
     )
     explanations = []
@@ -78,9 +79,8 @@ def read_explanations(path: Path, has_kind: bool) -> list[Explanation]:
         place = f"{path.relative_to(ROOT)}:{number}"
         match = pattern.fullmatch(line.strip())
         if match is None:
-            fail(f'{place}: not FILE "fragment" {"KIND " if has_kind else ""}REASON')
+            fail(f'{place}: not FILE "fragment" {"KIND[,KIND]... " if has_kind else ""}REASON')
         fragment = re.sub(r"\\(.)", r"\1", match["fragment"])
-        explanations.append(
-            Explanation(match["file"], fragment, match["kind"], match["reason"], place)
-        )
+        for kind in match["kinds"].split(","):
+            explanations.append(Explanation(match["file"], fragment, kind, match["reason"], place))
     return explanations

@@ -225,7 +225,9 @@ TEST_F(LiveSessionProbeTest, ReadsNoMoreThanItsBufferWhateverIsSaidToBeListed) {
     fake::world().listedProcesses = INT_MAX;
     EXPECT_TRUE(isRunning());
     run("/usr/bin/other");
+    fake::world().infoCalls = 0;
     EXPECT_FALSE(isRunning());
+    EXPECT_EQ(fake::world().infoCalls, 3) << "where nothing was written there is nobody to ask for";
 }
 
 // ----------------------------------------------------------------------------------- the

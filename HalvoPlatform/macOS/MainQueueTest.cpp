@@ -180,7 +180,7 @@ TEST_F(MainQueueTest, KeepsADelayToTheNanosecond) {
 }
 
 TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
-    for (const double delay : {0.0, -0.0, -1.0, -infinity, std::nan("")}) {
+    for (const double delay : {0.0, -0.0, -0.5, -1.0, -infinity, std::nan("")}) {
         turns.clear();
         queue.after(Seconds{delay}, noted());
         EXPECT_EQ(turns, std::vector<Turn>{});
