@@ -19,6 +19,11 @@ NSBundle* foundationBundle(const std::string& path, const std::optional<std::str
     return place == nil ? nil : [[NSBundle alloc] initWithPath:place];
 }
 
+InfoValue valueOf(id member) {
+    const auto text = [member isKindOfClass:[NSString class]] ? textOf(member) : std::nullopt;
+    return text ? InfoValue(*text) : InfoValue(NotAString{});
+}
+
 }  // namespace
 
 Bundle Bundle::main() {
@@ -36,13 +41,9 @@ std::optional<InfoDictionary> Bundle::info() const {
         }
         InfoDictionary info;
         for (NSString* name in members) {
-            const auto key = textOf(name);
-            if (!key) {
-                continue;
+            if (const auto key = textOf(name)) {
+                info.insert_or_assign(*key, valueOf(members[name]));
             }
-            id value = members[name];
-            const auto text = [value isKindOfClass:[NSString class]] ? textOf(value) : std::nullopt;
-            info.insert_or_assign(*key, text ? InfoValue(*text) : InfoValue(NotAString{}));
         }
         return info;
     }

@@ -92,6 +92,11 @@ TEST_F(DarwinAppGroupTest, IsNoneWhereTheMainBundleNamesNone) {
     EXPECT_EQ(AppGroup::container(), noGroup);
 }
 
+TEST_F(DarwinAppGroupTest, IsNowhereOnASystemWithoutAFolderForTheDataOfApps) {
+    fake::world().applicationSupport = "";
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), "");
+}
+
 TEST_F(DarwinAppGroupTest, LeavesNothingBehind) {
     AppGroup::containerOf(std::nullopt);
     const long texts = fake::liveObjects("NSString");

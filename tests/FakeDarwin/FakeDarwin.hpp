@@ -86,7 +86,7 @@ struct World {
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
 
-    // Foundation's folders: the containers of groups, and Application Support.
+    // Foundation's folders: the containers of groups, and Application Support (none when empty).
     std::map<std::string, std::string> groupContainers;
     std::string applicationSupport = "/nonexistent";
 

@@ -22,7 +22,8 @@
 - (NSArray<NSURL*>*)URLsForDirectory:(NSSearchPathDirectory)directory
                            inDomains:(NSSearchPathDomainMask)domains {
     NSMutableArray<NSURL*>* urls = [NSMutableArray array];
-    if (directory == NSApplicationSupportDirectory && domains == NSUserDomainMask) {
+    if (directory == NSApplicationSupportDirectory && domains == NSUserDomainMask &&
+        !fake::world().applicationSupport.empty()) {
         [urls addObject:[NSURL fileURLWithPath:fake::stringOf(fake::world().applicationSupport)]];
     }
     return urls;

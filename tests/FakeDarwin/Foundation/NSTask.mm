@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include "../FakeDarwin.hpp"
+#include "../System/Threads.hpp"
 #include "Foundation.hpp"
 
 namespace {
@@ -54,6 +55,10 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
     fake::world().launches.push_back(launch);
     if (fake::world().onLaunch) {
         fake::world().onLaunch(launch);
+    }
+    if (self.terminationHandler != nil) {
+        // The task is over at once; its end is told on a queue of the system's.
+        fake::runElsewhere([self] { self.terminationHandler(self); });
     }
     return YES;
 }
