@@ -196,7 +196,8 @@ void run(std::span<const std::string> words) {
         std::exit(exitNoPermission);
     }
     const Command command = commandFor(*request, *user);
-    // The app's own files are made as in any other session of the person.
+    // Where the program is the app itself, its files are made as in any other session of the
+    // person.
     constexpr mode_t usual = 022;
     umask(usual);
     const CStrings arguments(command.arguments);

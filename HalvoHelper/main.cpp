@@ -39,17 +39,20 @@ void runService(const std::string& firstWord) {
         std::exit(exitConfig);
     }
     MainQueue& queue = liveMainQueue();
-    const auto listener = makeListener(identity->helperBundleID());
+    auto listener = makeListener(identity->helperBundleID());
     if (!listener) {
         HALVO_LOG_ERROR(helperLog, "%{public}s", listener.error().message.c_str());
         std::exit(listener.error().exitStatus);
     }
-    SystemHelperClock clock;
-    ChflagsFileFlags flags(ItemFlag::systemImmutable);
-    FileCommitmentStore store(identity->stateFolder());
-    LiveSessionProbe session;
-    LiveOpener opener(bundle.executablePath().value_or(firstWord));
-    HelperService service(*identity, {clock, flags, store, session, opener}, **listener, queue);
+    // All this lives as long as the process, and so not on the stack of a thread that the main
+    // queue may end: dispatch_main(3).
+    auto& clock = *new SystemHelperClock;
+    auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
+    auto& store = *new FileCommitmentStore(identity->stateFolder());
+    auto& session = *new LiveSessionProbe;
+    auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
+    auto& service = *new HelperService(*identity, {clock, flags, store, session, opener},
+                                       *listener->release(), queue);
     service.start();
     queue.run();
 }

@@ -15,9 +15,9 @@ std::optional<std::uint32_t> itemFlags(const std::string& path);
 
 // Gives the item at `path` itself the flags `wanted`. Returns 0, or the errno of the system's
 // refusal. On macOS that is lchflags(2). On Linux a refusal counts only when the flags, read back,
-// are not as wanted, and all inode flags without a
-// counterpart in ItemFlag are kept (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP,
-// a flag without a counterpart EOPNOTSUPP.
+// are not as wanted, and all inode flags without a counterpart in ItemFlag are kept
+// (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP, a flag without a counterpart
+// EOPNOTSUPP.
 int setItemFlags(const std::string& path, std::uint32_t wanted);
 
 }  // namespace halvo

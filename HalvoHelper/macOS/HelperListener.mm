@@ -14,14 +14,18 @@ class XPCListener final : public HelperListener {
         : listener_([[NSXPCListener alloc] initWithMachServiceName:knownFoundationText(name)]) {}
 
     void setRequirement(const HelperIdentity& identity) override {
-        [listener_
-            setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
+        @autoreleasepool {
+            [listener_
+                setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
+        }
     }
 
     void resume(ConnectionAcceptor& acceptor) override {
-        delegate_ = [[::ConnectionAcceptor alloc] initWithAcceptor:acceptor];
-        listener_.delegate = delegate_;
-        [listener_ resume];
+        @autoreleasepool {
+            delegate_ = [[::ConnectionAcceptor alloc] initWithAcceptor:acceptor];
+            listener_.delegate = delegate_;
+            [listener_ resume];
+        }
     }
 
   private:

@@ -35,10 +35,19 @@ TEST_F(DiskSyncTest, SyncsAFolder) {
 }
 
 TEST_F(DiskSyncTest, DoesWhatAFileSystemCanThatDoesNotKnowIt) {
-    fake::world().fullSyncError = ENOTSUP;
-    EXPECT_EQ(syncToDisk(file.get()), 0);
-    EXPECT_EQ(fake::world().fullSyncCalls, 1);
-    EXPECT_EQ(fake::world().syncCalls, 1);
+    for (const int unknown : {ENOTSUP, ENOTTY, EINVAL}) {
+        fake::reset();
+        fake::world().fullSyncError = unknown;
+        EXPECT_EQ(syncToDisk(file.get()), 0);
+        EXPECT_EQ(fake::world().fullSyncCalls, 1);
+        EXPECT_EQ(fake::world().syncCalls, 1);
+    }
+}
+
+TEST_F(DiskSyncTest, TakesNoFailureOfTheDiskForIgnorance) {
+    fake::world().fullSyncError = EIO;
+    EXPECT_EQ(syncToDisk(file.get()), EIO);
+    EXPECT_EQ(fake::world().syncCalls, 0);
 }
 
 TEST_F(DiskSyncTest, SaysWhyBothFailed) {

@@ -212,7 +212,7 @@ class GuideTest : public ::testing::Test {
 };
 
 TEST_F(GuideTest, NamesTheSelectorsOfTheProtocol) {
-    EXPECT_THAT(swift_, HasSubstr("@objc(HalvoHelperXPC)\nprotocol"));
+    EXPECT_THAT(swift_, HasSubstr("@objc(HalvoHelperXPC)\nnonisolated protocol"));
     const std::vector<std::string> selectors = selectorsOf(readTestFile(HALVO_XPC_PROTOCOL));
     EXPECT_THAT(selectors, ElementsAre("beginWithAppPath:until:started:reply:",
                                        "heartbeatWithSessionEnding:reply:", "endWithReply:",

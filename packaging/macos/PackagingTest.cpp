@@ -153,6 +153,10 @@ TEST(PackagingTest, TheLaunchdListIsReadByOthersAsItIsMeant) {
 	</dict>
 	<key>ThrottleInterval</key>
 	<integer>2</integer>
+	<key>EnableTransactions</key>
+	<false/>
+	<key>ExitTimeOut</key>
+	<integer>20</integer>
 	<key>SpawnConstraint</key>
 	<dict>
 		<key>team-identifier</key>
@@ -228,14 +232,21 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"SecondAppOfTheJob", inJob, element("string", app),
                 element("string", app) + element("string", "a.b"),
                 "AssociatedBundleIdentifiers/1 is not known here"},
-        Mistake{"KeptAliveAfterSuccess", inJob, "<false/>", "<true/>",
+        Mistake{"KeptAliveAfterSuccess", inJob, "<key>SuccessfulExit</key>\n        <false/>",
+                "<key>SuccessfulExit</key><true/>",
                 "KeepAlive/SuccessfulExit is true; make it false"},
-        Mistake{"KeptAliveForMore", inJob, "<false/>", "<false/><key>Crashed</key><true/>",
+        Mistake{"KeptAliveForMore", inJob, "<key>SuccessfulExit</key>",
+                "<key>Crashed</key><true/><key>SuccessfulExit</key>",
                 "KeepAlive/Crashed is not known here"},
         Mistake{"Throttle", inJob, element("integer", "2"), element("integer", "10"),
                 "ThrottleInterval is 10; make it 2"},
         Mistake{"ThrottleAsText", inJob, element("integer", "2"), element("string", "2"),
                 "ThrottleInterval is \"2\"; make it 2"},
+        Mistake{"Transactions", inJob, "<key>EnableTransactions</key>\n    <false/>",
+                "<key>EnableTransactions</key><true/>",
+                "EnableTransactions is true; make it false"},
+        Mistake{"NoTimeToExit", inJob, element("integer", "20"), element("integer", "1"),
+                "ExitTimeOut is 1; make it 20"},
         Mistake{"TeamOfTheConstraint", inJob, pairOf("team-identifier", team, deep),
                 pairOf("team-identifier", "AAAAAAAAAA", deep),
                 "SpawnConstraint/team-identifier is \"AAAAAAAAAA\"; make it \"" + team + "\""},

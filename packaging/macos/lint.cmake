@@ -114,6 +114,8 @@ expect(job /KeepAlive dict "or launchd does not start a helper again that holds 
 expect(job /KeepAlive/SuccessfulExit false
     "so that launchd starts a helper again that holds a commitment, and lets an idle one rest")
 expect(job /ThrottleInterval "integer 2" "the helper's own pace")
+expect(job /EnableTransactions false "so that a stop is SIGTERM, never at once SIGKILL")
+expect(job /ExitTimeOut "integer 20" "time to save the commitment and to take the lock off")
 expect(job /SpawnConstraint dict "or launchd starts whatever lies in the helper's place")
 expect(job /SpawnConstraint/team-identifier "string ${TEAM_ID}" "the team that signs the helper")
 expect(job /SpawnConstraint/signing-identifier "string ${helper}" "the identifier that the helper is signed with")

@@ -81,7 +81,8 @@ struct World {
     int sysctlCalls = 0;
 
     // The main bundle: its executable, and its Info.plist as XML (of the executable's own section,
-    // or of the bundle). Other bundles are read from the disk: Contents/Info.plist.
+    // or of the bundle). Other bundles are read from the disk, Contents/Info.plist, each
+    // time anew; Foundation may remember what it has read.
     std::optional<std::string> mainExecutable =
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;

@@ -19,9 +19,10 @@ struct ListenerState {
 
 std::optional<ListenerState> listener(const std::string& service);
 
-// Connects to the service as a process, as NSXPC does it: the delegate is asked on the listener's
-// own queue, a thread that is not the main queue's. Nil when nobody listens or the delegate
-// refuses.
+// Connects to the service as a process that meets the requirement, which is the system's to check
+// and is not checked here; nor are the classes of arguments, which NSXPC takes from the protocol.
+// As NSXPC does it: the delegate is asked on the listener's own queue, a thread that is not the
+// main queue's. Nil when nobody listens or the delegate refuses.
 NSXPCConnection* connect(const std::string& service, pid_t pid, uid_t uid);
 
 // The protocol of a connection's exported interface, and whether it was resumed; in which order

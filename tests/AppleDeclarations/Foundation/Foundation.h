@@ -82,7 +82,7 @@ typedef struct {
 @property(readonly) NSUInteger count;
 @property(nullable, readonly) Element firstObject;
 + (instancetype)array;
-+ (instancetype)arrayWithObjects:(const Element _Nonnull[_Nullable])objects count:(NSUInteger)count;
++ (instancetype)arrayWithObjects:(const Element _Nonnull[_Nonnull])objects count:(NSUInteger)count;
 - (Element)objectAtIndexedSubscript:(NSUInteger)index;
 @end
 
