@@ -322,8 +322,8 @@ TEST(RuntimeTest, MakesAndDestroysMembersOfCxx) {
 
 TEST(RuntimeTest, PlacesVariablesBehindThoseOfTheSuperclass) {
     @autoreleasepool {
-        NumberedArray* array = [NumberedArray arrayWithObjects:nullptr count:0];
         id objects[] = {@"a", @"b"};
+        NumberedArray* array = [NumberedArray arrayWithObjects:objects count:0];
         NumberedArray* filled = [NumberedArray arrayWithObjects:objects count:2];
         EXPECT_EQ(array.count, 1U);
         EXPECT_EQ(filled.count, 3U);
