@@ -26,7 +26,8 @@ class HelperListener {
     virtual void setRequirement(const HelperIdentity& identity) = 0;
 
     // Serves callers from now on, for as long as the process lives: each admitted one is handed to
-    // `acceptor`, which must outlive the listener. Main queue or before it runs.
+    // `acceptor`, which must outlive the listener. On Linux the service manager is told that the
+    // helper is ready (sd_notify(3)). Main queue or before it runs.
     virtual void resume(ConnectionAcceptor& acceptor) = 0;
 };
 

@@ -21,7 +21,7 @@ void append(std::vector<std::string>& list, const std::vector<std::string>& more
     list.insert(list.end(), more.begin(), more.end());
 }
 
-// The user's manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
+// A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
 std::string withoutExpansion(const std::string& argument) {
     std::string result;
     for (const char character : argument) {
@@ -136,6 +136,22 @@ Command openCommand(const Request& request, const User& user) {
     if (request.afterQuit) {
         command.arguments.emplace_back("--args");
         append(command.arguments, appArguments(true));
+    }
+    return command;
+}
+
+Command systemCommand(const std::string& helperExecutable, const Request& request) {
+    const std::string uid = std::to_string(request.uid);
+    Command command{"/usr/bin/systemd-run",
+                    {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+                     "--description=Opens the app for user " + uid,
+                     // With the limits of all that the person runs.
+                     "--slice=user-" + uid + ".slice",
+                     // The app may fork and end its first process without being counted as gone.
+                     "--property=ExitType=cgroup", "--", withoutExpansion(helperExecutable)},
+                    {}};
+    for (const std::string& word : words(request)) {
+        command.arguments.push_back(withoutExpansion(word));
     }
     return command;
 }

@@ -66,9 +66,12 @@ std::vector<std::string> environment(const User& user);
 Command launchctlCommand(const std::string& helperExecutable, const Request& request);
 Command openCommand(const Request& request, const User& user);
 
-// The commands on Linux: what LiveOpener starts; what the mode becomes when the user's own systemd
-// manager answers, which runs the app inside the session; and when none does. `unitSuffix` keeps
-// two openings from clashing; `appID` names the unit.
+// The commands on Linux. What LiveOpener starts: where systemd runs the machine, the mode in a unit
+// of its own (systemd-run(1)), so that nothing of the helper's sandbox, limits and cgroup reaches
+// the app; elsewhere the mode itself. What the mode becomes: when the user's own systemd manager
+// answers, that runs the app inside the session; when none does, the app. `unitSuffix` keeps two
+// openings from clashing; `appID` names the unit.
+Command systemCommand(const std::string& helperExecutable, const Request& request);
 Command helperCommand(const std::string& helperExecutable, const Request& request);
 Command managerCommand(const Request& request, const User& user, const std::string& executable,
                        const std::string& appID, const std::string& unitSuffix);

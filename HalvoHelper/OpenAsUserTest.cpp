@@ -192,6 +192,20 @@ TEST(OpenAsUserCommandTest, StartsTheModeDirectlyOnLinux) {
               (Command{helper, {helper, "--open-as-user", "501", oddApp, "--after-quit"}, {}}));
 }
 
+TEST(OpenAsUserCommandTest, StartsTheModeInAUnitOfItsOwnWhereSystemdRunsTheMachine) {
+    EXPECT_EQ(systemCommand(helper, {501, app, true}),
+              (Command{"/usr/bin/systemd-run",
+                       {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+                        "--description=Opens the app for user 501", "--slice=user-501.slice",
+                        "--property=ExitType=cgroup", "--", helper, "--open-as-user", "501", app,
+                        "--after-quit"},
+                       {}}));
+    // The manager makes one of each two.
+    EXPECT_EQ(systemCommand("/a $HOME/${x}", {501, "/$$.app", false}).arguments.at(8),
+              "/a $$HOME/$${x}");
+    EXPECT_EQ(systemCommand("/a", {501, "/$$.app", false}).arguments.back(), "/$$$$.app");
+}
+
 TEST(OpenAsUserCommandTest, RunsTheExecutableItselfWithoutAManager) {
     EXPECT_EQ(directCommand({501, app, false}, ann, executable),
               (Command{executable, {executable}, annsEnvironment}));

@@ -40,7 +40,9 @@ class MainQueue {
     // differences mean anything. Any thread.
     [[nodiscard]] virtual Seconds now() const = 0;
 
-    // Serves the queue until somebody calls exit(). Called once, on the main thread.
+    // Serves the queue until somebody calls exit(). Called once, on the main thread. On Linux the
+    // service manager is told regularly that the queue is served, where it wants to know
+    // (sd_event_set_watchdog(3)), so that a process that hangs is ended and started anew.
     [[noreturn]] virtual void run() = 0;
 
     // Ends the process with `status`.

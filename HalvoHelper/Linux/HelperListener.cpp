@@ -71,6 +71,7 @@ class SocketListener final : public HelperListener {
             fatal("The helper cannot listen on its socket");
         }
         sd_event_unref(loop);
+        sd_notify(/*unset_environment=*/0, "READY=1");
     }
 
   private:

@@ -441,6 +441,30 @@ std::vector<std::string> answersTo(TestProcess& caller, std::size_t count) {
     return lines;
 }
 
+TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServes) {
+    inChild([] {
+        // sd_notify(3).
+        const std::string path = "/run/notify";
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const Descriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+        ASSERT_EQ(setenv("NOTIFY_SOCKET", path.c_str(), 1), 0);
+        const auto heard = [&manager] {
+            std::array<char, 100> text{};
+            const ssize_t size = recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
+            return size < 0 ? "" : std::string(text.data(), static_cast<std::size_t>(size));
+        };
+        Service service;
+        EXPECT_EQ(heard(), "");
+        service.resume();
+        EXPECT_EQ(heard(), "READY=1");
+        fs::remove(path);
+    });
+}
+
 TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheApp) {
     inChild([this] {
         Service service;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -78,8 +79,10 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
         return;
     }
     std::signal(SIGCHLD, SIG_IGN);
+    const OpenAsUser::Request request{uid, appPath, afterQuit};
     const int error =
-        SpawnPlan().start(OpenAsUser::helperCommand(helperExecutable_, {uid, appPath, afterQuit}));
+        SpawnPlan().start(sd_booted() > 0 ? OpenAsUser::systemCommand(helperExecutable_, request)
+                                          : OpenAsUser::helperCommand(helperExecutable_, request));
     if (error != 0) {
         HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s",
                         std::generic_category().message(error).c_str());

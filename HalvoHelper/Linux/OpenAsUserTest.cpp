@@ -24,6 +24,7 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/Interception.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -36,6 +37,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
@@ -410,6 +412,22 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, NamesTheUnitOfABundleWithoutAnIdenti
     const Words arguments = readReport(systemdRunReport)["argument"];
     EXPECT_THAT(arguments.at(7), MatchesRegex("--unit=app-halvo-app@[0-9a-f]{8}\\.service"));
     EXPECT_EQ(arguments.back(), "/Applications/Sample.app/Contents/MacOS/Halvo");
+}
+
+// LiveOpener's own tests run where there is no stand-in.
+TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMachine) {
+    const ChildResult result = runInChild([] {
+        const BootedBySystemd booted;
+        LiveOpener("/usr/libexec/helper").open("/Applications/Sample.app", 501, true);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+    ASSERT_TRUE(eventually([this] { return fs::exists(systemdRunReport); }));
+    TestReport run = readReport(systemdRunReport);
+    EXPECT_EQ(run["argument"], OpenAsUser::systemCommand("/usr/libexec/helper",
+                                                         {501, "/Applications/Sample.app", true})
+                                   .arguments);
+    EXPECT_THAT(run["environment"], IsEmpty());
+    EXPECT_THAT(run["user"], ElementsAre("0", "0", "0"));
 }
 
 TEST_F(OpenAsUserManagerPrivateMachineTest, FailsWithoutTheProgramThatAsksTheManager) {

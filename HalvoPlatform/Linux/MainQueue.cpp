@@ -136,6 +136,8 @@ class EventLoopQueue final : public MainQueue {
 
     void run() override {
         assumeMainActor();
+        // Pings only where systemd has asked for it.
+        require(sd_event_set_watchdog(loop_, 1), "sd_event_set_watchdog");
         require(sd_event_loop(loop_), "sd_event_loop");
         std::exit(EXIT_SUCCESS);
     }

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -16,10 +19,12 @@
 #include <thread>
 #include <vector>
 
+#include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {
 namespace {
@@ -344,6 +349,56 @@ TEST(MainQueueTest, LeavesSIGTERMAsItIsUntilSomebodyAsksForIt) {
         queue.run();
     });
     EXPECT_EQ(result.signal, SIGTERM);
+}
+
+// Where the service manager listens, as NOTIFY_SOCKET names it; sd_notify(3).
+class NotifySocket {
+  public:
+    NotifySocket() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+    }
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+    // The next message, of those that have come already.
+    [[nodiscard]] std::string next() const {
+        std::array<char, 100> text{};
+        const ssize_t size = recv(socket_.get(), text.data(), text.size(), MSG_DONTWAIT);
+        return size < 0 ? "" : std::string(text.data(), static_cast<std::size_t>(size));
+    }
+
+  private:
+    testing::TemporaryFolder folder_;
+    std::string path_ = folder_ / "notify";
+    Descriptor socket_;
+};
+
+// What the manager hears of a queue that was served for half a second.
+std::string heardWithWatchdog(const char* microseconds) {
+    const NotifySocket manager;
+    const ChildResult result = testing::runInChild([&] {
+        setenv("NOTIFY_SOCKET", manager.path().c_str(), 1);
+        if (microseconds != nullptr) {
+            setenv("WATCHDOG_USEC", microseconds, 1);
+        }
+        MainQueue& queue = liveMainQueue();
+        queue.after(Seconds{0.5}, finish);
+        queue.run();
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+    return manager.next();
+}
+
+TEST(MainQueueTest, TellsTheServiceManagerThatItIsServed) {
+    EXPECT_EQ(heardWithWatchdog("200000"), "WATCHDOG=1");
+}
+
+TEST(MainQueueTest, TellsTheServiceManagerNothingThatItDoesNotWantToKnow) {
+    EXPECT_EQ(heardWithWatchdog(nullptr), "");
 }
 
 TEST(MainQueueTest, IsMadeOnTheMainThreadOnly) {

@@ -21,6 +21,7 @@ constexpr std::size_t shortListing = 512;
 std::size_t longestListing = std::numeric_limits<std::size_t>::max();
 std::map<BeforeNext::Call, std::function<void()>> workBefore;
 bool failsBusStart = false;
+bool booted = false;
 
 void doWorkBefore(BeforeNext::Call call) {
     if (auto node = workBefore.extract(call)) {
@@ -46,6 +47,10 @@ FailingBusStart::~FailingBusStart() {
     EXPECT_FALSE(failsBusStart) << "no bus was started";
     failsBusStart = false;
 }
+
+BootedBySystemd::BootedBySystemd() { booted = true; }
+
+BootedBySystemd::~BootedBySystemd() { booted = false; }
 
 }  // namespace halvo::testing
 
@@ -74,4 +79,6 @@ int __wrap_flock(int file, int operation) {
 int __wrap_sd_bus_start(sd_bus* bus) {
     return std::exchange(halvo::testing::failsBusStart, false) ? -ENOMEM : __real_sd_bus_start(bus);
 }
+
+int __wrap_sd_booted() { return halvo::testing::booted ? 1 : 0; }
 }

@@ -40,4 +40,14 @@ class FailingBusStart {
     ~FailingBusStart();
 };
 
+// Says while it lives that systemd runs the machine (sd_booted(3)). Otherwise it never does, or
+// tests would start units on the machine they run on.
+class BootedBySystemd {
+  public:
+    BootedBySystemd();
+    BootedBySystemd(const BootedBySystemd&) = delete;
+    BootedBySystemd& operator=(const BootedBySystemd&) = delete;
+    ~BootedBySystemd();
+};
+
 }  // namespace halvo::testing
