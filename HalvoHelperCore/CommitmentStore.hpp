@@ -24,6 +24,10 @@ struct NoCommitment {
 // What a store holds.
 using StoredCommitment = std::variant<HelperCommitment, UnreadableCommitment, NoCommitment>;
 
+// The bundle whose lock has to be taken off before `unreadable` is forgotten, if any: what stands
+// in a damaged file is believed only of a bundle that the helper may lock.
+std::optional<std::string> lockOwed(const UnreadableCommitment& unreadable);
+
 class CommitmentStore {
   public:
     virtual ~CommitmentStore() = default;

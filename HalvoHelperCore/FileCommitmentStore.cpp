@@ -155,8 +155,10 @@ std::expected<std::string, std::string> encode(const HelperCommitment& commitmen
 
 FileCommitmentStore::FileCommitmentStore(std::string folder) : folder_(std::move(folder)) {}
 
+std::string FileCommitmentStore::path() const { return folder_ + "/" + fileName; }
+
 StoredCommitment FileCommitmentStore::load() {
-    const auto bytes = readFile(folder_ + "/" + fileName, sizeLimit);
+    const auto bytes = readFile(path(), sizeLimit);
     if (bytes) {
         return decode(*bytes);
     }
@@ -187,7 +189,7 @@ void FileCommitmentStore::save(const HelperCommitment& commitment) {
 // By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
 // into the helper, more than half of its code.
 void FileCommitmentStore::remove() {
-    std::remove((folder_ + "/" + fileName).c_str());
+    std::remove(path().c_str());
     // From the leaves upwards; a link goes, what it leads to stays. nftw(3).
     const auto removeItem = [](const char* path, const struct stat*, int, FTW*) {
         std::remove(path);

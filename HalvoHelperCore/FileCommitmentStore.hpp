@@ -31,6 +31,9 @@ class FileCommitmentStore final : public CommitmentStore {
     // link only the link goes.
     void remove() override;
 
+    // Where the file is while there is one.
+    [[nodiscard]] std::string path() const;
+
   private:
     std::string folder_;
 };

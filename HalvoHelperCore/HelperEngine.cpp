@@ -48,9 +48,8 @@ void HelperEngine::startup() {
     const ClockReading now = clock_.reading();
     const StoredCommitment stored = store_.load();
     if (const auto* unreadable = std::get_if<UnreadableCommitment>(&stored)) {
-        if (unreadable->locked && unreadable->appPath &&
-            AppLocation::mayLock(*unreadable->appPath)) {
-            flags_.setLocked(false, *unreadable->appPath);
+        if (const auto appPath = lockOwed(*unreadable)) {
+            flags_.setLocked(false, *appPath);
         }
         store_.remove();
         lastLift_ = Lift::unreadableAtStartup;

@@ -80,6 +80,7 @@ World::World()
     removeAll(tools);
     fs::create_directory(tools);
     fs::copy_file(HALVO_HELPER_FILE, Place::helper);
+    fs::copy_file(HALVO_CONTROL_FILE, Place::control);
     fs::copy_file(fs::path(HALVO_HELPER_FILE).parent_path() / "Info.plist", Place::helperInfoPlist);
     installApp(Place::app);
     console(user);

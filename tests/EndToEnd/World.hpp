@@ -34,6 +34,8 @@ inline const std::string socket = "/run/" HALVO_APP_BUNDLE_ID ".helper.sock";
 inline const std::string lock = socket + ".lock";
 
 inline const std::string helper = "/Library/PrivilegedHelperTools/HalvoHelper";
+// The administrator's program.
+inline const std::string control = "/Library/PrivilegedHelperTools/halvoctl";
 inline const std::string helperInfoPlist = "/Library/PrivilegedHelperTools/Info.plist";
 
 }  // namespace Place

@@ -1,0 +1,82 @@
+#include "tools/Halvoctl/Arguments.hpp"
+
+#include <array>
+#include <string_view>
+
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "tools/HalvoRecords/Wording.hpp"
+
+namespace halvo::control {
+namespace {
+
+struct Kind {
+    std::string_view name;
+    const char* help;
+    bool hasJSON;
+    bool hasApp;
+    Command command;
+};
+
+const std::array kinds{
+    Kind{"status", statusHelpText, true, false, ShowStatus{}},
+    Kind{"doctor", doctorHelpText, true, true, Examine{}},
+    Kind{"release", releaseHelpText, false, false, Release{}},
+};
+
+bool asksForHelp(const std::string& word) { return word == "--help" || word == "-h"; }
+
+std::string quoted(const std::string& word) { return "'" + records::printable(word) + "'"; }
+
+std::expected<Command, std::string> parse(const Kind& kind, std::span<const std::string> words) {
+    bool asJSON = false;
+    std::optional<std::string> app;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (asksForHelp(word)) {
+            return ShowHelp{kind.help};
+        }
+        if (kind.hasJSON && word == "--json") {
+            asJSON = true;
+        } else if (kind.hasApp && word == "--app") {
+            if (++i == words.size()) {
+                return std::unexpected("--app needs the PATH of a bundle.");
+            }
+            app = words[i];
+            if (!AppLocation::isBundlePath(*app)) {
+                return std::unexpected(
+                    "--app needs the absolute path of a bundle, as "
+                    "/Applications/Halvo.app, not " +
+                    quoted(*app) + ".");
+            }
+        } else {
+            return std::unexpected(std::string(kind.name) + " knows no word " + quoted(word) + ".");
+        }
+    }
+    if (std::holds_alternative<ShowStatus>(kind.command)) {
+        return ShowStatus{asJSON};
+    }
+    if (std::holds_alternative<Examine>(kind.command)) {
+        return Examine{asJSON, app};
+    }
+    return kind.command;
+}
+
+}  // namespace
+
+std::expected<Command, std::string> parseArguments(std::span<const std::string> words) {
+    if (words.empty()) {
+        return std::unexpected("What is to be done? status, doctor or release.");
+    }
+    if (asksForHelp(words.front())) {
+        return ShowHelp{helpText};
+    }
+    for (const Kind& kind : kinds) {
+        if (kind.name == words.front()) {
+            return parse(kind, words.subspan(1));
+        }
+    }
+    return std::unexpected("There is no command " + quoted(words.front()) +
+                           "; there are status, doctor and release.");
+}
+
+}  // namespace halvo::control

@@ -1,0 +1,8 @@
+#include "tools/Halvoctl/Observation.hpp"
+#include "tools/Halvoctl/ShellWord.hpp"
+
+namespace halvo::control {
+
+std::string clearCommand(const std::string& path) { return "chattr -i " + shellWord(path); }
+
+}  // namespace halvo::control

@@ -1,0 +1,136 @@
+#include "tools/Halvoctl/Linux/SystemdService.hpp"
+
+#include <systemd/sd-daemon.h>
+
+#include <utility>
+
+namespace halvo::control {
+namespace {
+
+// systemd gives the service time to end, and kills it after that; then systemctl returns.
+constexpr Seconds stopLimit{30};
+constexpr Seconds endLimit{15};
+constexpr Seconds startLimit{10};
+
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+// How `run` of systemctl failed, if it did.
+std::string problemOf(const std::expected<Finished, std::string>& run) {
+    if (!run) {
+        return run.error();
+    }
+    if (run->status == 0) {
+        return "";
+    }
+    return run->output.empty() ? "it ended with " + std::to_string(run->status)
+                               : firstLine(run->output);
+}
+
+}  // namespace
+
+SystemdService::SystemdService(HelperIdentity identity, std::string executable, bool isBooted,
+                               HelperProcesses& processes, Programs& programs)
+    : identity_(std::move(identity)),
+      executable_(std::move(executable)),
+      isBooted_(isBooted),
+      processes_(processes),
+      programs_(programs) {}
+
+std::vector<pid_t> SystemdService::running() { return processes_.running(); }
+
+std::string SystemdService::startCommand() const {
+    return isBooted_ ? "systemctl start " + serviceUnit(identity_) : executable_;
+}
+
+std::string SystemdService::whatStarts() {
+    if (!isBooted_) {
+        return "nothing starts it, since systemd does not run here; start it by hand: " +
+               executable_;
+    }
+    const auto units = readUnits(identity_, programs_);
+    if (!units) {
+        return "nothing is known of what starts it: " + units.error();
+    }
+    if (units->socket.isActive()) {
+        return units->resume.enabled == "enabled"
+                   ? "it starts when the app calls, and at boot while a commitment is stored"
+                   : "it starts when the app calls";
+    }
+    return "nothing starts it, since " + socketUnit(identity_) +
+           " is not active: systemctl enable --now " + socketUnit(identity_);
+}
+
+std::expected<void, std::string> SystemdService::stop(const Progress& progress) {
+    if (isBooted_) {
+        const auto units = readUnits(identity_, programs_);
+        if (!units) {
+            return std::unexpected(units.error() + ". Try again when systemd answers.");
+        }
+        hasSocket_ = units->socket.isLoaded();
+        socketWasActive_ = units->socket.isActive();
+        // The socket with the service: the app calls every 2 seconds, which would start it again.
+        std::vector<std::string> words{systemctl, "stop", "--"};
+        if (units->socket.isLoaded()) {
+            words.push_back(socketUnit(identity_));
+        }
+        if (units->service.isLoaded()) {
+            words.push_back(serviceUnit(identity_));
+        }
+        const bool hasUnits = units->socket.isLoaded() || units->service.isLoaded();
+        const std::string problem =
+            hasUnits ? problemOf(programs_.run(words, {stopLimit,
+                                                       [&progress] {
+                                                           progress(
+                                                               "Waiting for systemd to stop the "
+                                                               "helper, at most 30 seconds.");
+                                                       }}))
+                     : "";
+        if (!problem.empty()) {
+            return std::unexpected("systemd did not stop the helper: " + problem +
+                                   ". Look into systemctl status " + serviceUnit(identity_) +
+                                   ", and try again.");
+        }
+    }
+    // One that was started by hand, or that runs where there is no systemd.
+    const auto left = stopAll(processes_, {endLimit, [&progress] {
+                                               progress(
+                                                   "Waiting for the helper to end, at most 15 "
+                                                   "seconds.");
+                                           }});
+    if (!left.empty()) {
+        return std::unexpected("The helper (" + named(left) +
+                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
+                               "again, which takes off the lock that it leaves.");
+    }
+    return {};
+}
+
+std::expected<std::string, std::string> SystemdService::resume(const Progress& progress) {
+    if (!socketWasActive_) {
+        return hasSocket_ ? socketUnit(identity_) +
+                                " was not active, and stays so; to let the app call the helper: "
+                                "systemctl start " +
+                                socketUnit(identity_)
+                          : "";
+    }
+    const std::string problem =
+        problemOf(programs_.run({systemctl, "start", "--", socketUnit(identity_)},
+                                {startLimit, [&progress] {
+                                     progress(
+                                         "Waiting for systemd to start the "
+                                         "helper's socket, at most 10 seconds.");
+                                 }}));
+    if (!problem.empty()) {
+        return std::unexpected("The helper's socket could not be started again: " + problem +
+                               ". Start it: systemctl start " + socketUnit(identity_));
+    }
+    return "";
+}
+
+std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
+                                     HelperProcesses& processes, Programs& programs) {
+    return std::make_unique<SystemdService>(identity, executable, sd_booted() > 0, processes,
+                                            programs);
+}
+
+}  // namespace halvo::control

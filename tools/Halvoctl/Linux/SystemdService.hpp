@@ -1,0 +1,35 @@
+// The helper under systemd, or started by hand where that does not run.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/Halvoctl/Linux/Units.hpp"
+#include "tools/Halvoctl/Service.hpp"
+
+namespace halvo::control {
+
+class SystemdService final : public Service {
+  public:
+    // `isBooted`: systemd is the machine's init system; sd_booted(3).
+    SystemdService(HelperIdentity identity, std::string executable, bool isBooted,
+                   HelperProcesses& processes, Programs& programs);
+
+    std::vector<pid_t> running() override;
+    std::string whatStarts() override;
+    [[nodiscard]] std::string startCommand() const override;
+    std::expected<void, std::string> stop(const Progress& progress) override;
+    std::expected<std::string, std::string> resume(const Progress& progress) override;
+
+  private:
+    HelperIdentity identity_;
+    std::string executable_;
+    bool isBooted_;
+    HelperProcesses& processes_;
+    Programs& programs_;
+    // There was a socket unit when stop() was called, and it was active.
+    bool hasSocket_ = false;
+    bool socketWasActive_ = false;
+};
+
+}  // namespace halvo::control

@@ -1,0 +1,54 @@
+// The helper's units, as systemd tells of them.
+#pragma once
+
+#include <expected>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HalvoHelperCore/HelperIdentity.hpp"
+#include "tools/Halvoctl/Programs.hpp"
+
+namespace halvo::control {
+
+inline constexpr const char* systemctl = "/usr/bin/systemctl";
+
+// The names of the units.
+std::string socketUnit(const HelperIdentity& identity);
+std::string serviceUnit(const HelperIdentity& identity);
+// Starts the service at boot while a commitment is stored.
+std::string resumeUnit(const HelperIdentity& identity);
+
+// What `systemctl show` says of one unit; systemctl(1), org.freedesktop.systemd1(5).
+struct Unit {
+    // "loaded", "not-found", "masked", ...
+    std::string load;
+    // "active", "inactive", "failed", ...
+    std::string active;
+    // "enabled", "disabled", "static", ...; empty when there is no file.
+    std::string enabled;
+    // "success", or why it failed.
+    std::string result;
+
+    [[nodiscard]] bool isLoaded() const { return load == "loaded"; }
+
+    // It runs, or is about to.
+    [[nodiscard]] bool isActive() const { return active == "active" || active == "activating"; }
+
+    bool operator==(const Unit&) const = default;
+};
+
+struct Units {
+    Unit socket;
+    Unit service;
+    Unit resume;
+};
+
+// The units of `identity`, or why they cannot be told. Takes at most 10 seconds.
+std::expected<Units, std::string> readUnits(const HelperIdentity& identity, Programs& programs);
+
+// The properties that `output` of `systemctl show` gives of each unit, by its name.
+std::map<std::string, Unit> parseUnits(const std::string& output);
+
+}  // namespace halvo::control

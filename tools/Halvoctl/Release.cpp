@@ -1,0 +1,155 @@
+#include "tools/Halvoctl/Release.hpp"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <expected>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/Halvoctl/Observation.hpp"
+#include "tools/Halvoctl/Status.hpp"
+
+namespace halvo::control {
+namespace {
+
+using records::printable;
+using records::zonedDate;
+
+// Whether nothing is at `path`; what cannot be looked at may be there.
+bool isGone(const std::string& path) {
+    struct stat status{};
+    return lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+// Takes the lock off the bundle at `path`. What to say of it, or what failed and what to do.
+std::expected<std::string, std::string> unlock(Machine& machine, const std::string& path) {
+    const std::string shown = printable(path);
+    if (machine.flags.setLocked(false, path)) {
+        return shown + " is unlocked";
+    }
+    if (isGone(path)) {
+        return "there is nothing at " + shown + " any more";
+    }
+    return std::unexpected(
+        "The lock of " + shown +
+        " cannot be taken off, so the commitment stays stored. The helper's log says why. Is its "
+        "file system mounted read-only, or does this container lack CAP_LINUX_IMMUTABLE? Mend that "
+        "and try again.");
+}
+
+// Of a bundle whose lock the record does not owe.
+std::string leftAlone(Machine& machine, const std::string& path) {
+    const std::string shown = printable(path);
+    return machine.flags.state(path) == LockState::locked
+               ? shown + " keeps a lock that the helper did not set (to take it off: " +
+                     clearCommand(path) + ")"
+               : shown + " was not locked";
+}
+
+class Releaser {
+  public:
+    Releaser(Machine& machine, const GregorianCalendar& calendar)
+        : machine_(machine), calendar_(calendar) {}
+
+    // What was done, as sentences, or what failed and what to do.
+    std::expected<std::string, std::string> letGo() {
+        const auto [file, stored] = readState(machine_);
+        if (file == StateFile::unreadable) {
+            return std::unexpected(printable(machine_.stateFile) +
+                                   " cannot be read, so it is not known which bundle to unlock. "
+                                   "Nothing was changed. Unlock "
+                                   "the app by hand (" +
+                                   clearCommand("/Applications/Halvo.app") +
+                                   "), then remove that file.");
+        }
+        if (const auto* commitment = std::get_if<HelperCommitment>(&stored)) {
+            return letGo(*commitment);
+        }
+        if (const auto* unreadable = std::get_if<UnreadableCommitment>(&stored)) {
+            return letGo(*unreadable);
+        }
+        return nothingHeld();
+    }
+
+  private:
+    std::expected<std::string, std::string> letGo(const HelperCommitment& commitment) {
+        const ClockReading now = machine_.clock.reading();
+        // The helper locks nothing but what may be locked.
+        const bool isOwed = commitment.locked && AppLocation::mayLock(commitment.appPath);
+        const auto flag =
+            isOwed ? unlock(machine_, commitment.appPath) : leftAlone(machine_, commitment.appPath);
+        return forget(flag, "Let go of the commitment of " + person(machine_, commitment.uid) +
+                                " that " +
+                                (commitment.isLive(now) ? "held until " : "had run out at ") +
+                                zonedDate(commitment.ends(now), calendar_));
+    }
+
+    std::expected<std::string, std::string> letGo(const UnreadableCommitment& unreadable) {
+        const auto path = lockOwed(unreadable);
+        const auto flag = path ? unlock(machine_, *path)
+                               : std::expected<std::string, std::string>("it owed no lock");
+        return forget(flag, "Removed a damaged state file");
+    }
+
+    std::expected<std::string, std::string> forget(
+        const std::expected<std::string, std::string>& flag, const std::string& what) {
+        if (!flag) {
+            return flag;
+        }
+        machine_.store.remove();
+        if (!isGone(machine_.stateFile)) {
+            return std::unexpected(*flag +
+                                   ", but the state file cannot be removed, and the helper would "
+                                   "take the commitment up again. Remove it: " +
+                                   printable(machine_.stateFile));
+        }
+        HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
+        return what + "; " + *flag + ".";
+    }
+
+    std::expected<std::string, std::string> nothingHeld() {
+        std::string text = "Nothing was held.";
+        for (const std::string& path : installedApps(machine_)) {
+            if (machine_.flags.state(path) == LockState::locked) {
+                text += " " + leftAlone(machine_, path) + ".";
+            }
+        }
+        return text;
+    }
+
+    Machine& machine_;
+    const GregorianCalendar& calendar_;
+};
+
+std::string line(const std::string& sentences) { return sentences.empty() ? "" : sentences + "\n"; }
+
+}  // namespace
+
+Outcome release(Machine& machine, const GregorianCalendar& calendar, const Progress& progress) {
+    Outcome outcome;
+    const auto fail = [&outcome](const std::string& problem) {
+        outcome.status = ExitStatus::system;
+        outcome.errors += "halvoctl: " + problem + "\n";
+    };
+    // A helper that runs would undo the rest: it locks again, and stores what it remembers.
+    if (const auto stopped = machine.service.stop(progress); !stopped) {
+        fail(stopped.error());
+    } else if (const auto done = Releaser(machine, calendar).letGo(); !done) {
+        fail(done.error());
+    } else {
+        outcome.output = line(*done);
+    }
+    if (const auto resumed = machine.service.resume(progress); !resumed) {
+        fail(resumed.error());
+    } else {
+        outcome.output += line(*resumed);
+    }
+    return outcome;
+}
+
+}  // namespace halvo::control

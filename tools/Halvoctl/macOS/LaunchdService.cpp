@@ -1,0 +1,84 @@
+#include "tools/Halvoctl/macOS/LaunchdService.hpp"
+
+namespace halvo::control {
+namespace {
+
+constexpr const char* launchctl = "/bin/launchctl";
+constexpr Seconds askLimit{10};
+// launchd gives the job 20 seconds to end.
+constexpr Seconds stopLimit{30};
+constexpr Seconds endLimit{15};
+
+}  // namespace
+
+LaunchdService::LaunchdService(const HelperIdentity& identity, HelperProcesses& processes,
+                               Programs& programs)
+    : job_("system/" + identity.helperBundleID()), processes_(processes), programs_(programs) {}
+
+std::vector<pid_t> LaunchdService::running() { return processes_.running(); }
+
+std::expected<bool, std::string> LaunchdService::isLoaded() {
+    const auto printed = programs_.run({launchctl, "print", job_}, {askLimit, {}});
+    if (!printed) {
+        return std::unexpected(printed.error());
+    }
+    return printed->status == 0;
+}
+
+std::string LaunchdService::whatStarts() {
+    const auto loaded = isLoaded();
+    if (!loaded) {
+        return "nothing is known of what starts it: " + loaded.error();
+    }
+    return *loaded ? "it starts when the app calls, and at boot"
+                   : "nothing starts it until the app registers it anew, or the next boot";
+}
+
+std::string LaunchdService::startCommand() const { return "launchctl kickstart " + job_; }
+
+std::expected<void, std::string> LaunchdService::stop(const Progress& progress) {
+    const auto loaded = isLoaded();
+    if (!loaded) {
+        return std::unexpected(loaded.error() + ". Try again when launchd answers.");
+    }
+    if (*loaded) {
+        const auto out = programs_.run({launchctl, "bootout", job_},
+                                       {stopLimit, [&progress] {
+                                            progress(
+                                                "Waiting for launchd to stop the helper, at "
+                                                "most 30 seconds.");
+                                        }});
+        if (!out) {
+            return std::unexpected(out.error() + ". Try again.");
+        }
+        // It may report that the end is still under way; what counts is what is so.
+        const auto remains = isLoaded();
+        isOut_ = remains.has_value() && !*remains;
+        if (!isOut_) {
+            return std::unexpected("launchd did not stop the helper: launchctl bootout " + job_ +
+                                   " ended with " + std::to_string(out->status) + ". Try again.");
+        }
+    }
+    const auto left = stopAll(processes_, {endLimit, [&progress] {
+                                               progress(
+                                                   "Waiting for the helper to end, at most 15 "
+                                                   "seconds.");
+                                           }});
+    if (!left.empty()) {
+        return std::unexpected("The helper (" + named(left) +
+                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
+                               "again, which takes off the lock that it leaves.");
+    }
+    return {};
+}
+
+std::expected<std::string, std::string> LaunchdService::resume(const Progress&) {
+    return isOut_ ? "The helper is back at the next boot, or when the app registers it anew." : "";
+}
+
+std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string&,
+                                     HelperProcesses& processes, Programs& programs) {
+    return std::make_unique<LaunchdService>(identity, processes, programs);
+}
+
+}  // namespace halvo::control
