@@ -1,0 +1,409 @@
+#include "tests/Booted/BootedMachine.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "HalvoPlatform/Descriptor.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The screen without a graphical system: logind counts what logs in there through PAM.
+const std::string sessionUnit = R"([Service]
+User=%i
+PAMName=login
+Environment=XDG_SEAT=seat0 XDG_SESSION_TYPE=wayland XDG_SESSION_CLASS=)";
+const std::string sessionUnitEnd = "\nExecStart=/bin/sleep infinity\n";
+
+// Generous: eight machines may start at a time on two processors.
+constexpr Seconds loginLimit{60};
+
+const char* treePath() { return std::getenv("BOOTED_MACHINE_TREE"); }
+
+// `word` as one word for a shell.
+std::string quoted(const std::string& word) {
+    std::string text = "'";
+    for (const char c : word) {
+        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return text + "'";
+}
+
+std::string wholeFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string trimmed(const std::string& text) {
+    const auto first = text.find_first_not_of(" \t\n");
+    const auto last = text.find_last_not_of(" \t\n");
+    return first == std::string::npos ? "" : text.substr(first, last - first + 1);
+}
+
+// The journal gives a value that is no UTF-8 as a list of numbers, and one that is too long as null.
+std::string fieldText(const nlohmann::json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+}  // namespace
+
+Seconds timeNow() {
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
+}
+
+bool eventually(Seconds limit, const std::function<bool()>& condition) {
+    constexpr std::chrono::milliseconds pause{150};
+    const Seconds end = timeNow() + limit;
+    while (!condition()) {
+        if (timeNow() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
+}
+
+bool always(Seconds span, const std::function<bool()>& condition) {
+    return !eventually(span, [&] { return !condition(); });
+}
+
+BootedMachine::BootedMachine() {
+    for (const std::string kind : {"user", "greeter"}) {
+        write("/etc/systemd/system/screen-" + kind + "@.service",
+              sessionUnit + kind + sessionUnitEnd);
+    }
+    switchOn();
+}
+
+// What it said is what a person needs who looks into a failure.
+BootedMachine::~BootedMachine() {
+    if (isOn_ && ::testing::Test::HasFailure()) {
+        std::printf("%s\n", run({"journalctl", "--no-pager", "--quiet", "--output=short-monotonic",
+                                 "--lines=150"})
+                                .output.c_str());
+    }
+}
+
+Answer BootedMachine::handle(const std::vector<std::string>& words) const {
+    std::string line = "exec timeout --kill-after=5 120 machine";
+    for (const std::string& word : words) {
+        line += " " + quoted(word);
+    }
+    line += " </dev/null 2>&1";
+    Answer answer;
+    FILE* pipe = popen(line.c_str(), "re");
+    if (pipe == nullptr) {
+        ADD_FAILURE() << "cannot run machine";
+        return answer;
+    }
+    std::array<char, 4096> buffer{};
+    while (const std::size_t count = fread(buffer.data(), 1, buffer.size(), pipe)) {
+        answer.output.append(buffer.data(), count);
+    }
+    const int status = pclose(pipe);
+    answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return answer;
+}
+
+void BootedMachine::switchOn() {
+    const Answer answer = handle({"start"});
+    ASSERT_EQ(answer.status, 0) << answer.output;
+    isOn_ = true;
+}
+
+void BootedMachine::shutDown() {
+    isOn_ = false;
+    const Answer answer = handle({"stop"});
+    ASSERT_EQ(answer.status, 0) << answer.output;
+}
+
+void BootedMachine::restart() {
+    shutDown();
+    switchOn();
+}
+
+void BootedMachine::cutPower() {
+    isOn_ = false;
+    const Answer answer = handle({"cut"});
+    ASSERT_EQ(answer.status, 0) << answer.output;
+}
+
+Answer BootedMachine::run(const std::vector<std::string>& words) const {
+    std::vector<std::string> all{"run"};
+    all.insert(all.end(), words.begin(), words.end());
+    return handle(all);
+}
+
+Answer BootedMachine::runAs(const std::string& person,
+                            const std::vector<std::string>& words) const {
+    std::vector<std::string> all{"run", "--user", person};
+    all.insert(all.end(), words.begin(), words.end());
+    return handle(all);
+}
+
+Answer BootedMachine::runIn(const std::string& session,
+                            const std::vector<std::string>& words) const {
+    std::vector<std::string> all{"run", "--session", session};
+    all.insert(all.end(), words.begin(), words.end());
+    return handle(all);
+}
+
+std::string BootedMachine::must(const std::vector<std::string>& words) const {
+    const Answer answer = run(words);
+    EXPECT_EQ(answer.status, 0) << ::testing::PrintToString(words) << "\n" << answer.output;
+    return answer.output;
+}
+
+void BootedMachine::startIn(const std::string& session,
+                            const std::vector<std::string>& words) const {
+    std::vector<std::string> all{"sh", "-c", R"(setsid "$@" >>~/output 2>&1 </dev/null &)", "-"};
+    all.insert(all.end(), words.begin(), words.end());
+    const Answer answer = runIn(session, all);
+    EXPECT_EQ(answer.status, 0) << answer.output;
+}
+
+std::string BootedMachine::path(const std::string& inside) const {
+    if (isOn_ && (inside.starts_with("/run/") || inside.starts_with("/tmp/"))) {
+        return "/proc/" + trimmed(wholeFile("/run/booted-machine/leader")) + "/root" + inside;
+    }
+    return treePath() + inside;
+}
+
+bool BootedMachine::exists(const std::string& inside) const {
+    struct stat status{};
+    return lstat(path(inside).c_str(), &status) == 0;
+}
+
+std::string BootedMachine::read(const std::string& inside) const { return wholeFile(path(inside)); }
+
+void BootedMachine::write(const std::string& inside, const std::string& bytes) const {
+    std::ofstream file(path(inside), std::ios::binary);
+    file << bytes;
+    file.close();
+    EXPECT_TRUE(file) << "cannot write " << inside;
+}
+
+bool BootedMachine::isLocked(const std::string& inside) const {
+    const Descriptor item(open(path(inside).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    unsigned int flags = 0;
+    return item.isOpen() && ioctl(item.get(), FS_IOC_GETFLAGS, &flags) == 0 &&
+           (flags & FS_IMMUTABLE_FL) != 0;
+}
+
+std::optional<State> BootedMachine::state() const {
+    const auto json = nlohmann::json::parse(read(Place::stateFile), nullptr, false);
+    if (!json.is_object() || !json.contains("remaining") || !json.contains("locked")) {
+        return std::nullopt;
+    }
+    return State{json["remaining"].get<double>(), json["locked"].get<bool>()};
+}
+
+std::string BootedMachine::startSession(const std::string& unit, const std::string& person) const {
+    must({"systemctl", "start", unit});
+    std::string session;
+    EXPECT_TRUE(eventually(loginLimit, [&] {
+        session.clear();
+        std::istringstream lines(run({"loginctl", "--no-legend", "list-sessions"}).output);
+        std::string id;
+        std::string uid;
+        std::string name;
+        std::string rest;
+        while (lines >> id >> uid >> name && std::getline(lines, rest)) {
+            const std::string group = run({"loginctl", "show-session", id, "--value",
+                                           "--property=State", "--property=Seat"})
+                                          .output;
+            if (name == person && group.find("closing") == std::string::npos &&
+                group.find("seat0") != std::string::npos) {
+                session = id;
+            }
+        }
+        return !session.empty();
+    })) << person
+        << " has no session";
+    activate(session);
+    return session;
+}
+
+std::string BootedMachine::logIn(const std::string& person) const {
+    const std::string session = startSession("screen-user@" + person + ".service", person);
+    const std::string uid = trimmed(must({"id", "-u", person}));
+    EXPECT_TRUE(eventually(loginLimit, [&] {
+        return activeState("user@" + uid + ".service") == "active";
+    })) << "no service manager for "
+        << person;
+    return session;
+}
+
+std::string BootedMachine::showLoginScreen() const {
+    return startSession("screen-greeter@greeter.service", "greeter");
+}
+
+void BootedMachine::logOut(const std::string& person) const {
+    must({"systemctl", "stop", "screen-user@" + person + ".service"});
+}
+
+void BootedMachine::hideLoginScreen() const {
+    must({"systemctl", "stop", "screen-greeter@greeter.service"});
+}
+
+void BootedMachine::activate(const std::string& session) const {
+    must({"loginctl", "activate", session});
+    EXPECT_TRUE(eventually(loginLimit, [&] {
+        return read("/run/systemd/seats/seat0").find("\nACTIVE=" + session + "\n") !=
+               std::string::npos;
+    })) << "session "
+        << session << " has not got the screen";
+}
+
+std::vector<pid_t> BootedMachine::running(const std::string& executable) const {
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        pid_t pid = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+        if (error != std::errc{} || end != name.data() + name.size()) {
+            continue;
+        }
+        std::error_code ignored;
+        if (fs::read_symlink(entry.path() / "exe", ignored) == executable) {
+            found.push_back(pid);
+        }
+    }
+    std::ranges::sort(found);
+    return found;
+}
+
+pid_t BootedMachine::waitFor(const std::string& executable, Seconds limit,
+                             const std::vector<pid_t>& except) const {
+    pid_t found = -1;
+    EXPECT_TRUE(eventually(limit, [&] {
+        for (const pid_t pid : running(executable)) {
+            found = std::ranges::find(except, pid) == except.end() ? pid : found;
+        }
+        return found > 0;
+    })) << executable
+        << " does not run";
+    return found;
+}
+
+std::string BootedMachine::property(const std::string& unit, const std::string& name) const {
+    return trimmed(run({"systemctl", "show", unit, "--value", "--property=" + name}).output);
+}
+
+std::vector<Entry> BootedMachine::journal(const std::vector<std::string>& matches) const {
+    std::vector<std::string> words{"journalctl", "--no-pager", "--quiet", "--all", "--output=json"};
+    words.insert(words.end(), matches.begin(), matches.end());
+    std::istringstream lines(must(words));
+    std::vector<Entry> entries;
+    std::string line;
+    while (std::getline(lines, line)) {
+        const auto json = nlohmann::json::parse(line, nullptr, false);
+        EXPECT_TRUE(json.is_object()) << line;
+        Entry entry;
+        for (const auto& [name, value] : json.items()) {
+            entry[name] = fieldText(value);
+        }
+        entries.push_back(entry);
+    }
+    return entries;
+}
+
+int BootedMachine::count(const std::string& line) const {
+    const bool isBeginning = line.ends_with('*');
+    const std::string text = isBeginning ? line.substr(0, line.size() - 1) : line;
+    return static_cast<int>(
+        std::ranges::count_if(journal({"SUBSYSTEM=app.halvo"}), [&](Entry& entry) {
+            const std::string& message = entry["MESSAGE"];
+            return isBeginning ? message.starts_with(text) : message == text;
+        }));
+}
+
+bool BootedMachine::says(const std::string& line, Seconds limit) const {
+    return eventually(limit, [&] { return count(line) > 0; });
+}
+
+void BootedMachine::install() const {
+    for (const std::string file : {HALVO_BOOTED_HELPER, HALVO_BOOTED_SAMPLE_APP}) {
+        fs::copy_file(file, path("/root/" + fs::path(file).filename().string()));
+    }
+    sh("dpkg --install /root/*.deb && rm /root/*.deb");
+}
+
+void BootedMachine::installLater() const {
+    for (const std::string file : {HALVO_BOOTED_LATER_HELPER, HALVO_BOOTED_LATER_SAMPLE_APP}) {
+        fs::copy_file(file, path("/root/" + fs::path(file).filename().string()));
+    }
+    sh("dpkg --install /root/*.deb && rm /root/*.deb");
+}
+
+void BootedMachine::commit(const std::string& session, const std::string& minutes) const {
+    startIn(session, {Place::appExecutable, minutes});
+    ASSERT_TRUE(eventually(Seconds{30}, [&] { return state().has_value() && isLocked(); }))
+        << "the commitment is not held";
+}
+
+std::vector<std::string> processWords(pid_t process, const char* file) {
+    std::istringstream text(wholeFile("/proc/" + std::to_string(process) + "/" + file));
+    std::vector<std::string> words;
+    std::string word;
+    while (std::getline(text, word, '\0')) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+std::string processField(pid_t process, const std::string& field) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/status");
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.starts_with(field + ":")) {
+            return trimmed(line.substr(field.size() + 1));
+        }
+    }
+    return "";
+}
+
+std::string controlGroup(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/cgroup");
+    std::string line;
+    while (std::getline(file, line)) {
+        const std::string top = "/payload";
+        const auto at = line.find(top);
+        if (line.starts_with("0::") && at != std::string::npos) {
+            return line.substr(at + top.size());
+        }
+    }
+    return "";
+}
+
+std::string processNamespace(pid_t process, const std::string& kind) {
+    std::error_code ignored;
+    return fs::read_symlink("/proc/" + std::to_string(process) + "/ns/" + kind, ignored);
+}
+
+bool isAlive(pid_t process) { return !processField(process, "State").empty(); }
+
+}  // namespace halvo::testing

@@ -1,0 +1,180 @@
+// A machine with systemd as process 1 that a test switches on and off: the one that
+// scripts/booted-machine keeps beside it. What happens inside reaches no other machine.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HalvoPlatform/Time.hpp"
+
+namespace halvo::testing {
+
+// Where things are once the packages are installed, as paths of the machine.
+namespace Place {
+
+inline const std::string appID = HALVO_BOOTED_APP;
+inline const std::string app = "/Applications/Halvo.app";
+inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
+inline const std::string libexec = "/usr/libexec/" + appID + ".helper";
+inline const std::string helper = libexec + "/HalvoHelper";
+inline const std::string stateFolder = "/Library/Application Support/" + appID + ".helper";
+inline const std::string stateFile = stateFolder + "/commitment.json";
+inline const std::string socket = "/run/" + appID + ".helper.sock";
+
+}  // namespace Place
+
+// The units of the helper.
+namespace Unit {
+
+inline const std::string socket = Place::appID + ".helper.socket";
+inline const std::string service = Place::appID + ".helper.service";
+inline const std::string resume = Place::appID + ".helper-resume.service";
+
+}  // namespace Unit
+
+// How a command ended and what it wrote to its standard output and error.
+struct Answer {
+    int status = -1;
+    std::string output;
+
+    bool operator==(const Answer&) const = default;
+};
+
+// What the state file holds.
+struct State {
+    double remaining{};
+    bool locked{};
+};
+
+// One entry of the journal; systemd.journal-fields(7).
+using Entry = std::map<std::string, std::string>;
+
+// Time since boot of the real machine.
+Seconds timeNow();
+
+// Whether `condition` comes true before `limit` has passed. It is looked at a few times a second.
+bool eventually(Seconds limit, const std::function<bool()>& condition);
+
+// Whether `condition` is true at every look for as long as `span`.
+bool always(Seconds span, const std::function<bool()>& condition);
+
+class BootedMachine {
+  public:
+    // Two people with accounts.
+    static constexpr uid_t alice = 1000;
+    static constexpr uid_t bob = 1001;
+
+    // Switched on, with nothing of ours installed and nobody logged in.
+    BootedMachine();
+    ~BootedMachine();
+    BootedMachine(const BootedMachine&) = delete;
+    BootedMachine& operator=(const BootedMachine&) = delete;
+
+    // --- Power. Each fails the test when it takes too long.
+
+    void switchOn();
+    // An orderly shutdown.
+    void shutDown();
+    void restart();
+    // As when the plug is pulled.
+    void cutPower();
+
+    // --- Commands inside. One that takes longer than two minutes is killed and gives 137.
+
+    [[nodiscard]] Answer run(const std::vector<std::string>& words) const;
+    [[nodiscard]] Answer runAs(const std::string& person,
+                               const std::vector<std::string>& words) const;
+    // Within a session.
+    [[nodiscard]] Answer runIn(const std::string& session,
+                               const std::vector<std::string>& words) const;
+    // As root; fails the test unless it ends with 0. What it wrote.
+    std::string must(const std::vector<std::string>& words) const;
+    // The same for a line of shell.
+    std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
+
+    // Starts a program within the session and does not wait for it; its output goes to a file of
+    // the person's home, `output()`.
+    void startIn(const std::string& session, const std::vector<std::string>& words) const;
+
+    // --- Files. The path on the real machine of one inside; only below "/run" and "/tmp" does it
+    // matter whether the machine is on.
+
+    [[nodiscard]] std::string path(const std::string& inside) const;
+    [[nodiscard]] bool exists(const std::string& inside) const;
+    [[nodiscard]] std::string read(const std::string& inside) const;
+    void write(const std::string& inside, const std::string& bytes) const;
+    // Whether the item carries the immutable flag.
+    [[nodiscard]] bool isLocked(const std::string& inside = Place::app) const;
+    // What the helper has stored; nothing when there is no whole record.
+    [[nodiscard]] std::optional<State> state() const;
+
+    // --- People at the screen.
+
+    // A session on seat0 that has the screen when this returns: its id.
+    [[nodiscard]] std::string logIn(const std::string& person) const;
+    // The login screen has it.
+    [[nodiscard]] std::string showLoginScreen() const;
+    void logOut(const std::string& person) const;
+    void hideLoginScreen() const;
+    // Gives the screen to a session, as a switch of users does.
+    void activate(const std::string& session) const;
+
+    // --- What runs. Processes are known by their ids on the real machine, whose /proc shows them.
+
+    [[nodiscard]] std::vector<pid_t> running(const std::string& executable) const;
+    // Waits for one to run that is none of `except`. Fails the test without, and gives -1.
+    [[nodiscard]] pid_t waitFor(const std::string& executable, Seconds limit,
+                                const std::vector<pid_t>& except = {}) const;
+    // A unit's property, from systemctl show.
+    [[nodiscard]] std::string property(const std::string& unit, const std::string& name) const;
+
+    [[nodiscard]] std::string activeState(const std::string& unit) const {
+        return property(unit, "ActiveState");
+    }
+
+    // --- The journal.
+
+    // The entries that match, words as journalctl(1) takes them, oldest first.
+    [[nodiscard]] std::vector<Entry> journal(const std::vector<std::string>& matches) const;
+    // How many lines the helper has logged, since the machine was made, that are `line`, or begin
+    // with it when it ends in "*".
+    [[nodiscard]] int count(const std::string& line) const;
+    [[nodiscard]] bool says(const std::string& line, Seconds limit = Seconds{20}) const;
+
+    // --- The packages.
+
+    // Both, in one run of dpkg; or those of a later version.
+    void install() const;
+    void installLater() const;
+
+    // Begins a commitment of the person of that session with the app, which goes on to run. Returns
+    // when it is held and the app is locked.
+    void commit(const std::string& session, const std::string& minutes = "25") const;
+
+  private:
+    [[nodiscard]] Answer handle(const std::vector<std::string>& words) const;
+    [[nodiscard]] std::string startSession(const std::string& unit,
+                                           const std::string& person) const;
+    bool isOn_ = false;
+};
+
+// Words of a process: its command line, or its environment.
+std::vector<std::string> processWords(pid_t process, const char* file = "cmdline");
+
+// The value of a field of /proc/PID/status, without blanks around it; empty without such a process.
+std::string processField(pid_t process, const std::string& field);
+
+// Below the machine's own root.
+std::string controlGroup(pid_t process);
+
+// What a link in /proc/PID/ns points to.
+std::string processNamespace(pid_t process, const std::string& kind);
+
+bool isAlive(pid_t process);
+
+}  // namespace halvo::testing

@@ -1,0 +1,151 @@
+// What is there once the packages are installed, and when they are upgraded.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tests/Booted/BootedMachine.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+struct Installation : ::testing::Test {
+    Installation() { machine.install(); }
+
+    BootedMachine machine;
+};
+
+TEST_F(Installation, StartsTheSocketAndNotTheHelper) {
+    EXPECT_EQ(machine.activeState(Unit::socket), "active");
+    EXPECT_EQ(machine.activeState(Unit::service), "inactive");
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    EXPECT_EQ(machine.property(Unit::socket, "UnitFileState"), "enabled");
+    EXPECT_EQ(machine.property(Unit::resume, "UnitFileState"), "enabled");
+    EXPECT_EQ(machine.property(Unit::service, "UnitFileState"), "static");
+    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+    EXPECT_EQ(machine.sh("systemd-analyze verify " + Unit::service + " " + Unit::socket + " " +
+                         Unit::resume + " 2>&1"),
+              "");
+}
+
+TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
+    struct stat status{};
+    ASSERT_EQ(stat(machine.path(Place::appExecutable).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 02755U);
+    EXPECT_EQ(status.st_uid, 0U);
+    const std::string gid = std::to_string(status.st_gid);
+    const std::string group = machine.sh("getent group " + gid);
+    EXPECT_THAT(group, ::testing::MatchesRegex("_org_example_focus:x:[0-9]+:\n"));
+    EXPECT_THAT(machine.sh("getent gshadow _org_example_focus"),
+                ::testing::MatchesRegex("_org_example_focus:[!*]+::\n"));
+    EXPECT_EQ(machine.sh("awk -F: '$4 == " + gid + "' /etc/passwd"), "");
+}
+
+TEST_F(Installation, LetsTheFirstCallStartTheHelper) {
+    const std::string session = machine.logIn("alice");
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    const Answer answer = machine.runIn(session, {Place::appExecutable});
+    EXPECT_EQ(answer.status, 0) << answer.output;
+    EXPECT_THAT(answer.output, HasSubstr("Nothing holds"));
+    EXPECT_THAT(machine.running(Place::helper), SizeIs(1));
+    EXPECT_EQ(machine.activeState(Unit::service), "active");
+}
+
+TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    const Answer answer = machine.run(
+        {"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
+    EXPECT_EQ(answer.status, 0) << answer.output;
+    const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
+    EXPECT_EQ(processField(helper, "NoNewPrivs"), "1");
+    EXPECT_EQ(processField(helper, "Seccomp"), "2");
+    // CAP_LINUX_IMMUTABLE and CAP_SYS_PTRACE.
+    EXPECT_EQ(processField(helper, "CapBnd"), "0000000000080200");
+    EXPECT_EQ(processField(helper, "CapEff"), "0000000000080200");
+}
+
+TEST_F(Installation, WritesItsLogToTheJournal) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    ASSERT_TRUE(machine.says("Holding Ultra Hard mode for *"));
+    const auto entries = machine.journal({"SUBSYSTEM=app.halvo", "CATEGORY=Helper"});
+    ASSERT_THAT(entries, SizeIs(1));
+    Entry entry = entries.front();
+    EXPECT_THAT(entry["MESSAGE"],
+                ::testing::AnyOf("Holding Ultra Hard mode for 1500 s",
+                                 "Holding Ultra Hard mode for 1499 s"));
+    EXPECT_EQ(entry["PRIORITY"], "5");
+    EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "HalvoHelper");
+    EXPECT_EQ(entry["_SYSTEMD_UNIT"], Unit::service);
+    EXPECT_EQ(entry["_EXE"], Place::helper);
+    EXPECT_EQ(entry["_UID"], "0");
+}
+
+TEST_F(Installation, TurnsStrangersAway) {
+    const std::string session = machine.logIn("alice");
+    const std::string peer = "--peer=unix:path=" + Place::socket;
+    const std::vector<std::string> words{"dbus-send",
+                                         "--print-reply",
+                                         "--reply-timeout=5000",
+                                         peer,
+                                         "/app/halvo/Helper",
+                                         "org.freedesktop.DBus.Introspectable.Introspect"};
+    EXPECT_NE(machine.runIn(session, words).status, 0);
+    EXPECT_TRUE(machine.says("Refused a caller: *"));
+    // Root is none of its callers either.
+    EXPECT_NE(machine.run(words).status, 0);
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count("Refused a caller: *") == 2; }));
+    // Nor is a copy of the app, which the bit is lost of.
+    const Answer copied = machine.runIn(
+        session, {"sh", "-c", "cp -rp " + Place::app + " ~ && ~/Halvo.app/Contents/MacOS/Halvo 25"});
+    EXPECT_EQ(copied.status, 77) << copied.output;
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count("Refused a caller: *") == 3; }));
+    for (Entry entry : machine.journal({"SUBSYSTEM=app.halvo"})) {
+        EXPECT_EQ(entry["PRIORITY"], "3");
+        std::printf("%s\n", entry["MESSAGE"].c_str());
+    }
+    EXPECT_FALSE(machine.exists(Place::stateFile));
+}
+
+TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    const pid_t app = machine.waitFor(Place::appExecutable, Seconds{5});
+    const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
+    const double left = machine.state()->remaining;
+    machine.installLater();
+    EXPECT_THAT(machine.sh("dpkg-query --show --showformat='${Version} ' '" HALVO_BOOTED_PACKAGE
+                           "-*'"),
+                HALVO_BOOTED_LATER_VERSION " " HALVO_BOOTED_LATER_VERSION " ");
+    EXPECT_EQ(machine.sh("dpkg --audit"), "");
+    const pid_t later = machine.waitFor(Place::helper, Seconds{30}, {helper});
+    EXPECT_FALSE(isAlive(helper));
+    EXPECT_TRUE(machine.says("Holding Ultra Hard mode for another *"));
+    EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.isLocked(); }));
+    EXPECT_LE(machine.state()->remaining, left);
+    EXPECT_GT(machine.state()->remaining, left - 60);
+    EXPECT_EQ(machine.activeState(Unit::socket), "active");
+    EXPECT_EQ(machine.property(Unit::service, "MainPID"),
+              processField(later, "NSpid").substr(processField(later, "NSpid").rfind('\t') + 1));
+    // What is installed anew is the app still.
+    struct stat status{};
+    ASSERT_EQ(stat(machine.path(Place::appExecutable).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 02755U);
+    kill(app, SIGKILL);
+    const pid_t opened = machine.waitFor(Place::appExecutable, Seconds{60}, {app});
+    EXPECT_TRUE(always(Seconds{12}, [&] { return isAlive(opened); }));
+}
+
+}  // namespace
+}  // namespace halvo::testing

@@ -1,0 +1,67 @@
+// That the machine is one: what the other tests stand on.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/Booted/BootedMachine.hpp"
+
+namespace halvo::testing {
+namespace {
+
+TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
+    BootedMachine machine;
+    const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
+    const std::string bootID = machine.sh("cat /proc/sys/kernel/random/boot_id");
+    ASSERT_TRUE(eventually(Seconds{30}, [&] { return sinceBoot() > 5; }));
+    EXPECT_LT(sinceBoot(), 120) << "this is the real machine's";
+    const Seconds before = timeNow();
+    machine.restart();
+    EXPECT_LE(sinceBoot(), (timeNow() - before).count());
+    EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
+    // Process 1 counts by it too.
+    const Seconds timer = timeNow();
+    machine.sh("systemd-run --quiet --on-boot=8s --unit=soon touch /root/soon");
+    EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.exists("/root/soon"); }));
+    EXPECT_GE(sinceBoot(), 8);
+    EXPECT_LT(timeNow() - timer, Seconds{30});
+}
+
+TEST(BootedMachineTest, KeepsFilesAndJournalOverARestartAndAPowerCut) {
+    BootedMachine machine;
+    machine.write("/root/kept", "yes");
+    machine.sh("logger --id=1 first && journalctl --sync");
+    machine.restart();
+    machine.cutPower();
+    machine.switchOn();
+    EXPECT_EQ(machine.read("/root/kept"), "yes");
+    EXPECT_NE(machine.sh("journalctl --list-boots --no-pager").find(" -2 "), std::string::npos);
+    EXPECT_EQ(machine.journal({"--boot=-2", "MESSAGE=first"}).size(), 1U);
+}
+
+TEST(BootedMachineTest, GivesTheScreenToOneOfItsSessions) {
+    BootedMachine machine;
+    const auto active = [&] {
+        return machine.sh("loginctl show-seat seat0 --value --property=ActiveSession");
+    };
+    const std::string alice = machine.logIn("alice");
+    EXPECT_EQ(active(), alice + "\n");
+    EXPECT_EQ(machine.runIn(alice, {"id", "-un"}).output, "alice\n");
+    EXPECT_EQ(machine.runIn(alice, {"sh", "-c", "cut -d: -f3 /proc/self/cgroup | tail -n 1"}).output,
+              "/user.slice/user-1000.slice/session-" + alice + ".scope\n");
+    const std::string bob = machine.logIn("bob");
+    EXPECT_EQ(active(), bob + "\n");
+    machine.activate(alice);
+    EXPECT_EQ(active(), alice + "\n");
+    const std::string greeter = machine.showLoginScreen();
+    EXPECT_EQ(machine.sh("loginctl show-session " + greeter + " --value --property=Class"),
+              "greeter\n");
+    EXPECT_EQ(active(), greeter + "\n");
+    machine.logOut("alice");
+    EXPECT_TRUE(eventually(Seconds{30}, [&] {
+        return machine.run({"loginctl", "show-session", alice}).status != 0;
+    }));
+}
+
+}  // namespace
+}  // namespace halvo::testing

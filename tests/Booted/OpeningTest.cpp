@@ -1,0 +1,190 @@
+// How the app is held open and locked in real sessions.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/Booted/BootedMachine.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
+
+// Six seconds of silence, at most fifteen since the last opening, a tick, and a busy machine.
+constexpr Seconds openingLimit{60};
+// Clear of any opening that would come.
+constexpr Seconds wellAfter{14};
+
+struct Opening : ::testing::Test {
+    Opening() { machine.install(); }
+
+    // The app is gone when this returns.
+    void quit(pid_t app) const {
+        kill(app, SIGKILL);
+        ASSERT_TRUE(eventually(Seconds{10}, [&] { return !isAlive(app); }));
+    }
+
+    [[nodiscard]] pid_t app() const { return machine.waitFor(Place::appExecutable, openingLimit); }
+
+    [[nodiscard]] bool staysClosed(Seconds span) const {
+        return always(span, [&] { return machine.running(Place::appExecutable).empty(); });
+    }
+
+    // The helper takes it for its app: it hears from it, and so does not open another.
+    [[nodiscard]] bool isServed(pid_t process) const {
+        const int before = machine.count(opening);
+        return always(wellAfter, [&] { return isAlive(process); }) &&
+               machine.count(opening) == before && machine.count("Refused a caller*") == 0 &&
+               machine.running(Place::appExecutable) == std::vector<pid_t>{process};
+    }
+
+    BootedMachine machine;
+};
+
+TEST_F(Opening, IsNotNeededForAnAppThatIsLocked) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    EXPECT_NE(machine.runIn(session, {"rm", "-r", Place::app}).status, 0);
+    EXPECT_NE(machine.runIn(session, {"mv", Place::app, "/Applications/Other.app"}).status, 0);
+    EXPECT_NE(machine.run({"mv", Place::app, "/Applications/Other.app"}).status, 0);
+    EXPECT_NE(machine.run({"rmdir", Place::app}).status, 0);
+    // A folder of root's with nothing in it, to see that it is for the flag.
+    EXPECT_NE(machine.run({"touch", Place::app + "/new"}).status, 0);
+    EXPECT_TRUE(machine.exists(Place::appExecutable));
+    machine.must({"chattr", "-i", Place::app});
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
+    EXPECT_TRUE(machine.says("Locked Halvo's app again"));
+    EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
+    EXPECT_TRUE(machine.isLocked());
+}
+
+TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    EXPECT_EQ(machine.runIn(session, {"systemctl", "--user", "set-environment",
+                                      "WAYLAND_DISPLAY=wayland-7"})
+                  .status,
+              0);
+    quit(app());
+    const pid_t opened = app();
+    EXPECT_THAT(processWords(opened),
+                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
+    EXPECT_THAT(processWords(opened, "environ"), Contains("WAYLAND_DISPLAY=wayland-7"));
+    EXPECT_THAT(processWords(opened, "environ"), Contains("XDG_RUNTIME_DIR=/run/user/1000"));
+    EXPECT_THAT(controlGroup(opened),
+                StartsWith("/user.slice/user-1000.slice/user@1000.service/app.slice/app-halvo-" +
+                           Place::appID + "@"));
+    EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
+    EXPECT_EQ(processField(opened, "NoNewPrivs"), "0");
+    EXPECT_EQ(processField(opened, "Seccomp"), "0");
+    EXPECT_TRUE(isServed(opened));
+    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+}
+
+TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    machine.sh("systemctl mask --runtime --now user@1000.service");
+    quit(app());
+    const pid_t opened = app();
+    EXPECT_THAT(processWords(opened),
+                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
+    EXPECT_THAT(controlGroup(opened), StartsWith("/user.slice/user-1000.slice/run-"));
+    EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
+    EXPECT_EQ(processField(opened, "NoNewPrivs"), "0");
+    EXPECT_EQ(processField(opened, "Seccomp"), "0");
+    EXPECT_EQ(processField(opened, "CapEff"), "0000000000000000");
+    EXPECT_EQ(processField(opened, "CapBnd"),
+              processField(machine.running("/usr/bin/sleep").front(), "CapBnd"))
+        << "unlike any other program of the person";
+    const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
+    const pid_t ordinary = machine.running("/usr/bin/sleep").front();
+    for (const std::string kind : {"net", "mnt", "ipc", "pid", "user"}) {
+        EXPECT_EQ(processNamespace(opened, kind), processNamespace(ordinary, kind)) << kind;
+    }
+    EXPECT_NE(processNamespace(opened, "net"), processNamespace(helper, "net"));
+    EXPECT_TRUE(isServed(opened));
+    // It outlives the helper that had it opened.
+    machine.must({"systemctl", "restart", Unit::service});
+    EXPECT_TRUE(isServed(opened));
+}
+
+TEST_F(Opening, WaitsUntilThePersonLogsInAgain) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    machine.logOut("alice");
+    machine.sh("loginctl terminate-user alice || true");
+    ASSERT_TRUE(eventually(Seconds{60}, [&] {
+        return machine.running(Place::appExecutable).empty() &&
+               machine.activeState("user@1000.service") == "inactive";
+    }));
+    const int before = machine.count(opening);
+    EXPECT_TRUE(staysClosed(wellAfter));
+    EXPECT_EQ(machine.count(opening), before);
+    EXPECT_TRUE(machine.isLocked());
+    const std::string again = machine.logIn("alice");
+    const pid_t opened = app();
+    EXPECT_THAT(controlGroup(opened), HasSubstr("/user@1000.service/"));
+    EXPECT_THAT(processWords(opened), ElementsAre(Place::appExecutable));
+}
+
+TEST_F(Opening, IsForThePersonAtTheScreenOnly) {
+    const std::string alice = machine.logIn("alice");
+    machine.commit(alice);
+    const std::string bob = machine.logIn("bob");
+    quit(app());
+    EXPECT_TRUE(staysClosed(wellAfter));
+    // Whom nothing holds.
+    EXPECT_THAT(machine.runIn(bob, {Place::appExecutable}).output, HasSubstr("Nothing holds"));
+    // The login screen is nobody.
+    const std::string greeter = machine.showLoginScreen();
+    EXPECT_TRUE(staysClosed(wellAfter));
+    EXPECT_EQ(machine.count(opening), 0);
+    EXPECT_TRUE(machine.isLocked());
+    machine.activate(alice);
+    const pid_t opened = app();
+    EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
+    EXPECT_EQ(machine.count(opening), 1);
+}
+
+TEST_F(Opening, WaitsNinetySecondsForASessionThatWasToEnd) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    // To the app the session ends when the machine is about to go down, which somebody delays.
+    machine.sh("mkdir -p /run/systemd/logind.conf.d && printf '[Login]\\nInhibitDelayMaxSec=600\\n' "
+               ">/run/systemd/logind.conf.d/delay.conf && systemctl restart systemd-logind");
+    machine.startIn(session, {"true"});
+    machine.sh("systemd-run --quiet --unit=delay systemd-inhibit --what=shutdown --mode=delay "
+               "sleep infinity");
+    ASSERT_TRUE(eventually(Seconds{20}, [&] {
+        return machine.sh("systemd-inhibit --list --no-legend").find("delay") != std::string::npos;
+    }));
+    machine.sh("systemctl mask --runtime poweroff.target reboot.target halt.target");
+    machine.startIn(session, {"true"});
+    machine.sh("busctl call org.freedesktop.login1 /org/freedesktop/login1 "
+               "org.freedesktop.login1.Manager PowerOff b false");
+    const pid_t first = app();
+    kill(first, SIGTERM);
+    const Seconds quitAt = timeNow();
+    ASSERT_TRUE(eventually(Seconds{10}, [&] { return !isAlive(first); }));
+    EXPECT_TRUE(staysClosed(Seconds{86}));
+    const pid_t opened = app();
+    EXPECT_GE(timeNow() - quitAt, Seconds{89});
+    EXPECT_THAT(processWords(opened),
+                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
+}
+
+}  // namespace
+}  // namespace halvo::testing
