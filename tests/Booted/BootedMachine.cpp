@@ -261,12 +261,12 @@ std::string BootedMachine::showLoginScreen() const {
     return startSession("screen-greeter@greeter.service", "greeter");
 }
 
-void BootedMachine::logOut(const std::string& person) const {
-    must({"systemctl", "stop", "screen-user@" + person + ".service"});
-}
-
-void BootedMachine::hideLoginScreen() const {
-    must({"systemctl", "stop", "screen-greeter@greeter.service"});
+void BootedMachine::logOut(const std::string& session) const {
+    must({"loginctl", "terminate-session", session});
+    EXPECT_TRUE(eventually(loginLimit, [&] {
+        return run({"loginctl", "show-session", session}).status != 0;
+    })) << "session "
+        << session << " does not end";
 }
 
 void BootedMachine::activate(const std::string& session) const {

@@ -119,8 +119,8 @@ class BootedMachine {
     [[nodiscard]] std::string logIn(const std::string& person) const;
     // The login screen has it.
     [[nodiscard]] std::string showLoginScreen() const;
-    void logOut(const std::string& person) const;
-    void hideLoginScreen() const;
+    // Ends a session and all that runs in it. Returns when it is gone.
+    void logOut(const std::string& session) const;
     // Gives the screen to a session, as a switch of users does.
     void activate(const std::string& session) const;
 

@@ -87,8 +87,6 @@ TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
                 StartsWith("/user.slice/user-1000.slice/user@1000.service/app.slice/app-halvo-" +
                            Place::appID + "@"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
-    EXPECT_EQ(processField(opened, "NoNewPrivs"), "0");
-    EXPECT_EQ(processField(opened, "Seccomp"), "0");
     EXPECT_TRUE(isServed(opened));
     EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
 }
@@ -103,14 +101,13 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
     EXPECT_THAT(controlGroup(opened), StartsWith("/user.slice/user-1000.slice/run-"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
-    EXPECT_EQ(processField(opened, "NoNewPrivs"), "0");
-    EXPECT_EQ(processField(opened, "Seccomp"), "0");
-    EXPECT_EQ(processField(opened, "CapEff"), "0000000000000000");
-    EXPECT_EQ(processField(opened, "CapBnd"),
-              processField(machine.running("/usr/bin/sleep").front(), "CapBnd"))
-        << "unlike any other program of the person";
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
+    // What it is allowed is what any program of the person is; the machine itself takes some away.
     const pid_t ordinary = machine.running("/usr/bin/sleep").front();
+    for (const std::string field : {"NoNewPrivs", "Seccomp_filters", "CapEff", "CapBnd"}) {
+        EXPECT_EQ(processField(opened, field), processField(ordinary, field)) << field;
+        EXPECT_NE(processField(opened, field), processField(helper, field)) << field;
+    }
     for (const std::string kind : {"net", "mnt", "ipc", "pid", "user"}) {
         EXPECT_EQ(processNamespace(opened, kind), processNamespace(ordinary, kind)) << kind;
     }
@@ -124,8 +121,7 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
 TEST_F(Opening, WaitsUntilThePersonLogsInAgain) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
-    machine.logOut("alice");
-    machine.sh("loginctl terminate-user alice || true");
+    machine.logOut(session);
     ASSERT_TRUE(eventually(Seconds{60}, [&] {
         return machine.running(Place::appExecutable).empty() &&
                machine.activeState("user@1000.service") == "inactive";
@@ -165,14 +161,11 @@ TEST_F(Opening, WaitsNinetySecondsForASessionThatWasToEnd) {
     // To the app the session ends when the machine is about to go down, which somebody delays.
     machine.sh("mkdir -p /run/systemd/logind.conf.d && printf '[Login]\\nInhibitDelayMaxSec=600\\n' "
                ">/run/systemd/logind.conf.d/delay.conf && systemctl restart systemd-logind");
-    machine.startIn(session, {"true"});
     machine.sh("systemd-run --quiet --unit=delay systemd-inhibit --what=shutdown --mode=delay "
                "sleep infinity");
     ASSERT_TRUE(eventually(Seconds{20}, [&] {
         return machine.sh("systemd-inhibit --list --no-legend").find("delay") != std::string::npos;
     }));
-    machine.sh("systemctl mask --runtime poweroff.target reboot.target halt.target");
-    machine.startIn(session, {"true"});
     machine.sh("busctl call org.freedesktop.login1 /org/freedesktop/login1 "
                "org.freedesktop.login1.Manager PowerOff b false");
     const pid_t first = app();
