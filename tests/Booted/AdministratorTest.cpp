@@ -1,1 +1,132 @@
+// halvoctl, the administrator's program, where all that it looks at is real.
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/Booted/BootedMachine.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+struct Administrator : ::testing::Test {
+    Administrator() {
+        machine.install();
+        session = machine.logIn("alice");
+    }
+
+    [[nodiscard]] json answer(const std::string& command) const {
+        const json root = json::parse(machine.run({"halvoctl", command, "--json"}).output, nullptr,
+                                      /*allow_exceptions=*/false);
+        EXPECT_TRUE(root.is_object());
+        return root;
+    }
+
+    // The names of the checks that found one.
+    [[nodiscard]] std::vector<std::string> problems() const {
+        std::vector<std::string> names;
+        const json root = answer("doctor");
+        for (const json& check : root["checks"]) {
+            if (check["verdict"] == "problem") {
+                names.push_back(check["name"]);
+                EXPECT_TRUE(check["advice"].is_string()) << check;
+            }
+        }
+        EXPECT_EQ(root["problems"], names.size());
+        return names;
+    }
+
+    BootedMachine machine;
+    std::string session;
+};
+
+TEST_F(Administrator, SeesWhatHoldsAndLetsGoOfIt) {
+    EXPECT_THAT(machine.must({"halvoctl", "status"}), HasSubstr("Nothing holds."));
+    machine.commit(session);
+    const std::string words = machine.must({"halvoctl", "status"});
+    EXPECT_THAT(words, HasSubstr("alice"));
+    EXPECT_THAT(words, HasSubstr(Place::app + ", locked"));
+    const json status = answer("status");
+    EXPECT_EQ(status["commitment"]["uid"], 1000);
+    EXPECT_EQ(status["commitment"]["user"], "alice");
+    EXPECT_EQ(status["commitment"]["app"], Place::app);
+    EXPECT_EQ(status["commitment"]["holds"], true);
+    EXPECT_EQ(status["commitment"]["locked"], true);
+    EXPECT_GT(status["commitment"]["left"], 1400.0);
+    EXPECT_LE(status["commitment"]["left"], 1500.0);
+    EXPECT_EQ(status["apps"][0]["agrees"], true);
+    EXPECT_EQ(status["helper"]["pids"].size(), 1U);
+    // The person it holds has no such way out.
+    EXPECT_EQ(machine.runIn(session, {"halvoctl", "status"}).status, 77);
+    EXPECT_EQ(machine.runIn(session, {"halvoctl", "release"}).status, 77);
+    EXPECT_TRUE(machine.isLocked());
+
+    machine.must({"halvoctl", "release"});
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    EXPECT_EQ(machine.activeState(Unit::socket), "active");
+    EXPECT_THAT(machine.must({"halvoctl", "status"}), HasSubstr("Nothing holds."));
+    EXPECT_TRUE(answer("status")["commitment"].is_null());
+    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+    // It can be begun anew.
+    ASSERT_TRUE(eventually(Seconds{60}, [&] {
+        return machine.running(Place::appExecutable).empty();
+    }));
+    machine.commit(session);
+}
+
+TEST_F(Administrator, FindsNoProblemWhereThereIsNone) {
+    const Answer fresh = machine.run({"halvoctl", "doctor"});
+    EXPECT_EQ(fresh.status, 0) << fresh.output;
+    EXPECT_THAT(fresh.output, HasSubstr("No problem."));
+    EXPECT_THAT(problems(), IsEmpty());
+    machine.commit(session);
+    const Answer held = machine.run({"halvoctl", "doctor"});
+    EXPECT_EQ(held.status, 0) << held.output;
+    EXPECT_THAT(held.output, HasSubstr("the app runs for them"));
+}
+
+TEST_F(Administrator, FindsTheSocketThatWasStopped) {
+    machine.must({"systemctl", "stop", Unit::socket});
+    EXPECT_THAT(problems(), UnorderedElementsAre("systemd", "socket"));
+    EXPECT_EQ(machine.run({"halvoctl", "doctor"}).status, 1);
+    machine.must({"systemctl", "start", Unit::socket});
+    EXPECT_THAT(problems(), IsEmpty());
+}
+
+TEST_F(Administrator, FindsTheGroupThatGotAMember) {
+    machine.must({"gpasswd", "--add", "bob", "_org_example_focus"});
+    EXPECT_THAT(problems(), ElementsAre("app's group"));
+    EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output, HasSubstr("has members: bob"));
+    machine.must({"gpasswd", "--delete", "bob", "_org_example_focus"});
+    EXPECT_THAT(problems(), IsEmpty());
+}
+
+TEST_F(Administrator, FindsTheAppThatLostItsGroup) {
+    machine.must({"chmod", "g-s", Place::appExecutable});
+    EXPECT_THAT(problems(), ElementsAre("app's files"));
+    // As doctor says.
+    EXPECT_EQ(machine.runIn(session, {Place::appExecutable, "25"}).status, 77);
+    EXPECT_FALSE(machine.isLocked());
+}
+
+TEST_F(Administrator, FindsTheUnitThatWasDisabledOrMasked) {
+    machine.must({"systemctl", "disable", "--quiet", Unit::resume});
+    EXPECT_THAT(problems(), ElementsAre("systemd"));
+    machine.must({"systemctl", "enable", "--quiet", Unit::resume});
+    EXPECT_THAT(problems(), IsEmpty());
+    machine.must({"systemctl", "mask", "--quiet", Unit::service});
+    EXPECT_THAT(problems(), ElementsAre("systemd"));
+}
+
+}  // namespace
+}  // namespace halvo::testing

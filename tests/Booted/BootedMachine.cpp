@@ -18,6 +18,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "HalvoPlatform/Descriptor.hpp"
@@ -128,28 +129,28 @@ Answer BootedMachine::handle(const std::vector<std::string>& words) const {
     return answer;
 }
 
+// Without its machine, a test has nothing to go on with.
+void BootedMachine::power(const std::string& word) {
+    isOn_ = false;
+    const Answer answer = handle({word});
+    if (answer.status != 0) {
+        throw std::runtime_error("machine " + word + " failed:\n" + answer.output);
+    }
+}
+
 void BootedMachine::switchOn() {
-    const Answer answer = handle({"start"});
-    ASSERT_EQ(answer.status, 0) << answer.output;
+    power("start");
     isOn_ = true;
 }
 
-void BootedMachine::shutDown() {
-    isOn_ = false;
-    const Answer answer = handle({"stop"});
-    ASSERT_EQ(answer.status, 0) << answer.output;
-}
+void BootedMachine::shutDown() { power("stop"); }
 
 void BootedMachine::restart() {
     shutDown();
     switchOn();
 }
 
-void BootedMachine::cutPower() {
-    isOn_ = false;
-    const Answer answer = handle({"cut"});
-    ASSERT_EQ(answer.status, 0) << answer.output;
-}
+void BootedMachine::cutPower() { power("cut"); }
 
 Answer BootedMachine::run(const std::vector<std::string>& words) const {
     std::vector<std::string> all{"run"};

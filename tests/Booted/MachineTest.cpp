@@ -59,6 +59,8 @@ TEST(BootedMachineTest, GivesTheScreenToOneOfItsSessions) {
               "greeter\n");
     EXPECT_EQ(active(), greeter + "\n");
     machine.logOut(greeter);
+    EXPECT_EQ(active(), "\n");
+    machine.activate(alice);
     machine.logOut(bob);
     EXPECT_EQ(active(), alice + "\n");
 }

@@ -1,1 +1,139 @@
+// What is left when the packages are removed.
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/Booted/BootedMachine.hpp"
+
+namespace halvo::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+const std::string group = "_org_example_focus";
+
+struct Removal : ::testing::Test {
+    // The whole tree: each item with its kind, owner, mode, flags, size or target, and a digest of
+    // what a file holds.
+    [[nodiscard]] std::string tree() const {
+        // Left out, because every run of dpkg and every start writes there whatever is installed:
+        // logs, caches, dpkg's own database, and what systemd keeps of past runs. /dev, /proc,
+        // /run, /sys and /tmp are not on the disk; what of ours is in /run is asked for by itself.
+        return machine.sh(
+            "find / -xdev "
+            "\\( -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o "
+            "-path /var/lib/systemd/timers -o -path /var/lib/systemd/catalog -o -path /var/tmp -o "
+            "-path /root -o -path /home \\) -prune -o "
+            // The accounts' back-ups hold what was before the last change. What the accounts are is
+            // compared by itself. A folder changes its size as files come and go.
+            "\\( -name 'group-' -o -name 'gshadow-' -o -name 'passwd-' -o -name 'shadow-' -o "
+            "-name '.pwd.lock' -o -path /etc/group -o -path /etc/gshadow -o "
+            // The loader's own cache, in the order of the libraries on the disk.
+            "-path /etc/ld.so.cache \\) -o "
+            "-type d -printf '%p %y %u:%g %m\\n' -o "
+            "-printf '%p %y %u:%g %m %s %l\\n' | sort; "
+            "lsattr -R / 2>/dev/null | grep -E '^[-a-zA-Z]*i[-a-zA-Z]* /' || true");
+    }
+
+    [[nodiscard]] std::string digests() const {
+        return machine.sh(
+            "find /etc /usr /lib/systemd /var/lib/systemd /opt /srv -xdev -type f "
+            "! -name '*-' ! -path /etc/ld.so.cache ! -path /etc/group ! -path /etc/gshadow "
+            "! -path '/var/lib/systemd/timers/*' ! -path '/var/lib/systemd/catalog/*' "
+            "! -name .pwd.lock ! -name random-seed -exec sha256sum {} + | sort -k 2");
+    }
+
+    [[nodiscard]] std::string accounts() const {
+        return machine.sh("cat /etc/group /etc/gshadow /etc/passwd /etc/shadow");
+    }
+
+    [[nodiscard]] std::string units() const {
+        return machine.sh(
+            "systemctl list-unit-files --no-legend --no-pager; ls -R /etc/systemd "
+            "/var/lib/systemd/deb-systemd-helper-enabled 2>/dev/null || true");
+    }
+
+    // What is left of ours that is not on the disk. systemd may remember for a while that there was
+    // a unit, as "not-found".
+    [[nodiscard]] std::string ours() const {
+        return machine.sh("{ ls /run /Library /Applications; systemctl list-units --all --no-legend; "
+                          "} 2>/dev/null | grep -iE 'org.example|halvo' | "
+                          "grep -v ' not-found *inactive ' || true");
+    }
+
+    void remove(const std::string& how) const {
+        machine.sh("dpkg --" + how +
+                   " " HALVO_BOOTED_PACKAGE "-sample-app " HALVO_BOOTED_PACKAGE "-helper");
+    }
+
+    BootedMachine machine;
+};
+
+TEST_F(Removal, EndsACommitmentThatIsHeld) {
+    machine.install();
+    machine.commit(machine.logIn("alice"));
+    remove("remove");
+    EXPECT_FALSE(machine.exists(Place::app));
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    EXPECT_FALSE(machine.exists(Place::libexec));
+    EXPECT_FALSE(machine.exists(Place::socket));
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
+    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"), "");
+    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+    EXPECT_EQ(machine.sh("dpkg --audit"), "");
+}
+
+TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
+    machine.install();
+    machine.commit(machine.logIn("alice"));
+    machine.sh("dpkg --remove " HALVO_BOOTED_PACKAGE "-sample-app");
+    EXPECT_FALSE(machine.exists(Place::app));
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    EXPECT_EQ(machine.activeState(Unit::socket), "active");
+    EXPECT_NE(machine.activeState(Unit::service), "failed");
+}
+
+TEST_F(Removal, LeavesTheMachineAsItWasBeforeOncePurged) {
+    // Both make their folders once.
+    const std::string session = machine.logIn("alice");
+    const std::string treeBefore = tree();
+    const std::string digestsBefore = digests();
+    const std::string accountsBefore = accounts();
+    const std::string unitsBefore = units();
+    machine.install();
+    EXPECT_NE(tree(), treeBefore);
+    EXPECT_NE(digests(), digestsBefore);
+    EXPECT_NE(accounts(), accountsBefore);
+    EXPECT_NE(units(), unitsBefore);
+    machine.commit(session);
+    remove("remove");
+    remove("purge");
+    EXPECT_EQ(accounts(), accountsBefore);
+    EXPECT_EQ(units(), unitsBefore);
+    EXPECT_EQ(ours(), "");
+    const auto compare = [&](const std::string& before, const std::string& after) {
+        machine.write("/root/before", before);
+        machine.write("/root/after", after);
+        EXPECT_EQ(machine.run({"diff", "/root/before", "/root/after"}).output, "");
+    };
+    compare(treeBefore, tree());
+    compare(digestsBefore, digests());
+    EXPECT_EQ(machine.sh("dpkg --list | grep -i org.example || true"), "");
+}
+
+TEST_F(Removal, KeepsTheGroupAsLongAsAFileCarriesIt) {
+    machine.install();
+    machine.sh("touch /srv/kept && chgrp " + group + " /srv/kept");
+    machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-sample-app");
+    const std::string said = machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-helper 2>&1");
+    EXPECT_THAT(said, HasSubstr("/srv/kept"));
+    EXPECT_EQ(machine.run({"getent", "group", group}).status, 0);
+}
+
+}  // namespace
+}  // namespace halvo::testing
