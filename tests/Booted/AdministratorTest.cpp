@@ -78,9 +78,8 @@ TEST_F(Administrator, SeesWhatHoldsAndLetsGoOfIt) {
     EXPECT_TRUE(answer("status")["commitment"].is_null());
     EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
     // It can be begun anew.
-    ASSERT_TRUE(eventually(Seconds{60}, [&] {
-        return machine.running(Place::appExecutable).empty();
-    }));
+    ASSERT_TRUE(
+        eventually(Seconds{60}, [&] { return machine.running(Place::appExecutable).empty(); }));
     machine.commit(session);
 }
 

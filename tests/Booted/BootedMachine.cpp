@@ -62,7 +62,8 @@ std::string trimmed(const std::string& text) {
     return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
-// The journal gives a value that is no UTF-8 as a list of numbers, and one that is too long as null.
+// The journal gives a value that is no UTF-8 as a list of numbers, and one that is too long as
+// null.
 std::string fieldText(const nlohmann::json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
@@ -225,25 +226,27 @@ std::optional<State> BootedMachine::state() const {
 std::string BootedMachine::startSession(const std::string& unit, const std::string& person) const {
     must({"systemctl", "start", unit});
     std::string session;
-    EXPECT_TRUE(eventually(loginLimit, [&] {
-        session.clear();
-        std::istringstream lines(run({"loginctl", "--no-legend", "list-sessions"}).output);
-        std::string id;
-        std::string uid;
-        std::string name;
-        std::string rest;
-        while (lines >> id >> uid >> name && std::getline(lines, rest)) {
-            const std::string group = run({"loginctl", "show-session", id, "--value",
-                                           "--property=State", "--property=Seat"})
-                                          .output;
-            if (name == person && group.find("closing") == std::string::npos &&
-                group.find("seat0") != std::string::npos) {
-                session = id;
+    EXPECT_TRUE(eventually(
+        loginLimit,
+        [&] {
+            session.clear();
+            std::istringstream lines(run({"loginctl", "--no-legend", "list-sessions"}).output);
+            std::string id;
+            std::string uid;
+            std::string name;
+            std::string rest;
+            while (lines >> id >> uid >> name && std::getline(lines, rest)) {
+                const std::string group = run({"loginctl", "show-session", id, "--value",
+                                               "--property=State", "--property=Seat"})
+                                              .output;
+                if (name == person && group.find("closing") == std::string::npos &&
+                    group.find("seat0") != std::string::npos) {
+                    session = id;
+                }
             }
-        }
-        return !session.empty();
-    })) << person
-        << " has no session";
+            return !session.empty();
+        }))
+        << person << " has no session";
     activate(session);
     return session;
 }
@@ -251,10 +254,9 @@ std::string BootedMachine::startSession(const std::string& unit, const std::stri
 std::string BootedMachine::logIn(const std::string& person) const {
     const std::string session = startSession("screen-user@" + person + ".service", person);
     const std::string uid = trimmed(must({"id", "-u", person}));
-    EXPECT_TRUE(eventually(loginLimit, [&] {
-        return activeState("user@" + uid + ".service") == "active";
-    })) << "no service manager for "
-        << person;
+    EXPECT_TRUE(
+        eventually(loginLimit, [&] { return activeState("user@" + uid + ".service") == "active"; }))
+        << "no service manager for " << person;
     return session;
 }
 
@@ -264,19 +266,20 @@ std::string BootedMachine::showLoginScreen() const {
 
 void BootedMachine::logOut(const std::string& session) const {
     must({"loginctl", "terminate-session", session});
-    EXPECT_TRUE(eventually(loginLimit, [&] {
-        return run({"loginctl", "show-session", session}).status != 0;
-    })) << "session "
-        << session << " does not end";
+    EXPECT_TRUE(eventually(loginLimit,
+                           [&] { return run({"loginctl", "show-session", session}).status != 0; }))
+        << "session " << session << " does not end";
 }
 
 void BootedMachine::activate(const std::string& session) const {
     must({"loginctl", "activate", session});
-    EXPECT_TRUE(eventually(loginLimit, [&] {
-        return read("/run/systemd/seats/seat0").find("\nACTIVE=" + session + "\n") !=
-               std::string::npos;
-    })) << "session "
-        << session << " has not got the screen";
+    EXPECT_TRUE(
+        eventually(loginLimit,
+                   [&] {
+                       return read("/run/systemd/seats/seat0").find("\nACTIVE=" + session + "\n") !=
+                              std::string::npos;
+                   }))
+        << "session " << session << " has not got the screen";
 }
 
 std::vector<pid_t> BootedMachine::running(const std::string& executable) const {
@@ -300,13 +303,15 @@ std::vector<pid_t> BootedMachine::running(const std::string& executable) const {
 pid_t BootedMachine::waitFor(const std::string& executable, Seconds limit,
                              const std::vector<pid_t>& except) const {
     pid_t found = -1;
-    EXPECT_TRUE(eventually(limit, [&] {
-        for (const pid_t pid : running(executable)) {
-            found = std::ranges::find(except, pid) == except.end() ? pid : found;
-        }
-        return found > 0;
-    })) << executable
-        << " does not run";
+    EXPECT_TRUE(eventually(limit,
+                           [&] {
+                               for (const pid_t pid : running(executable)) {
+                                   found =
+                                       std::ranges::find(except, pid) == except.end() ? pid : found;
+                               }
+                               return found > 0;
+                           }))
+        << executable << " does not run";
     return found;
 }
 

@@ -94,6 +94,7 @@ class BootedMachine {
                                const std::vector<std::string>& words) const;
     // As root; fails the test unless it ends with 0. What it wrote.
     std::string must(const std::vector<std::string>& words) const;
+
     // The same for a line of shell.
     std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
 

@@ -32,8 +32,8 @@ TEST_F(Installation, StartsTheSocketAndNotTheHelper) {
     EXPECT_EQ(machine.property(Unit::resume, "UnitFileState"), "enabled");
     EXPECT_EQ(machine.property(Unit::service, "UnitFileState"), "static");
     EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
-    EXPECT_EQ(machine.sh("systemd-analyze verify --man=no " + Unit::service + " " + Unit::socket + " " +
-                         Unit::resume + " 2>&1"),
+    EXPECT_EQ(machine.sh("systemd-analyze verify --man=no " + Unit::service + " " + Unit::socket +
+                         " " + Unit::resume + " 2>&1"),
               "");
 }
 
@@ -63,8 +63,8 @@ TEST_F(Installation, LetsTheFirstCallStartTheHelper) {
 TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
-    const Answer answer = machine.run(
-        {"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
+    const Answer answer =
+        machine.run({"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
     EXPECT_EQ(answer.status, 0) << answer.output;
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     EXPECT_EQ(processField(helper, "NoNewPrivs"), "1");
@@ -81,9 +81,8 @@ TEST_F(Installation, WritesItsLogToTheJournal) {
     const auto entries = machine.journal({"SUBSYSTEM=app.halvo", "CATEGORY=Helper"});
     ASSERT_THAT(entries, SizeIs(1));
     Entry entry = entries.front();
-    EXPECT_THAT(entry["MESSAGE"],
-                ::testing::AnyOf("Holding Ultra Hard mode for 1500 s",
-                                 "Holding Ultra Hard mode for 1499 s"));
+    EXPECT_THAT(entry["MESSAGE"], ::testing::AnyOf("Holding Ultra Hard mode for 1500 s",
+                                                   "Holding Ultra Hard mode for 1499 s"));
     EXPECT_EQ(entry["PRIORITY"], "5");
     EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "HalvoHelper");
     EXPECT_EQ(entry["_SYSTEMD_UNIT"], Unit::service);
@@ -94,12 +93,9 @@ TEST_F(Installation, WritesItsLogToTheJournal) {
 TEST_F(Installation, TurnsStrangersAway) {
     const std::string session = machine.logIn("alice");
     const std::string peer = "--peer=unix:path=" + Place::socket;
-    const std::vector<std::string> words{"dbus-send",
-                                         "--print-reply",
-                                         "--reply-timeout=5000",
-                                         peer,
-                                         "/app/halvo/Helper",
-                                         "org.freedesktop.DBus.Introspectable.Introspect"};
+    const std::vector<std::string> words{
+        "dbus-send", "--print-reply",     "--reply-timeout=5000",
+        peer,        "/app/halvo/Helper", "org.freedesktop.DBus.Introspectable.Introspect"};
     EXPECT_NE(machine.runIn(session, words).status, 0);
     const std::string stranger =
         "Refused a caller: it does not run with the private group of /usr/bin/dbus-send";
@@ -109,11 +105,12 @@ TEST_F(Installation, TurnsStrangersAway) {
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count(stranger) == 2; }));
     // Nor is a copy of the app, which the bit is lost of.
     const Answer copied = machine.runIn(
-        session, {"sh", "-c", "cp -rp " + Place::app + " ~ && ~/Halvo.app/Contents/MacOS/Halvo 25"});
+        session,
+        {"sh", "-c", "cp -rp " + Place::app + " ~ && ~/Halvo.app/Contents/MacOS/Halvo 25"});
     EXPECT_EQ(copied.status, 77) << copied.output;
-    EXPECT_TRUE(machine.says(
-        "Refused a caller: somebody besides root can change "
-        "/home/alice/Halvo.app/Contents/MacOS/Halvo"));
+    EXPECT_TRUE(
+        machine.says("Refused a caller: somebody besides root can change "
+                     "/home/alice/Halvo.app/Contents/MacOS/Halvo"));
     for (Entry entry : machine.journal({"SUBSYSTEM=app.halvo"})) {
         EXPECT_EQ(entry["PRIORITY"], "3");
     }
@@ -127,9 +124,9 @@ TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     const double left = machine.state()->remaining;
     machine.installLater();
-    EXPECT_THAT(machine.sh("dpkg-query --show --showformat='${Version} ' '" HALVO_BOOTED_PACKAGE
-                           "-*'"),
-                HALVO_BOOTED_LATER_VERSION " " HALVO_BOOTED_LATER_VERSION " ");
+    EXPECT_THAT(
+        machine.sh("dpkg-query --show --showformat='${Version} ' '" HALVO_BOOTED_PACKAGE "-*'"),
+        HALVO_BOOTED_LATER_VERSION " " HALVO_BOOTED_LATER_VERSION " ");
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
     const pid_t later = machine.waitFor(Place::helper, Seconds{30}, {helper});
     EXPECT_FALSE(isAlive(helper));

@@ -22,7 +22,8 @@ TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
     EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
     // Process 1 counts by it too.
     const Seconds timer = timeNow();
-    machine.sh("systemd-run --quiet --on-boot=8s --timer-property=AccuracySec=100ms touch /root/soon");
+    machine.sh(
+        "systemd-run --quiet --on-boot=8s --timer-property=AccuracySec=100ms touch /root/soon");
     EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.exists("/root/soon"); }));
     EXPECT_GE(sinceBoot(), 8);
     EXPECT_LT(timeNow() - timer, Seconds{30});
@@ -48,8 +49,9 @@ TEST(BootedMachineTest, GivesTheScreenToOneOfItsSessions) {
     const std::string alice = machine.logIn("alice");
     EXPECT_EQ(active(), alice + "\n");
     EXPECT_EQ(machine.runIn(alice, {"id", "-un"}).output, "alice\n");
-    EXPECT_EQ(machine.runIn(alice, {"sh", "-c", "cut -d: -f3 /proc/self/cgroup | tail -n 1"}).output,
-              "/user.slice/user-1000.slice/session-" + alice + ".scope\n");
+    EXPECT_EQ(
+        machine.runIn(alice, {"sh", "-c", "cut -d: -f3 /proc/self/cgroup | tail -n 1"}).output,
+        "/user.slice/user-1000.slice/session-" + alice + ".scope\n");
     const std::string bob = machine.logIn("bob");
     EXPECT_EQ(active(), bob + "\n");
     machine.activate(alice);

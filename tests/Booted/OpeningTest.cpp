@@ -73,10 +73,11 @@ TEST_F(Opening, IsNotNeededForAnAppThatIsLocked) {
 TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
-    EXPECT_EQ(machine.runIn(session, {"systemctl", "--user", "set-environment",
-                                      "WAYLAND_DISPLAY=wayland-7"})
-                  .status,
-              0);
+    EXPECT_EQ(
+        machine
+            .runIn(session, {"systemctl", "--user", "set-environment", "WAYLAND_DISPLAY=wayland-7"})
+            .status,
+        0);
     quit(app());
     const pid_t opened = app();
     EXPECT_THAT(processWords(opened),
@@ -159,15 +160,18 @@ TEST_F(Opening, WaitsNinetySecondsForASessionThatWasToEnd) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
     // To the app the session ends when the machine is about to go down, which somebody delays.
-    machine.sh("mkdir -p /run/systemd/logind.conf.d && printf '[Login]\\nInhibitDelayMaxSec=600\\n' "
-               ">/run/systemd/logind.conf.d/delay.conf && systemctl restart systemd-logind");
-    machine.sh("systemd-run --quiet --unit=delay systemd-inhibit --what=shutdown --mode=delay "
-               "sleep infinity");
+    machine.sh(
+        "mkdir -p /run/systemd/logind.conf.d && printf '[Login]\\nInhibitDelayMaxSec=600\\n' "
+        ">/run/systemd/logind.conf.d/delay.conf && systemctl restart systemd-logind");
+    machine.sh(
+        "systemd-run --quiet --unit=delay systemd-inhibit --what=shutdown --mode=delay "
+        "sleep infinity");
     ASSERT_TRUE(eventually(Seconds{20}, [&] {
         return machine.sh("systemd-inhibit --list --no-legend").find("delay") != std::string::npos;
     }));
-    machine.sh("busctl call org.freedesktop.login1 /org/freedesktop/login1 "
-               "org.freedesktop.login1.Manager PowerOff b false");
+    machine.sh(
+        "busctl call org.freedesktop.login1 /org/freedesktop/login1 "
+        "org.freedesktop.login1.Manager PowerOff b false");
     const pid_t first = app();
     kill(first, SIGTERM);
     const Seconds quitAt = timeNow();

@@ -59,9 +59,10 @@ struct Removal : ::testing::Test {
     // What is left of ours that is not on the disk. systemd may remember for a while that there was
     // a unit, as "not-found".
     [[nodiscard]] std::string ours() const {
-        return machine.sh("{ ls /run /Library /Applications; systemctl list-units --all --no-legend; "
-                          "} 2>/dev/null | grep -iE 'org.example|halvo' | "
-                          "grep -v ' not-found *inactive ' || true");
+        return machine.sh(
+            "{ ls /run /Library /Applications; systemctl list-units --all --no-legend; "
+            "} 2>/dev/null | grep -iE 'org.example|halvo' | "
+            "grep -v ' not-found *inactive ' || true");
     }
 
     void remove(const std::string& how) const {
@@ -83,7 +84,8 @@ TEST_F(Removal, EndsACommitmentThatIsHeld) {
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
     EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
     EXPECT_EQ(ours(), "");
-    EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"), "");
+    EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"),
+              "");
     EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
 }

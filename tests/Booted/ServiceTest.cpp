@@ -68,9 +68,8 @@ TEST_F(Service, IsStartedAgainAfterASignalWhileItHolds) {
 TEST_F(Service, EndsForGoodAfterASignalWhenItHoldsNothing) {
     EXPECT_EQ(machine.runIn(session, {Place::appExecutable}).status, 0);
     kill(helper(), SIGTERM);
-    EXPECT_TRUE(eventually(Seconds{20}, [&] {
-        return machine.activeState(Unit::service) == "inactive";
-    }));
+    EXPECT_TRUE(
+        eventually(Seconds{20}, [&] { return machine.activeState(Unit::service) == "inactive"; }));
     EXPECT_EQ(machine.property(Unit::service, "ExecMainStatus"), "0");
     EXPECT_TRUE(always(Seconds{4}, [&] { return machine.running(Place::helper).empty(); }));
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
@@ -83,9 +82,8 @@ TEST_F(Service, ComesBackHoweverOftenItIsKilled) {
         kill(last, SIGKILL);
         last = machine.waitFor(Place::helper, Seconds{30}, {last});
     }
-    ASSERT_TRUE(eventually(Seconds{30}, [&] {
-        return machine.activeState(Unit::service) == "active";
-    }));
+    ASSERT_TRUE(
+        eventually(Seconds{30}, [&] { return machine.activeState(Unit::service) == "active"; }));
     EXPECT_EQ(machine.property(Unit::service, "NRestarts"), "10");
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
     EXPECT_TRUE(machine.isLocked());
@@ -106,8 +104,7 @@ TEST_F(Service, IsStartedAgainWhenItHangs) {
     EXPECT_TRUE(eventually(Seconds{20}, [&] {
         return machine.isLocked() && machine.activeState(Unit::service) == "active";
     }));
-    EXPECT_NE(machine.sh("journalctl --no-pager --unit=" + Unit::service)
-                  .find("Watchdog timeout"),
+    EXPECT_NE(machine.sh("journalctl --no-pager --unit=" + Unit::service).find("Watchdog timeout"),
               std::string::npos);
 }
 
@@ -117,9 +114,8 @@ TEST_F(Service, EndsAfterThirtyIdleSecondsAndIsStartedByTheNextCall) {
     const Seconds called = timeNow();
     ASSERT_TRUE(eventually(Seconds{60}, [&] { return !isAlive(first); }));
     EXPECT_GT(timeNow() - called, Seconds{25});
-    ASSERT_TRUE(eventually(Seconds{10}, [&] {
-        return machine.activeState(Unit::service) == "inactive";
-    }));
+    ASSERT_TRUE(
+        eventually(Seconds{10}, [&] { return machine.activeState(Unit::service) == "inactive"; }));
     EXPECT_EQ(machine.property(Unit::service, "ExecMainStatus"), "0");
     EXPECT_EQ(machine.property(Unit::service, "NRestarts"), "0");
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
