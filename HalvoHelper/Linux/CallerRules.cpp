@@ -3,15 +3,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <optional>
 
+#include "HalvoHelper/RootsAlone.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
@@ -28,26 +27,6 @@ namespace {
 std::optional<struct stat> statusOf(const std::string& path) {
     struct stat status{};
     return lstat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
-}
-
-// An access-control list that lets somebody else write shows in the group's bits; acl(5).
-bool isRootsAlone(const struct stat& status) {
-    return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
-// Whether `path` is a regular file that only root can change or put another in the place of, by
-// way of real folders only. Looks from "/" downwards and no further than the first folder that is
-// somebody else's: below it a file system may be mounted whose owner keeps us waiting.
-bool isOutOfReach(const std::string& path) {
-    for (std::size_t slash = path.find('/'); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const auto folder = statusOf(slash == 0 ? "/" : path.substr(0, slash));
-        if (!folder || !S_ISDIR(folder->st_mode) || !isRootsAlone(*folder)) {
-            return false;
-        }
-    }
-    const auto file = statusOf(path);
-    return file && S_ISREG(file->st_mode) && isRootsAlone(*file);
 }
 
 std::optional<std::string> executableOf(const std::string& link) {
@@ -74,21 +53,24 @@ bool isAlive(const Descriptor& pidfd) {
     return poll(&ended, 1, 0) == 0;
 }
 
-// The app's identity as the bundle of `executable` declares it.
+}  // namespace
+
+std::optional<gid_t> privateGroup(const struct stat& executable) {
+    return (executable.st_mode & S_ISGID) != 0 ? std::optional(executable.st_gid) : std::nullopt;
+}
+
 std::optional<HelperIdentity> identityOf(const std::string& executable) {
     const auto path = AppLocation::bundlePath(executable);
     if (!path) {
         return std::nullopt;
     }
     const Bundle bundle(*path);
-    if (!isOutOfReach(bundle.infoPath())) {
+    if (RootsAlone::problem(bundle.infoPath())) {
         return std::nullopt;
     }
     const auto info = bundle.info();
     return HelperIdentity::app(info, info ? infoString(*info, "CFBundleIdentifier") : std::nullopt);
 }
-
-}  // namespace
 
 std::expected<Caller, std::string> checkCaller(int connection, const HelperIdentity& identity) {
     ucred credentials{};
@@ -116,14 +98,14 @@ std::expected<Caller, std::string> checkCaller(int connection, const HelperIdent
     if (executable->ends_with(" (deleted)")) {
         return std::unexpected("its executable was replaced or removed since it started");
     }
-    if (!isOutOfReach(*executable)) {
+    if (RootsAlone::problem(*executable)) {
         return std::unexpected("somebody besides root can change " + *executable);
     }
     const auto file = statusOf(*executable);
     if (!file || !leadsTo(link, *file)) {
         return std::unexpected("what it runs is not the file at " + *executable);
     }
-    if ((file->st_mode & S_ISGID) == 0 || file->st_gid != credentials.gid) {
+    if (privateGroup(*file) != credentials.gid) {
         return std::unexpected("it does not run with the private group of " + *executable);
     }
     if (identityOf(*executable) != identity) {

@@ -4,8 +4,12 @@
 // connection (SO_PEERCRED, unix(7)), as they were when it was made.
 #pragma once
 
+#include <sys/stat.h>
+#include <sys/types.h>
+
 #include <cstdint>
 #include <expected>
+#include <optional>
 #include <string>
 
 #include "HalvoHelperCore/HelperIdentity.hpp"
@@ -30,5 +34,15 @@ struct Caller {
 //
 // A look-up that fails means no. Reads nothing from the connection.
 std::expected<Caller, std::string> checkCaller(int connection, const HelperIdentity& identity);
+
+// The parts of these rules that are about files alone, and hold before anybody calls.
+
+// The group that a process gets from the executable with that status; nothing when it is not
+// set-group-id.
+std::optional<gid_t> privateGroup(const struct stat& executable);
+
+// The app's identity as the bundle of `executable` declares it, in an Info.plist that is root's
+// alone (RootsAlone.hpp). Nothing otherwise.
+std::optional<HelperIdentity> identityOf(const std::string& executable);
 
 }  // namespace halvo

@@ -3,6 +3,7 @@
 #include <variant>
 
 #include "tools/Halvoctl/Arguments.hpp"
+#include "tools/Halvoctl/Doctor.hpp"
 #include "tools/Halvoctl/Release.hpp"
 #include "tools/Halvoctl/Status.hpp"
 
@@ -34,8 +35,14 @@ class Runner {
                       });
     }
 
-    Outcome operator()(const Examine&) const {
-        return failure(ExitStatus::system, "doctor is not there yet.");
+    Outcome operator()(const Examine& command) const {
+        const MachineOr machine = machine_();
+        const Checks checks =
+            machine
+                ? examine(*machine, command.app)
+                : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
+        return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
+                command.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
     }
 
     Outcome operator()(const Release&) const {
@@ -48,7 +55,7 @@ class Runner {
                                  const std::function<Outcome(Machine&)>& work) const {
         const MachineOr machine = machine_();
         if (!machine) {
-            return failure(ExitStatus::config, machine.error());
+            return failure(ExitStatus::config, machine.error() + ". Install the helper again.");
         }
         return machine->get().isRoot ? work(*machine)
                                      : failure(ExitStatus::noPermission, otherwise);

@@ -12,7 +12,8 @@
 
 namespace halvo::control {
 
-// Why there is no machine to look at: the helper's Info.plist, as a sentence.
+// Why there is no machine to look at: the helper's Info.plist, as a sentence without
+// a full stop.
 using MachineOr = std::expected<std::reference_wrapper<Machine>, std::string>;
 
 // Does what the words after the program's own name say. `machine` is asked for only when a command

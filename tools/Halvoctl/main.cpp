@@ -83,7 +83,7 @@ int runTool(const std::vector<std::string>& words) {
         const auto identity = HelperIdentity::helper(bundle.info());
         if (!identity) {
             return std::unexpected(records::printable(bundle.infoPath()) +
-                                   " names no team or no app. Install the helper again.");
+                                   " names no team or no app");
         }
         const std::string executable = bundle.executablePath().value_or("/");
         live.emplace(*identity, executable.substr(0, executable.find_last_of('/')));

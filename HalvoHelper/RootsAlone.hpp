@@ -1,0 +1,30 @@
+// Whether root alone decides what lies at a path: the ground on which everything is trusted that is
+// read or run from a file.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+namespace halvo::RootsAlone {
+
+// What is to lie at the end of a path. A symbolic link is neither.
+enum class Item { file, folder };
+
+// Whether the item with `status` belongs to root and nobody else may write it. An access-control
+// list that lets somebody else write shows in the group's bits; acl(5).
+bool isRoots(const struct stat& status);
+
+// What keeps the item at the absolute `path` from being root's alone to change or to put another in
+// the place of, as a part of a sentence that names it: "/srv belongs to user 1000". Nothing when
+// nothing does: it and every folder above it are real and root's alone. A look-up that fails keeps
+// it.
+//
+// Looks from "/" downwards and no further than the first folder that is somebody else's: below it a
+// file system may be mounted whose owner keeps us waiting. `top`: the first of the folders that
+// counts, which is one of those above the item; those above it may be anybody's.
+std::optional<std::string> problem(const std::string& path, Item item = Item::file,
+                                   const std::string& top = "/");
+
+}  // namespace halvo::RootsAlone

@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "HalvoHelper/RootsAlone.hpp"
+#include "tests/Support/PrivateMachine.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+using RootsAlone::Item;
+using RootsAlone::problem;
+
+class RootsAlonePrivateMachineTest : public PrivateMachineTest {
+  protected:
+    void prepare() override {
+        fs::create_directories(folder + "/inner");
+        writeTestFile(file, "");
+        change(folder, 0755);
+        change(folder + "/inner", 0755);
+        change(file, 0644);
+    }
+
+    void cleanUp() override { fs::remove_all(folder); }
+
+    static void change(const std::string& path, mode_t mode, uid_t owner = 0) {
+        ASSERT_EQ(chown(path.c_str(), owner, 0), 0);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    }
+
+    const std::string folder = "/Applications/outer";
+    const std::string file = folder + "/inner/file";
+};
+
+TEST_F(RootsAlonePrivateMachineTest, IsNoneWhereOnlyRootCanWrite) {
+    EXPECT_EQ(problem(file), std::nullopt);
+    EXPECT_EQ(problem(folder, Item::folder), std::nullopt);
+    EXPECT_EQ(problem("/", Item::folder), std::nullopt);
+    change(file, 0555);
+    EXPECT_EQ(problem(file), std::nullopt);
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsTheItemOfSomebodyElse) {
+    const std::string theirs = " belongs to user " + std::to_string(user.uid);
+    change(file, 0644, user.uid);
+    EXPECT_EQ(problem(file), file + theirs);
+    change(folder, 0755, user.uid);
+    EXPECT_EQ(problem(file), folder + theirs);
+    EXPECT_EQ(problem(folder, Item::folder), folder + theirs);
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsTheItemThatOthersMayWrite) {
+    for (const mode_t mode : {0664U, 0646U}) {
+        change(file, mode);
+        EXPECT_EQ(problem(file), "others than its owner can write to " + file);
+    }
+    change(folder, 0775);
+    EXPECT_EQ(problem(file), "others than its owner can write to " + folder);
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsAnItemOfAnotherKind) {
+    EXPECT_EQ(problem(folder), folder + " is no regular file");
+    EXPECT_EQ(problem(file, Item::folder), file + " is no folder");
+    EXPECT_EQ(problem(file + "/more"), file + " is no folder");
+    fs::create_symlink(file, folder + "/link");
+    EXPECT_EQ(problem(folder + "/link"), folder + "/link is a symbolic link");
+    fs::create_directory_symlink(folder + "/inner", folder + "/way");
+    EXPECT_EQ(problem(folder + "/way/file"), folder + "/way is a symbolic link");
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsWhatCannotBeLookedAt) {
+    EXPECT_EQ(problem(folder + "/gone"), folder + "/gone: No such file or directory");
+    EXPECT_EQ(problem(folder + "/gone/file"), folder + "/gone: No such file or directory");
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsNotLookedForAboveTheTop) {
+    change("/Applications", 0775);
+    EXPECT_EQ(problem(file), "others than its owner can write to /Applications");
+    EXPECT_EQ(problem(file, Item::file, folder), std::nullopt);
+    change(folder, 0775);
+    EXPECT_EQ(problem(file, Item::file, folder), "others than its owner can write to " + folder);
+    change("/Applications", 0755);
+}
+
+}  // namespace
+}  // namespace halvo::testing
