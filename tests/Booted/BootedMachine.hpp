@@ -98,13 +98,13 @@ class BootedMachine {
     // The same for a line of shell.
     std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
 
-    // Starts a program within the session and does not wait for it; its output goes to a file of
-    // the person's home, `output()`.
+    // Starts a program within the session and does not wait for it; its output goes to the file
+    // "output" of the person's home.
     void startIn(const std::string& session, const std::vector<std::string>& words) const;
 
-    // --- Files. The path on the real machine of one inside; only below "/run" and "/tmp" does it
-    // matter whether the machine is on.
+    // --- Files, also while the machine is off, but for those in /run and /tmp.
 
+    // The path on the real machine.
     [[nodiscard]] std::string path(const std::string& inside) const;
     [[nodiscard]] bool exists(const std::string& inside) const;
     [[nodiscard]] std::string read(const std::string& inside) const;

@@ -16,8 +16,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
@@ -53,20 +51,24 @@ struct Opening : ::testing::Test {
     BootedMachine machine;
 };
 
-TEST_F(Opening, IsNotNeededForAnAppThatIsLocked) {
+struct Lock : Opening {};
+
+TEST_F(Lock, HoldsAgainstThePersonAndRootAndIsSetBack) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
+    const std::string elsewhere = "/Applications/Other.app";
     EXPECT_NE(machine.runIn(session, {"rm", "-r", Place::app}).status, 0);
-    EXPECT_NE(machine.runIn(session, {"mv", Place::app, "/Applications/Other.app"}).status, 0);
-    EXPECT_NE(machine.run({"mv", Place::app, "/Applications/Other.app"}).status, 0);
-    EXPECT_NE(machine.run({"rmdir", Place::app}).status, 0);
-    // A folder of root's with nothing in it, to see that it is for the flag.
+    EXPECT_NE(machine.runIn(session, {"mv", Place::app, elsewhere}).status, 0);
+    EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
+    EXPECT_NE(machine.run({"mv", Place::app, elsewhere}).status, 0);
     EXPECT_NE(machine.run({"touch", Place::app + "/new"}).status, 0);
-    EXPECT_TRUE(machine.exists(Place::appExecutable));
+    EXPECT_TRUE(machine.isLocked());
     machine.must({"chattr", "-i", Place::app});
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
     EXPECT_TRUE(machine.says("Locked Halvo's app again"));
-    EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
+    // What root can do is empty its subfolders.
+    EXPECT_NE(machine.run({"rm", "-rf", Place::app}).status, 0);
+    EXPECT_TRUE(machine.exists(Place::app + "/Contents"));
     EXPECT_TRUE(machine.isLocked());
 }
 

@@ -12,8 +12,6 @@
 namespace halvo::testing {
 namespace {
 
-using ::testing::IsEmpty;
-
 struct Service : ::testing::Test {
     Service() {
         machine.install();
