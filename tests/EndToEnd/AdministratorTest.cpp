@@ -178,7 +178,8 @@ TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
         const Answer answer = control({"doctor", "--json"});
         EXPECT_EQ(answer.status, 1);
         bool isFound = false;
-        for (const Json& check : Json::parse(answer.output)["checks"]) {
+        const Json report = Json::parse(answer.output);
+        for (const Json& check : report["checks"]) {
             if (check["name"] == name) {
                 isFound = true;
                 EXPECT_EQ(check["verdict"], "problem") << name;
