@@ -21,7 +21,8 @@ def fail(text: str) -> NoReturn:
 
 def product_sources(tree: Path = ROOT) -> list[str]:
     """The sources of the layer itself, relative to the checkout."""
-    found = [*tree.glob("Halvo*/macOS/*.cpp"), *tree.glob("Halvo*/macOS/*.mm")]
+    folders = [*tree.glob("Halvo*/macOS"), *tree.glob("tools/*/macOS")]
+    found = [path for folder in folders for kind in ("cpp", "mm") for path in folder.glob(f"*.{kind}")]
     names = sorted(str(path.relative_to(tree)) for path in found)
     return [name for name in names if not re.search(r"Test\.(cpp|mm)$|/Fake[^/]*$", name)]
 

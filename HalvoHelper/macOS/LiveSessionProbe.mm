@@ -2,15 +2,13 @@
 
 #import <Foundation/Foundation.h>
 #import <SystemConfiguration/SystemConfiguration.h>
-#include <libproc.h>
-#include <sys/proc_info.h>
 #include <sys/types.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <vector>
 
 #include "HalvoHelper/macOS/ExecutablePath.hpp"
+#include "HalvoHelper/macOS/ProcessList.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
@@ -40,37 +38,14 @@ class Processes {
   public:
     // Whether a process with the effective user `uid` runs the executable at the path `executable`.
     bool run(const std::string& executable, std::uint32_t uid) {
-        list();
+        listProcesses(processes_);
         return std::ranges::any_of(processes_, [&](pid_t process) {
-            return process > 0 && isUsers(process, uid) &&
+            return process > 0 && isProcessOf(uid, process) &&
                    executablePath(process, path_) == executable;
         });
     }
 
   private:
-    // Room for those that start between the two calls.
-    static constexpr int spare = 64;
-
-    void list() {
-        const int count = proc_listallpids(nullptr, 0);
-        if (count < 1) {
-            processes_.clear();
-            return;
-        }
-        processes_.assign(static_cast<std::size_t>(count) + spare, 0);
-        const int listed = proc_listallpids(processes_.data(),
-                                            static_cast<int>(processes_.size() * sizeof(pid_t)));
-        processes_.resize(
-            std::min(processes_.size(), static_cast<std::size_t>(std::max(listed, 0))));
-    }
-
-    static bool isUsers(pid_t process, std::uint32_t uid) {
-        proc_bsdshortinfo info{};
-        constexpr int size = sizeof info;
-        return proc_pidinfo(process, PROC_PIDT_SHORTBSDINFO, 0, &info, size) == size &&
-               info.pbsi_uid == uid;
-    }
-
     std::vector<pid_t> processes_;
     PathBuffer path_{};
 };

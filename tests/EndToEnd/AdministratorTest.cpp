@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
@@ -146,6 +147,49 @@ TEST_F(AdministratorTest, IsToldOfARecordThatHasRunOut) {
     EXPECT_EQ(seen()["commitment"]["holds"], false);
     EXPECT_THAT(control({"release"}).output, HasSubstr("that had run out at "));
     expectNothingLeft();
+}
+
+TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
+    RunningHelper helper;
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    Program app = world.startApp();
+    const Answer answer = control({"doctor"});
+    EXPECT_EQ(answer.status, 0) << answer.output;
+    EXPECT_THAT(answer.output, EndsWith("No problem.\n"));
+    const Answer persons = control({"doctor"}, world.user);
+    EXPECT_EQ(persons.status, 0) << persons.output;
+    EXPECT_THAT(persons.output, EndsWith("Type: sudo halvoctl doctor\n"));
+}
+
+TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
+    RunningHelper helper;
+    for (const auto& [spoil, name] : std::vector<std::pair<std::function<void()>, std::string>>{
+             {[] {
+                  fs::permissions(Place::caller, fs::perms{0755});
+                  fs::permissions(Place::appExecutable, fs::perms{0755});
+              },
+              "app's files"},
+             {[] { fs::permissions(Place::app, fs::perms{0775}); }, "app's files"},
+             {[] { put(Place::infoPlist, "damaged"); }, "app"},
+             {[] { fs::remove_all(Place::app); }, "app"},
+             {[] { fs::permissions(Place::helper, fs::perms{0777}); }, "helper files"},
+             {[] { fs::permissions(Place::socket, fs::perms{0600}); }, "socket"}}) {
+        spoil();
+        const Answer answer = control({"doctor", "--json"});
+        EXPECT_EQ(answer.status, 1);
+        bool isFound = false;
+        const Json report = Json::parse(answer.output);
+        for (const Json& check : report["checks"]) {
+            if (check["name"] == name) {
+                isFound = true;
+                EXPECT_EQ(check["verdict"], "problem") << name;
+                EXPECT_NE(check["advice"], nullptr) << name;
+            }
+        }
+        EXPECT_TRUE(isFound) << name << " in " << answer.output;
+        world.installApp(Place::app);
+        fs::permissions(Place::app, fs::perms{0755});
+    }
 }
 
 TEST_F(AdministratorTest, IsToldToBecomeRoot) {

@@ -17,12 +17,6 @@ struct Kind {
     Command command;
 };
 
-const std::array kinds{
-    Kind{"status", statusHelpText, true, false, ShowStatus{}},
-    Kind{"doctor", doctorHelpText, true, true, Examine{}},
-    Kind{"release", releaseHelpText, false, false, Release{}},
-};
-
 bool asksForHelp(const std::string& word) { return word == "--help" || word == "-h"; }
 
 std::string quoted(const std::string& word) { return "'" + records::printable(word) + "'"; }
@@ -70,6 +64,11 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
     if (asksForHelp(words.front())) {
         return ShowHelp{helpText};
     }
+    const std::array kinds{
+        Kind{"status", statusHelpText, true, false, ShowStatus{}},
+        Kind{"doctor", doctorHelpText, true, true, Examine{}},
+        Kind{"release", releaseHelpText, false, false, Release{}},
+    };
     for (const Kind& kind : kinds) {
         if (kind.name == words.front()) {
             return parse(kind, words.subspan(1));

@@ -84,8 +84,8 @@ class SpawnRules {
 
     // 0, or the errno of what could not be settled.
     int settle(int output) {
-        sigset_t none;
-        sigset_t all;
+        sigset_t none{};
+        sigset_t all{};
         sigemptyset(&none);
         sigfillset(&all);
         constexpr short flags =

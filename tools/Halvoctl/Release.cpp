@@ -20,10 +20,17 @@ namespace {
 using records::printable;
 using records::zonedDate;
 
-// Whether nothing is at `path`; what cannot be looked at may be there.
-bool isGone(const std::string& path) {
+enum class Presence { there, gone, unknown };
+
+// Whether something is at `path`. What the system cannot look at may be there.
+Presence presence(const std::string& path) {
     struct stat status{};
-    return lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+    if (lstat(path.c_str(), &status) == 0) {
+        return Presence::there;
+    }
+    const bool isGone =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    return isGone ? Presence::gone : Presence::unknown;
 }
 
 // Takes the lock off the bundle at `path`. What to say of it, or what failed and what to do.
@@ -31,9 +38,6 @@ std::expected<std::string, std::string> unlock(Machine& machine, const std::stri
     const std::string shown = printable(path);
     if (machine.flags.setLocked(false, path)) {
         return shown + " is unlocked";
-    }
-    if (isGone(path)) {
-        return "there is nothing at " + shown + " any more";
     }
     return std::unexpected(
         "The lock of " + shown +
@@ -51,6 +55,23 @@ std::string leftAlone(Machine& machine, const std::string& path) {
                : shown + " was not locked";
 }
 
+// Takes the lock off the bundle at `path` that a record says it owes. `isOwed`: the helper may have
+// locked what is there now.
+std::expected<std::string, std::string> settle(Machine& machine, const std::string& path,
+                                               bool isOwed) {
+    const bool isPath = AppLocation::isBundlePath(path);
+    if (isPath && presence(path) == Presence::unknown) {
+        return std::unexpected(
+            printable(path) +
+            " cannot be looked at, so the commitment stays stored. Mend its disk "
+            "and try again.");
+    }
+    if (isPath && presence(path) == Presence::gone) {
+        return "there is nothing at " + printable(path) + " any more";
+    }
+    return isOwed ? unlock(machine, path) : leftAlone(machine, path);
+}
+
 class Releaser {
   public:
     Releaser(Machine& machine, const GregorianCalendar& calendar)
@@ -62,8 +83,7 @@ class Releaser {
         if (file == StateFile::unreadable) {
             return std::unexpected(printable(machine_.stateFile) +
                                    " cannot be read, so it is not known which bundle to unlock. "
-                                   "Nothing was changed. Unlock "
-                                   "the app by hand (" +
+                                   "Nothing was changed. Unlock the app by hand (" +
                                    clearCommand("/Applications/Halvo.app") +
                                    "), then remove that file.");
         }
@@ -79,10 +99,10 @@ class Releaser {
   private:
     std::expected<std::string, std::string> letGo(const HelperCommitment& commitment) {
         const ClockReading now = machine_.clock.reading();
+        const std::string& path = commitment.appPath;
         // The helper locks nothing but what may be locked.
-        const bool isOwed = commitment.locked && AppLocation::mayLock(commitment.appPath);
-        const auto flag =
-            isOwed ? unlock(machine_, commitment.appPath) : leftAlone(machine_, commitment.appPath);
+        const auto flag = commitment.locked ? settle(machine_, path, AppLocation::mayLock(path))
+                                            : leftAlone(machine_, path);
         return forget(flag, "Let go of the commitment of " + person(machine_, commitment.uid) +
                                 " that " +
                                 (commitment.isLive(now) ? "held until " : "had run out at ") +
@@ -90,9 +110,11 @@ class Releaser {
     }
 
     std::expected<std::string, std::string> letGo(const UnreadableCommitment& unreadable) {
-        const auto path = lockOwed(unreadable);
-        const auto flag = path ? unlock(machine_, *path)
-                               : std::expected<std::string, std::string>("it owed no lock");
+        // As the helper itself believes it.
+        const bool isOwed = lockOwed(unreadable).has_value();
+        const auto flag = unreadable.locked && unreadable.appPath
+                              ? settle(machine_, *unreadable.appPath, isOwed)
+                              : std::expected<std::string, std::string>("it owed no lock");
         return forget(flag, "Removed a damaged state file");
     }
 
@@ -102,7 +124,7 @@ class Releaser {
             return flag;
         }
         machine_.store.remove();
-        if (!isGone(machine_.stateFile)) {
+        if (presence(machine_.stateFile) != Presence::gone) {
             return std::unexpected(*flag +
                                    ", but the state file cannot be removed, and the helper would "
                                    "take the commitment up again. Remove it: " +

@@ -38,8 +38,9 @@ std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience)
 std::string named(const std::vector<pid_t>& processes) {
     std::string text = processes.size() == 1 ? "pid " : "pids ";
     for (std::size_t i = 0; i < processes.size(); ++i) {
-        const bool isLast = i + 1 == processes.size();
-        text += i == 0 ? "" : isLast ? " and " : ", ";
+        if (i > 0) {
+            text += i + 1 == processes.size() ? " and " : ", ";
+        }
         text += std::to_string(processes[i]);
     }
     return text;

@@ -23,7 +23,7 @@ class HelperProcesses {
     virtual ~HelperProcesses() = default;
 
     // Those of root that run the helper's executable as the service, in ascending order; also when
-    // the executable was replaced since they started. Not those in the open-as-user mode.
+    // the executable was replaced since they started. On Linux not those in the open-as-user mode.
     virtual std::vector<pid_t> running() = 0;
 
     // Sends SIGTERM to `process`, if it is still one of those.

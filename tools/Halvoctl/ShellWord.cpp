@@ -10,7 +10,7 @@ namespace halvo::control {
 std::string shellWord(const std::string& text) {
     constexpr std::string_view plain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@,%";
-    const std::string shown = records::printable(text);
+    std::string shown = records::printable(text);
     if (!shown.empty() && std::ranges::all_of(shown, [&](char c) { return plain.contains(c); })) {
         return shown;
     }

@@ -68,7 +68,7 @@ class LiveMachine {
 // A release that has begun is finished: what is typed or sent meanwhile ends the program after it.
 // It waits for nothing without end.
 void holdSignals() {
-    sigset_t signals;
+    sigset_t signals{};
     sigemptyset(&signals);
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
         sigaddset(&signals, signal);

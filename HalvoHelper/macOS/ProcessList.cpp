@@ -1,0 +1,36 @@
+#include "HalvoHelper/macOS/ProcessList.hpp"
+
+#include <libproc.h>
+#include <sys/proc_info.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace halvo {
+namespace {
+
+// Room for those that start between the two calls.
+constexpr int spare = 64;
+
+}  // namespace
+
+void listProcesses(std::vector<pid_t>& processes) {
+    const int count = proc_listallpids(nullptr, 0);
+    if (count < 1) {
+        processes.clear();
+        return;
+    }
+    processes.assign(static_cast<std::size_t>(count) + spare, 0);
+    const int listed =
+        proc_listallpids(processes.data(), static_cast<int>(processes.size() * sizeof(pid_t)));
+    processes.resize(std::min(processes.size(), static_cast<std::size_t>(std::max(listed, 0))));
+}
+
+bool isProcessOf(std::uint32_t uid, pid_t process) {
+    proc_bsdshortinfo info{};
+    constexpr int size = sizeof info;
+    return proc_pidinfo(process, PROC_PIDT_SHORTBSDINFO, 0, &info, size) == size &&
+           info.pbsi_uid == uid;
+}
+
+}  // namespace halvo

@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+
+#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/Observation.hpp"
+
+namespace halvo::control {
+
+void PrintTo(const Agreement& agreement, std::ostream* stream) {
+    *stream << (agreement.isGiven ? "agree: " : "disagree: ") << agreement.finding << " | "
+            << agreement.next;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ObservationTest : public ::testing::Test {
+  protected:
+    Observation seen() { return observe(fake.machine); }
+
+    // What is judged of the app as things are.
+    Agreement judged(bool isLocked, bool isRunning = false) {
+        fake.world.flags.setByHand(fake.app, isLocked);
+        fake.service.processes = isRunning ? std::vector<pid_t>{7} : std::vector<pid_t>{};
+        const Observation observation = seen();
+        return judge(observation, observation.apps.at(0), "start-helper");
+    }
+
+    FakeMachine fake;
+    const std::string clear = clearCommand(fake.app);
+};
+
+TEST_F(ObservationTest, IsOfNothingStored) {
+    const Observation observation = seen();
+    EXPECT_EQ(observation.file, StateFile::none);
+    EXPECT_EQ(observation.stored, StoredCommitment(NoCommitment{}));
+    EXPECT_EQ(observation.apps, (std::vector<AppFlag>{{fake.app, LockState::unlocked}}));
+    EXPECT_EQ(observation.commitment(), nullptr);
+    EXPECT_TRUE(observation.helpers.empty());
+    EXPECT_EQ(observation.now, fake.world.clock.now());
+}
+
+TEST_F(ObservationTest, IsOfARecord) {
+    const HelperCommitment& commitment = fake.hold();
+    fake.service.processes = {12};
+    const Observation observation = seen();
+    EXPECT_EQ(observation.file, StateFile::whole);
+    ASSERT_NE(observation.commitment(), nullptr);
+    EXPECT_EQ(*observation.commitment(), commitment);
+    EXPECT_EQ(observation.apps, (std::vector<AppFlag>{{fake.app, LockState::locked}}));
+    EXPECT_EQ(observation.helpers, (std::vector<pid_t>{12}));
+}
+
+TEST_F(ObservationTest, IsOfTheBundleThatTheRecordNames) {
+    fake.hold().appPath = "/Elsewhere/Other.app";
+    EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{"/Elsewhere/Other.app", LockState::missing}}));
+    fake.world.store.stored = UnreadableCommitment{"/Elsewhere/Third.app", true};
+    EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{"/Elsewhere/Third.app", LockState::missing}}));
+    EXPECT_EQ(seen().file, StateFile::damaged);
+    fake.world.store.stored = UnreadableCommitment{};
+    EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{fake.app, LockState::locked}}));
+}
+
+TEST_F(ObservationTest, IsOfAFileThatCannotBeRead) {
+    fs::create_directories(fake.machine.stateFile);
+    EXPECT_EQ(seen().file, StateFile::unreadable);
+}
+
+TEST_F(ObservationTest, ChangesNothing) {
+    fake.hold();
+    seen();
+    EXPECT_TRUE(fake.world.calls.changes().empty());
+}
+
+TEST_F(ObservationTest, FindsTheBundlesOfTheApp) {
+    FakeMachine::writeInfo(fake.applications + "/Another.app", "com.example.app", "ANYTEAM123");
+    FakeMachine::writeInfo(fake.applications + "/Other.app", "com.example.other", "7QX4KD19MT");
+    FakeMachine::writeInfo(fake.applications + "/Halvo.old", "com.example.app", "7QX4KD19MT");
+    fs::create_directories(fake.applications + "/Empty.app");
+    EXPECT_EQ(installedApps(fake.machine),
+              (std::vector<std::string>{fake.applications + "/Another.app", fake.app}));
+    fake.machine.applications = "/nowhere";
+    EXPECT_TRUE(installedApps(fake.machine).empty());
+}
+
+TEST_F(ObservationTest, JudgesABundleOfNothingStored) {
+    EXPECT_EQ(judged(false), (Agreement{true, "The bundle is not locked.", ""}));
+    const std::string finding = "The bundle is locked, but no record says that the helper did it.";
+    EXPECT_EQ(judged(true), (Agreement{false, finding, "To unlock it: " + clear}));
+    EXPECT_EQ(judged(true, true),
+              (Agreement{false, finding,
+                         "If the helper that runs holds something all the same, it writes the "
+                         "record anew within a minute. Else to unlock the bundle: " +
+                             clear}));
+}
+
+TEST_F(ObservationTest, JudgesABundleThatIsHeld) {
+    fake.hold();
+    EXPECT_EQ(judged(true, true),
+              (Agreement{true, "The bundle is locked, as the record says.", ""}));
+    EXPECT_EQ(judged(true), (Agreement{true, "The bundle is locked, as the record says.",
+                                       "No helper runs that would keep it so: start-helper"}));
+    EXPECT_EQ(judged(false, true), (Agreement{false, "The bundle is not locked, but should be.",
+                                              "The helper sets it back within 2 seconds."}));
+    EXPECT_EQ(judged(false), (Agreement{false, "The bundle is not locked, but should be.",
+                                        "The helper locks it when it starts: start-helper"}));
+}
+
+TEST_F(ObservationTest, JudgesABundleThatIsHeldWithoutALock) {
+    fake.hold().locked = false;
+    EXPECT_EQ(judged(false),
+              (Agreement{true,
+                         "The commitment holds without a lock: the helper could not or may not "
+                         "set one.",
+                         ""}));
+    EXPECT_EQ(judged(true),
+              (Agreement{true, "The bundle carries a lock that the helper did not set.",
+                         "It stays when the commitment ends. To unlock the bundle: " + clear}));
+}
+
+TEST_F(ObservationTest, JudgesABundleThatIsGone) {
+    fake.hold();
+    fake.world.flags.erase(fake.app);
+    Observation observation = seen();
+    EXPECT_EQ(judge(observation, observation.apps.at(0), "start-helper"),
+              (Agreement{false, "There is nothing at " + fake.app + ".",
+                         "The helper locks no other in its place."}));
+}
+
+TEST_F(ObservationTest, JudgesWhatIsStillStoredAndHoldsNoMore) {
+    fake.hold(Seconds{0});
+    const std::string next = "The helper lets go of it when it starts next: start-helper";
+    EXPECT_EQ(judged(true), (Agreement{true, "The bundle is still locked.", next}));
+    EXPECT_EQ(judged(false), (Agreement{true, "The bundle is not locked.", next}));
+    EXPECT_EQ(judged(false, true),
+              (Agreement{true, "The bundle is not locked.",
+                         "The helper lets go of it within 2 seconds, unless it has forgotten the "
+                         "record."}));
+    fake.hold(Seconds{0}).locked = false;
+    EXPECT_EQ(
+        judged(true),
+        (Agreement{false,
+                   "The bundle is locked, but the record does not say that the helper did it.",
+                   "It stays locked. To unlock it: " + clear}));
+    fake.world.store.stored = UnreadableCommitment{fake.app, true};
+    EXPECT_EQ(judged(true), (Agreement{true, "The bundle is still locked.", next}));
+    fake.world.store.stored = UnreadableCommitment{fake.app, false};
+    EXPECT_FALSE(judged(true).isGiven);
+}
+
+}  // namespace
+}  // namespace halvo::control

@@ -1,0 +1,78 @@
+// The program as it is built, run as a process of its own.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/Support/ChildProcess.hpp"
+
+namespace halvo::control {
+namespace {
+
+using testing::ChildResult;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+ChildResult runProgram(
+    std::vector<std::string> words, const std::function<void()>& prepare = [] {}) {
+    return testing::runInChild([&] {
+        words.insert(words.begin(), "halvoctl");
+        std::vector<char*> pointers;
+        pointers.reserve(words.size() + 1);
+        for (std::string& word : words) {
+            pointers.push_back(word.data());
+        }
+        pointers.push_back(nullptr);
+        prepare();
+        execv(HALVO_CONTROL, pointers.data());
+        FAIL() << "cannot run " << HALVO_CONTROL;
+    });
+}
+
+TEST(ControlProgramTest, Helps) {
+    const ChildResult result = runProgram({"--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, StartsWith("Usage: halvoctl COMMAND [WORDS]\n"));
+}
+
+TEST(ControlProgramTest, EndsWithSixtyFourForWrongWords) {
+    const ChildResult result = runProgram({"stauts"});
+    EXPECT_EQ(result.status, 64);
+    EXPECT_THAT(result.output, StartsWith("halvoctl: There is no command 'stauts'"));
+}
+
+TEST(ControlProgramTest, EndsWithSeventySevenWithoutRoot) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to be somebody else";
+    }
+    constexpr uid_t nobody = 65534;
+    // What lies in a closed folder cannot be run by nobody: it is opened before.
+    for (const char* command : {"status", "release"}) {
+        const ChildResult result = runProgram({command}, [] { ASSERT_EQ(seteuid(nobody), 0); });
+        EXPECT_EQ(result.status, 77) << result.output;
+    }
+}
+
+TEST(ControlProgramTest, EndsWithSeventyFourWhenTheDiskIsFull) {
+    const ChildResult result = runProgram(
+        {"doctor"}, [] { dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO); });
+    EXPECT_EQ(result.status, 74);
+    EXPECT_EQ(result.output, "halvoctl: The output could not be written.\n");
+}
+
+TEST(ControlProgramTest, NeedsNoNameOfItsOwn) {
+    const ChildResult result = testing::runInChild([] {
+        char* const none[] = {nullptr};
+        execv(HALVO_CONTROL, none);
+    });
+    EXPECT_EQ(result.status, 64);
+    EXPECT_THAT(result.output, HasSubstr("What is to be done?"));
+}
+
+}  // namespace
+}  // namespace halvo::control

@@ -1,0 +1,243 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/Support/LogCapture.hpp"
+#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/Observation.hpp"
+#include "tools/Halvoctl/Release.hpp"
+
+namespace halvo::control {
+
+void PrintTo(const Outcome& outcome, std::ostream* stream) {
+    *stream << "status " << outcome.status << ", output:\n"
+            << outcome.output << "errors:\n"
+            << outcome.errors;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// What FakeService notes.
+const std::string stopped = "save by stop";
+const std::string resumed = "save by resume";
+
+class ReleaseTest : public ::testing::Test {
+  protected:
+    Outcome released() {
+        return release(fake.machine, *GregorianCalendar::named("Europe/Berlin"),
+                       [this](const std::string& line) { said.push_back(line); });
+    }
+
+    static Outcome fine(const std::string& output) { return {ExitStatus::fine, output, ""}; }
+
+    FakeMachine fake;
+    testing::LogCapture log;
+    std::vector<std::string> said;
+};
+
+TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
+    fake.hold();
+    EXPECT_EQ(released(),
+              fine("Let go of the commitment of ann (uid 1000) that held until 2025-10-09 11:55:25 "
+                   "+02:00; " +
+                   fake.app + " is unlocked.\n"));
+    EXPECT_THAT(fake.world.calls.changes(),
+                ElementsAre(stopped, "unlock Halvo.app", "remove", resumed));
+    EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+    EXPECT_TRUE(fake.world.store.isEmpty());
+    EXPECT_THAT(said, ElementsAre("Waiting."));
+    EXPECT_THAT(log.notices(), ElementsAre("An administrator let go of what was stored"));
+}
+
+TEST_F(ReleaseTest, IsOfWhatTheHelperStoredWhenItStopped) {
+    fake.service.onStop = [this] { fake.hold(); };
+    EXPECT_THAT(released().output, StartsWith("Let go of the commitment of ann"));
+    EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+    EXPECT_TRUE(fake.world.store.isEmpty());
+}
+
+TEST_F(ReleaseTest, SaysWhatHasRunOut) {
+    fake.hold(Seconds{100});
+    fake.world.clock.advance(Seconds{200});
+    EXPECT_THAT(released().output, HasSubstr("that had run out at 2025-10-09 10:55:00 +02:00; "));
+}
+
+TEST_F(ReleaseTest, SaysThatNothingWasHeld) {
+    EXPECT_EQ(released(), fine("Nothing was held.\n"));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+    EXPECT_TRUE(log.isEmpty());
+}
+
+TEST_F(ReleaseTest, LeavesALockThatIsNotTheHelpers) {
+    const std::string kept =
+        fake.app +
+        " keeps a lock that the helper did not set (to take it off: " + clearCommand(fake.app) +
+        ").\n";
+    fake.world.flags.setByHand(fake.app, true);
+    EXPECT_EQ(released(), fine("Nothing was held. " + kept));
+    fake.hold().locked = false;
+    EXPECT_THAT(released().output, HasSubstr("; " + kept));
+    EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+    EXPECT_TRUE(fake.world.store.isEmpty());
+    fake.hold().locked = false;
+    fake.world.flags.setByHand(fake.app, false);
+    EXPECT_THAT(released().output, HasSubstr("; " + fake.app + " was not locked.\n"));
+}
+
+TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
+    const std::string elsewhere = fake.disk / "Elsewhere.app";
+    fs::create_directories(elsewhere);
+    fake.world.flags.add(elsewhere);
+    for (const StoredCommitment& stored :
+         {StoredCommitment(UnreadableCommitment{elsewhere, true}),
+          StoredCommitment(HelperCommitment{elsewhere, 1000, {}, {}, {}, {}, true})}) {
+        fake.world.flags.setByHand(elsewhere, true);
+        fake.world.store.stored = stored;
+        EXPECT_EQ(released().status, ExitStatus::fine);
+        EXPECT_TRUE(fake.world.flags.isSet(elsewhere));
+        EXPECT_TRUE(fake.world.store.isEmpty());
+    }
+}
+
+TEST_F(ReleaseTest, UnlocksWhatADamagedRecordOwes) {
+    fake.hold();
+    fake.world.store.stored = UnreadableCommitment{fake.app, true};
+    EXPECT_EQ(released(), fine("Removed a damaged state file; " + fake.app + " is unlocked.\n"));
+    EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+    fake.world.store.stored = UnreadableCommitment{};
+    EXPECT_EQ(released(), fine("Removed a damaged state file; it owed no lock.\n"));
+}
+
+TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
+    for (const bool isWhole : {true, false}) {
+        fake.hold();
+        if (!isWhole) {
+            fake.world.store.stored = UnreadableCommitment{fake.app, true};
+        }
+        fake.world.flags.failsToUnlock = true;
+        const Outcome outcome = released();
+        EXPECT_EQ(outcome.status, ExitStatus::system);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_THAT(outcome.errors,
+                    StartsWith("halvoctl: The lock of " + fake.app +
+                               " cannot be taken off, so the commitment stays stored."));
+        EXPECT_FALSE(fake.world.store.isEmpty());
+        EXPECT_EQ(fake.world.calls.changes().back(), resumed);
+        fake.world.flags.failsToUnlock = false;
+        EXPECT_EQ(released().status, ExitStatus::fine);
+        EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+    }
+}
+
+TEST_F(ReleaseTest, ForgetsTheRecordOfABundleThatIsGone) {
+    fake.hold();
+    fake.service.onStop = [this] {
+        fs::remove_all(fake.app);
+        fake.world.flags.erase(fake.app);
+    };
+    const std::string finding = "; there is nothing at " + fake.app + " any more.\n";
+    EXPECT_THAT(released().output, HasSubstr(finding));
+    EXPECT_TRUE(fake.world.store.isEmpty());
+    fake.service.onStop = {};
+    fake.world.store.stored = UnreadableCommitment{fake.app, true};
+    EXPECT_THAT(released().output, HasSubstr(finding));
+    EXPECT_TRUE(fake.world.store.isEmpty());
+}
+
+TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to be somebody else";
+    }
+    constexpr uid_t nobody = 65534;
+    for (const bool isWhole : {true, false}) {
+        fake.hold();
+        if (!isWhole) {
+            fake.world.store.stored = UnreadableCommitment{fake.app, true};
+        }
+        // Whose way to the bundle ends at a closed folder.
+        ASSERT_EQ(seteuid(nobody), 0);
+        const Outcome outcome = released();
+        ASSERT_EQ(seteuid(0), 0);
+        EXPECT_EQ(outcome, (Outcome{ExitStatus::system, "",
+                                    "halvoctl: " + fake.app +
+                                        " cannot be looked at, so the commitment stays stored. "
+                                        "Mend its disk and try again.\n"}));
+        EXPECT_FALSE(fake.world.store.isEmpty());
+    }
+}
+
+TEST_F(ReleaseTest, SaysThatTheRecordCannotBeRemoved) {
+    fake.hold();
+    fs::create_directories(fake.disk / "state");
+    testing::writeTestFile(fake.machine.stateFile, "");
+    const Outcome outcome = released();
+    EXPECT_EQ(outcome.status, ExitStatus::system);
+    EXPECT_EQ(outcome.errors,
+              "halvoctl: " + fake.app +
+                  " is unlocked, but the state file cannot be removed, and the helper would take "
+                  "the commitment up again. Remove it: " +
+                  fake.machine.stateFile + "\n");
+    EXPECT_EQ(fake.world.calls.changes().back(), resumed);
+}
+
+TEST_F(ReleaseTest, TouchesNothingWhenTheFileCannotBeRead) {
+    fs::create_directories(fake.machine.stateFile);
+    const Outcome outcome = released();
+    EXPECT_EQ(outcome.status, ExitStatus::system);
+    EXPECT_THAT(outcome.errors, HasSubstr("cannot be read, so it is not known which bundle"));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+}
+
+TEST_F(ReleaseTest, TouchesNothingWhenTheHelperDoesNotStop) {
+    fake.hold();
+    fake.service.stopError = "It does not end.";
+    EXPECT_EQ(released(), (Outcome{ExitStatus::system, "", "halvoctl: It does not end.\n"}));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+    EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+}
+
+TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
+    fake.hold();
+    fake.service.resumed = "It is back later.";
+    EXPECT_THAT(released().output, HasSubstr(" is unlocked.\nIt is back later.\n"));
+    fake.hold();
+    fake.service.resumed = std::unexpected("Start it.");
+    const Outcome outcome = released();
+    EXPECT_EQ(outcome.status, ExitStatus::system);
+    EXPECT_THAT(outcome.output, HasSubstr(" is unlocked.\n"));
+    EXPECT_EQ(outcome.errors, "halvoctl: Start it.\n");
+}
+
+TEST_F(ReleaseTest, MayBeInterruptedAnywhereAndRunAgain) {
+    for (std::size_t call = 1;; ++call) {
+        SCOPED_TRACE(call);
+        fake.hold();
+        fake.world.calls.crashAt(call);
+        try {
+            released();
+        } catch (const testing::Crash&) {
+        }
+        const bool isOver = fake.world.calls.cancelCrash();
+        EXPECT_TRUE(!fake.world.flags.isSet(fake.app) || !fake.world.store.isEmpty());
+        EXPECT_EQ(released().status, ExitStatus::fine);
+        EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+        EXPECT_TRUE(fake.world.store.isEmpty());
+        if (isOver) {
+            EXPECT_GT(call, 4U);
+            return;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace halvo::control

@@ -1,0 +1,52 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/Service.hpp"
+
+namespace halvo::control {
+namespace {
+
+TEST(ServiceTest, StopsAllHelpers) {
+    FakeProcesses processes;
+    EXPECT_TRUE(stopAll(processes, {Seconds{5}, {}}).empty());
+    EXPECT_TRUE(processes.terminated.empty());
+    processes.processes = {7, 9};
+    EXPECT_TRUE(stopAll(processes, {Seconds{5}, {}}).empty());
+    EXPECT_EQ(processes.terminated, (std::vector<pid_t>{7, 9}));
+}
+
+TEST(ServiceTest, StopsHelpersThatComeMeanwhile) {
+    FakeProcesses processes;
+    processes.processes = {7};
+    processes.onTerminate = [&] {
+        if (processes.terminated.size() == 1) {
+            processes.processes = {8};
+        }
+    };
+    EXPECT_TRUE(stopAll(processes, {Seconds{5}, {}}).empty());
+    EXPECT_EQ(processes.terminated, (std::vector<pid_t>{7, 8}));
+}
+
+TEST(ServiceTest, AsksEachHelperOnceAndWaitsNoLongerThanItMay) {
+    FakeProcesses processes;
+    processes.processes = {7, 9};
+    processes.areStuck = true;
+    int slow = 0;
+    EXPECT_EQ(stopAll(processes, {Seconds{0.1}, [&] { ++slow; }}), (std::vector<pid_t>{7, 9}));
+    EXPECT_EQ(processes.terminated, (std::vector<pid_t>{7, 9}));
+    EXPECT_EQ(slow, 0);
+    EXPECT_EQ(stopAll(processes, {Seconds{1.2}, [&] { ++slow; }}).size(), 2U);
+    EXPECT_EQ(slow, 1);
+    EXPECT_EQ(stopAll(processes, {Seconds{1.1}, {}}).size(), 2U);
+}
+
+TEST(ServiceTest, NamesProcesses) {
+    EXPECT_EQ(named({12}), "pid 12");
+    EXPECT_EQ(named({12, 13}), "pids 12 and 13");
+    EXPECT_EQ(named({12, 13, 14}), "pids 12, 13 and 14");
+}
+
+}  // namespace
+}  // namespace halvo::control

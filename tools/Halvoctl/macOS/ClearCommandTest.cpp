@@ -1,0 +1,15 @@
+#include <gtest/gtest.h>
+
+#include "tools/Halvoctl/Observation.hpp"
+
+namespace halvo::control {
+namespace {
+
+TEST(ClearCommandTest, IsForAShell) {
+    EXPECT_EQ(clearCommand("/Applications/Halvo.app"), "chflags noschg /Applications/Halvo.app");
+    EXPECT_EQ(clearCommand("/Applications/My App.app"),
+              "chflags noschg '/Applications/My App.app'");
+}
+
+}  // namespace
+}  // namespace halvo::control

@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/TestProcess.hpp"
+#include "tools/Halvoctl/Service.hpp"
+
+namespace halvo::control {
+namespace {
+
+const std::string helper = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
+
+class HelperProcessesTest : public ::testing::Test {
+  protected:
+    HelperProcessesTest() { fake::reset(); }
+
+    const std::unique_ptr<HelperProcesses> processes = liveProcesses(helper);
+};
+
+TEST_F(HelperProcessesTest, AreThoseOfRootThatRunTheHelper) {
+    EXPECT_TRUE(processes->running().empty());
+    fake::world().processes = {{0, 0, helper},    {90, 0, helper},       {1, 0, "/sbin/launchd"},
+                               {70, 501, helper}, {80, 0, helper + "2"}, {60, 0, helper}};
+    EXPECT_EQ(processes->running(), (std::vector<pid_t>{60, 90}));
+}
+
+TEST_F(HelperProcessesTest, AreAskedToEnd) {
+    testing::TestProcess child([] { pause(); });
+    fake::world().processes = {{child.pid(), 0, helper}};
+    processes->terminate(child.pid());
+    EXPECT_EQ(child.wait(), 128 + SIGTERM);
+}
+
+TEST_F(HelperProcessesTest, LeaveOthersAlone) {
+    testing::TestProcess child([] { pause(); });
+    fake::world().processes = {{child.pid(), 501, helper}};
+    processes->terminate(child.pid());
+    child.send(SIGKILL);
+    EXPECT_EQ(child.wait(), 128 + SIGKILL);
+}
+
+}  // namespace
+}  // namespace halvo::control
