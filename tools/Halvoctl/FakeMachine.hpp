@@ -69,6 +69,11 @@ class FakeProcesses final : public HelperProcesses {
         }
     }
 
+    Seconds now() override { return time; }
+
+    void pause(Seconds span) override { time += span; }
+
+    Seconds time{1000};
     std::vector<pid_t> processes;
     std::vector<pid_t> terminated;
     bool areStuck = false;

@@ -1,6 +1,5 @@
 #include "tools/Halvoctl/Service.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <set>
@@ -8,15 +7,18 @@
 
 namespace halvo::control {
 
+Seconds HelperProcesses::now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+void HelperProcesses::pause(Seconds span) { std::this_thread::sleep_for(span); }
+
 std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience) {
-    constexpr std::chrono::milliseconds pace{10};
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point start = Clock::now();
+    constexpr Seconds pace{0.01};
+    const Seconds start = processes.now();
     bool said = false;
     std::set<pid_t> asked;
     while (true) {
         const std::vector<pid_t> running = processes.running();
-        const Seconds passed = Clock::now() - start;
+        const Seconds passed = processes.now() - start;
         if (running.empty() || passed >= patience.limit) {
             return running;
         }
@@ -31,7 +33,7 @@ std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience)
                 patience.slow();
             }
         }
-        std::this_thread::sleep_for(pace);
+        processes.pause(pace);
     }
 }
 

@@ -28,6 +28,11 @@ class HelperProcesses {
 
     // Sends SIGTERM to `process`, if it is still one of those.
     virtual void terminate(pid_t process) = 0;
+
+    // The clock by which their end is waited for, of which only differences mean anything, and the
+    // waiting itself. Those of the system, but for tests.
+    virtual Seconds now();
+    virtual void pause(Seconds span);
 };
 
 // Asks all of `processes` to end, also those that come meanwhile, and waits until none runs. Gives

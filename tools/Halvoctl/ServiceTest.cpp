@@ -37,9 +37,23 @@ TEST(ServiceTest, AsksEachHelperOnceAndWaitsNoLongerThanItMay) {
     EXPECT_EQ(stopAll(processes, {Seconds{0.1}, [&] { ++slow; }}), (std::vector<pid_t>{7, 9}));
     EXPECT_EQ(processes.terminated, (std::vector<pid_t>{7, 9}));
     EXPECT_EQ(slow, 0);
+    EXPECT_NEAR(processes.time.count(), 1000.1, 0.02);
     EXPECT_EQ(stopAll(processes, {Seconds{1.2}, [&] { ++slow; }}).size(), 2U);
     EXPECT_EQ(slow, 1);
     EXPECT_EQ(stopAll(processes, {Seconds{1.1}, {}}).size(), 2U);
+}
+
+TEST(ServiceTest, WaitsInRealTime) {
+    struct RealTime final : HelperProcesses {
+        std::vector<pid_t> running() override { return {7}; }
+
+        void terminate(pid_t) override {}
+    } processes;
+
+    const Seconds start = processes.now();
+    EXPECT_EQ(stopAll(processes, {Seconds{0.1}, {}}), std::vector<pid_t>{7});
+    EXPECT_GE(processes.now() - start, Seconds{0.1});
+    EXPECT_LT(processes.now() - start, Seconds{1});
 }
 
 TEST(ServiceTest, NamesProcesses) {

@@ -139,6 +139,17 @@ TEST_F(SystemdServiceTest, StartsTheSocketAgainAlsoWhenTheStopFailed) {
     EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth, startSocket));
 }
 
+TEST_F(SystemdServiceTest, SaysThatAHelperDoesNotEnd) {
+    processes.processes = {7, 9};
+    processes.areStuck = true;
+    EXPECT_EQ(service(false).stop(progress),
+              std::unexpected("The helper (pids 7 and 9) does not end. Kill it (kill -KILL), then "
+                              "run halvoctl release again, which takes off the lock that it "
+                              "leaves."));
+    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 15 seconds."));
+    EXPECT_NEAR(processes.time.count(), 1015, 0.1);
+}
+
 TEST_F(SystemdServiceTest, SaysWhenTheSocketCannotBeStarted) {
     units("loaded", "active");
     programs.answer(stopBoth, 0);

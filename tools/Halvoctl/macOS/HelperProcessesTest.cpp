@@ -27,6 +27,8 @@ TEST_F(HelperProcessesTest, AreThoseOfRootThatRunTheHelper) {
     fake::world().processes = {{0, 0, helper},    {90, 0, helper},       {1, 0, "/sbin/launchd"},
                                {70, 501, helper}, {80, 0, helper + "2"}, {60, 0, helper}};
     EXPECT_EQ(processes->running(), (std::vector<pid_t>{60, 90}));
+    fake::world().processes = {{0, 0, helper}, {1, 0, helper}};
+    EXPECT_EQ(processes->running(), std::vector<pid_t>{1}) << "as in a machine of its own";
 }
 
 TEST_F(HelperProcessesTest, AreAskedToEnd) {
