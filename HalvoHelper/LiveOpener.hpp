@@ -12,10 +12,11 @@ namespace halvo {
 // mode's to set.) Main queue only; one source per system.
 //
 // On macOS NSTask starts it through `launchctl asuser`, in the login session of the person. On
-// Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own. The child
-// inherits nothing else either: no descriptor beyond 0 to 2 (which are /dev/null), no signal mask
-// or disposition, no session, "/" as its folder; and SIGCHLD is ignored from the first opening on,
-// so that the kernel reaps (sigaction(2)).
+// Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, and has the
+// helper's standard error to say why it cannot. The child inherits nothing else either: no
+// descriptor beyond 0 to 2 (which are /dev/null), no signal mask or disposition, no session, "/" as
+// its folder; and SIGCHLD is ignored from the first opening on, so that the kernel reaps
+// (sigaction(2)).
 class LiveOpener final : public AppOpener {
   public:
     // `helperExecutable`: the path of the helper's own executable.

@@ -22,6 +22,7 @@ void append(std::vector<std::string>& list, const std::vector<std::string>& more
 }
 
 // A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
+// Not so in the first word: there systemd-run(1) looks for that very file.
 std::string withoutExpansion(const std::string& argument) {
     std::string result;
     for (const char character : argument) {
@@ -140,15 +141,15 @@ Command openCommand(const Request& request, const User& user) {
     return command;
 }
 
-Command systemCommand(const std::string& helperExecutable, const Request& request) {
-    const std::string uid = std::to_string(request.uid);
+Command systemCommand(const std::string& helperExecutable, const Request& request,
+                      const std::string& unitSuffix) {
+    // Not in the person's slice, whose limits they can use up so that nothing more starts.
     Command command{"/usr/bin/systemd-run",
                     {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-                     "--description=Opens the app for user " + uid,
-                     // With the limits of all that the person runs.
-                     "--slice=user-" + uid + ".slice",
+                     "--description=Opens the app for user " + std::to_string(request.uid),
+                     "--unit=halvo-open-" + unitName(unitSuffix) + ".service",
                      // The app may fork and end its first process without being counted as gone.
-                     "--property=ExitType=cgroup", "--", withoutExpansion(helperExecutable)},
+                     "--property=ExitType=cgroup", "--", helperExecutable},
                     {}};
     for (const std::string& word : words(request)) {
         command.arguments.push_back(withoutExpansion(word));
@@ -172,7 +173,7 @@ Command managerCommand(const Request& request, const User& user, const std::stri
          // The app may fork and end its first process without being counted as gone.
          "--property=ExitType=cgroup",
          "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) + ".service", "--",
-         withoutExpansion(executable)},
+         executable},
         environment(user)};
     // Where the manager's socket is: systemd-run(1), environment.
     command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));

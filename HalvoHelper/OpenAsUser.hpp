@@ -71,7 +71,8 @@ Command openCommand(const Request& request, const User& user);
 // the app; elsewhere the mode itself. What the mode becomes: when the user's own systemd manager
 // answers, that runs the app inside the session; when none does, the app. `unitSuffix` keeps two
 // openings from clashing; `appID` names the unit.
-Command systemCommand(const std::string& helperExecutable, const Request& request);
+Command systemCommand(const std::string& helperExecutable, const Request& request,
+                      const std::string& unitSuffix);
 Command helperCommand(const std::string& helperExecutable, const Request& request);
 Command managerCommand(const Request& request, const User& user, const std::string& executable,
                        const std::string& appID, const std::string& unitSuffix);

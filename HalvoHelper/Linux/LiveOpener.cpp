@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "HalvoHelper/CStrings.hpp"
+#include "HalvoHelper/Linux/UnitSuffix.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
@@ -18,11 +19,13 @@
 namespace halvo {
 namespace {
 
+enum class ErrorOutput { none, kept };
+
 // What the child changes before it runs the command; posix_spawn(3). These calls fail only without
 // memory, and then the child starts with less taken away from it than it should, so all count.
 class SpawnPlan {
   public:
-    SpawnPlan() {
+    explicit SpawnPlan(ErrorOutput errors) {
         posix_spawnattr_init(&attributes_);
         posix_spawn_file_actions_init(&actions_);
         sigset_t none;
@@ -36,7 +39,9 @@ class SpawnPlan {
                                              POSIX_SPAWN_SETSID)));
         note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDWR, 0));
         note(posix_spawn_file_actions_adddup2(&actions_, STDIN_FILENO, STDOUT_FILENO));
-        note(posix_spawn_file_actions_adddup2(&actions_, STDIN_FILENO, STDERR_FILENO));
+        if (errors == ErrorOutput::none) {
+            note(posix_spawn_file_actions_adddup2(&actions_, STDIN_FILENO, STDERR_FILENO));
+        }
         note(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
         note(posix_spawn_file_actions_addchdir_np(&actions_, "/"));
     }
@@ -80,9 +85,13 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
     }
     std::signal(SIGCHLD, SIG_IGN);
     const OpenAsUser::Request request{uid, appPath, afterQuit};
+    // What systemd-run(1) has to say goes where the helper's own errors go, to the journal.
     const int error =
-        SpawnPlan().start(sd_booted() > 0 ? OpenAsUser::systemCommand(helperExecutable_, request)
-                                          : OpenAsUser::helperCommand(helperExecutable_, request));
+        sd_booted() > 0
+            ? SpawnPlan(ErrorOutput::kept)
+                  .start(OpenAsUser::systemCommand(helperExecutable_, request, randomUnitSuffix()))
+            : SpawnPlan(ErrorOutput::none)
+                  .start(OpenAsUser::helperCommand(helperExecutable_, request));
     if (error != 0) {
         HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s",
                         std::generic_category().message(error).c_str());

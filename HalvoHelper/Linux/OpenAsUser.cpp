@@ -1,6 +1,5 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
@@ -9,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "HalvoHelper/Linux/UnitSuffix.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 
@@ -82,20 +82,6 @@ bool managerAnswers(const User& user) {
     return answer.value_or(false);
 }
 
-std::string randomHex() {
-    std::uint32_t number = 0;
-    // For uniqueness only: without randomness the process id does.
-    if (getrandom(&number, sizeof number, 0) != sizeof number) {
-        number = static_cast<std::uint32_t>(getpid());
-    }
-    constexpr const char* digits = "0123456789abcdef";
-    std::string text;
-    for (unsigned shift = 0; shift < 32; shift += 4) {
-        text += digits[number >> shift & 0xFU];
-    }
-    return text;
-}
-
 }  // namespace
 
 Command commandFor(const Request& request, const User& user) {
@@ -107,7 +93,8 @@ Command commandFor(const Request& request, const User& user) {
     }
     const auto info = bundle.info();
     const auto identifier = info ? infoString(*info, "CFBundleIdentifier") : std::nullopt;
-    return managerCommand(request, user, executable, identifier.value_or("app"), randomHex());
+    return managerCommand(request, user, executable, identifier.value_or("app"),
+                          randomUnitSuffix());
 }
 
 }  // namespace halvo::OpenAsUser

@@ -36,9 +36,11 @@ namespace halvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
@@ -423,9 +425,16 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMa
     EXPECT_EQ(result.status, 0) << result.output;
     ASSERT_TRUE(eventually([this] { return fs::exists(systemdRunReport); }));
     TestReport run = readReport(systemdRunReport);
-    EXPECT_EQ(run["argument"], OpenAsUser::systemCommand("/usr/libexec/helper",
-                                                         {501, "/Applications/Sample.app", true})
-                                   .arguments);
+    const Words arguments = run["argument"];
+    ASSERT_GE(arguments.size(), 6U);
+    EXPECT_THAT(arguments[5], MatchesRegex("--unit=halvo-open-[0-9a-f]{8}\\.service"));
+    EXPECT_EQ(arguments, OpenAsUser::systemCommand("/usr/libexec/helper",
+                                                   {501, "/Applications/Sample.app", true},
+                                                   arguments[5].substr(18, 8))
+                             .arguments);
+    EXPECT_THAT(run["descriptor"],
+                ElementsAre("0 /dev/null rw", "1 /dev/null rw",
+                            AllOf(StartsWith("2 "), Not(StartsWith("2 /dev/null")))));
     EXPECT_THAT(run["environment"], IsEmpty());
     EXPECT_THAT(run["user"], ElementsAre("0", "0", "0"));
 }
