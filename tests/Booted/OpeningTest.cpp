@@ -102,7 +102,7 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
     const pid_t opened = app();
     EXPECT_THAT(processWords(opened),
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
-    EXPECT_THAT(controlGroup(opened), StartsWith("/user.slice/user-1000.slice/run-"));
+    EXPECT_THAT(controlGroup(opened), StartsWith("/system.slice/halvo-open-"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     // What it is allowed is what any program of the person is; the machine itself takes some away.
@@ -119,6 +119,23 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
     // It outlives the helper that had it opened.
     machine.must({"systemctl", "restart", Unit::service});
     EXPECT_TRUE(isServed(opened));
+}
+
+// systemd-run(1) and systemd have their own meanings for some of these characters.
+TEST_F(Opening, FindsTheAppAtAnOddPath) {
+    const std::string odd = "/Applications/Foc$us %n ${x}.app";
+    const std::string executable = odd + "/Contents/MacOS/Halvo";
+    machine.must({"cp", "--archive", Place::app, odd});
+    const std::string session = machine.logIn("alice");
+    machine.startIn(session, {executable, "25"});
+    ASSERT_TRUE(machine.says("Holding Ultra Hard mode*"));
+    quit(machine.waitFor(executable, openingLimit));
+    const pid_t opened = machine.waitFor(executable, openingLimit);
+    EXPECT_THAT(controlGroup(opened), HasSubstr("/user@1000.service/"));
+    machine.sh("systemctl mask --runtime --now user@1000.service");
+    ASSERT_TRUE(eventually(Seconds{10}, [&] { return !isAlive(opened); }));
+    EXPECT_THAT(controlGroup(machine.waitFor(executable, openingLimit)),
+                StartsWith("/system.slice/halvo-open-"));
 }
 
 TEST_F(Opening, WaitsUntilThePersonLogsInAgain) {
