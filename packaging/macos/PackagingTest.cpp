@@ -410,6 +410,7 @@ class LayoutTest : public ::testing::Test {
   protected:
     void SetUp() override {
         writeTestFile(folder_ / "helper", "the helper");
+        writeTestFile(folder_ / "control", "halvoctl");
         writeTestFile(folder_ / "CMakeLists.txt", R"(cmake_minimum_required(VERSION 3.25)
 project(Layout LANGUAGES NONE)
 set(HALVO_SYSTEM macOS)
@@ -419,6 +420,8 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 configure_file()" HALVO_INFO_PLIST R"( ${PROJECT_BINARY_DIR}/bin/Info.plist COPYONLY)
 add_executable(HalvoHelper IMPORTED GLOBAL)
 set_target_properties(HalvoHelper PROPERTIES IMPORTED_LOCATION ${PROJECT_SOURCE_DIR}/helper)
+add_executable(halvoctl IMPORTED GLOBAL)
+set_target_properties(halvoctl PROPERTIES IMPORTED_LOCATION ${PROJECT_SOURCE_DIR}/control)
 add_subdirectory()" HALVO_PACKAGING_SOURCES R"( packaging/macos)
 )");
         std::filesystem::create_directory(folder_ / "tools");
@@ -445,6 +448,7 @@ add_subdirectory()" HALVO_PACKAGING_SOURCES R"( packaging/macos)
     std::string build_ = folder_ / "build";
     std::string bundle_ = build_ + "/Halvo.app/";
     std::string installed_ = bundle_ + "Contents/Helpers/HalvoHelper";
+    std::string control_ = bundle_ + "Contents/Helpers/halvoctl";
 };
 
 TEST_F(LayoutTest, PutsTheHelperAndItsJobIntoTheBundle) {
@@ -452,6 +456,7 @@ TEST_F(LayoutTest, PutsTheHelperAndItsJobIntoTheBundle) {
     const CommandResult built = build();
     ASSERT_EQ(built.status, 0) << built.output;
     EXPECT_EQ(readTestFile(installed_), "the helper");
+    EXPECT_EQ(readTestFile(control_), "halvoctl");
     EXPECT_EQ(readTestFile(bundle_ + "Contents/Library/LaunchDaemons/" + helper + ".plist"),
               Input().launchd);
     EXPECT_EQ(readTestFile(folder_ / "calls"), "") << "nothing to sign with";
@@ -474,7 +479,9 @@ TEST_F(LayoutTest, SignsTheHelperAndChecksWhatTheAppWillDemand) {
     const CommandResult built = build();
     ASSERT_EQ(built.status, 0) << built.output;
     EXPECT_EQ(readTestFile(folder_ / "calls"),
-              "--force --sign Developer ID Application: A (B) --identifier " + helper +
+              "--force --sign Developer ID Application: A (B) --identifier " + app +
+                  ".halvoctl --options runtime --timestamp " + control_ +
+                  "\n--force --sign Developer ID Application: A (B) --identifier " + helper +
                   " --options runtime --timestamp " + installed_ + "\n--verify --strict -R " +
                   build_ + "/packaging/macos/" + helper + ".requirement " + installed_ + "\n");
 }
