@@ -282,6 +282,31 @@ TEST_F(AdministratorTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     expectNothingLeft();
 }
 
+TEST_F(AdministratorTest, KeepsTheRecordOfABundleBelowAnotherMount) {
+    commit();
+    {
+        const Mount other("tmpfs", "/Applications");
+        const Answer answer = control({"release"});
+        EXPECT_EQ(answer.status, exitSystem);
+        EXPECT_THAT(answer.output,
+                    HasSubstr("The bundle that the helper locked is not at " + Place::app));
+        EXPECT_TRUE(world.state());
+    }
+    EXPECT_TRUE(isLocked());
+    EXPECT_EQ(control({"release"}).status, 0);
+    expectNothingLeft();
+}
+
+TEST_F(AdministratorTest, ForgetsABundleThatIsGoneForGoodWhenToldSo) {
+    commit();
+    setLockedByHand(false);
+    fs::remove_all(Place::app);
+    EXPECT_EQ(control({"release"}).status, exitSystem);
+    EXPECT_TRUE(world.state());
+    EXPECT_EQ(control({"release", "--bundle-gone"}).status, 0);
+    EXPECT_FALSE(exists(Place::stateFolder));
+}
+
 TEST_F(AdministratorTest, KeepsEverythingWhenTheHelperDoesNotEnd) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);

@@ -14,6 +14,7 @@ struct Kind {
     const char* help;
     bool hasJSON;
     bool hasApp;
+    bool hasBundleGone;
     Command command;
 };
 
@@ -23,6 +24,7 @@ std::string quoted(const std::string& word) { return "'" + records::printable(wo
 
 std::expected<Command, std::string> parse(const Kind& kind, std::span<const std::string> words) {
     bool asJSON = false;
+    Release release;
     std::optional<std::string> app;
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string& word = words[i];
@@ -42,6 +44,8 @@ std::expected<Command, std::string> parse(const Kind& kind, std::span<const std:
                     "/Applications/Halvo.app, not " +
                     quoted(*app) + ".");
             }
+        } else if (kind.hasBundleGone && word == "--bundle-gone") {
+            release.isBundleGone = true;
         } else {
             return std::unexpected(std::string(kind.name) + " knows no word " + quoted(word) + ".");
         }
@@ -52,7 +56,7 @@ std::expected<Command, std::string> parse(const Kind& kind, std::span<const std:
     if (std::holds_alternative<Examine>(kind.command)) {
         return Examine{asJSON, app};
     }
-    return kind.command;
+    return release;
 }
 
 }  // namespace
@@ -65,9 +69,9 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
         return ShowHelp{helpText};
     }
     const std::array kinds{
-        Kind{"status", statusHelpText, true, false, ShowStatus{}},
-        Kind{"doctor", doctorHelpText, true, true, Examine{}},
-        Kind{"release", releaseHelpText, false, false, Release{}},
+        Kind{"status", statusHelpText, true, false, false, ShowStatus{}},
+        Kind{"doctor", doctorHelpText, true, true, false, Examine{}},
+        Kind{"release", releaseHelpText, false, false, true, Release{}},
     };
     for (const Kind& kind : kinds) {
         if (kind.name == words.front()) {

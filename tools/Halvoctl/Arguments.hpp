@@ -34,6 +34,9 @@ struct Examine {
 };
 
 struct Release {
+    // The bundle that is not at its place is gone for good, and no lock with it is left.
+    bool isBundleGone{};
+
     bool operator==(const Release&) const = default;
 };
 

@@ -33,8 +33,8 @@ const std::string resumed = "save by resume";
 
 class ReleaseTest : public ::testing::Test {
   protected:
-    Outcome released() {
-        return release(fake.machine, *GregorianCalendar::named("Europe/Berlin"),
+    Outcome released(const Release& command = {}) {
+        return release(fake.machine, command, *GregorianCalendar::named("Europe/Berlin"),
                        [this](const std::string& line) { said.push_back(line); });
     }
 
@@ -139,18 +139,68 @@ TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     }
 }
 
-TEST_F(ReleaseTest, ForgetsTheRecordOfABundleThatIsGone) {
-    fake.hold();
-    fake.service.onStop = [this] {
+TEST_F(ReleaseTest, KeepsTheRecordOfALockedBundleThatIsOutOfReach) {
+    const std::string problem =
+        "halvoctl: The bundle that the helper locked is not at " + fake.app +
+        ", so its lock cannot be taken off, and the commitment stays stored. If it lies on a disk "
+        "that is not mounted, or below another mount, make it reachable and run halvoctl release "
+        "again. If the bundle is gone for good: halvoctl release --bundle-gone\n";
+    for (const bool isWhole : {true, false}) {
+        for (const bool hasLink : {false, true}) {
+            fake.hold();
+            if (!isWhole) {
+                fake.world.store.stored = UnreadableCommitment{fake.app, true};
+            }
+            fs::rename(fake.applications, fake.disk / "Hidden");
+            fs::create_directory(fake.applications);
+            if (hasLink) {
+                fs::create_directory_symlink(fake.disk / "Hidden/Halvo.app", fake.app);
+            }
+            EXPECT_EQ(released(), (Outcome{ExitStatus::system, "", problem}));
+            EXPECT_FALSE(fake.world.store.isEmpty());
+            EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+            EXPECT_EQ(fake.world.calls.changes().back(), resumed);
+
+            fs::remove_all(fake.applications);
+            fs::rename(fake.disk / "Hidden", fake.applications);
+            EXPECT_EQ(released().status, ExitStatus::fine);
+            EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+            EXPECT_TRUE(fake.world.store.isEmpty());
+        }
+    }
+}
+
+TEST_F(ReleaseTest, ForgetsTheLockOfABundleThatIsSaidToBeGone) {
+    for (const bool isWhole : {true, false}) {
+        fake.hold();
+        if (!isWhole) {
+            fake.world.store.stored = UnreadableCommitment{fake.app, true};
+        }
         fs::remove_all(fake.app);
         fake.world.flags.erase(fake.app);
-    };
-    const std::string finding = "; there is nothing at " + fake.app + " any more.\n";
-    EXPECT_THAT(released().output, HasSubstr(finding));
-    EXPECT_TRUE(fake.world.store.isEmpty());
-    fake.service.onStop = {};
-    fake.world.store.stored = UnreadableCommitment{fake.app, true};
-    EXPECT_THAT(released().output, HasSubstr(finding));
+        const Outcome outcome = released({.isBundleGone = true});
+        EXPECT_EQ(outcome.status, ExitStatus::fine);
+        EXPECT_THAT(outcome.output,
+                    HasSubstr("; the lock of " + fake.app +
+                              " is forgotten with the bundle, which is not there.\n"));
+        EXPECT_TRUE(fake.world.store.isEmpty());
+        FakeMachine::writeInfo(fake.app, "com.example.app", "7QX4KD19MT");
+        fake.world.flags.add(fake.app);
+    }
+}
+
+TEST_F(ReleaseTest, UnlocksABundleThatIsThereWhateverIsSaid) {
+    fake.hold();
+    EXPECT_THAT(released({.isBundleGone = true}).output,
+                HasSubstr("; " + fake.app + " is unlocked.\n"));
+    EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+}
+
+TEST_F(ReleaseTest, ForgetsABundleThatIsGoneAndOwesNoLock) {
+    fake.hold().locked = false;
+    fs::remove_all(fake.app);
+    fake.world.flags.erase(fake.app);
+    EXPECT_EQ(released().status, ExitStatus::fine);
     EXPECT_TRUE(fake.world.store.isEmpty());
 }
 
@@ -171,7 +221,8 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
         EXPECT_EQ(outcome, (Outcome{ExitStatus::system, "",
                                     "halvoctl: " + fake.app +
                                         " cannot be looked at, so the commitment stays stored. "
-                                        "Mend its disk and try again.\n"}));
+                                        "Mend its disk and try again. If the bundle is gone for "
+                                        "good: halvoctl release --bundle-gone\n"}));
         EXPECT_FALSE(fake.world.store.isEmpty());
     }
 }
