@@ -12,6 +12,7 @@
 #include "HalvoPlatform/Log.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Observation.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/Status.hpp"
 
 namespace halvo::control {
@@ -171,6 +172,15 @@ Outcome release(Machine& machine, const Release& command, const GregorianCalenda
         outcome.status = ExitStatus::system;
         outcome.errors += "halvoctl: " + problem + "\n";
     };
+    // Another release may take a minute.
+    const auto lock = ReleaseLock::take(
+        machine.releaseLock,
+        {Seconds{60},
+         [&progress] { progress("Waiting for another halvoctl release, at most a minute."); }});
+    if (!lock) {
+        fail(lock.error());
+        return outcome;
+    }
     // A helper that runs would undo the rest: it locks again, and stores what it remembers.
     if (const auto stopped = machine.service.stop(progress); !stopped) {
         fail(stopped.error());

@@ -2,15 +2,19 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/Support/LogCapture.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Observation.hpp"
 #include "tools/Halvoctl/Release.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 
 namespace halvo::control {
 
@@ -209,6 +213,9 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
         GTEST_SKIP() << "needs root, to be somebody else";
     }
     constexpr uid_t nobody = 65534;
+    const testing::TemporaryFolder everybodys;
+    fs::permissions(everybodys.path(), fs::perms::all);
+    fake.machine.releaseLock = everybodys / "lock";
     for (const bool isWhole : {true, false}) {
         fake.hold();
         if (!isWhole) {
@@ -254,6 +261,39 @@ TEST_F(ReleaseTest, TouchesNothingWhenTheHelperDoesNotStop) {
     fake.service.stopError = "It does not end.";
     EXPECT_EQ(released(), (Outcome{ExitStatus::system, "", "halvoctl: It does not end.\n"}));
     EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+    EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+}
+
+TEST_F(ReleaseTest, IsOneAtATime) {
+    fake.hold();
+    std::optional<ReleaseLock> other =
+        *ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}});
+    fake.service.onStop = [&] { EXPECT_FALSE(other) << "the other has not ended"; };
+    std::thread ending([&other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds{1500});
+        other.reset();
+    });
+    EXPECT_EQ(released().status, ExitStatus::fine);
+    ending.join();
+    EXPECT_EQ(said.front(), "Waiting for another halvoctl release, at most a minute.");
+    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
+}
+
+TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {
+    fake.service.onResume = [this] {
+        EXPECT_FALSE(ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}}));
+    };
+    EXPECT_EQ(released().status, ExitStatus::fine);
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+}
+
+TEST_F(ReleaseTest, TouchesNothingWithoutTheLock) {
+    fake.hold();
+    fs::create_directory(fake.machine.releaseLock);
+    const Outcome outcome = released();
+    EXPECT_EQ(outcome.status, ExitStatus::system);
+    EXPECT_THAT(outcome.errors, HasSubstr("release.lock cannot be locked: Is a directory."));
+    EXPECT_TRUE(fake.world.calls.changes().empty());
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
 }
 

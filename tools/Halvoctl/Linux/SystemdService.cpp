@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "tools/Halvoctl/ReleaseLock.hpp"
+
 namespace halvo::control {
 namespace {
 
@@ -125,6 +127,10 @@ std::expected<std::string, std::string> SystemdService::resume(const Progress& p
                                ". Start it: systemctl start " + socketUnit(identity_));
     }
     return "";
+}
+
+std::string releaseLockPath(const HelperIdentity& identity) {
+    return "/run/" + identity.helperBundleID() + ".release.lock";
 }
 
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,

@@ -6,6 +6,7 @@
 
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Linux/SystemdService.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 
 namespace halvo::control {
 namespace {
@@ -169,6 +170,10 @@ TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
               "/libexec/HalvoHelper");
     EXPECT_EQ(service().startCommand(), "systemctl start com.example.app.helper.service");
     EXPECT_EQ(service(false).startCommand(), "/libexec/HalvoHelper");
+}
+
+TEST(SystemdServiceLockTest, LiesWhereABootEmpties) {
+    EXPECT_EQ(releaseLockPath(identity), "/run/com.example.app.helper.release.lock");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
+#include "tools/Halvoctl/ReleaseLock.hpp"
+
 namespace halvo::control {
 namespace {
 
@@ -74,6 +76,10 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
 
 std::expected<std::string, std::string> LaunchdService::resume(const Progress&) {
     return isOut_ ? "The helper is back at the next boot, or when the app registers it anew." : "";
+}
+
+std::string releaseLockPath(const HelperIdentity& identity) {
+    return "/var/run/" + identity.helperBundleID() + ".release.lock";
 }
 
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string&,

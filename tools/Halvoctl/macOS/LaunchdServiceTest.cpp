@@ -7,6 +7,7 @@
 
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
 namespace halvo::control {
@@ -114,6 +115,10 @@ TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(service->whatStarts(),
               "nothing starts it until the app registers it anew, or the next boot");
     EXPECT_EQ(service->startCommand(), "launchctl kickstart system/com.example.app.helper");
+}
+
+TEST(LaunchdServiceLockTest, LiesWhereABootEmpties) {
+    EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
 }
 
 }  // namespace
