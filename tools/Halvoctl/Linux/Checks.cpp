@@ -47,6 +47,11 @@ Check checkUnit(const std::string& name, const Unit& unit, bool mustBeEnabled, b
                          "Look into systemctl status " + name +
                              ", mend what it names, then: systemctl reset-failed " + name);
     }
+    if (unit.isRestarting()) {
+        return isProblem(
+            "systemd", name + " ended, and systemd starts it again: " + printable(unit.result),
+            "Look again. If it stays so, the journal says why: journalctl --unit=" + name);
+    }
     if (mustBeEnabled && unit.enabled != "enabled") {
         return isProblem("systemd", name + " is not enabled", "systemctl enable " + name);
     }

@@ -58,6 +58,15 @@ TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
             .at(1)
             .advice,
         HasSubstr("systemctl reset-failed com.example.app.helper.service"));
+    EXPECT_EQ(
+        checkUnits(identity, Units{socketUp,
+                                   {"loaded", "activating", "static", "exit-code", "auto-restart"},
+                                   resumeUp})
+            .at(1),
+        isProblem("systemd",
+                  "com.example.app.helper.service ended, and systemd starts it again: exit-code",
+                  "Look again. If it stays so, the journal says why: journalctl "
+                  "--unit=com.example.app.helper.service"));
     EXPECT_EQ(checkUnits(identity, Units{socketUp, serviceUp, {"loaded", "", "disabled", ""}})
                   .at(2)
                   .advice,

@@ -53,6 +53,10 @@ std::string SystemdService::whatStarts() {
     if (!units) {
         return "nothing is known of what starts it: " + units.error();
     }
+    if (units->service.isRestarting()) {
+        return "it starts again in a moment, since it ended (" + units->service.result +
+               "); if it stays so: journalctl --unit=" + serviceUnit(identity_);
+    }
     if (units->socket.isActive()) {
         return units->resume.enabled == "enabled"
                    ? "it starts when the app calls, and at boot while a commitment is stored"

@@ -16,7 +16,8 @@ using ::testing::HasSubstr;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string show =
-    "/usr/bin/systemctl show --no-pager --property=Id,LoadState,ActiveState,UnitFileState,Result "
+    "/usr/bin/systemctl show --no-pager "
+    "--property=Id,LoadState,ActiveState,SubState,UnitFileState,Result "
     "-- "
     "com.example.app.helper.socket com.example.app.helper.service "
     "com.example.app.helper-resume.service";
@@ -163,6 +164,14 @@ TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(starts(),
               "nothing starts it, since com.example.app.helper.socket is not active: systemctl "
               "enable --now com.example.app.helper.socket");
+    programs.answers[show] = {Finished{
+        0,
+        "Id=com.example.app.helper.socket\nLoadState=loaded\nActiveState=active\n\n"
+        "Id=com.example.app.helper.service\nActiveState=activating\nSubState=auto-restart\n"
+        "Result=exit-code\n\nId=com.example.app.helper-resume.service\n"}};
+    EXPECT_EQ(starts(),
+              "it starts again in a moment, since it ended (exit-code); if it stays so: journalctl "
+              "--unit=com.example.app.helper.service");
     programs.answers.clear();
     EXPECT_THAT(starts(), HasSubstr("nothing is known of what starts it: "));
     EXPECT_EQ(service(false).whatStarts(),
