@@ -14,7 +14,7 @@ struct Kind {
     const char* help;
     bool hasJSON;
     bool hasApp;
-    bool hasBundleGone;
+    bool isRelease;
     Command command;
 };
 
@@ -44,8 +44,10 @@ std::expected<Command, std::string> parse(const Kind& kind, std::span<const std:
                     "/Applications/Halvo.app, not " +
                     quoted(*app) + ".");
             }
-        } else if (kind.hasBundleGone && word == "--bundle-gone") {
+        } else if (kind.isRelease && word == "--bundle-gone") {
             release.isBundleGone = true;
+        } else if (kind.isRelease && word == "--and-stop") {
+            release.staysStopped = true;
         } else {
             return std::unexpected(std::string(kind.name) + " knows no word " + quoted(word) + ".");
         }

@@ -187,7 +187,10 @@ Outcome release(Machine& machine, const Release& command, const GregorianCalenda
     } else if (const auto done = Releaser(machine, calendar, command.isBundleGone).letGo(); !done) {
         fail(done.error());
     } else {
-        outcome.output = line(*done);
+        outcome.output = line(machine.identity.appBundleID + ": " + *done);
+        if (command.staysStopped) {
+            return outcome;
+        }
     }
     if (const auto resumed = machine.service.resume(progress); !resumed) {
         fail(resumed.error());

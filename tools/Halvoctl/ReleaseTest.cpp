@@ -28,6 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -51,10 +52,10 @@ class ReleaseTest : public ::testing::Test {
 
 TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
     fake.hold();
-    EXPECT_EQ(released(),
-              fine("Let go of the commitment of ann (uid 1000) that held until 2025-10-09 11:55:25 "
-                   "+02:00; " +
-                   fake.app + " is unlocked.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Let go of the commitment of ann (uid 1000) that "
+                               "held until 2025-10-09 11:55:25 "
+                               "+02:00; " +
+                               fake.app + " is unlocked.\n"));
     EXPECT_THAT(fake.world.calls.changes(),
                 ElementsAre(stopped, "unlock Halvo.app", "remove", resumed));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
@@ -65,7 +66,7 @@ TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
 
 TEST_F(ReleaseTest, IsOfWhatTheHelperStoredWhenItStopped) {
     fake.service.onStop = [this] { fake.hold(); };
-    EXPECT_THAT(released().output, StartsWith("Let go of the commitment of ann"));
+    EXPECT_THAT(released().output, StartsWith("com.example.app: Let go of the commitment of ann"));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     EXPECT_TRUE(fake.world.store.isEmpty());
 }
@@ -77,7 +78,7 @@ TEST_F(ReleaseTest, SaysWhatHasRunOut) {
 }
 
 TEST_F(ReleaseTest, SaysThatNothingWasHeld) {
-    EXPECT_EQ(released(), fine("Nothing was held.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Nothing was held.\n"));
     EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
     EXPECT_TRUE(log.isEmpty());
 }
@@ -88,7 +89,7 @@ TEST_F(ReleaseTest, LeavesALockThatIsNotTheHelpers) {
         " keeps a lock that the helper did not set (to take it off: " + clearCommand(fake.app) +
         ").\n";
     fake.world.flags.setByHand(fake.app, true);
-    EXPECT_EQ(released(), fine("Nothing was held. " + kept));
+    EXPECT_EQ(released(), fine("com.example.app: Nothing was held. " + kept));
     fake.hold().locked = false;
     EXPECT_THAT(released().output, HasSubstr("; " + kept));
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
@@ -116,10 +117,12 @@ TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
 TEST_F(ReleaseTest, UnlocksWhatADamagedRecordOwes) {
     fake.hold();
     fake.world.store.stored = UnreadableCommitment{fake.app, true};
-    EXPECT_EQ(released(), fine("Removed a damaged state file; " + fake.app + " is unlocked.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Removed a damaged state file; " + fake.app +
+                               " is unlocked.\n"));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(released(), fine("Removed a damaged state file; it owed no lock.\n"));
+    EXPECT_EQ(released(),
+              fine("com.example.app: Removed a damaged state file; it owed no lock.\n"));
 }
 
 TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
@@ -307,6 +310,20 @@ TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
     EXPECT_EQ(outcome.status, ExitStatus::system);
     EXPECT_THAT(outcome.output, HasSubstr(" is unlocked.\n"));
     EXPECT_EQ(outcome.errors, "halvoctl: Start it.\n");
+}
+
+TEST_F(ReleaseTest, LeavesTheHelperStoppedWhenToldSo) {
+    fake.service.resumed = "It is back later.";
+    fake.hold();
+    const Outcome outcome = released({.staysStopped = true});
+    EXPECT_EQ(outcome.status, ExitStatus::fine);
+    EXPECT_THAT(outcome.output, EndsWith(" is unlocked.\n"));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, "unlock Halvo.app", "remove"));
+
+    fake.hold();
+    fake.world.flags.failsToUnlock = true;
+    EXPECT_EQ(released({.staysStopped = true}).status, ExitStatus::system);
+    EXPECT_EQ(fake.world.calls.changes().back(), resumed) << "what is not removed goes on";
 }
 
 TEST_F(ReleaseTest, MayBeInterruptedAnywhereAndRunAgain) {

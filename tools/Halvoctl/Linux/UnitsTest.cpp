@@ -52,6 +52,10 @@ TEST(UnitsTest, AreWhatSystemctlShows) {
     EXPECT_FALSE(units->resume.isLoaded());
     EXPECT_TRUE((Unit{"loaded", "activating", "", ""}).isActive());
     EXPECT_FALSE((Unit{"loaded", "failed", "", ""}).isActive());
+    EXPECT_TRUE((Unit{"masked", "deactivating", "", ""}).isUp());
+    for (const char* active : {"", "inactive", "failed"}) {
+        EXPECT_FALSE((Unit{"loaded", active, "", ""}).isUp());
+    }
 }
 
 TEST(UnitsTest, AreUnknownWhenSystemctlFails) {

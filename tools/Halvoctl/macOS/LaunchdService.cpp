@@ -9,7 +9,7 @@ constexpr const char* launchctl = "/bin/launchctl";
 constexpr Seconds askLimit{10};
 // launchd gives the job 20 seconds to end.
 constexpr Seconds stopLimit{30};
-constexpr Seconds endLimit{15};
+constexpr Seconds endLimit{10};
 
 }  // namespace
 
@@ -63,7 +63,7 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
     }
     const auto left = stopAll(processes_, {endLimit, [&progress] {
                                                progress(
-                                                   "Waiting for the helper to end, at most 15 "
+                                                   "Waiting for the helper to end, at most 10 "
                                                    "seconds.");
                                            }});
     if (!left.empty()) {

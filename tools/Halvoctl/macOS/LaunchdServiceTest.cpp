@@ -106,7 +106,7 @@ TEST_F(LaunchdServiceTest, FailsWhenAHelperStays) {
     EXPECT_EQ(service->stop(progress),
               std::unexpected("The helper (pid 7) does not end. Kill it (kill -KILL), then run "
                               "halvoctl release again, which takes off the lock that it leaves."));
-    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 15 seconds."));
+    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
 }
 
 TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
