@@ -93,28 +93,27 @@ Check checkSandbox(const HelperIdentity& identity, const std::string& app,
                    const std::expected<Sandbox, std::string>& sandbox) {
     const std::string name = "sandbox";
     const std::string service = serviceUnit(identity);
-    const std::string folder = app.substr(0, app.find_last_of('/'));
+    const std::string place = app.substr(0, app.find_last_of('/'));
     if (!sandbox) {
         return isProblem(name, printable(sandbox.error()), "Look whether systemctl works at all.");
     }
     if (!sandbox->isStrict ||
-        std::ranges::any_of(sandbox->writable, [&folder](const std::string& each) {
-            return isWithin(folder, each);
-        })) {
-        return isOk(name, "the helper can lock what lies in " + printable(folder));
+        std::ranges::any_of(sandbox->writable,
+                            [&place](const std::string& each) { return isWithin(place, each); })) {
+        return isOk(name, "the helper can lock what lies in " + printable(place));
     }
     const std::string finding =
-        service + " may not write to " + printable(folder) + ", so the helper cannot lock there";
+        service + " may not write to " + printable(place) + ", so the helper cannot lock there";
     // ProtectHome= and PrivateTmp= put others in their place.
     constexpr std::array<const char*, 5> hidden{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
     for (const char* each : hidden) {
-        if (isWithin(folder, each)) {
+        if (isWithin(place, each)) {
             return isProblem(name, finding,
                              std::string("What lies below ") + each +
                                  " it cannot see at all. Install the app into /Applications.");
         }
     }
-    const std::string word = unitWord(folder);
+    const std::string word = unitWord(place);
     const std::string optional = word.starts_with('"') ? "\"-" + word.substr(1) : "-" + word;
     return isProblem(
         name, finding,

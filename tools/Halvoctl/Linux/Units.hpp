@@ -31,7 +31,7 @@ struct Unit {
     // "success", or why it failed.
     std::string result;
     // "running", "listening", "auto-restart", ...
-    std::string sub = {};
+    std::string sub;
 
     [[nodiscard]] bool isLoaded() const { return load == "loaded"; }
 

@@ -44,17 +44,17 @@ TEST(UnitsTest, AreWhatSystemctlShows) {
     EXPECT_EQ(units->socket, (Unit{"loaded", "active", "enabled", "success", "listening"}));
     EXPECT_EQ(units->service,
               (Unit{"loaded", "activating", "static", "exit-code", "auto-restart"}));
-    EXPECT_EQ(units->resume, (Unit{"not-found", "inactive", "", ""}));
+    EXPECT_EQ(units->resume, (Unit{"not-found", "inactive", "", "", ""}));
     EXPECT_TRUE(units->socket.isLoaded());
     EXPECT_TRUE(units->socket.isActive());
     EXPECT_FALSE(units->socket.isRestarting());
     EXPECT_TRUE(units->service.isRestarting());
     EXPECT_FALSE(units->resume.isLoaded());
-    EXPECT_TRUE((Unit{"loaded", "activating", "", ""}).isActive());
-    EXPECT_FALSE((Unit{"loaded", "failed", "", ""}).isActive());
-    EXPECT_TRUE((Unit{"masked", "deactivating", "", ""}).isUp());
+    EXPECT_TRUE((Unit{"loaded", "activating", "", "", ""}).isActive());
+    EXPECT_FALSE((Unit{"loaded", "failed", "", "", ""}).isActive());
+    EXPECT_TRUE((Unit{"masked", "deactivating", "", "", ""}).isUp());
     for (const char* active : {"", "inactive", "failed"}) {
-        EXPECT_FALSE((Unit{"loaded", active, "", ""}).isUp());
+        EXPECT_FALSE((Unit{"loaded", active, "", "", ""}).isUp());
     }
 }
 
