@@ -17,13 +17,12 @@ bool isBundlePath(const std::string& path) {
            isUTF8(path);
 }
 
-bool mayLock(const std::string& path) {
-    if (!isBundlePath(path)) {
-        return false;
-    }
-    const std::string_view parent = std::string_view(path).substr(0, path.find_last_of('/'));
-    return parent.ends_with("/Applications") && isFolder(path);
+bool isLockablePath(const std::string& path) {
+    return isBundlePath(path) &&
+           std::string_view(path).substr(0, path.find_last_of('/')).ends_with("/Applications");
 }
+
+bool mayLock(const std::string& path) { return isLockablePath(path) && isFolder(path); }
 
 std::optional<std::string> bundlePath(const std::string& executable) {
     const std::size_t name = executable.find_last_of('/');

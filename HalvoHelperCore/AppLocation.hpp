@@ -10,8 +10,12 @@ namespace halvo::AppLocation {
 // "/./" or "/../"), and text (UTF-8 without a zero byte). Looks at the text only.
 bool isBundlePath(const std::string& path);
 
-// Whether the bundle at `path` may be locked: a bundle path, directly in a folder named
-// "Applications", at which there is a folder and no symbolic link.
+// Whether a bundle at `path` could be locked: a bundle path, directly in a folder named
+// "Applications". Looks at the text only.
+bool isLockablePath(const std::string& path);
+
+// Whether the bundle at `path` may be locked: such a path, at which there is a folder and no
+// symbolic link.
 bool mayLock(const std::string& path);
 
 // The bundle in whose "Contents/MacOS" folder the executable at `path` lies; nothing when it lies

@@ -63,6 +63,15 @@ TEST(AppLocationTest, KnowsABundlePath) {
     }
 }
 
+TEST(AppLocationTest, KnowsAPathThatCouldBeLocked) {
+    EXPECT_TRUE(AppLocation::isLockablePath("/Applications/Gone.app"));
+    EXPECT_TRUE(AppLocation::isLockablePath("/nowhere/Applications/Gone.app"));
+    EXPECT_FALSE(AppLocation::isLockablePath("/Gone.app"));
+    EXPECT_FALSE(AppLocation::isLockablePath("/Applications/Sub/Gone.app"));
+    EXPECT_FALSE(AppLocation::isLockablePath("/MyApplications/Gone.app"));
+    EXPECT_FALSE(AppLocation::isLockablePath("/Applications/Gone"));
+}
+
 class MayLockTest : public ::testing::Test {
   protected:
     // Makes the folder `relativePath` and returns its path.

@@ -127,5 +127,45 @@ TEST_F(Administrator, FindsTheUnitThatWasDisabledOrMasked) {
     EXPECT_THAT(problems(), ElementsAre("systemd"));
 }
 
+TEST_F(Administrator, FindsTheAppThatTheSandboxKeepsFromBeingLocked) {
+    const std::string app = "/srv/Applications/Halvo.app";
+    machine.must({"mkdir", "/srv/Applications"});
+    machine.must({"cp", "--archive", Place::app, app});
+    const auto finds = [&] { return machine.run({"halvoctl", "doctor", "--app", app}).output; };
+    EXPECT_THAT(finds(), HasSubstr("ReadWritePaths=-/srv/Applications"));
+    machine.sh("mkdir --parents /etc/systemd/system/" + Unit::service +
+               ".d && printf '[Service]\\nReadWritePaths=-/srv/Applications\\n' > "
+               "/etc/systemd/system/" +
+               Unit::service + ".d/override.conf && systemctl daemon-reload");
+    EXPECT_THAT(finds(), HasSubstr("the helper can lock what lies in /srv/Applications"));
+}
+
+TEST_F(Administrator, FindsTheHelperThatEndsOverAndOver) {
+    machine.sh("mkdir --parents /etc/systemd/system/" + Unit::service +
+               ".d && printf '[Service]\\nExecStart=\\nExecStart=/bin/false\\nRestartSec=60\\n' "
+               "> /etc/systemd/system/" +
+               Unit::service + ".d/override.conf && systemctl daemon-reload");
+    EXPECT_NE(machine.run({"systemctl", "start", Unit::service}).status, 0);
+    EXPECT_THAT(problems(), ElementsAre("systemd"));
+    EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output,
+                HasSubstr("ended, and systemd starts it again: exit-code"));
+}
+
+TEST_F(Administrator, StopsASocketThatWasMasked) {
+    machine.commit(session);
+    machine.must({"systemctl", "mask", "--quiet", Unit::socket});
+    machine.must({"halvoctl", "release"});
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_EQ(machine.activeState(Unit::socket), "inactive");
+}
+
+TEST_F(Administrator, LeavesTheHelperStoppedWhenToldSo) {
+    machine.commit(session);
+    machine.must({"halvoctl", "release", "--and-stop"});
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_EQ(machine.activeState(Unit::socket), "inactive");
+    EXPECT_THAT(machine.must({"halvoctl", "release"}), HasSubstr("systemctl start"));
+}
+
 }  // namespace
 }  // namespace halvo::testing

@@ -32,6 +32,9 @@ using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 
+// What says which app it is about.
+const std::string named = HALVO_APP_BUNDLE_ID ": ";
+
 constexpr int exitSystem = 71;
 constexpr int exitNoPermission = 77;
 constexpr int exitConfig = 78;
@@ -84,7 +87,7 @@ class AdministratorTest : public ::testing::Test {
 };
 
 TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
-    EXPECT_THAT(control({"status"}).output, StartsWith("Nothing holds.\n"));
+    EXPECT_THAT(control({"status"}).output, StartsWith(named + "Nothing holds.\n"));
     EXPECT_EQ(seen()["commitment"], nullptr);
     EXPECT_EQ(seen()["apps"][0]["path"], Place::app);
     EXPECT_EQ(seen()["apps"][0]["flag"], "unlocked");
@@ -92,10 +95,11 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t pid = helper.process().pid();
-    EXPECT_THAT(control({"status"}).output,
-                AllOf(StartsWith("Ultra Hard mode holds for " + person() + ", for another "),
-                      HasSubstr("runs, pid " + std::to_string(pid) + "\n"),
-                      HasSubstr("The bundle is locked, as the record says.\n")));
+    EXPECT_THAT(
+        control({"status"}).output,
+        AllOf(StartsWith(named + "Ultra Hard mode holds for " + person() + ", for another "),
+              HasSubstr("runs, pid " + std::to_string(pid) + "\n"),
+              HasSubstr("The bundle is locked, as the record says.\n")));
     Json held = seen();
     EXPECT_EQ(held["helper"]["pids"], Json::array({pid}));
     EXPECT_EQ(held["commitment"]["user"], world.userName);
@@ -142,7 +146,7 @@ TEST_F(AdministratorTest, IsToldOfARecordThatHasRunOut) {
     record["remaining"] = 0.0;
     put(Place::stateFile, record.dump(), 0600);
     EXPECT_THAT(control({"status"}).output,
-                AllOf(StartsWith("Nothing holds: the time of " + person() + " has run out"),
+                AllOf(StartsWith(named + "Nothing holds: the time of " + person() + " has run out"),
                       HasSubstr("The helper lets go of it when it starts next")));
     EXPECT_EQ(seen()["commitment"]["holds"], false);
     EXPECT_THAT(control({"release"}).output, HasSubstr("that had run out at "));
@@ -211,12 +215,11 @@ TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const Answer answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
-    EXPECT_THAT(
-        answer.output,
-        MatchesRegex("app.halvo Helper: An administrator let go of what was stored\n"
-                     "Let go of the commitment of " +
-                     world.userName + " \\(uid " + std::to_string(world.user) +
-                     "\\) that held until [-0-9: +]*; " + Place::app + " is unlocked\\.\n"));
+    EXPECT_THAT(answer.output,
+                MatchesRegex("app.halvo Helper: An administrator let go of what was stored\n" +
+                             named + "Let go of the commitment of " + world.userName + " \\(uid " +
+                             std::to_string(world.user) + "\\) that held until [-0-9: +]*; " +
+                             Place::app + " is unlocked\\.\n"));
     constexpr int holding = 75;
     EXPECT_EQ(helper.wait(), holding);
     expectNothingLeft();
@@ -231,16 +234,16 @@ TEST_F(AdministratorTest, LetsGoOfWhatAKilledHelperLeft) {
 }
 
 TEST_F(AdministratorTest, IsToldThatNothingWasHeld) {
-    EXPECT_EQ(control({"release"}), (Answer{0, "Nothing was held.\n"}));
+    EXPECT_EQ(control({"release"}), (Answer{0, named + "Nothing was held.\n"}));
     RunningHelper helper;
-    EXPECT_EQ(control({"release"}), (Answer{0, "Nothing was held.\n"}));
+    EXPECT_EQ(control({"release"}), (Answer{0, named + "Nothing was held.\n"}));
     EXPECT_EQ(helper.wait(), 0);
 }
 
 TEST_F(AdministratorTest, UnlocksWhatADamagedRecordOwes) {
     commit();
     put(Place::stateFile, R"({"appPath":")" + Place::app + R"(","locked":true})", 0600);
-    EXPECT_THAT(control({"status"}).output, StartsWith("The state file is damaged"));
+    EXPECT_THAT(control({"status"}).output, StartsWith(named + "The state file is damaged"));
     const Answer answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output,
@@ -282,6 +285,31 @@ TEST_F(AdministratorTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     expectNothingLeft();
 }
 
+TEST_F(AdministratorTest, KeepsTheRecordOfABundleBelowAnotherMount) {
+    commit();
+    {
+        const Mount other("tmpfs", "/Applications");
+        const Answer answer = control({"release"});
+        EXPECT_EQ(answer.status, exitSystem);
+        EXPECT_THAT(answer.output,
+                    HasSubstr("The bundle that the helper locked is not at " + Place::app));
+        EXPECT_TRUE(world.state());
+    }
+    EXPECT_TRUE(isLocked());
+    EXPECT_EQ(control({"release"}).status, 0);
+    expectNothingLeft();
+}
+
+TEST_F(AdministratorTest, ForgetsABundleThatIsGoneForGoodWhenToldSo) {
+    commit();
+    setLockedByHand(false);
+    fs::remove_all(Place::app);
+    EXPECT_EQ(control({"release"}).status, exitSystem);
+    EXPECT_TRUE(world.state());
+    EXPECT_EQ(control({"release", "--bundle-gone"}).status, 0);
+    EXPECT_FALSE(exists(Place::stateFolder));
+}
+
 TEST_F(AdministratorTest, KeepsEverythingWhenTheHelperDoesNotEnd) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
@@ -289,7 +317,7 @@ TEST_F(AdministratorTest, KeepsEverythingWhenTheHelperDoesNotEnd) {
     const Answer answer = control({"release"});
     EXPECT_EQ(answer.status, exitSystem);
     EXPECT_THAT(answer.output,
-                AllOf(StartsWith("Waiting for the helper to end, at most 15 seconds.\n"),
+                AllOf(StartsWith("Waiting for the helper to end, at most 10 seconds.\n"),
                       HasSubstr("halvoctl: The helper (pid " +
                                 std::to_string(helper.process().pid()) + ") does not end.")));
     EXPECT_TRUE(isLocked());
@@ -339,7 +367,7 @@ TEST_F(AdministratorTest, KnowsTheAppWhateverLinkItWasCalledBy) {
     commit();
     Program status({.words = {"/tmp/sbin/halvoctl", "status"}});
     EXPECT_EQ(status.wait(), 0);
-    EXPECT_THAT(status.output(), StartsWith("Ultra Hard mode holds for " + person()));
+    EXPECT_THAT(status.output(), StartsWith(named + "Ultra Hard mode holds for " + person()));
 }
 
 TEST_F(AdministratorTest, IsToldWhenTheInfoPlistIsMissing) {

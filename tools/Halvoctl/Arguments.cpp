@@ -14,6 +14,7 @@ struct Kind {
     const char* help;
     bool hasJSON;
     bool hasApp;
+    bool isRelease;
     Command command;
 };
 
@@ -21,38 +22,55 @@ bool asksForHelp(const std::string& word) { return word == "--help" || word == "
 
 std::string quoted(const std::string& word) { return "'" + records::printable(word) + "'"; }
 
-std::expected<Command, std::string> parse(const Kind& kind, std::span<const std::string> words) {
+// What the words of a command say.
+struct Said {
     bool asJSON = false;
     std::optional<std::string> app;
+    Release release;
+};
+
+// What `word` alone switches on for a command of this kind, if it does.
+bool* switchOf(const Kind& kind, const std::string& word, Said& said) {
+    if (kind.hasJSON && word == "--json") {
+        return &said.asJSON;
+    }
+    if (kind.isRelease && word == "--and-stop") {
+        return &said.release.staysStopped;
+    }
+    return kind.isRelease && word == "--bundle-gone" ? &said.release.isBundleGone : nullptr;
+}
+
+std::expected<Command, std::string> parse(const Kind& kind, std::span<const std::string> words) {
+    Said said;
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string& word = words[i];
         if (asksForHelp(word)) {
             return ShowHelp{kind.help};
         }
-        if (kind.hasJSON && word == "--json") {
-            asJSON = true;
+        if (bool* isOn = switchOf(kind, word, said)) {
+            *isOn = true;
         } else if (kind.hasApp && word == "--app") {
             if (++i == words.size()) {
                 return std::unexpected("--app needs the PATH of a bundle.");
             }
-            app = words[i];
-            if (!AppLocation::isBundlePath(*app)) {
+            said.app = words[i];
+            if (!AppLocation::isBundlePath(*said.app)) {
                 return std::unexpected(
                     "--app needs the absolute path of a bundle, as "
                     "/Applications/Halvo.app, not " +
-                    quoted(*app) + ".");
+                    quoted(*said.app) + ".");
             }
         } else {
             return std::unexpected(std::string(kind.name) + " knows no word " + quoted(word) + ".");
         }
     }
     if (std::holds_alternative<ShowStatus>(kind.command)) {
-        return ShowStatus{asJSON};
+        return ShowStatus{said.asJSON};
     }
     if (std::holds_alternative<Examine>(kind.command)) {
-        return Examine{asJSON, app};
+        return Examine{said.asJSON, said.app};
     }
-    return kind.command;
+    return said.release;
 }
 
 }  // namespace
@@ -65,9 +83,9 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
         return ShowHelp{helpText};
     }
     const std::array kinds{
-        Kind{"status", statusHelpText, true, false, ShowStatus{}},
-        Kind{"doctor", doctorHelpText, true, true, Examine{}},
-        Kind{"release", releaseHelpText, false, false, Release{}},
+        Kind{"status", statusHelpText, true, false, false, ShowStatus{}},
+        Kind{"doctor", doctorHelpText, true, true, false, Examine{}},
+        Kind{"release", releaseHelpText, false, false, true, Release{}},
     };
     for (const Kind& kind : kinds) {
         if (kind.name == words.front()) {

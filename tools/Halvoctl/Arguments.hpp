@@ -34,6 +34,11 @@ struct Examine {
 };
 
 struct Release {
+    // The bundle that is not at its place is gone for good, and no lock with it is left.
+    bool isBundleGone{};
+    // The helper stays stopped, and the app cannot call it.
+    bool staysStopped{};
+
     bool operator==(const Release&) const = default;
 };
 

@@ -18,6 +18,8 @@ TEST(ArgumentsTest, AreTheCommands) {
     EXPECT_EQ(parse({"doctor"}), Command(Examine{}));
     EXPECT_EQ(parse({"doctor", "--app", "/A/B.app", "--json"}), Command(Examine{true, "/A/B.app"}));
     EXPECT_EQ(parse({"release"}), Command(Release{}));
+    EXPECT_EQ(parse({"release", "--bundle-gone"}), Command(Release{.isBundleGone = true}));
+    EXPECT_EQ(parse({"release", "--and-stop"}), Command(Release{.staysStopped = true}));
 }
 
 TEST(ArgumentsTest, AskForHelp) {
@@ -37,6 +39,8 @@ TEST(ArgumentsTest, AreRefusedWithWhatIsWrong) {
               "There is no command '\\u001b[2J'; there are status, doctor and release.");
     EXPECT_EQ(wrong({"release", "--json"}), "release knows no word '--json'.");
     EXPECT_EQ(wrong({"release", "now"}), "release knows no word 'now'.");
+    EXPECT_EQ(wrong({"status", "--and-stop"}), "status knows no word '--and-stop'.");
+    EXPECT_EQ(wrong({"doctor", "--bundle-gone"}), "doctor knows no word '--bundle-gone'.");
     EXPECT_EQ(wrong({"status", "--app", "/A/B.app"}), "status knows no word '--app'.");
     EXPECT_EQ(wrong({"doctor", "--app"}), "--app needs the PATH of a bundle.");
     EXPECT_EQ(

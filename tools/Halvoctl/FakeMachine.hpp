@@ -103,11 +103,15 @@ class FakeService final : public Service {
 
     std::expected<std::string, std::string> resume(const Progress&) override {
         log_.enter("save", "by resume");
+        if (onResume) {
+            onResume();
+        }
         return resumed;
     }
 
     std::vector<pid_t> processes;
     std::function<void()> onStop;
+    std::function<void()> onResume;
     std::optional<std::string> stopError;
     std::expected<std::string, std::string> resumed = "";
 
@@ -153,6 +157,7 @@ struct FakeMachine {
     Machine machine{.identity = {"com.example.app", "7QX4KD19MT"},
                     .helper = disk / "libexec/HalvoHelper",
                     .stateFile = disk / "state/commitment.json",
+                    .releaseLock = disk / "release.lock",
                     .applications = applications,
                     .isRoot = true,
                     .clock = world.clock,

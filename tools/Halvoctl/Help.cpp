@@ -88,7 +88,7 @@ when the output could not be written.
 )";
 
 const char* const releaseHelpText =
-    R"(Usage: halvoctl release
+    R"(Usage: halvoctl release [--and-stop] [--bundle-gone]
 
 Lets go of what holds, for everybody: stops the helper, unlocks the app's bundle,
 removes what is stored, and lets the app call the helper again. Says what it did.
@@ -96,12 +96,19 @@ Where nothing holds it says so, and that is no failure.
 
 The bundle is unlocked before the record of it is removed, so that no bundle stays
 locked for good: when it is interrupted, run it again. It waits at most a minute, and
-says so after a second.
+another minute for a release that runs already, and says so after a second.
+
+  --and-stop     leave the helper stopped, so that the app cannot call it: before it is
+                 removed. When release fails, all is as without this.
+  --bundle-gone  forget the lock too when the bundle is not at its place: it is gone
+                 for good. Without this the record of a bundle that cannot be
+                 reached is kept: its disk may come back, and the lock with it.
 
 Needs root. Who is bound by Ultra Hard mode should not have it.
 
-Example:
+Examples:
   sudo halvoctl release
+  sudo halvoctl release --and-stop
 
 Exit status: 0 when nothing holds any more, 64 for wrong words, 71 when the helper
 could not be stopped or started again, or the bundle could not be unlocked (the

@@ -22,6 +22,8 @@ struct Machine {
     std::string helper;
     // Where the store keeps its file.
     std::string stateFile;
+    // The file that one release at a time holds.
+    std::string releaseLock;
     // The folder in which bundles are looked for.
     std::string applications = "/Applications";
     bool isRoot{};

@@ -134,7 +134,12 @@ Agreement judge(const Observation& observation, const AppFlag& app,
             true, "The bundle carries a lock that the helper did not set.",
             "It stays when the commitment ends. To unlock the bundle: " + clearCommand(app.path)};
     }
-    return {true, "The commitment holds without a lock: the helper could not or may not set one.",
+    if (AppLocation::mayLock(app.path)) {
+        return {false, "The commitment holds without a lock, though the bundle may be locked.",
+                "The helper's log says why it could not. It tries again when the app begins or "
+                "extends a commitment."};
+    }
+    return {true, "The commitment holds without a lock: the helper does not lock a bundle there.",
             ""};
 }
 

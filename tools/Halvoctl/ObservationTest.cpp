@@ -112,14 +112,29 @@ TEST_F(ObservationTest, JudgesABundleThatIsHeld) {
 
 TEST_F(ObservationTest, JudgesABundleThatIsHeldWithoutALock) {
     fake.hold().locked = false;
-    EXPECT_EQ(judged(false),
-              (Agreement{true,
-                         "The commitment holds without a lock: the helper could not or may not "
-                         "set one.",
-                         ""}));
+    EXPECT_EQ(
+        judged(false),
+        (Agreement{false, "The commitment holds without a lock, though the bundle may be locked.",
+                   "The helper's log says why it could not. It tries again when the app "
+                   "begins or extends a commitment."}));
     EXPECT_EQ(judged(true),
               (Agreement{true, "The bundle carries a lock that the helper did not set.",
                          "It stays when the commitment ends. To unlock the bundle: " + clear}));
+}
+
+TEST_F(ObservationTest, JudgesABundleThatTheHelperDoesNotLock) {
+    const std::string elsewhere = fake.disk / "Elsewhere.app";
+    fs::create_directories(elsewhere);
+    fake.world.flags.add(elsewhere);
+    HelperCommitment& commitment = fake.hold();
+    commitment.appPath = elsewhere;
+    commitment.locked = false;
+    const Observation observation = seen();
+    EXPECT_EQ(judge(observation, observation.apps.at(0), "start-helper"),
+              (Agreement{true,
+                         "The commitment holds without a lock: the helper does not lock a bundle "
+                         "there.",
+                         ""}));
 }
 
 TEST_F(ObservationTest, JudgesABundleThatIsGone) {

@@ -12,6 +12,7 @@
 #include "HalvoPlatform/Log.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Observation.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/Status.hpp"
 
 namespace halvo::control {
@@ -32,6 +33,8 @@ Presence presence(const std::string& path) {
         errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
     return isGone ? Presence::gone : Presence::unknown;
 }
+
+constexpr const char* ifGone = "If the bundle is gone for good: halvoctl release --bundle-gone";
 
 // Takes the lock off the bundle at `path`. What to say of it, or what failed and what to do.
 std::expected<std::string, std::string> unlock(Machine& machine, const std::string& path) {
@@ -55,27 +58,39 @@ std::string leftAlone(Machine& machine, const std::string& path) {
                : shown + " was not locked";
 }
 
-// Takes the lock off the bundle at `path` that a record says it owes. `isOwed`: the helper may have
-// locked what is there now.
+// Takes the lock off the bundle at `path` that a record says it owes. A lock outlives that its
+// bundle is out of reach: another file system may lie over it, or its own not be mounted.
 std::expected<std::string, std::string> settle(Machine& machine, const std::string& path,
-                                               bool isOwed) {
-    const bool isPath = AppLocation::isBundlePath(path);
-    if (isPath && presence(path) == Presence::unknown) {
-        return std::unexpected(
-            printable(path) +
-            " cannot be looked at, so the commitment stays stored. Mend its disk "
-            "and try again.");
+                                               bool isGone) {
+    // The helper locks nothing else.
+    if (!AppLocation::isLockablePath(path)) {
+        return leftAlone(machine, path);
     }
-    if (isPath && presence(path) == Presence::gone) {
-        return "there is nothing at " + printable(path) + " any more";
+    if (AppLocation::mayLock(path)) {
+        return unlock(machine, path);
     }
-    return isOwed ? unlock(machine, path) : leftAlone(machine, path);
+    const std::string shown = printable(path);
+    if (isGone) {
+        return "the lock of " + shown + " is forgotten with the bundle, which is not there";
+    }
+    if (presence(path) == Presence::unknown) {
+        return std::unexpected(shown +
+                               " cannot be looked at, so the commitment stays stored. Mend its "
+                               "disk and try again. " +
+                               ifGone);
+    }
+    return std::unexpected(
+        "The bundle that the helper locked is not at " + shown +
+        ", so its lock cannot be taken off, and the commitment stays stored. If it lies on a disk "
+        "that is not mounted, or below another mount, make it reachable and run halvoctl release "
+        "again. " +
+        ifGone);
 }
 
 class Releaser {
   public:
-    Releaser(Machine& machine, const GregorianCalendar& calendar)
-        : machine_(machine), calendar_(calendar) {}
+    Releaser(Machine& machine, const GregorianCalendar& calendar, bool isBundleGone)
+        : machine_(machine), calendar_(calendar), isBundleGone_(isBundleGone) {}
 
     // What was done, as sentences, or what failed and what to do.
     std::expected<std::string, std::string> letGo() {
@@ -100,9 +115,8 @@ class Releaser {
     std::expected<std::string, std::string> letGo(const HelperCommitment& commitment) {
         const ClockReading now = machine_.clock.reading();
         const std::string& path = commitment.appPath;
-        // The helper locks nothing but what may be locked.
-        const auto flag = commitment.locked ? settle(machine_, path, AppLocation::mayLock(path))
-                                            : leftAlone(machine_, path);
+        const auto flag =
+            commitment.locked ? settle(machine_, path, isBundleGone_) : leftAlone(machine_, path);
         return forget(flag, "Let go of the commitment of " + person(machine_, commitment.uid) +
                                 " that " +
                                 (commitment.isLive(now) ? "held until " : "had run out at ") +
@@ -110,10 +124,8 @@ class Releaser {
     }
 
     std::expected<std::string, std::string> letGo(const UnreadableCommitment& unreadable) {
-        // As the helper itself believes it.
-        const bool isOwed = lockOwed(unreadable).has_value();
         const auto flag = unreadable.locked && unreadable.appPath
-                              ? settle(machine_, *unreadable.appPath, isOwed)
+                              ? settle(machine_, *unreadable.appPath, isBundleGone_)
                               : std::expected<std::string, std::string>("it owed no lock");
         return forget(flag, "Removed a damaged state file");
     }
@@ -146,25 +158,39 @@ class Releaser {
 
     Machine& machine_;
     const GregorianCalendar& calendar_;
+    bool isBundleGone_;
 };
 
 std::string line(const std::string& sentences) { return sentences.empty() ? "" : sentences + "\n"; }
 
 }  // namespace
 
-Outcome release(Machine& machine, const GregorianCalendar& calendar, const Progress& progress) {
+Outcome release(Machine& machine, const Release& command, const GregorianCalendar& calendar,
+                const Progress& progress) {
     Outcome outcome;
     const auto fail = [&outcome](const std::string& problem) {
         outcome.status = ExitStatus::system;
         outcome.errors += "halvoctl: " + problem + "\n";
     };
+    // Another release may take a minute.
+    const auto lock = ReleaseLock::take(
+        machine.releaseLock,
+        {Seconds{60},
+         [&progress] { progress("Waiting for another halvoctl release, at most a minute."); }});
+    if (!lock) {
+        fail(lock.error());
+        return outcome;
+    }
     // A helper that runs would undo the rest: it locks again, and stores what it remembers.
     if (const auto stopped = machine.service.stop(progress); !stopped) {
         fail(stopped.error());
-    } else if (const auto done = Releaser(machine, calendar).letGo(); !done) {
+    } else if (const auto done = Releaser(machine, calendar, command.isBundleGone).letGo(); !done) {
         fail(done.error());
     } else {
-        outcome.output = line(*done);
+        outcome.output = line(machine.identity.appBundleID + ": " + *done);
+        if (command.staysStopped) {
+            return outcome;
+        }
     }
     if (const auto resumed = machine.service.resume(progress); !resumed) {
         fail(resumed.error());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "HalvoShared/GregorianCalendar.hpp"
+#include "tools/Halvoctl/Arguments.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 #include "tools/Halvoctl/Outcome.hpp"
 #include "tools/Halvoctl/Service.hpp"
@@ -10,7 +11,9 @@ namespace halvo::control {
 
 // Stops the helper, takes off the lock that the stored record owes, forgets the record, and lets
 // the app call the helper again. The record goes only after the flag was cleared, so that it may be
-// interrupted anywhere and be run again. What cannot be done leaves the record, and is told.
-Outcome release(Machine& machine, const GregorianCalendar& calendar, const Progress& progress);
+// interrupted anywhere and be run again. What cannot be done leaves the record, and is told. One at
+// a time: it waits for another that runs.
+Outcome release(Machine& machine, const Release& command, const GregorianCalendar& calendar,
+                const Progress& progress);
 
 }  // namespace halvo::control

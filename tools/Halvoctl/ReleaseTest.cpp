@@ -2,15 +2,19 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/Support/LogCapture.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Observation.hpp"
 #include "tools/Halvoctl/Release.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 
 namespace halvo::control {
 
@@ -24,6 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -33,8 +38,8 @@ const std::string resumed = "save by resume";
 
 class ReleaseTest : public ::testing::Test {
   protected:
-    Outcome released() {
-        return release(fake.machine, *GregorianCalendar::named("Europe/Berlin"),
+    Outcome released(const Release& command = {}) {
+        return release(fake.machine, command, *GregorianCalendar::named("Europe/Berlin"),
                        [this](const std::string& line) { said.push_back(line); });
     }
 
@@ -47,10 +52,10 @@ class ReleaseTest : public ::testing::Test {
 
 TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
     fake.hold();
-    EXPECT_EQ(released(),
-              fine("Let go of the commitment of ann (uid 1000) that held until 2025-10-09 11:55:25 "
-                   "+02:00; " +
-                   fake.app + " is unlocked.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Let go of the commitment of ann (uid 1000) that "
+                               "held until 2025-10-09 11:55:25 "
+                               "+02:00; " +
+                               fake.app + " is unlocked.\n"));
     EXPECT_THAT(fake.world.calls.changes(),
                 ElementsAre(stopped, "unlock Halvo.app", "remove", resumed));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
@@ -61,7 +66,7 @@ TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
 
 TEST_F(ReleaseTest, IsOfWhatTheHelperStoredWhenItStopped) {
     fake.service.onStop = [this] { fake.hold(); };
-    EXPECT_THAT(released().output, StartsWith("Let go of the commitment of ann"));
+    EXPECT_THAT(released().output, StartsWith("com.example.app: Let go of the commitment of ann"));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     EXPECT_TRUE(fake.world.store.isEmpty());
 }
@@ -73,7 +78,7 @@ TEST_F(ReleaseTest, SaysWhatHasRunOut) {
 }
 
 TEST_F(ReleaseTest, SaysThatNothingWasHeld) {
-    EXPECT_EQ(released(), fine("Nothing was held.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Nothing was held.\n"));
     EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
     EXPECT_TRUE(log.isEmpty());
 }
@@ -84,7 +89,7 @@ TEST_F(ReleaseTest, LeavesALockThatIsNotTheHelpers) {
         " keeps a lock that the helper did not set (to take it off: " + clearCommand(fake.app) +
         ").\n";
     fake.world.flags.setByHand(fake.app, true);
-    EXPECT_EQ(released(), fine("Nothing was held. " + kept));
+    EXPECT_EQ(released(), fine("com.example.app: Nothing was held. " + kept));
     fake.hold().locked = false;
     EXPECT_THAT(released().output, HasSubstr("; " + kept));
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
@@ -112,10 +117,12 @@ TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
 TEST_F(ReleaseTest, UnlocksWhatADamagedRecordOwes) {
     fake.hold();
     fake.world.store.stored = UnreadableCommitment{fake.app, true};
-    EXPECT_EQ(released(), fine("Removed a damaged state file; " + fake.app + " is unlocked.\n"));
+    EXPECT_EQ(released(), fine("com.example.app: Removed a damaged state file; " + fake.app +
+                               " is unlocked.\n"));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(released(), fine("Removed a damaged state file; it owed no lock.\n"));
+    EXPECT_EQ(released(),
+              fine("com.example.app: Removed a damaged state file; it owed no lock.\n"));
 }
 
 TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
@@ -139,18 +146,68 @@ TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     }
 }
 
-TEST_F(ReleaseTest, ForgetsTheRecordOfABundleThatIsGone) {
-    fake.hold();
-    fake.service.onStop = [this] {
+TEST_F(ReleaseTest, KeepsTheRecordOfALockedBundleThatIsOutOfReach) {
+    const std::string problem =
+        "halvoctl: The bundle that the helper locked is not at " + fake.app +
+        ", so its lock cannot be taken off, and the commitment stays stored. If it lies on a disk "
+        "that is not mounted, or below another mount, make it reachable and run halvoctl release "
+        "again. If the bundle is gone for good: halvoctl release --bundle-gone\n";
+    for (const bool isWhole : {true, false}) {
+        for (const bool hasLink : {false, true}) {
+            fake.hold();
+            if (!isWhole) {
+                fake.world.store.stored = UnreadableCommitment{fake.app, true};
+            }
+            fs::rename(fake.applications, fake.disk / "Hidden");
+            fs::create_directory(fake.applications);
+            if (hasLink) {
+                fs::create_directory_symlink(fake.disk / "Hidden/Halvo.app", fake.app);
+            }
+            EXPECT_EQ(released(), (Outcome{ExitStatus::system, "", problem}));
+            EXPECT_FALSE(fake.world.store.isEmpty());
+            EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+            EXPECT_EQ(fake.world.calls.changes().back(), resumed);
+
+            fs::remove_all(fake.applications);
+            fs::rename(fake.disk / "Hidden", fake.applications);
+            EXPECT_EQ(released().status, ExitStatus::fine);
+            EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+            EXPECT_TRUE(fake.world.store.isEmpty());
+        }
+    }
+}
+
+TEST_F(ReleaseTest, ForgetsTheLockOfABundleThatIsSaidToBeGone) {
+    for (const bool isWhole : {true, false}) {
+        fake.hold();
+        if (!isWhole) {
+            fake.world.store.stored = UnreadableCommitment{fake.app, true};
+        }
         fs::remove_all(fake.app);
         fake.world.flags.erase(fake.app);
-    };
-    const std::string finding = "; there is nothing at " + fake.app + " any more.\n";
-    EXPECT_THAT(released().output, HasSubstr(finding));
-    EXPECT_TRUE(fake.world.store.isEmpty());
-    fake.service.onStop = {};
-    fake.world.store.stored = UnreadableCommitment{fake.app, true};
-    EXPECT_THAT(released().output, HasSubstr(finding));
+        const Outcome outcome = released({.isBundleGone = true});
+        EXPECT_EQ(outcome.status, ExitStatus::fine);
+        EXPECT_THAT(outcome.output,
+                    HasSubstr("; the lock of " + fake.app +
+                              " is forgotten with the bundle, which is not there.\n"));
+        EXPECT_TRUE(fake.world.store.isEmpty());
+        FakeMachine::writeInfo(fake.app, "com.example.app", "7QX4KD19MT");
+        fake.world.flags.add(fake.app);
+    }
+}
+
+TEST_F(ReleaseTest, UnlocksABundleThatIsThereWhateverIsSaid) {
+    fake.hold();
+    EXPECT_THAT(released({.isBundleGone = true}).output,
+                HasSubstr("; " + fake.app + " is unlocked.\n"));
+    EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+}
+
+TEST_F(ReleaseTest, ForgetsABundleThatIsGoneAndOwesNoLock) {
+    fake.hold().locked = false;
+    fs::remove_all(fake.app);
+    fake.world.flags.erase(fake.app);
+    EXPECT_EQ(released().status, ExitStatus::fine);
     EXPECT_TRUE(fake.world.store.isEmpty());
 }
 
@@ -159,6 +216,9 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
         GTEST_SKIP() << "needs root, to be somebody else";
     }
     constexpr uid_t nobody = 65534;
+    const testing::TemporaryFolder everybodys;
+    fs::permissions(everybodys.path(), fs::perms::all);
+    fake.machine.releaseLock = everybodys / "lock";
     for (const bool isWhole : {true, false}) {
         fake.hold();
         if (!isWhole) {
@@ -171,7 +231,8 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
         EXPECT_EQ(outcome, (Outcome{ExitStatus::system, "",
                                     "halvoctl: " + fake.app +
                                         " cannot be looked at, so the commitment stays stored. "
-                                        "Mend its disk and try again.\n"}));
+                                        "Mend its disk and try again. If the bundle is gone for "
+                                        "good: halvoctl release --bundle-gone\n"}));
         EXPECT_FALSE(fake.world.store.isEmpty());
     }
 }
@@ -206,6 +267,39 @@ TEST_F(ReleaseTest, TouchesNothingWhenTheHelperDoesNotStop) {
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
 }
 
+TEST_F(ReleaseTest, IsOneAtATime) {
+    fake.hold();
+    std::optional<ReleaseLock> other =
+        *ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}});
+    fake.service.onStop = [&] { EXPECT_FALSE(other) << "the other has not ended"; };
+    std::thread ending([&other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds{1500});
+        other.reset();
+    });
+    EXPECT_EQ(released().status, ExitStatus::fine);
+    ending.join();
+    EXPECT_EQ(said.front(), "Waiting for another halvoctl release, at most a minute.");
+    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
+}
+
+TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {
+    fake.service.onResume = [this] {
+        EXPECT_FALSE(ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}}));
+    };
+    EXPECT_EQ(released().status, ExitStatus::fine);
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+}
+
+TEST_F(ReleaseTest, TouchesNothingWithoutTheLock) {
+    fake.hold();
+    fs::create_directory(fake.machine.releaseLock);
+    const Outcome outcome = released();
+    EXPECT_EQ(outcome.status, ExitStatus::system);
+    EXPECT_THAT(outcome.errors, HasSubstr("release.lock cannot be locked: Is a directory."));
+    EXPECT_TRUE(fake.world.calls.changes().empty());
+    EXPECT_TRUE(fake.world.flags.isSet(fake.app));
+}
+
 TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
     fake.hold();
     fake.service.resumed = "It is back later.";
@@ -216,6 +310,20 @@ TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
     EXPECT_EQ(outcome.status, ExitStatus::system);
     EXPECT_THAT(outcome.output, HasSubstr(" is unlocked.\n"));
     EXPECT_EQ(outcome.errors, "halvoctl: Start it.\n");
+}
+
+TEST_F(ReleaseTest, LeavesTheHelperStoppedWhenToldSo) {
+    fake.service.resumed = "It is back later.";
+    fake.hold();
+    const Outcome outcome = released({.staysStopped = true});
+    EXPECT_EQ(outcome.status, ExitStatus::fine);
+    EXPECT_THAT(outcome.output, EndsWith(" is unlocked.\n"));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, "unlock Halvo.app", "remove"));
+
+    fake.hold();
+    fake.world.flags.failsToUnlock = true;
+    EXPECT_EQ(released({.staysStopped = true}).status, ExitStatus::system);
+    EXPECT_EQ(fake.world.calls.changes().back(), resumed) << "what is not removed goes on";
 }
 
 TEST_F(ReleaseTest, MayBeInterruptedAnywhereAndRunAgain) {

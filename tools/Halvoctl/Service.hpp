@@ -57,7 +57,8 @@ class Service {
     [[nodiscard]] virtual std::string startCommand() const = 0;
 
     // Sees to it that no helper runs and none is started, which leaves the stored commitment to the
-    // caller. Takes no longer than a minute. Fails with sentences that say what to do. Called once.
+    // caller. Takes no longer than a minute, together with resume(). Fails with sentences that say
+    // what to do. Called once.
     virtual std::expected<void, std::string> stop(const Progress& progress) = 0;
 
     // Undoes what stop() has changed, however far it came, except that no helper is started:

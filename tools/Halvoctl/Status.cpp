@@ -128,7 +128,8 @@ std::string statusText(Machine& machine, const Observation& seen,
     }
     rows.push_back({"helper", helperText(machine, seen)});
     rows.push_back({"state file", fileText(machine, seen)});
-    return headline(machine, seen) + "\n" + records::table(rows, "  ") + notes;
+    return machine.identity.appBundleID + ": " + headline(machine, seen) + "\n" +
+           records::table(rows, "  ") + notes;
 }
 
 std::string statusJSON(Machine& machine, const Observation& seen) {

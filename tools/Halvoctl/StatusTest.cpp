@@ -31,7 +31,7 @@ class StatusTest : public ::testing::Test {
 
 TEST_F(StatusTest, SaysThatNothingHolds) {
     EXPECT_EQ(text(),
-              "Nothing holds.\n"
+              "com.example.app: Nothing holds.\n"
               "  app         " +
                   fake.app +
                   ", unlocked\n"
@@ -46,7 +46,7 @@ TEST_F(StatusTest, SaysWhatHolds) {
     fake.hold();
     fake.service.processes = {12};
     EXPECT_EQ(text(),
-              "Ultra Hard mode holds for ann (uid 1000), for another 1:02:05.\n"
+              "com.example.app: Ultra Hard mode holds for ann (uid 1000), for another 1:02:05.\n"
               "  until       2025-10-09 11:55:25 +02:00\n"
               "  started     2025-10-09 10:53:20 +02:00\n"
               "  app         " +
@@ -68,20 +68,26 @@ TEST_F(StatusTest, CountsTheTimeAsTheHelperDoes) {
 TEST_F(StatusTest, SaysOfWhatRanOutThatItIsStillStored) {
     fake.hold(Seconds{100}).uid = 4711;
     fake.world.clock.advance(Seconds{200});
-    EXPECT_THAT(text(),
-                StartsWith("Nothing holds: the time of uid 4711 has run out, but the record is "
-                           "still there.\n  until then  2025-10-09 10:55:00 +02:00\n"));
+    EXPECT_THAT(
+        text(),
+        StartsWith(
+            "com.example.app: Nothing holds: the time of uid 4711 has run out, but the record is "
+            "still there.\n  until then  2025-10-09 10:55:00 +02:00\n"));
     EXPECT_THAT(text(), HasSubstr("The helper lets go of it when it starts next: start-helper\n"));
 }
 
 TEST_F(StatusTest, SaysWhatCannotBeRead) {
     fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_THAT(text(), StartsWith("The state file is damaged: what it held cannot be told.\n"));
+    EXPECT_THAT(
+        text(),
+        StartsWith("com.example.app: The state file is damaged: what it held cannot be told.\n"));
     EXPECT_THAT(text(), HasSubstr("commitment.json, damaged\n"));
     fake.world.store.stored = NoCommitment{};
     std::filesystem::create_directories(fake.machine.stateFile);
-    EXPECT_THAT(text(), StartsWith("The state file cannot be read; the helper takes that for "
-                                   "nothing.\n"));
+    EXPECT_THAT(
+        text(),
+        StartsWith("com.example.app: The state file cannot be read; the helper takes that for "
+                   "nothing.\n"));
     EXPECT_EQ(json()["stateFile"]["condition"], "unreadable");
 }
 

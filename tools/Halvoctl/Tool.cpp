@@ -45,9 +45,10 @@ class Runner {
                 command.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
     }
 
-    Outcome operator()(const Release&) const {
-        return asRoot("Only root can let go of what holds. Type: sudo halvoctl release",
-                      [&](Machine& machine) { return release(machine, calendar_, progress_); });
+    Outcome operator()(const Release& command) const {
+        return asRoot(
+            "Only root can let go of what holds. Type: sudo halvoctl release",
+            [&](Machine& machine) { return release(machine, command, calendar_, progress_); });
     }
 
   private:

@@ -47,12 +47,12 @@ TEST_F(ToolTest, RefusesWrongWords) {
 }
 
 TEST_F(ToolTest, RunsTheCommands) {
-    EXPECT_THAT(runWith({"status"}).output, StartsWith("Nothing holds.\n"));
+    EXPECT_THAT(runWith({"status"}).output, StartsWith("com.example.app: Nothing holds.\n"));
     EXPECT_THAT(runWith({"status", "--json"}).output, StartsWith("{\n  \"apps\": ["));
     EXPECT_THAT(runWith({"doctor"}).output, HasSubstr("app's identity"));
     EXPECT_THAT(runWith({"doctor", "--json"}).output, StartsWith("{\n  \"checks\": ["));
     EXPECT_EQ(runWith({"doctor"}).status, ExitStatus::problem) << "the helper is nowhere";
-    EXPECT_EQ(runWith({"release"}).output, "Nothing was held.\n");
+    EXPECT_EQ(runWith({"release"}).output, "com.example.app: Nothing was held.\n");
 }
 
 TEST_F(ToolTest, NeedsRoot) {

@@ -21,6 +21,7 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Programs.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/Service.hpp"
 #include "tools/Halvoctl/Tool.hpp"
 
@@ -43,6 +44,7 @@ class LiveMachine {
           machine_{.identity = identity,
                    .helper = folder + "/HalvoHelper",
                    .stateFile = store_.path(),
+                   .releaseLock = control::releaseLockPath(identity),
                    .isRoot = geteuid() == 0,
                    .clock = clock_,
                    .flags = flags_,

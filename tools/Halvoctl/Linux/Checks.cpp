@@ -15,12 +15,14 @@
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
 #include "tools/Halvoctl/Linux/Group.hpp"
+#include "tools/Halvoctl/Linux/Sandbox.hpp"
 #include "tools/Halvoctl/ShellWord.hpp"
 
 namespace halvo::control {
@@ -46,6 +48,11 @@ Check checkUnit(const std::string& name, const Unit& unit, bool mustBeEnabled, b
         return isProblem("systemd", name + " has failed: " + printable(unit.result),
                          "Look into systemctl status " + name +
                              ", mend what it names, then: systemctl reset-failed " + name);
+    }
+    if (unit.isRestarting()) {
+        return isProblem(
+            "systemd", name + " ended, and systemd starts it again: " + printable(unit.result),
+            "Look again. If it stays so, the journal says why: journalctl --unit=" + name);
     }
     if (mustBeEnabled && unit.enabled != "enabled") {
         return isProblem("systemd", name + " is not enabled", "systemctl enable " + name);
@@ -199,6 +206,11 @@ Checks examineApp(Machine& machine, const std::string& app) {
         checks.push_back(checkGroup(readGroup(*gid)));
     }
     checks.push_back(checkFlagSupport(app, !machine.isRoot || mayLockHere()));
+    // Of what it does not lock anywhere, the app's place says so.
+    if (sd_booted() > 0 && AppLocation::isLockablePath(app)) {
+        checks.push_back(
+            checkSandbox(machine.identity, app, readSandbox(machine.identity, machine.programs)));
+    }
     return checks;
 }
 

@@ -26,9 +26,9 @@ using ::testing::StartsWith;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 
-const Unit socketUp{"loaded", "active", "enabled", "success"};
-const Unit serviceUp{"loaded", "inactive", "static", "success"};
-const Unit resumeUp{"loaded", "inactive", "enabled", "success"};
+const Unit socketUp{"loaded", "active", "enabled", "success", ""};
+const Unit serviceUp{"loaded", "inactive", "static", "success", ""};
+const Unit resumeUp{"loaded", "inactive", "enabled", "success", ""};
 
 TEST(UnitChecksTest, AreFineWhenAllIsEnabled) {
     EXPECT_EQ(
@@ -43,28 +43,39 @@ TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
         return checkUnits(identity, Units{unit, serviceUp, resumeUp}).at(0);
     };
     const std::string name = "com.example.app.helper.socket";
-    EXPECT_EQ(socket({"masked", "inactive", "masked", ""}),
+    EXPECT_EQ(socket({"masked", "inactive", "masked", "", ""}),
               isProblem("systemd", name + " is masked", "systemctl unmask " + name));
-    EXPECT_EQ(socket({"not-found", "inactive", "", ""}),
+    EXPECT_EQ(socket({"not-found", "inactive", "", "", ""}),
               isProblem("systemd", name + " is not-found", "Install the helper's package again."));
-    EXPECT_EQ(socket({"loaded", "failed", "enabled", "resources"}).finding,
+    EXPECT_EQ(socket({"loaded", "failed", "enabled", "resources", ""}).finding,
               name + " has failed: resources");
-    EXPECT_EQ(socket({"loaded", "active", "disabled", "success"}),
+    EXPECT_EQ(socket({"loaded", "active", "disabled", "success", ""}),
               isProblem("systemd", name + " is not enabled", "systemctl enable " + name));
-    EXPECT_EQ(socket({"loaded", "inactive", "enabled", "success"}),
+    EXPECT_EQ(socket({"loaded", "inactive", "enabled", "success", ""}),
               isProblem("systemd", name + " is not active", "systemctl start " + name));
     EXPECT_THAT(
-        checkUnits(identity, Units{socketUp, {"loaded", "failed", "static", "exit-code"}, resumeUp})
+        checkUnits(identity,
+                   Units{socketUp, {"loaded", "failed", "static", "exit-code", ""}, resumeUp})
             .at(1)
             .advice,
         HasSubstr("systemctl reset-failed com.example.app.helper.service"));
-    EXPECT_EQ(checkUnits(identity, Units{socketUp, serviceUp, {"loaded", "", "disabled", ""}})
+    EXPECT_EQ(
+        checkUnits(identity, Units{socketUp,
+                                   {"loaded", "activating", "static", "exit-code", "auto-restart"},
+                                   resumeUp})
+            .at(1),
+        isProblem("systemd",
+                  "com.example.app.helper.service ended, and systemd starts it again: exit-code",
+                  "Look again. If it stays so, the journal says why: journalctl "
+                  "--unit=com.example.app.helper.service"));
+    EXPECT_EQ(checkUnits(identity, Units{socketUp, serviceUp, {"loaded", "", "disabled", "", ""}})
                   .at(2)
                   .advice,
               "systemctl enable com.example.app.helper-resume.service");
-    EXPECT_EQ(
-        checkUnits(identity, Units{socketUp, {"loaded", "active", "", ""}, resumeUp}).at(1).finding,
-        "com.example.app.helper.service is active");
+    EXPECT_EQ(checkUnits(identity, Units{socketUp, {"loaded", "active", "", "", ""}, resumeUp})
+                  .at(1)
+                  .finding,
+              "com.example.app.helper.service is active");
 }
 
 TEST(UnitChecksTest, SayWhySystemdDoesNotTell) {

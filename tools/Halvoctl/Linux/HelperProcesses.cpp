@@ -32,6 +32,14 @@ std::optional<std::string> linkAt(const std::string& path) {
     return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
+// Whether both paths lead to the same item.
+bool isSame(const std::string& path, const std::string& other) {
+    struct stat one{};
+    struct stat two{};
+    return stat(path.c_str(), &one) == 0 && stat(other.c_str(), &two) == 0 &&
+           one.st_dev == two.st_dev && one.st_ino == two.st_ino;
+}
+
 // The second word of the command line; proc_pid_cmdline(5).
 std::string firstArgument(const std::string& process) {
     const Descriptor file(open((process + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
@@ -78,14 +86,18 @@ class ProcProcesses final : public HelperProcesses {
   private:
     [[nodiscard]] bool isHelper(pid_t process) const {
         const std::string folder = "/proc/" + std::to_string(process);
-        const auto program = linkAt(folder + "/exe");
+        const std::string exe = folder + "/exe";
+        const auto program = linkAt(exe);
         // The kernel's mark for a file that is no longer at its path; proc_pid_exe(5).
-        if (program != executable_ && program != executable_ + " (deleted)") {
+        const bool isReplaced = program == executable_ + " (deleted)";
+        if (!isReplaced && (program != executable_ || !isSame(exe, executable_))) {
             return false;
         }
         struct stat status{};
-        // A container's own helper may have the same path.
+        // A container's own helper, or the machine's where this is a change root, may have the same
+        // path. The sandbox of the unit keeps the root folder; proc_pid_root(5).
         return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 &&
+               isSame(folder + "/root", "/") &&
                linkAt(folder + "/ns/pid") == linkAt("/proc/self/ns/pid") &&
                firstArgument(folder) != OpenAsUser::modeWord;
     }

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -91,6 +92,36 @@ TEST_F(HelperProcessesTest, AreNobodysButRoots) {
     EXPECT_TRUE(fs::exists("/proc/" + std::to_string(theirs->pid()) + "/exe"));
     theirs->send(SIGKILL);
     EXPECT_EQ(theirs->wait(), 128 + SIGKILL);
+}
+
+TEST_F(HelperProcessesTest, AreNotThoseOfAnotherRoot) {
+    const std::string self = fs::read_symlink("/proc/self/exe");
+    const TestProcess elsewhere([this] {
+        ASSERT_EQ(chroot(folder.path().c_str()), 0);
+        testing::writeTestFile("/there", "");
+        pause();
+    });
+    for (int i = 0; i < 2000 && !fs::exists(folder / "there"); ++i) {
+        usleep(5000);
+    }
+    ASSERT_TRUE(fs::exists(folder / "there"));
+    EXPECT_THAT(liveProcesses(self)->running(), ElementsAre(getpid()));
+}
+
+TEST_F(HelperProcessesTest, AreNotThoseOfAnotherFileAtTheSamePath) {
+    testing::copyProgram("/bin/sleep", folder / "Other");
+    const std::string other = folder / "Other";
+    const auto process = start(helper, [&] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(other.c_str(), helper.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            _exit(1);
+        }
+    });
+    if (!fs::exists("/proc/" + std::to_string(process->pid()) + "/exe")) {
+        GTEST_SKIP() << "this machine permits no mount";
+    }
+    EXPECT_THAT(processes->running(), IsEmpty());
 }
 
 TEST_F(HelperProcessesTest, AreNotThoseThatOpenTheApp) {

@@ -4,12 +4,14 @@
 
 #include <utility>
 
+#include "tools/Halvoctl/ReleaseLock.hpp"
+
 namespace halvo::control {
 namespace {
 
 // systemd gives the service time to end, and kills it after that; then systemctl returns.
 constexpr Seconds stopLimit{30};
-constexpr Seconds endLimit{15};
+constexpr Seconds endLimit{10};
 constexpr Seconds startLimit{10};
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
@@ -51,6 +53,10 @@ std::string SystemdService::whatStarts() {
     if (!units) {
         return "nothing is known of what starts it: " + units.error();
     }
+    if (units->service.isRestarting()) {
+        return "it starts again in a moment, since it ended (" + units->service.result +
+               "); if it stays so: journalctl --unit=" + serviceUnit(identity_);
+    }
     if (units->socket.isActive()) {
         return units->resume.enabled == "enabled"
                    ? "it starts when the app calls, and at boot while a commitment is stored"
@@ -66,25 +72,25 @@ std::expected<void, std::string> SystemdService::stop(const Progress& progress) 
         if (!units) {
             return std::unexpected(units.error() + ". Try again when systemd answers.");
         }
-        hasSocket_ = units->socket.isLoaded();
-        socketWasActive_ = units->socket.isActive();
+        socket_ = units->socket;
         // The socket with the service: the app calls every 2 seconds, which would start it again.
         std::vector<std::string> words{systemctl, "stop", "--"};
-        if (units->socket.isLoaded()) {
-            words.push_back(socketUnit(identity_));
+        const std::size_t none = words.size();
+        for (const auto& [name, unit] : {std::pair{socketUnit(identity_), units->socket},
+                                         std::pair{serviceUnit(identity_), units->service}}) {
+            if (unit.isLoaded() || unit.isUp()) {
+                words.push_back(name);
+            }
         }
-        if (units->service.isLoaded()) {
-            words.push_back(serviceUnit(identity_));
-        }
-        const bool hasUnits = units->socket.isLoaded() || units->service.isLoaded();
         const std::string problem =
-            hasUnits ? problemOf(programs_.run(words, {stopLimit,
-                                                       [&progress] {
-                                                           progress(
-                                                               "Waiting for systemd to stop the "
-                                                               "helper, at most 30 seconds.");
-                                                       }}))
-                     : "";
+            words.size() > none
+                ? problemOf(programs_.run(words, {stopLimit,
+                                                  [&progress] {
+                                                      progress(
+                                                          "Waiting for systemd to stop the "
+                                                          "helper, at most 30 seconds.");
+                                                  }}))
+                : "";
         if (!problem.empty()) {
             return std::unexpected("systemd did not stop the helper: " + problem +
                                    ". Look into systemctl status " + serviceUnit(identity_) +
@@ -94,7 +100,7 @@ std::expected<void, std::string> SystemdService::stop(const Progress& progress) 
     // One that was started by hand, or that runs where there is no systemd.
     const auto left = stopAll(processes_, {endLimit, [&progress] {
                                                progress(
-                                                   "Waiting for the helper to end, at most 15 "
+                                                   "Waiting for the helper to end, at most 10 "
                                                    "seconds.");
                                            }});
     if (!left.empty()) {
@@ -106,25 +112,31 @@ std::expected<void, std::string> SystemdService::stop(const Progress& progress) 
 }
 
 std::expected<std::string, std::string> SystemdService::resume(const Progress& progress) {
-    if (!socketWasActive_) {
-        return hasSocket_ ? socketUnit(identity_) +
-                                " was not active, and stays so; to let the app call the helper: "
-                                "systemctl start " +
-                                socketUnit(identity_)
-                          : "";
+    const std::string name = socketUnit(identity_);
+    if (!socket_.isLoaded()) {
+        return socket_.isUp() ? "The app cannot call the helper any more: " + name + " is " +
+                                    socket_.load + ", and was stopped."
+                              : "";
     }
-    const std::string problem =
-        problemOf(programs_.run({systemctl, "start", "--", socketUnit(identity_)},
-                                {startLimit, [&progress] {
-                                     progress(
-                                         "Waiting for systemd to start the "
-                                         "helper's socket, at most 10 seconds.");
-                                 }}));
+    if (!socket_.isActive()) {
+        return "The app cannot call the helper: " + name +
+               " was stopped before, and stays so. To start it: systemctl start " + name;
+    }
+    const std::string problem = problemOf(programs_.run(
+        {systemctl, "start", "--", name}, {startLimit, [&progress] {
+                                               progress(
+                                                   "Waiting for systemd to start the "
+                                                   "helper's socket, at most 10 seconds.");
+                                           }}));
     if (!problem.empty()) {
         return std::unexpected("The helper's socket could not be started again: " + problem +
-                               ". Start it: systemctl start " + socketUnit(identity_));
+                               ". Start it: systemctl start " + name);
     }
     return "";
+}
+
+std::string releaseLockPath(const HelperIdentity& identity) {
+    return "/run/" + identity.helperBundleID() + ".release.lock";
 }
 
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,

@@ -27,9 +27,8 @@ class SystemdService final : public Service {
     bool isBooted_;
     HelperProcesses& processes_;
     Programs& programs_;
-    // There was a socket unit when stop() was called, and it was active.
-    bool hasSocket_ = false;
-    bool socketWasActive_ = false;
+    // The socket as stop() found it.
+    Unit socket_;
 };
 
 }  // namespace halvo::control

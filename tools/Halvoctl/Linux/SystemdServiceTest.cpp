@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Linux/SystemdService.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 
 namespace halvo::control {
 namespace {
@@ -15,7 +17,8 @@ using ::testing::HasSubstr;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string show =
-    "/usr/bin/systemctl show --no-pager --property=Id,LoadState,ActiveState,UnitFileState,Result "
+    "/usr/bin/systemctl show --no-pager "
+    "--property=Id,LoadState,ActiveState,SubState,UnitFileState,Result "
     "-- "
     "com.example.app.helper.socket com.example.app.helper.service "
     "com.example.app.helper-resume.service";
@@ -27,13 +30,15 @@ class SystemdServiceTest : public ::testing::Test {
   protected:
     // What systemctl shows of the units.
     void units(const std::string& socketLoad, const std::string& socketActive,
-               const std::string& serviceLoad = "loaded", const std::string& resume = "enabled") {
+               const std::string& serviceLoad = "loaded", const std::string& resume = "enabled",
+               const std::string& serviceActive = "active") {
         programs.answers.erase(show);
         programs.answer(show, 0,
                         "Id=com.example.app.helper.socket\nLoadState=" + socketLoad +
                             "\nActiveState=" + socketActive +
                             "\n\nId=com.example.app.helper.service\nLoadState=" + serviceLoad +
-                            "\nActiveState=active\n\nId=com.example.app.helper-resume.service\n"
+                            "\nActiveState=" + serviceActive +
+                            "\n\nId=com.example.app.helper-resume.service\n"
                             "LoadState=loaded\nUnitFileState=" +
                             resume + "\n");
     }
@@ -76,14 +81,32 @@ TEST_F(SystemdServiceTest, SaysWhatItWaitsFor) {
                                   "seconds."));
 }
 
+TEST_F(SystemdServiceTest, WaitsAtMostAMinute) {
+    units("loaded", "active");
+    programs.answer(stopBoth, 0);
+    programs.answer(startSocket, 0);
+    processes.processes = {7};
+    processes.areStuck = true;
+    SystemdService systemd = service();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(systemd.stop(progress));
+    EXPECT_TRUE(systemd.resume(progress));
+    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
+    Seconds total = std::chrono::steady_clock::now() - start;
+    for (const Seconds limit : programs.limits) {
+        total += limit;
+    }
+    EXPECT_LT(total, Seconds{61});
+}
+
 TEST_F(SystemdServiceTest, LeavesASocketThatWasNotActive) {
     units("loaded", "inactive");
     programs.answer(stopBoth, 0);
     SystemdService systemd = service();
     EXPECT_TRUE(systemd.stop(progress));
     EXPECT_EQ(systemd.resume(progress),
-              "com.example.app.helper.socket was not active, and stays so; to let the app call the "
-              "helper: systemctl start com.example.app.helper.socket");
+              "The app cannot call the helper: com.example.app.helper.socket was stopped before, "
+              "and stays so. To start it: systemctl start com.example.app.helper.socket");
     EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth));
 }
 
@@ -94,15 +117,26 @@ TEST_F(SystemdServiceTest, StopsTheUnitsThatThereAre) {
     EXPECT_TRUE(systemd.stop(progress));
     EXPECT_EQ(systemd.resume(progress), "");
 
-    units("not-found", "inactive", "not-found");
+    units("not-found", "inactive", "not-found", "enabled", "inactive");
     programs.calls.clear();
     EXPECT_TRUE(service().stop(progress));
     EXPECT_THAT(programs.calls, ElementsAre(show));
 }
 
+TEST_F(SystemdServiceTest, StopsWhatRunsAlsoWhereItsFileIsMaskedOrGone) {
+    units("masked", "active", "not-found");
+    programs.answer(stopBoth, 0);
+    SystemdService systemd = service();
+    EXPECT_TRUE(systemd.stop(progress));
+    EXPECT_EQ(systemd.resume(progress),
+              "The app cannot call the helper any more: com.example.app.helper.socket is masked, "
+              "and was stopped.");
+    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth));
+}
+
 TEST_F(SystemdServiceTest, StopsHelpersThatWereStartedByHand) {
     processes.processes = {7};
-    units("not-found", "inactive", "not-found");
+    units("not-found", "inactive", "not-found", "enabled", "inactive");
     EXPECT_TRUE(service().stop(progress));
     EXPECT_THAT(processes.terminated, ElementsAre(7));
 
@@ -173,6 +207,14 @@ TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(starts(),
               "nothing starts it, since com.example.app.helper.socket is not active: systemctl "
               "enable --now com.example.app.helper.socket");
+    programs.answers[show] = {Finished{
+        0,
+        "Id=com.example.app.helper.socket\nLoadState=loaded\nActiveState=active\n\n"
+        "Id=com.example.app.helper.service\nActiveState=activating\nSubState=auto-restart\n"
+        "Result=exit-code\n\nId=com.example.app.helper-resume.service\n"}};
+    EXPECT_EQ(starts(),
+              "it starts again in a moment, since it ended (exit-code); if it stays so: journalctl "
+              "--unit=com.example.app.helper.service");
     programs.answers.clear();
     EXPECT_THAT(starts(), HasSubstr("nothing is known of what starts it: "));
     EXPECT_EQ(service(false).whatStarts(),
@@ -180,6 +222,10 @@ TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
               "/libexec/HalvoHelper");
     EXPECT_EQ(service().startCommand(), "systemctl start com.example.app.helper.service");
     EXPECT_EQ(service(false).startCommand(), "/libexec/HalvoHelper");
+}
+
+TEST(SystemdServiceLockTest, LiesWhereABootEmpties) {
+    EXPECT_EQ(releaseLockPath(identity), "/run/com.example.app.helper.release.lock");
 }
 
 }  // namespace

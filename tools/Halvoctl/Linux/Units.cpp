@@ -23,7 +23,8 @@ std::map<std::string, Unit> parseUnits(const std::string& output) {
     const auto finish = [&] {
         if (const auto name = properties.find("Id"); name != properties.end()) {
             units[name->second] = {properties["LoadState"], properties["ActiveState"],
-                                   properties["UnitFileState"], properties["Result"]};
+                                   properties["UnitFileState"], properties["Result"],
+                                   properties["SubState"]};
         }
         properties.clear();
     };
@@ -43,7 +44,7 @@ std::expected<Units, std::string> readUnits(const HelperIdentity& identity, Prog
     constexpr Seconds limit{10};
     const auto shown =
         programs.run({systemctl, "show", "--no-pager",
-                      "--property=Id,LoadState,ActiveState,UnitFileState,Result", "--",
+                      "--property=Id,LoadState,ActiveState,SubState,UnitFileState,Result", "--",
                       socketUnit(identity), serviceUnit(identity), resumeUnit(identity)},
                      {limit, {}});
     if (!shown) {

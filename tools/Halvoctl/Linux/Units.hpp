@@ -30,11 +30,21 @@ struct Unit {
     std::string enabled;
     // "success", or why it failed.
     std::string result;
+    // "running", "listening", "auto-restart", ...
+    std::string sub;
 
     [[nodiscard]] bool isLoaded() const { return load == "loaded"; }
 
     // It runs, or is about to.
     [[nodiscard]] bool isActive() const { return active == "active" || active == "activating"; }
+
+    // There is something to stop, also of a unit whose file is gone or masked since it was started.
+    [[nodiscard]] bool isUp() const {
+        return !active.empty() && active != "inactive" && active != "failed";
+    }
+
+    // It ended, and systemd starts it again in a moment; active too.
+    [[nodiscard]] bool isRestarting() const { return sub.starts_with("auto-restart"); }
 
     bool operator==(const Unit&) const = default;
 };

@@ -10,7 +10,8 @@ namespace {
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string show =
-    "/usr/bin/systemctl show --no-pager --property=Id,LoadState,ActiveState,UnitFileState,Result "
+    "/usr/bin/systemctl show --no-pager "
+    "--property=Id,LoadState,ActiveState,SubState,UnitFileState,Result "
     "-- "
     "com.example.app.helper.socket com.example.app.helper.service "
     "com.example.app.helper-resume.service";
@@ -19,12 +20,14 @@ const std::string shown = R"(Result=success
 Id=com.example.app.helper.socket
 LoadState=loaded
 ActiveState=active
+SubState=listening
 UnitFileState=enabled
 
 Result=exit-code
 Id=com.example.app.helper.service
 LoadState=loaded
-ActiveState=failed
+ActiveState=activating
+SubState=auto-restart
 UnitFileState=static
 
 Id=com.example.app.helper-resume.service
@@ -38,14 +41,21 @@ TEST(UnitsTest, AreWhatSystemctlShows) {
     programs.answer(show, 0, shown);
     const auto units = readUnits(identity, programs);
     ASSERT_TRUE(units) << units.error();
-    EXPECT_EQ(units->socket, (Unit{"loaded", "active", "enabled", "success"}));
-    EXPECT_EQ(units->service, (Unit{"loaded", "failed", "static", "exit-code"}));
-    EXPECT_EQ(units->resume, (Unit{"not-found", "inactive", "", ""}));
+    EXPECT_EQ(units->socket, (Unit{"loaded", "active", "enabled", "success", "listening"}));
+    EXPECT_EQ(units->service,
+              (Unit{"loaded", "activating", "static", "exit-code", "auto-restart"}));
+    EXPECT_EQ(units->resume, (Unit{"not-found", "inactive", "", "", ""}));
     EXPECT_TRUE(units->socket.isLoaded());
     EXPECT_TRUE(units->socket.isActive());
-    EXPECT_FALSE(units->service.isActive());
+    EXPECT_FALSE(units->socket.isRestarting());
+    EXPECT_TRUE(units->service.isRestarting());
     EXPECT_FALSE(units->resume.isLoaded());
-    EXPECT_TRUE((Unit{"loaded", "activating", "", ""}).isActive());
+    EXPECT_TRUE((Unit{"loaded", "activating", "", "", ""}).isActive());
+    EXPECT_FALSE((Unit{"loaded", "failed", "", "", ""}).isActive());
+    EXPECT_TRUE((Unit{"masked", "deactivating", "", "", ""}).isUp());
+    for (const char* active : {"", "inactive", "failed"}) {
+        EXPECT_FALSE((Unit{"loaded", active, "", "", ""}).isUp());
+    }
 }
 
 TEST(UnitsTest, AreUnknownWhenSystemctlFails) {

@@ -1,5 +1,7 @@
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
+#include "tools/Halvoctl/ReleaseLock.hpp"
+
 namespace halvo::control {
 namespace {
 
@@ -7,7 +9,7 @@ constexpr const char* launchctl = "/bin/launchctl";
 constexpr Seconds askLimit{10};
 // launchd gives the job 20 seconds to end.
 constexpr Seconds stopLimit{30};
-constexpr Seconds endLimit{15};
+constexpr Seconds endLimit{10};
 
 }  // namespace
 
@@ -61,7 +63,7 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
     }
     const auto left = stopAll(processes_, {endLimit, [&progress] {
                                                progress(
-                                                   "Waiting for the helper to end, at most 15 "
+                                                   "Waiting for the helper to end, at most 10 "
                                                    "seconds.");
                                            }});
     if (!left.empty()) {
@@ -74,6 +76,10 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
 
 std::expected<std::string, std::string> LaunchdService::resume(const Progress&) {
     return isOut_ ? "The helper is back at the next boot, or when the app registers it anew." : "";
+}
+
+std::string releaseLockPath(const HelperIdentity& identity) {
+    return "/var/run/" + identity.helperBundleID() + ".release.lock";
 }
 
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string&,

@@ -7,6 +7,7 @@
 
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
 namespace halvo::control {
@@ -105,8 +106,8 @@ TEST_F(LaunchdServiceTest, FailsWhenAHelperStays) {
     EXPECT_EQ(service->stop(progress),
               std::unexpected("The helper (pid 7) does not end. Kill it (kill -KILL), then run "
                               "halvoctl release again, which takes off the lock that it leaves."));
-    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 15 seconds."));
-    EXPECT_NEAR(processes.time.count(), 1015, 0.1);
+    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
+    EXPECT_NEAR(processes.time.count(), 1010, 0.1);
 }
 
 TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
@@ -115,6 +116,10 @@ TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(service->whatStarts(),
               "nothing starts it until the app registers it anew, or the next boot");
     EXPECT_EQ(service->startCommand(), "launchctl kickstart system/com.example.app.helper");
+}
+
+TEST(LaunchdServiceLockTest, LiesWhereABootEmpties) {
+    EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
 }
 
 }  // namespace
