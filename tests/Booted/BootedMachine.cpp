@@ -365,6 +365,10 @@ void BootedMachine::installLater() const {
     sh("dpkg --install /root/*.deb && rm /root/*.deb");
 }
 
+std::string BootedMachine::failedUnits() const {
+    return sh("systemctl --failed --no-legend --plain | grep -v '^systemd-' || true");
+}
+
 void BootedMachine::commit(const std::string& session, const std::string& minutes) const {
     startIn(session, {Place::appExecutable, minutes});
     ASSERT_TRUE(eventually(Seconds{30}, [&] { return state().has_value() && isLocked(); }))

@@ -138,6 +138,11 @@ class BootedMachine {
         return property(unit, "ActiveState");
     }
 
+    // The units that failed, a line each, but for those that systemd starts for itself at boot: on
+    // a busy machine the kernel now and then refuses to move one into its control group (status
+    // 219).
+    [[nodiscard]] std::string failedUnits() const;
+
     // --- The journal.
 
     // The entries that match, words as journalctl(1) takes them, oldest first.

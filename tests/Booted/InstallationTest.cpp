@@ -30,7 +30,7 @@ TEST_F(Installation, StartsTheSocketAndNotTheHelper) {
     EXPECT_EQ(machine.property(Unit::socket, "UnitFileState"), "enabled");
     EXPECT_EQ(machine.property(Unit::resume, "UnitFileState"), "enabled");
     EXPECT_EQ(machine.property(Unit::service, "UnitFileState"), "static");
-    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+    EXPECT_EQ(machine.failedUnits(), "");
     EXPECT_EQ(machine.sh("systemd-analyze verify --man=no " + Unit::service + " " + Unit::socket +
                          " " + Unit::resume + " 2>&1"),
               "");

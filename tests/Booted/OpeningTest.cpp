@@ -91,7 +91,7 @@ TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
                            Place::appID + "@"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
     EXPECT_TRUE(isServed(opened));
-    EXPECT_EQ(machine.sh("systemctl --failed --no-legend"), "");
+    EXPECT_EQ(machine.failedUnits(), "");
 }
 
 TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
