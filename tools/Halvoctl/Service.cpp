@@ -37,6 +37,19 @@ std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience)
     }
 }
 
+std::expected<void, std::string> endAll(HelperProcesses& processes, const Progress& progress) {
+    const auto left =
+        stopAll(processes, {Seconds{10}, [&progress] {
+                                progress("Waiting for the helper to end, at most 10 seconds.");
+                            }});
+    if (!left.empty()) {
+        return std::unexpected("The helper (" + named(left) +
+                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
+                               "again, which takes off the lock that it leaves.");
+    }
+    return {};
+}
+
 std::string named(const std::vector<pid_t>& processes) {
     std::string text = processes.size() == 1 ? "pid " : "pids ";
     for (std::size_t i = 0; i < processes.size(); ++i) {

@@ -39,6 +39,9 @@ class HelperProcesses {
 // those that run all the same when patience ends.
 std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience);
 
+// The same, for at most ten seconds. Fails with sentences that say what to do.
+std::expected<void, std::string> endAll(HelperProcesses& processes, const Progress& progress);
+
 // "pid 12", "pids 12 and 13".
 std::string named(const std::vector<pid_t>& processes);
 

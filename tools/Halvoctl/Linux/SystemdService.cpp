@@ -11,7 +11,6 @@ namespace {
 
 // systemd gives the service time to end, and kills it after that; then systemctl returns.
 constexpr Seconds stopLimit{30};
-constexpr Seconds endLimit{10};
 constexpr Seconds startLimit{10};
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
@@ -98,17 +97,7 @@ std::expected<void, std::string> SystemdService::stop(const Progress& progress) 
         }
     }
     // One that was started by hand, or that runs where there is no systemd.
-    const auto left = stopAll(processes_, {endLimit, [&progress] {
-                                               progress(
-                                                   "Waiting for the helper to end, at most 10 "
-                                                   "seconds.");
-                                           }});
-    if (!left.empty()) {
-        return std::unexpected("The helper (" + named(left) +
-                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
-                               "again, which takes off the lock that it leaves.");
-    }
-    return {};
+    return endAll(processes_, progress);
 }
 
 std::expected<std::string, std::string> SystemdService::resume(const Progress& progress) {

@@ -180,8 +180,8 @@ TEST_F(SystemdServiceTest, SaysThatAHelperDoesNotEnd) {
               std::unexpected("The helper (pids 7 and 9) does not end. Kill it (kill -KILL), then "
                               "run halvoctl release again, which takes off the lock that it "
                               "leaves."));
-    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 15 seconds."));
-    EXPECT_NEAR(processes.time.count(), 1015, 0.1);
+    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
+    EXPECT_NEAR(processes.time.count(), 1010, 0.1);
 }
 
 TEST_F(SystemdServiceTest, SaysWhenTheSocketCannotBeStarted) {

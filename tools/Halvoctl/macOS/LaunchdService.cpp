@@ -9,7 +9,6 @@ constexpr const char* launchctl = "/bin/launchctl";
 constexpr Seconds askLimit{10};
 // launchd gives the job 20 seconds to end.
 constexpr Seconds stopLimit{30};
-constexpr Seconds endLimit{10};
 
 }  // namespace
 
@@ -61,17 +60,7 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
                                    " ended with " + std::to_string(out->status) + ". Try again.");
         }
     }
-    const auto left = stopAll(processes_, {endLimit, [&progress] {
-                                               progress(
-                                                   "Waiting for the helper to end, at most 10 "
-                                                   "seconds.");
-                                           }});
-    if (!left.empty()) {
-        return std::unexpected("The helper (" + named(left) +
-                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
-                               "again, which takes off the lock that it leaves.");
-    }
-    return {};
+    return endAll(processes_, progress);
 }
 
 std::expected<std::string, std::string> LaunchdService::resume(const Progress&) {
