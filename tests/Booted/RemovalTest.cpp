@@ -90,6 +90,22 @@ TEST_F(Removal, EndsACommitmentThatIsHeld) {
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
 }
 
+// The app's package lets go as well, and is removed first where dpkg has its way.
+TEST_F(Removal, EndsACommitmentAlsoWhereTheAppStays) {
+    machine.install();
+    machine.commit(machine.logIn("alice"));
+    const std::string said =
+        machine.sh("dpkg --remove --force-depends " HALVO_BOOTED_PACKAGE "-helper 2>&1");
+    EXPECT_THAT(said, HasSubstr("Let go of the commitment of alice"));
+    EXPECT_TRUE(machine.exists(Place::app));
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    EXPECT_FALSE(machine.exists(Place::libexec));
+    EXPECT_FALSE(machine.exists(Place::socket));
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
+}
+
 TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
     machine.install();
     machine.commit(machine.logIn("alice"));
