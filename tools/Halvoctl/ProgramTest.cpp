@@ -5,21 +5,25 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::control {
 namespace {
 
 using testing::ChildResult;
+namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 ChildResult runProgram(
-    std::vector<std::string> words, const std::function<void()>& prepare = [] {}) {
+    std::vector<std::string> words, const std::function<void()>& prepare = [] {},
+    const std::string& program = HALVO_CONTROL) {
     return testing::runInChild([&] {
         words.insert(words.begin(), "halvoctl");
         std::vector<char*> pointers;
@@ -29,8 +33,8 @@ ChildResult runProgram(
         }
         pointers.push_back(nullptr);
         prepare();
-        execv(HALVO_CONTROL, pointers.data());
-        FAIL() << "cannot run " << HALVO_CONTROL;
+        execv(program.c_str(), pointers.data());
+        FAIL() << "cannot run " << program;
     });
 }
 
@@ -51,11 +55,17 @@ TEST(ControlProgramTest, EndsWithSeventySevenWithoutRoot) {
         GTEST_SKIP() << "needs root, to be somebody else";
     }
     constexpr uid_t nobody = 65534;
-    // What lies in a closed folder cannot be run by nobody: it is opened before.
+    // Where everybody can reach it.
+    const testing::TemporaryFolder folder;
+    fs::permissions(folder.path(), fs::perms{0755});
+    for (const char* name : {"halvoctl", "Info.plist"}) {
+        fs::copy_file(fs::path(HALVO_CONTROL).replace_filename(name), folder / name);
+    }
     for (const char* command : {"status", "release"}) {
-        // For good: a process that could be root again can not be looked at for leaks.
-        const ChildResult result =
-            runProgram({command}, [] { ASSERT_EQ(setresuid(nobody, nobody, nobody), 0); });
+        // For good: a process that could be root again cannot be looked at for leaks.
+        const ChildResult result = runProgram(
+            {command}, [] { ASSERT_EQ(setresuid(nobody, nobody, nobody), 0); },
+            folder / "halvoctl");
         EXPECT_EQ(result.status, 77) << result.output;
     }
 }
