@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -271,9 +272,11 @@ TEST_F(ReleaseTest, IsOneAtATime) {
     fake.hold();
     std::optional<ReleaseLock> other =
         *ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}});
-    fake.service.onStop = [&] { EXPECT_FALSE(other) << "the other has not ended"; };
-    std::thread ending([&other] {
+    std::atomic<bool> isEnding = false;
+    fake.service.onStop = [&] { EXPECT_TRUE(isEnding) << "the other has not ended"; };
+    std::thread ending([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds{1500});
+        isEnding = true;
         other.reset();
     });
     EXPECT_EQ(released().status, ExitStatus::fine);
