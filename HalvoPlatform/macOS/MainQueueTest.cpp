@@ -258,10 +258,14 @@ TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceSomebodyAsksForIt) {
 }
 
 TEST_F(MainQueueTest, LeavesOtherSignalsAsTheyAre) {
-    queue.onTermination(noted());
-    for (const int signal : {SIGINT, SIGHUP, SIGQUIT}) {
-        EXPECT_FALSE(isIgnored(signal)) << signal;
-        EXPECT_FALSE(fake::raise(signal)) << signal;
+    for (const auto leave : {SIG_DFL, SIG_IGN}) {
+        for (const int signal : {SIGINT, SIGHUP, SIGQUIT}) {
+            const auto inherited = std::signal(signal, leave);
+            queue.onTermination(noted());
+            EXPECT_EQ(isIgnored(signal), leave == SIG_IGN) << signal;
+            EXPECT_FALSE(fake::raise(signal)) << signal;
+            std::signal(signal, inherited);
+        }
     }
     fake::serve(0);
     EXPECT_EQ(turns, std::vector<Turn>{});
