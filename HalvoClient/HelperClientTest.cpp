@@ -182,7 +182,7 @@ TEST_F(HelperClientTest, FindsASocketOnWhichNobodyListens) {
 
 TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+        GTEST_SKIP() << "needs root to become somebody else";
     }
     FakeHelper const helper(path_, {Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0700), 0);
@@ -414,7 +414,7 @@ TEST_F(HelperClientTest, ClosesItsDescriptorsOnExec) {
 
 TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can give a process a group as the kernel does";
+        GTEST_SKIP() << "needs root to give a process a group as the kernel does";
     }
     static constexpr gid_t ownGroup = 64002;
     static constexpr gid_t privateGroup = 64003;

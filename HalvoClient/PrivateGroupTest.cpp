@@ -50,7 +50,7 @@ class PrivateGroupTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (geteuid() != 0) {
-            GTEST_SKIP() << "only root can give a process a group as the kernel does";
+            GTEST_SKIP() << "needs root to give a process a group as the kernel does";
         }
     }
 

@@ -73,9 +73,9 @@ TEST_F(SystemBusTest, IsNotWaitedForLongerThanAllowed) {
 
 // In the files that logind keeps.
 TEST(SessionEndingTest, IsLearnedFromLogind) {
-    const PrivateMount logind("tmpfs", "logind", "/run/systemd");
-    if (!logind.isMounted()) {
-        GTEST_SKIP() << "the system gives us no file system of our own for /run/systemd";
+    const PrivateMount run("tmpfs", "run", "/run");
+    if (!run.isMounted()) {
+        GTEST_SKIP() << "needs the permission to mount a file system";
     }
     std::filesystem::create_directories("/run/systemd/users");
     const std::string file = "/run/systemd/users/" + std::to_string(getuid());
