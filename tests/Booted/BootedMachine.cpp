@@ -376,12 +376,16 @@ void BootedMachine::commit(const std::string& session, const std::string& minute
 }
 
 std::vector<std::string> processWords(pid_t process, const char* file) {
-    std::istringstream text(wholeFile("/proc/" + std::to_string(process) + "/" + file));
+    const std::string path = "/proc/" + std::to_string(process) + "/" + file;
     std::vector<std::string> words;
-    std::string word;
-    while (std::getline(text, word, '\0')) {
-        words.push_back(word);
-    }
+    eventually(Seconds{5}, [&] {
+        std::istringstream text(wholeFile(path));
+        std::string word;
+        while (std::getline(text, word, '\0')) {
+            words.push_back(word);
+        }
+        return !words.empty();
+    });
     return words;
 }
 

@@ -170,7 +170,8 @@ class BootedMachine {
     bool isOn_ = false;
 };
 
-// Words of a process: its command line, or its environment.
+// Words of a process: its command line, or its environment. A process that execve(2) is about to
+// give its words, after its executable, is waited for.
 std::vector<std::string> processWords(pid_t process, const char* file = "cmdline");
 
 // The value of a field of /proc/PID/status, without blanks around it; empty without such a process.

@@ -237,11 +237,15 @@ std::vector<unsigned long long> processNumbers(pid_t pid, const std::string& fie
 }
 
 std::vector<std::string> processWords(pid_t pid, const char* file) {
-    std::istringstream bytes(readTestFile("/proc/" + std::to_string(pid) + "/" + file));
+    const std::string path = "/proc/" + std::to_string(pid) + "/" + file;
     std::vector<std::string> words;
-    for (std::string word; std::getline(bytes, word, '\0');) {
-        words.push_back(word);
-    }
+    eventually(Seconds{5}, [&] {
+        std::istringstream bytes(readTestFile(path));
+        for (std::string word; std::getline(bytes, word, '\0');) {
+            words.push_back(word);
+        }
+        return !words.empty();
+    });
     return words;
 }
 

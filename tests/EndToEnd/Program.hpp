@@ -90,7 +90,8 @@ class Program {
 // The numbers in a field of /proc/PID/status, in base `base`; empty when there is no such process.
 std::vector<unsigned long long> processNumbers(pid_t pid, const std::string& field, int base = 10);
 
-// The words of the process's command line, or of its environment.
+// The words of the process's command line, or of its environment. A process that execve(2) is about
+// to give its words, after its executable, is waited for.
 std::vector<std::string> processWords(pid_t pid, const char* file = "cmdline");
 
 // All processes whose executable is the file at `path`.
