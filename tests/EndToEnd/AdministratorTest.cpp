@@ -5,6 +5,7 @@
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -330,7 +331,8 @@ TEST_F(AdministratorTest, MayBeInterruptedAnywhereAndRunAgain) {
         commit();
         Program release({.words = {Place::control, "release"}, .stopped = true});
         Stepper stepper(release);
-        const bool killed = stepper.goTo(call, {}, [] { return false; });
+        // Before it has its lock it only reads.
+        const bool killed = stepper.goTo(call, SYS_flock, [] { return false; });
         release.kill();
         if (isLocked()) {
             EXPECT_TRUE(world.state()) << "locked, and nothing owes its removal";
