@@ -1,7 +1,6 @@
 #include "HalvoHelper/HelperListener.hpp"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -27,6 +26,7 @@
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/LockFile.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 
@@ -167,31 +167,17 @@ std::expected<Descriptor, ListenerFailure> socketFromSystemd() {
     return Descriptor(socket);
 }
 
-// Whether `file` is what now lies at `path`.
-bool liesAt(const Descriptor& file, const std::string& path) {
-    struct stat own{};
-    struct stat there{};
-    return fstat(file.get(), &own) == 0 && lstat(path.c_str(), &there) == 0 &&
-           own.st_dev == there.st_dev && own.st_ino == there.st_ino;
-}
-
 // Makes sure that no other helper serves `path`, for as long as the result is open. A file of its
 // own, because the socket's own file is no help: it outlives a helper that was killed.
 std::expected<Descriptor, ListenerFailure> takeLock(const std::string& path) {
-    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-    while (true) {
-        Descriptor lock(open(path.c_str(), flags, 0600));
-        if (!lock.isOpen()) {
-            return failure(exitSystem, "Couldn't open " + path + ": " + described(errno));
-        }
-        if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            return failure(exitSystem, "Another helper already runs: it holds " + path);
-        }
-        // A helper that ended in between took its file away, and what was locked is nobody's lock.
-        if (liesAt(lock, path)) {
-            return lock;
-        }
+    auto lock = takeLockFile(path);
+    if (lock) {
+        return std::move(*lock);
     }
+    if (lock.error().code == EWOULDBLOCK) {
+        return failure(exitSystem, "Another helper already runs: it holds " + path);
+    }
+    return failure(exitSystem, "Couldn't open " + lock.error().message);
 }
 
 // Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;

@@ -12,10 +12,11 @@ namespace {
 struct Kind {
     std::string_view name;
     const char* help;
-    bool hasJSON;
-    bool hasApp;
-    bool isRelease;
     Command command;
+
+    [[nodiscard]] bool isRelease() const { return std::holds_alternative<Release>(command); }
+
+    [[nodiscard]] bool isDoctor() const { return std::holds_alternative<Examine>(command); }
 };
 
 bool asksForHelp(const std::string& word) { return word == "--help" || word == "-h"; }
@@ -31,13 +32,13 @@ struct Said {
 
 // What `word` alone switches on for a command of this kind, if it does.
 bool* switchOf(const Kind& kind, const std::string& word, Said& said) {
-    if (kind.hasJSON && word == "--json") {
+    if (!kind.isRelease() && word == "--json") {
         return &said.asJSON;
     }
-    if (kind.isRelease && word == "--and-stop") {
+    if (kind.isRelease() && word == "--and-stop") {
         return &said.release.staysStopped;
     }
-    return kind.isRelease && word == "--bundle-gone" ? &said.release.isBundleGone : nullptr;
+    return kind.isRelease() && word == "--bundle-gone" ? &said.release.isBundleGone : nullptr;
 }
 
 std::expected<Command, std::string> parse(const Kind& kind, std::span<const std::string> words) {
@@ -49,7 +50,7 @@ std::expected<Command, std::string> parse(const Kind& kind, std::span<const std:
         }
         if (bool* isOn = switchOf(kind, word, said)) {
             *isOn = true;
-        } else if (kind.hasApp && word == "--app") {
+        } else if (kind.isDoctor() && word == "--app") {
             if (++i == words.size()) {
                 return std::unexpected("--app needs the PATH of a bundle.");
             }
@@ -64,13 +65,13 @@ std::expected<Command, std::string> parse(const Kind& kind, std::span<const std:
             return std::unexpected(std::string(kind.name) + " knows no word " + quoted(word) + ".");
         }
     }
-    if (std::holds_alternative<ShowStatus>(kind.command)) {
-        return ShowStatus{said.asJSON};
+    if (kind.isRelease()) {
+        return said.release;
     }
-    if (std::holds_alternative<Examine>(kind.command)) {
+    if (kind.isDoctor()) {
         return Examine{said.asJSON, said.app};
     }
-    return said.release;
+    return ShowStatus{said.asJSON};
 }
 
 }  // namespace
@@ -83,9 +84,9 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
         return ShowHelp{helpText};
     }
     const std::array kinds{
-        Kind{"status", statusHelpText, true, false, false, ShowStatus{}},
-        Kind{"doctor", doctorHelpText, true, true, false, Examine{}},
-        Kind{"release", releaseHelpText, false, false, true, Release{}},
+        Kind{"status", statusHelpText, ShowStatus{}},
+        Kind{"doctor", doctorHelpText, Examine{}},
+        Kind{"release", releaseHelpText, Release{}},
     };
     for (const Kind& kind : kinds) {
         if (kind.name == words.front()) {

@@ -1,8 +1,5 @@
 #include "tools/Halvoctl/ReleaseLock.hpp"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,18 +8,11 @@
 #include <thread>
 #include <utility>
 
+#include "HalvoPlatform/LockFile.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 
 namespace halvo::control {
 namespace {
-
-// Whether `file` is what now lies at `path`.
-bool liesAt(const Descriptor& file, const std::string& path) {
-    struct stat own{};
-    struct stat there{};
-    return fstat(file.get(), &own) == 0 && lstat(path.c_str(), &there) == 0 &&
-           own.st_dev == there.st_dev && own.st_ino == there.st_ino;
-}
 
 std::unexpected<std::string> failure(const std::string& path, int code) {
     return std::unexpected(records::printable(path) + " cannot be locked: " +
@@ -44,25 +34,16 @@ ReleaseLock::~ReleaseLock() {
 std::expected<ReleaseLock, std::string> ReleaseLock::take(const std::string& path,
                                                           const Patience& patience) {
     constexpr std::chrono::milliseconds pace{20};
-    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-    constexpr mode_t rootsAlone = 0600;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     bool said = false;
     while (true) {
-        Descriptor file(open(path.c_str(), flags, rootsAlone));
-        if (!file.isOpen()) {
-            return failure(path, errno);
+        auto file = takeLockFile(path);
+        if (file) {
+            return ReleaseLock(path, std::move(*file));
         }
-        if (flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
-            // One that ended in between took its file away, and what was locked is nobody's lock.
-            if (liesAt(file, path)) {
-                return ReleaseLock(path, std::move(file));
-            }
-            continue;
-        }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            return failure(path, errno);
+        if (file.error().code != EWOULDBLOCK) {
+            return failure(path, file.error().code);
         }
         const Seconds passed = Clock::now() - start;
         if (passed >= patience.limit) {

@@ -11,8 +11,7 @@
 namespace halvo::control {
 
 // Held for as long as it lives: two releases at once would each start what the other has stopped. A
-// lock of flock(2) on a file of root's, which the system gives up with the process however that
-// ends, and whose file is removed in the end.
+// lock file (LockFile.hpp) of root's, which is removed in the end.
 class ReleaseLock {
   public:
     // Takes the lock at `path`. Waits for another release as `patience` says. Fails with sentences

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
-#include <sstream>
 #include <string_view>
 
 #include "tools/HalvoRecords/Wording.hpp"
@@ -74,13 +72,7 @@ std::expected<Sandbox, std::string> readSandbox(const HelperIdentity& identity,
     if (shown->status != 0) {
         return std::unexpected(std::string(systemctl) + " does not tell of the helper's sandbox");
     }
-    std::map<std::string, std::string> properties;
-    std::istringstream lines(shown->output);
-    for (std::string line; std::getline(lines, line);) {
-        if (const std::size_t equals = line.find('='); equals != std::string::npos) {
-            properties[line.substr(0, equals)] = line.substr(equals + 1);
-        }
-    }
+    Properties properties = parseProperties(shown->output).front();
     Sandbox sandbox{properties["ProtectSystem"] == "strict",
                     parseList(properties["ReadWritePaths"])};
     for (std::string& folder : sandbox.writable) {

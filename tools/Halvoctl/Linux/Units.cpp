@@ -16,27 +16,29 @@ std::string resumeUnit(const HelperIdentity& identity) {
     return identity.helperBundleID() + "-resume.service";
 }
 
+std::vector<Properties> parseProperties(const std::string& output) {
+    std::vector<Properties> all(1);
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t equals = line.find('=');
+        if (line.empty()) {
+            all.emplace_back();
+        } else if (equals != std::string::npos) {
+            all.back()[line.substr(0, equals)] = line.substr(equals + 1);
+        }
+    }
+    return all;
+}
+
 std::map<std::string, Unit> parseUnits(const std::string& output) {
     std::map<std::string, Unit> units;
-    std::istringstream lines(output);
-    std::map<std::string, std::string> properties;
-    const auto finish = [&] {
+    for (Properties& properties : parseProperties(output)) {
         if (const auto name = properties.find("Id"); name != properties.end()) {
             units[name->second] = {properties["LoadState"], properties["ActiveState"],
                                    properties["UnitFileState"], properties["Result"],
                                    properties["SubState"]};
         }
-        properties.clear();
-    };
-    for (std::string line; std::getline(lines, line);) {
-        const std::size_t equals = line.find('=');
-        if (line.empty()) {
-            finish();
-        } else if (equals != std::string::npos) {
-            properties[line.substr(0, equals)] = line.substr(equals + 1);
-        }
     }
-    finish();
     return units;
 }
 

@@ -58,7 +58,14 @@ struct Units {
 // The units of `identity`, or why they cannot be told. Takes at most 10 seconds.
 std::expected<Units, std::string> readUnits(const HelperIdentity& identity, Programs& programs);
 
-// The properties that `output` of `systemctl show` gives of each unit, by its name.
+// What a unit is asked for with `systemctl show`, by name.
+using Properties = std::map<std::string, std::string>;
+
+// The properties that `output` of `systemctl show` gives of each unit, at least one, in its order:
+// a line each, and an empty line before the next unit. Other lines count for nothing.
+std::vector<Properties> parseProperties(const std::string& output);
+
+// The units that `output` of `systemctl show` tells of, by name.
 std::map<std::string, Unit> parseUnits(const std::string& output);
 
 }  // namespace halvo::control
