@@ -2,8 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "HalvoPlatform/LockFile.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -39,11 +43,29 @@ TEST_F(LockFileTest, IsHeldWhileItIsOpen) {
     EXPECT_TRUE(takeLockFile(path)) << "what a holder left is taken over";
 }
 
-TEST_F(LockFileTest, IsOfWhatLiesAtItsPath) {
-    const auto former = takeLockFile(path);
-    ASSERT_TRUE(former);
-    fs::remove(path);
-    EXPECT_TRUE(takeLockFile(path));
+// One that ends takes the file away that the next one may have opened already.
+TEST_F(LockFileTest, HasOneHolderAtATimeThoughEachRemovesTheFile) {
+    std::atomic<int> holders = 0;
+    std::atomic<int> most = 0;
+    std::vector<std::thread> all;
+    for (int i = 0; i < 4; ++i) {
+        all.emplace_back([&] {
+            for (int taken = 0; taken < 200;) {
+                const auto lock = takeLockFile(path);
+                if (lock) {
+                    ++taken;
+                    most = std::max<int>(most, ++holders);
+                    std::this_thread::yield();
+                    --holders;
+                    fs::remove(path);
+                }
+            }
+        });
+    }
+    for (std::thread& each : all) {
+        each.join();
+    }
+    EXPECT_EQ(most, 1);
 }
 
 TEST_F(LockFileTest, RefusesWhatIsNoFile) {
