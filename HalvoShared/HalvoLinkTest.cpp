@@ -282,8 +282,9 @@ TEST(HalvoLinkTest, IsTheMainWindowForTextWithAZeroByte) {
     }
 }
 
-TEST(HalvoLinkTest, ReadsMegabytes) {
-    constexpr std::size_t size = std::size_t{2} << 20U;
+// In a time that grows with their length: with its square, each of these would take minutes.
+TEST(HalvoLinkTest, ReadsLongTexts) {
+    constexpr std::size_t size = std::size_t{1} << 18U;
     for (const char character : {'a', '%', ' ', '[', '@', ':', '/', '?', '#', '&', '=', '\xFF'}) {
         EXPECT_EQ(reading(std::string(size, character)), mainWindow) << character;
         EXPECT_EQ(reading("halvo://breathe?" + std::string(size, character)), breathe())
