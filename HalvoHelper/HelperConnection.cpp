@@ -1,6 +1,6 @@
 #include "HalvoHelper/HelperConnection.hpp"
 
-#include <array>
+#include <cmath>
 #include <optional>
 #include <utility>
 
@@ -11,21 +11,19 @@
 namespace halvo {
 namespace {
 
-// 1970-01-01 and 10000-01-01, in seconds since 1970. A date beyond them would pass the engine's
-// checks with a budget that cannot be counted in whole seconds, after the lock was set.
-constexpr double firstDate = 0;
-constexpr double pastLastDate = 253402300800;
+// 10000-01-01, in seconds since 1970. A commitment is granted a day from its start at the most, so
+// that of any earlier start the engine can count in whole seconds.
+constexpr double pastLastStart = 253402300800;
 
-// What is wrong with the first of the dates that no begin may carry.
+// What is wrong with the first of the dates that the engine cannot reckon with.
 std::optional<BadArgument> badDate(WallDate until, WallDate started) {
-    const std::array dates{std::pair{std::string("until"), until},
-                           std::pair{std::string("started"), started}};
-    for (const auto& [name, date] : dates) {
-        const double seconds = secondsSince1970(date);
-        const bool fits = seconds >= firstDate && seconds < pastLastDate;  // not-a-number does not
-        if (!fits) {
-            return BadArgument{name, "is not a date of the years 1970 to 9999"};
+    for (const auto& [name, date] : {std::pair("until", until), std::pair("started", started)}) {
+        if (!std::isfinite(secondsSince1970(date))) {
+            return BadArgument{name, "is not a finite number"};
         }
+    }
+    if (secondsSince1970(started) >= pastLastStart) {
+        return BadArgument{"started", "is after the year 9999"};
     }
     return std::nullopt;
 }
@@ -41,7 +39,9 @@ void HelperConnection::begin(const std::string& appPath, WallDate until, WallDat
     queue_.async([&engine = engine_, peer = peer_, path = std::move(path), until, started,
                   reply = std::move(reply)] {
         assumeMainActor();
-        if (auto bad = badDate(until, started)) {
+        // A bundle that is not the caller's own is for the engine to refuse, whatever the dates.
+        auto bad = HelperEngine::isOwnBundle(path, peer) ? badDate(until, started) : std::nullopt;
+        if (bad) {
             HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s %{public}s", bad->name.c_str(),
                             bad->problem.c_str());
             reply(std::unexpected(*std::move(bad)));

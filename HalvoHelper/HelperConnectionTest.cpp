@@ -26,6 +26,8 @@ constexpr std::uint32_t ann = 501;
 constexpr std::uint32_t ben = 502;
 constexpr Seconds hour{3600};
 
+constexpr const char* notTheirs = "Refused a begin for a bundle that isn't the caller's own";
+
 std::string worded(bool ok) { return ok ? "yes" : "no"; }
 
 class HelperConnectionTest : public ::testing::Test {
@@ -178,8 +180,7 @@ TEST_F(HelperConnectionTest, RefusesAPathWithAZeroByteAsTheEngineDoes) {
     begin(mine, app + std::string("\0.app", 5));
     queue.runPending();
     EXPECT_THAT(replies, ElementsAre("begin no"));
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Refused a begin for a bundle that isn't the caller's own"));
+    EXPECT_THAT(log.errors(), ElementsAre(notTheirs));
 }
 
 // -------------------------------------------------------------------------------------- the dates
@@ -187,27 +188,25 @@ TEST_F(HelperConnectionTest, RefusesAPathWithAZeroByteAsTheEngineDoes) {
 constexpr double tooLate = 253402300800;
 constexpr double infinite = std::numeric_limits<double>::infinity();
 
-const double badDates[] = {
-    tooLate,
-    std::nextafter(tooLate, infinite),
-    std::nextafter(0.0, -1.0),
-    -1,
-    std::numeric_limits<double>::max(),
-    std::numeric_limits<double>::lowest(),
-    infinite,
-    -infinite,
-    std::numeric_limits<double>::quiet_NaN(),
-    -std::numeric_limits<double>::quiet_NaN(),
-    std::numeric_limits<double>::signaling_NaN(),
-};
+constexpr double latest = std::numeric_limits<double>::max();
+// What many programs take for a date before, and after, all others.
+constexpr double distantPast = -62135769600;
+constexpr double distantFuture = 64092211200;
+
+const std::string notFinite = "is not a finite number";
+const std::string pastTheYears = "is after the year 9999";
+
+const double noDates[] = {infinite, -infinite, std::numeric_limits<double>::quiet_NaN(),
+                          -std::numeric_limits<double>::quiet_NaN(),
+                          std::numeric_limits<double>::signaling_NaN()};
+const double lateStarts[] = {tooLate, std::nextafter(tooLate, infinite), 1e300, latest};
 
 class HelperConnectionBadDateTest : public HelperConnectionTest,
                                     public ::testing::WithParamInterface<double> {
   protected:
-    void expectRefusal(const std::string& argument) {
+    void expectRefusal(const std::string& argument, const std::string& problem) {
         world.calls.clear();
         queue.runPending();
-        const std::string problem = "is not a date of the years 1970 to 9999";
         EXPECT_THAT(replies, ElementsAre("bad " + argument + ": " + problem));
         EXPECT_THAT(log.messages(),
                     ElementsAre(LogMessage{LogLevel::Error,
@@ -219,20 +218,39 @@ class HelperConnectionBadDateTest : public HelperConnectionTest,
 
 TEST_P(HelperConnectionBadDateTest, AsAnEndNeverReachesTheEngine) {
     begin(mine, app, wallDate(GetParam()), now());
-    expectRefusal("until");
+    expectRefusal("until", notFinite);
 }
 
 TEST_P(HelperConnectionBadDateTest, AsAStartNeverReachesTheEngine) {
     begin(mine, app, now() + hour, wallDate(GetParam()));
-    expectRefusal("started");
+    expectRefusal("started", notFinite);
 }
 
 TEST_P(HelperConnectionBadDateTest, AsBothIsToldOfTheFirst) {
     begin(mine, app, wallDate(GetParam()), wallDate(GetParam()));
-    expectRefusal("until");
+    expectRefusal("until", notFinite);
 }
 
-INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionBadDateTest, ::testing::ValuesIn(badDates));
+INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionBadDateTest, ::testing::ValuesIn(noDates));
+
+using HelperConnectionLateStartTest = HelperConnectionBadDateTest;
+
+TEST_P(HelperConnectionLateStartTest, NeverReachesTheEngine) {
+    begin(mine, app, now() + hour, wallDate(GetParam()));
+    expectRefusal("started", pastTheYears);
+}
+
+INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionLateStartTest, ::testing::ValuesIn(lateStarts));
+
+TEST_F(HelperConnectionTest, ABeginForAnothersBundleIsRefusedAsThatWhateverItsDates) {
+    const std::string other = world.addBundle("Applications/Other.app");
+    for (const double date : {infinite, -infinite, std::nan(""), latest, -latest, 1e9}) {
+        begin(mine, other, wallDate(date), wallDate(date));
+        queue.runPending();
+    }
+    EXPECT_THAT(replies, ::testing::AllOf(::testing::SizeIs(6), ::testing::Each("begin no")));
+    EXPECT_THAT(log.errors(), ::testing::AllOf(::testing::SizeIs(6), ::testing::Each(notTheirs)));
+}
 
 TEST_F(HelperConnectionTest, ABadDateLeavesWhatIsHeld) {
     begin(mine, app);
@@ -246,20 +264,52 @@ TEST_F(HelperConnectionTest, ABadDateLeavesWhatIsHeld) {
 class HelperConnectionGoodDateTest : public HelperConnectionTest,
                                      public ::testing::WithParamInterface<double> {};
 
-TEST_P(HelperConnectionGoodDateTest, ReachesTheEngineAsAnEndAndAsAStart) {
-    const WallDate date = wallDate(GetParam());
-    begin(mine, app, date, now());
-    begin(mine, app, now() + hour, date);
+using HelperConnectionPastTest = HelperConnectionGoodDateTest;
+
+TEST_P(HelperConnectionPastTest, AsAnEndEndsWhatIsHeld) {
+    begin(mine, app);
+    begin(mine, app, wallDate(GetParam()), now());
     queue.runPending();
-    // The past grants nothing; the future is capped, by the day or by what was asked for.
-    const std::string reply = "begin " + worded(date > now());
-    EXPECT_THAT(replies, ElementsAre(reply, reply));
+    EXPECT_THAT(replies, ElementsAre("begin yes", "begin no"));
     EXPECT_THAT(log.errors(), IsEmpty());
+    EXPECT_EQ(engine.lastLift(), HelperEngine::Lift::ended);
 }
 
-INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionGoodDateTest,
-                         ::testing::Values(0.0, -0.0, std::numeric_limits<double>::denorm_min(),
-                                           1.5, tooLate - 1, std::nextafter(tooLate, 0.0)));
+TEST_P(HelperConnectionPastTest, AsAStartLeavesNothingOfTheDay) {
+    begin(mine, app, now() + hour, wallDate(GetParam()));
+    begin(mine, app);
+    begin(mine, app, now() + hour, wallDate(GetParam()));
+    queue.runPending();
+    EXPECT_THAT(replies, ElementsAre("begin no", "begin yes", "begin no"));
+    EXPECT_THAT(log.errors(), IsEmpty());
+    EXPECT_EQ(engine.lastLift(), HelperEngine::Lift::ended);
+}
+
+INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionPastTest,
+                         ::testing::Values(0.0, -0.0, 1.5, -1, distantPast, -1e300, -latest));
+
+using HelperConnectionFutureTest = HelperConnectionGoodDateTest;
+
+TEST_P(HelperConnectionFutureTest, AsAnEndIsGrantedUpToTheCap) {
+    begin(mine, app, wallDate(GetParam()), now() - hour);
+    status(mine);
+    queue.runPending();
+    EXPECT_THAT(replies, ElementsAre("begin yes", "status yes"));
+    EXPECT_EQ(statuses.back().until, now() + HelperCommitment::maximum - hour);
+    queue.advance(HelperCommitment::maximum - hour);
+    engine.tick();
+    EXPECT_EQ(engine.lastLift(), HelperEngine::Lift::deadline);
+}
+
+INSTANTIATE_TEST_SUITE_P(Dates, HelperConnectionFutureTest,
+                         ::testing::Values(distantFuture, tooLate, 1e300, latest));
+
+TEST_F(HelperConnectionTest, TheLastStartOfTheCalendarGrantsWhatIsAskedFor) {
+    begin(mine, app, wallDate(latest), wallDate(std::nextafter(tooLate, 0.0)));
+    queue.runPending();
+    EXPECT_THAT(replies, ElementsAre("begin yes"));
+    EXPECT_THAT(log.errors(), IsEmpty());
+}
 
 // ------------------------------------------------------------------------------------ the replies
 
@@ -287,8 +337,7 @@ TEST_F(HelperConnectionTest, KeepsTheOrderOfTheRequestsOfAllConnections) {
     heartbeat(theirs);
     queue.runPending();
     EXPECT_THAT(replies,
-                ElementsAre("status no", "begin yes",
-                            "bad until: is not a date of the years 1970 to 9999", "status yes",
+                ElementsAre("status no", "begin yes", "bad until: " + notFinite, "status yes",
                             "begin no", "end yes", "begin yes", "status no", "heartbeat yes"));
 }
 
@@ -312,9 +361,8 @@ TEST_F(HelperConnectionTest, AnswersRequestsThatOutliveTheirConnection) {
     end(*connection);
     connection.reset();
     queue.runPending();
-    EXPECT_THAT(replies,
-                ElementsAre("begin yes", "bad until: is not a date of the years 1970 to 9999",
-                            "heartbeat yes", "status yes", "end yes"));
+    EXPECT_THAT(replies, ElementsAre("begin yes", "bad until: " + notFinite, "heartbeat yes",
+                                     "status yes", "end yes"));
 }
 
 TEST_F(HelperConnectionTest, TakesRequestsOfAnyThread) {

@@ -27,8 +27,8 @@ class HalvoHelperXPC {
 
     virtual ~HalvoHelperXPC() = default;
 
-    // Commits the caller to keep its own bundle. A date that is not finite, or lies outside the
-    // years 1970 to 9999, is a bad argument.
+    // Commits the caller to keep its own bundle. For that bundle a date that is not finite is a bad
+    // argument, and so is a `started` after the year 9999.
     virtual void begin(const std::string& appPath, WallDate until, WallDate started,
                        BeginReply reply) = 0;
 

@@ -75,11 +75,15 @@ void HelperEngine::startup() {
                       long{wholeSeconds(commitment_->timeLeft(now))});
 }
 
+bool HelperEngine::isOwnBundle(const std::string& appPath, const HelperPeer& peer) {
+    return AppLocation::isBundlePath(appPath) && peer.bundlePath == appPath;
+}
+
 bool HelperEngine::begin(const std::string& appPath, WallDate until, WallDate started,
                          const HelperPeer& peer) {
     assumeMainActor();
     const ClockReading now = clock_.reading();
-    if (!AppLocation::isBundlePath(appPath) || peer.bundlePath != appPath) {
+    if (!isOwnBundle(appPath, peer)) {
         HALVO_LOG_ERROR(log_, "Refused a begin for a bundle that isn't the caller's own");
         return false;
     }

@@ -49,9 +49,14 @@ class HelperEngine {
     // record cannot be read. Called once, before any request.
     void startup();
 
+    // Whether `appPath` is the caller's own bundle: the only one that it can commit.
+    static bool isOwnBundle(const std::string& appPath, const HelperPeer& peer);
+
     // Commits `peer` to keep its own bundle `appPath` until `until`, counted from `started`, and
     // never longer than a day from the first start. True when a commitment is now held for the
-    // caller. An `until` in the past ends the caller's running commitment and is false.
+    // caller. An `until` in the past, however far, ends the caller's running commitment and is
+    // false. Both dates are finite, and `started` not so far ahead that the day after it cannot be
+    // counted in whole seconds (see wholeSeconds()).
     bool begin(const std::string& appPath, WallDate until, WallDate started,
                const HelperPeer& peer);
 

@@ -306,6 +306,32 @@ TEST_F(HelperEngineTest, AnExtensionStartedEarlierLowersTheCap) {
     EXPECT_EQ(held().startedWall, now()) << "the start of the first begin stays";
 }
 
+// Dates as far away as a double can say.
+
+TEST_F(HelperEngineTest, AnEndOrAStartInTheFarPastEndsWhatIsHeld) {
+    for (const double past :
+         {-1.0, -62135769600.0, -1e300, std::numeric_limits<double>::lowest()}) {
+        begin(app, hour);
+        EXPECT_FALSE(beginFrom(now(), wallDate(past)));
+        expectIdle();
+        begin(app, hour);
+        EXPECT_FALSE(beginFrom(wallDate(past), now() + hour));
+        expectIdle();
+    }
+}
+
+TEST_F(HelperEngineTest, AnEndInTheFarFutureIsGrantedUpToTheCapAndNoLonger) {
+    for (const double future : {64092211200.0, 1e300, std::numeric_limits<double>::max()}) {
+        log.clear();
+        EXPECT_TRUE(beginFrom(now() - hour, wallDate(future)));
+        EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 82800 s"});
+        EXPECT_EQ(engine->status(peer()).until, now() + day - hour);
+        EXPECT_TRUE(begin(app, minute)) << "it can be shortened as any other";
+        EXPECT_EQ(engine->status(peer()).until, now() + minute);
+        engine->end(peer());
+    }
+}
+
 TEST_F(HelperEngineTest, AnExtensionMayShorten) {
     begin(app, hour);
     EXPECT_TRUE(begin(app, minute));

@@ -334,16 +334,19 @@ constexpr const char* invalid = "org.freedesktop.DBus.Error.InvalidArgs";
 
 TEST_F(BusConnectionTest, RefusesABadDateByName) {
     connect();
-    const double bad[] = {std::numeric_limits<double>::quiet_NaN(),
-                          std::numeric_limits<double>::infinity(), -1, 253402300800};
-    for (const double date : bad) {
+    const std::string notFinite = " is not a finite number";
+    for (const double date :
+         {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
         Reply reply = client->call(begin(app, date, now));
         EXPECT_EQ(reply.errorName, invalid);
-        EXPECT_EQ(reply.errorMessage, "until is not a date of the years 1970 to 9999");
+        EXPECT_EQ(reply.errorMessage, "until" + notFinite);
         reply = client->call(begin(app, now, date));
         EXPECT_EQ(reply.errorName, invalid);
-        EXPECT_EQ(reply.errorMessage, "started is not a date of the years 1970 to 9999");
+        EXPECT_EQ(reply.errorMessage, "started" + notFinite);
     }
+    const Reply late = client->call(begin(app, now, 253402300800));
+    EXPECT_EQ(late.errorName, invalid);
+    EXPECT_EQ(late.errorMessage, "started is after the year 9999");
     EXPECT_TRUE(engine.isIdle());
 }
 

@@ -219,10 +219,24 @@ TEST_F(ExportedConnectionTest, TakesAMissingDateForNone) {
     begin(foundationText(app), dateOf(now() + hour), missing);
     fake::serve(0);
     EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
-    EXPECT_THAT(fake::errors(),
-                ElementsAre("Refused a begin: until is not a date of the years 1970 to 9999",
-                            "Refused a begin: started is not a date of the years 1970 to 9999"));
+    EXPECT_THAT(fake::errors(), ElementsAre("Refused a begin: until is not a finite number",
+                                            "Refused a begin: started is not a finite number"));
     EXPECT_TRUE(engine.isIdle());
+}
+
+// [NSDate distantPast] and [NSDate distantFuture]: the years 1 and 4001.
+TEST_F(ExportedConnectionTest, TakesTheDistantFutureAndTheDistantPastForDates) {
+    NSDate* distantPast = dateOf(wallDate(-62'135'769'600));
+    NSDate* distantFuture = dateOf(wallDate(64'092'211'200));
+    begin(foundationText(app), distantFuture, dateOf(now()));
+    status();
+    begin(foundationText(app), distantPast, dateOf(now()));
+    status();
+    begin(foundationText(app), distantFuture, distantPast);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 86400.000000 locked",
+                                     "begin no", "status idle", "begin no"));
+    EXPECT_THAT(fake::errors(), IsEmpty());
 }
 
 TEST_F(ExportedConnectionTest, ServesARequestWhoseReplyNobodyWants) {

@@ -92,28 +92,46 @@ TEST_F(RequestTest, IsRefusedByNameWhenThereIsNoSuchThing) {
                 Reply::rejected);
 }
 
-TEST_F(RequestTest, MustHaveDatesOfTheCalendar) {
-    const std::string until = invalidArguments + "until is not a date of the years 1970 to 9999";
-    const std::string started =
-        invalidArguments + "started is not a date of the years 1970 to 9999";
-    for (const char* date : {"nan", "-nan", "inf", "-inf", "-1", "-0.001", "253402300800", "1e300",
-                             "-1e300", "1.7976931348623157e308"}) {
+TEST_F(RequestTest, MustHaveFiniteDatesAndAStartThatCanBeCounted) {
+    const std::string notFinite = " is not a finite number";
+    for (const char* date : {"nan", "-nan", "inf", "-inf"}) {
         SCOPED_TRACE(date);
-        expectRejection({"begin-at", Place::app, date, "1e9"}, until);
-        expectRejection({"begin-at", Place::app, "1e9", date}, started);
-        expectRejection({"begin-at", Place::app, date, date}, until);
+        expectRejection({"begin-at", Place::app, date, "1e9"},
+                        invalidArguments + "until" + notFinite);
+        expectRejection({"begin-at", Place::app, "1e9", date},
+                        invalidArguments + "started" + notFinite);
+        EXPECT_EQ(world.ask({"begin-at", "/Applications/Other.app", date, date}).status, Reply::no);
+    }
+    for (const char* date : {"253402300800", "1e300", "1.7976931348623157e308"}) {
+        expectRejection({"begin-at", Place::app, "1e9", date},
+                        invalidArguments + "started is after the year 9999");
+    }
+    EXPECT_FALSE(isLocked());
+    EXPECT_FALSE(exists(Place::stateFolder));
+    EXPECT_EQ(helper.count("Holding*"), 0);
+    EXPECT_EQ(helper.count("Refused a begin for a bundle that isn't the caller's own"), 4);
+}
+
+TEST_F(RequestTest, MayEndWhatIsHeldByAnEndInTheFarPast) {
+    for (const char* date : {"-1", "-62135769600", "-1e300", "-1.7976931348623157e308"}) {
+        SCOPED_TRACE(date);
+        EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
+        EXPECT_TRUE(isLocked());
+        const std::string now = std::to_string(secondsSince1970(wallNow()));
+        EXPECT_EQ(world.ask({"begin-at", Place::app, date, now}).status, Reply::no);
         EXPECT_FALSE(isLocked());
         EXPECT_FALSE(exists(Place::stateFolder));
     }
-    EXPECT_EQ(helper.count("Holding*"), 0);
 }
 
-TEST_F(RequestTest, MayHaveTheLastDateOfTheCalendar) {
+TEST_F(RequestTest, MayHaveTheLastStartOfTheCalendar) {
     EXPECT_EQ(world.ask({"begin-at", Place::app, "253402300799", "253402300799"}).status,
               Reply::yes);
     EXPECT_TRUE(isLocked());
     EXPECT_EQ(world.end(), Reply::yes);
-    EXPECT_EQ(world.ask({"begin-at", Place::app, "253402300799", "0"}).status, Reply::no);
+    for (const char* past : {"0", "-1", "-1e300"}) {
+        EXPECT_EQ(world.ask({"begin-at", Place::app, "253402300799", past}).status, Reply::no);
+    }
 }
 
 TEST_F(RequestTest, MustNotHaveAPathWithAZeroByteOrBrokenText) {
@@ -177,6 +195,24 @@ TEST_F(RequestTest, IsDoneAlsoWhenNoReplyIsWanted) {
         {Place::talker, "!Begin:udd", "!Heartbeat", "!Missing", "!End", "!Status", "Status"});
     EXPECT_EQ(answer.output, "sent\nsent\nsent\nsent\nsent\nbadb\n");
     EXPECT_EQ(helper.count("Ultra Hard mode let go: ended"), 1);
+}
+
+TEST(FarEndTest, IsGrantedUpToTheCapAndTakenUpAgainByTheNextHelper) {
+    const World world;
+    for (const char* date : {"64092211200", "253402300800", "1e300", "1.7976931348623157e308"}) {
+        SCOPED_TRACE(date);
+        const double now = secondsSince1970(wallNow());
+        RunningHelper first;
+        EXPECT_EQ(world.ask({"begin-at", Place::app, date, std::to_string(now)}).status,
+                  Reply::yes);
+        EXPECT_TRUE(isLocked());
+        EXPECT_NEAR(world.status().until.value_or(0), now + 86400, 1);
+        EXPECT_EQ(first.terminate(), 75);
+        const RunningHelper second;
+        EXPECT_NEAR(world.status().until.value_or(0), now + 86400, 1);
+        EXPECT_EQ(world.end(), Reply::yes);
+        EXPECT_FALSE(isLocked());
+    }
 }
 
 }  // namespace
