@@ -98,6 +98,10 @@ std::optional<HelperCommitment> commitmentFrom(const Json& object) {
 }
 
 StoredCommitment decode(const std::string& bytes) {
+    // The library takes a zero byte for the end of the text, whatever follows.
+    if (bytes.find('\0') != std::string::npos) {
+        return UnreadableCommitment{};
+    }
     const Json root = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
     if (!root.is_object()) {
         return UnreadableCommitment{};

@@ -12,7 +12,8 @@ namespace halvo {
 // folder are interchangeable, but must not write at once. Main queue only.
 //
 // The file is one object, pretty-printed, with its keys sorted; dates are seconds since 1970, and
-// every double reads back to the same bits. Readers accept any order and unknown members.
+// every double reads back to the same bits. Readers accept any order and unknown members, and for a
+// double a whole number of any length; a file with a zero byte is not JSON, wherever it is.
 class FileCommitmentStore final : public CommitmentStore {
   public:
     // `folder` need not exist; save() makes it (0700) with the folders above it.

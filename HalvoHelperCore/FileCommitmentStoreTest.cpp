@@ -512,6 +512,21 @@ TEST_F(FileCommitmentStoreTest, TextThatIsNotUTF8TellsNothing) {
     }
 }
 
+TEST_F(FileCommitmentStoreTest, AZeroByteAnywhereTellsNothing) {
+    for (const std::string& rest : {""s, "rubbish"s, std::string(golden)}) {
+        EXPECT_EQ(loaded(golden + "\0"s + rest), StoredCommitment(nothingSaved)) << rest;
+        EXPECT_EQ(loaded(textOf({{"appPath", "\"/A.app\""}, {"locked", "true"}}) + "\0"s + rest),
+                  StoredCommitment(nothingSaved));
+    }
+}
+
+// A number of seconds is a double, whatever it is written as.
+TEST_F(FileCommitmentStoreTest, AWholeNumberOfSecondsMayHaveMoreDigitsThan64Bits) {
+    const StoredCommitment stored = loaded(fileWith("remaining", "-9223372036854775809"));
+    ASSERT_TRUE(std::holds_alternative<HelperCommitment>(stored));
+    EXPECT_EQ(std::get<HelperCommitment>(stored).remaining.count(), -9223372036854775808.0);
+}
+
 TEST_F(FileCommitmentStoreTest, AnEscapedZeroByteIsPartOfThePath) {
     const StoredCommitment stored = loaded(fileWith("appPath", R"("/Applications/a\u0000b.app")"));
     ASSERT_TRUE(std::holds_alternative<HelperCommitment>(stored));
@@ -553,8 +568,8 @@ TEST_F(FileCommitmentStoreTest, ADamagedByteIsNeverTakenForNoFile) {
     }
 }
 
-// A reader that called itself would need more than the initial thread's 8 MiB of stack here, with as
-// little as 42 bytes for each level.
+// A reader that called itself would need more than the initial thread's 8 MiB of stack here, with
+// as little as 42 bytes for each level.
 TEST_F(FileCommitmentStoreTest, SurvivesTheDeepestNesting) {
     constexpr std::size_t depth = 200'000;
     const std::string nested = std::string(depth, '[') + std::string(depth, ']');

@@ -142,6 +142,9 @@ TEST(CodingTest, KeepsToTheRangeOfAnInteger) {
     EXPECT_EQ(read<std::int64_t>("-9223372036854775808"), std::numeric_limits<std::int64_t>::min());
     EXPECT_FALSE(read<std::int64_t>("9223372036854775808"));
     EXPECT_FALSE(read<std::int64_t>("18446744073709551616"));
+    EXPECT_FALSE(read<std::int64_t>("-9223372036854775809"));
+    EXPECT_FALSE(read<std::int64_t>("-9223372036854776832"));
+    EXPECT_FALSE(read<std::int64_t>("-1" + std::string(400, '0') + "1.0"));
     EXPECT_FALSE(read<std::int64_t>("9223372036854775808.0"));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -112,7 +113,11 @@ class Reader final : public Json::json_sax_t {
 
     bool number_unsigned(std::uint64_t number) override { return take(number); }
 
-    bool number_float(double number, const std::string& /*text*/) override { return take(number); }
+    bool number_float(double number, const std::string& text) override {
+        // The library rounds a whole number that 64 bits do not hold, perhaps to one that they do.
+        const bool isWhole = text.find_first_of(".eE") == std::string::npos;
+        return take(isWhole ? std::nextafter(number, number * 2) : number);
+    }
 
     bool string(std::string& text) override { return take(&text); }
 
@@ -459,6 +464,11 @@ std::string description(const EncodingError& error) { return described(error.pat
 
 std::expected<void, DecodingError> decodeInto(void* value, const Type& type,
                                               std::string_view json) {
+    // The library takes it for the end of the text, whatever follows.
+    if (json.find('\0') != std::string_view::npos) {
+        return std::unexpected(DecodingError{DecodingError::Kind::Malformed, "",
+                                             "This is not JSON: it holds a zero byte"});
+    }
     Reader reader(value, type);
     if (!Json::sax_parse(json, &reader)) {
         return std::unexpected(reader.error());

@@ -50,7 +50,9 @@ std::expected<void, DecodingError> decodeInto(void* value, const coding::Type& t
 std::expected<std::string, EncodingError> encodeFrom(const void* value, const coding::Type& type);
 
 // The record that `json` holds. Members that it does not declare are passed over; of a key that
-// comes twice the last counts. Uses no more stack however deep the text is nested, and memory in
+// comes twice the last counts. A zero byte is no part of JSON, not even at the end. A whole number
+// is one that 64 bits hold, never one that is rounded to that; with a fraction or an exponent it is
+// read as a double first. Uses no more stack however deep the text is nested, and memory in
 // proportion to its length.
 template <class T>
 std::expected<T, DecodingError> decode(std::string_view json) {

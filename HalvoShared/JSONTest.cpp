@@ -49,6 +49,17 @@ TEST(JSONTest, MayHaveBlanksWhenItIsRead) {
     EXPECT_TRUE(JSON::decode<State>(" \n{ \"noBlocks\" :\t{ } }\r\n"));
 }
 
+TEST(JSONTest, HasNoZeroByteAnywhere) {
+    const std::string json = "{ \"noBlocks\" : { } } ";
+    const JSON::DecodingError error{Kind::Malformed, "", "This is not JSON: it holds a zero byte"};
+    for (const char* rest : {"", "rubbish", "{}"}) {
+        EXPECT_EQ(errorOf(json + '\0' + rest), error) << rest;
+    }
+    for (std::size_t place = 0; place <= json.size(); ++place) {
+        EXPECT_EQ(errorOf(std::string(json).insert(place, 1, '\0')), error) << place;
+    }
+}
+
 TEST(JSONTest, SaysTheWayToABadMember) {
     EXPECT_EQ(pathOfErrorIn(changed(R"("level":"gentle")", R"("level":"mild")")),
               "phases[2].state.focusFilter._0.level");
