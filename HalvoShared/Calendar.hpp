@@ -10,7 +10,8 @@ namespace halvo {
 // Where days begin, and what time it is a number of days later. All members: any thread, never
 // throw.
 //
-// A day is all the instants with one calendar date; it may last 23 or 25 hours, or not exist. To go
+// A day is all the instants with one calendar date; it may last 23 or 25 hours, or not exist, and
+// where the clock goes back across midnight some of another day may lie within it. To go
 // through days, step from start to start: a span of 24 hours may end on the same day, or pass over
 // one.
 class Calendar {
@@ -27,11 +28,14 @@ class Calendar {
     // later calendar date. Nothing when it or `date` is outside the calendar's range.
     [[nodiscard]] virtual std::optional<WallDate> startOfNextDay(WallDate date) const = 0;
 
-    // The same time of day, `days` calendar days later, earlier when negative. A time that the
-    // clock skips on that day is later by as much as it skips; of a time that comes twice it is the
-    // first, also when `days` is 0. Fractions of a second are kept, as far as a WallDate holds
-    // them. Nothing when that day does not exist, or when it or `date` is outside the calendar's
-    // range.
+    // The same time of day, `days` calendar days later, earlier when negative; as
+    // -[NSCalendar dateByAddingUnit:value:toDate:options:] does. A time that the clock skips on
+    // that day is later by as much as it skips. Of a time that comes twice it is, on the way
+    // forward, the first; on the way back the one with the offset of `date`, where there is one.
+    // Over a whole day that was skipped, or came twice, it goes by 24 hours for each day, so that
+    // the day after one that was skipped takes its place, or the day before on the way back.
+    // Fractions of a second are kept, as far as a WallDate holds them. Nothing when it or `date` is
+    // outside the calendar's range.
     [[nodiscard]] virtual std::optional<WallDate> addingDays(int days, WallDate date) const = 0;
 
   protected:

@@ -109,6 +109,14 @@ struct GregorianCalendar::Zone {
 
     // A whole number of cycles that, taken from `instant`, moves it before cycleEnd.
     [[nodiscard]] seconds cyclesTo(sys_seconds instant) const;
+
+    [[nodiscard]] seconds offsetAt(sys_seconds instant) const {
+        return changeAt(instant - cyclesTo(instant))->offset;
+    }
+
+    // How much earlier clocks showed the time that they show again at `instant`; 0 when they did
+    // not.
+    [[nodiscard]] seconds repetitionAt(sys_seconds instant) const;
 };
 
 std::expected<GregorianCalendar::Zone, std::string> GregorianCalendar::Zone::read(
@@ -149,6 +157,16 @@ seconds GregorianCalendar::Zone::cyclesTo(sys_seconds instant) const {
     return instant < cycleEnd ? seconds{0} : cycle * ((instant - cycleEnd) / cycle + 1);
 }
 
+seconds GregorianCalendar::Zone::repetitionAt(sys_seconds instant) const {
+    const sys_seconds within = instant - cyclesTo(instant);
+    const OffsetChange* change = changeAt(within);
+    if (change == changes.data()) {
+        return seconds{0};
+    }
+    const seconds back = change[-1].offset - change->offset;
+    return within - change->begin < back ? back : seconds{0};
+}
+
 GregorianCalendar::GregorianCalendar(std::shared_ptr<const Zone> zone) : zone_(std::move(zone)) {}
 
 std::expected<GregorianCalendar, std::string> GregorianCalendar::named(const std::string& name) {
@@ -182,8 +200,7 @@ Seconds GregorianCalendar::offset(WallDate date) const {
     if (!isInRange(date)) {
         return Seconds{0};
     }
-    const sys_seconds whole = wholeSecondsOf(date);
-    return zone_->changeAt(whole - zone_->cyclesTo(whole))->offset;
+    return zone_->offsetAt(wholeSecondsOf(date));
 }
 
 WallDate GregorianCalendar::startOfDay(WallDate date) const {
@@ -230,29 +247,21 @@ std::optional<WallDate> GregorianCalendar::addingDays(int days, WallDate date) c
         return std::nullopt;
     }
     const sys_seconds whole = wholeSecondsOf(date);
-    const Seconds fraction = date - WallDate(whole);
-    const seconds offset = zone_->changeAt(whole - zone_->cyclesTo(whole))->offset;
-    const local_seconds farTarget = localTime(whole, offset) + std::chrono::days{days};
-    const sys_seconds farEarliest = instantOf(farTarget, farthestAhead);
-    const seconds cycles = zone_->cyclesTo(farEarliest);
-    const local_seconds target = farTarget - cycles;
-
-    const OffsetChange* change = zone_->changeAt(farEarliest - cycles);
-    while (instantOf(target, change->offset) >= change[1].begin) {
-        ++change;
+    const auto timeOfDay = [this](sys_seconds instant) {
+        const local_seconds local = localTime(instant, zone_->offsetAt(instant));
+        return local - floor<std::chrono::days>(local);
+    };
+    sys_seconds result = whole + std::chrono::days{days};
+    if (timeOfDay(result) != timeOfDay(whole)) {
+        const seconds moved = zone_->offsetAt(whole) - zone_->offsetAt(result);
+        const bool isSkipped = timeOfDay(result + moved) != timeOfDay(whole);
+        // A time that the clock skips is later by as much, from whichever side it is reached.
+        result += isSkipped ? std::max(moved, seconds{0}) : moved;
     }
-    sys_seconds result = instantOf(target, change->offset);
-    if (result < change->begin) {
-        // The clock skipped it, so this is not the first change: that begins before everything.
-        const seconds before = change[-1].offset;
-        const local_days day = floor<std::chrono::days>(target);
-        if (localTime(change->begin, before) <= day &&
-            localTime(change->begin, change->offset) >= day + std::chrono::days{1}) {
-            return std::nullopt;
-        }
-        result = instantOf(target, before);
+    if (days > 0) {
+        result -= zone_->repetitionAt(result);
     }
-    return ifInRange(result + cycles + fraction);
+    return ifInRange(result + (date - WallDate(whole)));
 }
 
 }  // namespace halvo

@@ -24,17 +24,8 @@ constexpr int daysInWeek = 7;
 
 constexpr WallDate endOfTime = wallDate(std::numeric_limits<double>::infinity());
 
-// From the start of a day to the start of the next.
-struct Span {
-    WallDate start;
-    WallDate end;
-
-    [[nodiscard]] bool holds(WallDate date) const { return start <= date && date < end; }
-};
-
-Span daysFrom(WallDate first, WallDate last, const Calendar& calendar) {
-    return {calendar.startOfDay(first), calendar.startOfNextDay(last).value_or(endOfTime)};
-}
+// No two instants of one calendar day are farther apart: clocks are less than 26 hours from UTC.
+constexpr Seconds longestDay{76 * 3600};
 
 // Finds, for each of some dates that ascend, the last record of its day.
 class RecordSearch {
@@ -50,9 +41,10 @@ class RecordSearch {
     // A record for each date, one of nothing done where there is none. Walks `days` once.
     std::vector<Day> in(const std::vector<Day>& days) && {
         // Nearly all records are passed over by this alone.
-        const auto [begin, end] = daysFrom(dates_.front(), dates_.back(), calendar_);
+        const WallDate first = dates_.front() - longestDay;
+        const WallDate last = dates_.back() + longestDay;
         for (const Day& day : std::views::reverse(days)) {
-            if (day.start >= begin && day.start < end && take(day) == 0) {
+            if (day.start >= first && day.start <= last && take(day) == 0) {
                 break;
             }
         }
@@ -62,15 +54,21 @@ class RecordSearch {
   private:
     // Gives how many dates are still without a record.
     std::size_t take(const Day& day) {
-        if (spans_.empty()) {
+        if (starts_.empty()) {
             for (const WallDate date : dates_) {
-                spans_.push_back(daysFrom(date, date, calendar_));
+                starts_.push_back(calendar_.startOfDay(date));
             }
             isFound_.resize(dates_.size());
             missing_ = dates_.size();
         }
+        if (day.start < starts_.front()) {
+            return missing_;
+        }
+        // Nearly all begin with their day.
+        const bool isStart = std::ranges::find(starts_, day.start) != starts_.end();
+        const WallDate start = isStart ? day.start : calendar_.startOfDay(day.start);
         for (std::size_t i = 0; i < dates_.size(); ++i) {
-            if (!isFound_[i] && spans_[i].holds(day.start)) {
+            if (!isFound_[i] && starts_[i] == start) {
                 records_[i] = day;
                 isFound_[i] = true;
                 --missing_;
@@ -82,8 +80,8 @@ class RecordSearch {
     std::vector<WallDate> dates_;
     const Calendar& calendar_;
     std::vector<Day> records_;
-    // Of each date its day. Asked for only once there is a record of any.
-    std::vector<Span> spans_;
+    // Of each date the start of its day. Asked for only once there is a record of any.
+    std::vector<WallDate> starts_;
     std::vector<bool> isFound_;
     std::size_t missing_ = 0;
 };

@@ -19,7 +19,8 @@ struct WidgetMoment {
     // The day that holds `date`.
     WidgetSnapshot::Day today;
     // The seven days that end with it, the oldest first; a day without a record has counts of
-    // zero. A day that the calendar does not have is missing; outside its range all are.
+    // zero. Where a day was skipped they begin a day earlier. Outside the calendar's range there
+    // are none.
     std::vector<WidgetSnapshot::Day> week;
     WidgetSnapshot::Breath breathe;
     std::int64_t focusMinutes{};

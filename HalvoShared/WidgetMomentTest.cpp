@@ -380,12 +380,57 @@ TEST(WidgetMomentTest, HasADayOf25HoursWhole) {
     EXPECT_EQ(next.week[0].start, dateOf("2026-10-20T00:00:00+02:00"));
 }
 
-TEST(WidgetMomentTest, HasOnlyTheDaysThatThereWere) {
-    const WidgetMoment moment =
-        S().moment(dateOf("2011-12-31T12:00:00+14:00"), calendarOf("Pacific/Apia"));
-    ASSERT_EQ(moment.week.size(), 6U);
-    EXPECT_EQ(moment.week[4].start, dateOf("2011-12-29T00:00:00-10:00"));
-    EXPECT_EQ(moment.week[5].start, dateOf("2011-12-31T00:00:00+14:00"));
+std::vector<WallDate> weekOf(const WidgetMoment& moment) {
+    std::vector<WallDate> starts;
+    for (const S::Day& day : moment.week) {
+        starts.push_back(day.start);
+    }
+    return starts;
+}
+
+TEST(WidgetMomentTest, HasSevenDaysEvenWhereOneWasSkipped) {
+    const GregorianCalendar apia = calendarOf("Pacific/Apia");
+    Dates days;
+    for (const char* day :
+         {"2011-12-24T00:00:00-10:00", "2011-12-25T00:00:00-10:00", "2011-12-26T00:00:00-10:00",
+          "2011-12-27T00:00:00-10:00", "2011-12-28T00:00:00-10:00", "2011-12-29T00:00:00-10:00",
+          "2011-12-31T00:00:00+14:00", "2012-01-01T00:00:00+14:00"}) {
+        days.push_back(dateOf(day));
+    }
+    EXPECT_EQ(weekOf(S().moment(dateOf("2011-12-31T12:00:00+14:00"), apia)),
+              Dates(days.begin(), days.end() - 1));
+    EXPECT_EQ(weekOf(S().moment(dateOf("2012-01-01T12:00:00+14:00"), apia)),
+              Dates(days.begin() + 1, days.end()));
+}
+
+TEST(WidgetMomentTest, TakesTheSecondOfTwoMidnightsOfADayGoneBy) {
+    // In Cuba 3 November 2024 began twice.
+    const GregorianCalendar havana = calendarOf("America/Havana");
+    S snapshot;
+    const WidgetMoment moment = snapshot.moment(dateOf("2024-11-04T12:00:00-05:00"), havana);
+    EXPECT_EQ(moment.week[5].start, dateOf("2024-11-03T00:00:00-05:00"));
+    EXPECT_EQ(moment.week[4].start, dateOf("2024-11-02T00:00:00-04:00"));
+    for (const char* start : {"2024-11-03T00:00:00-04:00", "2024-11-03T00:00:00-05:00"}) {
+        snapshot.days = {{dateOf(start), 1, 0, 0}};
+        EXPECT_EQ(snapshot.moment(dateOf("2024-11-04T12:00:00-05:00"), havana).week[5].breaths, 1);
+        EXPECT_EQ(snapshot.moment(dateOf("2024-11-03T12:00:00-05:00"), havana).today.breaths, 1);
+    }
+}
+
+TEST(WidgetMomentTest, FindsARecordByItsCalendarDayWhereTheClockGoesBackAcrossMidnight) {
+    // Newfoundland went from 00:01 on 30 October 2005 back to 23:01 on the 29th.
+    const GregorianCalendar newfoundland = calendarOf("America/St_Johns");
+    S snapshot;
+    snapshot.days = {{dateOf("2005-10-29T23:15:00-03:30"), 29, 0, 0}};
+    const WidgetMoment before = snapshot.moment(dateOf("2005-10-29T12:00:00-02:30"), newfoundland);
+    EXPECT_EQ(before.today.breaths, 29);
+    const WidgetMoment after = snapshot.moment(dateOf("2005-10-30T12:00:00-03:30"), newfoundland);
+    EXPECT_EQ(after.today.breaths, 0);
+    EXPECT_EQ(after.week[5].breaths, 29);
+    snapshot.days = {{dateOf("2005-10-30T00:00:30-02:30"), 30, 0, 0}};
+    EXPECT_EQ(snapshot.moment(snapshot.days[0].start, newfoundland).today.breaths, 30);
+    const WallDate again = dateOf("2005-10-29T23:15:00-03:30");
+    EXPECT_EQ(snapshot.moment(again, newfoundland).today.breaths, 0);
 }
 
 TEST(WidgetMomentTest, HasNothingOfOtherDaysForADateThatNoCalendarHas) {
