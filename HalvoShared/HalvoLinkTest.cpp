@@ -323,6 +323,11 @@ TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     EXPECT_EQ(program.says("url"), "calm://today");
 }
 
+TEST(HalvoLinkTest, ReadsItsSchemeAgainOnEveryUse) {
+    const BundledProgram program("Calm.app", "<key>HalvoURLScheme</key><string>calm</string>");
+    EXPECT_EQ(program.says("scheme-of-changed-bundle"), "calm still still://today");
+}
+
 TEST(HalvoLinkTest, HasItsOwnSchemeWhereTheBundleNamesNone) {
     const BundledProgram program("Halvo.app", "<key>HalvoURLScheme</key><integer>1</integer>");
     EXPECT_EQ(program.says("scheme"), "halvo");

@@ -216,6 +216,19 @@ TEST(KeepAliveStateTest, LiesInTheContainerUnderItsName) {
     EXPECT_EQ(child.status, 0) << child.output;
 }
 
+TEST(KeepAliveStateTest, StaysWhereTheContainerWasAtItsFirstUse) {
+    const testing::TemporaryFolder home;
+    const testing::TemporaryFolder other;
+    const auto child = testing::runInChild([&] {
+        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
+        const std::string first = KeepAliveState::file().url();
+        ASSERT_EQ(setenv("XDG_DATA_HOME", other.path().c_str(), 1), 0);
+        ASSERT_TRUE(AppGroup::container().starts_with(other.path()));
+        EXPECT_EQ(KeepAliveState::file().url(), first);
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+
 TEST(LaunchReasonTest, HasTheArgumentsThatTheAppKnows) {
     EXPECT_STREQ(LaunchReason::relaunchArgument, "-halvoRelaunchedAfterQuit");
     ASSERT_EQ(LaunchReason::afterQuitArguments.size(), 1U);

@@ -265,5 +265,18 @@ TEST(WidgetSnapshotTest, LiesInTheContainerUnderItsName) {
     EXPECT_EQ(child.status, 0) << child.output;
 }
 
+TEST(WidgetSnapshotTest, StaysWhereTheContainerWasAtItsFirstUse) {
+    const testing::TemporaryFolder home;
+    const testing::TemporaryFolder other;
+    const auto child = testing::runInChild([&] {
+        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
+        const std::string first = S::file().url();
+        ASSERT_EQ(setenv("XDG_DATA_HOME", other.path().c_str(), 1), 0);
+        ASSERT_TRUE(AppGroup::container().starts_with(other.path()));
+        EXPECT_EQ(S::file().url(), first);
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+
 }  // namespace
 }  // namespace halvo

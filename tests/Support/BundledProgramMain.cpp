@@ -2,9 +2,11 @@
 // names.
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <string>
 
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/HalvoLink.hpp"
 #include "HalvoShared/IntentHosting.hpp"
@@ -14,6 +16,12 @@ int main(int count, char** words) {
     const std::string question = count > 1 ? words[1] : "";
     if (question == "scheme") {
         std::cout << HalvoLink::scheme();
+    } else if (question == "scheme-of-changed-bundle") {
+        std::cout << HalvoLink::scheme();
+        std::ofstream(Bundle::main().infoPath())
+            << R"(<plist version="1.0"><dict><key>HalvoURLScheme</key><string>still</string>)"
+               "</dict></plist>";
+        std::cout << ' ' << HalvoLink::scheme() << ' ' << HalvoLink{HalvoLink::Today{}}.url();
     } else if (question == "url") {
         std::cout << HalvoLink{HalvoLink::Today{}}.url();
     } else if (question == "identifier") {
