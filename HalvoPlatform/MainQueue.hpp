@@ -25,11 +25,10 @@ class MainQueue {
     // process could not run are not made up for. Main queue or before run().
     virtual void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) = 0;
 
-    // Runs `work` once, when `delay` has passed on the clock that stands still while the machine
-    // sleeps (CLOCK_MONOTONIC, clock_gettime(2)), without leeway: later only when the queue is
-    // busy. A delay that is negative or not-a-number is none; one of more than a century counts as
-    // a century. Even without a delay the work runs only after this has returned. Main queue or
-    // before run().
+    // Runs `work` once, when `delay` has passed on the clock of now(), without leeway: later only
+    // when the queue is busy or the machine sleeps, which no delay ends. A delay that is negative
+    // or not-a-number is none; one of more than a century counts as a century. Even without a delay
+    // the work runs only after this has returned. Main queue or before run().
     virtual void after(Seconds delay, Work work) = 0;
 
     // Runs `work` on the queue whenever the process receives SIGTERM, which no longer ends it by

@@ -49,9 +49,9 @@ class IntentHosting {
     // without one on the wall clock (somebody who sets that clock shortens or lengthens the
     // waiting), and at once outside the app's process, whatever is registered there. Any thread.
     //
-    // It looks when the main queue gets to it and then every 50 ms, for the last time with the
-    // first look at or after the deadline. A span that is zero, negative or not-a-number means one
-    // look; an infinite one waits for ever.
+    // It looks when the main queue gets to it and then every 50 ms (asleep or awake, see
+    // MainQueue::after()), for the last time with the first look at or after the deadline. A span
+    // that is zero, negative or not-a-number means one look; an infinite one waits for ever.
     //
     // `completion`, which must not be empty, is always called exactly once, on the main queue, and
     // never before that queue has returned from the work that called this. There is no cancelling,

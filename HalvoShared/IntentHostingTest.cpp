@@ -322,7 +322,7 @@ TEST(IntentHostingBundleTest, WaitsOnTheLiveQueueByTheWallClock) {
     const auto result = testing::runInChild([] {
         static IntentHosting hosting(liveMainQueue(), true);
         static const auto host = std::make_shared<WillingHost>();
-        hosting.current(Seconds{20}, [](const HostPointer& found) {
+        hosting.current(Seconds{3600}, [](const HostPointer& found) {
             EXPECT_EQ(found, host);
             liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
         });

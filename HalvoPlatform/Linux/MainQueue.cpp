@@ -114,7 +114,7 @@ class EventLoopQueue final : public MainQueue {
     void after(Seconds delay, Work work) override {
         auto* once = new Work(std::move(work));
         sd_event_source* source = nullptr;
-        require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC,
+        require(sd_event_add_time_relative(loop_, &source, CLOCK_BOOTTIME,
                                            microseconds(withinACentury(delay)), noLeeway, fireOnce,
                                            once),
                 "sd_event_add_time_relative");

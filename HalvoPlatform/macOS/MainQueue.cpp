@@ -50,17 +50,62 @@ void runOnce(void* work) {
 
 void runAgain(void* work) { (*static_cast<MainQueue::Work*>(work))(); }
 
-// A turn of after(), with the source that brings it.
-struct Alarm {
-    MainQueue::Work work;
-    dispatch_source_t source = nullptr;
+// clock_gettime_nsec_np(3): this clock counts on through sleep.
+Nanoseconds sinceBoot() { return Nanoseconds{clock_gettime_nsec_np(CLOCK_MONOTONIC)}; }
+
+// A turn of after(). Dispatch has no timer on the clock that counts sleep. One on the wall clock
+// is there at once after a sleep, and too early or too late when somebody sets that clock; one on
+// the clock that stands still in sleep is never early, and late only after a sleep. So the first of
+// the two brings the turn, unless it is too early.
+class Alarm {
+  public:
+    // Owns itself until it has rung.
+    static void set(Seconds delay, MainQueue::Work work) {
+        (new Alarm(sinceBoot() + Nanoseconds{nanoseconds(delay)}, std::move(work)))->start();
+    }
+
+  private:
+    Alarm(Nanoseconds due, MainQueue::Work work) : due_(due), work_(std::move(work)) {}
+
+    // Strict, or the system would add a leeway of its own.
+    dispatch_source_t makeTimer() {
+        return makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, DISPATCH_TIMER_STRICT, this, ring);
+    }
+
+    void start() {
+        setTimers();
+        dispatch_resume(awake_);
+        dispatch_resume(wall_);
+    }
+
+    void setTimers() {
+        const Nanoseconds now = sinceBoot();
+        const auto left =
+            static_cast<std::int64_t>((due_ > now ? due_ - now : Nanoseconds{0}).count());
+        dispatch_source_set_timer(awake_, dispatch_time(DISPATCH_TIME_NOW, left),
+                                  DISPATCH_TIME_FOREVER, 0);
+        dispatch_source_set_timer(wall_, dispatch_walltime(nullptr, left), DISPATCH_TIME_FOREVER,
+                                  0);
+    }
 
     static void ring(void* context) {
-        const std::unique_ptr<Alarm> alarm(static_cast<Alarm*>(context));
-        dispatch_source_cancel(alarm->source);
-        dispatch_release(alarm->source);
-        alarm->work();
+        auto* alarm = static_cast<Alarm*>(context);
+        if (sinceBoot() < alarm->due_) {
+            alarm->setTimers();
+            return;
+        }
+        const std::unique_ptr<Alarm> rung(alarm);
+        for (dispatch_source_t timer : {rung->awake_, rung->wall_}) {
+            dispatch_source_cancel(timer);
+            dispatch_release(timer);
+        }
+        rung->work_();
     }
+
+    Nanoseconds due_;
+    MainQueue::Work work_;
+    dispatch_source_t awake_ = makeTimer();
+    dispatch_source_t wall_ = makeTimer();
 };
 
 // The main queue of Dispatch. Nothing here is taken down: sources live as long as the process.
@@ -81,13 +126,7 @@ class DispatchQueue final : public MainQueue {
     }
 
     void after(Seconds delay, Work work) override {
-        auto* alarm = new Alarm{std::move(work)};
-        // Strict, or the system would add a leeway of its own.
-        alarm->source =
-            makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, DISPATCH_TIMER_STRICT, alarm, Alarm::ring);
-        dispatch_source_set_timer(alarm->source, fromNow(withinACentury(delay)),
-                                  DISPATCH_TIME_FOREVER, 0);
-        dispatch_resume(alarm->source);
+        Alarm::set(withinACentury(delay), std::move(work));
     }
 
     void onTermination(Work work) override {
@@ -97,10 +136,7 @@ class DispatchQueue final : public MainQueue {
                                    new Work(std::move(work)), runAgain));
     }
 
-    [[nodiscard]] Seconds now() const override {
-        // clock_gettime_nsec_np(3): this one counts on through sleep.
-        return Nanoseconds{clock_gettime_nsec_np(CLOCK_MONOTONIC)};
-    }
+    [[nodiscard]] Seconds now() const override { return sinceBoot(); }
 
     void run() override {
         assumeMainActor();

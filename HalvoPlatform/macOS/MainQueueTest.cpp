@@ -31,21 +31,29 @@ struct TimerAsked {
     std::uint64_t interval{};
     std::uint64_t leeway{};
     bool isStrict{};
+    bool isWall{};
 
     bool operator==(const TimerAsked&) const = default;
 
     friend void PrintTo(const TimerAsked& timer, std::ostream* stream) {
         *stream << "{wait " << timer.wait << ", interval " << timer.interval << ", leeway "
-                << timer.leeway << (timer.isStrict ? ", strict}" : "}");
+                << timer.leeway << (timer.isStrict ? ", strict" : "")
+                << (timer.isWall ? ", wall clock}" : "}");
     }
 };
 
 std::vector<TimerAsked> timersAsked() {
     std::vector<TimerAsked> asked;
     for (const fake::Timer& timer : fake::timers()) {
-        asked.push_back({timer.first, timer.interval, timer.leeway, timer.isStrict});
+        asked.push_back({timer.first, timer.interval, timer.leeway, timer.isStrict, timer.isWall});
     }
     return asked;
+}
+
+// The timers of delayed work.
+std::vector<TimerAsked> delayAsked(std::uint64_t wait) {
+    return {{wait, DISPATCH_TIME_FOREVER, 0, true, false},
+            {wait, DISPATCH_TIME_FOREVER, 0, true, true}};
 }
 
 // Which thread a turn ran on, and when.
@@ -162,8 +170,7 @@ TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
 
 TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDue) {
     queue.after(Seconds{1.5}, noted());
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{1'500 * millisecond, DISPATCH_TIME_FOREVER, 0, true}}));
+    EXPECT_EQ(timersAsked(), delayAsked(1'500 * millisecond));
     fake::serve(1.499);
     EXPECT_EQ(turns, std::vector<Turn>{});
     fake::serve(100);
@@ -173,8 +180,7 @@ TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDue) {
 
 TEST_F(MainQueueTest, KeepsADelayToTheNanosecond) {
     queue.after(Seconds{0.123456789}, noted());
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{123'456'789, DISPATCH_TIME_FOREVER, 0, true}}));
+    EXPECT_EQ(timersAsked(), delayAsked(123'456'789));
     fake::serve(1);
     EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(123'456'789)}));
 }
@@ -184,8 +190,7 @@ TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
         turns.clear();
         queue.after(Seconds{delay}, noted());
         EXPECT_EQ(turns, std::vector<Turn>{});
-        EXPECT_EQ(timersAsked(), (std::vector<TimerAsked>{{0, DISPATCH_TIME_FOREVER, 0, true}}))
-            << delay;
+        EXPECT_EQ(timersAsked(), delayAsked(0)) << delay;
         fake::serve(0);
         EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(0)})) << delay;
         EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{});
@@ -196,8 +201,7 @@ TEST_F(MainQueueTest, TakesADelayOfMoreThanACenturyForACentury) {
     constexpr std::uint64_t century = 3'155'695'200 * second;
     for (const double delay : {infinity, 1e300, 1e10, 3'155'695'201.0, 3'155'695'200.0}) {
         queue.after(Seconds{delay}, noted());
-        EXPECT_EQ(timersAsked().back(), (TimerAsked{century, DISPATCH_TIME_FOREVER, 0, true}))
-            << delay;
+        EXPECT_EQ(timersAsked().back(), delayAsked(century).back()) << delay;
     }
     queue.after(Seconds{3'155'695'199.0}, noted());
     EXPECT_EQ(timersAsked().back().wait, century - second);
@@ -215,12 +219,38 @@ TEST_F(MainQueueTest, LetsDelayedWorkAskForMore) {
             noted()();
         });
         order += 'a';
-        EXPECT_EQ(fake::timers().size(), 1U) << "its own is given up";
+        EXPECT_EQ(fake::timers().size(), 2U) << "its own are given up";
     });
     fake::serve(2);
     EXPECT_EQ(order, "ab");
     EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(2 * second)}));
     EXPECT_TRUE(fake::timers().empty());
+}
+
+// What has passed on the clock that counts sleep, whoever sets the wall clock.
+TEST_F(MainQueueTest, CountsSleepInADelay) {
+    queue.after(Seconds{10}, noted());
+    fake::at(1, [] { fake::world().sinceBoot += 8 * second; });
+    fake::serve(1.5);
+    EXPECT_EQ(turns, std::vector<Turn>{});
+    fake::serve(8);
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(10 * second)}));
+    queue.after(Seconds{10}, noted());
+    fake::at(1, [] { fake::world().sinceBoot += 3600 * second; });
+    fake::serve(1);
+    EXPECT_EQ(turns.size(), 2U) << "at once after a long sleep";
+}
+
+TEST_F(MainQueueTest, KeepsADelayWhateverIsDoneToTheWallClock) {
+    for (const double jump : {-3600.0, -5.0, 5.0, 3600.0}) {
+        turns.clear();
+        start = fake::world().sinceBoot;
+        queue.after(Seconds{10}, noted());
+        fake::at(1, [jump] { fake::world().bootedAt += jump; });
+        fake::serve(20);
+        EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(10 * second)})) << jump;
+        EXPECT_TRUE(fake::timers().empty());
+    }
 }
 
 TEST_F(MainQueueTest, TurnsSeveralTimersEachInItsTime) {

@@ -191,6 +191,26 @@ TEST_F(DispatchTest, HoldsTimesWithinItsRange) {
     EXPECT_EQ(dispatch_time(10, INT64_MIN), 1U);
 }
 
+TEST_F(DispatchTest, HasTimersThatFollowTheWallClock) {
+    for (const double jump : {-5.0, 0.0, 5.0}) {
+        order.clear();
+        Work work = note('a');
+        dispatch_source_t source = timer(work, later, DISPATCH_TIME_FOREVER);
+        dispatch_source_set_timer(source, dispatch_walltime(nullptr, 20 * later),
+                                  DISPATCH_TIME_FOREVER, 0);
+        EXPECT_TRUE(fake::timers().front().isWall);
+        EXPECT_EQ(fake::timers().front().first, 20 * NSEC_PER_SEC);
+        // Asleep for 4 seconds, while somebody sets the clock.
+        fake::at(1, [jump] {
+            fake::world().sinceBoot += 4 * NSEC_PER_SEC;
+            fake::world().bootedAt += jump;
+        });
+        fake::serve(30);
+        EXPECT_EQ(order, "a" + std::to_string(200 - static_cast<int>(jump) * 10) + ' ');
+        dispatch_release(source);
+    }
+}
+
 TEST_F(DispatchTest, StandsStillWhileTheMachineSleeps) {
     Work work = note('a');
     timer(work, 2 * later, NSEC_PER_SEC);

@@ -118,10 +118,10 @@ std::vector<std::string> errors();
 std::vector<std::string> notices();
 
 // Dispatch. Timers go by a clock of their own, which passes with World::sinceBoot but stands still
-// when a test moves that one: then the machine was asleep. Time passes only inside dispatch_main(),
-// which serves the main queue on a thread of its own, as Dispatch does, until the script is over;
-// it then throws Over. Elsewhere, serve() runs what the queue holds, and what comes due within
-// `seconds`.
+// when a test moves that one: then the machine was asleep; or by the wall clock. Time passes only
+// inside dispatch_main(), which serves the main queue on a thread of its own, as Dispatch does,
+// until the script is over; it then throws Over. Elsewhere, serve() runs what the queue holds, and
+// what comes due within `seconds`.
 struct Over {};
 
 // Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
@@ -144,6 +144,8 @@ struct Timer {
     std::uint64_t interval{};
     std::uint64_t leeway{};
     bool isStrict{};
+    // It goes by the wall clock.
+    bool isWall{};
 };
 
 std::vector<Timer> timers();

@@ -249,7 +249,7 @@ int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* 
 int __wrap_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
                                       std::uint64_t first, std::uint64_t leeway,
                                       sd_event_time_handler_t handler, void* userdata) {
-    halvo::testing::timerAsked = {first, leeway};
+    halvo::testing::timerAsked = {first, leeway, clock};
     return attempt(SystemCall::sd_event_add_time_relative, [&] {
         return __real_sd_event_add_time_relative(loop, source, clock, first, leeway, handler,
                                                  userdata);

@@ -78,6 +78,7 @@ struct TimerAsked {
     std::uint64_t first{};
     // How much later the system may let it turn.
     std::uint64_t leeway{};
+    clockid_t clock = CLOCK_MONOTONIC;
 
     bool operator==(const TimerAsked&) const = default;
 };

@@ -36,6 +36,18 @@ namespace {
 using Uptime = std::uint64_t;
 
 constexpr Uptime never = DISPATCH_TIME_FOREVER;
+
+// A time of the wall clock is its nanoseconds since 1970, negated: that one may be told from the
+// others by its sign.
+bool isWallTime(dispatch_time_t time) {
+    return time != never && static_cast<std::int64_t>(time) < 0;
+}
+
+std::uint64_t wallNanoseconds() {
+    constexpr double nanosecondsPerSecond = 1e9;
+    return static_cast<std::uint64_t>(world().bootedAt * nanosecondsPerSecond) + world().sinceBoot;
+}
+
 constexpr Uptime uptimeAtStart = 500'000'000'000;
 
 // Who owns one has a count of it.
@@ -136,10 +148,20 @@ std::vector<Event>::iterator nextEvent() {
     return std::ranges::min_element(state().events, {}, &Event::due);
 }
 
+// When a timer is due on the clock of timers, if nobody sets the wall clock until then.
+Uptime dueOf(const Source& timer) {
+    if (!timer.timer.isWall) {
+        return timer.due;
+    }
+    const std::uint64_t wall = wallNanoseconds();
+    const std::uint64_t due = -timer.due;
+    return state().uptime + (due > wall ? due - wall : 0);
+}
+
 SourcePointer nextTimer() {
     SourcePointer next;
     for (const SourcePointer& source : state().sources) {
-        if (source->isActive() && source->due < (next ? next->due : never)) {
+        if (source->isActive() && dueOf(*source) < (next ? dueOf(*next) : never)) {
             next = source;
         }
     }
@@ -151,6 +173,7 @@ void fire(const SourcePointer& source) {
     const std::uint64_t interval = source->timer.interval;
     if (interval == 0 || interval == never) {
         source->due = never;
+        source->timer.isWall = false;
     } else {
         source->due += interval * ((state().uptime - source->due) / interval + 1);
     }
@@ -163,7 +186,7 @@ bool passTime(Uptime last) {
     const auto event = nextEvent();
     const Uptime eventDue = event == state().events.end() ? never : event->due;
     const SourcePointer timer = nextTimer();
-    const Uptime timerDue = timer ? timer->due : never;
+    const Uptime timerDue = timer ? dueOf(*timer) : never;
     if (std::min(eventDue, timerDue) > last || std::min(eventDue, timerDue) == never) {
         return false;
     }
@@ -322,6 +345,14 @@ dispatch_time_t dispatch_time(dispatch_time_t when, std::int64_t delta) {
     return time > static_cast<Uptime>(std::numeric_limits<std::int64_t>::max()) ? never : time;
 }
 
+// Only from now on, and forward.
+dispatch_time_t dispatch_walltime(const timespec* when, std::int64_t delta) {
+    if (when != nullptr || delta < 0) {
+        objc::fail("dispatch_walltime() stands in for times to come only");
+    }
+    return -(wallNanoseconds() + static_cast<std::uint64_t>(delta));
+}
+
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, std::uintptr_t handle,
                                          std::uintptr_t mask, dispatch_queue_t) {
     auto source = std::make_shared<Source>();
@@ -341,7 +372,9 @@ void dispatch_source_set_timer(dispatch_source_t timer, dispatch_time_t start,
     const SourcePointer source = sourceOf(timer);
     const Uptime due = start == DISPATCH_TIME_NOW ? state().uptime : start;
     source->due = due;
-    source->timer.first = due == never ? never : due - std::min(due, state().uptime);
+    source->timer.isWall = isWallTime(due);
+    const Uptime first = dueOf(*source);
+    source->timer.first = due == never ? never : first - std::min(first, state().uptime);
     source->timer.interval = interval;
     source->timer.leeway = leeway;
 }

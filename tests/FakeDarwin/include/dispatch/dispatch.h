@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <time.h>
 
 // Empty bases, as in Apple's header: so a queue and a source go where any object may.
 struct dispatch_object_s {};
@@ -37,6 +38,7 @@ void* dispatch_get_specific(const void* key);
 [[noreturn]] void dispatch_main(void);
 
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta);
+dispatch_time_t dispatch_walltime(const struct timespec* when, int64_t delta);
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,
                                          uintptr_t mask, dispatch_queue_t queue);
