@@ -70,6 +70,8 @@ std::uint64_t turnAsked = 0;
 
 std::atomic<double> wallClockJump{0};
 
+std::atomic<double> clockTakes{0};
+
 std::atomic<bool> isClockStopped{false};
 timespec stoppedTime{};
 
@@ -152,6 +154,10 @@ WallClockJump::WallClockJump(Seconds by) { wallClockJump = by.count(); }
 
 WallClockJump::~WallClockJump() { wallClockJump = 0; }
 
+SlowClock::SlowClock(Seconds each) { clockTakes = each.count(); }
+
+SlowClock::~SlowClock() { clockTakes = wallClockJump = 0; }
+
 StoppedClock::StoppedClock(long seconds, long nanoseconds) {
     stoppedTime = {seconds, nanoseconds};
     isClockStopped = true;
@@ -209,6 +215,7 @@ int __wrap_chmod(const char* path, mode_t mode) {
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    halvo::testing::wallClockJump += halvo::testing::clockTakes;
     if (halvo::testing::isClockStopped) {
         *time = halvo::testing::stoppedTime;
         return 0;

@@ -125,6 +125,16 @@ class WallClockJump {
     ~WallClockJump();
 };
 
+// Makes every clock_gettime(2) take this long, by the wall clock as wallNow() sees it, while it
+// lives.
+class SlowClock {
+  public:
+    explicit SlowClock(Seconds each);
+    SlowClock(const SlowClock&) = delete;
+    SlowClock& operator=(const SlowClock&) = delete;
+    ~SlowClock();
+};
+
 // Makes every clock_gettime(2) give this time while it lives.
 class StoppedClock {
   public:
