@@ -13,6 +13,7 @@
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
+#include "HalvoHelperCore/RecordedLocks.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Daemon.hpp"
@@ -49,9 +50,10 @@ void runService(const std::string& firstWord) {
     auto& clock = *new SystemHelperClock;
     auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
     auto& store = *new FileCommitmentStore(identity->stateFolder());
+    auto& locks = *new RecordedLocks(store, flags);
     auto& session = *new LiveSessionProbe;
     auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
-    auto& service = *new HelperService(*identity, {clock, flags, store, session, opener},
+    auto& service = *new HelperService(*identity, {clock, locks, locks, session, opener},
                                        *listener->release(), queue);
     service.start();
     queue.run();

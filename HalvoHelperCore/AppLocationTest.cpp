@@ -47,6 +47,7 @@ TEST(AppLocationTest, KnowsABundlePath) {
         {"/Applications/Halvo.app ", false},
         {"/Applications/Halvo.app\n", false},
         {"/Applications/Halvo.apps", false},
+        {"/Applications/Xapp", false},
         {"/Applications/Halvo.app/Contents", false},
         {"/Applications/../Halvo.app", false},
         {"/../Halvo.app", false},

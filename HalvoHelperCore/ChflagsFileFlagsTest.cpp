@@ -177,6 +177,30 @@ TEST_F(ChflagsFileFlagsTest, AnItemThatVanishesBetweenLookAndChangeIsLogged) {
     EXPECT_EQ(log.errors(), std::vector<std::string>{"Couldn't lock Halvo: errno 2"});
 }
 
+TEST_F(ChflagsFileFlagsTest, EachChangeIsOnTheDiskWhenItIsDone) {
+    const testing::CallTrace trace;
+    ASSERT_TRUE(flags.setLocked(true, path));
+    ASSERT_TRUE(flags.setLocked(true, path));
+    ASSERT_TRUE(flags.setLocked(false, path));
+    EXPECT_EQ(trace.calls(), (std::vector<std::string>{"lock " + path, "fsync " + path,
+                                                       "unlock " + path, "fsync " + path}));
+}
+
+TEST_F(ChflagsFileFlagsTest, AChangeThatDoesNotReachTheDiskIsLoggedAndStandsAllTheSame) {
+    for (const bool locked : {true, false}) {
+        const Fault fault = Fault::failing(SystemCall::fsync, EIO);
+        EXPECT_TRUE(flags.setLocked(locked, path));
+        EXPECT_EQ(
+            log.messages(),
+            (std::vector<testing::LogMessage>{{LogLevel::Error, "Couldn't sync Halvo: errno 5"}}));
+        EXPECT_EQ(flags.state(path), locked ? LockState::locked : LockState::unlocked);
+        log.clear();
+    }
+    const Fault fault = Fault::failing(SystemCall::open, EMFILE, 1);
+    EXPECT_TRUE(flags.setLocked(true, path));
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"Couldn't sync Halvo: errno 24"});
+}
+
 TEST_F(ChflagsFileFlagsTest, ASymbolicLinkIsLookedAtItself) {
     const std::string link = folder / "Link.app";
     ASSERT_EQ(symlink("Halvo.app", link.c_str()), 0);

@@ -39,8 +39,19 @@ class CommitmentStore {
     // logged by the implementation.
     virtual void save(const HelperCommitment& commitment) = 0;
 
-    // Stores nothing any more. Failures are ignored.
+    // Stores nothing any more. A failure leaves what was there, and is logged by the
+    // implementation.
     virtual void remove() = 0;
+};
+
+// A store that can say whether what it was given outlives a loss of power.
+class DurableCommitmentStore : public CommitmentStore {
+  public:
+    // save(). True when `commitment` is what the disk holds, whatever happens next; false when it
+    // may also hold what was there before.
+    virtual bool saveDurably(const HelperCommitment& commitment) = 0;
+
+    void save(const HelperCommitment& commitment) final { saveDurably(commitment); }
 };
 
 }  // namespace halvo

@@ -1,13 +1,10 @@
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 
-#include <ftw.h>
-
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <expected>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -172,35 +169,30 @@ StoredCommitment FileCommitmentStore::load() {
     return NoCommitment{};
 }
 
-void FileCommitmentStore::save(const HelperCommitment& commitment) {
+bool FileCommitmentStore::saveDurably(const HelperCommitment& commitment) {
     const auto failed = [](const std::string& why) {
         HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", why.c_str());
+        return false;
     };
     if (const auto made = createFolder(folder_, folderMode); !made) {
-        failed(made.error().message);
-        return;
+        return failed(made.error().message);
     }
     const auto bytes = encode(commitment);
     if (!bytes) {
-        failed(bytes.error());
-        return;
+        return failed(bytes.error());
     }
-    if (const auto written = replaceFile(folder_, fileName, *bytes, fileMode); !written) {
-        failed(written.error().message);
-    }
+    const auto written = replaceFile(folder_, fileName, *bytes, fileMode);
+    return written || failed(written.error().message);
 }
 
-// By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
-// into the helper, more than half of its code.
 void FileCommitmentStore::remove() {
-    std::remove(path().c_str());
-    // From the leaves upwards; a link goes, what it leads to stays. nftw(3).
-    const auto removeItem = [](const char* path, const struct stat*, int, FTW*) {
-        std::remove(path);
-        return 0;
-    };
-    constexpr int openFolders = 16;
-    nftw(folder_.c_str(), removeItem, openFolders, FTW_DEPTH | FTW_PHYS);
+    const auto file = removeItem(path());
+    // Even so: what is left of the file goes with its folder.
+    const auto folder = removeItem(folder_);
+    if (!file || !folder) {
+        const FileError& first = file ? folder.error() : file.error();
+        HALVO_LOG_ERROR(helperLog, "Couldn't remove the state: %{public}s", first.message.c_str());
+    }
 }
 
 }  // namespace halvo

@@ -14,7 +14,7 @@ namespace halvo {
 // The file is one object, pretty-printed, with its keys sorted; dates are seconds since 1970, and
 // every double reads back to the same bits. Readers accept any order and unknown members, and for a
 // double a whole number of any length; a file with a zero byte is not JSON, wherever it is.
-class FileCommitmentStore final : public CommitmentStore {
+class FileCommitmentStore final : public DurableCommitmentStore {
   public:
     // `folder` need not exist; save() makes it (0700) with the folders above it.
     explicit FileCommitmentStore(std::string folder);
@@ -23,13 +23,15 @@ class FileCommitmentStore final : public CommitmentStore {
     // a whole record, or is longer than 1 MiB, is UnreadableCommitment.
     StoredCommitment load() override;
 
-    // Replaces the file (0600) in one step, on the disk when this returns. A failure, also of a
-    // record that JSON cannot carry (a number that is not finite, a text that is not UTF-8), logs
-    // "Couldn't save the state: %{public}s" and leaves the file that was there.
-    void save(const HelperCommitment& commitment) override;
+    // Replaces the file (0600) in one step. A failure, also of a record that JSON cannot carry (a
+    // number that is not finite, a text that is not UTF-8), logs "Couldn't save the state:
+    // %{public}s" and leaves the file that was there; where only the folder's sync failed, the disk
+    // may have either.
+    bool saveDurably(const HelperCommitment& commitment) override;
 
-    // Removes the file, and the folder with anything left inside. Where the folder is a symbolic
-    // link only the link goes.
+    // Removes the file, and the folder with anything left inside, for good when this returns. Where
+    // the folder is a symbolic link only the link goes. The first failure logs "Couldn't remove the
+    // state: %{public}s"; a missing file or folder is none.
     void remove() override;
 
     // Where the file is while there is one.

@@ -143,8 +143,12 @@ class FileCommitmentStoreTest : public ::testing::Test {
     }
 
     // The reason that the last save gave for its failure, which must be all that was logged.
-    std::string saveFailure() {
-        const std::string start = "Couldn't save the state: ";
+    std::string saveFailure() { return failure("Couldn't save the state: "); }
+
+    std::string removalFailure() { return failure("Couldn't remove the state: "); }
+
+    // What follows `start` in the one error that was logged.
+    std::string failure(const std::string& start) {
         const auto messages = log.messages();
         log.clear();
         if (messages.size() != 1 || messages[0].level != LogLevel::Error ||
@@ -803,7 +807,7 @@ TEST_F(FileCommitmentStoreTest, AReadOnlyDiskLeavesTheOldFile) {
     store.save(sample);
     EXPECT_EQ(saveFailure(), folder + "/.commitment.json.new: Read-only file system");
     store.remove();
-    EXPECT_TRUE(log.isEmpty());
+    EXPECT_EQ(removalFailure(), file + ": Read-only file system");
     EXPECT_EQ(store.load(), StoredCommitment(sample));
 }
 
@@ -846,13 +850,50 @@ TEST_F(FileCommitmentStoreTest, RemovingAFolderThatIsALinkTakesOnlyTheLinkAndThe
     EXPECT_TRUE(exists(disk / "elsewhere/other"));
 }
 
-TEST_F(FileCommitmentStoreTest, AFolderThatCannotBeRemovedIsIgnored) {
+TEST_F(FileCommitmentStoreTest, WhatWasRemovedStaysRemovedAfterALossOfPower) {
+    store.save(sample);
+    const testing::CallTrace trace;
+    store.remove();
+    EXPECT_EQ(trace.calls(),
+              (std::vector<std::string>{"remove " + file, "fsync " + folder, "remove " + folder,
+                                        "fsync " + disk.path()}));
+}
+
+TEST_F(FileCommitmentStoreTest, AnyFailureToRemoveIsLoggedOnce) {
+    struct Row {
+        SystemCall call;
+        int skip;
+        int code;
+        std::string reason;
+    };
+
+    for (const Row& row : std::vector<Row>{
+             {SystemCall::remove, 0, EIO, file + ": Input/output error"},
+             {SystemCall::fsync, 0, EIO, folder + ": Input/output error"},
+             {SystemCall::open, 0, EMFILE, folder + ": Too many open files"},
+             {SystemCall::remove, 1, EBUSY, folder + ": Device or resource busy"},
+             {SystemCall::fsync, 1, ENOSPC, disk.path() + ": No space left on device"}}) {
+        store.save(sample);
+        const Fault fault = Fault::failing(row.call, row.code, row.skip);
+        store.remove();
+        EXPECT_EQ(removalFailure(), row.reason);
+    }
+}
+
+TEST_F(FileCommitmentStoreTest, WhatSomebodyElseRemovesMeanwhileIsNoFailure) {
+    store.save(sample);
+    const Fault fault = Fault::failing(SystemCall::remove, ENOENT);
+    store.remove();
+    EXPECT_TRUE(log.isEmpty());
+}
+
+TEST_F(FileCommitmentStoreTest, AFolderThatCannotBeRemovedIsLogged) {
     store.save(sample);
     if (setItemFlags(folder, ItemFlag::systemImmutable) != 0) {
         GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
     }
     store.remove();
-    EXPECT_TRUE(log.isEmpty());
+    EXPECT_EQ(removalFailure(), file + ": Operation not permitted");
     EXPECT_EQ(store.load(), StoredCommitment(sample));
 }
 

@@ -747,6 +747,16 @@ TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTick) {
     EXPECT_TRUE(log.isEmpty()) << "nothing to do any more";
 }
 
+TEST_F(HelperEngineTest, TheFlagIsBackBeforeTheAppIsOpened) {
+    begin(app, hour);
+    world.clock.advance(minute);
+    world.flags.setByHand(app, false);
+    forget();
+    engine->tick();
+    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "lock Halvo.app", "open Halvo.app"}));
+    EXPECT_EQ(log.notices(), (Calls{lockedAgain, opening}));
+}
+
 TEST_F(HelperEngineTest, AFlagIsSetAgainWhoeverIsAtTheConsole) {
     begin(app, hour);
     for (const std::optional<std::uint32_t> user :
@@ -939,6 +949,14 @@ TEST_F(KeepingTheAppOpenTest, AHeartbeatIsASignOfLife) {
           {18, Event::none, 1, true}});
 }
 
+TEST_F(KeepingTheAppOpenTest, AHeartbeatThatAnnouncesTheEndIsASignOfLifeToo) {
+    play({{0, Event::restart, 0},
+          {2, Event::sessionEnds, 0},
+          {90, Event::none, 0},
+          // Heard of in this console session, though never seen.
+          {92, Event::none, 1, true}});
+}
+
 TEST_F(KeepingTheAppOpenTest, ExactlySixSecondsOfSilenceAreEnough) {
     play({{10, Event::heartbeat, 1, true},
           {14, Event::none, 1, true},
@@ -1129,6 +1147,13 @@ TEST_F(StartupTest, ALiveCommitmentIsTakenUpRebasedAndSaved) {
     EXPECT_EQ(world.store.stored, StoredCommitment(held()));
     EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for another 2999 s"});
     EXPECT_EQ(world.calls.changes(), Calls{"save locked"});
+}
+
+TEST_F(StartupTest, TellsTheTimeLeftAndNotTheTimeAsked) {
+    HelperCommitment capped = stored;
+    capped.capRemaining = Seconds{1800};
+    startWith(capped);
+    EXPECT_EQ(log.notices().back(), "Holding Ultra Hard mode for another 1800 s");
 }
 
 TEST_F(StartupTest, ALockThatIsOwedIsSetAgainBeforeAnythingIsSaid) {

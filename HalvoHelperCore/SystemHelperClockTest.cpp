@@ -51,6 +51,12 @@ TEST(SystemHelperClockTest, SettingTheWallClockChangesOnlyTheWallDate) {
     EXPECT_EQ(after.bootID, before.bootID);
 }
 
+TEST(SystemHelperClockTest, TakesTheWallClockAfterTheOther) {
+    const WallDate before = wallNow();
+    const testing::SlowClock slow(Seconds{3600});
+    EXPECT_GE(SystemHelperClock().reading().wall, before + Seconds{3600});
+}
+
 TEST(SystemHelperClockTest, CountsInSecondsAndKeepsTheFraction) {
     {
         const testing::StoppedClock stopped(1, 500'000'000);

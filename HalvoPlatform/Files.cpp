@@ -1,10 +1,12 @@
 #include "HalvoPlatform/Files.hpp"
 
 #include <fcntl.h>
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 #include <utility>
 
@@ -59,6 +61,39 @@ int fill(int file, std::string_view bytes, mode_t mode) {
     return syncToDisk(file);
 }
 
+// The folder that the item at `path` is in.
+std::string folderOf(const std::string& path) {
+    const std::size_t name = path.find_last_of('/', path.find_last_not_of('/'));
+    if (name == std::string::npos) {
+        return ".";
+    }
+    return path.substr(0, name == 0 ? 1 : name);
+}
+
+std::expected<void, FileError> syncFolder(const std::string& path) {
+    const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int code = folder.isOpen() ? syncToDisk(folder.get()) : errno;
+    return code == 0 ? std::expected<void, FileError>() : failure(code, path);
+}
+
+// Makes one folder, and syncs it into the one above.
+std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) {
+    if (mkdir(path.c_str(), mode) != 0) {
+        return failure(errno, path);
+    }
+    auto synced = syncFolder(folderOf(path));
+    if (!synced) {
+        // The next call would find it there, and take it for synced.
+        rmdir(path.c_str());
+    }
+    return synced;
+}
+
+// Whether there is something at the path, now or before.
+bool isThere(const std::expected<void, FileError>& made) {
+    return made || made.error().code == EEXIST;
+}
+
 }  // namespace
 
 std::expected<std::string, FileError> readFile(const std::string& path, std::size_t limit) {
@@ -106,40 +141,50 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
 }
 
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode) {
-    if (mkdir(path.c_str(), mode) == 0) {
-        if (chmod(path.c_str(), mode) != 0) {
-            return failure(errno, path);
+    auto made = makeFolder(path, mode);
+    const std::string parent = folderOf(path);
+    if (!made && made.error().code == ENOENT && parent != "/" && parent != ".") {
+        for (std::size_t end = parent.find('/', 1); end != std::string::npos;
+             end = parent.find('/', end + 1)) {
+            if (const auto above = makeFolder(parent.substr(0, end), 0755); !isThere(above)) {
+                return above;
+            }
         }
-        return {};
+        if (const auto above = makeFolder(parent, 0755); !isThere(above)) {
+            return above;
+        }
+        made = makeFolder(path, mode);
     }
-    if (errno == EEXIST) {
-        struct stat status{};
-        if (stat(path.c_str(), &status) != 0) {
-            return failure(errno, path);
-        }
-        if (!S_ISDIR(status.st_mode)) {
-            return failure(ENOTDIR, path);
-        }
-        return {};
+    if (made) {
+        return chmod(path.c_str(), mode) == 0 ? made : failure(errno, path);
     }
-    const std::size_t slash = path.find_last_of('/');
-    if (errno != ENOENT || slash == std::string::npos || slash == 0) {
+    if (made.error().code != EEXIST) {
+        return made;
+    }
+    struct stat status{};
+    if (stat(path.c_str(), &status) != 0) {
         return failure(errno, path);
     }
-    const std::string parent = path.substr(0, slash);
-    for (std::size_t end = parent.find('/', 1);; end = parent.find('/', end + 1)) {
-        const std::string above = parent.substr(0, end);
-        if (mkdir(above.c_str(), 0755) != 0 && errno != EEXIST) {
-            return failure(errno, above);
-        }
-        if (end == std::string::npos) {
-            break;
-        }
-    }
-    if (mkdir(path.c_str(), mode) != 0 || chmod(path.c_str(), mode) != 0) {
-        return failure(errno, path);
+    if (!S_ISDIR(status.st_mode)) {
+        return failure(ENOTDIR, path);
     }
     return {};
+}
+
+// By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
+// into the helper, more than half of its code.
+std::expected<void, FileError> removeItem(const std::string& path) {
+    // From the leaves upwards. What it gives ends the walk, unless it is 0. nftw(3).
+    const auto removeOne = [](const char* item, const struct stat*, int, FTW*) {
+        return std::remove(item) == 0 || errno == ENOENT ? 0 : errno;
+    };
+    constexpr int openFolders = 16;
+    const int result = nftw(path.c_str(), removeOne, openFolders, FTW_DEPTH | FTW_PHYS);
+    const int code = result < 0 ? errno : result;
+    if (code == ENOENT || code == ENOTDIR) {
+        return {};
+    }
+    return code == 0 ? syncFolder(folderOf(path)) : failure(code, path);
 }
 
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,

@@ -26,9 +26,15 @@ struct FileError {
 std::expected<std::string, FileError> readFile(const std::string& path, std::size_t limit);
 
 // Makes the folder `path`, with the permissions `mode` whatever the umask, and the folders above it
-// that are missing (0755, less the umask). A folder that is there already, also behind a symbolic
-// link, keeps its permissions.
+// that are missing (0755, less the umask). Each that it made is on the disk (DiskSync.hpp), in the
+// folder above, when this returns; one that cannot be synced is taken back. A folder that is there
+// already, also behind a symbolic link, keeps its permissions.
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode);
+
+// Removes the item at `path`, a folder with all that is in it, and syncs the folder that it was in.
+// No symbolic link is followed: it goes, what it leads to stays. Nothing at `path` is no failure.
+// Stops at the first item that cannot be removed.
+std::expected<void, FileError> removeItem(const std::string& path);
 
 // Puts `bytes` in the place of `folder`/`name`, in one step: a reader, and a machine that loses
 // power at any moment, has the old file whole or the new one whole. The new file has the

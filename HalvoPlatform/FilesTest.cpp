@@ -236,6 +236,29 @@ TEST_F(CreateFolderTest, LeavesAFolderBehindALinkAsItIs) {
     EXPECT_EQ(permissionsOf(path), 0711U);
 }
 
+TEST_F(CreateFolderTest, SyncsEachFolderThatItMadeIntoTheOneAbove) {
+    ASSERT_EQ(mkdir((folder / "a").c_str(), 0700), 0);
+    const testing::CallTrace trace;
+    ASSERT_TRUE(createFolder(folder / "a/b/c/", 0700));
+    EXPECT_EQ(trace.calls(), (std::vector<std::string>{
+                                 "mkdir " + (folder / "a/b"), "fsync " + (folder / "a"),
+                                 "mkdir " + (folder / "a/b/c/"), "fsync " + (folder / "a/b")}));
+    ASSERT_TRUE(createFolder(folder / "a/b/c", 0700));
+    EXPECT_EQ(trace.calls().size(), 4) << "what is there needs nothing";
+}
+
+TEST_F(CreateFolderTest, LeavesNoFolderThatALossOfPowerCouldTake) {
+    {
+        const Fault fault = Fault::failing(SystemCall::fsync, EIO);
+        const auto result = createFolder(folder / "a", 0700);
+        ASSERT_FALSE(result.has_value());
+        EXPECT_EQ(result.error(), (FileError{EIO, folder.path() + ": Input/output error"}));
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "a")) << "the next call would not sync it";
+    const Fault fault = Fault::failing(SystemCall::open, EMFILE);
+    EXPECT_EQ(codeOf(createFolder(folder / "a", 0700)), EMFILE);
+}
+
 TEST_F(CreateFolderTest, RefusesAFileInItsPlace) {
     writeOldFile();
     const auto result = createFolder(file, 0700);

@@ -22,7 +22,7 @@ void progress(const std::string& what);
 // Looking for an app that does not run, among a known number of processes.
 void measureAppSearch(Table& table, const InstalledApp& app, Effort effort);
 
-// Saving a commitment.
+// Saving a commitment, beginning and ending one.
 void measureSave(Table& table, const Places& places, Effort effort);
 
 // What the engine's periodic check asks of the system: counted, not timed.

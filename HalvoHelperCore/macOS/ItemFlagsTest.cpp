@@ -118,6 +118,17 @@ TEST_F(DarwinItemFlagsTest, OfSeveralBitsAnyOneLocksAndAllAreSet) {
     EXPECT_EQ(itemFlags(path), 0U);
 }
 
+TEST_F(DarwinItemFlagsTest, AreOnTheDiskOnceTheyAreChanged) {
+    EXPECT_TRUE(flags.setLocked(true, path));
+    EXPECT_TRUE(flags.setLocked(true, path));
+    EXPECT_TRUE(flags.setLocked(false, path));
+    EXPECT_EQ(fake::world().fullSyncCalls, 2);
+    fake::world().fullSyncError = EIO;
+    EXPECT_TRUE(flags.setLocked(true, path)) << "they are as asked all the same";
+    EXPECT_EQ(fake::world().log, (std::vector<fake::LogEntry>{{"app.halvo", "Helper", true,
+                                                               "Couldn't sync Halvo: errno 5"}}));
+}
+
 TEST_F(DarwinItemFlagsTest, CannotBeSetOnAMissingItemAndNothingIsSaid) {
     EXPECT_FALSE(flags.setLocked(true, missing));
     EXPECT_FALSE(flags.setLocked(false, missing));

@@ -105,6 +105,13 @@ TEST_F(DarwinClockTest, ReadsBothClocksAtEveryReading) {
     EXPECT_EQ(after.bootID, before.bootID);
 }
 
+TEST_F(DarwinClockTest, TakesTheWallClockAfterTheOther) {
+    fake::world().readingTakes = 5'000'000'000;
+    const ClockReading reading = SystemHelperClock().reading();
+    EXPECT_EQ(reading.sinceBoot.count(), 1'000);
+    EXPECT_EQ(reading.wall, wallDate(1'800'001'005));
+}
+
 // What happens at the first reading of a process needs a process that has taken none: it is
 // started anew for each of these.
 class DarwinClockDeathTest : public ::testing::Test {

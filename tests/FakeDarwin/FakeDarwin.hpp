@@ -72,6 +72,8 @@ struct World {
     // Dispatch moves the first, as a script goes on.
     std::uint64_t sinceBoot = 1'000'000'000'000;
     double bootedAt = 1'800'000'000;
+    // How long clock_gettime_nsec_np(3) takes once it has looked, in nanoseconds.
+    std::uint64_t readingTakes = 0;
 
     // sysctl(3) "kern.bootsessionuuid": the bytes of its value; the first call (which asks for the
     // size) fails without, and the second when told.

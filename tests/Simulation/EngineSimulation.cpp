@@ -261,7 +261,7 @@ void EngineSimulation::restart() {
             return expectation_.lastLift;
         },
         [this] {
-            engine_.emplace(world_.clock, world_.flags, world_.store, world_.session,
+            engine_.emplace(world_.clock, world_.locks, world_.locks, world_.session,
                             world_.opener);
             engine_->startup();
             return engine_->lastLift();
@@ -333,9 +333,11 @@ void EngineSimulation::changeWeather() {
     note(std::string("weather: locks ") + (world_.flags.failsToLock ? "fail" : "succeed"));
     if (isFoul_) {
         world_.store.failsToSave = random_.chance(30);
+        world_.store.failsToSync = random_.chance(30);
         world_.store.failsToRemove = random_.chance(30);
         world_.flags.failsToUnlock = random_.chance(30);
         note(std::string("weather: failing") + (world_.store.failsToSave ? " saves" : "") +
+             (world_.store.failsToSync ? " syncs" : "") +
              (world_.store.failsToRemove ? " removals" : "") +
              (world_.flags.failsToUnlock ? " unlocks" : ""));
     }
@@ -402,6 +404,10 @@ void EngineSimulation::followFlags(const std::map<std::string, Flag>& before) {
         const bool isSet = world_.flags.isSet(path);
         if (isSet && !flag.isSet) {
             ours_.insert(path);
+            const auto* record = world_.store.commitment();
+            require(record == nullptr ? !world_.store.isEmpty()
+                                      : record->locked && record->appPath == path,
+                    "a lock was set that no record on the disk owes: " + nameOf(path));
         } else if (!isSet && flag.isSet) {
             ours_.erase(path);
             require(flag.isOwed, "a flag was cleared that nobody owed");

@@ -80,7 +80,7 @@ void Expectation::lift(Lift reason) {
 bool Expectation::wouldLock(const std::string& path) const {
     const bool isFree = !world_.flags.isSet(path) || path == unlockedPath_;
     return isInApplications(path) && world_.flags.exists(path) && isFree &&
-           !world_.flags.failsToLock;
+           !world_.flags.failsToLock && !world_.store.failsToSave && !world_.store.failsToSync;
 }
 
 bool Expectation::begin(const BeginRequest& request) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <sys/stat.h>
 #include <systemd/sd-event.h>
 
@@ -11,7 +12,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -43,10 +46,31 @@ std::array<FaultPlan, static_cast<std::size_t>(SystemCall::write) + 1> plans;
 
 FaultPlan& planFor(SystemCall call) { return plans[static_cast<std::size_t>(call)]; }
 
+CallTrace* trace = nullptr;
+
+// Notes a call on the item at `path`, if it was carried out.
+void noteCall(bool isDone, const char* what, const std::string& path) {
+    if (trace != nullptr && isDone) {
+        trace->note(std::string(what) + " " + path);
+    }
+}
+
+// The same of an open item, or of the member `name` of an open folder.
+void noteCall(bool isDone, const char* what, int file, const char* name = nullptr) {
+    if (trace != nullptr && isDone) {
+        std::error_code error;
+        const auto path =
+            std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), error);
+        noteCall(isDone, what, (name == nullptr ? path : path / name).string());
+    }
+}
+
 TimerAsked timerAsked;
 std::uint64_t turnAsked = 0;
 
 std::atomic<double> wallClockJump{0};
+
+std::atomic<double> clockTakes{0};
 
 std::atomic<bool> isClockStopped{false};
 timespec stoppedTime{};
@@ -118,6 +142,10 @@ Fault::~Fault() {
 
 std::size_t callsMade(SystemCall call) { return planFor(call).calls; }
 
+CallTrace::CallTrace() { trace = this; }
+
+CallTrace::~CallTrace() { trace = nullptr; }
+
 TimerAsked lastTimerAsked() { return timerAsked; }
 
 std::uint64_t lastTurnAsked() { return turnAsked; }
@@ -125,6 +153,10 @@ std::uint64_t lastTurnAsked() { return turnAsked; }
 WallClockJump::WallClockJump(Seconds by) { wallClockJump = by.count(); }
 
 WallClockJump::~WallClockJump() { wallClockJump = 0; }
+
+SlowClock::SlowClock(Seconds each) { clockTakes = each.count(); }
+
+SlowClock::~SlowClock() { clockTakes = wallClockJump = 0; }
 
 StoppedClock::StoppedClock(long seconds, long nanoseconds) {
     stoppedTime = {seconds, nanoseconds};
@@ -137,6 +169,7 @@ StoppedClock::~StoppedClock() { isClockStopped = false; }
 
 using halvo::testing::attempt;
 using halvo::testing::attemptTransfer;
+using halvo::testing::noteCall;
 using halvo::testing::SystemCall;
 
 // The linker's names: __wrap_x is called in the place of x, which is called __real_x.
@@ -156,6 +189,7 @@ int __real_open(const char* path, int flags, mode_t mode);
 int __real_openat(int folder, const char* path, int flags, mode_t mode);
 ssize_t __real_read(int file, void* bytes, size_t count);
 ssize_t __real_readlink(const char* path, char* buffer, size_t size);
+int __real_remove(const char* path);
 int __real_renameat(int fromFolder, const char* from, int toFolder, const char* to);
 int __real_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
                                       std::uint64_t first, std::uint64_t leeway,
@@ -181,6 +215,7 @@ int __wrap_chmod(const char* path, mode_t mode) {
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    halvo::testing::wallClockJump += halvo::testing::clockTakes;
     if (halvo::testing::isClockStopped) {
         *time = halvo::testing::stoppedTime;
         return 0;
@@ -201,7 +236,9 @@ int __wrap_fstat(int file, struct stat* status) {
 }
 
 int __wrap_fsync(int file) {
-    return attempt(SystemCall::fsync, [&] { return __real_fsync(file); });
+    const int result = attempt(SystemCall::fsync, [&] { return __real_fsync(file); });
+    noteCall(result == 0, "fsync", file);
+    return result;
 }
 
 int __wrap_ioctl(int file, unsigned long request, ...) {
@@ -209,11 +246,19 @@ int __wrap_ioctl(int file, unsigned long request, ...) {
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    return attempt(SystemCall::ioctl, [&] { return __real_ioctl(file, request, argument); });
+    const int result =
+        attempt(SystemCall::ioctl, [&] { return __real_ioctl(file, request, argument); });
+    if (request == FS_IOC_SETFLAGS) {
+        const bool isLocked = (*static_cast<const int*>(argument) & FS_IMMUTABLE_FL) != 0;
+        noteCall(result == 0, isLocked ? "lock" : "unlock", file);
+    }
+    return result;
 }
 
 int __wrap_mkdir(const char* path, mode_t mode) {
-    return attempt(SystemCall::mkdir, [&] { return __real_mkdir(path, mode); });
+    const int result = attempt(SystemCall::mkdir, [&] { return __real_mkdir(path, mode); });
+    noteCall(result == 0, "mkdir", path);
+    return result;
 }
 
 int __wrap_open(const char* path, int flags, ...) {
@@ -241,9 +286,17 @@ ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
     return attempt(SystemCall::readlink, [&] { return __real_readlink(path, buffer, size); });
 }
 
+int __wrap_remove(const char* path) {
+    const int result = attempt(SystemCall::remove, [&] { return __real_remove(path); });
+    noteCall(result == 0, "remove", path);
+    return result;
+}
+
 int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* to) {
-    return attempt(SystemCall::renameat,
-                   [&] { return __real_renameat(fromFolder, from, toFolder, to); });
+    const int result = attempt(SystemCall::renameat,
+                               [&] { return __real_renameat(fromFolder, from, toFolder, to); });
+    noteCall(result == 0, "rename", toFolder, to);
+    return result;
 }
 
 int __wrap_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
@@ -284,8 +337,14 @@ int __wrap_unlinkat(int folder, const char* path, int flags) {
 }
 
 ssize_t __wrap_write(int file, const void* bytes, size_t count) {
-    return attemptTransfer(SystemCall::write, count,
-                           [&](size_t part) { return __real_write(file, bytes, part); });
+    const ssize_t result = attemptTransfer(
+        SystemCall::write, count, [&](size_t part) { return __real_write(file, bytes, part); });
+    noteCall(result >= 0, "write", file);
+    if (halvo::testing::trace != nullptr && result >= 0) {
+        halvo::testing::trace->noteWritten(
+            {static_cast<const char*>(bytes), static_cast<size_t>(result)});
+    }
+    return result;
 }
 
 }  // extern "C"

@@ -7,6 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "HalvoPlatform/Time.hpp"
 
@@ -27,6 +30,7 @@ enum class SystemCall {
     openat,
     read,
     readlink,
+    remove,
     renameat,
     sd_event_add_time_relative,
     sd_event_default,
@@ -73,6 +77,31 @@ class Fault {
 // How often the call was made in the whole life of the process.
 std::size_t callsMade(SystemCall call);
 
+// Notes, while it lives, what was done to the file system, in order and in words: "mkdir PATH",
+// "write PATH", "fsync PATH", "rename PATH" (the new one), "remove PATH", and "lock PATH" or
+// "unlock PATH" for a change of flags. What failed was not done. One at a time, on the thread that
+// makes the calls.
+class CallTrace {
+  public:
+    CallTrace();
+    CallTrace(const CallTrace&) = delete;
+    CallTrace& operator=(const CallTrace&) = delete;
+    ~CallTrace();
+
+    [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
+
+    // The bytes of each "write", in order.
+    [[nodiscard]] const std::vector<std::string>& written() const { return written_; }
+
+    void note(std::string call) { calls_.push_back(std::move(call)); }
+
+    void noteWritten(std::string bytes) { written_.push_back(std::move(bytes)); }
+
+  private:
+    std::vector<std::string> calls_;
+    std::vector<std::string> written_;
+};
+
 // The last timer that anybody asked the event loop for, in microseconds.
 struct TimerAsked {
     std::uint64_t first{};
@@ -95,6 +124,16 @@ class WallClockJump {
     WallClockJump(const WallClockJump&) = delete;
     WallClockJump& operator=(const WallClockJump&) = delete;
     ~WallClockJump();
+};
+
+// Makes every clock_gettime(2) take this long, by the wall clock as wallNow() sees it, while it
+// lives.
+class SlowClock {
+  public:
+    explicit SlowClock(Seconds each);
+    SlowClock(const SlowClock&) = delete;
+    SlowClock& operator=(const SlowClock&) = delete;
+    ~SlowClock();
 };
 
 // Makes every clock_gettime(2) give this time while it lives.

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 
 #include "tests/Support/FaultInjection.hpp"
@@ -91,6 +92,28 @@ TEST(FaultInjectionTest, FaultsOfDifferentCallsDoNotMeet) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(makeFolder(folder / "a"), -1);
     EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST(CallTraceTest, TellsWhatWasDoneInOrder) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "a";
+    const CallTrace trace;
+    EXPECT_EQ(makeFolder(path), 0);
+    EXPECT_EQ(makeFolder(path), -1) << "which is not noted";
+    {
+        const Descriptor place(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        const Descriptor file(openat(place.get(), "b", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(write(file.get(), "12345", 5), 5);
+        EXPECT_EQ(fsync(file.get()), 0);
+        EXPECT_EQ(renameat(place.get(), "b", place.get(), "c"), 0);
+        EXPECT_EQ(fsync(place.get()), 0);
+    }
+    EXPECT_EQ(std::remove((path + "/c").c_str()), 0);
+    EXPECT_EQ(trace.calls(),
+              (std::vector<std::string>{"mkdir " + path, "write " + path + "/b",
+                                        "fsync " + path + "/b", "rename " + path + "/c",
+                                        "fsync " + path, "remove " + path + "/c"}));
+    EXPECT_EQ(trace.written(), std::vector<std::string>{"12345"});
 }
 
 TEST(FaultInjectionTest, NewFilesKeepTheirPermissions) {

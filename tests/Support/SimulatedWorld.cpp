@@ -91,11 +91,12 @@ StoredCommitment SimulatedStore::load() {
     return stored;
 }
 
-void SimulatedStore::save(const HelperCommitment& commitment) {
+bool SimulatedStore::saveDurably(const HelperCommitment& commitment) {
     log_.enter("save", commitment.locked ? "locked" : "unlocked");
     if (!failsToSave) {
         stored = commitment;
     }
+    return !failsToSave && !failsToSync;
 }
 
 void SimulatedStore::remove() {

@@ -16,6 +16,7 @@
 #include "HalvoHelperCore/FileFlags.hpp"
 #include "HalvoHelperCore/HelperClock.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
+#include "HalvoHelperCore/RecordedLocks.hpp"
 #include "HalvoHelperCore/SessionProbe.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -118,15 +119,17 @@ class SimulatedFlags final : public FileFlags {
 };
 
 // The state file, in memory. It outlives the engines that use it, as the file does.
-class SimulatedStore final : public CommitmentStore {
+class SimulatedStore final : public DurableCommitmentStore {
   public:
     explicit SimulatedStore(CallLog& log) : log_(log) {}
 
     StoredCommitment load() override;
-    void save(const HelperCommitment& commitment) override;
+    bool saveDurably(const HelperCommitment& commitment) override;
     void remove() override;
 
     bool failsToSave = false;
+    // A save gets to the disk, but says that it may not have.
+    bool failsToSync = false;
     bool failsToRemove = false;
 
     // What is on the disk.
@@ -213,6 +216,8 @@ class SimulatedWorld {
     SimulatedClock clock{calls};
     SimulatedFlags flags{calls};
     SimulatedStore store{calls};
+    // Store and flags as the helper puts them together.
+    RecordedLocks locks{store, flags};
     SimulatedSession session{calls};
     SimulatedOpener opener{calls, clock, session};
 
@@ -224,7 +229,7 @@ class SimulatedWorld {
     void restoreBundle(const std::string& path);
 
     // An engine that has not started up.
-    [[nodiscard]] HelperEngine makeEngine() { return {clock, flags, store, session, opener}; }
+    [[nodiscard]] HelperEngine makeEngine() { return {clock, locks, locks, session, opener}; }
 
   private:
     std::optional<TemporaryFolder> own_;

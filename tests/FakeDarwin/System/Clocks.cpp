@@ -12,7 +12,9 @@ extern "C" std::uint64_t clock_gettime_nsec_np(clockid_t clock) {
         fake::objc::fail(
             "clock_gettime_nsec_np() is asked for a clock that does not count through sleep");
     }
-    return fake::world().sinceBoot;
+    const std::uint64_t time = fake::world().sinceBoot;
+    fake::world().sinceBoot += fake::world().readingTakes;
+    return time;
 }
 
 namespace fake {

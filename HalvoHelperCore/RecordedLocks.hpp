@@ -1,0 +1,36 @@
+// No lock that nobody would remember.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "HalvoHelperCore/CommitmentStore.hpp"
+#include "HalvoHelperCore/FileFlags.hpp"
+
+namespace halvo {
+
+// Stands between the engine and both the state file and the flags, and sets a lock only when the
+// record that is surely on the disk owes its removal. Otherwise a crash would leave the app locked
+// for ever. The engine need not know: a lock may always fail. Borrows both; main queue only.
+class RecordedLocks final : public CommitmentStore, public FileFlags {
+  public:
+    RecordedLocks(DurableCommitmentStore& store, FileFlags& flags) : store_(store), flags_(flags) {}
+
+    StoredCommitment load() override;
+    void save(const HelperCommitment& commitment) override;
+    void remove() override;
+
+    LockState state(const std::string& path) override { return flags_.state(path); }
+
+    // Also false, with "Didn't lock Halvo: no record on the disk owes the unlock" in the log, when
+    // that is so.
+    bool setLocked(bool locked, const std::string& path) override;
+
+  private:
+    DurableCommitmentStore& store_;
+    FileFlags& flags_;
+    // The bundle whose unlock is owed by whichever record a loss of power may leave.
+    std::optional<std::string> owed_;
+};
+
+}  // namespace halvo

@@ -1,0 +1,201 @@
+// What a loss of power at any moment can leave on the disks.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
+#include "HalvoHelperCore/FileCommitmentStore.hpp"
+#include "HalvoHelperCore/HelperEngine.hpp"
+#include "HalvoHelperCore/ItemFlags.hpp"
+#include "HalvoHelperCore/RecordedLocks.hpp"
+#include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/LogCapture.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+
+namespace halvo::testing {
+namespace {
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
+
+// A call of the helper's that changed a disk, or synced something.
+struct Step {
+    std::string verb;
+    std::string path;
+    std::string bytes;
+
+    // What has to be synced before the change is sure.
+    [[nodiscard]] std::string syncedBy() const {
+        const bool isOfFolder = verb == "mkdir" || verb == "rename" || verb == "remove";
+        return isOfFolder ? folderOf(path) : path;
+    }
+};
+
+// The disks after a loss of power.
+struct Remains {
+    std::map<std::string, std::string> items;
+    std::set<std::string> locked;
+};
+
+// The strictest disks that POSIX allows: of the changes that nothing has synced each may be there
+// or not, whatever became of the others. All that kinder ones leave, alone or as two that keep
+// their own order, is among it.
+class Disks {
+  public:
+    explicit Disks(const CallTrace& trace) {
+        std::size_t writes = 0;
+        for (const std::string& call : trace.calls()) {
+            const std::size_t blank = call.find(' ');
+            Step& step = steps_.emplace_back(call.substr(0, blank), call.substr(blank + 1));
+            step.bytes = step.verb == "write" ? trace.written()[writes++] : "";
+        }
+    }
+
+    // Calls `check` with all that the first `count` steps can leave.
+    void visit(std::size_t count, const std::function<void(const Remains&)>& check) const {
+        std::vector<std::size_t> unsure;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (steps_[i].verb != "fsync" && !isSynced(i, count)) {
+                unsure.push_back(i);
+            }
+        }
+        ASSERT_LE(unsure.size(), 10);
+        for (std::size_t choice = 0; choice < std::size_t{1} << unsure.size(); ++choice) {
+            std::set<std::size_t> lost;
+            for (std::size_t bit = 0; bit < unsure.size(); ++bit) {
+                if ((choice >> bit & 1U) != 0) {
+                    lost.insert(unsure[bit]);
+                }
+            }
+            check(after(count, lost));
+        }
+    }
+
+    [[nodiscard]] std::size_t count() const { return steps_.size(); }
+
+  private:
+    [[nodiscard]] bool isSynced(std::size_t step, std::size_t count) const {
+        for (std::size_t i = step + 1; i < count; ++i) {
+            if (steps_[i].verb == "fsync" && steps_[i].path == steps_[step].syncedBy()) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    [[nodiscard]] Remains after(std::size_t count, const std::set<std::size_t>& lost) const {
+        Remains left;
+        std::string bytes;
+        for (std::size_t i = 0; i < count; ++i) {
+            const auto& [verb, path, written] = steps_[i];
+            if (verb == "write") {
+                bytes = lost.contains(i) ? "" : written;
+            } else if (lost.contains(i)) {
+                continue;
+            } else if (verb == "mkdir" || verb == "rename") {
+                left.items[path] = verb == "rename" ? bytes : "";
+            } else if (verb == "remove") {
+                left.items.erase(path);
+            } else if (verb == "lock") {
+                left.locked.insert(path);
+            } else if (verb == "unlock") {
+                left.locked.erase(path);
+            }
+        }
+        return left;
+    }
+
+    std::vector<Step> steps_;
+};
+
+class CrashStateTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (setItemFlags(app, ItemFlag::systemImmutable) != 0 || setItemFlags(app, 0) != 0) {
+            GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
+        }
+        trace.emplace();
+    }
+
+    void begin(const std::string& path) {
+        const WallDate now = world.clock.now().wall;
+        EXPECT_TRUE(engine.begin(path, now + Seconds{600}, now, {501, path}));
+    }
+
+    void end() {
+        EXPECT_TRUE(engine.end({501, std::nullopt}));
+        ended.insert(trace->calls().size());
+    }
+
+    // No lock without a record that owes it, no record that cannot be read, and none of what the
+    // caller was told is over.
+    void check() const {
+        const Disks disks(*trace);
+        for (std::size_t count = 0; count <= disks.count(); ++count) {
+            disks.visit(count, [&](const Remains& left) {
+                const auto found = left.items.find(store.path());
+                const bool isThere =
+                    left.items.contains(folderOf(store.path())) && found != left.items.end();
+                const std::string record = isThere ? found->second : "";
+                const std::string where = "after step " + std::to_string(count) + ": " +
+                                          (count == 0 ? "" : trace->calls()[count - 1]);
+                EXPECT_EQ(isThere, record.ends_with("\n}\n")) << "a torn record, " << where;
+                EXPECT_FALSE(isThere && ended.contains(count)) << "held once more, " << where;
+                for (const std::string& path : left.locked) {
+                    const bool isOwed =
+                        record.contains("\"" + path + "\"") && record.contains("\"locked\": true");
+                    EXPECT_TRUE(isOwed) << path << " is locked for ever, " << where;
+                }
+            });
+        }
+    }
+
+    LogCapture log;
+    SimulatedWorld world;
+    std::string app = world.addBundle("Applications/Halvo.app");
+    std::string otherApp = world.addBundle("Applications/Other.app");
+    TemporaryFolder disk;
+    FileCommitmentStore store{disk / "Library/com.example.app.helper"};
+    ChflagsFileFlags flags{ItemFlag::systemImmutable};
+    RecordedLocks locks{store, flags};
+    HelperEngine engine{world.clock, locks, locks, world.session, world.opener};
+    std::optional<CallTrace> trace;
+    std::set<std::size_t> ended;
+};
+
+TEST_F(CrashStateTest, ALossOfPowerLeavesNoLockForEverAndBringsNothingBack) {
+    begin(app);
+    end();
+    begin(app);
+    begin(otherApp);
+    end();
+    check();
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_F(CrashStateTest, NorDoesItWhenASaveFails) {
+    // Of the two folders that the first save makes, of the file, of its folder.
+    for (const int skip : {0, 1, 2, 3}) {
+        const Fault fault = Fault::failing(SystemCall::fsync, EIO, skip);
+        begin(app);
+        end();
+    }
+    for (const SystemCall call : {SystemCall::write, SystemCall::renameat}) {
+        begin(app);
+        const Fault fault = Fault::failing(call, ENOSPC);
+        begin(otherApp);
+        end();
+    }
+    check();
+}
+
+}  // namespace
+}  // namespace halvo::testing
