@@ -11,19 +11,22 @@ namespace halvo {
 // has an empty environment and is reaped without anybody waiting. (Its umask is the open-as-user
 // mode's to set.) Main queue only; one source per system.
 //
-// On macOS NSTask starts it through `launchctl asuser`, in the login session of the person. On
-// Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, and has the
-// helper's standard error to say why it cannot. The child inherits nothing else either: no
+// On macOS NSTask starts it through `launchctl asuser`, in the login session of the person, with
+// every signal at its default and none blocked. Where not root alone decides what lies at the
+// helper's path, a checked copy of it is started instead (macOS/HelperCopy.hpp), and without one
+// nothing. On Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, and
+// has the helper's standard error to say why it cannot. The child inherits nothing else either: no
 // descriptor beyond 0 to 2 (which are /dev/null), no signal mask or disposition, no session, "/" as
 // its folder; and SIGCHLD is ignored from the first opening on, so that the kernel reaps
 // (sigaction(2)).
 class LiveOpener final : public AppOpener {
   public:
-    // `helperExecutable`: the path of the helper's own executable.
+    // `helperExecutable`: the path of the helper's own executable. On macOS takes away the copy
+    // that an earlier process may have left.
     explicit LiveOpener(std::string helperExecutable);
 
-    // Does nothing when there is nothing at `appPath`. A child that cannot be started logs
-    // "Couldn't open Halvo: %{public}s".
+    // Does nothing when there is nothing at `appPath`. A child that cannot be started, or on
+    // macOS may not be, logs "Couldn't open Halvo: %{public}s".
     void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override;
 
   private:

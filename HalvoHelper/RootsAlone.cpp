@@ -22,7 +22,7 @@ std::optional<std::string> problemAt(const std::string& path, Item item) {
         return path + " is no regular file";
     }
     if (isRoots(status)) {
-        return std::nullopt;
+        return problemBeyondMode(path);
     }
     return status.st_uid != 0 ? path + " belongs to user " + std::to_string(status.st_uid)
                               : "others than its owner can write to " + path;

@@ -12,9 +12,14 @@ namespace halvo::RootsAlone {
 // What is to lie at the end of a path. A symbolic link is neither.
 enum class Item { file, folder };
 
-// Whether the item with `status` belongs to root and nobody else may write it. An access-control
-// list that lets somebody else write shows in the group's bits; acl(5).
+// Whether the item with `status` belongs to root and nobody else may write it. On Linux an
+// access-control list that lets somebody else write shows in the group's bits; acl(5).
 bool isRoots(const struct stat& status);
+
+// What else keeps the very item at `path` from being root's alone. One per system: on Linux
+// nothing; on macOS an access-control list that allows anybody anything (acl(3)), and a volume that
+// is not of this machine's own disks or on which owners do not count (statfs(2)).
+std::optional<std::string> problemBeyondMode(const std::string& path);
 
 // What keeps the item at the absolute `path` from being root's alone to change or to put another in
 // the place of, as a part of a sentence that names it: "/srv belongs to user 1000". Nothing when

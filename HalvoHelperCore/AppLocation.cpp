@@ -11,10 +11,11 @@ bool isBundlePath(const std::string& path) {
         return path.find(text) != std::string::npos;
     };
     // With these excluded nothing is left for a lexical normalisation to change: the last
-    // component ends in ".app" and so is neither "." nor ".." nor empty.
+    // component ends in ".app" and so is neither "." nor ".." nor empty. What the system makes of a
+    // path besides is its own.
     return path.starts_with('/') && path.ends_with(".app") && !contains("/../") &&
            !contains("/./") && !contains("//") && path.find('\0') == std::string::npos &&
-           isUTF8(path);
+           isUTF8(path) && isStandardizedPath(path);
 }
 
 bool isLockablePath(const std::string& path) {

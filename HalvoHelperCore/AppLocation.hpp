@@ -7,11 +7,13 @@
 namespace halvo::AppLocation {
 
 // Whether `path` can be an app bundle's: absolute, ending in ".app", in its plainest form (no "//",
-// "/./" or "/../"), and text (UTF-8 without a zero byte). Looks at the text only.
+// "/./" or "/../", and as isStandardizedPath() in HalvoPlatform/Paths.hpp has it), and text (UTF-8
+// without a zero byte). Looks at the text only, but for a path below "/private" on macOS, as do
+// isLockablePath() and bundlePath().
 bool isBundlePath(const std::string& path);
 
 // Whether a bundle at `path` could be locked: a bundle path, directly in a folder named
-// "Applications". Looks at the text only.
+// "Applications".
 bool isLockablePath(const std::string& path);
 
 // Whether the bundle at `path` may be locked: such a path, at which there is a folder and no
@@ -19,7 +21,7 @@ bool isLockablePath(const std::string& path);
 bool mayLock(const std::string& path);
 
 // The bundle in whose "Contents/MacOS" folder the executable at `path` lies; nothing when it lies
-// elsewhere or that is no bundle path. Looks at the text only.
+// elsewhere or that is no bundle path.
 std::optional<std::string> bundlePath(const std::string& executable);
 
 }  // namespace halvo::AppLocation

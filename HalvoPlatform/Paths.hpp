@@ -14,6 +14,11 @@ bool hasZeroByte(const std::string& path);
 // Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool isUTF8(std::string_view text);
 
+// Whether the system would write the absolute `path`, which has no "//", "/./" or "/../", in the
+// same way. One per system: on Linux always; on macOS not below "/private" where the path without
+// that leads somewhere (NSURL, URLByStandardizingPath).
+bool isStandardizedPath(const std::string& path);
+
 // The path with every symbolic link, "." and ".." resolved by the kernel (realpath(3)), or nothing
 // when some component does not exist or may not be searched.
 std::optional<std::string> canonicalPath(const std::string& path);

@@ -19,14 +19,15 @@ std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& inf
 // The path of the folder that holds every shared file: containerOf() the identifier().
 std::string container();
 
-// The folder of the group `identifier`. Without a group, or where the system has no folder for such
-// a group, it is "Halvo-NoGroup" in the folder where the user's apps keep their data. The folder is
-// made when it is missing, with the folders above it. That this failed shows only when a file in it
-// is read or written: the path is the same all the same.
+// The folder of the group `identifier`. Without a group, or where the system lets the process use
+// no folder of such a group, it is "Halvo-NoGroup" in the folder where the user's apps keep their
+// data. The folder is made when it is missing, with the folders above it. That this failed shows
+// only when a file in it is read or written: the path is the same all the same.
 //
-// On macOS it is the group's container, which the system gives only to processes with the
-// entitlement for it (containerURLForSecurityApplicationGroupIdentifier:), and the user's apps keep
-// their data in Application Support.
+// On macOS it is the group's container (containerURLForSecurityApplicationGroupIdentifier:), as
+// long as the process can make, read and write it, which the system allows to those with the
+// entitlement for it; of others it may ask the person. The user's apps keep their data in
+// Application Support. On Linux no process is kept out of a group.
 //
 // On Linux the user's apps keep their data in $XDG_DATA_HOME, else in ~/.local/share (XDG Base
 // Directory), a group's folder lies in there under the group's identifier, and a folder made here

@@ -1,10 +1,19 @@
 #include "HalvoHelper/LiveOpener.hpp"
 
 #import <Foundation/Foundation.h>
+#include <pthread.h>
 
+#include <csignal>
+#include <expected>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/macOS/HelperCopy.hpp"
+#include "HalvoHelperCore/HelperIdentity.hpp"
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
@@ -31,22 +40,96 @@ NSTask* taskOf(const OpenAsUser::Command& command) {
     return task;
 }
 
+// Who the helper is, by its own Info.plist.
+std::optional<HelperIdentity> ownIdentity() {
+    return HelperIdentity::helper(Bundle::main().info());
+}
+
+// The program to start as root: the helper's `executable` where root alone decides what lies there,
+// and a copy of it elsewhere. Or why there is none.
+std::expected<std::string, std::string> rootsProgram(const std::string& executable) {
+    if (!RootsAlone::problem(executable)) {
+        return executable;
+    }
+    const auto identity = ownIdentity();
+    if (!identity) {
+        return std::unexpected("The helper has no team or app identifier in its Info.plist");
+    }
+    return HelperCopy::make(executable, *identity);
+}
+
+// While it lives, what this thread starts has every signal at its default and none blocked,
+// whatever NSTask does about them: the helper ignores SIGTERM and SIGPIPE, and Dispatch's threads
+// block all they can.
+//
+// What is ignored is caught meanwhile, by nothing: execve(2) makes that the default in the child,
+// and a SIGTERM that comes just now still does not end the helper, and still reaches the source
+// that watches it (kqueue(2), EVFILT_SIGNAL).
+class ChildSignals {
+  public:
+    ChildSignals() {
+        for (int signal = 1; signal < NSIG; ++signal) {
+            struct sigaction action{};
+            if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+                ignored_.push_back(signal);
+                setHandler(signal, [](int) {});
+            }
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        pthread_sigmask(SIG_SETMASK, &none, &mask_);
+    }
+
+    ChildSignals(const ChildSignals&) = delete;
+    ChildSignals& operator=(const ChildSignals&) = delete;
+
+    ~ChildSignals() {
+        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+        for (const int signal : ignored_) {
+            setHandler(signal, SIG_IGN);
+        }
+    }
+
+  private:
+    static void setHandler(int signal, void (*handler)(int)) {
+        struct sigaction action{};
+        action.sa_handler = handler;
+        action.sa_flags = SA_RESTART;
+        sigaction(signal, &action, nullptr);
+    }
+
+    std::vector<int> ignored_;
+    sigset_t mask_{};
+};
+
+void logFailure(const std::string& reason) {
+    HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", reason.c_str());
+}
+
 }  // namespace
 
 LiveOpener::LiveOpener(std::string helperExecutable)
-    : helperExecutable_(std::move(helperExecutable)) {}
+    : helperExecutable_(std::move(helperExecutable)) {
+    if (const auto identity = ownIdentity()) {
+        HelperCopy::remove(*identity);
+    }
+}
 
 void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQuit) {
     @autoreleasepool {
         if (!itemExists(appPath)) {
             return;
         }
-        NSTask* task =
-            taskOf(OpenAsUser::launchctlCommand(helperExecutable_, {uid, appPath, afterQuit}));
+        const auto program = rootsProgram(helperExecutable_);
+        if (!program) {
+            logFailure(program.error());
+            return;
+        }
+        NSTask* task = taskOf(OpenAsUser::launchctlCommand(*program, {uid, appPath, afterQuit}));
         NSError* error = nil;
+        const ChildSignals signals;
         if (![task launchAndReturnError:&error]) {
-            HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s",
-                            textOf(error.localizedDescription).value_or("").c_str());
+            logFailure(textOf(error.localizedDescription).value_or(""));
         }
     }
 }

@@ -1,12 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "HalvoHelper/LiveOpener.hpp"
+#include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
@@ -17,19 +20,34 @@ using ::testing::IsEmpty;
 
 const std::string helper = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
 
-class LiveOpenerTest : public ::testing::Test {
+// The helper lies in a bundle that is root's alone, until a test changes that.
+class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
   protected:
-    LiveOpenerTest() {
+    void prepare() override {
         fake::reset();
         std::filesystem::create_directory(app);
+        std::filesystem::create_directories(std::filesystem::path(helper).parent_path());
+        writeTestFile(helper, "the helper");
+        fake::world().mainInfo =
+            "<plist version=\"1.0\"><dict><key>HalvoAppBundleID</key><string>com.example.app"
+            "</string><key>HalvoTeamID</key><string>7QX4KD19MT</string></dict></plist>";
+        fake::world().signedFiles["the helper"] = identity.helperRequirement();
     }
 
+    void cleanUp() override {
+        std::filesystem::remove_all(bundle);
+        HelperCopy::remove(identity);
+    }
+
+    const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
+    const std::string bundle = "/Applications/Halvo.app";
+    const std::string copy = "/Library/Application Support/com.example.app.helper.copy/HalvoHelper";
     TemporaryFolder disk;
     const std::string app = disk / "Halvo.app";
     LiveOpener opener{helper};
 };
 
-TEST_F(LiveOpenerTest, StartsTheHelpersExecutableThroughLaunchctl) {
+TEST_F(LiveOpenerPrivateMachineTest, StartsTheHelpersExecutableThroughLaunchctl) {
     opener.open(app, 501, false);
     const fake::Launch expected{
         "/bin/launchctl", {"asuser", "501", helper, "--open-as-user", "501", app}, {}, true};
@@ -37,7 +55,7 @@ TEST_F(LiveOpenerTest, StartsTheHelpersExecutableThroughLaunchctl) {
     EXPECT_THAT(fake::world().log, IsEmpty());
 }
 
-TEST_F(LiveOpenerTest, TellsWhenItIsAfterAQuit) {
+TEST_F(LiveOpenerPrivateMachineTest, TellsWhenItIsAfterAQuit) {
     opener.open(app, 4294967295, true);
     const fake::Launch expected{
         "/bin/launchctl",
@@ -47,13 +65,13 @@ TEST_F(LiveOpenerTest, TellsWhenItIsAfterAQuit) {
     EXPECT_THAT(fake::world().launches, ElementsAre(expected));
 }
 
-TEST_F(LiveOpenerTest, OpensAgainEachTimeItIsAsked) {
+TEST_F(LiveOpenerPrivateMachineTest, OpensAgainEachTimeItIsAsked) {
     opener.open(app, 501, false);
     opener.open(app, 501, false);
     EXPECT_EQ(fake::world().launches.size(), 2U);
 }
 
-TEST_F(LiveOpenerTest, OpensAnOddlyNamedApp) {
+TEST_F(LiveOpenerPrivateMachineTest, OpensAnOddlyNamedApp) {
     const std::string odd = disk / "H\xC3\xA4 \"l$vo\n.app";
     std::filesystem::create_directory(odd);
     opener.open(odd, 501, false);
@@ -61,7 +79,7 @@ TEST_F(LiveOpenerTest, OpensAnOddlyNamedApp) {
     EXPECT_EQ(fake::world().launches[0].arguments.back(), odd);
 }
 
-TEST_F(LiveOpenerTest, DoesNothingWithoutAnApp) {
+TEST_F(LiveOpenerPrivateMachineTest, DoesNothingWithoutAnApp) {
     std::filesystem::create_directory_symlink(disk / "nothing", disk / "Link.app");
     for (const std::string& path :
          {disk / "Missing.app", disk / "Link.app", std::string(), app + std::string("\0x", 2)}) {
@@ -71,7 +89,7 @@ TEST_F(LiveOpenerTest, DoesNothingWithoutAnApp) {
     EXPECT_THAT(fake::world().log, IsEmpty());
 }
 
-TEST_F(LiveOpenerTest, SaysWhyTheChildCouldNotBeStarted) {
+TEST_F(LiveOpenerPrivateMachineTest, SaysWhyTheChildCouldNotBeStarted) {
     fake::world().launchError = "The file \xE2\x80\x9Claunchctl\xE2\x80\x9D doesn't exist.";
     opener.open(app, 501, false);
     EXPECT_THAT(fake::world().launches, IsEmpty());
@@ -81,13 +99,49 @@ TEST_F(LiveOpenerTest, SaysWhyTheChildCouldNotBeStarted) {
 }
 
 // No folder of the app's is named so, but a disk may have one.
-TEST_F(LiveOpenerTest, SurvivesAPathThatIsNotText) {
+TEST_F(LiveOpenerPrivateMachineTest, SurvivesAPathThatIsNotText) {
     const std::string odd = disk / "\xFF.app";
     std::filesystem::create_directory(odd);
     opener.open(odd, 501, true);
     ASSERT_EQ(fake::world().launches.size(), 1U);
     EXPECT_THAT(fake::world().launches[0].arguments,
                 ElementsAre("asuser", "501", helper, "--open-as-user", "501", "", "--after-quit"));
+}
+
+// ------------------------------------------------------ a bundle that is not root's alone
+
+TEST_F(LiveOpenerPrivateMachineTest, NeverStartsAsRootWhatLiesInABundleOfSomebodyElse) {
+    ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
+    opener.open(app, 501, true);
+    ASSERT_EQ(fake::world().launches.size(), 1U);
+    EXPECT_EQ(fake::world().launches[0].executable, "/bin/launchctl");
+    EXPECT_THAT(fake::world().launches[0].arguments,
+                ElementsAre("asuser", "501", copy, "--open-as-user", "501", app, "--after-quit"));
+    EXPECT_THAT(fake::world().log, IsEmpty());
+}
+
+TEST_F(LiveOpenerPrivateMachineTest, StartsNothingWhenItsCopyIsNotSignedAsTheHelperMustBe) {
+    ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
+    writeTestFile(helper, "a way to root");
+    opener.open(app, 501, false);
+    EXPECT_THAT(fake::world().launches, IsEmpty());
+    EXPECT_THAT(fake::errors(),
+                ElementsAre("Couldn't open Halvo: " + copy + ": code object is not signed at all"));
+    EXPECT_EQ(fake::world().log.size(), 1U);
+    // There is nothing to check it by.
+    fake::world().mainInfo = "";
+    opener.open(app, 501, false);
+    EXPECT_THAT(fake::world().launches, IsEmpty());
+    EXPECT_EQ(fake::errors().back(),
+              "Couldn't open Halvo: The helper has no team or app identifier in its Info.plist");
+}
+
+TEST_F(LiveOpenerPrivateMachineTest, IsMadeWithoutTheCopyOfAHelperThatWasKilled) {
+    ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
+    opener.open(app, 501, false);
+    EXPECT_TRUE(std::filesystem::exists(copy));
+    const LiveOpener next{helper};
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(copy).parent_path()));
 }
 
 }  // namespace

@@ -2,11 +2,28 @@
 
 #include <sys/sysctl.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <string>
 
 namespace halvo {
+namespace {
+
+// `count`, or the greatest that this process has been told before. The system makes this clock of
+// the wall clock and the moment of the boot, which are moved one after the other when the clock is
+// set: a reading may lie a little before the last one, which would be taken for another boot.
+std::uint64_t neverBack(std::uint64_t count) {
+    static std::atomic<std::uint64_t> greatest{0};
+    std::uint64_t before = greatest.load();
+    while (before < count && !greatest.compare_exchange_weak(before, count)) {
+    }
+    return std::max(before, count);
+}
+
+}  // namespace
 
 BootID readBootID() {
     constexpr const char* name = "kern.bootsessionuuid";
@@ -23,7 +40,7 @@ BootID readBootID() {
 
 Seconds sinceBoot() {
     constexpr double nanosecondsPerSecond = 1000000000.0;
-    return Seconds{static_cast<double>(clock_gettime_nsec_np(CLOCK_MONOTONIC)) /
+    return Seconds{static_cast<double>(neverBack(clock_gettime_nsec_np(CLOCK_MONOTONIC))) /
                    nanosecondsPerSecond};
 }
 

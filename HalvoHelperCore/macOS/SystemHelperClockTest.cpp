@@ -76,44 +76,7 @@ TEST_F(DarwinClockTest, SaysNothingAboutABootThatItDoesNotKnow) {
     EXPECT_TRUE(fake::world().log.empty());
 }
 
-TEST_F(DarwinClockTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
-    fake::world().sinceBoot = 1'500'000'000;
-    EXPECT_EQ(sinceBoot().count(), 1.5);
-    EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 1.5);
-    fake::world().sinceBoot = 51'873'204'417'375;
-    EXPECT_EQ(sinceBoot().count(), 51'873'204'417'375.0 / 1'000'000'000.0);
-    fake::world().sinceBoot = 0;
-    EXPECT_EQ(sinceBoot().count(), 0);
-}
-
-// The count is unsigned: half of its range is more than a signed one holds.
-TEST_F(DarwinClockTest, CountsAsFarAsTheSystemCounts) {
-    fake::world().sinceBoot = 0x8000'0000'0000'0000;
-    EXPECT_EQ(sinceBoot().count(), 9'223'372'036'854'775'808.0 / 1'000'000'000.0);
-}
-
-TEST_F(DarwinClockTest, ReadsBothClocksAtEveryReading) {
-    SystemHelperClock clock;
-    const ClockReading before = clock.reading();
-    EXPECT_EQ(before.sinceBoot.count(), 1'000);
-    EXPECT_EQ(before.wall, wallDate(1'800'001'000));
-    fake::world().bootedAt -= 7'200;
-    fake::serve(0.5);
-    const ClockReading after = clock.reading();
-    EXPECT_EQ(after.sinceBoot.count(), 1'000.5);
-    EXPECT_EQ(after.wall, wallDate(1'799'993'800.5)) << "somebody set the wall clock";
-    EXPECT_EQ(after.bootID, before.bootID);
-}
-
-TEST_F(DarwinClockTest, TakesTheWallClockAfterTheOther) {
-    fake::world().readingTakes = 5'000'000'000;
-    const ClockReading reading = SystemHelperClock().reading();
-    EXPECT_EQ(reading.sinceBoot.count(), 1'000);
-    EXPECT_EQ(reading.wall, wallDate(1'800'001'005));
-}
-
-// What happens at the first reading of a process needs a process that has taken none: it is
-// started anew for each of these.
+// What a process has read before counts, so each of these is started anew.
 class DarwinClockDeathTest : public ::testing::Test {
   protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -121,6 +84,67 @@ class DarwinClockDeathTest : public ::testing::Test {
     // Ends the new process: with 0 when all its expectations held.
     [[noreturn]] static void finish() { std::exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
 };
+
+TEST_F(DarwinClockDeathTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
+    const auto body = [] {
+        fake::world().sinceBoot = 0;
+        EXPECT_EQ(sinceBoot().count(), 0);
+        fake::world().sinceBoot = 1'500'000'000;
+        EXPECT_EQ(sinceBoot().count(), 1.5);
+        EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 1.5);
+        fake::world().sinceBoot = 51'873'204'417'375;
+        EXPECT_EQ(sinceBoot().count(), 51'873'204'417'375.0 / 1'000'000'000.0);
+        // The count is unsigned: half of its range is more than a signed one holds.
+        fake::world().sinceBoot = 0x8000'0000'0000'0000;
+        EXPECT_EQ(sinceBoot().count(), 9'223'372'036'854'775'808.0 / 1'000'000'000.0);
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+// It is the wall clock less the moment of the boot, which do not change at once when the clock is
+// set.
+TEST_F(DarwinClockDeathTest, NeverGoesBackWithinAProcessAlsoWhereTheSystemsClockDoes) {
+    const auto body = [] {
+        fake::world().sinceBoot = 5'000'000'003'000;
+        EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 5'000.000'003);
+        fake::world().sinceBoot -= 3'000;
+        EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 5'000.000'003);
+        EXPECT_EQ(sinceBoot().count(), 5'000.000'003);
+        fake::world().sinceBoot += 4'000;
+        EXPECT_EQ(sinceBoot().count(), 5'000.000'004) << "and goes on from there";
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(DarwinClockDeathTest, ReadsBothClocksAtEveryReading) {
+    const auto body = [] {
+        SystemHelperClock clock;
+        const ClockReading before = clock.reading();
+        EXPECT_EQ(before.sinceBoot.count(), 1'000);
+        EXPECT_EQ(before.wall, wallDate(1'800'001'000));
+        fake::world().bootedAt -= 7'200;
+        fake::serve(0.5);
+        const ClockReading after = clock.reading();
+        EXPECT_EQ(after.sinceBoot.count(), 1'000.5);
+        EXPECT_EQ(after.wall, wallDate(1'799'993'800.5)) << "somebody set the wall clock";
+        EXPECT_EQ(after.bootID, before.bootID);
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(DarwinClockDeathTest, TakesTheWallClockAfterTheOther) {
+    const auto body = [] {
+        fake::world().readingTakes = 5'000'000'000;
+        const ClockReading reading = SystemHelperClock().reading();
+        EXPECT_EQ(reading.sinceBoot.count(), 1'000);
+        EXPECT_EQ(reading.wall, wallDate(1'800'001'005));
+        finish();
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
 
 TEST_F(DarwinClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess) {
     const auto body = [] {

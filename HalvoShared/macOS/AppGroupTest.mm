@@ -32,6 +32,7 @@ class DarwinAppGroupTest : public ::testing::Test {
 
 TEST_F(DarwinAppGroupTest, HasTheFolderThatTheSystemHasForIt) {
     EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
+    EXPECT_TRUE(fs::is_directory(groups + "/group.a")) << "made when it is missing";
     EXPECT_FALSE(fs::exists(noGroup));
 }
 
@@ -40,11 +41,27 @@ TEST_F(DarwinAppGroupTest, HasAFolderWithoutAnIdentifier) {
     EXPECT_TRUE(fs::is_directory(noGroup)) << "made with the folders above it";
 }
 
-TEST_F(DarwinAppGroupTest, TakesAGroupThatTheSystemDoesNotKnowForNone) {
+// Its container has a URL all the same, which says nothing: Apple's documentation of
+// containerURLForSecurityApplicationGroupIdentifier: has the caller test that the folder can be
+// reached.
+TEST_F(DarwinAppGroupTest, TakesAGroupThatTheProcessMayNotUseForNone) {
     for (const char* identifier : {"group.b", "group.a.b", "Group.a", ""}) {
         EXPECT_EQ(AppGroup::containerOf(identifier), noGroup) << identifier;
     }
     EXPECT_TRUE(fs::is_directory(noGroup));
+}
+
+TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
+    // One that root, too, may only look at.
+    fake::world().groupContainers["group.a"] = "/proc/self";
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    fake::world().groupContainers["group.a"] = groups + "/group.a";
+    fs::create_directories(groups);
+    writeTestFile(groups + "/group.a", "a file in its place");
+    fs::permissions(groups + "/group.a", fs::perms{0777});
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    fs::remove(groups + "/group.a");
+    EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
 }
 
 TEST_F(DarwinAppGroupTest, TakesAnIdentifierThatIsNotUTF8ForNone) {

@@ -37,6 +37,14 @@ struct LogEntry {
     bool operator==(const LogEntry&) const = default;
 };
 
+// A look at a code signature: SecStaticCodeCheckValidity(), with its flags.
+struct SignatureCheck {
+    std::string path;
+    std::uint32_t flags{};
+
+    bool operator==(const SignatureCheck&) const = default;
+};
+
 // A task that was launched.
 struct Launch {
     std::string executable;
@@ -68,6 +76,24 @@ struct World {
     std::optional<int> lchflagsError;
     int lchflagsCalls = 0;
 
+    // statfs(2): the flags of the volume on which the item at a path lies; any other lies on the
+    // machine's own. Whether the call fails.
+    std::map<std::string, std::uint32_t> volumes;
+    bool statfsFails = false;
+
+    // Access-control lists, acl(3), by path: "a" is an entry that allows, "d" one that denies, "?"
+    // one that cannot be read. And the errno where the system does not tell.
+    std::map<std::string, std::string> accessLists;
+    std::optional<int> accessListError;
+
+    // Security: files as they must be, by their bytes, with the requirement that their signature
+    // meets. The bytes are read at the very check, before which `onSignatureCheck` is called. A
+    // requirement is text that begins as all of ours do.
+    std::map<std::string, std::string> signedFiles;
+    std::vector<SignatureCheck> signatureChecks;
+    std::function<void()> onSignatureCheck;
+    bool errorsHaveTexts = true;
+
     // The clocks: nanoseconds since boot, and the wall clock's seconds since 1970 at boot. Only
     // Dispatch moves the first, as a script goes on.
     std::uint64_t sinceBoot = 1'000'000'000'000;
@@ -89,12 +115,16 @@ struct World {
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
 
-    // Foundation's folders: the containers of groups, and Application Support (none when empty).
+    // Foundation's folders: the containers of groups that the process may use, and Application
+    // Support (none when empty). "In macOS, a URL of the expected form is always returned", says
+    // Apple's documentation of containerURLForSecurityApplicationGroupIdentifier:, so that of
+    // another group is a place where nobody can make a folder.
     std::map<std::string, std::string> groupContainers;
+    std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
 
     // Tasks: those launched, what happens then, and why none can be launched. A task without an
-    // environment of its own has the process's.
+    // environment of its own has the process's. A program that this machine has is run to its end.
     std::vector<Launch> launches;
     std::function<void(const Launch&)> onLaunch;
     std::optional<std::string> launchError;

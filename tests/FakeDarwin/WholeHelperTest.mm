@@ -29,6 +29,8 @@
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestReport.hpp"
 
 // The helper's main().
 extern "C" int halvoHelperMain(int count, char** words);
@@ -267,6 +269,8 @@ class WholeHelperPrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override {
         fs::create_directories(app + "/Contents/MacOS");
+        fs::create_directories(app + "/Contents/Helpers");
+        writeTestFile(helperPath, "the helper");
         writeTestFile(executable, "");
         fs::permissions(executable, fs::perms{0755});
         machine.mainExecutable = helperPath;
@@ -690,6 +694,29 @@ TEST_F(WholeHelperPrivateMachineTest, ReachesTheUsersOpenThroughTheOtherModeOfTh
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
 }
 
+// What the helper ignores, and what the thread of its main queue blocks, is its own affair.
+TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithEverySignalAsItIsByDefault) {
+    const FakeOpen programs;
+    copyProgram(HALVO_TEST_APP, "/bin/launchctl");
+    const HelperRun helper = run([this] {
+        App& mine = newHoldingApp(user.uid, 600);
+        fake::at(3, [&] { mine.quit(); });
+        fake::world().onLaunch = [](const fake::Launch&) { kill(getpid(), SIGTERM); };
+        fake::at(9, [] {
+            struct sigaction action{};
+            sigaction(SIGTERM, nullptr, &action);
+            EXPECT_EQ(action.sa_handler, SIG_IGN) << "as before";
+            note("survived");
+        });
+        fake::endAt(9.5);
+    });
+    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "survived"));
+    TestReport report = readReport(reportBeside("/bin/launchctl"));
+    EXPECT_THAT(report["SigBlk"], ElementsAre("0000000000000000"));
+    EXPECT_EQ(ignoredSignals(report), 0U);
+    EXPECT_THAT(report["environment"], IsEmpty());
+}
+
 TEST_F(WholeHelperPrivateMachineTest, OpensNothingWhileTheAppRuns) {
     const HelperRun helper = run([this] {
         App& mine = newHoldingApp(user.uid, 600);
@@ -698,6 +725,30 @@ TEST_F(WholeHelperPrivateMachineTest, OpensNothingWhileTheAppRuns) {
         fake::endAt(120);
     });
     EXPECT_THAT(helper.launches, IsEmpty());
+}
+
+// As it is when it was dragged into place.
+TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACheckedCopy) {
+    ASSERT_EQ(chown(app.c_str(), user.uid, user.gid), 0);
+    machine.signedFiles["the helper"] =
+        "anchor apple generic and identifier \"com.example.app.helper\" and certificate "
+        "leaf[subject.OU] = \"7QX4KD19MT\"";
+    const std::string copy = stateFolder + ".copy/HalvoHelper";
+    const HelperRun helper = run([&] {
+        App& mine = newHoldingApp(user.uid, 600);
+        fake::at(3, [&] { mine.quit(); });
+        fake::world().onLaunch = [&](const fake::Launch&) { note(readTestFile(copy)); };
+        // Between two openings they put something else in its place.
+        fake::at(9, [] { writeTestFile(helperPath, "a way to root"); });
+        fake::at(25, [] { fake::raise(SIGTERM); });
+    });
+    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "the helper"));
+    ASSERT_EQ(helper.launches.size(), 1U);
+    EXPECT_EQ(helper.launches[0].arguments.at(2), copy);
+    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s", opening, opening,
+                                        "error: Couldn't open Halvo: " + copy +
+                                            ": code object is not signed at all"));
+    EXPECT_FALSE(fs::exists(stateFolder + ".copy")) << "nothing is left of it";
 }
 
 TEST_F(WholeHelperPrivateMachineTest, DoesNotTakeAnotherPersonsAppForTheCommittedOnes) {
@@ -782,15 +833,17 @@ TEST_F(WholeHelperPrivateMachineTest, OpensNothingOfAnAppThatIsGone) {
 
 TEST_F(WholeHelperPrivateMachineTest, StartsItselfByItsFirstWordWhenTheBundleKnowsNoExecutable) {
     machine.mainExecutable = std::nullopt;
+    const std::string elsewhere = app + "/Contents/HalvoHelper";
+    writeTestFile(elsewhere, "");
     const HelperRun helper = run(
         [this] {
             App& mine = newHoldingApp(user.uid, 600);
             fake::at(1.5, [&] { mine.quit(); });
             fake::endAt(9);
         },
-        {"/somewhere/HalvoHelper"});
+        {elsewhere});
     ASSERT_EQ(helper.launches.size(), 1U);
-    EXPECT_EQ(helper.launches[0].arguments.at(2), "/somewhere/HalvoHelper");
+    EXPECT_EQ(helper.launches[0].arguments.at(2), elsewhere);
 }
 
 // ------------------------------------------------------------------------------------------ the

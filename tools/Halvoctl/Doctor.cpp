@@ -49,8 +49,9 @@ Check checkHelperFiles(const HelperFiles& files) {
     for (const std::string& path : files.paths) {
         if (const auto problem = RootsAlone::problem(path, RootsAlone::Item::file, files.top)) {
             return isProblem(name, printable(*problem),
-                             "Whoever can change the helper becomes root. Install it again, in "
-                             "folders of root that nobody else can write.");
+                             files.risk +
+                                 " Install it again, in folders of root that nobody else can "
+                                 "write.");
         }
     }
     return isOk(name, "root's alone, in " + printable(folderOf(files.paths.front())));

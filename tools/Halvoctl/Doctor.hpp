@@ -20,11 +20,12 @@ Checks examineService(Machine& machine);
 Checks examineApp(Machine& machine, const std::string& app);
 Checks examineSession(Machine& machine, std::uint32_t uid);
 
-// The files that must be root's alone for the helper to be what it is, and the first folder above
-// them that counts. One source per system.
+// The files that must be root's alone for the helper to be what it is, the first folder above them
+// that counts, and what may happen where they are not, as a sentence. One source per system.
 struct HelperFiles {
     std::vector<std::string> paths;
     std::string top;
+    std::string risk = "Whoever can change the helper becomes root.";
 };
 
 HelperFiles helperFiles(const Machine& machine);

@@ -11,3 +11,7 @@
 
 typedef const void* CFTypeRef;
 typedef const struct __attribute__((objc_bridge(NSString))) __CFString* CFStringRef;
+typedef const struct __attribute__((objc_bridge(NSURL))) __CFURL* CFURLRef;
+
+// Of <MacTypes.h>, which Core Foundation includes.
+typedef int OSStatus;

@@ -105,6 +105,7 @@ typedef struct {
 
 @interface NSURL : NSObject <NSCopying>
 @property(nullable, readonly, copy) NSString* path;
+@property(nullable, readonly, copy) NSURL* URLByStandardizingPath;
 + (NSURL*)fileURLWithPath:(NSString*)path;
 - (nullable NSURL*)URLByAppendingPathComponent:(NSString*)component isDirectory:(BOOL)isDirectory;
 @end

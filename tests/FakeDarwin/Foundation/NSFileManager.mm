@@ -15,8 +15,12 @@
         fake::refuse("nil as a group");
     }
     const auto& containers = fake::world().groupContainers;
-    const auto found = containers.find(fake::textOf(group));
-    return found == containers.end() ? nil : [NSURL fileURLWithPath:fake::stringOf(found->second)];
+    const std::string name = fake::textOf(group);
+    const auto found = containers.find(name);
+    return
+        [NSURL fileURLWithPath:fake::stringOf(found == containers.end()
+                                                  ? fake::world().otherGroupContainers + "/" + name
+                                                  : found->second)];
 }
 
 - (NSArray<NSURL*>*)URLsForDirectory:(NSSearchPathDirectory)directory

@@ -1,3 +1,5 @@
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "../FakeDarwin.hpp"
@@ -28,6 +30,36 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
     return environment;
 }
 
+// Runs the program, where this machine has it, to its end. Apple's documentation of NSTask says
+// nothing of signals, so the child has them as posix_spawn(2) leaves them: ignored and blocked as
+// in the thread that launches.
+void runChild(const fake::Launch& launch) {
+    if (access(launch.executable.c_str(), X_OK) != 0) {
+        return;
+    }
+    std::string name = launch.executable;
+    std::vector<std::string> arguments = launch.arguments;
+    std::vector<std::string> variables;
+    for (const auto& [key, value] : launch.environment) {
+        variables.push_back(key + "=" + value);
+    }
+    std::vector<char*> words{name.data()};
+    std::vector<char*> environment;
+    for (std::string& argument : arguments) {
+        words.push_back(argument.data());
+    }
+    for (std::string& variable : variables) {
+        environment.push_back(variable.data());
+    }
+    words.push_back(nullptr);
+    environment.push_back(nullptr);
+    pid_t child = 0;
+    if (posix_spawn(&child, name.c_str(), nullptr, nullptr, words.data(), environment.data()) ==
+        0) {
+        waitpid(child, nullptr, 0);
+    }
+}
+
 }  // namespace
 
 @implementation NSTask {
@@ -56,6 +88,7 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
     if (fake::world().onLaunch) {
         fake::world().onLaunch(launch);
     }
+    runChild(launch);
     if (self.terminationHandler != nil) {
         // The task is over at once; its end is told on a queue of the system's.
         fake::runElsewhere([self] { self.terminationHandler(self); });

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "Foundation.hpp"
 
 // URLs of files only.
@@ -16,6 +18,16 @@
 
 - (NSString*)path {
     return _path;
+}
+
+// Of a path that is plain already. Apple's documentation: an initial "/private" goes if what is
+// left leads to something that exists.
+- (NSURL*)URLByStandardizingPath {
+    const std::string prefix = "/private";
+    const std::string path = fake::textOf(_path);
+    const bool isShorter =
+        path.starts_with(prefix + "/") && access(path.c_str() + prefix.size(), F_OK) == 0;
+    return isShorter ? [NSURL fileURLWithPath:fake::stringOf(path.substr(prefix.size()))] : self;
 }
 
 - (NSURL*)URLByAppendingPathComponent:(NSString*)component isDirectory:(BOOL)isDirectory {

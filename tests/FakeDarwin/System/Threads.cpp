@@ -3,6 +3,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <exception>
 #include <thread>
 
@@ -16,6 +17,10 @@ namespace fake {
 void runElsewhere(const std::function<void()>& work) {
     std::exception_ptr thrown;
     std::thread thread([&] {
+        // As Dispatch's threads do.
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
         void* pool = objc_autoreleasePoolPush();
         try {
             work();

@@ -1,5 +1,6 @@
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
+#include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tools/Halvoctl/ReleaseLock.hpp"
 
 namespace halvo::control {
@@ -14,7 +15,10 @@ constexpr Seconds stopLimit{30};
 
 LaunchdService::LaunchdService(const HelperIdentity& identity, HelperProcesses& processes,
                                Programs& programs)
-    : job_("system/" + identity.helperBundleID()), processes_(processes), programs_(programs) {}
+    : identity_(identity),
+      job_("system/" + identity.helperBundleID()),
+      processes_(processes),
+      programs_(programs) {}
 
 std::vector<pid_t> LaunchdService::running() { return processes_.running(); }
 
@@ -60,7 +64,12 @@ std::expected<void, std::string> LaunchdService::stop(const Progress& progress) 
                                    " ended with " + std::to_string(out->status) + ". Try again.");
         }
     }
-    return endAll(processes_, progress);
+    auto ended = endAll(processes_, progress);
+    if (ended) {
+        // One that was killed leaves it.
+        HelperCopy::remove(identity_);
+    }
+    return ended;
 }
 
 std::expected<std::string, std::string> LaunchdService::resume(const Progress&) {

@@ -15,7 +15,8 @@ class LaunchdService final : public Service {
     std::vector<pid_t> running() override;
     std::string whatStarts() override;
     [[nodiscard]] std::string startCommand() const override;
-    // Takes the job out of launchd: SIGTERM alone would have it start the helper again.
+    // Takes the job out of launchd: SIGTERM alone would have it start the helper again. Takes away
+    // the copy that a helper leaves which was killed.
     std::expected<void, std::string> stop(const Progress& progress) override;
     // Brings nothing back: only the app's registration (SMAppService) and the next boot do.
     std::expected<std::string, std::string> resume(const Progress& progress) override;
@@ -24,6 +25,7 @@ class LaunchdService final : public Service {
     // Whether launchd has the job, or why that cannot be told.
     std::expected<bool, std::string> isLoaded();
 
+    HelperIdentity identity_;
     // "system/APP.helper".
     std::string job_;
     HelperProcesses& processes_;

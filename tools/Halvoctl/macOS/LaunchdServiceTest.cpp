@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/ReleaseLock.hpp"
 #include "tools/Halvoctl/macOS/LaunchdService.hpp"
@@ -116,6 +118,29 @@ TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(service->whatStarts(),
               "nothing starts it until the app registers it anew, or the next boot");
     EXPECT_EQ(service->startCommand(), "launchctl kickstart system/com.example.app.helper");
+}
+
+class LaunchdServicePrivateMachineTest : public testing::PrivateMachineTest {
+  protected:
+    void prepare() override { std::filesystem::create_directory(folder); }
+
+    void cleanUp() override { std::filesystem::remove_all(folder); }
+
+    const std::string folder = "/Library/Application Support/com.example.app.helper.copy";
+};
+
+TEST_F(LaunchdServicePrivateMachineTest, TakesAwayTheCopyOfAHelperThatWasKilled) {
+    FakePrograms programs;
+    FakeProcesses processes;
+    LaunchdService service(identity, processes, programs);
+    programs.answer(print, 113);
+    processes.processes = {7};
+    processes.areStuck = true;
+    EXPECT_FALSE(service.stop([](const std::string&) {}));
+    EXPECT_TRUE(std::filesystem::exists(folder)) << "it may use it";
+    processes.areStuck = false;
+    EXPECT_TRUE(service.stop([](const std::string&) {}));
+    EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
 TEST(LaunchdServiceLockTest, LiesWhereABootEmpties) {

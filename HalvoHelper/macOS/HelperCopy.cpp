@@ -1,0 +1,66 @@
+#include "HalvoHelper/macOS/HelperCopy.hpp"
+
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/macOS/CodeSignature.hpp"
+#include "HalvoPlatform/Files.hpp"
+
+namespace halvo::HelperCopy {
+namespace {
+
+// Several times what it takes, for both architectures.
+constexpr std::size_t longestExecutable = 16777216;
+constexpr const char* name = "HalvoHelper";
+
+void removeFolder(const std::string& path) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+// Takes the folder away when the process ends.
+void removeAtExit(const std::string& path) {
+    static std::string& place = *new std::string;
+    if (place.empty()) {
+        std::atexit([] { removeFolder(place); });
+    }
+    place = path;
+}
+
+}  // namespace
+
+std::string folder(const HelperIdentity& identity) { return identity.stateFolder() + ".copy"; }
+
+std::expected<std::string, std::string> make(const std::string& executable,
+                                             const HelperIdentity& identity) {
+    const std::string place = folder(identity);
+    const auto bytes = readFile(executable, longestExecutable);
+    if (!bytes) {
+        return std::unexpected(bytes.error().message);
+    }
+    removeAtExit(place);
+    if (const auto made = createFolder(place, 0700); !made) {
+        return std::unexpected(made.error().message);
+    }
+    if (auto problem = RootsAlone::problem(place, RootsAlone::Item::folder)) {
+        return std::unexpected(*std::move(problem));
+    }
+    // A new file each time: the system remembers of a file what it has found its signature to be,
+    // and ends what runs from one that is written over.
+    if (const auto written = replaceFile(place, name, *bytes, 0700); !written) {
+        return std::unexpected(written.error().message);
+    }
+    std::string copy = place + "/" + name;
+    if (const auto checked = checkCodeSignature(copy, identity.helperRequirement()); !checked) {
+        removeFolder(place);
+        return std::unexpected(checked.error());
+    }
+    return copy;
+}
+
+void remove(const HelperIdentity& identity) { removeFolder(folder(identity)); }
+
+}  // namespace halvo::HelperCopy

@@ -1,0 +1,185 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <expected>
+#include <filesystem>
+#include <string>
+
+#include "HalvoHelper/macOS/HelperCopy.hpp"
+#include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/PrivateMachine.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
+
+namespace halvo::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Result = std::expected<std::string, std::string>;
+
+const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
+const std::string folder = "/Library/Application Support/com.example.app.helper.copy";
+const std::string copy = folder + "/HalvoHelper";
+
+// The executable lies in a bundle of the person's.
+class HelperCopyPrivateMachineTest : public PrivateMachineTest {
+  protected:
+    void prepare() override {
+        fake::reset();
+        fake::world().signedFiles["the helper"] = identity.helperRequirement();
+        fake::world().signedFiles["the app"] = identity.appRequirement();
+        put("the helper");
+    }
+
+    void cleanUp() override {
+        fs::remove_all(folder);
+        fs::remove_all(executable);
+    }
+
+    void put(const std::string& bytes) const { writeTestFile(executable, bytes); }
+
+    // That there is no copy for this reason, and nothing is left of a try.
+    void expectRefusal(const std::string& reason) const {
+        EXPECT_EQ(HelperCopy::make(executable, identity), Result(std::unexpected(reason)));
+        EXPECT_FALSE(fs::exists(folder));
+    }
+
+    TemporaryFolder disk;
+    const std::string executable = disk / "HalvoHelper";
+};
+
+TEST_F(HelperCopyPrivateMachineTest, LiesWhereRootAloneCanReachIt) {
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    EXPECT_EQ(readTestFile(copy), "the helper");
+    for (const std::string& path : {folder, copy}) {
+        struct stat status{};
+        ASSERT_EQ(lstat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777U, 0700U) << path;
+        EXPECT_EQ(status.st_uid, 0U) << path;
+    }
+    const ChildResult person = runInChild([&] {
+        become(user);
+        EXPECT_EQ(open(copy.c_str(), O_RDONLY), -1);
+        EXPECT_EQ(unlink(copy.c_str()), -1);
+        EXPECT_EQ(rename(folder.c_str(), "/tmp/mine"), -1);
+        std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(person.status, 0) << person.output;
+    HelperCopy::remove(identity);
+    EXPECT_FALSE(fs::exists(folder));
+}
+
+// Strictly, every architecture, and without the network: CSCommon.h and SecStaticCode.h.
+TEST_F(HelperCopyPrivateMachineTest, IsItselfWhatIsChecked) {
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    EXPECT_THAT(fake::world().signatureChecks, ElementsAre(fake::SignatureCheck{copy, 0x20000011}));
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsNotTouchedByWhoChangesTheBundleMeanwhile) {
+    fake::world().onSignatureCheck = [this] { put("a way to root"); };
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    EXPECT_EQ(readTestFile(copy), "the helper");
+    // And what is checked is what is there by then.
+    put("the helper");
+    fake::world().onSignatureCheck = [] { writeTestFile(copy, "a way to root"); };
+    expectRefusal(copy + ": code object is not signed at all");
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsMadeAnewEachTimeFromWhatTheBundleHoldsByThen) {
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    struct stat first{};
+    ASSERT_EQ(stat(copy.c_str(), &first), 0);
+    const int held = open(copy.c_str(), O_RDONLY | O_CLOEXEC);
+    fake::world().signedFiles["the next release"] = identity.helperRequirement();
+    put("the next release");
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    EXPECT_EQ(readTestFile(copy), "the next release");
+    struct stat second{};
+    ASSERT_EQ(stat(copy.c_str(), &second), 0);
+    EXPECT_NE(first.st_ino, second.st_ino) << "what runs from the first is left alone";
+    close(held);
+    put("a way to root");
+    expectRefusal(copy + ": code object is not signed at all");
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsRefusedForWhatTheTeamHasSignedAsSomethingElse) {
+    put("the app");
+    expectRefusal(copy + ": code failed to satisfy specified code requirement(s)");
+    fake::world().errorsHaveTexts = false;
+    expectRefusal(copy + ": code signing error -67050");
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFile) {
+    fs::remove(executable);
+    expectRefusal(executable + ": No such file or directory");
+    ASSERT_EQ(mkfifo(executable.c_str(), 0666), 0);
+    expectRefusal(executable + ": Invalid argument");
+    fs::remove(executable);
+    fs::create_directory(executable);
+    expectRefusal(executable + ": Invalid argument");
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfMoreThanAHelperCanBe) {
+    fs::resize_file(executable, 16777216);
+    expectRefusal(copy + ": code object is not signed at all");
+    fs::resize_file(executable, 16777217);
+    expectRefusal(executable + ": File too large");
+}
+
+TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereSomebodyElseCouldChangeIt) {
+    fs::create_directory(folder);
+    ASSERT_EQ(chown(folder.c_str(), user.uid, user.gid), 0);
+    EXPECT_EQ(HelperCopy::make(executable, identity),
+              Result(std::unexpected(folder + " belongs to user " + std::to_string(user.uid))));
+    fs::remove(folder);
+    fs::create_directory(disk / "theirs");
+    fs::create_directory_symlink(disk / "theirs", folder);
+    EXPECT_EQ(HelperCopy::make(executable, identity),
+              Result(std::unexpected(folder + " is a symbolic link")));
+    EXPECT_TRUE(fs::is_empty(disk / "theirs"));
+    fs::remove(folder);
+    writeTestFile(folder, "");
+    EXPECT_EQ(HelperCopy::make(executable, identity),
+              Result(std::unexpected(folder + ": Not a directory")));
+    fs::remove(folder);
+    fs::create_directories(copy);
+    EXPECT_EQ(HelperCopy::make(executable, identity),
+              Result(std::unexpected(copy + ": Is a directory")));
+    EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
+}
+
+TEST_F(HelperCopyPrivateMachineTest, GoesWhenTheProcessEnds) {
+    const ChildResult process = runInChild([&] {
+        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+        EXPECT_TRUE(fs::exists(copy));
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(process.status, 0) << process.output;
+    EXPECT_FALSE(fs::exists(folder));
+}
+
+TEST_F(HelperCopyPrivateMachineTest, GoesFromTheFolderThatWasUsedLast) {
+    const ChildResult process = runInChild([&] {
+        const HelperIdentity other{"com.example.other", "7QX4KD19MT"};
+        fake::world().signedFiles["the other"] = other.helperRequirement();
+        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+        HelperCopy::remove(identity);
+        put("the other");
+        EXPECT_TRUE(HelperCopy::make(executable, other));
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(process.status, 0) << process.output;
+    EXPECT_FALSE(fs::exists("/Library/Application Support/com.example.other.helper.copy"));
+}
+
+}  // namespace
+}  // namespace halvo::testing

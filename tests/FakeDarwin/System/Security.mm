@@ -1,0 +1,83 @@
+// Code signatures. A file is signed when a test says so of its bytes, which are read when the
+// signature is checked, and not before.
+#import <Foundation/Foundation.h>
+#import <Security/Security.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "../FakeDarwin.hpp"
+#include "../Foundation/Foundation.hpp"
+
+// What Security hands out, of either kind: the path of the code, or the text of the requirement.
+@interface FakeSecurityObject : NSObject {
+  @public
+    std::string _text;
+}
+@end
+
+@implementation FakeSecurityObject
+@end
+
+namespace {
+
+FakeSecurityObject* objectOf(const std::string& text) {
+    FakeSecurityObject* object = [[FakeSecurityObject alloc] init];
+    object->_text = text;
+    return object;
+}
+
+std::string textOf(const void* object) { return ((__bridge FakeSecurityObject*)object)->_text; }
+
+}  // namespace
+
+extern "C" {
+
+OSStatus SecStaticCodeCreateWithPath(CFURLRef path, SecCSFlags, SecStaticCodeRef* code) {
+    const std::string file = fake::textOf(((__bridge NSURL*)path).path);
+    if (!std::ifstream(file)) {
+        return errSecCSStaticCodeNotFound;
+    }
+    *code = (__bridge_retained SecStaticCodeRef)objectOf(file);
+    return errSecSuccess;
+}
+
+OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags,
+                                        SecRequirementRef* requirement) {
+    const std::string words = fake::textOf((__bridge NSString*)text);
+    if (!words.starts_with("anchor apple generic and identifier ")) {
+        return errSecCSReqInvalid;
+    }
+    *requirement = (__bridge_retained SecRequirementRef)objectOf(words);
+    return errSecSuccess;
+}
+
+// Without a requirement it is enough that the code is signed by anybody.
+OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
+                                    SecRequirementRef requirement) {
+    fake::World& world = fake::world();
+    const std::string path = textOf(code);
+    world.signatureChecks.push_back({path, flags});
+    if (world.onSignatureCheck) {
+        world.onSignatureCheck();
+    }
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    const auto found = world.signedFiles.find(bytes);
+    if (found == world.signedFiles.end()) {
+        return errSecCSUnsigned;
+    }
+    const bool isMet = requirement == nullptr || textOf(requirement) == found->second;
+    return isMet ? errSecSuccess : errSecCSReqFailed;
+}
+
+CFStringRef SecCopyErrorMessageString(OSStatus status, void*) {
+    if (!fake::world().errorsHaveTexts) {
+        return nullptr;
+    }
+    return (__bridge_retained CFStringRef)fake::stringOf(
+        status == errSecCSUnsigned    ? "code object is not signed at all"
+        : status == errSecCSReqFailed ? "code failed to satisfy specified code requirement(s)"
+                                      : "code signing error " + std::to_string(status));
+}
+}

@@ -1,0 +1,9 @@
+// statfs(2) with the flags of volumes that Darwin has.
+#pragma once
+
+#include_next <sys/mount.h>
+#include <sys/statfs.h>
+
+#define MNT_NOSUID 0x00000008
+#define MNT_LOCAL 0x00001000
+#define MNT_IGNORE_OWNERSHIP 0x00200000
