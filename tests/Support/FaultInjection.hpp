@@ -13,6 +13,7 @@
 namespace halvo::testing {
 
 enum class SystemCall {
+    accept4,
     access,
     chdir,
     chmod,
@@ -21,7 +22,9 @@ enum class SystemCall {
     fchmod,
     fstat,
     fsync,
+    getsockopt,
     ioctl,
+    lstat,
     mkdir,
     open,
     openat,
