@@ -677,8 +677,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGo
             serveWhatComes();
             service.world.calls.clear();
         };
-        serveSome(50);  // what is allocated once is there by now
         constexpr int many = 400;
+        serveSome(many);  // what grows once, the world's notes among it, has its size by now
         const std::size_t before = bytesAllocated();
         serveSome(many);
         const std::size_t after = bytesAllocated();
