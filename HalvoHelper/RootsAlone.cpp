@@ -25,9 +25,8 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
     if (isRoots(status)) {
         return std::nullopt;
     }
-    return Problem{status.st_uid != 0
-                       ? path + " belongs to user " + std::to_string(status.st_uid)
-                       : "others than its owner can write to " + path};
+    return Problem{status.st_uid != 0 ? path + " belongs to user " + std::to_string(status.st_uid)
+                                      : "others than its owner can write to " + path};
 }
 
 }  // namespace

@@ -33,8 +33,6 @@
 namespace halvo {
 namespace {
 
-using Refusal = std::optional<std::string>;
-
 // What the kernel writes behind the path of a file that is no longer there; proc_pid_exe(5).
 constexpr std::string_view deletedMark = " (deleted)";
 
@@ -94,8 +92,9 @@ std::string_view takeWord(std::string_view& line) {
 
 // What keeps the kernel from honouring the set-group-id bit of files on the mount with the number
 // `mount`. Process 1 is asked, whose mounts are the machine's: in the unit's sandbox every mount is
-// nosuid, and a caller may have mounts of its own, from which the kernel gives nobody else anything.
-Refusal problemOfMount(std::uint64_t mount) {
+// nosuid, and a caller may have mounts of its own, from which the kernel gives nobody else
+// anything.
+std::optional<std::string> problemOfMount(std::uint64_t mount) {
     const std::string number = std::to_string(mount);
     std::optional<bool> isHonoured;
     // Only the first six of a line's words are the kernel's alone to choose the form of; the
@@ -156,10 +155,70 @@ std::optional<std::vector<gid_t>> peerGroups(int connection) {
     }
 }
 
+std::expected<ucred, std::string> credentialsOf(int connection) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+        return std::unexpected(failed("its credentials cannot be read", errno));
+    }
+    if (credentials.pid <= 0) {
+        return std::unexpected("its credentials cannot be read");
+    }
+    return credentials;
+}
+
+// Not open where the kernel is too old to have any.
+std::expected<Descriptor, std::string> pidfdOf(int connection) {
+    int number = -1;
+    socklen_t size = sizeof number;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &number, &size) == 0) {
+        return Descriptor(number);
+    }
+    if (errno != ENOPROTOOPT) {
+        return std::unexpected(failed("it cannot be told whether it still lives", errno));
+    }
+    return Descriptor();
+}
+
 // Whether the process behind `pidfd` has not ended; pidfd_open(2).
 bool isAlive(const Descriptor& pidfd) {
     pollfd ended{pidfd.get(), POLLIN, 0};
     return poll(&ended, 1, 0) == 0;
+}
+
+// Of the file that `file` holds, if it lies where it may.
+std::expected<struct statx, std::string> statusOf(const Descriptor& file) {
+    struct statx status{};
+    // AT_STATX_DONT_SYNC: without asking the file's own, possibly stalling, server.
+    if (statx(file.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID,
+              &status) != 0) {
+        return std::unexpected(failed("its executable cannot be examined", errno));
+    }
+    if ((status.stx_mask & STATX_MNT_ID) == 0) {
+        return std::unexpected(
+            "it cannot be told on which mount its executable lies; that needs Linux 5.8");
+    }
+    if (auto problem = problemOfMount(status.stx_mnt_id)) {
+        return std::unexpected(*std::move(problem));
+    }
+    return status;
+}
+
+// What keeps the item at `path` from being root's alone and the file with `status`; sets `file`.
+std::optional<std::string> problemOfFile(const std::string& path, const struct statx& status,
+                                         struct stat& file) {
+    if (const auto problem = RootsAlone::examine(path)) {
+        return problem->failure == 0 ? "somebody besides root can change " + path
+                                     : path + " cannot be examined: " + problem->what;
+    }
+    if (lstat(path.c_str(), &file) != 0) {
+        return failed(path + " cannot be examined", errno);
+    }
+    if (makedev(status.stx_dev_major, status.stx_dev_minor) != file.st_dev ||
+        status.stx_ino != file.st_ino) {
+        return "what it runs is not the file at " + path;
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -174,41 +233,23 @@ CallerRules::CallerRules(HelperIdentity identity, std::string accounts)
 }
 
 std::expected<Caller, std::string> CallerRules::check(int connection) {
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return std::unexpected(failed("its credentials cannot be read", errno));
+    const auto credentials = credentialsOf(connection);
+    if (!credentials) {
+        return std::unexpected(credentials.error());
     }
-    if (credentials.pid <= 0) {
-        return std::unexpected("its credentials cannot be read");
+    const auto pidfd = pidfdOf(connection);
+    if (!pidfd) {
+        return std::unexpected(pidfd.error());
     }
-    int number = -1;
-    size = sizeof number;
-    if (getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &number, &size) != 0) {
-        if (errno != ENOPROTOOPT) {  // so an older kernel says that it has none
-            return std::unexpected(failed("it cannot be told whether it still lives", errno));
-        }
-        number = -1;
-    }
-    const Descriptor pidfd(number);
-
     // The file itself, by a link that leads to it without any path being walked. Held from here on,
     // with its mount, so that it stays the same one whatever the process becomes meanwhile.
-    const Descriptor running(open(fileOf(credentials.pid, "exe").c_str(), O_PATH | O_CLOEXEC));
+    const Descriptor running(open(fileOf(credentials->pid, "exe").c_str(), O_PATH | O_CLOEXEC));
     if (!running.isOpen()) {
         return std::unexpected(failed("its executable cannot be read", errno));
     }
-    struct statx status{};
-    // AT_STATX_DONT_SYNC: without asking the file's own, possibly stalling, server.
-    if (statx(running.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID,
-              &status) != 0) {
-        return std::unexpected(failed("its executable cannot be examined", errno));
-    }
-    if ((status.stx_mask & STATX_MNT_ID) == 0) {
-        return std::unexpected("it cannot be told on which mount its executable lies (Linux 5.8)");
-    }
-    if (auto problem = problemOfMount(status.stx_mnt_id)) {
-        return std::unexpected(*std::move(problem));
+    const auto status = statusOf(running);
+    if (!status) {
+        return std::unexpected(status.error());
     }
     const auto executable = targetOf("/proc/self/fd/" + std::to_string(running.get()));
     if (!executable) {
@@ -218,41 +259,42 @@ std::expected<Caller, std::string> CallerRules::check(int connection) {
         return std::unexpected(
             withoutFile(executable->substr(0, executable->size() - deletedMark.size())));
     }
-    if (const auto problem = RootsAlone::examine(*executable)) {
-        return std::unexpected(problem->failure == 0
-                                   ? "somebody besides root can change " + *executable
-                                   : *executable + " cannot be examined: " + problem->what);
-    }
     struct stat file{};
-    if (lstat(executable->c_str(), &file) != 0) {
-        return std::unexpected(failed(*executable + " cannot be examined", errno));
+    auto problem = problemOfFile(*executable, *status, file);
+    if (!problem && privateGroup(file) != credentials->gid) {
+        problem = "it does not run with the private group of " + *executable;
     }
-    if (makedev(status.stx_dev_major, status.stx_dev_minor) != file.st_dev ||
-        status.stx_ino != file.st_ino) {
-        return std::unexpected("what it runs is not the file at " + *executable);
+    if (!problem) {
+        problem = problemOfGroup(connection, *credentials, *executable);
     }
-    const auto group = privateGroup(file);
-    if (group != credentials.gid) {
-        return std::unexpected("it does not run with the private group of " + *executable);
+    if (!problem) {
+        problem = problemOfBundle(*executable);
     }
-    if (auto problem = groups_.problem(*group)) {
+    if (!problem && pidfd->isOpen() && !isAlive(*pidfd)) {
+        problem = "it ended meanwhile";
+    }
+    if (problem) {
         return std::unexpected(*std::move(problem));
+    }
+    return Caller{credentials->uid, *executable};
+}
+
+// What keeps the caller's effective group from being one that it has from `executable` alone.
+std::optional<std::string> CallerRules::problemOfGroup(int connection, const ucred& credentials,
+                                                       const std::string& executable) {
+    const gid_t group = credentials.gid;
+    if (auto problem = groups_.problem(group)) {
+        return problem;
     }
     const auto others = peerGroups(connection);
-    const auto real = realGroupOf(credentials.pid);
-    if (!others || !real) {
-        return std::unexpected(failed("its groups cannot be read", errno));
+    const auto real = others ? realGroupOf(credentials.pid) : std::nullopt;
+    if (!real) {
+        return failed("its groups cannot be read", errno);
     }
-    if (real == group || std::ranges::find(*others, *group) != others->end()) {
-        return std::unexpected("it has the private group of " + *executable + " by itself");
+    if (*real == group || std::ranges::find(*others, group) != others->end()) {
+        return "it has the private group of " + executable + " by itself";
     }
-    if (auto problem = problemOfBundle(*executable)) {
-        return std::unexpected(*std::move(problem));
-    }
-    if (pidfd.isOpen() && !isAlive(pidfd)) {
-        return std::unexpected("it ended meanwhile");
-    }
-    return Caller{credentials.uid, *executable};
+    return std::nullopt;
 }
 
 // Of a caller whose executable is no longer at `path`.

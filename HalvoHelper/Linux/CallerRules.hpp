@@ -4,6 +4,7 @@
 // connection (SO_PEERCRED, unix(7)), as they were when it was made.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -39,7 +40,8 @@ class CallerRules {
     // Whether the process behind the connected socket `connection` is the app: the caller, or the
     // rule that it failed, as a text for the log. All must hold:
     //
-    // 1. The file that it runs lies on a mount on which the kernel honours the set-group-id bit: one
+    // 1. The file that it runs lies on a mount on which the kernel honours the set-group-id bit:
+    // one
     //    that process 1 has, without nosuid (proc_pid_mountinfo(5)). In a file system that a person
     //    wrote, and may mount, everything else here could be as it must. Looked at before any path
     //    is walked, since such a file system can keep whoever asks it waiting.
@@ -64,8 +66,10 @@ class CallerRules {
         std::optional<HelperIdentity> identity;
     };
 
-    [[nodiscard]] std::string withoutFile(const std::string& path);
-    [[nodiscard]] std::optional<std::string> problemOfBundle(const std::string& executable);
+    std::string withoutFile(const std::string& path);
+    std::optional<std::string> problemOfGroup(int connection, const ucred& credentials,
+                                              const std::string& executable);
+    std::optional<std::string> problemOfBundle(const std::string& executable);
     std::expected<std::optional<HelperIdentity>, int> identityIn(const std::string& infoPath);
 
     HelperIdentity identity_;

@@ -1,7 +1,7 @@
-#include <gmock/gmock.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -257,8 +257,8 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatSomebodyHas) {
 TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
     const std::string byItself = "it has the private group of " + app->executable() + " by itself";
     const std::vector<std::string> words{"connect", socketPath};
-    const Descriptor real = connectionOf(app->executable(), words,
-                                         [this] { become({user.uid, appGroup}); });
+    const Descriptor real =
+        connectionOf(app->executable(), words, [this] { become({user.uid, appGroup}); });
     EXPECT_EQ(verdictOn(real.get()), byItself);
     const Descriptor supplementary = connectionOf(app->executable(), words, [this] {
         std::vector<gid_t> groups(100, user.gid);
@@ -409,9 +409,10 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
             MS_NOSUID | (std::string(options) == "nosuid" ? 0 : MS_NODEV | MS_NOEXEC | MS_NOATIME);
         ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr),
                   0);
-        EXPECT_EQ(verdictOn(onMount.get()),
-                  "its executable lies on a file system mounted with nosuid, where the kernel gives "
-                  "nobody its group")
+        EXPECT_EQ(
+            verdictOn(onMount.get()),
+            "its executable lies on a file system mounted with nosuid, where the kernel gives "
+            "nobody its group")
             << options;
     }
     // And a mount that is no longer anywhere is nobody's to vouch for.
@@ -448,8 +449,9 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheMachinesMountsAreHi
     ASSERT_EQ(mount("tmpfs", "/proc/1", "tmpfs", 0, nullptr), 0);
     const std::string verdict = verdictOn(connection.get());
     ASSERT_EQ(umount("/proc/1"), 0);
-    EXPECT_EQ(verdict,
-              "the machine's mounts cannot be read in /proc/1/mountinfo: No such file or directory");
+    EXPECT_EQ(
+        verdict,
+        "the machine's mounts cannot be read in /proc/1/mountinfo: No such file or directory");
     EXPECT_EQ(verdictOn(connection.get()), "admitted");
 }
 
@@ -604,6 +606,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNoFile) {
 TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
     const Descriptor connection = connectionOfApp();
     const std::string contents = app->path() + "/Contents";
+
     const struct {
         SystemCall call;
         int skip;
@@ -636,9 +639,9 @@ TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
         {SystemCall::open, 5, EIO, "its groups cannot be read: Input/output error"},
         {SystemCall::lstat, 11, EIO, "its Info.plist cannot be read: Input/output error"},
         {SystemCall::open, 6, EMFILE, "its Info.plist cannot be read: Too many open files"},
-        {SystemCall::read, 0, EIO,
-         "its Info.plist cannot be read: Input/output error"},
+        {SystemCall::read, 0, EIO, "its Info.plist cannot be read: Input/output error"},
     };
+
     for (const auto& row : rows) {
         std::string verdict;
         {
@@ -693,8 +696,8 @@ TEST_F(CallerRulesPrivateMachineTest, KeepOnlyAFewInfosInMind) {
     sleep(2);
     for (int round = 0; round < 2; ++round) {
         for (int number = 0; number < 20; ++number) {
-            const Descriptor connection = connectionOf(
-                "/Applications/" + std::to_string(number) + ".app/Contents/MacOS/Sample");
+            const Descriptor connection = connectionOf("/Applications/" + std::to_string(number) +
+                                                       ".app/Contents/MacOS/Sample");
             EXPECT_EQ(rules.check(connection.get()).has_value(), number % 3 != 0) << number;
         }
     }

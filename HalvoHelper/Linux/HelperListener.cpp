@@ -99,15 +99,15 @@ class SocketListener final : public HelperListener {
             return;
         }
         // Without a requirement nobody is admitted.
-        const auto caller = rules_ ? rules_->check(socket.get())
-                                   : std::unexpected("nothing is known of the app");
+        const auto caller =
+            rules_ ? rules_->check(socket.get()) : std::unexpected("nothing is known of the app");
         if (!caller) {
             refusals_.refused(now, caller.error());
             return;
         }
         if (connectionsOf(caller->uid) >= Limits::connectionsOfUser) {
-            refusals_.refused(now, "too many connections of user " + std::to_string(caller->uid) +
-                                       " are open");
+            refusals_.refused(
+                now, "too many connections of user " + std::to_string(caller->uid) + " are open");
             return;
         }
         if (!admit(std::move(socket), *caller)) {
@@ -116,17 +116,17 @@ class SocketListener final : public HelperListener {
     }
 
     [[nodiscard]] std::size_t connectionsOf(std::uint32_t uid) const {
-        return static_cast<std::size_t>(std::ranges::count_if(connections_, [uid](const auto& item) {
-            return item.second->requests().peer().uid == uid;
-        }));
+        return static_cast<std::size_t>(std::ranges::count_if(
+            connections_,
+            [uid](const auto& item) { return item.second->requests().peer().uid == uid; }));
     }
 
     // What keeps us from accepting anybody (no descriptor or memory left, a security module that
     // forbids it) leaves the socket readable; looking again at once would only burn the processor.
     void waitUnlessTheCallersFault(int code) {
         // The caller is gone already, or there was none; accept(2) has the network's errors too.
-        constexpr std::array ofOneCaller{EAGAIN,   EINTR,        ECONNABORTED, EPROTO,
-                                         ENETDOWN, ENOPROTOOPT,  EHOSTDOWN,    ENONET,
+        constexpr std::array ofOneCaller{EAGAIN,     EINTR,        ECONNABORTED, EPROTO,
+                                         ENETDOWN,   ENOPROTOOPT,  EHOSTDOWN,    ENONET,
                                          EOPNOTSUPP, EHOSTUNREACH, ENETUNREACH};
         if (std::ranges::find(ofOneCaller, code) != ofOneCaller.end()) {
             return;

@@ -701,9 +701,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAny
             const std::size_t calls = callsMade(SystemCall::accept4);
             serveWhatComes();
             EXPECT_EQ(callsMade(SystemCall::accept4), calls) << code;
-            EXPECT_THAT(service.log.errors(),
-                        ElementsAre("Couldn't accept a caller: " +
-                                    std::generic_category().message(code)));
+            EXPECT_THAT(service.log.errors(), ElementsAre("Couldn't accept a caller: " +
+                                                          std::generic_category().message(code)));
             EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
         });
     }

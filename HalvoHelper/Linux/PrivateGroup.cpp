@@ -143,7 +143,8 @@ std::optional<std::string> PrivateGroups::problem(gid_t gid) {
     }
     const auto flaw = flawOf(*facts);
     problem_ = flaw ? std::optional(flaw->finding) : std::nullopt;
-    if (std::ranges::all_of(stamps, [](const auto& stamp) { return !stamp || stamp->isSettled(); })) {
+    if (std::ranges::all_of(stamps,
+                            [](const auto& stamp) { return !stamp || stamp->isSettled(); })) {
         gid_ = gid;
         stamps_ = stamps;
     }

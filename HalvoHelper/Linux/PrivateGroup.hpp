@@ -1,6 +1,7 @@
 // The app's private group: nobody's, so that a process has it only from the app's executable. Says
 // who could have it by themselves, from the machine's own account files (group(5), gshadow(5),
-// passwd(5)). Never asks the name service: a directory on the network could keep the helper waiting.
+// passwd(5)). Never asks the name service: a directory on the network could keep the helper
+// waiting.
 #pragma once
 
 #include <sys/types.h>

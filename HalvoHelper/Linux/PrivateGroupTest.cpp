@@ -1,5 +1,3 @@
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "HalvoHelper/Linux/PrivateGroup.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
@@ -47,6 +46,7 @@ TEST_F(PrivateGroupTest, HasNoMembersOwnersOrPassword) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, who alone looks at the shadow";
     }
+
     const struct {
         const char* file;
         const char* text;
@@ -68,6 +68,7 @@ TEST_F(PrivateGroupTest, HasNoMembersOwnersOrPassword) {
         {"passwd", "", "nobody's"},
         {"group", "", "the group 990 has no name"},
     };
+
     for (const auto& row : rows) {
         const std::string path = etc / row.file;
         const std::string before = readTestFile(path);
@@ -95,8 +96,8 @@ TEST_F(PrivateGroupTest, IsNotToldFromAFileThatCannotBeRead) {
     for (const char* name : {"group", "gshadow", "passwd"}) {
         std::filesystem::remove(etc / name);
         std::filesystem::create_directory(etc / name);
-        EXPECT_EQ(problem(), "it cannot be told whose the group 990 is: " + (etc / name) +
-                                 ": Is a directory");
+        EXPECT_EQ(problem(),
+                  "it cannot be told whose the group 990 is: " + (etc / name) + ": Is a directory");
         std::filesystem::remove(etc / name);
         write(name, "halvo-app:x:990:\n");
     }

@@ -1,4 +1,5 @@
-// An Info.plist on the disk, for who must know why it could not be read; Bundle.hpp is for the rest.
+// An Info.plist on the disk, for who must know why it could not be read; Bundle.hpp is for the
+// rest.
 #pragma once
 
 #include <expected>

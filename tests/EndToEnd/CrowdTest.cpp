@@ -64,8 +64,8 @@ class CrowdTest : public ::testing::Test {
         const std::string count = std::to_string(Limits::connectionsOfUser);
         std::vector<Program> crowd;
         for (std::size_t i = 0; i < Limits::connections / Limits::connectionsOfUser; ++i) {
-            crowd.push_back(startAndHear({word, count}, said + " " + count,
-                                         static_cast<uid_t>(62'000 + i)));
+            crowd.push_back(
+                startAndHear({word, count}, said + " " + count, static_cast<uid_t>(62'000 + i)));
         }
         return crowd;
     }
@@ -170,9 +170,8 @@ TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
         crowd.push_back(world.startCaller({"hold", "1"}));
     }
     EXPECT_TRUE(eventually(Seconds{30}, [&] {
-        return std::ranges::all_of(crowd, [](Program& caller) {
-            return !caller.output().empty() || !caller.isRunning();
-        });
+        return std::ranges::all_of(
+            crowd, [](Program& caller) { return !caller.output().empty() || !caller.isRunning(); });
     }));
     std::size_t held = 0;
     for (Program& caller : crowd) {

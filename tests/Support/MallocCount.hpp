@@ -1,5 +1,5 @@
-// Whether anything allocates, and how much it keeps: C++ code, the C library and other shared libraries. An executable
-// that asks has MallocCount.cpp among its own sources.
+// Whether anything allocates, and how much it keeps: C++ code, the C library and other shared
+// libraries. An executable that asks has MallocCount.cpp among its own sources.
 #pragma once
 
 #include <cstddef>

@@ -9,10 +9,11 @@
 //     connect-run SOCKET PROGRAM ARGUMENTS...
 //                                  connects, becomes another program that has the connection too
 //     connect-share SOCKET         connects, leaves the connection to a child, says "connected",
-//     ends ask SOCKET REQUEST...        makes each request (status, heartbeat, end, begin=PATH),
-//     says the
-//                                  replies, waits
-//     ask-often SOCKET COUNT       as often connects, asks for the status, disconnects; says "asked"
+//                                  ends
+//     ask SOCKET REQUEST...        makes each request (status, heartbeat, end, begin=PATH), says
+//                                  the replies, waits
+//     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; says
+//                                  "asked", ends
 //     anything else                reports how it was started; see TestReport.hpp
 
 #include <sched.h>

@@ -8,9 +8,11 @@ namespace {
 std::string adviceFor(GroupFlaw::Kind kind, const std::string& group) {
     switch (kind) {
         case GroupFlaw::Kind::roots:
-            return "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755.";
+            return "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod "
+                   "2755.";
         case GroupFlaw::Kind::unknown:
-            return "Whoever makes that group next could pass for the app. Install the app again, or "
+            return "Whoever makes that group next could pass for the app. Install the app again, "
+                   "or "
                    "put the group into /etc/group.";
         case GroupFlaw::Kind::members:
             return "Take them out: gpasswd --delete USER " + group;

@@ -1,8 +1,8 @@
-#include "tools/Halvoctl/Linux/Group.hpp"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "tools/Halvoctl/Linux/Group.hpp"
 
 namespace halvo::control {
 namespace {
