@@ -71,6 +71,18 @@ TEST_F(ConnectionAcceptorTest, ResolvesSymbolicLinksInTheBundlesPath) {
     EXPECT_EQ(bundlePathOf(disk / "folder/Link.app/Contents/MacOS/Halvo"), bundle);
 }
 
+// The path that the caller was started by says whose it is, not where its executable really lies.
+TEST_F(ConnectionAcceptorTest, FindsTheBundleBeforeItResolvesLinks) {
+    const std::string bundle = makeBundle("Halvo.app");
+    const std::string other = makeBundle("Other.app");
+    std::filesystem::create_symlink(other + "/Contents/MacOS/Other",
+                                    bundle + "/Contents/MacOS/Halvo");
+    writeTestFile(other + "/Contents/MacOS/Other", "");
+    EXPECT_EQ(bundlePathOf(bundle + "/Contents/MacOS/Halvo"), bundle);
+    std::filesystem::create_symlink(other + "/Contents/MacOS/Other", disk / "tool");
+    EXPECT_EQ(bundlePathOf(disk / "tool"), std::nullopt);
+}
+
 TEST_F(ConnectionAcceptorTest, KeepsThePathOfABundleThatIsNotThere) {
     EXPECT_EQ(bundlePathOf("/nowhere/Halvo.app/Contents/MacOS/Halvo"), "/nowhere/Halvo.app");
     std::filesystem::create_directory_symlink(disk / "missing", disk / "Link.app");

@@ -2,30 +2,33 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace halvo::RootsAlone {
 namespace {
 
 // What is wrong with the very item at `path`.
-std::optional<std::string> problemAt(const std::string& path, Item item) {
+std::optional<Problem> problemAt(const std::string& path, Item item) {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0) {
-        return path + ": " + std::generic_category().message(errno);
+        const int code = errno;
+        return Problem{path + ": " + std::generic_category().message(code), code};
     }
     if (S_ISLNK(status.st_mode)) {
-        return path + " is a symbolic link";
+        return Problem{path + " is a symbolic link"};
     }
     if (item == Item::folder && !S_ISDIR(status.st_mode)) {
-        return path + " is no folder";
+        return Problem{path + " is no folder"};
     }
     if (item == Item::file && !S_ISREG(status.st_mode)) {
-        return path + " is no regular file";
+        return Problem{path + " is no regular file"};
     }
     if (isRoots(status)) {
-        return problemBeyondMode(path);
+        auto beyond = problemBeyondMode(path);
+        return beyond ? std::optional(Problem{*std::move(beyond)}) : std::nullopt;
     }
-    return status.st_uid != 0 ? path + " belongs to user " + std::to_string(status.st_uid)
-                              : "others than its owner can write to " + path;
+    return Problem{status.st_uid != 0 ? path + " belongs to user " + std::to_string(status.st_uid)
+                                      : "others than its owner can write to " + path};
 }
 
 }  // namespace
@@ -34,7 +37,7 @@ bool isRoots(const struct stat& status) {
     return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-std::optional<std::string> problem(const std::string& path, Item item, const std::string& top) {
+std::optional<Problem> examine(const std::string& path, Item item, const std::string& top) {
     for (std::size_t slash = path.find('/'); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
         const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
@@ -46,6 +49,11 @@ std::optional<std::string> problem(const std::string& path, Item item, const std
         }
     }
     return problemAt(path, item);
+}
+
+std::optional<std::string> problem(const std::string& path, Item item, const std::string& top) {
+    const auto found = examine(path, item, top);
+    return found ? std::optional(found->what) : std::nullopt;
 }
 
 }  // namespace halvo::RootsAlone

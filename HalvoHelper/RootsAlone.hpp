@@ -21,14 +21,24 @@ bool isRoots(const struct stat& status);
 // is not of this machine's own disks or on which owners do not count (statfs(2)).
 std::optional<std::string> problemBeyondMode(const std::string& path);
 
+struct Problem {
+    // A part of a sentence that names the item: "/srv belongs to user 1000".
+    std::string what;
+    // The errno of a look-up that failed, for which nobody can be blamed; else 0.
+    int failure = 0;
+};
+
 // What keeps the item at the absolute `path` from being root's alone to change or to put another in
-// the place of, as a part of a sentence that names it: "/srv belongs to user 1000". Nothing when
-// nothing does: it and every folder above it are real and root's alone. A look-up that fails keeps
-// it.
+// the place of. Nothing when nothing does: it and every folder above it are real and root's alone.
+// A look-up that fails keeps it.
 //
 // Looks from "/" downwards and no further than the first folder that is somebody else's: below it a
 // file system may be mounted whose owner keeps us waiting. `top`: the first of the folders that
 // counts, which is one of those above the item; those above it may be anybody's.
+std::optional<Problem> examine(const std::string& path, Item item = Item::file,
+                               const std::string& top = "/");
+
+// The same, in words alone.
 std::optional<std::string> problem(const std::string& path, Item item = Item::file,
                                    const std::string& top = "/");
 

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -23,9 +26,9 @@
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/PrivateMachine.hpp"
-#include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -35,12 +38,14 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 
 // Why a caller was refused; "admitted" when it was not.
 std::string verdictOn(int connection, const HelperIdentity& wanted = identity) {
-    const auto caller = checkCaller(connection, wanted);
+    const auto caller = CallerRules(wanted).check(connection);
     return caller ? "admitted" : caller.error();
 }
 
@@ -51,9 +56,10 @@ std::array<Descriptor, 2> connectedEnds() {
 }
 
 TEST(CallerRulesTest, RefuseWhatIsNoConnection) {
-    EXPECT_EQ(verdictOn(-1), "its credentials cannot be read");
-    const Descriptor file(dup(STDERR_FILENO));
-    EXPECT_EQ(verdictOn(file.get()), "its credentials cannot be read");
+    EXPECT_EQ(verdictOn(-1), "its credentials cannot be read: Bad file descriptor");
+    const Descriptor file(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(verdictOn(file.get()),
+              "its credentials cannot be read: Socket operation on non-socket");
     const Descriptor unconnected(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(verdictOn(unconnected.get()), "its credentials cannot be read");
 }
@@ -72,7 +78,8 @@ TEST(CallerRulesTest, ReadNothingFromTheConnection) {
 }
 
 // ----------------------------------------------------------------------------- for real, in a
-// machine
+// machine whose mounts are those of process 1: nothing else in the same process may have left its
+// mount namespace (PrivateMount)
 
 class CallerRulesPrivateMachineTest : public PrivateMachineTest {
   protected:
@@ -140,6 +147,9 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
         return "what it runs is not the file at " + app->executable();
     }
 
+    const std::string elsewhere =
+        "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
+
     [[nodiscard]] std::string withoutGroup(const std::string& path) const {
         return "it does not run with the private group of " + path;
     }
@@ -157,7 +167,7 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
 // Each rule is broken by itself: the rest holds as in this one.
 TEST_F(CallerRulesPrivateMachineTest, AdmitTheInstalledApp) {
     const Descriptor connection = connectionOfApp();
-    const auto verdict = checkCaller(connection.get(), identity);
+    const auto verdict = CallerRules(identity).check(connection.get());
     ASSERT_TRUE(verdict) << verdict.error();
     EXPECT_EQ(verdict->uid, user.uid);
     EXPECT_EQ(verdict->executable, app->executable());
@@ -166,14 +176,14 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitTheInstalledApp) {
 TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfEveryPerson) {
     const Descriptor connection =
         connectionOf(app->executable(), {"connect", socketPath}, [this] { become(other); });
-    const auto verdict = checkCaller(connection.get(), identity);
+    const auto verdict = CallerRules(identity).check(connection.get());
     ASSERT_TRUE(verdict) << verdict.error();
     EXPECT_EQ(verdict->uid, other.uid);
 }
 
 TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfRoot) {
     const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [] {});
-    const auto verdict = checkCaller(connection.get(), identity);
+    const auto verdict = CallerRules(identity).check(connection.get());
     ASSERT_TRUE(verdict) << verdict.error();
     EXPECT_EQ(verdict->uid, 0U);
 }
@@ -230,6 +240,49 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseASystemProgram) {
                "/usr/bin/sleep";
     }));
     EXPECT_EQ(verdictOn(connection.get()), withoutGroup("/usr/bin/sleep"));
+}
+
+// ------------------------------------------------------------------------- whose the group is
+
+// Everything else is as with the app, and the kernel gave the group.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatSomebodyHas) {
+    app->install(other.gid);
+    EXPECT_THAT(verdictOnApp(), HasSubstr(" is the own group of "));
+    app->install(4'000'000);
+    EXPECT_EQ(verdictOnApp(), "the group 4000000 has no name");
+    app->install(0);
+    EXPECT_EQ(verdictOnApp(), "the group 0 is root's");
+}
+
+// As who comes from a directory on the network, of whom the account files know nothing.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
+    const std::string byItself = "it has the private group of " + app->executable() + " by itself";
+    const std::vector<std::string> words{"connect", socketPath};
+    const Descriptor real =
+        connectionOf(app->executable(), words, [this] { become({user.uid, appGroup}); });
+    EXPECT_EQ(verdictOn(real.get()), byItself);
+    const Descriptor supplementary = connectionOf(app->executable(), words, [this] {
+        std::vector<gid_t> groups(100, user.gid);
+        groups[50] = appGroup;
+        ASSERT_EQ(setgroups(groups.size(), groups.data()), 0);
+        ASSERT_EQ(setresgid(user.gid, user.gid, user.gid), 0);
+        ASSERT_EQ(setresuid(user.uid, user.uid, user.uid), 0);
+    });
+    EXPECT_EQ(verdictOn(supplementary.get()), byItself);
+    const Descriptor others = connectionOf(app->executable(), words, [this] {
+        const std::vector<gid_t> groups(100, other.gid);
+        ASSERT_EQ(setgroups(groups.size(), groups.data()), 0);
+        ASSERT_EQ(setresgid(user.gid, user.gid, user.gid), 0);
+        ASSERT_EQ(setresuid(user.uid, user.uid, user.uid), 0);
+    });
+    EXPECT_EQ(verdictOn(others.get()), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotBeRead) {
+    const Descriptor connection = connectionOfApp();
+    const auto verdict = CallerRules(identity, "/nowhere").check(connection.get());
+    EXPECT_EQ(verdict.error(), "it cannot be told whose the group " + std::to_string(appGroup) +
+                                   " is: /nowhere/group: No such file or directory");
 }
 
 // ------------------------------------------------------------------------- who can change the file
@@ -293,71 +346,93 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseACopyOfThePersonsOwn) {
     fs::remove_all(copy.path());
 }
 
-// By a path whose folder is a link for us. The caller sees a folder there.
+// By a path whose folder is a link by now, to the very same one.
 TEST_F(CallerRulesPrivateMachineTest, RefuseAPathByWayOfALink) {
-    const std::string seen = "/Applications/Link.app/Contents/MacOS/Sample";
-    fs::create_directory_symlink(app->path(), "/Applications/Link.app");
-    const std::string real = "/tmp/real.app";
+    const std::string real = "/Library/Real.app";
     fs::create_directory(real);
-    const Descriptor connection = connectionOf(seen, {"connect", socketPath}, [&] {
-        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount(app->path().c_str(), real.c_str(), nullptr, MS_BIND, nullptr), 0);
-        ASSERT_EQ(mount("tmpfs", "/Applications", "tmpfs", 0, "mode=755"), 0);
-        fs::create_directory("/Applications/Link.app");
-        ASSERT_EQ(mount(real.c_str(), "/Applications/Link.app", nullptr, MS_BIND, nullptr), 0);
-        become(user);
-    });
-    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"), seen);
-    EXPECT_EQ(verdictOn(connection.get()), "somebody besides root can change " + seen);
+    ASSERT_EQ(mount(app->path().c_str(), real.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const Descriptor connection = connectionOfApp();
+    ASSERT_EQ(mount("tmpfs", "/Applications", "tmpfs", 0, "mode=755"), 0);
+    fs::create_directory_symlink(real, app->path());
+    const std::string verdict = verdictOn(connection.get());
+    ASSERT_EQ(umount("/Applications"), 0);
+    EXPECT_EQ(verdict, changeable());
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+    ASSERT_EQ(umount(real.c_str()), 0);
     fs::remove(real);
 }
 
 // ------------------------------------------------------------------------ whether it is that file
 
-// In a mount namespace of its own, with everything else as it is with the app: even the group.
-TEST_F(CallerRulesPrivateMachineTest, RefuseAForgedPath) {
-    const std::string forgery = "/Library/forgery";
-    copyProgram(HALVO_TEST_APP, forgery);
-    ASSERT_EQ(chown(forgery.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(forgery.c_str(), 02755), 0);
-    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [&] {
-        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount(forgery.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
-        become(user);
-    });
-    ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"),
-              app->executable());
-    EXPECT_EQ(verdictOn(connection.get()), forged());
-    fs::remove(forgery);
+// Something lies over the path by now: everything else is as with the app.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatIsNoLongerTheOneAtItsPath) {
+    const std::string second = "/Library/other";
+    copyProgram(HALVO_TEST_APP, second);
+    ASSERT_EQ(chown(second.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(second.c_str(), 02755), 0);
+    const Descriptor connection = connectionOfApp();
+    ASSERT_EQ(mount(second.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
+    const std::string verdict = verdictOn(connection.get());
+    ASSERT_EQ(umount(app->executable().c_str()), 0);
+    EXPECT_EQ(verdict, forged());
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+    fs::remove(second);
 }
 
 // On another file system files have the same numbers again.
-TEST_F(CallerRulesPrivateMachineTest, RefuseAForgedPathWithTheNumberOfTheRealFile) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatHasOnlyTheNumberOfTheOneAtItsPath) {
     const std::string twins = "/Library/twins";
     fs::create_directory(twins);
-    {
-        const PrivateMount mount("tmpfs", "tmpfs", twins, 0, "mode=755");
-        ASSERT_TRUE(mount.isMounted());
-        struct stat status{};
-        ASSERT_EQ(stat(app->executable().c_str(), &status), 0);
-        const std::string forgery = copyProgramAsNumber(HALVO_TEST_APP, twins, status.st_ino);
-        ASSERT_EQ(chown(forgery.c_str(), 0, appGroup), 0);
-        ASSERT_EQ(chmod(forgery.c_str(), 02755), 0);
-        const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [&] {
-            ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-            ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-            ASSERT_EQ(
-                ::mount(forgery.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
-            become(user);
-        });
-        EXPECT_EQ(verdictOn(connection.get()), forged());
-    }
+    ASSERT_EQ(mount("tmpfs", twins.c_str(), "tmpfs", 0, "mode=755"), 0);
+    struct stat status{};
+    ASSERT_EQ(stat(app->executable().c_str(), &status), 0);
+    const std::string twin = copyProgramAsNumber(HALVO_TEST_APP, twins, status.st_ino);
+    ASSERT_EQ(chown(twin.c_str(), 0, appGroup), 0);
+    ASSERT_EQ(chmod(twin.c_str(), 02755), 0);
+    const Descriptor connection = connectionOfApp();
+    ASSERT_EQ(mount(twin.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
+    const std::string verdict = verdictOn(connection.get());
+    ASSERT_EQ(umount(app->executable().c_str()), 0);
+    ASSERT_EQ(umount(twins.c_str()), 0);
+    EXPECT_EQ(verdict, forged());
     fs::remove(twins);
 }
 
-// As anybody may do it: the kernel then gives nobody the group.
+// ------------------------------------------------------------------------------------- the mount
+
+TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
+    const std::string folder = "/Applications/Sample.app";
+    ASSERT_EQ(mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const Descriptor onMount = connectionOfApp();
+    EXPECT_EQ(verdictOn(onMount.get()), "admitted");
+    for (const char* options : {"nosuid", "nodev,noexec,nosuid,noatime"}) {
+        const unsigned long flags =
+            MS_NOSUID | (std::string(options) == "nosuid" ? 0 : MS_NODEV | MS_NOEXEC | MS_NOATIME);
+        ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr),
+                  0);
+        EXPECT_EQ(
+            verdictOn(onMount.get()),
+            "its executable lies on a file system mounted with nosuid, where the kernel gives "
+            "nobody its group")
+            << options;
+    }
+    // And a mount that is no longer anywhere is nobody's to vouch for.
+    ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND, nullptr), 0);
+    EXPECT_EQ(verdictOn(onMount.get()), "admitted");
+    ASSERT_EQ(umount2(folder.c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(verdictOn(onMount.get()), elsewhere);
+}
+
+// In a mount namespace of its own, with everything else as it is with the app: even the group.
+TEST_F(CallerRulesPrivateMachineTest, RefuseTheMountsOfACallersOwn) {
+    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        become(user);
+    });
+    EXPECT_EQ(verdictOn(connection.get()), elsewhere);
+}
+
+// As anybody may do it.
 TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatAPersonForged) {
     const std::string forgery = "/home/" + userName + "/forgery";
     copyProgram(HALVO_TEST_APP, forgery);
@@ -365,9 +440,23 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatAPersonForged) {
         connectionOf(HALVO_TEST_APP, {"forge", forgery, app->executable(), "connect", socketPath});
     ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(caller->pid()) + "/exe"),
               app->executable());
-    EXPECT_EQ(verdictOn(connection.get()), forged());
+    EXPECT_EQ(verdictOn(connection.get()), elsewhere);
     fs::remove(forgery);
 }
+
+// As containers may have it.
+TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheMachinesMountsAreHidden) {
+    const Descriptor connection = connectionOfApp();
+    ASSERT_EQ(mount("tmpfs", "/proc/1", "tmpfs", 0, nullptr), 0);
+    const std::string verdict = verdictOn(connection.get());
+    ASSERT_EQ(umount("/proc/1"), 0);
+    EXPECT_EQ(
+        verdict,
+        "the machine's mounts cannot be read in /proc/1/mountinfo: No such file or directory");
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+}
+
+// ----------------------------------------------------------------------------------- replacement
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasReplacedMeanwhile) {
     const Descriptor connection = connectionOfApp();
@@ -384,9 +473,12 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasDeleted) {
     const Descriptor connection = connectionOfApp();
     fs::remove(app->executable());
     EXPECT_EQ(verdictOn(connection.get()), deleted);
-    // And in whose place there is another.
+    // And in whose place there is a file that is not the app's.
     copyProgram(HALVO_TEST_APP, app->executable());
-    app->install(appGroup);
+    app->writeInfo("com.example.other");
+    EXPECT_EQ(verdictOn(connection.get()), deleted);
+    app->writeInfo();
+    ASSERT_EQ(chown(app->executable().c_str(), user.uid, 0), 0);
     EXPECT_EQ(verdictOn(connection.get()), deleted);
     // And one that is called as the kernel calls it now.
     const std::string called = app->executable() + " (deleted)";
@@ -394,6 +486,16 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasDeleted) {
     ASSERT_EQ(chown(called.c_str(), 0, appGroup), 0);
     ASSERT_EQ(chmod(called.c_str(), 02755), 0);
     EXPECT_EQ(verdictOn(connection.get()), deleted);
+}
+
+TEST_F(CallerRulesPrivateMachineTest, TellAnAppThatWasReplacedWhileItRanToBeStartedAnew) {
+    const Descriptor connection = connectionOfApp();
+    const std::string next = app->executable() + ".new";
+    copyProgram(HALVO_TEST_APP, next);
+    fs::rename(next, app->executable());
+    app->install(appGroup);
+    EXPECT_EQ(verdictOn(connection.get()),
+              "the app was replaced since it started; quit it and start it anew");
 }
 
 // Longer than the kernel says any path.
@@ -412,7 +514,8 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatCannotBeTold) {
         ASSERT_EQ(chmod("Sample", 02755), 0);
         become(user);
     });
-    EXPECT_EQ(verdictOn(connection.get()), "its executable cannot be read");
+    EXPECT_EQ(verdictOn(connection.get()),
+              "the path of its executable cannot be read: File name too long");
     caller.reset();
     fs::remove_all(top);
 }
@@ -499,6 +602,107 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNoFile) {
     EXPECT_EQ(verdictOnApp(), ofAnotherApp());
 }
 
+// ------------------------------------------------------------------------- a system that fails
+
+TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
+    const Descriptor connection = connectionOfApp();
+    const std::string contents = app->path() + "/Contents";
+
+    const struct {
+        SystemCall call;
+        int skip;
+        int code;
+        std::string verdict;
+    } rows[] = {
+        {SystemCall::getsockopt, 0, EIO, "its credentials cannot be read: Input/output error"},
+        {SystemCall::getsockopt, 1, ESRCH,
+         "it cannot be told whether it still lives: No such process"},
+        {SystemCall::open, 0, EMFILE, "its executable cannot be read: Too many open files"},
+        {SystemCall::statx, 0, EIO, "its executable cannot be examined: Input/output error"},
+        {SystemCall::open, 1, EACCES,
+         "the machine's mounts cannot be read in /proc/1/mountinfo: Permission denied"},
+        {SystemCall::readlink, 0, EIO,
+         "the path of its executable cannot be read: Input/output error"},
+        // "/", "Applications", the bundle, "Contents", "MacOS", the file; and that once more.
+        {SystemCall::lstat, 3, EIO,
+         app->executable() + " cannot be examined: " + contents + ": Input/output error"},
+        {SystemCall::lstat, 6, EIO, app->executable() + " cannot be examined: Input/output error"},
+        {SystemCall::open, 2, EIO,
+         "it cannot be told whose the group " + std::to_string(appGroup) +
+             " is: /etc/group: Input/output error"},
+        {SystemCall::open, 3, EMFILE,
+         "it cannot be told whose the group " + std::to_string(appGroup) +
+             " is: /etc/gshadow: Too many open files"},
+        {SystemCall::open, 4, EINTR,
+         "it cannot be told whose the group " + std::to_string(appGroup) +
+             " is: /etc/passwd: Interrupted system call"},
+        {SystemCall::getsockopt, 2, EIO, "its groups cannot be read: Input/output error"},
+        {SystemCall::open, 5, EIO, "its groups cannot be read: Input/output error"},
+        {SystemCall::lstat, 11, EIO, "its Info.plist cannot be read: Input/output error"},
+        {SystemCall::open, 6, EMFILE, "its Info.plist cannot be read: Too many open files"},
+        {SystemCall::read, 0, EIO, "its Info.plist cannot be read: Input/output error"},
+    };
+
+    for (const auto& row : rows) {
+        std::string verdict;
+        {
+            const Fault fault = Fault::failing(row.call, row.code, row.skip);
+            verdict = verdictOn(connection.get());
+        }
+        EXPECT_EQ(verdict, row.verdict);
+    }
+    EXPECT_EQ(verdictOn(connection.get()), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, ReadAFileThatIsTheSameOnlyOnce) {
+    const Descriptor connection = connectionOfApp();
+    CallerRules rules(identity);
+    // How many files are opened for a caller.
+    const auto opened = [&] {
+        const std::size_t before = callsMade(SystemCall::open);
+        EXPECT_TRUE(rules.check(connection.get()));
+        return callsMade(SystemCall::open) - before;
+    };
+    // The executable, the mounts, three account files, the groups, the Info.plist.
+    EXPECT_EQ(opened(), 7U);
+    sleep(2);  // until a change would show
+    opened();
+    EXPECT_EQ(opened(), 3U);
+    app->writeInfo("com.example.other");
+    EXPECT_FALSE(rules.check(connection.get()));
+    app->writeInfo();
+    EXPECT_EQ(opened(), 4U);
+    sleep(2);
+    opened();
+    EXPECT_EQ(opened(), 3U);
+    // In place, of the same length, and with the times of before, which everybody can set.
+    struct stat status{};
+    ASSERT_EQ(stat(app->info().c_str(), &status), 0);
+    std::string text = readTestFile(app->info());
+    text.replace(text.find("7QX4KD19MT"), 10, "7QX4KD19MU");
+    overwriteTestFile(app->info(), text);
+    const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, app->info().c_str(), times.data(), 0), 0);
+    EXPECT_FALSE(rules.check(connection.get()));
+}
+
+TEST_F(CallerRulesPrivateMachineTest, KeepOnlyAFewInfosInMind) {
+    CallerRules rules(identity);
+    for (int number = 0; number < 20; ++number) {
+        const TestBundle bundle("/Applications/" + std::to_string(number) + ".app");
+        bundle.writeInfo(number % 3 == 0 ? "com.example.other" : "com.example.app");
+        bundle.install(appGroup);
+    }
+    sleep(2);
+    for (int round = 0; round < 2; ++round) {
+        for (int number = 0; number < 20; ++number) {
+            const Descriptor connection = connectionOf("/Applications/" + std::to_string(number) +
+                                                       ".app/Contents/MacOS/Sample");
+            EXPECT_EQ(rules.check(connection.get()).has_value(), number % 3 != 0) << number;
+        }
+    }
+}
+
 // ------------------------------------------------------------------ a connection that changes
 // hands
 
@@ -527,11 +731,12 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAConnectionThatTheAppLeftToAnother) 
     // Ended, and not waited for.
     siginfo_t end{};
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(caller->pid()), &end, WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(verdictOn(connection.get()), "its executable cannot be read");
+    const std::string gone = "its executable cannot be read: No such file or directory";
+    EXPECT_EQ(verdictOn(connection.get()), gone);
     // Waited for: the number is nobody's. What shows it first is a matter of the kernel.
     caller->wait();
     EXPECT_THAT(verdictOn(connection.get()),
-                AnyOf("its executable cannot be read", "it cannot be told whether it still lives"));
+                AnyOf(gone, StartsWith("it cannot be told whether it still lives: ")));
 }
 
 // Whether the kernel holds on to the process behind a connection: SO_PEERPIDFD, Linux 6.5.
@@ -554,7 +759,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatCannotBeHeldOnTo) {
         const FewDescriptors none(0);
         verdict = verdictOn(connection.get());
     }
-    EXPECT_EQ(verdict, "it cannot be told whether it still lives");
+    EXPECT_EQ(verdict, "it cannot be told whether it still lives: Too many open files");
 }
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatEndsMeanwhile) {

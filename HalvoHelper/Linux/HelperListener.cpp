@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -58,7 +59,7 @@ class SocketListener final : public HelperListener {
         sd_event_source_disable_unref(retry_);
     }
 
-    void setRequirement(const HelperIdentity& identity) override { identity_ = identity; }
+    void setRequirement(const HelperIdentity& identity) override { rules_.emplace(identity); }
 
     void resume(ConnectionAcceptor& acceptor) override {
         acceptor_ = &acceptor;
@@ -89,7 +90,7 @@ class SocketListener final : public HelperListener {
     void acceptOne() {
         Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.isOpen()) {
-            waitIfExhausted(errno);
+            waitUnlessTheCallersFault(errno);
             return;
         }
         const Seconds now = liveMainQueue().now();
@@ -98,10 +99,15 @@ class SocketListener final : public HelperListener {
             return;
         }
         // Without a requirement nobody is admitted.
-        const auto caller = identity_ ? checkCaller(socket.get(), *identity_)
-                                      : std::unexpected("nothing is known of the app");
+        const auto caller =
+            rules_ ? rules_->check(socket.get()) : std::unexpected("nothing is known of the app");
         if (!caller) {
             refusals_.refused(now, caller.error());
+            return;
+        }
+        if (connectionsOf(caller->uid) >= Limits::connectionsOfUser) {
+            refusals_.refused(
+                now, "too many connections of user " + std::to_string(caller->uid) + " are open");
             return;
         }
         if (!admit(std::move(socket), *caller)) {
@@ -109,11 +115,21 @@ class SocketListener final : public HelperListener {
         }
     }
 
-    // With no descriptor or memory left the socket stays readable; looking again at once would
-    // only burn the processor.
-    void waitIfExhausted(int code) {
-        if (code != EMFILE && code != ENFILE && code != ENOBUFS && code != ENOMEM) {
-            return;  // the caller is gone already
+    [[nodiscard]] std::size_t connectionsOf(std::uint32_t uid) const {
+        return static_cast<std::size_t>(std::ranges::count_if(
+            connections_,
+            [uid](const auto& item) { return item.second->requests().peer().uid == uid; }));
+    }
+
+    // What keeps us from accepting anybody (no descriptor or memory left, a security module that
+    // forbids it) leaves the socket readable; looking again at once would only burn the processor.
+    void waitUnlessTheCallersFault(int code) {
+        // The caller is gone already, or there was none; accept(2) has the network's errors too.
+        constexpr std::array ofOneCaller{EAGAIN,     EINTR,        ECONNABORTED, EPROTO,
+                                         ENETDOWN,   ENOPROTOOPT,  EHOSTDOWN,    ENONET,
+                                         EOPNOTSUPP, EHOSTUNREACH, ENETUNREACH};
+        if (std::ranges::find(ofOneCaller, code) != ofOneCaller.end()) {
+            return;
         }
         HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", described(code).c_str());
         constexpr std::uint64_t oneSecond = 1000000;
@@ -143,7 +159,7 @@ class SocketListener final : public HelperListener {
     Descriptor socket_;
     // Held while this helper serves the socket that it made itself.
     Descriptor lock_;
-    std::optional<HelperIdentity> identity_;
+    std::optional<CallerRules> rules_;
     ConnectionAcceptor* acceptor_ = nullptr;
     sd_event_source* incoming_ = nullptr;
     sd_event_source* retry_ = nullptr;

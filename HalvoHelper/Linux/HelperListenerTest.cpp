@@ -10,6 +10,7 @@
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -32,8 +33,10 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 #include "tests/Support/TestBundle.hpp"
@@ -420,10 +423,28 @@ class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachi
 
     [[nodiscard]] std::unique_ptr<TestProcess> start(const std::string& program,
                                                      const std::vector<std::string>& words) const {
+        return startAs(user, program, words);
+    }
+
+    [[nodiscard]] static std::unique_ptr<TestProcess> startAs(
+        const Person& person, const std::string& program, const std::vector<std::string>& words) {
         return std::make_unique<TestProcess>([&] {
-            become(user);
+            become(person);
             execute(program, words);
         });
+    }
+
+    // The app of as many people as take all places but one; each has connected as often as it may.
+    [[nodiscard]] std::vector<std::unique_ptr<TestProcess>> startCrowd() const {
+        std::vector<std::unique_ptr<TestProcess>> crowd;
+        for (std::size_t left = Limits::connections - 1; left > 0;) {
+            const std::size_t count = std::min(left, Limits::connectionsOfUser);
+            const auto id = static_cast<uid_t>(62'000 + crowd.size());
+            crowd.push_back(startAs({id, id}, app->executable(),
+                                    {"connect-many", socketPath, std::to_string(count)}));
+            left -= count;
+        }
+        return crowd;
     }
 
     std::unique_ptr<TestBundle> app;
@@ -598,7 +619,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
         Service service;
         service.resume();
         constexpr int most = static_cast<int>(Limits::connections);
-        const auto many = start({"connect-many", socketPath, std::to_string(most - 1)});
+        const auto many = startCrowd();
         EXPECT_TRUE(serveUntil([&] { return service.count.opened == most - 1; }));
         auto last = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*last, 1), ElementsAre("idle without end unlocked"));
@@ -617,6 +638,88 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
         serveWhatComes();
         const auto next = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
+    });
+}
+
+TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOthersForOthers) {
+    inChild([this] {
+        Service service;
+        service.resume();
+        constexpr int most = static_cast<int>(Limits::connectionsOfUser);
+        const auto many = start({"connect-many", socketPath, std::to_string(3 * most)});
+        const std::string refusal = "Refused a caller: too many connections of user " +
+                                    std::to_string(user.uid) + " are open";
+        EXPECT_TRUE(serveUntil(
+            [&] { return service.log.count(refusal) == std::size_t{Limits::refusalLines}; }));
+        EXPECT_EQ(service.count.opened, most);
+        const auto theirs = startAs(other, app->executable(), {"ask", socketPath, "status"});
+        EXPECT_THAT(answersTo(*theirs, 1), ElementsAre("idle without end unlocked"));
+        EXPECT_EQ(service.count.opened, most + 1);
+
+        // As many go, as many may come.
+        many->send(SIGKILL);
+        EXPECT_TRUE(serveUntil([&] { return service.count.closed == most; }));
+        serveWhatComes();
+        const auto next = start({"ask", socketPath, "status"});
+        EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
+    });
+}
+
+TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGone) {
+    inChild([this] {
+        Service service;
+        service.resume();
+        const auto serveSome = [&](int count) {
+            const int before = service.count.closed;
+            const auto caller = start({"ask-often", socketPath, std::to_string(count)});
+            EXPECT_THAT(answersTo(*caller, 1), ElementsAre("asked"));
+            EXPECT_TRUE(serveUntil([&] { return service.count.closed == before + count; }));
+            serveWhatComes();
+            service.world.calls.clear();
+        };
+        constexpr int many = 400;
+        serveSome(many);  // what grows once, the world's notes among it, has its size by now
+        const std::size_t before = bytesAllocated();
+        serveSome(many);
+        const std::size_t after = bytesAllocated();
+        EXPECT_LT(after, before + many * std::size_t{50})
+            << (after - before) / many << " bytes for each";
+    });
+}
+
+// Whatever it is that keeps it from accepting, the socket stays readable.
+TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAnybody) {
+    for (const int code : {EACCES, EPERM, EMFILE}) {
+        inChild([this, code] {
+            Service service;
+            service.resume();
+            const auto caller = start({"ask", socketPath, "status"});
+            {
+                const Fault fault = Fault::failing(SystemCall::accept4, code);
+                EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
+            }
+            const std::size_t calls = callsMade(SystemCall::accept4);
+            serveWhatComes();
+            EXPECT_EQ(callsMade(SystemCall::accept4), calls) << code;
+            EXPECT_THAT(service.log.errors(), ElementsAre("Couldn't accept a caller: " +
+                                                          std::generic_category().message(code)));
+            EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
+        });
+    }
+}
+
+TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBeAccepted) {
+    inChild([this] {
+        Service service;
+        service.resume();
+        for (const int code : {EAGAIN, EINTR, ECONNABORTED, EPROTO, EHOSTUNREACH}) {
+            const auto caller = start({"ask", socketPath, "status"});
+            const Fault fault = Fault::failing(SystemCall::accept4, code);
+            const auto begun = std::chrono::steady_clock::now();
+            EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked")) << code;
+            EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(900));
+        }
+        EXPECT_TRUE(service.log.isEmpty());
     });
 }
 
@@ -692,7 +795,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, SurvivesACallerWhoIsGoneBeforeItI
         serveWhatComes();
         EXPECT_EQ(service.count.opened, 0);
         EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Refused a caller: its executable cannot be read"));
+                    ElementsAre("Refused a caller: its executable cannot be read: No such file or "
+                                "directory"));
         const auto caller = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
     });

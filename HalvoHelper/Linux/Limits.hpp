@@ -11,6 +11,9 @@ namespace halvo::Limits {
 // Connections open at once. The app needs one for each of its processes.
 inline constexpr std::size_t connections = 64;
 
+// Of these, those of one user: others are served whatever one account does.
+inline constexpr std::size_t connectionsOfUser = 16;
+
 // How long a caller may take to authenticate before it is disconnected.
 inline constexpr Seconds authentication{10};
 

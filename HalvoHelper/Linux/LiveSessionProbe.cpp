@@ -16,41 +16,16 @@
 
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Linux/FileStamp.hpp"
 
 namespace halvo {
 namespace {
 
 using Text = std::unique_ptr<char, decltype(&std::free)>;
 
-// Tells one version of a file from the next without reading it. Both logind and installers replace
-// files by rename, which gives another inode.
-struct FileStamp {
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    timespec modified;
-    timespec changed;
-
-    static std::optional<FileStamp> of(const char* path) {
-        struct stat status{};
-        if (stat(path, &status) != 0) {
-            return std::nullopt;
-        }
-        return FileStamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim,
-                         status.st_ctim};
-    }
-
-    bool operator==(const FileStamp& other) const {
-        const auto same = [](const timespec& a, const timespec& b) {
-            return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-        };
-        return device == other.device && inode == other.inode && size == other.size &&
-               same(modified, other.modified) && same(changed, other.changed);
-    }
-};
-
 // The user at seat0. Asking sd-login opens, parses and allocates; so it is asked only when one of
-// the two files behind the last answer is no longer the same. Where those files are is logind's own
+// the two files behind the last answer is no longer the same; logind replaces files by rename,
+// which gives another inode. Where those files are is logind's own
 // affair: should they lie elsewhere, it is asked every time.
 class Console {
   public:

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -163,6 +164,16 @@ TEST_F(ConnectionAdmissionTest, ResolvesLinksOnTheWayToTheBundle) {
     const std::string folder = std::filesystem::path(app).parent_path();
     std::filesystem::create_directory_symlink(folder, folder + "/Again");
     runs(folder + "/Again/Halvo.app/Contents/MacOS/Halvo");
+    EXPECT_TRUE(owns(app));
+}
+
+TEST_F(ConnectionAdmissionTest, FindsTheBundleBeforeItResolvesLinks) {
+    const std::string other = world.addBundle("Applications/Other.app");
+    const std::string real = other + "/Contents/MacOS/Other";
+    std::ofstream(real) << "";
+    std::filesystem::create_symlink(real, app + "/Contents/MacOS/Link");
+    runs(app + "/Contents/MacOS/Link");
+    EXPECT_FALSE(owns(other));
     EXPECT_TRUE(owns(app));
 }
 

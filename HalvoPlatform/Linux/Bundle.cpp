@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "HalvoPlatform/Files.hpp"
+#include "HalvoPlatform/Linux/InfoFile.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -72,11 +73,18 @@ std::optional<std::string> ownExecutablePath() {
 
 }  // namespace
 
+std::expected<std::optional<InfoDictionary>, FileError> readInfoFile(const std::string& path) {
+    const auto bytes = readFile(path, infoLimit);
+    if (!bytes) {
+        return std::unexpected(bytes.error());
+    }
+    return parsePropertyList(*bytes);
+}
+
 Bundle Bundle::main() { return ofProcess(ownExecutablePath().value_or("")); }
 
 std::optional<InfoDictionary> Bundle::info() const {
-    const auto bytes = readFile(infoPath_, infoLimit);
-    return bytes ? parsePropertyList(*bytes) : std::nullopt;
+    return readInfoFile(infoPath_).value_or(std::nullopt);
 }
 
 std::optional<std::string> Bundle::executablePath() const {

@@ -116,6 +116,35 @@ TEST_F(Installation, TurnsStrangersAway) {
     EXPECT_FALSE(machine.exists(Place::stateFile));
 }
 
+// A copy of the app that is root's in everything, as on a medium that a person wrote and had
+// mounted. The helper looks from within its sandbox, in which every mount is nosuid.
+TEST_F(Installation, TurnsTheAppAwayOnAFileSystemOfAPersonsOwn) {
+    const std::string session = machine.logIn("alice");
+    const std::string copy = "/mnt/Halvo.app/Contents/MacOS/Halvo";
+    const auto mountCopy = [&](const std::string& option, const std::string& group) {
+        machine.sh("mount -t tmpfs -o mode=755," + option + " medium /mnt && cp -rp " + Place::app +
+                   " /mnt && chgrp " + group + " " + copy + " && chmod 2755 " + copy);
+    };
+    const auto ask = [&] {
+        const int status = machine.runIn(session, {copy, "25"}).status;
+        machine.sh("umount /mnt");
+        return status;
+    };
+    mountCopy("nosuid", "alice");
+    EXPECT_EQ(ask(), 77);
+    EXPECT_TRUE(
+        machine.says("Refused a caller: its executable lies on a file system mounted with nosuid, "
+                     "where the kernel gives nobody its group"));
+    mountCopy("suid", "alice");
+    EXPECT_EQ(ask(), 77);
+    EXPECT_TRUE(machine.says("Refused a caller: the group alice is the own group of alice"));
+    EXPECT_FALSE(machine.exists(Place::stateFile));
+    // Both as they must be: the copy would have passed.
+    mountCopy("suid", "_org_example_focus");
+    EXPECT_NE(machine.runIn(session, {copy}).status, 77);
+    machine.sh("umount /mnt");
+}
+
 TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);

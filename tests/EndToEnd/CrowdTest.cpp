@@ -7,10 +7,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,9 +59,21 @@ class CrowdTest : public ::testing::Test {
         EXPECT_LE(after.unshared - memoryBefore.unshared, smallGrowth);
     }
 
+    // Callers of several people, each of whom has opened as many connections as one may by `word`.
+    std::vector<Program> crowdOfEveryPlace(const std::string& word, const std::string& said) {
+        const std::string count = std::to_string(Limits::connectionsOfUser);
+        std::vector<Program> crowd;
+        for (std::size_t i = 0; i < Limits::connections / Limits::connectionsOfUser; ++i) {
+            crowd.push_back(
+                startAndHear({word, count}, said + " " + count, static_cast<uid_t>(62'000 + i)));
+        }
+        return crowd;
+    }
+
     // A caller that has said `line`.
-    Program startAndHear(const std::vector<std::string>& words, const std::string& line) {
-        Program caller = world.startCaller(words);
+    Program startAndHear(const std::vector<std::string>& words, const std::string& line,
+                         std::optional<uid_t> person = {}) {
+        Program caller = world.startCaller(words, person);
         EXPECT_TRUE(eventually(Seconds{30}, [&] {
             return caller.output().find(line) != std::string::npos || !caller.isRunning();
         }));
@@ -149,9 +163,35 @@ TEST_F(CrowdTest, OfStrangersWithoutEndHoldsUpNobodyWhoIsConnected) {
     EXPECT_EQ(helper.log().size(), Limits::refusalLines);
 }
 
+// One account's, which stops them all.
+TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
+    std::vector<Program> crowd;
+    for (std::size_t i = 0; i < Limits::connections; ++i) {
+        crowd.push_back(world.startCaller({"hold", "1"}));
+    }
+    EXPECT_TRUE(eventually(Seconds{30}, [&] {
+        return std::ranges::all_of(
+            crowd, [](Program& caller) { return !caller.output().empty() || !caller.isRunning(); });
+    }));
+    std::size_t held = 0;
+    for (Program& caller : crowd) {
+        if (caller.isRunning()) {
+            caller.stop();
+            ++held;
+        }
+    }
+    EXPECT_EQ(held, Limits::connectionsOfUser);
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(world.ask({"status"}, world.other).status, Reply::no);
+    }
+    EXPECT_GE(helper.count("error: Refused a caller: too many connections of user " +
+                           std::to_string(world.user) + " are open"),
+              1);
+}
+
 TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program crowd = startAndHear({"stall", "1000"}, "stalling 1000");
+    std::vector<Program> crowd = crowdOfEveryPlace("stall", "stalling");
     const Seconds full = timeNow();
     // No place for anybody, but the helper lives on.
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
@@ -160,7 +200,9 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
     EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
     EXPECT_LT(timeNow() - full, Limits::authentication) << "a tick during the crowd";
 
-    EXPECT_EQ(crowd.wait(), Reply::refused);
+    for (Program& caller : crowd) {
+        EXPECT_EQ(caller.wait(), Reply::refused);
+    }
     EXPECT_GE(timeNow() - full, Limits::authentication - Seconds{3});
     EXPECT_TRUE(world.status().holding);
     EXPECT_EQ(world.end(), Reply::yes);
@@ -169,15 +211,16 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
 }
 
 TEST_F(CrowdTest, HasSixtyFourPlaces) {
-    const std::string limit = std::to_string(Limits::connections);
-    Program crowd = startAndHear({"hold", limit}, "holding " + limit);
+    std::vector<Program> crowd = crowdOfEveryPlace("hold", "holding");
     // Longer than they would have had to authenticate.
-    EXPECT_TRUE(always(Limits::authentication + Seconds{2},
-                       [&] { return crowd.output() == "holding " + limit + "\n"; }));
+    sleepFor(Limits::authentication + Seconds{2});
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
     EXPECT_GE(helper.count("error: Refused a caller: too many connections are open"), 1);
-    crowd.closeInput();
-    EXPECT_EQ(crowd.wait(), 0);
+    for (Program& caller : crowd) {
+        EXPECT_EQ(caller.output().find("closed"), std::string::npos) << caller.output();
+        caller.closeInput();
+        EXPECT_EQ(caller.wait(), 0);
+    }
     EXPECT_TRUE(eventually(Seconds{5}, [&] { return world.ask({"status"}).status == Reply::no; }));
 }
 

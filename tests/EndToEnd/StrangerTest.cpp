@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -43,6 +44,9 @@ std::string changeable(const std::string& path) {
 std::string withoutGroup(const std::string& path) {
     return "it does not run with the private group of " + path;
 }
+
+const std::string elsewhere =
+    "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
 
 std::string outsideOfBundle(const std::string& path) {
     return path + " is not in a bundle of this app and team";
@@ -270,7 +274,7 @@ TEST_F(StrangerTest, IsGoneWhenTheHelperLooks) {
         EXPECT_TRUE(eventually(Seconds{5}, [&] { return !caller->output().empty(); }));
         caller->kill();
     });
-    expectRule("its executable cannot be read");
+    expectRule("its executable cannot be read: No such file or directory");
 }
 
 TEST_F(StrangerTest, KeepsAConnectionWhoseProcessNumberTheAppHasNow) {
@@ -328,7 +332,7 @@ TEST_F(NamespaceTest, OfMountsCannotForgeTheAppsPath) {
     expectRefusal(
         {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
          "mount --bind " + mine + " " + Place::caller + " && exec " + Place::caller + " status"},
-        "what it runs is not the file at " + Place::caller);
+        elsewhere);
 }
 
 TEST_F(NamespaceTest, OfMountsCannotForgeTheInfoPlist) {
@@ -338,7 +342,7 @@ TEST_F(NamespaceTest, OfMountsCannotForgeTheInfoPlist) {
     expectRefusal({"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
                    "mount --bind " + plist + " " + Place::infoPlist + " && exec " + Place::caller +
                        " --socket " + Place::socket + " status"},
-                  withoutGroup(Place::caller));
+                  elsewhere);
     copyFile(HALVO_APP_BUNDLE "/Contents/Info.plist", Place::infoPlist, 0, 0644);
 }
 
@@ -348,6 +352,118 @@ TEST_F(StrangerTest, GivesUpTheGroupWithNoNewPrivileges) {
                     }});
     EXPECT_EQ(caller.wait(), Reply::refused);
     expectRule(withoutGroup(Place::caller));
+}
+
+// ---------------------------------------------------------------- a file system of the person's
+// own
+
+const std::string disk = "/run/media/disk";
+const std::string callerOnDisk = disk + "/Halvo.app/Contents/MacOS/TestCaller";
+
+const std::string loop = "mount -o loop,ro,nodev,";
+const std::string fuse = "fuse2fs -o ro,allow_other,nodev,";
+
+// A file system in which everything says that it is the installed app: a person can write any owner
+// and any bit into an image, and have it mounted without a password, with nosuid.
+class OwnFileSystemTest : public StrangerTest {
+  protected:
+    void SetUp() override {
+        StrangerTest::SetUp();
+        if (!exists("/dev/loop-control") || !exists("/dev/fuse") || !exists("/usr/bin/fuse2fs")) {
+            GTEST_SKIP() << "needs loop devices, /dev/fuse and the package fuse2fs";
+        }
+    }
+
+    void TearDown() override {
+        // Not before nobody runs from it any more.
+        EXPECT_TRUE(IsSkipped() || eventually(Seconds{5}, [] {
+                        return std::system(("umount " + disk + " 2>/dev/null").c_str()) == 0;
+                    }));
+        StrangerTest::TearDown();
+    }
+
+    // An image in which the caller is set-group-id to `group`; `mount` is the beginning of a
+    // command.
+    void mountImage(gid_t group, const std::string& mount) {
+        const std::string tree = "/tmp/tree";
+        const std::string image = "/tmp/image";
+        fs::remove_all(tree);
+        fs::remove(image);
+        world.installApp(tree + "/Halvo.app");
+        copyFile(HALVO_TEST_CALLER, tree + "/Halvo.app/Contents/MacOS/TestCaller", group,
+                 setGroupID);
+        fs::create_directories(disk);
+        must("mke2fs -q -t ext4 -d " + tree + " " + image + " 200M >/dev/null");
+        must(mount + " " + image + " " + disk);
+        ASSERT_EQ(modeOf(callerOnDisk), setGroupID) << "the image is not what it should be";
+    }
+
+    static void must(const std::string& command) {
+        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    }
+
+    const std::vector<std::string> ask{callerOnDisk, "--socket", Place::socket, "status"};
+    const std::string withoutSetGroupID =
+        "its executable lies on a file system mounted with nosuid, where the kernel gives nobody "
+        "its group";
+};
+
+class OwnFileSystemKindTest : public OwnFileSystemTest,
+                              public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(OwnFileSystemKindTest, IsNoWayIn) {
+    mountImage(world.user, GetParam() + "nosuid");
+    expectRefusal(ask, withoutSetGroupID);
+}
+
+// Each rule by itself would have been enough.
+TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupOfThePersonsOwnThoughTheKernelHonoursItsBits) {
+    mountImage(world.user, GetParam() + "suid");
+    expectRefusal(ask, "the group " + world.userName + " is the own group of " + world.userName);
+}
+
+TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupThatIsNobodys) {
+    mountImage(world.appGroup, GetParam() + "nosuid");
+    Program caller({.words = ask, .prepare = [this] {
+                        if (setgroups(0, nullptr) != 0 ||
+                            setresgid(world.user, world.appGroup, world.appGroup) != 0 ||
+                            setresuid(world.user, world.user, world.user) != 0) {
+                            _exit(1);
+                        }
+                    }});
+    EXPECT_EQ(caller.wait(), Reply::refused) << caller.output();
+    expectRule(withoutSetGroupID);
+}
+
+// And so what is refused above is all that is wrong with the image.
+TEST_P(OwnFileSystemKindTest, IsTheAppWhereRootMountedItAndTheGroupIsNobodys) {
+    mountImage(world.appGroup, GetParam() + "suid");
+    const Answer answer = world.run(ask);
+    EXPECT_EQ(answer.status, Reply::no) << answer.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, OwnFileSystemKindTest, ::testing::Values(loop, fuse),
+                         [](const auto& test) { return test.param == loop ? "Loop" : "FUSE"; });
+
+// Nor does one whose server answers nobody hold up the helper, and with it everybody.
+TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
+    mountImage(world.user, fuse + "nosuid");
+    const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
+    ASSERT_EQ(servers.size(), 1);
+    std::optional<Program> caller;
+    whileTheHelperLooksAway([&] {
+        caller.emplace(Start{.words = {callerOnDisk, "--socket", Place::socket, "stall", "1"},
+                             .person = world.user});
+        EXPECT_TRUE(eventually(Seconds{5}, [&] { return !caller->output().empty(); }));
+        ::kill(servers[0], SIGSTOP);
+        // For a second the kernel answers in its place; fuse(8), attr_timeout.
+        sleepFor(Seconds{1.5});
+    });
+    const Answer answer = world.ask({"status"});
+    ::kill(servers[0], SIGCONT);
+    EXPECT_EQ(answer.status, Reply::no) << answer.output;
+    expectRule(withoutSetGroupID);
+    caller->kill();
 }
 
 // What somebody might do to the app itself.

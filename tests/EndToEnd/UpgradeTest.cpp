@@ -24,7 +24,7 @@ using ::testing::HasSubstr;
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
 
 const std::string replaced =
-    "error: Refused a caller: its executable was replaced or removed since it started";
+    "error: Refused a caller: the app was replaced since it started; quit it and start it anew";
 
 class UpgradeTest : public ::testing::Test {
   protected:

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <systemd/sd-event.h>
 
@@ -175,6 +176,7 @@ using halvo::testing::SystemCall;
 // The linker's names: __wrap_x is called in the place of x, which is called __real_x.
 extern "C" {
 
+int __real_accept4(int socket, sockaddr* address, socklen_t* size, int flags);
 int __real_access(const char* path, int mode);
 int __real_chdir(const char* path);
 int __real_chmod(const char* path, mode_t mode);
@@ -183,7 +185,9 @@ int __real_eventfd(unsigned int count, int flags);
 int __real_fchmod(int file, mode_t mode);
 int __real_fstat(int file, struct stat* status);
 int __real_fsync(int file);
+int __real_getsockopt(int socket, int level, int option, void* value, socklen_t* size);
 int __real_ioctl(int file, unsigned long request, void* argument);
+int __real_lstat(const char* path, struct stat* status);
 int __real_mkdir(const char* path, mode_t mode);
 int __real_open(const char* path, int flags, mode_t mode);
 int __real_openat(int folder, const char* path, int flags, mode_t mode);
@@ -201,6 +205,11 @@ int __real_stat(const char* path, struct stat* status);
 int __real_statx(int folder, const char* path, int flags, unsigned mask, struct statx* status);
 int __real_unlinkat(int folder, const char* path, int flags);
 ssize_t __real_write(int file, const void* bytes, size_t count);
+
+int __wrap_accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
+    return attempt(SystemCall::accept4,
+                   [&] { return __real_accept4(socket, address, size, flags); });
+}
 
 int __wrap_access(const char* path, int mode) {
     return attempt(SystemCall::access, [&] { return __real_access(path, mode); });
@@ -241,6 +250,11 @@ int __wrap_fsync(int file) {
     return result;
 }
 
+int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* size) {
+    return attempt(SystemCall::getsockopt,
+                   [&] { return __real_getsockopt(socket, level, option, value, size); });
+}
+
 int __wrap_ioctl(int file, unsigned long request, ...) {
     std::va_list arguments;
     va_start(arguments, request);
@@ -253,6 +267,10 @@ int __wrap_ioctl(int file, unsigned long request, ...) {
         noteCall(result == 0, isLocked ? "lock" : "unlock", file);
     }
     return result;
+}
+
+int __wrap_lstat(const char* path, struct stat* status) {
+    return attempt(SystemCall::lstat, [&] { return __real_lstat(path, status); });
 }
 
 int __wrap_mkdir(const char* path, mode_t mode) {

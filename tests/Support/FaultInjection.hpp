@@ -16,6 +16,7 @@
 namespace halvo::testing {
 
 enum class SystemCall {
+    accept4,
     access,
     chdir,
     chmod,
@@ -24,7 +25,9 @@ enum class SystemCall {
     fchmod,
     fstat,
     fsync,
+    getsockopt,
     ioctl,
+    lstat,
     mkdir,
     open,
     openat,

@@ -30,6 +30,8 @@ namespace {
 
 #else
 
+#include <malloc.h>
+
 // The executable's functions come before the C library's, also for shared libraries: ld.so(8).
 extern "C" {
 
@@ -64,5 +66,14 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
 namespace halvo::testing {
 
 std::size_t mallocsMade() { return allocations; }
+
+std::size_t bytesAllocated() {
+#ifdef HALVO_SANITIZED_ALLOCATOR
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
 
 }  // namespace halvo::testing

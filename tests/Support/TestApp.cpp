@@ -9,9 +9,11 @@
 //     connect-run SOCKET PROGRAM ARGUMENTS...
 //                                  connects, becomes another program that has the connection too
 //     connect-share SOCKET         connects, leaves the connection to a child, says "connected",
-//     ends ask SOCKET REQUEST...        makes each request (status, heartbeat, end, begin=PATH),
-//     says the
-//                                  replies, waits
+//                                  ends
+//     ask SOCKET REQUEST...        makes each request (status, heartbeat, end, begin=PATH), says
+//                                  the replies, waits
+//     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; says
+//                                  "asked", ends
 //     anything else                reports how it was started; see TestReport.hpp
 
 #include <sched.h>
@@ -141,6 +143,19 @@ sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
     waitForEnd();
 }
 
+void askForStatus(int connection) {
+    sd_bus* bus = nullptr;
+    sd_bus_message* reply = nullptr;
+    constexpr std::uint64_t tenSeconds = 10'000'000;
+    if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, connection, connection) < 0 ||
+        sd_bus_start(bus) < 0 ||
+        sd_bus_call(bus, newRequest(bus, "status"), tenSeconds, nullptr, &reply) < 0) {
+        giveUp("status");
+    }
+    sd_bus_message_unref(reply);
+    sd_bus_close_unref(bus);
+}
+
 }  // namespace
 
 int main(int count, char** rawWords, char** environment) {
@@ -193,6 +208,13 @@ int main(int count, char** rawWords, char** environment) {
             giveUp("forge");
         }
         run({words.begin() + 2, words.end()});
+    }
+    if (mode == "ask-often") {
+        for (int left = std::stoi(words[2]); left > 0; --left) {
+            askForStatus(connectTo(words[1]));
+        }
+        say("asked");
+        return EXIT_SUCCESS;
     }
     if (mode == "ask") {
         ask({words.begin() + 2, words.end()}, connectTo(words[1]));

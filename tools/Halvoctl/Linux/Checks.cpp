@@ -203,7 +203,10 @@ Checks examineService(Machine& machine) {
 Checks examineApp(Machine& machine, const std::string& app) {
     Checks checks{checkAppFiles(app)};
     if (const auto gid = groupOfApp(app)) {
-        checks.push_back(checkGroup(readGroup(*gid)));
+        const auto facts = readGroup(*gid);
+        checks.push_back(facts ? checkGroup(*facts)
+                               : isProblem("app's group", printable(facts.error()),
+                                           "The helper must read it too: mend that file."));
     }
     checks.push_back(checkFlagSupport(app, !machine.isRoot || mayLockHere()));
     // Of what it does not lock anywhere, the app's place says so.
