@@ -2,9 +2,11 @@
 
 #import <Foundation/Foundation.h>
 
+#include <string>
 #include <utility>
 
 #include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
@@ -31,6 +33,10 @@ NSTask* taskOf(const OpenAsUser::Command& command) {
     return task;
 }
 
+std::string unifiedLogOf(const std::string& appPath) {
+    return "log show --last 10m --predicate 'processImagePath BEGINSWITH \"" + appPath + "/\"'";
+}
+
 }  // namespace
 
 LiveOpener::LiveOpener(std::string helperExecutable)
@@ -41,6 +47,7 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
         if (!itemExists(appPath)) {
             return;
         }
+        streak_.next(appPath, uid, sinceBoot(), unifiedLogOf(appPath));
         NSTask* task =
             taskOf(OpenAsUser::launchctlCommand(helperExecutable_, {uid, appPath, afterQuit}));
         NSError* error = nil;
