@@ -61,11 +61,12 @@ struct Opening : ::testing::Test {
 
 struct Lock : Opening {};
 
-// In the place of the person's own systemd manager: replies to a ping, and to nothing else.
-class ManagerThatOnlyAnswersPings {
+// In the place of the person's own systemd manager: replies to a ping, and to nothing else; or also
+// says that a job to start the unit is under way, and no more of it.
+class EmptyManager {
   public:
     // `path`: of its socket, in place of whatever is there.
-    ManagerThatOnlyAnswersPings(const std::string& path, uid_t owner) {
+    EmptyManager(const std::string& path, uid_t owner, bool acceptsStarts) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -79,21 +80,22 @@ class ManagerThatOnlyAnswersPings {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             sd_event* loop = nullptr;
             sd_event_default(&loop);
-            sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve, nullptr);
+            sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve,
+                            acceptsStarts ? &acceptsStarts : nullptr);
             _exit(sd_event_loop(loop));
         }
     }
 
-    ManagerThatOnlyAnswersPings(const ManagerThatOnlyAnswersPings&) = delete;
-    ManagerThatOnlyAnswersPings& operator=(const ManagerThatOnlyAnswersPings&) = delete;
+    EmptyManager(const EmptyManager&) = delete;
+    EmptyManager& operator=(const EmptyManager&) = delete;
 
-    ~ManagerThatOnlyAnswersPings() {
+    ~EmptyManager() {
         EXPECT_EQ(kill(process_, SIGKILL), 0);
         EXPECT_EQ(waitpid(process_, nullptr, 0), process_);
     }
 
   private:
-    static int serve(sd_event_source* source, int listener, std::uint32_t, void*) {
+    static int serve(sd_event_source* source, int listener, std::uint32_t, void* acceptsStarts) {
         const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         sd_bus* bus = nullptr;
         sd_id128_t id{};
@@ -102,12 +104,17 @@ class ManagerThatOnlyAnswersPings {
         sd_bus_set_fd(bus, connection, connection);
         sd_bus_set_server(bus, 1, id);
         // sd-bus itself replies to what is not swallowed here.
-        const auto swallow = [](sd_bus_message* message, void*, sd_bus_error*) {
+        const auto swallow = [](sd_bus_message* message, void* accepts, sd_bus_error*) {
+            if (accepts != nullptr &&
+                sd_bus_message_is_method_call(message, "org.freedesktop.systemd1.Manager",
+                                              "StartTransientUnit") > 0) {
+                return sd_bus_reply_method_return(message, "o", "/org/freedesktop/systemd1/job/1");
+            }
             return sd_bus_message_is_method_call(message, "org.freedesktop.DBus.Peer", "Ping") > 0
                        ? 0
                        : 1;
         };
-        sd_bus_add_filter(bus, nullptr, swallow, nullptr);
+        sd_bus_add_filter(bus, nullptr, swallow, acceptsStarts);
         sd_bus_start(bus);
         return sd_bus_attach_event(bus, sd_event_source_get_event(source), 0);
     }
@@ -153,6 +160,10 @@ struct OpeningDespite : Opening {
         EXPECT_EQ(machine.property(unit, "TasksMax"), "4096");
         EXPECT_NE(machine.property(unit, "MemoryMax"), "infinity");
         EXPECT_EQ(machine.running(Place::appExecutable), std::vector<pid_t>{opened});
+    }
+
+    [[nodiscard]] std::string managerSocket() const {
+        return machine.path("/run/user/1000/systemd/private");
     }
 
     // Six seconds of silence, a try that brings nothing, fifteen seconds, one that does.
@@ -319,9 +330,16 @@ TEST_F(OpeningDespite, AMaskedSlice) {
 }
 
 TEST_F(OpeningDespite, AManagerThatOnlyAnswersPings) {
-    const ManagerThatOnlyAnswersPings manager(machine.path("/run/user/1000/systemd/private"),
-                                              BootedMachine::alice);
+    const EmptyManager manager(managerSocket(), BootedMachine::alice, false);
     expectItBack();
+}
+
+TEST_F(OpeningDespite, AManagerThatAcceptsTheStartAndForgetsIt) {
+    const EmptyManager manager(managerSocket(), BootedMachine::alice, true);
+    expectItBack();
+    EXPECT_TRUE(eventually(Seconds{45}, [&] {
+        return machine.running("/usr/bin/systemd-run").empty();
+    })) << "what asked the manager waits for ever";
 }
 
 TEST_F(OpeningDespite, ASessionThatIsKeptClosing) {
