@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "HalvoHelper/OpeningStreak.hpp"
 #include "HalvoHelperCore/AppOpener.hpp"
 
 namespace halvo {
@@ -17,8 +18,12 @@ namespace halvo {
 // nothing. On Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, and
 // has the helper's standard error to say why it cannot. The child inherits nothing else either: no
 // descriptor beyond 0 to 2 (which are /dev/null), no signal mask or disposition, no session, "/" as
-// its folder; and SIGCHLD is ignored from the first opening on, so that the kernel reaps
-// (sigaction(2)).
+// its folder; and from the first opening on the kernel reaps the children of this process
+// (SA_NOCLDWAIT, sigaction(2)), while SIGCHLD keeps its default disposition.
+//
+// Openings that do not bring the app are counted and told as OpeningStreak says. On Linux, where
+// the person's own systemd manager does as that person tells it, each that comes soon after one
+// that brought nothing goes the other way: directly, then by that manager again, in turns.
 class LiveOpener final : public AppOpener {
   public:
     // `helperExecutable`: the path of the helper's own executable. On macOS takes away the copy
@@ -31,6 +36,7 @@ class LiveOpener final : public AppOpener {
 
   private:
     std::string helperExecutable_;
+    OpeningStreak streak_;
 };
 
 }  // namespace halvo

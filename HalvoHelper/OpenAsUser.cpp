@@ -45,6 +45,10 @@ std::string unitName(const std::string& text) {
     return result;
 }
 
+// A manager that answers may still leave what asks it to start the app waiting for ever; the next
+// opening that is for it comes after 30 seconds. What it was asked to start stays.
+constexpr unsigned managerSecondsAtMost = 30;
+
 // initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
 template <class Group>
 bool setGroupsOf(int (*call)(const char*, Group), const std::string& name, std::uint32_t gid) {
@@ -87,6 +91,9 @@ std::vector<std::string> words(const Request& request) {
     if (request.afterQuit) {
         list.emplace_back(afterQuitWord);
     }
+    if (request.directly) {
+        list.emplace_back(directlyWord);
+    }
     return list;
 }
 
@@ -106,11 +113,12 @@ std::optional<Request> parse(std::span<const std::string> words) {
     if (!uid || *uid == 0 || !AppLocation::isBundlePath(words[1])) {
         return std::nullopt;
     }
-    bool afterQuit = false;
+    Request request{*uid, words[1]};
     for (const std::string& word : words.subspan(2)) {
-        afterQuit = afterQuit || word == afterQuitWord;
+        request.afterQuit = request.afterQuit || word == afterQuitWord;
+        request.directly = request.directly || word == directlyWord;
     }
-    return Request{*uid, words[1], afterQuit};
+    return request;
 }
 
 std::vector<std::string> appArguments(bool afterQuit) {
@@ -144,13 +152,21 @@ Command openCommand(const Request& request, const User& user) {
 Command systemCommand(const std::string& helperExecutable, const Request& request,
                       const std::string& unitSuffix) {
     // Not in the person's slice, whose limits they can use up so that nothing more starts.
-    Command command{"/usr/bin/systemd-run",
-                    {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-                     "--description=Opens the app for user " + std::to_string(request.uid),
-                     "--unit=halvo-open-" + unitName(unitSuffix) + ".service",
-                     // The app may fork and end its first process without being counted as gone.
-                     "--property=ExitType=cgroup", "--", helperExecutable},
-                    {}};
+    Command command{
+        "/usr/bin/systemd-run",
+        {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+         "--description=Opens the app for user " + std::to_string(request.uid),
+         "--unit=halvo-open-" + unitName(unitSuffix) + ".service",
+         // The app may fork and end its first process without being counted as gone.
+         "--property=ExitType=cgroup",
+         // The app starts with signals as the kernel has them, not as systemd likes.
+         "--property=IgnoreSIGPIPE=no",
+         // An app that is run here is out of reach of the limits of the person's slice, and
+         // has these: many times what an app takes, and no more than the machine bears.
+         // Not by number of processes of the user (RLIMIT_NPROC), which that user's
+         // other programs can use up.
+         "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helperExecutable},
+        {}};
     for (const std::string& word : words(request)) {
         command.arguments.push_back(withoutExpansion(word));
     }
@@ -174,7 +190,8 @@ Command managerCommand(const Request& request, const User& user, const std::stri
          "--property=ExitType=cgroup",
          "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) + ".service", "--",
          executable},
-        environment(user)};
+        environment(user),
+        managerSecondsAtMost};
     // Where the manager's socket is: systemd-run(1), environment.
     command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
     append(command.arguments, appArguments(request.afterQuit));
@@ -219,6 +236,7 @@ void run(std::span<const std::string> words) {
     umask(usual);
     const CStrings arguments(command.arguments);
     const CStrings environment(command.environment);
+    alarm(command.secondsAtMost);
     execve(command.path.c_str(), arguments.data(), environment.data());
     std::exit(exitCannotExecute);
 }

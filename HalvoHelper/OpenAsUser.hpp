@@ -11,20 +11,25 @@
 
 namespace halvo::OpenAsUser {
 
-// The word that selects the mode, and the one that marks an opening after a quit.
+// The word that selects the mode, the one that marks an opening after a quit, and the one that
+// leaves the user's own systemd manager out of it (on macOS it changes nothing).
 inline constexpr const char* modeWord = "--open-as-user";
 inline constexpr const char* afterQuitWord = "--after-quit";
+inline constexpr const char* directlyWord = "--directly";
 
 // Exit statuses (sysexits.h).
 inline constexpr int exitUsage = 64;
 inline constexpr int exitCannotExecute = 71;
 inline constexpr int exitNoPermission = 77;
 
-// A program to run: its path, its arguments (the first is its own name) and its environment.
+// A program to run: its path, its arguments (the first is its own name) and its environment, and
+// what it may take: after so many seconds SIGALRM ends it (alarm(2), which survives execve(2)); 0
+// means for as long as it likes.
 struct Command {
     std::string path;
     std::vector<std::string> arguments;
     std::vector<std::string> environment;
+    unsigned secondsAtMost{};
 
     bool operator==(const Command&) const = default;
 };
@@ -34,6 +39,7 @@ struct Request {
     std::uint32_t uid{};
     std::string appPath;
     bool afterQuit{};
+    bool directly{};
 
     bool operator==(const Request&) const = default;
 };
@@ -68,9 +74,10 @@ Command openCommand(const Request& request, const User& user);
 
 // The commands on Linux. What LiveOpener starts: where systemd runs the machine, the mode in a unit
 // of its own (systemd-run(1)), so that nothing of the helper's sandbox, limits and cgroup reaches
-// the app; elsewhere the mode itself. What the mode becomes: when the user's own systemd manager
-// answers, that runs the app inside the session; when none does, the app. `unitSuffix` keeps two
-// openings from clashing; `appID` names the unit.
+// the app, and nothing that the user can tell their own manager; elsewhere the mode itself. What
+// the mode becomes: when the user's own systemd manager answers, and the request does not leave it
+// out, that runs the app inside the session; else the app. `unitSuffix` keeps two openings from
+// clashing; `appID` names the unit.
 Command systemCommand(const std::string& helperExecutable, const Request& request,
                       const std::string& unitSuffix);
 Command helperCommand(const std::string& helperExecutable, const Request& request);
@@ -97,8 +104,9 @@ class Privileges {
 // is not as it must be.
 bool dropPrivileges(Privileges& privileges, const User& user);
 
-// What the mode becomes once it is `user`. One per system: on macOS openCommand(); on Linux it
-// depends on whether the user's own systemd manager answers within two seconds.
+// What the mode becomes once it is `user`. One per system: on macOS openCommand(); on Linux, but
+// for a request that is for the direct way, it depends on whether the user's own systemd manager
+// answers within two seconds.
 Command commandFor(const Request& request, const User& user);
 
 // Runs the mode with the words that follow its own. Ends in execve(2) or exit(3), without a word in

@@ -14,11 +14,12 @@ namespace halvo::OpenAsUser {
 
 void PrintTo(const Command& command, std::ostream* stream) {
     *stream << command.path << " " << ::testing::PrintToString(command.arguments) << " "
-            << ::testing::PrintToString(command.environment);
+            << ::testing::PrintToString(command.environment) << " " << command.secondsAtMost;
 }
 
 void PrintTo(const Request& request, std::ostream* stream) {
-    *stream << request.uid << " " << request.appPath << (request.afterQuit ? " after quit" : "");
+    *stream << request.uid << " " << request.appPath << (request.afterQuit ? " after quit" : "")
+            << (request.directly ? " directly" : "");
 }
 
 namespace {
@@ -44,12 +45,15 @@ const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3
 TEST(OpenAsUserWordsTest, AskForAnOpening) {
     EXPECT_THAT(words({501, app, false}), ElementsAre("--open-as-user", "501", app));
     EXPECT_THAT(words({501, app, true}), ElementsAre("--open-as-user", "501", app, "--after-quit"));
+    EXPECT_THAT(words({501, app, true, true}),
+                ElementsAre("--open-as-user", "501", app, "--after-quit", "--directly"));
     EXPECT_THAT(words({4294967295, app, false}), ElementsAre("--open-as-user", "4294967295", app));
 }
 
 TEST(OpenAsUserWordsTest, AreUnderstoodAgain) {
-    for (const Request& request : {Request{501, app, false}, Request{1, oddApp, true},
-                                   Request{4294967295, "/x.app", false}}) {
+    for (const Request& request :
+         {Request{501, app, false}, Request{1, oddApp, true}, Request{501, app, false, true},
+          Request{4294967295, "/x.app", false}}) {
         const Words all = words(request);
         EXPECT_EQ(parse(std::span(all).subspan(1)), request);
     }
@@ -113,40 +117,43 @@ TEST_P(OpenAsUserRequestTest, IsParsed) {
 
 INSTANTIATE_TEST_SUITE_P(
     Words, OpenAsUserRequestTest,
-    ::testing::Values(RequestRow{{"501", app}, Request{501, app, false}},
-                      RequestRow{{"501", app, "--after-quit"}, Request{501, app, true}},
-                      RequestRow{{"501", app, "x", "--after-quit"}, Request{501, app, true}},
-                      RequestRow{{"501", app, "--after-quit", "--after-quit", "x"},
-                                 Request{501, app, true}},
-                      RequestRow{{"501", app, ""}, Request{501, app, false}},
-                      RequestRow{{"501", app, "after-quit"}, Request{501, app, false}},
-                      RequestRow{{"501", app, "--after-quit="}, Request{501, app, false}},
-                      RequestRow{{"501", app, "--AFTER-QUIT"}, Request{501, app, false}},
-                      RequestRow{{"501", oddApp}, Request{501, oddApp, false}},
-                      RequestRow{{"501", "/.app"}, Request{501, "/.app", false}},
-                      // Too few.
-                      RequestRow{{}, std::nullopt}, RequestRow{{"501"}, std::nullopt},
-                      RequestRow{{app}, std::nullopt}, RequestRow{{"--after-quit"}, std::nullopt},
-                      // Root, however written.
-                      RequestRow{{"0", app}, std::nullopt}, RequestRow{{"+0", app}, std::nullopt},
-                      RequestRow{{"000", app}, std::nullopt},
-                      // In another order.
-                      RequestRow{{app, "501"}, std::nullopt},
-                      RequestRow{{"--after-quit", "501", app}, std::nullopt},
-                      RequestRow{{"501", "--after-quit", app}, std::nullopt},
-                      // No bundle path.
-                      RequestRow{{"501", ""}, std::nullopt}, RequestRow{{"501", "/"}, std::nullopt},
-                      RequestRow{{"501", "Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "./Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/Halvo"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/Halvo.app/"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/Halvo.APP"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/../Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/./Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "/Applications//Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "//Applications/Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "/../Halvo.app"}, std::nullopt},
-                      RequestRow{{"501", "/Applications/\xFF.app"}, std::nullopt}));
+    ::testing::Values(
+        RequestRow{{"501", app}, Request{501, app, false}},
+        RequestRow{{"501", app, "--after-quit"}, Request{501, app, true}},
+        RequestRow{{"501", app, "x", "--after-quit"}, Request{501, app, true}},
+        RequestRow{{"501", app, "--after-quit", "--after-quit", "x"}, Request{501, app, true}},
+        RequestRow{{"501", app, "--directly"}, Request{501, app, false, true}},
+        RequestRow{{"501", app, "--directly", "x", "--after-quit"}, Request{501, app, true, true}},
+        RequestRow{{"501", app, "directly"}, Request{501, app, false}},
+        RequestRow{{"501", app, ""}, Request{501, app, false}},
+        RequestRow{{"501", app, "after-quit"}, Request{501, app, false}},
+        RequestRow{{"501", app, "--after-quit="}, Request{501, app, false}},
+        RequestRow{{"501", app, "--AFTER-QUIT"}, Request{501, app, false}},
+        RequestRow{{"501", oddApp}, Request{501, oddApp, false}},
+        RequestRow{{"501", "/.app"}, Request{501, "/.app", false}},
+        // Too few.
+        RequestRow{{}, std::nullopt}, RequestRow{{"501"}, std::nullopt},
+        RequestRow{{app}, std::nullopt}, RequestRow{{"--after-quit"}, std::nullopt},
+        // Root, however written.
+        RequestRow{{"0", app}, std::nullopt}, RequestRow{{"+0", app}, std::nullopt},
+        RequestRow{{"000", app}, std::nullopt},
+        // In another order.
+        RequestRow{{app, "501"}, std::nullopt},
+        RequestRow{{"--after-quit", "501", app}, std::nullopt},
+        RequestRow{{"501", "--after-quit", app}, std::nullopt},
+        // No bundle path.
+        RequestRow{{"501", ""}, std::nullopt}, RequestRow{{"501", "/"}, std::nullopt},
+        RequestRow{{"501", "Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "./Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "/Applications/Halvo"}, std::nullopt},
+        RequestRow{{"501", "/Applications/Halvo.app/"}, std::nullopt},
+        RequestRow{{"501", "/Applications/Halvo.APP"}, std::nullopt},
+        RequestRow{{"501", "/Applications/../Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "/Applications/./Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "/Applications//Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "//Applications/Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "/../Halvo.app"}, std::nullopt},
+        RequestRow{{"501", "/Applications/\xFF.app"}, std::nullopt}));
 
 // ------------------------------------------------------------------------------------ the commands
 
@@ -194,13 +201,15 @@ TEST(OpenAsUserCommandTest, StartsTheModeDirectlyOnLinux) {
 }
 
 TEST(OpenAsUserCommandTest, StartsTheModeInAUnitOfItsOwnWhereSystemdRunsTheMachine) {
-    EXPECT_EQ(systemCommand(helper, {501, app, true}, "1a/2b"),
-              (Command{"/usr/bin/systemd-run",
-                       {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-                        "--description=Opens the app for user 501",
-                        "--unit=halvo-open-1a_2b.service", "--property=ExitType=cgroup", "--",
-                        helper, "--open-as-user", "501", app, "--after-quit"},
-                       {}}));
+    EXPECT_EQ(
+        systemCommand(helper, {501, app, true, true}, "1a/2b"),
+        (Command{"/usr/bin/systemd-run",
+                 {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+                  "--description=Opens the app for user 501", "--unit=halvo-open-1a_2b.service",
+                  "--property=ExitType=cgroup", "--property=IgnoreSIGPIPE=no",
+                  "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper,
+                  "--open-as-user", "501", app, "--after-quit", "--directly"},
+                 {}}));
 }
 
 TEST(OpenAsUserCommandTest, RunsTheExecutableItselfWithoutAManager) {
@@ -237,11 +246,11 @@ TEST(OpenAsUserCommandTest, RunsTheExecutableInTheUsersManager) {
     EXPECT_EQ(managerCommand({501, app, false}, ann, executable, "com.example.app", "1a2b"),
               (Command{"/usr/bin/systemd-run",
                        managerArguments("app-halvo-com.example.app@1a2b.service", executable),
-                       managerEnvironment("501")}));
+                       managerEnvironment("501"), 30}));
     Words arguments = managerArguments("app-halvo-com.example.app@0.service", executable);
     arguments.insert(arguments.end(), {"-halvoRelaunchedAfterQuit", "YES"});
     EXPECT_EQ(managerCommand({501, app, true}, ann, executable, "com.example.app", "0"),
-              (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501")}));
+              (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501"), 30}));
 }
 
 TEST(OpenAsUserCommandTest, FindsTheManagerOfTheUserNotOfTheRequest) {

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-
 namespace halvo {
 
 void prepareDaemon() {
@@ -17,7 +15,6 @@ void prepareDaemon() {
     if (descriptor > STDERR_FILENO) {
         close(descriptor);
     }
-    std::signal(SIGPIPE, SIG_IGN);
     constexpr mode_t usual = 022;
     umask(usual);
     // "/" can always be entered by root; where not, the folder stays, which harms nothing.

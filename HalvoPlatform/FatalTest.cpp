@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
 #include <csignal>
 
 #include "HalvoPlatform/Fatal.hpp"
@@ -23,6 +25,18 @@ TEST(FatalTest, PrintsNoMoreThanTheMessage) {
 TEST(FatalTest, TakesAMessageForTextAndNotForAFormat) {
     const auto result = testing::runInChild([] { fatal("%s %n"); });
     EXPECT_EQ(result.output, "Fatal error: %s %n\n");
+}
+
+TEST(FatalTest, AbortsAlsoWhenNobodyReadsTheLine) {
+    const auto result = testing::runInChild([] {
+        std::signal(SIGPIPE, SIG_DFL);
+        std::array<int, 2> ends{};
+        ASSERT_EQ(pipe(ends.data()), 0);
+        ASSERT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
+        close(ends[0]);
+        fatal("the roof is gone");
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
 }
 
 }  // namespace

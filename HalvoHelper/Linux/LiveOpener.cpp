@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "HalvoHelper/CStrings.hpp"
 #include "HalvoHelper/Linux/UnitSuffix.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
@@ -74,6 +76,19 @@ class SpawnPlan {
     int error_ = 0;
 };
 
+// What the app says when it is run in a unit of the system's manager, and in one of the user's own.
+std::string journalOf(std::uint32_t uid) {
+    return "journalctl -u 'halvo-open-*' -u user@" + std::to_string(uid) + ".service";
+}
+
+// Without a word about what the signal itself does, which stays the default: nothing.
+void letTheKernelReap() {
+    struct sigaction action{};
+    action.sa_handler = SIG_DFL;
+    action.sa_flags = SA_NOCLDWAIT;
+    sigaction(SIGCHLD, &action, nullptr);
+}
+
 }  // namespace
 
 LiveOpener::LiveOpener(std::string helperExecutable)
@@ -83,11 +98,15 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
     if (!itemExists(appPath)) {
         return;
     }
-    std::signal(SIGCHLD, SIG_IGN);
-    const OpenAsUser::Request request{uid, appPath, afterQuit};
+    const bool booted = sd_booted() > 0;
+    const long failed =
+        streak_.next(appPath, uid, sinceBoot(), booted ? journalOf(uid) : "none are kept");
+    letTheKernelReap();
+    const bool directly = failed % 2 == 1;
+    const OpenAsUser::Request request{uid, appPath, afterQuit, directly};
     // What systemd-run(1) has to say goes where the helper's own errors go, to the journal.
     const int error =
-        sd_booted() > 0
+        booted
             ? SpawnPlan(ErrorOutput::kept)
                   .start(OpenAsUser::systemCommand(helperExecutable_, request, randomUnitSuffix()))
             : SpawnPlan(ErrorOutput::none)

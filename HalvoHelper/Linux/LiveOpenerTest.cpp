@@ -9,9 +9,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "HalvoHelper/LiveOpener.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
@@ -145,6 +147,38 @@ TEST_F(LiveOpenerTest, OpensAgainAndAgain) {
         LiveOpener(helper).open(app, 501, false);
         EXPECT_NE(report()["pid"].at(0), first);
     });
+}
+
+TEST_F(LiveOpenerTest, LeavesSignalsTheirDispositions) {
+    open(false, [] {
+        for (const int signal : {SIGCHLD, SIGPIPE}) {
+            EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_DFL) << signal;
+        }
+    });
+}
+
+// The person's own systemd manager does as the person tells it.
+TEST_F(LiveOpenerTest, GoesTheOtherWayEachTimeTheLastOneBroughtNothing) {
+    const ChildResult result = runInChild([&] {
+        TimePassing clock;
+        LiveOpener opener(helper);
+        LogCapture log;
+        std::vector<bool> directly;
+        for (const double later : {15.0, 15.0, 39.0, 15.0, 41.0, 15.0}) {
+            clock.pass(Seconds{later});
+            opener.open(app, 501, true);
+            const std::vector<std::string> words = report()["argument"];
+            EXPECT_EQ(
+                std::vector(words.begin(), words.begin() + 5),
+                (std::vector<std::string>{helper, "--open-as-user", "501", app, "--after-quit"}));
+            directly.push_back(words.back() == "--directly");
+            std::filesystem::remove(reportBeside(helper));
+        }
+        EXPECT_THAT(directly, ElementsAre(false, true, false, true, false, true));
+        EXPECT_THAT(log.errors(), ElementsAre("Opened Halvo 2 times in a row, and it didn't stay; "
+                                              "its own messages: none are kept"));
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 // --------------------------------------------------------------------------- nothing to be opened

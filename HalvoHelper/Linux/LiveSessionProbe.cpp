@@ -11,9 +11,12 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string_view>
 
+#include "HalvoHelperCore/HelperEngine.hpp"
+#include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
@@ -32,18 +35,22 @@ class Console {
     std::optional<std::uint32_t> user() {
         auto seat = FileStamp::of("/run/systemd/seats/seat0");
         auto session = sessionPath_.empty() ? std::nullopt : FileStamp::of(sessionPath_.c_str());
-        if (seat && session && seat == seat_ && session == session_) {
-            return user_;
+        if (!seat || !session || seat != seat_ || session != session_) {
+            // The stamps are taken before the files are read: a change in between shows next time.
+            seat_ = seat;
+            session_.reset();
+            sessionPath_.clear();
+            leftUntil_.reset();
+            user_ = ask();
         }
-        // The stamps are taken before the files are read: a change in between shows next time.
-        seat_ = seat;
-        session_.reset();
-        sessionPath_.clear();
-        user_ = ask();
-        return user_;
+        if (leftUntil_ && sinceBoot() >= *leftUntil_) {
+            leftUntil_.reset();
+        }
+        return leftUntil_ ? std::nullopt : user_;
     }
 
   private:
+    // The user of the session in front; sets leftUntil_ when it is closing.
     std::optional<std::uint32_t> ask() {
         char* rawSession = nullptr;
         if (sd_seat_get_active("seat0", &rawSession, nullptr) < 0) {
@@ -63,10 +70,15 @@ class Console {
                            sd_session_get_uid(session.get(), &uid) >= 0;
         const Text sessionClass(rawClass, &std::free);
         const Text state(rawState, &std::free);
-        // A login screen has the class "greeter"; a session that is "closing" has been left.
-        if (!known || std::string_view(sessionClass.get()) != "user" ||
-            std::string_view(state.get()) == "closing" || uid == 0) {
+        // A login screen has the class "greeter".
+        if (!known || std::string_view(sessionClass.get()) != "user" || uid == 0) {
             return std::nullopt;
+        }
+        if (std::string_view(state.get()) == "closing") {
+            const Seconds since = closingSince_.try_emplace(uid, sinceBoot()).first->second;
+            leftUntil_ = since + HelperEngine::Timing::sessionEndGrace;
+        } else {
+            closingSince_.erase(uid);
         }
         return uid;
     }
@@ -75,6 +87,11 @@ class Console {
     std::optional<FileStamp> seat_;
     std::optional<FileStamp> session_;
     std::optional<std::uint32_t> user_;
+    // When user_ counts as there again although their session is closing.
+    std::optional<Seconds> leftUntil_;
+    // Of each user, not of each session: one that closes after another must not begin it anew, nor
+    // must somebody else who has the seat for a moment.
+    std::map<std::uint32_t, Seconds> closingSince_;
 };
 
 // The executable of the bundle last asked about, kept for as long as its Info.plist is the same.

@@ -580,5 +580,63 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileALoginScreen
     EXPECT_EQ(mallocsMade(), before);
 }
 
+// A program that a person leaves behind keeps their session closing, and at the seat, for ever.
+TEST_F(LiveSessionProbeSeatPrivateMachineTest,
+       CountsAPersonWhoseSessionIsKeptClosingAfter90Seconds) {
+    TimePassing clock;
+    letSomebodySit();
+    session("1", user.uid, "user", "closing");
+    EXPECT_EQ(probe.consoleUser(), std::nullopt);
+    clock.pass(Seconds{89});
+    const std::size_t before = mallocsMade();
+    EXPECT_EQ(probe.consoleUser(), std::nullopt);
+    clock.pass(Seconds{1});
+    EXPECT_EQ(probe.consoleUser(), user.uid) << "though no file has changed";
+    clock.pass(Seconds{86400});
+    EXPECT_EQ(probe.consoleUser(), user.uid);
+    EXPECT_EQ(mallocsMade(), before);
+}
+
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, DoesNotCountAnewForEachSessionThatCloses) {
+    TimePassing clock;
+    letSomebodySit();
+    for (int turn = 0; turn < 3; ++turn) {
+        session("1", user.uid, "user", "closing");
+        seat("1", user.uid);
+        EXPECT_EQ(probe.consoleUser(), std::nullopt);
+        clock.pass(Seconds{15});
+        session("2", user.uid, "user", "closing");
+        seat("2", user.uid);
+        EXPECT_EQ(probe.consoleUser(), std::nullopt);
+        // Nor does it help to have somebody else there for a moment, or nobody.
+        session("3", other.uid, "user", turn == 0 ? "active" : "closing");
+        seat("3", other.uid);
+        EXPECT_EQ(probe.consoleUser(), turn == 0 ? std::optional(other.uid) : std::nullopt);
+        session("4", 110, "greeter");
+        seat("4", 110);
+        EXPECT_EQ(probe.consoleUser(), std::nullopt);
+        seat("");
+        EXPECT_EQ(probe.consoleUser(), std::nullopt);
+        clock.pass(Seconds{15});
+    }
+    seat("2", user.uid);
+    EXPECT_EQ(probe.consoleUser(), user.uid);
+    seat("3", other.uid);
+    EXPECT_EQ(probe.consoleUser(), std::nullopt) << "whose own 90 seconds began later";
+}
+
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsAnewOnceThePersonHasASessionAgain) {
+    TimePassing clock;
+    letSomebodySit();
+    for (int turn = 0; turn < 3; ++turn) {
+        session("1", user.uid, "user", "closing");
+        EXPECT_EQ(probe.consoleUser(), std::nullopt);
+        clock.pass(Seconds{turn == 1 ? 3600 : 80});
+        EXPECT_EQ(probe.consoleUser(), turn == 1 ? std::optional(user.uid) : std::nullopt);
+        session("1", user.uid);
+        EXPECT_EQ(probe.consoleUser(), user.uid);
+    }
+}
+
 }  // namespace
 }  // namespace halvo::testing

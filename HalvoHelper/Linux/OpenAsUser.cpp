@@ -88,7 +88,7 @@ Command commandFor(const Request& request, const User& user) {
     const Bundle bundle(request.appPath);
     const std::string executable =
         bundle.executablePath().value_or(request.appPath + "/Contents/MacOS/Halvo");
-    if (!managerAnswers(user)) {
+    if (request.directly || !managerAnswers(user)) {
         return directCommand(request, user, executable);
     }
     const auto info = bundle.info();

@@ -25,6 +25,7 @@
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/Interception.hpp"
+#include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -37,11 +38,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
+using ::testing::StrEq;
 using ::testing::UnorderedElementsAre;
 
 using Words = std::vector<std::string>;
@@ -437,6 +440,37 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMa
                             AllOf(StartsWith("2 "), Not(StartsWith("2 /dev/null")))));
     EXPECT_THAT(run["environment"], IsEmpty());
     EXPECT_THAT(run["user"], ElementsAre("0", "0", "0"));
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, IsToldOfInTheJournalWhereSystemdRunsTheMachine) {
+    const ChildResult result = runInChild([] {
+        const BootedBySystemd booted;
+        const LogCapture log;
+        LiveOpener opener("/usr/libexec/helper");
+        for (int turn = 0; turn < 3; ++turn) {
+            opener.open("/Applications/Sample.app", 501, true);
+        }
+        EXPECT_THAT(log.errors(),
+                    ElementsAre("Opened Halvo 2 times in a row, and it didn't stay; its own "
+                                "messages: journalctl -u 'halvo-open-*' -u user@501.service"));
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST_F(OpenAsUserManagerPrivateMachineTest, LeavesTheManagerOutWhenToldTo) {
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open("/Applications/Sample.app", {"--directly"}), 0);
+    expectDirectRun();
+}
+
+// It may never say what became of the start. The app itself may take all day.
+TEST_F(OpenAsUserManagerPrivateMachineTest, WaitsForTheManagerForHalfAMinuteAtMost) {
+    const auto manager = startManager(answerTruly);
+    EXPECT_EQ(open(), 0);
+    EXPECT_THAT(readReport(systemdRunReport)["alarm"],
+                ElementsAre(AnyOf(StrEq("29"), StrEq("30"))));
+    EXPECT_EQ(open("/Applications/Sample.app", {"--directly"}), 0);
+    EXPECT_THAT(readReport(appReport)["alarm"], ElementsAre("0"));
 }
 
 TEST_F(OpenAsUserManagerPrivateMachineTest, FailsWithoutTheProgramThatAsksTheManager) {

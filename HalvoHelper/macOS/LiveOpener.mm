@@ -6,6 +6,7 @@
 #include <csignal>
 #include <expected>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "HalvoHelper/RootsAlone.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
+#include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
@@ -106,6 +108,10 @@ void logFailure(const std::string& reason) {
     HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", reason.c_str());
 }
 
+std::string unifiedLogOf(const std::string& appPath) {
+    return "log show --last 10m --predicate 'processImagePath BEGINSWITH \"" + appPath + "/\"'";
+}
+
 }  // namespace
 
 LiveOpener::LiveOpener(std::string helperExecutable)
@@ -125,6 +131,7 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
             logFailure(program.error());
             return;
         }
+        streak_.next(appPath, uid, sinceBoot(), unifiedLogOf(appPath));
         NSTask* task = taskOf(OpenAsUser::launchctlCommand(*program, {uid, appPath, afterQuit}));
         NSError* error = nil;
         const ChildSignals signals;

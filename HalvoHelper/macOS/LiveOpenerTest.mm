@@ -71,6 +71,22 @@ TEST_F(LiveOpenerPrivateMachineTest, OpensAgainEachTimeItIsAsked) {
     EXPECT_EQ(fake::world().launches.size(), 2U);
 }
 
+TEST_F(LiveOpenerPrivateMachineTest, TellsWhereTheMessagesAreOfAnAppThatDoesNotStay) {
+    for (int turn = 0; turn < 6; ++turn) {
+        opener.open(app, 501, false);
+    }
+    const auto told = [&](const std::string& times) {
+        return fake::LogEntry{"app.halvo", "Helper", true,
+                              "Opened Halvo " + times +
+                                  " times in a row, and it didn't stay; its own messages: log show "
+                                  "--last 10m --predicate 'processImagePath BEGINSWITH \"" +
+                                  app + "/\"'"};
+    };
+    EXPECT_THAT(fake::world().log, ElementsAre(told("2"), told("4")));
+    EXPECT_EQ(fake::world().launches.back(), fake::world().launches.front())
+        << "there is one way only";
+}
+
 TEST_F(LiveOpenerPrivateMachineTest, OpensAnOddlyNamedApp) {
     const std::string odd = disk / "H\xC3\xA4 \"l$vo\n.app";
     std::filesystem::create_directory(odd);

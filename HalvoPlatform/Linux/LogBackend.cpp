@@ -6,6 +6,7 @@
 #include <string>
 
 #include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/SIGPIPEGuard.hpp"
 
 // The journal's source-code fields would name our build paths; the message is enough.
 #define SD_JOURNAL_SUPPRESS_LOCATION
@@ -59,6 +60,7 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
     }
     line += '\n';
     // Nobody is left to tell when standard error does not take it.
+    const SIGPIPEGuard guard;
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 

@@ -2,12 +2,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <string>
 #include <vector>
 
+#include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Booted/BootedMachine.hpp"
 
 namespace halvo::testing {
@@ -52,6 +60,116 @@ struct Opening : ::testing::Test {
 };
 
 struct Lock : Opening {};
+
+// In the place of the person's own systemd manager: replies to a ping, and to nothing else; or also
+// says that a job to start the unit is under way, and no more of it.
+class EmptyManager {
+  public:
+    // `path`: of its socket, in place of whatever is there.
+    EmptyManager(const std::string& path, uid_t owner, bool acceptsStarts) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        unlink(path.c_str());
+        const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener.get(), 16), 0);
+        EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
+        process_ = fork();
+        if (process_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            sd_event* loop = nullptr;
+            sd_event_default(&loop);
+            sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve,
+                            acceptsStarts ? &acceptsStarts : nullptr);
+            _exit(sd_event_loop(loop));
+        }
+    }
+
+    EmptyManager(const EmptyManager&) = delete;
+    EmptyManager& operator=(const EmptyManager&) = delete;
+
+    ~EmptyManager() {
+        EXPECT_EQ(kill(process_, SIGKILL), 0);
+        EXPECT_EQ(waitpid(process_, nullptr, 0), process_);
+    }
+
+  private:
+    static int serve(sd_event_source* source, int listener, std::uint32_t, void* acceptsStarts) {
+        const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        sd_bus* bus = nullptr;
+        sd_id128_t id{};
+        sd_id128_randomize(&id);
+        sd_bus_new(&bus);
+        sd_bus_set_fd(bus, connection, connection);
+        sd_bus_set_server(bus, 1, id);
+        // sd-bus itself replies to what is not swallowed here.
+        const auto swallow = [](sd_bus_message* message, void* accepts, sd_bus_error*) {
+            if (accepts != nullptr &&
+                sd_bus_message_is_method_call(message, "org.freedesktop.systemd1.Manager",
+                                              "StartTransientUnit") > 0) {
+                return sd_bus_reply_method_return(message, "o", "/org/freedesktop/systemd1/job/1");
+            }
+            return sd_bus_message_is_method_call(message, "org.freedesktop.DBus.Peer", "Ping") > 0
+                       ? 0
+                       : 1;
+        };
+        sd_bus_add_filter(bus, nullptr, swallow, acceptsStarts);
+        sd_bus_start(bus);
+        return sd_bus_attach_event(bus, sd_event_source_get_event(source), 0);
+    }
+
+    pid_t process_ = -1;
+};
+
+// What a person can do to keep their own manager from starting the app.
+struct OpeningDespite : Opening {
+    OpeningDespite() { machine.commit(session); }
+
+    // In the folder of the person's own units.
+    void configure(const std::string& commands) const {
+        const Answer answer = machine.runIn(
+            session, {"sh", "-ec",
+                      "mkdir -p ~/.config/systemd/user && cd ~/.config/systemd/user\n" + commands +
+                          "\nsystemctl --user daemon-reload"});
+        EXPECT_EQ(answer.status, 0) << answer.output;
+    }
+
+    // As a drop-in for the unit that the app is opened in.
+    void configureUnit(const std::string& settings) const {
+        const std::string folder = "app-halvo-" + Place::appID + "@.service.d";
+        configure("mkdir " + folder + "\nprintf '[Service]\\n" + settings + "' >" + folder +
+                  "/own.conf");
+    }
+
+    void expectItBack() const {
+        quit(app());
+        pid_t opened = -1;
+        EXPECT_TRUE(eventually(backLimit, [&] {
+            for (const pid_t process : machine.running(Place::appExecutable)) {
+                const bool isDirect =
+                    controlGroup(process).starts_with("/system.slice/halvo-open-");
+                opened = isDirect ? process : opened;
+            }
+            return opened > 0;
+        })) << "the app is not opened without the person's manager";
+        EXPECT_TRUE(always(Seconds{10}, [&] { return isAlive(opened); }));
+        EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
+        // Limits of its own, in place of those of the person's slice.
+        const std::string unit = controlGroup(opened).substr(std::string("/system.slice/").size());
+        EXPECT_EQ(machine.property(unit, "TasksMax"), "4096");
+        EXPECT_NE(machine.property(unit, "MemoryMax"), "infinity");
+        EXPECT_EQ(machine.running(Place::appExecutable), std::vector<pid_t>{opened});
+    }
+
+    [[nodiscard]] std::string managerSocket() const {
+        return machine.path("/run/user/1000/systemd/private");
+    }
+
+    // Six seconds of silence, a try that brings nothing, fifteen seconds, one that does.
+    static constexpr Seconds backLimit{45};
+    const std::string session = machine.logIn("alice");
+};
 
 TEST_F(Lock, HoldsAgainstThePersonAndRootAndIsSetBack) {
     const std::string session = machine.logIn("alice");
@@ -173,6 +291,70 @@ TEST_F(Opening, IsForThePersonAtTheScreenOnly) {
     const pid_t opened = app();
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
     EXPECT_EQ(machine.count(opening), 1);
+}
+
+TEST_F(Opening, IsCountedOfAnAppThatDoesNotStayAndItsMessagesAreWhereTheLogSays) {
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    const pid_t first = app();
+    machine.sh("cp --remove-destination /usr/bin/echo " + Place::appExecutable);
+    quit(first);
+    const std::string line =
+        "Opened Halvo 2 times in a row, and it didn't stay; its own messages: ";
+    ASSERT_TRUE(machine.says(line + "*", openingLimit));
+    std::string command;
+    for (Entry& entry : machine.journal({"SUBSYSTEM=app.halvo"})) {
+        const std::string& message = entry["MESSAGE"];
+        command = message.starts_with(line) ? message.substr(line.size()) : command;
+    }
+    // Once from the person's manager, once from the machine's.
+    EXPECT_GE(std::stoi(machine.sh(command + " --output=cat | grep --count --line-regexp --regexp="
+                                             "'-halvoRelaunchedAfterQuit YES'")),
+              2)
+        << machine.sh(command);
+}
+
+TEST_F(OpeningDespite, ADropInThatRunsSomethingElse) {
+    configureUnit("ExecStart=\\nExecStart=/bin/true\\n");
+    expectItBack();
+}
+
+TEST_F(OpeningDespite, ALimitThatLeavesTheAppNoMemory) {
+    configureUnit("LimitAS=1M\\n");
+    expectItBack();
+}
+
+TEST_F(OpeningDespite, AMaskedSlice) {
+    configure("ln -s /dev/null app.slice\nsystemctl --user stop app.slice");
+    expectItBack();
+}
+
+TEST_F(OpeningDespite, AManagerThatOnlyAnswersPings) {
+    const EmptyManager manager(managerSocket(), BootedMachine::alice, false);
+    expectItBack();
+}
+
+TEST_F(OpeningDespite, AManagerThatAcceptsTheStartAndForgetsIt) {
+    const EmptyManager manager(managerSocket(), BootedMachine::alice, true);
+    expectItBack();
+    EXPECT_TRUE(eventually(Seconds{45}, [&] {
+        return machine.running("/usr/bin/systemd-run").empty();
+    })) << "what asked the manager waits for ever";
+}
+
+TEST_F(OpeningDespite, ASessionThatIsKeptClosing) {
+    machine.startIn(session, {"sleep", "infinity"});
+    machine.sh("kill -KILL $(loginctl show-session --value --property=Leader " + session + ")");
+    ASSERT_TRUE(eventually(Seconds{20}, [&] {
+        return machine.sh("loginctl show-session --value --property=State " + session) ==
+               "closing\n";
+    }));
+    const Seconds closedAt = timeNow();
+    quit(app());
+    EXPECT_TRUE(staysClosed(Seconds{84} - (timeNow() - closedAt)));
+    const pid_t opened = machine.waitFor(Place::appExecutable, Seconds{6} + backLimit);
+    EXPECT_TRUE(always(Seconds{10}, [&] { return isAlive(opened); }));
+    EXPECT_EQ(machine.sh("loginctl show-session --value --property=State " + session), "closing\n");
 }
 
 TEST_F(Opening, WaitsNinetySecondsForASessionThatWasToEnd) {

@@ -129,6 +129,21 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     EXPECT_EQ(getsid(app), app);
 }
 
+// The helper handles SIGTERM; what it does besides must not show in any other signal.
+TEST_F(OpeningTest, LeavesSignalsTheirDefaultAndNoZombie) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    const pid_t app = waitForApp();
+    quit(app);
+    EXPECT_TRUE(eventually(Seconds{5}, [app] { return kill(app, 0) != 0; })) << "a zombie";
+    const pid_t process = helper->process().pid();
+    constexpr unsigned long long others = 1ULL << (SIGPIPE - 1) | 1ULL << (SIGCHLD - 1);
+    for (const std::string field : {"SigIgn", "SigCgt", "SigBlk"}) {
+        EXPECT_EQ(processNumbers(process, field, 16).at(0) & others, 0U) << field;
+    }
+    helper->process().send(SIGPIPE);
+    EXPECT_EQ(helper->wait(), 128 + SIGPIPE);
+}
+
 TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     Program app = world.startApp();
@@ -186,6 +201,10 @@ TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
     EXPECT_TRUE(eventually(reopenGap + late, [&] { return helper->count(opening) == 2; }));
     EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
     EXPECT_TRUE(world.status().holding);
+    EXPECT_TRUE(
+        helper->says("error: Opened Halvo 2 times in a row, and it didn't stay; its own "
+                     "messages: none are kept",
+                     reopenGap + late));
     // What it started and could not become the app is not left behind.
     EXPECT_TRUE(eventually(Seconds{2}, [] { return processesRunning(Place::helper).size() == 1; }));
 }

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -318,6 +319,20 @@ TEST_F(StartUpTest, ServesWithoutStandardDescriptors) {
     EXPECT_TRUE(world.state()->locked);
     EXPECT_EQ(helper.terminate(), 75);
     EXPECT_TRUE(world.state()->locked);
+}
+
+TEST_F(StartUpTest, OutlivesTheReaderOfItsLog) {
+    RunningHelper helper({.prepare = [] {
+        std::array<int, 2> ends{};
+        if (pipe(ends.data()) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+            _exit(1);
+        }
+        close(ends[0]);
+        close(ends[1]);
+    }});
+    EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
+    EXPECT_TRUE(world.status().holding) << "it ended when it said so";
+    EXPECT_EQ(helper.terminate(), 75);
 }
 
 TEST_F(StartUpTest, EndsOnSIGTERMWhateverItInherited) {

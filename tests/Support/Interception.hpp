@@ -4,6 +4,8 @@
 
 #include <functional>
 
+#include "HalvoPlatform/Time.hpp"
+
 namespace halvo::testing {
 
 // While it lives, a listing of a folder (getdents64(2)) brings a few entries at a time.
@@ -48,6 +50,18 @@ class BootedBySystemd {
     BootedBySystemd(const BootedBySystemd&) = delete;
     BootedBySystemd& operator=(const BootedBySystemd&) = delete;
     ~BootedBySystemd();
+};
+
+// While it lives, the clock that counts from boot, through sleep (CLOCK_BOOTTIME), is ahead by what
+// has passed here.
+class TimePassing {
+  public:
+    TimePassing() = default;
+    TimePassing(const TimePassing&) = delete;
+    TimePassing& operator=(const TimePassing&) = delete;
+    ~TimePassing();
+
+    void pass(Seconds span);
 };
 
 }  // namespace halvo::testing

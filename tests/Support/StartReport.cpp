@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -83,6 +84,9 @@ void writeReport(int count, char** words, char** environment, std::ostream& repo
     reportSignals(report);
     report << "folder=" << std::filesystem::current_path().native() << '\n';
     report << "umask=" << std::oct << umask(0) << std::dec << '\n';
+    itimerval timer{};
+    getitimer(ITIMER_REAL, &timer);
+    report << "alarm=" << timer.it_value.tv_sec << '\n';
     report << "session=" << (getsid(0) == getpid() ? "own" : "other") << '\n';
 }
 
