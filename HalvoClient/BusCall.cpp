@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
 #include <thread>
 
 #include "HalvoClient/PrivateGroup.hpp"
@@ -15,7 +16,7 @@
 namespace halvo {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 
 std::expected<sockaddr_un, int> addressOf(const std::string& path) {
     sockaddr_un address{};
@@ -77,6 +78,12 @@ int waitForMore(sd_bus& bus, Deadline deadline) {
 }
 
 }  // namespace
+
+BootClock::time_point BootClock::now() {
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return time_point{std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec}};
+}
 
 Deadline deadlineAfter(Seconds limit) {
     constexpr Seconds longest = std::chrono::hours{24};
@@ -146,13 +153,18 @@ std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
     // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
     // steps, and the time limit is kept here alone.
     constexpr std::uint64_t noLimit = UINT64_MAX;
+    if (Clock::now() >= deadline) {
+        return std::unexpected(BusFault::TimedOut);
+    }
     Answer answer;
     sd_bus_slot* raw = nullptr;
     if (sd_bus_call_async(&bus, &raw, &request, takeAnswer, &answer, noLimit) < 0) {
         return broken();
     }
     const std::unique_ptr<sd_bus_slot, SlotRelease> slot(raw);
-    while (true) {
+    // The clock is looked at also while there is progress: a peer that never stops sending must not
+    // hold us. And before it: authentication that ends too late must send nothing.
+    while (Clock::now() < deadline) {
         const int progress = sd_bus_process(&bus, nullptr);
         authenticated = authenticated || sd_bus_is_ready(&bus) > 0;
         if (answer.reply != nullptr) {
@@ -161,14 +173,11 @@ std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
         if (progress < 0 || answer.broken) {
             return broken();
         }
-        // Also while there is progress: a peer that never stops sending must not hold us.
-        if (Clock::now() >= deadline) {
-            return std::unexpected(BusFault::TimedOut);
-        }
         if (progress == 0 && waitForMore(bus, deadline) < 0) {
             return broken();
         }
     }
+    return std::unexpected(BusFault::TimedOut);
 }
 
 }  // namespace halvo

@@ -15,8 +15,19 @@
 
 namespace halvo {
 
-// An instant on the monotonic clock, which nobody can set.
-using Deadline = std::chrono::steady_clock::time_point;
+// CLOCK_BOOTTIME, clock_gettime(2): nobody can set it, and it counts while the machine sleeps, as
+// the monotonic clock does not.
+struct BootClock {
+    using duration = std::chrono::nanoseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<BootClock>;
+    static constexpr bool is_steady = true;
+
+    static time_point now();
+};
+
+using Deadline = BootClock::time_point;
 
 // The instant `limit` from now: at least now, at most a day ahead.
 Deadline deadlineAfter(Seconds limit);
@@ -59,8 +70,10 @@ enum class BusFault {
     TimedOut,
 };
 
-// Sends `request` and waits for its reply, which may be an error reply. After a fault the
-// connection is of no more use, and a late reply to it is lost.
+// Sends `request` and waits for its reply, which may be an error reply. Once `deadline` has passed,
+// nothing is sent any more and no reply is taken for one in time, also when this process was
+// stopped or the machine slept meanwhile. After a fault the connection is of no more use, and a
+// late reply to it is lost.
 std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
                                                sd_bus_message& request);
 

@@ -1,19 +1,26 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <fstream>
 #include <string_view>
 #include <utility>
 
 #include "HalvoClient/BusCall.hpp"
 #include "HalvoClient/FakeHelper.hpp"
+#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
 
 constexpr Seconds limit{5};
+
+constexpr std::string_view welcome = "DATA\r\nOK 00112233445566778899aabbccddeeff\r\n";
 
 // The two ends of a connection; `theirs` is for the test to play the other side.
 struct Pair {
@@ -51,14 +58,50 @@ TEST(DeadlineTest, IsNeverInThePastAndAtMostADayAhead) {
     const Deadline before = deadlineAfter(Seconds{0});
     EXPECT_GE(deadlineAfter(Seconds{-5}), before);
     const Deadline farthest = deadlineAfter(Seconds{1e300});
-    EXPECT_LE(farthest, std::chrono::steady_clock::now() + std::chrono::hours{24});
+    EXPECT_LE(farthest, Deadline::clock::now() + std::chrono::hours{24});
 }
 
 TEST(DeadlineTest, EndsAWaitThatWouldTakeLonger) {
     EXPECT_TRUE(waitBefore(deadlineAfter(Seconds{60}), Seconds{0}));
     const Deadline deadline = deadlineAfter(Seconds{0.01});
     EXPECT_FALSE(waitBefore(deadline, Seconds{60}));
-    EXPECT_LT(std::chrono::steady_clock::now(), deadline + std::chrono::seconds{30});
+    EXPECT_LT(Deadline::clock::now(), deadline + std::chrono::seconds{30});
+}
+
+TEST(DeadlineTest, CountsSleep) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root for a time namespace";
+    }
+    // Sleep is what the two clocks of the kernel differ by; time_namespaces(7). It holds for
+    // children.
+    const ChildResult child = runInChild([] {
+        ASSERT_EQ(unshare(CLONE_NEWTIME), 0);
+        std::ofstream("/proc/self/timens_offsets") << "boottime 100000 0\n";
+        const ChildResult asleep = runInChild([] {
+            const auto monotonic = std::chrono::steady_clock::now().time_since_epoch();
+            EXPECT_GE(Deadline::clock::now().time_since_epoch() - monotonic, Seconds{90000});
+        });
+        EXPECT_EQ(asleep.status, 0) << asleep.output;
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+
+TEST(BusCallTest, SendsNothingOnceTheDeadlineHasPassed) {
+    Pair pair;
+    send(pair.theirs, welcome);
+    const auto bus = openBus(std::move(pair.ours));
+    ASSERT_TRUE(bus.has_value());
+    while (sd_bus_is_ready(bus->get()) == 0) {
+        ASSERT_GE(sd_bus_process(bus->get(), nullptr), 0);
+    }
+    const auto received = [&pair] {
+        std::array<char, 4096> bytes{};
+        return recv(pair.theirs.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+    };
+    EXPECT_GT(received(), 0) << "the authentication";
+    const BusMessage request = statusRequest(**bus);
+    EXPECT_EQ(callWithin(deadlineAfter(Seconds{0}), **bus, *request).error(), BusFault::TimedOut);
+    EXPECT_EQ(received(), -1);
 }
 
 TEST(BusCallTest, TakesAPeerThatIsGoneForOneThatDidNotAuthenticate) {
@@ -87,8 +130,6 @@ TEST(BusCallTest, TakesNonsenseForOneToo) {
     send(pair.theirs, "HTTP/1.1 400 Bad Request\r\n\r\n");
     EXPECT_EQ(callOn(pair).error(), BusFault::Unauthenticated);
 }
-
-constexpr std::string_view welcome = "DATA\r\nOK 00112233445566778899aabbccddeeff\r\n";
 
 TEST(BusCallTest, BreaksOnNonsenseAfterAuthentication) {
     Pair pair;

@@ -2,9 +2,9 @@
 
 #include <sysexits.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -80,6 +80,20 @@ std::expected<BusMessage, int> makeRequest(sd_bus& bus, const char* member, cons
     return request;
 }
 
+// Over this connection and no other.
+std::expected<BusMessage, Trouble> attemptOn(sd_bus& bus, const char* member, const Append& append,
+                                             Deadline deadline) {
+    const auto request = makeRequest(bus, member, append);
+    if (!request) {
+        return std::unexpected(CannotAsk{request.error()});
+    }
+    auto reply = callWithin(deadline, bus, **request);
+    if (!reply) {
+        return std::unexpected(reply.error());
+    }
+    return std::move(*reply);
+}
+
 std::expected<BusMessage, Trouble> attempt(BusHandle& bus, const std::string& path,
                                            const char* member, const Append& append,
                                            Deadline deadline) {
@@ -90,15 +104,7 @@ std::expected<BusMessage, Trouble> attempt(BusHandle& bus, const std::string& pa
         }
         bus = std::move(*made);
     }
-    const auto request = makeRequest(*bus, member, append);
-    if (!request) {
-        return std::unexpected(CannotAsk{request.error()});
-    }
-    auto reply = callWithin(deadline, *bus, **request);
-    if (!reply) {
-        return std::unexpected(reply.error());
-    }
-    return std::move(*reply);
+    return attemptOn(*bus, member, append, deadline);
 }
 
 HelperFailure notUnderstood(const char* member) {
@@ -113,6 +119,19 @@ std::expected<BusMessage, HelperFailure> answerOf(BusMessage reply) {
         return reply;
     }
     return std::unexpected(Rejected{error->name, error->message == nullptr ? "" : error->message});
+}
+
+HelperClient::Result<bool> yesOrNo(const char* member,
+                                   const std::expected<BusMessage, HelperFailure>& reply) {
+    if (!reply) {
+        return std::unexpected(reply.error());
+    }
+    int yes = 0;
+    if (sd_bus_message_has_signature(reply->get(), "b") <= 0 ||
+        sd_bus_message_read(reply->get(), "b", &yes) <= 0) {
+        return std::unexpected(notUnderstood(member));
+    }
+    return yes != 0;
 }
 
 int appendNothing(sd_bus_message*) { return 0; }
@@ -162,19 +181,45 @@ HelperClient::HelperClient(const HelperIdentity& identity)
 
 HelperClient::HelperClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
 
-HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, WallDate until,
-                                               WallDate started, Seconds limit) {
+HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const Decision& decide,
+                                               Seconds limit) {
     if (!isUTF8(appPath) || appPath.find('\0') != std::string::npos) {
         return std::unexpected(
             Rejected{SD_BUS_ERROR_INVALID_ARGS, "The app's path is no text that D-Bus can carry"});
     }
-    return askYesOrNo(
-        "Begin",
-        [&](sd_bus_message* request) {
-            return sd_bus_message_append(request, "sdd", appPath.c_str(), secondsSince1970(until),
-                                         secondsSince1970(started));
-        },
-        limit);
+    constexpr const char* member = "Begin";
+    const Deadline deadline = deadlineAfter(std::min(limit, usualLimit));
+    while (true) {
+        const auto held = statusBefore(deadline);
+        if (!held) {
+            return std::unexpected(held.error());
+        }
+        const auto span = decide(*held);
+        if (!span) {
+            return held->holding;
+        }
+        auto reply = attemptOn(
+            *bus_, member,
+            [&](sd_bus_message* request) {
+                return sd_bus_message_append(request, "sdd", appPath.c_str(),
+                                             secondsSince1970(span->until),
+                                             secondsSince1970(span->started));
+            },
+            deadline);
+        if (reply) {
+            return yesOrNo(member, answerOf(std::move(*reply)));
+        }
+        bus_.reset();
+        if (const auto* trouble = std::get_if<CannotAsk>(&reply.error())) {
+            return std::unexpected(failureOf(*trouble));
+        }
+        // A connection that broke has been an authenticated one. The pause is for a helper that
+        // breaks each.
+        if (std::get<BusFault>(reply.error()) == BusFault::TimedOut ||
+            !waitBefore(deadline, pauseAfterRefusal)) {
+            return std::unexpected(TimedOut{});
+        }
+    }
 }
 
 HelperClient::Result<bool> HelperClient::heartbeat(bool sessionEnding, Seconds limit) {
@@ -183,16 +228,20 @@ HelperClient::Result<bool> HelperClient::heartbeat(bool sessionEnding, Seconds l
         [sessionEnding](sd_bus_message* request) {
             return sd_bus_message_append(request, "b", static_cast<int>(sessionEnding));
         },
-        limit);
+        deadlineAfter(limit));
 }
 
 HelperClient::Result<bool> HelperClient::end(Seconds limit) {
-    return askYesOrNo("End", appendNothing, limit);
+    return askYesOrNo("End", appendNothing, deadlineAfter(limit));
 }
 
 HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
+    return statusBefore(deadlineAfter(limit));
+}
+
+HelperClient::Result<HelperStatus> HelperClient::statusBefore(Deadline deadline) {
     constexpr const char* member = "Status";
-    const auto reply = ask(member, appendNothing, limit);
+    const auto reply = ask(member, appendNothing, deadline);
     if (!reply) {
         return std::unexpected(reply.error());
     }
@@ -214,22 +263,12 @@ HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
 }
 
 HelperClient::Result<bool> HelperClient::askYesOrNo(const char* member, const Append& append,
-                                                    Seconds limit) {
-    const auto reply = ask(member, append, limit);
-    if (!reply) {
-        return std::unexpected(reply.error());
-    }
-    int yes = 0;
-    if (sd_bus_message_has_signature(reply->get(), "b") <= 0 ||
-        sd_bus_message_read(reply->get(), "b", &yes) <= 0) {
-        return std::unexpected(notUnderstood(member));
-    }
-    return yes != 0;
+                                                    Deadline deadline) {
+    return yesOrNo(member, ask(member, append, deadline));
 }
 
 HelperClient::Result<BusMessage> HelperClient::ask(const char* member, const Append& append,
-                                                   Seconds limit) {
-    const Deadline deadline = deadlineAfter(limit);
+                                                   Deadline deadline) {
     bool refusedBefore = false;
     bool brokenBefore = false;
     while (true) {

@@ -5,6 +5,7 @@
 
 #include <expected>
 #include <functional>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -32,7 +33,8 @@ struct Refused {
     bool operator==(const Refused&) const = default;
 };
 
-// No answer came in time. The request may still be carried out.
+// No answer came in time, or the time was over before the request was sent. If it was sent it may
+// still be carried out.
 struct TimedOut {
     bool operator==(const TimedOut&) const = default;
 };
@@ -66,14 +68,22 @@ std::string description(const HelperFailure& failure);
 // refused, 75 timed out, 65 rejected, 71 no resources.
 int exitStatus(const HelperFailure& failure);
 
+// The span of a commitment to ask for.
+struct CommitmentSpan {
+    WallDate until;
+    WallDate started;
+};
+
 // Connects at the first request and keeps the connection, so that the helper does not stop for want
-// of work while this object lives. Each request takes at most `limit`, measured on the monotonic
-// clock, whatever the helper does: stopped, silent, or with a full queue.
+// of work while this object speaks; the helper disconnects who says nothing for 30 s. Each request
+// takes at most `limit`, whatever the helper does: stopped, silent, or with a full queue. The limit
+// counts while this process is stopped or the machine sleeps; what it finds over is not sent.
 //
-// When the helper was restarted, a request finds the old connection broken, connects anew and is
-// sent again, once, within the same limit. So the helper may see a request twice. None of them
-// minds, but an end whose first reply was lost answers false. A refusal is believed after a second
-// try shortly after, because a helper that is killed just as it accepts looks the same. After a
+// When the helper was restarted or has disconnected this process, a request finds the old
+// connection broken, connects anew and is sent again, once, within the same limit. So the helper
+// may see a request twice. None of them minds, but an end whose first reply was lost answers false.
+// A begin is never sent again: it starts over, see there. A refusal is believed after a second try
+// shortly after, because a helper that is killed just as it accepts looks the same. After a
 // time-out the connection is closed and the next request starts with a new one.
 //
 // One thread at a time, and only the process that made the object, not a child of fork(2).
@@ -92,12 +102,24 @@ class HelperClient {
     // For the helper that listens on the socket at `socketPath`.
     explicit HelperClient(std::string socketPath);
 
-    // Commits the person to keep the caller's own bundle `appPath`, from `started` until `until`.
-    // True when a commitment is now held. An end in the past ends a running commitment, and one
-    // earlier than what holds shortens it: what may be shortened is the app's to decide. A path
-    // that is not UTF-8 or has a zero byte is rejected ("org.freedesktop.DBus.Error.InvalidArgs")
-    // without asking the helper.
-    Result<bool> begin(const std::string& appPath, WallDate until, WallDate started,
+    // Says what to ask for when `held` is what holds; nothing when that shall stay as it is.
+    using Decision = std::function<std::optional<CommitmentSpan>(const HelperStatus& held)>;
+
+    // Commits the person to keep the caller's own bundle `appPath`. True when a commitment is now
+    // held. An end in the past ends a running commitment, and one earlier than what holds shortens
+    // it: what may be shortened is the app's to decide, and `decide` is where it does.
+    //
+    // Asks for the status, has `decide` look at it, and sends the begin at once, over the same
+    // connection and no other. For whoever stops a process between the two can begin a longer
+    // commitment elsewhere, and lets the old decision end it later. When the helper takes a begin
+    // of this person it disconnects the processes that it told something else before; what they
+    // had decided then is not sent but decided anew, on what holds now. So `decide` may be called
+    // more than once; it must depend on nothing that an earlier status said. The limit is for all
+    // of it, at most `usualLimit`.
+    //
+    // A path that is not UTF-8 or has a zero byte is rejected
+    // ("org.freedesktop.DBus.Error.InvalidArgs") without asking the helper.
+    Result<bool> begin(const std::string& appPath, const Decision& decide,
                        Seconds limit = usualLimit);
 
     // Shows that the app is alive, or announces that the session is ending. True while a commitment
@@ -113,8 +135,9 @@ class HelperClient {
   private:
     using Append = std::function<int(sd_bus_message* request)>;
 
-    Result<BusMessage> ask(const char* member, const Append& append, Seconds limit);
-    Result<bool> askYesOrNo(const char* member, const Append& append, Seconds limit);
+    Result<BusMessage> ask(const char* member, const Append& append, Deadline deadline);
+    Result<bool> askYesOrNo(const char* member, const Append& append, Deadline deadline);
+    Result<HelperStatus> statusBefore(Deadline deadline);
 
     std::string socketPath_;
     BusHandle bus_;

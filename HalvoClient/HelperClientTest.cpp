@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -31,6 +32,7 @@ namespace {
 using namespace HelperFailures;
 using ::testing::AllOf;
 using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::Lt;
 
@@ -52,6 +54,11 @@ std::vector<int> openDescriptors() {
     // One of them was the iterator's own.
     std::erase_if(numbers, [](int number) { return fcntl(number, F_GETFD) < 0; });
     return numbers;
+}
+
+// Decides for this span whatever holds.
+HelperClient::Decision anyway(WallDate until, WallDate started) {
+    return [=](const HelperStatus&) { return CommitmentSpan{until, started}; };
 }
 
 class HelperClientTest : public ::testing::Test {
@@ -76,8 +83,9 @@ TEST_F(HelperClientTest, AsksTheSocketOfItsApp) {
 TEST_F(HelperClientTest, CarriesTheArgumentsOfABegin) {
     FakeHelper helper(path_, {Conduct::Answer});
     HelperClient client(path_);
-    EXPECT_EQ(client.begin("/Applications/Hälvo.app", wallDate(1732143600.125), wallDate(-0.5)),
-              true);
+    EXPECT_EQ(
+        client.begin("/Applications/Hälvo.app", anyway(wallDate(1732143600.125), wallDate(-0.5))),
+        true);
     EXPECT_STREQ(helper.record().lastRequest.data(),
                  "Begin /Applications/Hälvo.app 1732143600.125 -0.5");
 }
@@ -86,9 +94,9 @@ TEST_F(HelperClientTest, CarriesDatesThatAreNone) {
     FakeHelper helper(path_, {Conduct::Answer});
     HelperClient client(path_);
     constexpr double infinity = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(
-        client.begin("x", wallDate(infinity), wallDate(std::numeric_limits<double>::quiet_NaN())),
-        true);
+    EXPECT_EQ(client.begin("x", anyway(wallDate(infinity),
+                                       wallDate(std::numeric_limits<double>::quiet_NaN()))),
+              true);
     EXPECT_STREQ(helper.record().lastRequest.data(), "Begin x inf nan");
 }
 
@@ -96,7 +104,7 @@ TEST_F(HelperClientTest, RejectsAPathThatDBusCannotCarry) {
     FakeHelper helper(path_, {Conduct::Answer});
     HelperClient client(path_);
     for (const std::string& path : {std::string("/a\0b.app", 8), std::string("/\xFF.app")}) {
-        const auto answer = client.begin(path, wallDate(2), wallDate(1));
+        const auto answer = client.begin(path, anyway(wallDate(2), wallDate(1)));
         ASSERT_FALSE(answer.has_value());
         EXPECT_EQ(std::get<Rejected>(answer.error()).name,
                   "org.freedesktop.DBus.Error.InvalidArgs");
@@ -117,7 +125,7 @@ TEST_F(HelperClientTest, GivesTheHelpersNo) {
     FakeHelper helper(path_, {Conduct::Answer});
     helper.record().yes = false;
     HelperClient client(path_);
-    EXPECT_EQ(client.begin("/Applications/Halvo.app", wallDate(2), wallDate(1)), false);
+    EXPECT_EQ(client.begin("/Applications/Halvo.app", anyway(wallDate(2), wallDate(1))), false);
     EXPECT_EQ(client.heartbeat(false), false);
     EXPECT_EQ(client.end(), false);
     EXPECT_STREQ(helper.record().lastRequest.data(), "End");
@@ -351,6 +359,69 @@ TEST_F(HelperClientTest, OutlivesAHelperThatIsRestartedAllTheTime) {
     FakeHelper const helper(path_,
                             {Conduct::CloseAtAccept, Conduct::CloseOnRequest, Conduct::Answer});
     EXPECT_TRUE(HelperClient(path_).status().has_value());
+}
+
+// A begin, which is only as good as the status on which it was decided.
+
+// Decides, and notes on what.
+struct Decided {
+    HelperClient::Decision decision() {
+        return [this](const HelperStatus& held) -> std::optional<CommitmentSpan> {
+            on.push_back(held.holding);
+            meanwhile();
+            return held.holding ? std::nullopt
+                                : std::optional(CommitmentSpan{wallDate(2), wallDate(1)});
+        };
+    }
+
+    std::vector<bool> on;
+    // Done between the status and the begin.
+    std::function<void()> meanwhile = [] {};
+};
+
+TEST_F(HelperClientTest, SendsABeginOverTheConnectionOfItsStatus) {
+    FakeHelper helper(path_, {Conduct::Answer});
+    Decided decided;
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()), true);
+    EXPECT_THAT(decided.on, ElementsAre(false));
+    EXPECT_EQ(helper.record().connections, 1);
+    EXPECT_EQ(helper.record().requests, 2);
+}
+
+TEST_F(HelperClientTest, SendsNoBeginOverANewConnectionButDecidesAnew) {
+    FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
+    Decided decided;
+    decided.meanwhile = [&helper] { helper.record().holding = true; };
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()), true) << "something holds";
+    EXPECT_THAT(decided.on, ElementsAre(false, true));
+    EXPECT_STREQ(helper.record().lastRequest.data(), "Status");
+    EXPECT_EQ(helper.record().requests, 2);
+    EXPECT_EQ(helper.record().connections, 2);
+}
+
+TEST_F(HelperClientTest, BeginsNothingOnceTheLimitIsOver) {
+    FakeHelper helper(path_, {Conduct::Answer});
+    Decided decided;
+    decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), shortLimit); };
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), shortLimit),
+              std::unexpected(HelperFailure(TimedOut{})));
+    EXPECT_STREQ(helper.record().lastRequest.data(), "Status");
+}
+
+TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) {
+    FakeHelper helper(path_, {Conduct::AnswerOnce});
+    Decided decided;
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), shortLimit),
+              std::unexpected(HelperFailure(TimedOut{})));
+    EXPECT_GE(decided.on.size(), 2U);
+    EXPECT_EQ(helper.record().requests, helper.record().connections);
+}
+
+TEST_F(HelperClientTest, NeedsAStatusForABegin) {
+    Decided decided;
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()),
+              std::unexpected(HelperFailure(NotRunning{ENOENT})));
+    EXPECT_THAT(decided.on, ElementsAre());
 }
 
 // A helper that speaks otherwise.

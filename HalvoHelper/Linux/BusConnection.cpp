@@ -26,6 +26,22 @@ Call keep(sd_bus_message* message) {
 // Ends the conversation from below: sd-bus sees its socket closed, and says so in its own time.
 void disconnect(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RDWR); }
 
+// Takes nothing more from the other side, to whom it looks like the end; what has been received is
+// still read and answered, and then sd-bus sees the end, too. shutdown(2), unix(7).
+void hangUp(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RD); }
+
+constexpr std::uint64_t microseconds(Seconds span) {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(span).count());
+}
+
+// When the event loop's turn began, on the clock of its timers. No system call.
+std::uint64_t loopTime(sd_bus* bus) {
+    std::uint64_t time = 0;
+    sd_event_now(sd_bus_get_event(bus), CLOCK_MONOTONIC, &time);
+    return time;
+}
+
 // A reply may find nobody left to read it, which is no concern of the helper's. One who is there
 // but does not read must not fill its memory.
 void sent(const Call& call) {
@@ -61,9 +77,9 @@ void reply(const Call& call, const HelperStatus& status) {
     sent(call);
 }
 
-HelperConnection& requestsOf(void* connection) {
-    return static_cast<BusConnection*>(connection)->requests();
-}
+BusConnection& connectionOf(void* connection) { return *static_cast<BusConnection*>(connection); }
+
+HelperConnection& requestsOf(void* connection) { return connectionOf(connection).requests(); }
 
 // The four below are called with arguments that argumentProblem() has let through.
 
@@ -81,12 +97,16 @@ int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
     }
     requestsOf(connection)
         .begin(appPath, wallDate(until), wallDate(started),
-               [call = keep(message)](std::expected<bool, BadArgument> ok) {
-                   if (ok) {
-                       reply(call, *ok);
-                   } else {
+               [call = keep(message),
+                begun = connectionOf(connection).begun()](std::expected<bool, BadArgument> ok) {
+                   if (!ok) {
                        replyInvalid(call, ok.error().name + " " + ok.error().problem);
+                       return;
                    }
+                   if (*ok) {
+                       begun();
+                   }
+                   reply(call, *ok);
                });
     return 1;
 }
@@ -109,6 +129,7 @@ int onEnd(sd_bus_message* message, void* connection, sd_bus_error*) {
 }
 
 int onStatus(sd_bus_message* message, void* connection, sd_bus_error*) {
+    connectionOf(connection).noteStatus();
     requestsOf(connection).status([call = keep(message)](const HelperStatus& status) {
         reply(call, status);
     });
@@ -117,7 +138,7 @@ int onStatus(sd_bus_message* message, void* connection, sd_bus_error*) {
 
 // Answers a request with the wrong arguments by naming the first wrong one, before sd-bus answers
 // with the two signatures only.
-int onMessage(sd_bus_message* message, void*, sd_bus_error*) {
+int checkArguments(sd_bus_message* message) {
     if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
         return 0;
     }
@@ -150,12 +171,13 @@ const sd_bus_vtable requestTable[] = {
 
 }  // namespace
 
-BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone)
-    : requests_(std::move(requests)), gone_(std::move(gone)) {}
+BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone,
+                             std::function<void()> begun)
+    : requests_(std::move(requests)), gone_(std::move(gone)), begun_(std::move(begun)) {}
 
 BusConnection::~BusConnection() {
     sd_event_source_disable_unref(firstMessages_);
-    sd_event_source_disable_unref(tooLate_);
+    sd_event_source_disable_unref(deadline_);
     if (bus_ != nullptr) {
         sd_bus_detach_event(bus_);
         sd_bus_close_unref(bus_);
@@ -204,20 +226,30 @@ bool BusConnection::listenToSignals() {
 }
 
 bool BusConnection::startTimer(sd_event* loop) {
-    const auto patience =
-        std::chrono::duration_cast<std::chrono::microseconds>(Limits::authentication).count();
-    return sd_event_add_time_relative(loop, &tooLate_, CLOCK_MONOTONIC,
-                                      static_cast<std::uint64_t>(patience), 0, onTooLate,
+    return sd_event_add_time_relative(loop, &deadline_, CLOCK_MONOTONIC,
+                                      microseconds(Limits::authentication), 0, onDeadline,
                                       this) >= 0 &&
            sd_event_add_defer(loop, &firstMessages_, onFirstMessages, this) >= 0 &&
            sd_event_source_set_enabled(firstMessages_, SD_EVENT_OFF) >= 0;
+}
+
+void BusConnection::outdate() {
+    if (toldStatus_) {
+        hangUp(bus_);
+    }
+}
+
+int BusConnection::onMessage(sd_bus_message* message, void* self, sd_bus_error*) {
+    auto* connection = static_cast<BusConnection*>(self);
+    connection->heardAt_ = loopTime(connection->bus_);
+    return checkArguments(message);
 }
 
 // libsystemd 252 forgets a first message that arrives together with the end of the authentication:
 // it has been read, so the socket never becomes readable for it. Processing by hand finds it.
 int BusConnection::onConnected(sd_bus_message*, void* self, sd_bus_error*) {
     auto* connection = static_cast<BusConnection*>(self);
-    sd_event_source_set_enabled(connection->tooLate_, SD_EVENT_OFF);
+    connection->heardAt_ = loopTime(connection->bus_);
     sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_ON);
     return 0;
 }
@@ -236,14 +268,27 @@ int BusConnection::onFirstMessages(sd_event_source* source, void* self) {
     return 0;
 }
 
-int BusConnection::onTooLate(sd_event_source*, std::uint64_t, void* self) {
-    disconnect(static_cast<BusConnection*>(self)->bus_);
+// A message costs the timer nothing: it is set anew only when it fires and finds that there was
+// one.
+int BusConnection::onDeadline(sd_event_source* source, std::uint64_t, void* self) {
+    const auto* connection = static_cast<BusConnection*>(self);
+    if (!connection->heardAt_) {
+        disconnect(connection->bus_);
+        return 0;
+    }
+    const std::uint64_t end = *connection->heardAt_ + microseconds(Limits::silence);
+    if (loopTime(connection->bus_) >= end) {
+        hangUp(connection->bus_);
+        return 0;
+    }
+    sd_event_source_set_time(source, end);
+    sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
     return 0;
 }
 
 int BusConnection::onDisconnected(sd_bus_message*, void* self, sd_bus_error*) {
     auto* connection = static_cast<BusConnection*>(self);
-    sd_event_source_set_enabled(connection->tooLate_, SD_EVENT_OFF);
+    sd_event_source_set_enabled(connection->deadline_, SD_EVENT_OFF);
     sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_OFF);
     connection->gone_();
     return 0;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
@@ -14,14 +15,16 @@
 namespace halvo {
 
 // Speaks D-Bus with one caller: hands its requests to a HelperConnection and sends the replies. A
-// caller that takes too long to authenticate, or leaves too many replies unread, is disconnected;
-// see Limits.hpp. Main queue only.
+// caller that takes too long to authenticate, says nothing for too long, or leaves too many replies
+// unread, is disconnected; see Limits.hpp. Main queue only.
 class BusConnection {
   public:
     // Will serve requests of the caller with `requests`. `gone` is called once, from the event
     // loop, when the caller went away or was disconnected; it must destroy the connection later,
-    // not from within.
-    BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone);
+    // not from within. `begun` is called when a begin of this caller was taken, before the reply,
+    // and perhaps after the connection was destroyed.
+    BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone,
+                  std::function<void()> begun);
 
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
@@ -36,21 +39,37 @@ class BusConnection {
 
     [[nodiscard]] HelperConnection& requests() { return *requests_; }
 
+    // What a status has told this caller is no longer so: disconnects it, unless it was told
+    // nothing. Requests that have come are answered, but nothing that the caller sends from now on
+    // arrives: a begin that it has decided on has to start with another status.
+    void outdate();
+
+    // Called for each request for the status.
+    void noteStatus() { toldStatus_ = true; }
+
+    [[nodiscard]] const std::function<void()>& begun() const { return begun_; }
+
   private:
     bool prepare(Descriptor socket);
     bool listenToSignals();
     bool startTimer(sd_event* loop);
 
+    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
     static int onConnected(sd_bus_message* signal, void* self, sd_bus_error* error);
     static int onDisconnected(sd_bus_message* signal, void* self, sd_bus_error* error);
     static int onFirstMessages(sd_event_source* source, void* self);
-    static int onTooLate(sd_event_source* source, std::uint64_t time, void* self);
+    static int onDeadline(sd_event_source* source, std::uint64_t time, void* self);
 
     std::unique_ptr<HelperConnection> requests_;
     std::function<void()> gone_;
+    std::function<void()> begun_;
+    bool toldStatus_ = false;
+    // When the last message came, as the event loop counts; nothing before authentication.
+    std::optional<std::uint64_t> heardAt_;
     sd_bus* bus_ = nullptr;
     sd_event_source* firstMessages_ = nullptr;
-    sd_event_source* tooLate_ = nullptr;
+    // Of the authentication, then of each silence.
+    sd_event_source* deadline_ = nullptr;
 };
 
 }  // namespace halvo

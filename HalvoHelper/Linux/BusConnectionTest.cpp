@@ -56,11 +56,11 @@ class Loop {
 
     ~Loop() { sd_event_unref(loop_); }
 
-    // Lets both do all they can do without waiting.
+    // Lets both do all they can do without waiting, the queue before each event.
     void run() {
         do {
             queue_.runPending();
-        } while (runEvents());
+        } while (sd_event_run(loop_, 0) > 0);
     }
 
     // The same without the queue. Whether there was anything to do.
@@ -203,7 +203,7 @@ class BusConnectionTest : public ::testing::Test {
     std::unique_ptr<BusConnection> makeConnection() {
         return std::make_unique<BusConnection>(
             std::make_unique<HelperConnection>(HelperPeer{ann, app}, queue, engine),
-            [this] { ++gone; });
+            [this] { ++gone; }, [this] { ++begun; });
     }
 
     // Serves one end of a pair, and gives the other.
@@ -238,6 +238,7 @@ class BusConnectionTest : public ::testing::Test {
     Loop loop{queue};
     const double now = secondsSince1970(world.clock.now().wall);
     int gone = 0;
+    int begun = 0;
     std::unique_ptr<BusConnection> connection;
     std::unique_ptr<BusClient> client;
 };
@@ -610,6 +611,7 @@ TEST_F(BusConnectionTest, CanGoWhileRequestsAreUnderWay) {
     connection.reset();
     loop.run();
     EXPECT_FALSE(engine.isIdle());
+    EXPECT_EQ(begun, 1);
     EXPECT_EQ(gone, 0) << "it went by itself";
 }
 
@@ -662,6 +664,51 @@ TEST_F(BusConnectionTest, LeavesOtherConnectionsAloneWhenItEnds) {
     EXPECT_EQ(gone, 1);
     connection.reset();
     EXPECT_EQ(firstClient->call(firstClient->request("Status")).signature, "badb");
+}
+
+// ---------------------------------------------------------------- what a status said is no longer
+// so
+
+TEST_F(BusConnectionTest, TellsOfABeginThatWasTaken) {
+    connect();
+    client->call(begin());
+    EXPECT_EQ(begun, 1);
+    client->call(begin("/Applications/Other.app", now + 60, now));
+    client->call(begin(app, now - 1, now));
+    client->call(heartbeat());
+    EXPECT_EQ(begun, 1);
+}
+
+TEST_F(BusConnectionTest, AnswersWhatHasComeAndTakesNothingMoreOnceItIsOutdated) {
+    connect();
+    client->call(client->request("Status"));
+    client->send(client->request("Status"));
+    client->send(heartbeat());
+    ASSERT_GE(sd_bus_flush(client->bus()), 0);
+    connection->outdate();
+    EXPECT_LT(sd_bus_send(client->bus(), begin().get(), nullptr), 0) << "that goes nowhere";
+    loop.run();
+    EXPECT_EQ(gone, 1);
+    EXPECT_TRUE(engine.isIdle());
+}
+
+TEST_F(BusConnectionTest, DeliversTheRepliesBeforeItEndsForBeingOutdated) {
+    const Descriptor socket = serve();
+    writeAll(socket, authentication() + statusRequest(1));
+    loop.run();
+    writeAll(socket, statusRequest(2) + statusRequest(3));
+    connection->outdate();
+    loop.run();
+    EXPECT_EQ(gone, 1);
+    EXPECT_EQ(returnsIn(readAvailable(socket)), 3);
+}
+
+TEST_F(BusConnectionTest, IsNotOutdatedBeforeItHasSaidAnything) {
+    connect();
+    client->call(heartbeat());
+    connection->outdate();
+    EXPECT_THAT(client->call(heartbeat()).flags, ElementsAre(false));
+    EXPECT_EQ(gone, 0);
 }
 
 // ------------------------------------------------------------------------------------- the bound

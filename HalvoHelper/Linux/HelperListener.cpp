@@ -141,13 +141,24 @@ class SocketListener final : public HelperListener {
     bool admit(Descriptor socket, const Caller& caller) {
         const std::uint64_t id = nextID_++;
         auto connection = std::make_unique<BusConnection>(
-            acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); });
+            acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); },
+            [this, id, uid = caller.uid] { outdateOthers(id, uid); });
         if (!connection->start(std::move(socket))) {
             return false;
         }
         acceptor_->admitted();
         connections_.emplace(id, std::move(connection));
         return true;
+    }
+
+    // What holds for `person` has changed by a begin on the connection `id`: the others were told
+    // something else.
+    void outdateOthers(std::uint64_t id, std::uint32_t person) {
+        for (const auto& [other, connection] : connections_) {
+            if (other != id && connection->requests().peer().uid == person) {
+                connection->outdate();
+            }
+        }
     }
 
     // Called from within the connection, which therefore goes later.

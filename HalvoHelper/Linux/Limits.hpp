@@ -17,6 +17,11 @@ inline constexpr std::size_t connectionsOfUser = 16;
 // How long a caller may take to authenticate before it is disconnected.
 inline constexpr Seconds authentication{10};
 
+// How long a caller may say nothing before it is disconnected, not counting the machine's sleep.
+// The app speaks every 2 s; one that is stopped must not keep its place, nor find what it was told
+// long ago still good.
+inline constexpr Seconds silence{30};
+
 // Replies waiting for a caller that does not read them. Past that it is disconnected.
 inline constexpr std::size_t queuedReplies = 64;
 

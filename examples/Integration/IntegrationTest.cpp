@@ -238,6 +238,17 @@ TEST_F(GuideTest, DemandsItBeforeTheConnectionIsResumed) {
     EXPECT_LT(demanded, swift_.find(".resume()\n"));
 }
 
+TEST_F(GuideTest, SendsABeginOverTheConnectionOfItsStatusWithinTheirDeadline) {
+    EXPECT_THAT(swift_, HasSubstr("let deadline = ContinuousClock.now + .seconds(5)\n"));
+    const auto status = swift_.find("await askStatus(over: which, before: deadline)");
+    const auto begin = swift_.find("await ask(over: which, before: deadline)");
+    ASSERT_NE(begin, std::string::npos);
+    EXPECT_LT(status, begin);
+    const auto look = swift_.find("if ContinuousClock.now >= deadline {\n");
+    ASSERT_NE(look, std::string::npos);
+    EXPECT_LT(look, swift_.find("request(helper, once)\n"));
+}
+
 TEST_F(GuideTest, ReadsTheArgumentOfARelaunch) {
     const std::string argument = LaunchReason::relaunchArgument;
     EXPECT_THAT(text_, HasSubstr("`" + argument + " YES`"));

@@ -79,22 +79,24 @@ int Companion::run(const Arguments& arguments) {
 
 // The status once the helper has taken the commitment; idle when it has not.
 HelperClient::Result<HelperStatus> Companion::begin(Seconds span) {
-    const auto held = client_.status();
-    if (!held) {
-        return held;
-    }
-    const WallDate started = wallNow();
-    const auto until = laterEnd(*held, started + span);
-    if (!until) {
-        display_.say("What holds already ends later; the later end stays.");
-        return held;
-    }
-    const auto taken = client_.begin(appPath_, *until, started);
+    HelperStatus before;
+    std::optional<WallDate> until;
+    const auto decide = [&](const HelperStatus& held) -> std::optional<CommitmentSpan> {
+        const WallDate started = wallNow();
+        before = held;
+        until = laterEnd(held, started + span);
+        return until ? std::optional(CommitmentSpan{*until, started}) : std::nullopt;
+    };
+    const auto taken = client_.begin(appPath_, decide);
     if (!taken) {
         return std::unexpected(taken.error());
     }
     if (!*taken) {
         return HelperStatus::idle;
+    }
+    if (!until) {
+        display_.say("What holds already ends later; the later end stays.");
+        return before;
     }
     const auto status = client_.status();
     const auto granted = status ? status->until : std::nullopt;

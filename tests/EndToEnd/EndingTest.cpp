@@ -143,11 +143,12 @@ TEST_F(EndingTest, ByItselfIsPutOffByEveryConnection) {
 
 TEST_F(EndingTest, ByItselfWaitsForAsLongAsAConnectionIsOpen) {
     RunningHelper helper;
-    Program caller = world.startCaller({"hold", "1"});
-    EXPECT_TRUE(always(idleLimit + Seconds{5}, [&] { return helper.isRunning(); }));
-    const Seconds before = timeNow();
-    caller.closeInput();
+    // One that is silent for as long as it may.
+    Program caller(
+        {.words = {Place::talker, "Status", "~20", "Status", "~20"}, .person = world.user});
     EXPECT_EQ(caller.wait(), 0);
+    EXPECT_EQ(caller.output(), "badb\nbadb\n");
+    const Seconds before = timeNow();
     EXPECT_EQ(helper.wait(idleLimit + idleLate), 0);
     EXPECT_GE(timeNow() - before, idleLimit);
 }

@@ -19,6 +19,10 @@ bool Stepper::goTo(int count, std::optional<long> first, const std::function<boo
     constexpr int eventShift = 16;
     constexpr Seconds pause{0.00005};
     int seen = 0;
+    if (waits_) {
+        ptrace(PTRACE_SYSCALL, process_.pid(), 0, 0);
+    }
+    waits_ = false;
     while (true) {
         int status = 0;
         const pid_t stopped = waitpid(process_.pid(), &status, WNOHANG);
@@ -42,6 +46,7 @@ bool Stepper::goTo(int count, std::optional<long> first, const std::function<boo
                 ++seen;
             }
             if (seen == count) {
+                waits_ = true;
                 return true;
             }
         }

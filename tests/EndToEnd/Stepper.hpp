@@ -17,7 +17,7 @@ class Stepper {
 
     // Lets it go on until right before its system call number `count`, counted from the next one,
     // or from the next that has the number `first` (SYS_*). False when `isOver`, or the process has
-    // ended, before there are so many; true when it waits there.
+    // ended, before there are so many; true when it waits there, until the next call or leave().
     bool goTo(int count, std::optional<long> first, const std::function<bool()>& isOver);
 
     // Lets it go on untraced.
@@ -27,6 +27,8 @@ class Stepper {
     [[nodiscard]] std::optional<long> enteredCall() const;
 
     Program& process_;
+    // At a system call that goTo() was asked for.
+    bool waits_ = false;
 };
 
 }  // namespace halvo::testing

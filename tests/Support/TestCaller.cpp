@@ -214,8 +214,8 @@ void sendAll(int socket, std::string_view bytes, int& code) {
 int readLine(int socket, std::string& line, Deadline deadline) {
     line.clear();
     while (!line.ends_with("\r\n")) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - Deadline::clock::now());
         pollfd waiting{socket, POLLIN, 0};
         if (poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) <= 0) {
             return ETIMEDOUT;
@@ -737,10 +737,12 @@ int begin(const Target& target, const Words& words, double offset) {
     if (words[0] == "." && target.bundle.empty()) {
         usage("this program lies in no bundle, so '.' means nothing");
     }
+    // Whatever holds.
+    const CommitmentSpan span{wallDate(offset + number(words[1])),
+                              wallDate(offset + number(words[2]))};
     return report("begin", HelperClient(target.socket)
                                .begin(words[0] == "." ? target.bundle : words[0],
-                                      wallDate(offset + number(words[1])),
-                                      wallDate(offset + number(words[2]))));
+                                      [&](const HelperStatus&) { return span; }));
 }
 
 int heartbeat(const Target& target, const Words& words) {
