@@ -185,6 +185,13 @@ HelperFiles helperFiles(const Machine& machine) {
     return {{machine.helper, folder + "/halvoctl", folder + "/Info.plist"}, "/"};
 }
 
+// A helper in the unit's sandbox can lock nowhere else; else anywhere.
+std::vector<std::string> otherApplications(Machine& machine) {
+    const auto sandbox = sd_booted() > 0 ? readSandbox(machine.identity, machine.programs)
+                                         : std::unexpected("systemd does not run here");
+    return sandbox ? lockableFolders(*sandbox) : homeApplications();
+}
+
 Checks examineService(Machine& machine) {
     const bool isBooted = sd_booted() > 0;
     Checks checks =

@@ -13,6 +13,8 @@ HelperFiles helperFiles(const Machine& machine) {
             bundle == std::string::npos ? folder : machine.helper.substr(0, bundle)};
 }
 
+std::vector<std::string> otherApplications(Machine&) { return homeApplications(); }
+
 // What launchd has is said where the helper does not run.
 Checks examineService(Machine&) { return {}; }
 
