@@ -9,6 +9,7 @@
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/LiveSessionProbe.hpp"
+#include "HalvoHelper/LoggedStore.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
@@ -18,6 +19,7 @@
 #include "HalvoPlatform/Daemon.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/Version.hpp"
 
 namespace {
 
@@ -28,11 +30,16 @@ constexpr int exitConfig = 78;
 void runService(const std::string& firstWord) {
     using namespace halvo;
     prepareDaemon();
+    logToTerminalToo();
+    const Bundle bundle = Bundle::main();
+    const std::string executable = bundle.executablePath().value_or(firstWord);
     if (!runsAsRoot()) {
         HALVO_LOG_ERROR(helperLog, "The helper runs only as root, from launchd");
+        if (const auto advice = startAdvice(executable)) {
+            HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
+        }
         std::exit(exitNoPermission);
     }
-    const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
     if (!identity) {
         HALVO_LOG_ERROR(helperLog, "The helper has no team or app identifier in its Info.plist");
@@ -44,13 +51,15 @@ void runService(const std::string& firstWord) {
         HALVO_LOG_ERROR(helperLog, "%{public}s", listener.error().message.c_str());
         std::exit(listener.error().exitStatus);
     }
+    HALVO_LOG_DEFAULT(helperLog, "Halvo helper %{public}s started", version);
     // All this lives as long as the process, and so not on the stack of a thread that the main
     // queue may end: dispatch_main(3).
     auto& clock = *new SystemHelperClock;
     auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
-    auto& store = *new FileCommitmentStore(identity->stateFolder());
+    auto& files = *new FileCommitmentStore(identity->stateFolder());
+    auto& store = *new LoggedStore(files, queue);
     auto& session = *new LiveSessionProbe;
-    auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
+    auto& opener = *new LiveOpener(executable);
     auto& service = *new HelperService(*identity, {clock, flags, store, session, opener},
                                        *listener->release(), queue);
     service.start();

@@ -163,6 +163,7 @@ Observation observe(Machine& machine) {
         }
     }
     seen.helpers = machine.service.running();
+    seen.stopped = machine.service.stopped();
     seen.now = machine.clock.reading();
     return seen;
 }

@@ -44,6 +44,8 @@ struct Observation {
     std::vector<std::string> orphans;
     // The processes of the helper.
     std::vector<pid_t> helpers;
+    // Those of them that are stopped and so do nothing.
+    std::vector<pid_t> stopped;
 
     // The record, if it is whole.
     [[nodiscard]] const HelperCommitment* commitment() const {

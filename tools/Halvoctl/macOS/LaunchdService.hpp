@@ -13,8 +13,10 @@ class LaunchdService final : public Service {
     LaunchdService(const HelperIdentity& identity, HelperProcesses& processes, Programs& programs);
 
     std::vector<pid_t> running() override;
+    std::vector<pid_t> stopped() override;
     std::string whatStarts() override;
     [[nodiscard]] std::string startCommand() const override;
+    [[nodiscard]] std::string restartCommand() const override;
     // Takes the job out of launchd: SIGTERM alone would have it start the helper again.
     std::expected<void, std::string> stop(const Progress& progress) override;
     // Brings nothing back: only the app's registration (SMAppService) and the next boot do.
