@@ -3,6 +3,7 @@
 
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "HalvoHelperCore/HelperIdentity.hpp"
@@ -40,8 +41,13 @@ struct ListenerFailure {
 // The listener of this system for the Mach service `name`. On macOS it is NSXPCListener, which
 // always comes about: a name that launchd does not know shows only when nobody calls, and strangers
 // are turned away by the system (setConnectionCodeSigningRequirement:). On Linux it takes the
-// socket that systemd hands over (sd_listen_fds(3)), else makes its own and holds it alone.
+// socket that systemd hands over (sd_listen_fds(3)), and fails where systemd started the process
+// without one; else it makes its own and holds it alone.
 std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
     const std::string& name);
+
+// What to tell who starts the helper, the program at `executable`, as somebody else than root: how
+// it is started on this system. Nothing on macOS, where only launchd can.
+std::optional<std::string> startAdvice(const std::string& executable);
 
 }  // namespace halvo

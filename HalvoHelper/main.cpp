@@ -9,6 +9,7 @@
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/LiveSessionProbe.hpp"
+#include "HalvoHelper/LoggedStore.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
@@ -19,6 +20,7 @@
 #include "HalvoPlatform/Daemon.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/Version.hpp"
 
 namespace {
 
@@ -29,11 +31,16 @@ constexpr int exitConfig = 78;
 void runService(const std::string& firstWord) {
     using namespace halvo;
     prepareDaemon();
+    logToTerminalToo();
+    const Bundle bundle = Bundle::main();
+    const std::string executable = bundle.executablePath().value_or(firstWord);
     if (!runsAsRoot()) {
         HALVO_LOG_ERROR(helperLog, "The helper runs only as root, from launchd");
+        if (const auto advice = startAdvice(executable)) {
+            HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
+        }
         std::exit(exitNoPermission);
     }
-    const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
     if (!identity) {
         HALVO_LOG_ERROR(helperLog, "The helper has no team or app identifier in its Info.plist");
@@ -45,15 +52,17 @@ void runService(const std::string& firstWord) {
         HALVO_LOG_ERROR(helperLog, "%{public}s", listener.error().message.c_str());
         std::exit(listener.error().exitStatus);
     }
+    HALVO_LOG_DEFAULT(helperLog, "Halvo helper %{public}s started", version);
     // All this lives as long as the process, and so not on the stack of a thread that the main
     // queue may end: dispatch_main(3).
     auto& clock = *new SystemHelperClock;
     auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
-    auto& store = *new FileCommitmentStore(identity->stateFolder());
-    auto& locks = *new RecordedLocks(store, flags);
+    auto& files = *new FileCommitmentStore(identity->stateFolder());
+    auto& locks = *new RecordedLocks(files, flags);
+    auto& store = *new LoggedStore(locks, queue);
     auto& session = *new LiveSessionProbe;
-    auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
-    auto& service = *new HelperService(*identity, {clock, locks, locks, session, opener},
+    auto& opener = *new LiveOpener(executable);
+    auto& service = *new HelperService(*identity, {clock, locks, store, session, opener},
                                        *listener->release(), queue);
     service.start();
     queue.run();

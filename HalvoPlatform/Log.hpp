@@ -8,6 +8,11 @@
 // its caller.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
+#include "HalvoPlatform/Time.hpp"
+
 namespace halvo {
 
 struct Logger {
@@ -17,6 +22,22 @@ struct Logger {
 
 // Where everything that the helper says goes.
 inline constexpr Logger helperLog{"app.halvo", "Helper"};
+
+// The commitment that is held, for who filters the log.
+struct LogContext {
+    std::uint32_t uid{};
+    std::string bundle;
+    WallDate end;
+};
+
+// What each line says from now on besides its message, in fields of its own where the system's log
+// has such; on macOS it has none. Null: nothing. Main thread only, and no other logs meanwhile.
+void setLogContext(const LogContext* context);
+
+// Has each line written to standard error too where that is a terminal, for who starts a service by
+// hand. One that is stopped or gone neither delays nor ends the process: the line is lost. On macOS
+// the unified log is all there is, as launchd starts the helper or nobody. Main thread only.
+void logToTerminalToo();
 
 }  // namespace halvo
 

@@ -179,10 +179,20 @@ class SocketListener final : public HelperListener {
     std::map<std::uint64_t, std::unique_ptr<BusConnection>> connections_;
 };
 
-// The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it made
-// none.
-std::expected<Descriptor, ListenerFailure> socketFromSystemd() {
+// Whether systemd started this very process, and not one above it; systemd.exec(5).
+bool isStartedBySystemd() {
+    const char* process = std::getenv("SYSTEMD_EXEC_PID");
+    return process != nullptr && process == std::to_string(getpid());
+}
+
+// The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it was not
+// systemd that started the helper. In the unit's sandbox it could make none itself.
+std::expected<Descriptor, ListenerFailure> socketFromSystemd(const std::string& name) {
     const int count = sd_listen_fds(/*unset_environment=*/1);
+    if (count == 0 && isStartedBySystemd()) {
+        return failure(exitConfig,
+                       "systemd handed over no socket: systemctl restart " + name + ".socket");
+    }
     if (count == 0) {
         return Descriptor{};
     }
@@ -246,9 +256,13 @@ void removeAtExit(const std::string& socket, const std::string& lock) {
 
 }  // namespace
 
+std::optional<std::string> startAdvice(const std::string& executable) {
+    return "Here systemd starts it, when the app calls; to start it by hand: sudo " + executable;
+}
+
 std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
     const std::string& name) {
-    auto handed = socketFromSystemd();
+    auto handed = socketFromSystemd(name);
     if (!handed) {
         return std::unexpected(handed.error());
     }

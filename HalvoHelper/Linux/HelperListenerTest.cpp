@@ -370,6 +370,24 @@ TEST_F(HelperListenerPrivateMachineTest, RefusesWhatSystemdMustNotHandOver) {
     }
 }
 
+TEST_F(HelperListenerPrivateMachineTest, MakesNoSocketInTheStartedUnit) {
+    inChild([] {
+        ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1), 0);
+        const auto listener = makeListener(name);
+        ASSERT_FALSE(listener);
+        EXPECT_EQ(listener.error().exitStatus, exitConfig);
+        EXPECT_EQ(listener.error().message, "systemd handed over no socket: systemctl restart " +
+                                                std::string(name) + ".socket");
+        EXPECT_FALSE(fs::exists(socketPath));
+    });
+    // A shell that systemd started, say.
+    inChild([] {
+        ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
+        EXPECT_TRUE(makeListener(name));
+        EXPECT_TRUE(fs::exists(socketPath));
+    });
+}
+
 TEST_F(HelperListenerPrivateMachineTest, RefusesDescriptorsThatAreNotThere) {
     inChild([] {
         ASSERT_EQ(setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1), 0);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HalvoPlatform/Version.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
@@ -62,6 +63,7 @@ TEST_F(MainTest, StartsTheServiceOnlyAsRootAndSaysSoBeforeItReadsTheInfo) {
     const auto [status, text] = runAsNobody({});
     EXPECT_EQ(status, 77);
     EXPECT_THAT(text, HasSubstr(onlyAsRoot));
+    EXPECT_THAT(text, HasSubstr("to start it by hand: sudo " + helper + "\n")) << "what to do here";
     EXPECT_EQ(text.find("Info.plist"), std::string::npos);
 }
 
@@ -155,7 +157,8 @@ TEST_F(MainPrivateMachineTest, ServesUntilItIsTerminated) {
     ASSERT_NE(service, nullptr);
     service->send(SIGTERM);
     EXPECT_EQ(service->wait(), 0);
-    EXPECT_EQ(service->readAll(), "");
+    EXPECT_EQ(service->readAll(),
+              std::string("app.halvo Helper: Halvo helper ") + version + " started\n");
     EXPECT_FALSE(fs::exists(socket));
     EXPECT_FALSE(fs::exists(socket + ".lock"));
 }

@@ -36,6 +36,8 @@ class XPCListener final : public HelperListener {
 
 }  // namespace
 
+std::optional<std::string> startAdvice(const std::string&) { return std::nullopt; }
+
 std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
     const std::string& name) {
     @autoreleasepool {

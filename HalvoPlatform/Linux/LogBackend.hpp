@@ -1,5 +1,6 @@
 // The log on Linux: the journal's fields MESSAGE, PRIORITY, SUBSYSTEM and CATEGORY where a journal
-// listens (sd_journal_send(3)), else one line on standard error.
+// listens (sd_journal_sendv(3)), with HALVO_UID, HALVO_BUNDLE and HALVO_END while a commitment is
+// known; else one line on standard error.
 #pragma once
 
 #include <array>
@@ -7,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 namespace halvo {
 
@@ -20,6 +22,9 @@ using LogSink = void (*)(const Logger& logger, LogLevel level, std::string_view 
 // Installs `sink` (null: the system's log again) and returns the one before it. Not to be called
 // while another thread logs.
 LogSink replaceLogSink(LogSink sink);
+
+// The fields of the context that lines have now, as "NAME=value". For tests.
+std::vector<std::string> logFields();
 
 namespace detail {
 

@@ -1,15 +1,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
@@ -193,6 +199,125 @@ TEST_F(LogToJournalTest, SendsTheMessageWithItsFields) {
     EXPECT_TRUE(has(notice, "\nMESSAGE=Locked Halvo's app again\n")) << notice;
     EXPECT_TRUE(has(notice, "\nPRIORITY=5\n")) << notice;
     EXPECT_EQ(nextEntry(journal), "nothing");
+}
+
+TEST_F(LogToJournalTest, SendsWhatIsKnownOfTheCommitment) {
+    const Descriptor journal = listen();
+    const LogContext context{1000, "/Applications/My\nApp.app", wallDate(1e9 + 0.5)};
+    setLogContext(&context);
+    HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
+    const std::string entry = nextEntry(journal);
+    EXPECT_TRUE(has(entry, "\nMESSAGE=Locked Halvo's app again\n")) << entry;
+    EXPECT_TRUE(has(entry, "\nHALVO_UID=1000\n")) << entry;
+    EXPECT_TRUE(has(entry, "/Applications/My\nApp.app\n")) << entry;
+    EXPECT_TRUE(has(entry, "\nHALVO_END=2001-09-09T01:46:41Z\n")) << entry;
+    setLogContext(nullptr);
+    HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
+    EXPECT_FALSE(has(nextEntry(journal), "HALVO_"));
+}
+
+TEST(LogContextTest, LeavesOutAnEndThatIsNoDate) {
+    for (const double end : {-1.0, 253402300800.0, std::numeric_limits<double>::infinity(),
+                             std::numeric_limits<double>::quiet_NaN()}) {
+        const LogContext context{1, "", wallDate(end)};
+        setLogContext(&context);
+        EXPECT_EQ(logFields(), (std::vector<std::string>{"HALVO_UID=1", "HALVO_BUNDLE="}));
+    }
+    setLogContext(nullptr);
+}
+
+// A terminal as standard error of a process of its own.
+class LogToTerminalTest : public LogToJournalTest {
+  protected:
+    void SetUp() override {
+        LogToJournalTest::SetUp();
+        ASSERT_TRUE(master_.isOpen() && grantpt(master_.get()) == 0 &&
+                    unlockpt(master_.get()) == 0);
+        std::array<char, 64> name{};
+        ASSERT_EQ(ptsname_r(master_.get(), name.data(), name.size()), 0);
+        terminal_ = Descriptor(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        ASSERT_TRUE(terminal_.isOpen());
+    }
+
+    // How a process ends that does `work` on that terminal.
+    testing::ChildResult onTerminal(const std::function<void()>& work) {
+        return runInChild([&] {
+            dup2(terminal_.get(), STDERR_FILENO);
+            terminal_ = Descriptor{};
+            logToTerminalToo();
+            work();
+        });
+    }
+
+    std::string shown() {
+        std::array<char, 4096> buffer{};
+        const ssize_t count = read(master_.get(), buffer.data(), buffer.size());
+        return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+    }
+
+    static void logMuch() {
+        for (int i = 0; i < 5000; ++i) {
+            HALVO_LOG_ERROR(helperLog, "errno %d", i);
+        }
+    }
+
+    Descriptor master_{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)};
+    Descriptor terminal_;
+};
+
+TEST_F(LogToTerminalTest, WritesEachLineThereAndToTheJournal) {
+    const Descriptor journal = listen();
+    HALVO_LOG_ERROR(helperLog, "not asked for");
+    EXPECT_TRUE(has(nextEntry(journal), "not asked for"));
+    EXPECT_EQ(onTerminal([] { HALVO_LOG_ERROR(helperLog, "errno %d", 13); }).status, 0);
+    EXPECT_EQ(shown(), "app.halvo Helper: error: errno 13\r\n");
+    EXPECT_TRUE(has(nextEntry(journal), "\nMESSAGE=errno 13\n"));
+}
+
+TEST_F(LogToTerminalTest, WritesThereAloneWithoutAJournal) {
+    EXPECT_EQ(onTerminal([] { HALVO_LOG_ERROR(helperLog, "errno %d", 13); }).status, 0);
+    EXPECT_EQ(shown(), "app.halvo Helper: error: errno 13\r\n");
+}
+
+TEST_F(LogToTerminalTest, WaitsForNoTerminalThatIsStopped) {
+    ASSERT_EQ(tcflow(terminal_.get(), TCOOFF), 0);
+    EXPECT_EQ(onTerminal([] {
+                  alarm(30);
+                  logMuch();
+              }).status,
+              0);
+}
+
+TEST_F(LogToTerminalTest, OutlivesATerminalThatIsGone) {
+    EXPECT_EQ(onTerminal([this] {
+                  master_ = Descriptor{};
+                  logMuch();
+              }).status,
+              0);
+}
+
+TEST_F(LogToTerminalTest, IsNotStoppedInTheBackground) {
+    EXPECT_EQ(onTerminal([] {
+                  // The terminal is this session's, and stops whoever writes from the background.
+                  ASSERT_GT(setsid(), 0);
+                  ASSERT_EQ(ioctl(STDERR_FILENO, TIOCSCTTY, 0), 0);
+                  termios settings{};
+                  ASSERT_EQ(tcgetattr(STDERR_FILENO, &settings), 0);
+                  settings.c_lflag |= TOSTOP;
+                  ASSERT_EQ(tcsetattr(STDERR_FILENO, TCSANOW, &settings), 0);
+                  const pid_t background = fork();
+                  if (background == 0) {
+                      setpgid(0, 0);
+                      HALVO_LOG_ERROR(helperLog, "errno %d", 13);
+                      _exit(7);
+                  }
+                  int status = 0;
+                  ASSERT_EQ(waitpid(background, &status, WUNTRACED), background);
+                  kill(background, SIGKILL);
+                  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+              }).status,
+              0);
+    EXPECT_EQ(shown(), "app.halvo Helper: error: errno 13\r\n");
 }
 
 TEST_F(LogToJournalTest, AMessageCannotSmuggleInAField) {

@@ -13,6 +13,8 @@ namespace halvo::testing {
 namespace {
 
 using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -149,6 +151,35 @@ TEST_F(Administrator, FindsTheHelperThatEndsOverAndOver) {
     EXPECT_THAT(problems(), ElementsAre("systemd"));
     EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output,
                 HasSubstr("ended, and systemd starts it again: exit-code"));
+}
+
+TEST_F(Administrator, IsToldHowTheHelperGetsTheSocketThatItWasNotHanded) {
+    machine.commit(session);
+    machine.must({"systemctl", "mask", "--quiet", Unit::socket});
+    machine.must({"systemctl", "unmask", "--quiet", Unit::socket});
+    EXPECT_NE(machine.run({"systemctl", "restart", Unit::service}).status, 0);
+    const std::string remedy = "systemctl restart " + Unit::socket;
+    EXPECT_TRUE(machine.says("systemd handed over no socket: " + remedy));
+    EXPECT_EQ(machine.property(Unit::service, "ExecMainStatus"), "78");
+    const auto isDown = [&] { return machine.activeState(Unit::service) == "failed"; };
+    EXPECT_TRUE(always(Seconds{5}, isDown)) << "started over and over";
+    EXPECT_THAT(problems(), Contains("socket"));
+    EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output, HasSubstr("-> " + remedy + "\n"));
+
+    machine.sh(remedy);
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
+    EXPECT_THAT(problems(), IsEmpty());
+}
+
+TEST_F(Administrator, FindsTheHelperThatIsStopped) {
+    machine.commit(session);
+    const std::string helper = machine.property(Unit::service, "MainPID");
+    machine.must({"kill", "-STOP", helper});
+    EXPECT_THAT(problems(), ElementsAre("helper"));
+    EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output,
+                AllOf(HasSubstr("kill -CONT " + helper), HasSubstr("systemctl restart")));
+    machine.must({"kill", "-CONT", helper});
+    EXPECT_THAT(problems(), IsEmpty());
 }
 
 TEST_F(Administrator, StopsASocketThatWasMasked) {

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/Booted/BootedMachine.hpp"
 
 namespace halvo::testing {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -70,6 +72,10 @@ struct Removal : ::testing::Test {
                    " " HALVO_BOOTED_PACKAGE "-sample-app " HALVO_BOOTED_PACKAGE "-helper");
     }
 
+    [[nodiscard]] std::string gid() const {
+        return machine.sh("getent group " + group + " | cut -d : -f 3 | tr -d '\\n'");
+    }
+
     BootedMachine machine;
 };
 
@@ -87,6 +93,23 @@ TEST_F(Removal, EndsACommitmentThatIsHeld) {
     EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"),
               "");
     EXPECT_EQ(machine.failedUnits(), "");
+    EXPECT_EQ(machine.sh("dpkg --audit"), "");
+}
+
+// As after a crash of the disk: the helper gives the lock up with the record.
+TEST_F(Removal, LeavesNoLockOfARecordThatWasDamaged) {
+    machine.install();
+    const std::string session = machine.logIn("alice");
+    machine.commit(session);
+    machine.must({"kill", "-KILL", machine.property(Unit::service, "MainPID")});
+    machine.write(Place::stateFile, "damaged");
+    ASSERT_TRUE(eventually(Seconds{20}, [&] { return !machine.exists(Place::stateFile); }));
+    machine.sh("pkill --exact Halvo || true");
+    ASSERT_TRUE(machine.isLocked());
+    remove("purge");
+    EXPECT_FALSE(machine.exists(Place::app));
+    EXPECT_NE(machine.run({"getent", "group", group}).status, 0);
+    EXPECT_EQ(ours(), "");
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
 }
 
@@ -130,6 +153,8 @@ TEST_F(Removal, LeavesTheMachineAsItWasBeforeOncePurged) {
     EXPECT_NE(units(), unitsBefore);
     machine.commit(session);
     remove("remove");
+    // Its process keeps the group.
+    machine.sh("pkill --exact Halvo");
     remove("purge");
     EXPECT_EQ(accounts(), accountsBefore);
     EXPECT_EQ(units(), unitsBefore);
@@ -151,6 +176,33 @@ TEST_F(Removal, KeepsTheGroupAsLongAsAFileCarriesIt) {
     const std::string said = machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-helper 2>&1");
     EXPECT_THAT(said, HasSubstr("/srv/kept"));
     EXPECT_EQ(machine.run({"getent", "group", group}).status, 0);
+}
+
+// The next group that gets the number would be that process's too. A real or effective group is in
+// the saved one's place for a program that has not begun; supplementary ones root hands out.
+TEST_F(Removal, KeepsTheGroupAsLongAsAProcessHasIt) {
+    machine.install();
+    machine.commit(machine.logIn("alice"));
+    const std::vector<pid_t> apps = machine.running(Place::appExecutable);
+    ASSERT_EQ(apps.size(), 1U);
+    EXPECT_THAT(processField(apps.front(), "Gid"), HasSubstr(gid()));
+    machine.sh("systemd-run --quiet --unit=other setpriv --groups=" + gid() + " sleep 600");
+    const auto purge = [&] {
+        return machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-helper 2>&1");
+    };
+    const auto isThere = [&] { return machine.run({"getent", "group", group}).status == 0; };
+    machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-sample-app");
+    EXPECT_THAT(purge(),
+                AllOf(HasSubstr("keeping the group " + group + ", since processes have it"),
+                      HasSubstr("groupdel " + group)));
+    EXPECT_TRUE(isThere());
+    for (const char* end : {"pkill --exact Halvo", "systemctl stop other"}) {
+        machine.install();
+        machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-sample-app");
+        machine.sh(end);
+        purge();
+        EXPECT_EQ(isThere(), end[0] == 'p') << end;
+    }
 }
 
 }  // namespace

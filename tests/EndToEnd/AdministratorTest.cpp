@@ -252,6 +252,50 @@ TEST_F(AdministratorTest, UnlocksWhatADamagedRecordOwes) {
     expectNothingLeft();
 }
 
+// What the rules give up with its record: one that is damaged beyond telling, and one that is
+// larger than is read. And one that a helper takes for none, which leaves it there.
+TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
+    const std::string tooLarge(std::size_t{2} << 20U, ' ');
+    for (const std::string& bytes : {std::string("damaged"), tooLarge, std::string("unreadable")}) {
+        commit();
+        fs::remove(Place::stateFile);
+        if (bytes == "unreadable") {
+            fs::create_directory(Place::stateFile);
+        } else {
+            put(Place::stateFile, bytes, 0600);
+        }
+        RunningHelper helper;
+        EXPECT_FALSE(world.status().holding);
+        helper.terminate();
+        ASSERT_TRUE(isLocked());
+        Json app = seen()["apps"][0];
+        EXPECT_EQ(app["path"], Place::app);
+        EXPECT_EQ(app["agrees"], false);
+        EXPECT_THAT(app["next"], EndsWith(": halvoctl release"));
+        EXPECT_THAT(control({"doctor"}).output, HasSubstr(": halvoctl release\n"));
+
+        const Answer answer = control({"release"});
+        EXPECT_EQ(answer.status, 0);
+        EXPECT_THAT(answer.output,
+                    HasSubstr(Place::app + " carried a lock that no record owed, and is unlocked"));
+        expectNothingLeft();
+    }
+}
+
+TEST_F(AdministratorTest, LeavesTheLockOfABundleThatIsSomebodyElses) {
+    for (const auto& spoil : std::vector<std::function<void()>>{
+             [] { fs::permissions(Place::infoPlist, fs::perms{0666}); },
+             [this] { EXPECT_EQ(chown(Place::infoPlist.c_str(), world.user, 0), 0); },
+             [] { put(Place::infoPlist, readTestFile(Place::helperInfoPlist), 0644); }}) {
+        world.installApp(Place::app);
+        spoil();
+        setLockedByHand(true);
+        EXPECT_EQ(control({"release"}).status, 0);
+        EXPECT_TRUE(isLocked());
+        setLockedByHand(false);
+    }
+}
+
 TEST_F(AdministratorTest, UnlocksNothingThatTheHelperWouldNotHaveLocked) {
     const std::string folder = "/home/locked";
     fs::create_directory(folder);

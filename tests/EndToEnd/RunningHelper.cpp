@@ -14,6 +14,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "HalvoPlatform/Version.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
@@ -90,10 +91,13 @@ int RunningHelper::terminate() {
     return process_.wait();
 }
 
+const std::string RunningHelper::started = std::string("Halvo helper ") + version + " started";
+
 std::vector<std::string> RunningHelper::log() const {
     std::vector<std::string> lines;
     for (const std::string& line : linesOf(process_.output())) {
-        if (line.starts_with(logPrefix)) {
+        const bool isOurs = line.starts_with(logPrefix);
+        if (isOurs && line.substr(logPrefix.size()) != started) {
             lines.push_back(line.substr(logPrefix.size()));
         }
     }

@@ -58,7 +58,10 @@ class RunningHelper {
     // The exit status of one that ends by itself.
     int wait(Seconds limit = Seconds{10}) { return process_.wait(limit); }
 
-    // The log's lines, of errors with "error: " before the message.
+    // What it logs first once it serves.
+    static const std::string started;
+
+    // The log's other lines, of errors with "error: " before the message.
     [[nodiscard]] std::vector<std::string> log() const;
 
     // How many lines of the log are exactly `line`, or begin with it when it ends in "*".

@@ -60,11 +60,14 @@ std::string infoWith(const std::string& appBundleID, const std::string& teamID) 
                  member("HalvoTeamID", teamID) + "</dict>");
 }
 
-// Starts the helper and expects it to end with `status` and to say nothing but `line`.
-void expectRefusal(int status, const std::string& line, const HelperStart& start = {}) {
+// Starts the helper and expects it to end with `status` and to say nothing but `line`, and `more`.
+void expectRefusal(int status, const std::string& line, const HelperStart& start = {},
+                   const std::vector<std::string>& more = {}) {
     RunningHelper helper(start);
     EXPECT_EQ(helper.wait(), status);
-    EXPECT_THAT(helper.log(), ElementsAre(line));
+    std::vector<std::string> lines{line};
+    lines.insert(lines.end(), more.begin(), more.end());
+    EXPECT_EQ(helper.log(), lines);
 }
 
 TEST_F(StartUpTest, NeedsBothIdentifiersInItsInfoPlist) {
@@ -159,9 +162,14 @@ TEST_F(StartUpTest, RunsOnlyAsRootAndSaysSoBeforeItReadsAnything) {
         [[maybe_unused]] const bool changed = setresgid(world.user, world.user, world.user) == 0 &&
                                               setresuid(world.user, world.user, world.user) == 0;
     }};
-    expectRefusal(exitNoPermission, "error: The helper runs only as root, from launchd", asPerson);
+    const std::vector<std::string> advice{
+        "error: Here systemd starts it, when the app calls; to start it by hand: sudo " +
+        Place::helper};
+    expectRefusal(exitNoPermission, "error: The helper runs only as root, from launchd", asPerson,
+                  advice);
     fs::remove(Place::helperInfoPlist);
-    expectRefusal(exitNoPermission, "error: The helper runs only as root, from launchd", asPerson);
+    expectRefusal(exitNoPermission, "error: The helper runs only as root, from launchd", asPerson,
+                  advice);
     EXPECT_FALSE(exists(Place::lock));
 }
 

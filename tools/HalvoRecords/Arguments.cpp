@@ -352,6 +352,9 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
     if (name == "--help" || name == "-h") {
         return Help{helpText};
     }
+    if (name == "--version") {
+        return ShowVersion{};
+    }
     const auto* const entry = std::ranges::find(entries, name, &Entry::name);
     if (entry == entries.end()) {
         return std::unexpected(shown(name) + " is no command: show, check, link or timeline.");

@@ -22,6 +22,11 @@ struct Help {
     bool operator==(const Help&) const = default;
 };
 
+// Prints the version.
+struct ShowVersion {
+    bool operator==(const ShowVersion&) const = default;
+};
+
 // Prints records: those of `files`, else the app group's own, both or the one of `kind`.
 struct Show {
     std::vector<std::string> files;
@@ -74,7 +79,7 @@ struct ShowTimeline {
     bool operator==(const ShowTimeline&) const = default;
 };
 
-using Command = std::variant<Help, Show, Check, ReadLinks, MakeLink, ShowTimeline>;
+using Command = std::variant<Help, ShowVersion, Show, Check, ReadLinks, MakeLink, ShowTimeline>;
 
 // Understands the words that follow the program's own name, or says what is wrong with them, as
 // sentences that can be printed to a terminal. Time zones and schemes are not looked up.

@@ -32,6 +32,7 @@ TEST(RecordsArgumentsTest, NameACommand) {
 }
 
 TEST(RecordsArgumentsTest, AskForHelp) {
+    EXPECT_EQ(parse({"--version"}), Command(ShowVersion{}));
     for (const char* word : {"--help", "-h"}) {
         EXPECT_EQ(parse({word}), Command(Help{helpText}));
         EXPECT_EQ(parse({"show", word}), Command(Help{showHelpText}));

@@ -14,6 +14,7 @@ Commands:
   link --to SCREEN        print the deep link to a screen
   timeline [FILE]         print the dates at which a widget's picture changes
   COMMAND --help          more about a command
+  --version               print the version
 
 A FILE named keepalive.json or widgets.json is that record; of any other the
 members tell. "-" is standard input. "--" ends the options.

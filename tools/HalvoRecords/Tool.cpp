@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "tools/HalvoRecords/Arguments.hpp"
@@ -47,6 +48,10 @@ class Runner {
     Runner(std::istream& input, WallDate now) : input_(input), now_(now) {}
 
     Outcome operator()(const Help& command) const { return {ExitStatus::fine, command.text, ""}; }
+
+    Outcome operator()(const ShowVersion&) const {
+        return {ExitStatus::fine, std::string("halvo-records ") + version + "\n", ""};
+    }
 
     Outcome operator()(const Show& command) const {
         const auto calendar = calendarOf(command.zone);

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
@@ -47,6 +48,7 @@ Outcome wrong(const std::string& problem) {
 
 TEST(ToolTest, Helps) {
     EXPECT_EQ(runWith({"--help"}), fine(helpText));
+    EXPECT_EQ(runWith({"--version"}), fine(std::string("halvo-records ") + version + "\n"));
     EXPECT_EQ(runWith({"show", "--help"}), fine(showHelpText));
 }
 

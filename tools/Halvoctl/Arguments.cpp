@@ -83,6 +83,9 @@ std::expected<Command, std::string> parseArguments(std::span<const std::string> 
     if (asksForHelp(words.front())) {
         return ShowHelp{helpText};
     }
+    if (words.front() == "--version") {
+        return ShowVersion{};
+    }
     const std::array kinds{
         Kind{"status", statusHelpText, ShowStatus{}},
         Kind{"doctor", doctorHelpText, Examine{}},

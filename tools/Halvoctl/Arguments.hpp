@@ -20,6 +20,10 @@ struct ShowHelp {
     bool operator==(const ShowHelp&) const = default;
 };
 
+struct ShowVersion {
+    bool operator==(const ShowVersion&) const = default;
+};
+
 struct ShowStatus {
     bool asJSON{};
 
@@ -42,7 +46,7 @@ struct Release {
     bool operator==(const Release&) const = default;
 };
 
-using Command = std::variant<ShowHelp, ShowStatus, Examine, Release>;
+using Command = std::variant<ShowHelp, ShowVersion, ShowStatus, Examine, Release>;
 
 // The command that the words after the program's own name ask for; or what is wrong with them, as a
 // sentence.

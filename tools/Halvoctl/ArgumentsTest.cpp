@@ -25,6 +25,7 @@ TEST(ArgumentsTest, AreTheCommands) {
 TEST(ArgumentsTest, AskForHelp) {
     EXPECT_EQ(parse({"--help"}), Command(ShowHelp{helpText}));
     EXPECT_EQ(parse({"-h"}), Command(ShowHelp{helpText}));
+    EXPECT_EQ(parse({"--version"}), Command(ShowVersion{}));
     EXPECT_EQ(parse({"status", "--help"}), Command(ShowHelp{statusHelpText}));
     EXPECT_EQ(parse({"doctor", "--json", "-h"}), Command(ShowHelp{doctorHelpText}));
     EXPECT_EQ(parse({"release", "--help"}), Command(ShowHelp{releaseHelpText}));

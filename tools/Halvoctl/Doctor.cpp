@@ -137,6 +137,15 @@ Check checkLock(const Observation& seen, const AppFlag& app, const std::string& 
 
 Check checkRunning(Machine& machine, const Observation& seen) {
     const std::string name = "helper";
+    if (!seen.stopped.empty()) {
+        std::string advice = "Let it go on: kill -CONT";
+        for (const pid_t process : seen.stopped) {
+            advice += " " + std::to_string(process);
+        }
+        const std::string restart = machine.service.restartCommand();
+        return isProblem(name, "is stopped (SIGSTOP), and does nothing: " + named(seen.stopped),
+                         advice + (restart.empty() ? "" : "; or start another: " + restart));
+    }
     if (!seen.helpers.empty()) {
         return isOk(name, "runs, " + named(seen.helpers));
     }

@@ -79,6 +79,13 @@ TEST_F(DoctorTest, JudgesTheHelper) {
                         "Start it: start-helper"));
     fake.service.processes = {5};
     EXPECT_EQ(examined("helper"), isOk("helper", "runs, pid 5"));
+    fake.service.processes = {5, 6, 7};
+    fake.service.stoppedProcesses = {5, 7};
+    EXPECT_EQ(examined("helper"),
+              isProblem("helper", "is stopped (SIGSTOP), and does nothing: pids 5 and 7",
+                        "Let it go on: kill -CONT 5 7; or start another: restart-helper"));
+    fake.service.restart = "";
+    EXPECT_EQ(examined("helper").advice, "Let it go on: kill -CONT 5 7");
 }
 
 TEST_F(DoctorTest, JudgesTheLock) {

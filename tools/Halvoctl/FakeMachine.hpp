@@ -59,6 +59,8 @@ class FakeProcesses final : public HelperProcesses {
   public:
     std::vector<pid_t> running() override { return processes; }
 
+    bool isStopped(pid_t process) override { return process == stopped; }
+
     void terminate(pid_t process) override {
         terminated.push_back(process);
         if (!areStuck) {
@@ -75,6 +77,7 @@ class FakeProcesses final : public HelperProcesses {
 
     Seconds time{1000};
     std::vector<pid_t> processes;
+    pid_t stopped = 0;
     std::vector<pid_t> terminated;
     bool areStuck = false;
     std::function<void()> onTerminate;
@@ -87,9 +90,13 @@ class FakeService final : public Service {
 
     std::vector<pid_t> running() override { return processes; }
 
+    std::vector<pid_t> stopped() override { return stoppedProcesses; }
+
     std::string whatStarts() override { return "it starts when the app calls"; }
 
     [[nodiscard]] std::string startCommand() const override { return "start-helper"; }
+
+    [[nodiscard]] std::string restartCommand() const override { return restart; }
 
     std::expected<void, std::string> stop(const Progress& progress) override {
         log_.enter("save", "by stop");  // the verb of a change
@@ -110,6 +117,8 @@ class FakeService final : public Service {
     }
 
     std::vector<pid_t> processes;
+    std::vector<pid_t> stoppedProcesses;
+    std::string restart = "restart-helper";
     std::function<void()> onStop;
     std::function<void()> onResume;
     std::optional<std::string> stopError;

@@ -14,6 +14,7 @@ Commands:
   doctor                  look whether everything is installed as it must be
   release                 let go of what holds, as root
   COMMAND --help          more about a command
+  --version               print the version
 
 Which app it is about stands in the Info.plist that lies with the program.
 
@@ -40,7 +41,8 @@ The time left is counted as the helper counts it, also while none runs.
   --json         print one JSON object, with its keys sorted
 
 Members of the object; dates are ISO 8601 in UTC, spans are seconds:
-  apps           the bundle of the record, else those found in /Applications:
+  apps           the bundle of the record, else those found in /Applications; and
+                 those of the app that carry a lock which no record owes:
                  "path"; "flag" is locked, unlocked or missing; "agrees" says
                  whether record and flag agree, "finding" and "next" in words how
   commitment     null, or "app" (its bundle), "holds" (false: it has run out and is
@@ -48,11 +50,13 @@ Members of the object; dates are ISO 8601 in UTC, spans are seconds:
                  owes the unlock), "started", "uid", "until", "user" (null when
                  there is no such user)
   helper         "identifier", "executable", "pids" of those that run, "starts":
-                 in words what starts one, null while one runs
+                 in words what starts one, null while one runs; "stopped": the pids
+                 of those that do nothing until they are told to go on (SIGCONT)
   now            when this was so
   salvaged       null, or what can be read of a damaged record: "app", "locked"
   stateFile      "path"; "condition" is whole, damaged, none, or unreadable, which
                  the helper takes for none
+  version        of halvoctl and the helper that lies with it
 
 Examples:
   sudo halvoctl status
@@ -93,6 +97,12 @@ const char* const releaseHelpText =
 Lets go of what holds, for everybody: stops the helper, unlocks the app's bundle,
 removes what is stored, and lets the app call the helper again. Says what it did.
 Where nothing holds it says so, and that is no failure.
+
+A lock that no record owes, since the record was damaged or an unlock failed, goes
+too, from each bundle in /Applications, or in another folder of root's called
+Applications where the helper may lock, that is the app's own: it, its Contents and
+its Info.plist belong to root, nobody else can write them, and they name the app and
+the team of the helper. What another bundle carries is left alone.
 
 The bundle is unlocked before the record of it is removed, so that no bundle stays
 locked for good: when it is interrupted, run it again. It waits at most a minute, and

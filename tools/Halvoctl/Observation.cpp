@@ -1,12 +1,14 @@
 #include "tools/Halvoctl/Observation.hpp"
 
 #include <dirent.h>
+#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <memory>
 #include <variant>
 
+#include "HalvoHelper/RootsAlone.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -28,23 +30,35 @@ std::optional<std::string> appOf(const StoredCommitment& stored) {
     return unreadable != nullptr ? unreadable->appPath : std::nullopt;
 }
 
-bool owesLock(const StoredCommitment& stored) {
+// Whether the record owes the unlock of the bundle at `path`.
+bool owesLock(const StoredCommitment& stored, const std::string& path) {
     if (const auto* commitment = std::get_if<HelperCommitment>(&stored)) {
-        return commitment->locked;
+        return commitment->locked && commitment->appPath == path;
     }
     const auto* unreadable = std::get_if<UnreadableCommitment>(&stored);
-    return unreadable != nullptr && lockOwed(*unreadable).has_value();
+    return unreadable != nullptr && lockOwed(*unreadable) == path;
+}
+
+// The command with which root takes the lock off a bundle that no record owes it.
+std::string unlockCommand(const Observation& seen, const AppFlag& app) {
+    if (!seen.isOrphan(app)) {
+        return clearCommand(app.path);
+    }
+    const HelperCommitment* commitment = seen.commitment();
+    return commitment != nullptr && commitment->isLive(seen.now)
+               ? "halvoctl release (which also ends what holds)"
+               : "halvoctl release";
 }
 
 // Of a record that is still to be let go of.
-Agreement ofRemains(bool isRunning, bool isOwed, const AppFlag& app, const std::string& start) {
+Agreement ofRemains(const Observation& seen, const AppFlag& app, const std::string& start) {
     const bool isLocked = app.state == LockState::locked;
-    if (isLocked && !isOwed) {
+    if (isLocked && !owesLock(seen.stored, app.path)) {
         return {false, "The bundle is locked, but the record does not say that the helper did it.",
-                "It stays locked. To unlock it: " + clearCommand(app.path)};
+                "It stays locked. To unlock it: " + unlockCommand(seen, app)};
     }
     return {true, isLocked ? "The bundle is still locked." : "The bundle is not locked.",
-            isRunning
+            !seen.helpers.empty()
                 ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
                 : "The helper lets go of it when it starts next: " + start};
 }
@@ -63,22 +77,73 @@ Stored readState(Machine& machine) {
     return {isFile && isThere(machine.stateFile) ? StateFile::unreadable : StateFile::none, stored};
 }
 
-std::vector<std::string> installedApps(const Machine& machine) {
+namespace {
+
+// The bundles directly in `folder` whose Info.plist carries the app's identifier.
+std::vector<std::string> appsIn(const std::string& folder, const HelperIdentity& identity) {
     std::vector<std::string> found;
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(machine.applications.c_str()),
-                                                     closedir);
-    while (const dirent* entry = folder == nullptr ? nullptr : readdir(folder.get())) {
-        const std::string path = machine.applications + "/" + entry->d_name;
+    const std::unique_ptr<DIR, int (*)(DIR*)> items(opendir(folder.c_str()), closedir);
+    while (const dirent* entry = items == nullptr ? nullptr : readdir(items.get())) {
+        const std::string path = folder + "/" + entry->d_name;
         if (!AppLocation::isBundlePath(path)) {
             continue;
         }
         const auto info = Bundle(path).info();
-        if (info && infoString(*info, "CFBundleIdentifier") == machine.identity.appBundleID) {
+        if (info && infoString(*info, "CFBundleIdentifier") == identity.appBundleID) {
             found.push_back(path);
         }
     }
     std::ranges::sort(found);
     return found;
+}
+
+// Looked at from the bundle downwards: nobody but root can put a folder of root's with that inside
+// into the one above it, nor move one that is locked.
+bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
+    const Bundle bundle(path);
+    if (!AppLocation::mayLock(path) ||
+        RootsAlone::problem(bundle.infoPath(), RootsAlone::Item::file, path)) {
+        return false;
+    }
+    const auto info = bundle.info();
+    return info && HelperIdentity::app(info, infoString(*info, "CFBundleIdentifier")) == identity;
+}
+
+}  // namespace
+
+std::vector<std::string> homeApplications() {
+    std::vector<std::string> folders;
+    setpwent();
+    while (const passwd* entry = getpwent()) {
+        folders.push_back(entry->pw_dir + std::string("/Applications"));
+    }
+    endpwent();
+    return folders;
+}
+
+std::vector<std::string> installedApps(Machine& machine) {
+    auto found = appsIn(machine.applications, machine.identity);
+    std::vector<std::string> others = otherApplications(machine);
+    std::ranges::sort(others);
+    others.erase(std::ranges::unique(others).begin(), others.end());
+    for (const std::string& folder : others) {
+        // Whose folder it is could lead us astray between two looks.
+        if (folder != machine.applications &&
+            !RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+            const auto more = appsIn(folder, machine.identity);
+            found.insert(found.end(), more.begin(), more.end());
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> orphanedLocks(Machine& machine, const StoredCommitment& stored) {
+    std::vector<std::string> orphans = installedApps(machine);
+    std::erase_if(orphans, [&](const std::string& path) {
+        return machine.flags.state(path) != LockState::locked || owesLock(stored, path) ||
+               !isAppsOwn(path, machine.identity);
+    });
+    return orphans;
 }
 
 Observation observe(Machine& machine) {
@@ -91,7 +156,14 @@ Observation observe(Machine& machine) {
          named ? std::vector<std::string>{*named} : installedApps(machine)) {
         seen.apps.push_back({path, machine.flags.state(path)});
     }
+    seen.orphans = orphanedLocks(machine, seen.stored);
+    for (const std::string& path : seen.orphans) {
+        if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
+            seen.apps.push_back({path, LockState::locked});
+        }
+    }
     seen.helpers = machine.service.running();
+    seen.stopped = machine.service.stopped();
     seen.now = machine.clock.reading();
     return seen;
 }
@@ -100,25 +172,27 @@ Agreement judge(const Observation& observation, const AppFlag& app,
                 const std::string& startCommand) {
     const bool isRunning = !observation.helpers.empty();
     const bool isLocked = app.state == LockState::locked;
-    const bool isOwed = owesLock(observation.stored);
+    const bool isOwed = owesLock(observation.stored, app.path);
     if (app.state == LockState::missing) {
         return {!isOwed, "There is nothing at " + records::printable(app.path) + ".",
                 isOwed ? "The helper locks no other in its place." : ""};
     }
     const HelperCommitment* commitment = observation.commitment();
-    if (commitment == nullptr && observation.file != StateFile::damaged) {
+    const auto named = appOf(observation.stored);
+    if (observation.file == StateFile::none || observation.file == StateFile::unreadable ||
+        (named && *named != app.path)) {
         if (!isLocked) {
             return {true, "The bundle is not locked.", ""};
         }
         return {false, "The bundle is locked, but no record says that the helper did it.",
-                (isRunning
+                (isRunning && !named
                      ? "If the helper that runs holds something all the same, it writes the record "
                        "anew within a minute. Else to unlock the bundle: "
                      : "To unlock it: ") +
-                    clearCommand(app.path)};
+                    unlockCommand(observation, app)};
     }
     if (commitment == nullptr || !commitment->isLive(observation.now)) {
-        return ofRemains(isRunning, isOwed, app, startCommand);
+        return ofRemains(observation, app, startCommand);
     }
     if (isOwed && isLocked) {
         return {true, "The bundle is locked, as the record says.",
@@ -130,9 +204,10 @@ Agreement judge(const Observation& observation, const AppFlag& app,
                           : "The helper locks it when it starts: " + startCommand};
     }
     if (isLocked) {
-        return {
-            true, "The bundle carries a lock that the helper did not set.",
-            "It stays when the commitment ends. To unlock the bundle: " + clearCommand(app.path)};
+        return {!observation.isOrphan(app),
+                "The bundle carries a lock that the helper did not set.",
+                "It stays when the commitment ends. To unlock the bundle: " +
+                    unlockCommand(observation, app)};
     }
     if (AppLocation::mayLock(app.path)) {
         return {false, "The commitment holds without a lock, though the bundle may be locked.",

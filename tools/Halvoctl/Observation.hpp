@@ -1,6 +1,7 @@
 // What is so at one moment: the record, the flag, the helper. Looking changes nothing.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,14 +37,23 @@ struct Observation {
     StateFile file{};
     // Never UnreadableCommitment but of a damaged file.
     StoredCommitment stored;
-    // The bundle that the record names; without one, those of the app in the folder for them.
+    // The bundle that the record names; without one, those of the app in the folders for them.
+    // Then those of the orphans that are not among them.
     std::vector<AppFlag> apps;
+    // The app's own bundles whose lock no record owes.
+    std::vector<std::string> orphans;
     // The processes of the helper.
     std::vector<pid_t> helpers;
+    // Those of them that are stopped and so do nothing.
+    std::vector<pid_t> stopped;
 
     // The record, if it is whole.
     [[nodiscard]] const HelperCommitment* commitment() const {
         return std::get_if<HelperCommitment>(&stored);
+    }
+
+    [[nodiscard]] bool isOrphan(const AppFlag& app) const {
+        return std::ranges::find(orphans, app.path) != orphans.end();
     }
 };
 
@@ -57,9 +67,21 @@ struct Stored {
 
 Stored readState(Machine& machine);
 
-// The bundles directly in the machine's folder for them whose Info.plist carries the app's
-// identifier, in the order of their names.
-std::vector<std::string> installedApps(const Machine& machine);
+// The folders called Applications, but the machine's first one, in which the helper may have locked
+// a bundle: those of the accounts' homes; on Linux with systemd those that the helper's unit can
+// write to. Not all need be there. One source per system.
+std::vector<std::string> otherApplications(Machine& machine);
+
+// The same of the accounts' homes.
+std::vector<std::string> homeApplications();
+
+// The bundles whose Info.plist carries the app's identifier: those directly in the machine's folder
+// for them, and in each other one that is root's alone; in the order of their paths there.
+std::vector<std::string> installedApps(Machine& machine);
+
+// Those of them that are the app's own, of this identity in an Info.plist that is root's alone, and
+// that carry the lock although `stored` does not owe it.
+std::vector<std::string> orphanedLocks(Machine& machine, const StoredCommitment& stored);
 
 // Whether record and flag agree, and what comes of it.
 struct Agreement {

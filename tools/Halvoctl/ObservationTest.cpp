@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <ostream>
@@ -31,7 +32,8 @@ class ObservationTest : public ::testing::Test {
     }
 
     FakeMachine fake;
-    const std::string clear = clearCommand(fake.app);
+    // What unlocks a bundle that is the app's own, as root makes it.
+    const std::string clear = geteuid() == 0 ? "halvoctl release" : clearCommand(fake.app);
 };
 
 TEST_F(ObservationTest, IsOfNothingStored) {
@@ -57,12 +59,13 @@ TEST_F(ObservationTest, IsOfARecord) {
 
 TEST_F(ObservationTest, IsOfTheBundleThatTheRecordNames) {
     fake.hold().appPath = "/Elsewhere/Other.app";
+    fake.world.flags.setByHand(fake.app, false);
     EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{"/Elsewhere/Other.app", LockState::missing}}));
     fake.world.store.stored = UnreadableCommitment{"/Elsewhere/Third.app", true};
     EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{"/Elsewhere/Third.app", LockState::missing}}));
     EXPECT_EQ(seen().file, StateFile::damaged);
     fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{fake.app, LockState::locked}}));
+    EXPECT_EQ(seen().apps, (std::vector<AppFlag>{{fake.app, LockState::unlocked}}));
 }
 
 TEST_F(ObservationTest, IsOfAFileThatCannotBeRead) {
@@ -85,6 +88,41 @@ TEST_F(ObservationTest, FindsTheBundlesOfTheApp) {
               (std::vector<std::string>{fake.applications + "/Another.app", fake.app}));
     fake.machine.applications = "/nowhere";
     EXPECT_TRUE(installedApps(fake.machine).empty());
+}
+
+TEST_F(ObservationTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, whose the bundles must be";
+    }
+    const std::string second = fake.applications + "/Second.app";
+    const std::string info = second + "/Contents/Info.plist";
+    FakeMachine::writeInfo(second, "com.example.app", "7QX4KD19MT");
+    fake.world.flags.add(second);
+    EXPECT_TRUE(seen().orphans.empty());
+    fake.hold();
+    fake.world.flags.setByHand(second, true);
+    const Observation observation = seen();
+    EXPECT_EQ(observation.orphans, std::vector<std::string>{second});
+    EXPECT_EQ(observation.apps,
+              (std::vector<AppFlag>{{fake.app, LockState::locked}, {second, LockState::locked}}));
+    EXPECT_EQ(judge(observation, observation.apps.at(1), "start-helper"),
+              (Agreement{false, "The bundle is locked, but no record says that the helper did it.",
+                         "To unlock it: halvoctl release (which also ends what holds)"}));
+    EXPECT_TRUE(judge(observation, observation.apps.at(0), "start-helper").isGiven);
+
+    const auto expectNotOwn = [&](const char* why) { EXPECT_TRUE(seen().orphans.empty()) << why; };
+    fs::permissions(info, fs::perms{0664});
+    expectNotOwn("others can write its Info.plist");
+    fs::permissions(info, fs::perms{0644});
+    ASSERT_EQ(chown(second.c_str(), FakeMachine::ann, 0), 0);
+    expectNotOwn("it belongs to somebody else");
+    ASSERT_EQ(chown(second.c_str(), 0, 0), 0);
+    FakeMachine::writeInfo(second, "com.example.app", "ANYTEAM123");
+    expectNotOwn("it is another team's");
+    fs::remove_all(second);
+    FakeMachine::writeInfo(fake.disk / "Real", "com.example.app", "7QX4KD19MT");
+    fs::create_directory_symlink(fake.disk / "Real", second);
+    expectNotOwn("a link is no bundle");
 }
 
 TEST_F(ObservationTest, JudgesABundleOfNothingStored) {
@@ -118,8 +156,9 @@ TEST_F(ObservationTest, JudgesABundleThatIsHeldWithoutALock) {
                    "The helper's log says why it could not. It tries again when the app "
                    "begins or extends a commitment."}));
     EXPECT_EQ(judged(true),
-              (Agreement{true, "The bundle carries a lock that the helper did not set.",
-                         "It stays when the commitment ends. To unlock the bundle: " + clear}));
+              (Agreement{geteuid() != 0, "The bundle carries a lock that the helper did not set.",
+                         "It stays when the commitment ends. To unlock the bundle: " + clear +
+                             (geteuid() == 0 ? " (which also ends what holds)" : "")}));
 }
 
 TEST_F(ObservationTest, JudgesABundleThatTheHelperDoesNotLock) {

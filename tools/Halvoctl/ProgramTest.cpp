@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "HalvoPlatform/Version.hpp"
 #include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -42,6 +43,13 @@ TEST(ControlProgramTest, Helps) {
     const ChildResult result = runProgram({"--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.output, StartsWith("Usage: halvoctl COMMAND [WORDS]\n"));
+}
+
+TEST(ControlProgramTest, TellsItsVersion) {
+    const ChildResult result = runProgram({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, std::string("halvoctl ") + version + "\n");
+    EXPECT_THAT(version, ::testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+"));
 }
 
 TEST(ControlProgramTest, EndsWithSixtyFourForWrongWords) {

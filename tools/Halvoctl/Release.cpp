@@ -36,20 +36,21 @@ Presence presence(const std::string& path) {
 
 constexpr const char* ifGone = "If the bundle is gone for good: halvoctl release --bundle-gone";
 
-// Takes the lock off the bundle at `path`. What to say of it, or what failed and what to do.
-std::expected<std::string, std::string> unlock(Machine& machine, const std::string& path) {
-    const std::string shown = printable(path);
+// Takes the lock off the bundle at `path`. Fails with what to do; `keeps` says what comes of it.
+std::expected<void, std::string> unlock(Machine& machine, const std::string& path,
+                                        const std::string& keeps) {
     if (machine.flags.setLocked(false, path)) {
-        return shown + " is unlocked";
+        return {};
     }
     return std::unexpected(
-        "The lock of " + shown +
-        " cannot be taken off, so the commitment stays stored. The helper's log says why. Is its "
-        "file system mounted read-only, or does this container lack CAP_LINUX_IMMUTABLE? Mend that "
-        "and try again.");
+        "The lock of " + printable(path) + " cannot be taken off" + keeps +
+        ". The helper's log says why. Is its file system mounted read-only, or does this container "
+        "lack CAP_LINUX_IMMUTABLE? Mend that and try again.");
 }
 
-// Of a bundle whose lock the record does not owe.
+constexpr const char* keepsRecord = ", so the commitment stays stored";
+
+// Of a bundle whose lock the record does not owe, and that is not the app's own.
 std::string leftAlone(Machine& machine, const std::string& path) {
     const std::string shown = printable(path);
     return machine.flags.state(path) == LockState::locked
@@ -62,14 +63,12 @@ std::string leftAlone(Machine& machine, const std::string& path) {
 // bundle is out of reach: another file system may lie over it, or its own not be mounted.
 std::expected<std::string, std::string> settle(Machine& machine, const std::string& path,
                                                bool isGone) {
-    // The helper locks nothing else.
-    if (!AppLocation::isLockablePath(path)) {
-        return leftAlone(machine, path);
-    }
-    if (AppLocation::mayLock(path)) {
-        return unlock(machine, path);
-    }
     const std::string shown = printable(path);
+    if (AppLocation::mayLock(path)) {
+        const auto flag = unlock(machine, path, keepsRecord);
+        return flag ? std::expected<std::string, std::string>(shown + " is unlocked")
+                    : std::unexpected(flag.error());
+    }
     if (isGone) {
         return "the lock of " + shown + " is forgotten with the bundle, which is not there";
     }
@@ -96,64 +95,88 @@ class Releaser {
     std::expected<std::string, std::string> letGo() {
         const auto [file, stored] = readState(machine_);
         if (file == StateFile::unreadable) {
-            return std::unexpected(printable(machine_.stateFile) +
-                                   " cannot be read, so it is not known which bundle to unlock. "
-                                   "Nothing was changed. Unlock the app by hand (" +
-                                   clearCommand("/Applications/Halvo.app") +
-                                   "), then remove that file.");
+            return forget("Removed a state file that could not be read",
+                          settled(std::nullopt, false, NoCommitment{}));
         }
         if (const auto* commitment = std::get_if<HelperCommitment>(&stored)) {
-            return letGo(*commitment);
+            return forget(described(*commitment),
+                          settled(commitment->appPath, commitment->locked, stored));
         }
         if (const auto* unreadable = std::get_if<UnreadableCommitment>(&stored)) {
-            return letGo(*unreadable);
+            return forget("Removed a damaged state file",
+                          settled(unreadable->appPath, unreadable->locked, stored));
         }
-        return nothingHeld();
+        const auto flags = orphans(stored);
+        return flags ? std::expected<std::string, std::string>("Nothing was held" + *flags + ".")
+                     : flags;
     }
 
   private:
-    std::expected<std::string, std::string> letGo(const HelperCommitment& commitment) {
+    [[nodiscard]] std::string described(const HelperCommitment& commitment) const {
         const ClockReading now = machine_.clock.reading();
-        const std::string& path = commitment.appPath;
-        const auto flag =
-            commitment.locked ? settle(machine_, path, isBundleGone_) : leftAlone(machine_, path);
-        return forget(flag, "Let go of the commitment of " + person(machine_, commitment.uid) +
-                                " that " +
-                                (commitment.isLive(now) ? "held until " : "had run out at ") +
-                                zonedDate(commitment.ends(now), calendar_));
+        return "Let go of the commitment of " + person(machine_, commitment.uid) + " that " +
+               (commitment.isLive(now) ? "held until " : "had run out at ") +
+               zonedDate(commitment.ends(now), calendar_);
     }
 
-    std::expected<std::string, std::string> letGo(const UnreadableCommitment& unreadable) {
-        const auto flag = unreadable.locked && unreadable.appPath
-                              ? settle(machine_, *unreadable.appPath, isBundleGone_)
-                              : std::expected<std::string, std::string>("it owed no lock");
-        return forget(flag, "Removed a damaged state file");
+    // Takes off the lock of the bundle that the record names, if it owes that, and those that it
+    // does not owe. What to say of them, each after a "; ".
+    std::expected<std::string, std::string> settled(const std::optional<std::string>& app,
+                                                    bool isOwed, const StoredCommitment& stored) {
+        std::string said;
+        // The helper locks nothing else.
+        if (app && isOwed && AppLocation::isLockablePath(*app)) {
+            const auto flag = settle(machine_, *app, isBundleGone_);
+            if (!flag) {
+                return flag;
+            }
+            said = "; " + *flag;
+        }
+        const auto more = orphans(stored);
+        if (!more) {
+            return more;
+        }
+        said += *more;
+        if (said.empty()) {
+            said = "; " + (app ? leftAlone(machine_, *app) : "no lock is known that it owed");
+        }
+        return said;
+    }
+
+    // Takes off the locks of the app's own bundles that `stored` does not owe; a lock that another
+    // bundle has stays. What to say of them, each after a "; ".
+    std::expected<std::string, std::string> orphans(const StoredCommitment& stored) {
+        std::string said;
+        for (const std::string& path : orphanedLocks(machine_, stored)) {
+            const bool isStored = !std::holds_alternative<NoCommitment>(stored);
+            if (const auto flag = unlock(machine_, path, isStored ? keepsRecord : ""); !flag) {
+                return std::unexpected(flag.error());
+            }
+            said += "; " + printable(path) + " carried a lock that no record owed, and is unlocked";
+            HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
+        }
+        for (const std::string& path : installedApps(machine_)) {
+            if (machine_.flags.state(path) == LockState::locked) {
+                said += "; " + leftAlone(machine_, path);
+            }
+        }
+        return said;
     }
 
     std::expected<std::string, std::string> forget(
-        const std::expected<std::string, std::string>& flag, const std::string& what) {
-        if (!flag) {
-            return flag;
+        const std::string& what, const std::expected<std::string, std::string>& flags) {
+        if (!flags) {
+            return flags;
         }
         machine_.store.remove();
         if (presence(machine_.stateFile) != Presence::gone) {
-            return std::unexpected(*flag +
+            return std::unexpected(flags->substr(2) +
                                    ", but the state file cannot be removed, and the helper would "
                                    "take the commitment up again. Remove it: " +
                                    printable(machine_.stateFile));
         }
         HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
-        return what + "; " + *flag + ".";
-    }
-
-    std::expected<std::string, std::string> nothingHeld() {
-        std::string text = "Nothing was held.";
-        for (const std::string& path : installedApps(machine_)) {
-            if (machine_.flags.state(path) == LockState::locked) {
-                text += " " + leftAlone(machine_, path) + ".";
-            }
-        }
-        return text;
+        return what + *flags + ".";
     }
 
     Machine& machine_;

@@ -85,12 +85,13 @@ TEST_F(ReleaseTest, SaysThatNothingWasHeld) {
 }
 
 TEST_F(ReleaseTest, LeavesALockThatIsNotTheHelpers) {
+    FakeMachine::writeInfo(fake.app, "com.example.app", "ANYTEAM123");
     const std::string kept =
         fake.app +
         " keeps a lock that the helper did not set (to take it off: " + clearCommand(fake.app) +
         ").\n";
     fake.world.flags.setByHand(fake.app, true);
-    EXPECT_EQ(released(), fine("com.example.app: Nothing was held. " + kept));
+    EXPECT_EQ(released(), fine("com.example.app: Nothing was held; " + kept));
     fake.hold().locked = false;
     EXPECT_THAT(released().output, HasSubstr("; " + kept));
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
@@ -98,6 +99,59 @@ TEST_F(ReleaseTest, LeavesALockThatIsNotTheHelpers) {
     fake.hold().locked = false;
     fake.world.flags.setByHand(fake.app, false);
     EXPECT_THAT(released().output, HasSubstr("; " + fake.app + " was not locked.\n"));
+}
+
+TEST_F(ReleaseTest, TakesOffTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, whose the bundles must be";
+    }
+    const std::string second = fake.applications + "/Second.app";
+    FakeMachine::writeInfo(second, "com.example.app", "7QX4KD19MT");
+    fake.world.flags.add(second);
+    const std::string off = " carried a lock that no record owed, and is unlocked";
+    const auto lock = [&] {
+        for (const std::string& path : {fake.app, second}) {
+            fake.world.flags.setByHand(path, true);
+        }
+    };
+    const auto expect = [&](const std::string& beginning) {
+        EXPECT_THAT(released(),
+                    ::testing::AllOf(::testing::Field(&Outcome::status, ExitStatus::fine),
+                                     ::testing::Field(&Outcome::output,
+                                                      HasSubstr(beginning + second + off + "."))));
+        EXPECT_FALSE(fake.world.flags.isSet(fake.app));
+        EXPECT_FALSE(fake.world.flags.isSet(second));
+        EXPECT_TRUE(fake.world.store.isEmpty());
+    };
+    lock();
+    expect("Nothing was held; " + fake.app + off + "; ");
+    EXPECT_EQ(log.notices().size(), 2U);
+    fake.hold();
+    lock();
+    expect("; " + fake.app + " is unlocked; ");
+    fake.hold().locked = false;
+    lock();
+    expect("; " + fake.app + off + "; ");
+    fake.world.store.stored = UnreadableCommitment{};
+    lock();
+    expect("Removed a damaged state file; " + fake.app + off + "; ");
+}
+
+TEST_F(ReleaseTest, SaysThatALockThatNoRecordOwesCannotBeTakenOff) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, whose the bundles must be";
+    }
+    fake.world.flags.setByHand(fake.app, true);
+    fake.world.flags.failsToUnlock = true;
+    EXPECT_THAT(released(),
+                ::testing::AllOf(
+                    ::testing::Field(&Outcome::status, ExitStatus::system),
+                    ::testing::Field(&Outcome::errors,
+                                     StartsWith("halvoctl: The lock of " + fake.app +
+                                                " cannot be taken off. The helper's log says"))));
+    fake.hold().locked = false;
+    EXPECT_THAT(released().errors, HasSubstr("off, so the commitment stays stored."));
+    EXPECT_FALSE(fake.world.store.isEmpty());
 }
 
 TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
@@ -122,8 +176,9 @@ TEST_F(ReleaseTest, UnlocksWhatADamagedRecordOwes) {
                                " is unlocked.\n"));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(released(),
-              fine("com.example.app: Removed a damaged state file; it owed no lock.\n"));
+    EXPECT_EQ(
+        released(),
+        fine("com.example.app: Removed a damaged state file; no lock is known that it owed.\n"));
 }
 
 TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
@@ -252,12 +307,12 @@ TEST_F(ReleaseTest, SaysThatTheRecordCannotBeRemoved) {
     EXPECT_EQ(fake.world.calls.changes().back(), resumed);
 }
 
-TEST_F(ReleaseTest, TouchesNothingWhenTheFileCannotBeRead) {
+TEST_F(ReleaseTest, SaysThatAFileThatCannotBeReadCannotBeRemoved) {
     fs::create_directories(fake.machine.stateFile);
     const Outcome outcome = released();
     EXPECT_EQ(outcome.status, ExitStatus::system);
-    EXPECT_THAT(outcome.errors, HasSubstr("cannot be read, so it is not known which bundle"));
-    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+    EXPECT_THAT(outcome.errors, HasSubstr("Remove it: " + fake.machine.stateFile));
+    EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, "remove", resumed));
 }
 
 TEST_F(ReleaseTest, TouchesNothingWhenTheHelperDoesNotStop) {

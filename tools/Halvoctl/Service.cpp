@@ -50,6 +50,12 @@ std::expected<void, std::string> endAll(HelperProcesses& processes, const Progre
     return {};
 }
 
+std::vector<pid_t> stoppedOf(HelperProcesses& processes) {
+    std::vector<pid_t> found = processes.running();
+    std::erase_if(found, [&](pid_t process) { return !processes.isStopped(process); });
+    return found;
+}
+
 std::string named(const std::vector<pid_t>& processes) {
     std::string text = processes.size() == 1 ? "pid " : "pids ";
     for (std::size_t i = 0; i < processes.size(); ++i) {

@@ -26,6 +26,10 @@ class HelperProcesses {
     // the executable was replaced since they started. On Linux not those in the open-as-user mode.
     virtual std::vector<pid_t> running() = 0;
 
+    // Whether `process` is stopped, by SIGSTOP or a tracer, and so does nothing until it is told to
+    // go on.
+    virtual bool isStopped(pid_t process) = 0;
+
     // Sends SIGTERM to `process`, if it is still one of those.
     virtual void terminate(pid_t process) = 0;
 
@@ -42,6 +46,9 @@ std::vector<pid_t> stopAll(HelperProcesses& processes, const Patience& patience)
 // The same, for at most ten seconds. Fails with sentences that say what to do.
 std::expected<void, std::string> endAll(HelperProcesses& processes, const Progress& progress);
 
+// Those of `processes` that are stopped.
+std::vector<pid_t> stoppedOf(HelperProcesses& processes);
+
 // "pid 12", "pids 12 and 13".
 std::string named(const std::vector<pid_t>& processes);
 
@@ -52,12 +59,19 @@ class Service {
     // The helpers that run, in ascending order.
     virtual std::vector<pid_t> running() = 0;
 
+    // Those of them that are stopped, in ascending order.
+    virtual std::vector<pid_t> stopped() = 0;
+
     // What starts a helper when none runs, as a sentence without a full stop that begins with "it
     // starts" or "nothing starts".
     virtual std::string whatStarts() = 0;
 
     // The words that start one now, for a shell.
     [[nodiscard]] virtual std::string startCommand() const = 0;
+
+    // The words that end the one that runs and start another; nothing where one was started by
+    // hand.
+    [[nodiscard]] virtual std::string restartCommand() const = 0;
 
     // Sees to it that no helper runs and none is started, which leaves the stored commitment to the
     // caller. Takes no longer than a minute, together with resume(). Fails with sentences that say

@@ -5,6 +5,7 @@
 #include <variant>
 #include <vector>
 
+#include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 
@@ -61,8 +62,10 @@ std::string headline(Machine& machine, const Observation& seen) {
 }
 
 std::string helperText(Machine& machine, const Observation& seen) {
-    return seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
-                                : "runs, " + named(seen.helpers);
+    return seen.helpers.empty()
+               ? "does not run; " + machine.service.whatStarts()
+               : "runs, " + named(seen.helpers) +
+                     (seen.stopped.empty() ? "" : "; stopped (SIGSTOP): " + named(seen.stopped));
 }
 
 std::string fileText(const Machine& machine, const Observation& seen) {
@@ -121,13 +124,15 @@ std::string statusText(Machine& machine, const Observation& seen,
     for (const AppFlag& app : seen.apps) {
         rows.push_back({"app", printable(app.path) + ", " + nameOf(app.state)});
         const Agreement agreement = judge(seen, app, machine.service.startCommand());
-        notes += agreement.finding + (agreement.next.empty() ? "" : " " + agreement.next) + "\n";
+        notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + agreement.finding +
+                 (agreement.next.empty() ? "" : " " + agreement.next) + "\n";
     }
     if (seen.apps.empty()) {
         rows.push_back({"app", "none in " + machine.applications});
     }
     rows.push_back({"helper", helperText(machine, seen)});
     rows.push_back({"state file", fileText(machine, seen)});
+    rows.push_back({"version", version});
     return machine.identity.appBundleID + ": " + headline(machine, seen) + "\n" +
            records::table(rows, "  ") + notes;
 }
@@ -149,10 +154,12 @@ std::string statusJSON(Machine& machine, const Observation& seen) {
          {{"executable", machine.helper},
           {"identifier", machine.identity.helperBundleID()},
           {"pids", seen.helpers},
+          {"stopped", seen.stopped},
           {"starts", seen.helpers.empty() ? Json(machine.service.whatStarts()) : Json(nullptr)}}},
         {"now", date(seen.now.wall)},
         {"salvaged", salvagedJSON(seen)},
         {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
+        {"version", version},
     };
     return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));
 }

@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "HalvoPlatform/Version.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Status.hpp"
 
@@ -39,6 +40,9 @@ TEST_F(StatusTest, SaysThatNothingHolds) {
                   "  state file  none (" +
                   fake.machine.stateFile +
                   ")\n"
+                  "  version     " +
+                  version +
+                  "\n"
                   "The bundle is not locked.\n");
 }
 
@@ -56,7 +60,17 @@ TEST_F(StatusTest, SaysWhatHolds) {
                   "  state file  " +
                   fake.machine.stateFile +
                   ", whole\n"
+                  "  version     " +
+                  version +
+                  "\n"
                   "The bundle is locked, as the record says.\n");
+}
+
+TEST_F(StatusTest, SaysWhichHelperIsStopped) {
+    fake.service.processes = {12, 13};
+    fake.service.stoppedProcesses = {13};
+    EXPECT_THAT(text(), HasSubstr("runs, pids 12 and 13; stopped (SIGSTOP): pid 13\n"));
+    EXPECT_EQ(json()["helper"]["stopped"], Json::array({13}));
 }
 
 TEST_F(StatusTest, CountsTheTimeAsTheHelperDoes) {
@@ -137,7 +151,8 @@ TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
       12,
       13
     ],
-    "starts": null
+    "starts": null,
+    "stopped": []
   },
   "now": "2025-10-09T08:53:20Z",
   "salvaged": null,
@@ -145,7 +160,8 @@ TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
     "condition": "whole",
     "path": ")" + fake.machine.stateFile +
                               R"("
-  }
+  },
+  "version": ")" + version + R"("
 }
 )");
 }

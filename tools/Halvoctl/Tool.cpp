@@ -2,6 +2,7 @@
 
 #include <variant>
 
+#include "HalvoPlatform/Version.hpp"
 #include "tools/Halvoctl/Arguments.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
 #include "tools/Halvoctl/Release.hpp"
@@ -22,6 +23,10 @@ class Runner {
 
     Outcome operator()(const ShowHelp& command) const {
         return {ExitStatus::fine, command.text, ""};
+    }
+
+    Outcome operator()(const ShowVersion&) const {
+        return {ExitStatus::fine, std::string("halvoctl ") + version + "\n", ""};
     }
 
     Outcome operator()(const ShowStatus& command) const {

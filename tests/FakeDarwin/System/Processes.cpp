@@ -1,5 +1,6 @@
 // libproc: the processes of the simulated machine.
 #include <libproc.h>
+#include <sys/proc.h>
 #include <sys/proc_info.h>
 
 #include <algorithm>
@@ -46,6 +47,7 @@ int proc_pidinfo(int pid, int flavor, std::uint64_t, void* buffer, int size) {
     static_assert(sizeof info == 64);
     info.pbsi_pid = static_cast<std::uint32_t>(pid);
     info.pbsi_uid = found->uid;
+    info.pbsi_status = found->isStopped ? SSTOP : SRUN;
     const int told = std::min(found->infoSize, size);
     if (told > 0) {
         std::memcpy(buffer, &info, std::min(static_cast<std::size_t>(told), sizeof info));

@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
+#include <string_view>
 #include <system_error>
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
@@ -65,6 +67,23 @@ Check checkUnit(const std::string& name, const Unit& unit, bool mustBeEnabled, b
                                printable(unit.active));
 }
 
+// Whether a socket listens that was bound to `path`; proc_net(5). Calling it would start the
+// helper. Of what cannot be read, nothing is said.
+bool isListening(const std::string& path) {
+    std::ifstream sockets("/proc/net/unix");
+    if (!sockets) {
+        return true;
+    }
+    // __SO_ACCEPTCON of the kernel's <linux/net.h>, as it is printed.
+    constexpr std::string_view accepts = " 00010000 ";
+    for (std::string line; std::getline(sockets, line);) {
+        if (line.ends_with(" " + path) && line.contains(accepts)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool mayLockHere() { return prctl(PR_CAPBSET_READ, CAP_LINUX_IMMUTABLE, 0, 0, 0) == 1; }
 
 }  // namespace
@@ -95,7 +114,8 @@ Check checkSocket(const std::string& path, bool isExpected, const std::string& r
         return isProblem(name, path + " is not root's with mode 666, as everybody may call",
                          remedy);
     }
-    return isOk(name, path);
+    return isListening(path) ? isOk(name, path)
+                             : isProblem(name, "nobody listens at " + path, remedy);
 }
 
 std::optional<unsigned> groupOfApp(const std::string& app) {
@@ -183,6 +203,13 @@ Check checkUserManager(const std::string& path) {
 HelperFiles helperFiles(const Machine& machine) {
     const std::string folder = machine.helper.substr(0, machine.helper.find_last_of('/'));
     return {{machine.helper, folder + "/halvoctl", folder + "/Info.plist"}, "/"};
+}
+
+// A helper in the unit's sandbox can lock nowhere else; else anywhere.
+std::vector<std::string> otherApplications(Machine& machine) {
+    const auto sandbox = sd_booted() > 0 ? readSandbox(machine.identity, machine.programs)
+                                         : std::unexpected("systemd does not run here");
+    return sandbox ? lockableFolders(*sandbox) : homeApplications();
 }
 
 Checks examineService(Machine& machine) {

@@ -75,6 +75,17 @@ class ProcProcesses final : public HelperProcesses {
         return found;
     }
 
+    // proc_pid_status(5).
+    bool isStopped(pid_t process) override {
+        const Descriptor file(
+            open(("/proc/" + std::to_string(process) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
+        std::array<char, 256> buffer{};
+        const ssize_t length = file.isOpen() ? read(file.get(), buffer.data(), buffer.size()) : 0;
+        const std::string_view status(buffer.data(),
+                                      static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        return status.contains("\nState:\tT") || status.contains("\nState:\tt");
+    }
+
     // By a descriptor, which cannot come to mean another process; pidfd_open(2).
     void terminate(pid_t process) override {
         const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -69,6 +70,16 @@ TEST_F(HelperProcessesTest, AreThoseThatRunTheHelper) {
     const auto two = start(helper);
     EXPECT_THAT(processes->running(),
                 ElementsAre(std::min(one->pid(), two->pid()), std::max(one->pid(), two->pid())));
+}
+
+TEST_F(HelperProcessesTest, MayBeStopped) {
+    const auto goesOn = start(helper);
+    const auto stops = start(helper);
+    EXPECT_THAT(stoppedOf(*processes), IsEmpty());
+    stops->send(SIGSTOP);
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(stops->pid()), nullptr, WSTOPPED | WNOWAIT), 0);
+    EXPECT_THAT(stoppedOf(*processes), ElementsAre(stops->pid()));
+    EXPECT_FALSE(processes->isStopped(-1));
 }
 
 TEST_F(HelperProcessesTest, AreNoOtherProgramAtTheSamePlace) {

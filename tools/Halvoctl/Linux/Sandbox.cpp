@@ -6,6 +6,7 @@
 
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Linux/Units.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -79,6 +80,16 @@ std::expected<Sandbox, std::string> readSandbox(const HelperIdentity& identity,
         folder.erase(0, folder.find_first_not_of("-+"));
     }
     return sandbox;
+}
+
+std::vector<std::string> lockableFolders(const Sandbox& sandbox) {
+    if (!sandbox.isStrict) {
+        return homeApplications();
+    }
+    std::vector<std::string> folders = sandbox.writable;
+    std::erase_if(folders,
+                  [](const std::string& each) { return !each.ends_with("/Applications"); });
+    return folders;
 }
 
 Check checkSandbox(const HelperIdentity& identity, const std::string& app,

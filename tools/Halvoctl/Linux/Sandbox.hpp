@@ -24,6 +24,10 @@ struct Sandbox {
 // That of `identity`, or why it cannot be told. Takes at most 10 seconds.
 std::expected<Sandbox, std::string> readSandbox(const HelperIdentity& identity, Programs& programs);
 
+// The folders of `sandbox` in which the helper can lock bundles; without a strict one, those of
+// homeApplications().
+std::vector<std::string> lockableFolders(const Sandbox& sandbox);
+
 // The words of a list as `systemctl show` prints it: parted by blanks, those that need it in double
 // quotes, with "\\" before what would else have a meaning there.
 std::vector<std::string> parseList(const std::string& text);

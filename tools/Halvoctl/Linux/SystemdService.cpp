@@ -39,6 +39,12 @@ SystemdService::SystemdService(HelperIdentity identity, std::string executable, 
 
 std::vector<pid_t> SystemdService::running() { return processes_.running(); }
 
+std::vector<pid_t> SystemdService::stopped() { return stoppedOf(processes_); }
+
+std::string SystemdService::restartCommand() const {
+    return isBooted_ ? "systemctl restart " + serviceUnit(identity_) : "";
+}
+
 std::string SystemdService::startCommand() const {
     return isBooted_ ? "systemctl start " + serviceUnit(identity_) : executable_;
 }

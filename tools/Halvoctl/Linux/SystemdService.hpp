@@ -16,8 +16,10 @@ class SystemdService final : public Service {
                    HelperProcesses& processes, Programs& programs);
 
     std::vector<pid_t> running() override;
+    std::vector<pid_t> stopped() override;
     std::string whatStarts() override;
     [[nodiscard]] std::string startCommand() const override;
+    [[nodiscard]] std::string restartCommand() const override;
     std::expected<void, std::string> stop(const Progress& progress) override;
     std::expected<std::string, std::string> resume(const Progress& progress) override;
 

@@ -23,6 +23,8 @@ HelperFiles helperFiles(const Machine& machine) {
         "becomes root when an administrator runs it."};
 }
 
+std::vector<std::string> otherApplications(Machine&) { return homeApplications(); }
+
 // What of the helper's it starts as root to open the app. What launchd has is said where the helper
 // does not run.
 Checks examineService(Machine& machine) {

@@ -1,3 +1,7 @@
+#include <libproc.h>
+#include <sys/proc.h>
+#include <sys/proc_info.h>
+
 #include <algorithm>
 #include <csignal>
 #include <memory>
@@ -27,6 +31,13 @@ class ListedProcesses final : public HelperProcesses {
         }
         std::ranges::sort(found);
         return found;
+    }
+
+    bool isStopped(pid_t process) override {
+        proc_bsdshortinfo info{};
+        constexpr int size = sizeof info;
+        return proc_pidinfo(process, PROC_PIDT_SHORTBSDINFO, 0, &info, size) == size &&
+               info.pbsi_status == SSTOP;
     }
 
     void terminate(pid_t process) override {

@@ -31,6 +31,14 @@ TEST_F(HelperProcessesTest, AreThoseOfRootThatRunTheHelper) {
     EXPECT_EQ(processes->running(), std::vector<pid_t>{1}) << "as in a machine of its own";
 }
 
+TEST_F(HelperProcessesTest, MayBeStopped) {
+    fake::world().processes = {{60, 0, helper}, {70, 0, helper}, {80, 0, helper}};
+    fake::world().processes[1].isStopped = true;
+    fake::world().processes[2].isStopped = true;
+    fake::world().processes[2].infoSize = 63;
+    EXPECT_EQ(stoppedOf(*processes), std::vector<pid_t>{70});
+}
+
 TEST_F(HelperProcessesTest, AreAskedToEnd) {
     testing::TestProcess child([] { pause(); });
     fake::world().processes = {{child.pid(), 0, helper}};

@@ -22,6 +22,8 @@ LaunchdService::LaunchdService(const HelperIdentity& identity, HelperProcesses& 
 
 std::vector<pid_t> LaunchdService::running() { return processes_.running(); }
 
+std::vector<pid_t> LaunchdService::stopped() { return stoppedOf(processes_); }
+
 std::expected<bool, std::string> LaunchdService::isLoaded() {
     const auto printed = programs_.run({launchctl, "print", job_}, {askLimit, {}});
     if (!printed) {
@@ -40,6 +42,8 @@ std::string LaunchdService::whatStarts() {
 }
 
 std::string LaunchdService::startCommand() const { return "launchctl kickstart " + job_; }
+
+std::string LaunchdService::restartCommand() const { return "launchctl kickstart -k " + job_; }
 
 std::expected<void, std::string> LaunchdService::stop(const Progress& progress) {
     const auto loaded = isLoaded();

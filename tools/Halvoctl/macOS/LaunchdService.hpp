@@ -13,8 +13,10 @@ class LaunchdService final : public Service {
     LaunchdService(const HelperIdentity& identity, HelperProcesses& processes, Programs& programs);
 
     std::vector<pid_t> running() override;
+    std::vector<pid_t> stopped() override;
     std::string whatStarts() override;
     [[nodiscard]] std::string startCommand() const override;
+    [[nodiscard]] std::string restartCommand() const override;
     // Takes the job out of launchd: SIGTERM alone would have it start the helper again. Takes away
     // the copy that a helper leaves which was killed.
     std::expected<void, std::string> stop(const Progress& progress) override;

@@ -1,0 +1,9 @@
+// Which version of the project this is.
+#pragma once
+
+namespace halvo {
+
+// "MAJOR.MINOR.PATCH", as the project's CMakeLists.txt states it.
+extern const char* const version;
+
+}  // namespace halvo
