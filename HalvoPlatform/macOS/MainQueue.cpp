@@ -61,7 +61,11 @@ class Alarm {
   public:
     // Owns itself until it has rung.
     static void set(Seconds delay, MainQueue::Work work) {
-        (new Alarm(sinceBoot() + Nanoseconds{nanoseconds(delay)}, std::move(work)))->start();
+        const Nanoseconds left{nanoseconds(delay)};
+        auto* alarm = new Alarm(sinceBoot() + left, std::move(work));
+        alarm->setTimers(left);
+        dispatch_resume(alarm->awake_);
+        dispatch_resume(alarm->wall_);
     }
 
   private:
@@ -72,26 +76,18 @@ class Alarm {
         return makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, DISPATCH_TIMER_STRICT, this, ring);
     }
 
-    void start() {
-        setTimers();
-        dispatch_resume(awake_);
-        dispatch_resume(wall_);
-    }
-
-    void setTimers() {
-        const Nanoseconds now = sinceBoot();
-        const auto left =
-            static_cast<std::int64_t>((due_ > now ? due_ - now : Nanoseconds{0}).count());
-        dispatch_source_set_timer(awake_, dispatch_time(DISPATCH_TIME_NOW, left),
+    void setTimers(Nanoseconds left) {
+        const auto span = static_cast<std::int64_t>(left.count());
+        dispatch_source_set_timer(awake_, dispatch_time(DISPATCH_TIME_NOW, span),
                                   DISPATCH_TIME_FOREVER, 0);
-        dispatch_source_set_timer(wall_, dispatch_walltime(nullptr, left), DISPATCH_TIME_FOREVER,
+        dispatch_source_set_timer(wall_, dispatch_walltime(nullptr, span), DISPATCH_TIME_FOREVER,
                                   0);
     }
 
     static void ring(void* context) {
         auto* alarm = static_cast<Alarm*>(context);
-        if (sinceBoot() < alarm->due_) {
-            alarm->setTimers();
+        if (const Nanoseconds now = sinceBoot(); now < alarm->due_) {
+            alarm->setTimers(alarm->due_ - now);
             return;
         }
         const std::unique_ptr<Alarm> rung(alarm);
