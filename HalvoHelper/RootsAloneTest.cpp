@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 
@@ -52,6 +53,12 @@ TEST_F(RootsAlonePrivateMachineTest, IsTheItemOfSomebodyElse) {
     change(folder, 0755, user.uid);
     EXPECT_EQ(problem(file), folder + theirs);
     EXPECT_EQ(problem(folder, Item::folder), folder + theirs);
+}
+
+TEST_F(RootsAlonePrivateMachineTest, IsALookUpThatFailsForWhichNobodyIsToBlame) {
+    EXPECT_EQ(RootsAlone::examine(folder + "/none")->failure, ENOENT);
+    change(file, 0646);
+    EXPECT_EQ(RootsAlone::examine(file)->failure, 0);
 }
 
 TEST_F(RootsAlonePrivateMachineTest, IsTheItemThatOthersMayWrite) {

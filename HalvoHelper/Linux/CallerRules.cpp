@@ -78,7 +78,7 @@ bool forEachLine(const std::string& path, Use use) {
         enough = use(std::string_view(raw, static_cast<std::size_t>(length)));
     }
     const int code = errno;
-    std::free(raw);
+    const std::unique_ptr<char, decltype(&std::free)> last(raw, &std::free);
     errno = code;
     return enough || std::feof(file.get()) != 0;
 }
@@ -337,8 +337,9 @@ std::expected<std::optional<HelperIdentity>, int> CallerRules::identityIn(
     if (!info) {
         return std::unexpected(info.error().code);
     }
-    auto identity =
-        HelperIdentity::app(*info, *info ? infoString(**info, "CFBundleIdentifier") : std::nullopt);
+    const std::optional<InfoDictionary>& members = *info;
+    auto identity = HelperIdentity::app(
+        members, members ? infoString(*members, "CFBundleIdentifier") : std::nullopt);
     if (file && file->isSettled()) {
         if (infos_.size() < infosKept) {
             infos_.push_back({*file, identity});

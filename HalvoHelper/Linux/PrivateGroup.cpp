@@ -54,6 +54,39 @@ int forEachEntry(const std::string& path, Next next, Use use) {
     return std::feof(file.get()) != 0 ? 0 : errno;
 }
 
+// Each gives the errno of what failed, or 0.
+
+int readEntries(const std::string& path, GroupFacts& facts) {
+    return forEachEntry(path, fgetgrent, [&](const group& entry) {
+        if (entry.gr_gid != facts.gid) {
+            return;
+        }
+        if (!facts.name) {
+            facts.name = entry.gr_name;
+            facts.password = entry.gr_passwd == nullptr ? "" : entry.gr_passwd;
+        }
+        append(facts.members, entry.gr_mem);
+    });
+}
+
+int readShadow(const std::string& path, GroupFacts& facts) {
+    return forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
+        if (facts.name && *facts.name == shadow.sg_namp) {
+            facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
+            append(facts.members, shadow.sg_mem);
+            append(facts.administrators, shadow.sg_adm);
+        }
+    });
+}
+
+int readOwners(const std::string& path, GroupFacts& facts) {
+    return forEachEntry(path, fgetpwent, [&](const passwd& entry) {
+        if (entry.pw_gid == facts.gid) {
+            facts.owners.emplace_back(entry.pw_name);
+        }
+    });
+}
+
 std::unexpected<std::string> failure(const std::string& path, int code) {
     return std::unexpected(path + ": " + std::generic_category().message(code));
 }
@@ -66,40 +99,17 @@ std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& f
     GroupFacts facts;
     facts.gid = gid;
     std::string path = folder + files[0];
-    int code = forEachEntry(path, fgetgrent, [&](const group& entry) {
-        if (entry.gr_gid != gid) {
-            return;
-        }
-        if (!facts.name) {
-            facts.name = entry.gr_name;
-            facts.password = entry.gr_passwd == nullptr ? "" : entry.gr_passwd;
-        }
-        append(facts.members, entry.gr_mem);
-    });
-    if (code != 0) {
+    if (const int code = readEntries(path, facts); code != 0) {
         return failure(path, code);
     }
     facts.hasShadow = geteuid() == 0;
-    if (facts.hasShadow) {
-        path = folder + files[1];
-        code = forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
-            if (facts.name && *facts.name == shadow.sg_namp) {
-                facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
-                append(facts.members, shadow.sg_mem);
-                append(facts.administrators, shadow.sg_adm);
-            }
-        });
-        if (code != 0 && code != ENOENT) {
-            return failure(path, code);
-        }
+    path = folder + files[1];
+    if (const int code = facts.hasShadow ? readShadow(path, facts) : 0;
+        code != 0 && code != ENOENT) {
+        return failure(path, code);
     }
     path = folder + files[2];
-    code = forEachEntry(path, fgetpwent, [&](const passwd& entry) {
-        if (entry.pw_gid == gid) {
-            facts.owners.emplace_back(entry.pw_name);
-        }
-    });
-    if (code != 0) {
+    if (const int code = readOwners(path, facts); code != 0) {
         return failure(path, code);
     }
     return facts;

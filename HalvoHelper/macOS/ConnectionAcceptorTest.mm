@@ -170,6 +170,9 @@ TEST_F(ConnectionAdmissionTest, ResolvesLinksOnTheWayToTheBundle) {
 TEST_F(ConnectionAdmissionTest, FindsTheBundleBeforeItResolvesLinks) {
     const std::string other = world.addBundle("Applications/Other.app");
     const std::string real = other + "/Contents/MacOS/Other";
+    for (const std::string& bundle : {app, other}) {
+        std::filesystem::create_directories(bundle + "/Contents/MacOS");
+    }
     std::ofstream(real) << "";
     std::filesystem::create_symlink(real, app + "/Contents/MacOS/Link");
     runs(app + "/Contents/MacOS/Link");
