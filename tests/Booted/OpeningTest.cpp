@@ -1,7 +1,9 @@
 // How the app is held open and locked in real sessions.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -12,6 +14,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -65,19 +68,34 @@ struct Lock : Opening {};
 // says that a job to start the unit is under way, and no more of it.
 class EmptyManager {
   public:
-    // `path`: of its socket, in place of whatever is there.
-    EmptyManager(const std::string& path, uid_t owner, bool acceptsStarts) {
+    // In place of whatever is there.
+    EmptyManager(const BootedMachine& machine, uid_t owner, bool acceptsStarts) {
+        const std::string path =
+            machine.path("/run/user/" + std::to_string(owner) + "/systemd/private");
+        // Of /proc/PID/root/run.
+        const std::string processes = path.substr(0, path.find("/root/")) + "/ns/pid";
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         unlink(path.c_str());
         const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener.get(), 16), 0);
         EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
         process_ = fork();
         if (process_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            // systemd-run(1) wants to know which process listens, and of one that is not in the
+            // machine the kernel does not tell.
+            const Descriptor inside(open(processes.c_str(), O_RDONLY | O_CLOEXEC));
+            if (setns(inside.get(), CLONE_NEWPID) != 0) {
+                _exit(EXIT_FAILURE);
+            }
+            if (fork() != 0) {
+                wait(nullptr);
+                _exit(EXIT_FAILURE);
+            }
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            listen(listener.get(), 16);
             sd_event* loop = nullptr;
             sd_event_default(&loop);
             sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve,
@@ -160,10 +178,6 @@ struct OpeningDespite : Opening {
         EXPECT_EQ(machine.property(unit, "TasksMax"), "4096");
         EXPECT_NE(machine.property(unit, "MemoryMax"), "infinity");
         EXPECT_EQ(machine.running(Place::appExecutable), std::vector<pid_t>{opened});
-    }
-
-    [[nodiscard]] std::string managerSocket() const {
-        return machine.path("/run/user/1000/systemd/private");
     }
 
     // Six seconds of silence, a try that brings nothing, fifteen seconds, one that does.
@@ -330,12 +344,12 @@ TEST_F(OpeningDespite, AMaskedSlice) {
 }
 
 TEST_F(OpeningDespite, AManagerThatOnlyAnswersPings) {
-    const EmptyManager manager(managerSocket(), BootedMachine::alice, false);
+    const EmptyManager manager(machine, BootedMachine::alice, false);
     expectItBack();
 }
 
 TEST_F(OpeningDespite, AManagerThatAcceptsTheStartAndForgetsIt) {
-    const EmptyManager manager(managerSocket(), BootedMachine::alice, true);
+    const EmptyManager manager(machine, BootedMachine::alice, true);
     expectItBack();
     EXPECT_TRUE(eventually(Seconds{45}, [&] {
         return machine.running("/usr/bin/systemd-run").empty();
