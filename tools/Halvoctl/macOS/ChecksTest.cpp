@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -32,6 +35,14 @@ TEST_F(ChecksTest, LookAtTheFolderOfAHelperInNoBundle) {
     EXPECT_EQ(files.paths, (std::vector<std::string>{"/usr/local/libexec/HalvoHelper",
                                                      "/usr/local/libexec/halvoctl"}));
     EXPECT_EQ(files.top, "/usr/local/libexec");
+}
+
+TEST_F(ChecksTest, LookForLocksThatNoRecordOwesInTheAppsOwnBundles) {
+    const auto homes = otherApplications(fake.machine);
+    EXPECT_NE(std::ranges::find(homes, "/root/Applications"), homes.end());
+    fake.world.flags.setByHand(fake.app, true);
+    const auto own = geteuid() == 0 ? std::vector{fake.app} : std::vector<std::string>{};
+    EXPECT_EQ(orphanedLocks(fake.machine, NoCommitment{}), own);
 }
 
 TEST_F(ChecksTest, LookAtNothingThatAMacDoesNotHave) {
