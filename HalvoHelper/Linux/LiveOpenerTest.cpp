@@ -13,6 +13,7 @@
 
 #include "HalvoHelper/LiveOpener.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/TemporaryFolder.hpp"

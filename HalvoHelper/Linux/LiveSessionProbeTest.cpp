@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMachine.hpp"

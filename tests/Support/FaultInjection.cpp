@@ -13,9 +13,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <ratio>
 #include <stdexcept>
 #include <utility>
 
@@ -75,6 +77,8 @@ std::atomic<double> clockTakes{0};
 
 std::atomic<bool> isClockStopped{false};
 timespec stoppedTime{};
+// By how much CLOCK_BOOTTIME is ahead.
+std::chrono::nanoseconds passed{};
 
 // Makes the call, or lets it go wrong. `real` makes it.
 template <class Real>
@@ -166,6 +170,12 @@ StoppedClock::StoppedClock(long seconds, long nanoseconds) {
 
 StoppedClock::~StoppedClock() { isClockStopped = false; }
 
+TimePassing::~TimePassing() { passed = {}; }
+
+void TimePassing::pass(Seconds span) {
+    passed += std::chrono::duration_cast<std::chrono::nanoseconds>(span);
+}
+
 }  // namespace halvo::testing
 
 using halvo::testing::attempt;
@@ -229,7 +239,15 @@ int __wrap_clock_gettime(clockid_t clock, timespec* time) {
         *time = halvo::testing::stoppedTime;
         return 0;
     }
-    return attempt(SystemCall::clock_gettime, [&] { return __real_clock_gettime(clock, time); });
+    const int result =
+        attempt(SystemCall::clock_gettime, [&] { return __real_clock_gettime(clock, time); });
+    if (result == 0 && clock == CLOCK_BOOTTIME) {
+        constexpr std::int64_t second = std::nano::den;
+        const std::int64_t total = time->tv_nsec + halvo::testing::passed.count();
+        time->tv_sec += total / second;
+        time->tv_nsec = total % second;
+    }
+    return result;
 }
 
 int __wrap_eventfd(unsigned int count, int flags) {

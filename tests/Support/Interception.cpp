@@ -7,13 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <limits>
 #include <map>
-#include <ratio>
 #include <utility>
 
 namespace halvo::testing {
@@ -26,7 +23,6 @@ std::size_t longestListing = std::numeric_limits<std::size_t>::max();
 std::map<BeforeNext::Call, std::function<void()>> workBefore;
 bool failsBusStart = false;
 bool booted = false;
-std::chrono::nanoseconds passed{};
 
 void doWorkBefore(BeforeNext::Call call) {
     if (auto node = workBefore.extract(call)) {
@@ -57,33 +53,15 @@ BootedBySystemd::BootedBySystemd() { booted = true; }
 
 BootedBySystemd::~BootedBySystemd() { booted = false; }
 
-TimePassing::~TimePassing() { passed = {}; }
-
-void TimePassing::pass(Seconds span) {
-    passed += std::chrono::duration_cast<std::chrono::nanoseconds>(span);
-}
-
 }  // namespace halvo::testing
 
 // The linker's names: __wrap_x is called in the place of x, which is called __real_x.
 extern "C" {
 
-int __real_clock_gettime(clockid_t clock, timespec* time);
 ssize_t __real_getdents64(int folder, void* entries, std::size_t size);
 int __real_flock(int file, int operation);
 int __real_poll(pollfd* descriptors, nfds_t count, int limit);
 int __real_sd_bus_start(sd_bus* bus);
-
-int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-    const int result = __real_clock_gettime(clock, time);
-    if (clock == CLOCK_BOOTTIME && halvo::testing::passed.count() != 0) {
-        constexpr std::int64_t second = std::nano::den;
-        const std::int64_t total = time->tv_nsec + halvo::testing::passed.count();
-        time->tv_sec += total / second;
-        time->tv_nsec = total % second;
-    }
-    return result;
-}
 
 ssize_t __wrap_getdents64(int folder, void* entries, std::size_t size) {
     return __real_getdents64(folder, entries, std::min(size, halvo::testing::longestListing));

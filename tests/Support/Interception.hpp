@@ -52,16 +52,4 @@ class BootedBySystemd {
     ~BootedBySystemd();
 };
 
-// While it lives, the clock that counts from boot, through sleep (CLOCK_BOOTTIME), is ahead by what
-// has passed here.
-class TimePassing {
-  public:
-    TimePassing() = default;
-    TimePassing(const TimePassing&) = delete;
-    TimePassing& operator=(const TimePassing&) = delete;
-    ~TimePassing();
-
-    void pass(Seconds span);
-};
-
 }  // namespace halvo::testing

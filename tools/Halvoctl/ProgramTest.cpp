@@ -49,7 +49,6 @@ TEST(ControlProgramTest, TellsItsVersion) {
     const ChildResult result = runProgram({"--version"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, std::string("halvoctl ") + version + "\n");
-    EXPECT_THAT(version, ::testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+"));
 }
 
 TEST(ControlProgramTest, EndsWithSixtyFourForWrongWords) {

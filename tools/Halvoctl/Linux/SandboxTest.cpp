@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "tools/Halvoctl/FakeMachine.hpp"
 #include "tools/Halvoctl/Linux/Sandbox.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -86,6 +88,16 @@ TEST(SandboxTest, HidesSomeFolders) {
                   "What lies below " + folder +
                       " it cannot see at all. Install the app into /Applications.");
     }
+}
+
+TEST(SandboxTest, LetsTheHelperLockInFoldersForApplications) {
+    EXPECT_EQ(lockableFolders({true,
+                               {"/Applications", "/Library/Application Support",
+                                "/srv/Applications", "/srv/MyApplications"}}),
+              (std::vector<std::string>{"/Applications", "/srv/Applications"}));
+    EXPECT_EQ(lockableFolders({false, {"/Applications"}}), homeApplications());
+    const auto homes = homeApplications();
+    EXPECT_NE(std::ranges::find(homes, "/root/Applications"), homes.end());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
 #include "tools/Halvoctl/FakeMachine.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -39,6 +41,14 @@ TEST_F(ChecksTest, LookAtTheFolderOfAHelperInNoBundle) {
     EXPECT_EQ(files.risk,
               "Whoever can change the helper can keep it from starting, and whoever can change "
               "halvoctl becomes root when an administrator runs it.");
+}
+
+TEST_F(ChecksTest, LookForLocksThatNoRecordOwesInTheAppsOwnBundles) {
+    const auto homes = otherApplications(fake.machine);
+    EXPECT_NE(std::ranges::find(homes, "/root/Applications"), homes.end());
+    fake.world.flags.setByHand(fake.app, true);
+    const auto own = geteuid() == 0 ? std::vector{fake.app} : std::vector<std::string>{};
+    EXPECT_EQ(orphanedLocks(fake.machine, NoCommitment{}), own);
 }
 
 TEST_F(ChecksTest, LookAtNothingThatAMacDoesNotHave) {

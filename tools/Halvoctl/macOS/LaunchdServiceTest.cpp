@@ -60,6 +60,9 @@ TEST_F(LaunchdServiceTest, CountsWhatIsSoAndNotWhatBootoutSays) {
 TEST_F(LaunchdServiceTest, StopsHelpersThatNoJobStarted) {
     programs.answer(print, 113);
     processes.processes = {7};
+    processes.stopped = 7;
+    EXPECT_EQ(service->stopped(), std::vector<pid_t>{7});
+    EXPECT_EQ(service->restartCommand(), "launchctl kickstart -k system/com.example.app.helper");
     EXPECT_EQ(service->running(), std::vector<pid_t>{7});
     EXPECT_TRUE(service->stop(progress));
     EXPECT_THAT(programs.calls, ElementsAre(print));
