@@ -47,6 +47,8 @@ TEST(ServiceTest, WaitsInRealTime) {
     struct RealTime final : HelperProcesses {
         std::vector<pid_t> running() override { return {7}; }
 
+        bool isStopped(pid_t) override { return false; }
+
         void terminate(pid_t) override {}
     } processes;
 
