@@ -18,7 +18,7 @@ namespace halvo::testing {
 namespace Place {
 
 inline const std::string appID = HALVO_BOOTED_APP;
-inline const std::string app = "/Applications/Halvo.app";
+inline const std::string app = "/Applications/" HALVO_BOOTED_APP ".app";
 inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
 inline const std::string libexec = "/usr/libexec/" + appID + ".helper";
 inline const std::string helper = libexec + "/HalvoHelper";

@@ -105,12 +105,13 @@ TEST_F(Installation, TurnsStrangersAway) {
     // Nor is a copy of the app, which the bit is lost of.
     const Answer copied = machine.runIn(
         session,
-        {"sh", "-c", "cp -rp " + Place::app + " ~ && ~/Halvo.app/Contents/MacOS/Halvo 25"});
+        {"sh", "-c",
+         "cp -rp " + Place::app + " ~ && ~/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo 25"});
     EXPECT_EQ(copied.status, 77) << copied.output;
     // Whose home it need not even look into.
-    EXPECT_TRUE(
-        machine.says("Refused a caller: /home/alice/Halvo.app/Contents/MacOS/Halvo cannot be "
-                     "examined: /home/alice: Permission denied"));
+    EXPECT_TRUE(machine.says("Refused a caller: /home/alice/" HALVO_BOOTED_APP
+                             ".app/Contents/MacOS/Halvo cannot be "
+                             "examined: /home/alice: Permission denied"));
     for (Entry entry : machine.journal({"SUBSYSTEM=app.halvo"})) {
         EXPECT_EQ(entry["PRIORITY"], "3");
     }
@@ -121,7 +122,7 @@ TEST_F(Installation, TurnsStrangersAway) {
 // mounted. The helper looks from within its sandbox, in which every mount is nosuid.
 TEST_F(Installation, TurnsTheAppAwayOnAFileSystemOfAPersonsOwn) {
     const std::string session = machine.logIn("alice");
-    const std::string copy = "/mnt/Halvo.app/Contents/MacOS/Halvo";
+    const std::string copy = "/mnt/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo";
     const auto mountCopy = [&](const std::string& option, const std::string& group) {
         machine.sh("mount -t tmpfs -o mode=755," + option + " medium /mnt && cp -rp " + Place::app +
                    " /mnt && chgrp " + group + " " + copy + " && chmod 2755 " + copy);
