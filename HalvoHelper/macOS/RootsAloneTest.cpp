@@ -24,7 +24,10 @@ class RootsAloneOnMacOSPrivateMachineTest : public PrivateMachineTest {
         writeTestFile(file, "");
     }
 
-    void cleanUp() override { std::filesystem::remove_all(folder); }
+    void cleanUp() override {
+        std::filesystem::remove_all(folder);
+        fake::reset();
+    }
 
     const std::string folder = "/Applications/outer";
     const std::string file = folder + "/file";

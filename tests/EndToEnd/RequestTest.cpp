@@ -109,7 +109,7 @@ TEST_F(RequestTest, MustHaveFiniteDatesAndAStartThatCanBeCounted) {
     EXPECT_FALSE(isLocked());
     EXPECT_FALSE(exists(Place::stateFolder));
     EXPECT_EQ(helper.count("Holding*"), 0);
-    EXPECT_EQ(helper.count("Refused a begin for a bundle that isn't the caller's own"), 4);
+    EXPECT_EQ(helper.count("error: Refused a begin for a bundle that isn't the caller's own"), 4);
 }
 
 TEST_F(RequestTest, MayEndWhatIsHeldByAnEndInTheFarPast) {

@@ -24,10 +24,10 @@ struct Process {
     std::string path{};
     // How many bytes proc_pidinfo() returns; 64 is all of them.
     int infoSize = 64;
-    // SIGSTOP reached it.
-    bool isStopped = false;
     // What proc_pidpath() returns in place of the number of bytes that it wrote.
     std::optional<int> pathSize = std::nullopt;
+    // SIGSTOP reached it.
+    bool isStopped = false;
 };
 
 struct LogEntry {
@@ -118,9 +118,10 @@ struct World {
     std::string mainInfo;
 
     // Foundation's folders: the containers of groups that the process may use, and Application
-    // Support (none when empty). "In macOS, a URL of the expected form is always returned", says
-    // Apple's documentation of containerURLForSecurityApplicationGroupIdentifier:, so that of
-    // another group is a place where nobody can make a folder.
+    // Support (none when empty). By Apple's documentation of
+    // containerURLForSecurityApplicationGroupIdentifier: macOS gives a URL for every group, also
+    // one that the process may not use; that of another group is a place where nobody can make a
+    // folder.
     std::map<std::string, std::string> groupContainers;
     std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
