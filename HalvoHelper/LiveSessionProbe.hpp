@@ -19,11 +19,13 @@ namespace halvo {
 // session is closing, it counts as left, but for no longer than an announced end of the session is
 // waited for (HelperEngine::Timing::sessionEndGrace): a program that is left behind keeps a session
 // closing, and at the seat, for as long as it likes. The time counts, through sleep, from when the
-// person was first seen there in a closing session after they had one that was not. The processes
-// are those of /proc (proc(5)): one counts when its executable's path is the bundle's, that file is
-// the very one at the path (a mount namespace can forge a path), and its effective user is the one
-// asked about. A process that was stopped counts, one that has ended but was not waited for does
-// not.
+// person was first seen there in a closing session after they had one that was not, or earlier in
+// this very session.
+//
+// The processes are those of /proc (proc(5)): one counts when its executable's path is the
+// bundle's, that file is the very one at the path (a mount namespace can forge a path), and its
+// effective user is the one asked about. A process that was stopped counts, one that has ended but
+// was not waited for does not.
 class LiveSessionProbe final : public SessionProbe {
   public:
     LiveSessionProbe();

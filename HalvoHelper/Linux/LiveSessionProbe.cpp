@@ -7,6 +7,7 @@
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdlib>
@@ -75,10 +76,12 @@ class Console {
             return std::nullopt;
         }
         if (std::string_view(state.get()) == "closing") {
-            const Seconds since = closingSince_.try_emplace(uid, sinceBoot()).first->second;
+            const Seconds now = sinceBoot();
+            const Seconds since = std::min(peopleClosing_.try_emplace(uid, now).first->second,
+                                           closing_.try_emplace(session.get(), now).first->second);
             leftUntil_ = since + HelperEngine::Timing::sessionEndGrace;
         } else {
-            closingSince_.erase(uid);
+            peopleClosing_.erase(uid);
         }
         return uid;
     }
@@ -89,9 +92,11 @@ class Console {
     std::optional<std::uint32_t> user_;
     // When user_ counts as there again although their session is closing.
     std::optional<Seconds> leftUntil_;
-    // Of each user, not of each session: one that closes after another must not begin it anew, nor
-    // must somebody else who has the seat for a moment.
-    std::map<std::uint32_t, Seconds> closingSince_;
+    // Since when. Of each user: one session that closes after another must not begin it anew, nor
+    // must somebody else who has the seat for a moment. And of each session, whose name logind
+    // gives once: nor must one that the user also has, and goes to in between.
+    std::map<std::uint32_t, Seconds> peopleClosing_;
+    std::map<std::string, Seconds> closing_;
 };
 
 // The executable of the bundle last asked about, kept for as long as its Info.plist is the same.

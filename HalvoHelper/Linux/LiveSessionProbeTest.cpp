@@ -630,11 +630,26 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsAnewOnceThePersonHasASessio
     TimePassing clock;
     letSomebodySit();
     for (int turn = 0; turn < 3; ++turn) {
-        session("1", user.uid, "user", "closing");
+        const std::string name = std::to_string(turn);
+        session(name, user.uid);
+        seat(name, user.uid);
+        EXPECT_EQ(probe.consoleUser(), user.uid);
+        session(name, user.uid, "user", "closing");
         EXPECT_EQ(probe.consoleUser(), std::nullopt);
         clock.pass(Seconds{turn == 1 ? 3600 : 80});
         EXPECT_EQ(probe.consoleUser(), turn == 1 ? std::optional(user.uid) : std::nullopt);
-        session("1", user.uid);
+    }
+}
+
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsASessionThatClosesOnceWhoeverGoesToAndFro) {
+    TimePassing clock;
+    letSomebodySit();
+    session("2", user.uid, "user", "closing");
+    for (int turn = 0; turn < 3; ++turn) {
+        seat("2", user.uid);
+        EXPECT_EQ(probe.consoleUser(), turn < 2 ? std::nullopt : std::optional(user.uid));
+        clock.pass(Seconds{60});
+        seat("1", user.uid);
         EXPECT_EQ(probe.consoleUser(), user.uid);
     }
 }
