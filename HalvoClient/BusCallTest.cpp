@@ -69,13 +69,13 @@ TEST(DeadlineTest, EndsAWaitThatWouldTakeLonger) {
 }
 
 TEST(DeadlineTest, CountsSleep) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root for a time namespace";
-    }
+    constexpr int needsNamespace = 77;
     // Sleep is what the two clocks of the kernel differ by; time_namespaces(7). It holds for
     // children.
     const ChildResult child = runInChild([] {
-        ASSERT_EQ(unshare(CLONE_NEWTIME), 0);
+        if (unshare(CLONE_NEWTIME) != 0) {
+            std::exit(needsNamespace);
+        }
         std::ofstream("/proc/self/timens_offsets") << "boottime 100000 0\n";
         const ChildResult asleep = runInChild([] {
             const auto monotonic = std::chrono::steady_clock::now().time_since_epoch();
@@ -83,6 +83,9 @@ TEST(DeadlineTest, CountsSleep) {
         });
         EXPECT_EQ(asleep.status, 0) << asleep.output;
     });
+    if (child.status == needsNamespace) {
+        GTEST_SKIP() << "needs root and a kernel with time namespaces";
+    }
     EXPECT_EQ(child.status, 0) << child.output;
 }
 

@@ -1,10 +1,14 @@
 #include "HalvoClient/HelperClient.hpp"
 
 #include <sysexits.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -31,11 +35,20 @@ struct CannotAsk {
 // What an attempt ended in: a fault that another attempt may cure, or an end to all attempts.
 using Trouble = std::variant<BusFault, CannotAsk>;
 
+Refused refused() {
+    // The kernel's mark of a file that is gone; proc_pid_exe(5).
+    constexpr std::string_view mark = " (deleted)";
+    std::array<char, PATH_MAX> path{};
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    return {length > 0 &&
+            std::string_view(path.data(), static_cast<std::size_t>(length)).ends_with(mark)};
+}
+
 HelperFailure failureOf(CannotAsk trouble) {
     switch (trouble.code) {
         case EACCES:
         case EPERM:
-            return Refused{};
+            return refused();
         case ETIMEDOUT:
             return TimedOut{};
         case EMFILE:
@@ -143,8 +156,10 @@ struct Describe {
         return "The helper is not running: " + systemText(failure.code) + ".";
     }
 
-    std::string operator()(const Refused&) const {
-        return "The helper refused the connection before reading a request.";
+    std::string operator()(const Refused& failure) const {
+        return failure.wasReplaced
+                   ? "The helper refused the connection: this app was replaced since it started."
+                   : "The helper refused the connection before reading a request.";
     }
 
     std::string operator()(const TimedOut&) const { return "The helper did not answer in time."; }
@@ -283,7 +298,7 @@ HelperClient::Result<BusMessage> HelperClient::ask(const char* member, const App
         switch (std::get<BusFault>(reply.error())) {
             case BusFault::Unauthenticated:
                 if (std::exchange(refusedBefore, true)) {
-                    return std::unexpected(Refused{});
+                    return std::unexpected(refused());
                 }
                 if (!waitBefore(deadline, pauseAfterRefusal)) {
                     return std::unexpected(TimedOut{});

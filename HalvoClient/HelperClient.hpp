@@ -30,6 +30,10 @@ struct NotRunning {
 // The helper closed the connection before authentication was finished, twice: this process is not
 // the installed app, or the helper has no place left. Or the socket itself may not be connected to.
 struct Refused {
+    // The file that this process runs is no longer at its path, as after an upgrade: the helper
+    // serves only what is installed now. Start the app anew.
+    bool wasReplaced = false;
+
     bool operator==(const Refused&) const = default;
 };
 

@@ -411,7 +411,7 @@ TEST_F(HelperClientTest, BeginsNothingOnceTheLimitIsOver) {
 TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) {
     FakeHelper helper(path_, {Conduct::AnswerOnce});
     Decided decided;
-    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), shortLimit),
+    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), Seconds{2}),
               std::unexpected(HelperFailure(TimedOut{})));
     EXPECT_GE(decided.on.size(), 2U);
     EXPECT_EQ(helper.record().requests, helper.record().connections);
@@ -517,6 +517,8 @@ TEST(HelperFailureTest, IsDescribedInASentence) {
               "The helper is not running: No such file or directory.");
     EXPECT_EQ(description(Refused{}),
               "The helper refused the connection before reading a request.");
+    EXPECT_EQ(description(Refused{true}),
+              "The helper refused the connection: this app was replaced since it started.");
     EXPECT_EQ(description(TimedOut{}), "The helper did not answer in time.");
     EXPECT_EQ(description(Rejected{"a.b.Error", "What is that"}),
               "The helper rejected the request: What is that (a.b.Error).");

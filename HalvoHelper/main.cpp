@@ -32,15 +32,14 @@ void runService(const std::string& firstWord) {
     using namespace halvo;
     prepareDaemon();
     logToTerminalToo();
-    const Bundle bundle = Bundle::main();
-    const std::string executable = bundle.executablePath().value_or(firstWord);
     if (!runsAsRoot()) {
         HALVO_LOG_ERROR(helperLog, "The helper runs only as root, from launchd");
-        if (const auto advice = startAdvice(executable)) {
+        if (const auto advice = startAdvice(Bundle::main().executablePath().value_or(firstWord))) {
             HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
         }
         std::exit(exitNoPermission);
     }
+    const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
     if (!identity) {
         HALVO_LOG_ERROR(helperLog, "The helper has no team or app identifier in its Info.plist");
@@ -61,7 +60,7 @@ void runService(const std::string& firstWord) {
     auto& locks = *new RecordedLocks(files, flags);
     auto& store = *new LoggedStore(locks, queue);
     auto& session = *new LiveSessionProbe;
-    auto& opener = *new LiveOpener(executable);
+    auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
     auto& service = *new HelperService(*identity, {clock, locks, store, session, opener},
                                        *listener->release(), queue);
     service.start();

@@ -666,8 +666,7 @@ TEST_F(BusConnectionTest, LeavesOtherConnectionsAloneWhenItEnds) {
     EXPECT_EQ(firstClient->call(firstClient->request("Status")).signature, "badb");
 }
 
-// ---------------------------------------------------------------- what a status said is no longer
-// so
+// ---------------------------------------------------------------- what a status said is outdated
 
 TEST_F(BusConnectionTest, TellsOfABeginThatWasTaken) {
     connect();

@@ -62,11 +62,11 @@ std::optional<std::string> targetOf(const std::string& link) {
     return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
-// The lines of the file, without their ends. False, with the errno, when it cannot be read to its
+// The lines of the file, with their ends. False, with the errno, when it cannot be read to its
 // end and `use` has not said, by true, that it has seen enough.
 template <class Use>
 bool forEachLine(const std::string& path, Use use) {
-    const LineFile file = openLines(path);
+    LineFile file = openLines(path);
     if (file == nullptr) {
         return false;
     }
@@ -78,9 +78,11 @@ bool forEachLine(const std::string& path, Use use) {
         enough = use(std::string_view(raw, static_cast<std::size_t>(length)));
     }
     const int code = errno;
-    const std::unique_ptr<char, decltype(&std::free)> last(raw, &std::free);
+    const bool isWhole = enough || std::feof(file.get()) != 0;
+    std::free(raw);
+    file.reset();
     errno = code;
-    return enough || std::feof(file.get()) != 0;
+    return isWhole;
 }
 
 // Takes the first word off `line`.

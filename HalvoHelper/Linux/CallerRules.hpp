@@ -40,7 +40,7 @@ class CallerRules {
     // Whether the process behind the connected socket `connection` is the app: the caller, or the
     // rule that it failed, as a text for the log. All must hold:
     //
-    // 1. The file that it runs lies on a mount on which the kernel honours the set-group-id bit:
+    // 1. The file that it runs lies on a mount on which the kernel honours the set-group-id bit,
     // one
     //    that process 1 has, without nosuid (proc_pid_mountinfo(5)). In a file system that a person
     //    wrote, and may mount, everything else here could be as it must. Looked at before any path

@@ -665,14 +665,14 @@ TEST_F(CallerRulesPrivateMachineTest, ReadAFileThatIsTheSameOnlyOnce) {
     };
     // The executable, the mounts, three account files, the groups, the Info.plist.
     EXPECT_EQ(opened(), 7U);
-    sleep(2);  // until a change would show
+    sleep(3);  // until a change would show
     opened();
     EXPECT_EQ(opened(), 3U);
     app->writeInfo("com.example.other");
     EXPECT_FALSE(rules.check(connection.get()));
     app->writeInfo();
     EXPECT_EQ(opened(), 4U);
-    sleep(2);
+    sleep(3);
     opened();
     EXPECT_EQ(opened(), 3U);
     // In place, of the same length, and with the times of before, which everybody can set.
@@ -693,7 +693,7 @@ TEST_F(CallerRulesPrivateMachineTest, KeepOnlyAFewInfosInMind) {
         bundle.writeInfo(number % 3 == 0 ? "com.example.other" : "com.example.app");
         bundle.install(appGroup);
     }
-    sleep(2);
+    sleep(3);
     for (int round = 0; round < 2; ++round) {
         for (int number = 0; number < 20; ++number) {
             const Descriptor connection = connectionOf("/Applications/" + std::to_string(number) +

@@ -29,8 +29,8 @@ using Text = std::unique_ptr<char, decltype(&std::free)>;
 
 // The user at seat0. Asking sd-login opens, parses and allocates; so it is asked only when one of
 // the two files behind the last answer is no longer the same; logind replaces files by rename,
-// which gives another inode. Where those files are is logind's own
-// affair: should they lie elsewhere, it is asked every time.
+// which gives another inode. Where those files are is logind's own affair: should they lie
+// elsewhere, it is asked every time.
 class Console {
   public:
     std::optional<std::uint32_t> user() {
@@ -82,6 +82,7 @@ class Console {
             leftUntil_ = since + HelperEngine::Timing::sessionEndGrace;
         } else {
             peopleClosing_.erase(uid);
+            closing_.erase(session.get());
         }
         return uid;
     }
@@ -93,8 +94,8 @@ class Console {
     // When user_ counts as there again although their session is closing.
     std::optional<Seconds> leftUntil_;
     // Since when. Of each user: one session that closes after another must not begin it anew, nor
-    // must somebody else who has the seat for a moment. And of each session, whose name logind
-    // gives once: nor must one that the user also has, and goes to in between.
+    // must somebody else who has the seat for a moment. And of each session, which stays closing
+    // while the user goes to another of theirs and comes back.
     std::map<std::uint32_t, Seconds> peopleClosing_;
     std::map<std::string, Seconds> closing_;
 };

@@ -108,7 +108,7 @@ TEST_F(PrivateGroupTest, IsNotToldFromAFileThatCannotBeRead) {
 
 TEST_F(PrivateGroupTest, IsAskedForAgainWhenAFileHasChanged) {
     PrivateGroups groups(etc.path());
-    sleep(2);  // until a change would show
+    sleep(3);  // until a change would show
     EXPECT_EQ(groups.problem(gid), std::nullopt);
     const std::size_t opened = callsMade(SystemCall::open);
     EXPECT_EQ(groups.problem(gid), std::nullopt);

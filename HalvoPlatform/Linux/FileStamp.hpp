@@ -27,8 +27,9 @@ struct FileStamp {
                          status.st_ctim};
     }
 
-    // Whether another change would show. The kernel's file times go by its tick (10 ms at most):
-    // what is written in place twice within one has the same stamp. A time to come is as bad.
+    // Whether another change would show. The kernel's file times go by its tick (10 ms at most),
+    // or did before Linux 6.13: what is written in place twice within one has the same stamp. A
+    // time to come is as bad.
     [[nodiscard]] bool isSettled() const { return changed.tv_sec + 1 < std::time(nullptr); }
 
     bool operator==(const FileStamp& other) const {

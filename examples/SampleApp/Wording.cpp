@@ -18,7 +18,10 @@ struct Advise {
         return "Is it installed, and is its service started?";
     }
 
-    std::string operator()(const HelperFailures::Refused&) const {
+    std::string operator()(const HelperFailures::Refused& failure) const {
+        if (failure.wasReplaced) {
+            return "Quit Halvo and start it anew.";
+        }
         return "It serves only the app as an administrator installed it: owned by root and "
                "set-group-id. Install this bundle, start Halvo from there, and look into the "
                "helper's log for the reason.";

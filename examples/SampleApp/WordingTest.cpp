@@ -56,6 +56,7 @@ TEST_F(WordingTest, SaysWhatIsTheMatterAndWhatToDo) {
               "The helper is not running: No such file or directory. Is it installed, and is its "
               "service started?");
     EXPECT_THAT(advice(HelperFailures::Refused{}), HasSubstr("set-group-id"));
+    EXPECT_THAT(advice(HelperFailures::Refused{true}), HasSubstr("start it anew"));
     EXPECT_THAT(advice(HelperFailures::TimedOut{}), StartsWith("The helper did not answer"));
     EXPECT_THAT(advice(HelperFailures::Rejected{"a.b.C", "No"}), EndsWith("update both."));
     EXPECT_THAT(advice(HelperFailures::NoResources{24}), EndsWith("try again."));

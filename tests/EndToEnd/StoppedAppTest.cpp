@@ -128,8 +128,8 @@ TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
 }
 
 TEST_F(StoppedAppTest, BegunElsewhereDisconnectsThePersonsProcessesThatWereToldOtherwise) {
-    const auto talk = [this](const char* word, uid_t person) {
-        return Program({.words = {Place::talker, word, "~2", word}, .person = person});
+    const auto talk = [](const char* word, uid_t person) {
+        return Program({.words = {Place::talker, word, "~10", word}, .person = person});
     };
     Program told = talk("Status", world.user);
     Program notTold = talk("Heartbeat:b", world.user);

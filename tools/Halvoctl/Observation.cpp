@@ -115,7 +115,9 @@ std::vector<std::string> homeApplications() {
     std::vector<std::string> folders;
     setpwent();
     while (const passwd* entry = getpwent()) {
-        folders.push_back(entry->pw_dir + std::string("/Applications"));
+        if (entry->pw_dir != nullptr) {
+            folders.push_back(entry->pw_dir + std::string("/Applications"));
+        }
     }
     endpwent();
     return folders;

@@ -87,8 +87,9 @@ std::vector<std::string> lockableFolders(const Sandbox& sandbox) {
         return homeApplications();
     }
     std::vector<std::string> folders = sandbox.writable;
-    std::erase_if(folders,
-                  [](const std::string& each) { return !each.ends_with("/Applications"); });
+    for (std::string& each : folders) {
+        each += each.ends_with("/Applications") ? "" : "/Applications";
+    }
     return folders;
 }
 

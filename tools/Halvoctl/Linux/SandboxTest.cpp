@@ -91,10 +91,12 @@ TEST(SandboxTest, HidesSomeFolders) {
 }
 
 TEST(SandboxTest, LetsTheHelperLockInFoldersForApplications) {
-    EXPECT_EQ(lockableFolders({true,
-                               {"/Applications", "/Library/Application Support",
-                                "/srv/Applications", "/srv/MyApplications"}}),
-              (std::vector<std::string>{"/Applications", "/srv/Applications"}));
+    EXPECT_EQ(
+        lockableFolders({true,
+                         {"/Applications", "/Library/Application Support", "/srv/Applications",
+                          "/srv/MyApplications"}}),
+        (std::vector<std::string>{"/Applications", "/Library/Application Support/Applications",
+                                  "/srv/Applications", "/srv/MyApplications/Applications"}));
     EXPECT_EQ(lockableFolders({false, {"/Applications"}}), homeApplications());
     const auto homes = homeApplications();
     EXPECT_NE(std::ranges::find(homes, "/root/Applications"), homes.end());
