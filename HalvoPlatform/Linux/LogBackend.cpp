@@ -35,6 +35,16 @@ std::array<std::string, 3> contextFields;
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the same.
 bool isForTerminal = false;
 
+// A path may hold anything: the lines of somebody else, what a terminal takes for a command.
+void appendPrintable(std::string& message, std::string_view text) {
+    constexpr unsigned char firstPrintable = 0x20;
+    constexpr unsigned char deletion = 0x7F;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        message += byte < firstPrintable || byte == deletion ? ' ' : character;
+    }
+}
+
 std::string formatted(std::string_view format, const detail::LogArgument* arguments) {
     std::string message;
     while (!format.empty()) {
@@ -45,7 +55,7 @@ std::string formatted(std::string_view format, const detail::LogArgument* argume
             continue;
         }
         if (arguments->kind == detail::LogArgument::Kind::Text) {
-            message += arguments->text;
+            appendPrintable(message, arguments->text);
         } else {
             message += std::to_string(arguments->number);
         }
@@ -119,12 +129,6 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
     std::string line = std::string(logger.subsystem) + " " + logger.category + ": ";
     line += level == LogLevel::Error ? "error: " : "";
     line += message;
-    // A message is one line, whatever a path inside it holds.
-    for (char& character : line) {
-        if (character == '\n' || character == '\r') {
-            character = ' ';
-        }
-    }
     line += '\n';
     if (isTerminal) {
         writeToTerminal(line);

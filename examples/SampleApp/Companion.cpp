@@ -20,6 +20,8 @@ namespace {
 
 // A system that ends a session does not wait long for each program.
 constexpr Seconds farewellLimit{1};
+// Long enough for a machine that is busy with the end of a session.
+constexpr Seconds someBeats{10};
 
 // The clock on a terminal goes by seconds.
 constexpr Seconds second{1};
@@ -130,6 +132,9 @@ int Companion::stay() {
 }
 
 Companion::Next Companion::beat() {
+    if (!isClosing()) {
+        wasOpenUntil_ = deadlineAfter(someBeats);
+    }
     const auto alive = client_.heartbeat(/*sessionEnding=*/false, pace_.heartbeatLimit);
     if (!alive) {
         return isInTrouble(alive.error());
@@ -208,7 +213,8 @@ int Companion::waitForSignal(Deadline until) const {
 }
 
 void Companion::leave(int signal) {
-    if (signal != SIGINT && isSessionEnding(readSessionFacts(farewellLimit))) {
+    if (signal != SIGINT &&
+        isSessionEnding(readSessionFacts(farewellLimit), now() < wasOpenUntil_)) {
         // The helper then does not open the app into a session that is going away.
         const auto told = client_.heartbeat(/*sessionEnding=*/true, farewellLimit);
         display_.say(told ? "The session is ending; the helper knows." : advice(told.error()));

@@ -68,6 +68,8 @@ class Companion {
     std::string trouble_;
     // Nothing holds any more, and the person has been told.
     bool over_ = false;
+    // For how long a session that closes counts as one that was open just now.
+    Deadline wasOpenUntil_;
     // When the app ends by itself, unless a helper that is there says that something holds.
     Deadline leavingAt_;
 };

@@ -38,6 +38,19 @@ std::optional<std::string> stateOfUser() {
     return textOf([](char** text) { return sd_uid_get_state(getuid(), text); });
 }
 
+SessionFacts readStates() {
+    SessionFacts facts;
+    if (const auto session = ownSession()) {
+        facts.sessionState = stateOf(*session);
+    }
+    facts.userState = stateOfUser();
+    return facts;
+}
+
+bool isClosing(const SessionFacts& facts) {
+    return (facts.sessionState ? facts.sessionState : facts.userState) == "closing";
+}
+
 std::optional<bool> askPreparingForShutdown(Seconds limit) {
     sd_bus* rawBus = nullptr;
     if (sd_bus_open_system(&rawBus) < 0) {
@@ -63,19 +76,16 @@ std::optional<bool> askPreparingForShutdown(Seconds limit) {
 
 }  // namespace
 
-bool isSessionEnding(const SessionFacts& facts) {
-    const auto& state = facts.sessionState ? facts.sessionState : facts.userState;
-    return state == "closing" || facts.preparingForShutdown == true;
+bool isSessionEnding(const SessionFacts& facts, bool wasOpen) {
+    return (isClosing(facts) && wasOpen) || facts.preparingForShutdown == true;
 }
 
+bool isClosing() { return isClosing(readStates()); }
+
 SessionFacts readSessionFacts(Seconds limit) {
-    SessionFacts facts;
-    if (const auto session = ownSession()) {
-        facts.sessionState = stateOf(*session);
-    }
-    facts.userState = stateOfUser();
+    SessionFacts facts = readStates();
     // The files that answer the above cost nothing, a question on the bus does.
-    if (!isSessionEnding(facts)) {
+    if (!isClosing(facts)) {
         facts.preparingForShutdown = askPreparingForShutdown(limit);
     }
     return facts;

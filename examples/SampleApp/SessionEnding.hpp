@@ -21,8 +21,13 @@ struct SessionFacts {
 };
 
 // Whether a request to end, received now, is part of the session's end. Without logind it never is:
-// the app then leaves no excuse behind.
-bool isSessionEnding(const SessionFacts& facts);
+// the app then leaves no excuse behind. Nor is it where the session was closing before already
+// (`wasOpen`: it was not, some seconds ago): a program that is left behind keeps it so, and
+// somebody could start the app in it again and again only to have its end announced.
+bool isSessionEnding(const SessionFacts& facts, bool wasOpen);
+
+// Whether the session, or the person, is closing. Reads files of logind's only.
+bool isClosing();
 
 // Asks logind, and waits for it at most `limit`.
 SessionFacts readSessionFacts(Seconds limit);

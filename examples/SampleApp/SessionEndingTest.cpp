@@ -14,30 +14,36 @@
 namespace halvo::testing {
 namespace {
 
-TEST(SessionEndingTest, IsNotAssumedWithoutLogind) { EXPECT_FALSE(isSessionEnding({})); }
+TEST(SessionEndingTest, IsNotAssumedWithoutLogind) { EXPECT_FALSE(isSessionEnding({}, true)); }
 
 TEST(SessionEndingTest, FollowsTheOwnSession) {
-    EXPECT_TRUE(isSessionEnding({"closing", std::nullopt, std::nullopt}));
-    EXPECT_FALSE(isSessionEnding({"active", std::nullopt, std::nullopt}));
-    EXPECT_FALSE(isSessionEnding({"online", std::nullopt, std::nullopt}));
+    EXPECT_TRUE(isSessionEnding({"closing", std::nullopt, std::nullopt}, true));
+    EXPECT_FALSE(isSessionEnding({"active", std::nullopt, std::nullopt}, true));
+    EXPECT_FALSE(isSessionEnding({"online", std::nullopt, std::nullopt}, true));
 }
 
 TEST(SessionEndingTest, PrefersTheOwnSessionToThePerson) {
-    EXPECT_TRUE(isSessionEnding({"closing", "active", std::nullopt}));
-    EXPECT_FALSE(isSessionEnding({"active", "closing", std::nullopt}));
+    EXPECT_TRUE(isSessionEnding({"closing", "active", std::nullopt}, true));
+    EXPECT_FALSE(isSessionEnding({"active", "closing", std::nullopt}, true));
 }
 
 TEST(SessionEndingTest, FollowsThePersonWithoutASession) {
-    EXPECT_TRUE(isSessionEnding({std::nullopt, "closing", std::nullopt}));
+    EXPECT_TRUE(isSessionEnding({std::nullopt, "closing", std::nullopt}, true));
     for (const char* state : {"offline", "lingering", "online", "active", "opening"}) {
-        EXPECT_FALSE(isSessionEnding({std::nullopt, state, std::nullopt})) << state;
+        EXPECT_FALSE(isSessionEnding({std::nullopt, state, std::nullopt}, true)) << state;
     }
 }
 
+TEST(SessionEndingTest, IsOverOnceForASessionThatIsKeptClosing) {
+    EXPECT_FALSE(isSessionEnding({"closing", "closing", std::nullopt}, false));
+    EXPECT_FALSE(isSessionEnding({std::nullopt, "closing", false}, false));
+    EXPECT_TRUE(isSessionEnding({"active", "active", true}, false));
+}
+
 TEST(SessionEndingTest, FollowsTheMachine) {
-    EXPECT_TRUE(isSessionEnding({"active", "active", true}));
-    EXPECT_TRUE(isSessionEnding({std::nullopt, std::nullopt, true}));
-    EXPECT_FALSE(isSessionEnding({"active", "active", false}));
+    EXPECT_TRUE(isSessionEnding({"active", "active", true}, true));
+    EXPECT_TRUE(isSessionEnding({std::nullopt, std::nullopt, true}, true));
+    EXPECT_FALSE(isSessionEnding({"active", "active", false}, true));
 }
 
 // Puts a bus of its own in the place of the system's.

@@ -64,9 +64,6 @@ TEST_F(UpgradeTest, MakesTheFormerAppCountForNothingOnceItIsSilent) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     Program former = startFormerApp();
     former.stop();
-    EXPECT_TRUE(eventually(Seconds{10}, [&] {
-        return former.output().find("start it anew") != std::string::npos;
-    })) << former.output();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
     EXPECT_TRUE(
         eventually(Seconds{3}, [] { return processesRunning(Place::appExecutable).size() == 1; }));
@@ -81,6 +78,9 @@ TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
     helper->kill();
     helper.emplace();
     EXPECT_TRUE(helper->says(replaced, Seconds{10})) << helper->process().output();
+    EXPECT_TRUE(eventually(Seconds{10}, [&] {
+        return former.output().find("start it anew") != std::string::npos;
+    })) << former.output();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
     EXPECT_TRUE(
         eventually(Seconds{3}, [] { return processesRunning(Place::appExecutable).size() == 1; }));
