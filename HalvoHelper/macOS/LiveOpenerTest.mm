@@ -141,8 +141,8 @@ TEST_F(LiveOpenerPrivateMachineTest, StartsNothingWhenItsCopyIsNotSignedAsTheHel
     writeTestFile(helper, "a way to root");
     opener.open(app, 501, false);
     EXPECT_THAT(fake::world().launches, IsEmpty());
-    EXPECT_THAT(fake::errors(),
-                ElementsAre("Couldn't open Halvo: " + copy + ": code object is not signed at all"));
+    EXPECT_THAT(fake::errors(), ElementsAre("Couldn't open Halvo: " + copy +
+                                            ".unchecked: code object is not signed at all"));
     EXPECT_EQ(fake::world().log.size(), 1U);
     // There is nothing to check it by.
     fake::world().mainInfo = "";
