@@ -172,14 +172,17 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereSomebodyElseCouldChangeIt) {
 }
 
 TEST_F(HelperCopyPrivateMachineTest, GoesWhenTheProcessEnds) {
-    const ChildResult process = runInChild([&] {
-        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
-        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
-        EXPECT_TRUE(fs::exists(copy));
-        std::exit(::testing::Test::HasFailure() ? 1 : 0);
-    });
-    EXPECT_EQ(process.status, 0) << process.output;
-    EXPECT_FALSE(fs::exists(folder));
+    for (const int openings : {1, 2}) {
+        const ChildResult process = runInChild([&] {
+            for (int count = 0; count < openings; ++count) {
+                EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+            }
+            EXPECT_TRUE(fs::exists(copy));
+            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+        });
+        EXPECT_EQ(process.status, 0) << process.output;
+        EXPECT_FALSE(fs::exists(folder)) << openings;
+    }
 }
 
 TEST_F(HelperCopyPrivateMachineTest, GoesFromTheFolderThatWasUsedLast) {
