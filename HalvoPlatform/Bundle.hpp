@@ -26,7 +26,8 @@ std::optional<std::string> infoString(const InfoDictionary& info, const std::str
 // thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
 // as missing. On macOS the system reads them instead (-[NSBundle infoDictionary]): of any length,
 // once for each bundle and process; a bundle that is there has members even without an Info.plist,
-// the system's own; and a program in no bundle carries its Info.plist inside itself.
+// the system's own. There the Info.plist that this program carries inside itself
+// (__TEXT,__info_plist), if it does, is that of its bundle, whatever lies on the disk.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.

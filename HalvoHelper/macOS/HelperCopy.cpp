@@ -1,6 +1,8 @@
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 
+#include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -15,6 +17,7 @@ namespace {
 // Several times what it takes, for both architectures.
 constexpr std::size_t longestExecutable = 16777216;
 constexpr const char* name = "HalvoHelper";
+constexpr const char* uncheckedName = "HalvoHelper.unchecked";
 
 void removeFolder(const std::string& path) {
     std::error_code ignored;
@@ -50,13 +53,19 @@ std::expected<std::string, std::string> make(const std::string& executable,
     }
     // A new file each time: the system remembers of a file what it has found its signature to be,
     // and ends what runs from one that is written over.
-    if (const auto written = replaceFile(place, name, *bytes, 0700); !written) {
+    if (const auto written = replaceFile(place, uncheckedName, *bytes, 0700); !written) {
         return std::unexpected(written.error().message);
     }
-    std::string copy = place + "/" + name;
-    if (const auto checked = checkCodeSignature(copy, identity.helperRequirement()); !checked) {
+    const std::string unchecked = place + "/" + uncheckedName;
+    if (const auto checked = checkCodeSignature(unchecked, identity.helperRequirement());
+        !checked) {
         removeFolder(place);
         return std::unexpected(checked.error());
+    }
+    // Only now: what the last opening has started may not yet have come to its execve(2).
+    std::string copy = place + "/" + name;
+    if (std::rename(unchecked.c_str(), copy.c_str()) != 0) {
+        return std::unexpected(copy + ": " + std::generic_category().message(errno));
     }
     return copy;
 }

@@ -14,8 +14,8 @@ std::string folder(const HelperIdentity& identity);
 
 // Makes a new copy of the `executable`, in the place of an older one, and returns its path; or says
 // why there is none. `executable` is read once. Then the copy alone is looked at, which nobody but
-// root can reach: it must be signed as the helper's own requirement demands. One that is not is
-// gone when this returns.
+// root can reach: it must be signed as the helper's own requirement demands, and has its path only
+// when it was found to be. One that is not is gone when this returns, and an older one with it.
 //
 // The copy starts in open-as-user mode without the rest of the bundle: its Info.plist is inside the
 // executable, and it loads libraries of the system only. It goes when the process ends

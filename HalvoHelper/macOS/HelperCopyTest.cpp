@@ -28,6 +28,7 @@ using Result = std::expected<std::string, std::string>;
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string folder = "/Library/Application Support/com.example.app.helper.copy";
 const std::string copy = folder + "/HalvoHelper";
+const std::string unchecked = copy + ".unchecked";
 
 // The executable lies in a bundle of the person's.
 class HelperCopyPrivateMachineTest : public PrivateMachineTest {
@@ -80,7 +81,8 @@ TEST_F(HelperCopyPrivateMachineTest, LiesWhereRootAloneCanReachIt) {
 // Strictly, every architecture, and without the network: CSCommon.h and SecStaticCode.h.
 TEST_F(HelperCopyPrivateMachineTest, IsItselfWhatIsChecked) {
     EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
-    EXPECT_THAT(fake::world().signatureChecks, ElementsAre(fake::SignatureCheck{copy, 0x20000011}));
+    EXPECT_THAT(fake::world().signatureChecks,
+                ElementsAre(fake::SignatureCheck{unchecked, 0x20000011}));
 }
 
 TEST_F(HelperCopyPrivateMachineTest, IsNotTouchedByWhoChangesTheBundleMeanwhile) {
@@ -89,8 +91,17 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotTouchedByWhoChangesTheBundleMeanwhile)
     EXPECT_EQ(readTestFile(copy), "the helper");
     // And what is checked is what is there by then.
     put("the helper");
-    fake::world().onSignatureCheck = [] { writeTestFile(copy, "a way to root"); };
-    expectRefusal(copy + ": code object is not signed at all");
+    fake::world().onSignatureCheck = [] { writeTestFile(unchecked, "a way to root"); };
+    expectRefusal(unchecked + ": code object is not signed at all");
+}
+
+// What the last opening has started may still be on its way there.
+TEST_F(HelperCopyPrivateMachineTest, IsNeverAtItsPathBeforeItWasChecked) {
+    fake::world().onSignatureCheck = [] { EXPECT_FALSE(fs::exists(copy)); };
+    EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+    put("a way to root");
+    fake::world().onSignatureCheck = [] { EXPECT_EQ(readTestFile(copy), "the helper"); };
+    expectRefusal(unchecked + ": code object is not signed at all");
 }
 
 TEST_F(HelperCopyPrivateMachineTest, IsMadeAnewEachTimeFromWhatTheBundleHoldsByThen) {
@@ -107,14 +118,14 @@ TEST_F(HelperCopyPrivateMachineTest, IsMadeAnewEachTimeFromWhatTheBundleHoldsByT
     EXPECT_NE(first.st_ino, second.st_ino) << "what runs from the first is left alone";
     close(held);
     put("a way to root");
-    expectRefusal(copy + ": code object is not signed at all");
+    expectRefusal(unchecked + ": code object is not signed at all");
 }
 
 TEST_F(HelperCopyPrivateMachineTest, IsRefusedForWhatTheTeamHasSignedAsSomethingElse) {
     put("the app");
-    expectRefusal(copy + ": code failed to satisfy specified code requirement(s)");
+    expectRefusal(unchecked + ": code failed to satisfy specified code requirement(s)");
     fake::world().errorsHaveTexts = false;
-    expectRefusal(copy + ": code signing error -67050");
+    expectRefusal(unchecked + ": code signing error -67050");
 }
 
 TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFile) {
@@ -129,7 +140,7 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFile) {
 
 TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfMoreThanAHelperCanBe) {
     fs::resize_file(executable, 16777216);
-    expectRefusal(copy + ": code object is not signed at all");
+    expectRefusal(unchecked + ": code object is not signed at all");
     fs::resize_file(executable, 16777217);
     expectRefusal(executable + ": File too large");
 }
@@ -150,21 +161,28 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereSomebodyElseCouldChangeIt) {
     EXPECT_EQ(HelperCopy::make(executable, identity),
               Result(std::unexpected(folder + ": Not a directory")));
     fs::remove(folder);
+    fs::create_directories(unchecked);
+    EXPECT_EQ(HelperCopy::make(executable, identity),
+              Result(std::unexpected(unchecked + ": Is a directory")));
+    EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
+    fs::remove(unchecked);
     fs::create_directories(copy);
     EXPECT_EQ(HelperCopy::make(executable, identity),
               Result(std::unexpected(copy + ": Is a directory")));
-    EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
 }
 
 TEST_F(HelperCopyPrivateMachineTest, GoesWhenTheProcessEnds) {
-    const ChildResult process = runInChild([&] {
-        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
-        EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
-        EXPECT_TRUE(fs::exists(copy));
-        std::exit(::testing::Test::HasFailure() ? 1 : 0);
-    });
-    EXPECT_EQ(process.status, 0) << process.output;
-    EXPECT_FALSE(fs::exists(folder));
+    for (const int openings : {1, 2}) {
+        const ChildResult process = runInChild([&] {
+            for (int count = 0; count < openings; ++count) {
+                EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
+            }
+            EXPECT_TRUE(fs::exists(copy));
+            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+        });
+        EXPECT_EQ(process.status, 0) << process.output;
+        EXPECT_FALSE(fs::exists(folder)) << openings;
+    }
 }
 
 TEST_F(HelperCopyPrivateMachineTest, GoesFromTheFolderThatWasUsedLast) {

@@ -61,7 +61,7 @@ std::expected<std::string, std::string> rootsProgram(const std::string& executab
 }
 
 // While it lives, what this thread starts has every signal at its default and none blocked,
-// whatever NSTask does about them: the helper ignores SIGTERM and SIGPIPE, and Dispatch's threads
+// whatever NSTask does about them: the helper ignores SIGTERM, and Dispatch's threads
 // block all they can.
 //
 // What is ignored is caught meanwhile, by nothing: execve(2) makes that the default in the child,
@@ -108,8 +108,11 @@ void logFailure(const std::string& reason) {
     HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", reason.c_str());
 }
 
+// Who reads it types it into a shell: a path that could end the quotes is not in it.
 std::string unifiedLogOf(const std::string& appPath) {
-    return "log show --last 10m --predicate 'processImagePath BEGINSWITH \"" + appPath + "/\"'";
+    const bool isPlain = appPath.find_first_of("'\"\\") == std::string::npos;
+    return "log show --last 10m --predicate 'processImagePath CONTAINS \"" +
+           (isPlain ? appPath : ".app") + "/\"'";
 }
 
 }  // namespace

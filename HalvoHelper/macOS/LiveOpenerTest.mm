@@ -79,12 +79,21 @@ TEST_F(LiveOpenerPrivateMachineTest, TellsWhereTheMessagesAreOfAnAppThatDoesNotS
         return fake::LogEntry{"app.halvo", "Helper", true,
                               "Opened Halvo " + times +
                                   " times in a row, and it didn't stay; its own messages: log show "
-                                  "--last 10m --predicate 'processImagePath BEGINSWITH \"" +
+                                  "--last 10m --predicate 'processImagePath CONTAINS \"" +
                                   app + "/\"'"};
     };
     EXPECT_THAT(fake::world().log, ElementsAre(told("2"), told("4")));
     EXPECT_EQ(fake::world().launches.back(), fake::world().launches.front())
         << "there is one way only";
+}
+
+TEST_F(LiveOpenerPrivateMachineTest, TellsNoCommandThatAPathCouldEnd) {
+    const std::string odd = disk / "H'$(x)'.app";
+    std::filesystem::create_directory(odd);
+    for (int turn = 0; turn < 3; ++turn) {
+        opener.open(odd, 501, false);
+    }
+    EXPECT_THAT(fake::errors(), ElementsAre(::testing::EndsWith("CONTAINS \".app/\"'")));
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, OpensAnOddlyNamedApp) {
@@ -141,8 +150,8 @@ TEST_F(LiveOpenerPrivateMachineTest, StartsNothingWhenItsCopyIsNotSignedAsTheHel
     writeTestFile(helper, "a way to root");
     opener.open(app, 501, false);
     EXPECT_THAT(fake::world().launches, IsEmpty());
-    EXPECT_THAT(fake::errors(),
-                ElementsAre("Couldn't open Halvo: " + copy + ": code object is not signed at all"));
+    EXPECT_THAT(fake::errors(), ElementsAre("Couldn't open Halvo: " + copy +
+                                            ".unchecked: code object is not signed at all"));
     EXPECT_EQ(fake::world().log.size(), 1U);
     // There is nothing to check it by.
     fake::world().mainInfo = "";

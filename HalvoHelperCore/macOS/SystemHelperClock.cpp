@@ -3,10 +3,10 @@
 #include <sys/sysctl.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 namespace halvo {
@@ -16,11 +16,11 @@ namespace {
 // the wall clock and the moment of the boot, which are moved one after the other when the clock is
 // set: a reading may lie a little before the last one, which would be taken for another boot.
 std::uint64_t neverBack(std::uint64_t count) {
-    static std::atomic<std::uint64_t> greatest{0};
-    std::uint64_t before = greatest.load();
-    while (before < count && !greatest.compare_exchange_weak(before, count)) {
-    }
-    return std::max(before, count);
+    static std::mutex mutex;
+    static std::uint64_t greatest;
+    const std::scoped_lock lock(mutex);
+    greatest = std::max(greatest, count);
+    return greatest;
 }
 
 }  // namespace

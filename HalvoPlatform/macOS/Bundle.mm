@@ -1,6 +1,8 @@
 #include "HalvoPlatform/Bundle.hpp"
 
 #import <Foundation/Foundation.h>
+#include <mach-o/dyld.h>
+#include <mach-o/getsect.h>
 
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 
@@ -9,14 +11,27 @@ namespace {
 
 std::string ownExecutablePath() { return textOf(NSBundle.mainBundle.executablePath).value_or(""); }
 
-// The main bundle is more than what lies at its path: a program in no bundle carries its Info.plist
-// inside itself, in the section __TEXT,__info_plist.
-NSBundle* foundationBundle(const std::string& path, const std::optional<std::string>& executable) {
-    if (executable == ownExecutablePath()) {
-        return NSBundle.mainBundle;
-    }
+NSBundle* foundationBundle(const std::string& path) {
     NSString* place = foundationText(path);
     return place == nil ? nil : [[NSBundle alloc] initWithPath:place];
+}
+
+// A program in no bundle carries its Info.plist inside itself, in the section __TEXT,__info_plist,
+// which its signature covers. The main bundle would have one that lies beside the program instead,
+// if somebody has put it there.
+NSDictionary<NSString*, id>* ownInfo() {
+    unsigned long size = 0;
+    const void* program = _dyld_get_image_header(0);
+    const void* bytes = getsectiondata(static_cast<const mach_header_64*>(program), "__TEXT",
+                                       "__info_plist", &size);
+    if (bytes == nullptr) {
+        return NSBundle.mainBundle.infoDictionary;
+    }
+    return [NSPropertyListSerialization propertyListWithData:[NSData dataWithBytes:bytes
+                                                                            length:size]
+                                                     options:NSPropertyListImmutable
+                                                      format:nil
+                                                       error:nil];
 }
 
 InfoValue valueOf(id member) {
@@ -34,8 +49,9 @@ Bundle Bundle::main() {
 
 std::optional<InfoDictionary> Bundle::info() const {
     @autoreleasepool {
-        NSDictionary<NSString*, id>* members =
-            foundationBundle(path_, ownExecutable_).infoDictionary;
+        NSDictionary<NSString*, id>* members = ownExecutable_ == ownExecutablePath()
+                                                   ? ownInfo()
+                                                   : foundationBundle(path_).infoDictionary;
         if (members == nil) {
             return std::nullopt;
         }
@@ -54,7 +70,7 @@ std::optional<std::string> Bundle::executablePath() const {
         return ownExecutable_->empty() ? std::nullopt : ownExecutable_;
     }
     @autoreleasepool {
-        return textOf(foundationBundle(path_, std::nullopt).executablePath);
+        return textOf(foundationBundle(path_).executablePath);
     }
 }
 

@@ -51,14 +51,17 @@ TEST_F(MainBundleTest, IsTheProcessItself) {
     EXPECT_EQ(main.info(), sampleMembers);
 }
 
-// Whose Info.plist is a section of the program.
-TEST_F(MainBundleTest, HasTheInfoThatAProgramOutsideABundleCarries) {
+// Whose Info.plist is a section of the program. One that lies beside it may be anybody's.
+TEST_F(MainBundleTest, HasTheInfoThatTheProgramCarriesWhateverLiesBesideIt) {
     fake::world().mainExecutable = "/Library/PrivilegedHelperTools/com.example.app.helper";
-    fake::world().mainInfo = sample;
+    fake::world().carriedInfo = sample;
+    fake::world().mainInfo = plist("<key>HalvoTeamID</key><string>EEEEEEEEEE</string>");
     const Bundle main = Bundle::main();
     EXPECT_EQ(main.path(), "/Library/PrivilegedHelperTools");
     EXPECT_EQ(main.executablePath(), "/Library/PrivilegedHelperTools/com.example.app.helper");
     EXPECT_EQ(main.info(), sampleMembers);
+    fake::world().carriedInfo = "damaged";
+    EXPECT_EQ(main.info(), std::nullopt);
 }
 
 TEST_F(MainBundleTest, HasNoExecutableWhenTheSystemDoesNotTell) {

@@ -253,6 +253,14 @@ TEST_F(MainQueueTest, KeepsADelayWhateverIsDoneToTheWallClock) {
     }
 }
 
+TEST_F(MainQueueTest, KeepsADelayThroughASleepAfterTheWallClockWasSet) {
+    queue.after(Seconds{10}, noted());
+    fake::at(1, [] { fake::world().bootedAt += 3600; });
+    fake::at(2, [] { fake::world().sinceBoot += 3600 * second; });
+    fake::serve(2);
+    EXPECT_EQ(turns.size(), 1U);
+}
+
 TEST_F(MainQueueTest, TurnsSeveralTimersEachInItsTime) {
     std::string order;
     queue.after(Seconds{0.2}, [&] { order += 'b'; });

@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
 
 #include "HalvoShared/AppGroup.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {
@@ -52,9 +56,16 @@ TEST_F(DarwinAppGroupTest, TakesAGroupThatTheProcessMayNotUseForNone) {
 }
 
 TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
-    // One that root, too, may only look at.
-    fake::world().groupContainers["group.a"] = "/proc/self";
-    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    // One that may only be looked at.
+    fake::world().groupContainers["group.a"] = "/";
+    const testing::ChildResult person = testing::runInChild([&] {
+        if (getuid() == 0) {
+            testing::become({65534, 65534});
+        }
+        EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+        std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(person.status, 0) << person.output;
     fake::world().groupContainers["group.a"] = groups + "/group.a";
     fs::create_directories(groups);
     writeTestFile(groups + "/group.a", "a file in its place");

@@ -91,8 +91,8 @@ endif()
 if(NOT HELPER_IN_BUNDLE MATCHES "^Contents/([A-Za-z0-9-]+/)+[A-Za-z0-9-]+$")
     finding("the executable is put at \"${HELPER_IN_BUNDLE}\"; put it in a folder inside the bundle's Contents")
 elseif(HELPER_IN_BUNDLE MATCHES "^Contents/MacOS/")
-    finding("the executable is put at \"${HELPER_IN_BUNDLE}\"; put it elsewhere: in Contents/MacOS the helper would read the \
-app's Info.plist in place of its own")
+    finding("the executable is put at \"${HELPER_IN_BUNDLE}\"; put it elsewhere: in Contents/MacOS the system would take \
+it for the app's own program")
 endif()
 
 # All the rest is compared with these.

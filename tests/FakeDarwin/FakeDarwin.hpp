@@ -110,12 +110,14 @@ struct World {
     bool bootSessionReadFails = false;
     int sysctlCalls = 0;
 
-    // The main bundle: its executable, and its Info.plist as XML (of the executable's own section,
-    // or of the bundle). Other bundles are read from the disk, Contents/Info.plist, each
-    // time anew; Foundation may remember what it has read.
+    // The main bundle: its executable, and its Info.plist as XML, as Foundation finds it: on the
+    // disk, or else in the executable. Other bundles are read from the disk, Contents/Info.plist,
+    // each time anew; Foundation may remember what it has read.
     std::optional<std::string> mainExecutable =
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
+    // The section __TEXT,__info_plist of the running program, when it has one.
+    std::optional<std::string> carriedInfo;
 
     // Foundation's folders: the containers of groups that the process may use, and Application
     // Support (none when empty). By Apple's documentation of

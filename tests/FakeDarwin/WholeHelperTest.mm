@@ -755,7 +755,7 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACh
     EXPECT_EQ(helper.launches[0].arguments.at(2), copy);
     EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s", opening, opening,
                                         "error: Couldn't open Halvo: " + copy +
-                                            ": code object is not signed at all"));
+                                            ".unchecked: code object is not signed at all"));
     EXPECT_FALSE(fs::exists(stateFolder + ".copy")) << "nothing is left of it";
 }
 

@@ -42,6 +42,12 @@ enum : NSSearchPathDomainMask { NSUserDomainMask = 1 };
 
 typedef NSString* NSFileAttributeKey;
 
+typedef NSUInteger NSPropertyListFormat;
+
+typedef NSUInteger NSPropertyListReadOptions;
+
+enum : NSPropertyListReadOptions { NSPropertyListImmutable = 0 };
+
 typedef struct {
     unsigned long state;
     id __unsafe_unretained _Nullable* _Nullable itemsPtr;
@@ -71,6 +77,7 @@ typedef struct {
 @interface NSData : NSObject <NSCopying>
 @property(readonly) NSUInteger length;
 @property(readonly) const void* bytes NS_RETURNS_INNER_POINTER;
++ (instancetype)dataWithBytes:(nullable const void*)bytes length:(NSUInteger)length;
 @end
 
 @interface NSDate : NSObject <NSCopying>
@@ -115,6 +122,13 @@ typedef struct {
 @property(nullable, readonly, copy) NSDictionary<NSString*, id>* infoDictionary;
 @property(nullable, readonly, copy) NSString* executablePath;
 - (nullable instancetype)initWithPath:(NSString*)path;
+@end
+
+@interface NSPropertyListSerialization : NSObject
++ (nullable id)propertyListWithData:(NSData*)data
+                            options:(NSPropertyListReadOptions)options
+                             format:(nullable NSPropertyListFormat*)format
+                              error:(NSError* _Nullable* _Nullable)error;
 @end
 
 @interface NSFileManager : NSObject

@@ -5,6 +5,10 @@
     std::string _bytes;
 }
 
++ (instancetype)dataWithBytes:(const void*)bytes length:(NSUInteger)length {
+    return fake::dataOf(std::string(static_cast<const char*>(bytes), length));
+}
+
 - (NSUInteger)length {
     return _bytes.size();
 }

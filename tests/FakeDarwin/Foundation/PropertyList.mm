@@ -55,3 +55,15 @@ NSDictionary<NSString*, id>* dictionaryOf(const std::string& propertyList) {
 }
 
 }  // namespace fake
+
+// Knows dictionaries alone.
+@implementation NSPropertyListSerialization
+
++ (id)propertyListWithData:(NSData*)data
+                   options:(NSPropertyListReadOptions)options
+                    format:(NSPropertyListFormat*)format
+                     error:(NSError**)error {
+    return fake::dictionaryOf(std::string(static_cast<const char*>(data.bytes), data.length));
+}
+
+@end

@@ -37,6 +37,8 @@ TEST_F(HelperProcessesTest, MayBeStopped) {
     fake::world().processes[2].isStopped = true;
     fake::world().processes[2].infoSize = 63;
     EXPECT_EQ(stoppedOf(*processes), std::vector<pid_t>{70});
+    EXPECT_FALSE(processes->isStopped(80)) << "of which the system does not say all";
+    EXPECT_FALSE(processes->isStopped(90)) << "which is gone by now";
 }
 
 TEST_F(HelperProcessesTest, AreAskedToEnd) {
