@@ -79,7 +79,7 @@ bool forEachLine(const std::string& path, Use use) {
     }
     const int code = errno;
     const bool isWhole = enough || std::feof(file.get()) != 0;
-    std::free(raw);
+    std::unique_ptr<char, decltype(&std::free)>(raw, &std::free).reset();
     file.reset();
     errno = code;
     return isWhole;
