@@ -27,9 +27,7 @@ void removeFolder(const std::string& path) {
 // Takes the folder away when the process ends.
 void removeAtExit(const std::string& path) {
     static std::string& place = *new std::string;
-    if (place.empty()) {
-        std::atexit([] { removeFolder(place); });
-    }
+    [[maybe_unused]] static const int once = std::atexit([] { removeFolder(place); });
     place = path;
 }
 

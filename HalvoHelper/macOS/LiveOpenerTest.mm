@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -85,6 +86,18 @@ TEST_F(LiveOpenerPrivateMachineTest, TellsWhereTheMessagesAreOfAnAppThatDoesNotS
     EXPECT_THAT(fake::world().log, ElementsAre(told("2"), told("4")));
     EXPECT_EQ(fake::world().launches.back(), fake::world().launches.front())
         << "there is one way only";
+}
+
+TEST_F(LiveOpenerPrivateMachineTest, LeavesBlockedWhatTheThreadBlocks) {
+    sigset_t some;
+    sigset_t before;
+    sigset_t after;
+    sigemptyset(&some);
+    sigaddset(&some, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &some, &before);
+    opener.open(app, 501, false);
+    pthread_sigmask(SIG_SETMASK, &before, &after);
+    EXPECT_EQ(sigismember(&after, SIGUSR1), 1);
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, TellsNoCommandThatAPathCouldEnd) {
