@@ -141,7 +141,8 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
 std::string internetDate(WallDate date) {
     const double seconds = std::floor(secondsSince1970(date) + 0.5);
     constexpr double year10000 = 253402300800;
-    if (!(seconds >= 0 && seconds < year10000)) {
+    const bool fits = seconds >= 0 && seconds < year10000;  // not-a-number does not
+    if (!fits) {
         return "";
     }
     const auto whole = static_cast<std::time_t>(seconds);
