@@ -60,6 +60,7 @@ Nanoseconds sinceBoot() { return Nanoseconds{clock_gettime_nsec_np(CLOCK_MONOTON
 class Alarm {
   public:
     // Owns itself until it has rung.
+    // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): it deletes itself.
     static void set(Seconds delay, MainQueue::Work work) {
         const Nanoseconds left{nanoseconds(delay)};
         auto* alarm = new Alarm(sinceBoot() + left, std::move(work));
@@ -67,6 +68,8 @@ class Alarm {
         dispatch_resume(alarm->awake_);
         dispatch_resume(alarm->wall_);
     }
+
+    // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 
   private:
     Alarm(Nanoseconds due, MainQueue::Work work) : due_(due), work_(std::move(work)) {}
