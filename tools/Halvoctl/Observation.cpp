@@ -50,6 +50,19 @@ std::string unlockCommand(const Observation& seen, const AppFlag& app) {
                : "halvoctl release";
 }
 
+// Of a bundle that no record names.
+Agreement ofNoRecord(const Observation& seen, const AppFlag& app, bool mayBeWritten) {
+    if (app.state != LockState::locked) {
+        return {true, "The bundle is not locked.", ""};
+    }
+    return {false, "The bundle is locked, but no record says that the helper did it.",
+            (mayBeWritten
+                 ? "If the helper that runs holds something all the same, it writes the record "
+                   "anew within a minute. Else to unlock the bundle: "
+                 : "To unlock it: ") +
+                unlockCommand(seen, app)};
+}
+
 // Of a record that is still to be let go of.
 Agreement ofRemains(const Observation& seen, const AppFlag& app, const std::string& start) {
     const bool isLocked = app.state == LockState::locked;
@@ -183,15 +196,7 @@ Agreement judge(const Observation& observation, const AppFlag& app,
     const auto named = appOf(observation.stored);
     if (observation.file == StateFile::none || observation.file == StateFile::unreadable ||
         (named && *named != app.path)) {
-        if (!isLocked) {
-            return {true, "The bundle is not locked.", ""};
-        }
-        return {false, "The bundle is locked, but no record says that the helper did it.",
-                (isRunning && !named
-                     ? "If the helper that runs holds something all the same, it writes the record "
-                       "anew within a minute. Else to unlock the bundle: "
-                     : "To unlock it: ") +
-                    unlockCommand(observation, app)};
+        return ofNoRecord(observation, app, isRunning && !named);
     }
     if (commitment == nullptr || !commitment->isLive(observation.now)) {
         return ofRemains(observation, app, startCommand);
