@@ -58,6 +58,9 @@ void note(Record& record, sd_bus_message* request) {
     }
     std::snprintf(record.lastRequest.data(), record.lastRequest.size(), "%s", text.str().c_str());
     ++record.requests;
+    if (std::strcmp(sd_bus_message_get_member(request), "Begin") == 0) {
+        ++record.begins;
+    }
 }
 
 int replyWithDates(sd_bus_message* request, const Record& record,

@@ -53,6 +53,8 @@ class FakeHelper {
     struct Record {
         std::atomic<int> connections;
         std::atomic<int> requests;
+        // Of these, how many were a Begin.
+        std::atomic<int> begins;
         // Of the last connection.
         std::atomic<gid_t> group;
         // Of the last request: the member and its arguments, "Begin /a/b.app 1.5 2".

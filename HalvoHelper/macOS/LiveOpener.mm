@@ -2,9 +2,11 @@
 
 #import <Foundation/Foundation.h>
 #include <pthread.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <expected>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,6 +15,7 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoHelper/RootsAlone.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
@@ -47,10 +50,24 @@ std::optional<HelperIdentity> ownIdentity() {
     return HelperIdentity::helper(Bundle::main().info());
 }
 
+// Whether `bundle` has the `executable` in it, is root's alone from itself downwards, and
+// is locked: then nobody else can put another in its place, although its folder is not root's alone
+// ("/Applications" is the admin group's); chflags(2), SF_IMMUTABLE.
+bool isPinned(const std::string& executable, const std::string& bundle) {
+    const std::filesystem::path folder = std::filesystem::path(bundle).parent_path();
+    struct stat status{};
+    return executable.starts_with(bundle + "/") && lstat(folder.c_str(), &status) == 0 &&
+           S_ISDIR(status.st_mode) &&
+           !RootsAlone::problem(folder.parent_path(), RootsAlone::Item::folder) &&
+           ChflagsFileFlags(ItemFlag::systemImmutable).state(bundle) == LockState::locked &&
+           !RootsAlone::problem(executable, RootsAlone::Item::file, bundle);
+}
+
 // The program to start as root: the helper's `executable` where root alone decides what lies there,
 // and a copy of it elsewhere. Or why there is none.
-std::expected<std::string, std::string> rootsProgram(const std::string& executable) {
-    if (!RootsAlone::problem(executable)) {
+std::expected<std::string, std::string> rootsProgram(const std::string& executable,
+                                                     const std::string& appPath) {
+    if (!RootsAlone::problem(executable) || isPinned(executable, appPath)) {
         return executable;
     }
     const auto identity = ownIdentity();
@@ -129,7 +146,7 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
         if (!itemExists(appPath)) {
             return;
         }
-        const auto program = rootsProgram(helperExecutable_);
+        const auto program = rootsProgram(helperExecutable_, appPath);
         if (!program) {
             logFailure(program.error());
             return;

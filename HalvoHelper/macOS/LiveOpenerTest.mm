@@ -5,10 +5,12 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -20,6 +22,24 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 const std::string helper = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
+
+// Gives the folder at `path` other permissions while it lives.
+class Mode {
+  public:
+    Mode(std::filesystem::path path, mode_t mode) : path_(std::move(path)) {
+        before_ = std::filesystem::status(path_).permissions();
+        std::filesystem::permissions(path_, static_cast<std::filesystem::perms>(mode));
+    }
+
+    ~Mode() { std::filesystem::permissions(path_, before_); }
+
+    Mode(const Mode&) = delete;
+    Mode& operator=(const Mode&) = delete;
+
+  private:
+    std::filesystem::path path_;
+    std::filesystem::perms before_{};
+};
 
 // The helper lies in a bundle that is root's alone, until a test changes that.
 class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
@@ -36,12 +56,14 @@ class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
     }
 
     void cleanUp() override {
+        ChflagsFileFlags(ItemFlag::systemImmutable).setLocked(false, bundle);
         std::filesystem::remove_all(bundle);
         HelperCopy::remove(identity);
     }
 
     const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-    const std::string bundle = "/Applications/Halvo.app";
+    const std::string applications = "/Applications";
+    const std::string bundle = applications + "/Halvo.app";
     const std::string copy = "/Library/Application Support/com.example.app.helper.copy/HalvoHelper";
     TemporaryFolder disk;
     const std::string app = disk / "Halvo.app";
@@ -156,6 +178,32 @@ TEST_F(LiveOpenerPrivateMachineTest, NeverStartsAsRootWhatLiesInABundleOfSomebod
     EXPECT_THAT(fake::world().launches[0].arguments,
                 ElementsAre("asuser", "501", copy, "--open-as-user", "501", app, "--after-quit"));
     EXPECT_THAT(fake::world().log, IsEmpty());
+}
+
+// As "/Applications" is on every Mac: the admin group's.
+TEST_F(LiveOpenerPrivateMachineTest, StartsALockedBundleOfRootsInAFolderOfAdminsAsItLies) {
+    ChflagsFileFlags flags(ItemFlag::systemImmutable);
+    const auto program = [this](const std::string& of) {
+        fake::world().launches.clear();
+        opener.open(of, 501, false);
+        return fake::world().launches.empty() ? "" : fake::world().launches[0].arguments.at(2);
+    };
+    const Mode admins(applications, 0775);
+    EXPECT_EQ(program(bundle), copy) << "another could be put in its place";
+    ASSERT_TRUE(flags.setLocked(true, bundle));
+    EXPECT_EQ(program(bundle), helper);
+    EXPECT_EQ(program(app), copy) << "the helper is in another bundle";
+    {
+        const Mode everybodys(bundle + "/Contents", 0777);
+        EXPECT_EQ(program(bundle), copy) << "what lies in the bundle is not root's alone";
+    }
+    {
+        const Mode everybodys("/", 0777);
+        EXPECT_EQ(program(bundle), "") << "the folder itself could be another, and the copy's";
+        EXPECT_EQ(fake::errors().size(), 1U);
+    }
+    EXPECT_EQ(program(bundle), helper);
+    EXPECT_EQ(fake::world().log.size(), 1U);
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, StartsNothingWhenItsCopyIsNotSignedAsTheHelperMustBe) {
