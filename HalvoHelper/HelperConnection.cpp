@@ -1,12 +1,10 @@
 #include "HalvoHelper/HelperConnection.hpp"
 
 #include <cmath>
-#include <optional>
 #include <utility>
 
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainActor.hpp"
-#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
@@ -15,61 +13,48 @@ namespace {
 // that of any earlier start the engine can count in whole seconds.
 constexpr double pastLastStart = 253402300800;
 
-// What is wrong with the first of the dates that the engine cannot reckon with.
-std::optional<BadArgument> badDate(WallDate until, WallDate started) {
-    for (const auto& [name, date] : {std::pair("until", until), std::pair("started", started)}) {
-        if (!std::isfinite(secondsSince1970(date))) {
-            return BadArgument{name, "is not a finite number"};
-        }
+// What is wrong with the first of the dates that the engine cannot reckon with; null if nothing is.
+const char* problemOfDates(WallDate until, WallDate started) {
+    if (!std::isfinite(secondsSince1970(until))) {
+        return "until is not a finite number";
     }
-    if (secondsSince1970(started) >= pastLastStart) {
-        return BadArgument{"started", "is after the year 9999"};
+    if (!std::isfinite(secondsSince1970(started))) {
+        return "started is not a finite number";
     }
-    return std::nullopt;
+    return secondsSince1970(started) >= pastLastStart ? "started is after the year 9999" : nullptr;
 }
 
 }  // namespace
 
-HelperConnection::HelperConnection(HelperPeer peer, MainQueue& queue, HelperEngine& engine)
-    : peer_(std::move(peer)), queue_(queue), engine_(engine) {}
+HelperConnection::HelperConnection(HelperPeer peer, HelperEngine& engine)
+    : peer_(std::move(peer)), engine_(engine) {}
 
-void HelperConnection::begin(const std::string& appPath, WallDate until, WallDate started,
-                             BeginReply reply) {
-    std::string path = canonicalPath(appPath).value_or(appPath);
-    queue_.async([&engine = engine_, peer = peer_, path = std::move(path), until, started,
-                  reply = std::move(reply)] {
-        assumeMainActor();
-        // A bundle that is not the caller's own is for the engine to refuse, whatever the dates.
-        auto bad = HelperEngine::isOwnBundle(path, peer) ? badDate(until, started) : std::nullopt;
-        if (bad) {
-            HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s %{public}s", bad->name.c_str(),
-                            bad->problem.c_str());
-            reply(std::unexpected(*std::move(bad)));
-            return;
-        }
-        reply(engine.begin(path, until, started, peer));
-    });
+std::expected<bool, std::string> HelperConnection::begin(const std::string& appPath, WallDate until,
+                                                         WallDate started) const {
+    assumeMainActor();
+    // A bundle that is not the caller's own is for the engine to refuse, whatever the dates.
+    const char* problem =
+        HelperEngine::isOwnBundle(appPath, peer_) ? problemOfDates(until, started) : nullptr;
+    if (problem != nullptr) {
+        HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s", problem);
+        return std::unexpected(problem);
+    }
+    return engine_.begin(appPath, until, started, peer_);
 }
 
-void HelperConnection::heartbeat(bool sessionEnding, Reply reply) {
-    queue_.async([&engine = engine_, peer = peer_, sessionEnding, reply = std::move(reply)] {
-        assumeMainActor();
-        reply(engine.heartbeat(sessionEnding, peer));
-    });
+bool HelperConnection::heartbeat(bool sessionEnding) const {
+    assumeMainActor();
+    return engine_.heartbeat(sessionEnding, peer_);
 }
 
-void HelperConnection::end(Reply reply) {
-    queue_.async([&engine = engine_, peer = peer_, reply = std::move(reply)] {
-        assumeMainActor();
-        reply(engine.end(peer));
-    });
+bool HelperConnection::end() const {
+    assumeMainActor();
+    return engine_.end(peer_);
 }
 
-void HelperConnection::status(StatusReply reply) {
-    queue_.async([&engine = engine_, peer = peer_, reply = std::move(reply)] {
-        assumeMainActor();
-        reply(engine.status(peer));
-    });
+HelperStatus HelperConnection::status() const {
+    assumeMainActor();
+    return engine_.status(peer_);
 }
 
 }  // namespace halvo

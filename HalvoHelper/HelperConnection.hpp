@@ -1,34 +1,41 @@
 // One connection of the app.
 #pragma once
 
-#include <functional>
+#include <expected>
 #include <string>
 
-#include "HalvoHelperCore/HalvoHelperXPC.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/HelperPeer.hpp"
-#include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoHelperCore/HelperStatus.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 
-// Turns each request into a call of the engine on the main queue, and its result into the reply.
-// The peer is fixed at admission. Requests may come from any thread and may outlive the connection;
-// the queue and the engine must outlive both.
-class HelperConnection final : public HalvoHelperXPC {
+// The four requests of one caller, answered by the engine, which must outlive the connection. The
+// peer is fixed at admission. Requests are served on the main queue only, which each checks.
+class HelperConnection {
   public:
-    HelperConnection(HelperPeer peer, MainQueue& queue, HelperEngine& engine);
+    HelperConnection(HelperPeer peer, HelperEngine& engine);
 
-    void begin(const std::string& appPath, WallDate until, WallDate started,
-               BeginReply reply) override;
-    void heartbeat(bool sessionEnding, Reply reply) override;
-    void end(Reply reply) override;
-    void status(StatusReply reply) override;
+    // Commits the caller to keep its own bundle. `appPath` is that of resolvedPath(). Whether a
+    // commitment is now held; for the caller's own bundle a sentence that names the bad argument,
+    // which is logged: a date that is not finite, or a `started` after the year 9999.
+    [[nodiscard]] std::expected<bool, std::string> begin(const std::string& appPath, WallDate until,
+                                                         WallDate started) const;
+
+    // A sign of life, or the announcement that the session is ending.
+    [[nodiscard]] bool heartbeat(bool sessionEnding) const;
+
+    // Lets the caller's commitment go.
+    [[nodiscard]] bool end() const;
+
+    // What holds for the caller.
+    [[nodiscard]] HelperStatus status() const;
 
     [[nodiscard]] const HelperPeer& peer() const { return peer_; }
 
   private:
-    const HelperPeer peer_;
-    MainQueue& queue_;
+    HelperPeer peer_;
     HelperEngine& engine_;
 };
 

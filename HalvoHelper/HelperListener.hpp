@@ -10,11 +10,11 @@
 
 namespace halvo {
 
-class ConnectionAcceptor;
+class HelperService;
 
 // Waits for callers on the helper's Mach service, or what stands for it. Made before the engine
-// starts up, so that a place that is taken is noticed before anything is touched; nobody is served
-// before resume().
+// starts up, so that a place that is taken is noticed before anything is touched; no caller is
+// served before serve().
 class HelperListener {
   public:
     HelperListener() = default;
@@ -22,14 +22,12 @@ class HelperListener {
     HelperListener& operator=(const HelperListener&) = delete;
     virtual ~HelperListener() = default;
 
-    // Demands of every caller that it be the app of `identity`. A stranger is turned away before
-    // the acceptor hears of it. Called once, before resume(). Main queue or before it runs.
-    virtual void setRequirement(const HelperIdentity& identity) = 0;
-
-    // Serves callers from now on, for as long as the process lives: each admitted one is handed to
-    // `acceptor`, which must outlive the listener. On Linux the service manager is told that the
-    // helper is ready (sd_notify(3)). Main queue or before it runs.
-    virtual void resume(ConnectionAcceptor& acceptor) = 0;
+    // Serves the callers that are the app of `identity` from now on, for as long as the process
+    // lives, with the engine of `service`, which must outlive the listener and counts them: opened
+    // before the first request is served, closed after the last. Others are turned away before
+    // `service` hears of them. On Linux the service manager is told that the helper is ready
+    // (sd_notify(3)). Called once, on the main queue or before it runs.
+    virtual void serve(const HelperIdentity& identity, HelperService& service) = 0;
 };
 
 // Why there can be no listener: what to log, and the status to exit with.

@@ -15,13 +15,11 @@ HelperService::HelperService(HelperIdentity identity, Collaborators collaborator
       engine_(collaborators.clock, collaborators.flags, collaborators.store, collaborators.session,
               collaborators.opener),
       listener_(listener),
-      acceptor_(queue, engine_, *this),
       busySince_(queue.now()) {}
 
 void HelperService::start() {
     engine_.startup();
-    listener_.setRequirement(identity_);
-    listener_.resume(acceptor_);
+    listener_.serve(identity_, *this);
     queue_.onTermination([this] { terminate(); });
     queue_.repeat(HelperEngine::Timing::tick, HelperEngine::Timing::tick, tickLeeway,
                   [this] { tick(); });

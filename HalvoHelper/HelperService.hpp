@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "HalvoHelper/ConnectionAcceptor.hpp"
 #include "HalvoHelper/HelperListener.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
@@ -22,7 +21,7 @@ struct Collaborators {
 
 // Owns the engine, drives its periodic check, counts connections, ends the process when it has been
 // idle long enough or is told to. One per process; main queue only, which each entry checks.
-class HelperService final : public ConnectionCount {
+class HelperService {
   public:
     // How long the helper stays without a commitment and without a connection.
     static constexpr Seconds idleLimit{30};
@@ -42,8 +41,12 @@ class HelperService final : public ConnectionCount {
     // Ends the process with the engine's word on it.
     void terminate();
 
-    void connectionOpened() override;
-    void connectionClosed() override;
+    // Each connection that the listener admits is counted from the one call to the other.
+    void connectionOpened();
+    void connectionClosed();
+
+    // What answers requests. May be asked for on any thread, and used on the main queue.
+    [[nodiscard]] HelperEngine& engine() { return engine_; }
 
     [[nodiscard]] std::int64_t connections() const { return connections_; }
 
@@ -52,7 +55,6 @@ class HelperService final : public ConnectionCount {
     MainQueue& queue_;
     HelperEngine engine_;
     HelperListener& listener_;
-    ConnectionAcceptor acceptor_;
     std::int64_t connections_ = 0;
     // When the helper was last known to have something to do, on the queue's clock.
     Seconds busySince_;

@@ -1,12 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/ManualMainQueue.hpp"
@@ -25,18 +25,14 @@ class FakeListener final : public HelperListener {
   public:
     explicit FakeListener(CallLog& calls) : calls_(calls) {}
 
-    void setRequirement(const HelperIdentity& required) override {
-        calls_.enter("require");
+    void serve(const HelperIdentity& required, HelperService& service) override {
+        calls_.enter("serve");
         identity = required;
-    }
-
-    void resume(ConnectionAcceptor& admitting) override {
-        calls_.enter("resume");
-        acceptor = &admitting;
+        served = &service;
     }
 
     std::optional<HelperIdentity> identity;
-    ConnectionAcceptor* acceptor = nullptr;
+    HelperService* served = nullptr;
 
   private:
     CallLog& calls_;
@@ -108,21 +104,17 @@ class HelperServiceTest : public ::testing::Test {
         return std::nullopt;
     }
 
-    std::unique_ptr<HelperConnection> connect(std::uint32_t uid = ann) {
-        auto connection = listener.acceptor->accept(uid, app + "/Contents/MacOS/Halvo");
-        listener.acceptor->admitted();
-        return connection;
+    HelperConnection connect(std::uint32_t uid = ann) {
+        listener.served->connectionOpened();
+        return {{uid, app}, listener.served->engine()};
     }
 
-    void disconnect() { listener.acceptor->invalidated(); }
+    void disconnect() { listener.served->connectionClosed(); }
 
     // Ann begins a commitment of `length`. Whether it is held.
-    bool begin(HelperConnection& connection, Seconds length) {
-        bool held = false;
+    bool begin(const HelperConnection& connection, Seconds length) {
         const WallDate now = world.clock.now().wall;
-        connection.begin(app, now + length, now, [&held](auto ok) { held = ok.value_or(false); });
-        queue.runPending();
-        return held;
+        return connection.begin(app, now + length, now).value_or(false);
     }
 
     LogCapture log;
@@ -142,7 +134,7 @@ class HelperServiceTest : public ::testing::Test {
 TEST_F(HelperServiceTest, BuildsTheEngineBeforeAnythingIsServed) {
     EXPECT_THAT(world.calls.calls(), ElementsAre("reading", "console"));
     EXPECT_EQ(service.connections(), 0);
-    EXPECT_EQ(listener.acceptor, nullptr);
+    EXPECT_EQ(listener.served, nullptr);
     EXPECT_FALSE(queue.handlesTermination());
     EXPECT_TRUE(queue.timers().empty());
 }
@@ -151,8 +143,9 @@ TEST_F(HelperServiceTest, StartsUpThenListensThenHandlesTerminationThenTicks) {
     world.calls.clear();
     start();
     EXPECT_THAT(world.calls.calls(),
-                ElementsAre("reading", "load", "require", "resume", "handle SIGTERM", "repeat"));
+                ElementsAre("reading", "load", "serve", "handle SIGTERM", "repeat"));
     EXPECT_EQ(listener.identity, identity);
+    EXPECT_EQ(listener.served, &service);
 }
 
 TEST_F(HelperServiceTest, TakesTheStoredCommitmentUpBeforeACallerCanReachIt) {
@@ -163,7 +156,7 @@ TEST_F(HelperServiceTest, TakesTheStoredCommitmentUpBeforeACallerCanReachIt) {
     start();
     EXPECT_THAT(world.calls.calls(),
                 ElementsAre("reading", "load", "save locked", "state Halvo.app", "lock Halvo.app",
-                            "require", "resume", "handle SIGTERM", "repeat"));
+                            "serve", "handle SIGTERM", "repeat"));
 }
 
 TEST_F(HelperServiceTest, TicksEveryTwoSecondsWithAFifthOfASecondOfLeeway) {
@@ -175,7 +168,7 @@ TEST_F(HelperServiceTest, TicksEveryTwoSecondsWithAFifthOfASecondOfLeeway) {
 TEST_F(HelperServiceTest, EachTickIsATickOfTheEngine) {
     start();
     const auto connection = connect();
-    ASSERT_TRUE(begin(*connection, Seconds{600}));
+    ASSERT_TRUE(begin(connection, Seconds{600}));
     world.calls.clear();
     EXPECT_EQ(pass(1.9), std::nullopt);
     EXPECT_EQ(world.calls.count("state Halvo.app"), 0U);
@@ -298,7 +291,7 @@ TEST_F(HelperServiceTest, AnEndTooManyRestartsTheCountToo) {
 TEST_F(HelperServiceTest, StaysAsLongAsACommitmentIsHeld) {
     start();
     const auto connection = connect();
-    ASSERT_TRUE(begin(*connection, HelperCommitment::maximum));
+    ASSERT_TRUE(begin(connection, HelperCommitment::maximum));
     disconnect();
     EXPECT_EQ(pass(86399), std::nullopt);
     EXPECT_EQ(service.connections(), 0);
@@ -307,7 +300,7 @@ TEST_F(HelperServiceTest, StaysAsLongAsACommitmentIsHeld) {
 TEST_F(HelperServiceTest, CountsFromTheLastTickThatFoundACommitment) {
     start();
     const auto connection = connect();
-    ASSERT_TRUE(begin(*connection, Seconds{9}));
+    ASSERT_TRUE(begin(connection, Seconds{9}));
     disconnect();
     // Ticks at 2 to 8 find it held; the one at 10 lets it go.
     EXPECT_EQ(ageAtIdleExit(), 38);
@@ -317,7 +310,7 @@ TEST_F(HelperServiceTest, CountsFromTheLastTickThatFoundACommitment) {
 TEST_F(HelperServiceTest, TerminationEndsWithTheEnginesWordOnALiveCommitment) {
     start();
     const auto connection = connect();
-    ASSERT_TRUE(begin(*connection, Seconds{600}));
+    ASSERT_TRUE(begin(connection, Seconds{600}));
     world.calls.clear();
     EXPECT_EQ(terminate(), 75);
     EXPECT_THAT(world.calls.changes(), ElementsAre("save locked", "unlock Halvo.app"));
@@ -331,7 +324,7 @@ TEST_F(HelperServiceTest, TerminationEndsWithZeroWhenNothingIsHeld) {
 TEST_F(HelperServiceTest, TerminationEndsWithZeroWhenTheTimeIsUp) {
     start();
     const auto connection = connect();
-    ASSERT_TRUE(begin(*connection, Seconds{600}));
+    ASSERT_TRUE(begin(connection, Seconds{600}));
     world.clock.advance(Seconds{600});
     EXPECT_EQ(terminate(), 0);
 }
@@ -347,13 +340,9 @@ TEST_F(HelperServiceTest, ServesRequestsWithItsEngine) {
     start();
     const auto mine = connect(ann);
     const auto theirs = connect(ben);
-    ASSERT_TRUE(begin(*mine, Seconds{600}));
-    std::vector<bool> holding;
-    const auto note = [&holding](const HelperStatus& status) { holding.push_back(status.holding); };
-    mine->status(note);
-    theirs->status(note);
-    queue.runPending();
-    EXPECT_THAT(holding, ElementsAre(true, false));
+    ASSERT_TRUE(begin(mine, Seconds{600}));
+    EXPECT_TRUE(mine.status().holding);
+    EXPECT_FALSE(theirs.status().holding);
     EXPECT_TRUE(world.flags.isSet(app));
 }
 

@@ -8,7 +8,6 @@
 #include "HalvoHelperCore/Hash.hpp"
 #include "HalvoHelperCore/HelperCommitment.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
-#include "HalvoHelperCore/HelperPeer.hpp"
 #include "HalvoHelperCore/HelperStatus.hpp"
 #include "tests/Support/Printing.hpp"
 
@@ -99,15 +98,6 @@ TEST(HelperStatusTest, IsIdleWhenNothingHolds) {
     EXPECT_EQ(HelperStatus::idle.until, std::nullopt);
     EXPECT_FALSE(HelperStatus::idle.locked);
     EXPECT_EQ(HelperStatus::idle, HelperStatus{});
-}
-
-TEST(HelperPeerTest, IsEqualByUserAndBundle) {
-    const HelperPeer peer{501, "/Applications/Halvo.app"};
-    EXPECT_EQ(peer, (HelperPeer{501, "/Applications/Halvo.app"}));
-    EXPECT_NE(peer, (HelperPeer{502, "/Applications/Halvo.app"}));
-    EXPECT_NE(peer, (HelperPeer{501, "/Applications/Other.app"}));
-    EXPECT_NE(peer, (HelperPeer{501, std::nullopt}));
-    EXPECT_NE((HelperPeer{501, ""}), (HelperPeer{501, std::nullopt}));
 }
 
 }  // namespace

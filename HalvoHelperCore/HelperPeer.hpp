@@ -14,6 +14,11 @@ struct HelperPeer {
     // The canonical path of the app bundle that its executable lies in, if any.
     std::optional<std::string> bundlePath;
 
+    // The peer that a process with the effective user `uid` is, which runs the executable at
+    // `executable` (absent when its path cannot be read). Resolves links by system calls. Any
+    // thread.
+    static HelperPeer ofProcess(std::uint32_t uid, const std::optional<std::string>& executable);
+
     bool operator==(const HelperPeer&) const = default;
 };
 

@@ -77,6 +77,8 @@ std::optional<std::string> canonicalPath(const std::string& path) {
     return std::string(real.get());
 }
 
+std::string resolvedPath(const std::string& path) { return canonicalPath(path).value_or(path); }
+
 bool isFolder(const std::string& path) {
     struct stat status{};
     return !hasZeroByte(path) && lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);

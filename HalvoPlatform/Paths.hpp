@@ -23,6 +23,9 @@ bool isStandardizedPath(const std::string& path);
 // when some component does not exist or may not be searched.
 std::optional<std::string> canonicalPath(const std::string& path);
 
+// The same, or `path` unchanged where there is none.
+std::string resolvedPath(const std::string& path);
+
 // Whether `path` itself is a folder: lstat(2) succeeds and says so; a symbolic link is none.
 bool isFolder(const std::string& path);
 

@@ -95,6 +95,18 @@ TEST(PathsTest, HasNoCanonicalPathForWhatIsNotThere) {
     EXPECT_EQ(canonicalPath(""), std::nullopt);
 }
 
+TEST(PathsTest, KeepsAPathThatCannotBeResolved) {
+    const TemporaryFolder folder;
+    ASSERT_EQ(mkdir((folder / "real").c_str(), 0755), 0);
+    ASSERT_EQ(symlink("real", (folder / "link").c_str()), 0);
+    ASSERT_EQ(symlink("nothing", (folder / "dangling").c_str()), 0);
+    EXPECT_EQ(resolvedPath(folder / "link"), folder / "real");
+    for (const std::string& path :
+         {folder / "missing", folder / "dangling", folder / "link" + "\0x"s, ""s}) {
+        EXPECT_EQ(resolvedPath(path), path);
+    }
+}
+
 TEST(PathsTest, KnowsAFolder) {
     const TemporaryFolder folder;
     EXPECT_TRUE(isFolder(folder.path()));

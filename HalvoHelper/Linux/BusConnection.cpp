@@ -3,25 +3,18 @@
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
-#include <array>
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
-#include <expected>
 #include <utility>
 
 #include "HalvoHelper/Linux/Limits.hpp"
-#include "HalvoHelper/Linux/RequestFormat.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
-
-// A request that is being answered; holds on to its connection's wire until it is.
-using Call = std::shared_ptr<sd_bus_message>;
-
-Call keep(sd_bus_message* message) {
-    return {sd_bus_message_ref(message), [](sd_bus_message* last) { sd_bus_message_unref(last); }};
-}
 
 // Ends the conversation from below: sd-bus sees its socket closed, and says so in its own time.
 void disconnect(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RDWR); }
@@ -42,48 +35,45 @@ std::uint64_t loopTime(sd_bus* bus) {
     return time;
 }
 
-// A reply may find nobody left to read it, which is no concern of the helper's. One who is there
-// but does not read must not fill its memory.
-void sent(const Call& call) {
-    sd_bus* bus = sd_bus_message_get_bus(call.get());
+// A reply may find the caller gone, which is no concern of the helper's. One that is there but does
+// not read must not fill its memory. What a handler returns to sd-bus.
+int sent(sd_bus_message* request) {
+    sd_bus* bus = sd_bus_message_get_bus(request);
     std::uint64_t waiting = 0;
     if (sd_bus_get_n_queued_write(bus, &waiting) >= 0 && waiting > Limits::queuedReplies) {
         disconnect(bus);
     }
+    return 1;
 }
 
-void reply(const Call& call, bool ok) {
-    sd_bus_reply_method_return(call.get(), "b", static_cast<int>(ok));
-    sent(call);
+int reply(sd_bus_message* request, bool ok) {
+    sd_bus_reply_method_return(request, "b", static_cast<int>(ok));
+    return sent(request);
 }
 
-void replyInvalid(const Call& call, const std::string& problem) {
-    sd_bus_reply_method_errorf(call.get(), SD_BUS_ERROR_INVALID_ARGS, "%s", problem.c_str());
-    sent(call);
+int replyInvalid(sd_bus_message* request, const std::string& problem) {
+    sd_bus_reply_method_errorf(request, SD_BUS_ERROR_INVALID_ARGS, "%s", problem.c_str());
+    return sent(request);
 }
 
-void reply(const Call& call, const HelperStatus& status) {
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_message_new_method_return(call.get(), &raw) < 0) {
-        return;  // the connection is gone
-    }
-    const Call message(raw, [](sd_bus_message* last) { sd_bus_message_unref(last); });
-    const double until = status.until ? secondsSince1970(*status.until) : 0;
-    sd_bus_message_append(raw, "b", static_cast<int>(status.holding));
+int reply(sd_bus_message* request, const HelperStatus& status) {
+    const int holding = static_cast<int>(status.holding);
+    const int locked = static_cast<int>(status.locked);
     // An optional is an array of none or one.
-    sd_bus_message_append_array(raw, 'd', &until, status.until ? sizeof until : 0);
-    sd_bus_message_append(raw, "b", static_cast<int>(status.locked));
-    sd_bus_send(nullptr, raw, nullptr);
-    sent(call);
+    if (status.until) {
+        sd_bus_reply_method_return(request, "badb", holding, 1, secondsSince1970(*status.until),
+                                   locked);
+    } else {
+        sd_bus_reply_method_return(request, "badb", holding, 0, locked);
+    }
+    return sent(request);
 }
 
 BusConnection& connectionOf(void* connection) { return *static_cast<BusConnection*>(connection); }
 
-HelperConnection& requestsOf(void* connection) { return connectionOf(connection).requests(); }
-
 // The four below are called with arguments that argumentProblem() has let through.
 
-int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
+int onBegin(sd_bus_message* message, void* self, sd_bus_error*) {
     const char* appPath = nullptr;
     double until = 0;
     double started = 0;
@@ -92,68 +82,37 @@ int onBegin(sd_bus_message* message, void* connection, sd_bus_error*) {
         return result;
     }
     if (std::strlen(appPath) > Limits::appPath) {
-        replyInvalid(keep(message), "appPath is longer than any path");
-        return 1;
+        return replyInvalid(message, "appPath is longer than any path");
     }
-    requestsOf(connection)
-        .begin(appPath, wallDate(until), wallDate(started),
-               [call = keep(message),
-                begun = connectionOf(connection).begun()](std::expected<bool, BadArgument> ok) {
-                   if (!ok) {
-                       replyInvalid(call, ok.error().name + " " + ok.error().problem);
-                       return;
-                   }
-                   if (*ok) {
-                       begun();
-                   }
-                   reply(call, *ok);
-               });
-    return 1;
+    const BusConnection& connection = connectionOf(self);
+    const auto ok =
+        connection.requests().begin(resolvedPath(appPath), wallDate(until), wallDate(started));
+    if (!ok) {
+        return replyInvalid(message, ok.error());
+    }
+    if (*ok) {
+        connection.noteBegin();
+    }
+    return reply(message, *ok);
 }
 
-int onHeartbeat(sd_bus_message* message, void* connection, sd_bus_error*) {
+int onHeartbeat(sd_bus_message* message, void* self, sd_bus_error*) {
     int sessionEnding = 0;
     const int result = sd_bus_message_read(message, "b", &sessionEnding);
-    if (result < 0) {
-        return result;
-    }
-    requestsOf(connection).heartbeat(sessionEnding != 0, [call = keep(message)](bool ok) {
-        reply(call, ok);
-    });
-    return 1;
+    return result < 0 ? result
+                      : reply(message, connectionOf(self).requests().heartbeat(sessionEnding != 0));
 }
 
-int onEnd(sd_bus_message* message, void* connection, sd_bus_error*) {
-    requestsOf(connection).end([call = keep(message)](bool ok) { reply(call, ok); });
-    return 1;
+int onEnd(sd_bus_message* message, void* self, sd_bus_error*) {
+    return reply(message, connectionOf(self).requests().end());
 }
 
-int onStatus(sd_bus_message* message, void* connection, sd_bus_error*) {
-    connectionOf(connection).noteStatus();
-    requestsOf(connection).status([call = keep(message)](const HelperStatus& status) {
-        reply(call, status);
-    });
-    return 1;
+int onStatus(sd_bus_message* message, void* self, sd_bus_error*) {
+    connectionOf(self).noteStatus();
+    return reply(message, connectionOf(self).requests().status());
 }
 
-// Answers a request with the wrong arguments by naming the first wrong one, before sd-bus answers
-// with the two signatures only.
-int checkArguments(sd_bus_message* message) {
-    if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
-        return 0;
-    }
-    const RequestFormat* format = requestFormat(sd_bus_message_get_member(message));
-    const auto problem = format == nullptr
-                             ? std::nullopt
-                             : argumentProblem(*format, sd_bus_message_get_signature(message, 1));
-    if (!problem) {
-        return 0;
-    }
-    replyInvalid(keep(message), *problem);
-    return 1;
-}
-
-// Introspection shows these; the arguments are those of RequestFormat.
+// The wire. Introspection shows it, and argumentProblem() names its arguments.
 // NOLINTNEXTLINE(*-avoid-c-arrays): what the macros make.
 const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
@@ -169,9 +128,76 @@ const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_END,
 };
 
+// The method of the table that is called `member`, or null.
+const sd_bus_vtable* methodCalled(std::string_view member) {
+    const auto* found = std::ranges::find_if(requestTable, [member](const sd_bus_vtable& row) {
+        return row.type == _SD_BUS_VTABLE_METHOD && member == row.x.method.member;
+    });
+    return found == std::ranges::end(requestTable) ? nullptr : found;
+}
+
+// The types of the arguments of `method`; SD_BUS_NO_ARGS makes them null.
+std::string_view typesOf(const sd_bus_vtable& method) {
+    return method.x.method.signature == nullptr ? "" : method.x.method.signature;
+}
+
+// The name of the argument `index` of `method`: its names follow one another, each with a zero
+// byte.
+std::string argumentName(const sd_bus_vtable& method, std::size_t index) {
+    const char* name = method.x.method.names;
+    for (; index > 0; --index) {
+        name += std::strlen(name) + 1;
+    }
+    return name;
+}
+
+// As "Begin(s appPath, d until, d started)".
+std::string described(const sd_bus_vtable& method) {
+    const std::string_view types = typesOf(method);
+    std::string text = method.x.method.member + std::string("(");
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + std::string(1, types[i]) + " " + argumentName(method, i);
+    }
+    return text + ")";
+}
+
+// Answers a request with the wrong arguments by naming the first wrong one, before sd-bus answers
+// with the two signatures only.
+int checkArguments(sd_bus_message* message) {
+    if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
+        return 0;
+    }
+    const auto problem = argumentProblem(sd_bus_message_get_member(message),
+                                         sd_bus_message_get_signature(message, 1));
+    return problem ? replyInvalid(message, *problem) : 0;
+}
+
 }  // namespace
 
-BusConnection::BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone,
+std::optional<std::string> argumentProblem(std::string_view member, std::string_view signature) {
+    const sd_bus_vtable* method = methodCalled(member);
+    if (method == nullptr) {
+        return std::nullopt;
+    }
+    // Every expected type is one character, so up to the first difference characters are arguments.
+    const std::string_view expected = typesOf(*method);
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        if (i >= signature.size()) {
+            return argumentName(*method, i) + " is missing: " + described(*method);
+        }
+        if (signature[i] != expected[i]) {
+            return argumentName(*method, i) + " has the wrong type: " + described(*method) +
+                   " was called with \"" + std::string(signature) + "\"";
+        }
+    }
+    if (signature.size() > expected.size()) {
+        return "there are more arguments than " + described(*method) + " takes: \"" +
+               std::string(signature) + "\"";
+    }
+    return std::nullopt;
+}
+
+BusConnection::BusConnection(HelperConnection requests, std::function<void()> gone,
                              std::function<void()> begun)
     : requests_(std::move(requests)), gone_(std::move(gone)), begun_(std::move(begun)) {}
 

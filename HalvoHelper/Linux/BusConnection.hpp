@@ -6,8 +6,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
@@ -21,15 +22,14 @@ class BusConnection {
   public:
     // Will serve requests of the caller with `requests`. `gone` is called once, from the event
     // loop, when the caller went away or was disconnected; it must destroy the connection later,
-    // not from within. `begun` is called when a begin of this caller was taken, before the reply,
-    // and perhaps after the connection was destroyed.
-    BusConnection(std::unique_ptr<HelperConnection> requests, std::function<void()> gone,
+    // not from within. `begun` is called when a begin of this caller was taken, before the reply.
+    BusConnection(HelperConnection requests, std::function<void()> gone,
                   std::function<void()> begun);
 
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
-    // Disconnects without calling `gone`. Replies to requests under way go nowhere.
+    // Disconnects without calling `gone`.
     ~BusConnection();
 
     // Serves the connected `socket` on the main thread's event loop. False when the system has no
@@ -37,17 +37,17 @@ class BusConnection {
     // connection is then of no use. Called once.
     bool start(Descriptor socket);
 
-    [[nodiscard]] HelperConnection& requests() { return *requests_; }
+    [[nodiscard]] const HelperConnection& requests() const { return requests_; }
 
     // What a status has told this caller is no longer so: disconnects it, unless it was told
     // nothing. Requests that have come are answered, but nothing that the caller sends from now on
     // arrives: a begin that it has decided on has to start with another status.
     void outdate();
 
-    // Called for each request for the status.
+    // Called for each request for the status, and for each begin that was taken.
     void noteStatus() { toldStatus_ = true; }
 
-    [[nodiscard]] const std::function<void()>& begun() const { return begun_; }
+    void noteBegin() const { begun_(); }
 
   private:
     bool prepare(Descriptor socket);
@@ -60,7 +60,7 @@ class BusConnection {
     static int onFirstMessages(sd_event_source* source, void* self);
     static int onDeadline(sd_event_source* source, std::uint64_t time, void* self);
 
-    std::unique_ptr<HelperConnection> requests_;
+    HelperConnection requests_;
     std::function<void()> gone_;
     std::function<void()> begun_;
     bool toldStatus_ = false;
@@ -71,5 +71,10 @@ class BusConnection {
     // Of the authentication, then of each silence.
     sd_event_source* deadline_ = nullptr;
 };
+
+// What is wrong with arguments of the D-Bus signature `signature` for the request called `member`,
+// as a sentence that names the first one that does not fit; nothing when they fit, or there is no
+// such request.
+std::optional<std::string> argumentProblem(std::string_view member, std::string_view signature);
 
 }  // namespace halvo

@@ -19,7 +19,7 @@
 #include <system_error>
 #include <utility>
 
-#include "HalvoHelper/ConnectionAcceptor.hpp"
+#include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/Linux/BusConnection.hpp"
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
@@ -59,10 +59,9 @@ class SocketListener final : public HelperListener {
         sd_event_source_disable_unref(retry_);
     }
 
-    void setRequirement(const HelperIdentity& identity) override { rules_.emplace(identity); }
-
-    void resume(ConnectionAcceptor& acceptor) override {
-        acceptor_ = &acceptor;
+    void serve(const HelperIdentity& identity, HelperService& service) override {
+        rules_ = std::make_unique<CallerRules>(identity);
+        service_ = &service;
         sd_event* loop = nullptr;
         if (listen(socket_.get(), Limits::backlog) != 0 || sd_event_default(&loop) < 0 ||
             sd_event_add_io(loop, &incoming_, socket_.get(), EPOLLIN, onIncoming, this) < 0 ||
@@ -98,9 +97,7 @@ class SocketListener final : public HelperListener {
             refusals_.refused(now, "too many connections are open");
             return;
         }
-        // Without a requirement nobody is admitted.
-        const auto caller =
-            rules_ ? rules_->check(socket.get()) : std::unexpected("nothing is known of the app");
+        const auto caller = rules_->check(socket.get());
         if (!caller) {
             refusals_.refused(now, caller.error());
             return;
@@ -141,12 +138,13 @@ class SocketListener final : public HelperListener {
     bool admit(Descriptor socket, const Caller& caller) {
         const std::uint64_t id = nextID_++;
         auto connection = std::make_unique<BusConnection>(
-            acceptor_->accept(caller.uid, caller.executable), [this, id] { forget(id); },
-            [this, id, uid = caller.uid] { outdateOthers(id, uid); });
+            HelperConnection(HelperPeer::ofProcess(caller.uid, caller.executable),
+                             service_->engine()),
+            [this, id] { forget(id); }, [this, id, uid = caller.uid] { outdateOthers(id, uid); });
         if (!connection->start(std::move(socket))) {
             return false;
         }
-        acceptor_->admitted();
+        service_->connectionOpened();
         connections_.emplace(id, std::move(connection));
         return true;
     }
@@ -163,15 +161,15 @@ class SocketListener final : public HelperListener {
 
     // Called from within the connection, which therefore goes later.
     void forget(std::uint64_t id) {
-        acceptor_->invalidated();
+        service_->connectionClosed();
         liveMainQueue().async([this, id] { connections_.erase(id); });
     }
 
     Descriptor socket_;
     // Held while this helper serves the socket that it made itself.
     Descriptor lock_;
-    std::optional<CallerRules> rules_;
-    ConnectionAcceptor* acceptor_ = nullptr;
+    std::unique_ptr<CallerRules> rules_;
+    HelperService* service_ = nullptr;
     sd_event_source* incoming_ = nullptr;
     sd_event_source* retry_ = nullptr;
     RefusalLog refusals_;

@@ -27,8 +27,8 @@
 #include <utility>
 #include <vector>
 
-#include "HalvoHelper/ConnectionAcceptor.hpp"
 #include "HalvoHelper/HelperListener.hpp"
+#include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
@@ -81,16 +81,6 @@ void serveWhatComes() {
     int turns = 0;
     EXPECT_TRUE(serveUntil([&turns] { return ++turns == 10; }));
 }
-
-class NotingCount final : public ConnectionCount {
-  public:
-    void connectionOpened() override { ++opened; }
-
-    void connectionClosed() override { ++closed; }
-
-    int opened = 0;
-    int closed = 0;
-};
 
 // Whether somebody listens at `path`: 0, or the errno of connect(2).
 int tryToConnect(const std::string& path) {
@@ -402,23 +392,15 @@ TEST_F(HelperListenerPrivateMachineTest, RefusesDescriptorsThatAreNotThere) {
 
 // A listener that serves, on a simulated world.
 struct Service {
-    Service() {
-        auto made = makeListener(name);
-        EXPECT_TRUE(made) << made.error().message;
-        listener = *std::move(made);
-    }
-
-    void resume() {
-        listener->setRequirement(identity);
-        listener->resume(acceptor);
-    }
+    void serve() { listener->serve(identity, helper); }
 
     LogCapture log;
     SimulatedWorld world;
-    HelperEngine engine = world.makeEngine();
-    NotingCount count;
-    ConnectionAcceptor acceptor{liveMainQueue(), engine, count};
-    std::unique_ptr<HelperListener> listener;
+    std::unique_ptr<HelperListener> listener = makeListener(name).value();
+    HelperService helper{identity,
+                         {world.clock, world.flags, world.store, world.session, world.opener},
+                         *listener,
+                         liveMainQueue()};
 };
 
 class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachineTest {
@@ -498,7 +480,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServe
         };
         Service service;
         EXPECT_EQ(heard(), "");
-        service.resume();
+        service.serve();
         EXPECT_EQ(heard(), "READY=1");
         fs::remove(path);
     });
@@ -507,19 +489,15 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServe
 TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheApp) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto caller = start({"ask", socketPath, "status", "begin=" + app->path(), "status",
                                    "heartbeat", "end", "status"});
         EXPECT_THAT(answersTo(*caller, 6),
                     ElementsAre("idle without end unlocked", "yes", "holding until unlocked", "yes",
                                 "yes", "idle without end unlocked"));
-        EXPECT_EQ(service.count.opened, 1);
-        EXPECT_EQ(service.count.closed, 0);
+        EXPECT_EQ(service.helper.connections(), 1);
         caller->closeInput();
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == 1; }));
-        serveWhatComes();
-        EXPECT_EQ(service.count.opened, 1);
-        EXPECT_EQ(service.count.closed, 1);
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 0; }));
         EXPECT_THAT(service.log.errors(), IsEmpty());
     });
 }
@@ -534,7 +512,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheAppOnTheSocketOfSystemd)
         close(socket);
         const auto caller = start({"ask", socketPath, "status"});
         Service service;
-        service.resume();
+        service.serve();
         EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
     });
 }
@@ -542,7 +520,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheAppOnTheSocketOfSystemd)
 TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheAppsItServesApart) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto mine = start({"ask", socketPath, "begin=" + app->path()});
         EXPECT_THAT(answersTo(*mine, 1), ElementsAre("yes"));
         TestProcess theirs([this] {
@@ -551,29 +529,28 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheAppsItServesApart) {
                     {"ask", socketPath, "status", "begin=" + app->path(), "end"});
         });
         EXPECT_THAT(answersTo(theirs, 3), ElementsAre("idle without end unlocked", "no", "no"));
-        EXPECT_EQ(service.count.opened, 2);
+        EXPECT_EQ(service.helper.connections(), 2);
     });
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, TurnsStrangersAwayAndSaysWhy) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto stranger = start(HALVO_TEST_APP, {"ask", socketPath, "status"});
         const auto lines = answersTo(*stranger, 1);
         EXPECT_THAT(lines, ElementsAre(::testing::Not(HasSubstr("idle"))));
         EXPECT_EQ(service.log.errors().size(), 1U);
         EXPECT_THAT(service.log.errors(), ElementsAre(StartsWith("Refused a caller: ")));
         serveWhatComes();
-        EXPECT_EQ(service.count.opened, 0);
-        EXPECT_EQ(service.count.closed, 0);
+        EXPECT_EQ(service.helper.connections(), 0);
     });
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, ReadsNothingOfAStranger) {
     inChild([] {
         Service service;
-        service.resume();
+        service.serve();
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -593,7 +570,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ReadsNothingOfAStranger) {
 TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
     inChild([] {
         Service service;
-        service.resume();
+        service.serve();
         for (int i = 0; i < 30; ++i) {
             EXPECT_EQ(tryToConnect(socketPath), 0);
         }
@@ -602,57 +579,45 @@ TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
     });
 }
 
-TEST_F(HelperListenerCallerPrivateMachineTest, AdmitsNobodyWithoutARequirement) {
-    inChild([this] {
-        Service service;
-        service.listener->resume(service.acceptor);
-        const auto caller = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*caller, 1), ElementsAre(::testing::Not(HasSubstr("idle"))));
-        EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Refused a caller: nothing is known of the app"));
-        EXPECT_EQ(service.count.opened, 0);
-    });
-}
-
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsOneConnectionEndWithoutTheOthers) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto first = start({"ask", socketPath, "status"});
         answersTo(*first, 1);
         const auto second = start({"ask", socketPath, "status"});
         answersTo(*second, 1);
-        EXPECT_EQ(service.count.opened, 2);
+        EXPECT_EQ(service.helper.connections(), 2);
         first->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == 1; }));
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 1; }));
         serveWhatComes();
-        EXPECT_EQ(service.count.closed, 1);
+        EXPECT_EQ(service.helper.connections(), 1);
         second->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == 2; }));
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 0; }));
     });
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         constexpr int most = static_cast<int>(Limits::connections);
         const auto many = startCrowd();
-        EXPECT_TRUE(serveUntil([&] { return service.count.opened == most - 1; }));
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
         auto last = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*last, 1), ElementsAre("idle without end unlocked"));
-        EXPECT_EQ(service.count.opened, most);
+        EXPECT_EQ(service.helper.connections(), most);
         EXPECT_TRUE(service.log.isEmpty());
 
         const auto tooMany = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*tooMany, 1), ElementsAre(::testing::Not(HasSubstr("idle"))));
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: too many connections are open"));
-        EXPECT_EQ(service.count.opened, most);
+        EXPECT_EQ(service.helper.connections(), most);
 
         // One goes, one may come.
         last->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == 1; }));
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
         serveWhatComes();
         const auto next = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
@@ -662,21 +627,21 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
 TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOthersForOthers) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         constexpr int most = static_cast<int>(Limits::connectionsOfUser);
         const auto many = start({"connect-many", socketPath, std::to_string(3 * most)});
         const std::string refusal = "Refused a caller: too many connections of user " +
                                     std::to_string(user.uid) + " are open";
         EXPECT_TRUE(serveUntil(
             [&] { return service.log.count(refusal) == std::size_t{Limits::refusalLines}; }));
-        EXPECT_EQ(service.count.opened, most);
+        EXPECT_EQ(service.helper.connections(), most);
         const auto theirs = startAs(other, app->executable(), {"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*theirs, 1), ElementsAre("idle without end unlocked"));
-        EXPECT_EQ(service.count.opened, most + 1);
+        EXPECT_EQ(service.helper.connections(), most + 1);
 
         // As many go, as many may come.
         many->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.count.closed == most; }));
+        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 1; }));
         serveWhatComes();
         const auto next = start({"ask", socketPath, "status"});
         EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
@@ -686,12 +651,11 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOt
 TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGone) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto serveSome = [&](int count) {
-            const int before = service.count.closed;
             const auto caller = start({"ask-often", socketPath, std::to_string(count)});
             EXPECT_THAT(answersTo(*caller, 1), ElementsAre("asked"));
-            EXPECT_TRUE(serveUntil([&] { return service.count.closed == before + count; }));
+            EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 0; }));
             serveWhatComes();
             service.world.calls.clear();
         };
@@ -710,7 +674,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAny
     for (const int code : {EACCES, EPERM, EMFILE}) {
         inChild([this, code] {
             Service service;
-            service.resume();
+            service.serve();
             const auto caller = start({"ask", socketPath, "status"});
             {
                 const Fault fault = Fault::failing(SystemCall::accept4, code);
@@ -730,7 +694,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAny
 TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBeAccepted) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         for (const int code : {EAGAIN, EINTR, ECONNABORTED, EPROTO, EHOSTUNREACH}) {
             const auto caller = start({"ask", socketPath, "status"});
             const Fault fault = Fault::failing(SystemCall::accept4, code);
@@ -743,7 +707,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBe
 TEST_F(HelperListenerCallerPrivateMachineTest, WaitsWhenTheSystemHasNoDescriptorLeft) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto caller = start({"ask", socketPath, "status"});
         {
             const FewDescriptors none(0);
@@ -760,13 +724,13 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsWhenTheSystemHasNoDescriptor
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         {
             const FailingBusStart once;
             const auto caller = start({"connect", socketPath});
             EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
         }
-        EXPECT_EQ(service.count.opened, 0) << "it was never of use";
+        EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
                                 "descriptors ran out"));
@@ -779,11 +743,11 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsAnAppGoThatTalksNonsense) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         const auto caller = start({"connect-say", socketPath, "GET / HTTP/1.1"});
         EXPECT_EQ(caller->readLine(), "connected");
         EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
-        EXPECT_EQ(service.count.opened, 0) << "it was never of use";
+        EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
                                 "descriptors ran out"));
@@ -795,7 +759,7 @@ TEST_F(HelperListenerPrivateMachineTest, EndsTheProcessWhenItCannotListen) {
         handOver({boundSocket()}, getpid());
         Service service;
         close(3);
-        service.resume();
+        service.serve();
     });
     EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_THAT(result.output, HasSubstr("Fatal error: The helper cannot listen on its socket\n"));
@@ -804,13 +768,13 @@ TEST_F(HelperListenerPrivateMachineTest, EndsTheProcessWhenItCannotListen) {
 TEST_F(HelperListenerCallerPrivateMachineTest, SurvivesACallerWhoIsGoneBeforeItIsAccepted) {
     inChild([this] {
         Service service;
-        service.resume();
+        service.serve();
         {
             const auto gone = start({"connect", socketPath});
             EXPECT_EQ(gone->readLine(), "connected");
         }
         serveWhatComes();
-        EXPECT_EQ(service.count.opened, 0);
+        EXPECT_EQ(service.helper.connections(), 0);
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: its executable cannot be read: No such file or "
                                 "directory"));

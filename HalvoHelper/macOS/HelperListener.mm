@@ -1,9 +1,137 @@
+// NSXPC brings callers and their requests on queues of its own: from here they go on to the main
+// queue.
 #include "HalvoHelper/HelperListener.hpp"
 
 #import <Foundation/Foundation.h>
 
-#include "HalvoHelper/macOS/ConnectionAcceptor.hpp"
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "HalvoHelper/HelperConnection.hpp"
+#include "HalvoHelper/HelperService.hpp"
+#include "HalvoHelper/macOS/ExecutablePath.hpp"
+#include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
+#include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
+
+namespace {
+
+using Reply = void (^)(BOOL ok);
+using StatusReply = void (^)(BOOL holding, NSDate* until, BOOL locked);
+
+// NSXPC does not enforce nonnull: any argument may be nil. A date that is nil is not a number,
+// which no begin accepts; a text is empty, which is no bundle path; a reply goes nowhere.
+halvo::WallDate wallDateOf(NSDate* date) {
+    return halvo::wallDate(date == nil ? std::numeric_limits<double>::quiet_NaN()
+                                       : date.timeIntervalSince1970);
+}
+
+NSDate* foundationDate(const std::optional<halvo::WallDate>& date) {
+    return date ? [NSDate dateWithTimeIntervalSince1970:halvo::secondsSince1970(*date)] : nil;
+}
+
+// Runs `work` on the main queue, whose thread may keep what is autoreleased for long.
+void onMainQueue(std::function<void()> work) {
+    halvo::liveMainQueue().async([work = std::move(work)] {
+        @autoreleasepool {
+            work();
+        }
+    });
+}
+
+// Answers one request with the result of `serve`, on the main queue.
+void answer(Reply reply, std::function<bool()> serve) {
+    Reply copied = [reply copy];
+    onMainQueue([copied, serve = std::move(serve)] {
+        const bool ok = serve();
+        if (copied != nil) {
+            copied(ok ? YES : NO);
+        }
+    });
+}
+
+}  // namespace
+
+// The object that a connection exports. Its methods are called on the connection's own queue; a
+// request may outlive it.
+@interface HelperConnection : NSObject <HalvoHelperXPC>
+@end
+
+@implementation HelperConnection {
+  @public
+    std::shared_ptr<const halvo::HelperConnection> requests;
+}
+
+- (void)beginWithAppPath:(NSString*)appPath
+                   until:(NSDate*)until
+                 started:(NSDate*)started
+                   reply:(Reply)reply {
+    answer(reply,
+           [served = requests, path = halvo::resolvedPath(halvo::textOf(appPath).value_or("")),
+            last = wallDateOf(until), first = wallDateOf(started)] {
+               return served->begin(path, last, first).value_or(false);
+           });
+}
+
+- (void)heartbeatWithSessionEnding:(BOOL)sessionEnding reply:(Reply)reply {
+    answer(reply,
+           [served = requests, ending = sessionEnding != NO] { return served->heartbeat(ending); });
+}
+
+- (void)endWithReply:(Reply)reply {
+    answer(reply, [served = requests] { return served->end(); });
+}
+
+- (void)statusWithReply:(StatusReply)reply {
+    StatusReply copied = [reply copy];
+    onMainQueue([served = requests, copied] {
+        const halvo::HelperStatus status = served->status();
+        if (copied != nil) {
+            copied(status.holding ? YES : NO, foundationDate(status.until),
+                   status.locked ? YES : NO);
+        }
+    });
+}
+
+@end
+
+// The delegate of the listener. By then the system has turned away every caller that does not meet
+// the listener's code-signing requirement, so all that reach this are admitted. Called on the
+// listener's own queue.
+@interface ConnectionAcceptor : NSObject <NSXPCListenerDelegate>
+@end
+
+@implementation ConnectionAcceptor {
+  @public
+    halvo::HelperService* service;
+}
+
+- (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)connection {
+    halvo::HelperService* served = service;
+    halvo::PathBuffer buffer;
+    const auto executable = halvo::executablePath(connection.processIdentifier, buffer);
+    HelperConnection* exported = [HelperConnection new];
+    exported->requests = std::make_shared<const halvo::HelperConnection>(
+        halvo::HelperPeer::ofProcess(
+            connection.effectiveUserIdentifier,
+            executable ? std::optional<std::string>(*executable) : std::nullopt),
+        served->engine());
+    connection.exportedInterface = [NSXPCInterface interfaceWithProtocol:@protocol(HalvoHelperXPC)];
+    connection.exportedObject = exported;
+    connection.invalidationHandler = ^{
+      onMainQueue([served] { served->connectionClosed(); });
+    };
+    // Before the first request can arrive.
+    onMainQueue([served] { served->connectionOpened(); });
+    [connection resume];
+    return YES;
+}
+
+@end
 
 namespace halvo {
 namespace {
@@ -13,16 +141,12 @@ class XPCListener final : public HelperListener {
     explicit XPCListener(const std::string& name)
         : listener_([[NSXPCListener alloc] initWithMachServiceName:knownFoundationText(name)]) {}
 
-    void setRequirement(const HelperIdentity& identity) override {
+    void serve(const HelperIdentity& identity, HelperService& service) override {
         @autoreleasepool {
             [listener_
                 setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
-        }
-    }
-
-    void resume(ConnectionAcceptor& acceptor) override {
-        @autoreleasepool {
-            delegate_ = [[::ConnectionAcceptor alloc] initWithAcceptor:acceptor];
+            delegate_ = [ConnectionAcceptor new];
+            delegate_->service = &service;
             listener_.delegate = delegate_;
             [listener_ resume];
         }
@@ -31,7 +155,7 @@ class XPCListener final : public HelperListener {
   private:
     NSXPCListener* listener_;
     // The listener does not keep it.
-    ::ConnectionAcceptor* delegate_ = nil;
+    ConnectionAcceptor* delegate_ = nil;
 };
 
 }  // namespace

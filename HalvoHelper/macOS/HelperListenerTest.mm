@@ -1,89 +1,453 @@
+// What NSXPC brings, and what goes back. What is made of the requests:
+// HalvoHelper/HelperConnectionTest.cpp.
 #import <Foundation/Foundation.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "HalvoHelper/ConnectionAcceptor.hpp"
 #include "HalvoHelper/HelperListener.hpp"
+#include "HalvoHelper/HelperService.hpp"
+#include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
 #include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/macOS/FoundationText.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/FakeDarwin/FakeFoundation.hpp"
 #include "tests/FakeDarwin/FakeXPC.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {
 namespace {
 
-const std::string service = "com.example.app.helper";
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+const std::string machService = "com.example.app.helper";
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
+constexpr pid_t caller = 300;
+constexpr std::uint32_t ann = 501;
+constexpr std::uint32_t ben = 502;
+constexpr Seconds hour{3600};
 
-class NoCount final : public ConnectionCount {
-  public:
-    void connectionOpened() override {}
+constexpr const char* notTheirs = "Refused a begin for a bundle that isn't the caller's own";
 
-    void connectionClosed() override {}
-};
+NSDate* dateOf(WallDate date) {
+    return [NSDate dateWithTimeIntervalSince1970:secondsSince1970(date)];
+}
 
 class XPCListenerTest : public ::testing::Test {
   protected:
-    XPCListenerTest() {
-        fake::reset();
-        auto made = makeListener(service);
-        EXPECT_TRUE(made);
-        listener = *std::move(made);
+    XPCListenerTest() { world.session.console = ann; }
+
+    // The caller runs the executable at `path`, which is not told when it is empty.
+    static void runs(const std::string& path) { fake::world().processes = {{caller, ann, path}}; }
+
+    static NSXPCConnection* connect() { return fake::connect(machService, caller, ann); }
+
+    void serve() { listener->serve(identity, service); }
+
+    // Serves, and connects as the app.
+    void serveApp() {
+        serve();
+        runs(app + "/Contents/MacOS/Halvo");
+        connection = connect();
     }
 
-    static bool isAdmitted() { return fake::connect(service, 300, 501) != nil; }
+    [[nodiscard]] WallDate now() const { return world.clock.now().wall; }
 
+    // A block that notes the reply to `request`.
+    void (^noting(std::string request))(BOOL) {
+        return ^(BOOL ok) {
+          replies.push_back(request + (ok ? " yes" : " no"));
+        };
+    }
+
+    // The requests on `connection`. Each notes its reply.
+
+    void begin(NSString* path, NSDate* until, NSDate* started) {
+        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+          [helper beginWithAppPath:path until:until started:started reply:noting("begin")];
+        });
+    }
+
+    void begin(const std::string& path) {
+        begin(foundationText(path), dateOf(now() + hour), dateOf(now()));
+    }
+
+    void begin() { begin(app); }
+
+    void heartbeat(BOOL sessionEnding = NO) {
+        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+          [helper heartbeatWithSessionEnding:sessionEnding reply:noting("heartbeat")];
+        });
+    }
+
+    void end() {
+        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+          [helper endWithReply:noting("end")];
+        });
+    }
+
+    // The reply is noted with the end as seconds from now.
+    void status() {
+        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+          [helper statusWithReply:^(BOOL holding, NSDate* until, BOOL locked) {
+            replies.push_back(std::string("status ") + (holding ? "holding" : "idle") +
+                              (until == nil ? "" : " until " + fromNow(until)) +
+                              (locked ? " locked" : ""));
+          }];
+        });
+    }
+
+    [[nodiscard]] std::string fromNow(NSDate* date) const {
+        return std::to_string((wallDate(date.timeIntervalSince1970) - now()).count());
+    }
+
+    // Whether a caller that connects now may commit the bundle at `path`.
+    bool owns(const std::string& path) {
+        connection = connect();
+        begin(path);
+        fake::serve(0);
+        return engine.commitment() && engine.commitment()->appPath == path;
+    }
+
+    // Before what it is asked for.
+    const int worldReset = (fake::reset(), 0);
     SimulatedWorld world;
-    HelperEngine engine = world.makeEngine();
-    NoCount count;
-    halvo::ConnectionAcceptor acceptor{liveMainQueue(), engine, count};
-    std::unique_ptr<HelperListener> listener;
+    const std::string app = world.addBundle("Applications/Halvo.app");
+    std::unique_ptr<HelperListener> listener = makeListener(machService).value();
+    HelperService service{identity,
+                          {world.clock, world.flags, world.store, world.session, world.opener},
+                          *listener,
+                          liveMainQueue()};
+    HelperEngine& engine = service.engine();
+    NSXPCConnection* connection = nil;
+    std::vector<std::string> replies;
 };
 
+// ---------------------------------------------------------------------------------- the listener
+
 TEST_F(XPCListenerTest, ListensOnTheMachServiceOfThatName) {
-    EXPECT_TRUE(fake::listener(service));
+    EXPECT_TRUE(fake::listener(machService));
     EXPECT_FALSE(fake::listener("com.example.app"));
 }
 
-TEST_F(XPCListenerTest, ServesNobodyBeforeItIsResumed) {
-    EXPECT_FALSE(fake::listener(service)->isResumed);
-    EXPECT_FALSE(isAdmitted());
-    listener->setRequirement(identity);
-    EXPECT_FALSE(fake::listener(service)->isResumed);
-    EXPECT_FALSE(isAdmitted());
-}
-
-TEST_F(XPCListenerTest, DemandsOfCallersThatTheyBeTheApp) {
-    listener->setRequirement(identity);
-    EXPECT_EQ(fake::listener(service)->requirement,
-              "anchor apple generic and identifier \"com.example.app\" and certificate "
-              "leaf[subject.OU] = \"7QX4KD19MT\"");
+TEST_F(XPCListenerTest, AdmitsNobodyBeforeItServes) {
+    EXPECT_FALSE(fake::listener(machService)->isResumed);
+    EXPECT_EQ(connect(), nil);
 }
 
 TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
-    listener->setRequirement(identity);
-    listener->resume(acceptor);
-    EXPECT_TRUE(fake::listener(service)->isResumed);
-    EXPECT_TRUE(fake::listener(service)->hadRequirementWhenResumed);
-    EXPECT_TRUE(fake::listener(service)->hadDelegateWhenResumed);
-    EXPECT_TRUE(isAdmitted());
+    serve();
+    EXPECT_EQ(fake::listener(machService)->requirement,
+              "anchor apple generic and identifier \"com.example.app\" and certificate "
+              "leaf[subject.OU] = \"7QX4KD19MT\"");
+    EXPECT_TRUE(fake::listener(machService)->isResumed);
+    EXPECT_TRUE(fake::listener(machService)->hadRequirementWhenResumed);
+    EXPECT_TRUE(fake::listener(machService)->hadDelegateWhenResumed);
+    EXPECT_NE(connect(), nil);
 }
 
 // NSXPCListener does not.
 TEST_F(XPCListenerTest, KeepsItsDelegateForAsLongAsItLives) {
     const long before = fake::liveObjects("ConnectionAcceptor");
-    listener->setRequirement(identity);
     @autoreleasepool {
-        listener->resume(acceptor);
+        serve();
     }
     EXPECT_EQ(fake::liveObjects("ConnectionAcceptor"), before + 1);
     @autoreleasepool {
-        EXPECT_TRUE(isAdmitted());
+        EXPECT_NE(connect(), nil);
         listener.reset();
     }
     EXPECT_EQ(fake::liveObjects("ConnectionAcceptor"), before);
+}
+
+// ---------------------------------------------------------------------------------- the admission
+
+TEST_F(XPCListenerTest, ExportsTheRequestsAndHearsOfTheEndBeforeItResumes) {
+    serveApp();
+    EXPECT_THAT(fake::steps(connection), ElementsAre("interface", "object", "handler", "resume"));
+    EXPECT_EQ(fake::exportedProtocol(connection), "HalvoHelperXPC");
+}
+
+TEST_F(XPCListenerTest, AdmitsEveryCallerThatReachesIt) {
+    serve();
+    for (const std::string& path :
+         {std::string(), std::string("/usr/bin/tool"), app + "/Contents/MacOS/Halvo"}) {
+        runs(path);
+        EXPECT_NE(connect(), nil) << path;
+    }
+    EXPECT_NE(fake::connect(machService, 1, 0), nil);
+    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
+}
+
+TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
+    serveApp();
+    NSXPCConnection* other = connect();
+    EXPECT_EQ(service.connections(), 0);
+    fake::serve(0);
+    EXPECT_EQ(service.connections(), 2);
+    fake::invalidate(connection);
+    EXPECT_EQ(service.connections(), 2);
+    fake::serve(0);
+    fake::serve(10);
+    EXPECT_EQ(service.connections(), 1);
+    fake::invalidate(other);
+    fake::serve(0);
+    EXPECT_EQ(service.connections(), 0);
+}
+
+TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
+    serveApp();
+    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+      [helper endWithReply:^(BOOL) {
+        replies.push_back(std::to_string(service.connections()));
+      }];
+    });
+    fake::invalidate(connection);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("1"));
+    EXPECT_EQ(service.connections(), 0);
+}
+
+TEST_F(XPCListenerTest, LeavesTheEngineAloneWithoutARequest) {
+    world.calls.clear();
+    serveApp();
+    fake::invalidate(connection);
+    fake::serve(0);
+    EXPECT_THAT(world.calls.calls(), IsEmpty());
+}
+
+TEST_F(XPCListenerTest, TakesTheCallersUserFromTheConnectionNotFromTheProcess) {
+    serve();
+    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/Halvo"}};
+    EXPECT_TRUE(owns(app));
+    EXPECT_EQ(engine.commitment()->uid, ann);
+}
+
+TEST_F(XPCListenerTest, FindsTheCallersBundle) {
+    serve();
+    const std::string other = world.addBundle("Applications/Other.app");
+    runs(app + "/Contents/MacOS/Halvo");
+    EXPECT_FALSE(owns(other));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
+    EXPECT_TRUE(owns(app));
+}
+
+TEST_F(XPCListenerTest, ACallerWithoutAnExecutableOrABundleOwnsNone) {
+    serve();
+    for (const std::string& path : {std::string(), app + "/Halvo"}) {
+        fake::reset();
+        listener = makeListener(machService).value();
+        serve();
+        runs(path);
+        EXPECT_FALSE(owns(app)) << path;
+        EXPECT_THAT(fake::errors(), ElementsAre(notTheirs)) << path;
+    }
+}
+
+TEST_F(XPCListenerTest, FixesThePeerWhenItAdmits) {
+    serveApp();
+    runs("/usr/bin/tool");
+    begin();
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes"));
+}
+
+TEST_F(XPCListenerTest, ReadsNoMoreThanTheBufferOfALongerPath) {
+    serve();
+    runs(app + "/Contents/MacOS/" + std::string(5000, 'a'));
+    EXPECT_TRUE(owns(app)) << "of its name as much as fits";
+}
+
+// ----------------------------------------------------------------------------------- the requests
+
+TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
+    serveApp();
+    heartbeat();
+    end();
+    status();
+    begin();
+    heartbeat();
+    status();
+    end();
+    EXPECT_THAT(replies, IsEmpty());
+    EXPECT_THAT(world.calls.changes(), IsEmpty()) << "it touched the engine on another queue";
+    fake::serve(0);
+    fake::serve(10);
+    EXPECT_THAT(replies,
+                ElementsAre("heartbeat no", "end no", "status idle", "begin yes", "heartbeat yes",
+                            "status holding until 3600.000000 locked", "end yes"));
+}
+
+TEST_F(XPCListenerTest, TellsALockThatCouldNotBeSet) {
+    serveApp();
+    world.flags.failsToLock = true;
+    begin();
+    status();
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000"));
+}
+
+TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBit) {
+    serveApp();
+    const WallDate until = wallDate(1'760'000'600.123456);
+    const WallDate started = wallDate(1'759'999'999.654321);
+    begin(foundationText(app), dateOf(until), dateOf(started));
+    fake::serve(0);
+    ASSERT_TRUE(engine.commitment());
+    EXPECT_EQ(engine.commitment()->remaining, until - now());
+    EXPECT_EQ(engine.commitment()->startedWall, started);
+}
+
+TEST_F(XPCListenerTest, RefusesABeginThatTheEngineRefuses) {
+    serveApp();
+    begin("/Applications/Other.app");
+    begin(foundationText(app), dateOf(now() - hour), dateOf(now()));
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
+}
+
+TEST_F(XPCListenerTest, PassesTheAnnouncementThatTheSessionEnds) {
+    serveApp();
+    begin();
+    fake::serve(0);
+    engine.tick();
+    heartbeat(YES);
+    fake::serve(0);
+    world.clock.advance(Seconds{60});
+    engine.tick();
+    EXPECT_THAT(world.opener.openings, IsEmpty());
+    heartbeat(NO);
+    fake::serve(0);
+    world.clock.advance(Seconds{10});
+    engine.tick();
+    EXPECT_EQ(world.opener.openings.size(), 1U);
+}
+
+TEST_F(XPCListenerTest, ResolvesThePathWhenTheRequestComes) {
+    serveApp();
+    const std::string link = std::filesystem::path(app).parent_path() / "Link.app";
+    std::filesystem::create_directory_symlink(app, link);
+    begin(link);
+    std::filesystem::remove(link);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes"));
+    EXPECT_EQ(engine.commitment()->appPath, app);
+}
+
+// [NSDate distantPast] and [NSDate distantFuture]: the years 1 and 4001.
+TEST_F(XPCListenerTest, TakesTheDistantFutureAndTheDistantPastForDates) {
+    serveApp();
+    NSDate* distantPast = dateOf(wallDate(-62'135'769'600));
+    NSDate* distantFuture = dateOf(wallDate(64'092'211'200));
+    begin(foundationText(app), distantFuture, dateOf(now()));
+    status();
+    begin(foundationText(app), distantPast, dateOf(now()));
+    status();
+    begin(foundationText(app), distantFuture, distantPast);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 86400.000000 locked",
+                                     "begin no", "status idle", "begin no"));
+    EXPECT_THAT(fake::errors(), IsEmpty());
+}
+
+// ---------------------------------------------------------------------------- what may be left out
+
+TEST_F(XPCListenerTest, TakesWhatIsNoTextForNoBundlePath) {
+    serveApp();
+    // A zero byte does not end the path.
+    const std::string path = app + std::string("\0.app", 5);
+    NSString* missing = nil;
+    for (NSString* text : {missing, fake::loneSurrogate(), foundationText(path)}) {
+        begin(text, dateOf(now() + hour), dateOf(now()));
+    }
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin no", "begin no", "begin no"));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs));
+}
+
+TEST_F(XPCListenerTest, TakesAMissingDateForNone) {
+    serveApp();
+    NSDate* missing = nil;
+    begin(foundationText(app), missing, dateOf(now()));
+    begin(foundationText(app), dateOf(now() + hour), missing);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
+    EXPECT_THAT(fake::errors(), ElementsAre("Refused a begin: until is not a finite number",
+                                            "Refused a begin: started is not a finite number"));
+    EXPECT_TRUE(engine.isIdle());
+}
+
+TEST_F(XPCListenerTest, ServesARequestWithoutAReply) {
+    serveApp();
+    void (^none)(BOOL) = nil;
+    void (^noStatus)(BOOL, NSDate*, BOOL) = nil;
+    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+      [helper beginWithAppPath:foundationText(app)
+                         until:dateOf(now() + hour)
+                       started:dateOf(now())
+                         reply:none];
+      [helper heartbeatWithSessionEnding:NO reply:none];
+      [helper statusWithReply:noStatus];
+    });
+    fake::serve(0);
+    EXPECT_FALSE(engine.isIdle());
+    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+      [helper endWithReply:none];
+    });
+    fake::serve(0);
+    EXPECT_TRUE(engine.isIdle());
+}
+
+// ----------------------------------------------------------------------------------- its lifetime
+
+// What is alive of one test; others may have left some to the pool of the thread.
+class XPCListenerLifetimeTest : public XPCListenerTest {
+  protected:
+    [[nodiscard]] long exportedObjects() const {
+        return fake::liveObjects("HelperConnection") - exportedBefore;
+    }
+
+    [[nodiscard]] long connections() const {
+        return fake::liveObjects("NSXPCConnection") - connectionsBefore;
+    }
+
+  private:
+    const long exportedBefore = fake::liveObjects("HelperConnection");
+    const long connectionsBefore = fake::liveObjects("NSXPCConnection");
+};
+
+TEST_F(XPCListenerLifetimeTest, LetsGoOfWhatItExportedAfterTheInvalidation) {
+    @autoreleasepool {
+        serveApp();
+        status();
+        fake::serve(0);
+        EXPECT_EQ(exportedObjects(), 1);
+        fake::invalidate(connection);
+        fake::serve(0);
+        connection = nil;
+    }
+    EXPECT_EQ(exportedObjects(), 0);
+    EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(XPCListenerLifetimeTest, AnswersRequestsWhoseConnectionDiesMeanwhile) {
+    @autoreleasepool {
+        serveApp();
+        begin();
+        status();
+        fake::invalidate(connection);
+        connection = nil;
+    }
+    EXPECT_EQ(exportedObjects(), 0);
+    fake::serve(0);
+    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000 locked"));
+    EXPECT_EQ(service.connections(), 0);
 }
 
 }  // namespace
