@@ -12,8 +12,8 @@
 
 #include "HalvoClient/BusCall.hpp"
 #include "HalvoClient/FakeHelper.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

@@ -23,8 +23,8 @@
 #include "HalvoClient/FakeHelper.hpp"
 #include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

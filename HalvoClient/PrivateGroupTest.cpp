@@ -11,8 +11,8 @@
 #include <thread>
 
 #include "HalvoClient/PrivateGroup.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

@@ -16,12 +16,12 @@
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/ItemFlags.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/Printing.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 

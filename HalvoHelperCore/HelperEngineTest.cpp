@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/Printing.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -5,7 +5,7 @@
 #include <csignal>
 
 #include "HalvoPlatform/Fatal.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "HalvoPlatform/MainActor.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "HalvoPlatform/SIGPIPEGuard.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -6,8 +6,8 @@
 
 #include "HalvoShared/AppGroup.hpp"
 #include "tests/Support/BundledProgram.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

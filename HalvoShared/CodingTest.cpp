@@ -10,7 +10,7 @@
 
 #include "HalvoShared/Coding.hpp"
 #include "HalvoShared/JSON.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -11,8 +11,8 @@
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoShared/IntentHosting.hpp"
 #include "tests/Support/BundledProgram.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/ManualMainQueue.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

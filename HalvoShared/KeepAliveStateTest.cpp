@@ -7,9 +7,9 @@
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/LaunchReason.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

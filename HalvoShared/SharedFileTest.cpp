@@ -16,11 +16,11 @@
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/SharedFile.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

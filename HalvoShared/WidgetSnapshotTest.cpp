@@ -6,9 +6,9 @@
 #include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -32,7 +32,6 @@
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "HalvoHelper/LiveOpener.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"

@@ -23,7 +23,6 @@
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Time.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMachine.hpp"

@@ -12,7 +12,6 @@
 
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"

@@ -14,7 +14,6 @@
 
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "tests/FakeDarwin/FakeOpen.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"

@@ -16,11 +16,11 @@
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/ItemFlags.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "HalvoHelperCore/SystemHelperClock.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

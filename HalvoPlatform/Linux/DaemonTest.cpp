@@ -10,8 +10,8 @@
 #include <string>
 
 #include "HalvoPlatform/Daemon.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

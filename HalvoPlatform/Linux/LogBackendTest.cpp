@@ -24,9 +24,9 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "LogBackend.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -23,9 +23,9 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "HalvoPlatform/MainActor.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

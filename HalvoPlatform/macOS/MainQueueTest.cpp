@@ -16,7 +16,7 @@
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

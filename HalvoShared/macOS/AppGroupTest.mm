@@ -8,7 +8,6 @@
 
 #include "HalvoShared/AppGroup.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 

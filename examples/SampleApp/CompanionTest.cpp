@@ -13,8 +13,8 @@
 
 #include "HalvoClient/FakeHelper.hpp"
 #include "examples/SampleApp/Companion.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

@@ -86,12 +86,12 @@ TEST_F(Administrator, SeesWhatHoldsAndLetsGoOfIt) {
 }
 
 TEST_F(Administrator, FindsNoProblemWhereThereIsNone) {
-    const Answer fresh = machine.run({"halvoctl", "doctor"});
+    const ChildResult fresh = machine.run({"halvoctl", "doctor"});
     EXPECT_EQ(fresh.status, 0) << fresh.output;
     EXPECT_THAT(fresh.output, HasSubstr("No problem."));
     EXPECT_THAT(problems(), IsEmpty());
     machine.commit(session);
-    const Answer held = machine.run({"halvoctl", "doctor"});
+    const ChildResult held = machine.run({"halvoctl", "doctor"});
     EXPECT_EQ(held.status, 0) << held.output;
     EXPECT_THAT(held.output, HasSubstr("the app runs for them"));
 }

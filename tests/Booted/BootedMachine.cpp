@@ -5,21 +5,16 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "HalvoPlatform/Descriptor.hpp"
 
@@ -70,28 +65,6 @@ std::string fieldText(const nlohmann::json& value) {
 
 }  // namespace
 
-Seconds timeNow() {
-    timespec time{};
-    clock_gettime(CLOCK_BOOTTIME, &time);
-    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
-}
-
-bool eventually(Seconds limit, const std::function<bool()>& condition) {
-    constexpr std::chrono::milliseconds pause{150};
-    const Seconds end = timeNow() + limit;
-    while (!condition()) {
-        if (timeNow() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(pause);
-    }
-    return true;
-}
-
-bool always(Seconds span, const std::function<bool()>& condition) {
-    return !eventually(span, [&] { return !condition(); });
-}
-
 BootedMachine::BootedMachine() {
     for (const std::string kind : {"user", "greeter"}) {
         write("/etc/systemd/system/screen-" + kind + "@.service",
@@ -109,31 +82,22 @@ BootedMachine::~BootedMachine() {
     }
 }
 
-Answer BootedMachine::handle(const std::vector<std::string>& words) const {
-    std::string line = "exec timeout --kill-after=5 120 machine";
-    for (const std::string& word : words) {
-        line += " " + quoted(word);
+ChildResult BootedMachine::handle(const std::vector<std::string>& words) const {
+    constexpr Seconds limit{120};
+    // It is on the PATH, and is told of the machine by the environment.
+    std::vector<std::string> command{"/bin/sh", "-c", R"(exec machine "$@")", "-"};
+    command.insert(command.end(), words.begin(), words.end());
+    std::vector<std::string> environment;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        environment.emplace_back(*variable);
     }
-    line += " </dev/null 2>&1";
-    Answer answer;
-    FILE* pipe = popen(line.c_str(), "re");
-    if (pipe == nullptr) {
-        ADD_FAILURE() << "cannot run machine";
-        return answer;
-    }
-    std::array<char, 4096> buffer{};
-    while (const std::size_t count = fread(buffer.data(), 1, buffer.size(), pipe)) {
-        answer.output.append(buffer.data(), count);
-    }
-    const int status = pclose(pipe);
-    answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return answer;
+    return runInChild({.words = command, .environment = environment}, limit);
 }
 
 // Without its machine, a test has nothing to go on with.
 void BootedMachine::power(const std::string& word) {
     isOn_ = false;
-    const Answer answer = handle({word});
+    const ChildResult answer = handle({word});
     if (answer.status != 0) {
         throw std::runtime_error("machine " + word + " failed:\n" + answer.output);
     }
@@ -153,28 +117,28 @@ void BootedMachine::restart() {
 
 void BootedMachine::cutPower() { power("cut"); }
 
-Answer BootedMachine::run(const std::vector<std::string>& words) const {
+ChildResult BootedMachine::run(const std::vector<std::string>& words) const {
     std::vector<std::string> all{"run"};
     all.insert(all.end(), words.begin(), words.end());
     return handle(all);
 }
 
-Answer BootedMachine::runAs(const std::string& person,
-                            const std::vector<std::string>& words) const {
+ChildResult BootedMachine::runAs(const std::string& person,
+                                 const std::vector<std::string>& words) const {
     std::vector<std::string> all{"run", "--user", person};
     all.insert(all.end(), words.begin(), words.end());
     return handle(all);
 }
 
-Answer BootedMachine::runIn(const std::string& session,
-                            const std::vector<std::string>& words) const {
+ChildResult BootedMachine::runIn(const std::string& session,
+                                 const std::vector<std::string>& words) const {
     std::vector<std::string> all{"run", "--session", session};
     all.insert(all.end(), words.begin(), words.end());
     return handle(all);
 }
 
 std::string BootedMachine::must(const std::vector<std::string>& words) const {
-    const Answer answer = run(words);
+    const ChildResult answer = run(words);
     EXPECT_EQ(answer.status, 0) << ::testing::PrintToString(words) << "\n" << answer.output;
     return answer.output;
 }
@@ -183,7 +147,7 @@ void BootedMachine::startIn(const std::string& session,
                             const std::vector<std::string>& words) const {
     std::vector<std::string> all{"sh", "-c", R"(setsid "$@" >>~/output 2>&1 </dev/null &)", "-"};
     all.insert(all.end(), words.begin(), words.end());
-    const Answer answer = runIn(session, all);
+    const ChildResult answer = runIn(session, all);
     EXPECT_EQ(answer.status, 0) << answer.output;
 }
 
@@ -282,24 +246,6 @@ void BootedMachine::activate(const std::string& session) const {
         << "session " << session << " has not got the screen";
 }
 
-std::vector<pid_t> BootedMachine::running(const std::string& executable) const {
-    std::vector<pid_t> found;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        pid_t pid = 0;
-        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-        if (error != std::errc{} || end != name.data() + name.size()) {
-            continue;
-        }
-        std::error_code ignored;
-        if (fs::read_symlink(entry.path() / "exe", ignored) == executable) {
-            found.push_back(pid);
-        }
-    }
-    std::ranges::sort(found);
-    return found;
-}
-
 pid_t BootedMachine::waitFor(const std::string& executable, Seconds limit,
                              const std::vector<pid_t>& except) const {
     pid_t found = -1;
@@ -373,31 +319,6 @@ void BootedMachine::commit(const std::string& session, const std::string& minute
     startIn(session, {Place::appExecutable, minutes});
     ASSERT_TRUE(eventually(Seconds{30}, [&] { return state().has_value() && isLocked(); }))
         << "the commitment is not held";
-}
-
-std::vector<std::string> processWords(pid_t process, const char* file) {
-    const std::string path = "/proc/" + std::to_string(process) + "/" + file;
-    std::vector<std::string> words;
-    eventually(Seconds{5}, [&] {
-        std::istringstream text(wholeFile(path));
-        std::string word;
-        while (std::getline(text, word, '\0')) {
-            words.push_back(word);
-        }
-        return !words.empty();
-    });
-    return words;
-}
-
-std::string processField(pid_t process, const std::string& field) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/status");
-    std::string line;
-    while (std::getline(file, line)) {
-        if (line.starts_with(field + ":")) {
-            return trimmed(line.substr(field.size() + 1));
-        }
-    }
-    return "";
 }
 
 std::string controlGroup(pid_t process) {

@@ -4,13 +4,12 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "HalvoPlatform/Time.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -37,14 +36,6 @@ inline const std::string resume = Place::appID + ".helper-resume.service";
 
 }  // namespace Unit
 
-// How a command ended and what it wrote to its standard output and error.
-struct Answer {
-    int status = -1;
-    std::string output;
-
-    bool operator==(const Answer&) const = default;
-};
-
 // What the state file holds.
 struct State {
     double remaining{};
@@ -53,15 +44,6 @@ struct State {
 
 // One entry of the journal; systemd.journal-fields(7).
 using Entry = std::map<std::string, std::string>;
-
-// Time since boot of the real machine.
-Seconds timeNow();
-
-// Whether `condition` comes true before `limit` has passed. It is looked at a few times a second.
-bool eventually(Seconds limit, const std::function<bool()>& condition);
-
-// Whether `condition` is true at every look for as long as `span`.
-bool always(Seconds span, const std::function<bool()>& condition);
 
 class BootedMachine {
   public:
@@ -84,14 +66,14 @@ class BootedMachine {
     // As when the plug is pulled.
     void cutPower();
 
-    // --- Commands inside. One that takes longer than two minutes is killed and gives 137.
+    // --- Commands inside. One that takes longer than two minutes fails the test.
 
-    [[nodiscard]] Answer run(const std::vector<std::string>& words) const;
-    [[nodiscard]] Answer runAs(const std::string& person,
-                               const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult run(const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult runAs(const std::string& person,
+                                    const std::vector<std::string>& words) const;
     // Within a session.
-    [[nodiscard]] Answer runIn(const std::string& session,
-                               const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult runIn(const std::string& session,
+                                    const std::vector<std::string>& words) const;
     // As root; fails the test unless it ends with 0. What it wrote.
     std::string must(const std::vector<std::string>& words) const;
 
@@ -127,7 +109,10 @@ class BootedMachine {
 
     // --- What runs. Processes are known by their ids on the real machine, whose /proc shows them.
 
-    [[nodiscard]] std::vector<pid_t> running(const std::string& executable) const;
+    [[nodiscard]] static std::vector<pid_t> running(const std::string& executable) {
+        return processesRunning(executable);
+    }
+
     // Waits for one to run that is none of `except`. Fails the test without, and gives -1.
     [[nodiscard]] pid_t waitFor(const std::string& executable, Seconds limit,
                                 const std::vector<pid_t>& except = {}) const;
@@ -164,18 +149,11 @@ class BootedMachine {
 
   private:
     void power(const std::string& word);
-    [[nodiscard]] Answer handle(const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult handle(const std::vector<std::string>& words) const;
     [[nodiscard]] std::string startSession(const std::string& unit,
                                            const std::string& person) const;
     bool isOn_ = false;
 };
-
-// Words of a process: its command line, or its environment. A process that execve(2) is about to
-// give its words, after its executable, is waited for.
-std::vector<std::string> processWords(pid_t process, const char* file = "cmdline");
-
-// The value of a field of /proc/PID/status, without blanks around it; empty without such a process.
-std::string processField(pid_t process, const std::string& field);
 
 // Below the machine's own root.
 std::string controlGroup(pid_t process);

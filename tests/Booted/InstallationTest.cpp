@@ -52,7 +52,7 @@ TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
 TEST_F(Installation, LetsTheFirstCallStartTheHelper) {
     const std::string session = machine.logIn("alice");
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
-    const Answer answer = machine.runIn(session, {Place::appExecutable});
+    const ChildResult answer = machine.runIn(session, {Place::appExecutable});
     EXPECT_EQ(answer.status, 0) << answer.output;
     EXPECT_THAT(answer.output, HasSubstr("Nothing holds"));
     EXPECT_THAT(machine.running(Place::helper), SizeIs(1));
@@ -62,7 +62,7 @@ TEST_F(Installation, LetsTheFirstCallStartTheHelper) {
 TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
     const std::string session = machine.logIn("alice");
     machine.commit(session);
-    const Answer answer =
+    const ChildResult answer =
         machine.run({"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
     EXPECT_EQ(answer.status, 0) << answer.output;
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
@@ -104,7 +104,7 @@ TEST_F(Installation, TurnsStrangersAway) {
     EXPECT_NE(machine.run(words).status, 0);
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count(stranger) == 2; }));
     // Nor is a copy of the app, which the bit is lost of.
-    const Answer copied = machine.runIn(
+    const ChildResult copied = machine.runIn(
         session,
         {"sh", "-c",
          "cp -rp " + Place::app + " ~ && ~/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo 25"});

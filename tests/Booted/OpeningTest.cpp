@@ -146,7 +146,7 @@ struct OpeningDespite : Opening {
 
     // In the folder of the person's own units.
     void configure(const std::string& commands) const {
-        const Answer answer = machine.runIn(
+        const ChildResult answer = machine.runIn(
             session, {"sh", "-ec",
                       "mkdir -p ~/.config/systemd/user && cd ~/.config/systemd/user\n" + commands +
                           "\nsystemctl --user daemon-reload"});

@@ -40,17 +40,15 @@ constexpr int exitSystem = 71;
 constexpr int exitNoPermission = 77;
 constexpr int exitConfig = 78;
 
-Answer control(const std::vector<std::string>& words, std::optional<uid_t> person = {},
-               const std::function<void()>& prepare = {}) {
+ChildResult control(const std::vector<std::string>& words, std::optional<uid_t> person = {},
+                    const std::function<void()>& prepare = {}) {
     std::vector<std::string> command{Place::control};
     command.insert(command.end(), words.begin(), words.end());
-    Program program({.words = command, .person = person, .prepare = prepare});
-    const int status = program.wait();
-    return {status, program.output()};
+    return runInChild({.words = command, .person = person, .prepare = prepare});
 }
 
 Json seen() {
-    const Answer answer = control({"status", "--json"});
+    const ChildResult answer = control({"status", "--json"});
     EXPECT_EQ(answer.status, 0) << answer.output;
     return Json::parse(answer.output, nullptr, false);
 }
@@ -157,11 +155,11 @@ TEST_F(AdministratorTest, IsToldOfARecordThatHasRunOut) {
 TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program app = world.startApp();
-    const Answer answer = control({"doctor"});
+    TestProcess app = world.startApp();
+    const ChildResult answer = control({"doctor"});
     EXPECT_EQ(answer.status, 0) << answer.output;
     EXPECT_THAT(answer.output, EndsWith("No problem.\n"));
-    const Answer persons = control({"doctor"}, world.user);
+    const ChildResult persons = control({"doctor"}, world.user);
     EXPECT_EQ(persons.status, 0) << persons.output;
     EXPECT_THAT(persons.output, EndsWith("Type: sudo halvoctl doctor\n"));
 }
@@ -180,7 +178,7 @@ TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
              {[] { fs::permissions(Place::helper, fs::perms{0777}); }, "helper files"},
              {[] { fs::permissions(Place::socket, fs::perms{0600}); }, "socket"}}) {
         spoil();
-        const Answer answer = control({"doctor", "--json"});
+        const ChildResult answer = control({"doctor", "--json"});
         EXPECT_EQ(answer.status, 1);
         bool isFound = false;
         const Json report = Json::parse(answer.output);
@@ -199,14 +197,14 @@ TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
 
 TEST_F(AdministratorTest, IsToldToBecomeRoot) {
     EXPECT_EQ(control({"status"}, world.user),
-              (Answer{exitNoPermission,
-                      "halvoctl: The state can only be read as root. Type: sudo "
-                      "halvoctl status\n"}));
+              (ChildResult{exitNoPermission,
+                           "halvoctl: The state can only be read as root. Type: sudo "
+                           "halvoctl status\n"}));
     commit();
     EXPECT_EQ(control({"release"}, world.user),
-              (Answer{exitNoPermission,
-                      "halvoctl: Only root can let go of what holds. Type: sudo "
-                      "halvoctl release\n"}));
+              (ChildResult{exitNoPermission,
+                           "halvoctl: Only root can let go of what holds. Type: sudo "
+                           "halvoctl release\n"}));
     EXPECT_TRUE(isLocked());
     EXPECT_TRUE(world.state());
 }
@@ -214,7 +212,7 @@ TEST_F(AdministratorTest, IsToldToBecomeRoot) {
 TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const Answer answer = control({"release"});
+    const ChildResult answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output,
                 MatchesRegex("app.halvo Helper: An administrator let go of what was stored\n" +
@@ -228,16 +226,16 @@ TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
 
 TEST_F(AdministratorTest, LetsGoOfWhatAKilledHelperLeft) {
     commit();
-    const Answer answer = control({"release"});
+    const ChildResult answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output, HasSubstr(Place::app + " is unlocked.\n"));
     expectNothingLeft();
 }
 
 TEST_F(AdministratorTest, IsToldThatNothingWasHeld) {
-    EXPECT_EQ(control({"release"}), (Answer{0, named + "Nothing was held.\n"}));
+    EXPECT_EQ(control({"release"}), (ChildResult{0, named + "Nothing was held.\n"}));
     RunningHelper helper;
-    EXPECT_EQ(control({"release"}), (Answer{0, named + "Nothing was held.\n"}));
+    EXPECT_EQ(control({"release"}), (ChildResult{0, named + "Nothing was held.\n"}));
     EXPECT_EQ(helper.wait(), 0);
 }
 
@@ -245,7 +243,7 @@ TEST_F(AdministratorTest, UnlocksWhatADamagedRecordOwes) {
     commit();
     put(Place::stateFile, R"({"appPath":")" + Place::app + R"(","locked":true})", 0600);
     EXPECT_THAT(control({"status"}).output, StartsWith(named + "The state file is damaged"));
-    const Answer answer = control({"release"});
+    const ChildResult answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output,
                 HasSubstr("Removed a damaged state file; " + Place::app + " is unlocked.\n"));
@@ -274,7 +272,7 @@ TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
         EXPECT_THAT(app["next"], EndsWith(": halvoctl release"));
         EXPECT_THAT(control({"doctor"}).output, HasSubstr(": halvoctl release\n"));
 
-        const Answer answer = control({"release"});
+        const ChildResult answer = control({"release"});
         EXPECT_EQ(answer.status, 0);
         EXPECT_THAT(answer.output,
                     HasSubstr(Place::app + " carried a lock that no record owed, and is unlocked"));
@@ -316,7 +314,7 @@ TEST_F(AdministratorTest, UnlocksNothingThatTheHelperWouldNotHaveLocked) {
 
 TEST_F(AdministratorTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     commit();
-    const Answer answer = control({"release"}, {}, [] {
+    const ChildResult answer = control({"release"}, {}, [] {
         if (prctl(PR_CAPBSET_DROP, CAP_LINUX_IMMUTABLE, 0, 0, 0) != 0) {
             _exit(1);
         }
@@ -334,7 +332,7 @@ TEST_F(AdministratorTest, KeepsTheRecordOfABundleBelowAnotherMount) {
     commit();
     {
         const Mount other("tmpfs", "/Applications");
-        const Answer answer = control({"release"});
+        const ChildResult answer = control({"release"});
         EXPECT_EQ(answer.status, exitSystem);
         EXPECT_THAT(answer.output,
                     HasSubstr("The bundle that the helper locked is not at " + Place::app));
@@ -359,7 +357,7 @@ TEST_F(AdministratorTest, KeepsEverythingWhenTheHelperDoesNotEnd) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     helper.process().stop();
-    const Answer answer = control({"release"});
+    const ChildResult answer = control({"release"});
     EXPECT_EQ(answer.status, exitSystem);
     EXPECT_THAT(answer.output,
                 AllOf(StartsWith("Waiting for the helper to end, at most 10 seconds.\n"),
@@ -373,7 +371,7 @@ TEST_F(AdministratorTest, MayBeInterruptedAnywhereAndRunAgain) {
     for (int call = 1;; ++call) {
         SCOPED_TRACE("killed at system call " + std::to_string(call));
         commit();
-        Program release({.words = {Place::control, "release"}, .stopped = true});
+        TestProcess release({.words = {Place::control, "release"}, .stopped = true});
         Stepper stepper(release);
         // Before it has its lock it only reads.
         const bool killed = stepper.goTo(call, SYS_flock, [] { return false; });
@@ -395,7 +393,7 @@ TEST_F(AdministratorTest, FinishesAReleaseWhateverSignalComes) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     helper.process().stop();
-    Program release({.words = {Place::control, "release"}});
+    TestProcess release({.words = {Place::control, "release"}});
     EXPECT_TRUE(eventually(Seconds{10}, [&] { return !release.output().empty(); }));
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         release.send(signal);
@@ -411,16 +409,17 @@ TEST_F(AdministratorTest, KnowsTheAppWhateverLinkItWasCalledBy) {
     fs::create_directories("/tmp/sbin");
     fs::create_symlink(Place::control, "/tmp/sbin/halvoctl");
     commit();
-    Program status({.words = {"/tmp/sbin/halvoctl", "status"}});
+    TestProcess status({.words = {"/tmp/sbin/halvoctl", "status"}});
     EXPECT_EQ(status.wait(), 0);
     EXPECT_THAT(status.output(), StartsWith(named + "Ultra Hard mode holds for " + person()));
 }
 
 TEST_F(AdministratorTest, IsToldWhenTheInfoPlistIsMissing) {
     fs::remove(Place::helperInfoPlist);
-    EXPECT_EQ(control({"status"}),
-              (Answer{exitConfig, "halvoctl: " + Place::helperInfoPlist +
-                                      " names no team or no app. Install the helper again.\n"}));
+    EXPECT_EQ(
+        control({"status"}),
+        (ChildResult{exitConfig, "halvoctl: " + Place::helperInfoPlist +
+                                     " names no team or no app. Install the helper again.\n"}));
 }
 
 }  // namespace

@@ -188,7 +188,7 @@ TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnly) {
     for (const char* path :
          {"/Applications/Other.app", "/Applications/Missing.app", "/Applications", "/", "Halvo.app",
           "", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
-        const Answer answer = world.ask({"begin", path, "600", "0"});
+        const ChildResult answer = world.ask({"begin", path, "600", "0"});
         EXPECT_EQ(answer.status, Reply::no) << path << ": " << answer.output;
     }
     EXPECT_EQ(helper.count("error: Refused a begin for a bundle that isn't the caller's own"), 7);
@@ -211,8 +211,9 @@ TEST_F(CommitmentTest, HoldsWithoutTheLockOutsideOfApplications) {
     const std::string elsewhere = "/Library/Halvo.app";
     fs::remove_all(elsewhere);
     world.installApp(elsewhere);
-    Program caller({.words = {elsewhere + "/Contents/MacOS/TestCaller", "begin", ".", "600", "0"},
-                    .person = world.user});
+    TestProcess caller(
+        {.words = {elsewhere + "/Contents/MacOS/TestCaller", "begin", ".", "600", "0"},
+         .person = world.user});
     EXPECT_EQ(caller.wait(), Reply::yes);
     EXPECT_FALSE(isLocked(elsewhere));
     const Told told = world.status();
@@ -222,8 +223,8 @@ TEST_F(CommitmentTest, HoldsWithoutTheLockOutsideOfApplications) {
     // From one bundle to the other, the lock follows.
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_TRUE(isLocked());
-    Program back({.words = {elsewhere + "/Contents/MacOS/TestCaller", "begin", ".", "600", "0"},
-                  .person = world.user});
+    TestProcess back({.words = {elsewhere + "/Contents/MacOS/TestCaller", "begin", ".", "600", "0"},
+                      .person = world.user});
     EXPECT_EQ(back.wait(), Reply::yes);
     EXPECT_FALSE(isLocked());
     EXPECT_EQ(world.state()->appPath, elsewhere);

@@ -60,9 +60,9 @@ class CrowdTest : public ::testing::Test {
     }
 
     // Callers of several people, each of whom has opened as many connections as one may by `word`.
-    std::vector<Program> crowdOfEveryPlace(const std::string& word, const std::string& said) {
+    std::vector<TestProcess> crowdOfEveryPlace(const std::string& word, const std::string& said) {
         const std::string count = std::to_string(Limits::connectionsOfUser);
-        std::vector<Program> crowd;
+        std::vector<TestProcess> crowd;
         for (std::size_t i = 0; i < Limits::connections / Limits::connectionsOfUser; ++i) {
             crowd.push_back(
                 startAndHear({word, count}, said + " " + count, static_cast<uid_t>(62'000 + i)));
@@ -71,9 +71,9 @@ class CrowdTest : public ::testing::Test {
     }
 
     // A caller that has said `line`.
-    Program startAndHear(const std::vector<std::string>& words, const std::string& line,
-                         std::optional<uid_t> person = {}) {
-        Program caller = world.startCaller(words, person);
+    TestProcess startAndHear(const std::vector<std::string>& words, const std::string& line,
+                             std::optional<uid_t> person = {}) {
+        TestProcess caller = world.startCaller(words, person);
         EXPECT_TRUE(eventually(Seconds{30}, [&] {
             return caller.output().find(line) != std::string::npos || !caller.isRunning();
         }));
@@ -117,15 +117,15 @@ int connectOften(int count, bool keep) {
 TEST_F(CrowdTest, OfAThousandStrangersIsTurnedAwayAtOnce) {
     constexpr int many = 1000;
     const Seconds before = timeNow();
-    Program strangers({.person = world.user, .body = [] { return connectOften(many, false); }});
+    TestProcess strangers({.person = world.user, .body = [] { return connectOften(many, false); }});
     EXPECT_EQ(strangers.wait(), 0);
-    Program together({.person = world.other,
-                      .prepare =
-                          [] {
-                              const rlimit limit{2 * many, 2 * many};
-                              setrlimit(RLIMIT_NOFILE, &limit);
-                          },
-                      .body = [] { return connectOften(many, true); }});
+    TestProcess together({.person = world.other,
+                          .prepare =
+                              [] {
+                                  const rlimit limit{2 * many, 2 * many};
+                                  setrlimit(RLIMIT_NOFILE, &limit);
+                              },
+                          .body = [] { return connectOften(many, true); }});
     EXPECT_EQ(together.wait(), 0);
     EXPECT_EQ(world.ask({"status"}).status, Reply::no);
     EXPECT_LE(timeNow() - before, Seconds{10});
@@ -138,9 +138,9 @@ TEST_F(CrowdTest, OfStrangersWithoutEndHoldsUpNobodyWhoIsConnected) {
     for (int i = 0; i < 20; ++i) {
         words.insert(words.end(), {"~0.1", "Heartbeat:b"});
     }
-    Program connected({.words = words, .person = world.user});
+    TestProcess connected({.words = words, .person = world.user});
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return connected.output() == "badb\n"; }));
-    std::vector<Program> strangers;
+    std::vector<TestProcess> strangers;
     for (int i = 0; i < 3; ++i) {
         strangers.emplace_back(Start{.person = world.user, .body = [] {
                                          while (connectOften(100, false) == 0) {
@@ -165,16 +165,17 @@ TEST_F(CrowdTest, OfStrangersWithoutEndHoldsUpNobodyWhoIsConnected) {
 
 // One account's, which stops them all.
 TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
-    std::vector<Program> crowd;
+    std::vector<TestProcess> crowd;
     for (std::size_t i = 0; i < Limits::connections; ++i) {
         crowd.push_back(world.startCaller({"hold", "1"}));
     }
     EXPECT_TRUE(eventually(Seconds{30}, [&] {
-        return std::ranges::all_of(
-            crowd, [](Program& caller) { return !caller.output().empty() || !caller.isRunning(); });
+        return std::ranges::all_of(crowd, [](TestProcess& caller) {
+            return !caller.output().empty() || !caller.isRunning();
+        });
     }));
     std::size_t held = 0;
-    for (Program& caller : crowd) {
+    for (TestProcess& caller : crowd) {
         if (caller.isRunning()) {
             caller.stop();
             ++held;
@@ -191,7 +192,7 @@ TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
 
 TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    std::vector<Program> crowd = crowdOfEveryPlace("stall", "stalling");
+    std::vector<TestProcess> crowd = crowdOfEveryPlace("stall", "stalling");
     const Seconds full = timeNow();
     // No place for anybody, but the helper lives on.
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
@@ -200,7 +201,7 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
     EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
     EXPECT_LT(timeNow() - full, Limits::authentication) << "a tick during the crowd";
 
-    for (Program& caller : crowd) {
+    for (TestProcess& caller : crowd) {
         EXPECT_EQ(caller.wait(), Reply::refused);
     }
     EXPECT_GE(timeNow() - full, Limits::authentication - Seconds{3});
@@ -211,12 +212,12 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
 }
 
 TEST_F(CrowdTest, HasSixtyFourPlaces) {
-    std::vector<Program> crowd = crowdOfEveryPlace("hold", "holding");
+    std::vector<TestProcess> crowd = crowdOfEveryPlace("hold", "holding");
     // Longer than they would have had to authenticate.
     sleepFor(Limits::authentication + Seconds{2});
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
     EXPECT_GE(helper.count("error: Refused a caller: too many connections are open"), 1);
-    for (Program& caller : crowd) {
+    for (TestProcess& caller : crowd) {
         EXPECT_EQ(caller.output().find("closed"), std::string::npos) << caller.output();
         caller.closeInput();
         EXPECT_EQ(caller.wait(), 0);
@@ -226,7 +227,7 @@ TEST_F(CrowdTest, HasSixtyFourPlaces) {
 
 TEST_F(CrowdTest, OfOneThatSendsHalfAMessageHarmsNobody) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program caller = startAndHear({"half"}, "half sent");
+    TestProcess caller = startAndHear({"half"}, "half sent");
     setLockedByHand(false);
     EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
     EXPECT_TRUE(world.status().holding);
@@ -236,27 +237,27 @@ TEST_F(CrowdTest, OfOneThatSendsHalfAMessageHarmsNobody) {
 
 TEST_F(CrowdTest, OfOneThatIsKilledInTheMiddleHarmsNobody) {
     for (int i = 0; i < 20; ++i) {
-        Program caller = world.startCaller({"flood", "100000"});
+        TestProcess caller = world.startCaller({"flood", "100000"});
         sleepFor(Seconds{0.01 * i});
         caller.kill();
     }
 }
 
 TEST_F(CrowdTest, OfOneThatSendsAHundredMegabytesHarmsNobody) {
-    const Answer answer = world.ask({"huge", "100"});
+    const ChildResult answer = world.ask({"huge", "100"});
     EXPECT_EQ(answer.status, Reply::rejected) << answer.output;
     EXPECT_FALSE(exists(Place::stateFolder));
     EXPECT_EQ(helper.count("Holding*"), 0);
 }
 
 TEST_F(CrowdTest, OfOneThatNeverReadsIsSentAway) {
-    const Answer answer = world.ask({"flood", "100000"});
+    const ChildResult answer = world.ask({"flood", "100000"});
     EXPECT_THAT(answer.output, HasSubstr("disconnected=true"));
 }
 
 TEST_F(CrowdTest, OfOneThatNeverReadsHoldsUpNoTick) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program flood(
+    TestProcess flood(
         {.words = {"/bin/sh", "-c", "while :; do " + Place::caller + " flood 100000; done"},
          .person = world.user});
     sleepFor(Seconds{1});
@@ -276,7 +277,7 @@ TEST_F(CrowdTest, OfOneThatSendsGarbageIsSentAway) {
 }
 
 TEST_F(CrowdTest, ThatComesAndGoesTakesNothingWithIt) {
-    const Answer answer = world.run(
+    const ChildResult answer = world.run(
         {"/bin/sh", "-c",
          "for i in $(seq 300); do " + Place::caller + " status || [ $? = 1 ] || exit 1; done"});
     EXPECT_EQ(answer.status, 0) << answer.output;
@@ -294,7 +295,7 @@ TEST_F(ScarcityTest, OfDescriptorsTurnsTheLastCallersAway) {
     constexpr unsigned few = 16;
     RunningHelper helper(withLimit(RLIMIT_NOFILE, few));
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program crowd = world.startCaller({"hold", "16"});
+    TestProcess crowd = world.startCaller({"hold", "16"});
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return !crowd.output().empty(); }));
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
     const Seconds spentBefore = helper.processorTime();
@@ -319,7 +320,7 @@ TEST_F(ScarcityTest, OfDescriptorsDoesNotMakeTheHelperSpin) {
     ASSERT_EQ(prlimit(helper.process().pid(), RLIMIT_NOFILE, &none, nullptr), 0);
 
     const std::string line = "error: Couldn't accept a caller: Too many open files";
-    Program waiting = world.startCaller({"hold", "1"});
+    TestProcess waiting = world.startCaller({"hold", "1"});
     EXPECT_TRUE(helper.says(line));
     const Seconds spentBefore = helper.processorTime();
     sleepFor(Seconds{2.5});
@@ -337,10 +338,10 @@ TEST_F(ScarcityTest, OfDescriptorsDoesNotMakeTheHelperSpin) {
 TEST_F(ScarcityTest, OfMemoryCostsOnlyTheCallerThatWantsIt) {
     RunningHelper helper(withMemory(64));
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program held = world.startCaller({"hold", "1"});
+    TestProcess held = world.startCaller({"hold", "1"});
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return !held.output().empty(); }));
     for (const char* megabytes : {"100", "60", "30", "20", "10"}) {
-        const Answer answer = world.ask({"huge", megabytes});
+        const ChildResult answer = world.ask({"huge", megabytes});
         // Told so, or sent away when there was no memory to receive it.
         EXPECT_THAT(answer.status, AnyOf(Reply::rejected, disconnected)) << answer.output;
         EXPECT_TRUE(helper.isRunning()) << megabytes;

@@ -144,7 +144,7 @@ TEST_F(EndingTest, ByItselfIsPutOffByEveryConnection) {
 TEST_F(EndingTest, ByItselfWaitsForAsLongAsAConnectionIsOpen) {
     RunningHelper helper;
     // One that is silent for as long as it may.
-    Program caller(
+    TestProcess caller(
         {.words = {Place::talker, "Status", "~20", "Status", "~20"}, .person = world.user});
     EXPECT_EQ(caller.wait(), 0);
     EXPECT_EQ(caller.output(), "badb\nbadb\n");
@@ -156,10 +156,10 @@ TEST_F(EndingTest, ByItselfWaitsForAsLongAsAConnectionIsOpen) {
 TEST_F(EndingTest, ByItselfIsNotPutOffByStrangers) {
     RunningHelper helper;
     // Nobody, over and over.
-    Program strangers({.words = {"/bin/sh", "-c",
-                                 "while sleep 1; do " HALVO_TEST_CALLER " --socket " +
-                                     Place::socket + " status; done"},
-                       .person = world.user});
+    TestProcess strangers({.words = {"/bin/sh", "-c",
+                                     "while sleep 1; do " HALVO_TEST_CALLER " --socket " +
+                                         Place::socket + " status; done"},
+                           .person = world.user});
     EXPECT_EQ(helper.wait(idleLimit + idleLate), 0);
     EXPECT_GE(helper.count("error: Refused a caller: *"), 10);
 }

@@ -81,7 +81,7 @@ class KillTest : public ::testing::Test {
             {
                 RunningHelper helper;
                 Stepper stepper(helper.process());
-                Program caller = world.startCaller(words);
+                TestProcess caller = world.startCaller(words);
                 killed = stepper.goTo(call, {}, [&] { return !caller.isRunning(); });
                 helper.kill();
                 answered = caller.wait() == Reply::yes;
@@ -259,7 +259,7 @@ TEST_F(KillTest, AtAnyMomentOverAndOver) {
         RunningHelper helper({.stopped = true});
         helper.process().goOn();
         // Some begin again, some let go and begin; most only see the helper start.
-        std::optional<Program> caller;
+        std::optional<TestProcess> caller;
         if (round % 3 == 1) {
             sleepFor(Seconds{pick(0.01)});
             caller.emplace(world.startCaller({"begin", ".", "600", "0"}));

@@ -146,7 +146,7 @@ TEST_F(OpeningTest, LeavesSignalsTheirDefaultAndNoZombie) {
 
 TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program app = world.startApp();
+    TestProcess app = world.startApp();
     // It gave a sign of life; then it is quit.
     sleepFor(Seconds{3});
     app.kill();
@@ -222,7 +222,7 @@ TEST_F(OpeningTest, SaysNothingOfAQuitAfterTheHelperStartedAnew) {
 
 TEST_F(OpeningTest, IsNotDoneToAnAppThatRunsInSilence) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program app = world.startApp();
+    TestProcess app = world.startApp();
     sleepFor(Seconds{1});
     app.stop();
     EXPECT_TRUE(always(wellAfterSilence + Seconds{2}, [&] {
@@ -235,7 +235,7 @@ TEST_F(OpeningTest, IsNotDoneToAnAppThatRunsInSilence) {
 TEST_F(OpeningTest, IsNotHeldUpByTheAppOfAnotherPerson) {
     // One that stays although nothing holds for that person.
     copyFile(HALVO_TEST_CALLER, Place::appExecutable, world.appGroup, 02755);
-    Program app({.words = {Place::appExecutable, "run"}, .person = world.other});
+    TestProcess app({.words = {Place::appExecutable, "run"}, .person = world.other});
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_TRUE(helper->says(opening, silence + late));
     EXPECT_TRUE(app.isRunning());

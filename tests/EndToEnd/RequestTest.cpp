@@ -31,7 +31,7 @@ class RequestTest : public ::testing::Test {
     }
 
     void expectRejection(const std::vector<std::string>& words, const std::string& text) {
-        const Answer answer = world.ask(words);
+        const ChildResult answer = world.ask(words);
         EXPECT_EQ(answer.status, Reply::rejected) << answer.output;
         EXPECT_EQ(answer.output, text + "\n");
     }
@@ -150,7 +150,7 @@ TEST_F(RequestTest, MustNotHaveAPathThatIsLongerThanAnyPath) {
 }
 
 TEST_F(RequestTest, IsDescribedByTheHelper) {
-    const Answer answer = world.ask({"introspect"});
+    const ChildResult answer = world.ask({"introspect"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output,
                 AllOf(HasSubstr(R"(<interface name="app.halvo.HalvoHelperXPC">)"),
@@ -173,8 +173,8 @@ TEST_F(RequestTest, GetsTheStatusWithAnOptionalDate) {
 }
 
 TEST_F(RequestTest, IsAnsweredOnAConnectionThatHadAnErrorBefore) {
-    const Answer answer = world.run({Place::talker, "Status", "Begin:udd", "End:b", "Missing",
-                                     "Heartbeat:b", "Begin:sdd", "Status"});
+    const ChildResult answer = world.run({Place::talker, "Status", "Begin:udd", "End:b", "Missing",
+                                          "Heartbeat:b", "Begin:sdd", "Status"});
     EXPECT_EQ(answer.output,
               "badb\n"
               "org.freedesktop.DBus.Error.InvalidArgs\n"
@@ -191,7 +191,7 @@ TEST_F(RequestTest, IsAnsweredWhenItComesTogetherWithTheAuthentication) {
 
 TEST_F(RequestTest, IsDoneAlsoWhenNoReplyIsWanted) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const Answer answer = world.run(
+    const ChildResult answer = world.run(
         {Place::talker, "!Begin:udd", "!Heartbeat", "!Missing", "!End", "!Status", "Status"});
     EXPECT_EQ(answer.output, "sent\nsent\nsent\nsent\nsent\nbadb\n");
     EXPECT_EQ(helper.count("Ultra Hard mode let go: ended"), 1);

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/EndToEnd/Program.hpp"
 #include "tests/EndToEnd/World.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -40,9 +40,9 @@ class RunningHelper {
     RunningHelper(const RunningHelper&) = delete;
     RunningHelper& operator=(const RunningHelper&) = delete;
 
-    [[nodiscard]] Program& process() { return process_; }
+    [[nodiscard]] TestProcess& process() { return process_; }
 
-    [[nodiscard]] const Program& process() const { return process_; }
+    [[nodiscard]] const TestProcess& process() const { return process_; }
 
     bool isRunning() { return process_.isRunning(); }
 
@@ -78,7 +78,7 @@ class RunningHelper {
   private:
     void checkLog() const;
 
-    Program process_;
+    TestProcess process_;
     Seconds servedAt_{};
 };
 

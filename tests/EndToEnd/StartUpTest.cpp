@@ -394,7 +394,7 @@ class HandedSocket {
 TEST_F(StartUpTest, ServesTheSocketThatAServiceManagerHandsOver) {
     const HandedSocket handed;
     // Waiting already when the helper comes.
-    Program early = world.startCaller({"status"});
+    TestProcess early = world.startCaller({"status"});
     RunningHelper helper(handed.start());
     EXPECT_EQ(early.wait(), Reply::no);
     EXPECT_EQ(world.ask({"status"}).status, Reply::no);

@@ -8,7 +8,7 @@
 
 namespace halvo::testing {
 
-Stepper::Stepper(Program& process) : process_(process) {
+Stepper::Stepper(TestProcess& process) : process_(process) {
     EXPECT_EQ(ptrace(PTRACE_SEIZE, process.pid(), 0, PTRACE_O_TRACESYSGOOD), 0);
     process.goOn();
     EXPECT_EQ(ptrace(PTRACE_INTERRUPT, process.pid(), 0, 0), 0);

@@ -4,7 +4,7 @@
 #include <functional>
 #include <optional>
 
-#include "tests/EndToEnd/Program.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -13,7 +13,7 @@ namespace halvo::testing {
 class Stepper {
   public:
     // A process that was started stopped goes on.
-    explicit Stepper(Program& process);
+    explicit Stepper(TestProcess& process);
 
     // Lets it go on until right before its system call number `count`, counted from the next one,
     // or from the next that has the number `first` (SYS_*). False when `isOver`, or the process has
@@ -26,7 +26,7 @@ class Stepper {
   private:
     [[nodiscard]] std::optional<long> enteredCall() const;
 
-    Program& process_;
+    TestProcess& process_;
     // At a system call that goTo() was asked for.
     bool waits_ = false;
 };

@@ -52,7 +52,7 @@ class StoppedApp {
     [[nodiscard]] std::string output() const { return app_.output(); }
 
   private:
-    Program app_;
+    TestProcess app_;
     Stepper stepper_;
 };
 
@@ -116,7 +116,7 @@ TEST_F(StoppedAppTest, CommitsWhenNothingElseHappened) {
 // Another process of the app begins: what this one was told is no longer so, and it asks anew.
 TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
     ASSERT_EQ(world.begin(shortSpan), Reply::yes);
-    Program app = world.startApp();
+    TestProcess app = world.startApp();
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(world.begin(longSpan), Reply::yes);
@@ -129,16 +129,16 @@ TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
 
 TEST_F(StoppedAppTest, BegunElsewhereDisconnectsThePersonsProcessesThatWereToldOtherwise) {
     const auto talk = [](const char* word, uid_t person) {
-        return Program({.words = {Place::talker, word, "~10", word}, .person = person});
+        return TestProcess({.words = {Place::talker, word, "~10", word}, .person = person});
     };
-    Program told = talk("Status", world.user);
-    Program notTold = talk("Heartbeat:b", world.user);
-    Program somebodyElse = talk("Status", world.other);
-    for (Program* each : {&told, &notTold, &somebodyElse}) {
+    TestProcess told = talk("Status", world.user);
+    TestProcess notTold = talk("Heartbeat:b", world.user);
+    TestProcess somebodyElse = talk("Status", world.other);
+    for (TestProcess* each : {&told, &notTold, &somebodyElse}) {
         ASSERT_TRUE(eventually(Seconds{5}, [&] { return !each->output().empty(); }));
     }
     EXPECT_EQ(world.begin(shortSpan), Reply::yes);
-    for (Program* each : {&told, &notTold, &somebodyElse}) {
+    for (TestProcess* each : {&told, &notTold, &somebodyElse}) {
         EXPECT_EQ(each->wait(), 0);
     }
     EXPECT_EQ(told.output(), "badb\ndisconnected\n");

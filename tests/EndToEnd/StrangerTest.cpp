@@ -62,7 +62,7 @@ class StrangerTest : public ::testing::Test {
     // Asks with `words`, which the helper must refuse because of `rule`.
     void expectRefusal(const std::vector<std::string>& words, const std::string& rule,
                        const std::vector<std::string>& environment = {}) {
-        const Answer answer = world.run(words, environment);
+        const ChildResult answer = world.run(words, environment);
         EXPECT_EQ(answer.status, Reply::refused) << answer.output;
         expectRule(rule);
     }
@@ -121,12 +121,12 @@ TEST_F(StrangerTest, HasTheGroupButNotFromItsExecutable) {
     world.installApp(copyOfApp);
     ASSERT_EQ(chmod(copyOfCaller.c_str(), 0755), 0);
     // As a member of the group could.
-    Program caller({.words = {copyOfCaller, "status"}, .prepare = [this] {
-                        if (setresgid(world.user, world.appGroup, world.appGroup) != 0 ||
-                            setresuid(world.user, world.user, world.user) != 0) {
-                            _exit(1);
-                        }
-                    }});
+    TestProcess caller({.words = {copyOfCaller, "status"}, .prepare = [this] {
+                            if (setresgid(world.user, world.appGroup, world.appGroup) != 0 ||
+                                setresuid(world.user, world.user, world.user) != 0) {
+                                _exit(1);
+                            }
+                        }});
     EXPECT_EQ(caller.wait(), Reply::refused);
     expectRule(withoutGroup(copyOfCaller));
 }
@@ -212,7 +212,7 @@ TEST_F(StrangerTest, LiesElsewhereInTheBundle) {
 TEST_F(StrangerTest, BecomesTheAppAfterItConnected) {
     const std::string mine = world.home + "/TestCaller";
     copyFile(HALVO_TEST_CALLER, mine, world.user, 0755, world.user);
-    std::optional<Program> caller;
+    std::optional<TestProcess> caller;
     whileTheHelperLooksAway([&] {
         caller.emplace(Start{.words = {mine, "--socket", Place::socket, "connect-then-exec",
                                        Place::caller, "use-fd", "3", "status"},
@@ -229,7 +229,7 @@ TEST_F(StrangerTest, HandsItsConnectionToTheApp) {
     const std::string mine = world.home + "/TestCaller";
     copyFile(HALVO_TEST_CALLER, mine, world.user, 0755, world.user);
     // Its child is the app; the connection is the stranger's own.
-    const Answer answer =
+    const ChildResult answer =
         world.run({mine, "--socket", Place::socket, "connect-then-exec", "/bin/sh", "-c",
                    Place::caller + " use-fd 3 status; echo the child said $?"});
     EXPECT_THAT(answer.output, HasSubstr("the child said 77"));
@@ -239,7 +239,7 @@ TEST_F(StrangerTest, HandsItsConnectionToTheApp) {
 TEST_F(StrangerTest, HandsItsConnectionToTheAppAndStaysBehindAsIt) {
     const std::string mine = world.home + "/TestCaller";
     copyFile(HALVO_TEST_CALLER, mine, world.user, 0755, world.user);
-    std::optional<Program> caller;
+    std::optional<TestProcess> caller;
     // The connection's process runs the app, and a child that is the app speaks on it.
     whileTheHelperLooksAway([&] {
         caller.emplace(
@@ -258,7 +258,7 @@ TEST_F(StrangerTest, HandsItsConnectionToTheAppAndStaysBehindAsIt) {
 TEST_F(StrangerTest, IsWhatTheAppBecameAfterItConnected) {
     const std::string mine = world.home + "/TestCaller";
     copyFile(HALVO_TEST_CALLER, mine, world.user, 0755, world.user);
-    std::optional<Program> caller;
+    std::optional<TestProcess> caller;
     whileTheHelperLooksAway([&] {
         caller.emplace(world.startCaller({"connect-then-exec", mine, "use-fd", "3", "status"}));
         EXPECT_TRUE(eventually(Seconds{5}, [&] { return processesRunning(mine).size() == 1; }));
@@ -268,7 +268,7 @@ TEST_F(StrangerTest, IsWhatTheAppBecameAfterItConnected) {
 }
 
 TEST_F(StrangerTest, IsGoneWhenTheHelperLooks) {
-    std::optional<Program> caller;
+    std::optional<TestProcess> caller;
     whileTheHelperLooksAway([&] {
         caller.emplace(world.startCaller({"stall", "1"}));
         EXPECT_TRUE(eventually(Seconds{5}, [&] { return !caller->output().empty(); }));
@@ -286,10 +286,10 @@ TEST_F(StrangerTest, KeepsAConnectionWhoseProcessNumberTheAppHasNow) {
         GTEST_SKIP() << "needs SO_PEERPIDFD, Linux 6.5";
     }
     close(socket);
-    std::optional<Program> honest;
+    std::optional<TestProcess> honest;
     whileTheHelperLooksAway([&] {
         // The app connects, and leaves the connection to somebody who outlives it.
-        Program first = world.startCaller(
+        TestProcess first = world.startCaller(
             {"connect-then-exec", "/bin/sh", "-c", "sleep 60 <&3 >/dev/null 2>&1 & exit 0"});
         ASSERT_EQ(first.wait(), 0);
         // The next process gets the number after this one.
@@ -347,9 +347,9 @@ TEST_F(NamespaceTest, OfMountsCannotForgeTheInfoPlist) {
 }
 
 TEST_F(StrangerTest, GivesUpTheGroupWithNoNewPrivileges) {
-    Program caller({.words = {Place::caller, "status"}, .person = world.user, .prepare = [] {
-                        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-                    }});
+    TestProcess caller({.words = {Place::caller, "status"}, .person = world.user, .prepare = [] {
+                            prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+                        }});
     EXPECT_EQ(caller.wait(), Reply::refused);
     expectRule(withoutGroup(Place::caller));
 }
@@ -433,13 +433,13 @@ TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupOfThePersonsOwnThoughTheKernelH
 
 TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupThatIsNobodys) {
     mountImage(world.appGroup, GetParam() + "nosuid");
-    Program caller({.words = ask, .prepare = [this] {
-                        if (setgroups(0, nullptr) != 0 ||
-                            setresgid(world.user, world.appGroup, world.appGroup) != 0 ||
-                            setresuid(world.user, world.user, world.user) != 0) {
-                            _exit(1);
-                        }
-                    }});
+    TestProcess caller({.words = ask, .prepare = [this] {
+                            if (setgroups(0, nullptr) != 0 ||
+                                setresgid(world.user, world.appGroup, world.appGroup) != 0 ||
+                                setresuid(world.user, world.user, world.user) != 0) {
+                                _exit(1);
+                            }
+                        }});
     EXPECT_EQ(caller.wait(), Reply::refused) << caller.output();
     expectRule(withoutSetGroupID);
 }
@@ -447,7 +447,7 @@ TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupThatIsNobodys) {
 // And so what is refused above is all that is wrong with the image.
 TEST_P(OwnFileSystemKindTest, IsTheAppWhereRootMountedItAndTheGroupIsNobodys) {
     mountImage(world.appGroup, GetParam() + "suid");
-    const Answer answer = world.run(ask);
+    const ChildResult answer = world.run(ask);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
 }
 
@@ -462,7 +462,7 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
     mountImage(world.user, fuse + "nosuid");
     const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
     ASSERT_EQ(servers.size(), 1);
-    std::optional<Program> caller;
+    std::optional<TestProcess> caller;
     whileTheHelperLooksAway([&] {
         caller.emplace(Start{.words = {callerOnDisk, "--socket", Place::socket, "stall", "1"},
                              .person = world.user});
@@ -471,7 +471,7 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
         // For a second the kernel answers in its place; fuse(8), attr_timeout.
         sleepFor(Seconds{1.5});
     });
-    const Answer answer = world.ask({"status"});
+    const ChildResult answer = world.ask({"status"});
     ::kill(servers[0], SIGCONT);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
     expectRule(withoutSetGroupID);
@@ -496,35 +496,35 @@ TEST_F(IntruderTest, CannotSlipALibraryIntoTheApp) {
     ASSERT_THAT(readTestFile(mark), HasSubstr(mine)) << "the intruder does not even work";
 
     fs::remove(mark);
-    const Answer answer = world.run({Place::caller, "status"}, intrusion);
+    const ChildResult answer = world.run({Place::caller, "status"}, intrusion);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
     EXPECT_FALSE(exists(mark)) << readTestFile(mark);
 }
 
 // Tries to trace a child that runs `words`, as `person`; gives 0 or the errno.
 int trace(const std::vector<std::string>& words, uid_t person) {
-    Program tracer({.person = person, .body = [words] {
-                        const pid_t child = fork();
-                        if (child == 0) {
-                            std::vector<std::string> copy = words;
-                            std::vector<char*> pointers;
-                            for (std::string& word : copy) {
-                                pointers.push_back(word.data());
+    TestProcess tracer({.person = person, .body = [words] {
+                            const pid_t child = fork();
+                            if (child == 0) {
+                                std::vector<std::string> copy = words;
+                                std::vector<char*> pointers;
+                                for (std::string& word : copy) {
+                                    pointers.push_back(word.data());
+                                }
+                                pointers.push_back(nullptr);
+                                execv(pointers[0], pointers.data());
+                                _exit(1);
                             }
-                            pointers.push_back(nullptr);
-                            execv(pointers[0], pointers.data());
-                            _exit(1);
-                        }
-                        // The app is what it is from its exec on.
-                        const std::string link = "/proc/" + std::to_string(child) + "/cmdline";
-                        while (readTestFile(link).find(words[0]) != 0) {
-                        }
-                        const int code =
-                            ptrace(PTRACE_SEIZE, child, nullptr, nullptr) == 0 ? 0 : errno;
-                        kill(child, SIGKILL);
-                        waitpid(child, nullptr, 0);
-                        return code;
-                    }});
+                            // The app is what it is from its exec on.
+                            const std::string link = "/proc/" + std::to_string(child) + "/cmdline";
+                            while (readTestFile(link).find(words[0]) != 0) {
+                            }
+                            const int code =
+                                ptrace(PTRACE_SEIZE, child, nullptr, nullptr) == 0 ? 0 : errno;
+                            kill(child, SIGKILL);
+                            waitpid(child, nullptr, 0);
+                            return code;
+                        }});
     return tracer.wait();
 }
 
@@ -534,7 +534,7 @@ TEST_F(IntruderTest, CannotTraceTheApp) {
 }
 
 TEST_F(IntruderTest, CannotLookIntoTheApp) {
-    const Program app = world.startCaller({"run"});
+    const TestProcess app = world.startCaller({"run"});
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
     const std::string folder = "/proc/" + std::to_string(app.pid());
     for (const char* file : {"/mem", "/environ", "/maps", "/exe", "/fd/0"}) {
@@ -545,20 +545,21 @@ TEST_F(IntruderTest, CannotLookIntoTheApp) {
 }
 
 TEST_F(IntruderTest, TakesTheGroupFromTheAppThatItTracesFromTheStart) {
-    Program tracer({.person = world.user, .body = [] {
-                        const pid_t child = fork();
-                        if (child == 0) {
-                            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-                            execl(Place::caller.c_str(), Place::caller.c_str(), "status", nullptr);
-                            _exit(1);
-                        }
-                        int status = 0;
-                        while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
-                            const int signal = WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status);
-                            ptrace(PTRACE_CONT, child, nullptr, signal);
-                        }
-                        return WEXITSTATUS(status);
-                    }});
+    TestProcess tracer(
+        {.person = world.user, .body = [] {
+             const pid_t child = fork();
+             if (child == 0) {
+                 ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+                 execl(Place::caller.c_str(), Place::caller.c_str(), "status", nullptr);
+                 _exit(1);
+             }
+             int status = 0;
+             while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+                 const int signal = WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status);
+                 ptrace(PTRACE_CONT, child, nullptr, signal);
+             }
+             return WEXITSTATUS(status);
+         }});
     EXPECT_EQ(tracer.wait(), Reply::refused) << tracer.output();
     expectRule(withoutGroup(Place::caller));
 }

@@ -36,8 +36,8 @@ class UpgradeTest : public ::testing::Test {
     }
 
     // A running app of the version before, which tells the helper that it is alive.
-    Program startFormerApp() const {
-        Program app = world.startApp();
+    TestProcess startFormerApp() const {
+        TestProcess app = world.startApp();
         EXPECT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
         sleepFor(Seconds{1});
         upgrade();
@@ -52,7 +52,7 @@ class UpgradeTest : public ::testing::Test {
 
 TEST_F(UpgradeTest, LeavesTheFormerAppItsConnection) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program former = startFormerApp();
+    TestProcess former = startFormerApp();
     // It is heard of, so that none is opened.
     EXPECT_TRUE(always(Seconds{12}, [&] { return helper->count(opening) == 0; }));
     EXPECT_TRUE(former.isRunning());
@@ -62,7 +62,7 @@ TEST_F(UpgradeTest, LeavesTheFormerAppItsConnection) {
 
 TEST_F(UpgradeTest, MakesTheFormerAppCountForNothingOnceItIsSilent) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program former = startFormerApp();
+    TestProcess former = startFormerApp();
     former.stop();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
     EXPECT_TRUE(
@@ -74,7 +74,7 @@ TEST_F(UpgradeTest, MakesTheFormerAppCountForNothingOnceItIsSilent) {
 
 TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program former = startFormerApp();
+    TestProcess former = startFormerApp();
     helper->kill();
     helper.emplace();
     EXPECT_TRUE(helper->says(replaced, Seconds{10})) << helper->process().output();
@@ -89,7 +89,7 @@ TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
 
 TEST_F(UpgradeTest, CannotBeForgedByAFileOfThatName) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program former = startFormerApp();
+    TestProcess former = startFormerApp();
     // Even root's own copy under the name that the kernel gives to what was replaced.
     copyFile(HALVO_APP_BUNDLE "/Contents/MacOS/Halvo", Place::appExecutable + " (deleted)",
              world.appGroup, 02755);
@@ -106,12 +106,12 @@ TEST_F(UpgradeTest, IsDoneByTheInstallerWhileTheAppIsLocked) {
     // Another version, which works as well.
     std::ofstream(next + "/Contents/MacOS/Halvo", std::ios::binary | std::ios::app) << "next";
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    Program former = world.startApp();
+    TestProcess former = world.startApp();
     EXPECT_TRUE(eventually(Seconds{5}, [&] { return !former.output().empty(); }));
     const auto size = fs::file_size(Place::appExecutable);
 
-    Program installer({.words = {HALVO_SOURCE_FOLDER "/examples/SampleApp/install", "--group",
-                                 "halvo-app", next}});
+    TestProcess installer({.words = {HALVO_SOURCE_FOLDER "/examples/SampleApp/install", "--group",
+                                     "halvo-app", next}});
     EXPECT_EQ(installer.wait(), 0) << installer.output();
     EXPECT_EQ(fs::file_size(Place::appExecutable), size + 4);
     EXPECT_TRUE(isLocked());

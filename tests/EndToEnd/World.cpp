@@ -36,7 +36,7 @@ unsigned numberFrom(const char* variable) {
 
 // Ends everything that the persons run; pid 1 collects it.
 void killAllOf(uid_t person) {
-    Program({.person = person, .body = [] { return ::kill(-1, SIGKILL) == 0 ? 0 : 1; }}).wait();
+    runInChild({.person = person, .body = [] { return ::kill(-1, SIGKILL); }});
 }
 
 void removeAll(const std::string& path) {
@@ -52,6 +52,11 @@ void removeAllIn(const std::string& folder) {
     for (const auto& entry : fs::directory_iterator(folder)) {
         removeAll(entry.path());
     }
+}
+
+std::vector<std::string> callerCommand(std::vector<std::string> words) {
+    words.insert(words.begin(), Place::caller);
+    return words;
 }
 
 // Every digit counts: the dates are compared later.
@@ -97,28 +102,22 @@ void World::installApp(const std::string& path) const {
     copyFile(HALVO_TALKER, executables + "/Talker", appGroup, setGroupID);
 }
 
-Program World::startCaller(const std::vector<std::string>& words,
-                           std::optional<uid_t> person) const {
-    std::vector<std::string> command{Place::caller};
-    command.insert(command.end(), words.begin(), words.end());
-    return Program({.words = command, .person = person.value_or(user)});
+TestProcess World::startCaller(const std::vector<std::string>& words,
+                               std::optional<uid_t> person) const {
+    return TestProcess({.words = callerCommand(words), .person = person.value_or(user)});
 }
 
-Answer World::ask(const std::vector<std::string>& words, std::optional<uid_t> person) const {
-    Program caller = startCaller(words, person);
-    const int status = caller.wait();
-    return {status, caller.output()};
+ChildResult World::ask(const std::vector<std::string>& words, std::optional<uid_t> person) const {
+    return runInChild({.words = callerCommand(words), .person = person.value_or(user)});
 }
 
-Answer World::run(const std::vector<std::string>& words,
-                  const std::vector<std::string>& environment) const {
-    Program program({.words = words, .person = user, .environment = environment});
-    const int status = program.wait();
-    return {status, program.output()};
+ChildResult World::run(const std::vector<std::string>& words,
+                       const std::vector<std::string>& environment) const {
+    return runInChild({.words = words, .person = user, .environment = environment});
 }
 
-Program World::startApp() const {
-    return Program({.words = {Place::appExecutable}, .person = user});
+TestProcess World::startApp() const {
+    return TestProcess({.words = {Place::appExecutable}, .person = user});
 }
 
 int World::begin(Seconds span, std::optional<uid_t> person) const {
@@ -126,7 +125,7 @@ int World::begin(Seconds span, std::optional<uid_t> person) const {
 }
 
 Told World::status(std::optional<uid_t> person) const {
-    const Answer answer = ask({"status"}, person);
+    const ChildResult answer = ask({"status"}, person);
     Told told;
     std::istringstream words(answer.output);
     std::string word;

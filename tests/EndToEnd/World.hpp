@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "HalvoPlatform/Time.hpp"
-#include "tests/EndToEnd/Program.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -39,14 +39,6 @@ inline const std::string control = "/Library/PrivilegedHelperTools/halvoctl";
 inline const std::string helperInfoPlist = "/Library/PrivilegedHelperTools/Info.plist";
 
 }  // namespace Place
-
-// How a caller ended and what it said.
-struct Answer {
-    int status = -1;
-    std::string output;
-
-    bool operator==(const Answer&) const = default;
-};
 
 // The caller's exit statuses.
 namespace Reply {
@@ -97,19 +89,19 @@ class World {
     void installApp(const std::string& path) const;
 
     // Runs the caller with `words` as `person` (`user` without) to its end.
-    [[nodiscard]] Answer ask(const std::vector<std::string>& words,
-                             std::optional<uid_t> person = {}) const;
+    [[nodiscard]] ChildResult ask(const std::vector<std::string>& words,
+                                  std::optional<uid_t> person = {}) const;
 
     // The same, to run beside the test.
-    [[nodiscard]] Program startCaller(const std::vector<std::string>& words,
-                                      std::optional<uid_t> person = {}) const;
+    [[nodiscard]] TestProcess startCaller(const std::vector<std::string>& words,
+                                          std::optional<uid_t> person = {}) const;
 
     // Runs `words` as `user` to their end.
-    [[nodiscard]] Answer run(const std::vector<std::string>& words,
-                             const std::vector<std::string>& environment = {}) const;
+    [[nodiscard]] ChildResult run(const std::vector<std::string>& words,
+                                  const std::vector<std::string>& environment = {}) const;
 
     // Starts the app as a person does.
-    [[nodiscard]] Program startApp() const;
+    [[nodiscard]] TestProcess startApp() const;
 
     // The exit status of a begin for the app, from now until `span` from now.
     [[nodiscard]] int begin(Seconds span, std::optional<uid_t> person = {}) const;

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "FakeDarwin.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "FakeDarwin.hpp"
 #include "FakeXPC.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 extern "C" int halvoHelperMain(int count, char** words);
 

@@ -27,10 +27,10 @@
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/FakeDarwin/FakeOpen.hpp"
 #include "tests/FakeDarwin/FakeXPC.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
+#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/TestReport.hpp"
 
 // The helper's main().

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {

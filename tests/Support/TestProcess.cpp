@@ -4,130 +4,158 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <system_error>
 #include <thread>
-
-#include "HalvoHelper/CStrings.hpp"
+#include <utility>
 
 namespace halvo::testing {
 namespace {
 
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 
-// A machine that is busy with other tests may be late.
-constexpr auto patience = 20s;
+// Between two looks at a condition.
+constexpr Seconds shortestPause = 5ms;
+
+// What a shell reports of a program that cannot be run.
+constexpr int cannotRun = 127;
 
 struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        }
+        readEnd = Descriptor(ends[0]);
+        writeEnd = Descriptor(ends[1]);
+    }
+
     Descriptor readEnd;
     Descriptor writeEnd;
 };
 
-Pipe makePipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe2");
+Descriptor fileInMemory() {
+    Descriptor file(memfd_create("output", MFD_CLOEXEC));
+    // Two descriptors of the child share it, and what it starts has copies.
+    if (!file.isOpen() || fcntl(file.get(), F_SETFL, O_APPEND) != 0) {
+        throw std::system_error(errno, std::generic_category(), "memfd_create");
     }
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-[[noreturn]] void runChild(const std::function<void()>& body, const Descriptor& input,
-                           const Descriptor& output) {
-    dup2(input.get(), STDIN_FILENO);
-    dup2(output.get(), STDOUT_FILENO);
-    dup2(output.get(), STDERR_FILENO);
-    body();
-    std::fflush(nullptr);
-    // Not _exit(2): what watches the run (coverage, sanitizers) reports at the end.
-    std::exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+    return file;
 }
 
 [[noreturn]] void giveUp(const char* call) {
     std::perror(call);
-    _exit(EXIT_FAILURE);
+    _exit(cannotRun);
 }
+
+[[noreturn]] void runProgram(const Start& start) {
+    std::vector<std::string> environment{start.environment};
+    if (std::ranges::none_of(environment, [](auto& entry) { return entry.starts_with("PATH="); })) {
+        environment.emplace_back("PATH=/usr/bin:/bin:/usr/sbin:/sbin");
+    }
+    if (start.stopped) {
+        // LeakSanitizer aborts in a process that is traced.
+        environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
+    }
+    execute(start.words.at(0), {start.words.begin() + 1, start.words.end()}, environment);
+}
+
+[[noreturn]] void runChild(const Start& start, const Descriptor& input, const Descriptor& output,
+                           Descriptor& started) {
+    if (dup2(input.get(), STDIN_FILENO) < 0 || dup2(output.get(), STDOUT_FILENO) < 0 ||
+        dup2(output.get(), STDERR_FILENO) < 0) {
+        _exit(cannotRun);
+    }
+    if (!start.body) {
+        // Also what the test itself has open, and the other ends of these.
+        close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    }
+    if (start.prepare) {
+        start.prepare();
+    }
+    if (start.person) {
+        become(*start.person);
+    }
+    if (start.stopped) {
+        started = Descriptor();
+        raise(SIGSTOP);
+    }
+    if (!start.body) {
+        runProgram(start);
+    }
+    started = Descriptor();
+    const int status = start.body();
+    std::fflush(nullptr);
+    // Not _exit(2): what watches the run (coverage, sanitizers) reports at the end.
+    std::exit(status);
+}
+
+Start startOf(const std::function<void()>& body) {
+    return {.body = [&body] {
+        body();
+        return ::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS;
+    }};
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& string : strings) {
+        pointers.push_back(string.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::string wholeFile(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+fs::path folderOf(pid_t process) { return "/proc/" + std::to_string(process); }
 
 }  // namespace
 
-TestProcess::TestProcess(const std::function<void()>& body) {
-    Pipe input = makePipe();
-    Pipe output = makePipe();
-    // What is still buffered would be written twice.
-    std::fflush(nullptr);
-    pid_ = fork();
-    if (pid_ < 0) {
-        throw std::runtime_error("fork");
-    }
-    if (pid_ == 0) {
-        input.writeEnd = Descriptor();
-        runChild(body, input.readEnd, output.writeEnd);
-    }
-    input_ = std::move(input.writeEnd);
-    output_ = std::move(output.readEnd);
-}
+// ---------------------------------------------------------------------------------------- waiting
 
-TestProcess::~TestProcess() {
-    if (!reaped_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+Seconds timeNow() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+void sleepFor(Seconds span) { std::this_thread::sleep_for(span); }
+
+bool eventually(Seconds limit, const std::function<bool()>& condition) {
+    const Seconds end = timeNow() + limit;
+    while (true) {
+        const Seconds before = timeNow();
+        if (condition()) {
+            return true;
+        }
+        if (timeNow() >= end) {
+            return false;
+        }
+        // A look that runs a program must not keep the machine busy.
+        sleepFor(std::max(shortestPause, 3 * (timeNow() - before)));
     }
 }
 
-bool TestProcess::readMore(std::chrono::milliseconds limit) {
-    pollfd waiting{output_.get(), POLLIN, 0};
-    if (poll(&waiting, 1, static_cast<int>(limit.count())) <= 0) {
-        return false;
-    }
-    std::array<char, 4096> buffer{};
-    const ssize_t count = read(output_.get(), buffer.data(), buffer.size());
-    if (count <= 0) {
-        return false;
-    }
-    text_.append(buffer.data(), static_cast<std::size_t>(count));
-    return true;
+bool always(Seconds span, const std::function<bool()>& condition) {
+    return !eventually(span, [&] { return !condition(); });
 }
 
-std::string TestProcess::readLine() {
-    while (text_.find('\n') == std::string::npos && readMore(patience)) {
-    }
-    const std::size_t end = text_.find('\n');
-    std::string line = text_.substr(0, end);
-    text_.erase(0, end == std::string::npos ? end : end + 1);
-    return line;
-}
-
-bool TestProcess::hasLine() {
-    while (text_.find('\n') == std::string::npos && readMore(std::chrono::milliseconds{0})) {
-    }
-    return text_.find('\n') != std::string::npos;
-}
-
-std::string TestProcess::readAll() {
-    while (readMore(patience)) {
-    }
-    return std::exchange(text_, {});
-}
-
-int TestProcess::wait() {
-    int status = 0;
-    if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
-        kill(pid_, SIGKILL);
-        EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-    }
-    reaped_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-void TestProcess::send(int signal) const { kill(pid_, signal); }
+// --------------------------------------------------------------------------------------- processes
 
 void become(const Person& person) {
     if (setgroups(0, nullptr) != 0 || setresgid(person.gid, person.gid, person.gid) != 0 ||
@@ -137,21 +165,187 @@ void become(const Person& person) {
 }
 
 void execute(const std::string& path, std::vector<std::string> arguments,
-             const std::vector<std::string>& environment) {
+             std::vector<std::string> environment) {
     arguments.insert(arguments.begin(), path);
-    execve(path.c_str(), CStrings(arguments).data(), CStrings(environment).data());
+    execve(path.c_str(), pointersTo(arguments).data(), pointersTo(environment).data());
     giveUp(path.c_str());
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(2ms);
+TestProcess::TestProcess(const Start& start) {
+    Pipe input;
+    Pipe started;
+    output_ = fileInMemory();
+    // What is still buffered would be written twice.
+    std::fflush(nullptr);
+    pid_ = fork();
+    if (pid_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
     }
-    return true;
+    if (pid_ == 0) {
+        input.writeEnd = Descriptor();
+        runChild(start, input.readEnd, output_, started.writeEnd);
+    }
+    input_ = std::move(input.writeEnd);
+    started.writeEnd = Descriptor();
+    char nothing = 0;
+    [[maybe_unused]] const ssize_t end = read(started.readEnd.get(), &nothing, 1);
+    if (start.stopped) {
+        waitUntilStopped();
+    }
+}
+
+TestProcess::TestProcess(const std::function<void()>& body) : TestProcess(startOf(body)) {}
+
+TestProcess::TestProcess(TestProcess&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)),
+      waitStatus_(other.waitStatus_),
+      input_(std::move(other.input_)),
+      output_(std::move(other.output_)),
+      read_(other.read_) {}
+
+TestProcess::~TestProcess() { kill(); }
+
+void TestProcess::send(int signal) const {
+    if (!hasEnded()) {
+        ::kill(pid_, signal);
+    }
+}
+
+void TestProcess::kill() {
+    send(SIGKILL);
+    reap(0);
+}
+
+void TestProcess::stop() const {
+    send(SIGSTOP);
+    waitUntilStopped();
+}
+
+void TestProcess::goOn() const { send(SIGCONT); }
+
+void TestProcess::waitUntilStopped() const {
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED);
+}
+
+void TestProcess::tell(const std::string& line) const {
+    const std::string bytes = line + "\n";
+    EXPECT_EQ(write(input_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+}
+
+std::string TestProcess::output() const {
+    std::string text;
+    std::array<char, 4096> buffer{};
+    while (true) {
+        const ssize_t count =
+            pread(output_.get(), buffer.data(), buffer.size(), static_cast<off_t>(text.size()));
+        if (count <= 0) {
+            return text;
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+}
+
+std::string TestProcess::readLine() {
+    eventually([this] { return hasLine() || !isRunning(); });
+    const std::string text = output();
+    const std::size_t end = std::min(text.find('\n', read_), text.size());
+    const std::string line = text.substr(read_, end - read_);
+    read_ = std::min(end + 1, text.size());
+    return line;
+}
+
+bool TestProcess::hasLine() const { return output().find('\n', read_) != std::string::npos; }
+
+std::string TestProcess::readAll() {
+    eventually([this] { return !isRunning(); });
+    const std::string text = output();
+    return text.substr(std::exchange(read_, text.size()));
+}
+
+void TestProcess::reap(int options) {
+    int status = 0;
+    if (!hasEnded() && waitpid(pid_, &status, options) == pid_) {
+        waitStatus_ = status;
+    }
+}
+
+bool TestProcess::isRunning() {
+    reap(WNOHANG);
+    return !hasEnded();
+}
+
+int TestProcess::wait(Seconds limit) {
+    if (!eventually(limit, [this] { return !isRunning(); })) {
+        ADD_FAILURE() << "still running after " << limit.count() << " s: " << output();
+        kill();
+    }
+    const int signal = endingSignal();
+    return signal == 0 ? WEXITSTATUS(*waitStatus_) : 128 + signal;
+}
+
+int TestProcess::endingSignal() const {
+    return waitStatus_ && WIFSIGNALED(*waitStatus_) ? WTERMSIG(*waitStatus_) : 0;
+}
+
+ChildResult runInChild(const Start& start, Seconds limit) {
+    TestProcess child(start);
+    child.closeInput();
+    const int status = child.wait(limit);
+    const int signal = child.endingSignal();
+    return {signal == 0 ? status : -1, child.output(), signal};
+}
+
+ChildResult runInChild(const std::function<void()>& body) { return runInChild(startOf(body)); }
+
+// --------------------------------------------------------------------- what the system says;
+// proc(5)
+
+std::string processField(pid_t process, const std::string& field) {
+    std::ifstream status(folderOf(process) / "status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field + ":")) {
+            const std::size_t first = line.find_first_not_of(" \t", field.size() + 1);
+            return first == std::string::npos ? "" : line.substr(first);
+        }
+    }
+    return "";
+}
+
+std::vector<unsigned long long> processNumbers(pid_t process, const std::string& field, int base) {
+    std::istringstream words(processField(process, field));
+    std::vector<unsigned long long> numbers;
+    for (std::string word; words >> word;) {
+        numbers.push_back(std::stoull(word, nullptr, base));
+    }
+    return numbers;
+}
+
+std::vector<std::string> processWords(pid_t process, const char* file) {
+    std::vector<std::string> words;
+    eventually(5s, [&] {
+        std::istringstream bytes(wholeFile(folderOf(process) / file));
+        for (std::string word; std::getline(bytes, word, '\0');) {
+            words.push_back(word);
+        }
+        return !words.empty();
+    });
+    return words;
+}
+
+std::vector<pid_t> processesRunning(const std::string& path) {
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        pid_t process = 0;
+        std::error_code ignored;
+        if (std::from_chars(name.data(), name.data() + name.size(), process).ec == std::errc{} &&
+            fs::read_symlink(entry.path() / "exe", ignored) == path) {
+            found.push_back(process);
+        }
+    }
+    std::ranges::sort(found);
+    return found;
 }
 
 FewDescriptors::FewDescriptors(rlim_t count) {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::records {
 namespace {

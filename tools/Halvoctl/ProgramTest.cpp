@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::control {
 namespace {
