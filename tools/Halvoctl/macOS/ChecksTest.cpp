@@ -10,7 +10,7 @@
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
-#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
