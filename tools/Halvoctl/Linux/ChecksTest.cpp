@@ -16,6 +16,7 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Linux/Checks.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -232,6 +233,10 @@ TEST_F(SocketCheckTest, RefusesWhatNobodyCanCall) {
 TEST_F(SocketCheckTest, RefusesWhatIsNoSocket) {
     testing::writeTestFile(path, "");
     EXPECT_EQ(check(), isProblem("socket", path + " is no socket", "Remove it, then: Restart."));
+}
+
+TEST(ClearCommandTest, IsForAShell) {
+    EXPECT_EQ(clearCommand("/Applications/My App.app"), "chattr -i '/Applications/My App.app'");
 }
 
 TEST(LogCheckTest, LooksForTheJournal) {

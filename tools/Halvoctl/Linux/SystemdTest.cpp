@@ -47,7 +47,10 @@ class Peer {
         if (sd_bus_message_is_method_call(call, "org.freedesktop.DBus.Properties", "Get") > 0) {
             return property(call);
         }
-        return static_cast<Peer*>(peer)->manage_(call);
+        // Else it is the library's word that the connection has ended.
+        return sd_bus_message_is_method_call(call, nullptr, nullptr) > 0
+                   ? static_cast<Peer*>(peer)->manage_(call)
+                   : 0;
     }
 
     // Each is one that tells from which unit, interface and property it came.
