@@ -10,15 +10,12 @@
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
-#include "tools/Halvoctl/ShellWord.hpp"
-#include "tools/Halvoctl/Status.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 namespace {
 
 using records::printable;
-
-std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
 
 void append(Checks& checks, const Checks& more) {
     checks.insert(checks.end(), more.begin(), more.end());
@@ -42,57 +39,6 @@ const char* nameOf(Verdict verdict) {
     return "";
 }
 
-}  // namespace
-
-Check checkHelperFiles(const HelperFiles& files) {
-    const std::string name = "helper files";
-    for (const std::string& path : files.paths) {
-        if (const auto problem = RootsAlone::problem(path, RootsAlone::Item::file, files.top)) {
-            return isProblem(name, printable(*problem),
-                             files.risk +
-                                 " Install it again, in folders of root that nobody else can "
-                                 "write.");
-        }
-    }
-    return isOk(name, "root's alone, in " + printable(folderOf(files.paths.front())));
-}
-
-Check checkState(const std::string& file, StateFile condition) {
-    const std::string name = "state";
-    const std::string folder = folderOf(file);
-    struct stat status{};
-    if (lstat(folder.c_str(), &status) != 0 && errno == ENOENT) {
-        return isOk(name, "nothing is stored, in " + printable(folder));
-    }
-    if (const auto problem = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
-        return isProblem(name, printable(*problem),
-                         "Whoever can change what is stored decides what holds. Give it to root, "
-                         "and take the right to write from all others.");
-    }
-    constexpr mode_t others = 077;
-    if ((status.st_mode & others) != 0) {
-        return isProblem(name, "others than root can look into " + printable(folder),
-                         "chmod 700 " + shellWord(folder));
-    }
-    switch (condition) {
-        case StateFile::damaged:
-            return isProblem(
-                name, printable(file) + " is damaged",
-                "The helper lets go of it when it starts next; halvoctl release does so "
-                "now.");
-        case StateFile::unreadable:
-            return isProblem(
-                name, printable(file) + " cannot be read",
-                "Look into the kernel's log for the disk; remove what lies there if it is no "
-                "file.");
-        case StateFile::whole:
-            return isOk(name, "whole, in " + printable(folder));
-        case StateFile::none:
-            break;
-    }
-    return isOk(name, "nothing is stored, in " + printable(folder));
-}
-
 Check checkLocation(const std::string& app) {
     const std::string name = "app's place";
     return AppLocation::mayLock(app)
@@ -102,27 +48,6 @@ Check checkLocation(const std::string& app) {
                                " is no folder directly in one named Applications, so "
                                "the helper does not lock it",
                            "Install the app into /Applications.");
-}
-
-Check checkIdentity(const std::string& app, const HelperIdentity& identity) {
-    const std::string name = "app's identity";
-    const Bundle bundle(app);
-    const auto info = bundle.info();
-    if (!info) {
-        return isProblem(name, printable(bundle.infoPath()) + " cannot be read",
-                         "Install the app again.");
-    }
-    const auto identifier = infoString(*info, "CFBundleIdentifier");
-    const auto team = infoString(*info, HelperIdentity::teamKey);
-    if (HelperIdentity::app(info, identifier) == identity) {
-        return isOk(name, identity.appBundleID + " of team " + identity.teamID);
-    }
-    return isProblem(name,
-                     printable(bundle.infoPath()) + " has the CFBundleIdentifier " +
-                         known(identifier) + " and the " + HelperIdentity::teamKey + " " +
-                         known(team) + ", but the helper serves " + identity.appBundleID +
-                         " of team " + identity.teamID,
-                     "Install the app and the helper that were built for each other.");
 }
 
 Check checkLock(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
@@ -178,14 +103,86 @@ Check checkOpen(Machine& machine, const Observation& seen,
                : isOk(name, whose + "; the app does not run for them");
 }
 
+}  // namespace
+
+Check checkHelperFiles(const HelperFiles& files) {
+    const std::string name = "helper files";
+    for (const std::string& path : files.paths) {
+        if (const auto problem = RootsAlone::problem(path, RootsAlone::Item::file, files.top)) {
+            return isProblem(name, printable(*problem),
+                             files.risk +
+                                 " Install it again, in folders of root that nobody else can "
+                                 "write.");
+        }
+    }
+    return isOk(name, "root's alone, in " + printable(folderOf(files.paths.front())));
+}
+
+Check checkState(const std::string& file, StateFile condition) {
+    const std::string name = "state";
+    const std::string folder = folderOf(file);
+    struct stat status{};
+    if (lstat(folder.c_str(), &status) != 0 && errno == ENOENT) {
+        return isOk(name, "nothing is stored, in " + printable(folder));
+    }
+    if (const auto problem = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+        return isProblem(name, printable(*problem),
+                         "Whoever can change what is stored decides what holds. Give it to root, "
+                         "and take the right to write from all others.");
+    }
+    constexpr mode_t others = 077;
+    if ((status.st_mode & others) != 0) {
+        return isProblem(name, "others than root can look into " + printable(folder),
+                         "chmod 700 " + shellWord(folder));
+    }
+    switch (condition) {
+        case StateFile::damaged:
+            return isProblem(
+                name, printable(file) + " is damaged",
+                "The helper lets go of it when it starts next; halvoctl release does so "
+                "now.");
+        case StateFile::unreadable:
+            return isProblem(
+                name, printable(file) + " cannot be read",
+                "Look into the kernel's log for the disk; remove what lies there if it is no "
+                "file.");
+        case StateFile::whole:
+            return isOk(name, "whole, in " + printable(folder));
+        case StateFile::none:
+            break;
+    }
+    return isOk(name, "nothing is stored, in " + printable(folder));
+}
+
+Check checkIdentity(const std::string& app, const HelperIdentity& identity) {
+    const std::string name = "app's identity";
+    const Bundle bundle(app);
+    const auto info = bundle.info();
+    if (!info) {
+        return isProblem(name, printable(bundle.infoPath()) + " cannot be read",
+                         "Install the app again.");
+    }
+    const auto identifier = infoString(*info, "CFBundleIdentifier");
+    const auto team = infoString(*info, HelperIdentity::teamKey);
+    if (HelperIdentity::app(info, identifier) == identity) {
+        return isOk(name, identity.appBundleID + " of team " + identity.teamID);
+    }
+    return isProblem(name,
+                     printable(bundle.infoPath()) + " has the CFBundleIdentifier " +
+                         known(identifier) + " and the " + HelperIdentity::teamKey + " " +
+                         known(team) + ", but the helper serves " + identity.appBundleID +
+                         " of team " + identity.teamID,
+                     "Install the app and the helper that were built for each other.");
+}
+
 Checks examine(Machine& machine, const std::optional<std::string>& app) {
-    Checks checks{checkHelperFiles(helperFiles(machine))};
+    Checks checks{checkHelperFiles(helperFiles(machine.helper))};
     Observation seen = observe(machine);
     if (app) {
         seen.apps = {{*app, machine.flags.state(*app)}};
     }
     checks.push_back(machine.isRoot ? checkRunning(machine, seen) : needsRoot("helper"));
-    append(checks, examineService(machine));
+    append(checks, machine.service.examine());
     checks.push_back(machine.isRoot ? checkState(machine.stateFile, seen.file)
                                     : needsRoot("state"));
     if (seen.apps.empty()) {
@@ -197,14 +194,14 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
     for (const AppFlag& each : seen.apps) {
         checks.push_back(checkLocation(each.path));
         checks.push_back(checkIdentity(each.path, machine.identity));
-        append(checks, examineApp(machine, each.path));
+        append(checks, machine.service.examineApp(each.path, machine.isRoot));
         checks.push_back(machine.isRoot ? checkLock(seen, each, machine.service.startCommand())
                                         : needsRoot("lock"));
     }
     const auto console = machine.session.consoleUser();
     checks.push_back(checkOpen(machine, seen, console));
     if (console) {
-        append(checks, examineSession(machine, *console));
+        append(checks, machine.service.examineSession(*console));
     }
     return checks;
 }

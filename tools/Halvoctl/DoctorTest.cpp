@@ -8,8 +8,9 @@
 #include <ostream>
 #include <string>
 
+#include "tools/Halvoctl/Commands.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
-#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tests/Support/ControlMachine.hpp"
 
 namespace halvo::control {
 
@@ -46,6 +47,8 @@ TEST_F(DoctorTest, LooksAtTheBundlesThatItFinds) {
     EXPECT_EQ(examined("app's identity"),
               isOk("app's identity", "com.example.app of team 7QX4KD19MT"));
     EXPECT_EQ(examined("lock"), isOk("lock", "The bundle is not locked"));
+    EXPECT_EQ(examined("service"), isOk("service", "fine"));
+    EXPECT_EQ(examined("bundle"), isOk("bundle", fake.app + " as root"));
     EXPECT_TRUE(fake.world.calls.changes().empty());
 }
 
@@ -77,10 +80,10 @@ TEST_F(DoctorTest, JudgesTheHelper) {
     EXPECT_EQ(examined("helper"),
               isProblem("helper", "something is stored, and no helper runs that would hold it",
                         "Start it: start-helper"));
-    fake.service.processes = {5};
+    fake.processes.processes = {5};
     EXPECT_EQ(examined("helper"), isOk("helper", "runs, pid 5"));
-    fake.service.processes = {5, 6, 7};
-    fake.service.stoppedProcesses = {5, 7};
+    fake.processes.processes = {5, 6, 7};
+    fake.processes.stopped = {5, 7};
     EXPECT_EQ(examined("helper"),
               isProblem("helper", "is stopped (SIGSTOP), and does nothing: pids 5 and 7",
                         "Let it go on: kill -CONT 5 7; or start another: restart-helper"));
@@ -91,7 +94,7 @@ TEST_F(DoctorTest, JudgesTheHelper) {
 TEST_F(DoctorTest, JudgesTheLock) {
     fake.hold();
     fake.world.flags.setByHand(fake.app, false);
-    fake.service.processes = {5};
+    fake.processes.processes = {5};
     EXPECT_EQ(examined("lock"), isProblem("lock", "The bundle is not locked, but should be",
                                           "The helper sets it back within 2 seconds."));
 }
@@ -99,6 +102,7 @@ TEST_F(DoctorTest, JudgesTheLock) {
 TEST_F(DoctorTest, JudgesTheSession) {
     EXPECT_EQ(examined("session").verdict, Verdict::notApplicable);
     fake.world.session.console = FakeMachine::ann;
+    EXPECT_EQ(examined("person"), isOk("person", "1000"));
     EXPECT_EQ(examined("session"),
               isOk("session", "ann (uid 1000) is at the console; the app does not run for them"));
     fake.hold();
@@ -119,6 +123,7 @@ TEST_F(DoctorTest, SaysWhatOnlyRootCanSee) {
     for (const char* name : {"helper", "state", "lock"}) {
         EXPECT_EQ(examined(name), needsRoot(name));
     }
+    EXPECT_EQ(examined("bundle"), isOk("bundle", fake.app));
     EXPECT_THAT(doctorText(examine(fake.machine, {})), HasSubstr("Type: sudo halvoctl doctor\n"));
 }
 

@@ -1,11 +1,11 @@
 #include "tools/Halvoctl/Observation.hpp"
 
-#include <dirent.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <memory>
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
 #include <variant>
 
 #include "HalvoHelper/RootsAlone.hpp"
@@ -14,12 +14,10 @@
 #include "tools/HalvoRecords/Wording.hpp"
 
 namespace halvo::control {
-namespace {
 
-bool isThere(const std::string& path) {
-    struct stat status{};
-    return lstat(path.c_str(), &status) == 0;
-}
+namespace fs = std::filesystem;
+
+namespace {
 
 // The bundle that the record names, whole or not.
 std::optional<std::string> appOf(const StoredCommitment& stored) {
@@ -78,8 +76,19 @@ Agreement ofRemains(const Observation& seen, const AppFlag& app, const std::stri
 
 }  // namespace
 
+Presence presence(const std::string& path) {
+    struct stat status{};
+    if (lstat(path.c_str(), &status) == 0) {
+        return Presence::there;
+    }
+    const bool isGone =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    return isGone ? Presence::gone : Presence::unknown;
+}
+
 Stored readState(Machine& machine) {
-    const bool isFile = isThere(machine.stateFile);
+    const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
+    const bool wasThere = isThere();
     StoredCommitment stored = machine.store.load();
     if (std::holds_alternative<HelperCommitment>(stored)) {
         return {StateFile::whole, std::move(stored)};
@@ -87,7 +96,7 @@ Stored readState(Machine& machine) {
     if (std::holds_alternative<UnreadableCommitment>(stored)) {
         return {StateFile::damaged, std::move(stored)};
     }
-    return {isFile && isThere(machine.stateFile) ? StateFile::unreadable : StateFile::none, stored};
+    return {wasThere && isThere() ? StateFile::unreadable : StateFile::none, stored};
 }
 
 namespace {
@@ -95,9 +104,9 @@ namespace {
 // The bundles directly in `folder` whose Info.plist carries the app's identifier.
 std::vector<std::string> appsIn(const std::string& folder, const HelperIdentity& identity) {
     std::vector<std::string> found;
-    const std::unique_ptr<DIR, int (*)(DIR*)> items(opendir(folder.c_str()), closedir);
-    while (const dirent* entry = items == nullptr ? nullptr : readdir(items.get())) {
-        const std::string path = folder + "/" + entry->d_name;
+    std::error_code ignored;
+    for (fs::directory_iterator item(folder, ignored), end; item != end; item.increment(ignored)) {
+        const std::string path = folder + "/" + item->path().filename().string();
         if (!AppLocation::isBundlePath(path)) {
             continue;
         }
@@ -124,21 +133,9 @@ bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
 
 }  // namespace
 
-std::vector<std::string> homeApplications() {
-    std::vector<std::string> folders;
-    setpwent();
-    while (const passwd* entry = getpwent()) {
-        if (entry->pw_dir != nullptr) {
-            folders.push_back(entry->pw_dir + std::string("/Applications"));
-        }
-    }
-    endpwent();
-    return folders;
-}
-
 std::vector<std::string> installedApps(Machine& machine) {
     auto found = appsIn(machine.applications, machine.identity);
-    std::vector<std::string> others = otherApplications(machine);
+    std::vector<std::string> others = machine.service.otherApplications();
     std::ranges::sort(others);
     others.erase(std::ranges::unique(others).begin(), others.end());
     for (const std::string& folder : others) {
@@ -152,8 +149,9 @@ std::vector<std::string> installedApps(Machine& machine) {
     return found;
 }
 
-std::vector<std::string> orphanedLocks(Machine& machine, const StoredCommitment& stored) {
-    std::vector<std::string> orphans = installedApps(machine);
+std::vector<std::string> orphanedLocks(Machine& machine, const std::vector<std::string>& installed,
+                                       const StoredCommitment& stored) {
+    std::vector<std::string> orphans = installed;
     std::erase_if(orphans, [&](const std::string& path) {
         return machine.flags.state(path) != LockState::locked || owesLock(stored, path) ||
                !isAppsOwn(path, machine.identity);
@@ -167,18 +165,20 @@ Observation observe(Machine& machine) {
     seen.file = file;
     seen.stored = std::move(stored);
     const auto named = appOf(seen.stored);
-    for (const std::string& path :
-         named ? std::vector<std::string>{*named} : installedApps(machine)) {
+    const auto installed = installedApps(machine);
+    for (const std::string& path : named ? std::vector<std::string>{*named} : installed) {
         seen.apps.push_back({path, machine.flags.state(path)});
     }
-    seen.orphans = orphanedLocks(machine, seen.stored);
+    seen.orphans = orphanedLocks(machine, installed, seen.stored);
     for (const std::string& path : seen.orphans) {
         if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
             seen.apps.push_back({path, LockState::locked});
         }
     }
-    seen.helpers = machine.service.running();
-    seen.stopped = machine.service.stopped();
+    seen.helpers = machine.processes.running();
+    std::ranges::copy_if(
+        seen.helpers, std::back_inserter(seen.stopped),
+        [&](pid_t process) { return machine.processes.isStopped(process); });
     seen.now = machine.clock.reading();
     return seen;
 }

@@ -67,21 +67,19 @@ struct Stored {
 
 Stored readState(Machine& machine);
 
-// The folders called Applications, but the machine's first one, in which the helper may have locked
-// a bundle: those of the accounts' homes; on Linux with systemd those that the helper's unit can
-// write to. Not all need be there. One source per system.
-std::vector<std::string> otherApplications(Machine& machine);
+enum class Presence { there, gone, unknown };
 
-// The same of the accounts' homes.
-std::vector<std::string> homeApplications();
+// Whether something is at `path`, links not followed. What the system cannot look at may be there.
+Presence presence(const std::string& path);
 
 // The bundles whose Info.plist carries the app's identifier: those directly in the machine's folder
 // for them, and in each other one that is root's alone; in the order of their paths there.
 std::vector<std::string> installedApps(Machine& machine);
 
-// Those of them that are the app's own, of this identity in an Info.plist that is root's alone, and
-// that carry the lock although `stored` does not owe it.
-std::vector<std::string> orphanedLocks(Machine& machine, const StoredCommitment& stored);
+// Those of `installed` that are the app's own, of this identity in an Info.plist that is root's
+// alone, and that carry the lock although `stored` does not owe it.
+std::vector<std::string> orphanedLocks(Machine& machine, const std::vector<std::string>& installed,
+                                       const StoredCommitment& stored);
 
 // Whether record and flag agree, and what comes of it.
 struct Agreement {
@@ -98,7 +96,7 @@ struct Agreement {
 Agreement judge(const Observation& observation, const AppFlag& app,
                 const std::string& startCommand);
 
-// The command with which root clears the flag of the bundle at `path`. One source per system.
+// The shell command with which root clears the flag of the bundle at `path`. One source per system.
 std::string clearCommand(const std::string& path);
 
 }  // namespace halvo::control

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
@@ -26,7 +26,7 @@ class ObservationTest : public ::testing::Test {
     // What is judged of the app as things are.
     Agreement judged(bool isLocked, bool isRunning = false) {
         fake.world.flags.setByHand(fake.app, isLocked);
-        fake.service.processes = isRunning ? std::vector<pid_t>{7} : std::vector<pid_t>{};
+        fake.processes.processes = isRunning ? std::vector<pid_t>{7} : std::vector<pid_t>{};
         const Observation observation = seen();
         return judge(observation, observation.apps.at(0), "start-helper");
     }
@@ -48,7 +48,7 @@ TEST_F(ObservationTest, IsOfNothingStored) {
 
 TEST_F(ObservationTest, IsOfARecord) {
     const HelperCommitment& commitment = fake.hold();
-    fake.service.processes = {12};
+    fake.processes.processes = {12};
     const Observation observation = seen();
     EXPECT_EQ(observation.file, StateFile::whole);
     ASSERT_NE(observation.commitment(), nullptr);
@@ -86,8 +86,10 @@ TEST_F(ObservationTest, FindsTheBundlesOfTheApp) {
     fs::create_directories(fake.applications + "/Empty.app");
     EXPECT_EQ(installedApps(fake.machine),
               (std::vector<std::string>{fake.applications + "/Another.app", fake.app}));
+    fake.service.applications = {fake.applications, "/nowhere", fake.applications};
+    EXPECT_EQ(installedApps(fake.machine).size(), 2U) << "each once";
     fake.machine.applications = "/nowhere";
-    EXPECT_TRUE(installedApps(fake.machine).empty());
+    EXPECT_TRUE(installedApps(fake.machine).empty()) << "in another folder, which is not root's";
 }
 
 TEST_F(ObservationTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {

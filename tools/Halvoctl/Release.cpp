@@ -1,19 +1,14 @@
-#include "tools/Halvoctl/Release.hpp"
-
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <expected>
-#include <optional>
-#include <string>
+#include <system_error>
 #include <variant>
 
 #include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoPlatform/LockFile.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
-#include "tools/Halvoctl/Observation.hpp"
-#include "tools/Halvoctl/ReleaseLock.hpp"
-#include "tools/Halvoctl/Status.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 namespace {
@@ -21,26 +16,17 @@ namespace {
 using records::printable;
 using records::zonedDate;
 
-enum class Presence { there, gone, unknown };
-
-// Whether something is at `path`. What the system cannot look at may be there.
-Presence presence(const std::string& path) {
-    struct stat status{};
-    if (lstat(path.c_str(), &status) == 0) {
-        return Presence::there;
-    }
-    const bool isGone =
-        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
-    return isGone ? Presence::gone : Presence::unknown;
-}
+// What was done, in words, or what failed and what to do.
+using Result = std::expected<std::string, std::string>;
 
 constexpr const char* ifGone = "If the bundle is gone for good: halvoctl release --bundle-gone";
 
-// Takes the lock off the bundle at `path`. Fails with what to do; `keeps` says what comes of it.
-std::expected<void, std::string> unlock(Machine& machine, const std::string& path,
-                                        const std::string& keeps) {
+// Takes the lock off the bundle at `path`, and returns what `done` says of it; `keeps` says what
+// comes of a failure.
+Result unlock(Machine& machine, const std::string& path, const std::string& done,
+              const std::string& keeps) {
     if (machine.flags.setLocked(false, path)) {
-        return {};
+        return printable(path) + done;
     }
     return std::unexpected(
         "The lock of " + printable(path) + " cannot be taken off" + keeps +
@@ -61,13 +47,10 @@ std::string leftAlone(Machine& machine, const std::string& path) {
 
 // Takes the lock off the bundle at `path` that a record says it owes. A lock outlives that its
 // bundle is out of reach: another file system may lie over it, or its own not be mounted.
-std::expected<std::string, std::string> settle(Machine& machine, const std::string& path,
-                                               bool isGone) {
+Result settle(Machine& machine, const std::string& path, bool isGone) {
     const std::string shown = printable(path);
     if (AppLocation::mayLock(path)) {
-        const auto flag = unlock(machine, path, keepsRecord);
-        return flag ? std::expected<std::string, std::string>(shown + " is unlocked")
-                    : std::unexpected(flag.error());
+        return unlock(machine, path, " is unlocked", keepsRecord);
     }
     if (isGone) {
         return "the lock of " + shown + " is forgotten with the bundle, which is not there";
@@ -91,8 +74,7 @@ class Releaser {
     Releaser(Machine& machine, const GregorianCalendar& calendar, bool isBundleGone)
         : machine_(machine), calendar_(calendar), isBundleGone_(isBundleGone) {}
 
-    // What was done, as sentences, or what failed and what to do.
-    std::expected<std::string, std::string> letGo() {
+    Result letGo() {
         const auto [file, stored] = readState(machine_);
         if (file == StateFile::unreadable) {
             return forget("Removed a state file that could not be read",
@@ -106,9 +88,8 @@ class Releaser {
             return forget("Removed a damaged state file",
                           settled(unreadable->appPath, unreadable->locked, stored));
         }
-        const auto flags = orphans(stored);
-        return flags ? std::expected<std::string, std::string>("Nothing was held" + *flags + ".")
-                     : flags;
+        const Result flags = orphans(stored);
+        return flags ? "Nothing was held" + *flags + "." : flags;
     }
 
   private:
@@ -121,18 +102,18 @@ class Releaser {
 
     // Takes off the lock of the bundle that the record names, if it owes that, and those that it
     // does not owe. What to say of them, each after a "; ".
-    std::expected<std::string, std::string> settled(const std::optional<std::string>& app,
-                                                    bool isOwed, const StoredCommitment& stored) {
+    Result settled(const std::optional<std::string>& app, bool isOwed,
+                   const StoredCommitment& stored) {
         std::string said;
         // The helper locks nothing else.
         if (app && isOwed && AppLocation::isLockablePath(*app)) {
-            const auto flag = settle(machine_, *app, isBundleGone_);
+            const Result flag = settle(machine_, *app, isBundleGone_);
             if (!flag) {
                 return flag;
             }
             said = "; " + *flag;
         }
-        const auto more = orphans(stored);
+        const Result more = orphans(stored);
         if (!more) {
             return more;
         }
@@ -145,17 +126,21 @@ class Releaser {
 
     // Takes off the locks of the app's own bundles that `stored` does not owe; a lock that another
     // bundle has stays. What to say of them, each after a "; ".
-    std::expected<std::string, std::string> orphans(const StoredCommitment& stored) {
+    Result orphans(const StoredCommitment& stored) {
+        const auto installed = installedApps(machine_);
+        const bool isStored = !std::holds_alternative<NoCommitment>(stored);
         std::string said;
-        for (const std::string& path : orphanedLocks(machine_, stored)) {
-            const bool isStored = !std::holds_alternative<NoCommitment>(stored);
-            if (const auto flag = unlock(machine_, path, isStored ? keepsRecord : ""); !flag) {
-                return std::unexpected(flag.error());
+        for (const std::string& path : orphanedLocks(machine_, installed, stored)) {
+            const Result flag =
+                unlock(machine_, path, " carried a lock that no record owed, and is unlocked",
+                       isStored ? keepsRecord : "");
+            if (!flag) {
+                return flag;
             }
-            said += "; " + printable(path) + " carried a lock that no record owed, and is unlocked";
+            said += "; " + *flag;
             HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
         }
-        for (const std::string& path : installedApps(machine_)) {
+        for (const std::string& path : installed) {
             if (machine_.flags.state(path) == LockState::locked) {
                 said += "; " + leftAlone(machine_, path);
             }
@@ -163,8 +148,7 @@ class Releaser {
         return said;
     }
 
-    std::expected<std::string, std::string> forget(
-        const std::string& what, const std::expected<std::string, std::string>& flags) {
+    Result forget(const std::string& what, const Result& flags) {
         if (!flags) {
             return flags;
         }
@@ -186,40 +170,59 @@ class Releaser {
 
 std::string line(const std::string& sentences) { return sentences.empty() ? "" : sentences + "\n"; }
 
-}  // namespace
+Outcome failure(const std::string& problem) {
+    return {ExitStatus::system, "", "halvoctl: " + problem + "\n"};
+}
 
-Outcome release(Machine& machine, const Release& command, const GregorianCalendar& calendar,
-                const Progress& progress) {
+// The same, by the one that holds the lock.
+Outcome releaseAlone(Machine& machine, const ReleaseOptions& options,
+                     const GregorianCalendar& calendar) {
     Outcome outcome;
-    const auto fail = [&outcome](const std::string& problem) {
-        outcome.status = ExitStatus::system;
-        outcome.errors += "halvoctl: " + problem + "\n";
-    };
-    // Another release may take a minute.
-    const auto lock = ReleaseLock::take(
-        machine.releaseLock,
-        {Seconds{60},
-         [&progress] { progress("Waiting for another halvoctl release, at most a minute."); }});
-    if (!lock) {
-        fail(lock.error());
-        return outcome;
-    }
     // A helper that runs would undo the rest: it locks again, and stores what it remembers.
-    if (const auto stopped = machine.service.stop(progress); !stopped) {
-        fail(stopped.error());
-    } else if (const auto done = Releaser(machine, calendar, command.isBundleGone).letGo(); !done) {
-        fail(done.error());
+    if (const auto stopped = machine.service.stop(); !stopped) {
+        outcome = failure(stopped.error());
+    } else if (const auto done = Releaser(machine, calendar, options.isBundleGone).letGo(); !done) {
+        outcome = failure(done.error());
     } else {
         outcome.output = line(machine.identity.appBundleID + ": " + *done);
-        if (command.staysStopped) {
+        if (options.staysStopped) {
             return outcome;
         }
     }
-    if (const auto resumed = machine.service.resume(progress); !resumed) {
-        fail(resumed.error());
-    } else {
+    if (const auto resumed = machine.service.resume(); resumed) {
         outcome.output += line(*resumed);
+    } else {
+        const Outcome failed = failure(resumed.error());
+        outcome.status = failed.status;
+        outcome.errors += failed.errors;
     }
+    return outcome;
+}
+
+}  // namespace
+
+// Two at once would each start what the other has stopped.
+Outcome release(Machine& machine, const ReleaseOptions& options,
+                const GregorianCalendar& calendar) {
+    std::expected<Descriptor, FileError> lock;
+    const auto isOver = [&] {
+        lock = takeLockFile(machine.releaseLock);
+        return lock || lock.error().code != EWOULDBLOCK;
+    };
+    // The other one may take a minute.
+    if (!machine.waiter.wait(isOver, Seconds{60},
+                             "Waiting for another halvoctl release, at most a minute.")) {
+        return failure(
+            "Another halvoctl release runs and does not end. Wait for it, or kill it, and try "
+            "again.");
+    }
+    if (!lock) {
+        return failure(printable(machine.releaseLock) + " cannot be locked: " +
+                       std::generic_category().message(lock.error().code) +
+                       ". Mend that and try again.");
+    }
+    Outcome outcome = releaseAlone(machine, options, calendar);
+    unlink(machine.releaseLock.c_str());
     return outcome;
 }
 

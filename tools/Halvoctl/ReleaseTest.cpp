@@ -2,20 +2,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <filesystem>
-#include <optional>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "HalvoPlatform/LockFile.hpp"
+#include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
-#include "tools/Halvoctl/FakeMachine.hpp"
-#include "tools/Halvoctl/Observation.hpp"
-#include "tools/Halvoctl/Release.hpp"
-#include "tools/Halvoctl/ReleaseLock.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 
@@ -39,16 +34,14 @@ const std::string resumed = "save by resume";
 
 class ReleaseTest : public ::testing::Test {
   protected:
-    Outcome released(const Release& command = {}) {
-        return release(fake.machine, command, *GregorianCalendar::named("Europe/Berlin"),
-                       [this](const std::string& line) { said.push_back(line); });
+    Outcome released(const ReleaseOptions& options = {}) {
+        return release(fake.machine, options, *GregorianCalendar::named("Europe/Berlin"));
     }
 
     static Outcome fine(const std::string& output) { return {ExitStatus::fine, output, ""}; }
 
     FakeMachine fake;
     testing::LogCapture log;
-    std::vector<std::string> said;
 };
 
 TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
@@ -61,7 +54,8 @@ TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
                 ElementsAre(stopped, "unlock Halvo.app", "remove", resumed));
     EXPECT_FALSE(fake.world.flags.isSet(fake.app));
     EXPECT_TRUE(fake.world.store.isEmpty());
-    EXPECT_THAT(said, ElementsAre("Waiting."));
+    EXPECT_TRUE(fake.waiter.said.empty());
+    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
     EXPECT_THAT(log.notices(), ElementsAre("An administrator let go of what was stored"));
 }
 
@@ -317,43 +311,55 @@ TEST_F(ReleaseTest, SaysThatAFileThatCannotBeReadCannotBeRemoved) {
 
 TEST_F(ReleaseTest, TouchesNothingWhenTheHelperDoesNotStop) {
     fake.hold();
-    fake.service.stopError = "It does not end.";
+    fake.service.stopped = std::unexpected("It does not end.");
     EXPECT_EQ(released(), (Outcome{ExitStatus::system, "", "halvoctl: It does not end.\n"}));
     EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
 }
 
-TEST_F(ReleaseTest, IsOneAtATime) {
+TEST_F(ReleaseTest, WaitsForAnother) {
     fake.hold();
-    std::optional<ReleaseLock> other =
-        *ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}});
-    std::atomic<bool> isEnding = false;
-    fake.service.onStop = [&] { EXPECT_TRUE(isEnding) << "the other has not ended"; };
-    std::thread ending([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds{1500});
-        isEnding = true;
-        other.reset();
-    });
+    Descriptor other = *takeLockFile(fake.machine.releaseLock);
+    fake.waiter.onPause = [&] {
+        if (fake.waiter.time >= Seconds{1030}) {
+            other = Descriptor();
+        }
+    };
+    fake.service.onStop = [&] { EXPECT_FALSE(other.isOpen()); };
     EXPECT_EQ(released().status, ExitStatus::fine);
-    ending.join();
-    EXPECT_EQ(said.front(), "Waiting for another halvoctl release, at most a minute.");
-    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
+    EXPECT_THAT(fake.waiter.said,
+                ElementsAre("Waiting for another halvoctl release, at most a minute."));
+    EXPECT_NEAR(fake.waiter.time.count(), 1030, 0.1);
+}
+
+TEST_F(ReleaseTest, TouchesNothingWhileAnotherDoesNotEnd) {
+    fake.hold();
+    const auto other = takeLockFile(fake.machine.releaseLock);
+    EXPECT_EQ(released(), (Outcome{ExitStatus::system, "",
+                                   "halvoctl: Another halvoctl release runs and does not end. "
+                                   "Wait for it, or kill it, and try again.\n"}));
+    EXPECT_NEAR(fake.waiter.time.count(), 1060, 0.1);
+    EXPECT_TRUE(fake.world.calls.changes().empty());
+    EXPECT_TRUE(fs::exists(fake.machine.releaseLock)) << "it is the other's";
 }
 
 TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {
-    fake.service.onResume = [this] {
-        EXPECT_FALSE(ReleaseLock::take(fake.machine.releaseLock, {Seconds{0}, {}}));
-    };
+    testing::writeTestFile(fake.machine.releaseLock, "");  // of one that was killed
+    const auto expectLocked = [this] { EXPECT_FALSE(takeLockFile(fake.machine.releaseLock)); };
+    fake.service.onStop = expectLocked;
+    fake.service.onResume = expectLocked;
     EXPECT_EQ(released().status, ExitStatus::fine);
     EXPECT_THAT(fake.world.calls.changes(), ElementsAre(stopped, resumed));
+    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
 }
 
 TEST_F(ReleaseTest, TouchesNothingWithoutTheLock) {
     fake.hold();
     fs::create_directory(fake.machine.releaseLock);
-    const Outcome outcome = released();
-    EXPECT_EQ(outcome.status, ExitStatus::system);
-    EXPECT_THAT(outcome.errors, HasSubstr("release.lock cannot be locked: Is a directory."));
+    EXPECT_EQ(released(), (Outcome{ExitStatus::system, "",
+                                   "halvoctl: " + fake.machine.releaseLock +
+                                       " cannot be locked: Is a directory. Mend that and try "
+                                       "again.\n"}));
     EXPECT_TRUE(fake.world.calls.changes().empty());
     EXPECT_TRUE(fake.world.flags.isSet(fake.app));
 }

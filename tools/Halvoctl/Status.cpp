@@ -1,13 +1,11 @@
-#include "tools/Halvoctl/Status.hpp"
-
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <variant>
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 namespace {
@@ -104,12 +102,6 @@ Json salvagedJSON(const Observation& seen) {
 }
 
 }  // namespace
-
-std::string person(const Machine& machine, std::uint32_t uid) {
-    const auto name = machine.userName(uid);
-    const std::string number = "uid " + std::to_string(uid);
-    return name ? printable(*name) + " (" + number + ")" : number;
-}
 
 std::string statusText(Machine& machine, const Observation& seen,
                        const GregorianCalendar& calendar) {

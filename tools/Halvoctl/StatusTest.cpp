@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tools/Halvoctl/FakeMachine.hpp"
-#include "tools/Halvoctl/Status.hpp"
+#include "tests/Support/ControlMachine.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 namespace {
@@ -48,7 +48,7 @@ TEST_F(StatusTest, SaysThatNothingHolds) {
 
 TEST_F(StatusTest, SaysWhatHolds) {
     fake.hold();
-    fake.service.processes = {12};
+    fake.processes.processes = {12};
     EXPECT_EQ(text(),
               "com.example.app: Ultra Hard mode holds for ann (uid 1000), for another 1:02:05.\n"
               "  until       2025-10-09 11:55:25 +02:00\n"
@@ -67,8 +67,8 @@ TEST_F(StatusTest, SaysWhatHolds) {
 }
 
 TEST_F(StatusTest, SaysWhichHelperIsStopped) {
-    fake.service.processes = {12, 13};
-    fake.service.stoppedProcesses = {13};
+    fake.processes.processes = {12, 13};
+    fake.processes.stopped = {13};
     EXPECT_THAT(text(), HasSubstr("runs, pids 12 and 13; stopped (SIGSTOP): pid 13\n"));
     EXPECT_EQ(json()["helper"]["stopped"], Json::array({13}));
 }
@@ -122,7 +122,7 @@ TEST_F(StatusTest, HoldsNothingThatATerminalObeys) {
 
 TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
     fake.hold();
-    fake.service.processes = {12, 13};
+    fake.processes.processes = {12, 13};
     EXPECT_EQ(jsonText(), R"({
   "apps": [
     {

@@ -1,84 +1,220 @@
-#include "tools/Halvoctl/Tool.hpp"
+#include <CLI/CLI.hpp>
+#include <sstream>
 
-#include <variant>
-
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Version.hpp"
-#include "tools/Halvoctl/Arguments.hpp"
-#include "tools/Halvoctl/Doctor.hpp"
-#include "tools/Halvoctl/Release.hpp"
-#include "tools/Halvoctl/Status.hpp"
+#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
 namespace {
+
+constexpr const char* purpose =
+    R"(For the administrator of a machine on which the Halvo helper is installed, the
+root service that holds a person to Ultra Hard mode: their app stays locked and
+open until the time is up.
+)";
+
+constexpr const char* footer =
+    R"(COMMAND --help says more about a command. Which app it is about stands in the
+Info.plist that lies with the program.
+
+Examples:
+  sudo halvoctl status
+  sudo halvoctl doctor
+  sudo halvoctl release
+
+Exit status: 0 when it was done, 1 when doctor found a problem, 64 for a usage
+error, 71 when the system refused, 74 when the output could not be written, 77
+when it needs root, 78 when the Info.plist is missing or wrong.)";
+
+constexpr const char* statusFooter =
+    R"(Says what holds: for whom, until when, and how long that is from now; whether the
+app's bundle is locked, and what happens next where that is not as it was stored;
+whether the helper runs, and what starts it; and in which condition the state file
+is. Changes nothing. Needs root, since only root can read the state file.
+
+The time left is counted as the helper counts it, also while none runs.
+
+Members of the object; dates are ISO 8601 in UTC, spans are seconds:
+  apps           the bundle of the record, else those found in /Applications; and
+                 those of the app that carry a lock which no record owes:
+                 "path"; "flag" is locked, unlocked or missing; "agrees" says
+                 whether record and flag agree, "finding" and "next" in words how
+  commitment     null, or "app" (its bundle), "holds" (false: it has run out and is
+                 still stored), "left", "locked" (the helper locked the bundle and
+                 owes the unlock), "started", "uid", "until", "user" (null when
+                 there is no such user)
+  helper         "identifier", "executable", "pids" of those that run, "starts":
+                 in words what starts one, null while one runs; "stopped": the pids
+                 of those that do nothing until they are told to go on (SIGCONT)
+  now            when this was so
+  salvaged       null, or what can be read of a damaged record: "app", "locked"
+  stateFile      "path"; "condition" is whole, damaged, none, or unreadable, which
+                 the helper takes for none
+  version        of halvoctl and the helper that lies with it
+
+Examples:
+  sudo halvoctl status
+  sudo halvoctl status --json | jq .commitment.until
+
+Exit status: 0 whatever holds, 64 for a usage error, 74 when the output could not be
+written, 77 without root, 78 when the Info.plist with the program is missing or
+wrong.)";
+
+constexpr const char* doctorFooter =
+    R"(Looks at everything that the helper needs, from the rights on its own files to the
+app's private group, and says of each thing whether it is as it must be, and what to
+do where it is not. Changes nothing. Without root some things cannot be looked at;
+they are named. Without --app it looks at the bundle of what holds, else at those of
+the app found in /Applications.
+
+Members of the object: "problems" is how many there are, "checks" a list of objects
+with "name"; "verdict", which is ok, problem, not applicable, or needs root;
+"finding", in words; "advice", what to do, null where there is nothing.
+
+Examples:
+  sudo halvoctl doctor
+  sudo halvoctl doctor --app /srv/Applications/Halvo.app
+
+Exit status: 0 when there is no problem, 1 when there is one, 64 for a usage error, 74
+when the output could not be written.)";
+
+constexpr const char* releaseFooter =
+    R"(Lets go of what holds, for everybody: stops the helper, unlocks the app's bundle,
+removes what is stored, and lets the app call the helper again. Says what it did.
+Where nothing holds it says so, and that is no failure.
+
+A lock that no record owes, since the record was damaged or an unlock failed, goes
+too, from each bundle in /Applications, or in another folder of root's called
+Applications where the helper may lock, that is the app's own: it, its Contents and
+its Info.plist belong to root, nobody else can write them, and they name the app and
+the team of the helper. What another bundle carries is left alone.
+
+The bundle is unlocked before the record of it is removed, so that no bundle stays
+locked for good: when it is interrupted, run it again. It waits at most a minute, and
+another minute for a release that runs already, and says so after a second.
+
+The record of a bundle that cannot be reached is kept without --bundle-gone: its disk
+may come back, and the lock with it. When release fails, all is as without --and-stop.
+
+Needs root. Who is bound by Ultra Hard mode should not have it.
+
+Examples:
+  sudo halvoctl release
+  sudo halvoctl release --and-stop
+
+Exit status: 0 when nothing holds any more, 64 for a usage error, 71 when the helper
+could not be stopped or started again, or the bundle could not be unlocked (the
+message says what to do), 74 when the output could not be written, 77 without root,
+78 when the Info.plist with the program is missing or wrong.)";
+
+std::string problemOfBundlePath(const std::string& path) {
+    return AppLocation::isBundlePath(path)
+               ? ""
+               : "the absolute path of a bundle is needed, as /Applications/Halvo.app, not '" +
+                     path + "'";
+}
 
 Outcome failure(int status, const std::string& problem) {
     return {status, "", "halvoctl: " + problem + "\n"};
 }
 
-class Runner {
+// The command line, and what it said.
+class CommandLine {
   public:
-    Runner(const std::function<MachineOr()>& machine, const GregorianCalendar& calendar,
-           const Progress& progress)
-        : machine_(machine), calendar_(calendar), progress_(progress) {}
-
-    Outcome operator()(const ShowHelp& command) const {
-        return {ExitStatus::fine, command.text, ""};
+    CommandLine() {
+        app_.set_help_flag("-h,--help", "print this text");
+        app_.set_version_flag("--version", std::string("halvoctl ") + version, "print the version");
+        app_.require_subcommand(1);
+        const auto formatter = app_.get_formatter();
+        formatter->label("SUBCOMMAND", "COMMAND");
+        formatter->column_width(17);
+        status = add("status", "say what holds, for whom and until when", statusFooter);
+        doctor = add("doctor", "look whether everything is installed as it must be", doctorFooter);
+        release = add("release", "let go of what holds, as root", releaseFooter);
+        for (CLI::App* command : {status, doctor}) {
+            command->add_flag("--json", asJSON, "print one JSON object, with its keys sorted");
+        }
+        doctor->add_option("--app", app, "the app's bundle")
+            ->type_name("PATH")
+            ->check(problemOfBundlePath);
+        release->add_flag("--and-stop", releaseOptions.staysStopped,
+                          "leave the helper stopped: before it is removed");
+        release->add_flag("--bundle-gone", releaseOptions.isBundleGone,
+                          "forget the lock of a bundle that is gone for good");
+        app_.footer(footer);
     }
 
-    Outcome operator()(const ShowVersion&) const {
-        return {ExitStatus::fine, std::string("halvoctl ") + version + "\n", ""};
+    // Returns how the program ends where `words` ask for no command to be carried out.
+    std::optional<Outcome> parse(const std::vector<std::string>& words) {
+        try {
+            app_.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+            return std::nullopt;
+        } catch (const CLI::Success& asked) {
+            std::ostringstream output;
+            app_.exit(asked, output);
+            return Outcome{ExitStatus::fine, output.str(), ""};
+        } catch (const CLI::ParseError& error) {
+            const auto unknown = app_.remaining(true);
+            return failure(ExitStatus::usage,
+                           records::printable(unknown.empty() ? error.what()
+                                                              : "Unknown command or option '" +
+                                                                    unknown.front() + "'") +
+                               ". See halvoctl --help.");
+        }
     }
 
-    Outcome operator()(const ShowStatus& command) const {
-        return asRoot("The state can only be read as root. Type: sudo halvoctl status",
-                      [&](Machine& machine) {
-                          const Observation seen = observe(machine);
-                          return Outcome{ExitStatus::fine,
-                                         command.asJSON ? statusJSON(machine, seen)
-                                                        : statusText(machine, seen, calendar_),
-                                         ""};
-                      });
-    }
-
-    Outcome operator()(const Examine& command) const {
-        const MachineOr machine = machine_();
-        const Checks checks =
-            machine
-                ? examine(*machine, command.app)
-                : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
-        return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
-                command.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
-    }
-
-    Outcome operator()(const Release& command) const {
-        return asRoot(
-            "Only root can let go of what holds. Type: sudo halvoctl release",
-            [&](Machine& machine) { return release(machine, command, calendar_, progress_); });
-    }
+    CLI::App* status;
+    CLI::App* doctor;
+    CLI::App* release;
+    bool asJSON = false;
+    std::optional<std::string> app;
+    ReleaseOptions releaseOptions;
 
   private:
-    [[nodiscard]] Outcome asRoot(const std::string& otherwise,
-                                 const std::function<Outcome(Machine&)>& work) const {
-        const MachineOr machine = machine_();
-        if (!machine) {
-            return failure(ExitStatus::config, machine.error() + ". Install the helper again.");
-        }
-        return machine->get().isRoot ? work(*machine)
-                                     : failure(ExitStatus::noPermission, otherwise);
+    CLI::App* add(const char* name, const char* description, const char* more) {
+        CLI::App* command = app_.add_subcommand(name, description);
+        command->group("Commands");
+        command->footer(more);
+        return command;
     }
 
-    const std::function<MachineOr()>& machine_;
-    const GregorianCalendar& calendar_;
-    const Progress& progress_;
+    CLI::App app_{purpose, "halvoctl"};
 };
 
 }  // namespace
 
-Outcome run(std::span<const std::string> words, const std::function<MachineOr()>& machine,
-            const GregorianCalendar& calendar, const Progress& progress) {
-    const auto command = parseArguments(words);
-    return command ? std::visit(Runner(machine, calendar, progress), *command)
-                   : failure(ExitStatus::wrongWords, command.error() + " See halvoctl --help.");
+Outcome run(const std::vector<std::string>& words, const FindMachine& findMachine,
+            const GregorianCalendar& calendar) {
+    CommandLine line;
+    if (const auto end = line.parse(words)) {
+        return *end;
+    }
+    const auto machine = findMachine();
+    if (line.doctor->parsed()) {
+        const Checks checks = machine ? examine(*machine, line.app)
+                                      : Checks{isProblem("helper files", machine.error(),
+                                                         "Install the helper again.")};
+        return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
+                line.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
+    }
+    const bool isRelease = line.release->parsed();
+    if (!machine) {
+        return failure(ExitStatus::config, machine.error() + ". Install the helper again.");
+    }
+    if (!machine->get().isRoot) {
+        return failure(ExitStatus::noPermission,
+                       isRelease
+                           ? "Only root can let go of what holds. Type: sudo halvoctl release"
+                           : "The state can only be read as root. Type: sudo halvoctl status");
+    }
+    if (isRelease) {
+        return release(*machine, line.releaseOptions, calendar);
+    }
+    const Observation seen = observe(*machine);
+    return {ExitStatus::fine,
+            line.asJSON ? statusJSON(*machine, seen) : statusText(*machine, seen, calendar), ""};
 }
 
 }  // namespace halvo::control

@@ -7,23 +7,14 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
-#include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "HalvoShared/GregorianCalendar.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
-#include "tools/Halvoctl/Programs.hpp"
-#include "tools/Halvoctl/ReleaseLock.hpp"
-#include "tools/Halvoctl/Service.hpp"
-#include "tools/Halvoctl/Tool.hpp"
+#include "tools/Halvoctl/Commands.hpp"
 
 namespace {
 
@@ -34,37 +25,31 @@ std::optional<std::string> userName(std::uint32_t uid) {
     return entry == nullptr ? std::nullopt : std::optional<std::string>(entry->pw_name);
 }
 
-// This machine. The helper's executable and its Info.plist lie with ours.
-class LiveMachine {
-  public:
-    LiveMachine(const HelperIdentity& identity, const std::string& folder)
-        : store_(identity.stateFolder()),
-          processes_(control::liveProcesses(folder + "/HalvoHelper")),
-          service_(control::liveService(identity, folder + "/HalvoHelper", *processes_, programs_)),
-          machine_{.identity = identity,
-                   .helper = folder + "/HalvoHelper",
-                   .stateFile = store_.path(),
-                   .releaseLock = control::releaseLockPath(identity),
-                   .isRoot = geteuid() == 0,
-                   .clock = clock_,
-                   .flags = flags_,
-                   .store = store_,
-                   .session = session_,
-                   .service = *service_,
-                   .programs = programs_,
-                   .userName = userName} {}
-
-    control::Machine& get() { return machine_; }
-
-  private:
-    SystemHelperClock clock_;
-    ChflagsFileFlags flags_{ItemFlag::systemImmutable};
-    FileCommitmentStore store_;
-    LiveSessionProbe session_;
-    control::LivePrograms programs_;
-    std::unique_ptr<control::HelperProcesses> processes_;
-    std::unique_ptr<control::Service> service_;
-    control::Machine machine_;
+// This machine.
+struct LiveMachine {
+    HelperIdentity identity;
+    std::string helper;
+    control::Waiter waiter;
+    SystemHelperClock clock;
+    ChflagsFileFlags flags{ItemFlag::systemImmutable};
+    FileCommitmentStore store{identity.stateFolder()};
+    LiveSessionProbe session;
+    std::unique_ptr<control::HelperProcesses> processes = control::liveProcesses(helper);
+    std::unique_ptr<control::Service> service =
+        control::liveService(identity, helper, *processes, waiter);
+    control::Machine machine{.identity = identity,
+                             .helper = helper,
+                             .stateFile = store.path(),
+                             .releaseLock = control::releaseLockPath(identity),
+                             .isRoot = geteuid() == 0,
+                             .clock = clock,
+                             .flags = flags,
+                             .store = store,
+                             .session = session,
+                             .processes = *processes,
+                             .service = *service,
+                             .waiter = waiter,
+                             .userName = userName};
 };
 
 // A release that has begun is finished: what is typed or sent meanwhile ends the program after it.
@@ -80,20 +65,20 @@ void holdSignals() {
 
 int runTool(const std::vector<std::string>& words) {
     std::optional<LiveMachine> live;
-    const auto machine = [&]() -> control::MachineOr {
+    const control::FindMachine find =
+        [&]() -> std::expected<std::reference_wrapper<control::Machine>, std::string> {
         const Bundle bundle = Bundle::main();
         const auto identity = HelperIdentity::helper(bundle.info());
         if (!identity) {
             return std::unexpected(records::printable(bundle.infoPath()) +
                                    " names no team or no app");
         }
-        const std::string executable = bundle.executablePath().value_or("/");
-        live.emplace(*identity, executable.substr(0, executable.find_last_of('/')));
-        return live->get();
+        // The helper's executable and its Info.plist lie with ours.
+        live.emplace(*identity,
+                     control::folderOf(bundle.executablePath().value_or("/")) + "/HalvoHelper");
+        return live->machine;
     };
-    const auto progress = [](const std::string& line) { std::cerr << line + "\n" << std::flush; };
-    const control::Outcome outcome =
-        control::run(words, machine, GregorianCalendar::system(), progress);
+    const control::Outcome outcome = control::run(words, find, GregorianCalendar::system());
     std::cout << outcome.output << std::flush;
     std::cerr << outcome.errors << std::flush;
     if (!std::cout) {

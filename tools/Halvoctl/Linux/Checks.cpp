@@ -1,15 +1,14 @@
 #include "tools/Halvoctl/Linux/Checks.hpp"
 
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fstream>
 #include <string_view>
@@ -17,15 +16,11 @@
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoHelper/RootsAlone.hpp"
-#include "HalvoHelperCore/AppLocation.hpp"
-#include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
-#include "tools/Halvoctl/Linux/Group.hpp"
-#include "tools/Halvoctl/Linux/Sandbox.hpp"
-#include "tools/Halvoctl/ShellWord.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
@@ -84,14 +79,53 @@ bool isListening(const std::string& path) {
     return false;
 }
 
-bool mayLockHere() { return prctl(PR_CAPBSET_READ, CAP_LINUX_IMMUTABLE, 0, 0, 0) == 1; }
+std::string adviceFor(GroupFlaw::Kind kind, const std::string& group) {
+    switch (kind) {
+        case GroupFlaw::Kind::roots:
+            return "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod "
+                   "2755.";
+        case GroupFlaw::Kind::unknown:
+            return "Whoever makes that group next could pass for the app. Install the app again, "
+                   "or "
+                   "put the group into /etc/group.";
+        case GroupFlaw::Kind::members:
+            return "Take them out: gpasswd --delete USER " + group;
+        case GroupFlaw::Kind::owners:
+            return "Give the app a group that is nobody's.";
+        case GroupFlaw::Kind::administrators:
+            return "They can make anybody a member. Take them out: gpasswd --administrators '' " +
+                   group;
+        case GroupFlaw::Kind::password:
+            return "Lock it: gpasswd --restrict " + group;
+    }
+    return "";
+}
+
+bool isWithin(const std::string& path, std::string folder) {
+    if (!folder.ends_with('/')) {
+        folder += '/';
+    }
+    return (path + "/").starts_with(folder);
+}
+
+// `path` as a unit file has it; systemd.unit(5), "Specifiers", and systemd.syntax(7), "Quoting".
+std::string unitWord(const std::string& path) {
+    std::string word;
+    for (const char c : printable(path)) {
+        word += c == '%' ? "%%" : std::string(1, c);
+    }
+    return word.contains(' ') ? "\"" + word + "\"" : word;
+}
 
 }  // namespace
 
+Check noAnswer(const std::string& name, const std::string& problem) {
+    return isProblem(name, problem, "Look whether systemctl works at all.");
+}
+
 Checks checkUnits(const HelperIdentity& identity, const std::expected<Units, std::string>& units) {
     if (!units) {
-        return {
-            isProblem("systemd", printable(units.error()), "Look whether systemctl works at all.")};
+        return {noAnswer("systemd", units.error())};
     }
     return {checkUnit(socketUnit(identity), units->socket, true, true),
             checkUnit(serviceUnit(identity), units->service, false, false),
@@ -118,7 +152,7 @@ Check checkSocket(const std::string& path, bool isExpected, const std::string& r
                              : isProblem(name, "nobody listens at " + path, remedy);
 }
 
-std::optional<unsigned> groupOfApp(const std::string& app) {
+std::optional<gid_t> groupOfApp(const std::string& app) {
     const auto executable = Bundle(app).executablePath();
     const auto status = executable ? statusOf(*executable) : std::nullopt;
     return status ? privateGroup(*status) : std::nullopt;
@@ -200,52 +234,63 @@ Check checkUserManager(const std::string& path) {
                      "they have no systemd of their own; the helper opens the app itself");
 }
 
-HelperFiles helperFiles(const Machine& machine) {
-    const std::string folder = machine.helper.substr(0, machine.helper.find_last_of('/'));
-    return {{machine.helper, folder + "/halvoctl", folder + "/Info.plist"}, "/"};
-}
-
-// A helper in the unit's sandbox can lock nowhere else; else anywhere.
-std::vector<std::string> otherApplications(Machine& machine) {
-    const auto sandbox = sd_booted() > 0 ? readSandbox(machine.identity, machine.programs)
-                                         : std::unexpected("systemd does not run here");
-    return sandbox ? lockableFolders(*sandbox) : homeApplications();
-}
-
-Checks examineService(Machine& machine) {
-    const bool isBooted = sd_booted() > 0;
-    Checks checks =
-        isBooted
-            ? checkUnits(machine.identity, readUnits(machine.identity, machine.programs))
-            : Checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
-                                                    printable(machine.helper))};
-    checks.push_back(checkSocket(HelperBus::socketPath(machine.identity.helperBundleID()),
-                                 isBooted || !machine.service.running().empty(),
-                                 isBooted ? "systemctl restart " + socketUnit(machine.identity)
-                                          : "Stop the helper and start it again."));
-    checks.push_back(checkLog("/run/systemd/journal/socket"));
-    return checks;
-}
-
-Checks examineApp(Machine& machine, const std::string& app) {
-    Checks checks{checkAppFiles(app)};
-    if (const auto gid = groupOfApp(app)) {
-        const auto facts = readGroup(*gid);
-        checks.push_back(facts ? checkGroup(*facts)
-                               : isProblem("app's group", printable(facts.error()),
-                                           "The helper must read it too: mend that file."));
+Check checkGroup(const GroupFacts& facts) {
+    const std::string name = "app's group";
+    const std::string group = printable(facts.name.value_or(""));
+    if (const auto flaw = flawOf(facts)) {
+        return isProblem(name,
+                         printable(flaw->finding) + ", so the helper refuses the app",
+                         adviceFor(flaw->kind, group));
     }
-    checks.push_back(checkFlagSupport(app, !machine.isRoot || mayLockHere()));
-    // Of what it does not lock anywhere, the app's place says so.
-    if (sd_booted() > 0 && AppLocation::isLockablePath(app)) {
-        checks.push_back(
-            checkSandbox(machine.identity, app, readSandbox(machine.identity, machine.programs)));
-    }
-    return checks;
+    return isOk(name, group + " (" + std::to_string(facts.gid) + ") is nobody's" +
+                          (facts.hasShadow ? "" : ", as far as can be seen without root"));
 }
 
-Checks examineSession(Machine&, std::uint32_t uid) {
-    return {checkUserManager("/run/user/" + std::to_string(uid) + "/systemd/private")};
+Check checkSandbox(const HelperIdentity& identity, const std::string& app,
+                   const Sandbox& sandbox) {
+    const std::string name = "sandbox";
+    const std::string service = serviceUnit(identity);
+    const std::string place = folderOf(app);
+    if (!sandbox.isStrict ||
+        std::ranges::any_of(sandbox.writable,
+                            [&place](const std::string& each) { return isWithin(place, each); })) {
+        return isOk(name, "the helper can lock what lies in " + printable(place));
+    }
+    const std::string finding =
+        service + " may not write to " + printable(place) + ", so the helper cannot lock there";
+    // ProtectHome= and PrivateTmp= put others in their place.
+    constexpr std::array<const char*, 5> hidden{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
+    for (const char* each : hidden) {
+        if (isWithin(place, each)) {
+            return isProblem(name, finding,
+                             std::string("What lies below ") + each +
+                                 " it cannot see at all. Install the app into /Applications.");
+        }
+    }
+    const std::string word = unitWord(place);
+    const std::string optional = word.starts_with('"') ? "\"-" + word.substr(1) : "-" + word;
+    return isProblem(
+        name, finding,
+        "systemctl edit " + service + ", with the lines [Service], ReadWritePaths=" + optional +
+            ", [Unit], RequiresMountsFor=" + word + "; then systemctl restart " + service);
 }
+
+std::vector<std::string> lockableFolders(const Sandbox& sandbox) {
+    if (!sandbox.isStrict) {
+        return homeApplications();
+    }
+    std::vector<std::string> folders = sandbox.writable;
+    for (std::string& each : folders) {
+        each += each.ends_with("/Applications") ? "" : "/Applications";
+    }
+    return folders;
+}
+
+HelperFiles helperFiles(const std::string& helper) {
+    const std::string folder = folderOf(helper);
+    return {{helper, folder + "/halvoctl", folder + "/Info.plist"}, "/"};
+}
+
+std::string clearCommand(const std::string& path) { return "chattr -i " + shellWord(path); }
 
 }  // namespace halvo::control

@@ -14,13 +14,15 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
-#include "tools/Halvoctl/FakeMachine.hpp"
+#include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Linux/Checks.hpp"
+#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -32,56 +34,156 @@ const Unit resumeUp{"loaded", "inactive", "enabled", "success", ""};
 
 TEST(UnitChecksTest, AreFineWhenAllIsEnabled) {
     EXPECT_EQ(
-        checkUnits(identity, Units{socketUp, serviceUp, resumeUp}),
+        checkUnits(identity, Units{socketUp, serviceUp, resumeUp, {}}),
         (Checks{isOk("systemd", "com.example.app.helper.socket is enabled, active"),
                 isOk("systemd", "com.example.app.helper.service is static, inactive"),
                 isOk("systemd", "com.example.app.helper-resume.service is enabled, inactive")}));
 }
 
 TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
-    const auto socket = [](const Unit& unit) {
-        return checkUnits(identity, Units{unit, serviceUp, resumeUp}).at(0);
+    const std::string socket = "com.example.app.helper.socket";
+    const std::string service = "com.example.app.helper.service";
+    const std::string resume = "com.example.app.helper-resume.service";
+    const auto found = [](const std::string& finding, const std::string& advice) {
+        return isProblem("systemd", finding, advice);
     };
-    const std::string name = "com.example.app.helper.socket";
-    EXPECT_EQ(socket({"masked", "inactive", "masked", "", ""}),
-              isProblem("systemd", name + " is masked", "systemctl unmask " + name));
-    EXPECT_EQ(socket({"not-found", "inactive", "", "", ""}),
-              isProblem("systemd", name + " is not-found", "Install the helper's package again."));
-    EXPECT_EQ(socket({"loaded", "failed", "enabled", "resources", ""}).finding,
-              name + " has failed: resources");
-    EXPECT_EQ(socket({"loaded", "active", "disabled", "success", ""}),
-              isProblem("systemd", name + " is not enabled", "systemctl enable " + name));
-    EXPECT_EQ(socket({"loaded", "inactive", "enabled", "success", ""}),
-              isProblem("systemd", name + " is not active", "systemctl start " + name));
-    EXPECT_THAT(
-        checkUnits(identity,
-                   Units{socketUp, {"loaded", "failed", "static", "exit-code", ""}, resumeUp})
-            .at(1)
-            .advice,
-        HasSubstr("systemctl reset-failed com.example.app.helper.service"));
-    EXPECT_EQ(
-        checkUnits(identity, Units{socketUp,
-                                   {"loaded", "activating", "static", "exit-code", "auto-restart"},
-                                   resumeUp})
-            .at(1),
-        isProblem("systemd",
-                  "com.example.app.helper.service ended, and systemd starts it again: exit-code",
-                  "Look again. If it stays so, the journal says why: journalctl "
-                  "--unit=com.example.app.helper.service"));
-    EXPECT_EQ(checkUnits(identity, Units{socketUp, serviceUp, {"loaded", "", "disabled", "", ""}})
-                  .at(2)
-                  .advice,
-              "systemctl enable com.example.app.helper-resume.service");
-    EXPECT_EQ(checkUnits(identity, Units{socketUp, {"loaded", "active", "", "", ""}, resumeUp})
-                  .at(1)
-                  .finding,
-              "com.example.app.helper.service is active");
+    struct {
+        Units units;
+        std::size_t which;
+        Check check;
+    } const rows[] = {
+        {{{"masked", "inactive", "masked", "", ""}, serviceUp, resumeUp, {}},
+         0,
+         found(socket + " is masked", "systemctl unmask " + socket)},
+        {{{"not-found", "inactive", "", "", ""}, serviceUp, resumeUp, {}},
+         0,
+         found(socket + " is not-found", "Install the helper's package again.")},
+        {{{"loaded", "active", "disabled", "success", ""}, serviceUp, resumeUp, {}},
+         0,
+         found(socket + " is not enabled", "systemctl enable " + socket)},
+        {{{"loaded", "inactive", "enabled", "success", ""}, serviceUp, resumeUp, {}},
+         0,
+         found(socket + " is not active", "systemctl start " + socket)},
+        {{socketUp, {"loaded", "failed", "static", "exit-code", ""}, resumeUp, {}},
+         1,
+         found(service + " has failed: exit-code",
+               "Look into systemctl status " + service +
+                   ", mend what it names, then: systemctl reset-failed " + service)},
+        {{socketUp, {"loaded", "activating", "static", "exit-code", "auto-restart"}, resumeUp, {}},
+         1,
+         found(service + " ended, and systemd starts it again: exit-code",
+               "Look again. If it stays so, the journal says why: journalctl --unit=" + service)},
+        {{socketUp, {"loaded", "active", "", "", ""}, resumeUp, {}},
+         1,
+         isOk("systemd", service + " is active")},
+        {{socketUp, serviceUp, {"loaded", "", "disabled", "", ""}, {}},
+         2,
+         found(resume + " is not enabled", "systemctl enable " + resume)}};
+    for (const auto& [units, which, check] : rows) {
+        EXPECT_EQ(checkUnits(identity, units).at(which), check);
+    }
 }
 
 TEST(UnitChecksTest, SayWhySystemdDoesNotTell) {
     EXPECT_EQ(
         checkUnits(identity, std::unexpected("It is stuck")),
         (Checks{isProblem("systemd", "It is stuck", "Look whether systemctl works at all.")}));
+}
+
+TEST(SandboxTest, LetsTheHelperLockWhereItMayWrite) {
+    const Sandbox sandbox{true, {"/Applications", "/srv/"}};
+    for (const char* folder :
+         {"/Applications", "/Applications/Sub/Applications", "/srv", "/srv/Applications"}) {
+        EXPECT_EQ(checkSandbox(identity, std::string(folder) + "/Halvo.app", sandbox),
+                  isOk("sandbox", std::string("the helper can lock what lies in ") + folder));
+    }
+    EXPECT_EQ(checkSandbox(identity, "/Other/Halvo.app", Sandbox{false, {}}).verdict, Verdict::ok);
+}
+
+TEST(SandboxTest, KeepsTheHelperFromLockingElsewhere) {
+    const Sandbox sandbox{true, {"/Applications", "/srv/Applications2"}};
+    EXPECT_EQ(checkSandbox(identity, "/srv/Applications/Halvo.app", sandbox),
+              isProblem("sandbox",
+                        "com.example.app.helper.service may not write to /srv/Applications, so the "
+                        "helper cannot lock there",
+                        "systemctl edit com.example.app.helper.service, with the lines [Service], "
+                        "ReadWritePaths=-/srv/Applications, [Unit], "
+                        "RequiresMountsFor=/srv/Applications; then systemctl restart "
+                        "com.example.app.helper.service"));
+    EXPECT_EQ(checkSandbox(identity, "/srv/100% mine/Applications/Halvo.app", sandbox).advice,
+              "systemctl edit com.example.app.helper.service, with the lines [Service], "
+              "ReadWritePaths=\"-/srv/100%% mine/Applications\", [Unit], "
+              "RequiresMountsFor=\"/srv/100%% mine/Applications\"; then systemctl restart "
+              "com.example.app.helper.service");
+}
+
+TEST(SandboxTest, HidesSomeFolders) {
+    const Sandbox sandbox{true, {"/Applications"}};
+    for (const std::string folder : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
+        EXPECT_EQ(checkSandbox(identity, folder + "/anna/Applications/Halvo.app", sandbox).advice,
+                  "What lies below " + folder +
+                      " it cannot see at all. Install the app into /Applications.");
+    }
+}
+
+TEST(SandboxTest, LetsTheHelperLockInFoldersForApplications) {
+    EXPECT_EQ(
+        lockableFolders({true,
+                         {"/Applications", "/Library/Application Support", "/srv/Applications",
+                          "/srv/MyApplications"}}),
+        (std::vector<std::string>{"/Applications", "/Library/Application Support/Applications",
+                                  "/srv/Applications", "/srv/MyApplications/Applications"}));
+    EXPECT_EQ(lockableFolders({false, {"/Applications"}}), homeApplications());
+    EXPECT_THAT(homeApplications(), Contains("/root/Applications"));
+}
+
+class GroupTest : public ::testing::Test {
+  protected:
+    GroupTest() {
+        facts.gid = 990;
+        facts.name = "halvo-app";
+        facts.password = "x";
+        facts.shadowPassword = "!";
+        facts.hasShadow = true;
+    }
+
+    // What is wrong with the group.
+    std::string problem() {
+        const Check check = checkGroup(facts);
+        EXPECT_EQ(check.verdict, Verdict::problem);
+        EXPECT_NE(check.advice, "");
+        EXPECT_EQ(check.advice.find("hash"), std::string::npos);
+        const std::string end = ", so the helper refuses the app";
+        EXPECT_TRUE(check.finding.ends_with(end)) << check.finding;
+        return check.finding.substr(0, check.finding.size() - end.size());
+    }
+
+    GroupFacts facts;
+};
+
+TEST_F(GroupTest, IsAsItMustBeWhenItIsNobodys) {
+    EXPECT_EQ(checkGroup(facts), isOk("app's group", "halvo-app (990) is nobody's"));
+    facts.hasShadow = false;
+    EXPECT_EQ(checkGroup(facts).finding,
+              "halvo-app (990) is nobody's, as far as can be seen without root");
+}
+
+TEST_F(GroupTest, HasAdviceForEachFlaw) {
+    facts.members = {"ann", "ben\x1B"};
+    EXPECT_EQ(problem(), "the group halvo-app has members: ann, ben\\u001b");
+    facts.members.clear();
+    facts.owners = {"ann"};
+    EXPECT_EQ(problem(), "the group halvo-app is the own group of ann");
+    facts.owners.clear();
+    facts.administrators = {"ann"};
+    EXPECT_EQ(problem(), "the group halvo-app has administrators: ann");
+    facts.administrators.clear();
+    facts.shadowPassword = "$6$hash";
+    EXPECT_EQ(problem(), "the group halvo-app has a password");
+    facts.name.reset();
+    EXPECT_EQ(problem(), "the group 990 has no name");
+    facts.gid = 0;
+    EXPECT_EQ(problem(), "the group 0 is root's");
 }
 
 class SocketCheckTest : public ::testing::Test {
@@ -131,6 +233,10 @@ TEST_F(SocketCheckTest, RefusesWhatNobodyCanCall) {
 TEST_F(SocketCheckTest, RefusesWhatIsNoSocket) {
     testing::writeTestFile(path, "");
     EXPECT_EQ(check(), isProblem("socket", path + " is no socket", "Remove it, then: Restart."));
+}
+
+TEST(ClearCommandTest, IsForAShell) {
+    EXPECT_EQ(clearCommand("/Applications/My App.app"), "chattr -i '/Applications/My App.app'");
 }
 
 TEST(LogCheckTest, LooksForTheJournal) {

@@ -1,69 +1,63 @@
 #include "tools/Halvoctl/Linux/SystemdService.hpp"
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <systemd/sd-daemon.h>
 
 #include <utility>
 
-#include "tools/Halvoctl/ReleaseLock.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/Halvoctl/Linux/Checks.hpp"
 
 namespace halvo::control {
 namespace {
 
-// systemd gives the service time to end, and kills it after that; then systemctl returns.
-constexpr Seconds stopLimit{30};
-constexpr Seconds startLimit{10};
+using records::printable;
 
-std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
-
-// How `run` of systemctl failed, if it did.
-std::string problemOf(const std::expected<Finished, std::string>& run) {
-    if (!run) {
-        return run.error();
-    }
-    if (run->status == 0) {
-        return "";
-    }
-    return run->output.empty() ? "it ended with " + std::to_string(run->status)
-                               : firstLine(run->output);
-}
+bool mayLockHere() { return prctl(PR_CAPBSET_READ, CAP_LINUX_IMMUTABLE, 0, 0, 0) == 1; }
 
 }  // namespace
 
-SystemdService::SystemdService(HelperIdentity identity, std::string executable, bool isBooted,
-                               HelperProcesses& processes, Programs& programs)
+SystemdService::SystemdService(HelperIdentity identity, std::string executable,
+                               std::unique_ptr<Systemd> systemd, HelperProcesses& processes,
+                               Waiter& waiter)
     : identity_(std::move(identity)),
       executable_(std::move(executable)),
-      isBooted_(isBooted),
+      systemd_(std::move(systemd)),
       processes_(processes),
-      programs_(programs) {}
+      waiter_(waiter) {}
 
-std::vector<pid_t> SystemdService::running() { return processes_.running(); }
-
-std::vector<pid_t> SystemdService::stopped() { return stoppedOf(processes_); }
+const std::expected<Units, std::string>& SystemdService::units() {
+    if (!units_) {
+        units_ = systemd_->units(identity_);
+    }
+    return *units_;
+}
 
 std::string SystemdService::restartCommand() const {
-    return isBooted_ ? "systemctl restart " + serviceUnit(identity_) : "";
+    return systemd_ ? "systemctl restart " + serviceUnit(identity_) : "";
 }
 
 std::string SystemdService::startCommand() const {
-    return isBooted_ ? "systemctl start " + serviceUnit(identity_) : executable_;
+    return systemd_ ? "systemctl start " + serviceUnit(identity_) : executable_;
 }
 
 std::string SystemdService::whatStarts() {
-    if (!isBooted_) {
+    if (!systemd_) {
         return "nothing starts it, since systemd does not run here; start it by hand: " +
                executable_;
     }
-    const auto units = readUnits(identity_, programs_);
-    if (!units) {
-        return "nothing is known of what starts it: " + units.error();
+    if (!units()) {
+        return "nothing is known of what starts it: " + units().error();
     }
-    if (units->service.isRestarting()) {
-        return "it starts again in a moment, since it ended (" + units->service.result +
+    if (units()->service.isRestarting()) {
+        return "it starts again in a moment, since it ended (" + units()->service.result +
                "); if it stays so: journalctl --unit=" + serviceUnit(identity_);
     }
-    if (units->socket.isActive()) {
-        return units->resume.enabled == "enabled"
+    if (units()->socket.isActive()) {
+        return units()->resume.enabled == "enabled"
                    ? "it starts when the app calls, and at boot while a commitment is stored"
                    : "it starts when the app calls";
     }
@@ -71,63 +65,94 @@ std::string SystemdService::whatStarts() {
            " is not active: systemctl enable --now " + socketUnit(identity_);
 }
 
-std::expected<void, std::string> SystemdService::stop(const Progress& progress) {
-    if (isBooted_) {
-        const auto units = readUnits(identity_, programs_);
-        if (!units) {
-            return std::unexpected(units.error() + ". Try again when systemd answers.");
+std::expected<void, std::string> SystemdService::stop() {
+    if (systemd_) {
+        if (!units()) {
+            return std::unexpected(units().error() + ". Try again when systemd answers.");
         }
-        socket_ = units->socket;
         // The socket with the service: the app calls every 2 seconds, which would start it again.
-        std::vector<std::string> words{systemctl, "stop", "--"};
-        const std::size_t none = words.size();
-        for (const auto& [name, unit] : {std::pair{socketUnit(identity_), units->socket},
-                                         std::pair{serviceUnit(identity_), units->service}}) {
+        std::vector<std::string> names;
+        for (const auto& [name, unit] : {std::pair{socketUnit(identity_), units()->socket},
+                                         std::pair{serviceUnit(identity_), units()->service}}) {
             if (unit.isLoaded() || unit.isUp()) {
-                words.push_back(name);
+                names.push_back(name);
             }
         }
-        const std::string problem =
-            words.size() > none
-                ? problemOf(programs_.run(words, {stopLimit,
-                                                  [&progress] {
-                                                      progress(
-                                                          "Waiting for systemd to stop the "
-                                                          "helper, at most 30 seconds.");
-                                                  }}))
-                : "";
-        if (!problem.empty()) {
-            return std::unexpected("systemd did not stop the helper: " + problem +
+        // systemd gives the service time to end, and kills it after that.
+        const auto stopped =
+            names.empty()
+                ? std::expected<void, std::string>()
+                : systemd_->stop(names, Seconds{30},
+                                 "Waiting for systemd to stop the helper, at most 30 seconds.");
+        if (!stopped) {
+            return std::unexpected("systemd did not stop the helper: " + stopped.error() +
                                    ". Look into systemctl status " + serviceUnit(identity_) +
                                    ", and try again.");
         }
     }
     // One that was started by hand, or that runs where there is no systemd.
-    return endAll(processes_, progress);
+    return endAll(processes_, waiter_);
 }
 
-std::expected<std::string, std::string> SystemdService::resume(const Progress& progress) {
+std::expected<std::string, std::string> SystemdService::resume() {
     const std::string name = socketUnit(identity_);
-    if (!socket_.isLoaded()) {
-        return socket_.isUp() ? "The app cannot call the helper any more: " + name + " is " +
-                                    socket_.load + ", and was stopped."
-                              : "";
+    const Unit socket = systemd_ && units() ? units()->socket : Unit{};
+    if (!socket.isLoaded()) {
+        return socket.isUp() ? "The app cannot call the helper any more: " + name + " is " +
+                                   socket.load + ", and was stopped."
+                             : "";
     }
-    if (!socket_.isActive()) {
+    if (!socket.isActive()) {
         return "The app cannot call the helper: " + name +
                " was stopped before, and stays so. To start it: systemctl start " + name;
     }
-    const std::string problem = problemOf(programs_.run(
-        {systemctl, "start", "--", name}, {startLimit, [&progress] {
-                                               progress(
-                                                   "Waiting for systemd to start the "
-                                                   "helper's socket, at most 10 seconds.");
-                                           }}));
-    if (!problem.empty()) {
-        return std::unexpected("The helper's socket could not be started again: " + problem +
-                               ". Start it: systemctl start " + name);
+    const auto started =
+        systemd_->start({name}, Seconds{10},
+                        "Waiting for systemd to start the helper's socket, at most 10 seconds.");
+    if (!started) {
+        return std::unexpected("The helper's socket could not be started again: " +
+                               started.error() + ". Start it: systemctl start " + name);
     }
     return "";
+}
+
+std::vector<std::string> SystemdService::otherApplications() {
+    return systemd_ && units() ? lockableFolders(units()->sandbox) : homeApplications();
+}
+
+Checks SystemdService::examine() {
+    Checks checks =
+        systemd_ ? checkUnits(identity_, units())
+                 : Checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
+                                                         printable(executable_))};
+    checks.push_back(checkSocket(
+        HelperBus::socketPath(identity_.helperBundleID()),
+        systemd_ || !processes_.running().empty(),
+        systemd_ ? "systemctl restart " + socketUnit(identity_)
+                 : "Stop the helper and start it again."));
+    checks.push_back(checkLog("/run/systemd/journal/socket"));
+    return checks;
+}
+
+Checks SystemdService::examineApp(const std::string& app, bool isRoot) {
+    Checks checks{checkAppFiles(app)};
+    if (const auto gid = groupOfApp(app)) {
+        const auto facts = readGroup(*gid);
+        checks.push_back(facts ? checkGroup(*facts)
+                               : isProblem("app's group", printable(facts.error()),
+                                           "The helper must read it too: mend that file."));
+    }
+    checks.push_back(checkFlagSupport(app, !isRoot || mayLockHere()));
+    // Of what it does not lock anywhere, the app's place says so.
+    if (systemd_ && AppLocation::isLockablePath(app)) {
+        checks.push_back(units() ? checkSandbox(identity_, app, units()->sandbox)
+                                 : noAnswer("sandbox", units().error()));
+    }
+    return checks;
+}
+
+Checks SystemdService::examineSession(std::uint32_t uid) {
+    return {checkUserManager("/run/user/" + std::to_string(uid) + "/systemd/private")};
 }
 
 std::string releaseLockPath(const HelperIdentity& identity) {
@@ -135,9 +160,10 @@ std::string releaseLockPath(const HelperIdentity& identity) {
 }
 
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Programs& programs) {
-    return std::make_unique<SystemdService>(identity, executable, sd_booted() > 0, processes,
-                                            programs);
+                                     HelperProcesses& processes, Waiter& waiter) {
+    auto systemd = sd_booted() > 0 ? std::make_unique<LiveSystemd>(waiter) : nullptr;
+    return std::make_unique<SystemdService>(identity, executable, std::move(systemd), processes,
+                                            waiter);
 }
 
 }  // namespace halvo::control

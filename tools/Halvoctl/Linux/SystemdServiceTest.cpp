@@ -1,230 +1,253 @@
+#include "tools/Halvoctl/Linux/SystemdService.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <systemd/sd-daemon.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
-#include "tools/Halvoctl/FakeMachine.hpp"
-#include "tools/Halvoctl/Linux/SystemdService.hpp"
-#include "tools/Halvoctl/ReleaseLock.hpp"
+#include "tests/Support/ControlMachine.hpp"
 
 namespace halvo::control {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using ::testing::Field;
+using ::testing::IsEmpty;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-const std::string show =
-    "/usr/bin/systemctl show --no-pager "
-    "--property=Id,LoadState,ActiveState,SubState,UnitFileState,Result "
-    "-- "
-    "com.example.app.helper.socket com.example.app.helper.service "
-    "com.example.app.helper-resume.service";
-const std::string stopBoth =
-    "/usr/bin/systemctl stop -- com.example.app.helper.socket com.example.app.helper.service";
-const std::string startSocket = "/usr/bin/systemctl start -- com.example.app.helper.socket";
+const std::string socketName = "com.example.app.helper.socket";
+const std::string serviceName = "com.example.app.helper.service";
+
+// What systemd is asked, and what it answers.
+struct Script {
+    std::expected<Units, std::string> units =
+        Units{{"loaded", "active", "enabled", "success", "listening"},
+              {"loaded", "active", "static", "success", "running"},
+              {"loaded", "inactive", "enabled", "success", "dead"},
+              {true, {"/Applications", "/srv"}}};
+    std::expected<void, std::string> stopped;
+    std::expected<void, std::string> started;
+    std::vector<std::string> calls;
+    std::vector<std::string> lines;
+    Seconds limits{0};
+};
+
+class FakeSystemd final : public Systemd {
+  public:
+    explicit FakeSystemd(Script& script) : script_(script) {}
+
+    std::expected<Units, std::string> units(const HelperIdentity& of) override {
+        EXPECT_EQ(of, identity);
+        script_.calls.push_back("units");
+        script_.limits += Seconds{10};
+        return script_.units;
+    }
+
+    std::expected<void, std::string> stop(const std::vector<std::string>& names, Seconds limit,
+                                          const std::string& line) override {
+        note("stop", names, limit, line);
+        return script_.stopped;
+    }
+
+    std::expected<void, std::string> start(const std::vector<std::string>& names, Seconds limit,
+                                           const std::string& line) override {
+        note("start", names, limit, line);
+        return script_.started;
+    }
+
+  private:
+    void note(std::string call, const std::vector<std::string>& names, Seconds limit,
+              const std::string& line) {
+        for (const std::string& name : names) {
+            call += " " + name;
+        }
+        script_.calls.push_back(call);
+        script_.lines.push_back(line);
+        script_.limits += limit;
+    }
+
+    Script& script_;
+};
 
 class SystemdServiceTest : public ::testing::Test {
   protected:
-    // What systemctl shows of the units.
-    void units(const std::string& socketLoad, const std::string& socketActive,
-               const std::string& serviceLoad = "loaded", const std::string& resume = "enabled",
-               const std::string& serviceActive = "active") {
-        programs.answers.erase(show);
-        programs.answer(show, 0,
-                        "Id=com.example.app.helper.socket\nLoadState=" + socketLoad +
-                            "\nActiveState=" + socketActive +
-                            "\n\nId=com.example.app.helper.service\nLoadState=" + serviceLoad +
-                            "\nActiveState=" + serviceActive +
-                            "\n\nId=com.example.app.helper-resume.service\n"
-                            "LoadState=loaded\nUnitFileState=" +
-                            resume + "\n");
-    }
-
     SystemdService service(bool isBooted = true) {
-        return {identity, "/libexec/HalvoHelper", isBooted, processes, programs};
+        return {identity, "/libexec/HalvoHelper",
+                isBooted ? std::make_unique<FakeSystemd>(script) : nullptr, processes, waiter};
     }
 
-    Progress progress = [this](const std::string& line) { said.push_back(line); };
-    FakePrograms programs;
+    Script script;
     FakeProcesses processes;
-    std::vector<std::string> said;
+    FakeWaiter waiter;
+    const std::string stopBoth = "stop " + socketName + " " + serviceName;
+    const std::string startSocket = "start " + socketName;
 };
 
 TEST_F(SystemdServiceTest, StopsSocketAndServiceAndStartsTheSocketAgain) {
-    units("loaded", "active");
-    programs.answer(stopBoth, 0);
-    programs.answer(startSocket, 0);
     SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth));
-    EXPECT_EQ(systemd.resume(progress), "");
-    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth, startSocket));
-    EXPECT_TRUE(said.empty());
-    for (const Seconds limit : programs.limits) {
-        EXPECT_LE(limit, Seconds{30});
-    }
-}
-
-TEST_F(SystemdServiceTest, SaysWhatItWaitsFor) {
-    units("loaded", "active");
-    programs.answer(stopBoth, 0);
-    programs.answer(startSocket, 0);
-    programs.isSlow = true;
-    SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_TRUE(systemd.resume(progress));
-    EXPECT_THAT(said, ElementsAre("Waiting for systemd to stop the helper, at most 30 seconds.",
-                                  "Waiting for systemd to start the helper's socket, at most 10 "
-                                  "seconds."));
+    EXPECT_TRUE(systemd.stop());
+    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth));
+    EXPECT_EQ(systemd.resume(), "");
+    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth, startSocket));
+    EXPECT_THAT(
+        script.lines,
+        ElementsAre("Waiting for systemd to stop the helper, at most 30 seconds.",
+                    "Waiting for systemd to start the helper's socket, at most 10 seconds."));
+    EXPECT_TRUE(waiter.said.empty());
 }
 
 TEST_F(SystemdServiceTest, WaitsAtMostAMinute) {
-    units("loaded", "active");
-    programs.answer(stopBoth, 0);
-    programs.answer(startSocket, 0);
     processes.processes = {7};
     processes.areStuck = true;
     SystemdService systemd = service();
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(systemd.stop(progress));
-    EXPECT_TRUE(systemd.resume(progress));
-    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
-    Seconds total = std::chrono::steady_clock::now() - start;
-    for (const Seconds limit : programs.limits) {
-        total += limit;
-    }
-    EXPECT_LT(total, Seconds{61});
+    EXPECT_FALSE(systemd.stop());
+    EXPECT_TRUE(systemd.resume());
+    EXPECT_LT(script.limits + (waiter.time - Seconds{1000}), Seconds{61});
 }
 
 TEST_F(SystemdServiceTest, LeavesASocketThatWasNotActive) {
-    units("loaded", "inactive");
-    programs.answer(stopBoth, 0);
+    script.units->socket.active = "inactive";
     SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_EQ(systemd.resume(progress),
+    EXPECT_TRUE(systemd.stop());
+    EXPECT_EQ(systemd.resume(),
               "The app cannot call the helper: com.example.app.helper.socket was stopped before, "
               "and stays so. To start it: systemctl start com.example.app.helper.socket");
-    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth));
+    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth));
 }
 
 TEST_F(SystemdServiceTest, StopsTheUnitsThatThereAre) {
-    units("not-found", "inactive");
-    programs.answer("/usr/bin/systemctl stop -- com.example.app.helper.service", 0);
+    script.units->socket = {"not-found", "inactive", "", "", ""};
     SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_EQ(systemd.resume(progress), "");
-
-    units("not-found", "inactive", "not-found", "enabled", "inactive");
-    programs.calls.clear();
-    EXPECT_TRUE(service().stop(progress));
-    EXPECT_THAT(programs.calls, ElementsAre(show));
+    EXPECT_TRUE(systemd.stop());
+    EXPECT_EQ(systemd.resume(), "");
+    EXPECT_THAT(script.calls, ElementsAre("units", "stop " + serviceName));
 }
 
 TEST_F(SystemdServiceTest, StopsWhatRunsAlsoWhereItsFileIsMaskedOrGone) {
-    units("masked", "active", "not-found");
-    programs.answer(stopBoth, 0);
+    script.units->socket.load = "masked";
+    script.units->service.load = "not-found";
     SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_EQ(systemd.resume(progress),
+    EXPECT_TRUE(systemd.stop());
+    EXPECT_EQ(systemd.resume(),
               "The app cannot call the helper any more: com.example.app.helper.socket is masked, "
               "and was stopped.");
-    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth));
+    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth));
 }
 
 TEST_F(SystemdServiceTest, StopsHelpersThatWereStartedByHand) {
     processes.processes = {7};
-    units("not-found", "inactive", "not-found", "enabled", "inactive");
-    EXPECT_TRUE(service().stop(progress));
-    EXPECT_THAT(processes.terminated, ElementsAre(7));
-
+    script.units->socket = script.units->service = {"not-found", "inactive", "", "", ""};
+    EXPECT_TRUE(service().stop());
+    EXPECT_THAT(script.calls, ElementsAre("units"));
     processes.processes = {8};
-    programs.calls.clear();
     SystemdService bare = service(false);
-    EXPECT_EQ(bare.running(), std::vector<pid_t>{8});
-    EXPECT_TRUE(bare.stop(progress));
-    EXPECT_EQ(bare.resume(progress), "");
+    EXPECT_TRUE(bare.stop());
+    EXPECT_EQ(bare.resume(), "");
     EXPECT_THAT(processes.terminated, ElementsAre(7, 8));
-    EXPECT_TRUE(programs.calls.empty());
+    EXPECT_THAT(script.calls, ElementsAre("units"));
 }
 
 TEST_F(SystemdServiceTest, StopsNothingWhenSystemdDoesNotAnswer) {
-    programs.fail(show, "/usr/bin/systemctl takes too long; it was stopped");
+    script.units = std::unexpected("systemd does not answer: Connection timed out");
     processes.processes = {7};
     SystemdService systemd = service();
-    EXPECT_EQ(systemd.stop(progress),
-              std::unexpected("/usr/bin/systemctl takes too long; it was stopped. Try again when "
+    EXPECT_EQ(systemd.stop(),
+              std::unexpected("systemd does not answer: Connection timed out. Try again when "
                               "systemd answers."));
-    EXPECT_EQ(systemd.resume(progress), "");
+    EXPECT_EQ(systemd.resume(), "");
     EXPECT_TRUE(processes.terminated.empty());
+    EXPECT_THAT(script.calls, ElementsAre("units"));
 }
 
 TEST_F(SystemdServiceTest, StartsTheSocketAgainAlsoWhenTheStopFailed) {
-    units("loaded", "active");
-    programs.answer(stopBoth, 1, "Access denied\nmore");
-    programs.answer(startSocket, 0);
+    script.stopped = std::unexpected("Access denied");
     SystemdService systemd = service();
-    EXPECT_EQ(systemd.stop(progress),
+    EXPECT_EQ(systemd.stop(),
               std::unexpected("systemd did not stop the helper: Access denied. Look into systemctl "
                               "status com.example.app.helper.service, and try again."));
-    EXPECT_EQ(systemd.resume(progress), "");
-    EXPECT_THAT(programs.calls, ElementsAre(show, stopBoth, startSocket));
-}
-
-TEST_F(SystemdServiceTest, SaysThatAHelperDoesNotEnd) {
-    processes.processes = {7, 9};
-    processes.areStuck = true;
-    EXPECT_EQ(service(false).stop(progress),
-              std::unexpected("The helper (pids 7 and 9) does not end. Kill it (kill -KILL), then "
-                              "run halvoctl release again, which takes off the lock that it "
-                              "leaves."));
-    EXPECT_THAT(said, ElementsAre("Waiting for the helper to end, at most 10 seconds."));
-    EXPECT_NEAR(processes.time.count(), 1010, 0.1);
+    EXPECT_EQ(systemd.resume(), "");
+    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth, startSocket));
 }
 
 TEST_F(SystemdServiceTest, SaysWhenTheSocketCannotBeStarted) {
-    units("loaded", "active");
-    programs.answer(stopBoth, 0);
-    programs.answer(startSocket, 4);
+    script.started = std::unexpected("it takes too long");
     SystemdService systemd = service();
-    EXPECT_TRUE(systemd.stop(progress));
-    EXPECT_EQ(systemd.resume(progress),
-              std::unexpected("The helper's socket could not be started again: it ended with 4. "
+    EXPECT_TRUE(systemd.stop());
+    EXPECT_EQ(systemd.resume(),
+              std::unexpected("The helper's socket could not be started again: it takes too long. "
                               "Start it: systemctl start com.example.app.helper.socket"));
-    programs.answers.erase(startSocket);
-    EXPECT_THAT(systemd.resume(progress).error(), HasSubstr("cannot be started: No such file"));
 }
 
 TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
     const auto starts = [this] { return service().whatStarts(); };
-    units("loaded", "active");
     EXPECT_EQ(starts(), "it starts when the app calls, and at boot while a commitment is stored");
-    units("loaded", "active", "loaded", "disabled");
+    script.units->resume.enabled = "disabled";
     EXPECT_EQ(starts(), "it starts when the app calls");
-    units("loaded", "inactive");
+    script.units->socket.active = "inactive";
     EXPECT_EQ(starts(),
               "nothing starts it, since com.example.app.helper.socket is not active: systemctl "
               "enable --now com.example.app.helper.socket");
-    programs.answers[show] = {Finished{
-        0,
-        "Id=com.example.app.helper.socket\nLoadState=loaded\nActiveState=active\n\n"
-        "Id=com.example.app.helper.service\nActiveState=activating\nSubState=auto-restart\n"
-        "Result=exit-code\n\nId=com.example.app.helper-resume.service\n"}};
+    script.units->service = {"loaded", "activating", "static", "exit-code", "auto-restart"};
     EXPECT_EQ(starts(),
               "it starts again in a moment, since it ended (exit-code); if it stays so: journalctl "
               "--unit=com.example.app.helper.service");
-    programs.answers.clear();
-    EXPECT_THAT(starts(), HasSubstr("nothing is known of what starts it: "));
+    script.units = std::unexpected("systemd is stuck");
+    EXPECT_EQ(starts(), "nothing is known of what starts it: systemd is stuck");
     EXPECT_EQ(service(false).whatStarts(),
               "nothing starts it, since systemd does not run here; start it by hand: "
               "/libexec/HalvoHelper");
     EXPECT_EQ(service().startCommand(), "systemctl start com.example.app.helper.service");
     EXPECT_EQ(service(false).startCommand(), "/libexec/HalvoHelper");
+    EXPECT_EQ(service().restartCommand(), "systemctl restart com.example.app.helper.service");
+    EXPECT_EQ(service(false).restartCommand(), "");
 }
 
-TEST(SystemdServiceLockTest, LiesWhereABootEmpties) {
+TEST_F(SystemdServiceTest, IsExaminedByWhatSystemdSays) {
+    script.units->resume.enabled = "disabled";
+    SystemdService systemd = service();
+    EXPECT_THAT(systemd.examine(), Contains(isProblem("systemd",
+                                                      "com.example.app.helper-resume.service is "
+                                                      "not enabled",
+                                                      "systemctl enable "
+                                                      "com.example.app.helper-resume.service")));
+    EXPECT_THAT(systemd.examineApp("/srv/Applications/Halvo.app", true),
+                Contains(isOk("sandbox", "the helper can lock what lies in /srv/Applications")));
+    EXPECT_THAT(systemd.examineApp("/srv/Halvo.app", true),
+                Not(Contains(Field(&Check::name, "sandbox"))));
+    EXPECT_THAT(systemd.otherApplications(), ElementsAre("/Applications", "/srv/Applications"));
+    EXPECT_THAT(script.calls, ElementsAre("units")) << "asked once";
+}
+
+TEST_F(SystemdServiceTest, IsExaminedAlsoWhereSystemdDoesNotAnswer) {
+    script.units = std::unexpected("It is stuck");
+    SystemdService systemd = service();
+    const std::string advice = "Look whether systemctl works at all.";
+    EXPECT_THAT(systemd.examine(), Contains(isProblem("systemd", "It is stuck", advice)));
+    EXPECT_THAT(systemd.examineApp("/srv/Applications/Halvo.app", true),
+                Contains(isProblem("sandbox", "It is stuck", advice)));
+    EXPECT_EQ(systemd.otherApplications(), homeApplications());
+}
+
+TEST_F(SystemdServiceTest, IsExaminedAlsoWithoutSystemd) {
+    SystemdService bare = service(false);
+    EXPECT_THAT(bare.examine(), Contains(isNotApplicable("systemd",
+                                                         "does not run here; start the helper by "
+                                                         "hand: /libexec/HalvoHelper")));
+    const std::string path = "/run/com.example.app.helper.sock";
+    EXPECT_THAT(bare.examine(), Contains(isNotApplicable("socket", "the helper makes " + path +
+                                                                       " when it runs")));
+    processes.processes = {7};
+    EXPECT_THAT(bare.examine(), Contains(isProblem("socket", "there is none at " + path,
+                                                   "Stop the helper and start it again.")));
+    EXPECT_THAT(bare.examineApp("/srv/Applications/Halvo.app", true),
+                Not(Contains(Field(&Check::name, "sandbox"))));
+    EXPECT_EQ(bare.otherApplications(), homeApplications());
+}
+
+TEST(ReleaseLockPathTest, LiesWhereABootEmpties) {
     EXPECT_EQ(releaseLockPath(identity), "/run/com.example.app.helper.release.lock");
 }
 

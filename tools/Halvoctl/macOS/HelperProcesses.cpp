@@ -10,7 +10,7 @@
 
 #include "HalvoHelper/macOS/ExecutablePath.hpp"
 #include "HalvoHelper/macOS/ProcessList.hpp"
-#include "tools/Halvoctl/Service.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {

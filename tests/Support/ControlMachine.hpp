@@ -1,9 +1,9 @@
-// Machines, services and programs that do what a test tells them.
+// The machine that halvoctl looks at, as a test tells it to be.
 #pragma once
 
-#include <deque>
+#include <algorithm>
+#include <filesystem>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,44 +14,24 @@
 
 namespace halvo::control {
 
-// Programs by their words, joined with blanks. One that is not known cannot be started.
-class FakePrograms final : public Programs {
+// Waits without taking time, and notes what it says.
+class FakeWaiter final : public Waiter {
   public:
-    std::expected<Finished, std::string> run(const std::vector<std::string>& words,
-                                             const Patience& patience) override {
-        std::string command;
-        for (const std::string& word : words) {
-            command += (command.empty() ? "" : " ") + word;
+    Seconds now() override { return time; }
+
+    Seconds time{1000};
+    std::vector<std::string> said;
+    std::function<void()> onPause;
+
+  protected:
+    void pause(Seconds span) override {
+        time += span;
+        if (onPause) {
+            onPause();
         }
-        calls.push_back(command);
-        limits.push_back(patience.limit);
-        if (isSlow && patience.slow) {
-            patience.slow();
-        }
-        const auto answer = answers.find(command);
-        if (answer == answers.end() || answer->second.empty()) {
-            return std::unexpected(words.front() + " cannot be started: No such file or directory");
-        }
-        const auto result = answer->second.front();
-        if (answer->second.size() > 1) {
-            answer->second.pop_front();
-        }
-        return result;
     }
 
-    // From now on `command` ends so; the last of several answers stays.
-    void answer(const std::string& command, int status, const std::string& output = "") {
-        answers[command].push_back(Finished{status, output});
-    }
-
-    void fail(const std::string& command, const std::string& why) {
-        answers[command].push_back(std::unexpected(why));
-    }
-
-    std::map<std::string, std::deque<std::expected<Finished, std::string>>> answers;
-    std::vector<std::string> calls;
-    std::vector<Seconds> limits;
-    bool isSlow = false;
+    void say(const std::string& line) override { said.push_back(line); }
 };
 
 // Processes that end when they are asked to, unless told otherwise.
@@ -59,7 +39,9 @@ class FakeProcesses final : public HelperProcesses {
   public:
     std::vector<pid_t> running() override { return processes; }
 
-    bool isStopped(pid_t process) override { return process == stopped; }
+    bool isStopped(pid_t process) override {
+        return std::ranges::find(stopped, process) != stopped.end();
+    }
 
     void terminate(pid_t process) override {
         terminated.push_back(process);
@@ -71,13 +53,8 @@ class FakeProcesses final : public HelperProcesses {
         }
     }
 
-    Seconds now() override { return time; }
-
-    void pause(Seconds span) override { time += span; }
-
-    Seconds time{1000};
     std::vector<pid_t> processes;
-    pid_t stopped = 0;
+    std::vector<pid_t> stopped;
     std::vector<pid_t> terminated;
     bool areStuck = false;
     std::function<void()> onTerminate;
@@ -88,27 +65,21 @@ class FakeService final : public Service {
   public:
     explicit FakeService(testing::CallLog& log) : log_(log) {}
 
-    std::vector<pid_t> running() override { return processes; }
-
-    std::vector<pid_t> stopped() override { return stoppedProcesses; }
-
     std::string whatStarts() override { return "it starts when the app calls"; }
 
     [[nodiscard]] std::string startCommand() const override { return "start-helper"; }
 
     [[nodiscard]] std::string restartCommand() const override { return restart; }
 
-    std::expected<void, std::string> stop(const Progress& progress) override {
+    std::expected<void, std::string> stop() override {
         log_.enter("save", "by stop");  // the verb of a change
         if (onStop) {
             onStop();
         }
-        progress("Waiting.");
-        return stopError ? std::expected<void, std::string>(std::unexpected(*stopError))
-                         : std::expected<void, std::string>();
+        return stopped;
     }
 
-    std::expected<std::string, std::string> resume(const Progress&) override {
+    std::expected<std::string, std::string> resume() override {
         log_.enter("save", "by resume");
         if (onResume) {
             onResume();
@@ -116,12 +87,23 @@ class FakeService final : public Service {
         return resumed;
     }
 
-    std::vector<pid_t> processes;
-    std::vector<pid_t> stoppedProcesses;
+    std::vector<std::string> otherApplications() override { return applications; }
+
+    Checks examine() override { return {isOk("service", "fine")}; }
+
+    Checks examineApp(const std::string& app, bool isRoot) override {
+        return {isOk("bundle", app + (isRoot ? " as root" : ""))};
+    }
+
+    Checks examineSession(std::uint32_t uid) override {
+        return {isOk("person", std::to_string(uid))};
+    }
+
     std::string restart = "restart-helper";
+    std::vector<std::string> applications;
     std::function<void()> onStop;
     std::function<void()> onResume;
-    std::optional<std::string> stopError;
+    std::expected<void, std::string> stopped;
     std::expected<std::string, std::string> resumed = "";
 
   private:
@@ -159,8 +141,9 @@ struct FakeMachine {
 
     testing::TemporaryFolder disk;
     testing::SimulatedWorld world{disk};
+    FakeProcesses processes;
     FakeService service{world.calls};
-    FakePrograms programs;
+    FakeWaiter waiter;
     const std::string applications = disk / "Applications";
     const std::string app = applications + "/Halvo.app";
     Machine machine{.identity = {"com.example.app", "7QX4KD19MT"},
@@ -173,8 +156,9 @@ struct FakeMachine {
                     .flags = world.flags,
                     .store = world.store,
                     .session = world.session,
+                    .processes = processes,
                     .service = service,
-                    .programs = programs,
+                    .waiter = waiter,
                     .userName = [](std::uint32_t uid) {
                         return uid == ann ? std::optional<std::string>("ann") : std::nullopt;
                     }};

@@ -1,8 +1,0 @@
-#include "tools/Halvoctl/Observation.hpp"
-#include "tools/Halvoctl/ShellWord.hpp"
-
-namespace halvo::control {
-
-std::string clearCommand(const std::string& path) { return "chattr -i " + shellWord(path); }
-
-}  // namespace halvo::control

@@ -1,0 +1,308 @@
+#include "tools/Halvoctl/Linux/Systemd.hpp"
+
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <system_error>
+
+#include "tools/HalvoRecords/Wording.hpp"
+
+namespace halvo::control {
+namespace {
+
+constexpr const char* destination = "org.freedesktop.systemd1";
+constexpr const char* managerPath = "/org/freedesktop/systemd1";
+constexpr const char* managerInterface = "org.freedesktop.systemd1.Manager";
+constexpr const char* unitInterface = "org.freedesktop.systemd1.Unit";
+constexpr const char* serviceInterface = "org.freedesktop.systemd1.Service";
+constexpr const char* socketInterface = "org.freedesktop.systemd1.Socket";
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }  // as libsystemd made it
+
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+
+    // Without a flush, which would wait for a peer that does not read.
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+
+using Text = std::unique_ptr<char, Free>;
+using Message = std::unique_ptr<sd_bus_message, Free>;
+
+struct Error {
+    Error() = default;
+    Error(const Error&) = delete;
+    Error& operator=(const Error&) = delete;
+
+    ~Error() { sd_bus_error_free(&raw); }
+
+    sd_bus_error raw{};
+};
+
+std::string pathOf(const std::string& unit) {
+    char* path = nullptr;
+    sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
+    return Text(path) ? path : "";
+}
+
+// One conversation with systemd, which ends by its deadline. After a failure nothing more is asked.
+class Conversation {
+  public:
+    Conversation(const std::vector<BusAddress>& buses, Seconds limit)
+        : deadline_(Clock::now() + std::chrono::duration_cast<Clock::duration>(limit)) {
+        for (const BusAddress& each : buses) {
+            problem_.clear();
+            if (connect(each) >= 0) {
+                return;
+            }
+        }
+    }
+
+    // What failed first, as a sentence without a full stop; empty where nothing did.
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+
+    [[nodiscard]] Seconds left() const {
+        return std::max<Seconds>(deadline_ - Clock::now(), Seconds{0});
+    }
+
+    // The property `name`; empty after a failure.
+    std::string text(const std::string& path, const char* interface, const char* name) {
+        char* value = nullptr;
+        ask([&](sd_bus_error* error) {
+            return sd_bus_get_property_string(bus_.get(), destination, path.c_str(), interface,
+                                              name, error, &value);
+        });
+        const Text owner(value);
+        return value == nullptr ? "" : value;
+    }
+
+    std::vector<std::string> texts(const std::string& path, const char* interface,
+                                   const char* name) {
+        char** values = nullptr;
+        ask([&](sd_bus_error* error) {
+            return sd_bus_get_property_strv(bus_.get(), destination, path.c_str(), interface, name,
+                                            error, &values);
+        });
+        std::vector<std::string> found;
+        for (char** each = values; each != nullptr && *each != nullptr; ++each) {
+            found.emplace_back(Text(*each).get());
+        }
+        std::free(values);
+        return found;
+    }
+
+    // The object path of the job that `method` of the manager makes for `unit`.
+    std::string makeJob(const char* method, const std::string& unit) {
+        const char* job = nullptr;
+        sd_bus_message* reply = nullptr;
+        ask([&](sd_bus_error* error) {
+            const int result =
+                sd_bus_call_method(bus_.get(), destination, managerPath, managerInterface, method,
+                                   error, &reply, "ss", unit.c_str(), "replace");
+            return result < 0 ? result : sd_bus_message_read(reply, "o", &job);
+        });
+        const Message owner(reply);
+        return job == nullptr ? "" : job;
+    }
+
+    // Notes in `results`, by the job's path, how the jobs ended that systemd has told of since the
+    // last call.
+    void hearOfJobs(std::map<std::string, std::string>& results) {
+        while (problem_.empty()) {
+            sd_bus_message* raw = nullptr;
+            const int result = sd_bus_process(bus_.get(), &raw);
+            const Message message(raw);
+            if (result < 0) {
+                fail(result);
+            }
+            if (result <= 0) {
+                return;
+            }
+            const char* job = nullptr;
+            const char* end = nullptr;
+            if (raw != nullptr &&
+                sd_bus_message_is_signal(raw, managerInterface, "JobRemoved") > 0 &&
+                sd_bus_message_read(raw, "uoss", nullptr, &job, nullptr, &end) > 0) {
+                results[job] = end;
+            }
+        }
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    [[nodiscard]] std::uint64_t microsecondsLeft() const {
+        return static_cast<std::uint64_t>(
+            std::chrono::ceil<std::chrono::microseconds>(left()).count());
+    }
+
+    // `answer`: systemd's own, if it gave one.
+    int fail(int result, const sd_bus_error& answer = {}) {
+        const bool isAnswer = answer.message != nullptr && result != -ETIMEDOUT;
+        problem_ = isAnswer ? records::printable(answer.message)
+                            : "systemd does not answer: " +
+                                  std::generic_category().message(-result);
+        return result;
+    }
+
+    template <typename Call>
+    void ask(const Call& call) {
+        if (!problem_.empty()) {
+            return;
+        }
+        // 0 would mean the library's own limit.
+        sd_bus_set_method_call_timeout(bus_.get(), std::max<std::uint64_t>(microsecondsLeft(), 1));
+        Error error;
+        if (const int result = call(&error.raw); result < 0) {
+            fail(result, error.raw);
+        }
+    }
+
+    int connect(const BusAddress& bus) {
+        sd_bus* raw = nullptr;
+        int result = sd_bus_new(&raw);
+        bus_.reset(raw);
+        if (result >= 0) {
+            result = sd_bus_set_address(raw, bus.address.c_str());
+        }
+        if (result >= 0) {
+            result = sd_bus_set_bus_client(raw, static_cast<int>(bus.isBroker));
+        }
+        if (result >= 0) {
+            result = sd_bus_start(raw);
+        }
+        // The library would wait for as long as it likes.
+        while (result >= 0 && sd_bus_is_ready(raw) == 0) {
+            result = sd_bus_process(raw, nullptr);
+            if (result == 0) {
+                result = left() > Seconds{0} ? sd_bus_wait(raw, microsecondsLeft()) : -ETIMEDOUT;
+            }
+        }
+        if (result < 0) {
+            return fail(result);
+        }
+        if (bus.isBroker) {
+            // systemd itself tells of all jobs, a broker of those that were asked for.
+            ask([&](sd_bus_error* error) {
+                return sd_bus_call_method(
+                    raw, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                    "AddMatch", error, nullptr, "s",
+                    "type='signal',sender='org.freedesktop.systemd1',member='JobRemoved'");
+            });
+        }
+        return problem_.empty() ? 0 : -EIO;
+    }
+
+    Clock::time_point deadline_;
+    std::unique_ptr<sd_bus, Free> bus_;
+    std::string problem_;
+};
+
+Unit readUnit(Conversation& systemd, const std::string& name, const char* interface) {
+    const std::string path = pathOf(name);
+    return {.load = systemd.text(path, unitInterface, "LoadState"),
+            .active = systemd.text(path, unitInterface, "ActiveState"),
+            .enabled = systemd.text(path, unitInterface, "UnitFileState"),
+            .result = systemd.text(path, interface, "Result"),
+            .sub = systemd.text(path, unitInterface, "SubState")};
+}
+
+Sandbox readSandbox(Conversation& systemd, const std::string& service) {
+    const std::string path = pathOf(service);
+    Sandbox sandbox{systemd.text(path, serviceInterface, "ProtectSystem") == "strict",
+                    systemd.texts(path, serviceInterface, "ReadWritePaths")};
+    for (std::string& folder : sandbox.writable) {
+        folder.erase(0, folder.find_first_not_of("-+"));
+    }
+    return sandbox;
+}
+
+std::vector<BusAddress> liveBuses() {
+    std::vector<BusAddress> buses;
+    if (geteuid() == 0) {
+        buses.push_back({"unix:path=/run/systemd/private", false});
+    }
+    buses.push_back({"unix:path=/run/dbus/system_bus_socket", true});
+    return buses;
+}
+
+}  // namespace
+
+std::string socketUnit(const HelperIdentity& identity) {
+    return identity.helperBundleID() + ".socket";
+}
+
+std::string serviceUnit(const HelperIdentity& identity) {
+    return identity.helperBundleID() + ".service";
+}
+
+std::string resumeUnit(const HelperIdentity& identity) {
+    return identity.helperBundleID() + "-resume.service";
+}
+
+LiveSystemd::LiveSystemd(Waiter& waiter) : LiveSystemd(waiter, liveBuses(), Seconds{10}) {}
+
+LiveSystemd::LiveSystemd(Waiter& waiter, std::vector<BusAddress> buses, Seconds limit)
+    : waiter_(waiter), buses_(std::move(buses)), limit_(limit) {}
+
+std::expected<Units, std::string> LiveSystemd::units(const HelperIdentity& identity) {
+    Conversation systemd(buses_, limit_);
+    Units units{readUnit(systemd, socketUnit(identity), socketInterface),
+                readUnit(systemd, serviceUnit(identity), serviceInterface),
+                readUnit(systemd, resumeUnit(identity), serviceInterface),
+                readSandbox(systemd, serviceUnit(identity))};
+    if (!systemd.problem().empty()) {
+        return std::unexpected(systemd.problem());
+    }
+    return units;
+}
+
+std::expected<void, std::string> LiveSystemd::stop(const std::vector<std::string>& names,
+                                                   Seconds limit, const std::string& line) {
+    return runJobs("StopUnit", names, limit, line);
+}
+
+std::expected<void, std::string> LiveSystemd::start(const std::vector<std::string>& names,
+                                                    Seconds limit, const std::string& line) {
+    return runJobs("StartUnit", names, limit, line);
+}
+
+std::expected<void, std::string> LiveSystemd::runJobs(const char* method,
+                                                      const std::vector<std::string>& names,
+                                                      Seconds limit, const std::string& line) {
+    Conversation systemd(buses_, limit);
+    std::map<std::string, std::string> jobs;
+    for (const std::string& name : names) {
+        jobs[systemd.makeJob(method, name)] = name;
+    }
+    std::map<std::string, std::string> results;
+    const auto areDone = [&] {
+        systemd.hearOfJobs(results);
+        return !systemd.problem().empty() || std::ranges::all_of(jobs, [&](const auto& job) {
+            return results.contains(job.first);
+        });
+    };
+    const bool isOver = waiter_.wait(areDone, systemd.left(), line);
+    if (!systemd.problem().empty()) {
+        return std::unexpected(systemd.problem());
+    }
+    if (!isOver) {
+        return std::unexpected("it takes too long");
+    }
+    for (const auto& [job, name] : jobs) {
+        if (results[job] != "done") {
+            return std::unexpected("the job of " + name + " ended as " +
+                                   records::printable(results[job]));
+        }
+    }
+    return {};
+}
+
+}  // namespace halvo::control

@@ -1,0 +1,119 @@
+#include "tools/Halvoctl/Machine.hpp"
+
+#include <pwd.h>
+
+#include <chrono>
+#include <iostream>
+#include <set>
+#include <thread>
+
+#include "tools/HalvoRecords/Wording.hpp"
+
+namespace halvo::control {
+
+bool Waiter::wait(const std::function<bool()>& isDone, Seconds limit, const std::string& line) {
+    constexpr Seconds pace{0.01};
+    const Seconds start = now();
+    bool isSaid = line.empty();
+    while (!isDone()) {
+        const Seconds passed = now() - start;
+        if (passed >= limit) {
+            return false;
+        }
+        if (!isSaid && passed >= Seconds{1}) {
+            isSaid = true;
+            say(line);
+        }
+        pause(pace);
+    }
+    return true;
+}
+
+Seconds Waiter::now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+void Waiter::pause(Seconds span) { std::this_thread::sleep_for(span); }
+
+void Waiter::say(const std::string& line) { std::cerr << line + "\n" << std::flush; }
+
+std::expected<void, std::string> endAll(HelperProcesses& processes, Waiter& waiter) {
+    std::vector<pid_t> left;
+    std::set<pid_t> asked;
+    const auto areGone = [&] {
+        left = processes.running();
+        for (const pid_t process : left) {
+            if (asked.insert(process).second) {
+                processes.terminate(process);
+            }
+        }
+        return left.empty();
+    };
+    if (!waiter.wait(areGone, Seconds{10}, "Waiting for the helper to end, at most 10 seconds.")) {
+        return std::unexpected("The helper (" + named(left) +
+                               ") does not end. Kill it (kill -KILL), then run halvoctl release "
+                               "again, which takes off the lock that it leaves.");
+    }
+    return {};
+}
+
+Check isOk(std::string name, std::string finding) {
+    return {std::move(name), Verdict::ok, std::move(finding), ""};
+}
+
+Check isProblem(std::string name, std::string finding, std::string advice) {
+    return {std::move(name), Verdict::problem, std::move(finding), std::move(advice)};
+}
+
+Check isNotApplicable(std::string name, std::string finding) {
+    return {std::move(name), Verdict::notApplicable, std::move(finding), ""};
+}
+
+Check needsRoot(std::string name) {
+    return {std::move(name), Verdict::needsRoot, "only root can look at it", ""};
+}
+
+std::string named(const std::vector<pid_t>& processes) {
+    std::string text = processes.size() == 1 ? "pid " : "pids ";
+    for (std::size_t i = 0; i < processes.size(); ++i) {
+        if (i > 0) {
+            text += i + 1 == processes.size() ? " and " : ", ";
+        }
+        text += std::to_string(processes[i]);
+    }
+    return text;
+}
+
+std::string person(const Machine& machine, std::uint32_t uid) {
+    const auto name = machine.userName(uid);
+    const std::string number = "uid " + std::to_string(uid);
+    return name ? records::printable(*name) + " (" + number + ")" : number;
+}
+
+std::string shellWord(const std::string& text) {
+    constexpr const char* plain =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@,%";
+    std::string word = records::printable(text);
+    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) {
+        return word;
+    }
+    const std::string quote = "'\\''";
+    for (std::size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += quote.size()) {
+        word.replace(at, 1, quote);
+    }
+    return "'" + word + "'";
+}
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
+
+std::vector<std::string> homeApplications() {
+    std::vector<std::string> folders;
+    setpwent();
+    while (const passwd* entry = getpwent()) {
+        if (entry->pw_dir != nullptr) {
+            folders.push_back(entry->pw_dir + std::string("/Applications"));
+        }
+    }
+    endpwent();
+    return folders;
+}
+
+}  // namespace halvo::control
