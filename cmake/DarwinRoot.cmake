@@ -83,9 +83,9 @@ function(halvo_make_darwin_root root)
 ")
 
     file(MAKE_DIRECTORY ${root}/third-party/include ${root}/third-party/share/cmake)
-    foreach(library IN ITEMS boost nlohmann)
+    foreach(library IN ITEMS boost CLI nlohmann)
         file(CREATE_LINK /usr/include/${library} ${root}/third-party/include/${library} SYMBOLIC)
     endforeach()
-    # A copy: it names the headers by where it lies itself.
-    file(COPY /usr/share/cmake/nlohmann_json DESTINATION ${root}/third-party/share/cmake)
+    # Copies: they name the headers by where they lie themselves.
+    file(COPY /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json DESTINATION ${root}/third-party/share/cmake)
 endfunction()
