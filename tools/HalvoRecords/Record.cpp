@@ -1,6 +1,5 @@
 #include "tools/HalvoRecords/Record.hpp"
 
-#include <array>
 #include <cstddef>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -26,15 +25,12 @@ std::optional<RecordKind> kindOfName(const std::string& file) {
 }
 
 std::expected<std::string, std::string> readAll(std::istream& input) {
-    std::string bytes;
-    std::array<char, 65536> part{};
-    while (input.good() && bytes.size() <= shared_file::sizeLimit) {
-        input.read(part.data(), part.size());
-        bytes.append(part.data(), static_cast<std::size_t>(input.gcount()));
-    }
+    std::string bytes(shared_file::sizeLimit + 1, '\0');
+    input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (input.bad()) {
         return std::unexpected("This cannot be read");
     }
+    bytes.resize(static_cast<std::size_t>(input.gcount()));
     if (bytes.size() > shared_file::sizeLimit) {
         return std::unexpected("This is longer than any record");
     }

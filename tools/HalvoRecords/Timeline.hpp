@@ -18,14 +18,10 @@ struct Timeline {
         // "minute" (of a countdown).
         std::vector<std::string> reasons;
         WidgetSnapshot::State state;
-
-        bool operator==(const Row&) const = default;
     };
 
     std::vector<Row> rows;
     WallDate reload;
-
-    bool operator==(const Timeline&) const = default;
 
     // The timeline of `snapshot` that a widget asks for at `from`: timelineDates() of the other
     // arguments, and its reloadDate().

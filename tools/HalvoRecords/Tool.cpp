@@ -36,7 +36,7 @@ constexpr std::size_t mostDates = 10000;
 // A hundred years: more than any countdown, and still few enough seconds.
 constexpr std::int64_t longestSpan = 3155760000;
 
-const std::string exitStatus = R"(
+constexpr const char* exitStatus = R"(
 Exit status: 0 when all is fine, 1 when a file is not what it should be (missing,
 damaged), 64 after a usage error, 74 when the output could not be written.)";
 
@@ -217,11 +217,34 @@ void timeline(Call& call) {
 
 // What follows declares the words of the commands.
 
-// Adds an option whose value `read` turns into `target`; it returns nothing for a value that is
-// not what `expected` says.
+// A command with its operands, and what --help says after its options.
+struct Command {
+    const char* name;
+    const char* help;
+    const char* operand;
+    const char* operandHelp;
+    std::string more;
+    void (*action)(Call&);
+};
+
+CLI::App& addCommand(CLI::App& app, Call& call, const Command& command) {
+    CLI::App* added = app.add_subcommand(command.name, command.help);
+    added->add_option(command.operand, call.operands, command.operandHelp)->type_name("");
+    added->footer(command.more + exitStatus);
+    added->callback([&call, action = command.action] {
+        const auto& after = call.operandsAfterOptions;
+        call.operands.insert(call.operands.end(), after.begin(), after.end());
+        action(call);
+    });
+    return *added;
+}
+
+// Adds the option `name`, whose value `type` in the help is read by `read`: a function that returns
+// nothing for a value that is not what `expected` says.
 template <class T, class Read>
-CLI::Option* addRead(CLI::App& command, const std::string& name, std::optional<T>& target,
-                     Read read, const std::string& expected, const std::string& help) {
+CLI::Option* addRead(CLI::App& command, const std::string& name, const std::string& type,
+                     std::optional<T>& target, Read read, const std::string& expected,
+                     const std::string& help) {
     const auto store = [name, &target, read, expected](const std::string& word) {
         const auto value = read(word);
         if (!value) {
@@ -229,30 +252,16 @@ CLI::Option* addRead(CLI::App& command, const std::string& name, std::optional<T
         }
         target.emplace(*value);
     };
-    return command.add_option_function<std::string>(name, store, help);
-}
-
-CLI::App& addCommand(CLI::App& app, Call& call, const std::string& name, const std::string& help,
-                     void (*action)(Call&)) {
-    CLI::App* command = app.add_subcommand(name, help);
-    command->callback([&call, action] {
-        const auto& after = call.operandsAfterOptions;
-        call.operands.insert(call.operands.end(), after.begin(), after.end());
-        action(call);
-    });
-    return *command;
+    return command.add_option_function<std::string>(name, store, help)->type_name(type);
 }
 
 void addKind(CLI::App& command, Call& call) {
     const auto read = [](const std::string& word) {
-        static const std::map<std::string, RecordKind> kinds{{"keepalive", RecordKind::keepAlive},
-                                                             {"widgets", RecordKind::widgets}};
-        const auto kind = kinds.find(word);
-        return kind == kinds.end() ? std::nullopt : std::optional(kind->second);
+        const auto kind = word == "keepalive" ? RecordKind::keepAlive : RecordKind::widgets;
+        return word == "keepalive" || word == "widgets" ? std::optional(kind) : std::nullopt;
     };
-    addRead(command, "--kind", call.kind, read, "keepalive or widgets",
-            "which record it is: keepalive or widgets")
-        ->type_name("KIND");
+    addRead(command, "--kind", "KIND", call.kind, read, "keepalive or widgets",
+            "which record it is: keepalive or widgets");
 }
 
 void addZone(CLI::App& command, Call& call, const std::string& help) {
@@ -279,32 +288,31 @@ void addJSON(CLI::App& command, Call& call, const std::string& help) {
 }
 
 void addShow(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(app, call, "show", "Prints records as JSON.", show);
-    command
-        .add_option("FILE", call.operands,
-                    "the records; else both in the app group's folder, or the one of\n--kind")
-        ->type_name("");
-    addKind(command, call);
-    addZone(command, call,
-            "the zone of the local times beside the dates, such as\nEurope/Berlin; else the "
-            "system's");
-    addGroup(command, call);
-    addJSON(command, call, "the JSON alone, without titles and local times");
-    command.footer(R"(Members that the app does not know are left out.
+    CLI::App& command =
+        addCommand(app, call,
+                   {"show", "Prints records as JSON.", "FILE",
+                    "the records; else both in the app group's folder, or the one of\n--kind",
+                    R"(Members that the app does not know are left out.
 
 Examples:
   halvo-records show --group com.example.app
   halvo-records show widgets.json --zone UTC
   ssh laptop cat widgets.json | halvo-records show - --kind widgets
-)" + exitStatus);
+)",
+                    show});
+    addKind(command, call);
+    addZone(command, call,
+            "the zone of the local times beside the dates, such as\n"
+            "Europe/Berlin; else the system's");
+    addGroup(command, call);
+    addJSON(command, call, "the JSON alone, without titles and local times");
 }
 
 void addCheck(CLI::App& app, Call& call) {
-    CLI::App& command =
-        addCommand(app, call, "check", "Says of each FILE whether it is a record.", check);
-    command.add_option("FILE", call.operands, "at least one")->type_name("");
-    addKind(command, call);
-    command.footer(R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
+    CLI::App& command = addCommand(
+        app, call,
+        {"check", "Says of each FILE whether it is a record.", "FILE", "at least one",
+         R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
 can be read and is suspicious all the same follows as remarks, which do not change
 the exit status: phases that are not in order, runs that end before their phase
 starts, a horizon before the writing, two days with the same start.
@@ -312,20 +320,23 @@ starts, a horizon before the writing, two days with the same start.
 Examples:
   halvo-records check keepalive.json widgets.json
   halvo-records check backup.json --kind widgets
-)" + exitStatus);
+)",
+         check});
+    addKind(command, call);
 }
 
 void addLink(CLI::App& app, Call& call) {
-    CLI::App& command =
-        addCommand(app, call, "link", "Says what deep links lead to, or prints one.",
-                   [](Call& of) { of.screen ? makeLink(of) : readLinks(of); });
-    command.add_option("URL", call.operands, "a text that leads nowhere leads to main")
-        ->type_name("");
+    CLI::App& command = addCommand(app, call,
+                                   {"link", "Says what deep links lead to, or prints one.", "URL",
+                                    "a text that leads nowhere leads to main", R"(Examples:
+  halvo-records link 'halvo://breathe?style=box&minutes=5'
+  halvo-records link --to breathe --style box --minutes 5
+)",
+                                    [](Call& of) { of.screen ? makeLink(of) : readLinks(of); }});
     addJSON(command, call, "one object on a line for each URL");
     const std::string screens = "breathe, focus, today, settings or main";
-    CLI::Option* to = addRead(command, "--to", call.screen, HalvoLink::screenNamed, screens,
-                              "print the link to " + screens)
-                          ->type_name("SCREEN");
+    CLI::Option* to = addRead(command, "--to", "SCREEN", call.screen, HalvoLink::screenNamed,
+                              screens, "print the link to " + screens);
     command.add_option("--style", call.style, "the style of a breathing exercise")
         ->check([](const std::string& word) { return isUTF8(word) ? "" : "This is not UTF-8"; })
         ->type_name("TEXT")
@@ -336,37 +347,41 @@ void addLink(CLI::App& app, Call& call) {
         const auto [rest, error] = std::from_chars(word.data(), end, minutes);
         return error == std::errc() && rest == end ? std::optional(minutes) : std::nullopt;
     };
-    addRead(command, "--minutes", call.minutes, readMinutes, "a whole number",
+    addRead(command, "--minutes", "N", call.minutes, readMinutes, "a whole number",
             "how many minutes it takes")
-        ->type_name("N")
         ->needs(to);
     command.add_option("--scheme", call.scheme, "the URL's scheme; else the app's own")
         ->type_name("S")
         ->needs(to);
-    command.footer(R"(Examples:
-  halvo-records link 'halvo://breathe?style=box&minutes=5'
-  halvo-records link --to breathe --style box --minutes 5
-)" + exitStatus);
 }
 
 void addTimeline(CLI::App& app, Call& call) {
     CLI::App& command = addCommand(
-        app, call, "timeline", "Prints the dates at which a widget's picture changes.", timeline);
-    command.add_option("FILE", call.operands, "one widget snapshot; else the app group's own")
-        ->type_name("");
+        app, call,
+        {"timeline", "Prints the dates at which a widget's picture changes.", "FILE",
+         "one widget snapshot; else the app group's own",
+         R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
+start (what was asked for), phase (one begins), midnight (a day begins), minute (of
+a countdown); LEFT is what a block or focus still counts down.
+
+Examples:
+  halvo-records timeline --span 15m
+  halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
+)",
+         timeline});
     const auto readFrom = [&call](const std::string& word) {
         return word == "now" ? call.now : InternetDate::parse(word);
     };
-    addRead(command, "--from", call.from, readFrom, "a date such as 2026-11-20T09:30:00Z, or now",
-            "from when on: 2026-11-20T09:30:00Z or now, which it is else")
-        ->type_name("DATE");
+    addRead(command, "--from", "DATE", call.from, readFrom,
+            "a date such as 2026-11-20T09:30:00Z, or now",
+            "from when on: 2026-11-20T09:30:00Z or now, which it is else");
     addZone(command, call, "where the days are, such as Europe/Berlin; else the\nsystem's zone");
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+    const CLI::AsNumberWithUnit asSeconds(units, CLI::AsNumberWithUnit::CASE_SENSITIVE);
     command
         .add_option("--span", call.span,
                     "for how long minutes are counted down: seconds, or\n5m, 2h, 1d; else 1h")
-        ->transform(
-            CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::CASE_SENSITIVE, "").description(""))
+        ->transform(asSeconds.description(""))
         ->check(CLI::Range(std::int64_t{0}, longestSpan).description(""))
         ->type_name("SPAN");
     command.add_option("--limit", call.limit, "at most so many dates, from 1 to 10000; else 60")
@@ -374,14 +389,6 @@ void addTimeline(CLI::App& app, Call& call) {
         ->type_name("N");
     addGroup(command, call);
     addJSON(command, call, "an object with the list \"dates\" and with \"reload\"");
-    command.footer(R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
-start (what was asked for), phase (one begins), midnight (a day begins), minute (of
-a countdown); LEFT is what a block or focus still counts down.
-
-Examples:
-  halvo-records timeline --span 15m
-  halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
-)" + exitStatus);
 }
 
 // The words before "--" as the parser takes them: the last one first, and an empty value as a word
@@ -414,7 +421,7 @@ Examples:
   halvo-records check ~/.local/share/*/widgets.json
   halvo-records link 'halvo://breathe?style=box&minutes=5'
   halvo-records timeline widgets.json --zone Europe/Berlin
-)" + exitStatus);
+)" + std::string(exitStatus));
     addShow(app, call);
     addCheck(app, call);
     addLink(app, call);
