@@ -14,8 +14,8 @@ namespace ExitStatus {
 inline constexpr int fine = 0;
 // A file is not what it should be.
 inline constexpr int notFine = 1;
-// Those of sysexits(3): wrong words, and output that could not be written.
-inline constexpr int wrongWords = 64;
+// Those of sysexits(3): a usage error, and output that could not be written.
+inline constexpr int usageError = 64;
 inline constexpr int outputLost = 74;
 
 }  // namespace ExitStatus
@@ -31,10 +31,10 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
-// Does what the words after the program's own name say, at the date `now`; reads `input` where they
-// name standard input. Writes to no file, but the folder of an app group is made when it is asked
-// for and missing. Any thread, as long as no other changes the environment (getenv(3)). Throws
-// std::bad_alloc alone.
+// Does what `words`, those after the program's own name, ask for at the date `now`; reads `input`
+// where they name standard input. Writes to no file, but the folder of an app group is made when it
+// is asked for and missing. Any thread, as long as no other changes the environment (getenv(3)).
+// Throws std::bad_alloc alone.
 Outcome run(std::span<const std::string> words, std::istream& input, WallDate now);
 
 }  // namespace halvo::records

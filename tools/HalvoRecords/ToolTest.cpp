@@ -1,16 +1,21 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <sstream>
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/JSON.hpp"
-#include "HalvoShared/KeepAliveState.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/ChildProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
-#include "tools/HalvoRecords/Arguments.hpp"
 #include "tools/HalvoRecords/Tool.hpp"
 
 namespace halvo::records {
@@ -23,6 +28,7 @@ void PrintTo(const Outcome& outcome, std::ostream* stream) {
 
 namespace {
 
+using testing::ChildResult;
 using ::testing::HasSubstr;
 using testing::nineOClock;
 using testing::readTestFile;
@@ -33,6 +39,9 @@ using Words = std::vector<std::string>;
 
 const std::string keepAliveFile = HALVO_GOLDEN "/keepalive.json";
 const std::string widgetsFile = HALVO_GOLDEN "/widgets.json";
+const std::string widgetsAreFine =
+    ": fine, a widget snapshot of 6 phases, 2 days, 1 list "
+    "and 1 block\n";
 
 Outcome runWith(const Words& words, const std::string& input = "") {
     std::istringstream stream(input);
@@ -41,24 +50,112 @@ Outcome runWith(const Words& words, const std::string& input = "") {
 
 Outcome fine(const std::string& output) { return {ExitStatus::fine, output, ""}; }
 
-Outcome wrong(const std::string& problem) {
-    return {ExitStatus::wrongWords, "",
-            "halvo-records: " + problem + " See halvo-records --help.\n"};
+Outcome usageError(const std::string& problem) {
+    return {ExitStatus::usageError, "",
+            "halvo-records: " + problem + ". See halvo-records --help.\n"};
+}
+
+// What the timeline command prints as JSON without its blanks.
+std::string datesOf(Words words) {
+    words.insert(words.begin(), {"timeline", widgetsFile, "--zone", "UTC", "--json"});
+    std::string text = runWith(words).output;
+    std::erase_if(text, [](char c) { return c == ' ' || c == '\n'; });
+    return text;
 }
 
 TEST(ToolTest, Helps) {
-    EXPECT_EQ(runWith({"--help"}), fine(helpText));
     EXPECT_EQ(runWith({"--version"}), fine(std::string("halvo-records ") + version + "\n"));
-    EXPECT_EQ(runWith({"show", "--help"}), fine(showHelpText));
+    for (const Words& words : {Words{}, {"show"}, {"check"}, {"link"}, {"timeline", "a", "b"}}) {
+        for (const char* option : {"--help", "-h"}) {
+            Words asking = words;
+            asking.emplace_back(option);
+            const Outcome outcome = runWith(asking);
+            EXPECT_EQ(outcome.status, ExitStatus::fine);
+            EXPECT_EQ(outcome.errors, "");
+            EXPECT_THAT(outcome.output,
+                        HasSubstr("\nUsage: halvo-records " +
+                                  (words.empty() ? "[OPTIONS]" : words.front() + " [OPTIONS]")));
+            EXPECT_THAT(outcome.output, HasSubstr("\nExamples:\n"));
+            EXPECT_THAT(outcome.output, HasSubstr("\nExit status: 0"));
+        }
+    }
 }
 
-TEST(ToolTest, RefusesWrongWords) {
-    EXPECT_EQ(runWith({}), wrong("What is to be done? show, check, link or timeline."));
-    EXPECT_EQ(runWith({"check"}), wrong("check needs a FILE."));
-    EXPECT_EQ(runWith({"show", "--zone", "Mars/Base"}),
-              wrong(R"(--zone: no time zone is named "Mars/Base".)"));
-    EXPECT_EQ(runWith({"timeline", "--zone", "\x1B"}),
-              wrong("--zone: that is not the name of a time zone."));
+TEST(ToolTest, SaysWhatIsWrongWithTheWords) {
+    const std::string outOfRange = " not in range 1 to 10000";
+    const std::string noDate = "--from: Expected a date such as 2026-11-20T09:30:00Z, or now";
+    const std::string noMinutes = "--minutes: Expected a whole number, found ";
+    const std::string unexpected = "The following argument was not expected: ";
+    const std::vector<std::pair<Words, std::string>> rows{
+        {{}, "A command (show, check, link or timeline) is required"},
+        {{"\x1B[2J"}, unexpected + "\\u001b[2J"},
+        {{""}, unexpected},
+        {{"--json", "show"}, unexpected + "--json"},
+        {{"show", "-x"}, unexpected + "-x"},
+        {{"show", "--zon=\n"}, unexpected + "--zon=\\n"},
+        {{"check", "a", "--json"}, unexpected + "--json"},
+        {{"timeline", "--kind", "a"}, unexpected + "--kind"},
+        {{"show", "--zone"}, "--zone: 1 required ZONE missing"},
+        {{"show", "--json=yes"}, "json was given a disallowed flag override"},
+        {{"show", "--group", "a", "--group=b"}, "--group: At Most 1 required but received 2"},
+        {{"show", "--kind", "a"}, "--kind: Expected keepalive or widgets, found 'a'"},
+        {{"check", "a", "--kind="}, "--kind: Expected keepalive or widgets, found ''"},
+        {{"show", "--zone", "Mars/Base"}, R"(--zone: no time zone is named "Mars/Base")"},
+        {{"timeline", "--zone", "\x1B"}, "--zone: that is not the name of a time zone"},
+        {{"show", "-", "-"}, "Standard input can be read once"},
+        {{"check", "-", "--", "-"}, "Standard input can be read once"},
+        {{"timeline", "-", "-"}, "Standard input can be read once"},
+        {{"show", "a", "--group", "g"}, "--group excludes FILE"},
+        {{"timeline", "--group", "g", "--", "a"}, "--group excludes FILE"},
+        {{"check"}, "FILE is required"},
+        {{"timeline", "a", "b"}, unexpected + "b"},
+        {{"link"}, "URL or --to is required"},
+        {{"link", "--to", "Focus"},
+         "--to: Expected breathe, focus, today, settings or main, found 'Focus'"},
+        {{"link", "--to", "focus", "--minutes", "5"}, "Only breathe has a style and minutes"},
+        {{"link", "--to", "main", "--style="}, "Only breathe has a style and minutes"},
+        {{"link", "--to", "breathe", "--style", "\xFF"}, "--style: This is not UTF-8"},
+        {{"link", "--to", "focus", "a"}, "--to excludes URL"},
+        {{"link", "--to", "focus", "--json"}, "--to excludes --json"},
+        {{"link", "a", "--scheme", "x"}, "--scheme requires --to"},
+        {{"link", "a", "--style", "x"}, "--style requires --to"},
+        {{"link", "a", "--minutes", "1"}, "--minutes requires --to"},
+        {{"link", "--to", "main", "--scheme", "1x\n"}, "'1x\\n' is no scheme of a URL"},
+        {{"link", "--to", "breathe", "--minutes", ""}, noMinutes + "''"},
+        {{"link", "--to", "breathe", "--minutes", "five"}, noMinutes + "'five'"},
+        {{"link", "--to", "breathe", "--minutes", "5.0"}, noMinutes + "'5.0'"},
+        {{"link", "--to", "breathe", "--minutes", "+5"}, noMinutes + "'+5'"},
+        {{"link", "--to", "breathe", "--minutes", "9223372036854775808"},
+         noMinutes + "'9223372036854775808'"},
+        {{"timeline", "--from", ""}, noDate + ", found ''"},
+        {{"timeline", "--from", "2026-11-20"}, noDate + ", found '2026-11-20'"},
+        {{"timeline", "--from", "2026-02-30T00:00:00Z"}, noDate + ", found '2026-02-30T00:00:00Z'"},
+        {{"timeline", "--limit", ""}, "--limit: Value " + outOfRange},
+        {{"timeline", "--limit", "0"}, "--limit: Value 0" + outOfRange},
+        {{"timeline", "--limit", "-1"}, "--limit: Value -1" + outOfRange},
+        {{"timeline", "--limit", "ten"}, "--limit: Value ten" + outOfRange},
+        {{"timeline", "--limit", "10001"}, "--limit: Value 10001" + outOfRange},
+        {{"timeline", "--limit", "18446744073709551617"},
+         "--limit: Value 18446744073709551617" + outOfRange},
+        {{"timeline", "--span", ""}, "--span: Input is empty"},
+        {{"timeline", "--span", "1e3"}, "--span: Value 1e3 could not be converted to INT"},
+        {{"timeline", "--span", "1.5h"}, "--span: Value 1.5 could not be converted to INT"},
+        {{"timeline", "--span", "5M"}, "--span: M unit not recognized. Allowed values: {d,h,m,s}"},
+        {{"timeline", "--span", "-5m"}, "--span: Value -300 not in range 0 to 3155760000"},
+        {{"timeline", "--span", "36526d"}, "--span: Value 3155846400 not in range 0 to 3155760000"},
+    };
+    for (const auto& [words, problem] : rows) {
+        EXPECT_EQ(runWith(words), usageError(problem));
+    }
+    EXPECT_EQ(runWith({"timeline", "--span", "99999999999999d"}).status, ExitStatus::usageError);
+}
+
+TEST(ToolTest, EndsTheOptionsAtTwoHyphens) {
+    const Outcome outcome = runWith({"check", "a", "--kind", "widgets", "--", "-b", "--help"});
+    EXPECT_EQ(outcome.status, ExitStatus::notFine);
+    EXPECT_EQ(outcome.output,
+              "a: No such file or directory\n-b: No such file or directory\n"
+              "--help: No such file or directory\n");
 }
 
 TEST(ToolTest, ShowsRecordsOneAfterTheOther) {
@@ -66,17 +163,17 @@ TEST(ToolTest, ShowsRecordsOneAfterTheOther) {
         runWith({"show", keepAliveFile, widgetsFile, "--zone", "Europe/Berlin"});
     EXPECT_EQ(outcome.status, ExitStatus::fine);
     EXPECT_THAT(outcome.output, StartsWith(keepAliveFile + ": a keep-alive state of process 4711\n"
-                                                           "  process             4711\n"));
-    EXPECT_THAT(outcome.output,
-                HasSubstr("  written             2026-11-20 10:00:00 +01:00\n\n" + widgetsFile +
-                          ": a widget snapshot of 6 phases, 2 days, 1 list and 1 block\n"
-                          "  written           2026-11-20 09:59:55 +01:00\n"));
+                                                           "{\n  \"appPath\": "));
+    EXPECT_THAT(
+        outcome.output,
+        HasSubstr("  \"updatedAt\": \"2026-11-20T09:00:00Z (2026-11-20 10:00:00 +01:00)\"\n}\n\n" +
+                  widgetsFile + ": a widget snapshot of 6 phases, 2 days, 1 list and 1 block\n{"));
 }
 
 TEST(ToolTest, ShowsWhatItCanOfSeveralFiles) {
-    const Outcome outcome = runWith({"show", "/none", keepAliveFile, "--zone", "UTC"});
+    const Outcome outcome = runWith({"show", "/widgets.json", keepAliveFile, "--zone", "UTC"});
     EXPECT_EQ(outcome.status, ExitStatus::notFine);
-    EXPECT_EQ(outcome.errors, "halvo-records: /none: No such file or directory\n");
+    EXPECT_EQ(outcome.errors, "halvo-records: /widgets.json: No such file or directory\n");
     EXPECT_THAT(outcome.output, StartsWith(keepAliveFile + ": a keep-alive state"));
 }
 
@@ -92,14 +189,8 @@ TEST(ToolTest, ShowsARecordAsJSON) {
   "updatedAt": "2026-11-20T09:00:00Z"
 }
 )"));
-    const Outcome outcome = runWith({"show", widgetsFile, "--json"});
-    EXPECT_EQ(JSON::decode<WidgetSnapshot>(outcome.output), sampleSnapshot());
-}
-
-TEST(ToolTest, ShowsStandardInput) {
-    EXPECT_EQ(runWith({"show", "-", "--json"}, readTestFile(widgetsFile)),
+    EXPECT_EQ(runWith({"show", "-", "--json", "--kind=widgets"}, readTestFile(widgetsFile)),
               runWith({"show", widgetsFile, "--json"}));
-    EXPECT_EQ(runWith({"show", "-"}, "{").status, ExitStatus::notFine);
 }
 
 TEST(ToolTest, ShowsTheFilesOfAGroup) {
@@ -123,59 +214,76 @@ TEST(ToolTest, ShowsTheFilesOfAGroup) {
     EXPECT_EQ(timeline, runWith({"timeline", widgetsFile, "--json"}));
 }
 
-TEST(ToolTest, ChecksFiles) {
-    EXPECT_EQ(runWith({"check", keepAliveFile, widgetsFile}),
-              fine(keepAliveFile + ": fine, a keep-alive state of process 4711\n" + widgetsFile +
-                   ": fine, a widget snapshot of 6 phases, 2 days, 1 list and 1 block\n"));
-}
-
 TEST(ToolTest, SaysWhereAFileIsWrongAndChecksTheOthers) {
-    const std::string damaged = R"({"pid":"x"})";
-    EXPECT_EQ(runWith({"check", "/none", "-", keepAliveFile}, damaged),
+    EXPECT_EQ(runWith({"check", "-", "--kind", "keepalive", keepAliveFile}, R"({"pid":"x"})"),
               (Outcome{ExitStatus::notFine,
-                       "/none: No such file or directory\n"
                        "standard input: pid: Expected a whole number of 32 bits, found \"x\"\n" +
                            keepAliveFile + ": fine, a keep-alive state of process 4711\n",
                        ""}));
 }
 
-TEST(ToolTest, RemarksOnWhatIsSuspiciousWithoutFailing) {
+TEST(ToolTest, RemarksOnWhatIsSuspiciousWithoutFailingOrEnd) {
     WidgetSnapshot snapshot = sampleSnapshot();
-    snapshot.horizon = snapshot.writtenAt - Seconds{1};
-    EXPECT_EQ(
-        runWith({"check", "-"}, JSON::encode(snapshot).value()),
-        fine("standard input: fine, a widget snapshot of 6 phases, 2 days, 1 list and 1 block\n"
-             "standard input: remark: horizon is before writtenAt\n"));
-}
-
-TEST(ToolTest, DoesNotRemarkWithoutEnd) {
-    WidgetSnapshot snapshot = sampleSnapshot();
-    snapshot.days.assign(23, snapshot.days.front());
-    const Outcome outcome = runWith({"check", "-"}, JSON::encode(snapshot).value());
-    EXPECT_THAT(outcome.output, HasSubstr("remark: days[20] has the same start as days[0]\n"
-                                          "standard input: and 2 more remarks\n"));
+    snapshot.days.assign(21, snapshot.days.front());
+    const std::string start =
+        "standard input: fine, a widget snapshot of 6 phases, 21 days, 1 list and 1 block\n"
+        "standard input: remark: days[1] has the same start as days[0]\n";
+    const std::string last = "standard input: remark: days[20] has the same start as days[0]\n";
+    const auto check = [&snapshot] {
+        return runWith({"check", "-", "--kind", "widgets"}, JSON::encode(snapshot).value());
+    };
+    EXPECT_EQ(check().status, ExitStatus::fine);
+    EXPECT_THAT(check().output, StartsWith(start));
+    EXPECT_THAT(check().output, ::testing::EndsWith(last));
+    snapshot.days.resize(23, snapshot.days.front());
+    EXPECT_THAT(check().output, ::testing::EndsWith(last + "standard input: and 2 more remarks\n"));
 }
 
 TEST(ToolTest, SaysWhatLinksLeadTo) {
-    EXPECT_EQ(runWith({"link", "halvo://breathe?style=box&minutes=5"}),
-              fine("breathe, style box, 5 minutes\n"));
-    EXPECT_EQ(runWith({"link", "halvo://today", "\x1B\xFF"}),
+    const std::vector<std::array<std::string, 3>> rows{
+        {"halvo://breathe?style=box&minutes=5", R"(breathe, style "box", 5 minutes)",
+         R"({"screen":"breathe","style":"box","minutes":5})"},
+        {"halvo://breathe?minutes=1", "breathe, 1 minute", R"({"screen":"breathe","minutes":1})"},
+        {"halvo://breathe?minutes=-9223372036854775808", "breathe, -9223372036854775808 minutes",
+         R"({"screen":"breathe","minutes":-9223372036854775808})"},
+        {"halvo://breathe?style=%1B%C2%9B%0A%22", R"(breathe, style "\u001b\u009b\n\"")",
+         R"({"screen":"breathe","style":"\u001b\u009b\n\""})"},
+        {"halvo://breathe", "breathe", R"({"screen":"breathe"})"},
+        {"halvo://focus", "focus", R"({"screen":"focus"})"},
+        {"halvo://today", "today", R"({"screen":"today"})"},
+        {"halvo://settings", "settings", R"({"screen":"settings"})"},
+        {"nowhere", "main", R"({"screen":"main"})"}};
+    for (const auto& [url, text, json] : rows) {
+        EXPECT_EQ(runWith({"link", url}), fine(text + "\n"));
+        EXPECT_EQ(runWith({"link", "--json", url}), fine(json + "\n"));
+    }
+    EXPECT_EQ(runWith({"link", "halvo://today", "--", "\x1B\xFF"}),
               fine("halvo://today: today\n\\u001b\\xff: main\n"));
-    EXPECT_EQ(runWith({"link", "--json", "halvo://today", "halvo://breathe?minutes=5"}),
-              fine("{\"screen\":\"today\"}\n{\"screen\":\"breathe\",\"minutes\":5}\n"));
+    EXPECT_EQ(runWith({"link", "--json", "halvo://today", "halvo://main"}),
+              fine("{\"screen\":\"today\"}\n{\"screen\":\"main\"}\n"));
 }
 
 TEST(ToolTest, PrintsLinks) {
-    EXPECT_EQ(runWith({"link", "--to", "breathe", "--style", "box", "--minutes", "5"}),
-              fine("halvo://breathe?style=box&minutes=5\n"));
-    EXPECT_EQ(runWith({"link", "--to", "main", "--scheme", "x"}), fine("x://main\n"));
-    EXPECT_EQ(runWith({"link", "--to", "main", "--scheme", "1x\n"}),
-              wrong("'1x\\n' is no scheme of a URL."));
+    const std::vector<std::pair<Words, std::string>> rows{
+        {{"--to", "breathe"}, "halvo://breathe"},
+        {{"--to=breathe", "--style", "box", "--minutes", "5"},
+         "halvo://breathe?style=box&minutes=5"},
+        {{"--to=breathe", "--style=", "--minutes", "-5", "--scheme", "x"},
+         "x://breathe?style=&minutes=-5"},
+        {{"--to", "focus"}, "halvo://focus"},
+        {{"--to", "today"}, "halvo://today"},
+        {{"--to", "settings"}, "halvo://settings"},
+        {{"--to", "main"}, "halvo://main"}};
+    for (const auto& [words, url] : rows) {
+        Words all{"link"};
+        all.insert(all.end(), words.begin(), words.end());
+        EXPECT_EQ(runWith(all), fine(url + "\n"));
+    }
 }
 
 TEST(ToolTest, PrintsATimeline) {
     EXPECT_EQ(runWith({"timeline", widgetsFile, "--zone", "UTC", "--limit", "3", "--from",
-                       "2026-11-20T09:09:00Z"}),
+                       "2026-11-20T10:09:00+01:00"}),
               fine(R"(DATE                        WHY     LEFT   STATE
 2026-11-20 09:09:00 +00:00  start   1:30   block "Deep work"
 2026-11-20 09:09:30 +00:00  minute  1:00   block "Deep work"
@@ -185,15 +293,25 @@ TEST(ToolTest, PrintsATimeline) {
 }
 
 TEST(ToolTest, PrintsATimelineFromTheSecondThatNowLiesIn) {
-    EXPECT_EQ(runWith({"timeline", "-", "--limit", "2", "--json"}, readTestFile(widgetsFile)),
-              fine(R"({
-  "dates": [
-    "2026-11-20T09:00:00Z",
-    "2026-11-20T09:00:30Z"
-  ],
-  "reload": "2026-11-20T09:00:30Z"
+    const std::string dates =
+        R"({"dates":["2026-11-20T09:00:00Z","2026-11-20T09:00:30Z"],"reload":"2026-11-20T09:00:30Z"})";
+    EXPECT_EQ(datesOf({"--limit", "2"}), dates);
+    EXPECT_EQ(datesOf({"--limit", "2", "--from", "now"}), dates);
+    EXPECT_EQ(runWith({"timeline", "-", "--json"}, readTestFile(widgetsFile)),
+              runWith({"timeline", widgetsFile, "--json"}));
 }
-)"));
+
+TEST(ToolTest, CountsMinutesAsFarAsTheSpan) {
+    // An hour of minutes, of which the default shows all, and seven other dates.
+    const std::size_t all = datesOf({"--limit", "10000"}).size();
+    for (const auto& [span, equal] : std::vector<std::pair<std::string, std::string>>{
+             {"300s", "300"}, {"5m", "300"}, {"1h", "3600"}, {"1d", "86400"}, {"0m", "0"}}) {
+        EXPECT_EQ(datesOf({"--span", span}), datesOf({"--span", equal})) << span;
+    }
+    EXPECT_EQ(datesOf({"--limit", "10000", "--span", "1h"}).size(), all);
+    EXPECT_LT(datesOf({"--span", "5m"}).size(), all);
+    EXPECT_LT(datesOf({"--span", "0"}).size(), datesOf({"--span", "5m"}).size());
+    EXPECT_EQ(datesOf({"--limit", "10000", "--span", "36525d"}).size(), all);
 }
 
 TEST(ToolTest, PrintsATimelineOfASnapshotOnly) {
@@ -210,6 +328,74 @@ TEST(ToolTest, ReachesTheEndsOfTheCalendar) {
             EXPECT_EQ(outcome.status, ExitStatus::fine);
             EXPECT_THAT(outcome.output, HasSubstr("start"));
         }
+    }
+}
+
+// The program as it is built, run with `words` in a process that `prepare` has readied.
+ChildResult runProgram(Words words, const std::function<void()>& prepare = [] {}) {
+    return testing::runInChild([&] {
+        std::vector<char*> pointers;
+        for (std::string& word : words) {
+            pointers.push_back(word.data());
+        }
+        pointers.push_back(nullptr);
+        prepare();
+        execv(HALVO_RECORDS, pointers.data());
+        FAIL() << "cannot run " << HALVO_RECORDS;
+    });
+}
+
+void open(int descriptor, const char* path, int flags) {
+    dup2(::open(path, flags | O_CLOEXEC), descriptor);
+}
+
+TEST(ProgramTest, ReadsItsWordsAndStandardInput) {
+    const ChildResult result =
+        runProgram({"halvo-records", "check", "--kind=widgets", "-", widgetsFile},
+                   [] { open(STDIN_FILENO, widgetsFile.c_str(), O_RDONLY); });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "standard input" + widgetsAreFine + widgetsFile + widgetsAreFine);
+}
+
+TEST(ProgramTest, EndsWithOneWhenAFileIsWrong) {
+    const ChildResult missing = runProgram({"halvo-records", "show", "/widgets.json"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.output, "halvo-records: /widgets.json: No such file or directory\n");
+    const Words checkInput{"halvo-records", "check", "-", "--kind", "widgets"};
+    const ChildResult folder = runProgram(checkInput, [] { open(STDIN_FILENO, "/", O_RDONLY); });
+    EXPECT_EQ(folder.status, 1);
+    EXPECT_EQ(folder.output, "standard input: This cannot be read\n");
+    EXPECT_EQ(runProgram(checkInput, [] { close(STDIN_FILENO); }).status, 1);
+}
+
+TEST(ProgramTest, EndsWithSixtyFourAfterAUsageError) {
+    // Without a name of its own, too.
+    for (const Words& words : {Words{}, {"halvo-records"}, {"halvo-records", "check"}}) {
+        const ChildResult result = runProgram(words);
+        EXPECT_EQ(result.signal, 0);
+        EXPECT_EQ(result.status, 64);
+        EXPECT_THAT(result.output, StartsWith("halvo-records: "));
+        EXPECT_THAT(result.output, ::testing::EndsWith(" See halvo-records --help.\n"));
+    }
+}
+
+TEST(ProgramTest, EndsWithSeventyFourWhenTheOutputIsLost) {
+    const std::vector<std::function<void()>> losses{
+        [] { open(STDOUT_FILENO, "/dev/full", O_WRONLY); }, [] { close(STDOUT_FILENO); },
+        [] {
+            std::array<int, 2> ends{};
+            ASSERT_EQ(pipe(ends.data()), 0);
+            dup2(ends[1], STDOUT_FILENO);
+            close(ends[0]);
+            close(ends[1]);
+            // As a shell leaves it.
+            std::signal(SIGPIPE, SIG_DFL);
+        }};
+    for (const auto& lose : losses) {
+        const ChildResult result = runProgram({"halvo-records", "--help"}, lose);
+        EXPECT_EQ(result.signal, 0);
+        EXPECT_EQ(result.status, 74);
+        EXPECT_EQ(result.output, "halvo-records: The output could not be written.\n");
     }
 }
 

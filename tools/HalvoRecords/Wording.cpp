@@ -24,23 +24,17 @@ struct Character {
 };
 
 Character firstOf(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text.front());
     std::size_t length = 1;
-    unsigned code = lead;
-    if (lead >= 0xF0) {
-        length = 4;
-        code = lead & 0x07U;
-    } else if (lead >= 0xE0) {
-        length = 3;
-        code = lead & 0x0FU;
-    } else if (lead >= 0xC0) {
-        length = 2;
-        code = lead & 0x1FU;
+    while (length < std::min<std::size_t>(text.size(), 4) && !isUTF8(text.substr(0, length))) {
+        ++length;
     }
     const std::string_view bytes = text.substr(0, length);
+    const auto lead = static_cast<unsigned char>(text.front());
     if (!isUTF8(bytes)) {
         return {text.substr(0, 1), lead, false};
     }
+    // A lead byte of several has as many bits set and one that is not before those of the code.
+    unsigned code = length == 1 ? lead : lead & 0x7FU >> length;
     for (const char byte : bytes.substr(1)) {
         code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
     }
@@ -57,11 +51,8 @@ bool isObeyed(char32_t code) {
 }
 
 std::string escape(const Character& character) {
-    if (character.code == '\n') {
-        return "\\n";
-    }
-    if (character.code == '\t') {
-        return "\\t";
+    if (character.code == '\n' || character.code == '\t') {
+        return character.code == '\n' ? "\\n" : "\\t";
     }
     std::array<char, 16> text{};
     std::snprintf(text.data(), text.size(), character.isWhole ? "\\u%04x" : "\\x%02x",

@@ -1,4 +1,4 @@
-// A snapshot's timeline as a person, or a script, reads it.
+// The timeline that a widget gets of a snapshot, with the reason for each date.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +14,17 @@ namespace halvo::records {
 struct Timeline {
     struct Row {
         WallDate date;
-        // Why the date is there, any of "start" (the timeline's own), "phase", "midnight" (a day's
-        // first instant) and "minute" (of a countdown).
+        // Any of "start" (the timeline's own), "phase", "midnight" (a day's first instant) and
+        // "minute" (of a countdown).
         std::vector<std::string> reasons;
         WidgetSnapshot::State state;
-
-        bool operator==(const Row&) const = default;
     };
 
     std::vector<Row> rows;
     WallDate reload;
 
-    bool operator==(const Timeline&) const = default;
-
-    // The timeline of `snapshot` that a widget asks for at `from`.
+    // The timeline of `snapshot` that a widget asks for at `from`: timelineDates() of the other
+    // arguments, and its reloadDate().
     static Timeline of(const WidgetSnapshot& snapshot, WallDate from,
                        const GregorianCalendar& calendar, Seconds countdownSpan, std::size_t limit);
 };

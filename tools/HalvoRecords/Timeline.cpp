@@ -1,13 +1,15 @@
-#include "tools/HalvoRecords/TimelineText.hpp"
+#include "tools/HalvoRecords/Timeline.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
+#include <utility>
 #include <variant>
 
 #include "HalvoShared/InternetDate.hpp"
-#include "tools/HalvoRecords/RecordText.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 
 namespace halvo::records {
@@ -19,49 +21,23 @@ std::optional<WallDate> endOf(const WidgetSnapshot::State& state) {
     return running == nullptr ? std::nullopt : running->end;
 }
 
-// Why dates are on the timeline of a snapshot.
-class Reasons {
-  public:
-    Reasons(const WidgetSnapshot& snapshot, WallDate from, const GregorianCalendar& calendar,
-            Seconds countdownSpan)
-        : from_(from), lastMinute_(from + countdownSpan), calendar_(calendar) {
-        starts_.reserve(snapshot.phases.size());
-        for (const WidgetSnapshot::Phase& phase : snapshot.phases) {
-            starts_.push_back(phase.start);
-        }
-        std::ranges::sort(starts_);
-    }
-
-    [[nodiscard]] std::vector<std::string> of(WallDate date,
-                                              const WidgetSnapshot::State& state) const {
-        std::vector<std::string> reasons;
-        if (date == from_) {
-            reasons.emplace_back("start");
-        }
-        if (std::ranges::binary_search(starts_, date)) {
-            reasons.emplace_back("phase");
-        }
-        if (calendar_.startOfDay(date) == date) {
-            reasons.emplace_back("midnight");
-        }
-        // What nothing else explains is a minute of a phase that another one overlaps.
-        if (reasons.empty() || isMinute(date, endOf(state))) {
-            reasons.emplace_back("minute");
-        }
-        return reasons;
-    }
-
-  private:
-    [[nodiscard]] bool isMinute(WallDate date, std::optional<WallDate> end) const {
-        return end && date > from_ && date <= std::min(*end, lastMinute_) &&
-               std::fmod(Seconds(*end - date).count(), 60) == 0;
-    }
-
-    WallDate from_;
-    WallDate lastMinute_;
-    const GregorianCalendar& calendar_;
-    std::vector<WallDate> starts_;
-};
+// What the state is and of what, without its times: `block "Deep work"`.
+std::string shortText(const WidgetSnapshot::State& state) {
+    constexpr std::array<const char*, std::variant_size_v<WidgetSnapshot::State>> kinds{
+        "block", "focus", "focus filter", "next", "nothing scheduled", "no blocks"};
+    const std::string kind = kinds.at(state.index());
+    return std::visit(
+        [&kind](const auto& shown) {
+            if constexpr (requires { shown.running; }) {
+                return kind + " " + inQuotes(shown.running.name);
+            } else if constexpr (requires { shown.upcoming; }) {
+                return kind + " " + inQuotes(shown.upcoming.name);
+            } else {
+                return kind;
+            }
+        },
+        state);
+}
 
 nlohmann::ordered_json dateJSON(WallDate date) {
     std::string text;
@@ -72,14 +48,32 @@ nlohmann::ordered_json dateJSON(WallDate date) {
 
 Timeline Timeline::of(const WidgetSnapshot& snapshot, WallDate from,
                       const GregorianCalendar& calendar, Seconds countdownSpan, std::size_t limit) {
+    std::set<WallDate> starts;
+    for (const WidgetSnapshot::Phase& phase : snapshot.phases) {
+        starts.insert(phase.start);
+    }
     const auto dates = snapshot.timelineDates(from, calendar, countdownSpan, limit);
-    const Reasons reasons(snapshot, from, calendar, countdownSpan);
     Timeline timeline{.rows = {}, .reload = snapshot.reloadDate(dates, from)};
     timeline.rows.reserve(dates.size());
     for (const WallDate date : dates) {
-        auto state = snapshot.state(date);
-        auto why = reasons.of(date, state);
-        timeline.rows.push_back({date, std::move(why), std::move(state)});
+        Row row{.date = date, .reasons = {}, .state = snapshot.state(date)};
+        if (date == from) {
+            row.reasons.emplace_back("start");
+        }
+        if (starts.contains(date)) {
+            row.reasons.emplace_back("phase");
+        }
+        if (calendar.startOfDay(date) == date) {
+            row.reasons.emplace_back("midnight");
+        }
+        const auto end = endOf(row.state);
+        const bool isMinute = end && date > from && date <= std::min(*end, from + countdownSpan) &&
+                              std::fmod(Seconds(*end - date).count(), 60) == 0;
+        // What nothing else explains is a minute of a phase that another one overlaps.
+        if (isMinute || row.reasons.empty()) {
+            row.reasons.emplace_back("minute");
+        }
+        timeline.rows.push_back(std::move(row));
     }
     return timeline;
 }

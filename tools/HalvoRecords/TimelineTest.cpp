@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/Support/SampleSnapshot.hpp"
-#include "tools/HalvoRecords/TimelineText.hpp"
+#include "tools/HalvoRecords/Timeline.hpp"
 
 namespace halvo::records {
 namespace {
@@ -18,7 +18,7 @@ GregorianCalendar calendarOf(const std::string& zone) {
     return GregorianCalendar::named(zone).value();
 }
 
-TEST(TimelineTextTest, HasTheDatesOfTheSnapshot) {
+TEST(TimelineTest, HasTheDatesOfTheSnapshot) {
     const S snapshot = sampleSnapshot();
     const GregorianCalendar utc = calendarOf("UTC");
     const Timeline timeline = Timeline::of(snapshot, nineOClock, utc, hour, 60);
@@ -31,7 +31,7 @@ TEST(TimelineTextTest, HasTheDatesOfTheSnapshot) {
     EXPECT_EQ(timeline.reload, snapshot.reloadDate(dates, nineOClock));
 }
 
-TEST(TimelineTextTest, SaysWhyEachDateIsThere) {
+TEST(TimelineTest, SaysWhyEachDateIsThere) {
     S snapshot = sampleSnapshot();
     const WallDate midnight = nineOClock + hour * 15;
     snapshot.phases = {{midnight - minute * 2, S::Block{testing::sampleRun(midnight + minute)}},
@@ -45,7 +45,7 @@ TEST(TimelineTextTest, SaysWhyEachDateIsThere) {
     EXPECT_EQ(timeline.rows[3].reasons, Reasons{"phase"});
 }
 
-TEST(TimelineTextTest, CountsNoMinutesPastTheSpan) {
+TEST(TimelineTest, CountsNoMinutesPastTheSpan) {
     S snapshot = sampleSnapshot();
     const WallDate midnight = nineOClock + hour * 15;
     snapshot.phases = {{nineOClock, S::Block{testing::sampleRun(midnight + hour)}}};
@@ -56,7 +56,7 @@ TEST(TimelineTextTest, CountsNoMinutesPastTheSpan) {
     EXPECT_EQ(timeline.rows[2].reasons, Reasons{"midnight"});
 }
 
-TEST(TimelineTextTest, ExplainsAMinuteOfAPhaseThatAnotherOverlaps) {
+TEST(TimelineTest, ExplainsAMinuteOfAPhaseThatAnotherOverlaps) {
     S snapshot = sampleSnapshot();
     snapshot.phases = {{nineOClock, S::Block{testing::sampleRun(nineOClock + minute * 2)}},
                        {nineOClock - hour, S::NoBlocks{}}};
@@ -67,7 +67,7 @@ TEST(TimelineTextTest, ExplainsAMinuteOfAPhaseThatAnotherOverlaps) {
     }
 }
 
-TEST(TimelineTextTest, BeginsDaysWhereTheZoneDoes) {
+TEST(TimelineTest, BeginsDaysWhereTheZoneDoes) {
     const Timeline timeline =
         Timeline::of(sampleSnapshot(), nineOClock + hour, calendarOf("Asia/Tokyo"), Seconds{0}, 60);
     ASSERT_GE(timeline.rows.size(), 3U);
@@ -75,7 +75,7 @@ TEST(TimelineTextTest, BeginsDaysWhereTheZoneDoes) {
     EXPECT_EQ(timeline.rows[2].reasons, Reasons{"midnight"});
 }
 
-TEST(TimelineTextTest, IsATable) {
+TEST(TimelineTest, IsATable) {
     const GregorianCalendar berlin = calendarOf("Europe/Berlin");
     const Timeline timeline =
         Timeline::of(sampleSnapshot(), nineOClock + minute * 9, berlin, minute * 2, 60);
@@ -94,7 +94,7 @@ TEST(TimelineTextTest, IsATable) {
 )");
 }
 
-TEST(TimelineTextTest, IsJSON) {
+TEST(TimelineTest, IsJSON) {
     const Timeline timeline{.rows = {{nineOClock, {"start"}, S::NoBlocks{}},
                                      {nineOClock + minute, {"minute"}, S::NoBlocks{}}},
                             .reload = nineOClock + hour};
@@ -108,7 +108,7 @@ TEST(TimelineTextTest, IsJSON) {
 )");
 }
 
-TEST(TimelineTextTest, HasNoJSONForADatePastAllTexts) {
+TEST(TimelineTest, HasNoJSONForADatePastAllTexts) {
     EXPECT_EQ(asJSON({.rows = {}, .reload = wallDate(253402300800)}),
               "{\n  \"dates\": [],\n  \"reload\": null\n}\n");
 }
