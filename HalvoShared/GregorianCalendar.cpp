@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 namespace halvo {
@@ -73,18 +72,18 @@ std::expected<GregorianCalendar, std::string> GregorianCalendar::named(const std
 }
 
 GregorianCalendar GregorianCalendar::system() {
+    std::optional<std::string> ofProcess;
     if (const char* value = std::getenv("TZ"); value != nullptr) {
-        const std::string_view text(value);
-        if (auto calendar = named(std::string(text.substr(text.starts_with(':') ? 1 : 0)))) {
+        ofProcess = value + (*value == ':' ? 1 : 0);
+    }
+    for (const auto& name : {ofProcess, timeZoneOfMachine()}) {
+        if (auto calendar = named(name.value_or(""))) {
             return *calendar;
         }
     }
-    if (const auto name = timeZoneOfMachine()) {
-        if (auto calendar = named(*name)) {
-            return *calendar;
-        }
-    }
-    return GregorianCalendar(TimeZone::utc());
+    return GregorianCalendar(
+        {.name = "UTC",
+         .changes = {{sys_seconds::min(), seconds{0}}, {sys_seconds::max(), seconds{0}}}});
 }
 
 const std::string& GregorianCalendar::zoneName() const { return zone_->name; }

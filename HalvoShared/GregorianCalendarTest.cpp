@@ -37,18 +37,10 @@ constexpr double hour = 3600;
 
 // The instant of a text such as "2024-03-31T10:00" or "1893-03-31T11:06:32", in UTC.
 WallDate at(const std::string& text) {
-    int y = 0;
-    int month = 0;
-    int day = 0;
-    int hours = 0;
-    int minutes = 0;
-    int seconds = 0;
-    EXPECT_GE(std::sscanf(text.c_str(), "%d-%d-%dT%d:%d:%d", &y, &month, &day, &hours, &minutes,
-                          &seconds),
-              5)
-        << text;
-    return std::chrono::sys_days{std::chrono::year{y} / month / day} + std::chrono::hours{hours} +
-           std::chrono::minutes{minutes} + std::chrono::seconds{seconds};
+    tm utc{};
+    const char* seconds = strptime(text.c_str(), "%Y-%m-%dT%H:%M", &utc);
+    EXPECT_TRUE(seconds != nullptr && (*seconds == '\0' || strptime(seconds, ":%S", &utc))) << text;
+    return wallDate(static_cast<double>(timegm(&utc)));
 }
 
 // The inverse of at(), so that what differs can be read; a fraction follows in seconds.
@@ -56,19 +48,18 @@ std::string text(std::optional<WallDate> date) {
     if (!date) {
         return "nothing";
     }
-    const auto whole = std::chrono::floor<std::chrono::seconds>(*date);
-    const std::time_t time = whole.time_since_epoch().count();
+    const double seconds = secondsSince1970(*date);
+    const double fraction = seconds - std::floor(seconds);
+    const std::time_t time = static_cast<std::time_t>(std::floor(seconds));
     tm utc{};
     gmtime_r(&time, &utc);
     std::array<char, 64> buffer{};
-    std::snprintf(buffer.data(), buffer.size(), "%04d-%02d-%02dT%02d:%02d", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min);
+    std::snprintf(buffer.data(), buffer.size(), "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
     std::string result = buffer.data();
-    if (utc.tm_sec != 0) {
-        std::snprintf(buffer.data(), buffer.size(), ":%02d", utc.tm_sec);
-        result += buffer.data();
+    if (utc.tm_sec == 0) {
+        result.resize(result.size() - 3);
     }
-    const double fraction = Seconds(*date - whole).count();
     return result + (fraction == 0 ? "" : "+" + std::to_string(fraction));
 }
 
@@ -341,15 +332,17 @@ TEST(GregorianCalendarTest, KeepsFractionsOfASecond) {
 TEST(GregorianCalendarTest, GivesNothingForDatesOutsideItsRange) {
     const auto calendar = calendarOf("Europe/Berlin");
     for (const double seconds :
-         {infinity, -infinity, 1e300, -1e300, 1e19, secondsSince1970(at("10000-01-01T00:00")),
+         {infinity, -infinity, 1e300, -1e300, 1e19, 253'402'300'800.0,
           std::nextafter(secondsSince1970(at("0001-01-01T00:00")), -infinity)}) {
         EXPECT_EQ(calendar.startOfDay(wallDate(seconds)), wallDate(seconds)) << seconds;
         EXPECT_EQ(calendar.startOfNextDay(wallDate(seconds)), std::nullopt) << seconds;
         EXPECT_EQ(calendar.addingDays(0, wallDate(seconds)), std::nullopt) << seconds;
+        EXPECT_EQ(calendar.offset(wallDate(seconds)), Seconds{0}) << seconds;
     }
     EXPECT_TRUE(std::isnan(secondsSince1970(calendar.startOfDay(wallDate(notANumber)))));
     EXPECT_EQ(calendar.startOfNextDay(wallDate(notANumber)), std::nullopt);
     EXPECT_EQ(calendar.addingDays(0, wallDate(notANumber)), std::nullopt);
+    EXPECT_EQ(calendar.offset(wallDate(notANumber)), Seconds{0});
 }
 
 TEST(GregorianCalendarTest, ServesTheFirstAndTheLastDayOfItsRange) {
@@ -379,14 +372,6 @@ TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
     EXPECT_EQ(berlin.offset(at("9026-07-01T00:00")), Seconds{2 * hour});
     EXPECT_EQ(calendarOf("America/St_Johns").offset(at("2026-11-20T00:00")), Seconds{-3.5 * hour});
     EXPECT_EQ(calendarOf("UTC").offset(at("2026-11-20T00:00")), Seconds{0});
-}
-
-TEST(GregorianCalendarTest, KnowsNoOffsetOutsideItsRange) {
-    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
-    for (const double date :
-         {-infinity, -1e300, -62135596801.0, 253402300800.0, infinity, notANumber}) {
-        EXPECT_EQ(berlin.offset(wallDate(date)), Seconds{0}) << date;
-    }
 }
 
 TEST(GregorianCalendarTest, KnowsItsZone) {

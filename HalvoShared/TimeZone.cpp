@@ -19,7 +19,6 @@ using std::chrono::days;
 using std::chrono::floor;
 using std::chrono::hours;
 using std::chrono::local_days;
-using std::chrono::minutes;
 using std::chrono::seconds;
 using std::chrono::sys_days;
 using std::chrono::sys_seconds;
@@ -42,19 +41,14 @@ struct YearlyChange {
 
     [[nodiscard]] local_days dayIn(year year) const {
         constexpr int lastOfFebruary = 31 + 28;
-        const local_days first{year / 1 / 1};
-        switch (kind) {
-            case 'M': {
-                const auto inMonth = year / month;
-                const std::chrono::weekday ofWeek{static_cast<unsigned>(weekday)};
-                return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
-                                 : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
-            }
-            case 'J':
-                return first + days{day - (year.is_leap() && day > lastOfFebruary ? 0 : 1)};
-            default:
-                return first + days{day};
+        if (kind == 'M') {
+            const auto inMonth = year / month;
+            const std::chrono::weekday ofWeek{static_cast<unsigned>(weekday)};
+            return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
+                             : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
         }
+        const bool countsFromOne = kind == 'J' && !(year.is_leap() && day > lastOfFebruary);
+        return local_days{year / 1 / 1} + days{day - (countsFromOne ? 1 : 0)};
     }
 
     // `before` is the offset before the change.
@@ -66,15 +60,12 @@ struct YearlyChange {
 // What the TZ variable of tzset(3) says, and the last line of a file of tzfile(5), with the times
 // of day from -167 to 167 hours that RFC 8536 (3.3.1) adds.
 struct Rule {
+    seconds standard{};
+    bool hasSummer = false;
     // The part of the year with another offset; it may be winter, with a smaller one.
-    struct Summer {
-        seconds offset{};
-        YearlyChange begin;
-        YearlyChange end;
-    };
-
-    seconds standardOffset{};
-    std::optional<Summer> summer;
+    seconds summer{};
+    YearlyChange begin;
+    YearlyChange end;
 };
 
 // Reads a rule from the front. Once something was not as it must be, `failed_` stays true and what
@@ -89,15 +80,14 @@ class RuleReader {
         Rule rule;
         skipName();
         // The text counts westward, as POSIX does.
-        rule.standardOffset = -time(mostHoursOfOffset);
-        if (!failed_ && !rest_.empty()) {
-            Rule::Summer summer;
+        rule.standard = -time(mostHoursOfOffset);
+        rule.hasSummer = !failed_ && !rest_.empty();
+        if (rule.hasSummer) {
             skipName();
-            summer.offset =
-                rest_.starts_with(',') ? rule.standardOffset + hours{1} : -time(mostHoursOfOffset);
-            summer.begin = change();
-            summer.end = change();
-            rule.summer = summer;
+            rule.summer =
+                rest_.starts_with(',') ? rule.standard + hours{1} : -time(mostHoursOfOffset);
+            rule.begin = change();
+            rule.end = change();
         }
         require(rest_.empty());
         return failed_ ? std::nullopt : std::optional(rule);
@@ -131,11 +121,8 @@ class RuleReader {
             skip('+');
         }
         seconds span = hours{number(0, mostHours)};
-        if (skip(':')) {
-            span += minutes{number(0, 59)};
-            if (skip(':')) {
-                span += seconds{number(0, 59)};
-            }
+        for (const seconds unit : {seconds{60}, seconds{1}}) {
+            span += skip(':') ? unit * number(0, 59) : seconds{0};
         }
         return sign * span;
     }
@@ -189,9 +176,8 @@ void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     }
 }
 
-// Appends what `summer` and `standard` time make of the years after `last`, the last change listed.
-void appendYears(std::vector<OffsetChange>& changes, const Rule::Summer& summer, seconds standard,
-                 sys_seconds last) {
+// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed.
+void appendYears(std::vector<OffsetChange>& changes, const Rule& rule, sys_seconds last) {
     constexpr year end{10'000};
     const sys_days known =
         std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{end / 1 / 1});
@@ -199,8 +185,8 @@ void appendYears(std::vector<OffsetChange>& changes, const Rule::Summer& summer,
     std::vector<OffsetChange> ends;
     // Changes may fall some days outside of the year to which they belong.
     for (year y = std::chrono::year_month_day{known}.year() - years{1}; y <= end; ++y) {
-        begins.push_back({summer.begin.instantIn(y, standard), summer.offset});
-        ends.push_back({summer.end.instantIn(y, summer.offset), standard});
+        begins.push_back({rule.begin.instantIn(y, rule.standard), rule.summer});
+        ends.push_back({rule.end.instantIn(y, rule.summer), rule.standard});
     }
     std::vector<OffsetChange> ruled;
     // When a summer begins as the one before ends, the beginning comes last and counts.
@@ -292,16 +278,6 @@ std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
                                                                     : std::optional(offsets);
 }
 
-// RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends. Nothing
-// when `rest`, what follows the tables, is anything else.
-std::optional<std::string_view> footerOf(std::string_view rest) {
-    if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
-        return std::nullopt;
-    }
-    const std::string_view footer = rest.substr(1, rest.size() - 2);
-    return isPrintable(footer) ? std::optional(footer) : std::nullopt;
-}
-
 }  // namespace
 
 std::expected<TimeZone, std::string> TimeZone::read(const std::string& name) {
@@ -362,26 +338,25 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
         append(zone.changes, {time, (*offsets)[kind]});
     }
     if (hasSecondPart) {
-        const auto footer = footerOf(rest);
-        if (!footer) {
+        // RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends.
+        if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
             return damaged;
         }
-        const auto rule = RuleReader(*footer).rule();
-        if (!rule && !footer->empty()) {
-            return std::unexpected("the time zone \"" + name +
-                                   "\" has a rule that cannot be read: " + std::string(*footer));
+        const std::string_view text = rest.substr(1, rest.size() - 2);
+        if (!isPrintable(text)) {
+            return damaged;
         }
-        if (rule && rule->summer) {
-            appendYears(zone.changes, *rule->summer, rule->standardOffset, last);
+        const auto rule = RuleReader(text).rule();
+        if (!rule && !text.empty()) {
+            return std::unexpected("the time zone \"" + name +
+                                   "\" has a rule that cannot be read: " + std::string(text));
+        }
+        if (rule && rule->hasSummer) {
+            appendYears(zone.changes, *rule, last);
         }
     }
     append(zone.changes, {sys_seconds::max(), seconds::max()});
     return zone;
-}
-
-TimeZone TimeZone::utc() {
-    return {.name = "UTC",
-            .changes = {{sys_seconds::min(), seconds{0}}, {sys_seconds::max(), seconds{0}}}};
 }
 
 std::optional<std::string> timeZoneOfMachine() {

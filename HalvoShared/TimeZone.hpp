@@ -38,9 +38,6 @@ struct TimeZone {
     // and one with a rule that cannot be read: a wrong hour is worse than none.
     static std::expected<TimeZone, std::string> parse(std::string_view bytes,
                                                       const std::string& name);
-
-    // UTC itself, which needs no file.
-    static TimeZone utc();
 };
 
 // The name of the zone to which the machine is set: what follows the last "zoneinfo/" in what
