@@ -7,19 +7,22 @@
 #include <string>
 
 #include "HalvoShared/Calendar.hpp"
+#include "HalvoShared/TimeZone.hpp"
 
 namespace halvo {
 
 // The Gregorian calendar, also before it was introduced, in one time zone of the IANA database. Its
 // range are the years 1 to 9999 in UTC; a date that is not finite is outside of it.
 //
-// An immutable value whose copies share what was read. Making one reads the zone's file, a fraction
-// of a millisecond; after that no member reads, waits or allocates. The files are those in
+// An immutable value whose copies share what was read. Making one reads the zone's file, about
+// a millisecond; after that no member reads, waits or allocates. The files are those in
 // /usr/share/zoneinfo (see tzfile(5)); TZDIR does not count. Newer files are seen by the next.
 class GregorianCalendar final : public Calendar {
   public:
+    explicit GregorianCalendar(TimeZone zone);
+
     // The calendar of the zone `name`, such as "Europe/Berlin", links such as "Eire" included. Any
-    // thread. Fails as TimeZoneFile::read does, with a sentence for a person, without a full stop:
+    // thread. Fails as TimeZone::read does, with a sentence for a person, without a full stop:
     // `no time zone is named "X"`, or why its file cannot be used.
     static std::expected<GregorianCalendar, std::string> named(const std::string& name);
 
@@ -46,11 +49,10 @@ class GregorianCalendar final : public Calendar {
     [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override;
 
   private:
-    struct Zone;
+    // The change since which clocks go as they do at `instant`.
+    [[nodiscard]] const OffsetChange* changeAt(std::chrono::sys_seconds instant) const;
 
-    explicit GregorianCalendar(std::shared_ptr<const Zone> zone);
-
-    std::shared_ptr<const Zone> zone_;
+    std::shared_ptr<const TimeZone> zone_;
 };
 
 }  // namespace halvo
