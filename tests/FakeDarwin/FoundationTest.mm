@@ -1,10 +1,8 @@
 #import <Foundation/Foundation.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -77,54 +75,6 @@ TEST_F(FoundationTest, HasATextThatUTF8CannotHold) {
     }
 }
 
-TEST_F(FoundationTest, FindsWhatADictionaryHolds) {
-    @autoreleasepool {
-        NSDictionary<NSString*, id>* dictionary = @{@"a" : @"1", @"b" : [NSObject new]};
-        EXPECT_EQ(dictionary.count, 2U);
-        EXPECT_EQ(bytes(dictionary[text("a")]), "1");
-        EXPECT_EQ(dictionary[@"c"], nil);
-        EXPECT_EQ(@{}.count, 0U);
-        EXPECT_EQ(@[].count, 0U);
-    }
-    EXPECT_EQ(fake::liveObjects("NSDictionary"), 0);
-}
-
-TEST_F(FoundationTest, EnumeratesMoreThanFitsIntoOneBuffer) {
-    @autoreleasepool {
-        std::vector<NSString*> names;
-        NSMutableArray<NSString*>* array = [NSMutableArray array];
-        for (int i = 0; i < 40; ++i) {
-            names.push_back(text(std::to_string(i)));
-            [array addObject:names.back()];
-        }
-        NSDictionary* dictionary = [NSDictionary dictionaryWithObjects:names.data()
-                                                               forKeys:names.data()
-                                                                 count:names.size()];
-        std::string fromDictionary;
-        for (NSString* name in dictionary) {
-            fromDictionary += bytes(dictionary[name]);
-        }
-        std::string fromArray;
-        for (NSString* name in array) {
-            fromArray += bytes(name);
-        }
-        EXPECT_EQ(fromArray.size(), 70U);
-        EXPECT_EQ(fromArray, fromDictionary);
-    }
-}
-
-TEST_F(FoundationTest, CopiesAMutableArray) {
-    @autoreleasepool {
-        NSMutableArray* array = [NSMutableArray array];
-        [array addObject:@"a"];
-        NSArray* copy = [array copy];
-        [array addObject:@"b"];
-        EXPECT_EQ(copy.count, 1U);
-        EXPECT_EQ(array.count, 2U);
-        EXPECT_EQ(copy.firstObject, @"a");
-    }
-}
-
 TEST_F(FoundationTest, RefusesNilWhereFoundationThrows) {
     @autoreleasepool {
         NSString* nothing = nil;
@@ -136,12 +86,6 @@ TEST_F(FoundationTest, RefusesNilWhereFoundationThrows) {
         NSXPCListener* listener = [[NSXPCListener alloc] initWithMachServiceName:@"service"];
         EXPECT_DEATH([listener setConnectionCodeSigningRequirement:nothing],
                      "nil as a code-signing requirement");
-    }
-}
-
-TEST_F(FoundationTest, KeepsADate) {
-    @autoreleasepool {
-        EXPECT_EQ([NSDate dateWithTimeIntervalSince1970:1.5].timeIntervalSince1970, 1.5);
     }
 }
 
@@ -165,83 +109,12 @@ TEST_F(FoundationTest, ReadsABundleFromTheDisk) {
     }
 }
 
-TEST_F(FoundationTest, ReadsAFlatBundle) {
-    @autoreleasepool {
-        const TemporaryFolder folder;
-        writeTestFile(folder / "Info.plist", halvoInfo);
-        writeTestFile(folder / "Halvo", "");
-        NSBundle* bundle = [[NSBundle alloc] initWithPath:text(folder.path())];
-        EXPECT_EQ(bytes(bundle.executablePath), folder / "Halvo");
-    }
-}
-
 TEST_F(FoundationTest, HasNoBundleWhereThereIsNoFolder) {
     @autoreleasepool {
         const TemporaryFolder folder;
         writeTestFile(folder / "file", "");
         EXPECT_EQ([[NSBundle alloc] initWithPath:text(folder / "nothing")], nil);
         EXPECT_EQ([[NSBundle alloc] initWithPath:text(folder / "file")], nil);
-    }
-}
-
-TEST_F(FoundationTest, KnowsNothingOfABundleWithoutAReadableInfoPlist) {
-    @autoreleasepool {
-        const TemporaryFolder folder;
-        NSBundle* bundle = [[NSBundle alloc] initWithPath:text(folder.path())];
-        EXPECT_EQ(bundle.infoDictionary.count, 0U);
-        EXPECT_EQ(bundle.executablePath, nil);
-        writeTestFile(folder / "Info.plist", "<plist version=\"1.0\"><string>a</string></plist>");
-        EXPECT_EQ(bundle.infoDictionary.count, 0U);
-    }
-}
-
-TEST_F(FoundationTest, HasTheMainBundleOfTheWorld) {
-    @autoreleasepool {
-        fake::world().mainInfo = halvoInfo;
-        EXPECT_EQ(NSBundle.mainBundle.infoDictionary.count, 2U);
-        EXPECT_EQ(bytes(NSBundle.mainBundle.executablePath), fake::world().mainExecutable);
-        fake::world().mainExecutable.reset();
-        EXPECT_EQ(NSBundle.mainBundle.executablePath, nil);
-        fake::setMainInfo(@{fake::loneSurrogate() : @"value"});
-        EXPECT_EQ(NSBundle.mainBundle.infoDictionary.count, 1U);
-        fake::reset();
-        EXPECT_EQ(NSBundle.mainBundle.infoDictionary.count, 0U);
-    }
-}
-
-TEST_F(FoundationTest, KnowsTheContainersOfGroups) {
-    @autoreleasepool {
-        fake::world().groupContainers["group"] = "/container";
-        NSFileManager* files = NSFileManager.defaultManager;
-        EXPECT_EQ(bytes([files containerURLForSecurityApplicationGroupIdentifier:@"group"].path),
-                  "/container");
-        EXPECT_EQ(bytes([files containerURLForSecurityApplicationGroupIdentifier:@"other"].path),
-                  "/proc/Group Containers/other");
-    }
-}
-
-TEST_F(FoundationTest, MakesFolders) {
-    @autoreleasepool {
-        const TemporaryFolder folder;
-        fake::world().applicationSupport = folder.path();
-        NSFileManager* files = NSFileManager.defaultManager;
-        NSURL* support = [files URLsForDirectory:NSApplicationSupportDirectory
-                                       inDomains:NSUserDomainMask]
-                             .firstObject;
-        NSURL* inner = [[support URLByAppendingPathComponent:@"a"
-                                                 isDirectory:YES] URLByAppendingPathComponent:@"b"
-                                                                                  isDirectory:YES];
-        NSError* error = nil;
-        EXPECT_FALSE([files createDirectoryAtURL:inner
-                     withIntermediateDirectories:NO
-                                      attributes:nil
-                                           error:&error]);
-        EXPECT_EQ(bytes(error.localizedDescription), "No such file or directory");
-        EXPECT_TRUE([files createDirectoryAtURL:inner
-                    withIntermediateDirectories:YES
-                                     attributes:nil
-                                          error:nil]);
-        EXPECT_TRUE(std::filesystem::is_directory(folder / "a/b"));
     }
 }
 
@@ -278,16 +151,6 @@ TEST_F(FoundationTest, GivesATaskItsOwnEnvironmentWithoutAnother) {
         EXPECT_EQ(fake::world().launches.at(0).environment.at("HALVO_TASK"), "yes");
         EXPECT_FALSE(fake::world().launches.at(0).hasTerminationHandler);
         unsetenv("HALVO_TASK");
-    }
-}
-
-TEST_F(FoundationTest, SaysWhyATaskCannotBeLaunched) {
-    @autoreleasepool {
-        fake::world().launchError = "No such file";
-        NSError* error = nil;
-        EXPECT_FALSE([sampleTask() launchAndReturnError:&error]);
-        EXPECT_EQ(bytes(error.localizedDescription), "No such file");
-        EXPECT_TRUE(fake::world().launches.empty());
     }
 }
 

@@ -1,18 +1,13 @@
-#import <Foundation/Foundation.h>
-#import <SystemConfiguration/SystemConfiguration.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libproc.h>
 #include <sys/proc_info.h>
 #include <sys/stat.h>
 #include <sys/sysctl.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <string>
 
 #include "FakeDarwin.hpp"
@@ -59,19 +54,6 @@ TEST_F(SystemTest, TellsTheBootSession) {
     EXPECT_EQ(sysctlbyname("kern.bootsessionuuid", nullptr, &size, nullptr, 0), -1);
 }
 
-TEST_F(SystemTest, ListsProcesses) {
-    fake::world().processes = {{.pid = 7}, {.pid = 0}, {.pid = 9}};
-    EXPECT_EQ(proc_listallpids(nullptr, 0), 3);
-    std::array<pid_t, 4> pids{-1, -1, -1, -1};
-    EXPECT_EQ(proc_listallpids(pids.data(), sizeof pids), 3);
-    EXPECT_EQ(pids, (std::array<pid_t, 4>{7, 0, 9, -1}));
-    EXPECT_EQ(proc_listallpids(pids.data(), sizeof(pid_t)), 1);
-    fake::world().announcedProcesses = -1;
-    fake::world().listedProcesses = 100;
-    EXPECT_EQ(proc_listallpids(nullptr, 0), -1);
-    EXPECT_EQ(proc_listallpids(pids.data(), sizeof pids), 100);
-}
-
 TEST_F(SystemTest, TellsOfAProcess) {
     fake::world().processes = {{.pid = 7, .uid = 501, .path = std::string("/a\0b", 4)},
                                {.pid = 8, .infoSize = 0}};
@@ -110,47 +92,6 @@ TEST_F(SystemTest, KeepsFlagsOfFiles) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(fake::world().lchflagsCalls, 3);
     EXPECT_EQ(fake::world().flags.at(path), SF_IMMUTABLE | 0x80000000);
-}
-
-TEST_F(SystemTest, BringsFilesToTheDisk) {
-    const TemporaryFolder folder;
-    writeTestFile(folder / "item", "text");
-    const int file = open((folder / "item").c_str(), O_RDWR | O_CLOEXEC);
-    EXPECT_EQ(fcntl(file, F_FULLFSYNC), 0);
-    EXPECT_EQ(fsync(file), 0);
-    EXPECT_EQ(fcntl(file, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(fcntl(file, F_SETFD, 0), 0);
-    EXPECT_EQ(fcntl(file, F_GETFD), 0);
-    fake::world().fullSyncError = ENOTSUP;
-    fake::world().syncError = EIO;
-    EXPECT_EQ(fcntl(file, F_FULLFSYNC), -1);
-    EXPECT_EQ(errno, ENOTSUP);
-    EXPECT_EQ(fsync(file), -1);
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(fake::world().fullSyncCalls, 2);
-    EXPECT_EQ(fake::world().syncCalls, 2);
-    close(file);
-    fake::reset();
-    EXPECT_EQ(fcntl(file, F_FULLFSYNC), -1);
-    EXPECT_EQ(errno, EBADF);
-}
-
-TEST_F(SystemTest, KnowsWhoHasTheConsole) {
-    @autoreleasepool {
-        uid_t uid = 7;
-        gid_t gid = 0;
-        EXPECT_EQ(SCDynamicStoreCopyConsoleUser(nullptr, &uid, &gid), nullptr);
-        EXPECT_EQ(uid, 7U);
-        fake::world().consoleUser = "anna";
-        fake::world().consoleUID = 501;
-        NSString* name = CFBridgingRelease(SCDynamicStoreCopyConsoleUser(nullptr, &uid, &gid));
-        EXPECT_TRUE([name isEqualToString:@"anna"]);
-        EXPECT_EQ(uid, 501U);
-        EXPECT_EQ(gid, 20U);
-        name = CFBridgingRelease(SCDynamicStoreCopyConsoleUser(nullptr, nullptr, nullptr));
-        EXPECT_EQ(name.length, 4U);
-    }
-    EXPECT_EQ(fake::liveObjects("NSString"), 0);
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // The whole helper of macOS, from main() to its end, on simulated time.
 //
-// Each run is a process of its own. Before it calls main() it writes a script: what happens when,
-// in seconds since the start. The helper checks at 2, 4, 6 s and so on; the script acts in between.
+// How the parts are put together on macOS: the rules of each part are tested beside it. Each run is
+// a process of its own. Before it calls main() it writes a script: what happens when, in seconds
+// since the start. The helper checks at 2, 4, 6 s and so on; the script acts in between.
 #import <Foundation/Foundation.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,10 +41,8 @@ namespace halvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using Json = nlohmann::json;
 using Words = std::vector<std::string>;
 
@@ -159,49 +158,40 @@ class App {
     App(uid_t user, pid_t process, std::string path = executable)
         : user_(user), process_(process), path_(std::move(path)) {}
 
-    // The process alone.
-    void run() { fake::world().processes.push_back({process_, user_, path_}); }
-
     void connect() {
         connection_ = fake::connect(service, process_, user_);
         EXPECT_NE(connection_, nil);
     }
 
+    // Its process too.
     void start() {
-        run();
+        fake::world().processes.push_back({process_, user_, path_});
         connect();
     }
 
-    void disconnect() {
+    void quit() {
+        std::erase_if(fake::world().processes,
+                      [this](const fake::Process& process) { return process.pid == process_; });
         fake::invalidate(connection_);
         connection_ = nil;
     }
 
-    // The process alone.
-    void die() {
-        std::erase_if(fake::world().processes,
-                      [this](const fake::Process& process) { return process.pid == process_; });
-    }
-
-    void quit() {
-        die();
-        disconnect();
-    }
-
     // The requests. Each notes its reply.
 
-    void begin(double length, double startedAgo = 0, const std::string& bundle = app) {
+    void begin(double length) {
+        NSDate* started = [NSDate dateWithTimeIntervalSince1970:wallClock()];
         NSDate* until = [NSDate dateWithTimeIntervalSince1970:wallClock() + length];
-        NSDate* started = [NSDate dateWithTimeIntervalSince1970:wallClock() - startedAgo];
-        NSString* place = foundationText(bundle);
         request(^(id<HalvoHelperXPC> helper) {
-          [helper beginWithAppPath:place until:until started:started reply:noting("begin")];
+          [helper beginWithAppPath:foundationText(app)
+                             until:until
+                           started:started
+                             reply:noting("begin")];
         });
     }
 
-    void heartbeat(bool sessionEnding = false) {
+    void heartbeat() {
         request(^(id<HalvoHelperXPC> helper) {
-          [helper heartbeatWithSessionEnding:sessionEnding reply:noting("heartbeat")];
+          [helper heartbeatWithSessionEnding:NO reply:noting("heartbeat")];
         });
     }
 
@@ -260,7 +250,7 @@ App& newHoldingApp(uid_t user, double length) {
     return holding;
 }
 
-// ------------------------------------------------------------------------------------- in the test
+// ------------------------------------------------------------------------------- in the test
 
 struct HelperRun {
     int status = -1;
@@ -321,16 +311,6 @@ class WholeHelperPrivateMachineTest : public PrivateMachineTest {
         return result;
     }
 
-    // The machine goes on without a helper for a while.
-    void pass(double seconds) { machine.sinceBoot += static_cast<std::uint64_t>(seconds * 1e9); }
-
-    // The machine starts again, having been off for `seconds`.
-    void reboot(double seconds) {
-        machine.bootedAt += static_cast<double>(machine.sinceBoot) / 1e9 + seconds;
-        machine.sinceBoot = 0;
-        machine.bootSession = "another boot";
-    }
-
     // Whether the app carries the lock.
     [[nodiscard]] bool isLockedNow() { return (machine.flags[app] & immutable) != 0; }
 
@@ -339,9 +319,6 @@ class WholeHelperPrivateMachineTest : public PrivateMachineTest {
     TemporaryFolder disk;
 };
 
-// ---------------------------------------------------------------------------------------- the
-// start
-
 TEST_F(WholeHelperPrivateMachineTest, RunsOnlyAsRootAndSaysSoBeforeItLooksForItsIdentity) {
     machine.mainInfo = "";
     const HelperRun helper = run([this] { become(user); });
@@ -349,38 +326,19 @@ TEST_F(WholeHelperPrivateMachineTest, RunsOnlyAsRootAndSaysSoBeforeItLooksForIts
     EXPECT_THAT(helper.log, ElementsAre("error: The helper runs only as root, from launchd"));
 }
 
-struct IdentityRow {
-    std::string name;
-    std::string info;
-};
-
-class WholeHelperNoIdentityPrivateMachineTest : public WholeHelperPrivateMachineTest,
-                                                public ::testing::WithParamInterface<IdentityRow> {
-};
-
-TEST_P(WholeHelperNoIdentityPrivateMachineTest, EndsAtOnce) {
-    machine.mainInfo = GetParam().info;
-    const HelperRun helper = run([] {});
-    EXPECT_EQ(helper.status, 78);
-    EXPECT_EQ(helper.age, 0);
-    EXPECT_THAT(helper.log,
-                ElementsAre("error: The helper has no team or app identifier in its Info.plist"));
+TEST_F(WholeHelperPrivateMachineTest, EndsAtOnceWithoutAnIdentityInItsInfo) {
+    for (const std::string& info :
+         {std::string(), infoOf(member("HalvoAppBundleID", "com.example.app")),
+          infoOf(member("HalvoTeamID", "7QX4KD19MT"))}) {
+        machine.mainInfo = info;
+        const HelperRun helper = run([] {});
+        EXPECT_EQ(helper.status, 78) << info;
+        EXPECT_EQ(helper.age, 0);
+        EXPECT_THAT(
+            helper.log,
+            ElementsAre("error: The helper has no team or app identifier in its Info.plist"));
+    }
 }
-
-const std::string goodApp = member("HalvoAppBundleID", "com.example.app");
-const std::string goodTeam = member("HalvoTeamID", "7QX4KD19MT");
-
-INSTANTIATE_TEST_SUITE_P(
-    Infos, WholeHelperNoIdentityPrivateMachineTest,
-    ::testing::Values(
-        IdentityRow{"None", ""}, IdentityRow{"Empty", infoOf("")},
-        IdentityRow{"NoApp", infoOf(goodTeam)}, IdentityRow{"NoTeam", infoOf(goodApp)},
-        IdentityRow{"AppIsNoText",
-                    infoOf("<key>HalvoAppBundleID</key><integer>1</integer>" + goodTeam)},
-        IdentityRow{"TeamIsNoText", infoOf(goodApp + "<key>HalvoTeamID</key><true/>")},
-        IdentityRow{"BadApp", infoOf(member("HalvoAppBundleID", "com..example") + goodTeam)},
-        IdentityRow{"BadTeam", infoOf(goodApp + member("HalvoTeamID", "7qx4kd19mt"))}),
-    [](const auto& row) { return row.param.name; });
 
 TEST_F(WholeHelperPrivateMachineTest, OpensAsAUserOnlyWithThatWordInFront) {
     for (const Words& words :
@@ -436,35 +394,15 @@ TEST_F(WholeHelperPrivateMachineTest, ChecksEveryTwoSecondsAFifthOfASecondLateAt
     });
 }
 
-TEST_F(WholeHelperPrivateMachineTest, LeavesOtherSignalsTheirMeaning) {
-    run([] {
-        static const int others[]{SIGINT, SIGHUP, SIGQUIT};
-        for (const int signal : others) {
-            std::signal(signal, SIG_DFL);
-        }
-        fake::at(1, [] {
-            const auto disposition = [](int signal) {
-                struct sigaction action{};
-                sigaction(signal, nullptr, &action);
-                return action.sa_handler;
-            };
-            EXPECT_EQ(disposition(SIGTERM), SIG_IGN) << "a source watches it";
-            for (const int signal : others) {
-                EXPECT_FALSE(fake::raise(signal)) << signal;
-                EXPECT_EQ(disposition(signal), SIG_DFL) << signal;
-            }
-        });
-        fake::endAt(2);
-    });
-}
-
-// ------------------------------------------------------------------------------------- the
-// requests
-
-TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequests) {
+TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequestsLockingTheAppMeanwhile) {
     const HelperRun helper = run([this] {
         App& mine = newHoldingApp(user.uid, 600);
         fake::at(1.5, [&] {
+            EXPECT_TRUE(isLocked());
+            EXPECT_EQ(stored()["locked"], true);
+            EXPECT_EQ(stored()["appPath"], app);
+            EXPECT_EQ(stored()["remaining"], 600);
+            EXPECT_EQ(stored()["checkpoint"]["bootID"], "9F0C6A5E-0000-4000-8000-00000000B007");
             mine.heartbeat();
             mine.status();
             mine.end();
@@ -478,21 +416,6 @@ TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequests) {
                                           "end yes", "idle", "heartbeat no", "end no"));
     EXPECT_THAT(helper.log,
                 ElementsAre("Holding Ultra Hard mode for 600 s", "Ultra Hard mode let go: ended"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, LocksTheAppAndStoresTheCommitmentWhileItHolds) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(1.5, [&] {
-            EXPECT_TRUE(isLocked());
-            EXPECT_EQ(stored()["locked"], true);
-            EXPECT_EQ(stored()["appPath"], app);
-            EXPECT_EQ(stored()["remaining"], 600);
-            EXPECT_EQ(stored()["checkpoint"]["bootID"], "9F0C6A5E-0000-4000-8000-00000000B007");
-            mine.end();
-        });
-        fake::endAt(2.5);
-    });
     EXPECT_FALSE(isLockedNow());
     EXPECT_FALSE(fs::exists(stateFolder));
 }
@@ -523,142 +446,10 @@ TEST_F(WholeHelperPrivateMachineTest, CommitsACallersOwnBundleOnly) {
     EXPECT_FALSE(fs::exists(stateFolder));
 }
 
-TEST_F(WholeHelperPrivateMachineTest, KeepsTwoPeopleApart) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        App& theirs = newApp(other.uid);
-        fake::at(1.5, [&] {
-            theirs.start();
-            theirs.begin(60);
-            theirs.heartbeat();
-            theirs.status();
-            theirs.end();
-            mine.status();
-            mine.end();
-            theirs.begin(60);
-            mine.status();
-        });
-        fake::endAt(2.5);
-    });
-    EXPECT_THAT(helper.notes,
-                ElementsAre("begin yes", "begin no", "heartbeat no", "idle", "end no",
-                            "holding for 600 s, locked", "end yes", "begin yes", "idle"));
-    EXPECT_THAT(helper.log,
-                ElementsAre("Holding Ultra Hard mode for 600 s",
-                            "error: Refused a begin while another person's Ultra Hard mode runs",
-                            "Ultra Hard mode let go: ended", "Holding Ultra Hard mode for 60 s"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, HoldsNobodyForMoreThanADayFromTheStart) {
-    const HelperRun helper = run([this] {
-        App& mine = newApp(user.uid);
-        fake::at(1, [&] {
-            mine.start();
-            // Started 23 hours ago.
-            mine.begin(3 * 3600, 23 * 3600);
-            mine.begin(9 * 3600);
-            mine.status();
-        });
-        fake::at(3600.5, [&] { mine.status(); });
-        fake::at(3603, [&] { mine.status(); });
-        fake::endAt(3604);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "begin yes", "holding for 3600 s, locked",
-                                          "holding for 1 s, locked", "idle"));
-    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 3600 s",
-                                        "Holding Ultra Hard mode for 3600 s",
-                                        "Ultra Hard mode let go: deadline"));
-}
-
-// ----------------------------------------------------------------------------- the periodic checks
-
-TEST_F(WholeHelperPrivateMachineTest, LetsGoAtTheFirstCheckAfterTheDeadline) {
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 10);
-        fake::at(11.5, [] { EXPECT_TRUE(isLocked()) << "checked only at 12 s"; });
-        fake::at(12.5, [] {
-            EXPECT_FALSE(isLocked());
-            EXPECT_TRUE(stored().is_null());
-        });
-        fake::endAt(13);
-    });
-    EXPECT_EQ(helper.status, stillRuns);
-    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 10 s",
-                                        "Ultra Hard mode let go: deadline"));
-    EXPECT_FALSE(fs::exists(stateFolder));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, SavesTheBudgetOnceAMinute) {
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 600);
-        const auto noteBudget = [] {
-            note(std::to_string(std::lround(stored()["remaining"].get<double>())));
-        };
-        // A minute after the begin is at 61 s, the check after that at 62 s.
-        fake::at(61.5, noteBudget);
-        fake::at(62.5, noteBudget);
-        fake::at(121.5, noteBudget);
-        fake::at(122.5, noteBudget);
-        fake::endAt(123);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "600", "539", "539", "479"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, SetsALockAgainThatSomebodyTookOff) {
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 600);
-        fake::at(5, [] { fake::world().flags[app] = 0x8000; });
-        fake::at(6.5, [] { EXPECT_EQ(fake::world().flags[app], 0x8000 | immutable); });
-        fake::endAt(7);
-    });
-    EXPECT_THAT(helper.log,
-                ElementsAre("Holding Ultra Hard mode for 600 s", "Locked Halvo's app again"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, HoldsWithoutALockThatTheSystemRefuses) {
-    machine.lchflagsError = EPERM;
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(1.5, [&] { mine.status(); });
-        fake::endAt(5);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "holding for 600 s"));
-    EXPECT_THAT(helper.log, ElementsAre("error: Couldn't lock Halvo: errno 1",
-                                        "error: Couldn't lock Halvo's app",
-                                        "Holding Ultra Hard mode for 600 s"));
-    EXPECT_EQ(stored()["locked"], false);
-}
-
-TEST_F(WholeHelperPrivateMachineTest, SaysAtEachCheckThatALockCannotBeSetAgain) {
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 600);
-        fake::at(3, [] {
-            fake::world().flags[app] = 0;
-            fake::world().lchflagsError = EACCES;
-        });
-        fake::endAt(7);
-    });
-    EXPECT_THAT(helper.log,
-                ElementsAre("Holding Ultra Hard mode for 600 s",
-                            "error: Couldn't lock Halvo: errno 13", "Locked Halvo's app again",
-                            "error: Couldn't lock Halvo: errno 13", "Locked Halvo's app again"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, HoldsOnAMachineThatDoesNotTellItsBoot) {
-    machine.bootSession = std::nullopt;
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 600);
-        fake::endAt(3);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes"));
-    EXPECT_EQ(stored()["checkpoint"]["bootID"], "unknown");
-}
-
-// ------------------------------------------------------------------------------------- the opening
-
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
 
-TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuit) {
+// launchctl runs the words that follow the user as a program in that user's session.
+TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuitThroughItsOtherMode) {
     const HelperRun helper = run([this] {
         App& mine = newHoldingApp(user.uid, 600);
         // Last looked for, and seen, at 8 s.
@@ -671,23 +462,12 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuit) {
     EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s", opening));
     ASSERT_EQ(helper.launches.size(), 1U);
     const std::string uid = std::to_string(user.uid);
+    const Words& launched = helper.launches[0].arguments;
     EXPECT_EQ(helper.launches[0].executable, "/bin/launchctl");
-    EXPECT_THAT(helper.launches[0].arguments,
+    ASSERT_THAT(launched,
                 ElementsAre("asuser", uid, helperPath, "--open-as-user", uid, app, "--after-quit"));
     EXPECT_THAT(helper.launches[0].environment, IsEmpty());
-}
 
-// launchctl runs the words that follow the user as a program in that user's session.
-TEST_F(WholeHelperPrivateMachineTest, ReachesTheUsersOpenThroughTheOtherModeOfTheHelper) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(3, [&] { mine.quit(); });
-        fake::endAt(9);
-    });
-    ASSERT_EQ(helper.launches.size(), 1U);
-    const Words& launched = helper.launches[0].arguments;
-    ASSERT_GT(launched.size(), 2U);
-    ASSERT_EQ(launched[2], helperPath);
     const FakeOpen open;
     const ChildResult mode = runInChild([&] { callMain({launched.begin() + 2, launched.end()}); });
     EXPECT_EQ(mode.status, 0);
@@ -695,7 +475,6 @@ TEST_F(WholeHelperPrivateMachineTest, ReachesTheUsersOpenThroughTheOtherModeOfTh
     TestReport report = open.report();
     EXPECT_THAT(report["argument"], ElementsAre("/usr/bin/open", "-g", "-a", app, "--args",
                                                 "-halvoRelaunchedAfterQuit", "YES"));
-    const std::string uid = std::to_string(user.uid);
     EXPECT_THAT(report["user"], ElementsAre(uid, uid, uid));
     EXPECT_THAT(report["environment"],
                 ElementsAre("HOME=/home/" + userName, "USER=" + userName, "LOGNAME=" + userName,
@@ -725,16 +504,6 @@ TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithEverySignalAsItIsByDefa
     EXPECT_THAT(report["environment"], IsEmpty());
 }
 
-TEST_F(WholeHelperPrivateMachineTest, OpensNothingWhileTheAppRuns) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        // It hangs: it runs, but says nothing.
-        fake::at(2.5, [&] { mine.disconnect(); });
-        fake::endAt(120);
-    });
-    EXPECT_THAT(helper.launches, IsEmpty());
-}
-
 // As it is when it was dragged into place.
 TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACheckedCopy) {
     ASSERT_EQ(chown(app.c_str(), user.uid, user.gid), 0);
@@ -759,87 +528,6 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACh
     EXPECT_FALSE(fs::exists(stateFolder + ".copy")) << "nothing is left of it";
 }
 
-TEST_F(WholeHelperPrivateMachineTest, DoesNotTakeAnotherPersonsAppForTheCommittedOnes) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        App& theirs = newApp(other.uid);
-        fake::at(1.5, [&] {
-            theirs.run();
-            mine.quit();
-        });
-        fake::endAt(9);
-    });
-    EXPECT_EQ(helper.launches.size(), 1U);
-}
-
-TEST_F(WholeHelperPrivateMachineTest, TriesAgainAfterFifteenSecondsAndSaysWhyItCouldNot) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(1.5, [&] { mine.quit(); });
-        fake::at(7, [] { fake::world().launchError = "no launchctl"; });
-        fake::at(9, [] { fake::world().launchError = std::nullopt; });
-        fake::world().onLaunch = [](const fake::Launch&) { noteTime("open"); };
-        fake::endAt(41);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "open at 24", "open at 40"));
-    EXPECT_THAT(helper.log,
-                ElementsAre("Holding Ultra Hard mode for 600 s", opening,
-                            "error: Couldn't open Halvo: no launchctl", opening, opening,
-                            ::testing::StartsWith("error: Opened Halvo 2 times in a row")));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, OpensNothingWhileAnotherPersonIsAtTheConsole) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(1.5, [&] { mine.quit(); });
-        fake::at(3, [this] { fake::world().consoleUID = other.uid; });
-        // Nobody, then root, then the committed person again, who is given 6 s from the check at
-        // 62 s on.
-        fake::at(21, [] { fake::world().consoleUser = "loginwindow"; });
-        fake::at(41, [] {
-            fake::world().consoleUser = "root";
-            fake::world().consoleUID = 0;
-        });
-        fake::at(61, [this] {
-            fake::world().consoleUser = userName;
-            fake::world().consoleUID = user.uid;
-        });
-        fake::world().onLaunch = [](const fake::Launch&) { noteTime("open"); };
-        fake::endAt(69);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "open at 68"));
-    ASSERT_EQ(helper.launches.size(), 1U);
-    EXPECT_THAT(helper.launches[0].arguments, Not(Contains("--after-quit")))
-        << "it was not alive in this session at the console";
-}
-
-TEST_F(WholeHelperPrivateMachineTest, LeavesASessionThatEndsAloneForNinetySeconds) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(3, [&] {
-            mine.heartbeat(true);
-            mine.quit();
-        });
-        fake::world().onLaunch = [](const fake::Launch&) { noteTime("open"); };
-        fake::endAt(95);
-    });
-    // The 90 s are over at 93 s.
-    EXPECT_THAT(helper.notes, ElementsAre("begin yes", "heartbeat yes", "open at 94"));
-}
-
-TEST_F(WholeHelperPrivateMachineTest, OpensNothingOfAnAppThatIsGone) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 600);
-        fake::at(1.5, [&] {
-            mine.quit();
-            fs::remove_all(app);
-        });
-        fake::endAt(9);
-    });
-    EXPECT_THAT(helper.launches, IsEmpty());
-    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s", opening));
-}
-
 TEST_F(WholeHelperPrivateMachineTest, StartsItselfByItsFirstWordWhenTheBundleKnowsNoExecutable) {
     machine.mainExecutable = std::nullopt;
     const std::string elsewhere = app + "/Contents/HalvoHelper";
@@ -855,48 +543,11 @@ TEST_F(WholeHelperPrivateMachineTest, StartsItselfByItsFirstWordWhenTheBundleKno
     EXPECT_EQ(helper.launches[0].arguments.at(2), elsewhere);
 }
 
-// ------------------------------------------------------------------------------------------ the
-// end
-
 TEST_F(WholeHelperPrivateMachineTest, EndsWhenItHasHadNothingToDoForThirtySeconds) {
     const HelperRun helper = run([] { fake::endAt(60); });
     EXPECT_EQ(helper.status, 0);
     EXPECT_EQ(helper.age, 30);
     EXPECT_THAT(helper.log, IsEmpty());
-}
-
-TEST_F(WholeHelperPrivateMachineTest, EndsThirtySecondsAfterTheLastConnectionHasClosed) {
-    const HelperRun helper = run([this] {
-        App& first = newApp(user.uid);
-        App& second = newApp(other.uid);
-        fake::at(1, [&] { first.start(); });
-        fake::at(29, [&] { second.start(); });
-        fake::at(50, [&] { first.quit(); });
-        fake::at(1001, [&] { second.quit(); });
-        fake::endAt(2000);
-    });
-    EXPECT_EQ(helper.status, 0);
-    EXPECT_EQ(helper.age, 1032) << "the first check at which 30 s have passed";
-}
-
-TEST_F(WholeHelperPrivateMachineTest, StaysWhileAConnectionIsOpen) {
-    const HelperRun helper = run([this] {
-        App& mine = newApp(user.uid);
-        fake::at(1, [&] { mine.start(); });
-        fake::endAt(600);
-    });
-    EXPECT_EQ(helper.status, stillRuns);
-}
-
-TEST_F(WholeHelperPrivateMachineTest, StaysWhileItHoldsAndThirtySecondsLonger) {
-    const HelperRun helper = run([this] {
-        App& mine = newHoldingApp(user.uid, 100);
-        fake::at(2.5, [&] { mine.disconnect(); });
-        fake::endAt(600);
-    });
-    EXPECT_EQ(helper.status, 0);
-    // Last busy at the check at 100 s; let go at that at 102 s.
-    EXPECT_EQ(helper.age, 130);
 }
 
 TEST_F(WholeHelperPrivateMachineTest, EndsWithZeroWhenItIsTerminatedHoldingNothing) {
@@ -906,138 +557,34 @@ TEST_F(WholeHelperPrivateMachineTest, EndsWithZeroWhenItIsTerminatedHoldingNothi
     EXPECT_THAT(helper.log, IsEmpty());
 }
 
-TEST_F(WholeHelperPrivateMachineTest, EndsWithSeventyFiveAndTheLockOffWhenItIsTerminatedHolding) {
-    const HelperRun helper = run([this] {
+TEST_F(WholeHelperPrivateMachineTest, IsTakenUpByTheNextWhenItIsTerminatedHolding) {
+    const HelperRun first = run([this] {
         newHoldingApp(user.uid, 600);
-        fake::at(5, [] { fake::raise(SIGTERM); });
+        fake::at(11, [] { fake::raise(SIGTERM); });
     });
-    EXPECT_EQ(helper.status, 75);
-    EXPECT_EQ(helper.age, 5);
-    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for 600 s"));
+    EXPECT_EQ(first.status, 75);
+    EXPECT_EQ(first.age, 11);
+    EXPECT_THAT(first.log, ElementsAre("Holding Ultra Hard mode for 600 s"));
     EXPECT_FALSE(isLockedNow());
     EXPECT_EQ(stored()["locked"], true) << "the next helper sets it again";
-    EXPECT_EQ(stored()["remaining"], 596);
-}
+    EXPECT_EQ(stored()["remaining"], 590);
 
-TEST_F(WholeHelperPrivateMachineTest, EndsWithZeroWhenItIsTerminatedAfterTheTimeRanOut) {
-    const HelperRun helper = run([this] {
-        newHoldingApp(user.uid, 10);
-        fake::at(11.5, [] { fake::raise(SIGTERM); });
-    });
-    EXPECT_EQ(helper.status, 0);
-    EXPECT_FALSE(isLockedNow());
-    EXPECT_FALSE(stored().is_null()) << "the next helper lets it go";
-}
-
-// ---------------------------------------------------------------------------------- the next
-// helper
-
-class WholeHelperRestartPrivateMachineTest : public WholeHelperPrivateMachineTest {
-  protected:
-    // A helper that takes a commitment of 600 s and is terminated 10 s later.
-    void terminateWhileHolding() {
-        const HelperRun helper = run([this] {
-            newHoldingApp(user.uid, 600);
-            fake::at(11, [] { fake::raise(SIGTERM); });
+    // A boot later: the machine was off for 100 s, and is up for 30 s.
+    machine.bootedAt += static_cast<double>(machine.sinceBoot) / 1e9 + 100;
+    machine.sinceBoot = 30'000'000'000;
+    machine.bootSession = "another boot";
+    const HelperRun next = run([this] {
+        App& mine = newApp(user.uid);
+        fake::at(0, [&] {
+            mine.start();
+            mine.status();
         });
-        ASSERT_EQ(helper.status, 75);
-    }
-
-    // A helper that is asked for the status at once. The app runs all the while.
-    HelperRun restart() {
-        return run([this] {
-            App& mine = newApp(user.uid);
-            fake::at(0, [&] {
-                mine.start();
-                mine.status();
-            });
-            fake::endAt(3);
-        });
-    }
-};
-
-TEST_F(WholeHelperRestartPrivateMachineTest, HoldsOnBeforeItServesAnybody) {
-    terminateWhileHolding();
-    pass(5);
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.notes, ElementsAre("holding for 585 s, locked"));
-    EXPECT_THAT(helper.log, ElementsAre("Locked Halvo's app again",
-                                        "Holding Ultra Hard mode for another 585 s"));
-    EXPECT_TRUE(isLockedNow());
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, HoldsOnAfterAHelperThatWasKilled) {
-    run([this] {
-        newHoldingApp(user.uid, 600);
-        fake::endAt(11);
+        fake::endAt(3);
     });
-    EXPECT_TRUE(isLockedNow());
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.log, ElementsAre("Holding Ultra Hard mode for another 590 s"));
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, CountsTheTimeThatTheMachineWasOff) {
-    terminateWhileHolding();
-    reboot(100);
-    pass(30);
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.notes, ElementsAre("holding for 460 s, locked"));
+    EXPECT_THAT(next.notes, ElementsAre("holding for 460 s, locked"));
+    EXPECT_THAT(next.log, ElementsAre("Locked Halvo's app again",
+                                      "Holding Ultra Hard mode for another 460 s"));
     EXPECT_EQ(stored()["checkpoint"]["bootID"], "another boot");
-}
-
-// The wall clock cannot be trusted over a reboot; the time since then can.
-TEST_F(WholeHelperRestartPrivateMachineTest, CountsTheTimeSinceTheBootWhenTheClockWasSetBack) {
-    terminateWhileHolding();
-    reboot(0);
-    machine.bootedAt -= 1000;
-    pass(30);
-    EXPECT_THAT(restart().notes, ElementsAre("holding for 560 s, locked"));
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, LetsGoWhatHasRunOutMeanwhile) {
-    run([this] {
-        newHoldingApp(user.uid, 600);
-        fake::endAt(11);
-    });
-    EXPECT_TRUE(isLockedNow());
-    pass(600);
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.notes, ElementsAre("idle"));
-    EXPECT_THAT(helper.log, ElementsAre("Ultra Hard mode let go: expiredAtStartup"));
-    EXPECT_FALSE(isLockedNow());
-    EXPECT_FALSE(fs::exists(stateFolder));
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, GivesTheAppSixSecondsAndDoesNotCallItQuit) {
-    terminateWhileHolding();
-    const HelperRun helper = run([] {
-        fake::world().onLaunch = [](const fake::Launch&) { noteTime("open"); };
-        fake::endAt(7);
-    });
-    EXPECT_THAT(helper.notes, ElementsAre("open at 6"));
-    ASSERT_EQ(helper.launches.size(), 1U);
-    EXPECT_EQ(helper.launches[0].arguments.back(), app);
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, LiftsEverythingWhenTheStateCannotBeRead) {
-    fs::create_directories(stateFolder);
-    writeTestFile(stateFile, R"({"appPath": "/Applications/Halvo.app", "locked": true})");
-    machine.flags[app] = immutable | 0x8000;
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.notes, ElementsAre("idle"));
-    EXPECT_THAT(helper.log,
-                ElementsAre("error: The state file couldn't be read; everything was lifted"));
-    EXPECT_EQ(machine.flags[app], 0x8000U) << "other flags stay";
-    EXPECT_FALSE(fs::exists(stateFolder));
-}
-
-TEST_F(WholeHelperRestartPrivateMachineTest, UnlocksNothingThatAnUnreadableStateDoesNotName) {
-    fs::create_directories(stateFolder);
-    writeTestFile(stateFile, "no JSON");
-    machine.flags[app] = immutable;
-    const HelperRun helper = restart();
-    EXPECT_THAT(helper.log,
-                ElementsAre("error: The state file couldn't be read; everything was lifted"));
     EXPECT_TRUE(isLockedNow());
 }
 

@@ -15,13 +15,11 @@
 @end
 
 @interface Counter : NSObject <Counting>
-@property int counted;
 @end
 
 @implementation Counter
 
 - (void)countOne {
-    self.counted += 1;
 }
 
 @end
@@ -76,23 +74,6 @@ class XPCTest : public ::testing::Test {
     NSXPCListener* listener = nil;
     Door* door = nil;
 };
-
-TEST_F(XPCTest, TellsOfAListener) {
-    @autoreleasepool {
-        EXPECT_FALSE(fake::listener("other").has_value());
-        ASSERT_TRUE(fake::listener("service").has_value());
-        EXPECT_FALSE(fake::listener("service")->isResumed);
-        [listener setConnectionCodeSigningRequirement:@"anchor apple"];
-        [listener resume];
-        const auto state = fake::listener("service");
-        EXPECT_EQ(state->requirement, "anchor apple");
-        EXPECT_TRUE(state->isResumed);
-        EXPECT_TRUE(state->hadRequirementWhenResumed);
-        EXPECT_TRUE(state->hadDelegateWhenResumed);
-    }
-    listener = nil;
-    EXPECT_FALSE(fake::listener("service").has_value());
-}
 
 TEST_F(XPCTest, NoticesWhatCameTooLate) {
     @autoreleasepool {
@@ -155,18 +136,6 @@ TEST_F(XPCTest, CallsOnQueuesOfItsOwn) {
         });
         fake::invalidate(connection);
         EXPECT_EQ(calls, 3);
-    }
-}
-
-TEST_F(XPCTest, RequestsReachTheExportedObject) {
-    @autoreleasepool {
-        [listener resume];
-        NSXPCConnection* connection = fake::connect("service", 1, 2);
-        fake::request(connection, ^(id exported) {
-          [exported countOne];
-          [exported countOne];
-        });
-        EXPECT_EQ([(Counter*)connection.exportedObject counted], 2);
     }
 }
 

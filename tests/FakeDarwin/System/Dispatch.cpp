@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "../FakeDarwin.hpp"
@@ -61,6 +62,8 @@ struct Source : dispatch_source_s {
     long references = 1;
     bool isResumed = false;
     bool isCancelled = false;
+    // Of a signal: however many came since its handler last ran, it runs once for them all.
+    bool isPending = false;
 
     [[nodiscard]] bool isActive() const {
         return isResumed && !isCancelled && handler != nullptr && references > 0;
@@ -82,7 +85,10 @@ struct Item {
     void run() const {
         if (source == nullptr) {
             function(context);
-        } else if (source->isActive()) {
+            return;
+        }
+        source->isPending = false;
+        if (source->isActive()) {
             source->handler(source->context);
         }
     }
@@ -276,7 +282,9 @@ bool raise(int signal) {
     for (const SourcePointer& source : state().sources) {
         if (!source->isTimer && source->handle == static_cast<std::uintptr_t>(signal) &&
             source->isActive()) {
-            enqueue({.source = source});
+            if (!std::exchange(source->isPending, true)) {
+                enqueue({.source = source});
+            }
             isWatched = true;
         }
     }

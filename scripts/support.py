@@ -1,5 +1,4 @@
-"""What scripts/macos-coverage and scripts/mutate-macos share: where the macOS layer lies, how its
-tests run, and how the files are read in which people explain what the tests leave open."""
+"""What the scripts of this folder share."""
 
 import re
 import shutil
@@ -10,21 +9,12 @@ from pathlib import Path
 from typing import NoReturn
 
 ROOT = Path(__file__).resolve().parent.parent
-TESTS = "HalvoMacOSTests"
-# Those tests need people, an /Applications folder and a console of their own.
+# Suites that need people, an /Applications folder and a console of their own.
 PRIVATE_MACHINE = "*PrivateMachine*"
 
 
 def fail(text: str) -> NoReturn:
     sys.exit(f"{Path(sys.argv[0]).name}: {text}")
-
-
-def product_sources(tree: Path = ROOT) -> list[str]:
-    """The sources of the layer itself, relative to the checkout."""
-    folders = [*tree.glob("Halvo*/macOS"), *tree.glob("tools/*/macOS")]
-    found = [path for folder in folders for kind in ("cpp", "mm") for path in folder.glob(f"*.{kind}")]
-    names = sorted(str(path.relative_to(tree)) for path in found)
-    return [name for name in names if not re.search(r"Test\.(cpp|mm)$|/Fake[^/]*$", name)]
 
 
 def must(command: list[str | Path], **options) -> None:
@@ -49,7 +39,7 @@ def in_private_machine(command: list[str], writable: Path) -> list[str]:
 
 @dataclass
 class Explanation:
-    """A line of tests/FakeDarwin/uncovered or survivors, for one of its kinds:
+    """A line of a file in which the tests' known gaps are explained, for one of its kinds:
     FILE "part of a source line" [KIND[,KIND]...] REASON."""
 
     file: str
@@ -59,22 +49,21 @@ class Explanation:
     place: str
     is_used: bool = False
 
-    def where(self, source: str) -> list[tuple[int, int]]:
-        """The offsets in `source`, from and to, of each place where the fragment stands."""
-        found = re.finditer(re.escape(self.fragment), source)
-        return [match.span() for match in found]
+    def explains(self, file: str, text: str, offset: int) -> bool:
+        """Whether it is about `file`, whose text has the fragment around `offset`."""
+        found = re.finditer(re.escape(self.fragment), text)
+        return self.file == file and any(each.start() <= offset < each.end() for each in found)
 
 
 def read_explanations(path: Path, has_kind: bool) -> list[Explanation]:
-    """Ends the program when a line is not understood. No file: no explanations."""
+    """Ends the program when a line is not understood."""
     pattern = re.compile(
         r'(?P<file>\S+)\s+"(?P<fragment>(?:[^"\\]|\\.)+)"\s+'
         + (r"(?P<kinds>[a-z,-]+)\s+" if has_kind else "(?P<kinds>)")
         + r"(?P<reason>\S.*)"
     )
     explanations = []
-    lines = path.read_text(encoding="utf-8").splitlines() if path.exists() else []
-    for number, line in enumerate(lines, 1):
+    for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
         if not line.strip() or line.startswith("#"):
             continue
         place = f"{path.relative_to(ROOT)}:{number}"
