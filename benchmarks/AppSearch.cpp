@@ -1,6 +1,5 @@
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <cctype>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -27,30 +27,18 @@ std::size_t processesRunning() {
         [](const auto& entry) { return isProcess(entry.path().filename().c_str()); }));
 }
 
-pid_t spawn(std::vector<std::string> words) {
-    std::vector<char*> pointers;
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    pid_t process = 0;
-    errno = posix_spawn(&process, pointers[0], nullptr, nullptr, pointers.data(), nullptr);
-    require(errno == 0, words[0]);
-    return process;
-}
-
-int exitStatusOf(pid_t process) {
-    int status = 0;
-    require(waitpid(process, &status, 0) == process, "waitpid");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Programs that only sleep, as many as make up `count` processes with those that run already.
+// Processes that only sleep, as many as make up `count` processes with those that run already.
 class Sleepers {
   public:
     explicit Sleepers(std::size_t count) {
         for (std::size_t running = processesRunning(); running < count; ++running) {
-            sleepers_.push_back(spawn({"/usr/bin/sleep", "infinity"}));
+            const pid_t sleeper = fork();
+            require(sleeper >= 0, "fork");
+            if (sleeper == 0) {
+                pause();
+                _exit(EXIT_SUCCESS);
+            }
+            sleepers_.push_back(sleeper);
         }
     }
 
@@ -116,11 +104,12 @@ void measureAmong(std::size_t processes, Table& table, const Machine& machine) {
         });
     };
     const auto loop = [&] { return microsecondsOf(times, bareLoop); };
+    const std::string command =
+        "exec pgrep -u " + std::to_string(machine.person) + " -f " + machine.executable;
     const auto pgrep = [&] {
         return microsecondsOf(1, [&] {
             constexpr int nothingFound = 1;
-            if (exitStatusOf(spawn({"/usr/bin/pgrep", "-u", std::to_string(machine.person), "-f",
-                                    machine.executable})) != nothingFound) {
+            if (WEXITSTATUS(std::system(command.c_str())) != nothingFound) {
                 throw CannotMeasure("pgrep does not run as expected");
             }
         });

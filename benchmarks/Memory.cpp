@@ -1,10 +1,6 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <filesystem>
+#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "HalvoPlatform/Time.hpp"
@@ -12,8 +8,6 @@
 
 namespace halvo::benchmark {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A command that becomes the program given to it as its last word; none: the program itself.
 using Launcher = std::vector<std::string>;
@@ -41,33 +35,20 @@ Memory memoryOf(const Program& process) {
     return {values["Private_Dirty:"], values["Private_Dirty:"] + values["Private_Clean:"]};
 }
 
-// A file that was written a moment ago is not on the disk yet, and would count as dirty.
-void settle(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    require(syncfs(file.get()) == 0, path);
-}
-
-void copy(const std::string& from, const std::string& to) {
-    fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+// Also brings what was written to the disk: a file in memory alone would count as dirty.
+void copy(const std::string& files, const std::string& to) {
+    const std::string command = "{ " + files + "; } | xargs cp --dereference --target-directory='" +
+                                to + "' && sync --file-system '" + to + "'";
+    require(std::system(("mkdir --parents '" + to + "' && " + command).c_str()) == 0, command);
 }
 
 // What a process shares with others is not its own, so its USS depends on who else runs. Copies of
 // the libraries settle that: only the program that is weighed uses them, on any machine. All but
 // the C library, which every process has.
 Launcher withLibrariesOfItsOwn(const std::string& program, const std::string& folder) {
-    fs::create_directories(folder);
-    std::istringstream lines(Program({"/usr/bin/ldd", program}).hearAll());
-    // Each line is "NAME => PATH (ADDRESS)", but for the kernel's own and the program interpreter.
-    for (std::string line; std::getline(lines, line);) {
-        std::string name;
-        std::string arrow;
-        std::string path;
-        std::istringstream(line) >> name >> arrow >> path;
-        if (arrow == "=>" && !name.starts_with("libc.so")) {
-            copy(path, folder + "/" + name);
-        }
-    }
-    settle(folder);
+    // Each line of ldd(1) is "NAME => PATH (ADDRESS)", but for the kernel's own and the program
+    // interpreter.
+    copy("ldd '" + program + R"(' | awk '$2 == "=>" && $1 !~ /^libc[.]so/ { print $3 }')", folder);
     return {"/usr/bin/env", "LD_LIBRARY_PATH=" + folder};
 }
 
@@ -92,22 +73,17 @@ Memory emptyProgram(const std::string& path, const Launcher& launcher) {
     return {quantile(privateDirty), quantile(unique)};
 }
 
-Memory idleHelper(const Machine& machine, const Launcher& launcher) {
-    const Program helper(launched(launcher, machine.helper()));
-    Program client({machine.executable}, {.person = machine.person});
-    client.tell("reply " + machine.socket);
-    client.hear();
-    // Long enough for a tick.
-    std::this_thread::sleep_for(Seconds{2.5});
-    return memoryOf(helper);
-}
-
-Memory holdingHelper(const Machine& machine, const Launcher& launcher) {
+Memory helper(const Machine& machine, const Launcher& launcher, bool isHolding) {
     const Program helper(launched(launcher, machine.helper()));
     Program client({machine.executable}, {.person = machine.person});
     client.tell("reply " + machine.socket);
     client.hear();
     const std::string begin = "begin " + machine.socket + " " + machine.bundle + " ";
+    if (!isHolding) {
+        // Long enough for a tick.
+        std::this_thread::sleep_for(Seconds{2.5});
+        return memoryOf(helper);
+    }
     client.tell(begin + "3600");
     if (client.hear() != "held") {
         throw CannotMeasure("the helper does not hold the commitment");
@@ -137,10 +113,9 @@ void measureMemory(Table& table, const Machine& machine) {
     const std::string empty = machine.program("EmptyProgram");
     const Launcher alone = withLibrariesOfItsOwn(machine.helper(), machine.program("libraries"));
     // Another file, so that the program itself is not shared.
-    const std::string sharing = machine.program("SharingProgram");
-    copy(empty, sharing);
-    settle(sharing);
-    Program other({sharing});
+    const std::string folder = machine.program("sharing");
+    copy("echo '" + empty + "'", folder);
+    Program other({folder + "/EmptyProgram"});
     other.hear();
     Readings idle;
     Readings holding;
@@ -150,9 +125,9 @@ void measureMemory(Table& table, const Machine& machine) {
         progress("weighing the helper, 15 seconds, " + std::to_string(round) + " of " +
                  std::to_string(rounds));
         const Memory theirs = emptyProgram(empty, alone);
-        idle.add(idleHelper(machine, alone), theirs);
-        holding.add(holdingHelper(machine, alone), theirs);
-        beside.add(idleHelper(machine, {}), emptyProgram(empty, {}));
+        idle.add(helper(machine, alone, false), theirs);
+        holding.add(helper(machine, alone, true), theirs);
+        beside.add(helper(machine, {}, false), emptyProgram(empty, {}));
     }
     const auto addRow = [&](const std::string& what, Rounds readings, Target target = {}) {
         table.rows.push_back(

@@ -16,6 +16,7 @@
 #include "HalvoHelperCore/RecordedLocks.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "benchmarks/Benchmark.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::benchmark {
 namespace {
@@ -94,7 +95,9 @@ Rounds compareSaves(const std::string& folder, std::size_t rounds) {
 // A commitment begun and ended by the engine on the real disk, and by the same calls without it.
 class Beginnings {
   public:
-    explicit Beginnings(const std::string& folder) : folder_(folder) {}
+    explicit Beginnings(const std::string& folder) : folder_(folder) {
+        world_.calls.stopRecording();
+    }
 
     Beginnings(const Beginnings&) = delete;
     Beginnings& operator=(const Beginnings&) = delete;
@@ -117,19 +120,6 @@ class Beginnings {
     }
 
   private:
-    struct NoSession final : SessionProbe {
-        std::optional<std::uint32_t> consoleUser() override { return std::nullopt; }
-
-        bool isAppRunning(const std::string& /*bundlePath*/, std::uint32_t /*uid*/) override {
-            return true;
-        }
-    };
-
-    struct NoOpener final : AppOpener {
-        void open(const std::string& /*appPath*/, std::uint32_t /*uid*/,
-                  bool /*afterQuit*/) override {}
-    };
-
     static constexpr const char* bundle = "/Applications/Halvo.app";
 
     void begin() {
@@ -167,9 +157,9 @@ class Beginnings {
     ChflagsFileFlags flags_{ItemFlag::systemImmutable};
     FileCommitmentStore store_{oursIn_ + "/state"};
     RecordedLocks locks_{store_, flags_};
-    NoSession session_;
-    NoOpener opener_;
-    HelperEngine engine_{clock_, locks_, locks_, session_, opener_};
+    // Whose session is empty and whose opener opens nothing.
+    testing::SimulatedWorld world_;
+    HelperEngine engine_{clock_, locks_, locks_, world_.session, world_.opener};
 };
 
 bool isOnDisk(const std::string& folder) {

@@ -25,21 +25,11 @@ std::vector<std::string> callsOf(const std::string& mark) {
     return !calls.empty() ? calls : throw CannotMeasure("the trace does not show the tick");
 }
 
-std::string nameOf(const std::string& call) { return call.substr(0, call.find('(')); }
-
-// A call with the path that it is about, if any.
-std::string described(const std::string& call) {
-    const std::size_t quote = call.find('"');
-    const bool hasPath = quote != std::string::npos;
-    return "    " + nameOf(call) +
-           (hasPath ? "  " + call.substr(quote + 1, call.find('"', quote + 1) - quote - 1) : "");
-}
-
 // How often each call was made.
 std::string counted(const std::vector<std::string>& calls) {
     std::map<std::string, int> counts;
     for (const std::string& call : calls) {
-        ++counts[nameOf(call)];
+        ++counts[call.substr(0, call.find('('))];
     }
     std::string line;
     for (const auto& [name, count] : counts) {
@@ -89,7 +79,7 @@ void measureTick(Table& table, const Machine& machine) {
     notes.emplace_back(
         "The system calls of the tick with nothing to do (reading the clocks takes none):");
     for (const std::string& call : quiet) {
-        notes.push_back(described(call));
+        notes.push_back("    " + call.substr(0, call.find(", {")));
     }
     notes.emplace_back(
         "Of the tick that looks for the app, one readlinkat for each process before it:");

@@ -35,36 +35,6 @@ constexpr std::array measurements{
     Measurement{"memory", measureMemory},    Measurement{"ready", measureReady},
     Measurement{"records", measureRecords}};
 
-// benchmarks/run has seen to it that they are whole.
-class Words {
-  public:
-    Words(int count, char** words) : words_(words, words + count) {}
-
-    [[nodiscard]] bool has(const char* name) const {
-        return std::ranges::find(words_, name) != words_.end();
-    }
-
-    // What follows `name`; empty when it is not there.
-    [[nodiscard]] std::string after(const char* name) const {
-        const auto found = std::ranges::find(words_, name);
-        return words_.end() - found > 1 ? *(found + 1) : "";
-    }
-
-  private:
-    std::vector<std::string> words_;
-};
-
-Table measure(const Words& words) {
-    const Machine machine(words.after("--build"), words.has("--quick"));
-    Table table;
-    for (const auto& [name, measurement] : measurements) {
-        if (const std::string only = words.after("--only"); only.empty() || only == name) {
-            measurement(table, machine);
-        }
-    }
-    return table;
-}
-
 // Lets the machine's other work wait, for this process and all that it starts, ours and peers
 // alike. Where that is refused the rounds only differ more.
 void goFirst() {
@@ -85,10 +55,22 @@ int main(int count, char** arguments) {
     person();
     dup2(open(errorLog, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600), STDERR_FILENO);
     try {
-        const Words words(count, arguments);
+        // benchmarks/run has seen to it that they are whole.
+        const std::vector<std::string> words(arguments, arguments + count);
+        const auto has = [&](const char* word) { return std::ranges::count(words, word) != 0; };
+        const auto after = [&](const char* word) {
+            const auto found = std::ranges::find(words, word);
+            return words.end() - found > 1 ? *(found + 1) : "";
+        };
         goFirst();
-        const Table table = measure(words);
-        std::cout << (words.has("--json") ? table.json() : table.text());
+        const Machine machine(after("--build"), has("--quick"));
+        Table table;
+        for (const auto& [name, measure] : measurements) {
+            if (!has("--only") || after("--only") == name) {
+                measure(table, machine);
+            }
+        }
+        std::cout << (has("--json") ? table.json() : table.text());
         return table.hasMissed() ? missed : 0;
     } catch (const std::exception& failure) {
         person() << "benchmarks: cannot measure: " << failure.what() << "\n"
