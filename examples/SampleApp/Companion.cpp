@@ -46,16 +46,15 @@ std::optional<Seconds> parseMinutes(const std::string& word) {
 // "Fri 14:32:07" in the person's time zone.
 std::string clockTime(WallDate date) {
     const Seconds since1970 = date.time_since_epoch();
-    std::tm local{};
-    std::array<char, 64> text{};
     // Written so that not-a-number is none.
-    if (!(std::abs(since1970.count()) < beyondAllDates.count())) {
+    if (!(std::chrono::abs(since1970) < beyondAllDates)) {
         return "an unknown time";
     }
     const std::time_t seconds = wholeSeconds(since1970);
-    const bool isKnown = localtime_r(&seconds, &local) != nullptr &&
-                         std::strftime(text.data(), text.size(), "%a %H:%M:%S", &local) != 0;
-    return isKnown ? text.data() : "an unknown time";
+    std::tm local{};
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), "%a %H:%M:%S", localtime_r(&seconds, &local));
+    return text.data();
 }
 
 sigset_t endSignals() {
@@ -267,10 +266,8 @@ std::optional<int> Companion::beat() {
         wasOpenUntil_ = deadlineAfter(someBeats);
     }
     const auto alive = client_.heartbeat(/*sessionEnding=*/false, pace_.heartbeatLimit);
-    if (!alive) {
-        return isInTrouble(alive.error());
-    }
-    const auto status = client_.status(pace_.heartbeatLimit);
+    const auto status = alive ? client_.status(pace_.heartbeatLimit)
+                              : HelperClient::Result<HelperStatus>(std::unexpected(alive.error()));
     if (!status) {
         return isInTrouble(status.error());
     }
