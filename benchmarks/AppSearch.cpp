@@ -1,46 +1,43 @@
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <cctype>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <ranges>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
-#include "benchmarks/Benchmarks.hpp"
-#include "benchmarks/CannotMeasure.hpp"
-#include "benchmarks/Child.hpp"
+#include "benchmarks/Benchmark.hpp"
 
 namespace halvo::benchmark {
 namespace {
 
-bool isProcess(const char* name) { return name[0] >= '0' && name[0] <= '9'; }
+bool isProcess(const char* name) { return std::isdigit(name[0]) != 0; }
 
-// The private machine has its own /proc, so nobody else's processes come and go in it.
+// The private machine has its own /proc, in which no other processes come and go.
 std::size_t processesRunning() {
     return static_cast<std::size_t>(std::ranges::count_if(
         std::filesystem::directory_iterator("/proc"),
         [](const auto& entry) { return isProcess(entry.path().filename().c_str()); }));
 }
 
-// Programs that only sleep, as many as make up `count` processes with those that run already.
+// Processes that only sleep, as many as make up `count` processes with those that run already.
 class Sleepers {
   public:
     explicit Sleepers(std::size_t count) {
-        std::string program = "/usr/bin/sleep";
-        std::string span = "infinity";
-        const std::array<char*, 3> words{program.data(), span.data(), nullptr};
         for (std::size_t running = processesRunning(); running < count; ++running) {
-            pid_t sleeper = 0;
-            errno = posix_spawn(&sleeper, program.c_str(), nullptr, nullptr, words.data(), nullptr);
-            require(errno == 0, program);
+            const pid_t sleeper = fork();
+            require(sleeper >= 0, "fork");
+            if (sleeper == 0) {
+                pause();
+                _exit(EXIT_SUCCESS);
+            }
             sleepers_.push_back(sleeper);
         }
     }
@@ -78,61 +75,58 @@ void bareLoop() {
             if (!isProcess(entry->d_name)) {
                 continue;
             }
-            const std::size_t size = std::strlen(entry->d_name);
-            std::memcpy(name.data(), entry->d_name, size);
-            std::memcpy(name.data() + size, "/exe", sizeof "/exe");
-            linksRead =
-                linksRead + (readlinkat(proc, name.data(), link.data(), link.size()) > 0 ? 1 : 0);
+            std::strcpy(stpcpy(name.data(), entry->d_name), "/exe");
+            const bool isRead = readlinkat(proc, name.data(), link.data(), link.size()) > 0;
+            linksRead = linksRead + (isRead ? 1 : 0);
         }
     }
     close(proc);
 }
 
-void measureAmong(std::size_t processes, Table& table, const InstalledApp& app, Effort effort) {
+void measureAmong(std::size_t processes, Table& table, const Machine& machine) {
     const std::string among = std::to_string(processes) + " processes";
     progress("looking for an app among " + among);
     const Sleepers sleepers(processes);
-    if (processesRunning() != processes) {
-        throw CannotMeasure("the number of processes does not stay at " + among);
-    }
-    LiveSessionProbe probe;
-    const auto search = [&] {
-        if (probe.isAppRunning(app.bundle(), app.person())) {
-            throw CannotMeasure("an app was found that does not run");
+    const auto checkNumber = [&] {
+        if (processesRunning() != processes) {
+            throw CannotMeasure("the number of processes does not stay at " + among);
         }
     };
+    checkNumber();
+    LiveSessionProbe probe;
     // Short, so that the scheduler seldom comes in between.
     const std::size_t times = processes < 1000 ? 4 : 1;
-    const auto ours = [&] { return microsecondsOf(times, search); };
-    const std::string what = "isAppRunning that finds none, " + among;
-    constexpr double limit = 1.2;
-    table.add(Row::compared(
-        what, "us", "bare loop of getdents64 and readlinkat",
-        takeTurns(effort.rounds(400), ours, [&] { return microsecondsOf(times, bareLoop); }),
-        {limit, {}}));
-    const std::vector<std::string> pgrep{"/usr/bin/pgrep", "-u", std::to_string(app.person()), "-f",
-                                         app.executable()};
-    const auto theirs = [&] {
+    const auto ours = [&] {
+        return microsecondsOf(times, [&] {
+            if (probe.isAppRunning(machine.bundle, machine.person)) {
+                throw CannotMeasure("an app was found that does not run");
+            }
+        });
+    };
+    const auto loop = [&] { return microsecondsOf(times, bareLoop); };
+    const std::string command =
+        "exec pgrep -u " + std::to_string(machine.person) + " -f " + machine.executable;
+    const auto pgrep = [&] {
         return microsecondsOf(1, [&] {
             constexpr int nothingFound = 1;
-            if (Child({pgrep, {}, {}}).wait() != nothingFound) {
+            if (WEXITSTATUS(std::system(command.c_str())) != nothingFound) {
                 throw CannotMeasure("pgrep does not run as expected");
             }
         });
     };
-    table.add(Row::compared(what, "us", "pgrep -u -f as a process",
-                            takeTurns(effort.rounds(40), ours, theirs), {}));
-    if (processesRunning() != processes) {
-        throw CannotMeasure("the number of processes did not stay at " + among);
-    }
+    constexpr double limit = 1.2;
+    const std::string what = "isAppRunning that finds none, " + among;
+    table.compare(what, "bare loop of getdents64 and readlinkat",
+                  takeTurns(machine.rounds(400), ours, loop), limit);
+    table.compare(what, "pgrep -u -f as a process", takeTurns(machine.rounds(40), ours, pgrep));
+    checkNumber();
 }
 
 }  // namespace
 
-void measureAppSearch(Table& table, const InstalledApp& app, Effort effort) {
-    for (const std::size_t processes : {std::size_t{100}, std::size_t{1000}}) {
-        measureAmong(processes, table, app, effort);
-    }
+void measureAppSearch(Table& table, const Machine& machine) {
+    measureAmong(100, table, machine);
+    measureAmong(1000, table, machine);
 }
 
 }  // namespace halvo::benchmark

@@ -1,5 +1,5 @@
 // The least that answers a status call over peer-to-peer D-Bus: sd-bus and nothing else. It checks
-// nobody, keeps nothing, and does not end by itself. Usage: BareBusServer SOCKET
+// no caller, keeps nothing, and does not end by itself. Usage: BareBusServer SOCKET
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -64,7 +64,6 @@ int onIncoming(sd_event_source* source, int listening, std::uint32_t, void*) {
     check(sd_bus_set_fd(bus, socket, socket));
     check(sd_bus_set_server(bus, 1, server));
     check(sd_bus_set_trusted(bus, 1));
-    check(sd_bus_negotiate_fds(bus, 0));
     check(sd_bus_set_connected_signal(bus, 1));
     check(sd_bus_add_object_vtable(bus, nullptr, halvo::HelperBus::object,
                                    halvo::HelperBus::interface, table, nullptr));

@@ -1,28 +1,16 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
+#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
-#include "HalvoPlatform/Descriptor.hpp"
-#include "benchmarks/Benchmarks.hpp"
-#include "benchmarks/CannotMeasure.hpp"
-#include "benchmarks/RunningHelper.hpp"
+#include "HalvoPlatform/Time.hpp"
+#include "benchmarks/Benchmark.hpp"
 
 namespace halvo::benchmark {
 namespace {
 
-namespace fs = std::filesystem;
-using std::chrono_literals::operator""ms;
-
 // A command that becomes the program given to it as its last word; none: the program itself.
 using Launcher = std::vector<std::string>;
-
-constexpr const char* peer = "empty program, same libraries";
 
 struct Memory {
     // KiB that only this process has, and has written to.
@@ -31,14 +19,13 @@ struct Memory {
     double unique{};
 };
 
-Memory memoryOf(const Child& process) {
+Memory memoryOf(const Program& process) {
     std::ifstream file("/proc/" + std::to_string(process.pid()) + "/smaps_rollup");
     std::map<std::string, double> values;
-    std::string header;
-    std::getline(file, header);
     std::string name;
     std::string unit;
     double value = 0;
+    std::getline(file, name);
     while (file >> name >> value >> unit) {
         values[name] = value;
     }
@@ -48,84 +35,71 @@ Memory memoryOf(const Child& process) {
     return {values["Private_Dirty:"], values["Private_Dirty:"] + values["Private_Clean:"]};
 }
 
-// A file that was written a moment ago is not on the disk yet, and would count as dirty.
-void settle(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    require(syncfs(file.get()) == 0, path);
-}
-
-void copy(const std::string& from, const std::string& to) {
-    fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+// Also brings what was written to the disk: a file in memory alone would count as dirty.
+void copy(const std::string& files, const std::string& to) {
+    const std::string command = "{ " + files + "; } | xargs cp --dereference --target-directory='" +
+                                to + "' && sync --file-system '" + to + "'";
+    require(std::system(("mkdir --parents '" + to + "' && " + command).c_str()) == 0, command);
 }
 
 // What a process shares with others is not its own, so its USS depends on who else runs. Copies of
-// the libraries settle that: they are used by nobody but the program that is weighed, on any
-// machine. All but the C library, which every process has.
+// the libraries settle that: only the program that is weighed uses them, on any machine. All but
+// the C library, which every process has.
 Launcher withLibrariesOfItsOwn(const std::string& program, const std::string& folder) {
-    fs::create_directories(folder);
-    const std::string end = "end";
-    Child list({{"/bin/sh", "-c", "ldd '" + program + "' && echo " + end}, {}, {}});
-    // Each line is "NAME => PATH (ADDRESS)", but for the kernel's own and the program interpreter.
-    for (std::string line = list.hear(); line != end; line = list.hear()) {
-        std::string name;
-        std::string arrow;
-        std::string path;
-        std::istringstream(line) >> name >> arrow >> path;
-        if (arrow == "=>" && !name.starts_with("libc.so")) {
-            copy(path, folder + "/" + name);
-        }
-    }
-    settle(folder);
+    // Each line of ldd(1) is "NAME => PATH (ADDRESS)", but for the kernel's own and the program
+    // interpreter.
+    copy("ldd '" + program + R"(' | awk '$2 == "=>" && $1 !~ /^libc[.]so/ { print $3 }')", folder);
     return {"/usr/bin/env", "LD_LIBRARY_PATH=" + folder};
+}
+
+Launcher launched(Launcher launcher, const std::string& program) {
+    launcher.push_back(program);
+    return launcher;
 }
 
 // Where the loader puts a program's parts changes by a few pages each time, and so what the kernel
 // maps around the pages that are used; this takes little time, so it is done often.
-Memory emptyProgram(const std::string& path, Launcher launcher) {
-    launcher.push_back(path);
+Memory emptyProgram(const std::string& path, const Launcher& launcher) {
     std::vector<double> privateDirty;
     std::vector<double> unique;
     for (int time = 0; time < 9; ++time) {
-        Child program({launcher, {}, {}});
+        Program program(launched(launcher, path));
         program.hear();
-        std::this_thread::sleep_for(50ms);
+        std::this_thread::sleep_for(Seconds{0.05});
         const Memory memory = memoryOf(program);
         privateDirty.push_back(memory.privateDirty);
         unique.push_back(memory.unique);
     }
-    return {quantile(privateDirty, 0.5), quantile(unique, 0.5)};
+    return {quantile(privateDirty), quantile(unique)};
 }
 
-Memory idleHelper(const Places& places, const Launcher& launcher, const InstalledApp& app) {
-    const RunningHelper helper(places, launcher);
-    const auto client = app.start();
-    client->tell("reply " + RunningHelper::socket());
-    client->hear();
-    // Long enough for a tick.
-    std::this_thread::sleep_for(2500ms);
-    return memoryOf(helper.process());
-}
-
-Memory holdingHelper(const Places& places, const Launcher& launcher, const InstalledApp& app) {
-    const RunningHelper helper(places, launcher);
-    const auto client = app.start();
-    const std::string begin = "begin " + RunningHelper::socket() + " " + app.bundle() + " ";
-    client->tell(begin + "3600");
-    if (client->hear() != "held") {
+Memory helper(const Machine& machine, const Launcher& launcher, bool isHolding) {
+    const Program helper(launched(launcher, machine.helper()));
+    Program client({machine.executable}, {.person = machine.person});
+    client.tell("reply " + machine.socket);
+    client.hear();
+    const std::string begin = "begin " + machine.socket + " " + machine.bundle + " ";
+    if (!isHolding) {
+        // Long enough for a tick.
+        std::this_thread::sleep_for(Seconds{2.5});
+        return memoryOf(helper);
+    }
+    client.tell(begin + "3600");
+    if (client.hear() != "held") {
         throw CannotMeasure("the helper does not hold the commitment");
     }
     // Long enough for the ticks to look for the app, which gives no further sign of life.
-    std::this_thread::sleep_for(9000ms);
-    const Memory memory = memoryOf(helper.process());
+    std::this_thread::sleep_for(Seconds{9});
+    const Memory memory = memoryOf(helper);
     // An end that is past already lets it go: the lock is off, and the next helper starts idle.
-    client->tell(begin + "-1");
-    client->hear();
+    client.tell(begin + "-1");
+    client.hear();
     return memory;
 }
 
 struct Readings {
-    Comparison dirty;
-    Comparison unique;
+    Rounds dirty;
+    Rounds unique;
 
     void add(const Memory& ours, const Memory& theirs) {
         dirty.add(ours.privateDirty, theirs.privateDirty);
@@ -133,48 +107,45 @@ struct Readings {
     }
 };
 
-void addRows(Table& table, const std::string& state, const Readings& alone) {
-    constexpr double dirtyLimit = 750'000.0 / 1024;
-    constexpr double uniqueLimit = 1.15;
-    table.add(Row::compared("private dirty memory, " + state, "KiB", peer, alone.dirty,
-                            {{}, dirtyLimit}));
-    table.add(Row::compared("USS, " + state + ", libraries used by nobody else", "KiB", peer,
-                            alone.unique, {uniqueLimit, {}}));
-}
-
 }  // namespace
 
-void measureMemory(Table& table, const Places& places, const InstalledApp& app, Effort effort) {
-    const std::string empty = places.programs + "/EmptyProgram";
-    const Launcher alone = withLibrariesOfItsOwn(places.helper, places.disk + "/libraries");
+void measureMemory(Table& table, const Machine& machine) {
+    const std::string empty = machine.program("EmptyProgram");
+    const Launcher alone = withLibrariesOfItsOwn(machine.helper(), machine.program("libraries"));
     // Another file, so that the program itself is not shared.
-    const std::string sharing = places.disk + "/SharingProgram";
-    copy(empty, sharing);
-    settle(sharing);
-    settle(places.helper);
-    Child other({{sharing}, {}, {}});
+    const std::string folder = machine.program("sharing");
+    copy("echo '" + empty + "'", folder);
+    Program other({folder + "/EmptyProgram"});
     other.hear();
     Readings idle;
     Readings holding;
     Readings beside;
-    const std::size_t rounds = effort.quick ? 2 : 5;
+    const std::size_t rounds = machine.quick ? 2 : 5;
     for (std::size_t round = 1; round <= rounds; ++round) {
         progress("weighing the helper, 15 seconds, " + std::to_string(round) + " of " +
                  std::to_string(rounds));
         const Memory theirs = emptyProgram(empty, alone);
-        idle.add(idleHelper(places, alone, app), theirs);
-        holding.add(holdingHelper(places, alone, app), theirs);
-        beside.add(idleHelper(places, {}, app), emptyProgram(empty, {}));
+        idle.add(helper(machine, alone, false), theirs);
+        holding.add(helper(machine, alone, true), theirs);
+        beside.add(helper(machine, {}, false), emptyProgram(empty, {}));
     }
-    addRows(table, "idle", idle);
-    addRows(table, "holding", holding);
-    table.add(
-        Row::compared("USS, idle, libraries used by others too", "KiB", peer, beside.unique, {}));
-    table.note(
-        "The empty program calls sd_bus_new and plist_from_memory once, as the helper does.");
-    table.note(
-        "USS depends on who else uses the libraries. It is judged where nobody does, when it is");
-    table.note("largest. Where all of them are shared, what is left is mostly the program itself.");
+    const auto addRow = [&](const std::string& what, Rounds readings, Target target = {}) {
+        table.rows.push_back(
+            {what, "KiB", "empty program, same libraries", std::move(readings), target});
+    };
+    constexpr double dirtyLimit = 750'000.0 / 1024;
+    constexpr double uniqueLimit = 1.15;
+    for (const auto& [state, readings] : {std::pair{"idle", idle}, {"holding", holding}}) {
+        addRow(std::string("private dirty memory, ") + state, readings.dirty, {{}, dirtyLimit});
+        addRow(std::string("USS, ") + state + ", libraries used by nobody else", readings.unique,
+               {uniqueLimit, {}});
+    }
+    addRow("USS, idle, libraries used by others too", beside.unique);
+    table.notes.insert(
+        table.notes.end(),
+        {"The empty program calls sd_bus_new and plist_from_memory once, as the helper does.",
+         "USS depends on who else uses the libraries. It is judged where nobody does, when it is",
+         "largest. Where all of them are shared, what is left is mostly the program itself."});
 }
 
 }  // namespace halvo::benchmark

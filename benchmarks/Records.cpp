@@ -1,14 +1,9 @@
-#include <cstddef>
-#include <cstdint>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetMoment.hpp"
-#include "benchmarks/Benchmarks.hpp"
-#include "benchmarks/CannotMeasure.hpp"
+#include "benchmarks/Benchmark.hpp"
 #include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 
@@ -16,146 +11,118 @@ namespace halvo::benchmark {
 namespace {
 
 using testing::aDay;
-using testing::longSnapshot;
 using testing::nineOClock;
-using testing::plainDates;
-using testing::sampleRun;
 
 // What the work gave, so that no compiler leaves it out.
 std::size_t results = 0;
 
-GregorianCalendar calendarOf(const std::string& zone) {
-    const auto calendar = GregorianCalendar::named(zone);
-    if (!calendar) {
-        throw CannotMeasure(calendar.error());
-    }
-    return *calendar;
+// How long `work` takes, the best part of which is the size that it gives.
+template <class Work>
+std::function<double()> timed(std::size_t times, const Work& work) {
+    return [times, work] { return microsecondsOf(times, [&] { results += work(); }); };
 }
 
-void measureCoding(Table& table, Effort effort) {
+void measureCoding(Table& table, const Machine& machine) {
     // Of 100 KB, most of it runs with their texts and dates.
-    const std::string json = JSON::encode(longSnapshot(310)).value();
+    const std::string json = JSON::encode(testing::longSnapshot(310)).value();
     if (json.size() < 95'000 || json.size() > 105'000) {
         throw CannotMeasure("the snapshot has " + std::to_string(json.size()) + " bytes");
     }
     constexpr double limit = 1.5;
-    const Comparison measured = takeTurns(
-        effort.rounds(800),
-        [&] {
-            return microsecondsOf(5, [&] {
-                results += JSON::encode(JSON::decode<WidgetSnapshot>(json).value()).value().size();
-            });
-        },
-        [&] {
-            return microsecondsOf(5, [&] { results += nlohmann::json::parse(json).dump().size(); });
-        });
-    table.add(Row::compared("decode and encode a snapshot of 100 KB", "us",
-                            "the JSON library: parse, dump", measured, {limit, {}}));
+    const auto ours = [&] {
+        return JSON::encode(JSON::decode<WidgetSnapshot>(json).value()).value().size();
+    };
+    const auto library = [&] { return nlohmann::json::parse(json).dump().size(); };
+    table.compare("decode and encode a snapshot of 100 KB", "the JSON library: parse, dump",
+                  takeTurns(machine.rounds(800), timed(5, ours), timed(5, library)), limit);
 }
 
-// A block runs for eight hours, and one is planned for each day up to the horizon, or for 400 of
-// them.
+// A block runs for eight hours, and one is planned for each of 400 days.
 WidgetSnapshot plannedUntil(WallDate horizon) {
     WidgetSnapshot snapshot = testing::sampleSnapshot();
     snapshot.phases.clear();
     constexpr Seconds hours{8 * 3600};
-    for (WallDate start = nineOClock; start < horizon && snapshot.phases.size() < 400;
-         start += aDay) {
-        snapshot.phases.push_back({start, WidgetSnapshot::Block{sampleRun(start + hours)}});
+    for (int i = 0; i < 400; ++i) {
+        const WallDate start = nineOClock + aDay * i;
+        snapshot.phases.push_back(
+            {start, WidgetSnapshot::Block{testing::sampleRun(start + hours)}});
     }
     snapshot.horizon = horizon;
     return snapshot;
 }
 
-void measureTimeline(Table& table, Effort effort) {
-    const GregorianCalendar calendar = calendarOf("Europe/Berlin");
+void measureTimeline(Table& table, const Machine& machine, const GregorianCalendar& calendar) {
     constexpr Seconds hour{3600};
     constexpr std::size_t limit = 60;
-    constexpr WallDate farAway = wallDate(64060588800);  // 4000-01-01
-    WidgetSnapshot day = plannedUntil(nineOClock + aDay);
-    WidgetSnapshot year = plannedUntil(nineOClock + aDay * 365);
-    WidgetSnapshot millennia = plannedUntil(farAway);
     // What differs is the horizon, not the list.
-    day.phases = millennia.phases;
-    year.phases = millennia.phases;
+    const WidgetSnapshot day = plannedUntil(nineOClock + aDay);
+    const WidgetSnapshot year = plannedUntil(nineOClock + aDay * 365);
+    const WidgetSnapshot millennia = plannedUntil(wallDate(64060588800));  // 4000-01-01
     const auto ours = [&](const WidgetSnapshot& snapshot) {
-        return [&] {
-            return microsecondsOf(50, [&] {
-                results += snapshot.timelineDates(nineOClock, calendar, hour, limit).size();
-            });
-        };
+        return timed(
+            50, [&] { return snapshot.timelineDates(nineOClock, calendar, hour, limit).size(); });
     };
     const auto plain = [&](const WidgetSnapshot& snapshot, std::size_t times) {
-        return [&, times] {
-            return microsecondsOf(times, [&] {
-                results += plainDates(snapshot, nineOClock, calendar, hour, limit).size();
-            });
-        };
+        return timed(times, [&] {
+            return testing::plainDates(snapshot, nineOClock, calendar, hour, limit).size();
+        });
     };
     constexpr double alike = 1.2;
-    const std::size_t rounds = effort.rounds(800);
-    const std::string oneDay = "the same, horizon in 1 day";
-    const std::string rule = "the plain rule";
-    table.add(Row::compared("timeline of 60 dates, horizon in 1 year", "us", oneDay,
-                            takeTurns(rounds, ours(year), ours(day)), {alike, {}}));
-    table.add(Row::compared("timeline of 60 dates, horizon in 4000", "us", oneDay,
-                            takeTurns(rounds, ours(millennia), ours(day)), {alike, {}}));
-    table.add(Row::compared("timeline of 60 dates, horizon in 1 day", "us",
-                            "the same, horizon in 4000",
-                            takeTurns(rounds, ours(day), ours(millennia)), {alike, {}}));
-    table.add(Row::compared("timeline of 60 dates, horizon in 1 day", "us", rule,
-                            takeTurns(rounds, ours(day), plain(day, 20)), {}));
-    table.add(Row::compared("timeline of 60 dates, horizon in 1 year", "us", rule,
-                            takeTurns(rounds, ours(year), plain(year, 5)), {}));
-    table.add(Row::compared("timeline of 60 dates, horizon in 4000", "us", rule,
-                            takeTurns(effort.rounds(40), ours(millennia), plain(millennia, 1)),
-                            {}));
+    const std::size_t rounds = machine.rounds(800);
+    const std::string what = "timeline of 60 dates, horizon in ";
+    const auto add = [&](const char* which, const char* peer, Rounds measured,
+                         std::optional<double> bound = {}) {
+        table.compare(what + which, peer, std::move(measured), bound);
+    };
+    const char* oneDay = "the same, horizon in 1 day";
+    add("1 year", oneDay, takeTurns(rounds, ours(year), ours(day)), alike);
+    add("4000", oneDay, takeTurns(rounds, ours(millennia), ours(day)), alike);
+    add("1 day", "the same, horizon in 4000", takeTurns(rounds, ours(day), ours(millennia)), alike);
+    const char* rule = "the plain rule";
+    add("1 day", rule, takeTurns(rounds, ours(day), plain(day, 20)));
+    add("1 year", rule, takeTurns(rounds, ours(year), plain(year, 5)));
+    add("4000", rule, takeTurns(machine.rounds(40), ours(millennia), plain(millennia, 1)));
 }
 
-// What any look for a day in the list must do, once.
-std::size_t walk(const std::vector<WidgetSnapshot::Day>& days, WallDate begin, WallDate end) {
-    std::size_t found = 0;
-    for (auto day = days.rbegin(); day != days.rend(); ++day) {
-        found += day->start >= begin && day->start < end ? 1 : 0;
-    }
-    return found;
-}
-
-void measureMoment(Table& table, Effort effort) {
-    const GregorianCalendar calendar = calendarOf("Europe/Berlin");
+void measureMoment(Table& table, const Machine& machine, const GregorianCalendar& calendar) {
     constexpr int tenYears = 3650;
     WidgetSnapshot snapshot;
     for (int i = tenYears; i > 0; --i) {
         snapshot.days.push_back({calendar.startOfDay(nineOClock - aDay * i), i, i, i});
     }
     const auto moment = [&](WallDate date) {
-        return [&snapshot, &calendar, date] {
-            return microsecondsOf(50,
-                                  [&] { results += snapshot.moment(date, calendar).week.size(); });
-        };
+        return timed(50, [&, date] { return snapshot.moment(date, calendar).week.size(); });
     };
-    const auto onceThrough = [&] {
-        return microsecondsOf(
-            50, [&] { results += walk(snapshot.days, nineOClock, nineOClock + aDay); });
-    };
+    // What any look for a day in the list must do, once.
+    const auto onceThrough = timed(50, [&] {
+        std::size_t found = 0;
+        for (auto day = snapshot.days.rbegin(); day != snapshot.days.rend(); ++day) {
+            found += day->start >= nineOClock && day->start < nineOClock + aDay ? 1 : 0;
+        }
+        return found;
+    });
     constexpr double limit = 1.2;
-    const std::string peer = "one walk of the list";
+    const auto add = [&](const char* which, WallDate date) {
+        table.compare(std::string("moment over ten years of days, ") + which,
+                      "one walk of the list",
+                      takeTurns(machine.rounds(1600), moment(date), onceThrough), limit);
+    };
     // The list ends before the week of that date, so all of it must be looked through.
-    table.add(Row::compared(
-        "moment over ten years of days, none of its week", "us", peer,
-        takeTurns(effort.rounds(1600), moment(nineOClock + aDay * 30), onceThrough), {limit, {}}));
-    table.add(Row::compared("moment over ten years of days, yesterday's", "us", peer,
-                            takeTurns(effort.rounds(1600), moment(nineOClock - aDay), onceThrough),
-                            {limit, {}}));
+    add("none of its week", nineOClock + aDay * 30);
+    add("yesterday's", nineOClock - aDay);
 }
 
 }  // namespace
 
-void measureRecords(Table& table, Effort effort) {
+void measureRecords(Table& table, const Machine& machine) {
     progress("records and timelines");
-    measureCoding(table, effort);
-    measureTimeline(table, effort);
-    measureMoment(table, effort);
+    const auto calendar = GregorianCalendar::named("Europe/Berlin");
+    if (!calendar) {
+        throw CannotMeasure(calendar.error());
+    }
+    measureCoding(table, machine);
+    measureTimeline(table, machine, *calendar);
+    measureMoment(table, machine, *calendar);
     if (results == 0) {
         throw CannotMeasure("nothing was done");
     }

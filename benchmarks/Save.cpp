@@ -9,16 +9,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <system_error>
 
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/RecordedLocks.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
-#include "HalvoPlatform/Descriptor.hpp"
-#include "benchmarks/Benchmarks.hpp"
-#include "benchmarks/CannotMeasure.hpp"
+#include "benchmarks/Benchmark.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::benchmark {
 namespace {
@@ -37,9 +35,20 @@ const HelperCommitment& typicalCommitment() {
     return commitment;
 }
 
-std::string content(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+// An empty folder, also where a run that was killed has left a locked bundle.
+std::string newFolder(const std::string& path, const std::string& bundle = "") {
+    ChflagsFileFlags(ItemFlag::systemImmutable).setLocked(false, path + bundle);
+    fs::remove_all(path);
+    fs::create_directories(path + bundle);
+    return path;
+}
+
+// What the store writes for a commitment.
+std::string recordBytes(const std::string& folder) {
+    FileCommitmentStore(folder + "/record").save(typicalCommitment());
+    std::ifstream file(folder + "/record/commitment.json", std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    return !bytes.empty() ? bytes : throw CannotMeasure("nothing can be saved in " + folder);
 }
 
 void bareSync(const std::string& folder) {
@@ -53,34 +62,10 @@ void bareWrite(const std::string& folder, const std::string& file, const std::st
                const std::string& bytes) {
     const int written =
         open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    require(write(written, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
-            temporary);
+    require(write(written, bytes.data(), bytes.size()) == std::ssize(bytes), temporary);
     require(fsync(written) == 0 && close(written) == 0, temporary);
     require(rename(temporary.c_str(), file.c_str()) == 0, temporary);
     bareSync(folder);
-}
-
-Comparison compareIn(const std::string& folder, std::size_t rounds) {
-    const std::string oursIn = folder + "/ours";
-    const std::string theirsIn = folder + "/theirs";
-    fs::remove_all(oursIn);
-    fs::remove_all(theirsIn);
-    fs::create_directories(theirsIn);
-    FileCommitmentStore store(oursIn);
-    store.save(typicalCommitment());
-    const std::string bytes = content(oursIn + "/commitment.json");
-    if (bytes.empty()) {
-        throw CannotMeasure("nothing can be saved in " + oursIn);
-    }
-    const std::string file = theirsIn + "/file";
-    const std::string temporary = theirsIn + "/.file.new";
-    bareWrite(theirsIn, file, temporary, bytes);
-    const Comparison measured = takeTurns(
-        rounds, [&] { return microsecondsOf(1, [&] { store.save(typicalCommitment()); }); },
-        [&] { return microsecondsOf(1, [&] { bareWrite(theirsIn, file, temporary, bytes); }); });
-    fs::remove_all(oursIn);
-    fs::remove_all(theirsIn);
-    return measured;
 }
 
 // The least that locks or unlocks a folder for good.
@@ -93,18 +78,25 @@ void bareLock(const std::string& folder, bool locked) {
     require(fsync(item) == 0 && close(item) == 0, folder);
 }
 
+Rounds compareSaves(const std::string& folder, std::size_t rounds) {
+    const std::string theirsIn = newFolder(folder + "/theirs");
+    const std::string file = theirsIn + "/file";
+    const std::string temporary = theirsIn + "/.file.new";
+    const std::string bytes = recordBytes(folder);
+    FileCommitmentStore store(folder + "/ours");
+    store.save(typicalCommitment());
+    const Rounds measured = takeTurns(
+        rounds, [&] { return microsecondsOf(1, [&] { store.save(typicalCommitment()); }); },
+        [&] { return microsecondsOf(1, [&] { bareWrite(theirsIn, file, temporary, bytes); }); });
+    fs::remove_all(folder);
+    return measured;
+}
+
 // A commitment begun and ended by the engine on the real disk, and by the same calls without it.
 class Beginnings {
   public:
     explicit Beginnings(const std::string& folder) : folder_(folder) {
-        for (const std::string& place : {oursIn_, theirsIn_}) {
-            // As a run that was killed may have left it.
-            flags_.setLocked(false, place + bundle);
-            fs::remove_all(place);
-            fs::create_directories(place + bundle);
-        }
-        FileCommitmentStore(folder + "/record").save(typicalCommitment());
-        bytes_ = content(folder + "/record/commitment.json");
+        world_.calls.stopRecording();
     }
 
     Beginnings(const Beginnings&) = delete;
@@ -115,7 +107,7 @@ class Beginnings {
         fs::remove_all(folder_, failed);
     }
 
-    [[nodiscard]] Comparison compare(std::size_t rounds, bool ofBegin) {
+    [[nodiscard]] Rounds compare(std::size_t rounds, bool ofBegin) {
         // The half that is not asked for is made, but not timed.
         const auto timed = [ofBegin](const auto& begin, const auto& end) {
             const double first = microsecondsOf(1, begin);
@@ -128,19 +120,6 @@ class Beginnings {
     }
 
   private:
-    struct NoSession final : SessionProbe {
-        std::optional<std::uint32_t> consoleUser() override { return std::nullopt; }
-
-        bool isAppRunning(const std::string& /*bundlePath*/, std::uint32_t /*uid*/) override {
-            return true;
-        }
-    };
-
-    struct NoOpener final : AppOpener {
-        void open(const std::string& /*appPath*/, std::uint32_t /*uid*/,
-                  bool /*afterQuit*/) override {}
-    };
-
     static constexpr const char* bundle = "/Applications/Halvo.app";
 
     void begin() {
@@ -154,51 +133,33 @@ class Beginnings {
     void end() { require(engine_.end({0, {}}), "an end"); }
 
     void bareBegin() const {
-        const std::string state = theirsIn_ + "/state";
-        require(mkdir(state.c_str(), S_IRWXU) == 0, state);
+        require(mkdir(state_.c_str(), S_IRWXU) == 0, state_);
         bareSync(theirsIn_);
-        bareWrite(state, state + "/file", state + "/.file.new", bytes_);
+        bareWrite(state_, state_ + "/file", state_ + "/.file.new", bytes_);
         bareLock(theirsIn_ + bundle, true);
-        bareWrite(state, state + "/file", state + "/.file.new", bytes_);
+        bareWrite(state_, state_ + "/file", state_ + "/.file.new", bytes_);
     }
 
     void bareEnd() const {
-        const std::string state = theirsIn_ + "/state";
         bareLock(theirsIn_ + bundle, false);
-        require(unlink((state + "/file").c_str()) == 0, state);
-        bareSync(state);
-        require(rmdir(state.c_str()) == 0, state);
+        require(unlink((state_ + "/file").c_str()) == 0, state_);
+        bareSync(state_);
+        require(rmdir(state_.c_str()) == 0, state_);
         bareSync(theirsIn_);
     }
 
     std::string folder_;
-    std::string oursIn_ = folder_ + "/ours";
-    std::string theirsIn_ = folder_ + "/theirs";
-    std::string bytes_;
+    std::string oursIn_ = newFolder(folder_ + "/ours", bundle);
+    std::string theirsIn_ = newFolder(folder_ + "/theirs", bundle);
+    std::string bytes_ = recordBytes(folder_);
+    std::string state_ = theirsIn_ + "/state";
     SystemHelperClock clock_;
     ChflagsFileFlags flags_{ItemFlag::systemImmutable};
     FileCommitmentStore store_{oursIn_ + "/state"};
     RecordedLocks locks_{store_, flags_};
-    NoSession session_;
-    NoOpener opener_;
-    HelperEngine engine_{clock_, locks_, locks_, session_, opener_};
-};
-
-// Nothing that the engine says is shown, while it lives.
-class QuietErrors {
-  public:
-    QuietErrors() {
-        const Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-        dup2(nowhere.get(), STDERR_FILENO);
-    }
-
-    QuietErrors(const QuietErrors&) = delete;
-    QuietErrors& operator=(const QuietErrors&) = delete;
-
-    ~QuietErrors() { dup2(before_.get(), STDERR_FILENO); }
-
-  private:
-    Descriptor before_{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
+    // Whose session is empty and whose opener opens nothing.
+    testing::SimulatedWorld world_;
+    HelperEngine engine_{clock_, locks_, locks_, world_.session, world_.opener};
 };
 
 bool isOnDisk(const std::string& folder) {
@@ -209,26 +170,25 @@ bool isOnDisk(const std::string& folder) {
 
 }  // namespace
 
-void measureSave(Table& table, const Places& places, Effort effort) {
+void measureSave(Table& table, const Machine& machine) {
+    if (!isOnDisk(machine.build)) {
+        throw CannotMeasure(machine.build + " is in memory; --build names a folder on a disk");
+    }
+    progress("saving");
     const std::string peer = "bare write, fsync, rename, fsync";
     constexpr double limit = 1.1;
-    progress("saving");
-    if (!isOnDisk(places.disk)) {
-        throw CannotMeasure(places.disk + " is in memory; --build names a folder on a disk");
-    }
-    table.add(Row::compared("save on a disk", "us", peer,
-                            compareIn(places.disk + "/saves", effort.rounds(8000)), {limit, {}}));
-    table.add(Row::compared("save in memory (tmpfs)", "us", peer,
-                            compareIn("/tmp/saves", effort.rounds(8000)), {}));
+    const std::size_t saves = machine.rounds(8000);
+    table.compare("save on a disk", peer, compareSaves(machine.program("saves"), saves), limit);
+    table.compare("save in memory (tmpfs)", peer, compareSaves("/tmp/saves", saves));
     progress("beginning and ending");
     // Besides the calls: the clock, the flags and the folder looked at, and a line in the log.
     constexpr double engineLimit = 1.25;
-    const QuietErrors quiet;
-    Beginnings beginnings(places.disk + "/beginnings");
-    table.add(Row::compared("begin on a disk", "us", "the same writes, renames, flags and fsyncs",
-                            beginnings.compare(effort.rounds(4000), true), {engineLimit, {}}));
-    table.add(Row::compared("end on a disk", "us", "the same removals, flags and fsyncs",
-                            beginnings.compare(effort.rounds(4000), false), {engineLimit, {}}));
+    Beginnings beginnings(machine.program("beginnings"));
+    const std::size_t rounds = machine.rounds(4000);
+    table.compare("begin on a disk", "the same writes, renames, flags and fsyncs",
+                  beginnings.compare(rounds, true), engineLimit);
+    table.compare("end on a disk", "the same removals, flags and fsyncs",
+                  beginnings.compare(rounds, false), engineLimit);
 }
 
 }  // namespace halvo::benchmark

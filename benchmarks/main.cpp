@@ -1,79 +1,39 @@
-// Runs the measurements inside a private machine and prints their table; benchmarks/run starts it.
+// Runs the measurements inside a private machine and prints their table; benchmarks/run starts it
+// and describes its words.
 
+#include <fcntl.h>
 #include <sched.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
-#include <span>
-#include <string>
+#include <utility>
 
-#include "benchmarks/Benchmarks.hpp"
-#include "benchmarks/CannotMeasure.hpp"
-#include "benchmarks/Child.hpp"
+#include "benchmarks/Benchmark.hpp"
 
 namespace halvo::benchmark {
 namespace {
 
-struct Options {
-    Places places;
-    Effort effort;
-    bool json{};
-    // Which measurement; empty means all.
-    std::string only;
+// Where the engine's log goes, and whatever else is said on standard error.
+constexpr const char* errorLog = "/tmp/errors.log";
+
+// The standard error of this process, before it went there.
+std::ostream& person() {
+    static std::ofstream stream("/dev/fd/" + std::to_string(fcntl(STDERR_FILENO, F_DUPFD, 3)));
+    return stream;
+}
+
+struct Measurement {
+    const char* name;
+    void (*measure)(Table& table, const Machine& machine);
 };
 
-Options parse(std::span<char*> words) {
-    Options options;
-    for (std::size_t i = 1; i < words.size(); ++i) {
-        const std::string word = words[i];
-        const auto value = [&] {
-            return ++i < words.size() ? words[i] : throw CannotMeasure(word + " needs a value");
-        };
-        if (word == "--quick") {
-            options.effort.quick = true;
-        } else if (word == "--json") {
-            options.json = true;
-        } else if (word == "--only") {
-            options.only = value();
-        } else if (word == "--build") {
-            const std::string build = value();
-            options.places = {build + "/bin/HalvoHelper", build + "/benchmarks",
-                              build + "/benchmarks"};
-        } else {
-            throw CannotMeasure("unknown word " + word);
-        }
-    }
-    return options;
-}
-
-Table measure(const Options& options) {
-    const auto& [places, effort, json, only] = options;
-    const InstalledApp app(places);
-    Table table;
-    const auto wanted = [&](const char* name) { return only.empty() || only == name; };
-    if (wanted("search")) {
-        measureAppSearch(table, app, effort);
-    }
-    if (wanted("status")) {
-        measureStatusCall(table, places, app, effort);
-    }
-    if (wanted("save")) {
-        measureSave(table, places, effort);
-    }
-    if (wanted("tick")) {
-        measureTick(table, places, app);
-    }
-    if (wanted("memory")) {
-        measureMemory(table, places, app, effort);
-    }
-    if (wanted("ready")) {
-        measureReady(table, places, app, effort);
-    }
-    if (wanted("records")) {
-        measureRecords(table, effort);
-    }
-    return table;
-}
+constexpr std::array measurements{
+    Measurement{"search", measureAppSearch}, Measurement{"status", measureStatusCall},
+    Measurement{"save", measureSave},        Measurement{"tick", measureTick},
+    Measurement{"memory", measureMemory},    Measurement{"ready", measureReady},
+    Measurement{"records", measureRecords}};
 
 // Lets the machine's other work wait, for this process and all that it starts, ours and peers
 // alike. Where that is refused the rounds only differ more.
@@ -84,26 +44,37 @@ void goFirst() {
 
 }  // namespace
 
-void progress(const std::string& what) { std::cerr << "benchmarks: " << what << std::endl; }
+void progress(const std::string& what) { person() << "benchmarks: " << what << std::endl; }
 
 }  // namespace halvo::benchmark
 
-int main(int count, char** words) {
+int main(int count, char** arguments) {
     using namespace halvo::benchmark;
     constexpr int missed = 1;
     constexpr int couldNotMeasure = 2;
+    person();
+    dup2(open(errorLog, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600), STDERR_FILENO);
     try {
-        const Options options = parse({words, static_cast<std::size_t>(count)});
+        // benchmarks/run has seen to it that they are whole.
+        const std::vector<std::string> words(arguments, arguments + count);
+        const auto has = [&](const char* word) { return std::ranges::count(words, word) != 0; };
+        const auto after = [&](const char* word) {
+            const auto found = std::ranges::find(words, word);
+            return words.end() - found > 1 ? *(found + 1) : "";
+        };
         goFirst();
-        const Table table = measure(options);
-        std::cout << (options.json ? table.json() : table.text());
+        const Machine machine(after("--build"), has("--quick"));
+        Table table;
+        for (const auto& [name, measure] : measurements) {
+            if (!has("--only") || after("--only") == name) {
+                measure(table, machine);
+            }
+        }
+        std::cout << (has("--json") ? table.json() : table.text());
         return table.hasMissed() ? missed : 0;
     } catch (const std::exception& failure) {
-        std::cerr << "benchmarks: cannot measure: " << failure.what() << std::endl;
-        // What the programs said, if anything.
-        if (std::ifstream errors(errorLog); errors.peek() != std::ifstream::traits_type::eof()) {
-            std::cerr << errors.rdbuf();
-        }
+        person() << "benchmarks: cannot measure: " << failure.what() << "\n"
+                 << std::ifstream(errorLog).rdbuf() << std::endl;
         return couldNotMeasure;
     }
 }

@@ -1,19 +1,18 @@
-#include "examples/SampleApp/Companion.hpp"
-
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
+// The command line, what the app says, and how it keeps the helper company.
 
 #include <algorithm>
-#include <chrono>
+#include <array>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
 #include <utility>
+#include <variant>
 
-#include "HalvoPlatform/Fatal.hpp"
-#include "examples/SampleApp/LaterEnd.hpp"
-#include "examples/SampleApp/SessionEnding.hpp"
-#include "examples/SampleApp/Wording.hpp"
+#include "HalvoHelperCore/HelperCommitment.hpp"
+#include "HalvoShared/LaunchReason.hpp"
+#include "examples/SampleApp/SampleApp.hpp"
 
 namespace halvo {
 namespace {
@@ -22,27 +21,153 @@ namespace {
 constexpr Seconds farewellLimit{1};
 // Long enough for a machine that is busy with the end of a session.
 constexpr Seconds someBeats{10};
+// The helper works an end out anew each time and may differ by this, which is no change.
+constexpr Seconds hair{1.5};
+// Past the year 9999. What a helper answers is shown, not believed.
+constexpr Seconds beyondAllDates{253402300800.0};
 
-// The clock on a terminal goes by seconds.
-constexpr Seconds second{1};
+// Back to the start of the line, and erase it; console_codes(4).
+constexpr const char* clearLine = "\r\033[2K";
 
 Deadline now() { return Deadline::clock::now(); }
 
-Descriptor takeSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&set, signal);
+std::optional<Seconds> parseMinutes(const std::string& word) {
+    // Plain decimals only: strtod(3) would also take "inf", "0x1p3", "1e3" and "5.".
+    if (word.find_first_not_of("0123456789.") != std::string::npos || word.starts_with('.') ||
+        word.ends_with('.')) {
+        return std::nullopt;
     }
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    Descriptor signals(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!signals.isOpen()) {
-        fatal("Halvo cannot receive signals");
+    char* end = nullptr;
+    const Seconds span = Seconds{60} * std::strtod(word.c_str(), &end);
+    const bool isTaken = *end == '\0' && span > Seconds{0} && span <= HelperCommitment::maximum;
+    return isTaken ? std::optional(span) : std::nullopt;
+}
+
+// "Fri 14:32:07" in the person's time zone.
+std::string clockTime(WallDate date) {
+    const Seconds since1970 = date.time_since_epoch();
+    // Written so that not-a-number is none.
+    if (!(std::chrono::abs(since1970) < beyondAllDates)) {
+        return "an unknown time";
+    }
+    const std::time_t seconds = wholeSeconds(since1970);
+    std::tm local{};
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), "%a %H:%M:%S", localtime_r(&seconds, &local));
+    return text.data();
+}
+
+sigset_t endSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, signal);
     }
     return signals;
 }
 
+// Waits for a signal until `until`. Zero when none came.
+int waitForSignal(Deadline until) {
+    const sigset_t signals = endSignals();
+    const auto left = std::max(until - now(), Deadline::duration::zero());
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timespec span{seconds.count(), (left - seconds).count()};
+    return std::max(sigtimedwait(&signals, nullptr, &span), 0);
+}
+
 }  // namespace
+
+std::expected<Arguments, std::string> parseArguments(std::span<const std::string> words) {
+    Arguments arguments;
+    while (!words.empty()) {
+        const std::string& word = words.front();
+        words = words.subspan(1);
+        const auto minutes = parseMinutes(word);
+        if (word == "--help" || word == "-h") {
+            arguments.help = true;
+        } else if (word == LaunchReason::relaunchArgument) {
+            if (words.empty() || words.front() != "YES") {
+                return std::unexpected(word + " is followed by YES and nothing else.");
+            }
+            words = words.subspan(1);
+            arguments.broughtBack = true;
+        } else if (minutes && arguments.commitment) {
+            return std::unexpected("One number of minutes is enough: there is " + word + " too.");
+        } else if (minutes) {
+            arguments.commitment = minutes;
+        } else {
+            return std::unexpected("'" + word + "' is no number of minutes above 0, up to 1440.");
+        }
+    }
+    return arguments;
+}
+
+std::optional<WallDate> laterEnd(const HelperStatus& held, WallDate wanted) {
+    const bool keep = held.holding && held.until && *held.until >= wanted;
+    return keep ? std::nullopt : std::optional(wanted);
+}
+
+std::string timeLeft(Seconds span) {
+    constexpr std::int64_t minute = 60;
+    constexpr std::int64_t hour = 60 * minute;
+    // Written so that not-a-number means none.
+    const Seconds left = span > Seconds{0} ? std::min(span, beyondAllDates) : Seconds{0};
+    const std::intmax_t seconds = wholeSeconds(Seconds{std::ceil(left.count())});
+    std::array<char, 64> text{};
+    if (seconds < hour) {
+        std::snprintf(text.data(), text.size(), "%jd:%02jd", seconds / minute, seconds % minute);
+    } else {
+        std::snprintf(text.data(), text.size(), "%jd:%02jd:%02jd", seconds / hour,
+                      seconds % hour / minute, seconds % minute);
+    }
+    return text.data();
+}
+
+std::string holding(const HelperStatus& status) {
+    if (!status.holding) {
+        return "Nothing holds";
+    }
+    return "Ultra Hard mode holds until " + (status.until ? clockTime(*status.until) : "?") +
+           (status.locked ? ", the app is locked" : ", the app is not locked");
+}
+
+std::string advice(const HelperFailure& failure) {
+    namespace F = HelperFailures;
+    // One for each kind of failure, in the order of the variant.
+    const std::array<const char*, std::variant_size_v<HelperFailure>> advices{
+        "Is it installed, and is its service started?",
+        "It serves only the app as an administrator installed it: owned by root and set-group-id. "
+        "Install this bundle, start Halvo from there, and look into the helper's log for the "
+        "reason.",
+        "It may be stopped, or the machine may be very busy.",
+        "If its version is not that of this app, update both.",
+        "Close some programs and try again.",
+    };
+    const auto* refused = std::get_if<F::Refused>(&failure);
+    const bool wasReplaced = refused != nullptr && refused->wasReplaced;
+    return description(failure) + " " +
+           (wasReplaced ? "Quit Halvo and start it anew." : advices.at(failure.index()));
+}
+
+void Display::show(const std::string& lasting, const std::string& passing) {
+    const std::string text = terminal_ ? lasting + passing : lasting;
+    if (text != shown_) {
+        write(terminal_ ? clearLine + text : text + "\n");
+        shown_ = text;
+    }
+}
+
+void Display::say(const std::string& text) {
+    if (!text.empty()) {
+        write((terminal_ && !std::exchange(shown_, "").empty() ? clearLine : "") + text + "\n");
+    }
+}
+
+void Display::write(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stream_);
+    std::fflush(stream_);
+    std::clearerr(stream_);
+}
 
 Companion::Companion(HelperClient& client, Display& display, RecordKeeper& records,
                      std::string appPath, Pace pace)
@@ -50,8 +175,10 @@ Companion::Companion(HelperClient& client, Display& display, RecordKeeper& recor
       display_(display),
       records_(records),
       appPath_(std::move(appPath)),
-      pace_(pace),
-      signals_(takeSignals()) {}
+      pace_(pace) {
+    const sigset_t signals = endSignals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
 
 int Companion::run(const Arguments& arguments) {
     if (arguments.broughtBack) {
@@ -79,7 +206,8 @@ int Companion::run(const Arguments& arguments) {
     return stay();
 }
 
-// The status once the helper has taken the commitment; idle when it has not.
+// The status once the helper has taken the commitment; idle when it has not. What to ask for is
+// decided in here only: the client asks what holds and sends the begin over one connection.
 HelperClient::Result<HelperStatus> Companion::begin(Seconds span) {
     HelperStatus before;
     std::optional<WallDate> until;
@@ -101,9 +229,7 @@ HelperClient::Result<HelperStatus> Companion::begin(Seconds span) {
         return before;
     }
     const auto status = client_.status();
-    const auto granted = status ? status->until : std::nullopt;
-    constexpr Seconds hair{1.5};
-    if (granted && *granted < *until - hair) {
+    if (status && status->until && *status->until < *until - hair) {
         display_.say("The helper allows no later end: a day after the first beginning.");
     }
     return status;
@@ -114,32 +240,34 @@ int Companion::stay() {
     while (true) {
         if (now() >= nextBeat) {
             nextBeat = deadlineAfter(pace_.heartbeat);
-            if (beat() == Next::Leave) {
-                sayIfAny(records_.end(wallNow()));
-                return exitStatus_;
+            if (const auto exitStatus = beat()) {
+                display_.say(records_.end(wallNow()));
+                return *exitStatus;
             }
-            sayIfAny(records_.update(shown_, wallNow()));
+            display_.say(records_.update(shown_, wallNow()));
         }
-        refresh();
+        const bool isCounting = shown_.holding && shown_.until;
+        display_.show(holding(shown_),
+                      isCounting ? ", " + timeLeft(*shown_.until - wallNow()) + " left" : "");
+        // The clock on a terminal goes by seconds.
         const auto wake =
-            display_.isTerminal() ? std::min(nextBeat, deadlineAfter(second)) : nextBeat;
+            display_.isTerminal() ? std::min(nextBeat, deadlineAfter(Seconds{1})) : nextBeat;
         if (const int signal = waitForSignal(wake); signal != 0) {
             leave(signal);
-            sayIfAny(records_.end(wallNow()));
+            display_.say(records_.end(wallNow()));
             return 0;
         }
     }
 }
 
-Companion::Next Companion::beat() {
+// One heartbeat, and what follows from its answer: the exit status when it is time to end.
+std::optional<int> Companion::beat() {
     if (!isClosing()) {
         wasOpenUntil_ = deadlineAfter(someBeats);
     }
     const auto alive = client_.heartbeat(/*sessionEnding=*/false, pace_.heartbeatLimit);
-    if (!alive) {
-        return isInTrouble(alive.error());
-    }
-    const auto status = client_.status(pace_.heartbeatLimit);
+    const auto status = alive ? client_.status(pace_.heartbeatLimit)
+                              : HelperClient::Result<HelperStatus>(std::unexpected(alive.error()));
     if (!status) {
         return isInTrouble(status.error());
     }
@@ -150,13 +278,13 @@ Companion::Next Companion::beat() {
         return isOver();
     }
     holds(*status);
-    return Next::Stay;
+    return std::nullopt;
 }
 
 void Companion::holds(const HelperStatus& status) {
     const auto before = std::exchange(shown_, status).until;
-    if (before && shown_.until) {
-        shown_.until = steadyEnd(*before, *shown_.until);
+    if (before && shown_.until && std::chrono::abs(*shown_.until - *before) < hair) {
+        shown_.until = before;
     }
     // Without the helper, the app goes some time after the end that was last known.
     const Seconds left = shown_.until ? *shown_.until - wallNow() : Seconds{0};
@@ -164,58 +292,35 @@ void Companion::holds(const HelperStatus& status) {
     over_ = false;
 }
 
-Companion::Next Companion::isOver() {
+std::optional<int> Companion::isOver() {
     if (!std::exchange(over_, true)) {
         display_.say("Ultra Hard mode is over. Halvo ends by itself in " +
                      std::to_string(wholeSeconds(pace_.lingering)) + " seconds.");
         leavingAt_ = deadlineAfter(pace_.lingering);
     }
     shown_ = HelperStatus::idle;
-    exitStatus_ = 0;
-    return now() < leavingAt_ ? Next::Stay : Next::Leave;
+    return now() < leavingAt_ ? std::nullopt : std::optional(0);
 }
 
-Companion::Next Companion::isInTrouble(const HelperFailure& failure) {
+std::optional<int> Companion::isInTrouble(const HelperFailure& failure) {
     const std::string text = advice(failure);
-    if (text != trouble_) {
+    if (text != std::exchange(trouble_, text)) {
         display_.say(text + " Halvo keeps trying.");
-        trouble_ = text;
     }
-    if (now() >= leavingAt_) {
-        display_.say("Halvo ends: the helper has been away for too long.");
-        exitStatus_ = halvo::exitStatus(failure);
-        return Next::Leave;
+    if (now() < leavingAt_) {
+        return std::nullopt;
     }
-    return Next::Stay;
+    display_.say("Halvo ends: the helper has been away for too long.");
+    return halvo::exitStatus(failure);
 }
 
-void Companion::refresh() {
-    if (shown_.holding && shown_.until) {
-        display_.show(holding(shown_), ", " + timeLeft(*shown_.until - wallNow()) + " left");
-    } else {
-        display_.show(holding(shown_), "");
-    }
-}
-
-void Companion::sayIfAny(const std::optional<std::string>& trouble) {
-    if (trouble) {
-        display_.say(*trouble);
-    }
-}
-
-int Companion::waitForSignal(Deadline until) const {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now());
-    pollfd waiting{signals_.get(), POLLIN, 0};
-    poll(&waiting, 1, static_cast<int>(std::max(left.count(), std::int64_t{0})));
-    signalfd_siginfo info{};
-    const bool came = read(signals_.get(), &info, sizeof info) == ssize_t{sizeof info};
-    return came ? static_cast<int>(info.ssi_signo) : 0;
-}
-
+// Announces the end of the session where this is one, so that the helper does not open the app into
+// a session that is going away. A session that was closing some seconds ago already does not count:
+// a program that is left behind keeps it so, and the app could be started in it again and again
+// only to have its end announced. Ctrl-C is never the session's end.
 void Companion::leave(int signal) {
-    if (signal != SIGINT &&
-        isSessionEnding(readSessionFacts(farewellLimit), now() < wasOpenUntil_)) {
-        // The helper then does not open the app into a session that is going away.
+    const bool wasOpen = now() < wasOpenUntil_;
+    if (signal != SIGINT && (isClosing() ? wasOpen : isShuttingDown(farewellLimit))) {
         const auto told = client_.heartbeat(/*sessionEnding=*/true, farewellLimit);
         display_.say(told ? "The session is ending; the helper knows." : advice(told.error()));
     } else if (shown_.holding) {

@@ -111,7 +111,7 @@ TEST_F(UpgradeTest, IsDoneByTheInstallerWhileTheAppIsLocked) {
     const auto size = fs::file_size(Place::appExecutable);
 
     TestProcess installer({.words = {HALVO_SOURCE_FOLDER "/examples/SampleApp/install", "--group",
-                                     "halvo-app", next}});
+                                     "halvo-app", "--halvoctl", Place::control, next}});
     EXPECT_EQ(installer.wait(), 0) << installer.output();
     EXPECT_EQ(fs::file_size(Place::appExecutable), size + 4);
     EXPECT_TRUE(isLocked());

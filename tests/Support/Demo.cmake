@@ -7,4 +7,4 @@ add_library(InjectedLibrary MODULE ${CMAKE_CURRENT_LIST_DIR}/InjectedLibrary.cpp
 target_link_libraries(InjectedLibrary PRIVATE HalvoOptions)
 set_target_properties(InjectedLibrary PROPERTIES PREFIX "")
 
-add_custom_target(HalvoDemo DEPENDS HalvoHelper SampleApp TestCaller InjectedLibrary)
+add_custom_target(HalvoDemo DEPENDS HalvoHelper halvoctl SampleApp TestCaller InjectedLibrary)

@@ -193,9 +193,10 @@ Outcome run(const std::vector<std::string>& words, const FindMachine& findMachin
     }
     const auto machine = findMachine();
     if (line.doctor->parsed()) {
-        const Checks checks = machine ? examine(*machine, line.app)
-                                      : Checks{isProblem("helper files", machine.error(),
-                                                         "Install the helper again.")};
+        const Checks checks =
+            machine
+                ? examine(*machine, line.app)
+                : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
         return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
                 line.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
     }

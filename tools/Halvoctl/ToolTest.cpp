@@ -18,9 +18,9 @@ namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ChildResult;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using testing::ChildResult;
 using Words = std::vector<std::string>;
 
 class ToolTest : public ::testing::Test {
@@ -57,6 +57,7 @@ TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
         {{"doctor", "--json", "-h"}, {"Usage: halvoctl doctor", "--app PATH", "\"verdict\""}},
         {{"release", "--help"},
          {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "71 when the helper"}}};
+
     for (const auto& [words, texts] : rows) {
         const Outcome outcome = runWith(words);
         EXPECT_EQ(outcome.status, ExitStatus::fine);
@@ -88,6 +89,7 @@ TEST_F(ToolTest, RefusesACommandLineThatItDoesNotKnow) {
         {{"doctor", "--app", "B\n.app"},
          "--app: the absolute path of a bundle is needed, as /Applications/Halvo.app, not "
          "'B\\n.app'"}};
+
     fake.hold();
     for (const auto& [words, problem] : rows) {
         EXPECT_EQ(runWith(words), (Outcome{ExitStatus::usage, "",

@@ -146,9 +146,9 @@ class Conversation {
     // `answer`: systemd's own, if it gave one.
     int fail(int result, const sd_bus_error& answer = {}) {
         const bool isAnswer = answer.message != nullptr && result != -ETIMEDOUT;
-        problem_ = isAnswer ? records::printable(answer.message)
-                            : "systemd does not answer: " +
-                                  std::generic_category().message(-result);
+        problem_ = isAnswer
+                       ? records::printable(answer.message)
+                       : "systemd does not answer: " + std::generic_category().message(-result);
         return result;
     }
 

@@ -1,5 +1,3 @@
-#include "tools/Halvoctl/Linux/Systemd.hpp"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -16,6 +14,7 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/TestProcess.hpp"
+#include "tools/Halvoctl/Linux/Systemd.hpp"
 
 namespace halvo::control {
 namespace {
@@ -28,7 +27,8 @@ const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 // The other side of the bus, which is systemd.
 class Peer {
   public:
-    // Answers one conversation on `listener`. What it does with calls of the manager, `manage` says.
+    // Answers one conversation on `listener`. What it does with calls of the manager, `manage`
+    // says.
     Peer(const Descriptor& listener, std::function<int(sd_bus_message*)> manage)
         : manage_(std::move(manage)) {
         const int connection = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
@@ -92,8 +92,8 @@ class SystemdTest : public ::testing::Test {
     }
 
     // A process that is systemd for one conversation.
-    [[nodiscard]] testing::TestProcess peer(
-        const std::function<int(sd_bus_message*)>& manage = [](sd_bus_message*) { return 0; }) {
+    [[nodiscard]] testing::TestProcess peer(const std::function<int(sd_bus_message*)>& manage =
+                                                [](sd_bus_message*) { return 0; }) {
         return testing::TestProcess([&] { Peer(listener, manage); });
     }
 
@@ -123,9 +123,9 @@ TEST_F(SystemdTest, TellsOfTheUnits) {
     EXPECT_EQ(units->socket, expected("com.example.app.helper.socket", "Socket"));
     EXPECT_EQ(units->service, expected("com.example.app.helper.service", "Service"));
     EXPECT_EQ(units->resume, expected("com.example.app.helper-resume.service", "Service"));
-    EXPECT_EQ(units->sandbox,
-              (Sandbox{true,
-                       {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}}));
+    EXPECT_EQ(
+        units->sandbox,
+        (Sandbox{true, {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}}));
 }
 
 TEST(UnitTest, IsJudgedByItsStates) {
