@@ -33,8 +33,8 @@ Character firstOf(std::string_view text) {
     if (!isUTF8(bytes)) {
         return {text.substr(0, 1), lead, false};
     }
-    // A lead byte of several has as many bits set and one that is not before those of the code.
-    unsigned code = length == 1 ? lead : lead & 0x7FU >> length;
+    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
+    unsigned code = lead & 0xFFU >> length;
     for (const char byte : bytes.substr(1)) {
         code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
     }
