@@ -8,9 +8,9 @@
 #include <ostream>
 #include <string>
 
+#include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 #include "tools/Halvoctl/Doctor.hpp"
-#include "tests/Support/ControlMachine.hpp"
 
 namespace halvo::control {
 

@@ -1,10 +1,9 @@
-#include "tools/Halvoctl/Machine.hpp"
-
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "tests/Support/ControlMachine.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {

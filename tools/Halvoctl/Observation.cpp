@@ -176,9 +176,8 @@ Observation observe(Machine& machine) {
         }
     }
     seen.helpers = machine.processes.running();
-    std::ranges::copy_if(
-        seen.helpers, std::back_inserter(seen.stopped),
-        [&](pid_t process) { return machine.processes.isStopped(process); });
+    std::ranges::copy_if(seen.helpers, std::back_inserter(seen.stopped),
+                         [&](pid_t process) { return machine.processes.isStopped(process); });
     seen.now = machine.clock.reading();
     return seen;
 }

@@ -217,8 +217,8 @@ Outcome release(Machine& machine, const ReleaseOptions& options,
             "again.");
     }
     if (!lock) {
-        return failure(printable(machine.releaseLock) + " cannot be locked: " +
-                       std::generic_category().message(lock.error().code) +
+        return failure(printable(machine.releaseLock) +
+                       " cannot be locked: " + std::generic_category().message(lock.error().code) +
                        ". Mend that and try again.");
     }
     Outcome outcome = releaseAlone(machine, options, calendar);

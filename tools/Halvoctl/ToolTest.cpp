@@ -18,9 +18,9 @@ namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ChildResult;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using testing::ChildResult;
 using Words = std::vector<std::string>;
 
 class ToolTest : public ::testing::Test {
@@ -51,12 +51,13 @@ TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
     } const rows[] = {
         {{"--help"},
          {"Usage: halvoctl [OPTIONS] COMMAND", "status", "doctor", "release", "--version",
-          "sudo halvoctl release", "64 for a usage"}},
+          "64 for a usage"}},
         {{"-h"}, {"Usage: halvoctl [OPTIONS] COMMAND"}},
-        {{"status", "--help"}, {"Usage: halvoctl status", "--json", "salvaged", "77 without root"}},
+        {{"status", "--help"}, {"Usage: halvoctl status", "--json", "salvaged", "Needs root"}},
         {{"doctor", "--json", "-h"}, {"Usage: halvoctl doctor", "--app PATH", "\"verdict\""}},
         {{"release", "--help"},
-         {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "71 when the helper"}}};
+         {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "Needs root"}}};
+
     for (const auto& [words, texts] : rows) {
         const Outcome outcome = runWith(words);
         EXPECT_EQ(outcome.status, ExitStatus::fine);
@@ -88,6 +89,7 @@ TEST_F(ToolTest, RefusesACommandLineThatItDoesNotKnow) {
         {{"doctor", "--app", "B\n.app"},
          "--app: the absolute path of a bundle is needed, as /Applications/Halvo.app, not "
          "'B\\n.app'"}};
+
     fake.hold();
     for (const auto& [words, problem] : rows) {
         EXPECT_EQ(runWith(words), (Outcome{ExitStatus::usage, "",

@@ -238,16 +238,14 @@ Check checkGroup(const GroupFacts& facts) {
     const std::string name = "app's group";
     const std::string group = printable(facts.name.value_or(""));
     if (const auto flaw = flawOf(facts)) {
-        return isProblem(name,
-                         printable(flaw->finding) + ", so the helper refuses the app",
+        return isProblem(name, printable(flaw->finding) + ", so the helper refuses the app",
                          adviceFor(flaw->kind, group));
     }
     return isOk(name, group + " (" + std::to_string(facts.gid) + ") is nobody's" +
                           (facts.hasShadow ? "" : ", as far as can be seen without root"));
 }
 
-Check checkSandbox(const HelperIdentity& identity, const std::string& app,
-                   const Sandbox& sandbox) {
+Check checkSandbox(const HelperIdentity& identity, const std::string& app, const Sandbox& sandbox) {
     const std::string name = "sandbox";
     const std::string service = serviceUnit(identity);
     const std::string place = folderOf(app);

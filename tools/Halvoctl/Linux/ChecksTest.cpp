@@ -12,9 +12,9 @@
 #include <string>
 
 #include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
-#include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Linux/Checks.hpp"
 #include "tools/Halvoctl/Observation.hpp"
 
@@ -47,6 +47,7 @@ TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
     const auto found = [](const std::string& finding, const std::string& advice) {
         return isProblem("systemd", finding, advice);
     };
+
     struct {
         Units units;
         std::size_t which;
@@ -79,6 +80,7 @@ TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
         {{socketUp, serviceUp, {"loaded", "", "disabled", "", ""}, {}},
          2,
          found(resume + " is not enabled", "systemctl enable " + resume)}};
+
     for (const auto& [units, which, check] : rows) {
         EXPECT_EQ(checkUnits(identity, units).at(which), check);
     }

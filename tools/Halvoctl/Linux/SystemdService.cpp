@@ -122,14 +122,14 @@ std::vector<std::string> SystemdService::otherApplications() {
 
 Checks SystemdService::examine() {
     Checks checks =
-        systemd_ ? checkUnits(identity_, units())
-                 : Checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
-                                                         printable(executable_))};
-    checks.push_back(checkSocket(
-        HelperBus::socketPath(identity_.helperBundleID()),
-        systemd_ || !processes_.running().empty(),
-        systemd_ ? "systemctl restart " + socketUnit(identity_)
-                 : "Stop the helper and start it again."));
+        systemd_
+            ? checkUnits(identity_, units())
+            : Checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
+                                                    printable(executable_))};
+    checks.push_back(checkSocket(HelperBus::socketPath(identity_.helperBundleID()),
+                                 systemd_ || !processes_.running().empty(),
+                                 systemd_ ? "systemctl restart " + socketUnit(identity_)
+                                          : "Stop the helper and start it again."));
     checks.push_back(checkLog("/run/systemd/journal/socket"));
     return checks;
 }

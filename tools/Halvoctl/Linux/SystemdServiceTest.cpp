@@ -1,5 +1,3 @@
-#include "tools/Halvoctl/Linux/SystemdService.hpp"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <systemd/sd-daemon.h>
@@ -8,6 +6,7 @@
 #include <vector>
 
 #include "tests/Support/ControlMachine.hpp"
+#include "tools/Halvoctl/Linux/SystemdService.hpp"
 
 namespace halvo::control {
 namespace {
@@ -237,8 +236,8 @@ TEST_F(SystemdServiceTest, IsExaminedAlsoWithoutSystemd) {
                                                          "does not run here; start the helper by "
                                                          "hand: /libexec/HalvoHelper")));
     const std::string path = "/run/com.example.app.helper.sock";
-    EXPECT_THAT(bare.examine(), Contains(isNotApplicable("socket", "the helper makes " + path +
-                                                                       " when it runs")));
+    EXPECT_THAT(bare.examine(),
+                Contains(isNotApplicable("socket", "the helper makes " + path + " when it runs")));
     processes.processes = {7};
     EXPECT_THAT(bare.examine(), Contains(isProblem("socket", "there is none at " + path,
                                                    "Stop the helper and start it again.")));

@@ -32,20 +32,20 @@ Check checkOpening(const std::string& helper, const HelperIdentity& identity) {
     const auto checked = checkCodeSignature(helper, identity.helperRequirement());
     if (!checked) {
         return isProblem(name,
-                          printable(checked.error()) + "; so the app is not opened again, since " +
-                              printable(*problem),
-                          "Install the app again.");
+                         printable(checked.error()) + "; so the app is not opened again, since " +
+                             printable(*problem),
+                         "Install the app again.");
     }
     const std::string folder = HelperCopy::folder(identity);
     struct stat status{};
     if (lstat(folder.c_str(), &status) == 0) {
         if (const auto wrong = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
             return isProblem(name, printable(*wrong) + "; so the app is not opened again",
-                              "rm -r " + shellWord(folder));
+                             "rm -r " + shellWord(folder));
         }
     }
     return isOk(name, "through a checked copy of the helper in " + printable(folder) + ", since " +
-                           printable(*problem));
+                          printable(*problem));
 }
 
 std::string clearCommand(const std::string& path) { return "chflags noschg " + shellWord(path); }

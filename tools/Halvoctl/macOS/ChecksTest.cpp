@@ -72,19 +72,18 @@ TEST_F(ChecksPrivateMachineTest, SayHowTheAppIsOpened) {
     std::filesystem::create_directory(folder);
     EXPECT_EQ(opening(), copied);
     ASSERT_EQ(chown(folder.c_str(), user.uid, user.gid), 0);
-    EXPECT_EQ(opening(),
-              isProblem("opening",
-                               folder + " belongs to user " + std::to_string(user.uid) +
-                                   "; so the app is not opened again",
-                               "rm -r '" + folder + "'"));
+    EXPECT_EQ(opening(), isProblem("opening",
+                                   folder + " belongs to user " + std::to_string(user.uid) +
+                                       "; so the app is not opened again",
+                                   "rm -r '" + folder + "'"));
     testing::writeTestFile(helper, "something else");
     EXPECT_EQ(opening(),
               isProblem("opening",
-                               helper +
-                                   ": code object is not signed at all; so the app is not opened "
-                                   "again, since " +
-                                   theirs,
-                               "Install the app again."));
+                        helper +
+                            ": code object is not signed at all; so the app is not opened "
+                            "again, since " +
+                            theirs,
+                        "Install the app again."));
 }
 
 }  // namespace

@@ -36,8 +36,7 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
         {posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDWR, 0),
          posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDOUT_FILENO),
          posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDERR_FILENO),
-         posix_spawnattr_setpgroup(&attributes, 0),
-         posix_spawnattr_setsigmask(&attributes, &none),
+         posix_spawnattr_setpgroup(&attributes, 0), posix_spawnattr_setsigmask(&attributes, &none),
          posix_spawnattr_setsigdefault(&attributes, &all),
          posix_spawnattr_setflags(&attributes, flags)});
     if (code == 0) {

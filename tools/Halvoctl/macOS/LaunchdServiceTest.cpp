@@ -1,5 +1,3 @@
-#include "tools/Halvoctl/macOS/LaunchdService.hpp"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,6 +13,7 @@
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/PrivateMachine.hpp"
+#include "tools/Halvoctl/macOS/LaunchdService.hpp"
 
 namespace halvo::control {
 namespace {
@@ -79,9 +78,8 @@ TEST_F(LaunchdServiceTest, TakesTheJobOutAndSaysWhenItIsBack) {
     EXPECT_TRUE(service.stop());
     EXPECT_THAT(script.calls, ElementsAre(print, bootout, print));
     EXPECT_THAT(script.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
-    EXPECT_THAT(
-        script.lines,
-        ElementsAre("", "Waiting for launchd to stop the helper, at most 30 seconds.", ""));
+    EXPECT_THAT(script.lines,
+                ElementsAre("", "Waiting for launchd to stop the helper, at most 30 seconds.", ""));
     EXPECT_EQ(service.resume(),
               "The helper is back at the next boot, or when the app registers it anew.");
 }
@@ -174,8 +172,7 @@ TEST_F(LaunchctlTest, EndsAsItEnds) {
 TEST_F(LaunchctlTest, GetsAnEnvironmentOfItsOwnAndNothingToRead) {
     const std::string seen = folder / "seen";
     EXPECT_EQ(shell("exec >" + seen + "; cat; env | grep -v '^PWD=\\|^_=' | sort"), 0);
-    EXPECT_EQ(testing::readTestFile(seen),
-              "LC_ALL=C\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n");
+    EXPECT_EQ(testing::readTestFile(seen), "LC_ALL=C\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n");
 }
 
 TEST_F(LaunchctlTest, SaysNothing) {
