@@ -19,22 +19,13 @@ constexpr const char* footer =
     R"(COMMAND --help says more about a command. Which app it is about stands in the
 Info.plist that lies with the program.
 
-Examples:
-  sudo halvoctl status
-  sudo halvoctl doctor
-  sudo halvoctl release
-
 Exit status: 0 when it was done, 1 when doctor found a problem, 64 for a usage
 error, 71 when the system refused, 74 when the output could not be written, 77
 when it needs root, 78 when the Info.plist is missing or wrong.)";
 
 constexpr const char* statusFooter =
-    R"(Says what holds: for whom, until when, and how long that is from now; whether the
-app's bundle is locked, and what happens next where that is not as it was stored;
-whether the helper runs, and what starts it; and in which condition the state file
-is. Changes nothing. Needs root, since only root can read the state file.
-
-The time left is counted as the helper counts it, also while none runs.
+    R"(Changes nothing. Needs root, since only root can read the state file. The time left is
+counted as the helper counts it, also while none runs.
 
 Members of the object; dates are ISO 8601 in UTC, spans are seconds:
   apps           the bundle of the record, else those found in /Applications; and
@@ -54,60 +45,32 @@ Members of the object; dates are ISO 8601 in UTC, spans are seconds:
                  the helper takes for none
   version        of halvoctl and the helper that lies with it
 
-Examples:
-  sudo halvoctl status
-  sudo halvoctl status --json | jq .commitment.until
-
-Exit status: 0 whatever holds, 64 for a usage error, 74 when the output could not be
-written, 77 without root, 78 when the Info.plist with the program is missing or
-wrong.)";
+Example: sudo halvoctl status --json | jq .commitment.until)";
 
 constexpr const char* doctorFooter =
     R"(Looks at everything that the helper needs, from the rights on its own files to the
-app's private group, and says of each thing whether it is as it must be, and what to
-do where it is not. Changes nothing. Without root some things cannot be looked at;
-they are named. Without --app it looks at the bundle of what holds, else at those of
-the app found in /Applications.
+app's private group. Changes nothing. Names what cannot be looked at without root.
+Without --app it looks at the bundle of what holds, else at those of the app found in
+/Applications.
 
 Members of the object: "problems" is how many there are, "checks" a list of objects
 with "name"; "verdict", which is ok, problem, not applicable, or needs root;
 "finding", in words; "advice", what to do, null where there is nothing.
 
-Examples:
-  sudo halvoctl doctor
-  sudo halvoctl doctor --app /srv/Applications/Halvo.app
-
-Exit status: 0 when there is no problem, 1 when there is one, 64 for a usage error, 74
-when the output could not be written.)";
+Example: sudo halvoctl doctor --app /srv/Applications/Halvo.app)";
 
 constexpr const char* releaseFooter =
     R"(Lets go of what holds, for everybody: stops the helper, unlocks the app's bundle,
-removes what is stored, and lets the app call the helper again. Says what it did.
-Where nothing holds it says so, and that is no failure.
+removes what is stored, and lets the app call the helper again. Where nothing holds it
+says so, and that is no failure. When it is interrupted, run it again.
 
-A lock that no record owes, since the record was damaged or an unlock failed, goes
-too, from each bundle in /Applications, or in another folder of root's called
-Applications where the helper may lock, that is the app's own: it, its Contents and
-its Info.plist belong to root, nobody else can write them, and they name the app and
-the team of the helper. What another bundle carries is left alone.
+A lock that no record owes goes too, from each bundle in /Applications, or in another
+folder of root's called Applications where the helper may lock, that is the app's own:
+root's, not writable by others, of the app and team of the helper. The record of a
+bundle that cannot be reached is kept without --bundle-gone: its disk may come back,
+and the lock with it. When release fails, all is as without --and-stop.
 
-The bundle is unlocked before the record of it is removed, so that no bundle stays
-locked for good: when it is interrupted, run it again. It waits at most a minute, and
-another minute for a release that runs already, and says so after a second.
-
-The record of a bundle that cannot be reached is kept without --bundle-gone: its disk
-may come back, and the lock with it. When release fails, all is as without --and-stop.
-
-Needs root. Who is bound by Ultra Hard mode should not have it.
-
-Examples:
-  sudo halvoctl release
-  sudo halvoctl release --and-stop
-
-Exit status: 0 when nothing holds any more, 64 for a usage error, 71 when the helper
-could not be stopped or started again, or the bundle could not be unlocked (the
-message says what to do), 74 when the output could not be written, 77 without root,
-78 when the Info.plist with the program is missing or wrong.)";
+Needs root. Who is bound by Ultra Hard mode should not have it.)";
 
 std::string problemOfBundlePath(const std::string& path) {
     return AppLocation::isBundlePath(path)

@@ -51,12 +51,12 @@ TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
     } const rows[] = {
         {{"--help"},
          {"Usage: halvoctl [OPTIONS] COMMAND", "status", "doctor", "release", "--version",
-          "sudo halvoctl release", "64 for a usage"}},
+          "64 for a usage"}},
         {{"-h"}, {"Usage: halvoctl [OPTIONS] COMMAND"}},
-        {{"status", "--help"}, {"Usage: halvoctl status", "--json", "salvaged", "77 without root"}},
+        {{"status", "--help"}, {"Usage: halvoctl status", "--json", "salvaged", "Needs root"}},
         {{"doctor", "--json", "-h"}, {"Usage: halvoctl doctor", "--app PATH", "\"verdict\""}},
         {{"release", "--help"},
-         {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "71 when the helper"}}};
+         {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "Needs root"}}};
 
     for (const auto& [words, texts] : rows) {
         const Outcome outcome = runWith(words);

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <system_error>
 
@@ -18,8 +17,6 @@ namespace halvo::control {
 namespace {
 
 constexpr const char* destination = "org.freedesktop.systemd1";
-constexpr const char* managerPath = "/org/freedesktop/systemd1";
-constexpr const char* managerInterface = "org.freedesktop.systemd1.Manager";
 constexpr const char* unitInterface = "org.freedesktop.systemd1.Unit";
 constexpr const char* serviceInterface = "org.freedesktop.systemd1.Service";
 constexpr const char* socketInterface = "org.freedesktop.systemd1.Socket";
@@ -27,14 +24,11 @@ constexpr const char* socketInterface = "org.freedesktop.systemd1.Socket";
 struct Free {
     void operator()(char* text) const { std::free(text); }  // as libsystemd made it
 
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-
     // Without a flush, which would wait for a peer that does not read.
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
 
 using Text = std::unique_ptr<char, Free>;
-using Message = std::unique_ptr<sd_bus_message, Free>;
 
 struct Error {
     Error() = default;
@@ -98,41 +92,13 @@ class Conversation {
         return found;
     }
 
-    // The object path of the job that `method` of the manager makes for `unit`.
-    std::string makeJob(const char* method, const std::string& unit) {
-        const char* job = nullptr;
-        sd_bus_message* reply = nullptr;
+    // Calls `method` of the manager for the unit `name`.
+    void call(const char* method, const std::string& name) {
         ask([&](sd_bus_error* error) {
-            const int result =
-                sd_bus_call_method(bus_.get(), destination, managerPath, managerInterface, method,
-                                   error, &reply, "ss", unit.c_str(), "replace");
-            return result < 0 ? result : sd_bus_message_read(reply, "o", &job);
+            return sd_bus_call_method(bus_.get(), destination, "/org/freedesktop/systemd1",
+                                      "org.freedesktop.systemd1.Manager", method, error, nullptr,
+                                      "ss", name.c_str(), "replace");
         });
-        const Message owner(reply);
-        return job == nullptr ? "" : job;
-    }
-
-    // Notes in `results`, by the job's path, how the jobs ended that systemd has told of since the
-    // last call.
-    void hearOfJobs(std::map<std::string, std::string>& results) {
-        while (problem_.empty()) {
-            sd_bus_message* raw = nullptr;
-            const int result = sd_bus_process(bus_.get(), &raw);
-            const Message message(raw);
-            if (result < 0) {
-                fail(result);
-            }
-            if (result <= 0) {
-                return;
-            }
-            const char* job = nullptr;
-            const char* end = nullptr;
-            if (raw != nullptr &&
-                sd_bus_message_is_signal(raw, managerInterface, "JobRemoved") > 0 &&
-                sd_bus_message_read(raw, "uoss", nullptr, &job, nullptr, &end) > 0) {
-                results[job] = end;
-            }
-        }
     }
 
   private:
@@ -185,19 +151,7 @@ class Conversation {
                 result = left() > Seconds{0} ? sd_bus_wait(raw, microsecondsLeft()) : -ETIMEDOUT;
             }
         }
-        if (result < 0) {
-            return fail(result);
-        }
-        if (bus.isBroker) {
-            // systemd itself tells of all jobs, a broker of those that were asked for.
-            ask([&](sd_bus_error* error) {
-                return sd_bus_call_method(
-                    raw, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                    "AddMatch", error, nullptr, "s",
-                    "type='signal',sender='org.freedesktop.systemd1',member='JobRemoved'");
-            });
-        }
-        return problem_.empty() ? 0 : -EIO;
+        return result < 0 ? fail(result) : result;
     }
 
     Clock::time_point deadline_;
@@ -266,41 +220,39 @@ std::expected<Units, std::string> LiveSystemd::units(const HelperIdentity& ident
 
 std::expected<void, std::string> LiveSystemd::stop(const std::vector<std::string>& names,
                                                    Seconds limit, const std::string& line) {
-    return runJobs("StopUnit", names, limit, line);
+    return change("StopUnit", names, [](const Unit& unit) { return !unit.isUp(); }, limit, line);
 }
 
 std::expected<void, std::string> LiveSystemd::start(const std::vector<std::string>& names,
                                                     Seconds limit, const std::string& line) {
-    return runJobs("StartUnit", names, limit, line);
+    return change(
+        "StartUnit", names, [](const Unit& unit) { return unit.active == "active"; }, limit, line);
 }
 
-std::expected<void, std::string> LiveSystemd::runJobs(const char* method,
-                                                      const std::vector<std::string>& names,
-                                                      Seconds limit, const std::string& line) {
+std::expected<void, std::string> LiveSystemd::change(const char* method,
+                                                     const std::vector<std::string>& names,
+                                                     bool (*isDone)(const Unit& unit),
+                                                     Seconds limit, const std::string& line) {
     Conversation systemd(buses_, limit);
-    std::map<std::string, std::string> jobs;
     for (const std::string& name : names) {
-        jobs[systemd.makeJob(method, name)] = name;
+        systemd.call(method, name);
     }
-    std::map<std::string, std::string> results;
+    Unit unit;
     const auto areDone = [&] {
-        systemd.hearOfJobs(results);
-        return !systemd.problem().empty() || std::ranges::all_of(jobs, [&](const auto& job) {
-            return results.contains(job.first);
+        return std::ranges::all_of(names, [&](const std::string& name) {
+            unit.active = systemd.text(pathOf(name), unitInterface, "ActiveState");
+            return !systemd.problem().empty() || isDone(unit);
         });
     };
-    const bool isOver = waiter_.wait(areDone, systemd.left(), line);
+    // Leaves time for an answer to the last question.
+    constexpr Seconds lastAnswer{0.2};
+    const bool isOver = waiter_.wait(areDone, systemd.left() - lastAnswer, line);
     if (!systemd.problem().empty()) {
         return std::unexpected(systemd.problem());
     }
     if (!isOver) {
-        return std::unexpected("it takes too long");
-    }
-    for (const auto& [job, name] : jobs) {
-        if (results[job] != "done") {
-            return std::unexpected("the job of " + name + " ended as " +
-                                   records::printable(results[job]));
-        }
+        return std::unexpected("it takes too long, and is still " +
+                               records::printable(unit.active));
     }
     return {};
 }

@@ -69,9 +69,9 @@ class Systemd {
     // The units of `identity`. Takes at most 10 seconds. Fails with a sentence without a full stop.
     virtual std::expected<Units, std::string> units(const HelperIdentity& identity) = 0;
 
-    // Stops, or starts, the units called `names`, and waits until that is done: at most for `limit`
-    // (and 10 seconds for systemd to accept it), and says `line` when it takes a second. Fails with
-    // a sentence without a full stop.
+    // Stops, or starts, the units called `names`, and waits until they are inactive, or active: at
+    // most for `limit`; says `line` when that takes a second. Fails with a sentence without a full
+    // stop.
     virtual std::expected<void, std::string> stop(const std::vector<std::string>& names,
                                                   Seconds limit, const std::string& line) = 0;
     virtual std::expected<void, std::string> start(const std::vector<std::string>& names,
@@ -101,9 +101,11 @@ class LiveSystemd final : public Systemd {
                                            const std::string& line) override;
 
   private:
-    std::expected<void, std::string> runJobs(const char* method,
-                                             const std::vector<std::string>& names, Seconds limit,
-                                             const std::string& line);
+    // Calls `method` of systemd's manager for each unit, and waits until all are as `isDone` wants.
+    std::expected<void, std::string> change(const char* method,
+                                            const std::vector<std::string>& names,
+                                            bool (*isDone)(const Unit& unit), Seconds limit,
+                                            const std::string& line);
 
     Waiter& waiter_;
     std::vector<BusAddress> buses_;
