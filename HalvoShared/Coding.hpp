@@ -1,277 +1,302 @@
-// How a record is written as JSON and read back: each declares its members once, and gets both
-// directions from that.
-//
-// A record's declaration stands in its own source file:
-//
-//     template <>
-//     const coding::Type& coding::Coding<Person>::type() {
-//         static const Type record = RecordType({
-//             required<&Person::name>("name"),
-//             optional<&Person::born>("born"),
-//             defaulted<&Person::visits>("visits", [] { return 1; }),
-//         });
-//         return record;
-//     }
-//
-// and a line in its header says that it is there:
-//
-//     template <>
-//     const coding::Type& coding::Coding<Person>::type();
-//
-// All of it is made at its first use, lives as long as the process, and is for any thread.
+// How JSON.hpp reads and writes records, for the sources that declare them.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <span>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
 
 #include "HalvoPlatform/Time.hpp"
+#include "HalvoShared/JSON.hpp"
 #include "HalvoShared/UUID.hpp"
 
-namespace halvo::coding {
+namespace halvo::JSON {
 
-struct ScalarType;
-struct ListType;
-struct RecordType;
-struct ChoiceType;
+// An object that keeps all members of a key that comes more than once, in their order.
+template <class Key, class Value, class... Rest>
+class Members : public std::multimap<Key, Value, Rest...> {
+  public:
+    // A new member; what the library's parser calls for each key.
+    Value& operator[](const Key& key) { return this->emplace(key, nullptr)->second; }
+};
 
-// What a value is and how to reach its parts. The values themselves are passed as untyped pointers,
-// so that one reader and one writer serve all types.
-using Type = std::variant<ScalarType, ListType, RecordType, ChoiceType>;
+using Json = nlohmann::basic_json<Members>;
 
-// The type of a T: a bool, a std::int32_t, a std::int64_t, a std::string, a WallDate, a UUID, a
-// vector of any of these but bool, and whatever declares itself. T has a default value.
+struct Document {
+    Json root;
+    // The library needs memory to free a document, and ends the process when there is none: this is
+    // freed before it, as the last member.
+    std::vector<char> reserve;
+
+    static std::expected<Document, DecodingError> parse(std::string_view text);
+};
+
 template <class T>
-struct Coding {
-    static const Type& type();
+concept Record = requires { T::members; };
+
+template <class T>
+concept Enumeration = std::is_enum_v<T>;
+
+// Puts a step, "name" or "[3]", before the way from there to what is wrong. Gives false.
+bool failedIn(std::string_view step, std::string& path);
+
+// Reads values from a document. Each function says whether it could; where one could not, error()
+// is that of the whole.
+class Decoder {
+  public:
+    [[nodiscard]] const DecodingError& error() const { return error_; }
+
+    bool read(const Json& json, bool& value);
+    bool read(const Json& json, std::string& value);
+    bool read(const Json& json, WallDate& value);
+    bool read(const Json& json, UUID& value);
+
+    template <std::integral T>
+    bool read(const Json& json, T& value) {
+        static const std::string expected =
+            "a whole number of " + std::to_string(sizeof(T) * 8) + " bits";
+        const auto number = wholeNumber(json);
+        const bool fits = number && std::in_range<T>(*number);
+        value = fits ? static_cast<T>(*number) : T{};
+        return expect(json.is_number(), expected, json) &&
+               expect(fits, expected, json, Kind::BadValue);
+    }
+
+    template <Enumeration T>
+    bool read(const Json& json, T& value) {
+        static const std::string expected = oneOf(names<T>);
+        return readText(json, value, expected, [](const std::string& text) {
+            const auto found = std::ranges::find(names<T>, text);
+            return found == names<T>.end()
+                       ? std::nullopt
+                       : std::optional(static_cast<T>(found - names<T>.begin()));
+        });
+    }
+
+    template <class T>
+    bool read(const Json& json, std::optional<T>& value) {
+        return read(json, value.emplace());
+    }
+
+    template <class T>
+    bool read(const Json& json, std::vector<T>& list) {
+        list.clear();
+        const auto readElement = [&](const Json& element) {
+            return read(element, list.emplace_back()) ||
+                   failedIn("[" + std::to_string(list.size() - 1) + "]", error_.path);
+        };
+        return expect(json.is_array(), "a list", json) && std::ranges::all_of(json, readElement);
+    }
+
+    template <Record T>
+    bool read(const Json& json, T& record) {
+        record = {};
+        const auto readEach = [&](const auto&... member) {
+            return (readMember(json, member, record) && ...);
+        };
+        return expect(json.is_object(), "an object", json) && std::apply(readEach, T::members);
+    }
+
+    template <Record... Cases>
+    bool read(const Json& json, std::variant<Cases...>& variant) {
+        constexpr auto& keys = names<std::variant<Cases...>>;
+        const auto chosen = onlyOne(keys, json);
+        std::size_t index = 0;
+        const auto readCase = [&]<class Case>(std::in_place_type_t<Case>) {
+            return index++ != chosen || readAll(json, keys[*chosen], true, [&](const Json& body) {
+                       return read(body, variant.template emplace<Case>());
+                   });
+        };
+        return chosen && (readCase(std::in_place_type<Cases>) && ...);
+    }
+
+  private:
+    using Kind = DecodingError::Kind;
+    using Names = std::span<const std::string_view>;
+
+    template <class T, class Value>
+    bool readMember(const Json& object, const Member<T, Value>& member, T& record) {
+        return readAll(object, member.key, !member.isMissable, [&](const Json& json) {
+            if (member.isMissable && json.is_null()) {
+                record.*member.place = T{}.*member.place;
+                return true;
+            }
+            return read(json, record.*member.place);
+        });
+    }
+
+    // Reads each member of the key with `action`, so that the last counts.
+    template <class Action>
+    bool readAll(const Json& object, std::string_view key, bool isRequired, Action action) {
+        const auto& members = object.get_ref<const Json::object_t&>();
+        const auto first = members.lower_bound(key);
+        const auto isOfKey = [&](auto at) { return at != members.end() && at->first == key; };
+        bool isDone = isOfKey(first) || !isRequired || fail(Kind::MissingMember, "This is missing");
+        for (auto at = first; isDone && isOfKey(at); ++at) {
+            isDone = action(at->second);
+        }
+        return isDone || failedIn(key, error_.path);
+    }
+
+    // Reads what `parse` makes of a text.
+    template <class T, class Parse>
+    bool readText(const Json& json, T& value, std::string_view expected, Parse parse) {
+        if (!expect(json.is_string(), expected, json)) {
+            return false;
+        }
+        auto parsed = parse(json.get_ref<const std::string&>());
+        value = parsed ? *std::move(parsed) : T{};
+        return expect(parsed.has_value(), expected, json, Kind::BadValue);
+    }
+
+    // The number, if it is a whole one, however it is spelled: 5, 5.0 and 0.5e1 are the same.
+    static std::optional<std::int64_t> wholeNumber(const Json& json);
+    static std::string oneOf(Names texts);
+    // The place of the only one of the keys that `json`, an object, has.
+    std::optional<std::size_t> onlyOne(Names keys, const Json& json);
+    bool expect(bool isRight, std::string_view expected, const Json& found,
+                Kind kind = Kind::TypeMismatch);
+    bool fail(Kind kind, std::string problem);
+
+    DecodingError error_;
 };
 
-// A JSON value that has no parts. The text is borrowed.
-using Scalar =
-    std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, const std::string*>;
+// Writes values to a text. Each function says whether it could; where one could not, error() is
+// that of the whole.
+class Encoder {
+  public:
+    [[nodiscard]] std::string& text() { return text_; }
 
-// How a scalar was taken.
-enum class Taken { Whole, WrongType, BadValue };
+    [[nodiscard]] const EncodingError& error() const { return error_; }
 
-struct ScalarType {
-    // What it must be, for a person: "a whole number".
-    std::string expected;
-    Taken (*take)(const Scalar& scalar, void* value);
-    // Appends its JSON; says why it cannot, as a part of a sentence, else nothing.
-    std::optional<std::string> (*append)(const void* value, std::string& json);
-};
+    bool write(bool value);
+    bool write(std::string_view value);
+    bool write(WallDate value);
+    bool write(const UUID& value);
 
-struct ListType {
-    const Type& (*element)();
-    void (*clear)(void* list);
-    // A new element at the end.
-    void* (*append)(void* list);
-    std::size_t (*size)(const void* list);
-    const void* (*at)(const void* list, std::size_t index);
-};
+    template <std::integral T>
+    bool write(T value) {
+        text_ += std::to_string(value);
+        return true;
+    }
 
-// A member of a record.
-struct Field {
-    std::string_view key;
-    const Type& (*type)();
-    // Where its value goes.
-    void* (*place)(void* record);
-    // Where its value is; null when it is absent and not to be written.
-    const void* (*find)(const void* record);
-    // Sets it when it is missing or null; null for a required one, which must be there.
-    void (*omit)(void* record);
-};
+    template <Enumeration T>
+    bool write(T value) {
+        const auto index = static_cast<std::size_t>(value);
+        return index < names<T>.size() ? write(names<T>[index])
+                                       : fail("is none of the values that have a name");
+    }
 
-// An object with a key for each member.
-struct RecordType {
-    explicit RecordType(std::vector<Field> declared);
+    template <class T>
+    bool write(const std::optional<T>& value) {
+        return write(*value);
+    }
 
-    // In the order of the declaration.
-    std::vector<Field> fields;
-    // Places in `fields`, in the order of the keys' bytes.
-    std::vector<std::size_t> sorted;
-};
+    template <class T>
+    bool write(const std::vector<T>& list) {
+        text_ += '[';
+        for (const T& element : list) {
+            separate('[');
+            if (!write(element)) {
+                return failedIn("[" + std::to_string(&element - list.data()) + "]", error_.path);
+            }
+        }
+        text_ += ']';
+        return true;
+    }
 
-// An alternative of a choice.
-struct Case {
-    std::string_view name;
-    // Null when it carries nothing.
-    const Type& (*payload)();
-    // Makes the variant hold this alternative and gives the place of its payload.
-    void* (*choose)(void* variant);
-    // The place of the payload; meaningless without one.
-    const void* (*find)(const void* variant);
-};
+    template <Record T>
+    bool write(const T& record) {
+        const auto writeEach = [&]<std::size_t... Place>(std::index_sequence<Place...>) {
+            return (writeMember(std::get<sortedPlaces<T>[Place]>(T::members), record) && ...);
+        };
+        text_ += '{';
+        const bool isDone = writeEach(std::make_index_sequence<sortedPlaces<T>.size()>());
+        text_ += '}';
+        return isDone;
+    }
 
-// A std::variant: an object with one key, the case's name, whose value is an object with the
-// payload as "_0", or with nothing.
-struct ChoiceType {
-    ChoiceType(std::vector<Case> declared, std::size_t (*indexOf)(const void* variant));
+    template <Record... Cases>
+    bool write(const std::variant<Cases...>& variant) {
+        const std::string_view name = names<std::variant<Cases...>>[variant.index()];
+        text_ += '{';
+        const bool isDone =
+            std::visit([&](const auto& chosen) { return writeMember(name, chosen); }, variant);
+        text_ += '}';
+        return isDone;
+    }
 
-    // One for each alternative, in the variant's order.
-    std::vector<Case> cases;
-    std::size_t (*index)(const void* variant);
-};
-
-inline constexpr std::string_view payloadKey = "_0";
-// A set of keys is kept as the bits of one number.
-inline constexpr std::size_t mostKeys = 64;
-
-// Only declarations below: the words that a record's declaration is written with.
-
-template <class Member>
-struct MemberOf;
-
-template <class R, class V>
-struct MemberOf<V R::*> {
-    using Record = R;
-    using Value = V;
-};
-
-template <auto member>
-using RecordOf = typename MemberOf<decltype(member)>::Record;
-template <auto member>
-using ValueOf = typename MemberOf<decltype(member)>::Value;
-
-// A member that every file has.
-template <auto member>
-Field required(std::string_view key) {
-    using Record = RecordOf<member>;
-    return {key, &Coding<ValueOf<member>>::type,
-            [](void* record) -> void* { return &(static_cast<Record*>(record)->*member); },
-            [](const void* record) -> const void* {
-                return &(static_cast<const Record*>(record)->*member);
-            },
-            nullptr};
-}
-
-// A std::optional that is left out when it is absent, and absent when it is missing or null.
-template <auto member>
-Field optional(std::string_view key) {
-    using Record = RecordOf<member>;
-    using Value = typename ValueOf<member>::value_type;
-    return {
-        key, &Coding<Value>::type,
-        [](void* record) -> void* { return &(static_cast<Record*>(record)->*member).emplace(); },
-        [](const void* record) -> const void* {
-            const auto& value = static_cast<const Record*>(record)->*member;
-            return value ? &*value : nullptr;
+  private:
+    // The places of a record's members in the order of their keys' bytes.
+    template <Record T>
+    static constexpr auto sortedPlaces = std::apply(
+        [](const auto&... member) {
+            const std::array<std::string_view, sizeof...(member)> keys{member.key...};
+            std::array<std::size_t, sizeof...(member)> places{};
+            std::iota(places.begin(), places.end(), 0);
+            std::ranges::sort(places, {}, [&](std::size_t place) { return keys[place]; });
+            return places;
         },
-        [](void* record) { (static_cast<Record*>(record)->*member).reset(); }};
-}
+        T::members);
 
-// A member that is always written; when it is missing or null it is what Default{}() gives.
-template <auto member, class Default>
-Field defaulted(std::string_view key, Default) {
-    using Record = RecordOf<member>;
-    Field field = required<member>(key);
-    field.omit = [](void* record) { static_cast<Record*>(record)->*member = Default{}(); };
-    return field;
-}
-
-// The alternative of Variant that holds `member`.
-template <class Variant, auto member>
-Case payload(std::string_view name) {
-    using Alternative = RecordOf<member>;
-    return {name, &Coding<ValueOf<member>>::type,
-            [](void* variant) -> void* {
-                return &(static_cast<Variant*>(variant)->template emplace<Alternative>().*member);
-            },
-            [](const void* variant) -> const void* {
-                return &(std::get<Alternative>(*static_cast<const Variant*>(variant)).*member);
-            }};
-}
-
-// The alternative of Variant that holds nothing.
-template <class Variant, class Alternative>
-Case bare(std::string_view name) {
-    return {name, nullptr,
-            [](void* variant) -> void* {
-                return &static_cast<Variant*>(variant)->template emplace<Alternative>();
-            },
-            [](const void* variant) { return variant; }};
-}
-
-template <class Variant>
-ChoiceType choice(std::vector<Case> cases) {
-    return {std::move(cases),
-            [](const void* variant) { return static_cast<const Variant*>(variant)->index(); }};
-}
-
-// An enumeration that is stored as its names, those of the enumerators from 0 on.
-// Specialised by: template <> struct coding::Names<Level> { static constexpr std::array texts{...};
-// };
-template <class Enumeration>
-struct Names;
-
-// `text` as JSON, or why it cannot be: it is not UTF-8.
-std::optional<std::string> appendText(std::string_view text, std::string& json);
-
-template <class Enumeration>
-ScalarType enumeration() {
-    std::string expected = "one of";
-    for (const std::string_view text : Names<Enumeration>::texts) {
-        expected += expected.ends_with("of") ? " \"" : ", \"";
-        expected += text;
-        expected += '"';
+    template <class T, class Value>
+    bool writeMember(const Member<T, Value>& member, const T& record) {
+        const Value& value = record.*member.place;
+        if constexpr (isOptional<Value>) {
+            if (!value) {
+                return true;
+            }
+        }
+        return writeMember(member.key, value);
     }
-    return {std::move(expected),
-            [](const Scalar& scalar, void* value) {
-                const auto* const* text = std::get_if<const std::string*>(&scalar);
-                if (text == nullptr) {
-                    return Taken::WrongType;
-                }
-                int number = 0;
-                for (const std::string_view name : Names<Enumeration>::texts) {
-                    if (name == **text) {
-                        *static_cast<Enumeration*>(value) = static_cast<Enumeration>(number);
-                        return Taken::Whole;
-                    }
-                    ++number;
-                }
-                return Taken::BadValue;
-            },
-            [](const void* value, std::string& json) -> std::optional<std::string> {
-                const auto number =
-                    static_cast<std::size_t>(*static_cast<const Enumeration*>(value));
-                if (number >= Names<Enumeration>::texts.size()) {
-                    return "is none of the values that have a name";
-                }
-                return appendText(Names<Enumeration>::texts[number], json);
-            }};
+
+    template <class T>
+    bool writeMember(std::string_view key, const T& value) {
+        separate('{');
+        text_.append("\"").append(key).append("\":");
+        return write(value) || failedIn(key, error_.path);
+    }
+
+    // Writes the comma that stands before all but the first of what `bracket` opens.
+    void separate(char bracket) { text_ += text_.ends_with(bracket) ? "" : ","; }
+
+    bool fail(const char* problem);
+
+    std::string text_;
+    EncodingError error_;
+};
+
+template <class T>
+std::expected<T, DecodingError> decode(std::string_view json) {
+    const auto document = Document::parse(json);
+    if (!document) {
+        return std::unexpected(document.error());
+    }
+    T value{};
+    Decoder decoder;
+    if (!decoder.read(document->root, value)) {
+        return std::unexpected(decoder.error());
+    }
+    return value;
 }
 
 template <class T>
-struct Coding<std::vector<T>> {
-    static const Type& type() {
-        using List = std::vector<T>;
-        static const Type list = ListType{
-            &Coding<T>::type, [](void* value) { static_cast<List*>(value)->clear(); },
-            [](void* value) -> void* { return &static_cast<List*>(value)->emplace_back(); },
-            [](const void* value) { return static_cast<const List*>(value)->size(); },
-            [](const void* value, std::size_t index) -> const void* {
-                return &(*static_cast<const List*>(value))[index];
-            }};
-        return list;
+std::expected<std::string, EncodingError> encode(const T& value) {
+    Encoder encoder;
+    if (!encoder.write(value)) {
+        return std::unexpected(encoder.error());
     }
-};
+    return std::move(encoder.text());
+}
 
-template <>
-const Type& Coding<bool>::type();
-template <>
-const Type& Coding<std::int32_t>::type();
-template <>
-const Type& Coding<std::int64_t>::type();
-template <>
-const Type& Coding<std::string>::type();
-template <>
-const Type& Coding<WallDate>::type();
-template <>
-const Type& Coding<UUID>::type();
-
-}  // namespace halvo::coding
+}  // namespace halvo::JSON

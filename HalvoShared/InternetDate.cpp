@@ -6,15 +6,7 @@
 namespace halvo::InternetDate {
 namespace {
 
-using std::chrono::days;
-using std::chrono::hh_mm_ss;
-using std::chrono::hours;
-using std::chrono::minutes;
-using std::chrono::seconds;
-using std::chrono::sys_days;
-using std::chrono::sys_seconds;
-using std::chrono::year;
-using std::chrono::year_month_day;
+using namespace std::chrono;
 
 constexpr std::string_view form = "0000-00-00T00:00:00";
 constexpr std::string_view offsetForm = "+00:00";

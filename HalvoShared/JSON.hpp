@@ -1,12 +1,36 @@
 // Records as JSON: one object without blanks, its keys in the order of their bytes, dates as in
-// InternetDate.hpp. What a record's members are is declared with the words of Coding.hpp.
+// InternetDate.hpp. A record declares its members in its class, once for both directions:
+//
+//     struct Person {
+//         std::string name;
+//         std::optional<WallDate> born;
+//         std::int64_t visits = 1;
+//
+//         static constexpr std::tuple members{
+//             JSON::Member{"name", &Person::name},
+//             JSON::Member{"born", &Person::born},
+//             JSON::Member{"visits", &Person::visits, JSON::mayBeMissing},
+//         };
+//     };
+//
+// A member is a bool, a std::int32_t, a std::int64_t, a std::string, a WallDate, a UUID, a record,
+// a std::vector or std::optional of these, or what is listed in `names`: an enumeration, which is
+// stored as the name of its enumerator, or a std::variant of records, which is an object with one
+// key, the name of the alternative.
+//
+//     template <>
+//     inline constexpr auto JSON::names<Level> = JSON::list("gentle", "firm");
+//
+// The source of a record includes Coding.hpp and instantiates decode() and encode() for it; this
+// header is enough for their callers.
 #pragma once
 
+#include <array>
 #include <expected>
+#include <optional>
 #include <string>
 #include <string_view>
-
-#include "HalvoShared/Coding.hpp"
+#include <tuple>
 
 namespace halvo::JSON {
 
@@ -17,7 +41,7 @@ struct DecodingError {
         Malformed,
         // A required member is missing.
         MissingMember,
-        // A member is of another JSON type, or a choice has not one case.
+        // A member is of another JSON type, or a variant has not one alternative.
         TypeMismatch,
         // A member is of the right type, and its value is none that it can have.
         BadValue,
@@ -44,31 +68,42 @@ struct EncodingError {
 std::string description(const DecodingError& error);
 std::string description(const EncodingError& error);
 
-// As decode() and encode(), for a value of `type`.
-std::expected<void, DecodingError> decodeInto(void* value, const coding::Type& type,
-                                              std::string_view json);
-std::expected<std::string, EncodingError> encodeFrom(const void* value, const coding::Type& type);
-
 // The record that `json` holds. Members that it does not declare are passed over; of a key that
-// comes twice the last counts. A zero byte is no part of JSON, not even at the end. A whole number
-// is one that 64 bits hold, never one that is rounded to that; with a fraction or an exponent it is
-// read as a double first. Uses no more stack however deep the text is nested, and memory in
-// proportion to its length.
+// comes twice the last counts, though each must be right. A NUL byte is no part of JSON, not even
+// at the end. A whole number is one that 64 bits hold, never one that is rounded to that; with a
+// fraction or an exponent it is read as a double first. Uses no more stack however deep the text is
+// nested. Throws std::bad_alloc.
 template <class T>
-std::expected<T, DecodingError> decode(std::string_view json) {
-    T value{};
-    const auto decoded = decodeInto(&value, coding::Coding<T>::type(), json);
-    if (!decoded) {
-        return std::unexpected(decoded.error());
-    }
-    return value;
-}
+std::expected<T, DecodingError> decode(std::string_view json);
 
 // The JSON of `value`. Fails for texts that are not UTF-8, dates that no text can give, and
-// enumerators without a name.
+// enumerators without a name. Throws std::bad_alloc.
 template <class T>
-std::expected<std::string, EncodingError> encode(const T& value) {
-    return encodeFrom(&value, coding::Coding<T>::type());
+std::expected<std::string, EncodingError> encode(const T& value);
+
+template <class T>
+inline constexpr bool isOptional = false;
+template <class T>
+inline constexpr bool isOptional<std::optional<T>> = true;
+
+// A member that is missing or null is what a new record has in its place. An optional member always
+// may be, and is left out while it is absent; the others are always written.
+inline constexpr bool mayBeMissing = true;
+
+template <class Record, class Value>
+struct Member {
+    std::string_view key;
+    Value Record::* place;
+    bool isMissable = isOptional<Value>;
+};
+
+// The names of an enumeration's enumerators from 0 on, or of a variant's alternatives.
+template <class T>
+inline constexpr std::array<std::string_view, 0> names{};
+
+template <class... Text>
+constexpr std::array<std::string_view, sizeof...(Text)> list(Text... texts) {
+    return {texts...};
 }
 
 }  // namespace halvo::JSON

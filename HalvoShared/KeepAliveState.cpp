@@ -1,6 +1,7 @@
 #include "HalvoShared/KeepAliveState.hpp"
 
 #include "HalvoShared/AppGroup.hpp"
+#include "HalvoShared/Coding.hpp"
 
 namespace halvo {
 namespace {
@@ -10,24 +11,10 @@ constexpr Seconds silence{120};
 
 constexpr const char* trash = "/.Trash/";
 
-constexpr auto no = [] { return false; };
-
 }  // namespace
 
-template <>
-const coding::Type& coding::Coding<KeepAliveState>::type() {
-    static const Type type = RecordType({
-        required<&KeepAliveState::pid>("pid"),
-        required<&KeepAliveState::appPath>("appPath"),
-        required<&KeepAliveState::clean>("clean"),
-        optional<&KeepAliveState::commitmentUntil>("commitmentUntil"),
-        required<&KeepAliveState::ultraHard>("ultraHard"),
-        defaulted<&KeepAliveState::appReleased>("appReleased", no),
-        defaulted<&KeepAliveState::bypassNoted>("bypassNoted", no),
-        required<&KeepAliveState::updatedAt>("updatedAt"),
-    });
-    return type;
-}
+template std::expected<KeepAliveState, JSON::DecodingError> JSON::decode(std::string_view json);
+template std::expected<std::string, JSON::EncodingError> JSON::encode(const KeepAliveState& value);
 
 const SharedFile<KeepAliveState>& KeepAliveState::file() {
     static const SharedFile<KeepAliveState> file(fileName, AppGroup::container());

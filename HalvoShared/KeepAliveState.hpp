@@ -4,9 +4,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "HalvoPlatform/Time.hpp"
-#include "HalvoShared/Coding.hpp"
+#include "HalvoShared/JSON.hpp"
 #include "HalvoShared/SharedFile.hpp"
 
 namespace halvo {
@@ -32,6 +33,16 @@ struct KeepAliveState {
     WallDate updatedAt;
 
     bool operator==(const KeepAliveState&) const = default;
+    static constexpr std::tuple members{
+        JSON::Member{"pid", &KeepAliveState::pid},
+        JSON::Member{"appPath", &KeepAliveState::appPath},
+        JSON::Member{"clean", &KeepAliveState::clean},
+        JSON::Member{"commitmentUntil", &KeepAliveState::commitmentUntil},
+        JSON::Member{"ultraHard", &KeepAliveState::ultraHard},
+        JSON::Member{"appReleased", &KeepAliveState::appReleased, JSON::mayBeMissing},
+        JSON::Member{"bypassNoted", &KeepAliveState::bypassNoted, JSON::mayBeMissing},
+        JSON::Member{"updatedAt", &KeepAliveState::updatedAt},
+    };
 
     static constexpr const char* fileName = "keepalive.json";
 
@@ -51,8 +62,5 @@ struct KeepAliveState {
     // mode holds it. Looks at the text alone, for "/.Trash/".
     [[nodiscard]] bool mayOpen(const std::string& fromBin) const;
 };
-
-template <>
-const coding::Type& coding::Coding<KeepAliveState>::type();
 
 }  // namespace halvo

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
-#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/LaunchReason.hpp"
@@ -16,8 +14,6 @@ namespace {
 
 using testing::nineOClock;
 using testing::readTestFile;
-using testing::TemporaryFolder;
-using testing::writeTestFile;
 
 constexpr Seconds hour{3600};
 constexpr Seconds twoMinutes{120};
@@ -71,20 +67,14 @@ TEST(KeepAliveStateTest, ComesBackTheSame) {
     }
 }
 
-TEST(KeepAliveStateTest, WritesNoKeyForACommitmentThatIsAbsent) {
+TEST(KeepAliveStateTest, WritesNoKeyForACommitmentThatIsAbsentAndTakesNullForOne) {
     KeepAliveState state = killed();
     state.commitmentUntil.reset();
-    EXPECT_EQ(JSON::encode(state).value(),
-              R"({"appPath":"/Applications/Halvo.app","appReleased":false,"bypassNoted":false,)"
-              R"("clean":false,"pid":4711,"ultraHard":true,"updatedAt":"2026-11-20T09:00:00Z"})");
-}
-
-TEST(KeepAliveStateTest, TakesNullForACommitmentAsAbsent) {
-    std::string json = without(R"("2026-11-20T10:00:00Z")");
-    json.insert(json.find("\"commitmentUntil\":") + 18, "null");
-    const auto state = JSON::decode<KeepAliveState>(json);
-    ASSERT_TRUE(state.has_value());
-    EXPECT_EQ(state->commitmentUntil, std::nullopt);
+    std::string json =
+        R"({"appPath":"/Applications/Halvo.app","appReleased":false,"bypassNoted":false,)"
+        R"("clean":false,"pid":4711,"ultraHard":true,"updatedAt":"2026-11-20T09:00:00Z"})";
+    EXPECT_EQ(JSON::encode(state), json);
+    EXPECT_EQ(JSON::decode<KeepAliveState>(json.insert(1, "\"commitmentUntil\":null,")), state);
 }
 
 TEST(KeepAliveStateTest, IsNeitherReleasedNorNotedInAFileFromBeforeTheseWereRecorded) {
@@ -100,17 +90,13 @@ TEST(KeepAliveStateTest, IsNeitherReleasedNorNotedInAFileFromBeforeTheseWereReco
 }
 
 TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMember) {
-    const TemporaryFolder folder;
-    const SharedFile<KeepAliveState> file("keepalive.json", folder.path());
     for (const char* member :
          {R"("appPath":"/Applications/Halvo.app",)", R"("clean":false,)", R"("pid":4711,)",
           R"("ultraHard":true,)", R"(,"updatedAt":"2026-11-20T09:00:00Z")"}) {
-        writeTestFile(file.url(), without(member));
-        EXPECT_EQ(file.read(), std::nullopt) << member;
-        EXPECT_TRUE(file.load().error().ends_with(": This is missing")) << file.load().error();
+        const auto state = JSON::decode<KeepAliveState>(without(member));
+        ASSERT_FALSE(state.has_value()) << member;
+        EXPECT_EQ(state.error().problem, "This is missing");
     }
-    writeTestFile(file.url(), readTestFile(golden));
-    EXPECT_EQ(file.read(), released());
 }
 
 TEST(KeepAliveStateTest, CannotBeReadWithAMemberOfAnotherType) {
@@ -203,30 +189,6 @@ TEST(KeepAliveStateTest, KnowsTheTrashByItsTextAlone) {
     EXPECT_TRUE(state.mayOpen("/Users/ann/.Trashes/Halvo.app"));
     EXPECT_TRUE(state.mayOpen("/Users/ann/x.Trash/Halvo.app"));
     EXPECT_TRUE(state.mayOpen(""));
-}
-
-TEST(KeepAliveStateTest, LiesInTheContainerUnderItsName) {
-    const testing::TemporaryFolder home;
-    const auto child = testing::runInChild([&home] {
-        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
-        EXPECT_EQ(KeepAliveState::file().url(), AppGroup::container() + "/keepalive.json");
-        EXPECT_TRUE(KeepAliveState::file().url().starts_with(home.path()));
-        EXPECT_EQ(&KeepAliveState::file(), &KeepAliveState::file());
-    });
-    EXPECT_EQ(child.status, 0) << child.output;
-}
-
-TEST(KeepAliveStateTest, StaysWhereTheContainerWasAtItsFirstUse) {
-    const testing::TemporaryFolder home;
-    const testing::TemporaryFolder other;
-    const auto child = testing::runInChild([&] {
-        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
-        const std::string first = KeepAliveState::file().url();
-        ASSERT_EQ(setenv("XDG_DATA_HOME", other.path().c_str(), 1), 0);
-        ASSERT_TRUE(AppGroup::container().starts_with(other.path()));
-        EXPECT_EQ(KeepAliveState::file().url(), first);
-    });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST(LaunchReasonTest, HasTheArgumentsThatTheAppKnows) {

@@ -23,9 +23,9 @@ class SharedFileError : public std::runtime_error {
 // What files share whatever their record.
 namespace shared_file {
 
-// A longer file is neither read nor written. The worst of that length takes some twenty times as
+// A longer file is neither read nor written. The worst of that length takes some hundred times as
 // much memory.
-inline constexpr std::size_t sizeLimit = std::size_t{32} << 20U;
+inline constexpr std::size_t sizeLimit = std::size_t{1} << 20U;
 
 // The whole content of the file, or what a person is told, the path at its beginning.
 std::expected<std::string, std::string> load(const std::string& url);
@@ -38,7 +38,7 @@ void remove(const std::string& url) noexcept;
 
 }  // namespace shared_file
 
-// The file at `url` as a T that declares itself with the words of Coding.hpp. A value that keeps
+// The file at `url` as a T, a record that JSON.hpp can read and write. A value that keeps
 // nothing but the path: reads and writes go to the disk each time. Any thread, and any process: of
 // several writers the last one counts, and a reader has what one of them wrote, whole. Nobody waits
 // for anybody. A process that is killed while it writes may leave a file ".NAME.PID-COUNT.new".

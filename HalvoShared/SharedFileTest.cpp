@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/SharedFile.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
@@ -117,8 +117,7 @@ TEST_F(SharedFileTest, HasNothingWhenItIsLongerThanAnyRecord) {
 }
 
 TEST_F(SharedFileTest, HoldsVeryManyPhases) {
-    // A sanitizer takes ten times as long.
-    const WidgetSnapshot snapshot = longSnapshot(HALVO_IS_SANITIZED ? 10'000 : 100'000);
+    const WidgetSnapshot snapshot = longSnapshot(3000);
     file.write(snapshot);
     EXPECT_LE(fs::file_size(path), shared_file::sizeLimit);
     EXPECT_EQ(file.read(), snapshot);
@@ -136,18 +135,37 @@ rlim_t memoryInUse() {
     return kibibytes * 1024;
 }
 
+// Leaves this process that much memory, whatever it has freed before.
+void leaveMemory(std::size_t size) {
+    void* volatile spare = std::malloc(size);
+    const rlim_t most = memoryInUse();
+    const rlimit none{most, most};
+    ASSERT_EQ(setrlimit(RLIMIT_DATA, &none), 0);
+    for (std::size_t block = std::size_t{1} << 20U; block >= 16; block /= 2) {
+        for (void* volatile taken = std::malloc(block); taken != nullptr;) {
+            taken = std::malloc(block);
+        }
+    }
+    std::free(spare);
+}
+
 // A sanitizer's allocator ends the process where the C library's lets operator new throw.
 TEST_F(SharedFileTest, HasNothingWhenThereIsNotTheMemoryForIt) {
-    file.write(longSnapshot(50'000));
-    const ChildResult child = runInChild([this] {
-        malloc_trim(0);
-        constexpr rlim_t little = 4 << 20U;
-        const rlim_t most = memoryInUse() + little;
-        const rlimit few{most, most};
-        ASSERT_EQ(setrlimit(RLIMIT_DATA, &few), 0);
-        EXPECT_EQ(file.load().error(), path + ": There is not enough memory to read it");
-    });
-    EXPECT_EQ(child.status, 0) << child.output;
+    const WidgetSnapshot snapshot = longSnapshot(3000);
+    file.write(snapshot);
+    constexpr std::size_t enough = 48;
+    for (std::size_t mebibytes = 1; mebibytes <= enough; ++mebibytes) {
+        const ChildResult child = runInChild([&] {
+            leaveMemory(mebibytes << 20U);
+            const auto loaded = file.load();
+            EXPECT_TRUE(loaded.has_value() || mebibytes < enough);
+            EXPECT_TRUE(!loaded || mebibytes > 1);
+            EXPECT_TRUE(loaded
+                            ? *loaded == snapshot
+                            : loaded.error() == path + ": There is not enough memory to read it");
+        });
+        EXPECT_EQ(child.status, 0) << mebibytes << ": " << child.output;
+    }
 }
 #endif
 
@@ -178,7 +196,7 @@ TEST_F(SharedFileTest, KeepsTheOldRecordWhenTheNewOneIsLongerThanWhatIsRead) {
     WidgetSnapshot huge = sampleSnapshot();
     huge.breathe.style.assign(shared_file::sizeLimit, 'x');
     EXPECT_EQ(failureOf(huge), path +
-                                   ": The record is longer than 33554432 bytes, the most that "
+                                   ": The record is longer than 1048576 bytes, the most that "
                                    "is read");
     EXPECT_EQ(file.read(), sampleSnapshot());
 }
@@ -290,6 +308,28 @@ TEST_F(SharedFileTest, SaysNothingWhenItCannotBeRemoved) {
     writeTestFile((fs::create_directory(path), path + "/inside"), "kept");
     file.remove();
     EXPECT_EQ(readTestFile(path + "/inside"), "kept");
+}
+
+// In a process of its own, whose first use of the file it is.
+template <class Record>
+void expectInContainer(const std::string& name) {
+    const TemporaryFolder home;
+    const TemporaryFolder other;
+    const ChildResult child = runInChild([&] {
+        ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
+        const std::string url = Record::file().url();
+        EXPECT_EQ(url, AppGroup::container() + "/" + name);
+        EXPECT_TRUE(url.starts_with(home.path()));
+        ASSERT_EQ(setenv("XDG_DATA_HOME", other.path().c_str(), 1), 0);
+        ASSERT_TRUE(AppGroup::container().starts_with(other.path()));
+        EXPECT_EQ(Record::file().url(), url) << "it stays where the container was";
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+
+TEST(FileOfRecordTest, LiesInTheContainerUnderItsName) {
+    expectInContainer<KeepAliveState>("keepalive.json");
+    expectInContainer<WidgetSnapshot>("widgets.json");
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <limits>
 #include <ranges>
 #include <set>
-#include <utility>
 #include <variant>
 
 #include "HalvoShared/Calendar.hpp"
@@ -27,64 +26,46 @@ constexpr WallDate endOfTime = wallDate(std::numeric_limits<double>::infinity())
 // No two instants of one calendar day are farther apart: clocks are less than 26 hours from UTC.
 constexpr Seconds longestDay{76 * 3600};
 
-// Finds, for each of some dates that ascend, the last record of its day.
-class RecordSearch {
-  public:
-    RecordSearch(std::vector<WallDate> dates, const Calendar& calendar)
-        : dates_(std::move(dates)), calendar_(calendar) {
-        records_.reserve(dates_.size());
-        for (const WallDate date : dates_) {
-            records_.push_back({date, 0, 0, 0});
-        }
+// For each of the dates, which ascend, the last record of its day, or one of nothing done.
+std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector<Day>& days,
+                           const Calendar& calendar) {
+    std::vector<Day> records;
+    for (const WallDate date : dates) {
+        records.push_back({date, 0, 0, 0});
     }
-
-    // A record for each date, one of nothing done where there is none. Walks `days` once.
-    std::vector<Day> in(const std::vector<Day>& days) && {
-        // Nearly all records are passed over by this alone.
-        const WallDate first = dates_.front() - longestDay;
-        const WallDate last = dates_.back() + longestDay;
-        for (const Day& day : std::views::reverse(days)) {
-            if (day.start >= first && day.start <= last && take(day) == 0) {
-                break;
-            }
+    // Of each date the start of its day. Asked for only once there is a record of any.
+    std::vector<WallDate> starts;
+    std::vector<bool> isFound(dates.size());
+    std::size_t missing = dates.size();
+    // Nearly all records are passed over by this alone.
+    const WallDate first = dates.front() - longestDay;
+    const WallDate last = dates.back() + longestDay;
+    for (const Day& day : std::views::reverse(days)) {
+        if (day.start < first || day.start > last) {
+            continue;
         }
-        return std::move(records_);
-    }
-
-  private:
-    // Gives how many dates are still without a record.
-    std::size_t take(const Day& day) {
-        if (starts_.empty()) {
-            for (const WallDate date : dates_) {
-                starts_.push_back(calendar_.startOfDay(date));
-            }
-            isFound_.resize(dates_.size());
-            missing_ = dates_.size();
+        for (std::size_t i = starts.size(); i < dates.size(); ++i) {
+            starts.push_back(calendar.startOfDay(dates[i]));
         }
-        if (day.start < starts_.front()) {
-            return missing_;
+        if (day.start < starts.front()) {
+            continue;
         }
         // Nearly all begin with their day.
-        const bool isStart = std::ranges::find(starts_, day.start) != starts_.end();
-        const WallDate start = isStart ? day.start : calendar_.startOfDay(day.start);
-        for (std::size_t i = 0; i < dates_.size(); ++i) {
-            if (!isFound_[i] && starts_[i] == start) {
-                records_[i] = day;
-                isFound_[i] = true;
-                --missing_;
+        const bool isStart = std::ranges::find(starts, day.start) != starts.end();
+        const WallDate start = isStart ? day.start : calendar.startOfDay(day.start);
+        for (std::size_t i = 0; i < dates.size(); ++i) {
+            if (!isFound[i] && starts[i] == start) {
+                records[i] = day;
+                isFound[i] = true;
+                --missing;
             }
         }
-        return missing_;
+        if (missing == 0) {
+            break;
+        }
     }
-
-    std::vector<WallDate> dates_;
-    const Calendar& calendar_;
-    std::vector<Day> records_;
-    // Of each date the start of its day. Asked for only once there is a record of any.
-    std::vector<WallDate> starts_;
-    std::vector<bool> isFound_;
-    std::size_t missing_ = 0;
-};
+    return records;
+}
 
 // The earliest dates of all that were added, each once.
 class EarliestDates {
@@ -161,8 +142,7 @@ WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) con
     }
     // Outside the calendar's range, where no day can be told from another.
     const bool hasDays = !dates.empty();
-    std::vector<Day> week =
-        hasDays ? RecordSearch(std::move(dates), calendar).in(days) : std::vector<Day>();
+    std::vector<Day> week = hasDays ? recordsOf(dates, days, calendar) : std::vector<Day>();
     const Day today = hasDays ? week.back() : Day{dayStart, 0, 0, 0};
     return {.date = date,
             .state = state(date),

@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
 #include "HalvoPlatform/Time.hpp"
-#include "HalvoShared/Coding.hpp"
+#include "HalvoShared/JSON.hpp"
 #include "HalvoShared/SharedFile.hpp"
 #include "HalvoShared/UUID.hpp"
 
@@ -22,6 +23,8 @@ struct WidgetMoment;
 // default values before its end, where a variant of its members would need them.
 namespace widget_snapshot {
 
+using JSON::Member;
+
 // How hard a block is to get out of.
 enum class Level { gentle, firm, ultraHard };
 
@@ -30,6 +33,8 @@ struct Look {
     std::string symbol;
 
     bool operator==(const Look&) const = default;
+    static constexpr std::tuple members{Member{"color", &Look::color},
+                                        Member{"symbol", &Look::symbol}};
 };
 
 struct Unlock {
@@ -37,6 +42,7 @@ struct Unlock {
     WallDate end;
 
     bool operator==(const Unlock&) const = default;
+    static constexpr std::tuple members{Member{"name", &Unlock::name}, Member{"end", &Unlock::end}};
 };
 
 // Something that runs.
@@ -52,6 +58,14 @@ struct Running {
     std::optional<Unlock> unlock;
 
     bool operator==(const Running&) const = default;
+    static constexpr std::tuple members{Member{"name", &Running::name},
+                                        Member{"names", &Running::names},
+                                        Member{"look", &Running::look},
+                                        Member{"start", &Running::start},
+                                        Member{"end", &Running::end},
+                                        Member{"level", &Running::level},
+                                        Member{"listNames", &Running::listNames},
+                                        Member{"unlock", &Running::unlock}};
 };
 
 // Something that runs later.
@@ -63,38 +77,48 @@ struct Upcoming {
     Level level{};
 
     bool operator==(const Upcoming&) const = default;
+    static constexpr std::tuple members{
+        Member{"name", &Upcoming::name}, Member{"look", &Upcoming::look},
+        Member{"start", &Upcoming::start}, Member{"end", &Upcoming::end},
+        Member{"level", &Upcoming::level}};
 };
 
 struct Block {
     Running running;
 
     bool operator==(const Block&) const = default;
+    static constexpr std::tuple members{Member{"_0", &Block::running}};
 };
 
 struct Focus {
     Running running;
 
     bool operator==(const Focus&) const = default;
+    static constexpr std::tuple members{Member{"_0", &Focus::running}};
 };
 
 struct FocusFilter {
     Running running;
 
     bool operator==(const FocusFilter&) const = default;
+    static constexpr std::tuple members{Member{"_0", &FocusFilter::running}};
 };
 
 struct Next {
     Upcoming upcoming;
 
     bool operator==(const Next&) const = default;
+    static constexpr std::tuple members{Member{"_0", &Next::upcoming}};
 };
 
 struct NothingScheduled {
     bool operator==(const NothingScheduled&) const = default;
+    static constexpr std::tuple<> members{};
 };
 
 struct NoBlocks {
     bool operator==(const NoBlocks&) const = default;
+    static constexpr std::tuple<> members{};
 };
 
 using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;
@@ -105,6 +129,8 @@ struct Phase {
     State state;
 
     bool operator==(const Phase&) const = default;
+    static constexpr std::tuple members{Member{"start", &Phase::start},
+                                        Member{"state", &Phase::state}};
 };
 
 // What was done on the day that begins at `start`.
@@ -115,6 +141,9 @@ struct Day {
     std::int64_t stayedOff{};
 
     bool operator==(const Day&) const = default;
+    static constexpr std::tuple members{
+        Member{"start", &Day::start}, Member{"breaths", &Day::breaths},
+        Member{"minutesBreathed", &Day::minutesBreathed}, Member{"stayedOff", &Day::stayedOff}};
 
     // Whether nothing was.
     [[nodiscard]] bool isEmpty() const {
@@ -128,6 +157,8 @@ struct Breath {
     std::int64_t minutes{};
 
     bool operator==(const Breath&) const = default;
+    static constexpr std::tuple members{Member{"style", &Breath::style},
+                                        Member{"minutes", &Breath::minutes}};
 };
 
 struct ListItem {
@@ -136,6 +167,9 @@ struct ListItem {
     Look look;
 
     bool operator==(const ListItem&) const = default;
+    static constexpr std::tuple members{Member{"id", &ListItem::id},
+                                        Member{"name", &ListItem::name},
+                                        Member{"look", &ListItem::look}};
 };
 
 struct BlockItem {
@@ -147,9 +181,22 @@ struct BlockItem {
     bool isRunning{};
 
     bool operator==(const BlockItem&) const = default;
+    static constexpr std::tuple members{Member{"id", &BlockItem::id},
+                                        Member{"name", &BlockItem::name},
+                                        Member{"look", &BlockItem::look},
+                                        Member{"level", &BlockItem::level},
+                                        Member{"isEnabled", &BlockItem::isEnabled},
+                                        Member{"isRunning", &BlockItem::isRunning}};
 };
 
 }  // namespace widget_snapshot
+
+template <>
+inline constexpr auto JSON::names<widget_snapshot::Level> =
+    JSON::list("gentle", "firm", "ultraHard");
+template <>
+inline constexpr auto JSON::names<widget_snapshot::State> =
+    JSON::list("block", "focus", "focusFilter", "next", "nothingScheduled", "noBlocks");
 
 // A schedule as phases, what was done on recent days, and the person's lists and blocks. A value.
 struct WidgetSnapshot {
@@ -194,6 +241,16 @@ struct WidgetSnapshot {
     std::vector<BlockItem> blocks;
 
     bool operator==(const WidgetSnapshot&) const = default;
+    static constexpr std::tuple members{JSON::Member{"writtenAt", &WidgetSnapshot::writtenAt},
+                                        JSON::Member{"isRunning", &WidgetSnapshot::isRunning},
+                                        JSON::Member{"blockCount", &WidgetSnapshot::blockCount},
+                                        JSON::Member{"phases", &WidgetSnapshot::phases},
+                                        JSON::Member{"horizon", &WidgetSnapshot::horizon},
+                                        JSON::Member{"days", &WidgetSnapshot::days},
+                                        JSON::Member{"breathe", &WidgetSnapshot::breathe},
+                                        JSON::Member{"focusMinutes", &WidgetSnapshot::focusMinutes},
+                                        JSON::Member{"lists", &WidgetSnapshot::lists},
+                                        JSON::Member{"blocks", &WidgetSnapshot::blocks}};
 
     static constexpr const char* fileName = "widgets.json";
 
@@ -227,31 +284,5 @@ struct WidgetSnapshot {
     // if that is still to come; else in six hours, so that a stale snapshot is looked at again.
     [[nodiscard]] WallDate reloadDate(const std::vector<WallDate>& dates, WallDate now) const;
 };
-
-// Its parts are records as well, each with a declaration of its own.
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Level>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Look>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Unlock>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Running>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Upcoming>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::State>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Phase>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Day>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::Breath>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::ListItem>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot::BlockItem>::type();
-template <>
-const coding::Type& coding::Coding<WidgetSnapshot>::type();
 
 }  // namespace halvo
