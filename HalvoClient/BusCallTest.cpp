@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "HalvoClient/BusCall.hpp"
-#include "HalvoClient/FakeHelper.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {

@@ -20,10 +20,10 @@
 #include <string>
 #include <vector>
 
-#include "HalvoClient/FakeHelper.hpp"
 #include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "HalvoClient/FakeHelper.hpp"
 #include "examples/SampleApp/Companion.hpp"
 #include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {

@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <string>
 
-#include "HalvoClient/FakeHelper.hpp"
 #include "examples/SampleApp/SessionEnding.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 

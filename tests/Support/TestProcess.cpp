@@ -17,7 +17,7 @@
 #include <system_error>
 #include <thread>
 
-#include "HalvoHelper/CStrings.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -139,7 +139,7 @@ void become(const Person& person) {
 void execute(const std::string& path, std::vector<std::string> arguments,
              const std::vector<std::string>& environment) {
     arguments.insert(arguments.begin(), path);
-    execve(path.c_str(), CStrings(arguments).data(), CStrings(environment).data());
+    execve(path.c_str(), ArgumentVector(arguments).data(), ArgumentVector(environment).data());
     giveUp(path.c_str());
 }
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <utility>
 
-#include "HalvoHelper/CStrings.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 
 namespace halvo::control {
@@ -172,8 +172,8 @@ std::expected<Finished, std::string> LivePrograms::run(const std::vector<std::st
     fcntl(reading.get(), F_SETFD, FD_CLOEXEC);
     fcntl(writing.get(), F_SETFD, FD_CLOEXEC);
     SpawnRules rules;
-    const CStrings arguments(words);
-    const CStrings environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
+    const ArgumentVector arguments(words);
+    const ArgumentVector environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
     pid_t pid = -1;
     int code = rules.settle(writing.get());
     if (code == 0) {

@@ -1,7 +1,7 @@
 // The app's private group.
 #pragma once
 
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
+#include "HalvoHelper/Linux/AccountFiles.hpp"
 #include "tools/Halvoctl/Check.hpp"
 
 namespace halvo::control {

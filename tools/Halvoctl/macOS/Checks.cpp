@@ -1,6 +1,6 @@
 #include <sys/stat.h>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/CodeSignature.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -29,7 +29,7 @@ std::vector<std::string> otherApplications(Machine&) { return homeApplications()
 // does not run.
 Checks examineService(Machine& machine) {
     const std::string name = "opening";
-    const auto problem = RootsAlone::problem(machine.helper);
+    const auto problem = RootOwnedPath::problem(machine.helper);
     if (!problem) {
         return {isOk(name, "by the helper's own executable, which is root's alone")};
     }
@@ -43,7 +43,7 @@ Checks examineService(Machine& machine) {
     const std::string folder = HelperCopy::folder(machine.identity);
     struct stat status{};
     if (lstat(folder.c_str(), &status) == 0) {
-        if (const auto wrong = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+        if (const auto wrong = RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
             return {isProblem(name, printable(*wrong) + "; so the app is not opened again",
                               "rm -r " + shellWord(folder))};
         }
