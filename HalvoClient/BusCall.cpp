@@ -3,30 +3,20 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <thread>
 
 #include "HalvoClient/PrivateGroup.hpp"
+#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 
 namespace halvo {
 namespace {
 
 using Clock = Deadline::clock;
-
-std::expected<sockaddr_un, int> addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        return std::unexpected(ENAMETOOLONG);
-    }
-    std::ranges::copy(path, address.sun_path);
-    return address;
-}
 
 // Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer;
 // socket(7). Only who waits in it has a turn there: a socket that never blocks has to come back by
@@ -44,9 +34,7 @@ bool limitWait(int socket, Deadline deadline) {
 // Gives 0 or the errno; EAGAIN when the queue had no place in time.
 int tryToConnect(int socket, const sockaddr_un& address) {
     const PrivateGroup::InEffect group;
-    return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
-               ? 0
-               : errno;
+    return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
 struct Answer {
@@ -80,9 +68,7 @@ int waitForMore(sd_bus& bus, Deadline deadline) {
 }  // namespace
 
 BootClock::time_point BootClock::now() {
-    timespec time{};
-    clock_gettime(CLOCK_BOOTTIME, &time);
-    return time_point{std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec}};
+    return time_point{std::chrono::round<duration>(sinceBoot())};
 }
 
 Deadline deadlineAfter(Seconds limit) {
@@ -98,9 +84,9 @@ bool waitBefore(Deadline deadline, Seconds span) {
 }
 
 std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline) {
-    const auto address = addressOf(path);
+    const auto address = socketAddress(path);
     if (!address) {
-        return std::unexpected(address.error());
+        return std::unexpected(ENAMETOOLONG);
     }
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket.isOpen()) {

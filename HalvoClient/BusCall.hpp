@@ -15,8 +15,8 @@
 
 namespace halvo {
 
-// CLOCK_BOOTTIME, clock_gettime(2): nobody can set it, and it counts while the machine sleeps, as
-// the monotonic clock does not.
+// The clock of sinceBoot(): nobody can set it, and it counts while the machine sleeps, as
+// std::chrono::steady_clock does not.
 struct BootClock {
     using duration = std::chrono::nanoseconds;
     using rep = duration::rep;

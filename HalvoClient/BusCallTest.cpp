@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "HalvoClient/BusCall.hpp"
-#include "HalvoClient/FakeHelper.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 

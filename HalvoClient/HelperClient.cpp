@@ -9,10 +9,10 @@
 #include <climits>
 #include <cstddef>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -149,11 +149,9 @@ HelperClient::Result<bool> yesOrNo(const char* member,
 
 int appendNothing(sd_bus_message*) { return 0; }
 
-std::string systemText(int code) { return std::generic_category().message(code); }
-
 struct Describe {
     std::string operator()(const NotRunning& failure) const {
-        return "The helper is not running: " + systemText(failure.code) + ".";
+        return "The helper is not running: " + errorText(failure.code) + ".";
     }
 
     std::string operator()(const Refused& failure) const {
@@ -169,7 +167,7 @@ struct Describe {
     }
 
     std::string operator()(const NoResources& failure) const {
-        return "The helper cannot be asked: " + systemText(failure.code) + ".";
+        return "The helper cannot be asked: " + errorText(failure.code) + ".";
     }
 };
 
@@ -198,7 +196,7 @@ HelperClient::HelperClient(std::string socketPath) : socketPath_(std::move(socke
 
 HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const Decision& decide,
                                                Seconds limit) {
-    if (!isUTF8(appPath) || appPath.find('\0') != std::string::npos) {
+    if (!isUTF8(appPath) || hasZeroByte(appPath)) {
         return std::unexpected(
             Rejected{SD_BUS_ERROR_INVALID_ARGS, "The app's path is no text that D-Bus can carry"});
     }

@@ -20,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoClient/FakeHelper.hpp"
 #include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
 #include "tests/Support/TemporaryFolder.hpp"

@@ -14,9 +14,7 @@ std::optional<OwnBundle> bundleOf(const std::string& executable) {
     if (!path) {
         return std::nullopt;
     }
-    const auto info = Bundle(*path).info();
-    auto identity =
-        HelperIdentity::app(info, info ? infoString(*info, "CFBundleIdentifier") : std::nullopt);
+    auto identity = HelperIdentity::ofBundle(Bundle(*path).info());
     if (!identity) {
         return std::nullopt;
     }

@@ -9,45 +9,13 @@
 #include <cstdlib>
 #include <utility>
 
-#include "HalvoHelper/CStrings.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoShared/LaunchReason.hpp"
 
 namespace halvo::OpenAsUser {
 namespace {
-
-void append(std::vector<std::string>& list, const std::vector<std::string>& more) {
-    list.insert(list.end(), more.begin(), more.end());
-}
-
-// A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
-// Not so in the first word: there systemd-run(1) looks for that very file.
-std::string withoutExpansion(const std::string& argument) {
-    std::string result;
-    for (const char character : argument) {
-        result += character;
-        if (character == '$') {
-            result += character;
-        }
-    }
-    return result;
-}
-
-// `text` with all but ASCII letters and digits, which are safe in a unit's name, as "_".
-std::string unitName(const std::string& text) {
-    std::string result = text;
-    for (char& c : result) {
-        const bool safe =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.';
-        c = safe ? c : '_';
-    }
-    return result;
-}
-
-// A manager that answers may still leave what asks it to start the app waiting for ever; the next
-// opening that is for it comes after 30 seconds. What it was asked to start stays.
-constexpr unsigned managerSecondsAtMost = 30;
 
 // initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
 template <class Group>
@@ -85,6 +53,10 @@ std::optional<User> lookUp(std::uint32_t uid) {
 }
 
 }  // namespace
+
+void append(std::vector<std::string>& list, const std::vector<std::string>& more) {
+    list.insert(list.end(), more.begin(), more.end());
+}
 
 std::vector<std::string> words(const Request& request) {
     std::vector<std::string> list{modeWord, std::to_string(request.uid), request.appPath};
@@ -131,79 +103,6 @@ std::vector<std::string> environment(const User& user) {
             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
 }
 
-Command launchctlCommand(const std::string& helperExecutable, const Request& request) {
-    Command command{"/bin/launchctl",
-                    {"/bin/launchctl", "asuser", std::to_string(request.uid), helperExecutable},
-                    {}};
-    append(command.arguments, words(request));
-    return command;
-}
-
-Command openCommand(const Request& request, const User& user) {
-    Command command{
-        "/usr/bin/open", {"/usr/bin/open", "-g", "-a", request.appPath}, environment(user)};
-    if (request.afterQuit) {
-        command.arguments.emplace_back("--args");
-        append(command.arguments, appArguments(true));
-    }
-    return command;
-}
-
-Command systemCommand(const std::string& helperExecutable, const Request& request,
-                      const std::string& unitSuffix) {
-    // Not in the person's slice, whose limits they can use up so that nothing more starts.
-    Command command{
-        "/usr/bin/systemd-run",
-        {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-         "--description=Opens the app for user " + std::to_string(request.uid),
-         "--unit=halvo-open-" + unitName(unitSuffix) + ".service",
-         // The app may fork and end its first process without being counted as gone.
-         "--property=ExitType=cgroup",
-         // The app starts with signals as the kernel has them, not as systemd likes.
-         "--property=IgnoreSIGPIPE=no",
-         // An app that is run here is out of reach of the limits of the person's slice, and
-         // has these: many times what an app takes, and no more than the machine bears.
-         // Not by number of processes of the user (RLIMIT_NPROC), which that user's
-         // other programs can use up.
-         "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helperExecutable},
-        {}};
-    for (const std::string& word : words(request)) {
-        command.arguments.push_back(withoutExpansion(word));
-    }
-    return command;
-}
-
-Command helperCommand(const std::string& helperExecutable, const Request& request) {
-    Command command{helperExecutable, {helperExecutable}, {}};
-    append(command.arguments, words(request));
-    return command;
-}
-
-Command managerCommand(const Request& request, const User& user, const std::string& executable,
-                       const std::string& appID, const std::string& unitSuffix) {
-    Command command{
-        "/usr/bin/systemd-run",
-        {"/usr/bin/systemd-run", "--user", "--quiet", "--collect",
-         // The start fails when the executable cannot be run, instead of later.
-         "--service-type=exec", "--slice=app.slice",
-         // The app may fork and end its first process without being counted as gone.
-         "--property=ExitType=cgroup",
-         "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) + ".service", "--",
-         executable},
-        environment(user),
-        managerSecondsAtMost};
-    // Where the manager's socket is: systemd-run(1), environment.
-    command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
-    append(command.arguments, appArguments(request.afterQuit));
-    return command;
-}
-
-Command directCommand(const Request& request, const User& user, const std::string& executable) {
-    Command command{executable, {executable}, environment(user)};
-    append(command.arguments, appArguments(request.afterQuit));
-    return command;
-}
-
 bool dropPrivileges(Privileges& privileges, const User& user) {
     if (!privileges.setGroup(user.gid) || !privileges.setSupplementaryGroups(user.name, user.gid) ||
         !privileges.setUser(user.uid)) {
@@ -234,8 +133,8 @@ void run(std::span<const std::string> words) {
     // person.
     constexpr mode_t usual = 022;
     umask(usual);
-    const CStrings arguments(command.arguments);
-    const CStrings environment(command.environment);
+    const ArgumentVector arguments(command.arguments);
+    const ArgumentVector environment(command.environment);
     alarm(command.secondsAtMost);
     execve(command.path.c_str(), arguments.data(), environment.data());
     std::exit(exitCannotExecute);

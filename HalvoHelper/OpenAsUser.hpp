@@ -1,5 +1,5 @@
 // The helper's second, short-lived mode: opens the app as a user, and its other half, which starts
-// it. What is decided here without the system is the same on every system and tested on each.
+// it.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +52,9 @@ struct User {
     std::string home;
 };
 
+// Adds `more` to the words of a command.
+void append(std::vector<std::string>& list, const std::vector<std::string>& more);
+
 // The words after the helper's path that ask for `request`.
 std::vector<std::string> words(const Request& request);
 
@@ -67,23 +70,6 @@ std::vector<std::string> appArguments(bool afterQuit);
 
 // The environment of what is run as `user`: HOME, USER, LOGNAME and PATH, in this order.
 std::vector<std::string> environment(const User& user);
-
-// The commands on macOS: what LiveOpener starts, and what the mode becomes.
-Command launchctlCommand(const std::string& helperExecutable, const Request& request);
-Command openCommand(const Request& request, const User& user);
-
-// The commands on Linux. What LiveOpener starts: where systemd runs the machine, the mode in a unit
-// of its own (systemd-run(1)), so that nothing of the helper's sandbox, limits and cgroup reaches
-// the app, and nothing that the user can tell their own manager; elsewhere the mode itself. What
-// the mode becomes: when the user's own systemd manager answers, and the request does not leave it
-// out, that runs the app inside the session; else the app. `unitSuffix` keeps two openings from
-// clashing; `appID` names the unit.
-Command systemCommand(const std::string& helperExecutable, const Request& request,
-                      const std::string& unitSuffix);
-Command helperCommand(const std::string& helperExecutable, const Request& request);
-Command managerCommand(const Request& request, const User& user, const std::string& executable,
-                       const std::string& appID, const std::string& unitSuffix);
-Command directCommand(const Request& request, const User& user, const std::string& executable);
 
 // The system calls of the privilege drop, so that their order can be tested without losing any.
 class Privileges {
@@ -104,9 +90,9 @@ class Privileges {
 // is not as it must be.
 bool dropPrivileges(Privileges& privileges, const User& user);
 
-// What the mode becomes once it is `user`. One per system: on macOS openCommand(); on Linux, but
-// for a request that is for the direct way, it depends on whether the user's own systemd manager
-// answers within two seconds.
+// What the mode becomes once it is `user`. One per system: on macOS open(1); on Linux
+// (Linux/OpenAsUser.hpp), but for a request that is for the direct way, it depends on whether the
+// user's own systemd manager answers within two seconds.
 Command commandFor(const Request& request, const User& user);
 
 // Runs the mode with the words that follow its own. Ends in execve(2) or exit(3), without a word in

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <ostream>
@@ -12,11 +11,6 @@
 
 namespace halvo::OpenAsUser {
 
-void PrintTo(const Command& command, std::ostream* stream) {
-    *stream << command.path << " " << ::testing::PrintToString(command.arguments) << " "
-            << ::testing::PrintToString(command.environment) << " " << command.secondsAtMost;
-}
-
 void PrintTo(const Request& request, std::ostream* stream) {
     *stream << request.uid << " " << request.appPath << (request.afterQuit ? " after quit" : "")
             << (request.directly ? " directly" : "");
@@ -24,15 +18,12 @@ void PrintTo(const Request& request, std::ostream* stream) {
 
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 using Words = std::vector<std::string>;
 
 const std::string app = "/Applications/Halvo.app";
-const std::string helper = "/Library/PrivilegedHelperTools/HalvoHelper";
-const std::string executable = app + "/Contents/MacOS/Halvo";
 const User ann{501, 20, "ann", "/Users/ann"};
 const Words annsEnvironment{"HOME=/Users/ann", "USER=ann", "LOGNAME=ann",
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
@@ -168,151 +159,6 @@ TEST(OpenAsUserCommandTest, GivesTheUsersEnvironmentAndNothingElse) {
                 ElementsAre("HOME=/home/a=b", "USER=a b", "LOGNAME=a b",
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
 }
-
-TEST(OpenAsUserCommandTest, StartsTheModeThroughLaunchctlWithoutAnEnvironment) {
-    EXPECT_EQ(launchctlCommand(helper, {501, app, false}),
-              (Command{"/bin/launchctl",
-                       {"/bin/launchctl", "asuser", "501", helper, "--open-as-user", "501", app},
-                       {}}));
-    EXPECT_EQ(launchctlCommand(helper, {502, oddApp, true}),
-              (Command{"/bin/launchctl",
-                       {"/bin/launchctl", "asuser", "502", helper, "--open-as-user", "502", oddApp,
-                        "--after-quit"},
-                       {}}));
-}
-
-TEST(OpenAsUserCommandTest, BecomesOpenOnMacOS) {
-    EXPECT_EQ(openCommand({501, app, false}, ann),
-              (Command{"/usr/bin/open", {"/usr/bin/open", "-g", "-a", app}, annsEnvironment}));
-    EXPECT_EQ(
-        openCommand({501, app, true}, ann),
-        (Command{"/usr/bin/open",
-                 {"/usr/bin/open", "-g", "-a", app, "--args", "-halvoRelaunchedAfterQuit", "YES"},
-                 annsEnvironment}));
-    EXPECT_THAT(openCommand({501, oddApp, false}, ann).arguments,
-                ElementsAre("/usr/bin/open", "-g", "-a", oddApp));
-}
-
-TEST(OpenAsUserCommandTest, StartsTheModeDirectlyOnLinux) {
-    EXPECT_EQ(helperCommand(helper, {501, app, false}),
-              (Command{helper, {helper, "--open-as-user", "501", app}, {}}));
-    EXPECT_EQ(helperCommand(helper, {501, oddApp, true}),
-              (Command{helper, {helper, "--open-as-user", "501", oddApp, "--after-quit"}, {}}));
-}
-
-TEST(OpenAsUserCommandTest, StartsTheModeInAUnitOfItsOwnWhereSystemdRunsTheMachine) {
-    EXPECT_EQ(
-        systemCommand(helper, {501, app, true, true}, "1a/2b"),
-        (Command{"/usr/bin/systemd-run",
-                 {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-                  "--description=Opens the app for user 501", "--unit=halvo-open-1a_2b.service",
-                  "--property=ExitType=cgroup", "--property=IgnoreSIGPIPE=no",
-                  "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper,
-                  "--open-as-user", "501", app, "--after-quit", "--directly"},
-                 {}}));
-}
-
-TEST(OpenAsUserCommandTest, RunsTheExecutableItselfWithoutAManager) {
-    EXPECT_EQ(directCommand({501, app, false}, ann, executable),
-              (Command{executable, {executable}, annsEnvironment}));
-    EXPECT_EQ(
-        directCommand({501, app, true}, ann, executable),
-        (Command{executable, {executable, "-halvoRelaunchedAfterQuit", "YES"}, annsEnvironment}));
-    // Nobody expands anything here.
-    EXPECT_THAT(directCommand({501, oddApp, false}, ann, oddApp + "/x").arguments,
-                ElementsAre(oddApp + "/x"));
-}
-
-Words managerArguments(const std::string& unit, const std::string& program) {
-    return {"/usr/bin/systemd-run",
-            "--user",
-            "--quiet",
-            "--collect",
-            "--service-type=exec",
-            "--slice=app.slice",
-            "--property=ExitType=cgroup",
-            "--unit=" + unit,
-            "--",
-            program};
-}
-
-Words managerEnvironment(const std::string& uid) {
-    Words list = annsEnvironment;
-    list.push_back("XDG_RUNTIME_DIR=/run/user/" + uid);
-    return list;
-}
-
-TEST(OpenAsUserCommandTest, RunsTheExecutableInTheUsersManager) {
-    EXPECT_EQ(managerCommand({501, app, false}, ann, executable, "com.example.app", "1a2b"),
-              (Command{"/usr/bin/systemd-run",
-                       managerArguments("app-halvo-com.example.app@1a2b.service", executable),
-                       managerEnvironment("501"), 30}));
-    Words arguments = managerArguments("app-halvo-com.example.app@0.service", executable);
-    arguments.insert(arguments.end(), {"-halvoRelaunchedAfterQuit", "YES"});
-    EXPECT_EQ(managerCommand({501, app, true}, ann, executable, "com.example.app", "0"),
-              (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501"), 30}));
-}
-
-TEST(OpenAsUserCommandTest, FindsTheManagerOfTheUserNotOfTheRequest) {
-    const User last{4294967295, 20, "ann", "/Users/ann"};
-    EXPECT_EQ(managerCommand({501, app, false}, last, executable, "x", "0").environment,
-              managerEnvironment("4294967295"));
-}
-
-// The manager makes one "$" of two, but systemd-run(1) looks for the first word as it stands.
-TEST(OpenAsUserCommandTest, HandsTheExecutableOverAsItIs) {
-    const std::string odd = "/a $HOME/${x} $$%i";
-    EXPECT_THAT(managerCommand({501, app, false}, ann, odd, "x", "0").arguments.back(), odd);
-    EXPECT_THAT(systemCommand(odd, {501, app, false}, "0").arguments, Contains(odd));
-}
-
-struct PathRow {
-    std::string path;
-    std::string argument;
-};
-
-class OpenAsUserSystemPathTest : public ::testing::TestWithParam<PathRow> {};
-
-TEST_P(OpenAsUserSystemPathTest, IsNotExpanded) {
-    const Command command = systemCommand(helper, {501, GetParam().path, false}, "0");
-    EXPECT_EQ(command.arguments.back(), GetParam().argument);
-}
-
-INSTANTIATE_TEST_SUITE_P(Paths, OpenAsUserSystemPathTest,
-                         ::testing::Values(PathRow{"/a b/c", "/a b/c"}, PathRow{"$", "$$"},
-                                           PathRow{"/$HOME/x", "/$$HOME/x"},
-                                           PathRow{"/${HOME}/x", "/$${HOME}/x"},
-                                           PathRow{"/$$", "/$$$$"}, PathRow{"/a$", "/a$$"},
-                                           PathRow{"/$a$b$", "/$$a$$b$$"},
-                                           PathRow{"/%i\\x20\"';|&*", "/%i\\x20\"';|&*"},
-                                           PathRow{"-x", "-x"}, PathRow{"/a\nb", "/a\nb"},
-                                           PathRow{"/\xC3\xA9", "/\xC3\xA9"}));
-
-struct UnitRow {
-    std::string appID;
-    std::string suffix;
-    std::string unit;
-};
-
-class OpenAsUserUnitTest : public ::testing::TestWithParam<UnitRow> {};
-
-TEST_P(OpenAsUserUnitTest, HasASafeName) {
-    const Command command =
-        managerCommand({501, app, false}, ann, executable, GetParam().appID, GetParam().suffix);
-    EXPECT_EQ(std::ranges::count(command.arguments, "--unit=" + GetParam().unit), 1)
-        << ::testing::PrintToString(command.arguments);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, OpenAsUserUnitTest,
-    ::testing::Values(UnitRow{"com.example.app", "0", "app-halvo-com.example.app@0.service"},
-                      UnitRow{"AZaz09.", "AZaz09.", "app-halvo-AZaz09.@AZaz09..service"},
-                      // "-" would nest slices, "@" and "/" would be read as something else.
-                      UnitRow{"com.a-b", "0", "app-halvo-com.a_b@0.service"},
-                      UnitRow{"a@b/c d%i$x\\", "-/@", "app-halvo-a_b_c_d_i_x_@___.service"},
-                      UnitRow{"\xC3\xA9", "0", "app-halvo-__@0.service"},
-                      UnitRow{"[`{:^", "0", "app-halvo-_____@0.service"},
-                      UnitRow{"", "", "app-halvo-@.service"}));
 
 // --------------------------------------------------------------------------------- the privileges
 

@@ -1,7 +1,9 @@
 #include "HalvoHelperCore/AppLocation.hpp"
 
 #include <string_view>
+#include <utility>
 
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo::AppLocation {
@@ -14,8 +16,8 @@ bool isBundlePath(const std::string& path) {
     // component ends in ".app" and so is neither "." nor ".." nor empty. What the system makes of a
     // path besides is its own.
     return path.starts_with('/') && path.ends_with(".app") && !contains("/../") &&
-           !contains("/./") && !contains("//") && path.find('\0') == std::string::npos &&
-           isUTF8(path) && isStandardizedPath(path);
+           !contains("/./") && !contains("//") && !hasZeroByte(path) && isUTF8(path) &&
+           isStandardizedPath(path);
 }
 
 bool isLockablePath(const std::string& path) {
@@ -26,14 +28,12 @@ bool isLockablePath(const std::string& path) {
 bool mayLock(const std::string& path) { return isLockablePath(path) && isFolder(path); }
 
 std::optional<std::string> bundlePath(const std::string& executable) {
-    const std::size_t name = executable.find_last_of('/');
-    constexpr std::string_view folders = "/Contents/MacOS";
-    if (name == std::string::npos || name == executable.size() - 1 ||
-        !std::string_view(executable).substr(0, name).ends_with(folders)) {
-        return std::nullopt;
-    }
-    std::string candidate = executable.substr(0, name - folders.size());
-    return isBundlePath(candidate) ? std::optional(std::move(candidate)) : std::nullopt;
+    auto candidate = Bundle::folderOf(executable);
+    return candidate && isBundlePath(*candidate) ? std::move(candidate) : std::nullopt;
+}
+
+std::string usualExecutable(const std::string& bundlePath) {
+    return bundlePath + "/Contents/MacOS/Halvo";
 }
 
 }  // namespace halvo::AppLocation

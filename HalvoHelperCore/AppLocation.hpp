@@ -24,4 +24,7 @@ bool mayLock(const std::string& path);
 // elsewhere or that is no bundle path.
 std::optional<std::string> bundlePath(const std::string& executable);
 
+// The executable of the bundle at `bundlePath` that does not name one itself, or one that exists.
+std::string usualExecutable(const std::string& bundlePath);
+
 }  // namespace halvo::AppLocation

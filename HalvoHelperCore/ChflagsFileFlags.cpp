@@ -4,7 +4,6 @@
 
 #include <cerrno>
 
-#include "HalvoHelperCore/ItemFlags.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/DiskSync.hpp"
 #include "HalvoPlatform/Log.hpp"

@@ -4,21 +4,9 @@
 #include <cstdint>
 
 #include "HalvoHelperCore/FileFlags.hpp"
+#include "HalvoHelperCore/ItemFlags.hpp"
 
 namespace halvo {
-
-// File flags as <sys/stat.h> of BSD systems numbers them. (Not by their names there, which are
-// macros on macOS.)
-struct ItemFlag {
-    // SF_IMMUTABLE: only root sets and clears it. Nobody renames, removes or moves the item, nor
-    // adds or removes entries of a folder.
-    static constexpr std::uint32_t systemImmutable = 0x20000;
-    // UF_IMMUTABLE: the same, but the owner may clear it. Not used by the helper.
-    static constexpr std::uint32_t userImmutable = 0x2;
-    // SF_APPEND and UF_NODUMP: not used by the helper, but kept where it finds them.
-    static constexpr std::uint32_t systemAppendOnly = 0x40000;
-    static constexpr std::uint32_t noDump = 0x1;
-};
 
 // Locks an item by setting flag bits on it, and only on it: nothing is recursive, no symbolic link
 // is followed, and all other flags are kept. Keeps no state. Main queue only.

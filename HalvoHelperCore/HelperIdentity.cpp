@@ -48,6 +48,10 @@ std::optional<HelperIdentity> HelperIdentity::app(const std::optional<InfoDictio
     return HelperIdentity{*bundleID, *teamID};
 }
 
+std::optional<HelperIdentity> HelperIdentity::ofBundle(const std::optional<InfoDictionary>& info) {
+    return app(info, info ? infoString(*info, "CFBundleIdentifier") : std::nullopt);
+}
+
 std::string HelperIdentity::helperBundleID() const { return appBundleID + ".helper"; }
 
 std::string HelperIdentity::appRequirement() const { return requirement(appBundleID, teamID); }

@@ -31,6 +31,10 @@ struct HelperIdentity {
     static std::optional<HelperIdentity> app(const std::optional<InfoDictionary>& info,
                                              const std::optional<std::string>& bundleID);
 
+    // The identity of an app whose bundle has the Info.plist `info`, with its
+    // "CFBundleIdentifier".
+    static std::optional<HelperIdentity> ofBundle(const std::optional<InfoDictionary>& info);
+
     // The helper's own identifier, which is also its Mach service name.
     [[nodiscard]] std::string helperBundleID() const;
 

@@ -8,6 +8,19 @@
 
 namespace halvo {
 
+// File flags as <sys/stat.h> of BSD systems numbers them. (Not by their names there, which are
+// macros on macOS.)
+struct ItemFlag {
+    // SF_IMMUTABLE: only root sets and clears it. Nobody renames, removes or moves the item, nor
+    // adds or removes entries of a folder.
+    static constexpr std::uint32_t systemImmutable = 0x20000;
+    // UF_IMMUTABLE: the same, but the owner may clear it. Not used by the helper.
+    static constexpr std::uint32_t userImmutable = 0x2;
+    // SF_APPEND and UF_NODUMP: not used by the helper, but kept where it finds them.
+    static constexpr std::uint32_t systemAppendOnly = 0x40000;
+    static constexpr std::uint32_t noDump = 0x1;
+};
+
 // The flags of the item at `path` itself (a symbolic link is not followed), or nothing when its
 // status cannot be read. On macOS they are those of lstat(2); on Linux only the three flags of
 // ItemFlag exist, read with statx(2); an item on a file system without flags has none set.

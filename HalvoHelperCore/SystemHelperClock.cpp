@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {

@@ -27,9 +27,4 @@ BootID bootIDFrom(std::string_view bytes);
 // value "kern.bootsessionuuid" of sysctl(3).
 BootID readBootID();
 
-// Time since boot, which within a process never goes back. One per system: on Linux CLOCK_BOOTTIME
-// (clock_gettime(2)), on macOS CLOCK_MONOTONIC (clock_gettime_nsec_np(3)), which there counts
-// through sleep, and what of it goes back is held up.
-Seconds sinceBoot();
-
 }  // namespace halvo

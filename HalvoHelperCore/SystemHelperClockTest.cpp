@@ -57,14 +57,9 @@ TEST(SystemHelperClockTest, TakesTheWallClockAfterTheOther) {
     EXPECT_GE(SystemHelperClock().reading().wall, before + Seconds{3600});
 }
 
-TEST(SystemHelperClockTest, CountsInSecondsAndKeepsTheFraction) {
-    {
-        const testing::StoppedClock stopped(1, 500'000'000);
-        EXPECT_EQ(sinceBoot().count(), 1.5);
-        EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 1.5);
-    }
-    const testing::StoppedClock stopped(51'873, 204'417'375);
-    EXPECT_DOUBLE_EQ(sinceBoot().count(), 51873.204417375);
+TEST(SystemHelperClockTest, TellsTheTimeSinceBoot) {
+    const testing::StoppedClock stopped(1, 500'000'000);
+    EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 1.5);
 }
 
 TEST(BootIDFromTest, TakesAValueWithoutAZeroByteWhole) {

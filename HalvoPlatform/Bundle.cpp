@@ -22,13 +22,21 @@ Bundle::Bundle(std::string path, std::string infoPath, std::string executable)
       infoPath_(std::move(infoPath)),
       ownExecutable_(std::move(executable)) {}
 
-Bundle Bundle::ofProcess(const std::string& executable) {
-    constexpr std::string_view place = "/Contents/MacOS";
-    const std::string folder = executable.substr(0, executable.find_last_of('/'));
-    if (folder.size() > place.size() && folder.ends_with(place)) {
-        const std::string bundle = folder.substr(0, folder.size() - place.size());
-        return {bundle, bundle + "/Contents/Info.plist", executable};
+std::optional<std::string> Bundle::folderOf(const std::string& executable) {
+    constexpr std::string_view place = "/Contents/MacOS/";
+    const std::size_t name = executable.find_last_of('/') + 1;
+    if (name <= place.size() || name == executable.size() ||
+        !std::string_view(executable).substr(0, name).ends_with(place)) {
+        return std::nullopt;
     }
+    return executable.substr(0, name - place.size());
+}
+
+Bundle Bundle::ofProcess(const std::string& executable) {
+    if (const auto bundle = folderOf(executable)) {
+        return {*bundle, *bundle + "/Contents/Info.plist", executable};
+    }
+    const std::string folder = executable.substr(0, executable.find_last_of('/'));
     return {folder.empty() ? "/" : folder, folder + "/Info.plist", executable};
 }
 

@@ -36,6 +36,10 @@ class Bundle {
     // The bundle of this process, as ofProcess() finds it; on macOS the main bundle.
     static Bundle main();
 
+    // The folder of the bundle of an executable: X for X/Contents/MacOS/NAME. Nothing when it does
+    // not lie in one.
+    static std::optional<std::string> folderOf(const std::string& executable);
+
     // The bundle of a process that runs the program at the absolute path `executable`: X for a
     // program at X/Contents/MacOS/NAME; for any other program its own folder, with the Info.plist
     // beside the program. "" stands for a process that cannot tell its program.

@@ -7,18 +7,18 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 #include <utility>
 
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/DiskSync.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
 
 std::unexpected<FileError> failure(int code, const std::string& path) {
-    return std::unexpected(FileError{code, path + ": " + std::generic_category().message(code)});
+    return std::unexpected(FileError{code, path + ": " + errorText(code)});
 }
 
 // Gives 0 or the errno.

@@ -5,7 +5,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <system_error>
+
+#include "HalvoPlatform/ErrorText.hpp"
 
 namespace halvo {
 namespace {
@@ -18,11 +19,6 @@ bool liesAt(const Descriptor& file, const std::string& path) {
            own.st_dev == there.st_dev && own.st_ino == there.st_ino;
 }
 
-std::unexpected<FileError> failure(const std::string& path) {
-    const int code = errno;
-    return std::unexpected(FileError{code, path + ": " + std::generic_category().message(code)});
-}
-
 }  // namespace
 
 std::expected<Descriptor, FileError> takeLockFile(const std::string& path) {
@@ -31,7 +27,8 @@ std::expected<Descriptor, FileError> takeLockFile(const std::string& path) {
     while (true) {
         Descriptor file(open(path.c_str(), flags, ownerOnly));
         if (!file.isOpen() || flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-            return failure(path);
+            const int code = errno;
+            return std::unexpected(FileError{code, path + ": " + errorText(code)});
         }
         // Who ended in between took its file away, and what was locked is nobody's lock.
         if (liesAt(file, path)) {

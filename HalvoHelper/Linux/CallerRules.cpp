@@ -14,14 +14,14 @@
 #include <cstdlib>
 #include <memory>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "HalvoHelper/Linux/LineFile.hpp"
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Linux/InfoFile.hpp"
 
 // Newer than the C library's headers.
@@ -39,9 +39,7 @@ constexpr std::string_view deletedMark = " (deleted)";
 // More bundles than anybody has of one app at a time.
 constexpr std::size_t infosKept = 8;
 
-std::string failed(const std::string& what, int code) {
-    return what + ": " + std::generic_category().message(code);
-}
+std::string failed(const std::string& what, int code) { return what + ": " + errorText(code); }
 
 // A process by its number.
 std::string fileOf(pid_t process, const char* name) {
@@ -209,7 +207,7 @@ std::expected<struct statx, std::string> statusOf(const Descriptor& file) {
 // What keeps the item at `path` from being root's alone and the file with `status`; sets `file`.
 std::optional<std::string> problemOfFile(const std::string& path, const struct statx& status,
                                          struct stat& file) {
-    if (const auto problem = RootsAlone::examine(path)) {
+    if (const auto problem = RootOwnedPath::examine(path)) {
         return problem->failure == 0 ? "somebody besides root can change " + path
                                      : path + " cannot be examined: " + problem->what;
     }
@@ -301,7 +299,7 @@ std::optional<std::string> CallerRules::problemOfGroup(int connection, const ucr
 
 // Of a caller whose executable is no longer at `path`.
 std::string CallerRules::withoutFile(const std::string& path) {
-    return !RootsAlone::examine(path) && !problemOfBundle(path)
+    return !RootOwnedPath::examine(path) && !problemOfBundle(path)
                ? "the app was replaced since it started; quit it and start it anew"
                : "its executable was replaced or removed since it started";
 }
@@ -323,7 +321,7 @@ std::optional<std::string> CallerRules::problemOfBundle(const std::string& execu
 // cannot be told; nothing also when there is none.
 std::expected<std::optional<HelperIdentity>, int> CallerRules::identityIn(
     const std::string& infoPath) {
-    if (const auto problem = RootsAlone::examine(infoPath)) {
+    if (const auto problem = RootOwnedPath::examine(infoPath)) {
         const bool isMissing = problem->failure == ENOENT || problem->failure == ENOTDIR;
         if (problem->failure != 0 && !isMissing) {
             return std::unexpected(problem->failure);
@@ -339,9 +337,7 @@ std::expected<std::optional<HelperIdentity>, int> CallerRules::identityIn(
     if (!info) {
         return std::unexpected(info.error().code);
     }
-    const std::optional<InfoDictionary>& members = *info;
-    auto identity = HelperIdentity::app(
-        members, members ? infoString(*members, "CFBundleIdentifier") : std::nullopt);
+    auto identity = HelperIdentity::ofBundle(*info);
     if (file && file->isSettled()) {
         if (infos_.size() < infosKept) {
             infos_.push_back({*file, identity});

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
+#include "HalvoHelper/Linux/AccountFiles.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
 

@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,10 +21,12 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/PrivateMachine.hpp"
@@ -47,6 +48,12 @@ const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 std::string verdictOn(int connection, const HelperIdentity& wanted = identity) {
     const auto caller = CallerRules(wanted).check(connection);
     return caller ? "admitted" : caller.error();
+}
+
+// Gives the program at `path` to root and its group `group`, which whatever runs it has then.
+void makeSetGroupID(const std::string& path, gid_t group) {
+    ASSERT_EQ(chown(path.c_str(), 0, group), 0);
+    ASSERT_EQ(chmod(path.c_str(), 02755), 0);
 }
 
 std::array<Descriptor, 2> connectedEnds() {
@@ -98,13 +105,10 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
     }
 
     void listen() {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        const auto address = socketAddress(socketPath).value();
         fs::remove(socketPath);
         listener = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-                  0);
+        ASSERT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
         ASSERT_EQ(chmod(socketPath.c_str(), 0666), 0);
         ASSERT_EQ(::listen(listener.get(), 5), 0);
     }
@@ -173,26 +177,20 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitTheInstalledApp) {
     EXPECT_EQ(verdict->executable, app->executable());
 }
 
-TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfEveryPerson) {
-    const Descriptor connection =
-        connectionOf(app->executable(), {"connect", socketPath}, [this] { become(other); });
-    const auto verdict = CallerRules(identity).check(connection.get());
-    ASSERT_TRUE(verdict) << verdict.error();
-    EXPECT_EQ(verdict->uid, other.uid);
-}
-
-TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfRoot) {
-    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath}, [] {});
-    const auto verdict = CallerRules(identity).check(connection.get());
-    ASSERT_TRUE(verdict) << verdict.error();
-    EXPECT_EQ(verdict->uid, 0U);
+TEST_F(CallerRulesPrivateMachineTest, AdmitTheAppOfEveryPersonAndOfRoot) {
+    for (const Person& person : {other, Person{0, 0}}) {
+        const Descriptor connection =
+            connectionOf(app->executable(), {"connect", socketPath}, [&person] { become(person); });
+        const auto verdict = CallerRules(identity).check(connection.get());
+        ASSERT_TRUE(verdict) << verdict.error();
+        EXPECT_EQ(verdict->uid, person.uid);
+    }
 }
 
 TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheBundleThatIsInstalledSo) {
     const std::string second = app->folder() + "/Second";
     copyProgram(HALVO_TEST_APP, second);
-    ASSERT_EQ(chown(second.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(second.c_str(), 02755), 0);
+    makeSetGroupID(second, appGroup);
     EXPECT_EQ(verdictOn(connectionOf(second).get()), "admitted");
 }
 
@@ -205,17 +203,13 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitAStoppedApp) {
 // -------------------------------------------------------------------------------- the private
 // group
 
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatIsNotSetGroupId) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatIsNotSetGroupIdAlsoToAMember) {
     ASSERT_EQ(chmod(app->executable().c_str(), 0755), 0);
-    EXPECT_EQ(verdictOnApp(), withoutGroup(app->executable()));
-}
-
-TEST_F(CallerRulesPrivateMachineTest,
-       RefuseAnExecutableThatIsNotSetGroupIdAlsoToAMemberOfItsGroup) {
-    ASSERT_EQ(chmod(app->executable().c_str(), 0755), 0);
-    const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath},
-                                               [this] { become({user.uid, appGroup}); });
-    EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+    for (const gid_t group : {user.gid, appGroup}) {
+        const Descriptor connection = connectionOf(app->executable(), {"connect", socketPath},
+                                                   [&] { become({user.uid, group}); });
+        EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
+    }
 }
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatHadPutItsGroupAside) {
@@ -227,8 +221,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatHadPutItsGroupAside) {
 TEST_F(CallerRulesPrivateMachineTest, RefuseTheGroupOfAnotherProgram) {
     const Descriptor connection = connectionOfApp();
     // To belong to another group loses the bit: chown(2).
-    ASSERT_EQ(chown(app->executable().c_str(), 0, user.gid), 0);
-    ASSERT_EQ(chmod(app->executable().c_str(), 02755), 0);
+    makeSetGroupID(app->executable(), user.gid);
     EXPECT_EQ(verdictOn(connection.get()), withoutGroup(app->executable()));
 }
 
@@ -287,17 +280,11 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotB
 
 // ------------------------------------------------------------------------- who can change the file
 
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatItsGroupCanWrite) {
-    ASSERT_EQ(chmod(app->executable().c_str(), 02775), 0);
-    EXPECT_EQ(verdictOnApp(), changeable());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatEverybodyCanWrite) {
-    ASSERT_EQ(chmod(app->executable().c_str(), 02757), 0);
-    EXPECT_EQ(verdictOnApp(), changeable());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableOfSomebodyElse) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatOthersThanRootCanWrite) {
+    for (const mode_t mode : {02775U, 02757U}) {
+        ASSERT_EQ(chmod(app->executable().c_str(), mode), 0);
+        EXPECT_EQ(verdictOnApp(), changeable()) << std::oct << mode;
+    }
     ASSERT_EQ(chown(app->executable().c_str(), user.uid, appGroup), 0);
     ASSERT_EQ(chmod(app->executable().c_str(), 02755), 0);
     EXPECT_EQ(verdictOnApp(), changeable());
@@ -313,17 +300,12 @@ class CallerRulesFolderPrivateMachineTest : public CallerRulesPrivateMachineTest
     }
 };
 
-TEST_P(CallerRulesFolderPrivateMachineTest, IsNotWritableByItsGroup) {
-    ASSERT_EQ(chmod(GetParam(), 0775), 0);
-    EXPECT_EQ(verdictOnApp(), changeable());
-}
-
-TEST_P(CallerRulesFolderPrivateMachineTest, IsNotWritableByEverybody) {
-    ASSERT_EQ(chmod(GetParam(), 01757), 0) << "not even when it is sticky";
-    EXPECT_EQ(verdictOnApp(), changeable());
-}
-
-TEST_P(CallerRulesFolderPrivateMachineTest, IsNobodyElses) {
+TEST_P(CallerRulesFolderPrivateMachineTest, IsRootOwnedPathNotEvenStickyForOthers) {
+    for (const mode_t mode : {0775U, 01757U}) {
+        ASSERT_EQ(chmod(GetParam(), mode), 0);
+        EXPECT_EQ(verdictOnApp(), changeable()) << std::oct << mode;
+    }
+    ASSERT_EQ(chmod(GetParam(), 0755), 0);
     ASSERT_EQ(chown(GetParam(), user.uid, 0), 0);
     EXPECT_EQ(verdictOnApp(), changeable());
 }
@@ -368,8 +350,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathByWayOfALink) {
 TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatIsNoLongerTheOneAtItsPath) {
     const std::string second = "/Library/other";
     copyProgram(HALVO_TEST_APP, second);
-    ASSERT_EQ(chown(second.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(second.c_str(), 02755), 0);
+    makeSetGroupID(second, appGroup);
     const Descriptor connection = connectionOfApp();
     ASSERT_EQ(mount(second.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
     const std::string verdict = verdictOn(connection.get());
@@ -387,8 +368,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatHasOnlyTheNumberOfTheOneAtI
     struct stat status{};
     ASSERT_EQ(stat(app->executable().c_str(), &status), 0);
     const std::string twin = copyProgramAsNumber(HALVO_TEST_APP, twins, status.st_ino);
-    ASSERT_EQ(chown(twin.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(twin.c_str(), 02755), 0);
+    makeSetGroupID(twin, appGroup);
     const Descriptor connection = connectionOfApp();
     ASSERT_EQ(mount(twin.c_str(), app->executable().c_str(), nullptr, MS_BIND, nullptr), 0);
     const std::string verdict = verdictOn(connection.get());
@@ -483,8 +463,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasDeleted) {
     // And one that is called as the kernel calls it now.
     const std::string called = app->executable() + " (deleted)";
     copyProgram(HALVO_TEST_APP, called);
-    ASSERT_EQ(chown(called.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(called.c_str(), 02755), 0);
+    makeSetGroupID(called, appGroup);
     EXPECT_EQ(verdictOn(connection.get()), deleted);
 }
 
@@ -510,8 +489,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatCannotBeTold) {
             ASSERT_EQ(chdir(name.c_str()), 0);
         }
         copyProgram(HALVO_TEST_APP, "Sample");
-        ASSERT_EQ(chown("Sample", 0, appGroup), 0);
-        ASSERT_EQ(chmod("Sample", 02755), 0);
+        makeSetGroupID("Sample", appGroup);
         become(user);
     });
     EXPECT_EQ(verdictOn(connection.get()),
@@ -525,21 +503,17 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatCannotBeTold) {
 TEST_F(CallerRulesPrivateMachineTest, RefuseAProgramOutsideOfABundle) {
     const std::string program = "/Applications/Sample";
     copyProgram(HALVO_TEST_APP, program);
-    ASSERT_EQ(chown(program.c_str(), 0, appGroup), 0);
-    ASSERT_EQ(chmod(program.c_str(), 02755), 0);
+    makeSetGroupID(program, appGroup);
     EXPECT_EQ(verdictOn(connectionOf(program).get()),
               program + " is not in a bundle of this app and team");
 }
 
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnotherApp) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnotherAppOrAnotherTeam) {
     for (const char* name : {"com.example.other", "com.example.app.helper", "com.example.ap",
                              "COM.EXAMPLE.APP", "", "com..example"}) {
         app->writeInfo(name);
         EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << name;
     }
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnotherTeam) {
     for (const char* team : {"7QX4KD19MU", "7qx4kd19mt", "7QX4KD19M", "7QX4KD19MTT", ""}) {
         app->writeInfo("com.example.app", team);
         EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << team;
@@ -553,53 +527,45 @@ TEST_F(CallerRulesPrivateMachineTest, GoByTheirOwnIdentity) {
     EXPECT_EQ(verdictOn(connection.get()), "admitted");
 }
 
-TEST_F(CallerRulesPrivateMachineTest, RefuseABundleWithoutAnInfo) {
-    fs::remove(app->info());
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseABundleWithADamagedInfo) {
-    replaceTestFile(app->info(), "com.example.app 7QX4KD19MT");
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoWithoutTheIdentifierOrTheTeam) {
-    for (const std::string& missing :
-         {std::string("CFBundleIdentifier"), std::string("HalvoTeamID")}) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNotTheAppsOrNotRootOwnedPath) {
+    const std::string info = app->info();
+    const auto without = [&](const std::string& missing) {
         std::string text = infoText("Sample", "com.example.app", "7QX4KD19MT");
         text.replace(text.find(missing), missing.size(), "Other");
-        replaceTestFile(app->info(), text);
-        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << missing;
+        replaceTestFile(info, text);
+    };
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"none", [&] { fs::remove(info); }},
+        {"damaged", [&] { replaceTestFile(info, "com.example.app 7QX4KD19MT"); }},
+        {"without the identifier", [&] { without("CFBundleIdentifier"); }},
+        {"without the team", [&] { without("HalvoTeamID"); }},
+        {"writable by its group", [&] { ASSERT_EQ(chmod(info.c_str(), 0664), 0); }},
+        {"writable by others", [&] { ASSERT_EQ(chmod(info.c_str(), 0646), 0); }},
+        {"writable by all", [&] { ASSERT_EQ(chmod(info.c_str(), 0666), 0); }},
+        {"another person's", [&] { ASSERT_EQ(chown(info.c_str(), user.uid, user.gid), 0); }},
+        {"a link",
+         [&] {
+             fs::rename(info, app->path() + "/Contents/Real.plist");
+             fs::create_symlink("Real.plist", info);
+         }},
+        {"a pipe",
+         [&] {
+             fs::remove(info);
+             ASSERT_EQ(mkfifo(info.c_str(), 0644), 0);
+         }},
+        {"a folder",
+         [&] {
+             fs::remove(info);
+             fs::create_directory(info);
+         }},
+    };
+    for (const auto& [what, spoil] : rows) {
+        spoil();
+        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << what;
+        fs::remove(info);
+        app->writeInfo();
+        EXPECT_EQ(verdictOnApp(), "admitted") << "after " << what;
     }
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatOthersCanWrite) {
-    for (const mode_t mode : {0664U, 0646U, 0666U}) {
-        ASSERT_EQ(chmod(app->info().c_str(), mode), 0);
-        EXPECT_EQ(verdictOnApp(), ofAnotherApp()) << std::oct << mode;
-    }
-    ASSERT_EQ(chmod(app->info().c_str(), 0644), 0);
-    EXPECT_EQ(verdictOnApp(), "admitted");
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoOfSomebodyElse) {
-    ASSERT_EQ(chown(app->info().c_str(), user.uid, user.gid), 0);
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsALink) {
-    fs::rename(app->info(), app->path() + "/Contents/Real.plist");
-    fs::create_symlink("Real.plist", app->info());
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNoFile) {
-    fs::remove(app->info());
-    ASSERT_EQ(mkfifo(app->info().c_str(), 0644), 0);
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
-    fs::remove(app->info());
-    fs::create_directory(app->info());
-    EXPECT_EQ(verdictOnApp(), ofAnotherApp());
 }
 
 // ------------------------------------------------------------------------- a system that fails

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
@@ -13,10 +12,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "HalvoHelper/HelperService.hpp"
@@ -26,7 +23,9 @@
 #include "HalvoHelper/Linux/RefusalLog.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "HalvoPlatform/LockFile.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
@@ -41,8 +40,6 @@ constexpr int exitSystem = 71;
 std::unexpected<ListenerFailure> failure(int status, const std::string& message) {
     return std::unexpected(ListenerFailure{status, message});
 }
-
-std::string described(int code) { return std::generic_category().message(code); }
 
 // Whoever is let in goes before who asks to be, or strangers without end would keep the app from
 // authenticating: sd-bus arms its timer anew at each turn of the loop, and among equals the source
@@ -128,7 +125,7 @@ class SocketListener final : public HelperListener {
         if (std::ranges::find(ofOneCaller, code) != ofOneCaller.end()) {
             return;
         }
-        HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", described(code).c_str());
+        HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", errorText(code).c_str());
         constexpr std::uint64_t oneSecond = 1000000;
         sd_event_source_set_enabled(incoming_, SD_EVENT_OFF);
         sd_event_source_set_time_relative(retry_, oneSecond);
@@ -218,12 +215,10 @@ std::expected<Descriptor, ListenerFailure> takeLock(const std::string& path) {
 // Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;
 // who is served is decided then.
 std::expected<Descriptor, ListenerFailure> bindSocket(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
+    const auto address = socketAddress(path);
+    if (!address) {
         return failure(exitConfig, "The app's identifier is too long for a socket: " + path);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     struct stat status{};
     if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
         return failure(exitConfig, "Something that is no socket lies at " + path +
@@ -232,10 +227,9 @@ std::expected<Descriptor, ListenerFailure> bindSocket(const std::string& path) {
     unlink(path.c_str());
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     constexpr mode_t everybody = 0666;
-    if (!socket.isOpen() ||
-        bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+    if (!socket.isOpen() || bind(socket.get(), generic(*address), sizeof *address) != 0 ||
         chmod(path.c_str(), everybody) != 0) {
-        return failure(exitSystem, "Couldn't make the socket " + path + ": " + described(errno));
+        return failure(exitSystem, "Couldn't make the socket " + path + ": " + errorText(errno));
     }
     return socket;
 }

@@ -6,7 +6,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
@@ -31,6 +30,7 @@
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/Interception.hpp"
@@ -83,13 +83,9 @@ void serveWhatComes() {
 
 // Whether somebody listens at `path`: 0, or the errno of connect(2).
 int tryToConnect(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto address = socketAddress(path).value();
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
-               ? 0
-               : errno;
+    return connect(socket.get(), generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
 mode_t modeOf(const std::string& path) {
@@ -97,12 +93,14 @@ mode_t modeOf(const std::string& path) {
     return lstat(path.c_str(), &status) == 0 ? status.st_mode : 0;
 }
 
+void bindTo(const std::string& path, int socket) {
+    const auto address = socketAddress(path).value();
+    EXPECT_EQ(bind(socket, generic(address), sizeof address), 0);
+}
+
 void leaveAStaleSocket() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    bindTo(socketPath, socket.get());
 }
 
 // Everything in a child process: a listener is removed when its process exits, and the event loop
@@ -306,10 +304,7 @@ int newSocket(int family, int type) {
 
 int boundSocket() {
     const int number = newSocket(AF_UNIX, SOCK_STREAM);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    bindTo(socketPath, number);
     return number;
 }
 
@@ -449,6 +444,15 @@ class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachi
     std::unique_ptr<TestBundle> app;
 };
 
+// Does `body` in a child process, with a listener that serves.
+void serving(const std::function<void(Service&)>& body) {
+    inChild([&body] {
+        Service service;
+        service.serve();
+        body(service);
+    });
+}
+
 // Serves until the caller has said as many lines.
 std::vector<std::string> answersTo(TestProcess& caller, std::size_t count) {
     std::vector<std::string> lines;
@@ -465,12 +469,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServe
     inChild([] {
         // sd_notify(3).
         const std::string path = "/run/notify";
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
         const Descriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-                  0);
+        bindTo(path, manager.get());
         ASSERT_EQ(setenv("NOTIFY_SOCKET", path.c_str(), 1), 0);
         const auto heard = [&manager] {
             std::array<char, 100> text{};
@@ -486,9 +486,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServe
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheApp) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto caller = start({"ask", socketPath, "status", "begin=" + app->path(), "status",
                                    "heartbeat", "end", "status"});
         EXPECT_THAT(answersTo(*caller, 6),
@@ -517,9 +515,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheAppOnTheSocketOfSystemd)
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheAppsItServesApart) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto mine = start({"ask", socketPath, "begin=" + app->path()});
         EXPECT_THAT(answersTo(*mine, 1), ElementsAre("yes"));
         TestProcess theirs([this] {
@@ -533,9 +529,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheAppsItServesApart) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, TurnsStrangersAwayAndSaysWhy) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto stranger = start(HALVO_TEST_APP, {"ask", socketPath, "status"});
         const auto lines = answersTo(*stranger, 1);
         EXPECT_THAT(lines, ElementsAre(::testing::Not(HasSubstr("idle"))));
@@ -547,16 +541,10 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TurnsStrangersAwayAndSaysWhy) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, ReadsNothingOfAStranger) {
-    inChild([] {
-        Service service;
-        service.serve();
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+    serving([](Service&) {
+        const auto address = socketAddress(socketPath).value();
         const Descriptor stranger(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(
-            connect(stranger.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-            0);
+        ASSERT_EQ(connect(stranger.get(), generic(address), sizeof address), 0);
         ASSERT_EQ(send(stranger.get(), "hello", 5, MSG_NOSIGNAL), 5);
         serveWhatComes();
         // What was sent is lost with the connection, which is more than an end of it: unix(7).
@@ -567,9 +555,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ReadsNothingOfAStranger) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
-    inChild([] {
-        Service service;
-        service.serve();
+    serving([](Service& service) {
         for (int i = 0; i < 30; ++i) {
             EXPECT_EQ(tryToConnect(socketPath), 0);
         }
@@ -579,9 +565,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsOneConnectionEndWithoutTheOthers) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto first = start({"ask", socketPath, "status"});
         answersTo(*first, 1);
         const auto second = start({"ask", socketPath, "status"});
@@ -597,9 +581,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsOneConnectionEndWithoutTheOth
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         constexpr int most = static_cast<int>(Limits::connections);
         const auto many = startCrowd();
         EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
@@ -624,9 +606,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOthersForOthers) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         constexpr int most = static_cast<int>(Limits::connectionsOfUser);
         const auto many = start({"connect-many", socketPath, std::to_string(3 * most)});
         const std::string refusal = "Refused a caller: too many connections of user " +
@@ -648,9 +628,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOt
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGone) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto serveSome = [&](int count) {
             const auto caller = start({"ask-often", socketPath, std::to_string(count)});
             EXPECT_THAT(answersTo(*caller, 1), ElementsAre("asked"));
@@ -671,9 +649,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGo
 // Whatever it is that keeps it from accepting, the socket stays readable.
 TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAnybody) {
     for (const int code : {EACCES, EPERM, EMFILE}) {
-        inChild([this, code] {
-            Service service;
-            service.serve();
+        serving([this, code](Service& service) {
             const auto caller = start({"ask", socketPath, "status"});
             {
                 const Fault fault = Fault::failing(SystemCall::accept4, code);
@@ -691,9 +667,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAny
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBeAccepted) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         for (const int code : {EAGAIN, EINTR, ECONNABORTED, EPROTO, EHOSTUNREACH}) {
             const auto caller = start({"ask", socketPath, "status"});
             const Fault fault = Fault::failing(SystemCall::accept4, code);
@@ -704,9 +678,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBe
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, WaitsWhenTheSystemHasNoDescriptorLeft) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto caller = start({"ask", socketPath, "status"});
         {
             const FewDescriptors none(0);
@@ -721,9 +693,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsWhenTheSystemHasNoDescriptor
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         {
             const FailingBusStart once;
             const auto caller = start({"connect", socketPath});
@@ -740,9 +710,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor
 
 // What is no authentication may have come before the caller is accepted.
 TEST_F(HelperListenerCallerPrivateMachineTest, LetsAnAppGoThatTalksNonsense) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         const auto caller = start({"connect-say", socketPath, "GET / HTTP/1.1"});
         EXPECT_EQ(caller->readLine(), "connected");
         EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
@@ -765,9 +733,7 @@ TEST_F(HelperListenerPrivateMachineTest, EndsTheProcessWhenItCannotListen) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, SurvivesACallerWhoIsGoneBeforeItIsAccepted) {
-    inChild([this] {
-        Service service;
-        service.serve();
+    serving([this](Service& service) {
         {
             const auto gone = start({"connect", socketPath});
             EXPECT_EQ(gone->readLine(), "connected");

@@ -7,14 +7,13 @@
 
 #include <csignal>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
-#include "HalvoHelper/CStrings.hpp"
-#include "HalvoHelper/Linux/UnitSuffix.hpp"
-#include "HalvoHelper/OpenAsUser.hpp"
-#include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
+#include "HalvoHelper/Linux/OpenAsUser.hpp"
+#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
@@ -61,8 +60,8 @@ class SpawnPlan {
         if (error_ != 0) {
             return error_;
         }
-        const CStrings arguments(command.arguments);
-        const CStrings environment(command.environment);
+        const ArgumentVector arguments(command.arguments);
+        const ArgumentVector environment(command.environment);
         pid_t child = 0;
         return posix_spawn(&child, command.path.c_str(), &actions_, &attributes_, arguments.data(),
                            environment.data());
@@ -105,15 +104,13 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
     const bool directly = failed % 2 == 1;
     const OpenAsUser::Request request{uid, appPath, afterQuit, directly};
     // What systemd-run(1) has to say goes where the helper's own errors go, to the journal.
-    const int error =
-        booted
-            ? SpawnPlan(ErrorOutput::kept)
-                  .start(OpenAsUser::systemCommand(helperExecutable_, request, randomUnitSuffix()))
-            : SpawnPlan(ErrorOutput::none)
-                  .start(OpenAsUser::helperCommand(helperExecutable_, request));
+    const int error = booted ? SpawnPlan(ErrorOutput::kept)
+                                   .start(OpenAsUser::systemCommand(helperExecutable_, request,
+                                                                    OpenAsUser::randomUnitSuffix()))
+                             : SpawnPlan(ErrorOutput::none)
+                                   .start(OpenAsUser::helperCommand(helperExecutable_, request));
     if (error != 0) {
-        HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s",
-                        std::generic_category().message(error).c_str());
+        HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", errorText(error).c_str());
     }
 }
 

@@ -16,8 +16,9 @@
 #include <optional>
 #include <string_view>
 
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
@@ -122,7 +123,7 @@ class ExpectedExecutable {
             executable_ = *std::move(named);
             return;
         }
-        executable_ = bundlePath + "/Contents/MacOS/Halvo";
+        executable_ = AppLocation::usualExecutable(bundlePath);
         info_.reset();  // what the Info.plist names may yet appear: look again next time
     }
 

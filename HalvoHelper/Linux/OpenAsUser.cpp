@@ -1,19 +1,48 @@
-#include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelper/Linux/OpenAsUser.hpp"
 
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/random.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
+#include <cstdint>
+#include <utility>
 
-#include "HalvoHelper/Linux/UnitSuffix.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 
 namespace halvo::OpenAsUser {
 namespace {
+
+// A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
+// Not so in the first word: there systemd-run(1) looks for that very file.
+std::string withoutExpansion(const std::string& argument) {
+    std::string result;
+    for (const char character : argument) {
+        result += character;
+        if (character == '$') {
+            result += character;
+        }
+    }
+    return result;
+}
+
+// `text` with all but ASCII letters and digits, which are safe in a unit's name, as "_".
+std::string unitName(const std::string& text) {
+    std::string result = text;
+    for (char& c : result) {
+        const bool safe =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.';
+        c = safe ? c : '_';
+    }
+    return result;
+}
+
+// A manager that answers may still leave what asks it to start the app waiting for ever; the next
+// opening that is for it comes after 30 seconds. What it was asked to start stays.
+constexpr unsigned managerSecondsAtMost = 30;
 
 // How long the user's manager may take to answer. One that is stuck must not keep the app closed.
 constexpr std::chrono::seconds managerPatience{2};
@@ -21,14 +50,10 @@ constexpr std::chrono::seconds managerPatience{2};
 // Connects without waiting; the kernel says at once when nobody listens.
 Descriptor connectTo(const std::string& path) {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (!socket.isOpen() || path.size() >= sizeof address.sun_path) {
-        return {};
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    return connect(socket.get(), generic, sizeof address) == 0 ? std::move(socket) : Descriptor{};
+    const auto address = socketAddress(path);
+    const bool connected = socket.isOpen() && address &&
+                           connect(socket.get(), generic(*address), sizeof *address) == 0;
+    return connected ? std::move(socket) : Descriptor{};
 }
 
 // Whether the manager is well; nothing while it has not replied.
@@ -84,10 +109,79 @@ bool managerAnswers(const User& user) {
 
 }  // namespace
 
+std::string randomUnitSuffix() {
+    std::uint32_t number = 0;
+    // For uniqueness only: without randomness the process id does.
+    if (getrandom(&number, sizeof number, 0) != sizeof number) {
+        number = static_cast<std::uint32_t>(getpid());
+    }
+    constexpr const char* digits = "0123456789abcdef";
+    std::string text;
+    for (unsigned shift = 0; shift < 32; shift += 4) {
+        text += digits[number >> shift & 0xFU];
+    }
+    return text;
+}
+
+Command systemCommand(const std::string& helperExecutable, const Request& request,
+                      const std::string& unitSuffix) {
+    // Not in the person's slice, whose limits they can use up so that nothing more starts.
+    Command command{
+        "/usr/bin/systemd-run",
+        {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+         "--description=Opens the app for user " + std::to_string(request.uid),
+         "--unit=halvo-open-" + unitName(unitSuffix) + ".service",
+         // The app may fork and end its first process without being counted as gone.
+         "--property=ExitType=cgroup",
+         // The app starts with signals as the kernel has them, not as systemd likes.
+         "--property=IgnoreSIGPIPE=no",
+         // An app that is run here is out of reach of the limits of the person's slice, and
+         // has these: many times what an app takes, and no more than the machine bears.
+         // Not by number of processes of the user (RLIMIT_NPROC), which that user's
+         // other programs can use up.
+         "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helperExecutable},
+        {}};
+    for (const std::string& word : words(request)) {
+        command.arguments.push_back(withoutExpansion(word));
+    }
+    return command;
+}
+
+Command helperCommand(const std::string& helperExecutable, const Request& request) {
+    Command command{helperExecutable, {helperExecutable}, {}};
+    append(command.arguments, words(request));
+    return command;
+}
+
+Command managerCommand(const Request& request, const User& user, const std::string& executable,
+                       const std::string& appID, const std::string& unitSuffix) {
+    Command command{
+        "/usr/bin/systemd-run",
+        {"/usr/bin/systemd-run", "--user", "--quiet", "--collect",
+         // The start fails when the executable cannot be run, instead of later.
+         "--service-type=exec", "--slice=app.slice",
+         // The app may fork and end its first process without being counted as gone.
+         "--property=ExitType=cgroup",
+         "--unit=app-halvo-" + unitName(appID) + "@" + unitName(unitSuffix) + ".service", "--",
+         executable},
+        environment(user),
+        managerSecondsAtMost};
+    // Where the manager's socket is: systemd-run(1), environment.
+    command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
+    append(command.arguments, appArguments(request.afterQuit));
+    return command;
+}
+
+Command directCommand(const Request& request, const User& user, const std::string& executable) {
+    Command command{executable, {executable}, environment(user)};
+    append(command.arguments, appArguments(request.afterQuit));
+    return command;
+}
+
 Command commandFor(const Request& request, const User& user) {
     const Bundle bundle(request.appPath);
     const std::string executable =
-        bundle.executablePath().value_or(request.appPath + "/Contents/MacOS/Halvo");
+        bundle.executablePath().value_or(AppLocation::usualExecutable(request.appPath));
     if (request.directly || !managerAnswers(user)) {
         return directCommand(request, user, executable);
     }

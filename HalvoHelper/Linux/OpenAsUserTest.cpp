@@ -9,19 +9,21 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
-#include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
@@ -31,6 +33,166 @@
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
 #include "tests/Support/TestReport.hpp"
+
+namespace halvo::OpenAsUser {
+
+void PrintTo(const Command& command, std::ostream* stream) {
+    *stream << command.path << " " << ::testing::PrintToString(command.arguments) << " "
+            << ::testing::PrintToString(command.environment) << " " << command.secondsAtMost;
+}
+
+namespace {
+
+// ----------------------------------------------------------------------------------- the commands
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+
+using Words = std::vector<std::string>;
+
+const std::string app = "/Applications/Halvo.app";
+const std::string helper = "/usr/libexec/HalvoHelper";
+const std::string executable = app + "/Contents/MacOS/Halvo";
+const User ann{501, 20, "ann", "/Users/ann"};
+const Words annsEnvironment{"HOME=/Users/ann", "USER=ann", "LOGNAME=ann",
+                            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
+
+// What no path is likely to hold, and every path may.
+const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3\xA9 * ; & |.app";
+
+TEST(OpenAsUserOnLinuxTest, StartsTheModeDirectlyOnLinux) {
+    EXPECT_EQ(helperCommand(helper, {501, app, false}),
+              (Command{helper, {helper, "--open-as-user", "501", app}, {}}));
+    EXPECT_EQ(helperCommand(helper, {501, oddApp, true}),
+              (Command{helper, {helper, "--open-as-user", "501", oddApp, "--after-quit"}, {}}));
+}
+
+TEST(OpenAsUserOnLinuxTest, StartsTheModeInAUnitOfItsOwnWhereSystemdRunsTheMachine) {
+    EXPECT_EQ(
+        systemCommand(helper, {501, app, true, true}, "1a/2b"),
+        (Command{"/usr/bin/systemd-run",
+                 {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+                  "--description=Opens the app for user 501", "--unit=halvo-open-1a_2b.service",
+                  "--property=ExitType=cgroup", "--property=IgnoreSIGPIPE=no",
+                  "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper,
+                  "--open-as-user", "501", app, "--after-quit", "--directly"},
+                 {}}));
+}
+
+TEST(OpenAsUserOnLinuxTest, RunsTheExecutableItselfWithoutAManager) {
+    EXPECT_EQ(directCommand({501, app, false}, ann, executable),
+              (Command{executable, {executable}, annsEnvironment}));
+    EXPECT_EQ(
+        directCommand({501, app, true}, ann, executable),
+        (Command{executable, {executable, "-halvoRelaunchedAfterQuit", "YES"}, annsEnvironment}));
+    // Nobody expands anything here.
+    EXPECT_THAT(directCommand({501, oddApp, false}, ann, oddApp + "/x").arguments,
+                ElementsAre(oddApp + "/x"));
+}
+
+Words managerArguments(const std::string& unit, const std::string& program) {
+    return {"/usr/bin/systemd-run",
+            "--user",
+            "--quiet",
+            "--collect",
+            "--service-type=exec",
+            "--slice=app.slice",
+            "--property=ExitType=cgroup",
+            "--unit=" + unit,
+            "--",
+            program};
+}
+
+Words managerEnvironment(const std::string& uid) {
+    Words list = annsEnvironment;
+    list.push_back("XDG_RUNTIME_DIR=/run/user/" + uid);
+    return list;
+}
+
+TEST(OpenAsUserOnLinuxTest, RunsTheExecutableInTheUsersManager) {
+    EXPECT_EQ(managerCommand({501, app, false}, ann, executable, "com.example.app", "1a2b"),
+              (Command{"/usr/bin/systemd-run",
+                       managerArguments("app-halvo-com.example.app@1a2b.service", executable),
+                       managerEnvironment("501"), 30}));
+    Words arguments = managerArguments("app-halvo-com.example.app@0.service", executable);
+    arguments.insert(arguments.end(), {"-halvoRelaunchedAfterQuit", "YES"});
+    EXPECT_EQ(managerCommand({501, app, true}, ann, executable, "com.example.app", "0"),
+              (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501"), 30}));
+}
+
+TEST(OpenAsUserOnLinuxTest, FindsTheManagerOfTheUserNotOfTheRequest) {
+    const User last{4294967295, 20, "ann", "/Users/ann"};
+    EXPECT_EQ(managerCommand({501, app, false}, last, executable, "x", "0").environment,
+              managerEnvironment("4294967295"));
+}
+
+// The manager makes one "$" of two, but systemd-run(1) looks for the first word as it stands.
+TEST(OpenAsUserOnLinuxTest, HandsTheExecutableOverAsItIs) {
+    const std::string odd = "/a $HOME/${x} $$%i";
+    EXPECT_THAT(managerCommand({501, app, false}, ann, odd, "x", "0").arguments.back(), odd);
+    EXPECT_THAT(systemCommand(odd, {501, app, false}, "0").arguments, Contains(odd));
+}
+
+struct PathRow {
+    std::string path;
+    std::string argument;
+};
+
+class OpenAsUserSystemPathTest : public ::testing::TestWithParam<PathRow> {};
+
+TEST_P(OpenAsUserSystemPathTest, IsNotExpanded) {
+    const Command command = systemCommand(helper, {501, GetParam().path, false}, "0");
+    EXPECT_EQ(command.arguments.back(), GetParam().argument);
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, OpenAsUserSystemPathTest,
+                         ::testing::Values(PathRow{"/a b/c", "/a b/c"}, PathRow{"$", "$$"},
+                                           PathRow{"/$HOME/x", "/$$HOME/x"},
+                                           PathRow{"/${HOME}/x", "/$${HOME}/x"},
+                                           PathRow{"/$$", "/$$$$"}, PathRow{"/a$", "/a$$"},
+                                           PathRow{"/$a$b$", "/$$a$$b$$"},
+                                           PathRow{"/%i\\x20\"';|&*", "/%i\\x20\"';|&*"},
+                                           PathRow{"-x", "-x"}, PathRow{"/a\nb", "/a\nb"},
+                                           PathRow{"/\xC3\xA9", "/\xC3\xA9"}));
+
+struct UnitRow {
+    std::string appID;
+    std::string suffix;
+    std::string unit;
+};
+
+class OpenAsUserUnitTest : public ::testing::TestWithParam<UnitRow> {};
+
+TEST_P(OpenAsUserUnitTest, HasASafeName) {
+    const Command command =
+        managerCommand({501, app, false}, ann, executable, GetParam().appID, GetParam().suffix);
+    EXPECT_EQ(std::ranges::count(command.arguments, "--unit=" + GetParam().unit), 1)
+        << ::testing::PrintToString(command.arguments);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, OpenAsUserUnitTest,
+    ::testing::Values(UnitRow{"com.example.app", "0", "app-halvo-com.example.app@0.service"},
+                      UnitRow{"AZaz09.", "AZaz09.", "app-halvo-AZaz09.@AZaz09..service"},
+                      // "-" would nest slices, "@" and "/" would be read as something else.
+                      UnitRow{"com.a-b", "0", "app-halvo-com.a_b@0.service"},
+                      UnitRow{"a@b/c d%i$x\\", "-/@", "app-halvo-a_b_c_d_i_x_@___.service"},
+                      UnitRow{"\xC3\xA9", "0", "app-halvo-__@0.service"},
+                      UnitRow{"[`{:^", "0", "app-halvo-_____@0.service"},
+                      UnitRow{"", "", "app-halvo-@.service"}));
+
+TEST(RandomUnitSuffixTest, IsAnotherEachTime) {
+    std::set<std::string> suffixes;
+    for (int turn = 0; turn < 10; ++turn) {
+        const std::string suffix = randomUnitSuffix();
+        EXPECT_THAT(suffix, ::testing::MatchesRegex("[0-9a-f]{8}"));
+        suffixes.insert(suffix);
+    }
+    EXPECT_EQ(suffixes.size(), 10U);
+}
+
+}  // namespace
+}  // namespace halvo::OpenAsUser
 
 namespace halvo::testing {
 namespace {
@@ -77,20 +239,10 @@ TEST_P(OpenAsUserBadRequestTest, IsRefused) {
     EXPECT_EQ(statusOf(HALVO_HELPER, {geteuid(), getegid()}, words), 64);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Words, OpenAsUserBadRequestTest,
-    ::testing::Values(Words{}, Words{"501"}, Words{"/Applications/Halvo.app"},
-                      Words{"0", "/Applications/Halvo.app"}, Words{"+0", "/Applications/Halvo.app"},
-                      Words{"", "/Applications/Halvo.app"}, Words{"-1", "/Applications/Halvo.app"},
-                      Words{"ann", "/Applications/Halvo.app"},
-                      Words{"4294967296", "/Applications/Halvo.app"}, Words{"65534", "Halvo.app"},
-                      Words{"65534", ""}, Words{"65534", "/Applications/Halvo"},
-                      Words{"65534", "/Applications/../Halvo.app"},
-                      Words{"65534", "/Applications/./Halvo.app"},
-                      Words{"65534", "/Applications//Halvo.app"},
-                      // Nobody's number.
-                      Words{"4294967294", "/Applications/Halvo.app"},
-                      Words{"4294967294", "/Applications/Halvo.app", "--after-quit"}));
+INSTANTIATE_TEST_SUITE_P(Words, OpenAsUserBadRequestTest,
+                         ::testing::Values(Words{}, Words{"0", "/Applications/Halvo.app"},
+                                           // Nobody's number.
+                                           Words{"4294967294", "/Applications/Halvo.app"}));
 
 // Takes the privileges of whoever runs it for what they are.
 TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {

@@ -4,11 +4,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/CodeSignature.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Files.hpp"
 
 namespace halvo::HelperCopy {
@@ -19,15 +18,10 @@ constexpr std::size_t longestExecutable = 16777216;
 constexpr const char* name = "HalvoHelper";
 constexpr const char* uncheckedName = "HalvoHelper.unchecked";
 
-void removeFolder(const std::string& path) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 // Takes the folder away when the process ends.
 void removeAtExit(const std::string& path) {
     static std::string& place = *new std::string;
-    [[maybe_unused]] static const int once = std::atexit([] { removeFolder(place); });
+    [[maybe_unused]] static const int once = std::atexit([] { (void)removeItem(place); });
     place = path;
 }
 
@@ -46,7 +40,7 @@ std::expected<std::string, std::string> make(const std::string& executable,
     if (const auto made = createFolder(place, 0700); !made) {
         return std::unexpected(made.error().message);
     }
-    if (auto problem = RootsAlone::problem(place, RootsAlone::Item::folder)) {
+    if (auto problem = RootOwnedPath::problem(place, RootOwnedPath::Item::folder)) {
         return std::unexpected(*std::move(problem));
     }
     // A new file each time: the system remembers of a file what it has found its signature to be,
@@ -57,17 +51,17 @@ std::expected<std::string, std::string> make(const std::string& executable,
     const std::string unchecked = place + "/" + uncheckedName;
     if (const auto checked = checkCodeSignature(unchecked, identity.helperRequirement());
         !checked) {
-        removeFolder(place);
+        (void)removeItem(place);
         return std::unexpected(checked.error());
     }
     // Only now: what the last opening has started may not yet have come to its execve(2).
     std::string copy = place + "/" + name;
     if (std::rename(unchecked.c_str(), copy.c_str()) != 0) {
-        return std::unexpected(copy + ": " + std::generic_category().message(errno));
+        return std::unexpected(copy + ": " + errorText(errno));
     }
     return copy;
 }
 
-void remove(const HelperIdentity& identity) { removeFolder(folder(identity)); }
+void remove(const HelperIdentity& identity) { (void)removeItem(folder(identity)); }
 
 }  // namespace halvo::HelperCopy

@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "HalvoHelper/OpenAsUser.hpp"
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
-#include "HalvoHelperCore/SystemHelperClock.hpp"
+#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
@@ -25,6 +25,17 @@
 
 namespace halvo {
 namespace {
+
+// Starts the mode in the session of the user; launchctl(1), asuser.
+OpenAsUser::Command launchctlCommand(const std::string& helperExecutable,
+                                     const OpenAsUser::Request& request) {
+    OpenAsUser::Command command{
+        "/bin/launchctl",
+        {"/bin/launchctl", "asuser", std::to_string(request.uid), helperExecutable},
+        {}};
+    OpenAsUser::append(command.arguments, OpenAsUser::words(request));
+    return command;
+}
 
 NSTask* taskOf(const OpenAsUser::Command& command) {
     NSTask* task = [[NSTask alloc] init];
@@ -58,16 +69,16 @@ bool isPinned(const std::string& executable, const std::string& bundle) {
     struct stat status{};
     return executable.starts_with(bundle + "/") && lstat(folder.c_str(), &status) == 0 &&
            S_ISDIR(status.st_mode) &&
-           !RootsAlone::problem(folder.parent_path(), RootsAlone::Item::folder) &&
+           !RootOwnedPath::problem(folder.parent_path(), RootOwnedPath::Item::folder) &&
            ChflagsFileFlags(ItemFlag::systemImmutable).state(bundle) == LockState::locked &&
-           !RootsAlone::problem(executable, RootsAlone::Item::file, bundle);
+           !RootOwnedPath::problem(executable, RootOwnedPath::Item::file, bundle);
 }
 
 // The program to start as root: the helper's `executable` where root alone decides what lies there,
 // and a copy of it elsewhere. Or why there is none.
 std::expected<std::string, std::string> rootsProgram(const std::string& executable,
                                                      const std::string& appPath) {
-    if (!RootsAlone::problem(executable) || isPinned(executable, appPath)) {
+    if (!RootOwnedPath::problem(executable) || isPinned(executable, appPath)) {
         return executable;
     }
     const auto identity = ownIdentity();
@@ -152,7 +163,7 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
             return;
         }
         streak_.next(appPath, uid, sinceBoot(), unifiedLogOf(appPath));
-        NSTask* task = taskOf(OpenAsUser::launchctlCommand(*program, {uid, appPath, afterQuit}));
+        NSTask* task = taskOf(launchctlCommand(*program, {uid, appPath, afterQuit}));
         NSError* error = nil;
         const ChildSignals signals;
         if (![task launchAndReturnError:&error]) {

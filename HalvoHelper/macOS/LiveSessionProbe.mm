@@ -9,6 +9,7 @@
 
 #include "HalvoHelper/macOS/ExecutablePath.hpp"
 #include "HalvoHelper/macOS/ProcessList.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
@@ -22,8 +23,9 @@ class ExpectedExecutable {
     const std::string& of(const std::string& bundlePath) {
         if (bundlePath != bundlePath_ || !itemExists(executable_)) {
             bundlePath_ = bundlePath;
-            executable_ =
-                Bundle(bundlePath).executablePath().value_or(bundlePath + "/Contents/MacOS/Halvo");
+            executable_ = Bundle(bundlePath)
+                              .executablePath()
+                              .value_or(AppLocation::usualExecutable(bundlePath));
         }
         return executable_;
     }

@@ -80,17 +80,8 @@ TEST_P(OpenAsUserBadWordsTest, AreRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Words, OpenAsUserBadWordsTest,
-                         ::testing::Values(Words{}, Words{"501"}, Words{app}, Words{"0", app},
-                                           Words{"+0", app}, Words{"", app}, Words{"-1", app},
-                                           Words{"ann", app}, Words{"4294967296", app},
-                                           Words{"65534", "Halvo.app"}, Words{"65534", ""},
-                                           Words{"65534", "/Applications/Halvo"},
-                                           Words{"65534", "/Applications/../Halvo.app"},
-                                           Words{"65534", "/Applications/./Halvo.app"},
-                                           Words{"65534", "/Applications//Halvo.app"},
-                                           // Nobody's number.
-                                           Words{"4294967294", app},
-                                           Words{"4294967294", app, "--after-quit"}));
+                         // The last is nobody's number.
+                         ::testing::Values(Words{}, Words{"0", app}, Words{"4294967294", app}));
 
 // It takes the privileges of whoever runs it for what they are.
 TEST(OpenAsUserProcessTest, RefusesToRunForSomebodyWhoIsNotRoot) {

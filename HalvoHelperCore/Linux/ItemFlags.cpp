@@ -9,8 +9,8 @@
 #include <array>
 #include <cerrno>
 
-#include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
@@ -67,7 +67,7 @@ std::optional<std::uint32_t> itemFlags(const std::string& path) {
     struct statx status{};
     // STATX_TYPE because something must be asked for; the attributes come with anything.
     // The kernel would take a path with a zero byte inside for what stands before it.
-    if (path.find('\0') != std::string::npos ||
+    if (hasZeroByte(path) ||
         statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
         return std::nullopt;
     }

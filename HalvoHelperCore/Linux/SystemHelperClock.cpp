@@ -1,6 +1,5 @@
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 
-#include <ctime>
 #include <string>
 
 #include "HalvoPlatform/Files.hpp"
@@ -17,12 +16,6 @@ BootID readBootID() {
         text->pop_back();
     }
     return bootIDFrom(*text);
-}
-
-Seconds sinceBoot() {
-    timespec time{};
-    clock_gettime(CLOCK_BOOTTIME, &time);
-    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
 
 }  // namespace halvo

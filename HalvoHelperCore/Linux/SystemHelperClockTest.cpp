@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,39 +27,6 @@ TEST(LinuxClockTest, NamesTheBootAsTheKernelDoesWithoutTheNewline) {
     text.pop_back();
     EXPECT_EQ(readBootID().text(), text);
     EXPECT_EQ(SystemHelperClock().reading().bootID.text(), text);
-}
-
-TEST(LinuxClockTest, CountsSinceBootThroughSleep) {
-    timespec before{};
-    timespec after{};
-    clock_gettime(CLOCK_BOOTTIME, &before);
-    const double seconds = sinceBoot().count();
-    clock_gettime(CLOCK_BOOTTIME, &after);
-    EXPECT_GE(seconds, static_cast<double>(before.tv_sec));
-    EXPECT_LE(seconds, static_cast<double>(after.tv_sec) + 1);
-}
-
-// A time namespace has an offset of its own for each of the two clocks: this one has been asleep
-// for more than a day. time_namespaces(7).
-TEST(LinuxClockTest, CountsTheTimeAsleep) {
-    constexpr int needsNamespace = 77;
-    const auto result = testing::runInChild([] {
-        if (unshare(CLONE_NEWTIME) != 0) {
-            std::exit(needsNamespace);
-        }
-        std::ofstream("/proc/self/timens_offsets") << "boottime 100000 0" << std::flush;
-        const double outside = sinceBoot().count();
-        // Only children are in it.
-        const auto inside = testing::runInChild([outside] {
-            EXPECT_GE(sinceBoot().count(), outside + 100'000);
-            EXPECT_LT(sinceBoot().count(), outside + 100'060);
-        });
-        EXPECT_EQ(inside.status, 0) << inside.output;
-    });
-    if (result.status == needsNamespace) {
-        GTEST_SKIP() << "needs root and a kernel with time namespaces";
-    }
-    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST(LinuxClockTest, DoesNotKnowTheBootWhenTheKernelDoesNotTell) {

@@ -2,28 +2,10 @@
 
 #include <sys/sysctl.h>
 
-#include <algorithm>
 #include <cstddef>
-#include <cstdint>
-#include <ctime>
-#include <mutex>
 #include <string>
 
 namespace halvo {
-namespace {
-
-// `count`, or the greatest that this process has been told before. The system makes this clock of
-// the wall clock and the moment of the boot, which are moved one after the other when the clock is
-// set: a reading may lie a little before the last one, which would be taken for another boot.
-std::uint64_t neverBack(std::uint64_t count) {
-    static std::mutex mutex;
-    static std::uint64_t greatest;
-    const std::scoped_lock lock(mutex);
-    greatest = std::max(greatest, count);
-    return greatest;
-}
-
-}  // namespace
 
 BootID readBootID() {
     constexpr const char* name = "kern.bootsessionuuid";
@@ -36,12 +18,6 @@ BootID readBootID() {
         return unknownBootID;
     }
     return bootIDFrom(bytes);
-}
-
-Seconds sinceBoot() {
-    constexpr double nanosecondsPerSecond = 1000000000.0;
-    return Seconds{static_cast<double>(neverBack(clock_gettime_nsec_np(CLOCK_MONOTONIC))) /
-                   nanosecondsPerSecond};
 }
 
 }  // namespace halvo

@@ -12,9 +12,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 
@@ -31,14 +32,8 @@ std::uint64_t microseconds(Seconds span) {
 // descriptors left before the helper has even started.
 void require(int result, const char* call) {
     if (result < 0) {
-        fatal(std::string(call) + ": " + std::generic_category().message(-result));
+        fatal(std::string(call) + ": " + errorText(-result));
     }
-}
-
-Seconds clockNow(clockid_t clock) {
-    timespec time{};
-    clock_gettime(clock, &time);
-    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
 
 // Enqueued work goes before timers, and timers before connections: a connection is counted before
@@ -48,13 +43,6 @@ constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
 
 // In microseconds. An accuracy of 0 would stand for sd-event's own choice, 250 ms.
 constexpr std::uint64_t noLeeway = 1;
-
-// A delay that a time of the event loop can hold.
-Seconds withinACentury(Seconds delay) {
-    constexpr Seconds century = std::chrono::years{100};
-    const bool isDelay = delay > Seconds{0};  // not-a-number is none
-    return isDelay ? std::min(delay, century) : Seconds{0};
-}
 
 // The default event loop of the main thread (sd_event_default(3)), so that other users of the same
 // loop find it there. It lives as long as the process and is never taken down.
@@ -132,7 +120,7 @@ class EventLoopQueue final : public MainQueue {
                 "sd_event_add_signal");
     }
 
-    [[nodiscard]] Seconds now() const override { return clockNow(CLOCK_BOOTTIME); }
+    [[nodiscard]] Seconds now() const override { return sinceBoot(); }
 
     void run() override {
         assumeMainActor();

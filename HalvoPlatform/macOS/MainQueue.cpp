@@ -2,14 +2,13 @@
 
 #include <dispatch/dispatch.h>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <memory>
 
+#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 
 namespace halvo {
@@ -24,13 +23,6 @@ std::uint64_t nanoseconds(Seconds span) {
 // dispatch_time(3). Its clock stands still while the machine sleeps.
 dispatch_time_t fromNow(Seconds span) {
     return dispatch_time(DISPATCH_TIME_NOW, static_cast<std::int64_t>(nanoseconds(span)));
-}
-
-// A delay that a time of Dispatch can hold.
-Seconds withinACentury(Seconds delay) {
-    constexpr Seconds century = std::chrono::years{100};
-    const bool isDelay = delay > Seconds{0};  // not-a-number is none
-    return isDelay ? std::min(delay, century) : Seconds{0};
 }
 
 // A source whose events are turns of `context` on the main queue (dispatch_source_create(3)); it
@@ -50,8 +42,8 @@ void runOnce(void* work) {
 
 void runAgain(void* work) { (*static_cast<MainQueue::Work*>(work))(); }
 
-// clock_gettime_nsec_np(3): this clock counts on through sleep.
-Nanoseconds sinceBoot() { return Nanoseconds{clock_gettime_nsec_np(CLOCK_MONOTONIC)}; }
+// Rounded, so that the sum of a time and a span is reached when that much has passed.
+Nanoseconds nanosecondsSinceBoot() { return std::chrono::round<Nanoseconds>(sinceBoot()); }
 
 // A turn of after(). Dispatch has no timer on the clock that counts sleep. One on the wall clock
 // is there at once after a sleep, and too early or too late when somebody sets that clock; one on
@@ -63,7 +55,7 @@ class Alarm {
     // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): it deletes itself.
     static void set(Seconds delay, MainQueue::Work work) {
         const Nanoseconds left{nanoseconds(delay)};
-        auto* alarm = new Alarm(sinceBoot() + left, std::move(work));
+        auto* alarm = new Alarm(nanosecondsSinceBoot() + left, std::move(work));
         alarm->setTimers(left);
         dispatch_resume(alarm->awake_);
         dispatch_resume(alarm->wall_);
@@ -89,7 +81,7 @@ class Alarm {
 
     static void ring(void* context) {
         auto* alarm = static_cast<Alarm*>(context);
-        if (const Nanoseconds now = sinceBoot(); now < alarm->due_) {
+        if (const Nanoseconds now = nanosecondsSinceBoot(); now < alarm->due_) {
             alarm->setTimers(alarm->due_ - now);
             return;
         }

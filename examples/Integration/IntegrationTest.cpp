@@ -18,10 +18,10 @@
 #include <thread>
 #include <vector>
 
-#include "HalvoClient/FakeHelper.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoShared/LaunchReason.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 // The program, but for its beginning.

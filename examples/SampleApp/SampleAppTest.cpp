@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoClient/FakeHelper.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "examples/SampleApp/SampleApp.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"

@@ -186,7 +186,7 @@ TEST_F(StrangerTest, IsABundleWhoseInfoPlistSaysNothing) {
     EXPECT_GE(helper.count("error: Refused a caller: " + outsideOfBundle(copyOfCaller)), 4);
 }
 
-TEST_F(StrangerTest, IsABundleWhoseInfoPlistIsNotRootsAlone) {
+TEST_F(StrangerTest, IsABundleWhoseInfoPlistIsNotRootOwnedPath) {
     world.installApp(copyOfApp);
     const std::string plist = copyOfApp + "/Contents/Info.plist";
     ASSERT_EQ(chmod(plist.c_str(), 0664), 0);

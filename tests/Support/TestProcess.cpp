@@ -21,7 +21,8 @@
 #include <sstream>
 #include <system_error>
 #include <thread>
-#include <utility>
+
+#include "HalvoHelper/ArgumentVector.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -167,7 +168,7 @@ void become(const Person& person) {
 void execute(const std::string& path, std::vector<std::string> arguments,
              std::vector<std::string> environment) {
     arguments.insert(arguments.begin(), path);
-    execve(path.c_str(), pointersTo(arguments).data(), pointersTo(environment).data());
+    execve(path.c_str(), ArgumentVector(arguments).data(), ArgumentVector(environment).data());
     giveUp(path.c_str());
 }
 

@@ -13,7 +13,7 @@
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tools/HalvoRecords/Tool.hpp"

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -108,7 +108,7 @@ Check checkOpen(Machine& machine, const Observation& seen,
 Check checkHelperFiles(const HelperFiles& files) {
     const std::string name = "helper files";
     for (const std::string& path : files.paths) {
-        if (const auto problem = RootsAlone::problem(path, RootsAlone::Item::file, files.top)) {
+        if (const auto problem = RootOwnedPath::problem(path, RootOwnedPath::Item::file, files.top)) {
             return isProblem(name, printable(*problem),
                              files.risk +
                                  " Install it again, in folders of root that nobody else can "
@@ -125,7 +125,7 @@ Check checkState(const std::string& file, StateFile condition) {
     if (lstat(folder.c_str(), &status) != 0 && errno == ENOENT) {
         return isOk(name, "nothing is stored, in " + printable(folder));
     }
-    if (const auto problem = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+    if (const auto problem = RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
         return isProblem(name, printable(*problem),
                          "Whoever can change what is stored decides what holds. Give it to root, "
                          "and take the right to write from all others.");

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <variant>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -124,7 +124,7 @@ std::vector<std::string> appsIn(const std::string& folder, const HelperIdentity&
 bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
     const Bundle bundle(path);
     if (!AppLocation::mayLock(path) ||
-        RootsAlone::problem(bundle.infoPath(), RootsAlone::Item::file, path)) {
+        RootOwnedPath::problem(bundle.infoPath(), RootOwnedPath::Item::file, path)) {
         return false;
     }
     const auto info = bundle.info();
@@ -141,7 +141,7 @@ std::vector<std::string> installedApps(Machine& machine) {
     for (const std::string& folder : others) {
         // Whose folder it is could lead us astray between two looks.
         if (folder != machine.applications &&
-            !RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+            !RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
             const auto more = appsIn(folder, machine.identity);
             found.insert(found.end(), more.begin(), more.end());
         }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tests/Support/ChildProcess.hpp"
+#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tools/Halvoctl/Commands.hpp"

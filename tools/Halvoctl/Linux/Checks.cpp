@@ -15,7 +15,7 @@
 #include <system_error>
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -167,7 +167,7 @@ Check checkAppFiles(const std::string& app) {
                          "Install the app again.");
     }
     for (const std::string& path : {*executable, bundle.infoPath()}) {
-        if (const auto problem = RootsAlone::problem(path)) {
+        if (const auto problem = RootOwnedPath::problem(path)) {
             return isProblem(
                 name, printable(*problem) + ", so the helper refuses the app",
                 "Install the app as root, in folders of root that nobody else can write.");

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
+#include "HalvoHelper/Linux/AccountFiles.hpp"
 #include "tools/Halvoctl/Linux/Systemd.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 

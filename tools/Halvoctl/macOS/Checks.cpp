@@ -1,6 +1,6 @@
 #include <sys/stat.h>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/CodeSignature.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -25,7 +25,7 @@ HelperFiles helperFiles(const std::string& helper) {
 
 Check checkOpening(const std::string& helper, const HelperIdentity& identity) {
     const std::string name = "opening";
-    const auto problem = RootsAlone::problem(helper);
+    const auto problem = RootOwnedPath::problem(helper);
     if (!problem) {
         return isOk(name, "by the helper's own executable, which is root's alone");
     }
@@ -39,7 +39,7 @@ Check checkOpening(const std::string& helper, const HelperIdentity& identity) {
     const std::string folder = HelperCopy::folder(identity);
     struct stat status{};
     if (lstat(folder.c_str(), &status) == 0) {
-        if (const auto wrong = RootsAlone::problem(folder, RootsAlone::Item::folder)) {
+        if (const auto wrong = RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
             return isProblem(name, printable(*wrong) + "; so the app is not opened again",
                              "rm -r " + shellWord(folder));
         }

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "HalvoHelper/CStrings.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 
 namespace halvo::control {
@@ -40,8 +40,8 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
          posix_spawnattr_setsigdefault(&attributes, &all),
          posix_spawnattr_setflags(&attributes, flags)});
     if (code == 0) {
-        const CStrings arguments(words);
-        const CStrings environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
+        const ArgumentVector arguments(words);
+        const ArgumentVector environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
         code = posix_spawn(&child, words.front().c_str(), &actions, &attributes, arguments.data(),
                            environment.data());
     }

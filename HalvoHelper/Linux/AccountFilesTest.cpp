@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
+#include "HalvoHelper/Linux/AccountFiles.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
@@ -16,9 +16,9 @@ namespace {
 constexpr gid_t gid = 990;
 
 // Account files in which the group 990 is nobody's.
-class PrivateGroupTest : public ::testing::Test {
+class AccountFilesTest : public ::testing::Test {
   protected:
-    PrivateGroupTest() {
+    AccountFilesTest() {
         write("group", "root:x:0:\nhalvo-app:x:990:\nann:x:1000:\n");
         write("gshadow", "root:*::\nhalvo-app:!::\nann:!::\n");
         write("passwd", "root:x:0:0::/root:/bin/sh\nann:x:1000:1000::/home/ann:/bin/sh\n");
@@ -35,14 +35,14 @@ class PrivateGroupTest : public ::testing::Test {
     TemporaryFolder etc;
 };
 
-TEST_F(PrivateGroupTest, IsNobodys) {
+TEST_F(AccountFilesTest, IsNobodys) {
     EXPECT_EQ(problem(), "nobody's");
     EXPECT_EQ(problem(1000), "the group ann is the own group of ann");
     EXPECT_EQ(problem(0), "the group 0 is root's");
     EXPECT_EQ(problem(991), "the group 991 has no name");
 }
 
-TEST_F(PrivateGroupTest, HasNoMembersOwnersOrPassword) {
+TEST_F(AccountFilesTest, HasNoMembersOwnersOrPassword) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, who alone looks at the shadow";
     }
@@ -78,7 +78,7 @@ TEST_F(PrivateGroupTest, HasNoMembersOwnersOrPassword) {
     }
 }
 
-TEST_F(PrivateGroupTest, HasALineLongerThanAnyBuffer) {
+TEST_F(AccountFilesTest, HasALineLongerThanAnyBuffer) {
     std::string members;
     for (int number = 0; number < 100'000; ++number) {
         members += (number == 0 ? "u" : ",u") + std::to_string(number);
@@ -87,7 +87,7 @@ TEST_F(PrivateGroupTest, HasALineLongerThanAnyBuffer) {
     EXPECT_EQ(problem(), "the group halvo-app has members: ann");
 }
 
-TEST_F(PrivateGroupTest, IsNotToldFromAFileThatCannotBeRead) {
+TEST_F(AccountFilesTest, IsNotToldFromAFileThatCannotBeRead) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, who alone looks at the shadow";
     }
@@ -106,7 +106,7 @@ TEST_F(PrivateGroupTest, IsNotToldFromAFileThatCannotBeRead) {
                              ": No such file or directory");
 }
 
-TEST_F(PrivateGroupTest, IsAskedForAgainWhenAFileHasChanged) {
+TEST_F(AccountFilesTest, IsAskedForAgainWhenAFileHasChanged) {
     PrivateGroups groups(etc.path());
     sleep(3);  // until a change would show
     EXPECT_EQ(groups.problem(gid), std::nullopt);
@@ -119,7 +119,7 @@ TEST_F(PrivateGroupTest, IsAskedForAgainWhenAFileHasChanged) {
     EXPECT_EQ(groups.problem(gid), "the group halvo-app is the own group of ann");
 }
 
-TEST_F(PrivateGroupTest, IsReadFromTheMachinesOwnFiles) {
+TEST_F(AccountFilesTest, IsReadFromTheMachinesOwnFiles) {
     const auto root = readGroup(0);
     ASSERT_TRUE(root) << root.error();
     EXPECT_EQ(root->name, "root");

@@ -1,10 +1,11 @@
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
-namespace halvo::RootsAlone {
+#include "HalvoPlatform/ErrorText.hpp"
+
+namespace halvo::RootOwnedPath {
 namespace {
 
 // What is wrong with the very item at `path`.
@@ -12,7 +13,7 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0) {
         const int code = errno;
-        return Problem{path + ": " + std::generic_category().message(code), code};
+        return Problem{path + ": " + errorText(code), code};
     }
     if (S_ISLNK(status.st_mode)) {
         return Problem{path + " is a symbolic link"};
@@ -23,7 +24,7 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
     if (item == Item::file && !S_ISREG(status.st_mode)) {
         return Problem{path + " is no regular file"};
     }
-    if (isRoots(status)) {
+    if (isRootOwned(status)) {
         auto beyond = problemBeyondMode(path);
         return beyond ? std::optional(Problem{*std::move(beyond)}) : std::nullopt;
     }
@@ -33,7 +34,7 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
 
 }  // namespace
 
-bool isRoots(const struct stat& status) {
+bool isRootOwned(const struct stat& status) {
     return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
@@ -56,4 +57,4 @@ std::optional<std::string> problem(const std::string& path, Item item, const std
     return found ? std::optional(found->what) : std::nullopt;
 }
 
-}  // namespace halvo::RootsAlone
+}  // namespace halvo::RootOwnedPath

@@ -1,4 +1,4 @@
-#include "HalvoClient/FakeHelper.hpp"
+#include "tests/Support/FakeHelper.hpp"
 
 #include <sys/mman.h>
 #include <sys/prctl.h>

@@ -1,4 +1,4 @@
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 
 #include <sys/acl.h>
 #include <sys/mount.h>
@@ -6,9 +6,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <memory>
-#include <system_error>
 
-namespace halvo::RootsAlone {
+#include "HalvoPlatform/ErrorText.hpp"
+
+namespace halvo::RootOwnedPath {
 namespace {
 
 // Whether somebody is allowed something by the access-control list of the item, acl(3). One that
@@ -35,7 +36,7 @@ bool hasGenerousList(const std::string& path) {
 std::optional<std::string> problemBeyondMode(const std::string& path) {
     struct statfs volume{};
     if (statfs(path.c_str(), &volume) != 0) {
-        return path + ": " + std::generic_category().message(errno);
+        return path + ": " + errorText(errno);
     }
     // A volume that a person has mounted, or that another machine serves, says of owners what that
     // person or machine likes; mount(2) sets MNT_NOSUID on the former.
@@ -49,4 +50,4 @@ std::optional<std::string> problemBeyondMode(const std::string& path) {
     return std::nullopt;
 }
 
-}  // namespace halvo::RootsAlone
+}  // namespace halvo::RootOwnedPath

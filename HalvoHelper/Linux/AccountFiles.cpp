@@ -1,4 +1,4 @@
-#include "HalvoHelper/Linux/PrivateGroup.hpp"
+#include "HalvoHelper/Linux/AccountFiles.hpp"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <system_error>
 
 #include "HalvoHelper/Linux/LineFile.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
 
 namespace halvo {
 namespace {
@@ -88,7 +88,7 @@ int readOwners(const std::string& path, GroupFacts& facts) {
 }
 
 std::unexpected<std::string> failure(const std::string& path, int code) {
-    return std::unexpected(path + ": " + std::generic_category().message(code));
+    return std::unexpected(path + ": " + errorText(code));
 }
 
 constexpr std::array<const char*, 3> files{"/group", "/gshadow", "/passwd"};

@@ -7,17 +7,17 @@
 namespace halvo {
 
 // A null-terminated array of pointers to copies of `strings`. Valid as long as the object lives.
-class CStrings {
+class ArgumentVector {
   public:
-    explicit CStrings(std::vector<std::string> strings) : strings_(std::move(strings)) {
+    explicit ArgumentVector(std::vector<std::string> strings) : strings_(std::move(strings)) {
         for (std::string& string : strings_) {
             pointers_.push_back(string.data());
         }
         pointers_.push_back(nullptr);
     }
 
-    CStrings(const CStrings&) = delete;
-    CStrings& operator=(const CStrings&) = delete;
+    ArgumentVector(const ArgumentVector&) = delete;
+    ArgumentVector& operator=(const ArgumentVector&) = delete;
 
     [[nodiscard]] char* const* data() const { return pointers_.data(); }
 

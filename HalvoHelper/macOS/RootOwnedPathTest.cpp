@@ -1,4 +1,4 @@
-// What only macOS has. What is the same everywhere: HalvoHelper/RootsAloneTest.cpp.
+// What only macOS has. What is the same everywhere: HalvoHelper/RootOwnedPathTest.cpp.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -14,9 +14,9 @@
 namespace halvo::testing {
 namespace {
 
-using RootsAlone::problem;
+using RootOwnedPath::problem;
 
-class RootsAloneOnMacOSPrivateMachineTest : public PrivateMachineTest {
+class RootOwnedPathOnMacOSPrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override {
         fake::reset();
@@ -34,7 +34,7 @@ class RootsAloneOnMacOSPrivateMachineTest : public PrivateMachineTest {
 };
 
 // mount(2) and statfs(2): 0x1000 is local, 0x8 nosuid, 0x200000 noowners, 0x1 read-only.
-TEST_F(RootsAloneOnMacOSPrivateMachineTest, NeedsAVolumeOfTheMachinesOwn) {
+TEST_F(RootOwnedPathOnMacOSPrivateMachineTest, NeedsAVolumeOfTheMachinesOwn) {
     EXPECT_EQ(problem(file), std::nullopt);
     fake::world().volumes[folder] = 0x1001;
     EXPECT_EQ(problem(file), std::nullopt);
@@ -50,7 +50,7 @@ TEST_F(RootsAloneOnMacOSPrivateMachineTest, NeedsAVolumeOfTheMachinesOwn) {
 }
 
 // /Applications has one that denies everybody to remove it.
-TEST_F(RootsAloneOnMacOSPrivateMachineTest, NeedsAccessControlListsThatAllowNothing) {
+TEST_F(RootOwnedPathOnMacOSPrivateMachineTest, NeedsAccessControlListsThatAllowNothing) {
     for (const char* list : {"", "d", "dd"}) {
         fake::world().accessLists[folder] = list;
         EXPECT_EQ(problem(file), std::nullopt) << list;

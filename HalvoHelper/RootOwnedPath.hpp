@@ -7,14 +7,14 @@
 #include <optional>
 #include <string>
 
-namespace halvo::RootsAlone {
+namespace halvo::RootOwnedPath {
 
 // What is to lie at the end of a path. A symbolic link is neither.
 enum class Item { file, folder };
 
 // Whether the item with `status` belongs to root and nobody else may write it. On Linux an
 // access-control list that lets somebody else write shows in the group's bits; acl(5).
-bool isRoots(const struct stat& status);
+bool isRootOwned(const struct stat& status);
 
 // What else keeps the very item at `path` from being root's alone. One per system: on Linux
 // nothing; on macOS an access-control list that allows anybody anything (acl(3)), and a volume that
@@ -42,4 +42,4 @@ std::optional<Problem> examine(const std::string& path, Item item = Item::file,
 std::optional<std::string> problem(const std::string& path, Item item = Item::file,
                                    const std::string& top = "/");
 
-}  // namespace halvo::RootsAlone
+}  // namespace halvo::RootOwnedPath

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "HalvoHelper/RootsAlone.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -14,10 +14,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using RootsAlone::Item;
-using RootsAlone::problem;
+using RootOwnedPath::Item;
+using RootOwnedPath::problem;
 
-class RootsAlonePrivateMachineTest : public PrivateMachineTest {
+class RootOwnedPathPrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override {
         fs::create_directories(folder + "/inner");
@@ -38,7 +38,7 @@ class RootsAlonePrivateMachineTest : public PrivateMachineTest {
     const std::string file = folder + "/inner/file";
 };
 
-TEST_F(RootsAlonePrivateMachineTest, IsNoneWhereOnlyRootCanWrite) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsNoneWhereOnlyRootCanWrite) {
     EXPECT_EQ(problem(file), std::nullopt);
     EXPECT_EQ(problem(folder, Item::folder), std::nullopt);
     EXPECT_EQ(problem("/", Item::folder), std::nullopt);
@@ -46,7 +46,7 @@ TEST_F(RootsAlonePrivateMachineTest, IsNoneWhereOnlyRootCanWrite) {
     EXPECT_EQ(problem(file), std::nullopt);
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsTheItemOfSomebodyElse) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemOfSomebodyElse) {
     const std::string theirs = " belongs to user " + std::to_string(user.uid);
     change(file, 0644, user.uid);
     EXPECT_EQ(problem(file), file + theirs);
@@ -55,13 +55,13 @@ TEST_F(RootsAlonePrivateMachineTest, IsTheItemOfSomebodyElse) {
     EXPECT_EQ(problem(folder, Item::folder), folder + theirs);
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsALookUpThatFailsForWhichNobodyIsToBlame) {
-    EXPECT_EQ(RootsAlone::examine(folder + "/none")->failure, ENOENT);
+TEST_F(RootOwnedPathPrivateMachineTest, IsALookUpThatFailsForWhichNobodyIsToBlame) {
+    EXPECT_EQ(RootOwnedPath::examine(folder + "/none")->failure, ENOENT);
     change(file, 0646);
-    EXPECT_EQ(RootsAlone::examine(file)->failure, 0);
+    EXPECT_EQ(RootOwnedPath::examine(file)->failure, 0);
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsTheItemThatOthersMayWrite) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemThatOthersMayWrite) {
     for (const mode_t mode : {0664U, 0646U}) {
         change(file, mode);
         EXPECT_EQ(problem(file), "others than its owner can write to " + file);
@@ -70,7 +70,7 @@ TEST_F(RootsAlonePrivateMachineTest, IsTheItemThatOthersMayWrite) {
     EXPECT_EQ(problem(file), "others than its owner can write to " + folder);
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsAnItemOfAnotherKind) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsAnItemOfAnotherKind) {
     EXPECT_EQ(problem(folder), folder + " is no regular file");
     EXPECT_EQ(problem(file, Item::folder), file + " is no folder");
     EXPECT_EQ(problem(file + "/more"), file + " is no folder");
@@ -80,12 +80,12 @@ TEST_F(RootsAlonePrivateMachineTest, IsAnItemOfAnotherKind) {
     EXPECT_EQ(problem(folder + "/way/file"), folder + "/way is a symbolic link");
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsWhatCannotBeLookedAt) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsWhatCannotBeLookedAt) {
     EXPECT_EQ(problem(folder + "/gone"), folder + "/gone: No such file or directory");
     EXPECT_EQ(problem(folder + "/gone/file"), folder + "/gone: No such file or directory");
 }
 
-TEST_F(RootsAlonePrivateMachineTest, IsNotLookedForAboveTheTop) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsNotLookedForAboveTheTop) {
     change("/Applications", 0775);
     EXPECT_EQ(problem(file), "others than its owner can write to /Applications");
     EXPECT_EQ(problem(file, Item::file, folder), std::nullopt);

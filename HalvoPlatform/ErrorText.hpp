@@ -1,0 +1,13 @@
+// The system's errors in words.
+#pragma once
+
+#include <string>
+#include <system_error>
+
+namespace halvo {
+
+// What the system says of the errno `code`, as "No such file or directory". Any thread;
+// strerror(3).
+inline std::string errorText(int code) { return std::generic_category().message(code); }
+
+}  // namespace halvo
