@@ -28,7 +28,6 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/Interception.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"

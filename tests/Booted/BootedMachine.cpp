@@ -35,15 +35,6 @@ constexpr Seconds loginLimit{60};
 
 const char* treePath() { return std::getenv("BOOTED_MACHINE_TREE"); }
 
-// `word` as one word for a shell.
-std::string quoted(const std::string& word) {
-    std::string text = "'";
-    for (const char c : word) {
-        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return text + "'";
-}
-
 std::string wholeFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
