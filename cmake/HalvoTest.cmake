@@ -13,6 +13,9 @@ function(halvo_add_tests name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name}
         PRIVATE ${arg_LIBRARIES} HalvoTestSupport GTest::gmock GTest::gtest GTest::gtest_main)
+    # Tests are compiled once and run once: optimising them takes several times what it saves. What they test is compiled
+    # as ever.
+    target_compile_options(${name} PRIVATE -O0)
     # g++ 12 sees an overlap in "text" + std::string(...) where there is none (its bug 105651).
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
     target_compile_definitions(${name} PRIVATE ${arg_DEFINITIONS})
