@@ -290,6 +290,7 @@ TEST(GregorianCalendarTest, MovesATimeThatIsSkippedAtTheEndOfADayToTheNext) {
 TEST(GregorianCalendarTest, TakesTheFirstOfTwoTimesOnTheWayForward) {
     expectSums({
         {"Europe/Berlin", "2024-10-26T00:30", 1, "2024-10-27T00:30"},
+        {"Europe/Berlin", "2024-10-26T01:00", 1, "2024-10-27T02:00"},
         {"Europe/Berlin", "2024-01-01T01:30", 300, "2024-10-27T00:30"},
         {"Europe/Berlin", "2024-10-27T01:30", 0, "2024-10-27T01:30"},
         {"America/Havana", "2024-11-02T04:30", 1, "2024-11-03T04:30"},

@@ -39,8 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const halvo::WallDate date = halvo::wallDate(seconds);
         require(calendar.startOfDay(date) <= date);
         require(calendar.startOfNextDay(date).value_or(halvo::WallDate::max()) > date);
-        calendar.addingDays(1, date);
-        calendar.addingDays(-400, date);
+        static_cast<void>(calendar.addingDays(1, date));
+        static_cast<void>(calendar.addingDays(-400, date));
     }
     return 0;
 }
