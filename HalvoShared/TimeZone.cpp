@@ -47,7 +47,7 @@ struct YearlyChange {
             return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
                              : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
         }
-        const bool countsFromOne = kind == 'J' && !(year.is_leap() && day > lastOfFebruary);
+        const bool countsFromOne = kind == 'J' && (!year.is_leap() || day <= lastOfFebruary);
         return local_days{year / 1 / 1} + days{day - (countsFromOne ? 1 : 0)};
     }
 
@@ -278,6 +278,16 @@ std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
                                                                     : std::optional(offsets);
 }
 
+// RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends. Nothing
+// when `rest`, what follows the tables, is anything else.
+std::optional<std::string_view> footerOf(std::string_view rest) {
+    if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
+        return std::nullopt;
+    }
+    const std::string_view footer = rest.substr(1, rest.size() - 2);
+    return isPrintable(footer) ? std::optional(footer) : std::nullopt;
+}
+
 }  // namespace
 
 std::expected<TimeZone, std::string> TimeZone::read(const std::string& name) {
@@ -338,18 +348,14 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
         append(zone.changes, {time, (*offsets)[kind]});
     }
     if (hasSecondPart) {
-        // RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends.
-        if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
+        const auto footer = footerOf(rest);
+        if (!footer) {
             return damaged;
         }
-        const std::string_view text = rest.substr(1, rest.size() - 2);
-        if (!isPrintable(text)) {
-            return damaged;
-        }
-        const auto rule = RuleReader(text).rule();
-        if (!rule && !text.empty()) {
+        const auto rule = RuleReader(*footer).rule();
+        if (!rule && !footer->empty()) {
             return std::unexpected("the time zone \"" + name +
-                                   "\" has a rule that cannot be read: " + std::string(text));
+                                   "\" has a rule that cannot be read: " + std::string(*footer));
         }
         if (rule && rule->hasSummer) {
             appendYears(zone.changes, *rule, last);
