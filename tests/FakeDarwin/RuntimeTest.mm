@@ -169,7 +169,7 @@ TEST(RuntimeTest, KnowsWhatAnObjectIs) {
         EXPECT_FALSE([sample conformsToProtocol:@protocol(NSCopying)]);
         EXPECT_TRUE([sample respondsToSelector:@selector(greet)]);
         EXPECT_FALSE([sample respondsToSelector:@selector(bow)]);
-        EXPECT_FALSE([Sample instancesRespondToSelector:@selector(unwritten)]);
+        EXPECT_FALSE([sample respondsToSelector:@selector(unwritten)]);
         EXPECT_TRUE([sample isEqual:sample]);
         EXPECT_FALSE([sample isEqual:[Sample new]]);
     }

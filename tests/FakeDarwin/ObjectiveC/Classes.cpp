@@ -206,25 +206,12 @@ void* fakeLookUpAbove(Class* current, Selector selector) {
 
 Class* object_getClass(Object* object) { return object == nullptr ? nullptr : object->isa; }
 
-Class* objc_opt_class(Object* object) {
-    if (object == nullptr) {
-        return nullptr;
-    }
-    return isClass(object) ? reinterpret_cast<Class*>(object) : object->isa;
-}
-
-Object* objc_opt_self(Object* object) { return object; }
-
 signed char objc_opt_isKindOfClass(Object* object, const Class* wanted) {
     const Class* type = object == nullptr ? nullptr : object->isa;
     while (type != nullptr && type != wanted) {
         type = type->superclass;
     }
     return type != nullptr ? 1 : 0;
-}
-
-signed char objc_opt_respondsToSelector(Object* object, Selector selector) {
-    return object != nullptr && find(object->isa, selector) != nullptr ? 1 : 0;
 }
 
 signed char fakeResponds(const Class* type, Selector selector) {
@@ -234,8 +221,6 @@ signed char fakeResponds(const Class* type, Selector selector) {
 signed char fakeConforms(const Class* type, const Protocol* protocol) {
     return conforms(type, protocol) ? 1 : 0;
 }
-
-Class* fakeSuperclass(const Class* type) { return type->superclass; }
 
 const char* fakeProtocolName(const Protocol* protocol) {
     return protocol == nullptr ? "" : protocol->name;

@@ -2,7 +2,6 @@
 // The functions are those of clang's "Automatic Reference Counting" document.
 #include <algorithm>
 #include <cstdlib>
-#include <exception>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -200,18 +199,9 @@ void fakeDeallocate(Object* object) {
     std::free(&headerOf(object));
 }
 
-unsigned long fakeRetainCount(Object* object) {
-    return isImmortal(object) ? ~0UL
-                              : static_cast<unsigned long>(headerOf(object).references.load());
-}
-
 Object* objc_alloc(Class* type) { return send(reinterpret_cast<Object*>(type), selectors.alloc); }
 
-Object* objc_allocWithZone(Class* type) { return objc_alloc(type); }
-
 Object* objc_alloc_init(Class* type) { return send(objc_alloc(type), selectors.init); }
-
-Object* objc_opt_new(Class* type) { return objc_alloc_init(type); }
 
 // A block on the stack is not retained but copied, by objc_retainBlock() only.
 Object* objc_retain(Object* object) {
@@ -294,19 +284,10 @@ void objc_destroyWeak(Object** variable) { objc_storeWeak(variable, nullptr); }
 
 Object* objc_loadWeakRetained(Object** variable) { return weakReferences().get(variable); }
 
-Object* objc_loadWeak(Object** variable) {
-    return objc_autorelease(objc_loadWeakRetained(variable));
-}
-
 void objc_copyWeak(Object** to, Object** from) {
     Object* object = objc_loadWeakRetained(from);
     objc_initWeak(to, object);
     objc_release(object);
-}
-
-void objc_moveWeak(Object** to, Object** from) {
-    objc_copyWeak(to, from);
-    objc_destroyWeak(from);
 }
 
 Object* objc_getProperty(Object* self, Selector, std::ptrdiff_t offset, bool atomic) {
@@ -321,24 +302,13 @@ Object* objc_getProperty(Object* self, Selector, std::ptrdiff_t offset, bool ato
     return objc_autorelease(value);
 }
 
-void objc_setProperty_nonatomic(Object* self, Selector, Object* value, std::ptrdiff_t offset) {
-    replace(variableAt(self, offset), objc_retain(value));
-}
-
 void objc_setProperty_nonatomic_copy(Object* self, Selector, Object* value, std::ptrdiff_t offset) {
     replace(variableAt(self, offset), send(value, selectors.copy));
-}
-
-void objc_setProperty_atomic(Object* self, Selector, Object* value, std::ptrdiff_t offset) {
-    replaceAtomically(variableAt(self, offset), objc_retain(value));
 }
 
 void objc_setProperty_atomic_copy(Object* self, Selector, Object* value, std::ptrdiff_t offset) {
     replaceAtomically(variableAt(self, offset), send(value, selectors.copy));
 }
-
-// A destructor that threw, in Objective-C++.
-[[noreturn]] void objc_terminate() { std::terminate(); }
 }
 
 // Of functions in Objective-C++ that clean up while a C++ exception passes: clang mostly names the

@@ -2,9 +2,8 @@
 // an argument as it was (System V ABI for AMD64: six integers, eight vectors, and in %al how many
 // vectors a variadic function is given). A message to nil gives zero.
 //
-// The receiver is the first argument, or the second behind the place for a large result (_stret).
 // To super, what is handed over is not the receiver but a pointer to it and to the class in which
-// the caller's method is written.
+// the caller's method is written. No method of ours has a result that does not fit into registers.
 
 __asm__(R"(
 .text
@@ -57,7 +56,6 @@ __asm__(R"(
 .endm
 
 FUNCTION objc_msgSend
-FUNCTION objc_msgSend_fpret
     test %rdi, %rdi
     jz 1f
     SAVE_ARGUMENTS
@@ -70,33 +68,12 @@ FUNCTION objc_msgSend_fpret
     pxor %xmm1, %xmm1
     ret
 
-FUNCTION objc_msgSend_stret
-    test %rsi, %rsi
-    jz 1f
-    SAVE_ARGUMENTS
-    mov %rsi, %rdi
-    mov %rdx, %rsi
-    call fakeLookUp@PLT
-    RESTORE_ARGUMENTS
-    jmp *%r11
-1:  mov %rdi, %rax
-    ret
-
 FUNCTION objc_msgSendSuper2
     SAVE_ARGUMENTS
     mov 8(%rdi), %rdi
     call fakeLookUpAbove@PLT
     RESTORE_ARGUMENTS
     mov (%rdi), %rdi
-    jmp *%r11
-
-FUNCTION objc_msgSendSuper2_stret
-    SAVE_ARGUMENTS
-    mov 8(%rsi), %rdi
-    mov %rdx, %rsi
-    call fakeLookUpAbove@PLT
-    RESTORE_ARGUMENTS
-    mov (%rsi), %rsi
     jmp *%r11
 
 .section .note.GNU-stack, "", @progbits

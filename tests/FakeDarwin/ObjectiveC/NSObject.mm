@@ -6,10 +6,8 @@ extern "C" {
 Class object_getClass(id object);
 id fakeAllocate(Class type);
 void fakeDeallocate(id object);
-unsigned long fakeRetainCount(id object);
 BOOL fakeResponds(Class type, SEL selector);
 BOOL fakeConforms(Class type, Protocol* protocol);
-Class fakeSuperclass(Class type);
 BOOL objc_opt_isKindOfClass(id object, Class wanted);
 id objc_retain(id object);
 void objc_release(id object);
@@ -31,14 +29,6 @@ void* _Block_copy(const void* block);
     return self;
 }
 
-+ (BOOL)conformsToProtocol:(Protocol*)protocol {
-    return fakeConforms(self, protocol);
-}
-
-+ (BOOL)instancesRespondToSelector:(SEL)selector {
-    return fakeResponds(self, selector);
-}
-
 - (instancetype)init {
     return self;
 }
@@ -54,10 +44,6 @@ void* _Block_copy(const void* block);
 
 - (NSUInteger)hash {
     return reinterpret_cast<NSUInteger>(self);
-}
-
-- (Class)superclass {
-    return fakeSuperclass(object_getClass(self));
 }
 
 - (BOOL)isEqual:(id)other {
@@ -94,10 +80,6 @@ void* _Block_copy(const void* block);
 
 - (instancetype)autorelease {
     return objc_autorelease(self);
-}
-
-- (NSUInteger)retainCount {
-    return fakeRetainCount(self);
 }
 
 @end

@@ -140,7 +140,6 @@ extern "C" {
 // What NSObject is made of.
 fake::objc::Object* fakeAllocate(fake::objc::Class* type);
 void fakeDeallocate(fake::objc::Object* object);
-unsigned long fakeRetainCount(fake::objc::Object* object);
 // What objc_msgSend (MessageSend.cpp) jumps to.
 void* fakeLookUp(fake::objc::Object* receiver, fake::objc::Selector selector);
 void* fakeLookUpAbove(fake::objc::Class* current, fake::objc::Selector selector);

@@ -7,7 +7,6 @@
 
 @protocol NSObject
 @property(readonly) NSUInteger hash;
-@property(readonly) Class superclass;
 - (BOOL)isEqual:(id)other;
 - (Class)class;
 - (instancetype)self;
@@ -17,7 +16,6 @@
 - (instancetype)retain OBJC_ARC_UNAVAILABLE;
 - (oneway void)release OBJC_ARC_UNAVAILABLE;
 - (instancetype)autorelease OBJC_ARC_UNAVAILABLE;
-- (NSUInteger)retainCount OBJC_ARC_UNAVAILABLE;
 @end
 
 __attribute__((objc_root_class))
@@ -27,8 +25,6 @@ __attribute__((objc_root_class))
 + (instancetype)alloc;
 + (instancetype)new;
 + (Class)class;
-+ (BOOL)conformsToProtocol:(Protocol*)protocol;
-+ (BOOL)instancesRespondToSelector:(SEL)selector;
 - (instancetype)init __attribute__((objc_designated_initializer));
 - (void)dealloc;
 - (id)copy;
