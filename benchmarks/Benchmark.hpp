@@ -73,7 +73,7 @@ double microsecondsOf(std::size_t times, const Work& work) {
 
 // ------------------------------------------------------------------------------------------ table
 
-// What a row must reach; with none of the two it is only shown.
+// What a row must reach; without either the row is only shown.
 struct Target {
     std::optional<double> ratioAtMost;
     std::optional<double> oursAtMost;

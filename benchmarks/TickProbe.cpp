@@ -23,11 +23,11 @@ namespace {
 
 using namespace halvo;
 
-// The app runs all the time, so nobody may open it.
+// The app runs all the time, so it must not be opened.
 class NoOpener final : public AppOpener {
   public:
     void open(const std::string&, std::uint32_t, bool) override {
-        fatal("the engine found nobody at the screen, or no app");
+        fatal("the engine opens an app that runs");
     }
 };
 
