@@ -2,14 +2,17 @@
 include_guard(GLOBAL)
 find_package(GTest REQUIRED)
 include(GoogleTest)
+add_custom_target(UnitTests)
+add_custom_target(ThreadTests)
 
 # halvo_add_tests(NAME SOURCES FILE... [LIBRARIES TARGET...] [DEFINITIONS NAME="VALUE"...] [PROGRAMS TARGET...]
-#     [PRIVATE_MACHINE SUITE...])
+#     [PRIVATE_MACHINE SUITE...] [THREADS])
 #
 # One executable of tests. LIBRARIES are what it links besides HalvoTestSupport; PROGRAMS are built with it, because its
-# tests start them. PRIVATE_MACHINE is handed on to halvo_register_tests().
+# tests start them. PRIVATE_MACHINE is handed on to halvo_register_tests(). Their label is "unit", and "unit-threads" with
+# THREADS, where the thread sanitizer has something to see. The targets UnitTests and ThreadTests build what has these.
 function(halvo_add_tests name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;DEFINITIONS;PROGRAMS;PRIVATE_MACHINE")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "" "SOURCES;LIBRARIES;DEFINITIONS;PROGRAMS;PRIVATE_MACHINE")
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name}
         PRIVATE ${arg_LIBRARIES} HalvoTestSupport GTest::gmock GTest::gtest GTest::gtest_main)
@@ -22,7 +25,13 @@ function(halvo_add_tests name)
     if(arg_PROGRAMS)
         add_dependencies(${name} ${arg_PROGRAMS})
     endif()
-    halvo_register_tests(${name} PRIVATE_MACHINE ${arg_PRIVATE_MACHINE})
+    add_dependencies(UnitTests ${name})
+    set(label unit)
+    if(arg_THREADS)
+        add_dependencies(ThreadTests ${name})
+        set(label unit-threads)
+    endif()
+    halvo_register_tests(${name} PRIVATE_MACHINE ${arg_PRIVATE_MACHINE} PROPERTIES LABELS ${label})
 endfunction()
 
 # halvo_register_tests(NAME [PREFIX TEXT] [FILTER FILTER] [PRIVATE_MACHINE SUITE...] [PROPERTIES NAME VALUE...])
@@ -48,6 +57,6 @@ function(halvo_register_tests name)
             COMMAND ${PROJECT_SOURCE_DIR}/scripts/private-machine --writable ${PROJECT_BINARY_DIR}
                 -- $<TARGET_FILE:${name}> --gtest_filter=*${suite}*PrivateMachine*)
         set_tests_properties(${suite}PrivateMachineTest PROPERTIES
-            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125)
+            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 ${arg_PROPERTIES})
     endforeach()
 endfunction()
