@@ -18,7 +18,7 @@
 #include "HalvoHelper/Linux/BusConnection.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
-#include "tests/Support/Interception.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
@@ -643,7 +643,7 @@ TEST_F(BusConnectionTest, DoesNotStartWithoutMemory) {
     Ends ends = connectedEnds();
     connection = makeConnection();
     {
-        const FailingBusStart once;
+        const Fault once = Fault::returning(SystemCall::sd_bus_start, -ENOMEM);
         EXPECT_FALSE(connection->start(std::move(ends.server)));
     }
     connection.reset();

@@ -27,7 +27,6 @@
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/Interception.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"

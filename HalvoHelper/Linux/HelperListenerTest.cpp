@@ -33,7 +33,6 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMachine.hpp"
@@ -761,7 +760,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor
         Service service;
         service.resume();
         {
-            const FailingBusStart once;
+            const Fault once = Fault::returning(SystemCall::sd_bus_start, -ENOMEM);
             const auto caller = start({"connect", socketPath});
             EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
         }

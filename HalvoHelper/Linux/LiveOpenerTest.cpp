@@ -13,7 +13,6 @@
 
 #include "HalvoHelper/LiveOpener.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/Interception.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"

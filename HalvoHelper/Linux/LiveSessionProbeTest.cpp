@@ -19,7 +19,6 @@
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/Interception.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"

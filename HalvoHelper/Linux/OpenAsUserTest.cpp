@@ -23,10 +23,11 @@
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Time.hpp"
-#include "tests/Support/Interception.hpp"
+#include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
+#include "tests/Support/ServerBus.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -133,12 +134,7 @@ void sayReady() { EXPECT_EQ(write(STDOUT_FILENO, "ready\n", 6), 6); }
 
 void answerOne(const Descriptor& listener, sd_bus_message_handler_t filter) {
     const int connection = accept(listener.get(), nullptr, nullptr);
-    sd_bus* bus = nullptr;
-    sd_id128_t id{};
-    sd_id128_randomize(&id);
-    sd_bus_new(&bus);
-    sd_bus_set_fd(bus, connection, connection);
-    sd_bus_set_server(bus, 1, id);
+    sd_bus* bus = newServerBus(connection);
     if (filter != nullptr) {
         sd_bus_add_filter(bus, nullptr, filter, nullptr);
     }

@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -34,22 +35,6 @@ const std::string sessionUnitEnd = "\nExecStart=/bin/sleep infinity\n";
 constexpr Seconds loginLimit{60};
 
 const char* treePath() { return std::getenv("BOOTED_MACHINE_TREE"); }
-
-// `word` as one word for a shell.
-std::string quoted(const std::string& word) {
-    std::string text = "'";
-    for (const char c : word) {
-        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return text + "'";
-}
-
-std::string wholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 std::string trimmed(const std::string& text) {
     const auto first = text.find_first_not_of(" \t\n");
@@ -153,7 +138,7 @@ void BootedMachine::startIn(const std::string& session,
 
 std::string BootedMachine::path(const std::string& inside) const {
     if (isOn_ && (inside.starts_with("/run/") || inside.starts_with("/tmp/"))) {
-        return "/proc/" + trimmed(wholeFile("/run/booted-machine/leader")) + "/root" + inside;
+        return "/proc/" + trimmed(readTestFile("/run/booted-machine/leader")) + "/root" + inside;
     }
     return treePath() + inside;
 }
@@ -163,7 +148,9 @@ bool BootedMachine::exists(const std::string& inside) const {
     return lstat(path(inside).c_str(), &status) == 0;
 }
 
-std::string BootedMachine::read(const std::string& inside) const { return wholeFile(path(inside)); }
+std::string BootedMachine::read(const std::string& inside) const {
+    return readTestFile(path(inside));
+}
 
 void BootedMachine::write(const std::string& inside, const std::string& bytes) const {
     std::ofstream file(path(inside), std::ios::binary);

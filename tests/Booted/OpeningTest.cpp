@@ -20,6 +20,7 @@
 
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Booted/BootedMachine.hpp"
+#include "tests/Support/ServerBus.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -115,12 +116,7 @@ class EmptyManager {
   private:
     static int serve(sd_event_source* source, int listener, std::uint32_t, void* acceptsStarts) {
         const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        sd_bus* bus = nullptr;
-        sd_id128_t id{};
-        sd_id128_randomize(&id);
-        sd_bus_new(&bus);
-        sd_bus_set_fd(bus, connection, connection);
-        sd_bus_set_server(bus, 1, id);
+        sd_bus* bus = newServerBus(connection);
         // sd-bus itself replies to what is not swallowed here.
         const auto swallow = [](sd_bus_message* message, void* accepts, sd_bus_error*) {
             if (accepts != nullptr &&

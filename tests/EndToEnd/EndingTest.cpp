@@ -145,7 +145,7 @@ TEST_F(EndingTest, ByItselfWaitsForAsLongAsAConnectionIsOpen) {
     RunningHelper helper;
     // One that is silent for as long as it may.
     TestProcess caller(
-        {.words = {Place::talker, "Status", "~20", "Status", "~20"}, .person = world.user});
+        {.words = {Place::caller, "talk", "Status", "~20", "Status", "~20"}, .person = world.user});
     EXPECT_EQ(caller.wait(), 0);
     EXPECT_EQ(caller.output(), "badb\nbadb\n");
     const Seconds before = timeNow();

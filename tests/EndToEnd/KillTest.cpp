@@ -166,7 +166,7 @@ TEST_F(KillTest, DuringItsEnd) {
 
 // Kills one that starts at each system call from the one on that makes it the only helper.
 void killWhileStarting(const std::function<void()>& prepare, const std::function<void()>& check) {
-    constexpr Seconds served{0.05};
+    constexpr Seconds quiet{0.05};
     for (int call = 1;; ++call) {
         SCOPED_TRACE("killed at system call " + std::to_string(call));
         prepare();
@@ -177,14 +177,10 @@ void killWhileStarting(const std::function<void()>& prepare, const std::function
             std::optional<Seconds> quietSince;
             // It waits for callers, and makes no more calls.
             killed = stepper.goTo(call, SYS_flock, [&] {
-                constexpr int hexadecimal = 16;
-                const auto blocked = processNumbers(helper.process().pid(), "SigBlk", hexadecimal);
-                const bool serves =
-                    !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
-                if (serves && !quietSince) {
+                if (serves(helper.process().pid()) && !quietSince) {
                     quietSince = timeNow();
                 }
-                return quietSince && timeNow() - *quietSince > served;
+                return quietSince && timeNow() - *quietSince > quiet;
             });
             helper.kill();
         }

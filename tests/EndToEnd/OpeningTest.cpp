@@ -87,14 +87,12 @@ TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
 TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     // A helper with groups, variables, ignored signals and descriptors that the app is not to have.
     helper.reset();
-    helper.emplace(HelperStart{.prepare =
-                                   [] {
-                                       constexpr std::array<gid_t, 3> groups{0, 4, 27};
-                                       setgroups(groups.size(), groups.data());
-                                       std::signal(SIGUSR1, SIG_IGN);
-                                       open("/etc/passwd", O_RDONLY);
-                                   },
-                               .environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}});
+    helper.emplace(Start{.environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}, .prepare = [] {
+                             constexpr std::array<gid_t, 3> groups{0, 4, 27};
+                             setgroups(groups.size(), groups.data());
+                             std::signal(SIGUSR1, SIG_IGN);
+                             open("/etc/passwd", O_RDONLY);
+                         }});
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
     EXPECT_THAT(processNumbers(app, "Uid"), Each(world.user));

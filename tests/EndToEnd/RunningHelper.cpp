@@ -12,7 +12,6 @@
 #include <iterator>
 #include <sstream>
 #include <string_view>
-#include <system_error>
 
 #include "HalvoPlatform/Version.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -22,24 +21,9 @@ namespace {
 
 constexpr std::string_view logPrefix = "app.halvo Helper: ";
 
-std::vector<std::string> commandFor(const HelperStart& start) {
-    std::vector<std::string> command{start.executable};
-    command.insert(command.end(), start.words.begin(), start.words.end());
-    return command;
-}
-
-// The helper takes SIGTERM into its own hands as the last thing before its timer, and serves by
-// then. A process that has only forked, to become the helper, blocks all signals for a moment.
-bool serves(pid_t pid) {
-    std::error_code ignored;
-    const std::string processes = "/proc/";
-    if (std::filesystem::equivalent(processes + std::to_string(pid) + "/exe",
-                                    processes + "self/exe", ignored)) {
-        return false;
-    }
-    constexpr int hexadecimal = 16;
-    const auto blocked = processNumbers(pid, "SigBlk", hexadecimal);
-    return !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
+Start startOf(Start start) {
+    start.words.insert(start.words.begin(), Place::helper);
+    return start;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -53,16 +37,17 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 }  // namespace
 
-RunningHelper::RunningHelper(const HelperStart& start)
-    : process_({.words = commandFor(start),
-                .environment = start.environment,
-                .prepare = start.prepare,
-                .stopped = start.stopped}) {
+bool serves(pid_t helper) {
+    constexpr int hexadecimal = 16;
+    const auto blocked = processNumbers(helper, "SigBlk", hexadecimal);
+    return !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
+}
+
+RunningHelper::RunningHelper(Start start) : process_(startOf(start)) {
     if (start.stopped) {
         return;
     }
-    constexpr Seconds patience{20};
-    EXPECT_TRUE(eventually(patience, [this] { return !isRunning() || serves(process_.pid()); }))
+    EXPECT_TRUE(eventually([this] { return !isRunning() || serves(process_.pid()); }))
         << "the helper neither serves nor ends: " << process_.output();
     servedAt_ = timeNow();
 }
@@ -148,7 +133,7 @@ Seconds RunningHelper::processorTime() const {
     return Seconds{ticks / static_cast<double>(sysconf(_SC_CLK_TCK))};
 }
 
-HelperStart withLimit(int resource, unsigned long long limit) {
+Start withLimit(int resource, unsigned long long limit) {
     return {.prepare = [resource, limit] {
         const rlimit bound{limit, limit};
         if (setrlimit(static_cast<__rlimit_resource>(resource), &bound) != 0) {
@@ -157,7 +142,7 @@ HelperStart withLimit(int resource, unsigned long long limit) {
     }};
 }
 
-HelperStart withMemory(unsigned long long mebibytes) {
+Start withMemory(unsigned long long mebibytes) {
     if (isSanitized) {
         // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
         return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
@@ -166,7 +151,7 @@ HelperStart withMemory(unsigned long long mebibytes) {
     return withLimit(RLIMIT_DATA, mebibytes << 20U);
 }
 
-HelperStart withoutCapability(int capability) {
+Start withoutCapability(int capability) {
     return {.prepare = [capability] {
         if (prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) {
             _exit(1);

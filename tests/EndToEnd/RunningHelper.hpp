@@ -18,24 +18,13 @@ struct Memory {
     long unshared{};
 };
 
-struct HelperStart {
-    // What follows the program's path.
-    std::vector<std::string> words{};
-    // Done in the new process before it becomes the helper.
-    std::function<void()> prepare{};
-    std::string executable = Place::helper;
-    // "NAME=VALUE".
-    std::vector<std::string> environment{};
-    // See Start; the helper then neither serves nor has ended when it is there.
-    bool stopped = false;
-};
-
 // The helper, installed where the world has it. At the end it is asked to stop, and a test fails
 // whose helper did not do so properly, or said anything that is not a line of its log.
 class RunningHelper {
   public:
-    // Returns when it serves or has ended.
-    explicit RunningHelper(const HelperStart& start = {});
+    // Returns when it serves or has ended, or is stopped. The words of `start` are what follows the
+    // program's path.
+    explicit RunningHelper(Start start = {});
     ~RunningHelper();
     RunningHelper(const RunningHelper&) = delete;
     RunningHelper& operator=(const RunningHelper&) = delete;
@@ -82,14 +71,18 @@ class RunningHelper {
     Seconds servedAt_{};
 };
 
+// Whether the process, which runs the helper's program, serves: the helper takes SIGTERM into its
+// own hands as the last thing before its timer.
+bool serves(pid_t helper);
+
 // A start under a bound on a resource; setrlimit(2).
-HelperStart withLimit(int resource, unsigned long long limit);
+Start withLimit(int resource, unsigned long long limit);
 
 // A start with so much memory and no more.
-HelperStart withMemory(unsigned long long mebibytes);
+Start withMemory(unsigned long long mebibytes);
 
 // A start without the capability, and without any way to get it.
-HelperStart withoutCapability(int capability);
+Start withoutCapability(int capability);
 
 // Whether the helper was built with a sanitizer, which takes memory of its own.
 constexpr bool isSanitized = HALVO_IS_SANITIZED;

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -61,7 +62,7 @@ std::string infoWith(const std::string& appBundleID, const std::string& teamID) 
 }
 
 // Starts the helper and expects it to end with `status` and to say nothing but `line`, and `more`.
-void expectRefusal(int status, const std::string& line, const HelperStart& start = {},
+void expectRefusal(int status, const std::string& line, const Start& start = {},
                    const std::vector<std::string>& more = {}) {
     RunningHelper helper(start);
     EXPECT_EQ(helper.wait(), status);
@@ -70,43 +71,23 @@ void expectRefusal(int status, const std::string& line, const HelperStart& start
     EXPECT_EQ(helper.log(), lines);
 }
 
+// What makes an identifier, and a file that is whole, is held by the tests of those types.
 TEST_F(StartUpTest, NeedsBothIdentifiersInItsInfoPlist) {
     const std::string app = string("com.example.app");
     const std::string team = string("7QX4KD19MT");
-    put(Place::helperInfoPlist, infoWith(app, team));
-    RunningHelper().terminate();
-
+    const std::string whole = infoWith(app, team);
+    constexpr std::size_t tooMuch = 2'000'000;
     for (const std::string& info :
          {plist("<dict/>"), plist("<dict>" + member("HalvoAppBundleID", app) + "</dict>"),
-          plist("<dict>" + member("HalvoTeamID", team) + "</dict>"),
-          infoWith("<integer>1</integer>", team), infoWith(app, "<integer>1234567890</integer>"),
-          infoWith("<array>" + app + "</array>", team), infoWith(app, "<true/>"),
-          plist("<array>" + app + team + "</array>"), plist(app)}) {
+          infoWith("<array>" + app + "</array>", team), infoWith(app, "<integer>1</integer>"),
+          infoWith(string("com.example/../app"), team), infoWith(app, string("7qx4kd19mt")),
+          std::string(), whole.substr(0, whole.size() / 2), whole + std::string(tooMuch, ' ')}) {
         put(Place::helperInfoPlist, info);
-        SCOPED_TRACE(info);
+        SCOPED_TRACE(info.substr(0, 200));
         expectRefusal(exitConfig, noIdentity);
     }
-}
-
-TEST_F(StartUpTest, NeedsAProperAppIdentifier) {
-    for (const std::string& app :
-         {std::string(), std::string("com.example_app"), std::string(".com.example"),
-          std::string("com..example"), std::string("com.example app"),
-          std::string("com.ex\xC3\xA4mple"), std::string("com.example/../app"),
-          std::string("com.&quot;example"), std::string(201, 'a')}) {
-        put(Place::helperInfoPlist, infoWith(string(app), string("7QX4KD19MT")));
-        SCOPED_TRACE(app);
-        expectRefusal(exitConfig, noIdentity);
-    }
-}
-
-TEST_F(StartUpTest, NeedsAProperTeamIdentifier) {
-    for (const std::string team : {"", "7QX4KD19M", "7QX4KD19MTT", "7qx4kd19mt", "7QX4KD19M ",
-                                   "7QX4KD-9MT", "7QX4KD19M\xD9\xA3", "7QX4KD19\xD9\xA3"}) {
-        put(Place::helperInfoPlist, infoWith(string("com.example.app"), string(team)));
-        SCOPED_TRACE(team);
-        expectRefusal(exitConfig, noIdentity);
-    }
+    put(Place::helperInfoPlist, whole);
+    EXPECT_EQ(RunningHelper().terminate(), 0);
 }
 
 TEST_F(StartUpTest, TakesAnIdentifierThatEndsInAPoint) {
@@ -139,29 +120,8 @@ TEST_F(StartUpTest, NeedsAnInfoPlist) {
     fs::remove(Place::helperInfoPlist);
 }
 
-TEST_F(StartUpTest, NeedsAnInfoPlistThatIsWhole) {
-    const std::string whole = readTestFile(Place::helperInfoPlist);
-    constexpr std::size_t tooMuch = 2'000'000;
-    const std::string closing = "</dict>";
-    std::string open = whole;
-    open.erase(open.find(closing), closing.size());
-    for (const std::string& info :
-         {std::string(), whole.substr(0, whole.size() / 2), open, std::string("bplist00"),
-          std::string("bplist00\xD1\x01\x02", 11), std::string(100, '\0'), std::string("{}"),
-          whole + std::string(tooMuch, ' ')}) {
-        put(Place::helperInfoPlist, info);
-        SCOPED_TRACE(info.substr(0, 100));
-        expectRefusal(exitConfig, noIdentity);
-    }
-    put(Place::helperInfoPlist, whole);
-    EXPECT_EQ(RunningHelper().terminate(), 0);
-}
-
 TEST_F(StartUpTest, RunsOnlyAsRootAndSaysSoBeforeItReadsAnything) {
-    const HelperStart asPerson{.prepare = [this] {
-        [[maybe_unused]] const bool changed = setresgid(world.user, world.user, world.user) == 0 &&
-                                              setresuid(world.user, world.user, world.user) == 0;
-    }};
+    const Start asPerson{.person = world.user};
     const std::vector<std::string> advice{
         "error: Here systemd starts it, when the app calls; to start it by hand: sudo " +
         Place::helper};
@@ -214,31 +174,25 @@ TEST_F(StartUpTest, OpensAsAUserInsteadWhenItsFirstWordSaysSo) {
 TEST_F(StartUpTest, LeavesAloneWhatLiesInTheSocketsPlace) {
     const std::string line = "error: Something that is no socket lies at " + Place::socket +
                              "; remove it and start the helper again";
-    put(Place::socket, "somebody's", 0640);
-    expectRefusal(exitConfig, line);
-    EXPECT_EQ(readTestFile(Place::socket), "somebody's");
-    EXPECT_EQ(modeOf(Place::socket), 0640);
-    fs::remove(Place::socket);
-
-    fs::create_directory(Place::socket);
-    expectRefusal(exitConfig, line);
-    EXPECT_TRUE(fs::is_directory(Place::socket));
-    fs::remove(Place::socket);
-
-    ASSERT_EQ(mkfifo(Place::socket.c_str(), 0600), 0);
-    expectRefusal(exitConfig, line);
-    EXPECT_TRUE(fs::is_fifo(Place::socket));
-    fs::remove(Place::socket);
-}
-
-TEST_F(StartUpTest, LeavesAloneALinkInTheSocketsPlace) {
-    const std::string line = "error: Something that is no socket lies at " + Place::socket +
-                             "; remove it and start the helper again";
     put("/tmp/target", "somebody's", 0600);
-    for (const char* target : {"/tmp/target", "/tmp/missing", "/tmp"}) {
-        fs::create_symlink(target, Place::socket);
+    const std::vector<std::function<void()>> rows{
+        [] { put(Place::socket, "somebody's", 0640); },
+        [] { fs::create_directory(Place::socket); },
+        [] { EXPECT_EQ(mkfifo(Place::socket.c_str(), 0600), 0); },
+        [] { fs::create_symlink("/tmp/target", Place::socket); },
+        [] { fs::create_symlink("/tmp/missing", Place::socket); },
+        [] { fs::create_symlink("/tmp", Place::socket); },
+    };
+    for (const auto& putThere : rows) {
+        putThere();
+        struct stat before{};
+        struct stat after{};
+        ASSERT_EQ(lstat(Place::socket.c_str(), &before), 0);
         expectRefusal(exitConfig, line);
-        EXPECT_EQ(fs::read_symlink(Place::socket), target);
+        ASSERT_EQ(lstat(Place::socket.c_str(), &after), 0);
+        EXPECT_EQ(after.st_ino, before.st_ino);
+        EXPECT_EQ(after.st_mode, before.st_mode);
+        EXPECT_EQ(after.st_size, before.st_size);
         fs::remove(Place::socket);
     }
     EXPECT_EQ(readTestFile("/tmp/target"), "somebody's");
@@ -298,16 +252,10 @@ TEST_F(StartUpTest, YieldsToAHelperThatBeganWhileAnotherEnded) {
     EXPECT_FALSE(exists(Place::socket));
 }
 
-TEST_F(StartUpTest, LetsEverybodyConnectAndNobodyIntoItsLock) {
-    const RunningHelper helper({.prepare = [] { umask(0); }});
+TEST_F(StartUpTest, LetsEverybodyConnectAndNobodyIntoItsLockAndTakesBothAwayAtTheEnd) {
+    RunningHelper helper({.prepare = [] { umask(0); }});
     EXPECT_EQ(modeOf(Place::socket), 0666);
     EXPECT_EQ(modeOf(Place::lock), 0600);
-}
-
-TEST_F(StartUpTest, TakesItsSocketAndItsLockAwayAtTheEnd) {
-    RunningHelper helper;
-    EXPECT_TRUE(exists(Place::socket));
-    EXPECT_TRUE(exists(Place::lock));
     EXPECT_EQ(helper.terminate(), 0);
     EXPECT_FALSE(exists(Place::socket));
     EXPECT_FALSE(exists(Place::lock));
@@ -374,7 +322,7 @@ class HandedSocket {
     }
 
     // sd_listen_fds(3).
-    [[nodiscard]] HelperStart start(int count = 1, pid_t otherPid = 0) const {
+    [[nodiscard]] Start start(int count = 1, pid_t otherPid = 0) const {
         return {.prepare = [number = socket_.get(), count, otherPid] {
             const int copy = fcntl(number, F_DUPFD, 10);
             for (int i = 0; i < count; ++i) {

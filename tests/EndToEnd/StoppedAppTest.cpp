@@ -129,7 +129,7 @@ TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
 
 TEST_F(StoppedAppTest, BegunElsewhereDisconnectsThePersonsProcessesThatWereToldOtherwise) {
     const auto talk = [](const char* word, uid_t person) {
-        return TestProcess({.words = {Place::talker, word, "~10", word}, .person = person});
+        return TestProcess({.words = {Place::caller, "talk", word, "~10", word}, .person = person});
     };
     TestProcess told = talk("Status", world.user);
     TestProcess notTold = talk("Heartbeat:b", world.user);

@@ -99,7 +99,6 @@ void World::installApp(const std::string& path) const {
     copyFile(HALVO_APP_BUNDLE "/Contents/MacOS/Halvo", executables + "/Halvo", appGroup,
              setGroupID);
     copyFile(HALVO_TEST_CALLER, executables + "/TestCaller", appGroup, setGroupID);
-    copyFile(HALVO_TALKER, executables + "/Talker", appGroup, setGroupID);
 }
 
 TestProcess World::startCaller(const std::vector<std::string>& words,

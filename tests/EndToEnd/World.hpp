@@ -23,8 +23,6 @@ inline const std::string app = applications + "/Halvo.app";
 inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
 // A program of the same bundle that asks the helper what a test wants it to.
 inline const std::string caller = app + "/Contents/MacOS/TestCaller";
-// One that makes several calls on one connection.
-inline const std::string talker = app + "/Contents/MacOS/Talker";
 inline const std::string infoPlist = app + "/Contents/Info.plist";
 
 inline const std::string support = "/Library/Application Support";

@@ -1,10 +1,14 @@
 // A program in a bundle of its own, which tells what it finds there.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -13,7 +17,13 @@ namespace halvo::testing {
 class BundledProgram {
   public:
     // At `place` below a folder of its own; the Info.plist holds the XML `members`.
-    BundledProgram(const std::string& place, const std::string& members);
+    BundledProgram(const std::string& place, const std::string& members)
+        : path_(folder_ / place), program_(path_ + "/Contents/MacOS/Program") {
+        std::filesystem::create_directories(path_ + "/Contents/MacOS");
+        std::filesystem::copy_file(HALVO_BUNDLED_PROGRAM, program_);
+        writeTestFile(path_ + "/Contents/Info.plist",
+                      R"(<plist version="1.0"><dict>)" + members + "</dict></plist>");
+    }
 
     // The path of the bundle.
     [[nodiscard]] const std::string& path() const { return path_; }
@@ -21,11 +31,17 @@ class BundledProgram {
     // What the program says of `question`, in the environment of the lines `environment`
     // ("NAME=value"). Fails the test when the program fails. Not while another thread runs.
     [[nodiscard]] std::string says(const std::string& question,
-                                   const std::vector<std::string>& environment = {}) const;
+                                   const std::vector<std::string>& environment = {}) const {
+        const ChildResult result =
+            runInChild({.words = {program_, question}, .environment = environment});
+        EXPECT_EQ(result.status, 0) << result.output << " signal " << result.signal;
+        return result.output;
+    }
 
   private:
     TemporaryFolder folder_;
     std::string path_;
+    std::string program_;
 };
 
 }  // namespace halvo::testing

@@ -1,10 +1,14 @@
 #include "tests/Support/FaultInjection.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <algorithm>
@@ -17,6 +21,8 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <limits>
+#include <map>
 #include <ratio>
 #include <stdexcept>
 #include <utility>
@@ -79,6 +85,17 @@ std::atomic<bool> isClockStopped{false};
 timespec stoppedTime{};
 // By how much CLOCK_BOOTTIME is ahead.
 std::chrono::nanoseconds passed{};
+
+constexpr std::size_t wholeListing = std::numeric_limits<std::size_t>::max();
+std::size_t longestListing = wholeListing;
+std::map<BeforeNext::Call, std::function<void()>> workBefore;
+bool isBooted = false;
+
+void doWorkBefore(BeforeNext::Call call) {
+    if (auto node = workBefore.extract(call)) {
+        node.mapped()();
+    }
+}
 
 // Makes the call, or lets it go wrong. `real` makes it.
 template <class Real>
@@ -155,111 +172,116 @@ TimerAsked lastTimerAsked() { return timerAsked; }
 
 std::uint64_t lastTurnAsked() { return turnAsked; }
 
-WallClockJump::WallClockJump(Seconds by) { wallClockJump = by.count(); }
+WallClockJump::WallClockJump(Seconds by) : Change([] { wallClockJump = 0; }) {
+    wallClockJump = by.count();
+}
 
-WallClockJump::~WallClockJump() { wallClockJump = 0; }
+SlowClock::SlowClock(Seconds each) : Change([] { clockTakes = wallClockJump = 0; }) {
+    clockTakes = each.count();
+}
 
-SlowClock::SlowClock(Seconds each) { clockTakes = each.count(); }
-
-SlowClock::~SlowClock() { clockTakes = wallClockJump = 0; }
-
-StoppedClock::StoppedClock(long seconds, long nanoseconds) {
+StoppedClock::StoppedClock(long seconds, long nanoseconds)
+    : Change([] { isClockStopped = false; }) {
     stoppedTime = {seconds, nanoseconds};
     isClockStopped = true;
 }
 
-StoppedClock::~StoppedClock() { isClockStopped = false; }
-
-TimePassing::~TimePassing() { passed = {}; }
+TimePassing::TimePassing() : Change([] { passed = {}; }) {}
 
 void TimePassing::pass(Seconds span) {
     passed += std::chrono::duration_cast<std::chrono::nanoseconds>(span);
 }
 
+ShortListings::ShortListings() : Change([] { longestListing = wholeListing; }) {
+    // Room for a few entries of any kind.
+    longestListing = 512;
+}
+
+BeforeNext::BeforeNext(Call call, std::function<void()> work)
+    : Change([call] { EXPECT_EQ(workBefore.erase(call), 0U) << "there was no such call"; }) {
+    workBefore[call] = std::move(work);
+}
+
+BootedBySystemd::BootedBySystemd() : Change([] { isBooted = false; }) { isBooted = true; }
+
 }  // namespace halvo::testing
 
-using halvo::testing::attempt;
-using halvo::testing::attemptTransfer;
-using halvo::testing::noteCall;
-using halvo::testing::SystemCall;
+using namespace halvo::testing;
 
 // The linker's names: __wrap_x is called in the place of x, which is called __real_x.
+//
+// REAL declares what is called in the end; WRAP also defines the one in its place, where that only
+// goes wrong at times.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage)
+#define REAL(result, call, parameters) result __real_##call parameters
+#define WRAP(result, call, parameters, ...)                                           \
+    REAL(result, call, parameters);                                                   \
+    result __wrap_##call parameters {                                                 \
+        return attempt(SystemCall::call, [&] { return __real_##call(__VA_ARGS__); }); \
+    }                                                                                 \
+    static_assert(true)
+// NOLINTEND(cppcoreguidelines-macro-usage)
+
 extern "C" {
 
-int __real_accept4(int socket, sockaddr* address, socklen_t* size, int flags);
-int __real_access(const char* path, int mode);
-int __real_chdir(const char* path);
-int __real_chmod(const char* path, mode_t mode);
-int __real_clock_gettime(clockid_t clock, timespec* time);
-int __real_eventfd(unsigned int count, int flags);
-int __real_fchmod(int file, mode_t mode);
-int __real_fstat(int file, struct stat* status);
-int __real_fsync(int file);
-int __real_getsockopt(int socket, int level, int option, void* value, socklen_t* size);
-int __real_ioctl(int file, unsigned long request, void* argument);
-int __real_lstat(const char* path, struct stat* status);
-int __real_mkdir(const char* path, mode_t mode);
-int __real_open(const char* path, int flags, mode_t mode);
-int __real_openat(int folder, const char* path, int flags, mode_t mode);
-ssize_t __real_read(int file, void* bytes, size_t count);
-ssize_t __real_readlink(const char* path, char* buffer, size_t size);
-int __real_remove(const char* path);
-int __real_renameat(int fromFolder, const char* from, int toFolder, const char* to);
-int __real_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
-                                      std::uint64_t first, std::uint64_t leeway,
-                                      sd_event_time_handler_t handler, void* userdata);
-int __real_sd_event_default(sd_event** loop);
-int __real_sd_event_loop(sd_event* loop);
-int __real_sd_event_source_set_time(sd_event_source* source, std::uint64_t time);
-int __real_stat(const char* path, struct stat* status);
-int __real_statx(int folder, const char* path, int flags, unsigned mask, struct statx* status);
-int __real_unlinkat(int folder, const char* path, int flags);
-ssize_t __real_write(int file, const void* bytes, size_t count);
+WRAP(int, accept4, (int socket, sockaddr* address, socklen_t* size, int flags), socket, address,
+     size, flags);
+WRAP(int, access, (const char* path, int mode), path, mode);
+WRAP(int, chdir, (const char* path), path);
+WRAP(int, chmod, (const char* path, mode_t mode), path, mode);
+WRAP(int, eventfd, (unsigned int count, int flags), count, flags);
+WRAP(int, fchmod, (int file, mode_t mode), file, mode);
+WRAP(int, fstat, (int file, struct stat* status), file, status);
+WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* size), socket,
+     level, option, value, size);
+WRAP(int, lstat, (const char* path, struct stat* status), path, status);
+WRAP(ssize_t, readlink, (const char* path, char* buffer, size_t size), path, buffer, size);
+WRAP(int, sd_bus_start, (sd_bus * bus), bus);
+WRAP(int, sd_event_default, (sd_event * *loop), loop);
+WRAP(int, sd_event_loop, (sd_event * loop), loop);
+WRAP(int, stat, (const char* path, struct stat* status), path, status);
+WRAP(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* status),
+     folder, path, flags, mask, status);
+WRAP(int, unlinkat, (int folder, const char* path, int flags), folder, path, flags);
 
-int __wrap_accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
-    return attempt(SystemCall::accept4,
-                   [&] { return __real_accept4(socket, address, size, flags); });
-}
-
-int __wrap_access(const char* path, int mode) {
-    return attempt(SystemCall::access, [&] { return __real_access(path, mode); });
-}
-
-int __wrap_chdir(const char* path) {
-    return attempt(SystemCall::chdir, [&] { return __real_chdir(path); });
-}
-
-int __wrap_chmod(const char* path, mode_t mode) {
-    return attempt(SystemCall::chmod, [&] { return __real_chmod(path, mode); });
-}
+REAL(int, clock_gettime, (clockid_t clock, timespec* time));
+REAL(int, flock, (int file, int operation));
+REAL(int, fsync, (int file));
+REAL(ssize_t, getdents64, (int folder, void* entries, size_t size));
+REAL(int, ioctl, (int file, unsigned long request, void* argument));
+REAL(int, mkdir, (const char* path, mode_t mode));
+REAL(int, open, (const char* path, int flags, mode_t mode));
+REAL(int, openat, (int folder, const char* path, int flags, mode_t mode));
+REAL(int, poll, (pollfd * descriptors, nfds_t count, int limit));
+REAL(ssize_t, read, (int file, void* bytes, size_t count));
+REAL(int, remove, (const char* path));
+REAL(int, renameat, (int fromFolder, const char* from, int toFolder, const char* to));
+REAL(int, sd_event_add_time_relative,
+     (sd_event * loop, sd_event_source** source, clockid_t clock, std::uint64_t first,
+      std::uint64_t leeway, sd_event_time_handler_t handler, void* userdata));
+REAL(int, sd_event_source_set_time, (sd_event_source * source, std::uint64_t time));
+REAL(ssize_t, write, (int file, const void* bytes, size_t count));
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-    halvo::testing::wallClockJump += halvo::testing::clockTakes;
-    if (halvo::testing::isClockStopped) {
-        *time = halvo::testing::stoppedTime;
+    wallClockJump += clockTakes;
+    if (isClockStopped) {
+        *time = stoppedTime;
         return 0;
     }
     const int result =
         attempt(SystemCall::clock_gettime, [&] { return __real_clock_gettime(clock, time); });
     if (result == 0 && clock == CLOCK_BOOTTIME) {
         constexpr std::int64_t second = std::nano::den;
-        const std::int64_t total = time->tv_nsec + halvo::testing::passed.count();
+        const std::int64_t total = time->tv_nsec + passed.count();
         time->tv_sec += total / second;
         time->tv_nsec = total % second;
     }
     return result;
 }
 
-int __wrap_eventfd(unsigned int count, int flags) {
-    return attempt(SystemCall::eventfd, [&] { return __real_eventfd(count, flags); });
-}
-
-int __wrap_fchmod(int file, mode_t mode) {
-    return attempt(SystemCall::fchmod, [&] { return __real_fchmod(file, mode); });
-}
-
-int __wrap_fstat(int file, struct stat* status) {
-    return attempt(SystemCall::fstat, [&] { return __real_fstat(file, status); });
+int __wrap_flock(int file, int operation) {
+    doWorkBefore(BeforeNext::Call::flock);
+    return __real_flock(file, operation);
 }
 
 int __wrap_fsync(int file) {
@@ -268,9 +290,8 @@ int __wrap_fsync(int file) {
     return result;
 }
 
-int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* size) {
-    return attempt(SystemCall::getsockopt,
-                   [&] { return __real_getsockopt(socket, level, option, value, size); });
+ssize_t __wrap_getdents64(int folder, void* entries, size_t size) {
+    return __real_getdents64(folder, entries, std::min(size, longestListing));
 }
 
 int __wrap_ioctl(int file, unsigned long request, ...) {
@@ -287,10 +308,6 @@ int __wrap_ioctl(int file, unsigned long request, ...) {
     return result;
 }
 
-int __wrap_lstat(const char* path, struct stat* status) {
-    return attempt(SystemCall::lstat, [&] { return __real_lstat(path, status); });
-}
-
 int __wrap_mkdir(const char* path, mode_t mode) {
     const int result = attempt(SystemCall::mkdir, [&] { return __real_mkdir(path, mode); });
     noteCall(result == 0, "mkdir", path);
@@ -300,7 +317,7 @@ int __wrap_mkdir(const char* path, mode_t mode) {
 int __wrap_open(const char* path, int flags, ...) {
     std::va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = halvo::testing::modeArgument(flags, arguments);
+    const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
     return attempt(SystemCall::open, [&] { return __real_open(path, flags, mode); });
 }
@@ -308,18 +325,19 @@ int __wrap_open(const char* path, int flags, ...) {
 int __wrap_openat(int folder, const char* path, int flags, ...) {
     std::va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = halvo::testing::modeArgument(flags, arguments);
+    const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
     return attempt(SystemCall::openat, [&] { return __real_openat(folder, path, flags, mode); });
+}
+
+int __wrap_poll(pollfd* descriptors, nfds_t count, int limit) {
+    doWorkBefore(BeforeNext::Call::poll);
+    return __real_poll(descriptors, count, limit);
 }
 
 ssize_t __wrap_read(int file, void* bytes, size_t count) {
     return attemptTransfer(SystemCall::read, count,
                            [&](size_t part) { return __real_read(file, bytes, part); });
-}
-
-ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
-    return attempt(SystemCall::readlink, [&] { return __real_readlink(path, buffer, size); });
 }
 
 int __wrap_remove(const char* path) {
@@ -335,50 +353,30 @@ int __wrap_renameat(int fromFolder, const char* from, int toFolder, const char* 
     return result;
 }
 
+int __wrap_sd_booted() { return isBooted ? 1 : 0; }
+
 int __wrap_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, clockid_t clock,
                                       std::uint64_t first, std::uint64_t leeway,
                                       sd_event_time_handler_t handler, void* userdata) {
-    halvo::testing::timerAsked = {first, leeway, clock};
+    timerAsked = {first, leeway, clock};
     return attempt(SystemCall::sd_event_add_time_relative, [&] {
         return __real_sd_event_add_time_relative(loop, source, clock, first, leeway, handler,
                                                  userdata);
     });
 }
 
-int __wrap_sd_event_default(sd_event** loop) {
-    return attempt(SystemCall::sd_event_default, [&] { return __real_sd_event_default(loop); });
-}
-
-int __wrap_sd_event_loop(sd_event* loop) {
-    return attempt(SystemCall::sd_event_loop, [&] { return __real_sd_event_loop(loop); });
-}
-
 int __wrap_sd_event_source_set_time(sd_event_source* source, std::uint64_t time) {
-    halvo::testing::turnAsked = time;
+    turnAsked = time;
     return attempt(SystemCall::sd_event_source_set_time,
                    [&] { return __real_sd_event_source_set_time(source, time); });
-}
-
-int __wrap_stat(const char* path, struct stat* status) {
-    return attempt(SystemCall::stat, [&] { return __real_stat(path, status); });
-}
-
-int __wrap_statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) {
-    return attempt(SystemCall::statx,
-                   [&] { return __real_statx(folder, path, flags, mask, status); });
-}
-
-int __wrap_unlinkat(int folder, const char* path, int flags) {
-    return attempt(SystemCall::unlinkat, [&] { return __real_unlinkat(folder, path, flags); });
 }
 
 ssize_t __wrap_write(int file, const void* bytes, size_t count) {
     const ssize_t result = attemptTransfer(
         SystemCall::write, count, [&](size_t part) { return __real_write(file, bytes, part); });
     noteCall(result >= 0, "write", file);
-    if (halvo::testing::trace != nullptr && result >= 0) {
-        halvo::testing::trace->noteWritten(
-            {static_cast<const char*>(bytes), static_cast<size_t>(result)});
+    if (trace != nullptr && result >= 0) {
+        trace->noteWritten({static_cast<const char*>(bytes), static_cast<size_t>(result)});
     }
     return result;
 }
@@ -392,5 +390,5 @@ std::chrono::system_clock::time_point wrappedNow() asm(
 
 std::chrono::system_clock::time_point wrappedNow() {
     return realNow() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                           halvo::Seconds{halvo::testing::wallClockJump});
+                           halvo::Seconds{wallClockJump});
 }

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +37,7 @@ enum class SystemCall {
     readlink,
     remove,
     renameat,
+    sd_bus_start,
     sd_event_add_time_relative,
     sd_event_default,
     sd_event_loop,
@@ -120,44 +123,66 @@ TimerAsked lastTimerAsked();
 // When a timer is to turn next, as it was last asked for after a turn, in microseconds.
 std::uint64_t lastTurnAsked();
 
-// Moves the wall clock, as wallNow() sees it, by `by` while it lives.
-class WallClockJump {
+// Something that is otherwise than usual while it lives. At most one of a kind at a time.
+class Change {
+  public:
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+  protected:
+    explicit Change(std::function<void()> undo) : undo_(std::move(undo)) {}
+
+    ~Change() { undo_(); }
+
+  private:
+    std::function<void()> undo_;
+};
+
+// Moves the wall clock, as wallNow() sees it, by `by`.
+class WallClockJump : Change {
   public:
     explicit WallClockJump(Seconds by);
-    WallClockJump(const WallClockJump&) = delete;
-    WallClockJump& operator=(const WallClockJump&) = delete;
-    ~WallClockJump();
 };
 
-// Makes every clock_gettime(2) take this long, by the wall clock as wallNow() sees it, while it
-// lives.
-class SlowClock {
+// Makes every clock_gettime(2) take this long, by the wall clock as wallNow() sees it.
+class SlowClock : Change {
   public:
     explicit SlowClock(Seconds each);
-    SlowClock(const SlowClock&) = delete;
-    SlowClock& operator=(const SlowClock&) = delete;
-    ~SlowClock();
 };
 
-// Makes every clock_gettime(2) give this time while it lives.
-class StoppedClock {
+// Makes every clock_gettime(2) give this time.
+class StoppedClock : Change {
   public:
     StoppedClock(long seconds, long nanoseconds);
-    StoppedClock(const StoppedClock&) = delete;
-    StoppedClock& operator=(const StoppedClock&) = delete;
-    ~StoppedClock();
 };
 
-// While it lives, the clock that counts from boot, through sleep (CLOCK_BOOTTIME), is ahead by what
-// has passed here.
-class TimePassing {
+// The clock that counts from boot, through sleep (CLOCK_BOOTTIME), is ahead by what has passed
+// here.
+class TimePassing : Change {
   public:
-    TimePassing() = default;
-    TimePassing(const TimePassing&) = delete;
-    TimePassing& operator=(const TimePassing&) = delete;
-    ~TimePassing();
-
+    TimePassing();
     void pass(Seconds span);
+};
+
+// A listing of a folder (getdents64(2)) brings a few entries at a time.
+class ShortListings : Change {
+  public:
+    ShortListings();
+};
+
+// The next call of one kind first does `work`. Fails the test when there was none.
+class BeforeNext : Change {
+  public:
+    enum class Call { flock, poll };
+
+    BeforeNext(Call call, std::function<void()> work);
+};
+
+// systemd runs the machine (sd_booted(3)). Otherwise it never does, or tests would start units on
+// the machine they run on.
+class BootedBySystemd : Change {
+  public:
+    BootedBySystemd();
 };
 
 }  // namespace halvo::testing

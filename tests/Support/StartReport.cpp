@@ -1,5 +1,3 @@
-#include "tests/Support/StartReport.hpp"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -13,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+
+#include "tests/Support/TestReport.hpp"
 
 namespace {
 

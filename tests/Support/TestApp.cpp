@@ -31,7 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/Support/StartReport.hpp"
+#include "tests/Support/TestReport.hpp"
 
 namespace {
 

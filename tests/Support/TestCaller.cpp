@@ -6,30 +6,22 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sysexits.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
-#include <charconv>
-#include <chrono>
-#include <cmath>
-#include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <iterator>
 #include <map>
-#include <memory>
-#include <optional>
 #include <random>
-#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -56,44 +48,37 @@ What an app asks
   begin-at APP UNTIL STARTED       dates in seconds since 1970: 1e9, nan, inf, -1e300
   heartbeat [--ending]             alive, or the session is ending
   end                              let the commitment go
-  introspect                       what the service says that it offers
-  raw METHOD [SIGNATURE ARGS...]   any call, METHOD or INTERFACE.METHOD; types ybnqiuxtdsog
-  bench N                          N status calls: "bench n=9 median_us=95 p90_us=120"
+  raw METHOD [SIGNATURE ARGS...]   any call, METHOD or INTERFACE.METHOD; types b u x d s
+  talk CALL...                     several calls on one connection, METHOD or METHOD:SIGNATURE,
+                                   "!" in front for one without a reply; "~2" waits 2 seconds. A
+                                   line for each: the reply's signature, the error's name, "sent"
 
 What no app does
+  at-once                          authenticates and asks in one write, "answered"
   run                              lives without a connection until it is killed
   hold N                           authenticates N connections, "holding N"; keeps them
   stall N                          opens N connections, sends nothing, "stalling N"; keeps them
   half                             authenticates, sends half a message, "half sent"; keeps it
   huge MEGABYTES                   a begin with a path of that size
-  flood COUNT                      COUNT status calls, reads no reply: "flood sent=9 disconnected=false"
+  flood COUNT                      COUNT status calls, reads no reply: "flood disconnected=false"
   garbage                          random bytes instead of authentication
   connect-then-exec PROGRAM ARGS   connects, then becomes PROGRAM with the connection as descriptor 3
-  use-fd N WORD                    status, heartbeat or end on a connection that is already there
+  use-fd N WORD                    status or end on a connection that is already there
 
-What is kept is kept until standard input ends; "closed I after=S" says when the
-helper closes one.
+What is kept is kept until standard input ends; "closed" says when the helper closes one.
 
-Exit status: 0 reply true, 1 reply false, 64 wrong words, 65 rejected ("rejected
+Exit status: 0 reply true, 1 reply false, 64 usage error, 65 rejected ("rejected
 NAME: MESSAGE"), 69 not running ("not-running"), 71 no resources, 75 timed out
 ("timed-out"), 76 disconnected after authentication ("disconnected"), 77 refused
 ("refused") or all that was kept is closed, 78 in no bundle and no --socket.
 )";
 
-constexpr int exitDisconnected = EX_PROTOCOL;
 // For calls that take the helper long on purpose.
-constexpr Seconds patience{60};
+constexpr Seconds callLimit{60};
 
 using Words = std::vector<std::string>;
 
-// Thrown by parsing alone, and caught in main().
-struct UsageError {
-    std::string message;
-};
-
-[[noreturn]] void usage(const std::string& message) { throw UsageError{message}; }
-
-// One line for whoever reads it by program, out at once.
+// A line, out at once for the program that reads it.
 void print(const std::string& line) {
     std::puts(line.c_str());
     std::fflush(stdout);
@@ -101,186 +86,120 @@ void print(const std::string& line) {
 
 const char* text(bool value) { return value ? "true" : "false"; }
 
-std::string quoted(std::string_view word) { return std::string("'").append(word).append("'"); }
+// ---------------------------------------------------------------------------------------- failures
 
-double number(const std::string& word) {
-    char* end = nullptr;
-    const double value = std::strtod(word.c_str(), &end);
-    if (word.empty() || *end != '\0') {
-        usage(quoted(word) + " is no number");
-    }
-    return value;
-}
+// Ends the program.
+struct Failure {
+    std::string line;
+    int status;
+};
 
-template <class Integer>
-Integer integer(const std::string& word) {
-    Integer value{};
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-    if (error != std::errc{} || end != word.data() + word.size()) {
-        usage(quoted(word) + " is no whole number that fits");
-    }
-    return value;
-}
-
-std::size_t count(const std::string& word) {
-    const auto value = integer<std::size_t>(word);
-    if (value == 0) {
-        usage("at least 1 is needed");
-    }
-    return value;
-}
-
-// How it ended, for those that do not get a reply.
-
-struct Report {
+struct LineOf {
     std::string operator()(const HelperFailures::NotRunning&) const { return "not-running"; }
 
     std::string operator()(const HelperFailures::Refused&) const { return "refused"; }
 
     std::string operator()(const HelperFailures::TimedOut&) const { return "timed-out"; }
 
+    std::string operator()(const HelperFailures::NoResources&) const { return "no-resources"; }
+
     std::string operator()(const HelperFailures::Rejected& failure) const {
         return "rejected " + failure.name + ": " + failure.message;
     }
-
-    std::string operator()(const HelperFailures::NoResources&) const { return "no-resources"; }
 };
 
-int report(const HelperFailure& failure) {
-    print(std::visit(Report{}, failure));
-    return exitStatus(failure);
+[[noreturn]] void fail(const HelperFailure& failure) {
+    throw Failure{std::visit(LineOf{}, failure), exitStatus(failure)};
 }
 
-int report(BusFault fault) {
+[[noreturn]] void fail(BusFault fault) {
     switch (fault) {
         case BusFault::Unauthenticated:
-            return report(HelperFailures::Refused{});
+            fail(HelperFailures::Refused{});
         case BusFault::TimedOut:
-            return report(HelperFailures::TimedOut{});
+            fail(HelperFailures::TimedOut{});
         case BusFault::Broken:
             break;
     }
-    print("disconnected");
-    return exitDisconnected;
+    throw Failure{"disconnected", EX_PROTOCOL};
 }
 
-int reportErrno(int code) {
+// Of a connection that is not authenticated.
+[[noreturn]] void fail(int code) {
     switch (code) {
         case ETIMEDOUT:
-            return report(HelperFailures::TimedOut{});
+            fail(HelperFailures::TimedOut{});
+        case EMFILE:
+        case ENFILE:
+        case ENOMEM:
+            fail(HelperFailures::NoResources{code});
         case EACCES:
         case EPERM:
         case EPIPE:
         case ECONNRESET:
-            return report(HelperFailures::Refused{});
-        case EMFILE:
-        case ENFILE:
-        case ENOMEM:
-            return report(HelperFailures::NoResources{code});
+        case ENOTCONN:
+            fail(HelperFailures::Refused{});
         default:
-            return report(HelperFailures::NotRunning{code});
+            fail(HelperFailures::NotRunning{code});
     }
 }
 
-int report(const char* word, const HelperClient::Result<bool>& answer) {
-    if (!answer) {
-        return report(answer.error());
+template <class Value, class Error>
+Value orFail(std::expected<Value, Error> result) {
+    if (!result) {
+        fail(result.error());
     }
-    print(std::string(word) + " " + text(*answer));
-    return *answer ? 0 : 1;
+    return std::move(*result);
 }
 
-// Raw connections.
+// ------------------------------------------------------------------------------------- connections
 
-void sendAll(int socket, std::string_view bytes, int& code) {
-    code = 0;
-    while (!bytes.empty() && code == 0) {
-        const ssize_t sent = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-            continue;
+struct Target {
+    std::string socket;
+    // Empty where only --socket says which helper to call.
+    std::string bundle;
+};
+
+Descriptor connectTo(const Target& target) {
+    return orFail(connectAsApp(target.socket, deadlineAfter(HelperClient::usualLimit)));
+}
+
+// A connection that the helper has let in.
+BusHandle authenticate(const Target& target) {
+    BusHandle bus = orFail(openBus(connectTo(target)));
+    const Deadline deadline = deadlineAfter(HelperClient::usualLimit);
+    while (sd_bus_is_ready(bus.get()) <= 0) {
+        const int progress = sd_bus_process(bus.get(), nullptr);
+        if (progress < 0) {
+            fail(-progress);
         }
-        pollfd waiting{socket, POLLOUT, 0};
-        constexpr int tenSeconds = 10'000;
-        if (errno == EAGAIN) {
-            code = poll(&waiting, 1, tenSeconds) > 0 ? 0 : ETIMEDOUT;
-        } else if (errno != EINTR) {
-            code = errno;
+        if (progress == 0 && Deadline::clock::now() >= deadline) {
+            fail(ETIMEDOUT);
         }
+        constexpr std::uint64_t tenthOfASecond = 100'000;
+        sd_bus_wait(bus.get(), progress == 0 ? tenthOfASecond : 0);
     }
+    return bus;
 }
 
-// Gives 0 or the errno; ECONNRESET when the other side closes.
-int readLine(int socket, std::string& line, Deadline deadline) {
-    line.clear();
-    while (!line.ends_with("\r\n")) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - Deadline::clock::now());
-        pollfd waiting{socket, POLLIN, 0};
-        if (poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) <= 0) {
-            return ETIMEDOUT;
-        }
-        char next = 0;
-        const ssize_t got = recv(socket, &next, 1, 0);
-        if (got == 0) {
-            return ECONNRESET;
-        }
-        if (got < 0) {
-            return errno;
-        }
-        line += next;
-    }
-    return 0;
-}
+// A connection that is kept open.
+struct Kept {
+    explicit Kept(Descriptor raw) : socket(std::move(raw)), number(socket.get()) {}
 
-// Authenticates as a client that sends nothing early. Gives 0 or the errno.
-int authenticate(int socket) {
-    const std::string uid = std::to_string(geteuid());
-    std::ostringstream hello;
-    hello << '\0' << "AUTH EXTERNAL " << std::hex;
-    for (const char digit : uid) {
-        hello << int{digit};
-    }
-    hello << "\r\n";
-    int code = 0;
-    sendAll(socket, hello.str(), code);
-    std::string line;
-    if (code == 0) {
-        code = readLine(socket, line, deadlineAfter(HelperClient::usualLimit));
-    }
-    if (code != 0) {
-        return code;
-    }
-    if (!line.starts_with("OK ")) {
-        return EACCES;
-    }
-    sendAll(socket, "BEGIN\r\n", code);
-    return code;
-}
+    explicit Kept(BusHandle handle) : bus(std::move(handle)), number(sd_bus_get_fd(bus.get())) {}
 
-std::expected<Descriptor, int> connectOnce(const std::string& path) {
-    return connectAsApp(path, deadlineAfter(HelperClient::usualLimit));
-}
+    Descriptor socket;
+    BusHandle bus;
+    int number;
+};
 
-std::expected<Descriptor, int> connectAndAuthenticate(const std::string& path) {
-    auto socket = connectOnce(path);
-    if (socket) {
-        if (const int code = authenticate(socket->get()); code != 0) {
-            return std::unexpected(code);
-        }
-    }
-    return socket;
-}
-
-// Keeps `sockets` open until standard input ends or all are closed by the other side.
-int keep(const std::vector<Descriptor>& sockets) {
-    const auto before = std::chrono::steady_clock::now();
+// Keeps them until standard input ends or the helper has closed all.
+int keep(const std::vector<Kept>& connections) {
     std::vector<pollfd> waiting{{STDIN_FILENO, POLLIN, 0}};
-    for (const Descriptor& socket : sockets) {
-        waiting.push_back({socket.get(), POLLRDHUP, 0});
+    for (const Kept& each : connections) {
+        waiting.push_back({each.number, POLLRDHUP, 0});
     }
-    std::size_t open = sockets.size();
-    while (open > 0) {
+    for (std::size_t open = connections.size(); open > 0;) {
         if (poll(waiting.data(), waiting.size(), -1) < 0) {
             continue;
         }
@@ -288,9 +207,7 @@ int keep(const std::vector<Descriptor>& sockets) {
             if (waiting[i].fd >= 0 && waiting[i].revents != 0) {
                 waiting[i].fd = -1;
                 --open;
-                const Seconds after = std::chrono::steady_clock::now() - before;
-                std::printf("closed %zu after=%.1f\n", i, after.count());
-                std::fflush(stdout);
+                print("closed");
             }
         }
         std::array<char, 256> input{};
@@ -301,143 +218,138 @@ int keep(const std::vector<Descriptor>& sockets) {
     return EX_NOPERM;
 }
 
-void allowManyDescriptors() {
+int keepMany(std::size_t wanted, const std::string& word, const std::function<Kept()>& open) {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
         limit.rlim_cur = limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
-}
-
-int openMany(const std::string& path, std::size_t wanted, const char* word,
-             std::expected<Descriptor, int> (*open)(const std::string&)) {
-    allowManyDescriptors();
-    std::vector<Descriptor> sockets;
-    int code = 0;
-    while (sockets.size() < wanted && code == 0) {
-        auto socket = open(path);
-        if (socket) {
-            sockets.push_back(std::move(*socket));
-        } else {
-            code = socket.error();
+    std::vector<Kept> kept;
+    try {
+        while (kept.size() < wanted) {
+            kept.push_back(open());
+        }
+    } catch (const Failure&) {
+        if (kept.empty()) {
+            throw;
         }
     }
-    if (sockets.empty()) {
-        return reportErrno(code);
-    }
-    print(std::string(word) + " " + std::to_string(sockets.size()));
-    if (code != 0) {
-        std::fprintf(stderr, "TestCaller: the next one: %s\n",
-                     std::generic_category().message(code).c_str());
-    }
-    return keep(sockets);
+    print(word + " " + std::to_string(kept.size()));
+    return keep(kept);
 }
 
-// Messages made by hand, for what no library sends. All numbers are little endian.
+// --------------------------------------------------------------------------- bytes, as no library
+// sends them
 
-void put32(std::string& bytes, std::uint32_t value) {
-    for (unsigned shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(value >> shift);
+// A status call as it goes over the wire, little endian, with the size of a body that does not
+// come. NOLINTNEXTLINE(cppcoreguidelines-macro-usage): literals can be joined in no other way
+#define STATUS_CALL_WITH_BODY(size)                    \
+    "l\1\0\1" size                                     \
+    "\1\0\0\0\x57\0\0\0"                               \
+    "\1\1o\0\x11\0\0\0/app/halvo/Helper\0\0\0\0\0\0\0" \
+    "\2\1s\0\x18\0\0\0"                                \
+    "app.halvo.HalvoHelperXPC\0\0\0\0\0\0\0\0"         \
+    "\3\1s\0\6\0\0\0Status\0"
+
+template <std::size_t size>
+constexpr std::string_view bytesOf(const char (&literal)[size]) {
+    return {literal, size};
+}
+
+// With the zero byte at their end, which pads it.
+constexpr std::string_view statusCall = bytesOf(STATUS_CALL_WITH_BODY("\0\0\0\0"));
+constexpr std::string_view halfACall =
+    bytesOf(STATUS_CALL_WITH_BODY("\x64\0\0\0") "\0not a hundred");
+constexpr std::string_view authenticationAndCall =
+    bytesOf("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n" STATUS_CALL_WITH_BODY("\0\0\0\0"));
+
+// 0 or the errno.
+int sendAll(int socket, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t sent = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        pollfd waiting{socket, POLLOUT, 0};
+        constexpr int tenSeconds = 10'000;
+        if (sent >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        } else if (errno != EAGAIN) {
+            return errno;
+        } else if (poll(&waiting, 1, tenSeconds) == 0) {
+            return ETIMEDOUT;
+        }
     }
+    return 0;
 }
 
-void pad8(std::string& bytes) { bytes.resize((bytes.size() + 7) / 8 * 8); }
-
-void putField(std::string& bytes, char code, char type, std::string_view value) {
-    pad8(bytes);
-    bytes += code;
-    bytes += {'\1', type, '\0'};
-    put32(bytes, static_cast<std::uint32_t>(value.size()));
-    bytes += value;
-    bytes += '\0';
+// Whether `expected` comes before the helper closes the connection or `limit` has passed.
+bool receives(int socket, std::string_view expected, Seconds limit, bool& isClosed) {
+    std::string received;
+    const Deadline deadline = deadlineAfter(limit);
+    do {
+        std::array<char, 4096> buffer{};
+        const ssize_t count = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        isClosed = count == 0 || (count < 0 && errno != EAGAIN);
+        received.append(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        if (received.find(expected) != std::string::npos) {
+            return true;
+        }
+    } while (!isClosed && waitBefore(deadline, Seconds{0.01}));
+    return false;
 }
 
-// A call of a method without arguments, as it goes over the wire.
-std::string callMessage(std::string_view member, std::uint32_t serial, std::uint32_t bodySize) {
-    constexpr std::size_t fixedPart = 16;
-    std::string bytes{'l', 1, 0, 1};
-    put32(bytes, bodySize);
-    put32(bytes, serial);
-    put32(bytes, 0);
-    putField(bytes, 1, 'o', HelperBus::object);
-    putField(bytes, 2, 's', HelperBus::interface);
-    putField(bytes, 3, 's', member);
-    std::string size;
-    put32(size, static_cast<std::uint32_t>(bytes.size() - fixedPart));
-    bytes.replace(fixedPart - size.size(), size.size(), size);
-    pad8(bytes);
-    return bytes;
+int askAtOnce(const Target& target) {
+    const Descriptor socket = connectTo(target);
+    bool isClosed = sendAll(socket.get(), authenticationAndCall) != 0;
+    // The signature of the reply.
+    const bool isAnswered = !isClosed && receives(socket.get(), "badb", Seconds{3}, isClosed);
+    print(isAnswered ? "answered" : "not answered");
+    return isAnswered ? 0 : 1;
 }
 
-int half(const std::string& path) {
-    auto socket = connectAndAuthenticate(path);
-    if (!socket) {
-        return reportErrno(socket.error());
-    }
-    constexpr std::uint32_t promised = 100;
-    const std::string message = callMessage("Status", 1, promised) + "not a hundred";
-    int code = 0;
-    sendAll(socket->get(), message, code);
-    if (code != 0) {
-        return report(BusFault::Broken);
+int sendHalf(const Target& target) {
+    std::vector<Kept> kept;
+    kept.emplace_back(authenticate(target));
+    if (sendAll(kept[0].number, halfACall) != 0) {
+        fail(BusFault::Broken);
     }
     print("half sent");
-    std::vector<Descriptor> sockets;
-    sockets.push_back(std::move(*socket));
-    return keep(sockets);
+    return keep(kept);
 }
 
-bool isClosed(int socket) {
+int flood(const Target& target, std::size_t calls) {
+    const BusHandle bus = authenticate(target);
+    const int socket = sd_bus_get_fd(bus.get());
+    int code = 0;
+    while (calls-- > 0 && code == 0) {
+        code = sendAll(socket, statusCall);
+    }
     pollfd waiting{socket, POLLRDHUP, 0};
     constexpr int oneSecond = 1000;
-    return poll(&waiting, 1, oneSecond) > 0;
+    const bool isDisconnected =
+        (code != 0 && code != ETIMEDOUT) || poll(&waiting, 1, oneSecond) > 0;
+    print(std::string("flood disconnected=") + text(isDisconnected));
+    return isDisconnected ? EX_PROTOCOL : 0;
 }
 
-int flood(const std::string& path, std::size_t calls) {
-    auto socket = connectAndAuthenticate(path);
-    if (!socket) {
-        return reportErrno(socket.error());
-    }
-    std::size_t sent = 0;
-    int code = 0;
-    for (; sent < calls && code == 0; ++sent) {
-        sendAll(socket->get(), callMessage("Status", static_cast<std::uint32_t>(sent + 1), 0),
-                code);
-    }
-    const bool disconnected = (code != 0 && code != ETIMEDOUT) || isClosed(socket->get());
-    print("flood sent=" + std::to_string(sent) + " disconnected=" + text(disconnected) +
-          (code == ETIMEDOUT ? " stuck=true" : ""));
-    return disconnected ? exitDisconnected : 0;
-}
-
-int garbage(const std::string& path) {
-    auto socket = connectOnce(path);
-    if (!socket) {
-        return reportErrno(socket.error());
-    }
+int sendGarbage(const Target& target) {
+    const Descriptor socket = connectTo(target);
     std::mt19937 random(std::random_device{}());
     std::string bytes(4096, '\0');
     std::ranges::generate(bytes, [&random] { return static_cast<char>(random()); });
-    int code = 0;
-    sendAll(socket->get(), bytes, code);
-    std::string line;
-    while (code == 0) {
-        code = readLine(socket->get(), line, deadlineAfter(patience));
+    bool isClosed = sendAll(socket.get(), bytes) != 0;
+    if (!isClosed) {
+        receives(socket.get(), "OK ", callLimit, isClosed);
     }
-    return reportErrno(code);
+    fail(isClosed ? ECONNRESET : ETIMEDOUT);
 }
 
-int connectThenExec(const std::string& path, const Words& words) {
-    auto socket = connectOnce(path);
-    if (!socket) {
-        return reportErrno(socket.error());
-    }
+int connectThenExec(const Target& target, const Words& words) {
+    const Descriptor socket = connectTo(target);
     constexpr int number = 3;
     // dup2(2) takes FD_CLOEXEC off the copy, but does nothing to a descriptor that is there
     // already.
-    if (socket->get() == number ? fcntl(number, F_SETFD, 0) != 0
-                                : dup2(socket->get(), number) != number) {
-        return reportErrno(errno);
+    if (socket.get() == number ? fcntl(number, F_SETFD, 0) != 0
+                               : dup2(socket.get(), number) != number) {
+        fail(errno);
     }
     fcntl(number, F_SETFL, 0);
     std::vector<char*> arguments;
@@ -447,158 +359,76 @@ int connectThenExec(const std::string& path, const Words& words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    std::fprintf(stderr, "TestCaller: %s: %s\n", arguments[0],
-                 std::generic_category().message(errno).c_str());
+    execvp(arguments.at(0), arguments.data());
+    std::perror(arguments[0]);
     return EX_UNAVAILABLE;
 }
 
-// Calls over sd-bus that the app's client does not offer.
+// ----------------------------------------------------------------- calls that the app's client
+// does not offer
 
-using Append = std::function<int(sd_bus_message* request)>;
+int append(sd_bus_message* call, char type, const std::string& word) {
+    switch (type) {
+        case 'b':
+            return sd_bus_message_append(call, "b", word != "false");
+        case 'u':
+            return sd_bus_message_append(call, "u", static_cast<unsigned>(std::stoul(word)));
+        case 'x':
+            return sd_bus_message_append(call, "x", std::int64_t{std::stoll(word)});
+        case 'd':
+            return sd_bus_message_append(call, "d", std::strtod(word.c_str(), nullptr));
+        default:
+            return sd_bus_message_append_basic(call, type, word.c_str());
+    }
+}
 
-// Connects, calls, and gives the reply, or the exit status once the failure is reported.
-std::expected<BusMessage, int> callOn(sd_bus& bus, const std::string& interface,
-                                      const std::string& member, const Append& append) {
+BusMessage newCall(sd_bus& bus, const std::string& method, const std::string& signature,
+                   const Words& arguments) {
+    const std::size_t point = method.find_last_of('.');
+    const std::string interface =
+        point == std::string::npos ? HelperBus::interface : method.substr(0, point);
     sd_bus_message* raw = nullptr;
     int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
-                                                interface.c_str(), member.c_str());
-    const BusMessage request(raw);
-    if (result >= 0) {
-        result = append(raw);
+                                                interface.c_str(), method.c_str() + point + 1);
+    BusMessage call(raw);
+    for (std::size_t i = 0; i < signature.size() && result >= 0; ++i) {
+        result = append(raw, signature[i], arguments.at(i));
     }
     if (result < 0) {
-        usage("no such message can be made: " + std::generic_category().message(-result));
+        throw std::invalid_argument("no such message can be made");
     }
-    auto reply = callWithin(deadlineAfter(patience), bus, *request);
-    if (!reply) {
-        return std::unexpected(report(reply.error()));
-    }
-    if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
-        return std::unexpected(report(HelperFailures::Rejected{
-            error->name, error->message == nullptr ? "" : error->message}));
-    }
-    return std::move(*reply);
+    return call;
 }
 
-// The bus must outlive what is read from its messages.
-struct Answered {
-    BusHandle bus;
-    BusMessage reply;
-};
-
-std::expected<Answered, int> call(Descriptor socket, const std::string& interface,
-                                  const std::string& member, const Append& append) {
-    auto bus = openBus(std::move(socket));
-    if (!bus) {
-        return std::unexpected(reportErrno(bus.error()));
-    }
-    auto reply = callOn(**bus, interface, member, append);
-    if (!reply) {
-        return std::unexpected(reply.error());
-    }
-    return Answered{std::move(*bus), std::move(*reply)};
-}
-
-std::expected<Answered, int> call(const std::string& path, const std::string& interface,
-                                  const std::string& member, const Append& append) {
-    auto socket = connectOnce(path);
-    if (!socket) {
-        return std::unexpected(reportErrno(socket.error()));
-    }
-    return call(std::move(*socket), interface, member, append);
-}
-
-int nothing(sd_bus_message*) { return 0; }
-
-int appendOne(sd_bus_message* request, char type, const std::string& word) {
-    switch (type) {
-        case 'y':
-            return sd_bus_message_append(request, "y", integer<std::uint8_t>(word));
-        case 'b':
-            return sd_bus_message_append(request, "b", word == "true" ? 1 : 0);
-        case 'n':
-            return sd_bus_message_append(request, "n", integer<std::int16_t>(word));
-        case 'q':
-            return sd_bus_message_append(request, "q", integer<std::uint16_t>(word));
-        case 'i':
-            return sd_bus_message_append(request, "i", integer<std::int32_t>(word));
-        case 'u':
-            return sd_bus_message_append(request, "u", integer<std::uint32_t>(word));
-        case 'x':
-            return sd_bus_message_append(request, "x", integer<std::int64_t>(word));
-        case 't':
-            return sd_bus_message_append(request, "t", integer<std::uint64_t>(word));
-        case 'd':
-            return sd_bus_message_append(request, "d", number(word));
-        case 's':
-        case 'o':
-        case 'g':
-            return sd_bus_message_append_basic(request, type, word.c_str());
-        default:
-            usage("type " + quoted({&type, 1}) + " is not supported");
-    }
-}
-
-std::string nextValue(sd_bus_message* reply, char type) {
+void addValue(std::string& line, sd_bus_message* reply, char type) {
     union {
-        std::uint8_t y;
-        std::int16_t n;
-        std::uint16_t q;
-        std::int32_t i;
-        std::uint32_t u;
-        std::int64_t x;
-        std::uint64_t t;
+        int b;
         double d;
         const char* s;
     } value{};
 
-    if (sd_bus_message_read_basic(reply, type, &value) <= 0) {
-        return "?";
-    }
-    std::array<char, 64> decimal{};
-    switch (type) {
-        case 'y':
-            return std::to_string(value.y);
-        case 'b':
-            return text(value.i != 0);
-        case 'n':
-            return std::to_string(value.n);
-        case 'q':
-            return std::to_string(value.q);
-        case 'i':
-            return std::to_string(value.i);
-        case 'u':
-            return std::to_string(value.u);
-        case 'x':
-            return std::to_string(value.x);
-        case 't':
-            return std::to_string(value.t);
-        case 'd':
-            std::snprintf(decimal.data(), decimal.size(), "%.6f", value.d);
-            return decimal.data();
-        default:
-            return value.s;
-    }
+    std::array<char, 400> decimal{};
+    sd_bus_message_read_basic(reply, type, &value);
+    std::snprintf(decimal.data(), decimal.size(), "%.6f", type == 'd' ? value.d : 0);
+    line += " ";
+    line += type == 'b' ? text(value.b != 0) : type == 'd' ? decimal.data() : value.s;
 }
 
-// Basic types and arrays of them.
-std::string values(sd_bus_message* reply) {
-    std::string line = sd_bus_message_get_signature(reply, 1);
+// Truth values, numbers, texts, and arrays of them.
+std::string textOf(sd_bus_message* reply) {
+    std::string line = std::string("reply ") + sd_bus_message_get_signature(reply, 1);
     char type = 0;
     const char* contents = nullptr;
     while (sd_bus_message_peek_type(reply, &type, &contents) > 0) {
         if (type != 'a') {
-            line.append(" ").append(nextValue(reply, type));
+            addValue(line, reply, type);
             continue;
         }
         const char element = contents[0];
-        if (sd_bus_message_enter_container(reply, 'a', contents) < 0) {
-            break;
-        }
+        sd_bus_message_enter_container(reply, 'a', contents);
         line += " [";
         while (sd_bus_message_at_end(reply, 0) == 0) {
-            line.append(" ").append(nextValue(reply, element));
+            addValue(line, reply, element);
         }
         line += " ]";
         sd_bus_message_exit_container(reply);
@@ -606,264 +436,176 @@ std::string values(sd_bus_message* reply) {
     return line;
 }
 
-int raw(const std::string& path, const Words& words) {
-    const std::string signature = words.size() > 1 ? words[1] : "";
-    if (words.size() > 2 + signature.size() ||
-        (signature.size() + 2 > words.size() && !signature.empty())) {
-        usage("raw needs one argument for each type of the signature");
+int call(Descriptor socket, const std::string& method, const std::string& signature,
+         const Words& arguments) {
+    const BusHandle bus = orFail(openBus(std::move(socket)));
+    const BusMessage request = newCall(*bus, method, signature, arguments);
+    const BusMessage reply = orFail(callWithin(deadlineAfter(callLimit), *bus, *request));
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply.get())) {
+        fail(
+            HelperFailures::Rejected{error->name, error->message == nullptr ? "" : error->message});
     }
-    const std::size_t point = words[0].find_last_of('.');
-    const bool qualified = point != std::string::npos;
-    const auto answered =
-        call(path, qualified ? words[0].substr(0, point) : HelperBus::interface,
-             qualified ? words[0].substr(point + 1) : words[0], [&](sd_bus_message* request) {
-                 int result = 0;
-                 for (std::size_t i = 0; i < signature.size() && result >= 0; ++i) {
-                     result = appendOne(request, signature[i], words[2 + i]);
-                 }
-                 return result;
-             });
-    if (!answered) {
-        return answered.error();
-    }
-    print("reply " + values(answered->reply.get()));
+    print(textOf(reply.get()));
     return 0;
 }
 
-int introspect(const std::string& path) {
-    const auto answered = call(path, "org.freedesktop.DBus.Introspectable", "Introspect", nothing);
-    if (!answered) {
-        return answered.error();
+// What becomes of one word of `talk`.
+std::string outcome(sd_bus& bus, std::string word) {
+    const bool wantsReply = !word.starts_with('!');
+    word.erase(0, wantsReply ? 0 : 1);
+    const std::size_t colon = std::min(word.find(':'), word.size());
+    const std::string signature = word.substr(std::min(colon + 1, word.size()));
+    const BusMessage request =
+        newCall(bus, word.substr(0, colon), signature, Words(signature.size(), "1"));
+    sd_bus_message_set_expect_reply(request.get(), wantsReply ? 1 : 0);
+    if (!wantsReply) {
+        return sd_bus_send(&bus, request.get(), nullptr) < 0 ? "disconnected" : "sent";
     }
-    const char* xml = nullptr;
-    if (sd_bus_message_read(answered->reply.get(), "s", &xml) <= 0) {
-        return report(BusFault::Broken);
+    const auto reply = callWithin(deadlineAfter(callLimit), bus, *request);
+    if (!reply) {
+        return "disconnected";
     }
-    print(xml);
+    const sd_bus_error* error = sd_bus_message_get_error(reply->get());
+    return error == nullptr ? sd_bus_message_get_signature(reply->get(), 1) : error->name;
+}
+
+int talk(const Target& target, const Words& words) {
+    const BusHandle bus = orFail(openBus(connectTo(target)));
+    for (const std::string& word : words) {
+        if (word.starts_with('~')) {
+            waitBefore(deadlineAfter(callLimit), Seconds{std::stod(word.substr(1))});
+        } else {
+            print(outcome(*bus, word));
+        }
+    }
     return 0;
 }
 
-int huge(const std::string& path, std::size_t megabytes) {
-    constexpr std::size_t megabyte = std::size_t{1} << 20U;
-    // A message may have 128 MiB; sd-bus makes no larger one.
-    constexpr std::size_t most = 127;
-    if (megabytes > most) {
-        usage("a message has no more than 127 megabytes");
-    }
-    const std::string appPath(megabytes * megabyte, 'x');
-    const auto answered =
-        call(path, HelperBus::interface, "Begin", [&appPath](sd_bus_message* request) {
-            return sd_bus_message_append(request, "sdd", appPath.c_str(), 2.0, 1.0);
-        });
-    if (!answered) {
-        return answered.error();
-    }
-    int ok = 0;
-    sd_bus_message_read(answered->reply.get(), "b", &ok);
-    return report("huge", HelperClient::Result<bool>(ok != 0));
+// --------------------------------------------------------------------------------- what the app
+// asks
+
+int show(const char* word, const HelperClient::Result<bool>& answer) {
+    const bool yes = orFail(answer);
+    print(std::string(word) + " " + text(yes));
+    return yes ? 0 : 1;
 }
 
-// What the app asks.
-
-int status(const HelperClient::Result<HelperStatus>& answer) {
-    if (!answer) {
-        return report(answer.error());
-    }
-    const auto& end = answer->until;
+int status(const Target& target) {
+    const HelperStatus answer = orFail(HelperClient(target.socket).status());
     std::array<char, 400> until{"none"};
-    if (end) {
-        std::snprintf(until.data(), until.size(), "%.6f", secondsSince1970(*end));
+    if (answer.until) {
+        std::snprintf(until.data(), until.size(), "%.6f", secondsSince1970(*answer.until));
     }
-    print(std::string("status holding=") + text(answer->holding) + " until=" + until.data() +
-          " locked=" + text(answer->locked));
-    return answer->holding ? 0 : 1;
+    print(std::string("status holding=") + text(answer.holding) + " until=" + until.data() +
+          " locked=" + text(answer.locked));
+    return answer.holding ? 0 : 1;
 }
-
-int useDescriptor(const Words& words) {
-    const int number = integer<int>(words[0]);
-    if (fcntl(number, F_GETFD) < 0) {
-        usage("descriptor " + words[0] + " is not open");
-    }
-    const std::map<std::string, const char*> members{
-        {"status", "Status"}, {"heartbeat", "Heartbeat"}, {"end", "End"}};
-    const auto member = members.find(words[1]);
-    if (member == members.end()) {
-        usage("use-fd takes status, heartbeat or end");
-    }
-    const bool heartbeat = words[1] == "heartbeat";
-    const auto answered = call(Descriptor(number), HelperBus::interface, member->second,
-                               [heartbeat](sd_bus_message* request) {
-                                   return heartbeat ? sd_bus_message_append(request, "b", 0) : 0;
-                               });
-    if (!answered) {
-        return answered.error();
-    }
-    print("reply " + values(answered->reply.get()));
-    return 0;
-}
-
-int bench(const std::string& path, std::size_t calls) {
-    using Microseconds = std::chrono::duration<double, std::micro>;
-    HelperClient client(path);
-    std::vector<double> taken;
-    taken.reserve(calls);
-    // The first call connects and is not counted.
-    for (std::size_t i = 0; i <= calls; ++i) {
-        const auto before = std::chrono::steady_clock::now();
-        const auto answer = client.status();
-        const Microseconds span = std::chrono::steady_clock::now() - before;
-        if (!answer) {
-            return report(answer.error());
-        }
-        if (i > 0) {
-            taken.push_back(span.count());
-        }
-    }
-    std::ranges::sort(taken);
-    std::printf("bench n=%zu median_us=%.0f p90_us=%.0f\n", calls, taken[calls / 2],
-                taken[calls * 9 / 10]);
-    return 0;
-}
-
-// The command line.
-
-struct Target {
-    std::string socket;
-    // Empty where only --socket said whom to call.
-    std::string bundle;
-};
 
 int begin(const Target& target, const Words& words, double offset) {
-    if (words[0] == "." && target.bundle.empty()) {
-        usage("this program lies in no bundle, so '.' means nothing");
-    }
+    const auto date = [&](const std::string& word) {
+        // Takes what std::stod() would refuse: numbers that are too large or too small.
+        return wallDate(offset + std::strtod(word.c_str(), nullptr));
+    };
     // Whatever holds.
-    const CommitmentSpan span{wallDate(offset + number(words[1])),
-                              wallDate(offset + number(words[2]))};
-    return report("begin", HelperClient(target.socket)
-                               .begin(words[0] == "." ? target.bundle : words[0],
-                                      [&](const HelperStatus&) { return span; }));
+    const CommitmentSpan span{date(words.at(1)), date(words.at(2))};
+    return show("begin", HelperClient(target.socket)
+                             .begin(words[0] == "." ? target.bundle : words[0],
+                                    [&](const HelperStatus&) { return span; }));
 }
 
-int heartbeat(const Target& target, const Words& words) {
-    if (!words.empty() && words[0] != "--ending") {
-        usage("heartbeat takes --ending or nothing");
-    }
-    return report("heartbeat", HelperClient(target.socket).heartbeat(!words.empty()));
-}
+// ---------------------------------------------------------------------------------- the command
+// line
 
-int liveUntilKilled() {
-    print("running");
-    while (true) {
-        pause();
-    }
-}
-
-struct Command {
-    std::size_t least;
-    std::size_t most;
-    std::function<int(const Target&, const Words&)> run;
-};
-
-constexpr std::size_t any = SIZE_MAX;
+using Command = std::function<int(const Target& target, const Words& words)>;
 
 const std::map<std::string, Command>& commands() {
+    using T = const Target&;
+    using W = const Words&;
     static const std::map<std::string, Command> table{
-        {"status",
-         {0, 0,
-          [](const Target& t, const Words&) { return status(HelperClient(t.socket).status()); }}},
+        {"status", [](T target, W) { return status(target); }},
         {"begin",
-         {3, 3,
-          [](const Target& t, const Words& w) {
-              return begin(t, w, secondsSince1970(wallNow()));
-          }}},
-        {"begin-at", {3, 3, [](const Target& t, const Words& w) { return begin(t, w, 0); }}},
-        {"heartbeat", {0, 1, heartbeat}},
-        {"end",
-         {0, 0,
-          [](const Target& t, const Words&) {
-              return report("end", HelperClient(t.socket).end());
-          }}},
-        {"introspect", {0, 0, [](const Target& t, const Words&) { return introspect(t.socket); }}},
-        {"raw", {1, any, [](const Target& t, const Words& w) { return raw(t.socket, w); }}},
-        {"bench",
-         {1, 1, [](const Target& t, const Words& w) { return bench(t.socket, count(w[0])); }}},
-        {"run", {0, 0, [](const Target&, const Words&) { return liveUntilKilled(); }}},
+         [](T target, W words) { return begin(target, words, secondsSince1970(wallNow())); }},
+        {"begin-at", [](T target, W words) { return begin(target, words, 0); }},
+        {"heartbeat",
+         [](T target, W words) {
+             return show("heartbeat", HelperClient(target.socket).heartbeat(!words.empty()));
+         }},
+        {"end", [](T target, W) { return show("end", HelperClient(target.socket).end()); }},
+        {"raw",
+         [](T target, W words) {
+             return call(
+                 connectTo(target), words.at(0), words.size() > 1 ? words[1] : "",
+                 {words.begin() + std::min<std::ptrdiff_t>(2, std::ssize(words)), words.end()});
+         }},
+        {"talk", talk},
+        {"at-once", [](T target, W) { return askAtOnce(target); }},
+        {"run",
+         [](T, W) {
+             print("running");
+             return pause();
+         }},
         {"hold",
-         {1, 1,
-          [](const Target& t, const Words& w) {
-              return openMany(t.socket, count(w[0]), "holding", connectAndAuthenticate);
-          }}},
+         [](T target, W words) {
+             return keepMany(std::stoul(words.at(0)), "holding",
+                             [&] { return Kept(authenticate(target)); });
+         }},
         {"stall",
-         {1, 1,
-          [](const Target& t, const Words& w) {
-              return openMany(t.socket, count(w[0]), "stalling", connectOnce);
-          }}},
-        {"half", {0, 0, [](const Target& t, const Words&) { return half(t.socket); }}},
+         [](T target, W words) {
+             return keepMany(std::stoul(words.at(0)), "stalling",
+                             [&] { return Kept(connectTo(target)); });
+         }},
+        {"half", [](T target, W) { return sendHalf(target); }},
         {"huge",
-         {1, 1, [](const Target& t, const Words& w) { return huge(t.socket, count(w[0])); }}},
-        {"flood",
-         {1, 1, [](const Target& t, const Words& w) { return flood(t.socket, count(w[0])); }}},
-        {"garbage", {0, 0, [](const Target& t, const Words&) { return garbage(t.socket); }}},
-        {"connect-then-exec",
-         {1, any, [](const Target& t, const Words& w) { return connectThenExec(t.socket, w); }}},
-        {"use-fd", {2, 2, [](const Target&, const Words& w) { return useDescriptor(w); }}},
+         [](T target, W words) {
+             const std::string path(std::stoul(words.at(0)) << 20U, 'x');
+             return call(connectTo(target), "Begin", "sdd", {path, "2", "1"});
+         }},
+        {"flood", [](T target, W words) { return flood(target, std::stoul(words.at(0))); }},
+        {"garbage", [](T target, W) { return sendGarbage(target); }},
+        {"connect-then-exec", connectThenExec},
+        {"use-fd",
+         [](T, W words) {
+             const std::string method = words.at(1) == "end" ? "End" : "Status";
+             return call(Descriptor(std::stoi(words.at(0))), method, "", {});
+         }},
     };
     return table;
 }
 
-// Takes "--socket PATH" off the front of `words`.
-Target takeTarget(Words& words) {
+int run(Words words) {
     Target target;
-    const auto bundle = ownBundle();
-    if (bundle) {
+    if (const auto bundle = ownBundle()) {
         target = {HelperBus::socketPath(bundle->identity.helperBundleID()), bundle->path};
     }
-    if (!words.empty() && words[0] == "--socket") {
-        if (words.size() < 2) {
-            usage("--socket needs a path");
-        }
-        target.socket = words[1];
-        words.erase(words.begin(), words.begin() + 2);
-    }
-    return target;
-}
-
-int runWords(Words words) {
-    const Target target = takeTarget(words);
-    if (words.empty()) {
-        usage("a word is missing");
-    }
-    if (words[0] == "--help" || words[0] == "-h") {
+    if (words.at(0) == "--help") {
         std::fputs(help, stdout);
         return 0;
     }
-    const auto command = commands().find(words[0]);
-    if (command == commands().end()) {
-        usage("there is no word " + quoted(words[0]));
+    if (words[0] == "--socket") {
+        target.socket = words.at(1);
+        words.erase(words.begin(), words.begin() + 2);
     }
-    words.erase(words.begin());
-    if (words.size() < command->second.least || words.size() > command->second.most) {
-        usage(quoted(command->first) + " takes other arguments");
+    const Command& command = commands().at(words.at(0));
+    if (target.socket.empty() && words[0] != "run" && words[0] != "use-fd") {
+        throw Failure{"TestCaller: in no app bundle, so --socket PATH must say which helper",
+                      EX_CONFIG};
     }
-    const bool needsSocket = command->first != "run" && command->first != "use-fd";
-    if (needsSocket && target.socket.empty()) {
-        std::fputs("TestCaller: in no app bundle, so --socket PATH must say whom to call\n",
-                   stderr);
-        return EX_CONFIG;
-    }
-    return command->second.run(target, words);
+    return command(target, {words.begin() + 1, words.end()});
 }
 
 }  // namespace
 }  // namespace halvo
 
-int main(int wordCount, char** words) {
+int main(int count, char** words) {
     halvo::PrivateGroup::setAside();
     try {
-        return halvo::runWords({words + (wordCount > 0 ? 1 : 0), words + wordCount});
-    } catch (const halvo::UsageError& error) {
-        std::fprintf(stderr, "TestCaller: %s; see TestCaller --help\n", error.message.c_str());
+        return halvo::run({words + 1, words + count});
+    } catch (const halvo::Failure& failure) {
+        halvo::print(failure.line);
+        return failure.status;
+    } catch (const std::logic_error&) {
+        // A word that is missing or no number.
+        std::fputs(halvo::help, stderr);
         return EX_USAGE;
     }
 }

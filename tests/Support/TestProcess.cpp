@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,16 +62,26 @@ Descriptor fileInMemory() {
     _exit(cannotRun);
 }
 
-[[noreturn]] void runProgram(const Start& start) {
-    std::vector<std::string> environment{start.environment};
-    if (std::ranges::none_of(environment, [](auto& entry) { return entry.starts_with("PATH="); })) {
-        environment.emplace_back("PATH=/usr/bin:/bin:/usr/sbin:/sbin");
-    }
+void setEnvironment(const Start& start) {
+    clearenv();
+    setenv("PATH", "/usr/bin:/bin:/usr/sbin:/sbin", 1);
     if (start.stopped) {
         // LeakSanitizer aborts in a process that is traced.
-        environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
+        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     }
-    execute(start.words.at(0), {start.words.begin() + 1, start.words.end()}, environment);
+    for (const std::string& variable : start.environment) {
+        const std::size_t sign = variable.find('=');
+        setenv(variable.substr(0, sign).c_str(), variable.substr(sign + 1).c_str(), 1);
+    }
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& string : strings) {
+        pointers.push_back(string.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
 }
 
 [[noreturn]] void runChild(const Start& start, const Descriptor& input, const Descriptor& output,
@@ -84,6 +93,7 @@ Descriptor fileInMemory() {
     if (!start.body) {
         // Also what the test itself has open, and the other ends of these.
         close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+        setEnvironment(start);
     }
     if (start.prepare) {
         start.prepare();
@@ -96,7 +106,9 @@ Descriptor fileInMemory() {
         raise(SIGSTOP);
     }
     if (!start.body) {
-        runProgram(start);
+        std::vector<std::string> words = start.words;
+        execv(words.at(0).c_str(), pointersTo(words).data());
+        giveUp(words[0].c_str());
     }
     started = Descriptor();
     const int status = start.body();
@@ -110,15 +122,6 @@ Start startOf(const std::function<void()>& body) {
         body();
         return ::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS;
     }};
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& string : strings) {
-        pointers.push_back(string.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 std::string wholeFile(const fs::path& path) {

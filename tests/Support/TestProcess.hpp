@@ -71,7 +71,7 @@ struct Start {
     std::optional<Person> person{};
     // The program's environment, as "NAME=VALUE"; with the usual PATH unless it has another.
     std::vector<std::string> environment{};
-    // Runs in the new process before it becomes the person's.
+    // Runs in the new process, with that environment, before it becomes the person's.
     std::function<void()> prepare{};
     // Stops right before the program begins, until goOn(): for a tracer.
     bool stopped = false;

@@ -29,4 +29,8 @@ TestReport readReport(const std::string& path);
 // itself and ignores in all that it spawns: nptl(7), posix_spawn(3).
 std::uint64_t ignoredSignals(const TestReport& report);
 
+// For main() of a program that tests start: leaves the report of its start. The status to exit
+// with.
+int reportStart(int count, char** words, char** environment);
+
 }  // namespace halvo::testing

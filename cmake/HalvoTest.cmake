@@ -1,0 +1,50 @@
+# How executables of tests are built, and their tests registered: one way for all.
+include_guard(GLOBAL)
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+# halvo_add_tests(NAME SOURCES FILE... [LIBRARIES TARGET...] [DEFINITIONS NAME="VALUE"...] [PROGRAMS TARGET...]
+#     [PRIVATE_MACHINE SUITE...])
+#
+# One executable of tests. LIBRARIES are what it links besides HalvoTestSupport; PROGRAMS are built with it, because its
+# tests start them. PRIVATE_MACHINE is handed on to halvo_register_tests().
+function(halvo_add_tests name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;DEFINITIONS;PROGRAMS;PRIVATE_MACHINE")
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name}
+        PRIVATE ${arg_LIBRARIES} HalvoTestSupport GTest::gmock GTest::gtest GTest::gtest_main)
+    # g++ 12 sees an overlap in "text" + std::string(...) where there is none (its bug 105651).
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+    target_compile_definitions(${name} PRIVATE ${arg_DEFINITIONS})
+    if(arg_PROGRAMS)
+        add_dependencies(${name} ${arg_PROGRAMS})
+    endif()
+    halvo_register_tests(${name} PRIVATE_MACHINE ${arg_PRIVATE_MACHINE})
+endfunction()
+
+# halvo_register_tests(NAME [PREFIX TEXT] [FILTER FILTER] [PRIVATE_MACHINE SUITE...] [PROPERTIES NAME VALUE...])
+#
+# Lets ctest run each test of the executable by itself, but for what needs people, an /Applications folder and a console
+# of its own: suites that have "PrivateMachine" in their name. PRIVATE_MACHINE names those, up to that word; ctest runs
+# each in a scripts/private-machine of its own. 125 is the status of what cannot run here.
+function(halvo_register_tests name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "PREFIX;FILTER" "PRIVATE_MACHINE;PROPERTIES")
+    if(NOT arg_FILTER)
+        set(arg_FILTER "-*PrivateMachine*")
+    endif()
+    gtest_discover_tests(${name}
+        # Found when ctest starts, so that a build never runs what it has built.
+        DISCOVERY_MODE PRE_TEST
+        # The rows of some tables are no names for tests.
+        NO_PRETTY_VALUES
+        TEST_PREFIX "${arg_PREFIX}"
+        TEST_FILTER "${arg_FILTER}"
+        PROPERTIES TIMEOUT ${HALVO_TEST_LIMIT} ${arg_PROPERTIES})
+    foreach(suite IN LISTS arg_PRIVATE_MACHINE)
+        add_test(NAME ${suite}PrivateMachineTest
+            COMMAND ${PROJECT_SOURCE_DIR}/scripts/private-machine --writable ${PROJECT_BINARY_DIR}
+                -- $<TARGET_FILE:${name}> --gtest_filter=*${suite}*PrivateMachine*)
+        set_tests_properties(${suite}PrivateMachineTest PROPERTIES
+            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125)
+    endforeach()
+endfunction()
