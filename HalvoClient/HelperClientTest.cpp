@@ -22,6 +22,7 @@
 
 #include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 
