@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "HalvoPlatform/BootTime.hpp"
-#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/Support/FakeHelper.hpp"
 #include "examples/SampleApp/SampleApp.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 

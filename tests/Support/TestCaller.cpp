@@ -385,11 +385,12 @@ int append(sd_bus_message* call, char type, const std::string& word) {
 BusMessage newCall(sd_bus& bus, const std::string& method, const std::string& signature,
                    const Words& arguments) {
     const std::size_t point = method.find_last_of('.');
-    const std::string interface =
-        point == std::string::npos ? HelperBus::interface : method.substr(0, point);
+    const bool isPlain = point == std::string::npos;
+    const std::string interface = isPlain ? HelperBus::interface : method.substr(0, point);
+    const std::string member = isPlain ? method : method.substr(point + 1);
     sd_bus_message* raw = nullptr;
     int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
-                                                interface.c_str(), method.c_str() + point + 1);
+                                                interface.c_str(), member.c_str());
     BusMessage call(raw);
     for (std::size_t i = 0; i < signature.size() && result >= 0; ++i) {
         result = append(raw, signature[i], arguments.at(i));

@@ -13,9 +13,9 @@
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 #include "tools/HalvoRecords/Tool.hpp"
 
 namespace halvo::records {

@@ -108,7 +108,8 @@ Check checkOpen(Machine& machine, const Observation& seen,
 Check checkHelperFiles(const HelperFiles& files) {
     const std::string name = "helper files";
     for (const std::string& path : files.paths) {
-        if (const auto problem = RootOwnedPath::problem(path, RootOwnedPath::Item::file, files.top)) {
+        if (const auto problem =
+                RootOwnedPath::problem(path, RootOwnedPath::Item::file, files.top)) {
             return isProblem(name, printable(*problem),
                              files.risk +
                                  " Install it again, in folders of root that nobody else can "

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tests/Support/TestProcess.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/TestProcess.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
