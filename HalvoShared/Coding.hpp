@@ -155,8 +155,11 @@ class Decoder {
             return false;
         }
         auto parsed = parse(json.get_ref<const std::string&>());
-        value = parsed ? *std::move(parsed) : T{};
-        return expect(parsed.has_value(), expected, json, Kind::BadValue);
+        if (!parsed) {
+            return expect(false, expected, json, Kind::BadValue);
+        }
+        value = *std::move(parsed);
+        return true;
     }
 
     // The number, if it is a whole one, however it is spelled: 5, 5.0 and 0.5e1 are the same.
@@ -197,9 +200,10 @@ class Encoder {
                                        : fail("is none of the values that have a name");
     }
 
+    // Not for one that is absent: such a member is left out.
     template <class T>
     bool write(const std::optional<T>& value) {
-        return write(*value);
+        return write(*value);  // NOLINT(bugprone-unchecked-optional-access)
     }
 
     template <class T>

@@ -20,8 +20,9 @@ std::string problemOf(const Json::exception& exception) {
     constexpr std::size_t longest = 200;
     const bool isCut = text.size() > longest;
     text.resize(std::min(text.size(), longest));
-    const auto readable = Json(text).dump(-1, ' ', false, Json::error_handler_t::ignore);
-    return Json::parse(readable).get<std::string>() + (isCut ? "…" : "");
+    using nlohmann::json;
+    const auto readable = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);
+    return json::parse(readable).get<std::string>() + (isCut ? "…" : "");
 }
 
 // The library's own builder of a document, but for what it would round.

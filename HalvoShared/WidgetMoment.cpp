@@ -30,6 +30,7 @@ constexpr Seconds longestDay{76 * 3600};
 std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector<Day>& days,
                            const Calendar& calendar) {
     std::vector<Day> records;
+    records.reserve(dates.size());
     for (const WallDate date : dates) {
         records.push_back({date, 0, 0, 0});
     }

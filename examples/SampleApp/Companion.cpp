@@ -229,7 +229,8 @@ HelperClient::Result<HelperStatus> Companion::begin(Seconds span) {
         return before;
     }
     const auto status = client_.status();
-    if (status && status->until && *status->until < *until - hair) {
+    const auto granted = status ? status->until : std::nullopt;
+    if (granted && *granted < *until - hair) {
         display_.say("The helper allows no later end: a day after the first beginning.");
     }
     return status;

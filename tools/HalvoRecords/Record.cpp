@@ -64,6 +64,7 @@ std::string encoded(const Record& record) {
     return std::visit([](const auto& value) { return *JSON::encode(value); }, record);
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): as deep as a record is, which was decoded.
 void addLocalTimes(Json& value, const GregorianCalendar& calendar) {
     if (value.is_structured()) {
         for (Json& element : value) {

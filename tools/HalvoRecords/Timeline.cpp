@@ -25,7 +25,7 @@ std::optional<WallDate> endOf(const WidgetSnapshot::State& state) {
 std::string shortText(const WidgetSnapshot::State& state) {
     constexpr std::array<const char*, std::variant_size_v<WidgetSnapshot::State>> kinds{
         "block", "focus", "focus filter", "next", "nothing scheduled", "no blocks"};
-    const std::string kind = kinds.at(state.index());
+    std::string kind = kinds.at(state.index());
     return std::visit(
         [&kind](const auto& shown) {
             if constexpr (requires { shown.running; }) {
