@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <tuple>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/CodeSignature.hpp"
@@ -18,10 +19,13 @@ constexpr std::size_t longestExecutable = 16777216;
 constexpr const char* name = "HalvoHelper";
 constexpr const char* uncheckedName = "HalvoHelper.unchecked";
 
+// What cannot be removed lies in a folder of root's, and is replaced by the next copy.
+void removeFolder(const std::string& path) { std::ignore = removeItem(path); }
+
 // Takes the folder away when the process ends.
 void removeAtExit(const std::string& path) {
     static std::string& place = *new std::string;
-    [[maybe_unused]] static const int once = std::atexit([] { (void)removeItem(place); });
+    [[maybe_unused]] static const int once = std::atexit([] { removeFolder(place); });
     place = path;
 }
 
@@ -51,7 +55,7 @@ std::expected<std::string, std::string> make(const std::string& executable,
     const std::string unchecked = place + "/" + uncheckedName;
     if (const auto checked = checkCodeSignature(unchecked, identity.helperRequirement());
         !checked) {
-        (void)removeItem(place);
+        removeFolder(place);
         return std::unexpected(checked.error());
     }
     // Only now: what the last opening has started may not yet have come to its execve(2).
@@ -62,6 +66,6 @@ std::expected<std::string, std::string> make(const std::string& executable,
     return copy;
 }
 
-void remove(const HelperIdentity& identity) { (void)removeItem(folder(identity)); }
+void remove(const HelperIdentity& identity) { removeFolder(folder(identity)); }
 
 }  // namespace halvo::HelperCopy

@@ -87,6 +87,7 @@ void checkFiles(const Call& call) {
 void show(Call& call) {
     checkFiles(call);
     std::vector<std::pair<std::string, std::optional<RecordKind>>> targets;
+    targets.reserve(call.operands.size() + 2);
     for (const std::string& file : call.operands) {
         targets.emplace_back(file, call.kind);
     }
@@ -165,7 +166,7 @@ std::string linkJSON(const HalvoLink& link) {
 }
 
 void makeLink(Call& call) {
-    HalvoLink link{*call.screen};
+    HalvoLink link{*call.screen};  // NOLINT(bugprone-unchecked-optional-access): --to is required
     if (!call.operands.empty() || call.isJSON) {
         throw CLI::ExcludesError("--to", call.isJSON ? "--json" : "URL");
     }
@@ -388,7 +389,7 @@ Examples:
         ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
         ->type_name("N");
     addGroup(command, call);
-    addJSON(command, call, "an object with the list \"dates\" and with \"reload\"");
+    addJSON(command, call, R"(an object with the list "dates" and with "reload")");
 }
 
 // The words before "--" as the parser takes them: the last one first, and an empty value as a word

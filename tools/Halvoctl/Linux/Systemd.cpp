@@ -22,7 +22,17 @@ constexpr const char* serviceInterface = "org.freedesktop.systemd1.Service";
 constexpr const char* socketInterface = "org.freedesktop.systemd1.Socket";
 
 struct Free {
-    void operator()(char* text) const { std::free(text); }  // as libsystemd made it
+    // As libsystemd made them. NOLINTBEGIN(*-no-malloc)
+    void operator()(char* text) const { std::free(text); }
+
+    void operator()(char** texts) const {
+        for (char** each = texts; *each != nullptr; ++each) {
+            std::free(*each);
+        }
+        std::free(static_cast<void*>(texts));
+    }
+
+    // NOLINTEND(*-no-malloc)
 
     // Without a flush, which would wait for a peer that does not read.
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
@@ -84,11 +94,11 @@ class Conversation {
             return sd_bus_get_property_strv(bus_.get(), destination, path.c_str(), interface, name,
                                             error, &values);
         });
+        const std::unique_ptr<char*, Free> owner(values);
         std::vector<std::string> found;
         for (char** each = values; each != nullptr && *each != nullptr; ++each) {
-            found.emplace_back(Text(*each).get());
+            found.emplace_back(*each);
         }
-        std::free(values);
         return found;
     }
 
