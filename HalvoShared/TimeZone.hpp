@@ -12,8 +12,8 @@ namespace halvo {
 
 // From `begin` on, clocks are `offset` ahead of UTC.
 struct OffsetChange {
-    std::chrono::sys_seconds begin;
-    std::chrono::seconds offset;
+    std::chrono::sys_seconds begin{};
+    std::chrono::seconds offset{};
 
     bool operator==(const OffsetChange&) const = default;
 };
