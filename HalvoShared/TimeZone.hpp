@@ -12,7 +12,7 @@ namespace halvo {
 
 // From `begin` on, clocks are `offset` ahead of UTC.
 struct OffsetChange {
-    std::chrono::sys_seconds begin{};
+    std::chrono::sys_seconds begin;
     std::chrono::seconds offset{};
 
     bool operator==(const OffsetChange&) const = default;

@@ -2,13 +2,13 @@
 
 #import <Foundation/Foundation.h>
 #include <pthread.h>
-#include <sys/stat.h>
 
 #include <csignal>
 #include <expected>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -66,9 +66,10 @@ std::optional<HelperIdentity> ownIdentity() {
 // ("/Applications" is the admin group's); chflags(2), SF_IMMUTABLE.
 bool isPinned(const std::string& executable, const std::string& bundle) {
     const std::filesystem::path folder = std::filesystem::path(bundle).parent_path();
-    struct stat status{};
-    return executable.starts_with(bundle + "/") && lstat(folder.c_str(), &status) == 0 &&
-           S_ISDIR(status.st_mode) &&
+    std::error_code missing;
+    return executable.starts_with(bundle + "/") &&
+           // A link could be followed to a folder that others can put in another's place.
+           std::filesystem::is_directory(std::filesystem::symlink_status(folder, missing)) &&
            !RootOwnedPath::problem(folder.parent_path(), RootOwnedPath::Item::folder) &&
            ChflagsFileFlags(ItemFlag::systemImmutable).state(bundle) == LockState::locked &&
            !RootOwnedPath::problem(executable, RootOwnedPath::Item::file, bundle);

@@ -204,6 +204,17 @@ TEST_F(LiveOpenerPrivateMachineTest, StartsALockedBundleOfRootsInAFolderOfAdmins
     }
     EXPECT_EQ(program(bundle), helper);
     EXPECT_EQ(fake::world().log.size(), 1U);
+
+    const std::string link = "/Link";
+    std::filesystem::create_directory_symlink(applications, link);
+    // The stand-in keeps flags by path.
+    ASSERT_TRUE(flags.setLocked(true, link + "/Halvo.app"));
+    LiveOpener linked{link + helper.substr(applications.size())};
+    fake::world().launches.clear();
+    linked.open(link + "/Halvo.app", 501, false);
+    std::filesystem::remove(link);
+    ASSERT_EQ(fake::world().launches.size(), 1U);
+    EXPECT_EQ(fake::world().launches[0].arguments.at(2), copy) << "the folder is a link";
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, StartsNothingWhenItsCopyIsNotSignedAsTheHelperMustBe) {

@@ -84,18 +84,17 @@ Outcome failure(int status, const std::string& problem) {
 }
 
 // The command line, and what it said.
-class CommandLine {
-  public:
+struct CommandLine {
     CommandLine() {
-        app_.set_help_flag("-h,--help", "print this text");
-        app_.set_version_flag("--version", std::string("halvoctl ") + version, "print the version");
-        app_.require_subcommand(1);
-        const auto formatter = app_.get_formatter();
+        for (CLI::App* command : {&parser, status, doctor, release}) {
+            command->set_help_flag("-h,--help", "print this text");
+        }
+        parser.set_version_flag("--version", std::string("halvoctl ") + version,
+                                "print the version");
+        parser.require_subcommand(1);
+        const auto formatter = parser.get_formatter();
         formatter->label("SUBCOMMAND", "COMMAND");
         formatter->column_width(17);
-        status = add("status", "say what holds, for whom and until when", statusFooter);
-        doctor = add("doctor", "look whether everything is installed as it must be", doctorFooter);
-        release = add("release", "let go of what holds, as root", releaseFooter);
         for (CLI::App* command : {status, doctor}) {
             command->add_flag("--json", asJSON, "print one JSON object, with its keys sorted");
         }
@@ -106,20 +105,20 @@ class CommandLine {
                           "leave the helper stopped: before it is removed");
         release->add_flag("--bundle-gone", releaseOptions.isBundleGone,
                           "forget the lock of a bundle that is gone for good");
-        app_.footer(footer);
+        parser.footer(footer);
     }
 
     // Returns how the program ends where `words` ask for no command to be carried out.
     std::optional<Outcome> parse(const std::vector<std::string>& words) {
         try {
-            app_.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+            parser.parse(std::vector<std::string>(words.rbegin(), words.rend()));
             return std::nullopt;
         } catch (const CLI::Success& asked) {
             std::ostringstream output;
-            app_.exit(asked, output);
+            parser.exit(asked, output);
             return Outcome{ExitStatus::fine, output.str(), ""};
         } catch (const CLI::ParseError& error) {
-            const auto unknown = app_.remaining(true);
+            const auto unknown = parser.remaining(true);
             return failure(ExitStatus::usage,
                            records::printable(unknown.empty() ? error.what()
                                                               : "Unknown command or option '" +
@@ -128,22 +127,21 @@ class CommandLine {
         }
     }
 
-    CLI::App* status;
-    CLI::App* doctor;
-    CLI::App* release;
+    CLI::App parser{purpose, "halvoctl"};
+    CLI::App* status = add("status", "say what holds, for whom and until when", statusFooter);
+    CLI::App* doctor =
+        add("doctor", "look whether everything is installed as it must be", doctorFooter);
+    CLI::App* release = add("release", "let go of what holds, as root", releaseFooter);
     bool asJSON = false;
     std::optional<std::string> app;
     ReleaseOptions releaseOptions;
 
-  private:
     CLI::App* add(const char* name, const char* description, const char* more) {
-        CLI::App* command = app_.add_subcommand(name, description);
+        CLI::App* command = parser.add_subcommand(name, description);
         command->group("Commands");
         command->footer(more);
         return command;
     }
-
-    CLI::App app_{purpose, "halvoctl"};
 };
 
 }  // namespace
