@@ -80,6 +80,10 @@ class BootedMachine {
     // The same for a line of shell.
     std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
 
+    // Starts the unit; a second time where systemd had removed its control group meanwhile, which
+    // it may do on a busy machine to a unit that was stopped shortly before.
+    void start(const std::string& unit) const;
+
     // Starts a program within the session and does not wait for it; its output goes to the file
     // "output" of the person's home.
     void startIn(const std::string& session, const std::vector<std::string>& words) const;

@@ -42,7 +42,7 @@ TEST_F(Service, LetsGoOfTheLockWhileItIsStoppedAndNeitherLosesNorGivesTime) {
     // Long enough to be told from what the test itself takes.
     EXPECT_TRUE(always(Seconds{8}, [&] { return !machine.isLocked(); }));
     EXPECT_EQ(remaining(), stored) << "somebody wrote while nothing ran";
-    machine.must({"systemctl", "start", Unit::service});
+    machine.start(Unit::service);
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
     const double taken = 1500 - remaining();
     const double passed = (timeNow() - begun).count();
