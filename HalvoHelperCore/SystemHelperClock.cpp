@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {

@@ -8,7 +8,7 @@
 #include <tuple>
 #include <utility>
 
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TestProcess.hpp"
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "HalvoPlatform/LockFile.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {
