@@ -12,8 +12,8 @@ constexpr const char* inBundleIDs =
 
 bool isBundleID(std::string_view text) {
     constexpr std::size_t longest = 200;
-    return !text.empty() && text.size() <= longest && text.front() != '.' &&
-           !text.contains("..") && text.find_first_not_of(inBundleIDs) == text.npos;
+    return !text.empty() && text.size() <= longest && text.front() != '.' && !text.contains("..") &&
+           text.find_first_not_of(inBundleIDs) == text.npos;
 }
 
 bool isTeamID(std::string_view text) {

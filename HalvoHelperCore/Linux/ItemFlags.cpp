@@ -56,8 +56,8 @@ int change(int item, std::uint32_t wanted) {
     const int code = errno;
     // An overlay can refuse the change and carry it out all the same: what counts is what is so.
     unsigned after = 0;
-    const bool asWanted = ioctl(item, FS_IOC_GETFLAGS, &after) == 0 &&
-                          itemFlagsOf(after, &FlagName::inode) == wanted;
+    const bool asWanted =
+        ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && itemFlagsOf(after, &FlagName::inode) == wanted;
     return asWanted ? 0 : code;
 }
 
