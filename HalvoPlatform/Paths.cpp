@@ -12,8 +12,8 @@
 namespace halvo {
 namespace {
 
-// The well-formed sequences of the Unicode Standard (table 3-7): the range of the first byte, that of
-// the second, and how many follow the first. All that follow the second are 0x80 to 0xBF.
+// The well-formed sequences of the Unicode Standard (table 3-7): the range of the first byte, that
+// of the second, and how many follow the first. All that follow the second are 0x80 to 0xBF.
 struct Form {
     unsigned char first;
     unsigned char last;
@@ -41,9 +41,8 @@ bool hasZeroByte(const std::string& path) { return path.find('\0') != std::strin
 
 bool isUTF8(std::string_view text) {
     while (!text.empty()) {
-        const auto* form = std::ranges::find_if(forms, [&text](const Form& each) {
-            return isIn(text.front(), each.first, each.last);
-        });
+        const auto* form = std::ranges::find_if(
+            forms, [&text](const Form& each) { return isIn(text.front(), each.first, each.last); });
         if (form == forms.end() || text.size() <= form->following) {
             return false;
         }

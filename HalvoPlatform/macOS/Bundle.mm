@@ -54,7 +54,8 @@ std::optional<InfoDictionary> Bundle::info() const {
         for (NSString* name in members) {
             id member = members[name];
             const auto key = textOf(name);
-            const auto text = [member isKindOfClass:[NSString class]] ? textOf(member) : std::nullopt;
+            const auto text =
+                [member isKindOfClass:[NSString class]] ? textOf(member) : std::nullopt;
             if (key && text) {
                 info.insert_or_assign(*key, *text);
             }
