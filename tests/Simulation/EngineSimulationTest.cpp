@@ -8,24 +8,29 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
+#include <functional>
+#include <initializer_list>
 #include <iomanip>
 #include <iostream>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
-#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tests/Simulation/Expectation.hpp"
+#include "HalvoHelperCore/HelperEngine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {
 namespace {
+
+using Lift = HelperEngine::Lift;
 
 constexpr std::size_t eventsPerRun = 250;
 constexpr std::size_t eventsInReport = 40;
@@ -35,6 +40,254 @@ constexpr Seconds nothing{0};
 constexpr Seconds day{24 * 60 * 60};
 constexpr Seconds checkpointGap{60};
 constexpr std::size_t eighthsPerHour = std::size_t{8} * 60 * 60;
+
+// --- What must be so, told from the rules and not from the engine.
+
+constexpr Seconds silence{6};
+constexpr Seconds reopenGap{15};
+constexpr Seconds sessionEndGrace{90};
+constexpr int temporaryFailure = 75;
+
+// By its text alone; the bundles of the simulation have no other traps in their paths.
+bool isBundle(const std::string& path) { return path.starts_with('/') && path.ends_with(".app"); }
+
+bool isInApplications(const std::string& path) {
+    return std::filesystem::path(path).parent_path().filename() == "Applications";
+}
+
+// The commitment that must be held, with both budgets counted down as time passes.
+struct ExpectedCommitment {
+    std::string appPath;
+    std::uint32_t uid{};
+    WallDate startedWall;
+    Seconds remaining{};
+    Seconds cap{};
+    bool locked{};
+
+    bool operator==(const ExpectedCommitment&) const = default;
+
+    [[nodiscard]] Seconds left() const { return std::min(remaining, cap); }
+
+    [[nodiscard]] bool isLive() const { return left() > Seconds{0}; }
+
+    // Whether `record`, as of `now`, is this commitment with this time left. Its lock is not
+    // looked at.
+    [[nodiscard]] bool matches(const HelperCommitment& record, const ClockReading& now) const;
+};
+
+// What a stored record is worth at `now`: within one boot the time since its checkpoint is charged.
+// After a reboot it is the larger of what the wall clock says and the time that the machine has
+// been up, and a day after the start by the wall clock everything is over.
+ExpectedCommitment worthOf(const HelperCommitment& record, const ClockReading& now) {
+    ExpectedCommitment worth{record.appPath,   record.uid,          record.startedWall,
+                             record.remaining, record.capRemaining, record.locked};
+    const bool sameBoot = record.checkpoint.bootID == now.bootID;
+    const Seconds charged =
+        sameBoot ? now.sinceBoot - record.checkpoint.sinceBoot
+                 : std::max({now.wall - record.checkpoint.wall, now.sinceBoot, nothing});
+    worth.remaining -= charged;
+    worth.cap -= charged;
+    if (!sameBoot) {
+        worth.cap = std::min(worth.cap, record.startedWall + day - now.wall);
+    }
+    return worth;
+}
+
+bool ExpectedCommitment::matches(const HelperCommitment& record, const ClockReading& now) const {
+    ExpectedCommitment worth = worthOf(record, now);
+    worth.locked = locked;
+    return worth == *this;
+}
+
+struct BeginRequest {
+    std::string appPath;
+    WallDate until;
+    WallDate started;
+    HelperPeer peer;
+};
+
+// Follows an engine through its operations and says what each must bring about. Reads the world as
+// it is before the operation. Every time is exact: spans are multiples of an eighth of a second.
+class Expectation {
+  public:
+    explicit Expectation(const SimulatedWorld& world) : world_(world) {}
+
+    std::optional<ExpectedCommitment> held;
+    std::optional<HelperEngine::Lift> lastLift;
+
+    // Time passes within one boot, whether or not an engine runs.
+    void timePasses(Seconds span) {
+        if (held) {
+            held->remaining -= span;
+            held->cap -= span;
+        }
+    }
+
+    void startup() {
+        held.reset();
+        lastLift.reset();
+        started_ = now();
+        consoleSince_ = now();
+        console_ = world_.session.console;
+        heard_ = seen_ = opened_ = announced_ = std::nullopt;
+        if (const auto* record = world_.store.commitment()) {
+            held = worthOf(*record, world_.clock.now());
+            if (!held->isLive()) {
+                lift(Lift::expiredAtStartup);
+            }
+        } else if (!world_.store.isEmpty()) {
+            lastLift = Lift::unreadableAtStartup;
+        }
+    }
+
+    bool begin(const BeginRequest& request) {
+        unlockedPath_.clear();
+        if (!isBundle(request.appPath) || request.peer.bundlePath != request.appPath) {
+            return false;
+        }
+        if (held && !held->isLive()) {
+            lift(Lift::deadline);
+        }
+        if (held && held->uid != request.peer.uid) {
+            return false;
+        }
+        const WallDate wall = world_.clock.now().wall;
+        ExpectedCommitment next{request.appPath,
+                                request.peer.uid,
+                                request.started,
+                                request.until - wall,
+                                request.started + day - wall,
+                                false};
+        if (held) {
+            next.startedWall = held->startedWall;
+            next.cap = std::min(next.cap, held->cap);
+        }
+        if (!next.isLive()) {
+            if (held) {
+                lift(Lift::ended);
+            }
+            return false;
+        }
+        const bool keepsLock = held && held->locked && held->appPath == next.appPath;
+        next.locked = keepsLock || wouldLock(next.appPath);
+        held = next;
+        heard_ = now();
+        announced_.reset();
+        return true;
+    }
+
+    bool end(std::uint32_t uid) {
+        if (!held || held->uid != uid) {
+            return false;
+        }
+        lift(Lift::ended);
+        return true;
+    }
+
+    bool heartbeat(bool sessionEnding, std::uint32_t uid) {
+        if (!held || held->uid != uid) {
+            return false;
+        }
+        if (!held->isLive()) {
+            lift(Lift::deadline);
+            return false;
+        }
+        heard_ = now();
+        announced_ = sessionEnding ? heard_ : std::nullopt;
+        return true;
+    }
+
+    std::optional<Opening> tick() {
+        if (!held) {
+            return std::nullopt;
+        }
+        if (!held->isLive()) {
+            lift(Lift::deadline);
+            return std::nullopt;
+        }
+        return openingDue();
+    }
+
+    int terminate() const { return held && held->isLive() ? temporaryFailure : 0; }
+
+    HelperStatus status(std::uint32_t uid) const {
+        if (!held || held->uid != uid || !held->isLive()) {
+            return {};
+        }
+        return {true, world_.clock.now().wall + held->left(), held->locked};
+    }
+
+  private:
+    void lift(Lift reason) {
+        if (held->locked && !world_.flags.failsToUnlock) {
+            unlockedPath_ = held->appPath;
+        }
+        held.reset();
+        lastLift = reason;
+        heard_ = seen_ = opened_ = announced_ = std::nullopt;
+    }
+
+    bool wouldLock(const std::string& path) const {
+        const bool isFree = !world_.flags.isSet(path) || path == unlockedPath_;
+        return isInApplications(path) && world_.flags.exists(path) && isFree &&
+               !world_.flags.failsToLock && !world_.store.failsToSave && !world_.store.failsToSync;
+    }
+
+    std::optional<Opening> openingDue() {
+        const auto& person = world_.session.console;
+        if (person != console_) {
+            console_ = person;
+            consoleSince_ = now();
+            if (person != held->uid) {
+                announced_.reset();
+            }
+        }
+        if (person != held->uid || isAnnounced()) {
+            return std::nullopt;
+        }
+        // Absent times are the smallest optionals there are.
+        const std::optional<Seconds> lastSign = std::max(heard_, seen_);
+        const Seconds quietSince = std::max({started_, consoleSince_, lastSign.value_or(started_)});
+        if (now() < quietSince + silence) {
+            return std::nullopt;
+        }
+        if (world_.session.runs(held->appPath, held->uid)) {
+            seen_ = now();
+            return std::nullopt;
+        }
+        if (opened_ && now() < *opened_ + reopenGap) {
+            return std::nullopt;
+        }
+        opened_ = now();
+        const bool afterQuit = lastSign && *lastSign >= consoleSince_;
+        return Opening{held->appPath, held->uid, afterQuit, now()};
+    }
+
+    bool isAnnounced() {
+        if (announced_ && now() >= *announced_ + sessionEndGrace) {
+            announced_.reset();
+        }
+        return announced_.has_value();
+    }
+
+    [[nodiscard]] Seconds now() const { return world_.clock.now().sinceBoot; }
+
+    const SimulatedWorld& world_;
+
+    // A flag that the operation clears before it looks at the flags again.
+    std::string unlockedPath_;
+
+    // When each thing that keeps the app from being opened last happened.
+    Seconds started_{};
+    std::optional<Seconds> heard_;
+    std::optional<Seconds> seen_;
+    std::optional<Seconds> opened_;
+    std::optional<Seconds> announced_;
+    std::optional<std::uint32_t> console_;
+    Seconds consoleSince_{};
+};
+
+// --- The simulation
 
 std::string inWords(Seconds span) {
     std::ostringstream text;
@@ -49,34 +302,6 @@ std::string inWords(const std::optional<ExpectedCommitment>& held) {
                       inWords(held->left())
                 : "nothing";
 }
-
-// Chance that can be replayed. The same seed gives the same numbers on every machine and with every
-// library (SplitMix64).
-class Random {
-  public:
-    explicit Random(std::uint64_t seed) : state_(seed) {}
-
-    std::uint64_t next() {
-        state_ += 0x9E3779B97F4A7C15U;
-        std::uint64_t number = state_;
-        number = (number ^ (number >> 30U)) * 0xBF58476D1CE4E5B9U;
-        number = (number ^ (number >> 27U)) * 0x94D049BB133111EBU;
-        return number ^ (number >> 31U);
-    }
-
-    // One of 0 ..< limit.
-    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(next() % limit); }
-
-    bool chance(unsigned percent) { return below(100) < percent; }
-
-    template <class Value>
-    const Value& oneOf(std::span<const Value> values) {
-        return values[below(values.size())];
-    }
-
-  private:
-    std::uint64_t state_;
-};
 
 // Something that must always be so was not. The text says what, and what happened before.
 struct Violation : std::runtime_error {
@@ -104,7 +329,7 @@ class EngineSimulation {
         world_.session.console = anna;
     }
 
-    std::uint64_t run() {
+    std::size_t run() {
         restart();
         while (events_ < eventsPerRun) {
             happen();
@@ -126,77 +351,82 @@ class EngineSimulation {
 
     // --- Chance
 
-    Seconds eighths(std::size_t limit) {
-        return Seconds{static_cast<double>(random_.below(limit) + 1) / 8};
+    // One of 0 ..< limit.
+    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(random_() % limit); }
+
+    bool chance(unsigned percent) { return below(100) < percent; }
+
+    template <class Values>
+    auto oneOf(const Values& values) {
+        return values[below(values.size())];
     }
 
-    std::string anyBundle() { return bundles_[random_.below(bundles_.size())]; }
+    Seconds eighths(std::size_t limit) {
+        return Seconds{static_cast<double>(below(limit) + 1) / 8};
+    }
 
-    std::uint32_t anybody() { return random_.chance(75) ? anna : ben; }
+    std::string anyBundle() { return bundles_[below(bundles_.size())]; }
+
+    std::uint32_t anybody() { return chance(75) ? anna : ben; }
 
     // --- Events
 
+    using Event = void (EngineSimulation::*)();
+
+    struct Chance {
+        std::size_t percent;
+        Event event;
+    };
+
+    void oneOf(std::initializer_list<Chance> chances) {
+        std::size_t dice = below(100);
+        for (const auto& [percent, event] : chances) {
+            if (dice < percent) {
+                return (this->*event)();
+            }
+            dice -= percent;
+        }
+    }
+
     void happen() {
+        using Self = EngineSimulation;
         if (!engine_) {
-            happenWithoutEngine();
-        } else if (random_.chance(80)) {
-            happenToEngine();
+            oneOf({{50, &Self::restart},
+                   {10, &Self::powerCut},
+                   {5, &Self::damageFile},
+                   {35, &Self::happenToWorld}});
         } else {
-            happenToWorld();
-        }
-    }
-
-    void happenWithoutEngine() {
-        const std::size_t dice = random_.below(100);
-        if (dice < 50) {
-            restart();
-        } else if (dice < 60) {
-            powerCut();
-        } else if (dice < 65) {
-            damageFile();
-        } else {
-            happenToWorld();
-        }
-    }
-
-    void happenToEngine() {
-        const std::size_t dice = random_.below(100);
-        if (dice < 67) {
-            pass(Seconds{2});
-            tick();
-        } else if (dice < 73) {
-            pass(eighths(400));
-            tick();
-        } else if (dice < 82) {
-            heartbeat();
-        } else if (dice < 92) {
-            begin();
-        } else if (dice < 94) {
-            end();
-        } else if (dice < 97) {
-            terminate();
-        } else if (dice < 98) {
-            kill();
-        } else {
-            powerCut();
+            oneOf({{54, &Self::tickInTime},
+                   {5, &Self::tickLate},
+                   {7, &Self::heartbeat},
+                   {8, &Self::begin},
+                   {2, &Self::end},
+                   {2, &Self::terminate},
+                   {1, &Self::kill},
+                   {1, &Self::powerCut},
+                   {20, &Self::happenToWorld}});
         }
     }
 
     void happenToWorld() {
-        const std::array<void (EngineSimulation::*)(), 8> events{
-            &EngineSimulation::setWallClock,    &EngineSimulation::setFlagByHand,
-            &EngineSimulation::clearFlagByHand, &EngineSimulation::moveBundle,
-            &EngineSimulation::switchConsole,   &EngineSimulation::startOrQuitApp,
-            &EngineSimulation::changeWeather,   nullptr};
-        const auto event = random_.oneOf<void (EngineSimulation::*)()>(events);
-        if (event == nullptr) {
-            pass(random_.chance(50) ? eighths(800) : eighths(10 * eighthsPerHour));
-        } else {
-            (this->*event)();
-        }
-        if (engine_) {
-            check();
-        }
+        using Self = EngineSimulation;
+        const std::array events{&Self::setWallClock,  &Self::setFlagByHand, &Self::clearFlagByHand,
+                                &Self::moveBundle,    &Self::switchConsole, &Self::startOrQuitApp,
+                                &Self::changeWeather, &Self::sleep};
+        (this->*oneOf(events))();
+        check();
+    }
+
+    void sleep() { pass(chance(50) ? eighths(800) : eighths(10 * eighthsPerHour)); }
+
+    void tickInTime() {
+        pass(Seconds{2});
+        tick();
+    }
+
+    void tickLate() {
+        pass(eighths(400));
+        tick();
     }
 
     void pass(Seconds span) {
@@ -233,11 +463,10 @@ class EngineSimulation {
                                     Seconds{-3600},  Seconds{-82800}, Seconds{-86395},
                                     Seconds{-90000}, Seconds{3600}};
         BeginRequest request;
-        request.appPath = random_.chance(3) ? "/Applications/NoBundle" : anyBundle();
-        request.until = now().wall + random_.oneOf<Seconds>(lengths) + eighths(16);
-        request.started = now().wall + random_.oneOf<Seconds>(starts);
-        request.peer = {anybody(),
-                        random_.chance(95) ? std::optional(request.appPath) : std::nullopt};
+        request.appPath = chance(3) ? "/Applications/NoBundle" : anyBundle();
+        request.until = now().wall + oneOf(lengths) + eighths(16);
+        request.started = now().wall + oneOf(starts);
+        request.peer = {anybody(), chance(95) ? std::optional(request.appPath) : std::nullopt};
         operate(
             "begin " + nameOf(request.appPath) + " by " + std::to_string(request.peer.uid) +
                 " for " + inWords(request.until - now().wall) + " from " +
@@ -271,7 +500,7 @@ class EngineSimulation {
 
     void heartbeat() {
         const std::uint32_t uid = anybody();
-        const bool ending = random_.chance(15);
+        const bool ending = chance(15);
         operate(
             "heartbeat of " + std::to_string(uid) + (ending ? ", session ending" : ""),
             [&] { return expectation_.heartbeat(ending, uid); },
@@ -302,7 +531,7 @@ class EngineSimulation {
 
     // The time from the last save to the cut is lost, where the wall clock does not tell of it.
     void powerCut() {
-        const Seconds off = random_.chance(50) ? eighths(800) : eighths(20 * eighthsPerHour);
+        const Seconds off = chance(50) ? eighths(800) : eighths(20 * eighthsPerHour);
         const Seconds up = eighths(2000);
         note("power-cut for " + inWords(off) + ", up for " + inWords(up));
         engine_.reset();
@@ -313,7 +542,7 @@ class EngineSimulation {
         const auto before = onDisk();
         world_.clock.reboot(off, up);
         world_.session.quitAll();
-        if (random_.chance(40)) {
+        if (chance(40)) {
             setWallClock();
         }
         require(!isFresh || onDisk()->left() <= before->left() + lost - up,
@@ -340,7 +569,7 @@ class EngineSimulation {
     }
 
     void setWallClock() {
-        const Seconds jump = eighths(30 * eighthsPerHour) * (random_.chance(50) ? 1 : -1);
+        const Seconds jump = eighths(30 * eighthsPerHour) * (chance(50) ? 1 : -1);
         note("wall-clock " + inWords(jump));
         world_.clock.moveWallClock(jump);
     }
@@ -374,7 +603,7 @@ class EngineSimulation {
         if (!world_.flags.exists(path)) {
             note("bundle " + nameOf(path) + " comes back");
             world_.flags.add(path);
-        } else if (!world_.flags.isSet(path) && random_.chance(40)) {
+        } else if (!world_.flags.isSet(path) && chance(40)) {
             note("bundle " + nameOf(path) + " goes away");
             world_.flags.erase(path);
         }
@@ -382,7 +611,7 @@ class EngineSimulation {
 
     void switchConsole() {
         constexpr std::array<std::optional<std::uint32_t>, 4> people{anna, anna, ben, std::nullopt};
-        world_.session.console = random_.oneOf<std::optional<std::uint32_t>>(people);
+        world_.session.console = oneOf(people);
         note("console " + std::to_string(world_.session.console.value_or(0)));
     }
 
@@ -396,17 +625,17 @@ class EngineSimulation {
             note("starts: " + nameOf(path) + " of " + std::to_string(uid));
             world_.session.start(path, uid);
         }
-        world_.opener.startsApps = random_.chance(50);
+        world_.opener.startsApps = chance(50);
     }
 
     void changeWeather() {
-        world_.flags.failsToLock = random_.chance(30);
+        world_.flags.failsToLock = chance(30);
         note(std::string("weather: locks ") + (world_.flags.failsToLock ? "fail" : "succeed"));
         if (isFoul_) {
-            world_.store.failsToSave = random_.chance(30);
-            world_.store.failsToSync = random_.chance(30);
-            world_.store.failsToRemove = random_.chance(30);
-            world_.flags.failsToUnlock = random_.chance(30);
+            world_.store.failsToSave = chance(30);
+            world_.store.failsToSync = chance(30);
+            world_.store.failsToRemove = chance(30);
+            world_.flags.failsToUnlock = chance(30);
             note(std::string("weather: failing") + (world_.store.failsToSave ? " saves" : "") +
                  (world_.store.failsToSync ? " syncs" : "") +
                  (world_.store.failsToRemove ? " removals" : "") +
@@ -422,10 +651,10 @@ class EngineSimulation {
         }
         note("file-damaged");
         UnreadableCommitment rest{record->appPath, record->locked};
-        if (isFoul_ && random_.chance(30)) {
+        if (isFoul_ && chance(30)) {
             rest.appPath.reset();
         }
-        if (isFoul_ && random_.chance(30)) {
+        if (isFoul_ && chance(30)) {
             rest.locked = false;
         }
         world_.store.stored = rest;
@@ -439,8 +668,8 @@ class EngineSimulation {
     template <class Expected, class Actual>
     void operate(const std::string& what, Expected expected, Actual actual) {
         note(what);
-        if (random_.chance(2)) {
-            world_.calls.crashAt(random_.below(9) + 1);
+        if (chance(2)) {
+            world_.calls.crashAt(below(9) + 1);
         }
         const auto flagsBefore = flagsNow();
         const auto before = expectation_.held;
@@ -638,12 +867,8 @@ class EngineSimulation {
         hash(event);
     }
 
-    // FNV-1a.
     void hash(const std::string& text) {
-        for (const char character : text) {
-            trace_ = (trace_ ^ static_cast<unsigned char>(character)) * 0x100000001B3U;
-        }
-        trace_ = (trace_ ^ 0xFFU) * 0x100000001B3U;
+        trace_ = std::hash<std::string>{}(std::to_string(trace_) + text);
     }
 
     void absorbTrace() {
@@ -660,7 +885,8 @@ class EngineSimulation {
     [[nodiscard]] const ClockReading& now() const { return world_.clock.now(); }
 
     std::uint64_t seed_;
-    Random random_;
+    // Gives the same numbers on every machine.
+    std::mt19937_64 random_;
     Tally& tally_;
     bool isFoul_;
     LogCapture log_;
@@ -678,7 +904,7 @@ class EngineSimulation {
     // boot, at most as much as was lost with the power; and how old it was when it began.
     std::optional<Seconds> age_;
 
-    std::uint64_t trace_ = 0xCBF29CE484222325U;
+    std::size_t trace_ = 0;
     std::deque<std::string> recent_;
     std::size_t events_ = 0;
 };
@@ -697,7 +923,7 @@ std::uint64_t defaultRuns() { return std::getenv(seedSetting) != nullptr ? 1 : 2
 
 class EngineSimulationTest : public ::testing::Test {
   protected:
-    std::uint64_t run(std::uint64_t seed) { return EngineSimulation(seed, disk, tally).run(); }
+    std::size_t run(std::uint64_t seed) { return EngineSimulation(seed, disk, tally).run(); }
 
     TemporaryFolder disk;
     Tally tally;
