@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "HalvoClient/PrivateGroup.hpp"
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 
 namespace halvo {

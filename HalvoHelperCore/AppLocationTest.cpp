@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,70 +66,45 @@ TEST(AppLocationTest, KnowsABundlePath) {
     }
 }
 
-TEST(AppLocationTest, KnowsAPathThatCouldBeLocked) {
-    EXPECT_TRUE(AppLocation::isLockablePath("/Applications/Gone.app"));
-    EXPECT_TRUE(AppLocation::isLockablePath("/nowhere/Applications/Gone.app"));
-    EXPECT_FALSE(AppLocation::isLockablePath("/Gone.app"));
-    EXPECT_FALSE(AppLocation::isLockablePath("/Applications/Sub/Gone.app"));
-    EXPECT_FALSE(AppLocation::isLockablePath("/MyApplications/Gone.app"));
-    EXPECT_FALSE(AppLocation::isLockablePath("/Applications/Gone"));
-}
+TEST(AppLocationTest, LocksABundleDirectlyInAFolderNamedApplications) {
+    const TemporaryFolder folder;
+    const auto make = [&folder](const std::string& path) {
+        std::filesystem::create_directories(folder / path);
+        return folder / path;
+    };
+    const std::string bundle = make("Applications/Halvo.app");
+    std::filesystem::create_symlink(make("Elsewhere/Halvo.app"), folder / "Applications/Link.app");
+    writeTestFile(folder / "Applications/File.app", "");
 
-class MayLockTest : public ::testing::Test {
-  protected:
-    // Makes the folder `relativePath` and returns its path.
-    std::string makeFolder(const std::string& relativePath) const {
-        std::filesystem::create_directories(folder / relativePath);
-        return folder / relativePath;
+    struct Row {
+        std::string path;
+        bool isLockable;
+        bool mayLock;
+    };
+
+    const std::vector<Row> rows{
+        {bundle, true, true},
+        {make("Users/anna/Applications/Halvo.app"), true, true},
+        {folder / "Applications/Missing.app", true, false},
+        {folder / "Applications/File.app", true, false},
+        {folder / "Applications/Link.app", true, false},
+        {make("Applications/Sub/Halvo.app"), false, false},
+        {make("applications/Halvo.app"), false, false},
+        {make("MyApplications/Halvo.app"), false, false},
+        {make("Applications2/Halvo.app"), false, false},
+        {make("Applications.app"), false, false},
+        {make("Applications/Halvo"), false, false},
+        {bundle + "/", false, false},
+        {bundle + "/../Halvo.app", false, false},
+        {folder / "Applications//Halvo.app", false, false},
+        {bundle + "\0.app"s, false, false},
+        {"/Gone.app", false, false},
+        {"", false, false},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(AppLocation::isLockablePath(row.path), row.isLockable) << row.path;
+        EXPECT_EQ(AppLocation::mayLock(row.path), row.mayLock) << row.path;
     }
-
-    TemporaryFolder folder;
-};
-
-TEST_F(MayLockTest, ABundleDirectlyInAFolderNamedApplications) {
-    EXPECT_TRUE(AppLocation::mayLock(makeFolder("Applications/Halvo.app")));
-    EXPECT_TRUE(AppLocation::mayLock(makeFolder("Users/anna/Applications/Halvo.app")));
-}
-
-TEST_F(MayLockTest, NotDeeperInIt) {
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("Applications/Sub/Halvo.app")));
-}
-
-TEST_F(MayLockTest, NotInAFolderOfAnotherName) {
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("applications/Halvo.app")));
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("MyApplications/Halvo.app")));
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("Applications2/Halvo.app")));
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("Applications.app")));
-}
-
-TEST_F(MayLockTest, NotWhatIsMissing) {
-    makeFolder("Applications");
-    EXPECT_FALSE(AppLocation::mayLock(folder / "Applications/Halvo.app"));
-}
-
-TEST_F(MayLockTest, NotAFile) {
-    makeFolder("Applications");
-    const std::string path = folder / "Applications/Halvo.app";
-    writeTestFile(path, "");
-    EXPECT_FALSE(AppLocation::mayLock(path));
-}
-
-TEST_F(MayLockTest, NotASymbolicLink) {
-    makeFolder("Applications");
-    const std::string target = makeFolder("Elsewhere/Halvo.app");
-    const std::string path = folder / "Applications/Halvo.app";
-    ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
-    EXPECT_FALSE(AppLocation::mayLock(path));
-}
-
-TEST_F(MayLockTest, NotWhatIsNoBundlePath) {
-    const std::string path = makeFolder("Applications/Halvo.app");
-    EXPECT_FALSE(AppLocation::mayLock(makeFolder("Applications/Halvo")));
-    EXPECT_FALSE(AppLocation::mayLock(path + "/"));
-    EXPECT_FALSE(AppLocation::mayLock(folder / "Applications/../Applications/Halvo.app"));
-    EXPECT_FALSE(AppLocation::mayLock(folder / "Applications//Halvo.app"));
-    EXPECT_FALSE(AppLocation::mayLock(path + "\0.app"s));
-    EXPECT_FALSE(AppLocation::mayLock(""));
 }
 
 TEST(AppLocationTest, FindsTheBundleOfAnExecutable) {
@@ -156,6 +131,7 @@ TEST(AppLocationTest, FindsTheBundleOfAnExecutable) {
         {"/Applications/Halvo.app/Contents/XMacOS/Halvo", std::nullopt},
         {"/Applications/Halvo.app/XContents/MacOS/Halvo", std::nullopt},
         {"/Applications/Halvo.app/MacOS/Halvo", std::nullopt},
+        {"/Applications/Halvo.app/Halvo", std::nullopt},
         {"/Applications/Halvo/Contents/MacOS/Halvo", std::nullopt},
         {"/Contents/MacOS/Halvo", std::nullopt},
         {"Halvo.app/Contents/MacOS/Halvo", std::nullopt},
@@ -169,11 +145,6 @@ TEST(AppLocationTest, FindsTheBundleOfAnExecutable) {
     for (const Row& row : rows) {
         EXPECT_EQ(AppLocation::bundlePath(row.executable), row.bundle) << row.executable;
     }
-}
-
-TEST(AppLocationTest, FindsNoBundleForACallerOutsideContentsMacOS) {
-    EXPECT_EQ(AppLocation::bundlePath("/Applications/Halvo.app/Halvo"), std::nullopt);
-    EXPECT_EQ(AppLocation::bundlePath("/usr/local/bin/halvo"), std::nullopt);
 }
 
 }  // namespace

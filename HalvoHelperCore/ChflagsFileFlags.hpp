@@ -19,9 +19,8 @@ class ChflagsFileFlags final : public FileFlags {
 
     // Makes no change, and succeeds, where the flags are as asked already. False without a word
     // when there is no item; false with "Couldn't %{public}s Halvo: errno %d" in the log when the
-    // system refuses. A change is on the disk (DiskSync.hpp) when this returns; where it cannot be
-    // brought there, "Couldn't sync Halvo: errno %d" is logged and the change stands. (The flags of
-    // a symbolic link never can: ELOOP.)
+    // system refuses. A change is on the disk when this returns; where it cannot be brought there,
+    // "Couldn't sync Halvo: errno %d" is logged and the change stands.
     bool setLocked(bool locked, const std::string& path) override;
 
   private:

@@ -5,6 +5,7 @@
 #include <string>
 #include <variant>
 
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperCommitment.hpp"
 
 namespace halvo {
@@ -26,7 +27,11 @@ using StoredCommitment = std::variant<HelperCommitment, UnreadableCommitment, No
 
 // The bundle whose lock has to be taken off before `unreadable` is forgotten, if any: what stands
 // in a damaged file is believed only of a bundle that the helper may lock.
-std::optional<std::string> lockOwed(const UnreadableCommitment& unreadable);
+inline std::optional<std::string> lockOwed(const UnreadableCommitment& unreadable) {
+    const bool isOwed =
+        unreadable.locked && unreadable.appPath && AppLocation::mayLock(*unreadable.appPath);
+    return isOwed ? unreadable.appPath : std::nullopt;
+}
 
 class CommitmentStore {
   public:
@@ -39,8 +44,7 @@ class CommitmentStore {
     // logged by the implementation.
     virtual void save(const HelperCommitment& commitment) = 0;
 
-    // Stores nothing any more. A failure leaves what was there, and is logged by the
-    // implementation.
+    // Deletes what is stored. A failure leaves what was there, and is logged by the implementation.
     virtual void remove() = 0;
 };
 

@@ -1,6 +1,5 @@
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstddef>
@@ -36,62 +35,29 @@ constexpr const char* sinceBoot = "sinceBoot";
 constexpr const char* wall = "wall";
 }  // namespace key
 
-// The member `name` of `object` when it is there and of type Value, else null.
-template <class Value>
-const Value* member(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found == object.end() ? nullptr : found->template get_ptr<const Value*>();
-}
-
-std::optional<double> number(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    if (found == object.end() || !found->is_number()) {
-        return std::nullopt;
-    }
-    return found->get<double>();
-}
+double number(const Json& object, const char* name) { return object.at(name).get<double>(); }
 
 // A user id: any JSON number that is a whole one in range, however it is spelled.
-std::optional<std::uint32_t> userID(const Json& object) {
-    const auto value = number(object, key::uid);
-    constexpr double last = std::numeric_limits<std::uint32_t>::max();
-    const bool fits = value && *value >= 0 && *value <= last;  // not-a-number fits nowhere
-    if (!fits) {
-        return std::nullopt;
-    }
-    const auto user = static_cast<std::uint32_t>(*value);
-    return user == *value ? std::optional(user) : std::nullopt;
+std::optional<std::uint32_t> userID(const Json& root) {
+    const double value = number(root, key::uid);
+    const bool fits = value >= 0 && value <= std::numeric_limits<std::uint32_t>::max();
+    const auto user = static_cast<std::uint32_t>(fits ? value : 0);
+    return user == value ? std::optional(user) : std::nullopt;
 }
 
-std::optional<ClockReading> readingFrom(const Json& object) {
-    const auto found = object.find(key::checkpoint);
-    if (found == object.end() || !found->is_object()) {
-        return std::nullopt;
-    }
-    const auto* bootID = member<std::string>(*found, key::bootID);
-    const auto sinceBoot = number(*found, key::sinceBoot);
-    const auto wall = number(*found, key::wall);
-    if (bootID == nullptr || !sinceBoot || !wall) {
-        return std::nullopt;
-    }
-    return ClockReading{*bootID, Seconds{*sinceBoot}, wallDate(*wall)};
-}
-
-std::optional<HelperCommitment> commitmentFrom(const Json& object) {
-    const auto* appPath = member<std::string>(object, key::appPath);
-    const auto uid = userID(object);
-    const auto startedWall = number(object, key::startedWall);
-    const auto remaining = number(object, key::remaining);
-    const auto capRemaining = number(object, key::capRemaining);
-    const auto checkpoint = readingFrom(object);
-    const auto* locked = member<bool>(object, key::locked);
-    if (appPath == nullptr || !uid || !startedWall || !remaining || !capRemaining || !checkpoint ||
-        locked == nullptr) {
-        return std::nullopt;
-    }
-    return HelperCommitment{
-        *appPath,    *uid,   wallDate(*startedWall), Seconds{*remaining}, Seconds{*capRemaining},
-        *checkpoint, *locked};
+// Nothing, or Json::exception, where a member is missing, of another type or out of its range.
+std::optional<HelperCommitment> commitmentFrom(const Json& root) {
+    const Json& checkpoint = root.at(key::checkpoint);
+    const ClockReading reading{checkpoint.at(key::bootID).get<std::string>(),
+                               Seconds{number(checkpoint, key::sinceBoot)},
+                               wallDate(number(checkpoint, key::wall))};
+    const auto uid = userID(root);
+    return uid ? std::optional(HelperCommitment{root.at(key::appPath).get<std::string>(), *uid,
+                                                wallDate(number(root, key::startedWall)),
+                                                Seconds{number(root, key::remaining)},
+                                                Seconds{number(root, key::capRemaining)}, reading,
+                                                root.at(key::locked).get<bool>()})
+               : std::nullopt;
 }
 
 StoredCommitment decode(const std::string& bytes) {
@@ -103,16 +69,20 @@ StoredCommitment decode(const std::string& bytes) {
     if (!root.is_object()) {
         return UnreadableCommitment{};
     }
-    if (auto commitment = commitmentFrom(root)) {
-        return *std::move(commitment);
+    try {
+        if (auto commitment = commitmentFrom(root)) {
+            return *std::move(commitment);
+        }
+    } catch (const Json::exception&) {
+        // What can be saved is saved below.
     }
+    const auto appPath = root.find(key::appPath);
+    const auto locked = root.find(key::locked);
     UnreadableCommitment salvaged;
-    if (const auto* appPath = member<std::string>(root, key::appPath)) {
-        salvaged.appPath = *appPath;
+    if (appPath != root.end() && appPath->is_string()) {
+        salvaged.appPath = appPath->get<std::string>();
     }
-    if (const auto* locked = member<bool>(root, key::locked)) {
-        salvaged.locked = *locked;
-    }
+    salvaged.locked = locked != root.end() && *locked == true;
     return salvaged;
 }
 
@@ -120,18 +90,6 @@ StoredCommitment decode(const std::string& bytes) {
 // library would write null, which could not be read back.
 std::expected<std::string, std::string> encode(const HelperCommitment& commitment) {
     const ClockReading& checkpoint = commitment.checkpoint;
-    const std::array numbers{
-        std::pair{key::capRemaining, commitment.capRemaining.count()},
-        std::pair{key::remaining, commitment.remaining.count()},
-        std::pair{key::startedWall, secondsSince1970(commitment.startedWall)},
-        std::pair{key::sinceBoot, checkpoint.sinceBoot.count()},
-        std::pair{key::wall, secondsSince1970(checkpoint.wall)},
-    };
-    for (const auto& [name, value] : numbers) {
-        if (!std::isfinite(value)) {
-            return std::unexpected(std::string(name) + " is not a finite number");
-        }
-    }
     const Json root{
         {key::appPath, commitment.appPath},
         {key::capRemaining, commitment.capRemaining.count()},
@@ -144,6 +102,13 @@ std::expected<std::string, std::string> encode(const HelperCommitment& commitmen
         {key::startedWall, secondsSince1970(commitment.startedWall)},
         {key::uid, commitment.uid},
     };
+    for (const Json* object : {&root, &root[key::checkpoint]}) {
+        for (const auto& [name, value] : object->items()) {
+            if (value.is_number_float() && !std::isfinite(value.get<double>())) {
+                return std::unexpected(name + " is not a finite number");
+            }
+        }
+    }
     constexpr int indentation = 2;
     try {
         return root.dump(indentation) + "\n";
@@ -154,8 +119,6 @@ std::expected<std::string, std::string> encode(const HelperCommitment& commitmen
 
 }  // namespace
 
-FileCommitmentStore::FileCommitmentStore(std::string folder) : folder_(std::move(folder)) {}
-
 std::string FileCommitmentStore::path() const { return folder_ + "/" + fileName; }
 
 StoredCommitment FileCommitmentStore::load() {
@@ -163,10 +126,7 @@ StoredCommitment FileCommitmentStore::load() {
     if (bytes) {
         return decode(*bytes);
     }
-    if (bytes.error().code == EFBIG) {
-        return UnreadableCommitment{};
-    }
-    return NoCommitment{};
+    return bytes.error().code == EFBIG ? StoredCommitment(UnreadableCommitment{}) : NoCommitment{};
 }
 
 bool FileCommitmentStore::saveDurably(const HelperCommitment& commitment) {

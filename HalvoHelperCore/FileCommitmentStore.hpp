@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "HalvoHelperCore/CommitmentStore.hpp"
 
@@ -17,7 +18,7 @@ namespace halvo {
 class FileCommitmentStore final : public DurableCommitmentStore {
   public:
     // `folder` need not exist; save() makes it (0700) with the folders above it.
-    explicit FileCommitmentStore(std::string folder);
+    explicit FileCommitmentStore(std::string folder) : folder_(std::move(folder)) {}
 
     // A file that cannot be read at file-system level is NoCommitment; one that is there but is not
     // a whole record, or is longer than 1 MiB, is UnreadableCommitment.

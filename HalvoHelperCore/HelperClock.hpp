@@ -1,9 +1,48 @@
-// The engine's only source of time.
+// Readings of the clocks, and the engine's only source of them.
 #pragma once
 
-#include "HalvoHelperCore/ClockReading.hpp"
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "HalvoHelperCore/Hash.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
+
+// The name of one boot of the machine: a text that never changes, equal by content. Copies share
+// it, so that a clock reading, taken at every tick, allocates nothing. Any thread.
+class BootID {
+  public:
+    // The empty name.
+    BootID() = default;
+
+    BootID(std::string text) : text_(std::make_shared<const std::string>(std::move(text))) {}
+
+    BootID(const char* text) : BootID(std::string(text)) {}
+
+    [[nodiscard]] const std::string& text() const {
+        static const std::string empty;
+        return text_ == nullptr ? empty : *text_;
+    }
+
+    bool operator==(const BootID& other) const { return text() == other.text(); }
+
+  private:
+    std::shared_ptr<const std::string> text_;
+};
+
+struct ClockReading {
+    // Which boot of the machine; another one after every boot.
+    BootID bootID;
+    // Time since that boot. Nobody can set it, and it counts while the machine sleeps.
+    Seconds sinceBoot{};
+    // The wall clock, which anybody may set.
+    WallDate wall;
+
+    bool operator==(const ClockReading&) const = default;
+};
 
 class HelperClock {
   public:
@@ -14,3 +53,11 @@ class HelperClock {
 };
 
 }  // namespace halvo
+
+template <>
+struct std::hash<halvo::ClockReading> {
+    std::size_t operator()(const halvo::ClockReading& value) const {
+        return halvo::hashOf(value.bootID.text(), value.sinceBoot.count(),
+                             halvo::secondsSince1970(value.wall));
+    }
+};

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "HalvoHelperCore/ClockReading.hpp"
+#include "HalvoHelperCore/HelperClock.hpp"
 
 namespace halvo {
 

@@ -58,6 +58,8 @@ TEST(HelperCommitmentTest, CountsTheTimePassed) {
         {"rebooted, the wall clock moved back", look("boot 2", 40, -5 * hour), 40},
         {"rebooted, since-boot is larger than before", look("boot 2", uptime + 500, 20), 1500},
         {"rebooted, since-boot is zero", look("boot 2", 0, -10), 0},
+        {"rebooted, a fraction of a second ago", look("boot 2", 0.25, -10), 0.25},
+        {"rebooted, since-boot just below zero", look("boot 2", -0.001, -10), 0},
         {"rebooted, both negative", look("boot 2", -5, -60), 0},
         {"rebooted, only since-boot negative", look("boot 2", -5, 60), 60},
         {"rebooted, since-boot not a number", look("boot 2", nan, 60), 60},
@@ -77,58 +79,48 @@ TEST(HelperCommitmentTest, TrustsTwoUnnamedBootsToBeTheSame) {
     EXPECT_EQ(unnamed.elapsed(look("unknown", uptime + 30, hour)).count(), 30);
 }
 
-TEST(HelperCommitmentTest, TakesTheElapsedTimeFromTheSmallerBudget) {
-    HelperCommitment capped = commitment;
-    capped.capRemaining = Seconds{hour};
-    const ClockReading now = look("boot 1", uptime + 600, 600);
-    EXPECT_EQ(commitment.timeLeft(now).count(), 2 * hour - 600);
-    EXPECT_EQ(capped.timeLeft(now).count(), hour - 600);
+// The commitment with other budgets.
+HelperCommitment with(double remaining, double capRemaining) {
+    HelperCommitment other = commitment;
+    other.remaining = Seconds{remaining};
+    other.capRemaining = Seconds{capRemaining};
+    return other;
 }
 
-TEST(HelperCommitmentTest, OwesLessThanNothingOnceTheBudgetIsOverspent) {
-    EXPECT_EQ(commitment.timeLeft(look("boot 1", uptime + 3 * hour, 0)).count(), -hour);
-}
+const HelperCommitment capped = with(2 * hour, hour);
+const HelperCommitment generous = with(10 * day, 10 * day);
 
-TEST(HelperCommitmentTest, AppliesNoWallCapWithinOneBoot) {
-    // The wall clock shows two days more, but nobody has to believe it.
-    const ClockReading now = look("boot 1", uptime + 30, 2 * day);
-    EXPECT_EQ(commitment.timeLeft(now).count(), 2 * hour - 30);
-}
+TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
+    struct Row {
+        std::string what;
+        HelperCommitment commitment;
+        ClockReading now;
+        double left;
+    };
 
-TEST(HelperCommitmentTest, AfterARebootTheTimeLeftNeverPassesADayFromTheStart) {
-    HelperCommitment generous = commitment;
-    generous.remaining = Seconds{10 * day};
-    generous.capRemaining = Seconds{10 * day};
-    const ClockReading now = look("boot 2", 40, 20 * hour);
-    EXPECT_EQ(generous.timeLeft(now).count(), 4 * hour);
-    EXPECT_EQ(generous.timeLeft(look("boot 2", 40, day)).count(), 0);
-    EXPECT_EQ(generous.timeLeft(look("boot 2", 40, day + 5)).count(), -5);
-}
-
-TEST(HelperCommitmentTest, AClockThatWentBackIsTreatedAsAReboot) {
-    HelperCommitment generous = commitment;
-    generous.remaining = Seconds{10 * day};
-    generous.capRemaining = Seconds{10 * day};
-    EXPECT_EQ(generous.timeLeft(look("boot 1", 900, 20 * hour)).count(), 4 * hour);
-}
-
-TEST(HelperCommitmentTest, AfterARebootTheSmallestOfTheBudgetsCounts) {
-    EXPECT_EQ(commitment.timeLeft(look("boot 2", 40, 600)).count(), 2 * hour - 600);
-    HelperCommitment capped = commitment;
-    capped.capRemaining = Seconds{hour};
-    EXPECT_EQ(capped.timeLeft(look("boot 2", 40, 600)).count(), hour - 600);
-}
-
-TEST(HelperCommitmentTest, ARebootWithTheWallClockSetBackGivesNoTimeBack) {
-    const ClockReading now = look("boot 2", 40, -5 * hour);
-    EXPECT_EQ(commitment.timeLeft(now).count(), 2 * hour - 40);
+    const std::vector<Row> rows{
+        {"what was asked for", commitment, look("boot 1", uptime + 600, 600), 2 * hour - 600},
+        {"the cap", capped, look("boot 1", uptime + 600, 600), hour - 600},
+        {"less than nothing", commitment, look("boot 1", uptime + 3 * hour, 0), -hour},
+        {"no wall cap within one boot", commitment, look("boot 1", uptime + 30, 2 * day),
+         2 * hour - 30},
+        {"rebooted", commitment, look("boot 2", 40, 600), 2 * hour - 600},
+        {"rebooted, the cap", capped, look("boot 2", 40, 600), hour - 600},
+        {"rebooted, the wall clock set back", commitment, look("boot 2", 40, -5 * hour),
+         2 * hour - 40},
+        {"rebooted, a day from the start", generous, look("boot 2", 40, 20 * hour), 4 * hour},
+        {"rebooted, a day after the start", generous, look("boot 2", 40, day), 0},
+        {"rebooted, more than a day after the start", generous, look("boot 2", 40, day + 5), -5},
+        {"since-boot went back: as after a reboot", generous, look("boot 1", 900, 20 * hour),
+         4 * hour},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(row.commitment.timeLeft(row.now).count(), row.left) << row.what;
+    }
 }
 
 TEST(HelperCommitmentTest, IsLiveWhileAnythingIsLeft) {
     EXPECT_TRUE(commitment.isLive(look("boot 1", uptime + 2 * hour - 0.001, 0)));
-}
-
-TEST(HelperCommitmentTest, IsNotLiveWithExactlyNothingLeft) {
     EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * hour, 0)));
     EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * hour + 1, 0)));
 }
@@ -141,64 +133,42 @@ TEST(HelperCommitmentTest, EndsWhenTheTimeLeftWillHavePassedOnTheWallClock) {
 }
 
 TEST(HelperCommitmentTest, RebasingChargesBothBudgetsAndMovesTheCheckpoint) {
-    const ClockReading now = look("boot 1", uptime + 600, -hour);
-    HelperCommitment expected = commitment;
-    expected.remaining = Seconds{2 * hour - 600};
-    expected.capRemaining = Seconds{day - 600};
-    expected.checkpoint = now;
-    EXPECT_EQ(commitment.rebased(now), expected);
-}
+    struct Row {
+        HelperCommitment before;
+        ClockReading now;
+        HelperCommitment after;
+    };
 
-TEST(HelperCommitmentTest, RebasingTwiceChargesNothingTheSecondTime) {
-    const std::vector<ClockReading> readings{look("boot 1", uptime + 600, 600),
-                                             look("boot 2", 40, 600), look("boot 1", 900, 600)};
-    for (const ClockReading& now : readings) {
-        const HelperCommitment once = commitment.rebased(now);
-        EXPECT_EQ(once.rebased(now), once);
-    }
-}
-
-TEST(HelperCommitmentTest, RebasingKeepsTheTimeLeft) {
-    HelperCommitment generous = commitment;
-    generous.remaining = Seconds{10 * day};
-    const std::vector<ClockReading> readings{
-        look("boot 1", uptime + 600, 600), look("boot 1", uptime + 3 * day, 0),
-        look("boot 2", 40, 600),           look("boot 2", 40, 23 * hour),
-        look("boot 2", 40, 3 * day),       look("boot 2", 40, -hour),
-        look("boot 1", 900, 22 * hour)};
-    for (const HelperCommitment& before : {commitment, generous}) {
-        for (const ClockReading& now : readings) {
-            EXPECT_EQ(before.rebased(now).timeLeft(now), before.timeLeft(now));
+    const std::vector<Row> rows{
+        {commitment, look("boot 1", uptime + 600, -hour), with(2 * hour - 600, day - 600)},
+        {with(2 * hour, 10 * day), look("boot 1", uptime + 60, 3 * day),
+         with(2 * hour - 60, 10 * day - 60)},
+        // After a reboot the cap alone is clipped.
+        {generous, look("boot 2", 40, 20 * hour), with(10 * day - 20 * hour, 4 * hour)},
+    };
+    for (const Row& row : rows) {
+        for (const bool locked : {true, false}) {
+            HelperCommitment before = row.before;
+            HelperCommitment after = row.after;
+            before.locked = after.locked = locked;
+            after.checkpoint = row.now;
+            EXPECT_EQ(before.rebased(row.now), after);
         }
     }
 }
 
-TEST(HelperCommitmentTest, RebasingAfterARebootClipsOnlyTheCap) {
-    HelperCommitment generous = commitment;
-    generous.remaining = Seconds{10 * day};
-    generous.capRemaining = Seconds{10 * day};
-    const HelperCommitment after = generous.rebased(look("boot 2", 40, 20 * hour));
-    EXPECT_EQ(after.remaining.count(), 10 * day - 20 * hour);
-    EXPECT_EQ(after.capRemaining.count(), 4 * hour);
-    EXPECT_EQ(after.checkpoint, look("boot 2", 40, 20 * hour));
-}
-
-TEST(HelperCommitmentTest, RebasingWithinOneBootClipsNothing) {
-    HelperCommitment generous = commitment;
-    generous.capRemaining = Seconds{10 * day};
-    const HelperCommitment after = generous.rebased(look("boot 1", uptime + 60, 3 * day));
-    EXPECT_EQ(after.capRemaining.count(), 10 * day - 60);
-}
-
-TEST(HelperCommitmentTest, RebasingChangesNothingElse) {
-    for (const bool locked : {true, false}) {
-        HelperCommitment before = commitment;
-        before.locked = locked;
-        const HelperCommitment after = before.rebased(look("boot 2", 40, 600));
-        EXPECT_EQ(after.appPath, before.appPath);
-        EXPECT_EQ(after.uid, before.uid);
-        EXPECT_EQ(after.startedWall, before.startedWall);
-        EXPECT_EQ(after.locked, locked);
+TEST(HelperCommitmentTest, RebasingKeepsTheTimeLeftAndChargesNothingTheSecondTime) {
+    const std::vector<ClockReading> readings{
+        look("boot 1", uptime + 600, 600), look("boot 1", uptime + 3 * day, 0),
+        look("boot 2", 40, 600),           look("boot 2", 40, 23 * hour),
+        look("boot 2", 40, 3 * day),       look("boot 2", 40, -hour),
+        look("boot 1", 900, 600),          look("boot 1", 900, 22 * hour)};
+    for (const HelperCommitment& before : {commitment, with(10 * day, day)}) {
+        for (const ClockReading& now : readings) {
+            const HelperCommitment once = before.rebased(now);
+            EXPECT_EQ(once.timeLeft(now), before.timeLeft(now));
+            EXPECT_EQ(once.rebased(now), once);
+        }
     }
 }
 

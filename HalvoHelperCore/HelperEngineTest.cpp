@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "HalvoHelperCore/HelperEngine.hpp"
@@ -17,12 +20,12 @@
 namespace halvo {
 namespace {
 
+using namespace std::string_literals;
 using testing::Crash;
 using testing::LogCapture;
-using testing::Opening;
 using testing::SimulatedWorld;
-using Calls = std::vector<std::string>;
 using Lift = HelperEngine::Lift;
+using Limits = std::numeric_limits<double>;
 
 constexpr Seconds second{1};
 constexpr Seconds minute{60};
@@ -33,15 +36,35 @@ constexpr Seconds day{86400};
 constexpr std::uint32_t anna = 501;
 constexpr std::uint32_t ben = 502;
 
-constexpr const char* refusedBundle = "Refused a begin for a bundle that isn't the caller's own";
-constexpr const char* refusedPerson = "Refused a begin while another person's Ultra Hard mode runs";
+constexpr const char* refusedBundle =
+    "error: Refused a begin for a bundle that isn't the caller's own";
+constexpr const char* refusedPerson =
+    "error: Refused a begin while another person's Ultra Hard mode runs";
 constexpr const char* lockedAgain = "Locked Halvo's app again";
 constexpr const char* opening = "Halvo isn't running during Ultra Hard mode; opening it";
+constexpr const char* unreadable = "error: The state file couldn't be read; everything was lifted";
+
+std::string holding(long seconds) {
+    return "Holding Ultra Hard mode for " + std::to_string(seconds) + " s";
+}
+
+std::string holdingAnother(long seconds) {
+    return "Holding Ultra Hard mode for another " + std::to_string(seconds) + " s";
+}
+
+std::string letGo(const char* reason) { return std::string("Ultra Hard mode let go: ") + reason; }
+
+std::string joined(const std::vector<std::string>& parts) {
+    std::string all;
+    for (const std::string& part : parts) {
+        all += (all.empty() ? "" : ", ") + part;
+    }
+    return all;
+}
 
 // A machine with Anna at the console, and an engine that has started up on it.
-class HelperEngineTest : public ::testing::Test {
-  protected:
-    HelperEngineTest() {
+struct Machine {
+    Machine() {
         world.session.console = anna;
         restart();
     }
@@ -54,18 +77,34 @@ class HelperEngineTest : public ::testing::Test {
 
     [[nodiscard]] WallDate now() const { return world.clock.now().wall; }
 
-    // The caller is `uid`, from the bundle that it asks for.
-    bool begin(const std::string& path, Seconds length, std::uint32_t uid = anna) {
-        return engine->begin(path, now() + length, now(), {uid, path});
+    // The caller is `uid`, from the bundle that it asks for; `started` is counted from now.
+    bool begin(const std::string& path, Seconds length, std::uint32_t uid = anna,
+               Seconds started = {}) {
+        return engine->begin(path, now() + length, now() + started, {uid, path});
     }
 
-    bool beginFrom(WallDate started, WallDate until, std::uint32_t uid = anna) {
-        return engine->begin(app, until, started, {uid, app});
+    bool end(std::uint32_t uid = anna) { return engine->end({uid, std::nullopt}); }
+
+    bool heartbeat(std::uint32_t uid = anna, bool sessionEnding = false) {
+        return engine->heartbeat(sessionEnding, {uid, app});
     }
 
-    [[nodiscard]] HelperPeer peer(std::uint32_t uid = anna) const { return {uid, app}; }
+    [[nodiscard]] HelperStatus status(std::uint32_t uid = anna) const {
+        return engine->status({uid, app});
+    }
 
-    // What is held, and the same on the disk.
+    void tickAfter(Seconds span) {
+        world.clock.advance(span);
+        engine->tick();
+    }
+
+    // Begins, and then lets all of the time pass, and an hour more.
+    void beginAndExpire(std::uint32_t uid = anna) {
+        begin(app, minute, uid);
+        world.clock.advance(hour);
+    }
+
+    // What is held.
     const HelperCommitment& held() {
         static const HelperCommitment none;
         EXPECT_TRUE(engine->commitment().has_value());
@@ -78,9 +117,28 @@ class HelperEngineTest : public ::testing::Test {
         world.calls.clear();
     }
 
-    void expectIdle() {
+    // What was called of the collaborators since then, what of that changes anything, and what was
+    // said; each in order, with ", " in between.
+    [[nodiscard]] std::string calls() const { return joined(world.calls.calls()); }
+
+    [[nodiscard]] std::string changes() const { return joined(world.calls.changes()); }
+
+    [[nodiscard]] std::string said() const {
+        std::vector<std::string> lines;
+        for (const auto& [level, text] : log.messages()) {
+            lines.push_back((level == LogLevel::Error ? "error: " : "") + text);
+        }
+        return joined(lines);
+    }
+
+    void expectIdle() const {
         EXPECT_TRUE(engine->isIdle());
         EXPECT_TRUE(world.store.isEmpty());
+    }
+
+    void expectNothingDone() const {
+        EXPECT_EQ(changes(), "");
+        EXPECT_EQ(said(), "");
     }
 
     LogCapture log;
@@ -90,6 +148,27 @@ class HelperEngineTest : public ::testing::Test {
     std::string deepApp = world.addBundle("Applications/Sub/Deep.app");
     std::optional<HelperEngine> engine;
 };
+
+class HelperEngineTest : public ::testing::Test, protected Machine {};
+
+// What happens to a machine.
+using Event = void (*)(Machine&);
+const Event nothing = [](Machine&) {};
+const Event appStarts = [](Machine& m) { m.world.session.start(m.app, anna); };
+const Event appQuits = [](Machine& m) { m.world.session.quit(m.app, anna); };
+const Event appStartsForBen = [](Machine& m) { m.world.session.start(m.app, ben); };
+const Event heartbeat = [](Machine& m) { EXPECT_TRUE(m.heartbeat()); };
+const Event sessionEnds = [](Machine& m) { EXPECT_TRUE(m.heartbeat(anna, true)); };
+const Event begins = [](Machine& m) { EXPECT_TRUE(m.begin(m.app, hour)); };
+const Event annaComes = [](Machine& m) { m.world.session.console = anna; };
+const Event benComes = [](Machine& m) { m.world.session.console = ben; };
+const Event everybodyLeaves = [](Machine& m) { m.world.session.console.reset(); };
+const Event ends = [](Machine& m) { EXPECT_TRUE(m.end()); };
+const Event restarts = [](Machine& m) { m.restart(); };
+const Event expires = [](Machine& m) { m.beginAndExpire(); };
+const Event beginsDeeper = [](Machine& m) { EXPECT_TRUE(m.begin(m.deepApp, hour)); };
+const Event flagIsSet = [](Machine& m) { m.world.flags.setByHand(m.app, true); };
+const Event bundleGoes = [](Machine& m) { m.world.flags.erase(m.app); };
 
 // --- Construction and collaborators
 
@@ -105,53 +184,54 @@ TEST_F(HelperEngineTest, TakesItsTimesFromTheTable) {
 TEST_F(HelperEngineTest, LooksAtTheClockAndTheConsoleOnceWhenItIsMade) {
     forget();
     const HelperEngine fresh = world.makeEngine();
-    EXPECT_EQ(world.calls.calls(), (Calls{"reading", "console"}));
+    EXPECT_EQ(calls(), "reading, console");
     EXPECT_TRUE(fresh.isIdle());
     EXPECT_EQ(fresh.lastLift(), std::nullopt);
 }
 
-TEST_F(HelperEngineTest, ReadsTheClockOncePerOperation) {
+TEST(HelperEngineOperationTest, ReadsTheClockAtMostOnce) {
     struct Row {
         const char* what;
-        void (*operate)(HelperEngine&, const HelperPeer&);
+        void (*operate)(Machine&);
         std::size_t whenIdle;
         std::size_t whenHolding;
     };
 
-    const std::vector<Row> rows{
-        {"status", [](auto& e, auto& p) { static_cast<void>(e.status(p)); }, 1, 1},
-        {"heartbeat", [](auto& e, auto& p) { e.heartbeat(false, p); }, 1, 1},
-        {"tick", [](auto& e, auto&) { e.tick(); }, 0, 1},
-        {"terminate", [](auto& e, auto&) { e.terminate(); }, 0, 1},
-        {"end", [](auto& e, auto& p) { e.end(p); }, 0, 0},
-    };
-    for (const Row& row : rows) {
-        forget();
-        row.operate(*engine, peer());
-        EXPECT_EQ(world.calls.count("reading"), row.whenIdle) << row.what;
+    for (const Row& row : std::vector<Row>{
+             {"status", [](Machine& m) { std::ignore = m.status(); }, 1, 1},
+             {"heartbeat", [](Machine& m) { m.heartbeat(); }, 1, 1},
+             {"tick", [](Machine& m) { m.engine->tick(); }, 0, 1},
+             {"terminate", [](Machine& m) { m.engine->terminate(); }, 0, 1},
+             {"end", [](Machine& m) { m.end(); }, 0, 0},
+             {"begin", [](Machine& m) { m.begin(m.app, hour); }, 1, 1},
+             {"start, after the construction", [](Machine& m) { m.restart(); }, 2, 2}}) {
+        for (const bool isHolding : {false, true}) {
+            Machine machine;
+            if (isHolding) {
+                machine.begin(machine.app, hour);
+            }
+            machine.forget();
+            row.operate(machine);
+            EXPECT_EQ(machine.world.calls.count("reading"),
+                      isHolding ? row.whenHolding : row.whenIdle)
+                << row.what;
+        }
     }
-    for (const Row& row : rows) {
-        begin(app, hour);
-        forget();
-        row.operate(*engine, peer());
-        EXPECT_EQ(world.calls.count("reading"), row.whenHolding) << row.what;
-    }
-    forget();
-    begin(app, hour);
-    EXPECT_EQ(world.calls.count("reading"), 1U);
-    forget();
-    HelperEngine fresh = world.makeEngine();
-    forget();
-    fresh.startup();
-    EXPECT_EQ(world.calls.count("reading"), 1U);
-    EXPECT_EQ(world.calls.count("load"), 1U);
 }
 
-TEST_F(HelperEngineTest, WithNothingHeldATickLooksAtNothing) {
-    forget();
-    engine->tick();
-    EXPECT_EQ(world.calls.calls(), Calls{});
-    EXPECT_TRUE(log.isEmpty());
+TEST_F(HelperEngineTest, WithNothingHeldDoesNothingNotEvenLog) {
+    for (const auto lift : {std::optional<Lift>(), std::optional(Lift::ended)}) {
+        forget();
+        engine->tick();
+        EXPECT_FALSE(end());
+        EXPECT_EQ(engine->terminate(), 0);
+        EXPECT_EQ(calls(), "");
+        EXPECT_EQ(said(), "");
+        EXPECT_EQ(engine->lastLift(), lift);
+        // The same once it has let go.
+        begin(app, hour);
+        end();
+    }
 }
 
 // --- Begin
@@ -164,316 +244,222 @@ TEST_F(HelperEngineTest, ABeginIsHeldStoredAndLocked) {
     EXPECT_EQ(world.store.stored, StoredCommitment(expected));
     EXPECT_TRUE(world.flags.isSet(app));
     EXPECT_FALSE(engine->isIdle());
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 7200 s"});
-    EXPECT_TRUE(log.errors().empty());
+    EXPECT_EQ(said(), holding(7200));
 }
 
-TEST_F(HelperEngineTest, TheRecordOwesTheUnlockBeforeTheFlagIsTouched) {
-    forget();
-    begin(app, hour);
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "lock Halvo.app", "save locked"}));
+TEST(HelperEngineBeginTest, IsGrantedUpToADayFromItsStart) {
+    struct Row {
+        double started;
+        double length;
+        // As the log says; absent when it is refused.
+        std::optional<long> granted;
+    };
+
+    const Row rows[] = {
+        {0, 90.999, 90},
+        {0, 0.5, 0},
+        {0, 259'200, 86'400},
+        {-82'800, 10'800, 3'600},
+        {18'000, 172'800, 104'400},
+        {-3'600, 6e10, 82'800},
+        {-3'600, 1e300, 82'800},
+        {-3'600, Limits::max(), 82'800},
+        {0, -10, {}},
+        {0, 0, {}},
+        {-86'400, 3'600, {}},
+        {-172'800, 3'600, {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.length);
+        Machine machine;
+        machine.forget();
+        const Seconds length{row.length};
+        const Seconds started{row.started};
+        EXPECT_EQ(machine.begin(machine.app, length, anna, started), row.granted.has_value());
+        if (!row.granted) {
+            machine.expectNothingDone();
+            machine.expectIdle();
+            EXPECT_EQ(machine.engine->lastLift(), std::nullopt);
+            continue;
+        }
+        EXPECT_EQ(machine.said(), holding(*row.granted));
+        EXPECT_EQ(machine.held().startedWall, machine.now() + started);
+        EXPECT_EQ(machine.held().remaining, machine.now() + length - machine.now());
+        EXPECT_EQ(machine.held().capRemaining, day + started);
+        EXPECT_EQ(machine.status().until,
+                  machine.now() + std::min(machine.held().remaining, day + started));
+        EXPECT_TRUE(machine.begin(machine.app, second / 4)) << "it can be shortened as any other";
+        EXPECT_EQ(machine.status().until, machine.now() + second / 4);
+    }
 }
 
-TEST_F(HelperEngineTest, TheSecondsInTheLogAreCutOff) {
-    begin(app, Seconds{90.999});
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 90 s"});
-    log.clear();
-    begin(app, Seconds{0.5});
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 0 s"});
-}
+TEST_F(HelperEngineTest, ABeginForAnythingButTheCallersOwnBundleIsRefused) {
+    struct Row {
+        std::string path;
+        std::optional<std::string> own;
+    };
 
-TEST_F(HelperEngineTest, ABeginForWhatIsNoBundlePathIsRefused) {
+    std::vector<Row> rows{{app, {}}, {app, otherApp}, {app, app + "/"}, {app, ""}};
     for (const std::string& path :
          {std::string(), std::string("Halvo.app"), std::string("/Applications/Halvo"),
-          "/Applications/../Halvo.app" + std::string(), app + "/", app + "/Contents/MacOS/Halvo"}) {
-        forget();
-        EXPECT_FALSE(engine->begin(path, now() + hour, now(), {anna, path})) << path;
-        EXPECT_EQ(log.errors(), Calls{refusedBundle});
-        EXPECT_EQ(world.calls.changes(), Calls{});
+          std::string("/Applications/../Halvo.app"), app + "/", app + "/Contents/MacOS/Halvo"}) {
+        rows.push_back({path, path});
     }
-    expectIdle();
-}
-
-TEST_F(HelperEngineTest, ABeginForAnotherBundleThanTheCallersOwnIsRefused) {
-    for (const std::optional<std::string>& own :
-         {std::optional<std::string>(), std::optional(otherApp), std::optional(app + "/"),
-          std::optional<std::string>("")}) {
+    for (const Row& row : rows) {
         forget();
-        EXPECT_FALSE(engine->begin(app, now() + hour, now(), {anna, own}));
-        EXPECT_EQ(log.errors(), Calls{refusedBundle});
-        EXPECT_EQ(world.calls.changes(), Calls{});
+        EXPECT_FALSE(engine->begin(row.path, now() + hour, now(), {anna, row.own})) << row.path;
+        EXPECT_EQ(said(), refusedBundle);
+        EXPECT_EQ(changes(), "");
+        expectIdle();
     }
-    expectIdle();
-}
-
-TEST_F(HelperEngineTest, ABeginForAForeignBundleDoesNotEvenLiftWhatHasExpired) {
-    begin(app, minute);
-    world.clock.advance(hour);
+    beginAndExpire();
     const HelperCommitment before = held();
     forget();
     EXPECT_FALSE(engine->begin(app, now() + hour, now(), {anna, otherApp}));
-    EXPECT_EQ(held(), before);
-    EXPECT_EQ(log.errors(), Calls{refusedBundle});
-    EXPECT_EQ(world.calls.changes(), Calls{});
-}
-
-TEST_F(HelperEngineTest, ABeginThatIsOverAlreadyIsFalseSavesNothingAndSaysNothing) {
-    for (const Seconds length : {second * -10, second * 0}) {
-        forget();
-        EXPECT_FALSE(begin(app, length));
-        EXPECT_EQ(world.calls.changes(), Calls{});
-        EXPECT_TRUE(log.isEmpty());
-        EXPECT_EQ(engine->lastLift(), std::nullopt);
-        expectIdle();
-    }
-}
-
-TEST_F(HelperEngineTest, ABeginThatIsOverAlreadyEndsTheCallersRunningCommitment) {
-    begin(app, hour);
-    forget();
-    EXPECT_FALSE(begin(app, second * -10));
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::ended);
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(log.notices(), Calls{"Ultra Hard mode let go: ended"});
-}
-
-TEST_F(HelperEngineTest, ABeginStartedHoursAgoIsCappedAtADayFromThen) {
-    EXPECT_TRUE(beginFrom(now() - hour * 23, now() + hour * 3));
-    EXPECT_EQ(held().capRemaining, hour);
-    EXPECT_EQ(held().remaining, hour * 3);
-    EXPECT_EQ(held().startedWall, now() - hour * 23);
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 3600 s"});
-    EXPECT_EQ(engine->status(peer()).until, now() + hour);
-}
-
-TEST_F(HelperEngineTest, ABeginStartedADayAgoIsOver) {
-    EXPECT_FALSE(beginFrom(now() - day, now() + hour));
-    EXPECT_FALSE(beginFrom(now() - day * 2, now() + hour));
-    expectIdle();
-    EXPECT_TRUE(log.isEmpty());
-}
-
-TEST_F(HelperEngineTest, ABeginOfMoreThanADayIsCapped) {
-    EXPECT_TRUE(begin(app, day * 3));
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 86400 s"});
-    world.clock.advance(day - second);
-    EXPECT_TRUE(engine->heartbeat(false, peer()));
-    world.clock.advance(second);
-    EXPECT_FALSE(engine->heartbeat(false, peer()));
-}
-
-TEST_F(HelperEngineTest, ABeginThatStartsInTheFutureMayLastLongerThanADayFromNow) {
-    EXPECT_TRUE(beginFrom(now() + hour * 5, now() + day * 2));
-    EXPECT_EQ(held().capRemaining, day + hour * 5);
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 104400 s"});
-}
-
-TEST_F(HelperEngineTest, AnExtensionKeepsTheStartAndNeverRaisesTheCap) {
-    begin(app, hour);
-    const WallDate start = now();
-    world.clock.advance(minute * 30);
-    EXPECT_TRUE(begin(app, day * 2));
-    EXPECT_EQ(held().startedWall, start);
-    EXPECT_EQ(held().remaining, day * 2);
-    EXPECT_EQ(held().capRemaining, day - minute * 30);
-    EXPECT_EQ(held().checkpoint, world.clock.now());
-    EXPECT_EQ(engine->status(peer()).until, start + day);
-}
-
-TEST_F(HelperEngineTest, NoNumberOfExtensionsPassesADayFromTheFirstStart) {
-    begin(app, hour * 10);
-    for (int hours = 0; hours < 24; ++hours) {
-        EXPECT_TRUE(begin(app, hour * 10)) << hours;
-        world.clock.advance(hour);
-    }
-    EXPECT_FALSE(engine->heartbeat(false, peer()));
-    expectIdle();
-}
-
-TEST_F(HelperEngineTest, AnExtensionIsNotHelpedBySettingTheWallClock) {
-    begin(app, hour);
-    world.clock.advance(minute);
-    world.clock.moveWallClock(hour * -10);
-    EXPECT_TRUE(begin(app, day * 2));
-    EXPECT_EQ(held().capRemaining, day - minute);
-}
-
-TEST_F(HelperEngineTest, AnExtensionStartedEarlierLowersTheCap) {
-    begin(app, hour);
-    EXPECT_TRUE(beginFrom(now() - hour * 20, now() + day));
-    EXPECT_EQ(held().capRemaining, hour * 4);
-    EXPECT_EQ(held().startedWall, now()) << "the start of the first begin stays";
-}
-
-// Dates as far away as a double can say.
-
-TEST_F(HelperEngineTest, AnEndOrAStartInTheFarPastEndsWhatIsHeld) {
-    for (const double past :
-         {-1.0, -62135769600.0, -1e300, std::numeric_limits<double>::lowest()}) {
-        begin(app, hour);
-        EXPECT_FALSE(beginFrom(now(), wallDate(past)));
-        expectIdle();
-        begin(app, hour);
-        EXPECT_FALSE(beginFrom(wallDate(past), now() + hour));
-        expectIdle();
-    }
-}
-
-TEST_F(HelperEngineTest, AnEndInTheFarFutureIsGrantedUpToTheCapAndNoLonger) {
-    for (const double future : {64092211200.0, 1e300, std::numeric_limits<double>::max()}) {
-        log.clear();
-        EXPECT_TRUE(beginFrom(now() - hour, wallDate(future)));
-        EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 82800 s"});
-        EXPECT_EQ(engine->status(peer()).until, now() + day - hour);
-        EXPECT_TRUE(begin(app, minute)) << "it can be shortened as any other";
-        EXPECT_EQ(engine->status(peer()).until, now() + minute);
-        engine->end(peer());
-    }
-}
-
-TEST_F(HelperEngineTest, AnExtensionMayShorten) {
-    begin(app, hour);
-    EXPECT_TRUE(begin(app, minute));
-    EXPECT_EQ(engine->status(peer()).until, now() + minute);
-}
-
-TEST_F(HelperEngineTest, AnExtensionLeavesTheLockAsItIs) {
-    begin(app, hour);
-    forget();
-    EXPECT_TRUE(begin(app, hour * 2));
-    EXPECT_TRUE(held().locked);
-    EXPECT_EQ(world.calls.changes(), Calls{"save locked"});
-    EXPECT_EQ(world.calls.count("state Halvo.app"), 0U);
-}
-
-TEST_F(HelperEngineTest, AnExtensionTriesToLockWhatCouldNotBeLockedBefore) {
-    world.flags.failsToLock = true;
-    begin(app, hour);
-    EXPECT_FALSE(held().locked);
-    world.flags.failsToLock = false;
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_TRUE(held().locked);
-    EXPECT_TRUE(world.flags.isSet(app));
-}
-
-TEST_F(HelperEngineTest, ABeginForAnotherBundleMovesTheLock) {
-    begin(app, hour);
-    const WallDate start = now();
-    world.clock.advance(minute);
-    forget();
-    EXPECT_TRUE(begin(otherApp, hour));
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_TRUE(world.flags.isSet(otherApp));
-    EXPECT_EQ(held().appPath, otherApp);
-    EXPECT_TRUE(held().locked);
-    EXPECT_EQ(held().startedWall, start);
-    EXPECT_EQ(held().capRemaining, day - minute);
-    EXPECT_EQ(world.calls.changes(),
-              (Calls{"unlock Halvo.app", "save locked", "lock Other.app", "save locked"}));
-}
-
-TEST_F(HelperEngineTest, ABeginForAnotherBundleClearsNoFlagThatItDidNotSet) {
-    world.flags.setByHand(app, true);
-    begin(app, hour);
-    forget();
-    EXPECT_TRUE(begin(otherApp, hour));
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_EQ(world.calls.count("unlock Halvo.app"), 0U);
-}
-
-TEST_F(HelperEngineTest, ABeginForAnotherBundleHoldsEvenIfTheOldOneStaysLocked) {
-    begin(app, hour);
-    world.flags.failsToUnlock = true;
-    EXPECT_TRUE(begin(otherApp, hour));
-    EXPECT_EQ(held().appPath, otherApp);
-    EXPECT_TRUE(held().locked);
-}
-
-TEST_F(HelperEngineTest, ABeginForABundleDeeperInApplicationsIsHeldWithoutALock) {
-    forget();
-    EXPECT_TRUE(begin(deepApp, hour));
-    EXPECT_FALSE(held().locked);
-    EXPECT_EQ(world.calls.changes(), Calls{"save unlocked"});
-    EXPECT_EQ(world.calls.count("state Deep.app"), 0U);
-    EXPECT_FALSE(world.flags.isSet(deepApp));
-}
-
-TEST_F(HelperEngineTest, ABundleThatCarriesTheFlagAlreadyIsLeftAlone) {
-    world.flags.setByHand(app, true);
-    forget();
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_FALSE(held().locked);
-    EXPECT_EQ(world.calls.changes(), Calls{"save unlocked"});
-    engine->tick();
-    engine->end(peer());
-    EXPECT_TRUE(world.flags.isSet(app)) << "what the helper did not set it never clears";
-}
-
-TEST_F(HelperEngineTest, ABundleWhoseFlagsCannotBeReadIsHeldWithoutALock) {
-    world.flags.erase(app);
-    forget();
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_FALSE(held().locked);
-    EXPECT_EQ(world.calls.changes(), Calls{"save unlocked"});
-}
-
-TEST_F(HelperEngineTest, ALockThatFailsIsLoggedAndTheCommitmentHeldWithoutIt) {
-    world.flags.failsToLock = true;
-    forget();
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_FALSE(held().locked);
-    EXPECT_FALSE(world.store.commitment()->locked);
-    EXPECT_EQ(log.errors(), Calls{"Couldn't lock Halvo's app"});
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for 3600 s"});
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "lock Halvo.app", "save unlocked"}));
+    EXPECT_EQ(held(), before) << "not even what has expired is let go";
+    EXPECT_EQ(said(), refusedBundle);
 }
 
 TEST_F(HelperEngineTest, ABeginWhileAnotherPersonsCommitmentRunsIsRefused) {
     begin(app, hour, ben);
     const HelperCommitment before = held();
     world.clock.advance(minute);
-    forget();
-    EXPECT_FALSE(begin(app, hour, anna));
-    EXPECT_EQ(log.errors(), Calls{refusedPerson});
-    EXPECT_EQ(held(), before) << "not even rebased";
-    EXPECT_EQ(world.calls.changes(), Calls{});
+    for (const Seconds length : {hour, second * -10}) {
+        forget();
+        EXPECT_FALSE(begin(app, length, anna));
+        EXPECT_EQ(said(), refusedPerson);
+        EXPECT_EQ(held(), before) << "not even rebased";
+        EXPECT_EQ(changes(), "");
+    }
 }
 
-TEST_F(HelperEngineTest, ABeginWhileAnotherPersonsCommitmentRunsIsRefusedEvenIfItIsOverAlready) {
-    begin(app, hour, ben);
-    EXPECT_FALSE(begin(app, second * -10, anna));
-    EXPECT_EQ(log.errors(), Calls{refusedPerson});
-    EXPECT_FALSE(engine->isIdle());
+TEST_F(HelperEngineTest, ABeginAfterACommitmentExpiredLetsThatGoAndStartsAnew) {
+    for (const std::uint32_t uid : {ben, anna}) {
+        beginAndExpire(uid);
+        forget();
+        EXPECT_TRUE(begin(otherApp, hour, anna));
+        EXPECT_EQ(held().uid, anna);
+        EXPECT_EQ(held().startedWall, now());
+        EXPECT_EQ(held().capRemaining, day);
+        EXPECT_EQ(engine->lastLift(), Lift::deadline);
+        EXPECT_EQ(said(), letGo("deadline") + ", " + holding(3600));
+        EXPECT_FALSE(world.flags.isSet(app));
+        EXPECT_TRUE(world.flags.isSet(otherApp));
+        end();
+    }
 }
 
-TEST_F(HelperEngineTest, ABeginAfterAnotherPersonsCommitmentExpiredLetsThatGoFirst) {
-    begin(app, minute, ben);
-    world.clock.advance(hour);
-    forget();
-    EXPECT_TRUE(begin(otherApp, hour, anna));
-    EXPECT_EQ(held().uid, anna);
-    EXPECT_EQ(held().startedWall, now());
-    EXPECT_EQ(engine->lastLift(), Lift::deadline);
-    EXPECT_EQ(log.notices(),
-              (Calls{"Ultra Hard mode let go: deadline", "Holding Ultra Hard mode for 3600 s"}));
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_TRUE(world.flags.isSet(otherApp));
+TEST(HelperEngineBeginTest, ExtendsWithTheFirstStartAndNeverRaisesTheCap) {
+    struct Row {
+        const char* what;
+        Seconds jump;
+        Seconds started;
+        Seconds length;
+        Seconds cap;
+    };
+
+    for (const Row& row : {Row{"longer than a day", {}, {}, day * 2, day - minute},
+                           Row{"shorter", {}, {}, second, day - minute},
+                           Row{"with the clock set back", hour * -10, {}, day * 2, day - minute},
+                           Row{"started earlier", {}, hour * -20, day, hour * 4}}) {
+        SCOPED_TRACE(row.what);
+        Machine machine;
+        machine.begin(machine.app, hour);
+        const WallDate start = machine.now();
+        machine.world.clock.advance(minute);
+        machine.world.clock.moveWallClock(row.jump);
+        EXPECT_TRUE(machine.begin(machine.app, row.length, anna, row.started));
+        EXPECT_EQ(machine.held().startedWall, start);
+        EXPECT_EQ(machine.held().remaining, row.length);
+        EXPECT_EQ(machine.held().capRemaining, row.cap);
+        EXPECT_EQ(machine.held().checkpoint, machine.world.clock.now());
+        EXPECT_EQ(machine.status().until, machine.now() + std::min(row.length, row.cap));
+    }
 }
 
-TEST_F(HelperEngineTest, ABeginAfterTheCallersOwnCommitmentExpiredStartsAnew) {
-    begin(app, minute);
-    world.clock.advance(hour);
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_EQ(held().startedWall, now());
-    EXPECT_EQ(held().capRemaining, day);
-    EXPECT_EQ(log.count("Ultra Hard mode let go: deadline"), 1U);
+TEST_F(HelperEngineTest, NoNumberOfExtensionsPassesADayFromTheFirstStart) {
+    for (int hours = 0; hours < 24; ++hours) {
+        EXPECT_TRUE(begin(app, hour * 10)) << hours;
+        world.clock.advance(hour);
+    }
+    EXPECT_FALSE(heartbeat());
+    expectIdle();
+}
+
+// Every call of a collaborator: the record owes the unlock before the flag is touched.
+TEST(HelperEngineBeginTest, LocksTheBundleWhereItMayAndCan) {
+    const std::string all = "reading, state Halvo.app, save locked, lock Halvo.app, save locked";
+    const std::string moved =
+        "reading, unlock Halvo.app, state Other.app, save locked, lock Other.app, save locked";
+
+    struct Row {
+        const char* what;
+        Event given;
+        std::string Machine::* bundle;
+        bool isLocked;
+        std::string calls;
+        const char* error = "";
+    };
+
+    for (const Row& row : std::vector<Row>{
+             {"in Applications", nothing, &Machine::app, true, all},
+             {"an extension", begins, &Machine::app, true, "reading, save locked"},
+             {"an extension of what could not be locked",
+              [](Machine& m) {
+                  m.world.flags.failsToLock = true;
+                  m.begin(m.app, hour);
+                  m.world.flags.failsToLock = false;
+              },
+              &Machine::app, true, all},
+             {"another bundle", begins, &Machine::otherApp, true, moved},
+             {"another bundle, though the old one stays locked",
+              [](Machine& m) {
+                  m.begin(m.app, hour);
+                  m.world.flags.failsToUnlock = true;
+              },
+              &Machine::otherApp, true, moved},
+             {"another bundle, after one with a flag of somebody else's",
+              [](Machine& m) {
+                  m.world.flags.setByHand(m.app, true);
+                  m.begin(m.app, hour);
+              },
+              &Machine::otherApp, true,
+              "reading, state Other.app, save locked, lock Other.app, save locked"},
+             {"deeper in Applications", nothing, &Machine::deepApp, false,
+              "reading, save unlocked"},
+             {"a flag is there already", flagIsSet, &Machine::app, false,
+              "reading, state Halvo.app, save unlocked"},
+             {"the flags cannot be read", bundleGoes, &Machine::app, false,
+              "reading, state Halvo.app, save unlocked"},
+             {"the lock fails", [](Machine& m) { m.world.flags.failsToLock = true; }, &Machine::app,
+              false, "reading, state Halvo.app, save locked, lock Halvo.app, save unlocked",
+              "error: Couldn't lock Halvo's app, "}}) {
+        SCOPED_TRACE(row.what);
+        Machine machine;
+        row.given(machine);
+        machine.forget();
+        const std::string& path = machine.*row.bundle;
+        EXPECT_TRUE(machine.begin(path, hour));
+        EXPECT_EQ(machine.held().appPath, path);
+        EXPECT_EQ(machine.held().locked, row.isLocked);
+        EXPECT_EQ(machine.world.store.stored, StoredCommitment(machine.held()));
+        EXPECT_EQ(machine.calls(), row.calls);
+        EXPECT_EQ(machine.said(), row.error + holding(3600));
+    }
+}
+
+TEST_F(HelperEngineTest, NeverClearsAFlagThatItDidNotSet) {
+    world.flags.setByHand(app, true);
+    begin(app, hour);
+    engine->tick();
+    end();
+    EXPECT_TRUE(world.flags.isSet(app));
 }
 
 TEST_F(HelperEngineTest, ABeginIsHeldEvenIfItCannotBeSaved) {
     world.store.failsToSave = true;
     EXPECT_TRUE(begin(app, hour));
-    EXPECT_TRUE(engine->status(peer()).holding);
+    EXPECT_TRUE(status().holding);
     EXPECT_TRUE(world.flags.isSet(app));
 }
 
@@ -481,239 +467,152 @@ TEST_F(HelperEngineTest, ABeginOffTheMainQueueEndsTheProcess) {
     const auto result =
         testing::runInChild([this] { std::thread([this] { begin(app, hour); }).join(); });
     EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("Incorrect actor executor assumption; Expected same executor as "
-                                 "MainActor."),
-              std::string::npos);
+    EXPECT_TRUE(result.output.contains("Incorrect actor executor assumption")) << result.output;
 }
 
 TEST_F(HelperEngineTest, ASpanThatNoWholeNumberHoldsEndsTheProcess) {
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    for (const double date : {1e300, infinity, std::nan("")}) {
-        const auto result = testing::runInChild([&] { beginFrom(wallDate(date), wallDate(date)); });
-        EXPECT_EQ(result.signal, SIGABRT) << date;
-        EXPECT_NE(result.output.find("Fatal error: "), std::string::npos) << result.output;
+    HelperCommitment stored{app, anna, now(), Seconds{1e300}, Seconds{1e300}, {}, false};
+    stored.checkpoint = world.clock.now();
+    std::vector<std::function<void()>> operations{[&] {
+        world.store.stored = stored;
+        restart();
+    }};
+    for (const double date : {1e300, Limits::infinity(), std::nan("")}) {
+        operations.emplace_back(
+            [this, date] { engine->begin(app, wallDate(date), wallDate(date), {anna, app}); });
+    }
+    for (const auto& operation : operations) {
+        const auto result = testing::runInChild(operation);
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_TRUE(result.output.contains("Fatal error: ")) << result.output;
     }
 }
 
-// --- End
+// --- Letting go
 
-TEST_F(HelperEngineTest, AnEndLetsTheCallersCommitmentGo) {
-    begin(app, hour);
-    forget();
-    EXPECT_TRUE(engine->end(peer()));
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::ended);
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(world.calls.changes(), (Calls{"unlock Halvo.app", "remove"}));
-    EXPECT_EQ(log.notices(), Calls{"Ultra Hard mode let go: ended"});
+TEST(HelperEngineLiftTest, UnlocksRemovesTheRecordAndSaysWhy) {
+    struct Row {
+        const char* what;
+        Event given;
+        Event operate;
+        Lift reason;
+        const char* changes = "unlock Halvo.app, remove";
+    };
+
+    for (const Row& row : std::vector<Row>{
+             {"an end", begins, ends, Lift::ended},
+             {"an end after the time ran out", expires, ends, Lift::ended},
+             {"an end without a lock", beginsDeeper, ends, Lift::ended, "remove"},
+             {"an end whose unlock fails",
+              [](Machine& m) {
+                  m.begin(m.app, hour);
+                  m.world.flags.failsToUnlock = true;
+              },
+              ends, Lift::ended},
+             {"a begin that is over already", begins,
+              [](Machine& m) { EXPECT_FALSE(m.begin(m.app, second * -10)); }, Lift::ended},
+             {"a begin that was over long ago", begins,
+              [](Machine& m) { EXPECT_FALSE(m.begin(m.app, Seconds{Limits::lowest()})); },
+              Lift::ended},
+             {"a begin that started long ago", begins,
+              [](Machine& m) { EXPECT_FALSE(m.begin(m.app, hour, anna, Seconds{-1e300})); },
+              Lift::ended},
+             {"a heartbeat after the time ran out", expires,
+              [](Machine& m) { EXPECT_FALSE(m.heartbeat()); }, Lift::deadline},
+             {"a tick with exactly nothing left", begins, [](Machine& m) { m.tickAfter(hour); },
+              Lift::deadline}}) {
+        SCOPED_TRACE(row.what);
+        Machine machine;
+        row.given(machine);
+        machine.forget();
+        row.operate(machine);
+        machine.expectIdle();
+        EXPECT_EQ(machine.engine->lastLift(), row.reason);
+        EXPECT_EQ(machine.changes(), row.changes);
+        EXPECT_EQ(machine.world.flags.isSet(machine.app), machine.world.flags.failsToUnlock);
+        EXPECT_EQ(machine.said(), letGo(row.reason == Lift::ended ? "ended" : "deadline"));
+    }
 }
 
-TEST_F(HelperEngineTest, AnEndNeedsTheUserAndNotTheBundle) {
-    begin(app, hour);
-    EXPECT_TRUE(engine->end({anna, std::nullopt}));
-    expectIdle();
-}
-
-TEST_F(HelperEngineTest, AnEndOfAnotherPersonChangesNothing) {
-    begin(app, hour);
-    const HelperCommitment before = held();
-    forget();
-    EXPECT_FALSE(engine->end(peer(ben)));
-    EXPECT_EQ(held(), before);
-    EXPECT_TRUE(log.isEmpty());
-    EXPECT_EQ(world.calls.changes(), Calls{});
-}
-
-TEST_F(HelperEngineTest, AnEndWithNothingHeldDoesNothingNotEvenLog) {
-    forget();
-    EXPECT_FALSE(engine->end(peer()));
-    EXPECT_TRUE(log.isEmpty());
-    EXPECT_EQ(world.calls.calls(), Calls{});
-    EXPECT_EQ(engine->lastLift(), std::nullopt);
-}
-
-TEST_F(HelperEngineTest, AnEndAfterTheTimeRanOutStillEnds) {
+TEST_F(HelperEngineTest, AnotherPersonLearnsNothingAndChangesNothing) {
     begin(app, minute);
-    world.clock.advance(hour);
-    EXPECT_TRUE(engine->end(peer()));
-    EXPECT_EQ(engine->lastLift(), Lift::ended);
+    const HelperCommitment before = held();
+    for (const Seconds passed : {second, hour}) {
+        world.clock.advance(passed);
+        forget();
+        EXPECT_FALSE(end(ben));
+        EXPECT_FALSE(heartbeat(ben));
+        EXPECT_EQ(status(ben), HelperStatus::idle);
+        EXPECT_EQ(held(), before) << "even if it has expired";
+        expectNothingDone();
+    }
 }
 
-TEST_F(HelperEngineTest, AnEndOfACommitmentWithoutALockTouchesNoFlag) {
-    begin(deepApp, hour);
-    forget();
-    engine->end(peer());
-    EXPECT_EQ(world.calls.changes(), Calls{"remove"});
-}
-
-TEST_F(HelperEngineTest, AnUnlockThatFailsDoesNotKeepTheCommitment) {
-    begin(app, hour);
-    world.flags.failsToUnlock = true;
-    EXPECT_TRUE(engine->end(peer()));
-    expectIdle();
-    EXPECT_EQ(log.count("Ultra Hard mode let go: ended"), 1U);
-}
-
-TEST_F(HelperEngineTest, OnceLetGoNothingIsDoneAnyMore) {
-    begin(app, hour);
-    engine->end(peer());
-    forget();
-    engine->tick();
-    EXPECT_FALSE(engine->end(peer()));
-    EXPECT_EQ(engine->terminate(), 0);
-    EXPECT_EQ(world.calls.calls(), Calls{});
-    EXPECT_TRUE(log.isEmpty());
-    EXPECT_EQ(engine->lastLift(), Lift::ended);
-}
-
-// --- Status
-
-TEST_F(HelperEngineTest, AStatusWithNothingHeldIsIdle) {
-    EXPECT_EQ(engine->status(peer()), HelperStatus::idle);
-}
+// --- Status and heartbeat
 
 TEST_F(HelperEngineTest, AStatusTellsTheOwnerWhenItEndsAndWhetherItIsLocked) {
+    EXPECT_EQ(status(), HelperStatus::idle);
     begin(app, hour);
     world.clock.advance(minute);
-    EXPECT_EQ(engine->status(peer()), (HelperStatus{true, now() + hour - minute, true}));
-    begin(deepApp, hour);
-    EXPECT_EQ(engine->status(peer()), (HelperStatus{true, now() + hour, false}));
-}
-
-TEST_F(HelperEngineTest, AStatusTellsTheEndOnTheWallClockOfTheMoment) {
-    begin(app, hour);
+    EXPECT_EQ(status(), (HelperStatus{true, now() + hour - minute, true}));
     world.clock.moveWallClock(hour * -5);
-    EXPECT_EQ(engine->status(peer()).until, now() + hour);
-}
-
-TEST_F(HelperEngineTest, AStatusTellsAnotherPersonNothing) {
-    begin(app, hour);
-    EXPECT_EQ(engine->status(peer(ben)), HelperStatus::idle);
-}
-
-TEST_F(HelperEngineTest, AStatusAfterTheTimeRanOutIsIdleAndLiftsNothing) {
-    begin(app, minute);
-    world.clock.advance(minute);
-    forget();
-    EXPECT_EQ(engine->status(peer()), HelperStatus::idle);
-    EXPECT_FALSE(engine->isIdle());
-    EXPECT_TRUE(log.isEmpty());
-    EXPECT_EQ(world.calls.changes(), Calls{});
-}
-
-// --- Heartbeat
-
-TEST_F(HelperEngineTest, AHeartbeatIsTrueWhileTheCallersCommitmentIsLive) {
-    EXPECT_FALSE(engine->heartbeat(false, peer()));
-    begin(app, minute);
-    forget();
-    EXPECT_TRUE(engine->heartbeat(false, peer()));
-    EXPECT_TRUE(engine->heartbeat(true, {anna, std::nullopt}));
-    EXPECT_EQ(world.calls.changes(), Calls{});
-    EXPECT_TRUE(log.isEmpty());
-}
-
-TEST_F(HelperEngineTest, AHeartbeatOfAnotherPersonIsFalseAndNothingElseHappens) {
-    begin(app, minute);
-    const HelperCommitment before = held();
+    EXPECT_EQ(status().until, now() + hour - minute) << "on the wall clock of the moment";
+    begin(deepApp, hour);
+    EXPECT_EQ(status(), (HelperStatus{true, now() + hour, false}));
     world.clock.advance(hour);
     forget();
-    EXPECT_FALSE(engine->heartbeat(false, peer(ben)));
-    EXPECT_EQ(held(), before) << "although it has expired";
-    EXPECT_TRUE(log.isEmpty());
-    EXPECT_EQ(world.calls.changes(), Calls{});
+    EXPECT_EQ(status(), HelperStatus::idle);
+    EXPECT_FALSE(engine->isIdle()) << "it lifts nothing";
+    expectNothingDone();
 }
 
-TEST_F(HelperEngineTest, AHeartbeatAfterTheTimeRanOutLetsGo) {
+TEST_F(HelperEngineTest, AHeartbeatIsTrueWhileTheCallersCommitmentIsLive) {
+    EXPECT_FALSE(heartbeat());
     begin(app, minute);
-    world.clock.advance(minute);
     forget();
-    EXPECT_FALSE(engine->heartbeat(false, peer()));
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::deadline);
-    EXPECT_EQ(log.notices(), Calls{"Ultra Hard mode let go: deadline"});
+    EXPECT_TRUE(heartbeat());
+    EXPECT_TRUE(engine->heartbeat(true, {anna, std::nullopt}));
+    expectNothingDone();
 }
 
 // --- The periodic check: time
-
-TEST_F(HelperEngineTest, ATickAfterTheTimeRanOutLetsGo) {
-    begin(app, second * 3);
-    world.clock.advance(second * 2);
-    engine->tick();
-    EXPECT_FALSE(engine->isIdle());
-    world.clock.advance(second * 2);
-    forget();
-    engine->tick();
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::deadline);
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(world.calls.calls(), (Calls{"reading", "unlock Halvo.app", "remove"}));
-    EXPECT_EQ(log.notices(), Calls{"Ultra Hard mode let go: deadline"});
-}
-
-TEST_F(HelperEngineTest, ATickWithExactlyNothingLeftLetsGo) {
-    begin(app, second * 2);
-    world.clock.advance(second * 2);
-    engine->tick();
-    expectIdle();
-}
 
 TEST_F(HelperEngineTest, ATickSavesTheRebasedRecordOnceAMinute) {
     begin(app, hour);
     const HelperCommitment begun = held();
     forget();
-    world.clock.advance(second * 2);
-    engine->tick();
-    EXPECT_EQ(world.calls.count("save locked"), 0U) << "the first tick after a begin";
-    world.clock.advance(second * 57);
-    engine->tick();
+    tickAfter(second * 2);
+    tickAfter(second * 57);
     EXPECT_EQ(world.calls.count("save locked"), 0U) << "59 s after the begin";
     EXPECT_EQ(held(), begun);
-    world.clock.advance(second);
-    engine->tick();
+    tickAfter(second);
     EXPECT_EQ(world.calls.count("save locked"), 1U) << "60 s after the begin";
     EXPECT_EQ(held(), begun.rebased(world.clock.now()));
     EXPECT_EQ(world.store.stored, StoredCommitment(held()));
-    world.clock.advance(second * 59);
-    engine->tick();
+    tickAfter(second * 59);
     EXPECT_EQ(world.calls.count("save locked"), 1U) << "59 s after the save";
-    world.clock.advance(hour / 2);
-    engine->tick();
+    tickAfter(hour / 2);
     EXPECT_EQ(world.calls.count("save locked"), 2U) << "one save, however long it slept";
 }
 
-TEST_F(HelperEngineTest, ASaveThatFailsLosesNoTime) {
+TEST_F(HelperEngineTest, NeitherFailedSavesNorMissedTicksNorASetClockChangeTheTimeLeft) {
     begin(app, hour);
     world.store.failsToSave = true;
-    for (int minutes = 0; minutes < 30; ++minutes) {
-        world.clock.advance(minute);
-        engine->tick();
-    }
-    EXPECT_EQ(engine->status(peer()).until, now() + hour / 2);
-}
-
-TEST_F(HelperEngineTest, MissedTicksLoseNoTime) {
-    begin(app, hour);
-    world.clock.advance(hour / 2);
-    EXPECT_EQ(engine->status(peer()).until, now() + hour / 2);
-    engine->tick();
-    EXPECT_EQ(engine->status(peer()).until, now() + hour / 2);
-}
-
-TEST_F(HelperEngineTest, SettingTheWallClockChangesNoTimeLeft) {
-    begin(app, hour);
     for (const Seconds jump : {hour * -48, hour * 96, hour * -1}) {
         world.clock.moveWallClock(jump);
-        world.clock.advance(minute);
-        engine->tick();
+        tickAfter(minute);
     }
-    EXPECT_EQ(engine->status(peer()).until, now() + hour - minute * 3);
+    EXPECT_EQ(status().until, now() + hour - minute * 3);
+    world.clock.advance(hour / 2);
+    EXPECT_EQ(status().until, now() + hour / 2 - minute * 3);
+    engine->tick();
+    EXPECT_EQ(status().until, now() + hour / 2 - minute * 3);
 }
 
 TEST_F(HelperEngineTest, AClockThatGoesBackwardsGivesNoTimeBack) {
     begin(app, hour);
     world.clock.setSinceBoot(second * 100);
-    EXPECT_EQ(engine->status(peer()).until, now() + hour - second * 100);
+    EXPECT_EQ(status().until, now() + hour - second * 100);
 }
 
 TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
@@ -724,8 +623,7 @@ TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
     world.clock.advance(second * 20);
     const std::size_t before = testing::mallocsMade();
     for (int i = 0; i < 5; ++i) {
-        world.clock.advance(second * 2);
-        engine->tick();
+        tickAfter(second * 2);
     }
     EXPECT_EQ(testing::mallocsMade(), before);
     std::string(100, 'x').swap(app);
@@ -735,37 +633,29 @@ TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
 
 // --- The periodic check: the lock
 
-TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTick) {
+TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTickWhoeverIsAtTheConsole) {
     begin(app, hour);
-    world.flags.setByHand(app, false);
-    forget();
-    engine->tick();
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_EQ(log.notices(), Calls{lockedAgain});
-    log.clear();
-    engine->tick();
-    EXPECT_TRUE(log.isEmpty()) << "nothing to do any more";
+    for (const std::optional<std::uint32_t>& user :
+         {std::optional(anna), std::optional<std::uint32_t>(), std::optional(ben)}) {
+        world.session.console = user;
+        world.flags.setByHand(app, false);
+        forget();
+        engine->tick();
+        EXPECT_TRUE(world.flags.isSet(app));
+        EXPECT_EQ(said(), lockedAgain);
+        forget();
+        engine->tick();
+        expectNothingDone();
+    }
 }
 
 TEST_F(HelperEngineTest, TheFlagIsBackBeforeTheAppIsOpened) {
     begin(app, hour);
-    world.clock.advance(minute);
     world.flags.setByHand(app, false);
     forget();
-    engine->tick();
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "lock Halvo.app", "open Halvo.app"}));
-    EXPECT_EQ(log.notices(), (Calls{lockedAgain, opening}));
-}
-
-TEST_F(HelperEngineTest, AFlagIsSetAgainWhoeverIsAtTheConsole) {
-    begin(app, hour);
-    for (const std::optional<std::uint32_t> user :
-         {std::optional<std::uint32_t>(), std::optional(ben)}) {
-        world.session.console = user;
-        world.flags.setByHand(app, false);
-        engine->tick();
-        EXPECT_TRUE(world.flags.isSet(app));
-    }
+    tickAfter(minute);
+    EXPECT_EQ(changes(), "save locked, lock Halvo.app, open Halvo.app");
+    EXPECT_EQ(said(), std::string(lockedAgain) + ", " + opening);
 }
 
 TEST_F(HelperEngineTest, AFlagThatCannotBeSetAgainIsTriedAtEveryTickAndLoggedAllTheSame) {
@@ -781,541 +671,261 @@ TEST_F(HelperEngineTest, AFlagThatCannotBeSetAgainIsTriedAtEveryTickAndLoggedAll
     EXPECT_TRUE(world.flags.isSet(app));
 }
 
-TEST_F(HelperEngineTest, ABundleThatIsGoneIsNotChased) {
+TEST_F(HelperEngineTest, ABundleThatIsGoneIsNotChasedAndALockThatIsNotOwedNotLookedAt) {
     begin(app, hour);
     world.flags.erase(app);
     forget();
     engine->tick();
-    EXPECT_EQ(world.calls.changes(), Calls{});
-    EXPECT_TRUE(log.isEmpty());
+    expectNothingDone();
     EXPECT_TRUE(held().locked);
-}
-
-TEST_F(HelperEngineTest, ALockThatIsNotOwedIsNotLookedAt) {
     begin(deepApp, hour);
     forget();
     engine->tick();
     EXPECT_EQ(world.calls.count("state Deep.app"), 0U);
 }
 
-// --- The periodic check: the app. One row per event with its time, and what must then hold.
+// --- The periodic check: the app
 
-enum class Event {
-    none,
-    appStarts,
-    appQuits,
-    appStartsForBen,
-    heartbeat,
-    sessionEnds,
-    begin,
-    annaComes,
-    benComes,
-    everybodyLeaves,
-    end,
-    restart,
+struct Story {
+    // What is opened, in seconds since the begin: "6 quit" as after a quit, "6" as without one.
+    const char* openings;
+
+    struct Moment {
+        double at;
+        Event event;
+    };
+
+    std::vector<Moment> moments;
 };
 
-struct Row {
-    // Seconds since the begin.
-    double at;
-    Event event;
-    // How often the app has been opened by then, and what the last opening said.
-    std::size_t openings;
-    bool afterQuit = false;
+// Ticks come at 2, 4, 6 ... up to the last opening, each after the events of its time; up to 600
+// where nothing is opened.
+void play(Machine& machine, const Story& story) {
+    const std::string expected = story.openings;
+    const double until =
+        expected.empty() ? 600 : std::stod(expected.substr(expected.rfind(',') + 1));
+    const Seconds start = machine.world.clock.now().sinceBoot;
+    const auto advanceTo = [&](double time) {
+        machine.world.clock.advance(start + Seconds{time} - machine.world.clock.now().sinceBoot);
+    };
+    machine.begin(machine.app, hour);
+    auto moment = story.moments.begin();
+    for (double tick = 2; tick <= until; tick += 2) {
+        for (; moment != story.moments.end() && moment->at <= tick; ++moment) {
+            advanceTo(moment->at);
+            moment->event(machine);
+        }
+        advanceTo(tick);
+        machine.engine->tick();
+    }
+    std::vector<std::string> openings;
+    for (const auto& [appPath, uid, afterQuit, at] : machine.world.opener.openings) {
+        EXPECT_EQ(appPath, machine.app);
+        EXPECT_EQ(uid, anna);
+        openings.push_back(std::to_string(std::lround((at - start).count())) +
+                           (afterQuit ? " quit" : ""));
+    }
+    EXPECT_EQ(joined(openings), expected);
+    EXPECT_EQ(machine.log.count(opening), openings.size());
+}
+
+const std::vector<Story> stories{
+    // An app that runs is never opened.
+    {"", {{0, appStarts}}},
+    // One that does not come up: 6 s after the begin, then at the first tick after another 15 s.
+    {"6 quit, 22 quit, 38 quit", {}},
+    // One that quits: 6 s after it was last seen, at 12.
+    {"18 quit", {{0, appStarts}, {13, appQuits}}},
+    // One that comes up, seen at 10, is left alone until it quits again.
+    {"6 quit, 22 quit", {{9, appStarts}, {11, appQuits}}},
+    // A heartbeat is a sign of life.
+    {"18 quit", {{5, heartbeat}, {10.5, heartbeat}}},
+    // So is one that announces the end, in this console session though never seen.
+    {"92 quit", {{0, restarts}, {2, sessionEnds}}},
+    // Exactly 6 s of silence are enough.
+    {"6 quit, 26 quit", {{10, heartbeat}, {20, heartbeat}}},
+    // The app of another person is not theirs.
+    {"6 quit", {{0, appStartsForBen}}},
+    // An announced end of the session keeps it closed for 90 s.
+    {"100 quit", {{0, appStarts}, {10, sessionEnds}, {11, appQuits}}},
+    // A heartbeat, and a begin, take the announced end back.
+    {"10 quit", {{2, sessionEnds}, {4, heartbeat}}},
+    {"10 quit", {{2, sessionEnds}, {4, begins}}},
+    // Announcing the end again counts from then.
+    {"150 quit", {{2, sessionEnds}, {60, sessionEnds}}},
+    // The person's leaving, and another person's coming, take the announced end back.
+    {"16", {{2, sessionEnds}, {4, everybodyLeaves}, {10, annaComes}}},
+    {"12", {{2, sessionEnds}, {4, benComes}, {6, annaComes}}},
+    // The person's coming leaves the announced end standing.
+    {"100", {{3, benComes}, {10, sessionEnds}, {20, annaComes}}},
+    // So does a return between two ticks.
+    {"92 quit", {{2, sessionEnds}, {2.5, benComes}, {3.5, annaComes}}},
+    // Nothing is opened while another person, or nobody, is at the console.
+    {"", {{3, benComes}}},
+    {"", {{3, everybodyLeaves}}},
+    // Coming back, seen at 100, gives 6 s of grace.
+    {"106", {{3, benComes}, {99, annaComes}}},
+    // An app seen in this console session is opened as after a quit.
+    {"112 quit", {{3, benComes}, {99, annaComes}, {100, appStarts}, {107, appQuits}}},
+    // Switching between two ticks is not seen.
+    {"6 quit", {{3, benComes}, {3.5, annaComes}}},
+    // After a restart of the helper: 6 s later, of an app that was never seen since.
+    {"28", {{0, appStarts}, {21, restarts}, {22, appQuits}}},
+    // Letting go forgets what was seen, and the last opening, but not the console session.
+    {"18 quit, 26 quit", {{0, appStarts}, {13, appQuits}, {19, ends}, {20, begins}}},
+    {"16 quit", {{3, benComes}, {8, annaComes}, {9, ends}, {9.5, begins}}},
+    // A console change while nothing is held is seen at the next tick after.
+    {"26 quit", {{3, ends}, {5, benComes}, {13, annaComes}, {20, begins}}},
 };
 
-class KeepingTheAppOpenTest : public HelperEngineTest {
-  protected:
-    // Begins at 0 and ticks at 2, 4, 6 ...; an event comes before the tick of its time.
-    void play(const std::vector<Row>& rows) {
-        const Seconds start = world.clock.now().sinceBoot;
-        begin(app, hour);
-        for (const Row& row : rows) {
-            advanceTo(start, Seconds{row.at});
-            happen(row.event);
-            if (std::fmod(row.at, 2.0) == 0 && row.at > 0) {
-                engine->tick();
-            }
-            const auto& openings = world.opener.openings;
-            EXPECT_EQ(openings.size(), row.openings) << "at " << row.at << " s";
-            if (!openings.empty()) {
-                EXPECT_EQ(openings.back().afterQuit, row.afterQuit) << "at " << row.at << " s";
-                EXPECT_EQ(openings.back().appPath, app);
-                EXPECT_EQ(openings.back().uid, anna);
-            }
-        }
-        EXPECT_EQ(log.count(opening), world.opener.openings.size());
+TEST(KeepingTheAppOpenTest, OpensItWhenItIsDueAndSaysWhetherItQuit) {
+    for (std::size_t i = 0; i < stories.size(); ++i) {
+        SCOPED_TRACE(i);
+        Machine machine;
+        play(machine, stories[i]);
     }
-
-  private:
-    // Lets time pass up to `time`, with every tick before it.
-    void advanceTo(Seconds start, Seconds time) {
-        while (true) {
-            const double passed = (world.clock.now().sinceBoot - start).count();
-            const Seconds nextTick{(std::floor(passed / 2) + 1) * 2};
-            if (nextTick >= time) {
-                world.clock.advance(time - Seconds{passed});
-                return;
-            }
-            world.clock.advance(nextTick - Seconds{passed});
-            engine->tick();
-        }
-    }
-
-    void happen(Event event) {
-        switch (event) {
-            case Event::none:
-                return;
-            case Event::appStarts:
-                return world.session.start(app, anna);
-            case Event::appQuits:
-                return world.session.quit(app, anna);
-            case Event::appStartsForBen:
-                return world.session.start(app, ben);
-            case Event::heartbeat:
-                EXPECT_TRUE(engine->heartbeat(false, peer()));
-                return;
-            case Event::sessionEnds:
-                EXPECT_TRUE(engine->heartbeat(true, peer()));
-                return;
-            case Event::begin:
-                EXPECT_TRUE(begin(app, hour));
-                return;
-            case Event::annaComes:
-                world.session.console = anna;
-                return;
-            case Event::benComes:
-                world.session.console = ben;
-                return;
-            case Event::everybodyLeaves:
-                world.session.console.reset();
-                return;
-            case Event::end:
-                EXPECT_TRUE(engine->end(peer()));
-                return;
-            case Event::restart:
-                restart();
-                return;
-        }
-    }
-};
-
-TEST_F(KeepingTheAppOpenTest, AnAppThatRunsIsNeverOpened) {
-    play({{0, Event::appStarts, 0}, {600, Event::none, 0}});
 }
 
-TEST_F(KeepingTheAppOpenTest, AnAppThatNeverCameUpIsOpenedSixSecondsAfterTheBegin) {
-    play({{4, Event::none, 0}, {6, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnAppThatQuitsIsOpenedSixSecondsAfterItWasLastSeen) {
-    play({{0, Event::appStarts, 0},
-          // It is seen at 6 and at 12.
-          {13, Event::appQuits, 0},
-          {16, Event::none, 0},
-          {18, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnAppThatDoesNotComeUpIsOpenedAgainAfterFifteenSeconds) {
-    play({{6, Event::none, 1, true},
-          {20, Event::none, 1, true},
-          // 15 s after the opening there is no tick.
-          {22, Event::none, 2, true},
-          {36, Event::none, 2, true},
-          {38, Event::none, 3, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ExactlyFifteenSecondsAreEnough) {
-    play({{5, Event::none, 0}, {6, Event::none, 1, true}, {20, Event::none, 1, true}});
-    world.clock.advance(second);
-    engine->tick();
+TEST_F(HelperEngineTest, ExactlyFifteenSecondsAfterAnOpeningAreEnough) {
+    play(*this, {"6 quit", {}});
+    tickAfter(second * 14);
+    EXPECT_EQ(world.opener.openings.size(), 1U);
+    tickAfter(second);
     EXPECT_EQ(world.opener.openings.size(), 2U);
 }
 
-TEST_F(KeepingTheAppOpenTest, AnAppThatComesUpIsLeftAloneUntilItQuitsAgain) {
-    play({{6, Event::none, 1, true},
-          {9, Event::appStarts, 1, true},
-          // Seen at 10.
-          {11, Event::appQuits, 1, true},
-          {20, Event::none, 1, true},
-          {22, Event::none, 2, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AHeartbeatIsASignOfLife) {
-    play({{5, Event::heartbeat, 0},
-          {10, Event::none, 0},
-          {10.5, Event::heartbeat, 0},
-          {16, Event::none, 0},
-          {18, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AHeartbeatThatAnnouncesTheEndIsASignOfLifeToo) {
-    play({{0, Event::restart, 0},
-          {2, Event::sessionEnds, 0},
-          {90, Event::none, 0},
-          // Heard of in this console session, though never seen.
-          {92, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ExactlySixSecondsOfSilenceAreEnough) {
-    play({{10, Event::heartbeat, 1, true},
-          {14, Event::none, 1, true},
-          {20, Event::heartbeat, 1, true},
-          {24, Event::none, 1, true},
-          {26, Event::none, 2, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, TheAppOfAnotherPersonIsNotTheirs) {
-    play({{0, Event::appStartsForBen, 0}, {6, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnAnnouncedEndOfTheSessionKeepsItClosedForNinetySeconds) {
-    play({{0, Event::appStarts, 0},
-          {10, Event::sessionEnds, 0},
-          {11, Event::appQuits, 0},
-          {98, Event::none, 0},
-          {100, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ASessionThatIsEndingIsNotEvenLookedAt) {
-    play({{10, Event::sessionEnds, 1, true}});
-    forget();
-    world.clock.advance(second * 60);
-    engine->tick();
-    EXPECT_EQ(world.calls.count("running? Halvo.app"), 0U);
-}
-
-TEST_F(KeepingTheAppOpenTest, AHeartbeatTakesTheAnnouncedEndBack) {
-    play({{2, Event::sessionEnds, 0},
-          {4, Event::heartbeat, 0},
-          {8, Event::none, 0},
-          {10, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ABeginTakesTheAnnouncedEndBack) {
-    play({{2, Event::sessionEnds, 0},
-          {4, Event::begin, 0},
-          {8, Event::none, 0},
-          {10, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnnouncingTheEndAgainCountsFromThen) {
-    play({{2, Event::sessionEnds, 0},
-          {60, Event::sessionEnds, 0},
-          {148, Event::none, 0},
-          {150, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ThePersonsLeavingTakesTheAnnouncedEndBack) {
-    play({{2, Event::sessionEnds, 0},
-          {4, Event::everybodyLeaves, 0},
-          {10, Event::annaComes, 0},
-          {14, Event::none, 0},
-          {16, Event::none, 1, false}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnotherPersonsComingTakesTheAnnouncedEndBack) {
-    play({{2, Event::sessionEnds, 0},
-          {4, Event::benComes, 0},
-          {6, Event::annaComes, 0},
-          {10, Event::none, 0},
-          {12, Event::none, 1, false}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ThePersonsComingLeavesTheAnnouncedEndStanding) {
-    play({{3, Event::benComes, 0},
-          {10, Event::sessionEnds, 0},
-          {20, Event::annaComes, 0},
-          {98, Event::none, 0},
-          {100, Event::none, 1, false}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnAnnouncedEndOutlivesAReturnThatNobodySaw) {
-    play({{2, Event::sessionEnds, 0},
-          {2.5, Event::benComes, 0},
-          {3.5, Event::annaComes, 0},
-          {90, Event::none, 0},
-          {92, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, NothingIsOpenedWhileAnotherPersonIsAtTheConsole) {
-    play({{3, Event::benComes, 0}, {600, Event::none, 0}});
-}
-
-TEST_F(KeepingTheAppOpenTest, NothingIsOpenedWhileNobodyIsAtTheConsole) {
-    play({{3, Event::everybodyLeaves, 0}, {600, Event::none, 0}});
-}
-
-TEST_F(KeepingTheAppOpenTest, ComingBackGivesSixSecondsOfGrace) {
-    play({{3, Event::benComes, 0},
-          {99, Event::annaComes, 0},
-          // Seen at 100.
-          {104, Event::none, 0},
-          {106, Event::none, 1, false}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AnAppSeenInThisConsoleSessionIsOpenedAsAfterAQuit) {
-    play({{3, Event::benComes, 0},
-          {99, Event::annaComes, 0},
-          {100, Event::appStarts, 0},
-          {107, Event::appQuits, 0},
-          {110, Event::none, 0},
-          {112, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, SwitchingWithoutATickInBetweenIsNotSeen) {
-    play({{3, Event::benComes, 0}, {3.5, Event::annaComes, 0}, {6, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AfterARestartOfTheHelperTheFirstLookComesSixSecondsLater) {
-    play({{0, Event::appStarts, 0},
-          {21, Event::restart, 0},
-          {22, Event::appQuits, 0},
-          {26, Event::none, 0},
-          // Nothing is known of an app that was never seen since.
-          {28, Event::none, 1, false}});
-}
-
-TEST_F(KeepingTheAppOpenTest, LettingGoForgetsWhatWasSeen) {
-    play({{0, Event::appStarts, 0},
-          {13, Event::appQuits, 0},
-          {18, Event::none, 1, true},
-          {19, Event::end, 1, true},
-          {20, Event::begin, 1, true},
-          {24, Event::none, 1, true},
-          // Less than 15 s after the opening of the commitment before.
-          {26, Event::none, 2, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, LettingGoKeepsTheConsoleSession) {
-    play({{3, Event::benComes, 0},
-          {8, Event::annaComes, 0},
-          {9, Event::end, 0},
-          {9.5, Event::begin, 0},
-          {14, Event::none, 0},
-          {16, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, AConsoleChangeWhileNothingIsHeldIsSeenAtTheNextTickAfter) {
-    play({{3, Event::end, 0},
-          {5, Event::benComes, 0},
-          {10, Event::none, 0},
-          {13, Event::annaComes, 0},
-          {20, Event::begin, 0},
-          {24, Event::none, 0},
-          {26, Event::none, 1, true}});
-}
-
-TEST_F(KeepingTheAppOpenTest, NobodyLooksForTheAppBeforeItIsSilent) {
+TEST_F(HelperEngineTest, DoesNotLookForTheAppBeforeItIsSilentOrWhileTheSessionEnds) {
     forget();
     begin(app, hour);
-    world.clock.advance(second * 5);
-    engine->tick();
+    tickAfter(second * 5);
     EXPECT_EQ(world.calls.count("running? Halvo.app"), 0U);
-    world.clock.advance(second);
-    engine->tick();
+    tickAfter(second);
+    EXPECT_EQ(world.calls.count("running? Halvo.app"), 1U);
+    heartbeat(anna, true);
+    tickAfter(minute);
     EXPECT_EQ(world.calls.count("running? Halvo.app"), 1U);
 }
 
 // --- Startup
 
-class StartupTest : public HelperEngineTest {
-  protected:
-    // On the disk: a locked commitment of Anna's with an hour left, as of now.
-    HelperCommitment stored{app, anna, now(), hour, day, world.clock.now(), true};
+// On the disk: a locked commitment of Anna's with an hour left, as of now.
+HelperCommitment storedOn(const Machine& machine) {
+    return {machine.app, anna, machine.now(), hour, day, machine.world.clock.now(), true};
+}
 
-    void startWith(const StoredCommitment& content) {
-        world.store.stored = content;
-        forget();
-        restart();
+TEST(HelperEngineStartupTest, TakesALiveCommitmentUpRebasedAndSaved) {
+    struct Row {
+        const char* what;
+        // What happens to the machine meanwhile.
+        Event happen;
+        long left;
+        std::string changes = "save locked, lock Halvo.app";
+        bool isLocked = true;
+        Seconds remaining = hour;
+        Seconds capRemaining = day;
+    };
+
+    const Event reboots = [](Machine& m) { m.world.clock.reboot(hour * 23, minute); };
+    for (const Row& row : std::vector<Row>{
+             {"the lock is owed", nothing, 3600},
+             {"the lock is not owed", nothing, 3600, "save unlocked", false},
+             {"the flag is there", flagIsSet, 3600, "save locked"},
+             {"the bundle is gone", bundleGoes, 3600, "save locked"},
+             {"time has passed", [](Machine& m) { m.world.clock.advance(Seconds{600.5}); }, 2999},
+             {"the day is nearly over", nothing, 60, "save unlocked", false, hour, minute},
+             {"a reboot: a day from the start", reboots, 3540, "save unlocked", false, day * 9,
+              day * 9},
+             {"a reboot: the time that it was off",
+              [](Machine& m) { m.world.clock.reboot(minute * 20, minute); }, 2340},
+             {"a reboot with the wall clock set back: the time since boot at least",
+              [](Machine& m) {
+                  m.world.clock.reboot(Seconds{0}, minute);
+                  m.world.clock.moveWallClock(hour * -10);
+              },
+              3540},
+             {"it cannot be saved", [](Machine& m) { m.world.store.failsToSave = true; }, 3600}}) {
+        SCOPED_TRACE(row.what);
+        Machine machine;
+        HelperCommitment stored = storedOn(machine);
+        stored.locked = row.isLocked;
+        stored.remaining = row.remaining;
+        stored.capRemaining = row.capRemaining;
+        machine.world.store.stored = stored;
+        row.happen(machine);
+        machine.forget();
+        machine.restart();
+        EXPECT_EQ(machine.held(), stored.rebased(machine.world.clock.now()));
+        EXPECT_EQ(machine.world.store.stored,
+                  StoredCommitment(machine.world.store.failsToSave ? stored : machine.held()));
+        EXPECT_EQ(machine.changes(), row.changes);
+        EXPECT_EQ(machine.said(), (row.changes.contains("lock H") ? lockedAgain + ", "s : "") +
+                                      holdingAnother(row.left));
+        EXPECT_EQ(machine.world.calls.count("state Halvo.app"), stored.locked ? 1U : 0U);
+        machine.forget();
+        machine.tickAfter(second * 59);
+        EXPECT_EQ(machine.world.calls.count("save locked"), 0U) << "a minute after the start";
     }
-};
+}
 
-TEST_F(StartupTest, WithNothingStoredNothingHappens) {
-    startWith(NoCommitment{});
-    EXPECT_EQ(world.calls.calls(), (Calls{"reading", "console", "reading", "load"}));
-    EXPECT_TRUE(log.isEmpty());
+TEST_F(HelperEngineTest, LetsGoAtTheStartOfWhatExpiredOrCannotBeRead) {
+    struct Row {
+        StoredCommitment content;
+        const char* changes = "remove";
+    };
+
+    const char* both = "unlock Halvo.app, remove";
+    const HelperCommitment expired = storedOn(*this);
+    HelperCommitment withoutLock = expired;
+    withoutLock.locked = false;
+    world.clock.advance(hour);
+    for (const Row& row : std::vector<Row>{{expired, both},
+                                           {withoutLock},
+                                           {UnreadableCommitment{app, true}, both},
+                                           {UnreadableCommitment{app, false}},
+                                           {UnreadableCommitment{std::nullopt, true}},
+                                           {UnreadableCommitment{deepApp, true}},
+                                           {UnreadableCommitment{app + "/", true}}}) {
+        for (const bool failsToUnlock : {false, true}) {
+            world.flags.setByHand(app, true);
+            world.flags.failsToUnlock = failsToUnlock;
+            world.store.stored = row.content;
+            forget();
+            restart();
+            expectIdle();
+            const bool isRead = std::holds_alternative<HelperCommitment>(row.content);
+            EXPECT_EQ(engine->lastLift(),
+                      isRead ? Lift::expiredAtStartup : Lift::unreadableAtStartup);
+            EXPECT_EQ(changes(), row.changes);
+            EXPECT_EQ(said(), isRead ? letGo("expiredAtStartup") : unreadable);
+        }
+    }
+}
+
+TEST_F(HelperEngineTest, WithNothingStoredNothingHappensAtTheStart) {
+    forget();
+    restart();
+    EXPECT_EQ(calls(), "reading, console, reading, load");
+    EXPECT_EQ(said(), "");
     expectIdle();
     EXPECT_EQ(engine->lastLift(), std::nullopt);
 }
 
-TEST_F(StartupTest, ALiveCommitmentIsTakenUpRebasedAndSaved) {
-    world.flags.setByHand(app, true);
-    world.clock.advance(Seconds{600.5});
-    startWith(stored);
-    EXPECT_EQ(held(), stored.rebased(world.clock.now()));
-    EXPECT_EQ(world.store.stored, StoredCommitment(held()));
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for another 2999 s"});
-    EXPECT_EQ(world.calls.changes(), Calls{"save locked"});
-}
-
-TEST_F(StartupTest, TellsTheTimeLeftAndNotTheTimeAsked) {
-    HelperCommitment capped = stored;
-    capped.capRemaining = Seconds{1800};
-    startWith(capped);
-    EXPECT_EQ(log.notices().back(), "Holding Ultra Hard mode for another 1800 s");
-}
-
-TEST_F(StartupTest, ALockThatIsOwedIsSetAgainBeforeAnythingIsSaid) {
-    startWith(stored);
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_EQ(log.notices(), (Calls{lockedAgain, "Holding Ultra Hard mode for another 3600 s"}));
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "lock Halvo.app"}));
-}
-
-TEST_F(StartupTest, ALockThatIsNotOwedIsNotSet) {
-    stored.locked = false;
-    startWith(stored);
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(world.calls.count("state Halvo.app"), 0U);
-}
-
-TEST_F(StartupTest, ABundleThatIsGoneIsNotChased) {
-    world.flags.erase(app);
-    startWith(stored);
-    EXPECT_EQ(log.notices(), Calls{"Holding Ultra Hard mode for another 3600 s"});
-    EXPECT_TRUE(held().locked);
-}
-
-TEST_F(StartupTest, TheNextSaveComesAMinuteAfterTheStart) {
-    startWith(stored);
-    world.clock.advance(second * 59);
-    forget();
-    engine->tick();
-    EXPECT_EQ(world.calls.count("save locked"), 0U);
-    world.clock.advance(second);
-    engine->tick();
-    EXPECT_EQ(world.calls.count("save locked"), 1U);
-}
-
-TEST_F(StartupTest, TheFirstTickAfterAStartWithNothingStoredHasNothingToDo) {
-    startWith(NoCommitment{});
-    forget();
-    engine->tick();
-    EXPECT_EQ(world.calls.calls(), Calls{});
-}
-
-TEST_F(StartupTest, ACommitmentThatExpiredMeanwhileIsLetGo) {
-    world.flags.setByHand(app, true);
-    world.clock.advance(hour);
-    startWith(stored);
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::expiredAtStartup);
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(log.messages(),
-              (std::vector<testing::LogMessage>{
-                  {LogLevel::Default, "Ultra Hard mode let go: expiredAtStartup"}}));
-    EXPECT_EQ(world.calls.changes(), (Calls{"unlock Halvo.app", "remove"}));
-}
-
-TEST_F(StartupTest, ACommitmentThatExpiredWithoutALockClearsNoFlag) {
-    world.flags.setByHand(app, true);
-    world.clock.advance(hour * 2);
-    stored.locked = false;
-    startWith(stored);
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_EQ(engine->lastLift(), Lift::expiredAtStartup);
-}
-
-TEST_F(StartupTest, AfterARebootTheTimeSinceBootIsChargedAtLeast) {
-    world.clock.reboot(Seconds{0}, minute);
-    world.clock.moveWallClock(hour * -10);
-    startWith(stored);
-    EXPECT_EQ(engine->status(peer()).until, now() + hour - minute);
-}
-
-TEST_F(StartupTest, AfterARebootTheTimeThatItWasOffIsCharged) {
-    world.clock.reboot(minute * 20, minute);
-    startWith(stored);
-    EXPECT_EQ(engine->status(peer()).until, now() + hour - minute * 21);
-}
-
-TEST_F(StartupTest, AfterARebootADayFromTheStartIsTheEnd) {
-    stored.remaining = day * 9;
-    stored.capRemaining = day * 9;
-    world.clock.reboot(hour * 23, minute);
-    startWith(stored);
-    EXPECT_EQ(engine->status(peer()).until, stored.startedWall + day);
-    world.clock.reboot(hour, minute);
-    startWith(stored);
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::expiredAtStartup);
-}
-
-TEST_F(StartupTest, ACommitmentIsHeldEvenIfItCannotBeSaved) {
-    world.store.failsToSave = true;
-    world.clock.advance(minute);
-    startWith(stored);
-    EXPECT_TRUE(engine->status(peer()).holding);
-    EXPECT_EQ(world.store.stored, StoredCommitment(stored));
-}
-
-TEST_F(StartupTest, TheFirstLookNeverComesBeforeTheStartEvenByAClockThatWentBack) {
-    startWith(stored);
+TEST_F(HelperEngineTest, TheFirstLookNeverComesBeforeTheStartEvenByAClockThatWentBack) {
+    world.store.stored = storedOn(*this);
+    restart();
     world.clock.setSinceBoot(second * 100);
     for (const std::uint32_t user : {ben, anna}) {
         world.session.console = user;
         engine->tick();
     }
-    world.clock.advance(minute);
-    engine->tick();
+    tickAfter(minute);
     EXPECT_TRUE(world.opener.openings.empty());
     world.clock.setSinceBoot(second * 1006);
     engine->tick();
     EXPECT_EQ(world.opener.openings.size(), 1U);
 }
 
-TEST_F(StartupTest, AnUnreadableFileLiftsEverythingThatIsKnownOfIt) {
-    world.flags.setByHand(app, true);
-    startWith(UnreadableCommitment{app, true});
-    expectIdle();
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(engine->lastLift(), Lift::unreadableAtStartup);
-    EXPECT_EQ(world.calls.changes(), (Calls{"unlock Halvo.app", "remove"}));
-    EXPECT_EQ(log.messages(),
-              (std::vector<testing::LogMessage>{
-                  {LogLevel::Error, "The state file couldn't be read; everything was lifted"}}));
-}
-
-TEST_F(StartupTest, AnUnreadableFileWithoutALockOrAPathClearsNoFlag) {
-    world.flags.setByHand(app, true);
-    world.flags.setByHand(deepApp, true);
-    for (const UnreadableCommitment& content :
-         {UnreadableCommitment{app, false}, UnreadableCommitment{std::nullopt, true},
-          UnreadableCommitment{deepApp, true}, UnreadableCommitment{app + "/", true},
-          UnreadableCommitment{"", true}}) {
-        startWith(content);
-        expectIdle();
-        EXPECT_EQ(world.calls.changes(), Calls{"remove"});
-        EXPECT_EQ(engine->lastLift(), Lift::unreadableAtStartup);
-    }
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_TRUE(world.flags.isSet(deepApp));
-}
-
-TEST_F(StartupTest, AnUnlockThatFailsForAnUnreadableFileIsIgnored) {
-    world.flags.setByHand(app, true);
-    world.flags.failsToUnlock = true;
-    startWith(UnreadableCommitment{app, true});
-    expectIdle();
-    EXPECT_EQ(log.messages().size(), 1U);
-}
-
-TEST_F(StartupTest, AStoredSpanThatNoWholeNumberHoldsEndsTheProcess) {
-    stored.remaining = Seconds{1e300};
-    stored.capRemaining = Seconds{1e300};
-    const auto result = testing::runInChild([this] { startWith(stored); });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("Fatal error: "), std::string::npos) << result.output;
-}
-
 // --- Termination
-
-TEST_F(HelperEngineTest, TerminatingWithNothingHeldIsZero) {
-    forget();
-    EXPECT_EQ(engine->terminate(), 0);
-    EXPECT_EQ(world.calls.calls(), Calls{});
-}
 
 TEST_F(HelperEngineTest, TerminatingWhileHoldingSavesUnlocksAndAsksToBeStartedAgain) {
     begin(app, hour);
@@ -1326,28 +936,23 @@ TEST_F(HelperEngineTest, TerminatingWhileHoldingSavesUnlocksAndAsksToBeStartedAg
     EXPECT_EQ(world.store.stored, StoredCommitment(before.rebased(world.clock.now())));
     EXPECT_TRUE(world.store.commitment()->locked) << "the next start sets the lock again";
     EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "unlock Halvo.app"}));
+    EXPECT_EQ(changes(), "save locked, unlock Halvo.app");
     EXPECT_EQ(held(), before) << "what the engine holds is not touched";
-    EXPECT_TRUE(log.isEmpty());
+    EXPECT_EQ(said(), "");
+    world.clock.advance(minute);
+    restart();
+    EXPECT_TRUE(world.flags.isSet(app));
+    EXPECT_EQ(status(), (HelperStatus{true, now() + hour - minute * 2, true}));
+    EXPECT_EQ(said(), std::string(lockedAgain) + ", " + holdingAnother(3480));
+    world.flags.failsToUnlock = true;
+    EXPECT_EQ(engine->terminate(), 75) << "whatever becomes of the unlock";
 }
 
 TEST_F(HelperEngineTest, TerminatingWithoutALockTouchesNoFlag) {
     begin(deepApp, hour);
     forget();
     EXPECT_EQ(engine->terminate(), 75);
-    EXPECT_EQ(world.calls.changes(), Calls{"save unlocked"});
-}
-
-TEST_F(HelperEngineTest, TheStartAfterATerminationTakesTheCommitmentUpAgain) {
-    begin(app, hour);
-    world.clock.advance(minute);
-    engine->terminate();
-    world.clock.advance(minute);
-    forget();
-    restart();
-    EXPECT_TRUE(world.flags.isSet(app));
-    EXPECT_EQ(engine->status(peer()), (HelperStatus{true, now() + hour - minute * 2, true}));
-    EXPECT_EQ(log.notices(), (Calls{lockedAgain, "Holding Ultra Hard mode for another 3480 s"}));
+    EXPECT_EQ(changes(), "save unlocked");
 }
 
 TEST_F(HelperEngineTest, TerminatingJustAfterTheTimeRanOutIsZeroAndDoesNotLift) {
@@ -1355,19 +960,10 @@ TEST_F(HelperEngineTest, TerminatingJustAfterTheTimeRanOutIsZeroAndDoesNotLift) 
     world.clock.advance(minute);
     forget();
     EXPECT_EQ(engine->terminate(), 0);
-    EXPECT_EQ(world.calls.changes(), (Calls{"save locked", "unlock Halvo.app"}));
+    EXPECT_EQ(changes(), "save locked, unlock Halvo.app");
     EXPECT_EQ(world.store.commitment()->remaining, second * 0);
     EXPECT_FALSE(engine->isIdle());
-    EXPECT_TRUE(log.isEmpty());
-    restart();
-    expectIdle();
-    EXPECT_EQ(engine->lastLift(), Lift::expiredAtStartup);
-}
-
-TEST_F(HelperEngineTest, AnUnlockThatFailsAtTheEndDoesNotChangeTheStatus) {
-    begin(app, hour);
-    world.flags.failsToUnlock = true;
-    EXPECT_EQ(engine->terminate(), 75);
+    EXPECT_EQ(said(), "");
 }
 
 // --- Crashes
@@ -1381,13 +977,12 @@ TEST_F(HelperEngineTest, ACrashBetweenSaveAndLockLeavesARecordThatOwesTheUnlock)
     EXPECT_TRUE(world.store.commitment()->locked);
     restart();
     EXPECT_TRUE(world.flags.isSet(app));
-    engine->end(peer());
+    end();
     EXPECT_FALSE(world.flags.isSet(app));
 }
 
 TEST_F(HelperEngineTest, ACrashWhileLettingGoLeavesNoFlagBehindTheNextStart) {
-    begin(app, minute);
-    world.clock.advance(minute);
+    beginAndExpire();
     // reading, unlock, and then the removal.
     world.calls.crashAt(3);
     EXPECT_THROW(engine->tick(), Crash);

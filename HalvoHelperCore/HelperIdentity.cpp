@@ -1,30 +1,24 @@
 #include "HalvoHelperCore/HelperIdentity.hpp"
 
-#include <algorithm>
 #include <string_view>
 
 namespace halvo {
 namespace {
 
-// The character classes of <cctype> depend on the locale; these do not.
-bool isCapital(char c) { return c >= 'A' && c <= 'Z'; }
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-bool isLetter(char c) { return isCapital(c) || (c >= 'a' && c <= 'z'); }
+// Spelled out: the character classes of <cctype> depend on the locale.
+constexpr const char* capitalsAndDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+constexpr const char* inBundleIDs =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-";
 
 bool isBundleID(std::string_view text) {
     constexpr std::size_t longest = 200;
-    return !text.empty() && text.size() <= longest && text.front() != '.' &&
-           text.find("..") == std::string_view::npos && std::ranges::all_of(text, [](char c) {
-               return isLetter(c) || isDigit(c) || c == '.' || c == '-';
-           });
+    return !text.empty() && text.size() <= longest && text.front() != '.' && !text.contains("..") &&
+           text.find_first_not_of(inBundleIDs) == text.npos;
 }
 
 bool isTeamID(std::string_view text) {
     constexpr std::size_t length = 10;
-    return text.size() == length &&
-           std::ranges::all_of(text, [](char c) { return isCapital(c) || isDigit(c); });
+    return text.size() == length && text.find_first_not_of(capitalsAndDigits) == text.npos;
 }
 
 // Neither value can hold a double quote or a backslash, so neither needs escaping.

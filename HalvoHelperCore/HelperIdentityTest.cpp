@@ -14,42 +14,27 @@ const std::string bundleID = "com.example.app";
 const std::string teamID = "7QX4KD19MT";
 const HelperIdentity identity{bundleID, teamID};
 
-InfoDictionary infoWith(const InfoValue& app, const InfoValue& team) {
+InfoDictionary infoWith(const std::string& app, const std::string& team) {
     return {{"HalvoAppBundleID", app}, {"HalvoTeamID", team}, {"CFBundleName", "Helper"}};
 }
 
-TEST(HelperIdentityTest, ReadsBothValuesFromTheHelpersOwnInfo) {
+TEST(HelperIdentityTest, OfTheHelperNeedsBothKeysOfItsInfo) {
     EXPECT_EQ(HelperIdentity::helper(infoWith(bundleID, teamID)), identity);
-}
-
-TEST(HelperIdentityTest, NeedsAnInfo) {
     EXPECT_EQ(HelperIdentity::helper(std::nullopt), std::nullopt);
-    EXPECT_EQ(HelperIdentity::helper(InfoDictionary{}), std::nullopt);
+    for (const InfoDictionary& info :
+         {InfoDictionary{}, InfoDictionary{{"HalvoAppBundleID", bundleID}},
+          InfoDictionary{{"HalvoTeamID", teamID}},
+          InfoDictionary{{"halvoAppBundleID", bundleID}, {"HalvoTeamID", teamID}}}) {
+        EXPECT_EQ(HelperIdentity::helper(info), std::nullopt);
+    }
 }
 
-TEST(HelperIdentityTest, NeedsBothKeys) {
-    EXPECT_EQ(HelperIdentity::helper(InfoDictionary{{"HalvoAppBundleID", bundleID}}), std::nullopt);
-    EXPECT_EQ(HelperIdentity::helper(InfoDictionary{{"HalvoTeamID", teamID}}), std::nullopt);
-    EXPECT_EQ(HelperIdentity::helper(
-                  InfoDictionary{{"halvoAppBundleID", bundleID}, {"HalvoTeamID", teamID}}),
-              std::nullopt);
-}
-
-TEST(HelperIdentityTest, NeedsBothToBeStrings) {
-    EXPECT_EQ(HelperIdentity::helper(infoWith(NotAString{}, teamID)), std::nullopt);
-    EXPECT_EQ(HelperIdentity::helper(infoWith(bundleID, NotAString{})), std::nullopt);
-}
-
-TEST(HelperIdentityTest, AnAppBringsItsOwnIdentifier) {
+TEST(HelperIdentityTest, OfAnAppNeedsItsOwnIdentifierAndATeam) {
     EXPECT_EQ(HelperIdentity::app(infoWith("com.example.ignored", teamID), bundleID), identity);
     EXPECT_EQ(HelperIdentity::app(InfoDictionary{{"HalvoTeamID", teamID}}, bundleID), identity);
-}
-
-TEST(HelperIdentityTest, AnAppNeedsATeamAndAnIdentifier) {
     EXPECT_EQ(HelperIdentity::app(infoWith(bundleID, teamID), std::nullopt), std::nullopt);
     EXPECT_EQ(HelperIdentity::app(std::nullopt, bundleID), std::nullopt);
     EXPECT_EQ(HelperIdentity::app(InfoDictionary{}, bundleID), std::nullopt);
-    EXPECT_EQ(HelperIdentity::app(infoWith(bundleID, NotAString{}), bundleID), std::nullopt);
     EXPECT_EQ(HelperIdentity::app(infoWith(bundleID, teamID), ""), std::nullopt);
     EXPECT_EQ(HelperIdentity::app(infoWith(bundleID, "short"), bundleID), std::nullopt);
 }
@@ -134,30 +119,15 @@ TEST(HelperIdentityTest, ChecksATeamIdentifier) {
     }
 }
 
-TEST(HelperIdentityTest, NamesTheHelperAfterTheApp) {
+TEST(HelperIdentityTest, NamesWhatFollowsFromIt) {
     EXPECT_EQ(identity.helperBundleID(), "com.example.app.helper");
-}
-
-TEST(HelperIdentityTest, NamesTheStateFolderAfterTheHelper) {
     EXPECT_EQ(identity.stateFolder(), "/Library/Application Support/com.example.app.helper");
-}
-
-TEST(HelperIdentityTest, DemandsTheAppOfItsCallers) {
     EXPECT_EQ(identity.appRequirement(),
               R"(anchor apple generic and identifier "com.example.app" and )"
               R"(certificate leaf[subject.OU] = "7QX4KD19MT")");
-}
-
-TEST(HelperIdentityTest, TellsTheAppWhatToDemandOfTheHelper) {
     EXPECT_EQ(identity.helperRequirement(),
               R"(anchor apple generic and identifier "com.example.app.helper" and )"
               R"(certificate leaf[subject.OU] = "7QX4KD19MT")");
-}
-
-TEST(HelperIdentityTest, IsEqualByBothMembers) {
-    EXPECT_EQ(identity, (HelperIdentity{bundleID, teamID}));
-    EXPECT_NE(identity, (HelperIdentity{"com.example.other", teamID}));
-    EXPECT_NE(identity, (HelperIdentity{bundleID, "AAAAAAAAAA"}));
 }
 
 }  // namespace

@@ -28,24 +28,12 @@ class HelperPeerTest : public ::testing::Test {
     TemporaryFolder disk;
 };
 
-TEST_F(HelperPeerTest, IsEqualByUserAndBundle) {
-    const HelperPeer peer{501, "/Applications/Halvo.app"};
-    EXPECT_EQ(peer, (HelperPeer{501, "/Applications/Halvo.app"}));
-    EXPECT_NE(peer, (HelperPeer{502, "/Applications/Halvo.app"}));
-    EXPECT_NE(peer, (HelperPeer{501, "/Applications/Other.app"}));
-    EXPECT_NE(peer, (HelperPeer{501, std::nullopt}));
-    EXPECT_NE((HelperPeer{501, ""}), (HelperPeer{501, std::nullopt}));
-}
-
 TEST_F(HelperPeerTest, RecordsTheUserAndTheBundleOfTheCaller) {
     const std::string bundle = makeBundle("Halvo.app");
-    EXPECT_EQ(HelperPeer::ofProcess(ann, bundle + "/Contents/MacOS/Halvo"),
-              (HelperPeer{ann, bundle}));
-}
-
-TEST_F(HelperPeerTest, RecordsEveryUserIncludingRootAndTheLast) {
-    EXPECT_EQ(HelperPeer::ofProcess(0, std::nullopt).uid, 0U);
-    EXPECT_EQ(HelperPeer::ofProcess(4294967295, std::nullopt).uid, 4294967295U);
+    for (const std::uint32_t uid : {0U, ann, 4294967295U}) {
+        EXPECT_EQ(HelperPeer::ofProcess(uid, bundle + "/Contents/MacOS/Halvo"),
+                  (HelperPeer{uid, bundle}));
+    }
 }
 
 TEST_F(HelperPeerTest, ResolvesSymbolicLinksInTheBundlesPath) {
@@ -76,17 +64,12 @@ TEST_F(HelperPeerTest, KeepsThePathOfABundleThatIsNotThere) {
 }
 
 TEST_F(HelperPeerTest, HasNoBundleOutsideOfOne) {
+    // Which executables lie in a bundle AppLocationTest knows.
     const std::optional<std::string> executables[] = {
-        std::nullopt, "", "/", "/usr/bin/tool", "Halvo", "/Applications/Halvo.app/Halvo",
-        "/Applications/Halvo.app/Contents/Halvo", "/Applications/Halvo.app/MacOS/Halvo",
-        "/Applications/Halvo.app/Contents/MacOS/", "/Applications/Halvo.app/Contents/MacOS",
-        "/Applications/Halvo.app/Contents/MacOS/sub/Halvo",
-        "/Applications/Halvo.app/Contents/macOS/Halvo", "/Applications/Halvo/Contents/MacOS/Halvo",
-        "/Applications/Halvo.APP/Contents/MacOS/Halvo",
-        "Applications/Halvo.app/Contents/MacOS/Halvo",
-        "/Applications/../Halvo.app/Contents/MacOS/Halvo",
-        "/Applications//Halvo.app/Contents/MacOS/Halvo",
-        // Not text.
+        std::nullopt,
+        "",
+        "/usr/bin/tool",
+        "/Applications/Halvo.app/Contents/Halvo",
         "/Applications/\xFF.app/Contents/MacOS/Halvo",
         "/Applications/Halvo.app/Contents/MacOS/\xFF"};
     for (const auto& executable : executables) {

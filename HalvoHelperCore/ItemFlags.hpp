@@ -26,11 +26,20 @@ struct ItemFlag {
 // ItemFlag exist, read with statx(2); an item on a file system without flags has none set.
 std::optional<std::uint32_t> itemFlags(const std::string& path);
 
-// Gives the item at `path` itself the flags `wanted`. Returns 0, or the errno of the system's
-// refusal. On macOS that is lchflags(2). On Linux a refusal counts only when the flags, read back,
-// are not as wanted, and all inode flags without a counterpart in ItemFlag are kept
-// (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link gives ELOOP, a flag without a counterpart
-// EOPNOTSUPP.
-int setItemFlags(const std::string& path, std::uint32_t wanted);
+// What became of a change of flags, as errno has it; 0 is success.
+struct FlagsChange {
+    // Why the system refused it; nothing is changed then.
+    int refused{};
+    // Why it may not be on the disk (syncToDisk() in HalvoPlatform/Files.hpp).
+    int unsynced{};
+};
+
+// Gives the item at `path` itself the flags `wanted`, and syncs it. On macOS that is lchflags(2),
+// and the item is opened for the sync alone; a symbolic link can be flagged, but not be synced
+// (ELOOP). On Linux the item is opened once for both. There a refusal counts only when the flags,
+// read back, are not as wanted, and all inode flags without a counterpart in ItemFlag are kept
+// (FS_IOC_SETFLAGS, ioctl_iflags(2)); a symbolic link is refused with ELOOP, a flag without a
+// counterpart with EOPNOTSUPP.
+FlagsChange setItemFlags(const std::string& path, std::uint32_t wanted);
 
 }  // namespace halvo

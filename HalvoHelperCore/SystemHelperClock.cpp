@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Paths.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 

@@ -4,22 +4,13 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <variant>
 
 namespace halvo {
 
-// A member of a property list of which only strings matter here.
-struct NotAString {
-    bool operator==(const NotAString&) const = default;
-};
+// The strings at the top level of an Info.plist; members of other types are left out.
+using InfoDictionary = std::map<std::string, std::string>;
 
-using InfoValue = std::variant<std::string, NotAString>;
-
-// The top level of an Info.plist.
-using InfoDictionary = std::map<std::string, InfoValue>;
-
-// The string that `info` holds under `key`; nothing when the key is missing or holds something
-// else.
+// The string that `info` holds under `key`, if any.
 std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any

@@ -2,83 +2,54 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "HalvoPlatform/Bundle.hpp"
 
 namespace halvo {
 namespace {
 
-const InfoDictionary info{{"Name", "Halvo"}, {"Empty", ""}, {"Count", NotAString{}}};
-
-TEST(BundleTest, FindsAString) { EXPECT_EQ(infoString(info, "Name"), "Halvo"); }
-
-TEST(BundleTest, TellsAnEmptyStringFromNone) { EXPECT_EQ(infoString(info, "Empty"), ""); }
-
-TEST(BundleTest, FindsNothingUnderAMissingKey) {
+TEST(BundleTest, FindsAString) {
+    const InfoDictionary info{{"Name", "Halvo"}, {"Empty", ""}};
+    EXPECT_EQ(infoString(info, "Name"), "Halvo");
+    EXPECT_EQ(infoString(info, "Empty"), "");
     EXPECT_EQ(infoString(info, "name"), std::nullopt);
     EXPECT_EQ(infoString({}, "Name"), std::nullopt);
 }
 
-TEST(BundleTest, FindsNothingWhereThereIsNoString) {
-    EXPECT_EQ(infoString(info, "Count"), std::nullopt);
+TEST(BundleTest, HasItsInfoPlistInContents) {
+    const Bundle bundle("/Applications/Halvo.app");
+    EXPECT_EQ(bundle.path(), "/Applications/Halvo.app");
+    EXPECT_EQ(bundle.infoPath(), "/Applications/Halvo.app/Contents/Info.plist");
 }
 
-TEST(BundleTest, LooksForTheInfoPlistInContents) {
-    EXPECT_EQ(Bundle("/Applications/Halvo.app").infoPath(),
-              "/Applications/Halvo.app/Contents/Info.plist");
-}
+TEST(BundleTest, OfAProcessIsTheFolderAroundItsProgramOrTheProgramsOwn) {
+    struct Row {
+        std::string executable;
+        std::string path;
+        std::string infoPath;
+    };
 
-TEST(BundleTest, KnowsItsFolder) {
-    EXPECT_EQ(Bundle("/Applications/Halvo.app").path(), "/Applications/Halvo.app");
-}
-
-// What a process that runs the program at `executable` is told of its bundle.
-struct ProcessBundle {
-    std::string path;
-    std::string infoPath;
-    std::optional<std::string> executable;
-
-    bool operator==(const ProcessBundle&) const = default;
-};
-
-ProcessBundle bundleOfProcess(const std::string& executable) {
-    const Bundle bundle = Bundle::ofProcess(executable);
-    return {bundle.path(), bundle.infoPath(), bundle.executablePath()};
-}
-
-TEST(BundleTest, IsTheFolderAroundAProgramInContentsMacOS) {
-    EXPECT_EQ(
-        bundleOfProcess("/Applications/Halvo.app/Contents/MacOS/Halvo"),
-        (ProcessBundle{"/Applications/Halvo.app", "/Applications/Halvo.app/Contents/Info.plist",
-                       "/Applications/Halvo.app/Contents/MacOS/Halvo"}));
-}
-
-TEST(BundleTest, IsTheInnermostOfNestedBundles) {
-    EXPECT_EQ(bundleOfProcess("/A/Halvo.app/Contents/PlugIns/W.appex/Contents/MacOS/W"),
-              (ProcessBundle{"/A/Halvo.app/Contents/PlugIns/W.appex",
-                             "/A/Halvo.app/Contents/PlugIns/W.appex/Contents/Info.plist",
-                             "/A/Halvo.app/Contents/PlugIns/W.appex/Contents/MacOS/W"}));
-}
-
-TEST(BundleTest, IsTheProgramsOwnFolderAnywhereElse) {
-    EXPECT_EQ(bundleOfProcess("/Library/PrivilegedHelperTools/Helper"),
-              (ProcessBundle{"/Library/PrivilegedHelperTools",
-                             "/Library/PrivilegedHelperTools/Info.plist",
-                             "/Library/PrivilegedHelperTools/Helper"}));
+    std::vector<Row> rows{
+        {"/A/Halvo.app/Contents/MacOS/Halvo", "/A/Halvo.app", "/A/Halvo.app/Contents/Info.plist"},
+        // The innermost of nested bundles.
+        {"/A/Halvo.app/Contents/PlugIns/W.appex/Contents/MacOS/W",
+         "/A/Halvo.app/Contents/PlugIns/W.appex",
+         "/A/Halvo.app/Contents/PlugIns/W.appex/Contents/Info.plist"},
+        {"/Halvo", "/", "/Info.plist"},
+        {"", "/", "/Info.plist"},
+    };
     for (const std::string folder :
-         {"/A/Contents/MacOS/More", "/A/contents/MacOS", "/A/MacOS", "/A/MyContents/MacOS",
-          "/A/Contents/MacOS ", "/Contents/MacOS"}) {
-        EXPECT_EQ(bundleOfProcess(folder + "/Halvo"),
-                  (ProcessBundle{folder, folder + "/Info.plist", folder + "/Halvo"}));
+         {"/Library/PrivilegedHelperTools", "/A/Contents/MacOS/More", "/A/contents/MacOS",
+          "/A/MacOS", "/A/MyContents/MacOS", "/A/Contents/MacOS ", "/Contents/MacOS"}) {
+        rows.push_back({folder + "/Halvo", folder, folder + "/Info.plist"});
     }
-}
-
-TEST(BundleTest, IsTheRootFolderForAProgramThere) {
-    EXPECT_EQ(bundleOfProcess("/Halvo"), (ProcessBundle{"/", "/Info.plist", "/Halvo"}));
-}
-
-TEST(BundleTest, HasNoExecutableForAProcessThatCannotTellItsProgram) {
-    EXPECT_EQ(bundleOfProcess(""), (ProcessBundle{"/", "/Info.plist", std::nullopt}));
+    for (const Row& row : rows) {
+        const Bundle bundle = Bundle::ofProcess(row.executable);
+        EXPECT_EQ(bundle.path(), row.path);
+        EXPECT_EQ(bundle.infoPath(), row.infoPath);
+        EXPECT_EQ(bundle.executablePath().value_or(""), row.executable);
+    }
 }
 
 }  // namespace

@@ -6,7 +6,7 @@ namespace halvo {
 // Makes the process safe to run as a service, however it was started: descriptors 0 to 2 are open
 // (on /dev/null where they were not), so that no socket is ever taken for standard error; its
 // folder is "/"; its umask is the usual one (what must be closed to others is made so). Signals are
-// left alone: who writes to where the reader may be gone takes care of SIGPIPE (SIGPIPEGuard).
+// left alone.
 // Called once, first, on the main thread. Never fails.
 void prepareDaemon();
 

@@ -18,18 +18,18 @@ class Descriptor {
 
     Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
 
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        if (this != &other) {
-            close();
-            number_ = other.release();
-        }
+    Descriptor& operator=(Descriptor other) noexcept {
+        std::swap(number_, other.number_);
         return *this;
     }
 
     Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
 
-    ~Descriptor() { close(); }
+    ~Descriptor() {
+        if (number_ >= 0) {
+            close(number_);
+        }
+    }
 
     [[nodiscard]] bool isOpen() const { return number_ >= 0; }
 
@@ -39,12 +39,6 @@ class Descriptor {
     [[nodiscard]] int release() { return std::exchange(number_, -1); }
 
   private:
-    void close() const {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-
     int number_ = -1;
 };
 

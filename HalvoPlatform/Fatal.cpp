@@ -1,17 +1,41 @@
 #include "HalvoPlatform/Fatal.hpp"
 
-#include <cstdio>
-#include <cstdlib>
+#include <unistd.h>
 
-#include "HalvoPlatform/SIGPIPEGuard.hpp"
+#include <csignal>
+#include <cstdlib>
+#include <string>
 
 namespace halvo {
+namespace {
+
+bool isPending(int signal) {
+    sigset_t pending{};
+    sigpending(&pending);
+    return sigismember(&pending, signal) == 1;
+}
+
+}  // namespace
 
 void fatal(std::string_view message) noexcept {
-    // What ends the process is SIGABRT, whether or not anybody reads this.
-    const SIGPIPEGuard guard;
-    std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(message.size()), message.data());
+    writeToStandardError("Fatal error: " + std::string(message) + "\n");
     std::abort();
+}
+
+void writeToStandardError(std::string_view text) noexcept {
+    // One that waited before is for whoever had it blocked.
+    const bool wasPending = isPending(SIGPIPE);
+    sigset_t blocked{};
+    sigset_t before{};
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+    if (!wasPending && isPending(SIGPIPE)) {
+        int taken = 0;
+        sigwait(&blocked, &taken);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace halvo

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
+#include <string_view>
 
 #include "HalvoPlatform/Fatal.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -11,32 +13,66 @@ namespace halvo {
 namespace {
 
 TEST(FatalTest, PrintsOneLineAndAborts) {
-    const auto result = testing::runInChild([] { fatal("the roof is gone"); });
+    constexpr std::string_view text = "the roof is gone: %s %n, all of it";
+    const auto result = testing::runInChild([&] { fatal(text.substr(0, 23)); });
     EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_EQ(result.output, "Fatal error: the roof is gone\n");
+    EXPECT_EQ(result.output, "Fatal error: the roof is gone: %s %n\n");
 }
 
-TEST(FatalTest, PrintsNoMoreThanTheMessage) {
-    constexpr std::string_view text = "the roof is gone";
-    const auto result = testing::runInChild([&] { fatal(text.substr(0, 8)); });
-    EXPECT_EQ(result.output, "Fatal error: the roof\n");
-}
-
-TEST(FatalTest, TakesAMessageForTextAndNotForAFormat) {
-    const auto result = testing::runInChild([] { fatal("%s %n"); });
-    EXPECT_EQ(result.output, "Fatal error: %s %n\n");
+// Standard error becomes a pipe without a reader.
+void closeReader() {
+    std::signal(SIGPIPE, SIG_DFL);
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    ASSERT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
+    close(ends[0]);
 }
 
 TEST(FatalTest, AbortsAlsoWhenNobodyReadsTheLine) {
     const auto result = testing::runInChild([] {
-        std::signal(SIGPIPE, SIG_DFL);
-        std::array<int, 2> ends{};
-        ASSERT_EQ(pipe(ends.data()), 0);
-        ASSERT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
-        close(ends[0]);
+        closeReader();
         fatal("the roof is gone");
     });
     EXPECT_EQ(result.signal, SIGABRT);
+}
+
+bool isBlocked() {
+    sigset_t set{};
+    pthread_sigmask(SIG_BLOCK, nullptr, &set);
+    return sigismember(&set, SIGPIPE) == 1;
+}
+
+bool isPending() {
+    sigset_t set{};
+    sigpending(&set);
+    return sigismember(&set, SIGPIPE) == 1;
+}
+
+TEST(StandardErrorTest, OutlivesAReaderThatIsGoneAndLeavesTheSignalAsItWas) {
+    const auto result = testing::runInChild([] {
+        closeReader();
+        writeToStandardError("text");
+        const bool isClean = !isBlocked() && !isPending();
+        sigset_t set{};
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        raise(SIGPIPE);
+        writeToStandardError("text");
+        const bool isKept = isBlocked() && isPending();
+        std::exit(isClean && isKept ? EXIT_SUCCESS : EXIT_FAILURE);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+// What ends the process otherwise.
+TEST(StandardErrorTest, LeavesTheSignalItsEffect) {
+    const auto result = testing::runInChild([] {
+        closeReader();
+        writeToStandardError("text");
+        EXPECT_EQ(write(STDERR_FILENO, "x", 1), -1);
+    });
+    EXPECT_EQ(result.signal, SIGPIPE) << result.output;
 }
 
 }  // namespace

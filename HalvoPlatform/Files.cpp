@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,8 +10,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "HalvoPlatform/Descriptor.hpp"
-#include "HalvoPlatform/DiskSync.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
@@ -89,9 +88,25 @@ std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) 
     return synced;
 }
 
-// Whether there is something at the path, now or before.
-bool isThere(const std::expected<void, FileError>& made) {
-    return made || made.error().code == EEXIST;
+// Makes the folder, and before it those above that are missing.
+std::expected<void, FileError> makeFolders(const std::string& path, mode_t mode) {
+    auto made = makeFolder(path, mode);
+    const std::string parent = folderOf(path);
+    if (made || made.error().code != ENOENT || parent == path) {
+        return made;
+    }
+    if (auto above = makeFolders(parent, 0755); !above && above.error().code != EEXIST) {
+        return above;
+    }
+    return makeFolder(path, mode);
+}
+
+// Whether `file` is what now lies at `path`.
+bool liesAt(const Descriptor& file, const std::string& path) {
+    struct stat own{};
+    struct stat there{};
+    return fstat(file.get(), &own) == 0 && lstat(path.c_str(), &there) == 0 &&
+           own.st_dev == there.st_dev && own.st_ino == there.st_ino;
 }
 
 }  // namespace
@@ -141,20 +156,7 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
 }
 
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode) {
-    auto made = makeFolder(path, mode);
-    const std::string parent = folderOf(path);
-    if (!made && made.error().code == ENOENT && parent != "/" && parent != ".") {
-        for (std::size_t end = parent.find('/', 1); end != std::string::npos;
-             end = parent.find('/', end + 1)) {
-            if (const auto above = makeFolder(parent.substr(0, end), 0755); !isThere(above)) {
-                return above;
-            }
-        }
-        if (const auto above = makeFolder(parent, 0755); !isThere(above)) {
-            return above;
-        }
-        made = makeFolder(path, mode);
-    }
+    auto made = makeFolders(path, mode);
     if (made) {
         return chmod(path.c_str(), mode) == 0 ? made : failure(errno, path);
     }
@@ -215,6 +217,21 @@ std::expected<void, FileError> replaceFile(const std::string& folder, const std:
         return failure(unsynced, folder);
     }
     return {};
+}
+
+std::expected<Descriptor, FileError> takeLockFile(const std::string& path) {
+    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    constexpr mode_t ownerOnly = 0600;
+    while (true) {
+        Descriptor file(open(path.c_str(), flags, ownerOnly));
+        if (!file.isOpen() || flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+            return failure(errno, path);
+        }
+        // The previous holder may have removed the file between open(2) and flock(2): try again.
+        if (liesAt(file, path)) {
+            return file;
+        }
+    }
 }
 
 }  // namespace halvo

@@ -1,6 +1,8 @@
 // The one executor that owns all state.
 #pragma once
 
+#include "HalvoPlatform/Fatal.hpp"
+
 namespace halvo {
 
 // Whether the caller runs on the main queue. Costs no system call after a thread's first question.
@@ -10,6 +12,10 @@ bool onMainActor();
 
 // Checks that the caller runs on the main queue, and otherwise ends the process with the fatal
 // error "Incorrect actor executor assumption; Expected same executor as MainActor."
-void assumeMainActor();
+inline void assumeMainActor() {
+    if (!onMainActor()) {
+        fatal("Incorrect actor executor assumption; Expected same executor as MainActor.");
+    }
+}
 
 }  // namespace halvo

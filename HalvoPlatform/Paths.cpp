@@ -3,38 +3,36 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
 namespace halvo {
 namespace {
 
-// The forms of a character of several bytes: what its first byte looks like, how many follow, and
-// the smallest character that may be written so.
+// The well-formed sequences of the Unicode Standard (table 3-7): the range of the first byte, that
+// of the second, and how many follow the first. All that follow the second are 0x80 to 0xBF.
 struct Form {
-    unsigned char mask;
-    unsigned char lead;
+    unsigned char first;
+    unsigned char last;
+    unsigned char lowest;
+    unsigned char highest;
     std::size_t following;
-    std::uint32_t smallest;
 };
 
 constexpr std::array forms{
-    Form{0x80, 0x00, 0, 0x0},
-    Form{0xE0, 0xC0, 1, 0x80},
-    Form{0xF0, 0xE0, 2, 0x800},
-    Form{0xF8, 0xF0, 3, 0x10000},
+    Form{0x00, 0x7F, 0x00, 0x00, 0}, Form{0xC2, 0xDF, 0x80, 0xBF, 1},
+    Form{0xE0, 0xE0, 0xA0, 0xBF, 2}, Form{0xE1, 0xEC, 0x80, 0xBF, 2},
+    Form{0xED, 0xED, 0x80, 0x9F, 2}, Form{0xEE, 0xEF, 0x80, 0xBF, 2},
+    Form{0xF0, 0xF0, 0x90, 0xBF, 3}, Form{0xF1, 0xF3, 0x80, 0xBF, 3},
+    Form{0xF4, 0xF4, 0x80, 0x8F, 3},
 };
 
-const Form* formOf(unsigned char lead) {
-    for (const Form& form : forms) {
-        if ((lead & form.mask) == form.lead) {
-            return &form;
-        }
-    }
-    return nullptr;
+bool isIn(char character, unsigned char first, unsigned char last) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte >= first && byte <= last;
 }
 
 }  // namespace
@@ -43,22 +41,15 @@ bool hasZeroByte(const std::string& path) { return path.find('\0') != std::strin
 
 bool isUTF8(std::string_view text) {
     while (!text.empty()) {
-        const auto lead = static_cast<unsigned char>(text.front());
-        const Form* form = formOf(lead);
-        if (form == nullptr || text.size() <= form->following) {
+        const auto* form = std::ranges::find_if(
+            forms, [&text](const Form& each) { return isIn(text.front(), each.first, each.last); });
+        if (form == forms.end() || text.size() <= form->following) {
             return false;
         }
-        std::uint32_t character = lead & static_cast<unsigned char>(~form->mask);
         for (std::size_t i = 1; i <= form->following; ++i) {
-            const auto next = static_cast<unsigned char>(text[i]);
-            if ((next & 0xC0) != 0x80) {
+            if (!isIn(text[i], i == 1 ? form->lowest : 0x80, i == 1 ? form->highest : 0xBF)) {
                 return false;
             }
-            character = character << 6 | (next & 0x3F);
-        }
-        const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
-        if (character < form->smallest || character > 0x10FFFF || surrogate) {
-            return false;
         }
         text.remove_prefix(form->following + 1);
     }

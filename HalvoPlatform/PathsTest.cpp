@@ -2,7 +2,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Paths.hpp"
@@ -14,14 +16,6 @@ namespace {
 using namespace std::string_literals;
 using testing::TemporaryFolder;
 using testing::writeTestFile;
-
-TEST(HasZeroByteTest, IsSoWhereverItStands) {
-    EXPECT_TRUE(hasZeroByte(std::string("\0", 1)));
-    EXPECT_TRUE(hasZeroByte(std::string("/a\0b", 4)));
-    EXPECT_TRUE(hasZeroByte(std::string("/a\0", 3)));
-    EXPECT_FALSE(hasZeroByte("/a"));
-    EXPECT_FALSE(hasZeroByte(""));
-}
 
 TEST(PathsTest, TellsUTF8FromOtherBytes) {
     struct Row {
@@ -78,75 +72,48 @@ TEST(PathsTest, TellsUTF8FromOtherBytes) {
     }
 }
 
-TEST(PathsTest, ResolvesLinksAndDots) {
+TEST(PathsTest, KnowsWhereAPathLeadsAndWhatIsThere) {
     const TemporaryFolder folder;
     ASSERT_EQ(mkdir((folder / "real").c_str(), 0755), 0);
-    ASSERT_EQ(symlink("real", (folder / "link").c_str()), 0);
-    EXPECT_EQ(canonicalPath(folder / "link"), folder / "real");
-    EXPECT_EQ(canonicalPath(folder / "real/../link/."), folder / "real");
-    EXPECT_EQ(canonicalPath(folder.path() + "//real/"), folder / "real");
-}
-
-TEST(PathsTest, HasNoCanonicalPathForWhatIsNotThere) {
-    const TemporaryFolder folder;
-    ASSERT_EQ(symlink("loop", (folder / "loop").c_str()), 0);
-    EXPECT_EQ(canonicalPath(folder / "missing"), std::nullopt);
-    EXPECT_EQ(canonicalPath(folder / "loop"), std::nullopt);
-    EXPECT_EQ(canonicalPath(""), std::nullopt);
-}
-
-TEST(PathsTest, KeepsAPathThatCannotBeResolved) {
-    const TemporaryFolder folder;
-    ASSERT_EQ(mkdir((folder / "real").c_str(), 0755), 0);
-    ASSERT_EQ(symlink("real", (folder / "link").c_str()), 0);
-    ASSERT_EQ(symlink("nothing", (folder / "dangling").c_str()), 0);
-    EXPECT_EQ(resolvedPath(folder / "link"), folder / "real");
-    for (const std::string& path :
-         {folder / "missing", folder / "dangling", folder / "link" + "\0x"s, ""s}) {
-        EXPECT_EQ(resolvedPath(path), path);
-    }
-}
-
-TEST(PathsTest, KnowsAFolder) {
-    const TemporaryFolder folder;
-    EXPECT_TRUE(isFolder(folder.path()));
-}
-
-TEST(PathsTest, TakesNothingElseForAFolder) {
-    const TemporaryFolder folder;
-    writeTestFile(folder / "file", "");
-    ASSERT_EQ(symlink(folder.path().c_str(), (folder / "link").c_str()), 0);
     ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
-    EXPECT_FALSE(isFolder(folder / "file"));
-    EXPECT_FALSE(isFolder(folder / "link"));
-    EXPECT_FALSE(isFolder(folder / "pipe"));
-    EXPECT_FALSE(isFolder(folder / "missing"));
-    EXPECT_FALSE(isFolder(""));
-}
-
-TEST(PathsTest, SeesAnItemThroughALink) {
-    const TemporaryFolder folder;
     writeTestFile(folder / "file", "");
-    ASSERT_EQ(symlink("file", (folder / "link").c_str()), 0);
-    EXPECT_TRUE(itemExists(folder.path()));
-    EXPECT_TRUE(itemExists(folder / "file"));
-    EXPECT_TRUE(itemExists(folder / "link"));
-}
+    for (const auto& [name, target] :
+         {std::pair("link", "real"), std::pair("toFile", "file"), std::pair("dangling", "nothing"),
+          std::pair("loop", "loop")}) {
+        ASSERT_EQ(symlink(target, (folder / name).c_str()), 0);
+    }
 
-TEST(PathsTest, SeesNoItemWhereThereIsNone) {
-    const TemporaryFolder folder;
-    ASSERT_EQ(symlink("missing", (folder / "dangling").c_str()), 0);
-    EXPECT_FALSE(itemExists(folder / "missing"));
-    EXPECT_FALSE(itemExists(folder / "dangling"));
-}
+    struct Row {
+        std::string path;
+        std::optional<std::string> canonical;
+        bool isFolder;
+        bool exists;
+    };
 
-// The kernel would take the path for what stands before the zero byte.
-TEST(PathsTest, APathWithAZeroByteNamesNothing) {
-    const TemporaryFolder folder;
-    const std::string path = folder.path() + "\0.app"s;
-    EXPECT_EQ(canonicalPath(path), std::nullopt);
-    EXPECT_FALSE(isFolder(path));
-    EXPECT_FALSE(itemExists(path));
+    const std::vector<Row> rows{
+        {folder / "real", folder / "real", true, true},
+        {folder / "link", folder / "real", false, true},
+        {folder / "real/../link/.", folder / "real", true, true},
+        {folder.path() + "//real/", folder / "real", true, true},
+        {folder / "file", folder / "file", false, true},
+        {folder / "toFile", folder / "file", false, true},
+        {folder / "pipe", folder / "pipe", false, true},
+        {folder / "missing", std::nullopt, false, false},
+        {folder / "dangling", std::nullopt, false, false},
+        {folder / "loop", std::nullopt, false, false},
+        {"", std::nullopt, false, false},
+        // The kernel would take the path for what stands before the zero byte.
+        {folder / "real" + "\0x"s, std::nullopt, false, false},
+        {folder / "real" + "\0"s, std::nullopt, false, false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.path);
+        EXPECT_EQ(canonicalPath(row.path), row.canonical);
+        EXPECT_EQ(resolvedPath(row.path), row.canonical.value_or(row.path));
+        EXPECT_EQ(isFolder(row.path), row.isFolder);
+        EXPECT_EQ(itemExists(row.path), row.exists);
+        EXPECT_EQ(hasZeroByte(row.path), row.path.contains('\0'));
+    }
 }
 
 }  // namespace

@@ -1,14 +1,20 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <array>
 #include <bit>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <limits>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {
@@ -50,15 +56,11 @@ TEST(TimeTest, TheWallClockIsTheSystemsOwn) {
     // time(2) counts whole seconds, from a clock that ticks more coarsely.
     EXPECT_GE(now, before);
     EXPECT_LT(now, after + 2);
-}
-
-TEST(TimeTest, TheWallClockKeepsTheFractionOfASecond) {
-    bool fraction = false;
-    for (int i = 0; i < 100 && !fraction; ++i) {
-        const double now = secondsSince1970(wallNow());
-        fraction = std::trunc(now) != now;
+    bool hasFraction = false;
+    for (int i = 0; i < 100 && !hasFraction; ++i) {
+        hasFraction = std::fmod(secondsSince1970(wallNow()), 1.0) != 0;
     }
-    EXPECT_TRUE(fraction);
+    EXPECT_TRUE(hasFraction);
 }
 
 TEST(TimeTest, TheWallClockFollowsWhoeverSetsIt) {
@@ -96,17 +98,55 @@ TEST(TimeTest, WholeSecondsAreTruncatedTowardZero) {
     }
 }
 
-TEST(TimeDeathTest, ASpanThatIsNotFiniteHasNoWholeSeconds) {
-    EXPECT_DEATH(wholeSeconds(Seconds{Limits::quiet_NaN()}), cannotConvert);
-    EXPECT_DEATH(wholeSeconds(Seconds{Limits::infinity()}), cannotConvert);
-    EXPECT_DEATH(wholeSeconds(Seconds{-Limits::infinity()}), cannotConvert);
+TEST(TimeDeathTest, ASpanOutsideSixtyFourBitsHasNoWholeSeconds) {
+    for (const double span :
+         {Limits::quiet_NaN(), Limits::infinity(), -Limits::infinity(), Limits::max(),
+          9223372036854775808.0, std::nextafter(-9223372036854775808.0, -Limits::max())}) {
+        EXPECT_DEATH(wholeSeconds(Seconds{span}), cannotConvert) << span;
+    }
 }
 
-TEST(TimeDeathTest, ASpanOutsideSixtyFourBitsHasNoWholeSeconds) {
-    EXPECT_DEATH(wholeSeconds(Seconds{9223372036854775808.0}), cannotConvert);
-    EXPECT_DEATH(wholeSeconds(Seconds{std::nextafter(-9223372036854775808.0, -Limits::max())}),
-                 cannotConvert);
-    EXPECT_DEATH(wholeSeconds(Seconds{Limits::max()}), cannotConvert);
+TEST(BootTimeTest, IsInSecondsWithTheirFraction) {
+    for (const auto& [seconds, nanoseconds, expected] :
+         {std::tuple(1, 500'000'000, 1.5), std::tuple(51'873, 204'417'375, 51873.204417375)}) {
+        const testing::StoppedClock stopped(seconds, nanoseconds);
+        EXPECT_DOUBLE_EQ(sinceBoot().count(), expected);
+    }
+}
+
+// A time namespace has an offset of its own for each of the two clocks: this one has been asleep
+// for more than a day. time_namespaces(7).
+TEST(BootTimeTest, CountsTheTimeAsleep) {
+    constexpr int needsNamespace = 77;
+    const auto result = testing::runInChild([] {
+        if (unshare(CLONE_NEWTIME) != 0) {
+            std::exit(needsNamespace);
+        }
+        std::ofstream("/proc/self/timens_offsets") << "boottime 100000 0" << std::flush;
+        const double outside = sinceBoot().count();
+        // Only children are in it.
+        const auto inside = testing::runInChild([outside] {
+            EXPECT_GE(sinceBoot().count(), outside + 100'000);
+            EXPECT_LT(sinceBoot().count(), outside + 100'060);
+        });
+        EXPECT_EQ(inside.status, 0) << inside.output;
+    });
+    if (result.status == needsNamespace) {
+        GTEST_SKIP() << "needs root and a kernel with time namespaces";
+    }
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(WithinACenturyTest, IsNoDelayThatATimerCannotTake) {
+    constexpr double century = 100 * 31'556'952.0;
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    for (const auto& [delay, expected] :
+         {std::pair(0.0, 0.0), std::pair(-1.0, 0.0), std::pair(-infinity, 0.0),
+          std::pair(std::numeric_limits<double>::quiet_NaN(), 0.0), std::pair(1e-9, 1e-9),
+          std::pair(century, century), std::pair(century * 2, century),
+          std::pair(infinity, century)}) {
+        EXPECT_EQ(withinACentury(Seconds{delay}).count(), expected) << delay;
+    }
 }
 
 }  // namespace

@@ -26,7 +26,7 @@
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
-#include "HalvoPlatform/LockFile.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 

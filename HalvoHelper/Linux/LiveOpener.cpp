@@ -12,7 +12,7 @@
 
 #include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"

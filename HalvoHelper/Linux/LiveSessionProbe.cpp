@@ -18,7 +18,7 @@
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"

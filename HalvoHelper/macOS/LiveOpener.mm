@@ -17,7 +17,7 @@
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"

@@ -9,7 +9,7 @@
 #include <array>
 #include <cerrno>
 
-#include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -18,7 +18,7 @@ namespace {
 // One flag in the three spellings: BSD's, the inode's and statx(2)'s.
 struct FlagName {
     std::uint32_t item;
-    int inode;
+    std::uint64_t inode;
     std::uint64_t attribute;
 };
 
@@ -28,36 +28,36 @@ constexpr std::array flagNames{
     FlagName{ItemFlag::noDump, FS_NODUMP_FL, STATX_ATTR_NODUMP},
 };
 
-std::uint32_t itemFlagsOf(int inodeFlags) {
-    std::uint32_t flags = 0;
+// The BSD flags of those in `flags`, which are spelled as `spelling` says.
+std::uint32_t itemFlagsOf(std::uint64_t flags, std::uint64_t FlagName::* spelling) {
+    std::uint32_t result = 0;
     for (const FlagName& name : flagNames) {
-        flags |= (inodeFlags & name.inode) != 0 ? name.item : 0;
+        result |= (flags & name.*spelling) != 0 ? name.item : 0;
     }
-    return flags;
+    return result;
 }
 
 // Gives 0 or the errno.
 int change(int item, std::uint32_t wanted) {
-    int flags = 0;
+    unsigned flags = 0;
     if (ioctl(item, FS_IOC_GETFLAGS, &flags) != 0) {
         return errno;
     }
-    int supported = 0;
-    int next = flags;
     for (const FlagName& name : flagNames) {
-        supported |= static_cast<int>(name.item);
-        next = (wanted & name.item) != 0 ? next | name.inode : next & ~name.inode;
+        const auto inode = static_cast<unsigned>(name.inode);
+        flags = (wanted & name.item) != 0 ? flags | inode : flags & ~inode;
     }
-    if ((wanted & ~static_cast<std::uint32_t>(supported)) != 0) {
+    if (itemFlagsOf(flags, &FlagName::inode) != wanted) {
         return EOPNOTSUPP;
     }
-    if (ioctl(item, FS_IOC_SETFLAGS, &next) == 0) {
+    if (ioctl(item, FS_IOC_SETFLAGS, &flags) == 0) {
         return 0;
     }
     const int code = errno;
     // An overlay can refuse the change and carry it out all the same: what counts is what is so.
-    int after = 0;
-    const bool asWanted = ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && itemFlagsOf(after) == wanted;
+    unsigned after = 0;
+    const bool asWanted =
+        ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && itemFlagsOf(after, &FlagName::inode) == wanted;
     return asWanted ? 0 : code;
 }
 
@@ -71,19 +71,16 @@ std::optional<std::uint32_t> itemFlags(const std::string& path) {
         statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
         return std::nullopt;
     }
-    std::uint32_t flags = 0;
-    for (const FlagName& name : flagNames) {
-        flags |= (status.stx_attributes & name.attribute) != 0 ? name.item : 0;
-    }
-    return flags;
+    return itemFlagsOf(status.stx_attributes, &FlagName::attribute);
 }
 
-int setItemFlags(const std::string& path, std::uint32_t wanted) {
+FlagsChange setItemFlags(const std::string& path, std::uint32_t wanted) {
     // The ioctl needs a descriptor that is open for reading (O_PATH gives EBADF). O_NONBLOCK: a
     // pipe in the item's place must not make the helper wait.
     const Descriptor item(
         open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    return item.isOpen() ? change(item.get(), wanted) : errno;
+    const int refused = item.isOpen() ? change(item.get(), wanted) : errno;
+    return {refused, refused == 0 ? syncToDisk(item.get()) : 0};
 }
 
 }  // namespace halvo

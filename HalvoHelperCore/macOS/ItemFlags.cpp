@@ -1,10 +1,12 @@
 #include "HalvoHelperCore/ItemFlags.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -17,8 +19,14 @@ std::optional<std::uint32_t> itemFlags(const std::string& path) {
     return static_cast<std::uint32_t>(status.st_flags);
 }
 
-int setItemFlags(const std::string& path, std::uint32_t wanted) {
-    return lchflags(path.c_str(), wanted) == 0 ? 0 : errno;
+FlagsChange setItemFlags(const std::string& path, std::uint32_t wanted) {
+    if (lchflags(path.c_str(), wanted) != 0) {
+        return {.refused = errno};
+    }
+    // O_NONBLOCK: a pipe in the item's place must not make the helper wait.
+    const Descriptor item(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return {.unsynced = item.isOpen() ? syncToDisk(item.get()) : errno};
 }
 
 }  // namespace halvo

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "HalvoHelperCore/SystemHelperClock.hpp"
-#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 

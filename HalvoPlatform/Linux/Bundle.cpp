@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <limits>
 #include <memory>
 #include <utility>
 
@@ -24,25 +23,12 @@ constexpr std::size_t infoLimit = std::size_t{1} << 17U;
 
 // libplist hands out memory of malloc(3).
 using Text = std::unique_ptr<char, decltype(&std::free)>;
-using Node = std::unique_ptr<void, decltype(&plist_free)>;
 
-InfoValue valueOf(plist_t node) {
-    if (plist_get_node_type(node) != PLIST_STRING) {
-        return NotAString{};
-    }
-    char* raw = nullptr;
-    plist_get_string_val(node, &raw);
-    const Text text(raw, &std::free);
-    return text == nullptr ? InfoValue(NotAString{}) : InfoValue(std::string(text.get()));
-}
-
-std::optional<InfoDictionary> parsePropertyList(std::string_view bytes) {
-    if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-        return std::nullopt;
-    }
+// `bytes` are at most infoLimit.
+std::optional<InfoDictionary> parsePropertyList(const std::string& bytes) {
     plist_t raw = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
-    const Node root(raw, &plist_free);
+    const std::unique_ptr<void, decltype(&plist_free)> root(raw, &plist_free);
     if (root == nullptr || plist_get_node_type(root.get()) != PLIST_DICT) {
         return std::nullopt;
     }
@@ -58,7 +44,12 @@ std::optional<InfoDictionary> parsePropertyList(std::string_view bytes) {
         if (key == nullptr || value == nullptr) {
             return info;
         }
-        info.insert_or_assign(key.get(), valueOf(value));
+        // Gives nothing of a node of another type.
+        char* rawText = nullptr;
+        plist_get_string_val(value, &rawText);
+        if (const Text text(rawText, &std::free); text != nullptr) {
+            info.insert_or_assign(key.get(), text.get());
+        }
     }
 }
 

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "HalvoPlatform/Descriptor.hpp"
+#include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "HalvoPlatform/SIGPIPEGuard.hpp"
 
 // The journal's source-code fields would name our build paths; the message is enough.
 #define SD_JOURNAL_SUPPRESS_LOCATION
@@ -27,10 +27,9 @@ namespace {
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): set by tests only.
 LogSink installedSink = nullptr;
 
-// The fields of the log's context, as "NAME=value"; empty while there is none. Made once for all
-// lines until it changes.
+// The fields of the log's context, as "NAME=value". Made once for all lines until it changes.
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the log is the process's.
-std::array<std::string, 3> contextFields;
+std::vector<std::string> contextFields;
 
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the same.
 bool isForTerminal = false;
@@ -65,11 +64,6 @@ std::string formatted(std::string_view format, const detail::LogArgument* argume
     return message;
 }
 
-iovec field(const std::string& text) {
-    // Only read from; readv(2) shares the type.
-    return {const_cast<char*>(text.data()), text.size()};  // NOLINT(*-const-cast)
-}
-
 // Whether the journal took the line. sd_journal_sendv() succeeds silently where none listens, so it
 // looks first.
 bool writeToJournal(const Logger& logger, LogLevel level, std::string_view message) {
@@ -77,26 +71,16 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
         return false;
     }
     // Those of syslog(3): an error, and a notice, which "default" of the unified log is.
-    const std::array<std::string, 4> fields{
-        "MESSAGE=" + std::string(message), level == LogLevel::Error ? "PRIORITY=3" : "PRIORITY=5",
-        std::string("SUBSYSTEM=") + logger.subsystem, std::string("CATEGORY=") + logger.category};
-    std::array<iovec, fields.size() + contextFields.size()> all{};
-    std::size_t count = 0;
-    for (const std::string& each : fields) {
-        all[count++] = field(each);
+    std::vector<std::string> fields = contextFields;
+    fields.push_back("MESSAGE=" + std::string(message));
+    fields.emplace_back(level == LogLevel::Error ? "PRIORITY=3" : "PRIORITY=5");
+    fields.push_back(std::string("SUBSYSTEM=") + logger.subsystem);
+    fields.push_back(std::string("CATEGORY=") + logger.category);
+    std::vector<iovec> parts;
+    for (std::string& field : fields) {
+        parts.push_back({field.data(), field.size()});
     }
-    for (const std::string& each : contextFields) {
-        if (!each.empty()) {
-            all[count++] = field(each);
-        }
-    }
-    return sd_journal_sendv(all.data(), static_cast<int>(count)) == 0;
-}
-
-// Nobody is left to tell when standard error does not take it.
-void writeToStandardError(const std::string& line) {
-    const SIGPIPEGuard guard;
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
 }
 
 // By a description of our own, since O_NONBLOCK would be that of all who share the other.
@@ -104,7 +88,7 @@ void writeToTerminal(const std::string& line) {
     const Descriptor terminal(
         open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!terminal.isOpen()) {
-        // Somebody else's terminal, of who is not root, and so ends at once.
+        // The terminal of another user, for a process that is not root and so ends at once.
         if (errno == EACCES) {
             writeToStandardError(line);
         }
@@ -161,20 +145,18 @@ LogSink replaceLogSink(LogSink sink) {
 }
 
 void setLogContext(const LogContext* context) {
+    contextFields.clear();
     if (context == nullptr) {
-        contextFields = {};
         return;
     }
-    const std::string end = internetDate(context->end);
-    contextFields = {"HALVO_UID=" + std::to_string(context->uid), "HALVO_BUNDLE=" + context->bundle,
-                     end.empty() ? "" : "HALVO_END=" + end};
+    contextFields = {"HALVO_UID=" + std::to_string(context->uid),
+                     "HALVO_BUNDLE=" + context->bundle};
+    if (const std::string end = internetDate(context->end); !end.empty()) {
+        contextFields.push_back("HALVO_END=" + end);
+    }
 }
 
-std::vector<std::string> logFields() {
-    std::vector<std::string> fields(contextFields.begin(), contextFields.end());
-    std::erase(fields, "");
-    return fields;
-}
+std::vector<std::string> logFields() { return contextFields; }
 
 void logToTerminalToo() { isForTerminal = true; }
 

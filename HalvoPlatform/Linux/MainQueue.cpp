@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/MainActor.hpp"
@@ -52,62 +51,28 @@ class EventLoopQueue final : public MainQueue {
         require(wakeUp_ < 0 ? -errno : 0, "eventfd");
         assumeMainActor();
         require(sd_event_default(&loop_), "sd_event_default");
-        const auto drain = [](sd_event_source*, int descriptor, std::uint32_t, void* self) {
-            eventfd_t count = 0;
-            eventfd_read(descriptor, &count);
-            static_cast<EventLoopQueue*>(self)->runWork();
-            return 0;
-        };
-        sd_event_source* fromThreads = nullptr;
-        require(sd_event_add_io(loop_, &fromThreads, wakeUp_, EPOLLIN, drain, this),
+        sd_event_source* source = nullptr;
+        require(sd_event_add_io(loop_, &source, wakeUp_, EPOLLIN, runWork, this),
                 "sd_event_add_io");
-        require(sd_event_source_set_priority(fromThreads, workPriority),
-                "sd_event_source_set_priority");
-        const auto runDeferred = [](sd_event_source*, void* self) {
-            static_cast<EventLoopQueue*>(self)->runWork();
-            return 0;
-        };
-        require(sd_event_add_defer(loop_, &deferred_, runDeferred, this), "sd_event_add_defer");
-        require(sd_event_source_set_priority(deferred_, workPriority),
-                "sd_event_source_set_priority");
-        require(sd_event_source_set_enabled(deferred_, SD_EVENT_OFF),
-                "sd_event_source_set_enabled");
+        require(sd_event_source_set_priority(source, workPriority), "sd_event_source_set_priority");
     }
 
     void async(Work work) override {
-        {
-            const std::lock_guard lock(mutex_);
-            waiting_.push_back(std::move(work));
-        }
-        if (onMainActor()) {
-            // No system call: the loop looks at deferred sources before it waits.
-            sd_event_source_set_enabled(deferred_, SD_EVENT_ONESHOT);
-        } else {
-            eventfd_write(wakeUp_, 1);
-        }
+        const std::lock_guard lock(mutex_);
+        waiting_.push_back(std::move(work));
+        eventfd_write(wakeUp_, 1);
     }
 
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
-        auto* timer = new Timer{std::move(work), microseconds(interval)};
-        sd_event_source* source = nullptr;
-        const std::uint64_t accuracy = std::max(microseconds(leeway), noLeeway);
-        require(sd_event_add_time_relative(loop_, &source, CLOCK_MONOTONIC, microseconds(first),
-                                           accuracy, fire, timer),
-                "sd_event_add_time_relative");
-        require(sd_event_source_set_priority(source, timerPriority),
-                "sd_event_source_set_priority");
+        sd_event_source* source =
+            addTimer(CLOCK_MONOTONIC, first, std::max(microseconds(leeway), noLeeway), fire,
+                     new Timer{std::move(work), microseconds(interval)});
         require(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
     }
 
     void after(Seconds delay, Work work) override {
-        auto* once = new Work(std::move(work));
-        sd_event_source* source = nullptr;
-        require(sd_event_add_time_relative(loop_, &source, CLOCK_BOOTTIME,
-                                           microseconds(withinACentury(delay)), noLeeway, fireOnce,
-                                           once),
-                "sd_event_add_time_relative");
-        require(sd_event_source_set_priority(source, timerPriority),
-                "sd_event_source_set_priority");
+        addTimer(CLOCK_BOOTTIME, withinACentury(delay), noLeeway, fireOnce,
+                 new Work(std::move(work)));
     }
 
     void onTermination(Work work) override {
@@ -138,6 +103,17 @@ class EventLoopQueue final : public MainQueue {
         std::uint64_t interval;
     };
 
+    sd_event_source* addTimer(clockid_t clock, Seconds first, std::uint64_t accuracy,
+                              sd_event_time_handler_t handler, void* userdata) {
+        sd_event_source* source = nullptr;
+        require(sd_event_add_time_relative(loop_, &source, clock, microseconds(first), accuracy,
+                                           handler, userdata),
+                "sd_event_add_time_relative");
+        require(sd_event_source_set_priority(source, timerPriority),
+                "sd_event_source_set_priority");
+        return source;
+    }
+
     static int fire(sd_event_source* source, std::uint64_t due, void* userdata) {
         auto* timer = static_cast<Timer*>(userdata);
         std::uint64_t now = 0;
@@ -160,19 +136,22 @@ class EventLoopQueue final : public MainQueue {
         return 0;
     }
 
-    void runWork() {
+    static int runWork(sd_event_source*, int descriptor, std::uint32_t, void* userdata) {
+        auto* self = static_cast<EventLoopQueue*>(userdata);
+        eventfd_t count = 0;
+        eventfd_read(descriptor, &count);
         {
-            const std::lock_guard lock(mutex_);
-            running_.swap(waiting_);
+            const std::lock_guard lock(self->mutex_);
+            self->running_.swap(self->waiting_);
         }
-        for (const Work& work : running_) {
+        for (const Work& work : self->running_) {
             work();
         }
-        running_.clear();
+        self->running_.clear();
+        return 0;
     }
 
     sd_event* loop_ = nullptr;
-    sd_event_source* deferred_ = nullptr;
     int wakeUp_;
     std::mutex mutex_;
     std::vector<Work> waiting_;
@@ -180,6 +159,12 @@ class EventLoopQueue final : public MainQueue {
 };
 
 }  // namespace
+
+bool onMainActor() {
+    // The initial thread's id is the process's id: gettid(2).
+    static thread_local const bool onInitialThread = gettid() == getpid();
+    return onInitialThread;
+}
 
 MainQueue& liveMainQueue() {
     // Never destroyed: work may still be on the stack when the process exits.

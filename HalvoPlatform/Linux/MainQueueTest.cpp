@@ -35,8 +35,6 @@ using testing::ChildResult;
 using testing::Fault;
 using testing::SystemCall;
 
-constexpr auto noMemory = "Cannot allocate memory";
-
 // Ends the child: with 0 when all its expectations held.
 void finish() { liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
 
@@ -51,30 +49,20 @@ void serve(const std::function<void(MainQueue&)>& prepare) {
     EXPECT_EQ(result.status, 0) << result.output << " signal " << result.signal;
 }
 
-TEST(MainQueueTest, IsOne) {
-    serve([](MainQueue& queue) {
-        EXPECT_EQ(&queue, &liveMainQueue());
-        queue.async(finish);
-    });
+TEST(MainActorTest, IsTheInitialThreadAlsoInAChild) {
+    EXPECT_TRUE(onMainActor());
+    assumeMainActor();
+    bool answer = true;
+    std::thread([&] { answer = onMainActor(); }).join();
+    EXPECT_FALSE(answer);
+    const ChildResult result = testing::runInChild([] { EXPECT_TRUE(onMainActor()); });
+    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST(MainQueueTest, RunsWorkLaterAndInOrder) {
     serve([](MainQueue& queue) {
         static std::string order;
-        queue.async([] { order += 'a'; });
-        queue.async([] { order += 'b'; });
-        queue.async([] { order += 'c'; });
-        EXPECT_EQ(order, "");
-        queue.async([] {
-            EXPECT_EQ(order, "abc");
-            finish();
-        });
-    });
-}
-
-TEST(MainQueueTest, RunsWorkOfWorkAfterWhatIsEnqueuedAlready) {
-    serve([](MainQueue& queue) {
-        static std::string order;
+        EXPECT_EQ(&queue, &liveMainQueue());
         queue.async([&queue] {
             order += 'a';
             queue.async([&queue] {
@@ -87,17 +75,7 @@ TEST(MainQueueTest, RunsWorkOfWorkAfterWhatIsEnqueuedAlready) {
             EXPECT_EQ(order, "a");
         });
         queue.async([] { order += 'b'; });
-    });
-}
-
-TEST(MainQueueTest, RunsWorkOnTheMainActor) {
-    serve([](MainQueue& queue) {
-        std::thread([&queue] {
-            queue.async([] {
-                EXPECT_TRUE(onMainActor());
-                finish();
-            });
-        }).join();
+        EXPECT_EQ(order, "");
     });
 }
 
@@ -111,6 +89,7 @@ TEST(MainQueueTest, RunsTheWorkOfEveryThreadInItsOrder) {
             threads.emplace_back([&queue, index] {
                 for (int number = 0; number < workCount; ++number) {
                     queue.async([index, number] {
+                        EXPECT_TRUE(onMainActor());
                         EXPECT_EQ(done[index], number);
                         ++done[index];
                         if (std::ranges::count(done, workCount) == threadCount) {
@@ -244,20 +223,6 @@ TEST(MainQueueTest, RunsDelayedWorkOnceAndNeverBeforeItIsDue) {
     });
 }
 
-TEST(MainQueueTest, LetsDelayedWorkAskForMore) {
-    serve([](MainQueue& queue) {
-        static int runs = 0;
-        static std::function<void()> step = [&queue] {
-            if (++runs == 100) {
-                finish();
-            }
-            queue.after(Seconds{0}, step);
-        };
-        queue.after(Seconds{0}, step);
-        EXPECT_EQ(runs, 0);
-    });
-}
-
 // What the work holds is let go when it has run, not when the process ends.
 TEST(MainQueueTest, LetsGoOfDelayedWorkThatHasRun) {
     serve([](MainQueue& queue) {
@@ -274,49 +239,33 @@ TEST(MainQueueTest, LetsGoOfDelayedWorkThatHasRun) {
     });
 }
 
-TEST(MainQueueTest, CountsADelayOnTheClockThatCountsSleepWithoutLeeway) {
-    serve([](MainQueue& queue) {
-        queue.after(Seconds{0.05}, [] {});
-        EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{50'000, 1, CLOCK_BOOTTIME}));
-        queue.async(finish);
-    });
-}
-
-TEST(MainQueueTest, TakesAnyDelay) {
+TEST(MainQueueTest, CountsAnyDelayOnTheClockThatCountsSleepWithoutLeeway) {
     serve([](MainQueue& queue) {
         static int runs = 0;
         constexpr double infinity = std::numeric_limits<double>::infinity();
-        const auto count = [] {
-            if (++runs == 4) {
-                finish();
-            }
+        const auto expectAsked = [](std::uint64_t delay) {
+            EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{delay, 1, CLOCK_BOOTTIME}));
         };
-        for (const double delay : {0.0, -1.0, -infinity, std::nan("")}) {
-            queue.after(Seconds{delay}, count);
-            EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{0, 1, CLOCK_BOOTTIME}))
-                << delay;
-        }
+        queue.after(Seconds{0.05}, [] {});
+        expectAsked(50'000);
         for (const double delay : {infinity, 1e300, 1e10}) {
             queue.after(Seconds{delay}, [] { ADD_FAILURE() << "due in a century"; });
-            EXPECT_EQ(testing::lastTimerAsked(),
-                      (testing::TimerAsked{3'155'695'200'000'000, 1, CLOCK_BOOTTIME}))
-                << delay;
+            expectAsked(3'155'695'200'000'000);
         }
+        for (const double delay : {0.0, -1.0, -infinity, std::nan("")}) {
+            queue.after(Seconds{delay}, [] {
+                if (++runs == 4) {
+                    finish();
+                }
+            });
+            expectAsked(0);
+        }
+        EXPECT_EQ(runs, 0);
     });
 }
 
-TEST(MainQueueTest, TellsTimeOnTheClockThatCountsSleep) {
+TEST(MainQueueTest, TellsTheTimeSinceBoot) {
     serve([](MainQueue& queue) {
-        const auto sinceBoot = [] {
-            timespec time{};
-            clock_gettime(CLOCK_BOOTTIME, &time);
-            return Seconds{std::chrono::seconds{time.tv_sec} +
-                           std::chrono::nanoseconds{time.tv_nsec}};
-        };
-        const Seconds before = sinceBoot();
-        const Seconds now = queue.now();
-        EXPECT_GE(now, before);
-        EXPECT_LE(now, sinceBoot());
         const testing::StoppedClock stopped(1, 500'000'000);
         EXPECT_EQ(queue.now().count(), 1.5);
         queue.async(finish);
@@ -338,33 +287,22 @@ TEST(MainQueueTest, RunsTheTerminationForEverySIGTERM) {
     });
 }
 
-TEST(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
-    const auto result = testing::runInChild([] {
+// How a child ends that sends itself `signal` from its queue.
+ChildResult afterSignal(int signal, bool isAskedFor) {
+    return testing::runInChild([=] {
         MainQueue& queue = liveMainQueue();
-        queue.onTermination([&queue] { queue.exit(75); });
-        queue.async([] { kill(getpid(), SIGTERM); });
+        if (isAskedFor) {
+            queue.onTermination([&queue] { queue.exit(75); });
+        }
+        queue.async([=] { kill(getpid(), signal); });
         queue.run();
     });
-    EXPECT_EQ(result.status, 75) << result.output;
 }
 
-TEST(MainQueueTest, LeavesOtherSignalsAsTheyAre) {
-    const auto result = testing::runInChild([] {
-        MainQueue& queue = liveMainQueue();
-        queue.onTermination([] {});
-        queue.async([] { kill(getpid(), SIGINT); });
-        queue.run();
-    });
-    EXPECT_EQ(result.signal, SIGINT);
-}
-
-TEST(MainQueueTest, LeavesSIGTERMAsItIsUntilSomebodyAsksForIt) {
-    const auto result = testing::runInChild([] {
-        MainQueue& queue = liveMainQueue();
-        queue.async([] { kill(getpid(), SIGTERM); });
-        queue.run();
-    });
-    EXPECT_EQ(result.signal, SIGTERM);
+TEST(MainQueueTest, TakesSIGTERMAloneAndOnlyOnceItIsAskedFor) {
+    EXPECT_EQ(afterSignal(SIGTERM, true).status, 75);
+    EXPECT_EQ(afterSignal(SIGINT, true).signal, SIGINT);
+    EXPECT_EQ(afterSignal(SIGTERM, false).signal, SIGTERM);
 }
 
 // Where the service manager listens, as NOTIFY_SOCKET names it; sd_notify(3).
@@ -409,27 +347,26 @@ std::string heardWithWatchdog(const char* microseconds) {
     return manager.next();
 }
 
-TEST(MainQueueTest, TellsTheServiceManagerThatItIsServed) {
+TEST(MainQueueTest, TellsTheServiceManagerThatItIsServedWhereItWantsToKnow) {
     EXPECT_EQ(heardWithWatchdog("200000"), "WATCHDOG=1");
-}
-
-TEST(MainQueueTest, TellsTheServiceManagerNothingThatItDoesNotWantToKnow) {
     EXPECT_EQ(heardWithWatchdog(nullptr), "");
 }
 
-TEST(MainQueueTest, IsMadeOnTheMainThreadOnly) {
-    const auto result = testing::runInChild([] { std::thread(liveMainQueue).join(); });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
-}
-
-TEST(MainQueueTest, IsServedOnTheMainThreadOnly) {
-    const auto result = testing::runInChild([] {
-        MainQueue& queue = liveMainQueue();
-        std::thread([&queue] { queue.run(); }).join();
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+TEST(MainQueueTest, IsMadeAndServedOnTheMainThreadOnly) {
+    const std::function<void()> uses[] = {[] { assumeMainActor(); }, [] { liveMainQueue(); },
+                                          [&] { liveMainQueue().run(); }};
+    for (const auto& use : uses) {
+        const auto result = testing::runInChild([&] {
+            if (&use == &uses[2]) {
+                liveMainQueue();
+            }
+            std::thread(use).join();
+        });
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_EQ(result.output,
+                  "Fatal error: Incorrect actor executor assumption; Expected same executor as "
+                  "MainActor.\n");
+    }
 }
 
 // What a child says that makes the queue, sets a timer and serves it, when `call` fails.
@@ -447,15 +384,21 @@ std::string fatalErrorWhen(SystemCall call, int code) {
 }
 
 TEST(MainQueueTest, EndsTheProcessWhenThereCanBeNoLoop) {
-    const std::string error = "Fatal error: ";
-    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_default, ENOMEM),
-              error + "sd_event_default: " + noMemory + "\n");
-    EXPECT_EQ(fatalErrorWhen(SystemCall::eventfd, EMFILE),
-              error + "eventfd: Too many open files\n");
-    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_add_time_relative, ENOMEM),
-              error + "sd_event_add_time_relative: " + noMemory + "\n");
-    EXPECT_EQ(fatalErrorWhen(SystemCall::sd_event_loop, ENOMEM),
-              error + "sd_event_loop: " + noMemory + "\n");
+    struct Row {
+        SystemCall call;
+        int code;
+        std::string error;
+    };
+
+    const std::string noMemory = ": Cannot allocate memory\n";
+    for (const Row& row :
+         std::vector<Row>{{SystemCall::eventfd, EMFILE, "eventfd: Too many open files\n"},
+                          {SystemCall::sd_event_default, ENOMEM, "sd_event_default" + noMemory},
+                          {SystemCall::sd_event_add_time_relative, ENOMEM,
+                           "sd_event_add_time_relative" + noMemory},
+                          {SystemCall::sd_event_loop, ENOMEM, "sd_event_loop" + noMemory}}) {
+        EXPECT_EQ(fatalErrorWhen(row.call, row.code), "Fatal error: " + row.error);
+    }
 }
 
 }  // namespace

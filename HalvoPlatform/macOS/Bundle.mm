@@ -34,11 +34,6 @@ NSDictionary<NSString*, id>* ownInfo() {
                                                        error:nil];
 }
 
-InfoValue valueOf(id member) {
-    const auto text = [member isKindOfClass:[NSString class]] ? textOf(member) : std::nullopt;
-    return text ? InfoValue(*text) : InfoValue(NotAString{});
-}
-
 }  // namespace
 
 Bundle Bundle::main() {
@@ -57,8 +52,12 @@ std::optional<InfoDictionary> Bundle::info() const {
         }
         InfoDictionary info;
         for (NSString* name in members) {
-            if (const auto key = textOf(name)) {
-                info.insert_or_assign(*key, valueOf(members[name]));
+            id member = members[name];
+            const auto key = textOf(name);
+            const auto text =
+                [member isKindOfClass:[NSString class]] ? textOf(member) : std::nullopt;
+            if (key && text) {
+                info.insert_or_assign(*key, *text);
             }
         }
         return info;

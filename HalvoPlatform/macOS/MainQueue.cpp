@@ -1,6 +1,7 @@
 #include "HalvoPlatform/MainQueue.hpp"
 
 #include <dispatch/dispatch.h>
+#include <pthread.h>
 
 #include <chrono>
 #include <csignal>
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 
 namespace halvo {
@@ -138,6 +138,19 @@ class DispatchQueue final : public MainQueue {
 };
 
 }  // namespace
+
+bool onMainActor() {
+    // Which thread serves the main queue says nothing: from dispatch_main(3) on it is any. So the
+    // queue carries a mark, which only its own work sees (dispatch_get_specific(3)).
+    static char mark = 0;
+    [[maybe_unused]] static const bool marked = [] {
+        dispatch_queue_set_specific(dispatch_get_main_queue(), &mark, &mark, nullptr);
+        return true;
+    }();
+    // Until dispatch_main(3) the main queue is the main thread (pthread_main_np(3)), which does
+    // nothing after it.
+    return dispatch_get_specific(&mark) != nullptr || pthread_main_np() != 0;
+}
 
 MainQueue& liveMainQueue() {
     // Never destroyed: work may still be on the stack when the process exits.

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <ostream>
@@ -15,6 +16,7 @@
 
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/TestProcess.hpp"
 
@@ -74,7 +76,9 @@ class MainQueueTest : public ::testing::Test {
   protected:
     MainQueueTest() {
         fake::reset();
-        start = fake::world().sinceBoot;
+        // sinceBoot() never goes back within a process: each test begins where the last one ended.
+        start = static_cast<std::uint64_t>(std::ceil(sinceBoot().count())) * second;
+        fake::world().sinceBoot = start;
     }
 
     ~MainQueueTest() override { std::signal(SIGTERM, SIG_DFL); }
@@ -96,25 +100,15 @@ class MainQueueTest : public ::testing::Test {
     MainQueue& queue = liveMainQueue();
 };
 
-TEST_F(MainQueueTest, IsOne) { EXPECT_EQ(&queue, &liveMainQueue()); }
-
 TEST_F(MainQueueTest, RunsWorkLaterAndInOrder) {
-    std::string order;
-    queue.async([&] { order += 'a'; });
-    queue.async([&] { order += 'b'; });
-    queue.async([&] { order += 'c'; });
-    EXPECT_EQ(order, "");
-    fake::serve(0);
-    EXPECT_EQ(order, "abc");
-}
-
-TEST_F(MainQueueTest, RunsWorkOfWorkAfterWhatIsEnqueuedAlready) {
+    EXPECT_EQ(&queue, &liveMainQueue());
     std::string order;
     queue.async([&] {
         queue.async([&] { order += 'c'; });
         order += 'a';
     });
     queue.async([&] { order += 'b'; });
+    EXPECT_EQ(order, "");
     fake::serve(0);
     EXPECT_EQ(order, "abc");
 }
@@ -168,21 +162,14 @@ TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
     EXPECT_EQ(fake::timers().size(), 1U);
 }
 
-TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDue) {
-    queue.after(Seconds{1.5}, noted());
-    EXPECT_EQ(timersAsked(), delayAsked(1'500 * millisecond));
-    fake::serve(1.499);
+TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDueToTheNanosecond) {
+    queue.after(Seconds{1.523456789}, noted());
+    EXPECT_EQ(timersAsked(), delayAsked(1'523'456'789));
+    fake::serve(1.523);
     EXPECT_EQ(turns, std::vector<Turn>{});
     fake::serve(100);
-    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(1'500 * millisecond)}));
+    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(1'523'456'789)}));
     EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
-}
-
-TEST_F(MainQueueTest, KeepsADelayToTheNanosecond) {
-    queue.after(Seconds{0.123456789}, noted());
-    EXPECT_EQ(timersAsked(), delayAsked(123'456'789));
-    fake::serve(1);
-    EXPECT_EQ(turns, (std::vector<Turn>{turnAfter(123'456'789)}));
 }
 
 TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
@@ -197,18 +184,22 @@ TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
     }
 }
 
+// In a process of its own, which is a century older after it.
 TEST_F(MainQueueTest, TakesADelayOfMoreThanACenturyForACentury) {
-    constexpr std::uint64_t century = 3'155'695'200 * second;
-    for (const double delay : {infinity, 1e300, 1e10, 3'155'695'201.0, 3'155'695'200.0}) {
-        queue.after(Seconds{delay}, noted());
-        EXPECT_EQ(timersAsked().back(), delayAsked(century).back()) << delay;
-    }
-    queue.after(Seconds{3'155'695'199.0}, noted());
-    EXPECT_EQ(timersAsked().back().wait, century - second);
-    fake::serve(3'155'695'198.0);
-    EXPECT_EQ(turns, std::vector<Turn>{});
-    fake::serve(2);
-    EXPECT_EQ(turns.size(), 6U);
+    const auto result = testing::runInChild([this] {
+        constexpr std::uint64_t century = 3'155'695'200 * second;
+        for (const double delay : {infinity, 1e300, 1e10, 3'155'695'201.0, 3'155'695'200.0}) {
+            queue.after(Seconds{delay}, noted());
+            EXPECT_EQ(timersAsked().back(), delayAsked(century).back()) << delay;
+        }
+        queue.after(Seconds{3'155'695'199.0}, noted());
+        EXPECT_EQ(timersAsked().back().wait, century - second);
+        fake::serve(3'155'695'198.0);
+        EXPECT_EQ(turns, std::vector<Turn>{});
+        fake::serve(2);
+        EXPECT_EQ(turns.size(), 6U);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST_F(MainQueueTest, LetsDelayedWorkAskForMore) {
@@ -309,18 +300,12 @@ TEST_F(MainQueueTest, LeavesOtherSignalsAsTheyAre) {
     EXPECT_EQ(turns, std::vector<Turn>{});
 }
 
-TEST_F(MainQueueTest, TellsTimeInSecondsOnTheClockThatCountsSleep) {
-    fake::world().sinceBoot = 1'500'000'000;
-    EXPECT_EQ(queue.now().count(), 1.5);
-    fake::world().sinceBoot = 51'873'204'417'375;
-    EXPECT_DOUBLE_EQ(queue.now().count(), 51'873.204417375);
-}
-
-TEST_F(MainQueueTest, TellsTimeOnAnyThread) {
-    fake::world().sinceBoot = 250 * millisecond;
+TEST_F(MainQueueTest, TellsTheTimeSinceBootOnAnyThread) {
     double seconds = 0;
     std::thread([&] { seconds = queue.now().count(); }).join();
-    EXPECT_EQ(seconds, 0.25);
+    EXPECT_EQ(seconds, sinceBoot().count());
+    fake::serve(0.5);
+    EXPECT_DOUBLE_EQ(queue.now().count(), seconds + 0.5);
 }
 
 TEST_F(MainQueueTest, IsServedByRunUntilTheScriptIsOver) {
@@ -340,24 +325,62 @@ TEST_F(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
         });
         EXPECT_EQ(result.status, status) << result.output;
     }
-}
-
-TEST_F(MainQueueTest, ExitsBeforeItIsServed) {
     const auto result = testing::runInChild([this] { queue.exit(78); });
-    EXPECT_EQ(result.status, 78) << result.output;
+    EXPECT_EQ(result.status, 78) << "before it is served: " << result.output;
 }
 
-// In a process that has no queue yet.
-TEST(MainQueueDeathTest, IsMadeOnTheMainThreadOnly) {
+// --- The main actor: the initial thread, and from dispatch_main(3) on any that serves the queue.
+
+TEST_F(MainQueueTest, IsTheMainActorOnNoOtherThread) {
+    EXPECT_TRUE(onMainActor());
+    assumeMainActor();
+    bool isOther = true;
+    std::thread([&] { isOther = onMainActor(); }).join();
+    EXPECT_FALSE(isOther);
+    isOther = true;
+    fake::at(1, [&] { isOther = onMainActor(); });
+    fake::at(1, [&] {
+        queue.async([this] {
+            assumeMainActor();
+            noted()();
+        });
+    });
+    fake::endAt(2);
+    EXPECT_THROW(queue.run(), fake::Over);
+    EXPECT_FALSE(isOther);
+    EXPECT_EQ(turns, std::vector<Turn>{turnAfter(second)});
+}
+
+TEST_F(MainQueueTest, EndsTheProcessOnAnyOtherThread) {
+    const std::function<void()> uses[] = {
+        [] { std::thread(assumeMainActor).join(); },
+        [this] { std::thread([this] { queue.run(); }).join(); },
+        [] {
+            fake::at(1, assumeMainActor);
+            dispatch_main();
+        },
+    };
+    for (const auto& use : uses) {
+        const auto result = testing::runInChild(use);
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_EQ(result.output,
+                  "Fatal error: Incorrect actor executor assumption; Expected same executor as "
+                  "MainActor.\n");
+    }
+}
+
+// In a process that has no queue yet, and has never asked.
+TEST(MainQueueDeathTest, IsMadeOnTheMainThreadOnlyAndKnowsItselfInTheMidstOfWork) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(std::thread(liveMainQueue).join(), "Incorrect actor executor assumption");
-}
-
-TEST_F(MainQueueTest, IsServedOnTheMainThreadOnly) {
-    const auto result =
-        testing::runInChild([this] { std::thread([this] { queue.run(); }).join(); });
-    EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("Incorrect actor executor assumption"), std::string::npos);
+    const auto body = [] {
+        bool isOnMainActor = false;
+        dispatch_async_f(dispatch_get_main_queue(), &isOnMainActor,
+                         [](void* answer) { *static_cast<bool*>(answer) = onMainActor(); });
+        fake::serve(0);
+        std::exit(isOnMainActor ? EXIT_SUCCESS : EXIT_FAILURE);
+    };
+    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -119,7 +119,8 @@ class Disks {
 class CrashStateTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (setItemFlags(app, ItemFlag::systemImmutable) != 0 || setItemFlags(app, 0) != 0) {
+        if (setItemFlags(app, ItemFlag::systemImmutable).refused != 0 ||
+            setItemFlags(app, 0).refused != 0) {
             GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
         }
         trace.emplace();

@@ -1,14 +1,913 @@
+// An engine in a simulated world, through events that nobody would think of.
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <initializer_list>
+#include <iomanip>
 #include <iostream>
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "tests/Simulation/EngineSimulation.hpp"
+#include "HalvoHelperCore/HelperEngine.hpp"
+#include "tests/Support/LogCapture.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {
 namespace {
+
+using Lift = HelperEngine::Lift;
+
+constexpr std::size_t eventsPerRun = 250;
+constexpr std::size_t eventsInReport = 40;
+constexpr std::uint32_t anna = 501;
+constexpr std::uint32_t ben = 502;
+constexpr Seconds nothing{0};
+constexpr Seconds day{24 * 60 * 60};
+constexpr Seconds checkpointGap{60};
+constexpr std::size_t eighthsPerHour = std::size_t{8} * 60 * 60;
+
+// --- What must be so, told from the rules and not from the engine.
+
+constexpr Seconds silence{6};
+constexpr Seconds reopenGap{15};
+constexpr Seconds sessionEndGrace{90};
+constexpr int temporaryFailure = 75;
+
+// By its text alone; the bundles of the simulation have no other traps in their paths.
+bool isBundle(const std::string& path) { return path.starts_with('/') && path.ends_with(".app"); }
+
+bool isInApplications(const std::string& path) {
+    return std::filesystem::path(path).parent_path().filename() == "Applications";
+}
+
+// The commitment that must be held, with both budgets counted down as time passes.
+struct ExpectedCommitment {
+    std::string appPath;
+    std::uint32_t uid{};
+    WallDate startedWall;
+    Seconds remaining{};
+    Seconds cap{};
+    bool locked{};
+
+    bool operator==(const ExpectedCommitment&) const = default;
+
+    [[nodiscard]] Seconds left() const { return std::min(remaining, cap); }
+
+    [[nodiscard]] bool isLive() const { return left() > Seconds{0}; }
+
+    // Whether `record`, as of `now`, is this commitment with this time left. Its lock is not
+    // looked at.
+    [[nodiscard]] bool matches(const HelperCommitment& record, const ClockReading& now) const;
+};
+
+// What a stored record is worth at `now`: within one boot the time since its checkpoint is charged.
+// After a reboot it is the larger of what the wall clock says and the time that the machine has
+// been up, and a day after the start by the wall clock everything is over.
+ExpectedCommitment worthOf(const HelperCommitment& record, const ClockReading& now) {
+    ExpectedCommitment worth{record.appPath,   record.uid,          record.startedWall,
+                             record.remaining, record.capRemaining, record.locked};
+    const bool sameBoot = record.checkpoint.bootID == now.bootID;
+    const Seconds charged =
+        sameBoot ? now.sinceBoot - record.checkpoint.sinceBoot
+                 : std::max({now.wall - record.checkpoint.wall, now.sinceBoot, nothing});
+    worth.remaining -= charged;
+    worth.cap -= charged;
+    if (!sameBoot) {
+        worth.cap = std::min(worth.cap, record.startedWall + day - now.wall);
+    }
+    return worth;
+}
+
+bool ExpectedCommitment::matches(const HelperCommitment& record, const ClockReading& now) const {
+    ExpectedCommitment worth = worthOf(record, now);
+    worth.locked = locked;
+    return worth == *this;
+}
+
+struct BeginRequest {
+    std::string appPath;
+    WallDate until;
+    WallDate started;
+    HelperPeer peer;
+};
+
+// Follows an engine through its operations and says what each must bring about. Reads the world as
+// it is before the operation. Every time is exact: spans are multiples of an eighth of a second.
+class Expectation {
+  public:
+    explicit Expectation(const SimulatedWorld& world) : world_(world) {}
+
+    std::optional<ExpectedCommitment> held;
+    std::optional<HelperEngine::Lift> lastLift;
+
+    // Time passes within one boot, whether or not an engine runs.
+    void timePasses(Seconds span) {
+        if (held) {
+            held->remaining -= span;
+            held->cap -= span;
+        }
+    }
+
+    void startup() {
+        held.reset();
+        lastLift.reset();
+        started_ = now();
+        consoleSince_ = now();
+        console_ = world_.session.console;
+        heard_ = seen_ = opened_ = announced_ = std::nullopt;
+        if (const auto* record = world_.store.commitment()) {
+            held = worthOf(*record, world_.clock.now());
+            if (!held->isLive()) {
+                lift(Lift::expiredAtStartup);
+            }
+        } else if (!world_.store.isEmpty()) {
+            lastLift = Lift::unreadableAtStartup;
+        }
+    }
+
+    bool begin(const BeginRequest& request) {
+        unlockedPath_.clear();
+        if (!isBundle(request.appPath) || request.peer.bundlePath != request.appPath) {
+            return false;
+        }
+        if (held && !held->isLive()) {
+            lift(Lift::deadline);
+        }
+        if (held && held->uid != request.peer.uid) {
+            return false;
+        }
+        const WallDate wall = world_.clock.now().wall;
+        ExpectedCommitment next{request.appPath,
+                                request.peer.uid,
+                                request.started,
+                                request.until - wall,
+                                request.started + day - wall,
+                                false};
+        if (held) {
+            next.startedWall = held->startedWall;
+            next.cap = std::min(next.cap, held->cap);
+        }
+        if (!next.isLive()) {
+            if (held) {
+                lift(Lift::ended);
+            }
+            return false;
+        }
+        const bool keepsLock = held && held->locked && held->appPath == next.appPath;
+        next.locked = keepsLock || wouldLock(next.appPath);
+        held = next;
+        heard_ = now();
+        announced_.reset();
+        return true;
+    }
+
+    bool end(std::uint32_t uid) {
+        if (!held || held->uid != uid) {
+            return false;
+        }
+        lift(Lift::ended);
+        return true;
+    }
+
+    bool heartbeat(bool sessionEnding, std::uint32_t uid) {
+        if (!held || held->uid != uid) {
+            return false;
+        }
+        if (!held->isLive()) {
+            lift(Lift::deadline);
+            return false;
+        }
+        heard_ = now();
+        announced_ = sessionEnding ? heard_ : std::nullopt;
+        return true;
+    }
+
+    std::optional<Opening> tick() {
+        if (!held) {
+            return std::nullopt;
+        }
+        if (!held->isLive()) {
+            lift(Lift::deadline);
+            return std::nullopt;
+        }
+        return openingDue();
+    }
+
+    int terminate() const { return held && held->isLive() ? temporaryFailure : 0; }
+
+    HelperStatus status(std::uint32_t uid) const {
+        if (!held || held->uid != uid || !held->isLive()) {
+            return {};
+        }
+        return {true, world_.clock.now().wall + held->left(), held->locked};
+    }
+
+  private:
+    void lift(Lift reason) {
+        if (held->locked && !world_.flags.failsToUnlock) {
+            unlockedPath_ = held->appPath;
+        }
+        held.reset();
+        lastLift = reason;
+        heard_ = seen_ = opened_ = announced_ = std::nullopt;
+    }
+
+    bool wouldLock(const std::string& path) const {
+        const bool isFree = !world_.flags.isSet(path) || path == unlockedPath_;
+        return isInApplications(path) && world_.flags.exists(path) && isFree &&
+               !world_.flags.failsToLock && !world_.store.failsToSave && !world_.store.failsToSync;
+    }
+
+    std::optional<Opening> openingDue() {
+        const auto& person = world_.session.console;
+        if (person != console_) {
+            console_ = person;
+            consoleSince_ = now();
+            if (person != held->uid) {
+                announced_.reset();
+            }
+        }
+        if (person != held->uid || isAnnounced()) {
+            return std::nullopt;
+        }
+        // Absent times are the smallest optionals there are.
+        const std::optional<Seconds> lastSign = std::max(heard_, seen_);
+        const Seconds quietSince = std::max({started_, consoleSince_, lastSign.value_or(started_)});
+        if (now() < quietSince + silence) {
+            return std::nullopt;
+        }
+        if (world_.session.runs(held->appPath, held->uid)) {
+            seen_ = now();
+            return std::nullopt;
+        }
+        if (opened_ && now() < *opened_ + reopenGap) {
+            return std::nullopt;
+        }
+        opened_ = now();
+        const bool afterQuit = lastSign && *lastSign >= consoleSince_;
+        return Opening{held->appPath, held->uid, afterQuit, now()};
+    }
+
+    bool isAnnounced() {
+        if (announced_ && now() >= *announced_ + sessionEndGrace) {
+            announced_.reset();
+        }
+        return announced_.has_value();
+    }
+
+    [[nodiscard]] Seconds now() const { return world_.clock.now().sinceBoot; }
+
+    const SimulatedWorld& world_;
+
+    // A flag that the operation clears before it looks at the flags again.
+    std::string unlockedPath_;
+
+    // When each thing that keeps the app from being opened last happened.
+    Seconds started_{};
+    std::optional<Seconds> heard_;
+    std::optional<Seconds> seen_;
+    std::optional<Seconds> opened_;
+    std::optional<Seconds> announced_;
+    std::optional<std::uint32_t> console_;
+    Seconds consoleSince_{};
+};
+
+// --- The simulation
+
+std::string inWords(Seconds span) {
+    std::ostringstream text;
+    text << std::setprecision(15) << span.count() << " s";
+    return text.str();
+}
+
+std::string nameOf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+std::string inWords(const std::optional<ExpectedCommitment>& held) {
+    return held ? nameOf(held->appPath) + " of " + std::to_string(held->uid) + ", left " +
+                      inWords(held->left())
+                : "nothing";
+}
+
+// Something that must always be so was not. The text says what, and what happened before.
+struct Violation : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// How much came up in one or more runs, so that nobody takes an idle simulation for a good one.
+using Tally = std::map<std::string, std::size_t>;
+
+// One run: a sequence of events that its seed decides, with everything that must hold checked after
+// each of them. Every second seed is one of foul weather, in which the store and the flags fail
+// too.
+//
+// Two people begin, extend, end and quit; both clocks and the console do what they do; the flag is
+// set and cleared by others; bundles come and go; the helper is terminated, killed between any two
+// calls of a collaborator, and started again; the machine is rebooted and cut off from power.
+class EngineSimulation {
+  public:
+    EngineSimulation(std::uint64_t seed, const TemporaryFolder& disk, Tally& tally)
+        : seed_(seed), random_(seed), tally_(tally), isFoul_(seed % 2 == 1), world_(disk) {
+        for (const char* path :
+             {"Applications/A.app", "Users/anna/Applications/B.app", "Applications/Sub/C.app"}) {
+            bundles_.push_back(world_.addBundle(path));
+        }
+        world_.session.console = anna;
+    }
+
+    std::size_t run() {
+        restart();
+        while (events_ < eventsPerRun) {
+            happen();
+        }
+        // Whatever is still broken off is started once more, so that no run ends unseen.
+        world_.calls.cancelCrash();
+        while (!engine_) {
+            restart();
+        }
+        return trace_;
+    }
+
+  private:
+    // A flag as it was, and whether anybody had set it with the promise to clear it.
+    struct Flag {
+        bool isSet{};
+        bool isOwed{};
+    };
+
+    // --- Chance
+
+    // One of 0 ..< limit.
+    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(random_() % limit); }
+
+    bool chance(unsigned percent) { return below(100) < percent; }
+
+    template <class Values>
+    auto oneOf(const Values& values) {
+        return values[below(values.size())];
+    }
+
+    Seconds eighths(std::size_t limit) {
+        return Seconds{static_cast<double>(below(limit) + 1) / 8};
+    }
+
+    std::string anyBundle() { return bundles_[below(bundles_.size())]; }
+
+    std::uint32_t anybody() { return chance(75) ? anna : ben; }
+
+    // --- Events
+
+    using Event = void (EngineSimulation::*)();
+
+    struct Chance {
+        std::size_t percent;
+        Event event;
+    };
+
+    void oneOf(std::initializer_list<Chance> chances) {
+        std::size_t dice = below(100);
+        for (const auto& [percent, event] : chances) {
+            if (dice < percent) {
+                return (this->*event)();
+            }
+            dice -= percent;
+        }
+    }
+
+    void happen() {
+        using Self = EngineSimulation;
+        if (!engine_) {
+            oneOf({{50, &Self::restart},
+                   {10, &Self::powerCut},
+                   {5, &Self::damageFile},
+                   {35, &Self::happenToWorld}});
+        } else {
+            oneOf({{54, &Self::tickInTime},
+                   {5, &Self::tickLate},
+                   {7, &Self::heartbeat},
+                   {8, &Self::begin},
+                   {2, &Self::end},
+                   {2, &Self::terminate},
+                   {1, &Self::kill},
+                   {1, &Self::powerCut},
+                   {20, &Self::happenToWorld}});
+        }
+    }
+
+    void happenToWorld() {
+        using Self = EngineSimulation;
+        const std::array events{&Self::setWallClock,  &Self::setFlagByHand, &Self::clearFlagByHand,
+                                &Self::moveBundle,    &Self::switchConsole, &Self::startOrQuitApp,
+                                &Self::changeWeather, &Self::sleep};
+        (this->*oneOf(events))();
+        check();
+    }
+
+    void sleep() { pass(chance(50) ? eighths(800) : eighths(10 * eighthsPerHour)); }
+
+    void tickInTime() {
+        pass(Seconds{2});
+        tick();
+    }
+
+    void tickLate() {
+        pass(eighths(400));
+        tick();
+    }
+
+    void pass(Seconds span) {
+        note("pass " + inWords(span));
+        world_.clock.advance(span);
+        expectation_.timePasses(span);
+        if (age_) {
+            *age_ += span;
+        }
+    }
+
+    void tick() {
+        const auto opened = [this] {
+            world_.opener.openings.clear();
+            engine_->tick();
+            const auto& openings = world_.opener.openings;
+            tally_["opened"] += openings.size();
+            require(openings.size() <= 1, "the app was opened twice");
+            return openings.empty() ? std::nullopt : std::optional(openings.front());
+        };
+        operate("tick", [this] { return expectation_.tick(); }, opened);
+        const auto* record = world_.store.commitment();
+        if (engine_ && !isFoul_ && record != nullptr) {
+            require(now().sinceBoot - record->checkpoint.sinceBoot < checkpointGap,
+                    "the record on the disk is older than a minute after a tick");
+        }
+    }
+
+    void begin() {
+        constexpr std::array lengths{Seconds{-10},   Seconds{5},     Seconds{30},
+                                     Seconds{600},   Seconds{10800}, Seconds{108000},
+                                     Seconds{36000}, Seconds{90},    Seconds{0}};
+        constexpr std::array starts{Seconds{0},      Seconds{0},      Seconds{0},
+                                    Seconds{-3600},  Seconds{-82800}, Seconds{-86395},
+                                    Seconds{-90000}, Seconds{3600}};
+        BeginRequest request;
+        request.appPath = chance(3) ? "/Applications/NoBundle" : anyBundle();
+        request.until = now().wall + oneOf(lengths) + eighths(16);
+        request.started = now().wall + oneOf(starts);
+        request.peer = {anybody(), chance(95) ? std::optional(request.appPath) : std::nullopt};
+        operate(
+            "begin " + nameOf(request.appPath) + " by " + std::to_string(request.peer.uid) +
+                " for " + inWords(request.until - now().wall) + " from " +
+                inWords(request.started - now().wall),
+            [&] { return expectBegin(request); },
+            [&] {
+                const bool reply =
+                    engine_->begin(request.appPath, request.until, request.started, request.peer);
+                tally_[reply ? "begun" : "begin-refused"] += 1;
+                return reply;
+            });
+    }
+
+    bool expectBegin(const BeginRequest& request) {
+        const bool isFirst = !expectation_.held || !expectation_.held->isLive();
+        const bool reply = expectation_.begin(request);
+        if (reply && isFirst) {
+            const Seconds age = now().wall - request.started;
+            // One that starts in the future may last longer than a day from now.
+            age_ = age >= nothing ? std::optional(age) : std::nullopt;
+        }
+        return reply;
+    }
+
+    void end() {
+        const std::uint32_t uid = anybody();
+        operate(
+            "end by " + std::to_string(uid), [&] { return expectation_.end(uid); },
+            [&] { return engine_->end({uid, std::nullopt}); });
+    }
+
+    void heartbeat() {
+        const std::uint32_t uid = anybody();
+        const bool ending = chance(15);
+        operate(
+            "heartbeat of " + std::to_string(uid) + (ending ? ", session ending" : ""),
+            [&] { return expectation_.heartbeat(ending, uid); },
+            [&] { return engine_->heartbeat(ending, {uid, std::nullopt}); });
+    }
+
+    void terminate() {
+        operate(
+            "terminate", [this] { return expectation_.terminate(); },
+            [this] {
+                const int status = engine_->terminate();
+                checkTerminated();
+                engine_.reset();
+                return status;
+            });
+    }
+
+    void kill() {
+        note("kill");
+        engine_.reset();
+    }
+
+    // What the next engine will find.
+    std::optional<ExpectedCommitment> onDisk() const {
+        const auto* record = world_.store.commitment();
+        return record == nullptr ? std::nullopt : std::optional(worthOf(*record, now()));
+    }
+
+    // The time from the last save to the cut is lost, where the wall clock does not tell of it.
+    void powerCut() {
+        const Seconds off = chance(50) ? eighths(800) : eighths(20 * eighthsPerHour);
+        const Seconds up = eighths(2000);
+        note("power-cut for " + inWords(off) + ", up for " + inWords(up));
+        engine_.reset();
+        const auto* record = world_.store.commitment();
+        const bool isFresh = record != nullptr && record->checkpoint.bootID == now().bootID;
+        // Of a boot in which nothing was saved all is lost.
+        const Seconds lost = now().sinceBoot - (isFresh ? record->checkpoint.sinceBoot : nothing);
+        const auto before = onDisk();
+        world_.clock.reboot(off, up);
+        world_.session.quitAll();
+        if (chance(40)) {
+            setWallClock();
+        }
+        require(!isFresh || onDisk()->left() <= before->left() + lost - up,
+                "a reboot gave more time back than was lost with the power");
+        if (age_) {
+            *age_ += up - lost;
+        }
+    }
+
+    void restart() {
+        expectation_.held = onDisk();
+        operate(
+            "start",
+            [this] {
+                expectation_.startup();
+                return expectation_.lastLift;
+            },
+            [this] {
+                engine_.emplace(world_.clock, world_.locks, world_.locks, world_.session,
+                                world_.opener);
+                engine_->startup();
+                return engine_->lastLift();
+            });
+    }
+
+    void setWallClock() {
+        const Seconds jump = eighths(30 * eighthsPerHour) * (chance(50) ? 1 : -1);
+        note("wall-clock " + inWords(jump));
+        world_.clock.moveWallClock(jump);
+    }
+
+    void setFlagByHand() {
+        const std::string path = anyBundle();
+        if (!world_.flags.exists(path) || world_.flags.isSet(path)) {
+            return;
+        }
+        note("flag-set by hand: " + nameOf(path));
+        world_.flags.setByHand(path, true);
+        if (!owes(path)) {
+            foreign_.insert(path);
+        }
+    }
+
+    void clearFlagByHand() {
+        const std::string path = anyBundle();
+        if (!world_.flags.isSet(path)) {
+            return;
+        }
+        note("flag-cleared by hand: " + nameOf(path));
+        world_.flags.setByHand(path, false);
+        foreign_.erase(path);
+        ours_.erase(path);
+    }
+
+    // As the flags see it: the real folder stays, which saves thousands of visits to the disk.
+    void moveBundle() {
+        const std::string path = anyBundle();
+        if (!world_.flags.exists(path)) {
+            note("bundle " + nameOf(path) + " comes back");
+            world_.flags.add(path);
+        } else if (!world_.flags.isSet(path) && chance(40)) {
+            note("bundle " + nameOf(path) + " goes away");
+            world_.flags.erase(path);
+        }
+    }
+
+    void switchConsole() {
+        constexpr std::array<std::optional<std::uint32_t>, 4> people{anna, anna, ben, std::nullopt};
+        world_.session.console = oneOf(people);
+        note("console " + std::to_string(world_.session.console.value_or(0)));
+    }
+
+    void startOrQuitApp() {
+        const std::string path = anyBundle();
+        const std::uint32_t uid = anybody();
+        if (world_.session.runs(path, uid)) {
+            note("quits: " + nameOf(path) + " of " + std::to_string(uid));
+            world_.session.quit(path, uid);
+        } else {
+            note("starts: " + nameOf(path) + " of " + std::to_string(uid));
+            world_.session.start(path, uid);
+        }
+        world_.opener.startsApps = chance(50);
+    }
+
+    void changeWeather() {
+        world_.flags.failsToLock = chance(30);
+        note(std::string("weather: locks ") + (world_.flags.failsToLock ? "fail" : "succeed"));
+        if (isFoul_) {
+            world_.store.failsToSave = chance(30);
+            world_.store.failsToSync = chance(30);
+            world_.store.failsToRemove = chance(30);
+            world_.flags.failsToUnlock = chance(30);
+            note(std::string("weather: failing") + (world_.store.failsToSave ? " saves" : "") +
+                 (world_.store.failsToSync ? " syncs" : "") +
+                 (world_.store.failsToRemove ? " removals" : "") +
+                 (world_.flags.failsToUnlock ? " unlocks" : ""));
+        }
+    }
+
+    // In fair weather the path and the lock can still be read.
+    void damageFile() {
+        const auto* record = world_.store.commitment();
+        if (record == nullptr) {
+            return;
+        }
+        note("file-damaged");
+        UnreadableCommitment rest{record->appPath, record->locked};
+        if (isFoul_ && chance(30)) {
+            rest.appPath.reset();
+        }
+        if (isFoul_ && chance(30)) {
+            rest.locked = false;
+        }
+        world_.store.stored = rest;
+        age_.reset();
+    }
+
+    // --- One operation
+
+    // Runs `actual` on the engine, which must give what `expected` gives. Now and then it is broken
+    // off at some call of a collaborator.
+    template <class Expected, class Actual>
+    void operate(const std::string& what, Expected expected, Actual actual) {
+        note(what);
+        if (chance(2)) {
+            world_.calls.crashAt(below(9) + 1);
+        }
+        const auto flagsBefore = flagsNow();
+        const auto before = expectation_.held;
+        // First: what is expected is told from the world as it is before the operation.
+        const auto reply = expected();
+        bool isBroken = false;
+        try {
+            require(actual() == reply, "the outcome of " + what);
+        } catch (const Crash&) {
+            isBroken = true;
+            engine_.reset();
+        }
+        world_.calls.cancelCrash();
+        followFlags(flagsBefore);
+        absorbTrace();
+        if (isBroken) {
+            breakOff(before, expectation_.held);
+        } else {
+            check();
+        }
+    }
+
+    std::map<std::string, Flag> flagsNow() const {
+        std::map<std::string, Flag> flags;
+        for (const std::string& path : bundles_) {
+            flags[path] = {world_.flags.isSet(path), owes(path)};
+        }
+        return flags;
+    }
+
+    // What the operation set is ours; what it cleared it must have owed.
+    void followFlags(const std::map<std::string, Flag>& before) {
+        for (const auto& [path, flag] : before) {
+            const bool isSet = world_.flags.isSet(path);
+            if (isSet && !flag.isSet) {
+                ours_.insert(path);
+                const auto* record = world_.store.commitment();
+                require(record == nullptr ? !world_.store.isEmpty()
+                                          : record->locked && record->appPath == path,
+                        "a lock was set that no record on the disk owes: " + nameOf(path));
+            } else if (!isSet && flag.isSet) {
+                ours_.erase(path);
+                require(flag.isOwed, "a flag was cleared that nobody owed");
+            }
+        }
+    }
+
+    // The helper was killed within an operation: what is on the disk is the commitment as it was
+    // before or the one that the operation was about to bring about.
+    void breakOff(const std::optional<ExpectedCommitment>& before,
+                  const std::optional<ExpectedCommitment>& after) {
+        note("broken-off");
+        checkForeignFlags();
+        if (isFoul_) {
+            return;
+        }
+        const auto* record = world_.store.commitment();
+        const auto isStored = [&](const std::optional<ExpectedCommitment>& held) {
+            if (!held || record == nullptr) {
+                return !held && record == nullptr;
+            }
+            return held->matches(*record, now());
+        };
+        const bool mayBeGone = before && !before->isLive();
+        const bool isUnreadable = record == nullptr && !world_.store.isEmpty();
+        require(isStored(before) || isStored(after) || isUnreadable || (mayBeGone && !record),
+                "the record on the disk after a crash; before: " + inWords(before) +
+                    ", after: " + inWords(after));
+        for (const std::string& path : ours_) {
+            checkOwed(path);
+        }
+    }
+
+    // --- What must hold
+
+    bool owes(const std::string& path) const {
+        const auto isOwedBy = [&path](const HelperCommitment* record) {
+            return record != nullptr && record->locked && record->appPath == path;
+        };
+        const auto* unreadable = std::get_if<UnreadableCommitment>(&world_.store.stored);
+        const bool isHeld = engine_ && engine_->commitment() && isOwedBy(&*engine_->commitment());
+        return isHeld || isOwedBy(world_.store.commitment()) ||
+               (unreadable != nullptr && unreadable->locked && unreadable->appPath == path);
+    }
+
+    void check() {
+        if (!engine_) {
+            return;
+        }
+        checkCommitment();
+        checkFlags();
+        checkDisk();
+        checkDay();
+        absorbTrace();
+    }
+
+    void checkCommitment() {
+        const auto& held = engine_->commitment();
+        const auto& expected = expectation_.held;
+        require(held.has_value() == expected.has_value(),
+                held ? "something is held" : "nothing is held");
+        require(engine_->isIdle() == !expected, "whether it is idle");
+        require(engine_->lastLift() == expectation_.lastLift, "why it was last let go");
+        if (expected) {
+            require(expected->matches(*held, now()),
+                    "what is held: " + inWords(worthOf(*held, now())));
+            require(held->locked == expected->locked, "whether the lock is owed");
+        }
+        for (const std::uint32_t uid : {anna, ben}) {
+            require(engine_->status({uid, std::nullopt}) == expectation_.status(uid),
+                    "the status of " + std::to_string(uid));
+        }
+    }
+
+    void checkForeignFlags() {
+        for (const std::string& path : foreign_) {
+            require(world_.flags.isSet(path), "somebody else's flag was cleared");
+        }
+    }
+
+    void checkOwed(const std::string& path) {
+        require(owes(path), "a flag of ours is left that nobody owes: " + nameOf(path));
+        const auto* record = world_.store.commitment();
+        require(record == nullptr || record->appPath == path,
+                "the record on the disk owes another");
+    }
+
+    void checkFlags() {
+        checkForeignFlags();
+        if (!isFoul_) {
+            for (const std::string& path : ours_) {
+                checkOwed(path);
+            }
+        }
+    }
+
+    void checkDisk() {
+        if (isFoul_) {
+            return;
+        }
+        const auto* record = world_.store.commitment();
+        require(world_.store.isEmpty() == engine_->isIdle(), "whether anything is on the disk");
+        require(record == nullptr || *record == *engine_->commitment(),
+                "what is on the disk is not what is held");
+    }
+
+    // The record is up to date and owes the lock as before, and the flags are off.
+    void checkTerminated() {
+        if (isFoul_) {
+            return;
+        }
+        const auto* record = world_.store.commitment();
+        require((record != nullptr) == expectation_.held.has_value(), "whether a record is left");
+        if (record != nullptr) {
+            require(expectation_.held->matches(*record, now()) && record->checkpoint == now() &&
+                        record->locked == expectation_.held->locked,
+                    "the record that was left");
+            require(!record->locked || !world_.flags.isSet(record->appPath),
+                    "a flag is left set while no helper runs");
+        }
+    }
+
+    // No commitment outlives a day from its start, whatever the wall clock shows.
+    void checkDay() {
+        if (!expectation_.held) {
+            age_.reset();
+        } else if (age_ && !isFoul_) {
+            require(!expectation_.held->isLive() || *age_ < day,
+                    "it has run for longer than a day: " + inWords(*age_));
+        }
+    }
+
+    void require(bool condition, const std::string& what) {
+        if (condition) {
+            return;
+        }
+        std::string report = "seed " + std::to_string(seed_) + (isFoul_ ? " (foul weather)" : "") +
+                             ", event " + std::to_string(events_) + ": " + what +
+                             "; expected: " + inWords(expectation_.held) + "\nThe last events:\n";
+        for (const std::string& event : recent_) {
+            report += "  " + event + "\n";
+        }
+        throw Violation(report);
+    }
+
+    // --- The trace
+
+    void note(const std::string& event) {
+        ++events_;
+        tally_[event.substr(0, event.find(' '))] += 1;
+        recent_.push_back("[" + inWords(now().sinceBoot) + "] " + event);
+        if (recent_.size() > eventsInReport) {
+            recent_.pop_front();
+        }
+        hash(event);
+    }
+
+    void hash(const std::string& text) {
+        trace_ = std::hash<std::string>{}(std::to_string(trace_) + text);
+    }
+
+    void absorbTrace() {
+        for (const std::string& call : world_.calls.calls()) {
+            hash(call);
+        }
+        world_.calls.clear();
+        for (const LogMessage& message : log_.messages()) {
+            hash(message.text);
+        }
+        log_.clear();
+    }
+
+    [[nodiscard]] const ClockReading& now() const { return world_.clock.now(); }
+
+    std::uint64_t seed_;
+    // Gives the same numbers on every machine.
+    std::mt19937_64 random_;
+    Tally& tally_;
+    bool isFoul_;
+    LogCapture log_;
+    SimulatedWorld world_;
+    std::vector<std::string> bundles_;
+    std::optional<HelperEngine> engine_;
+    Expectation expectation_{world_};
+
+    // Flags that others set while nobody owed them: nobody may clear them but others.
+    std::set<std::string> foreign_;
+    // Flags that are set because the helper set them.
+    std::set<std::string> ours_;
+
+    // Of the commitment since its first begin: how long it has run, by the clock that counts from
+    // boot, at most as much as was lost with the power; and how old it was when it began.
+    std::optional<Seconds> age_;
+
+    std::size_t trace_ = 0;
+    std::deque<std::string> recent_;
+    std::size_t events_ = 0;
+};
 
 // The number in the environment variable `name`, or `otherwise`.
 std::uint64_t setting(const char* name, std::uint64_t otherwise) {
@@ -24,7 +923,7 @@ std::uint64_t defaultRuns() { return std::getenv(seedSetting) != nullptr ? 1 : 2
 
 class EngineSimulationTest : public ::testing::Test {
   protected:
-    std::uint64_t run(std::uint64_t seed) { return EngineSimulation(seed, disk, tally).run(); }
+    std::size_t run(std::uint64_t seed) { return EngineSimulation(seed, disk, tally).run(); }
 
     TemporaryFolder disk;
     Tally tally;

@@ -127,7 +127,7 @@ class Service {
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
                                      HelperProcesses& processes, Waiter& waiter);
 
-// The lock file (LockFile.hpp) of the releases of `identity`, in a folder that a boot empties. One
+// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties. One
 // source per system.
 std::string releaseLockPath(const HelperIdentity& identity);
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelperCore/ClockReading.hpp"
+#include "HalvoHelperCore/HelperClock.hpp"
 #include "HalvoHelperCore/CommitmentStore.hpp"
 #include "HalvoHelperCore/FileFlags.hpp"
 #include "tools/Halvoctl/Machine.hpp"

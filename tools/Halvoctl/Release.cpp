@@ -5,7 +5,7 @@
 #include <variant>
 
 #include "HalvoHelperCore/AppLocation.hpp"
-#include "HalvoPlatform/LockFile.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Commands.hpp"

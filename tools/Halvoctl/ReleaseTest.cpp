@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoPlatform/LockFile.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tools/Halvoctl/Commands.hpp"

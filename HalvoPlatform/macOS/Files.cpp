@@ -1,4 +1,4 @@
-#include "HalvoPlatform/DiskSync.hpp"
+#include "HalvoPlatform/Files.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>

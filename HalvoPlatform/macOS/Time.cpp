@@ -1,4 +1,4 @@
-#include "HalvoPlatform/BootTime.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 #include <algorithm>
 #include <ctime>
