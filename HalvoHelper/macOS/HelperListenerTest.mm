@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/HelperListener.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
 #include "HalvoPlatform/MainQueue.hpp"
@@ -22,8 +21,11 @@
 namespace halvo::testing {
 namespace {
 
+using ::testing::AllOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 const std::string machService = "com.example.app.helper";
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
@@ -118,7 +120,7 @@ class XPCListenerTest : public ::testing::Test {
     const int worldReset = (fake::reset(), 0);
     SimulatedWorld world;
     const std::string app = world.addBundle("Applications/Halvo.app");
-    std::unique_ptr<HelperListener> listener = makeListener(machService).value();
+    std::unique_ptr<HelperListener> listener = makeListener(machService);
     HelperService service{identity,
                           {world.clock, world.flags, world.store, world.session, world.opener},
                           *listener,
@@ -130,17 +132,11 @@ class XPCListenerTest : public ::testing::Test {
 
 // ---------------------------------------------------------------------------------- the listener
 
-TEST_F(XPCListenerTest, ListensOnTheMachServiceOfThatName) {
-    EXPECT_TRUE(fake::listener(machService));
+TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
+    ASSERT_TRUE(fake::listener(machService));
     EXPECT_FALSE(fake::listener("com.example.app"));
-}
-
-TEST_F(XPCListenerTest, AdmitsNobodyBeforeItServes) {
     EXPECT_FALSE(fake::listener(machService)->isResumed);
     EXPECT_EQ(connect(), nil);
-}
-
-TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
     serve();
     EXPECT_EQ(fake::listener(machService)->requirement,
               "anchor apple generic and identifier \"com.example.app\" and certificate "
@@ -173,18 +169,8 @@ TEST_F(XPCListenerTest, ExportsTheRequestsAndHearsOfTheEndBeforeItResumes) {
     EXPECT_EQ(fake::exportedProtocol(connection), "HalvoHelperXPC");
 }
 
-TEST_F(XPCListenerTest, AdmitsEveryCallerThatReachesIt) {
-    serve();
-    for (const std::string& path :
-         {std::string(), std::string("/usr/bin/tool"), app + "/Contents/MacOS/Halvo"}) {
-        runs(path);
-        EXPECT_NE(connect(), nil) << path;
-    }
-    EXPECT_NE(fake::connect(machService, 1, 0), nil);
-    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
-}
-
 TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
+    world.calls.clear();
     serveApp();
     NSXPCConnection* other = connect();
     EXPECT_EQ(service.connections(), 0);
@@ -198,6 +184,7 @@ TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
     fake::invalidate(other);
     fake::serve(0);
     EXPECT_EQ(service.connections(), 0);
+    EXPECT_THAT(world.calls.calls(), IsEmpty()) << "it touched the engine without a request";
 }
 
 TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
@@ -213,54 +200,27 @@ TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
     EXPECT_EQ(service.connections(), 0);
 }
 
-TEST_F(XPCListenerTest, LeavesTheEngineAloneWithoutARequest) {
-    world.calls.clear();
-    serveApp();
-    fake::invalidate(connection);
-    fake::serve(0);
-    EXPECT_THAT(world.calls.calls(), IsEmpty());
-}
-
-TEST_F(XPCListenerTest, TakesTheCallersUserFromTheConnectionNotFromTheProcess) {
+TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
     serve();
-    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/Halvo"}};
-    EXPECT_TRUE(owns(app));
-    EXPECT_EQ(engine.commitment()->uid, ann);
-}
-
-TEST_F(XPCListenerTest, FindsTheCallersBundle) {
-    serve();
-    const std::string other = world.addBundle("Applications/Other.app");
-    runs(app + "/Contents/MacOS/Halvo");
-    EXPECT_FALSE(owns(other));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
-    EXPECT_TRUE(owns(app));
-}
-
-TEST_F(XPCListenerTest, ACallerWithoutAnExecutableOrABundleOwnsNone) {
-    serve();
-    for (const std::string& path : {std::string(), app + "/Halvo"}) {
-        fake::reset();
-        listener = makeListener(machService).value();
-        serve();
+    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
+    // Nothing, what is in no bundle, and another bundle.
+    for (const std::string& path :
+         {std::string(), app + "/Halvo",
+          world.addBundle("Applications/Other.app") + "/Contents/MacOS/Halvo"}) {
         runs(path);
+        const std::size_t refused = fake::errors().size();
         EXPECT_FALSE(owns(app)) << path;
-        EXPECT_THAT(fake::errors(), ElementsAre(notTheirs)) << path;
+        EXPECT_EQ(fake::errors().size(), refused + 1);
+        EXPECT_EQ(fake::errors().back(), notTheirs) << path;
     }
-}
-
-TEST_F(XPCListenerTest, FixesThePeerWhenItAdmits) {
-    serveApp();
+    // Of a name that is longer than the buffer, as much as fits. The user is the connection's.
+    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/" + std::string(5000, 'a')}};
+    connection = connect();
     runs("/usr/bin/tool");
     begin();
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes"));
-}
-
-TEST_F(XPCListenerTest, ReadsNoMoreThanTheBufferOfALongerPath) {
-    serve();
-    runs(app + "/Contents/MacOS/" + std::string(5000, 'a'));
-    EXPECT_TRUE(owns(app)) << "of its name as much as fits";
+    EXPECT_THAT(replies.back(), "begin yes");
+    EXPECT_EQ(engine.commitment()->uid, ann);
 }
 
 // ----------------------------------------------------------------------------------- the requests
@@ -283,33 +243,22 @@ TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
                             "status holding until 3600.000000 locked", "end yes"));
 }
 
-TEST_F(XPCListenerTest, TellsALockThatCouldNotBeSet) {
-    serveApp();
-    world.flags.failsToLock = true;
-    begin();
-    status();
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000"));
-}
-
-TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBit) {
+TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBitAndWhatTheEngineSaysOfIt) {
     serveApp();
     const WallDate until = wallDate(1'760'000'600.123456);
     const WallDate started = wallDate(1'759'999'999.654321);
+    world.flags.failsToLock = true;
+    begin("/Applications/Other.app");
     begin(foundationText(app), dateOf(until), dateOf(started));
+    status();
     fake::serve(0);
+    EXPECT_THAT(replies,
+                ElementsAre("begin no", "begin yes",
+                            "status holding until " + std::to_string((until - now()).count())));
     ASSERT_TRUE(engine.commitment());
     EXPECT_EQ(engine.commitment()->remaining, until - now());
     EXPECT_EQ(engine.commitment()->startedWall, started);
-}
-
-TEST_F(XPCListenerTest, RefusesABeginThatTheEngineRefuses) {
-    serveApp();
-    begin("/Applications/Other.app");
-    begin(foundationText(app), dateOf(now() - hour), dateOf(now()));
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
+    EXPECT_THAT(fake::errors().front(), notTheirs);
 }
 
 TEST_F(XPCListenerTest, PassesTheAnnouncementThatTheSessionEnds) {
@@ -358,27 +307,21 @@ TEST_F(XPCListenerTest, TakesTheDistantFutureAndTheDistantPastForDates) {
 
 // ---------------------------------------------------------------------------- what may be left out
 
-TEST_F(XPCListenerTest, TakesWhatIsNoTextForNoBundlePath) {
+TEST_F(XPCListenerTest, TakesWhatIsMissingForNoBundlePathAndNoDate) {
     serveApp();
     // A zero byte does not end the path.
     const std::string path = app + std::string("\0.app", 5);
-    NSString* missing = nil;
-    for (NSString* text : {missing, fake::loneSurrogate(), foundationText(path)}) {
+    NSString* noText = nil;
+    NSDate* noDate = nil;
+    for (NSString* text : {noText, fake::loneSurrogate(), foundationText(path)}) {
         begin(text, dateOf(now() + hour), dateOf(now()));
     }
+    begin(foundationText(app), noDate, dateOf(now()));
+    begin(foundationText(app), dateOf(now() + hour), noDate);
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs));
-}
-
-TEST_F(XPCListenerTest, TakesAMissingDateForNone) {
-    serveApp();
-    NSDate* missing = nil;
-    begin(foundationText(app), missing, dateOf(now()));
-    begin(foundationText(app), dateOf(now() + hour), missing);
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre("Refused a begin: until is not a finite number",
+    EXPECT_THAT(replies, AllOf(SizeIs(5), Each("begin no")));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs,
+                                            "Refused a begin: until is not a finite number",
                                             "Refused a begin: started is not a finite number"));
     EXPECT_TRUE(engine.isIdle());
 }
