@@ -163,8 +163,6 @@ TEST_F(HelperServiceTest, EachTickIsATickOfTheEngine) {
     EXPECT_EQ(world.calls.count("state Halvo.app"), 3U);
 }
 
-// -------------------------------------------------------------------------------- the idle exit
-
 TEST_F(HelperServiceTest, ExitsAfterThirtySecondsWithNothingToDo) {
     service.start();
     EXPECT_EQ(pass(29.9), std::nullopt);
@@ -260,8 +258,6 @@ TEST_F(HelperServiceTest, CountsFromTheLastTickThatFoundACommitment) {
     EXPECT_TRUE(world.store.isEmpty());
 }
 
-// -------------------------------------------------------------------------------- its termination
-
 TEST_F(HelperServiceTest, TerminationEndsWithTheEnginesWordOnALiveCommitment) {
     service.start();
     ASSERT_TRUE(begin(Seconds{600}));
@@ -283,8 +279,6 @@ TEST_F(HelperServiceTest, TerminationDoesNotWaitForConnections) {
     EXPECT_EQ(pass(10), std::nullopt);
     EXPECT_EQ(terminate(), 0);
 }
-
-// ---------------------------------------------------------------------------------- the requests
 
 constexpr const char* notTheirs = "Refused a begin for a bundle that isn't the caller's own";
 
@@ -434,8 +428,6 @@ TEST_F(HelperServiceDeathTest, IsCalledOnTheMainQueueOnly) {
                      "Incorrect actor executor assumption; Expected same executor as MainActor\\.");
     }
 }
-
-// ---------------------------------------------------- the commitment that the log tells of
 
 struct Line {
     std::string message;

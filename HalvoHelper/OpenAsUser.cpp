@@ -7,7 +7,6 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <utility>
 
 #include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -71,10 +70,7 @@ std::optional<std::uint32_t> parseUserID(const std::string& word) {
 }
 
 std::optional<Request> parse(std::span<const std::string> words) {
-    if (words.size() < 2) {
-        return std::nullopt;
-    }
-    const auto uid = parseUserID(words[0]);
+    const auto uid = words.size() < 2 ? std::nullopt : parseUserID(words[0]);
     if (!uid || *uid == 0 || !AppLocation::isBundlePath(words[1])) {
         return std::nullopt;
     }

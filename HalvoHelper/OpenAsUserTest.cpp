@@ -29,8 +29,6 @@ const User ann{501, 20, "ann", "/Users/ann"};
 // What no path is likely to hold, and every path may.
 const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3\xA9 * ; & |.app";
 
-// -------------------------------------------------------------------------------- the command line
-
 TEST(OpenAsUserWordsTest, AskForAnOpeningAndAreUnderstoodAgain) {
     const std::pair<Request, Words> rows[] = {
         {{501, app, false}, {"501", app}},
@@ -96,37 +94,20 @@ TEST(OpenAsUserRequestTest, MayBeFollowedByAnyWords) {
 }
 
 TEST(OpenAsUserRequestTest, IsNoneOfTheWrongWords) {
-    const Words rows[] = {
-        // Too few.
-        {},
-        {"501"},
-        {app},
-        {"--after-quit"},
-        // In another order.
-        {app, "501"},
-        {"--after-quit", "501", app},
-        {"501", "--after-quit", app},
-        // No bundle path.
-        {"501", ""},
-        {"501", "/"},
-        {"501", "Halvo.app"},
-        {"501", "./Halvo.app"},
-        {"501", "/Applications/Halvo"},
-        {"501", "/Applications/Halvo.app/"},
-        {"501", "/Applications/Halvo.APP"},
-        {"501", "/Applications/../Halvo.app"},
-        {"501", "/Applications/./Halvo.app"},
-        {"501", "/Applications//Halvo.app"},
-        {"501", "//Applications/Halvo.app"},
-        {"501", "/../Halvo.app"},
-        {"501", "/Applications/\xFF.app"},
-    };
+    std::vector<Words> rows{
+        // Too few, and in another order.
+        {}, {"501"}, {app}, {"--after-quit"}, {app, "501"}, {"--after-quit", "501", app}};
+    for (const char* noBundlePath :
+         {"", "/", "Halvo.app", "./Halvo.app", "/Applications/Halvo", "/Applications/Halvo.app/",
+          "/Applications/Halvo.APP", "/Applications/../Halvo.app", "/Applications/./Halvo.app",
+          "/Applications//Halvo.app", "//Applications/Halvo.app", "/../Halvo.app",
+          "/Applications/\xFF.app", "--after-quit"}) {
+        rows.push_back({"501", noBundlePath, app});
+    }
     for (const Words& words : rows) {
         EXPECT_EQ(parse(words), std::nullopt) << ::testing::PrintToString(words);
     }
 }
-
-// ------------------------------------------------------------------------------------ the commands
 
 TEST(OpenAsUserCommandTest, TellsTheAppThatItIsBackAfterAQuit) {
     EXPECT_THAT(withAppArguments({"x"}, false), ElementsAre("x"));
@@ -139,8 +120,6 @@ TEST(OpenAsUserCommandTest, GivesTheUsersEnvironmentAndNothingElse) {
                 ElementsAre("HOME=/home/a=b", "USER=a b", "LOGNAME=a b",
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
 }
-
-// --------------------------------------------------------------------------------- the privileges
 
 // A process that can be told what goes wrong, and remembers what it was asked.
 class FakePrivileges final : public Privileges {

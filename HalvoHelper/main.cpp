@@ -17,14 +17,11 @@
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Daemon.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "HalvoPlatform/MainQueue.hpp"
 #include "HalvoPlatform/Version.hpp"
 
 namespace {
 
-// sysexits.h.
-constexpr int exitNoPermission = 77;
-constexpr int exitConfig = 78;
+constexpr int exitConfig = 78;  // sysexits.h
 
 void runService(const std::string& firstWord) {
     using namespace halvo;
@@ -35,7 +32,7 @@ void runService(const std::string& firstWord) {
         if (const auto advice = startAdvice(Bundle::main().executablePath().value_or(firstWord))) {
             HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
         }
-        std::exit(exitNoPermission);
+        std::exit(OpenAsUser::exitNoPermission);
     }
     const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());

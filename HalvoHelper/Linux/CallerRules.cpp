@@ -10,10 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -48,11 +46,8 @@ std::string fileOf(pid_t process, const char* name) {
     return "/proc/" + std::to_string(process) + "/" + name;
 }
 
-// A file of proc(5); the longest, of the mounts, have some hundred bytes for each.
-std::expected<std::string, FileError> readProc(const std::string& path) {
-    constexpr std::size_t limit = 64 * 1024 * 1024;
-    return readFile(path, limit);
-}
+// Of a file of proc(5); the longest, of the mounts, has some hundred bytes for each.
+constexpr std::size_t longestFile = 64 * 1024 * 1024;
 
 // Takes what is before the next `end`, or all, off `text`, and the `end` too.
 std::string_view take(std::string_view& text, char end) {
@@ -81,7 +76,7 @@ Problem problemOfMount(const struct statx& file) {
     if ((file.stx_mask & STATX_MNT_ID) == 0) {
         return "it cannot be told on which mount its executable lies; that needs Linux 5.8";
     }
-    const auto mounts = readProc("/proc/1/mountinfo");
+    const auto mounts = readFile("/proc/1/mountinfo", longestFile);
     if (!mounts) {
         return failed("the machine's mounts cannot be read in /proc/1/mountinfo",
                       mounts.error().code);
@@ -118,7 +113,7 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
     if (getsockopt(connection, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size) != 0) {
         return failed(cannotBeRead, errno);
     }
-    const auto status = readProc(fileOf(caller.pid, "status"));
+    const auto status = readFile(fileOf(caller.pid, "status"), longestFile);
     constexpr std::string_view field = "\nGid:\t";
     const std::size_t at = status ? status->find(field) : std::string::npos;
     if (at == std::string::npos) {

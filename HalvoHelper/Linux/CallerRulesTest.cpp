@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <expected>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -78,17 +77,130 @@ TEST(CallerRulesTest, RefuseAnyOtherProgramAndReadNothingFromIt) {
     EXPECT_EQ(read(ends[0].get(), buffer.data(), buffer.size()), 5);
 }
 
-// ----------------------------------------------------------------------------- for real, in a
-// machine whose mounts are those of process 1: nothing else in the same process may have left its
-// mount namespace (PrivateMount)
+// Account files in which the group 990 is nobody's.
+class AccountFilesTest : public ::testing::Test {
+  protected:
+    AccountFilesTest() {
+        write("group", "root:x:0:\nhalvo-app:x:990:\nann:x:1000:\n");
+        write("gshadow", "root:*::\nhalvo-app:!::\nann:!::\n");
+        write("passwd", "root:x:0:0::/root:/bin/sh\nann:x:1000:1000::/home/ann:/bin/sh\n");
+    }
 
+    void write(const std::string& name, const std::string& text) const {
+        replaceTestFile(etc / name, text);
+    }
+
+    [[nodiscard]] std::string problem(gid_t group = 990) const {
+        return PrivateGroups(etc.path()).problem(group).value_or("nobody's");
+    }
+
+    TemporaryFolder etc;
+};
+
+TEST_F(AccountFilesTest, IsNobodys) {
+    EXPECT_EQ(problem(), "nobody's");
+    EXPECT_EQ(problem(1000), "the group ann is the own group of ann");
+    EXPECT_EQ(problem(0), "the group 0 is root's");
+    EXPECT_EQ(problem(991), "the group 991 has no name");
+    // And by the machine's own files.
+    const auto root = readGroup(0);
+    ASSERT_TRUE(root) << root.error();
+    EXPECT_EQ(root->name, "root");
+    EXPECT_THAT(root->owners, ::testing::Contains("root"));
+    EXPECT_EQ(root->hasShadow, geteuid() == 0);
+}
+
+TEST_F(AccountFilesTest, HasNoMembersOwnersOrPassword) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, who alone looks at the shadow";
+    }
+
+    const struct {
+        const char* file;
+        const char* text;
+        const char* problem;
+    } rows[] = {
+        {"group", "halvo-app:x:990:ann,ben\n", "the group halvo-app has members: ann, ben"},
+        // Whichever entry has the number.
+        {"group", "halvo-app:x:990:\nother:x:990:ann\n", "the group halvo-app has members: ann"},
+        {"group", "halvo-app:$6$hash:990:\n", "the group halvo-app has a password"},
+        {"group", "halvo-app::990:\n", "nobody's"},
+        {"gshadow", "halvo-app:!::ann\n", "the group halvo-app has members: ann"},
+        {"gshadow", "halvo-app:!:ann:\n", "the group halvo-app has administrators: ann"},
+        {"gshadow", "halvo-app:$6$hash::\n", "the group halvo-app has a password"},
+        {"gshadow", "halvo-app:!$6$hash::\n", "nobody's"},
+        {"gshadow", "halvo-app:*::\n", "nobody's"},
+        {"gshadow", "other:$6$hash:ann:ann\n", "nobody's"},
+        {"passwd", "ann:x:1000:990::/:/bin/sh\nben:x:1001:990::/:\n",
+         "the group halvo-app is the own group of ann, ben"},
+        {"passwd", "", "nobody's"},
+        {"group", "", "the group 990 has no name"},
+    };
+
+    for (const auto& row : rows) {
+        const std::string path = etc / row.file;
+        const std::string before = readTestFile(path);
+        write(row.file, row.text);
+        EXPECT_EQ(problem(), row.problem) << row.file << ": " << row.text;
+        write(row.file, before);
+    }
+}
+
+TEST_F(AccountFilesTest, HasALineLongerThanAnyBuffer) {
+    std::string members;
+    for (int number = 0; number < 100'000; ++number) {
+        members += (number == 0 ? "u" : ",u") + std::to_string(number);
+    }
+    write("group", "crowd:x:2000:" + members + "\nhalvo-app:x:990:ann\n");
+    EXPECT_EQ(problem(), "the group halvo-app has members: ann");
+}
+
+TEST_F(AccountFilesTest, IsNotToldFromAFileThatCannotBeRead) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, who alone looks at the shadow";
+    }
+    std::filesystem::remove(etc / "gshadow");
+    EXPECT_EQ(problem(), "nobody's") << "there need not be one";
+    for (const char* name : {"group", "gshadow", "passwd"}) {
+        std::filesystem::remove(etc / name);
+        std::filesystem::create_directory(etc / name);
+        EXPECT_EQ(problem(),
+                  "it cannot be told whose the group 990 is: " + (etc / name) + ": Is a directory");
+        std::filesystem::remove(etc / name);
+        write(name, "halvo-app:x:990:\n");
+    }
+    std::filesystem::remove(etc / "passwd");
+    EXPECT_EQ(problem(), "it cannot be told whose the group 990 is: " + (etc / "passwd") +
+                             ": No such file or directory");
+}
+
+TEST_F(AccountFilesTest, IsAskedForAgainWhenAFileHasChanged) {
+    PrivateGroups groups(etc.path());
+    sleep(3);  // until a change would show
+    EXPECT_EQ(groups.problem(990), std::nullopt);
+    const std::size_t opened = callsMade(SystemCall::open);
+    EXPECT_EQ(groups.problem(990), std::nullopt);
+    EXPECT_EQ(callsMade(SystemCall::open), opened);
+    EXPECT_EQ(groups.problem(1000), "the group ann is the own group of ann");
+    EXPECT_EQ(groups.problem(990), std::nullopt);
+    write("passwd", "ann:x:1000:990::/:/bin/sh\n");
+    EXPECT_EQ(groups.problem(990), "the group halvo-app is the own group of ann");
+}
+
+// The mounts are those of process 1: no other test in the same process may leave its mount
+// namespace (PrivateMount).
 class CallerRulesPrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override {
         app = std::make_unique<TestBundle>("/Applications/Sample.app");
         app->writeInfo();
         app->install(appGroup);
-        listen();
+        const auto address = socketAddress(socketPath).value();
+        fs::remove(socketPath);
+        listener = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
+        ASSERT_EQ(chmod(socketPath.c_str(), 0666), 0);
+        ASSERT_EQ(::listen(listener.get(), 5), 0);
     }
 
     void cleanUp() override {
@@ -96,15 +208,6 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
         for (const auto& item : fs::directory_iterator("/Applications")) {
             fs::remove_all(item.path());
         }
-    }
-
-    void listen() {
-        const auto address = socketAddress(socketPath).value();
-        fs::remove(socketPath);
-        listener = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
-        ASSERT_EQ(chmod(socketPath.c_str(), 0666), 0);
-        ASSERT_EQ(::listen(listener.get(), 5), 0);
     }
 
     // Runs `path` with these words as a process that first does `prepare`, and takes its
@@ -196,8 +299,6 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEvery
     }
 }
 
-// ------------------------------------------------------------------------------ the private group
-
 TEST_F(CallerRulesPrivateMachineTest, RefuseWhoDoesNotHaveTheGroupOfAnExecutableThatGivesIt) {
     const std::string none = withoutGroup(app->executable());
     const Descriptor aside = connectionOf(app->executable(), {"drop-group", "connect", socketPath});
@@ -251,46 +352,24 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotB
                                    " is: /nowhere/group: No such file or directory");
 }
 
-// ------------------------------------------------------------------------- who can change the file
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatOthersThanRootCanWrite) {
-    for (const mode_t mode : {02775U, 02757U}) {
-        ASSERT_EQ(chmod(app->executable().c_str(), mode), 0);
-        EXPECT_EQ(verdictOnApp(), changeable()) << std::oct << mode;
-    }
-    ASSERT_EQ(chown(app->executable().c_str(), user.uid, appGroup), 0);
-    ASSERT_EQ(chmod(app->executable().c_str(), 02755), 0);
-    EXPECT_EQ(verdictOnApp(), changeable());
-}
-
-// Not even sticky.
-TEST_F(CallerRulesPrivateMachineTest, RefuseAFolderAboveThatOthersThanRootCanWrite) {
-    for (const char* folder :
-         {"/", "/Applications", "/Applications/Sample.app", "/Applications/Sample.app/Contents",
-          "/Applications/Sample.app/Contents/MacOS"}) {
-        for (const mode_t mode : {0775U, 01757U}) {
-            ASSERT_EQ(chmod(folder, mode), 0);
-            EXPECT_EQ(verdictOnApp(), changeable()) << folder << " " << std::oct << mode;
+// Folders not even where they are sticky.
+TEST_F(CallerRulesPrivateMachineTest, RefuseAnExecutableThatOthersThanRootCanChange) {
+    const std::string path = app->executable();
+    for (const std::string& item : {path, app->folder(), app->path() + "/Contents", app->path(),
+                                    std::string("/Applications"), std::string("/")}) {
+        SCOPED_TRACE(item);
+        const mode_t usual = item == path ? 02755 : 0755;
+        const gid_t group = item == path ? appGroup : 0;
+        for (const mode_t mode : {usual | 020U, usual | 01002U}) {
+            ASSERT_EQ(chmod(item.c_str(), mode), 0);
+            EXPECT_EQ(verdictOnApp(), changeable()) << std::oct << mode;
         }
-        ASSERT_EQ(chmod(folder, 0755), 0);
-        ASSERT_EQ(chown(folder, user.uid, 0), 0);
-        EXPECT_EQ(verdictOnApp(), changeable()) << folder;
-        ASSERT_EQ(chown(folder, 0, 0), 0);
+        for (const uid_t owner : {user.uid, uid_t{0}}) {
+            ASSERT_EQ(chown(item.c_str(), owner, group), 0);
+            ASSERT_EQ(chmod(item.c_str(), usual), 0);
+            EXPECT_EQ(verdictOnApp(), owner == 0 ? "admitted" : changeable());
+        }
     }
-    EXPECT_EQ(verdictOnApp(), "admitted");
-}
-
-TEST_F(CallerRulesPrivateMachineTest, RefuseACopyOfThePersonsOwn) {
-    const std::string home = "/home/" + userName;
-    const TestBundle copy(home + "/Sample.app");
-    copy.writeInfo();
-    for (const auto& item : fs::recursive_directory_iterator(home)) {
-        ASSERT_EQ(lchown(item.path().c_str(), user.uid, user.gid), 0);
-    }
-    ASSERT_EQ(chmod(copy.executable().c_str(), 02755), 0);
-    EXPECT_EQ(verdictOn(connectionOf(copy.executable()).get()),
-              "somebody besides root can change " + copy.executable());
-    fs::remove_all(copy.path());
 }
 
 // By a path whose folder is a link by now, to the very same one.
@@ -308,8 +387,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathByWayOfALink) {
     ASSERT_EQ(umount(real.c_str()), 0);
     fs::remove(real);
 }
-
-// ------------------------------------------------------------------------ whether it is that file
 
 // Something lies over the path by now: everything else is as with the app.
 TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatIsNoLongerTheOneAtItsPath) {
@@ -332,8 +409,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAFileThatIsNoLongerTheOneAtItsPath) 
     ASSERT_EQ(umount(twins.c_str()), 0);
     fs::remove(twins);
 }
-
-// ------------------------------------------------------------------------------------- the mount
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
     const std::string folder = "/Applications/Sample.app";
@@ -387,8 +462,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheMachinesMountsAreHi
     EXPECT_EQ(verdictOn(connection.get()), "admitted");
 }
 
-// ----------------------------------------------------------------------------------- replacement
-
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatWasReplacedOrRemovedMeanwhile) {
     const std::string deleted = "its executable was replaced or removed since it started";
     const std::string replaced = "the app was replaced since it started; quit it and start it anew";
@@ -439,8 +512,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAPathThatCannotBeTold) {
     caller.reset();
     fs::remove_all(top);
 }
-
-// -------------------------------------------------------------------------------------- the bundle
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAProgramOutsideOfABundle) {
     const std::string program = "/Applications/Sample";
@@ -507,8 +578,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNotTheAppsOrNotRootOwned
         EXPECT_EQ(verdictOnApp(), "admitted") << "after " << what;
     }
 }
-
-// ------------------------------------------------------------------------- a system that fails
 
 TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
     const Descriptor connection = connectionOfApp();
@@ -605,9 +674,6 @@ TEST_F(CallerRulesPrivateMachineTest, TellBundlesApartFromOneCallerToTheNext) {
         EXPECT_FALSE(rules.check(connectionOf(stranger.executable()).get()));
     }
 }
-
-// ------------------------------------------------------------------ a connection that changes
-// hands
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgramAndOneThatBecameTheApp) {
     const std::string next = "/Library/next";

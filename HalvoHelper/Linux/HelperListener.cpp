@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <utility>
 
 #include "HalvoHelper/HelperService.hpp"
@@ -117,9 +116,8 @@ class SocketListener final : public HelperListener {
             return;
         }
         HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", errorText(code).c_str());
-        constexpr std::uint64_t oneSecond = 1000000;
         sd_event_source_set_enabled(incoming_, SD_EVENT_OFF);
-        sd_event_source_set_time_relative(retry_, oneSecond);
+        sd_event_source_set_time_relative(retry_, 1'000'000);  // microseconds
         sd_event_source_set_enabled(retry_, SD_EVENT_ONESHOT);
     }
 

@@ -12,7 +12,6 @@
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
-#include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {

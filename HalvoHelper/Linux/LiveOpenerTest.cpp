@@ -173,8 +173,6 @@ TEST_F(LiveOpenerTest, LogsThatTheChildCannotBeStarted) {
     EXPECT_EQ(result.status, 0) << result.output;
 }
 
-// ----------------------------------------------------------------------------- openings in a row
-
 struct OpeningStreakTest : ::testing::Test {
     // An opening this long after the one before.
     long openAfter(double seconds, const std::string& path = "/Applications/Halvo.app",

@@ -101,10 +101,14 @@ class Console {
     std::map<std::string, Seconds> closing_;
 };
 
-// The executable of the bundle last asked about, kept for as long as its Info.plist is the same.
-class ExpectedExecutable {
-  public:
-    const std::string& of(const std::string& bundlePath) {
+}  // namespace
+
+struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
+    Console console;
+
+    // The executable of the bundle last asked about, kept for as long as its Info.plist is the
+    // same.
+    const std::string& executableOf(const std::string& bundlePath) {
         auto info = FileStamp::of(infoPath_.c_str());
         if (bundlePath == bundlePath_ && info && info == info_ && itemExists(executable_)) {
             return executable_;
@@ -120,18 +124,9 @@ class ExpectedExecutable {
         return executable_;
     }
 
-  private:
-    std::string bundlePath_;
-    std::string infoPath_;
-    std::optional<FileStamp> info_;
-    std::string executable_;
-};
-
-// All processes, in one pass with one buffer; proc(5).
-class Processes {  // NOLINT(*-member-init): see entries_.
-  public:
-    // Whether a process with the effective user `uid` runs the file at `executable`.
-    bool run(const std::string& executable, std::uint32_t uid) {
+    // Whether a process with the effective user `uid` runs the file at `executable`. All are looked
+    // at in one pass with one buffer; proc(5).
+    bool isRun(const std::string& executable, std::uint32_t uid) {
         if (!proc_.isOpen()) {
             proc_ = Descriptor(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         }
@@ -180,19 +175,14 @@ class Processes {  // NOLINT(*-member-init): see entries_.
                status.stx_ino == file.st_ino;
     }
 
+    std::string bundlePath_;
+    std::string infoPath_;
+    std::optional<FileStamp> info_;
+    std::string executable_;
     Descriptor proc_;
     std::string link_;
     // Not filled: a helper that never looks for the app would keep eight pages of zeros.
     alignas(dirent64) std::array<char, 32768> entries_;
-};
-
-}  // namespace
-
-class LiveSessionProbe::State {
-  public:
-    Console console;
-    ExpectedExecutable executable;
-    Processes processes;
 };
 
 LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique_for_overwrite<State>()) {}
@@ -202,7 +192,7 @@ LiveSessionProbe::~LiveSessionProbe() = default;
 std::optional<std::uint32_t> LiveSessionProbe::consoleUser() { return state_->console.user(); }
 
 bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
-    return state_->processes.run(state_->executable.of(bundlePath), uid);
+    return state_->isRun(state_->executableOf(bundlePath), uid);
 }
 
 }  // namespace halvo

@@ -45,8 +45,6 @@ std::unique_ptr<TestProcess> startProgram(
 // Of changes closer to each other than this the times in a file's status may tell nothing.
 void letTheFileClockTick() { std::this_thread::sleep_for(std::chrono::milliseconds{20}); }
 
-// ---------------------------------------------------------------------------- whether the app runs
-
 class LiveSessionProbeTest : public ::testing::Test {
   protected:
     LiveSessionProbeTest() { bundle.writeInfo(); }
@@ -230,9 +228,6 @@ TEST(MallocCountTest, CountsEveryAllocation) {
     EXPECT_GT(mallocsMade(), between);
 }
 
-// ------------------------------------------------------------------- in a machine with other
-// people
-
 class LiveSessionProbePrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override {
@@ -320,8 +315,6 @@ TEST_F(LiveSessionProbePrivateMachineTest, AnswersWithoutProcesses) {
     EXPECT_EQ(asking.wait(), 0) << asking.readAll();
     EXPECT_TRUE(isRunning(0));
 }
-
-// ----------------------------------------------------------------------------------- the console
 
 class LiveSessionProbeSeatPrivateMachineTest : public LiveSessionProbePrivateMachineTest {
   protected:

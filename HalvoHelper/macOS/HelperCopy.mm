@@ -59,13 +59,10 @@ namespace {
 // Several times what it takes, for both architectures.
 constexpr std::size_t longestExecutable = 16777216;
 
-// What cannot be removed lies in a folder of root's, and is replaced by the next copy.
-void removeFolder(const std::string& path) { std::ignore = removeItem(path); }
-
 // Takes the folder away when the process ends.
 void removeAtExit(const std::string& path) {
     static std::string& place = *new std::string;
-    [[maybe_unused]] static const int once = std::atexit([] { removeFolder(place); });
+    [[maybe_unused]] static const int once = std::atexit([] { std::ignore = removeItem(place); });
     place = path;
 }
 
@@ -95,7 +92,7 @@ std::expected<std::string, std::string> make(const std::string& executable,
     const std::string unchecked = place + "/HalvoHelper.unchecked";
     if (const auto checked = checkCodeSignature(unchecked, identity.helperRequirement());
         !checked) {
-        removeFolder(place);
+        std::ignore = removeItem(place);
         return std::unexpected(checked.error());
     }
     // Only now: what the last opening has started may not yet have come to its execve(2).
@@ -106,7 +103,8 @@ std::expected<std::string, std::string> make(const std::string& executable,
     return copy;
 }
 
-void remove(const HelperIdentity& identity) { removeFolder(folder(identity)); }
+// What cannot be removed lies in a folder of root's, and is replaced by the next copy.
+void remove(const HelperIdentity& identity) { std::ignore = removeItem(folder(identity)); }
 
 }  // namespace HelperCopy
 }  // namespace halvo

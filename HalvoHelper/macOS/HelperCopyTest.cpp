@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <expected>
 #include <filesystem>
@@ -193,8 +192,6 @@ TEST_F(HelperCopyPrivateMachineTest, GoesFromTheFolderThatWasUsedLast) {
     EXPECT_EQ(process.status, 0) << process.output;
     EXPECT_FALSE(fs::exists("/Library/Application Support/com.example.other.helper.copy"));
 }
-
-// ---------------------------------------------------------------------------------- the signature
 
 TEST(CodeSignatureTest, IsCheckedAgainstARequirementThatCanBeReadAndLeavesNothingBehind) {
     fake::reset();

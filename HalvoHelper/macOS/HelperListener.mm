@@ -6,8 +6,6 @@
 
 #include <functional>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <utility>
 
 #include "HalvoHelper/HelperService.hpp"

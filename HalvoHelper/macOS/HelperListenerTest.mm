@@ -1,5 +1,5 @@
 // What NSXPC brings, and what goes back. What is made of the requests:
-// HalvoHelper/HelperConnectionTest.cpp.
+// HalvoHelper/HelperServiceTest.cpp.
 #import <Foundation/Foundation.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -130,8 +130,6 @@ class XPCListenerTest : public ::testing::Test {
     std::vector<std::string> replies;
 };
 
-// ---------------------------------------------------------------------------------- the listener
-
 TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
     ASSERT_TRUE(fake::listener(machService));
     EXPECT_FALSE(fake::listener("com.example.app"));
@@ -160,8 +158,6 @@ TEST_F(XPCListenerTest, KeepsItsDelegateForAsLongAsItLives) {
     }
     EXPECT_EQ(fake::liveObjects("ConnectionAcceptor"), before);
 }
-
-// ---------------------------------------------------------------------------------- the admission
 
 TEST_F(XPCListenerTest, ExportsTheRequestsAndHearsOfTheEndBeforeItResumes) {
     serveApp();
@@ -222,8 +218,6 @@ TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
     EXPECT_THAT(replies.back(), "begin yes");
     EXPECT_EQ(engine.commitment()->uid, ann);
 }
-
-// ----------------------------------------------------------------------------------- the requests
 
 TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
     serveApp();
@@ -289,24 +283,6 @@ TEST_F(XPCListenerTest, ResolvesThePathWhenTheRequestComes) {
     EXPECT_EQ(engine.commitment()->appPath, app);
 }
 
-// [NSDate distantPast] and [NSDate distantFuture]: the years 1 and 4001.
-TEST_F(XPCListenerTest, TakesTheDistantFutureAndTheDistantPastForDates) {
-    serveApp();
-    NSDate* distantPast = dateOf(wallDate(-62'135'769'600));
-    NSDate* distantFuture = dateOf(wallDate(64'092'211'200));
-    begin(foundationText(app), distantFuture, dateOf(now()));
-    status();
-    begin(foundationText(app), distantPast, dateOf(now()));
-    status();
-    begin(foundationText(app), distantFuture, distantPast);
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 86400.000000 locked",
-                                     "begin no", "status idle", "begin no"));
-    EXPECT_THAT(fake::errors(), IsEmpty());
-}
-
-// ---------------------------------------------------------------------------- what may be left out
-
 TEST_F(XPCListenerTest, TakesWhatIsMissingForNoBundlePathAndNoDate) {
     serveApp();
     // A zero byte does not end the path.
@@ -347,50 +323,26 @@ TEST_F(XPCListenerTest, ServesARequestWithoutAReply) {
     EXPECT_TRUE(engine.isIdle());
 }
 
-// ----------------------------------------------------------------------------------- its lifetime
-
-// What is alive of one test; others may have left some to the pool of the thread.
-class XPCListenerLifetimeTest : public XPCListenerTest {
-  protected:
-    [[nodiscard]] long exportedObjects() const {
-        return fake::liveObjects("HelperConnection") - exportedBefore;
-    }
-
-    [[nodiscard]] long connections() const {
-        return fake::liveObjects("NSXPCConnection") - connectionsBefore;
-    }
-
-  private:
-    const long exportedBefore = fake::liveObjects("HelperConnection");
-    const long connectionsBefore = fake::liveObjects("NSXPCConnection");
-};
-
-TEST_F(XPCListenerLifetimeTest, LetsGoOfWhatItExportedAfterTheInvalidation) {
+TEST_F(XPCListenerTest, LetsGoOfWhatItExportedAfterTheInvalidationButAnswersWhatIsUnderWay) {
+    // What others may have left to the pool of the thread.
+    const long exported = fake::liveObjects("HelperConnection");
+    const long connections = fake::liveObjects("NSXPCConnection");
     @autoreleasepool {
         serveApp();
         status();
         fake::serve(0);
-        EXPECT_EQ(exportedObjects(), 1);
-        fake::invalidate(connection);
-        fake::serve(0);
-        connection = nil;
-    }
-    EXPECT_EQ(exportedObjects(), 0);
-    EXPECT_EQ(connections(), 0);
-}
-
-TEST_F(XPCListenerLifetimeTest, AnswersRequestsWhoseConnectionDiesMeanwhile) {
-    @autoreleasepool {
-        serveApp();
+        EXPECT_EQ(fake::liveObjects("HelperConnection"), exported + 1);
         begin();
         status();
         fake::invalidate(connection);
         connection = nil;
     }
-    EXPECT_EQ(exportedObjects(), 0);
+    EXPECT_EQ(fake::liveObjects("HelperConnection"), exported);
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000 locked"));
+    EXPECT_THAT(replies,
+                ElementsAre("status idle", "begin yes", "status holding until 3600.000000 locked"));
     EXPECT_EQ(service.connections(), 0);
+    EXPECT_EQ(fake::liveObjects("NSXPCConnection"), connections);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <expected>
 #include <filesystem>
 #include <optional>
-#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -19,7 +18,6 @@
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoPlatform/BootTime.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 

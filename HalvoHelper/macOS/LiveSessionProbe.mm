@@ -14,8 +14,7 @@
 
 namespace halvo {
 
-class LiveSessionProbe::State {
-  public:
+struct LiveSessionProbe::State {
     // The executable of the bundle last asked about. A bundle is looked into again only when
     // another one is asked about, or its executable is gone.
     const std::string& executableOf(const std::string& bundlePath) {

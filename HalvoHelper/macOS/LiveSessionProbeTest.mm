@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
@@ -56,9 +55,6 @@ class LiveSessionProbeTest : public ::testing::Test {
     LiveSessionProbe probe;
 };
 
-// -------------------------------------------------------------------------------------- the
-// console
-
 TEST_F(LiveSessionProbeTest, TakesWhoHasANameForTheUserAtTheConsole) {
     const struct {
         std::optional<std::string> name;
@@ -84,8 +80,6 @@ TEST_F(LiveSessionProbeTest, TakesWhoHasANameForTheUserAtTheConsole) {
         EXPECT_EQ(probe.consoleUser(), row.user) << row.name.value_or("none") << row.uid;
     }
 }
-
-// ---------------------------------------------------------------------------- whether the app runs
 
 TEST_F(LiveSessionProbeTest, SeesTheAppWhileItRuns) {
     run("/usr/bin/other");

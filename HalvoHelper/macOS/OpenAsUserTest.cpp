@@ -55,8 +55,6 @@ int statusOf(const Person& person, const Words& words) {
     return result.status;
 }
 
-// ------------------------------------------------------------------------------------ the command
-
 const User ann{501, 20, "ann", "/Users/ann"};
 const Words annsEnvironment{"HOME=/Users/ann", "USER=ann", "LOGNAME=ann",
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
@@ -70,8 +68,6 @@ TEST(OpenAsUserOnMacOSTest, BecomesOpen) {
                  {"/usr/bin/open", "-g", "-a", app, "--args", "-halvoRelaunchedAfterQuit", "YES"},
                  annsEnvironment}));
 }
-
-// ------------------------------------------------------------------------------------ the process
 
 TEST(OpenAsUserProcessTest, RefusesBadWords) {
     // The last two are in no account files.
@@ -87,8 +83,6 @@ TEST(OpenAsUserProcessTest, RefusesToRunForSomebodyWhoIsNotRoot) {
     EXPECT_EQ(statusOf(person, {"1", app}), 77);
     EXPECT_EQ(statusOf(person, {std::to_string(person.uid), app}), 77);
 }
-
-// -------------------------------------------------------------------------- as root, in a machine
 
 class OpenAsUserPrivateMachineTest : public PrivateMachineTest {
   protected:
