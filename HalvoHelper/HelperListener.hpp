@@ -1,7 +1,6 @@
 // Where callers come in.
 #pragma once
 
-#include <expected>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,19 +29,14 @@ class HelperListener {
     virtual void serve(const HelperIdentity& identity, HelperService& service) = 0;
 };
 
-// Why there can be no listener: what to log, and the status to exit with.
-struct ListenerFailure {
-    int exitStatus;
-    std::string message;
-};
-
 // The listener of this system for the Mach service `name`. On macOS it is NSXPCListener, which
 // always comes about: a name that launchd does not know shows only when nobody calls, and strangers
 // are turned away by the system (setConnectionCodeSigningRequirement:). On Linux it takes the
 // socket that systemd hands over (sd_listen_fds(3)), and fails where systemd started the process
-// without one; else it makes its own and holds it alone.
-std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
-    const std::string& name);
+// without one; else it makes its own and holds it alone. A failure is logged and ends the process:
+// with 78 (sysexits.h) where the machine must be put in order first, with 71 where another helper
+// runs or the system has nothing left.
+std::unique_ptr<HelperListener> makeListener(const std::string& name);
 
 // What to tell who starts the helper, the program at `executable`, as somebody else than root: how
 // it is started on this system. Nothing on macOS, where only launchd can.

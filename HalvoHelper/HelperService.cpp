@@ -1,12 +1,83 @@
 #include "HalvoHelper/HelperService.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <limits>
 #include <utility>
+#include <variant>
 
 #include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainActor.hpp"
 
 namespace halvo {
+namespace {
+
+// What is wrong with the first of the dates that the engine cannot reckon with; null if nothing is.
+const char* problemOfDates(double until, double started) {
+    // 10000-01-01, in seconds since 1970. A commitment is granted a day from its start at the most,
+    // so that of any earlier start the engine can count in whole seconds.
+    constexpr double pastLastStart = 253402300800;
+    if (!std::isfinite(until)) {
+        return "until is not a finite number";
+    }
+    if (!std::isfinite(started)) {
+        return "started is not a finite number";
+    }
+    return started >= pastLastStart ? "started is after the year 9999" : nullptr;
+}
+
+void logContextOf(const HelperCommitment& commitment) {
+    const LogContext context{commitment.uid, commitment.appPath,
+                             commitment.ends(commitment.checkpoint)};
+    setLogContext(&context);
+}
+
+}  // namespace
+
+HelperEngine& HelperConnection::engine() const {
+    assumeMainActor();
+    return engine_;
+}
+
+std::expected<bool, std::string> HelperConnection::begin(const std::string& appPath, WallDate until,
+                                                         WallDate started) const {
+    HelperEngine& engine = this->engine();
+    // A bundle that is not the caller's own is for the engine to refuse, whatever the dates.
+    const char* problem = HelperEngine::isOwnBundle(appPath, peer_)
+                              ? problemOfDates(secondsSince1970(until), secondsSince1970(started))
+                              : nullptr;
+    if (problem != nullptr) {
+        HALVO_LOG_ERROR(helperLog, "Refused a begin: %{public}s", problem);
+        return std::unexpected(problem);
+    }
+    return engine.begin(appPath, until, started, peer_);
+}
+
+StoredCommitment LoggedStore::load() {
+    StoredCommitment stored = store_.load();
+    if (const auto* commitment = std::get_if<HelperCommitment>(&stored)) {
+        logContextOf(*commitment);
+    }
+    return stored;
+}
+
+// The context first, so that it is in the line of a failure too.
+void LoggedStore::save(const HelperCommitment& commitment) {
+    isRemoved_ = false;
+    logContextOf(commitment);
+    store_.save(commitment);
+}
+
+void LoggedStore::remove() {
+    store_.remove();
+    isRemoved_ = true;
+    queue_.async([this] {
+        if (isRemoved_) {
+            setLogContext(nullptr);
+        }
+    });
+}
 
 HelperService::HelperService(HelperIdentity identity, Collaborators collaborators,
                              HelperListener& listener, MainQueue& queue)
@@ -30,9 +101,7 @@ void HelperService::tick() {
     engine_.tick();
     if (!engine_.isIdle() || connections_ > 0) {
         busySince_ = queue_.now();
-        return;
-    }
-    if (queue_.now() - busySince_ >= idleLimit) {
+    } else if (queue_.now() - busySince_ >= idleLimit) {
         queue_.exit(0);
     }
 }
@@ -53,7 +122,7 @@ void HelperService::connectionOpened() {
 
 void HelperService::connectionClosed() {
     assumeMainActor();
-    connections_ = connections_ > 0 ? connections_ - 1 : 0;
+    connections_ = std::max(connections_ - 1, std::int64_t{0});
     busySince_ = queue_.now();
 }
 

@@ -1,13 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
-#include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoHelper/HelperService.hpp"
+#include "HalvoPlatform/Log.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
@@ -16,9 +19,11 @@ namespace halvo::testing {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 constexpr std::uint32_t ann = 501;
 constexpr std::uint32_t ben = 502;
+constexpr Seconds hour{3600};
 
 // Where callers come in: by hand.
 class FakeListener final : public HelperListener {
@@ -73,35 +78,28 @@ class NotingQueue final : public MainQueue {
 
 class HelperServiceTest : public ::testing::Test {
   protected:
-    void start() { service.start(); }
-
-    // What of the service's time has passed since it was made.
-    [[nodiscard]] double age() const { return (queue.now() - madeAt).count(); }
-
-    // Lets `seconds` pass. The status that the process exits with meanwhile, if it does.
-    std::optional<int> pass(double seconds) {
+    // The status that the process exits with during `work`, if it does.
+    static std::optional<int> exitDuring(const std::function<void()>& work) {
         try {
-            queue.advance(Seconds{seconds});
+            work();
         } catch (const ProcessExit& end) {
             return end.status;
         }
         return std::nullopt;
     }
 
-    // Serves until the process exits; its age then. Gives up after a day.
-    double ageAtIdleExit() {
-        const auto status = pass(86400);
-        EXPECT_EQ(status, 0) << "no idle exit";
-        return status ? age() : -1;
+    std::optional<int> pass(double seconds) {
+        return exitDuring([&] { queue.advance(Seconds{seconds}); });
     }
 
     std::optional<int> terminate() {
-        try {
-            queue.terminate();
-        } catch (const ProcessExit& end) {
-            return end.status;
-        }
-        return std::nullopt;
+        return exitDuring([this] { queue.terminate(); });
+    }
+
+    // Serves until the process exits; the age of the service then. Gives up after a day.
+    double ageAtIdleExit() {
+        EXPECT_EQ(pass(86400), 0) << "no idle exit";
+        return (queue.now() - madeAt).count();
     }
 
     HelperConnection connect(std::uint32_t uid = ann) {
@@ -112,9 +110,9 @@ class HelperServiceTest : public ::testing::Test {
     void disconnect() { listener.served->connectionClosed(); }
 
     // Ann begins a commitment of `length`. Whether it is held.
-    bool begin(const HelperConnection& connection, Seconds length) {
+    bool begin(Seconds length) {
         const WallDate now = world.clock.now().wall;
-        return connection.begin(app, now + length, now).value_or(false);
+        return connect().begin(app, now + length, now).value_or(false);
     }
 
     LogCapture log;
@@ -131,21 +129,17 @@ class HelperServiceTest : public ::testing::Test {
                           noting};
 };
 
-TEST_F(HelperServiceTest, BuildsTheEngineBeforeAnythingIsServed) {
-    EXPECT_THAT(world.calls.calls(), ElementsAre("reading", "console"));
-    EXPECT_EQ(service.connections(), 0);
-    EXPECT_EQ(listener.served, nullptr);
-    EXPECT_FALSE(queue.handlesTermination());
-    EXPECT_TRUE(queue.timers().empty());
-}
-
 TEST_F(HelperServiceTest, StartsUpThenListensThenHandlesTerminationThenTicks) {
+    EXPECT_THAT(world.calls.calls(), ElementsAre("reading", "console")) << "the engine's making";
+    EXPECT_EQ(listener.served, nullptr);
     world.calls.clear();
-    start();
+    service.start();
     EXPECT_THAT(world.calls.calls(),
                 ElementsAre("reading", "load", "serve", "handle SIGTERM", "repeat"));
     EXPECT_EQ(listener.identity, identity);
     EXPECT_EQ(listener.served, &service);
+    EXPECT_THAT(queue.timers(),
+                ElementsAre(ManualMainQueue::TimerRequest{Seconds{2}, Seconds{2}, Seconds{0.2}}));
 }
 
 TEST_F(HelperServiceTest, TakesTheStoredCommitmentUpBeforeACallerCanReachIt) {
@@ -153,22 +147,15 @@ TEST_F(HelperServiceTest, TakesTheStoredCommitmentUpBeforeACallerCanReachIt) {
     world.store.stored =
         HelperCommitment{app, ann, now.wall, Seconds{600}, HelperCommitment::maximum, now, true};
     world.calls.clear();
-    start();
+    service.start();
     EXPECT_THAT(world.calls.calls(),
                 ElementsAre("reading", "load", "save locked", "state Halvo.app", "lock Halvo.app",
                             "serve", "handle SIGTERM", "repeat"));
 }
 
-TEST_F(HelperServiceTest, TicksEveryTwoSecondsWithAFifthOfASecondOfLeeway) {
-    start();
-    EXPECT_THAT(queue.timers(),
-                ElementsAre(ManualMainQueue::TimerRequest{Seconds{2}, Seconds{2}, Seconds{0.2}}));
-}
-
 TEST_F(HelperServiceTest, EachTickIsATickOfTheEngine) {
-    start();
-    const auto connection = connect();
-    ASSERT_TRUE(begin(connection, Seconds{600}));
+    service.start();
+    ASSERT_TRUE(begin(Seconds{600}));
     world.calls.clear();
     EXPECT_EQ(pass(1.9), std::nullopt);
     EXPECT_EQ(world.calls.count("state Halvo.app"), 0U);
@@ -177,22 +164,20 @@ TEST_F(HelperServiceTest, EachTickIsATickOfTheEngine) {
 }
 
 TEST_F(HelperServiceTest, ExitsAfterThirtySecondsWithNothingToDo) {
-    start();
+    service.start();
     EXPECT_EQ(pass(29.9), std::nullopt);
-    EXPECT_EQ(pass(0.1), 0);
-    EXPECT_EQ(age(), 30);
+    EXPECT_EQ(ageAtIdleExit(), 30);
     EXPECT_TRUE(log.isEmpty());
 }
 
 TEST_F(HelperServiceTest, CountsFromItsConstruction) {
     world.clock.advance(Seconds{7});
-    start();
-    // Ticks at 9, 11 and so on.
-    EXPECT_EQ(ageAtIdleExit(), 31);
+    service.start();
+    EXPECT_EQ(ageAtIdleExit(), 31) << "ticks at 9, 11 and so on";
 }
 
 TEST_F(HelperServiceTest, CountsWhileTheMachineSleeps) {
-    start();
+    service.start();
     EXPECT_EQ(pass(4), std::nullopt);
     world.clock.advance(Seconds{3600});
     EXPECT_EQ(pass(0), 0);
@@ -209,9 +194,9 @@ class HelperServiceConnectionTest : public HelperServiceTest,
                                     public ::testing::WithParamInterface<OneConnection> {};
 
 TEST_P(HelperServiceConnectionTest, ItsEndRestartsTheCount) {
-    start();
+    service.start();
     EXPECT_EQ(pass(GetParam().opened), std::nullopt);
-    const auto connection = connect();
+    connect();
     EXPECT_EQ(pass(GetParam().closed - GetParam().opened), std::nullopt);
     disconnect();
     EXPECT_EQ(ageAtIdleExit(), GetParam().exits);
@@ -223,84 +208,50 @@ INSTANTIATE_TEST_SUITE_P(Times, HelperServiceConnectionTest,
                              OneConnection{1, 1.5, 32},
                              // Closed on a tick's dot, which had still seen it open.
                              OneConnection{1, 2, 32}, OneConnection{1, 2.1, 34},
-                             OneConnection{10, 21, 52},
+                             OneConnection{10, 21, 52}, OneConnection{11, 11, 42},
                              // Opened at the last moment.
                              OneConnection{29.9, 29.95, 60}, OneConnection{29.9, 100, 130},
-                             OneConnection{5, 86000.5, 86032}),
-                         [](const auto& row) {
-                             const auto text = std::to_string(row.param.opened) + "_until_" +
-                                               std::to_string(row.param.closed);
-                             std::string name;
-                             for (const char c : text) {
-                                 name += c == '.' ? 'p' : c;
-                             }
-                             return name;
-                         });
-
-TEST_F(HelperServiceTest, StaysAsLongAsAConnectionIsOpen) {
-    start();
-    const auto connection = connect();
-    EXPECT_EQ(pass(86400), std::nullopt);
-    EXPECT_EQ(service.connections(), 1);
-}
+                             OneConnection{5, 86000.5, 86032}));
 
 TEST_F(HelperServiceTest, StaysUntilTheLastOfSeveralConnectionsIsGone) {
-    start();
-    const auto first = connect(ann);
-    const auto second = connect(ben);
-    EXPECT_EQ(pass(100), std::nullopt);
+    service.start();
+    connect(ann);
+    connect(ben);
+    EXPECT_EQ(pass(86400), std::nullopt);
     EXPECT_EQ(service.connections(), 2);
     disconnect();
     EXPECT_EQ(pass(100), std::nullopt);
     EXPECT_EQ(service.connections(), 1);
     disconnect();
-    EXPECT_EQ(ageAtIdleExit(), 230);
+    EXPECT_EQ(ageAtIdleExit(), 86530);
 }
 
-TEST_F(HelperServiceTest, ConnectionsRestartTheCountEvenWhenTheyAreNotKept) {
-    start();
+TEST_F(HelperServiceTest, NeverCountsBelowNothingAndRestartsTheCountThen) {
+    service.start();
     EXPECT_EQ(pass(11), std::nullopt);
-    service.connectionOpened();
-    service.connectionClosed();
-    EXPECT_EQ(ageAtIdleExit(), 42);
-}
-
-TEST_F(HelperServiceTest, NeverCountsBelowNothing) {
-    start();
     disconnect();
     disconnect();
-    disconnect();
-    EXPECT_EQ(pass(5), std::nullopt);
     EXPECT_EQ(service.connections(), 0);
-    const auto connection = connect();
+    connect();
     EXPECT_EQ(pass(100), std::nullopt);
     EXPECT_EQ(service.connections(), 1);
     disconnect();
-    disconnect();
-    EXPECT_EQ(pass(0), std::nullopt);
-    EXPECT_EQ(service.connections(), 0);
-}
-
-TEST_F(HelperServiceTest, AnEndTooManyRestartsTheCountToo) {
-    start();
     EXPECT_EQ(pass(11), std::nullopt);
     disconnect();
-    EXPECT_EQ(ageAtIdleExit(), 42);
+    EXPECT_EQ(ageAtIdleExit(), 152);
 }
 
 TEST_F(HelperServiceTest, StaysAsLongAsACommitmentIsHeld) {
-    start();
-    const auto connection = connect();
-    ASSERT_TRUE(begin(connection, HelperCommitment::maximum));
+    service.start();
+    ASSERT_TRUE(begin(HelperCommitment::maximum));
     disconnect();
     EXPECT_EQ(pass(86399), std::nullopt);
     EXPECT_EQ(service.connections(), 0);
 }
 
 TEST_F(HelperServiceTest, CountsFromTheLastTickThatFoundACommitment) {
-    start();
-    const auto connection = connect();
-    ASSERT_TRUE(begin(connection, Seconds{9}));
+    service.start();
+    ASSERT_TRUE(begin(Seconds{9}));
     disconnect();
     // Ticks at 2 to 8 find it held; the one at 10 lets it go.
     EXPECT_EQ(ageAtIdleExit(), 38);
@@ -308,67 +259,237 @@ TEST_F(HelperServiceTest, CountsFromTheLastTickThatFoundACommitment) {
 }
 
 TEST_F(HelperServiceTest, TerminationEndsWithTheEnginesWordOnALiveCommitment) {
-    start();
-    const auto connection = connect();
-    ASSERT_TRUE(begin(connection, Seconds{600}));
+    service.start();
+    ASSERT_TRUE(begin(Seconds{600}));
     world.calls.clear();
     EXPECT_EQ(terminate(), 75);
     EXPECT_THAT(world.calls.changes(), ElementsAre("save locked", "unlock Halvo.app"));
 }
 
-TEST_F(HelperServiceTest, TerminationEndsWithZeroWhenNothingIsHeld) {
-    start();
-    EXPECT_EQ(terminate(), 0);
-}
-
 TEST_F(HelperServiceTest, TerminationEndsWithZeroWhenTheTimeIsUp) {
-    start();
-    const auto connection = connect();
-    ASSERT_TRUE(begin(connection, Seconds{600}));
+    service.start();
+    ASSERT_TRUE(begin(Seconds{600}));
     world.clock.advance(Seconds{600});
     EXPECT_EQ(terminate(), 0);
 }
 
 TEST_F(HelperServiceTest, TerminationDoesNotWaitForConnections) {
-    start();
-    const auto connection = connect();
+    service.start();
+    connect();
     EXPECT_EQ(pass(10), std::nullopt);
     EXPECT_EQ(terminate(), 0);
 }
 
-TEST_F(HelperServiceTest, ServesRequestsWithItsEngine) {
-    start();
-    const auto mine = connect(ann);
-    const auto theirs = connect(ben);
-    ASSERT_TRUE(begin(mine, Seconds{600}));
-    EXPECT_TRUE(mine.status().holding);
-    EXPECT_FALSE(theirs.status().holding);
-    EXPECT_TRUE(world.flags.isSet(app));
+constexpr const char* notTheirs = "Refused a begin for a bundle that isn't the caller's own";
+
+class HelperConnectionTest : public ::testing::Test {
+  protected:
+    [[nodiscard]] WallDate now() const { return world.clock.now().wall; }
+
+    // The reply in words.
+    std::string begin(const std::string& path, WallDate until, WallDate started) {
+        const auto ok = mine.begin(path, until, started);
+        return !ok ? ok.error() : *ok ? "yes" : "no";
+    }
+
+    std::string begin() { return begin(app, now() + hour, now()); }
+
+    LogCapture log;
+    SimulatedWorld world;
+    std::string app = world.addBundle("Applications/Halvo.app");
+    HelperEngine engine = world.makeEngine();
+    const HelperConnection mine{{ann, app}, engine};
+    const HelperConnection theirs{{ben, app}, engine};
+};
+
+TEST_F(HelperConnectionTest, PassesEachRequestWithItsPeerAndItsArgumentsToTheEngine) {
+    EXPECT_EQ(begin(app, now() + hour, now() - Seconds{60}), "yes");
+    ASSERT_TRUE(engine.commitment());
+    EXPECT_EQ(engine.commitment()->remaining, hour);
+    EXPECT_EQ(engine.commitment()->startedWall, now() - Seconds{60});
+    EXPECT_TRUE(mine.heartbeat(false));
+    EXPECT_FALSE(theirs.heartbeat(false));
+    EXPECT_EQ(mine.status(), (HelperStatus{true, now() + hour, true}));
+    EXPECT_EQ(theirs.status(), (HelperStatus{false, std::nullopt, false}));
+    EXPECT_FALSE(theirs.end());
+    EXPECT_TRUE(mine.end());
+    // Of an app that is not there, too.
+    const std::string missing = app.substr(0, app.size() - 4) + "-gone.app";
+    EXPECT_TRUE(HelperConnection({ann, missing}, engine).begin(missing, now() + hour, now()));
+    ASSERT_TRUE(engine.commitment());
+    EXPECT_EQ(engine.commitment()->appPath, missing);
+}
+
+TEST_F(HelperConnectionTest, PassesTheAnnouncementThatTheSessionEnds) {
+    world.session.console = ann;
+    begin();
+    engine.tick();
+    EXPECT_TRUE(mine.heartbeat(true));
+    world.clock.advance(Seconds{60});
+    engine.tick();
+    EXPECT_THAT(world.opener.openings, IsEmpty());
+    // A plain sign of life takes it back.
+    EXPECT_TRUE(mine.heartbeat(false));
+    world.clock.advance(Seconds{10});
+    engine.tick();
+    EXPECT_EQ(world.opener.openings.size(), 1U);
+}
+
+constexpr double tooLate = 253402300800;
+constexpr double infinite = std::numeric_limits<double>::infinity();
+constexpr double latest = std::numeric_limits<double>::max();
+// What many programs take for a date before, and after, all others.
+constexpr double distantPast = -62135769600;
+constexpr double distantFuture = 64092211200;
+
+TEST_F(HelperConnectionTest, ABadDateNeverReachesTheEngine) {
+    begin();
+    const auto held = engine.commitment();
+    const auto expectRefusal = [&](WallDate until, WallDate started, const std::string& problem) {
+        world.calls.clear();
+        log.clear();
+        EXPECT_EQ(begin(app, until, started), problem);
+        EXPECT_THAT(log.messages(),
+                    ElementsAre(LogMessage{LogLevel::Error, "Refused a begin: " + problem}));
+        EXPECT_THAT(world.calls.calls(), IsEmpty()) << "it reached the engine";
+        EXPECT_EQ(engine.commitment(), held);
+    };
+    for (const double date : {infinite, -infinite, std::numeric_limits<double>::quiet_NaN(),
+                              -std::numeric_limits<double>::quiet_NaN(),
+                              std::numeric_limits<double>::signaling_NaN()}) {
+        expectRefusal(wallDate(date), now(), "until is not a finite number");
+        expectRefusal(now() + hour, wallDate(date), "started is not a finite number");
+        expectRefusal(wallDate(date), wallDate(date), "until is not a finite number");
+    }
+    for (const double date : {tooLate, std::nextafter(tooLate, infinite), 1e300, latest}) {
+        expectRefusal(now() + hour, wallDate(date), "started is after the year 9999");
+    }
+}
+
+TEST_F(HelperConnectionTest, ABeginForAnothersBundleIsRefusedAsThatWhateverItsDates) {
+    const std::string other = world.addBundle("Applications/Other.app");
+    for (const std::string& path : {other, app + std::string("\0.app", 5)}) {
+        for (const double date : {infinite, -infinite, std::nan(""), latest, -latest, 1e9}) {
+            log.clear();
+            EXPECT_EQ(begin(path, wallDate(date), wallDate(date)), "no") << date;
+            EXPECT_THAT(log.errors(), ElementsAre(notTheirs)) << date;
+        }
+    }
+}
+
+// A past end ends what is held; a past start leaves nothing of the day.
+TEST_F(HelperConnectionTest, APastDateEndsWhatIsHeld) {
+    for (const double date : {0.0, -0.0, 1.5, -1.0, distantPast, -1e300, -latest}) {
+        for (const bool isStart : {false, true}) {
+            SCOPED_TRACE(date);
+            EXPECT_EQ(begin(), "yes");
+            EXPECT_EQ(begin(app, isStart ? now() + hour : wallDate(date),
+                            isStart ? wallDate(date) : now()),
+                      "no");
+            EXPECT_TRUE(engine.isIdle());
+            EXPECT_EQ(engine.lastLift(), HelperEngine::Lift::ended);
+        }
+    }
+    EXPECT_THAT(log.errors(), IsEmpty());
+}
+
+TEST_F(HelperConnectionTest, AFutureEndIsGrantedUpToTheCap) {
+    for (const double date : {distantFuture, tooLate, 1e300, latest}) {
+        EXPECT_EQ(begin(app, wallDate(date), now() - hour), "yes") << date;
+        EXPECT_EQ(mine.status().until, now() + HelperCommitment::maximum - hour);
+        world.clock.advance(HelperCommitment::maximum - hour);
+        engine.tick();
+        EXPECT_EQ(engine.lastLift(), HelperEngine::Lift::deadline);
+    }
+    EXPECT_EQ(begin(app, wallDate(latest), wallDate(std::nextafter(tooLate, 0.0))), "yes");
+    EXPECT_THAT(log.errors(), IsEmpty());
 }
 
 // The executor check: whatever is called from another thread than the main one ends the process.
-
-void onAnotherThread(const std::function<void()>& work) { std::thread(work).join(); }
-
 using HelperServiceDeathTest = HelperServiceTest;
 
-constexpr const char* wrongExecutor =
-    "Incorrect actor executor assumption; Expected same executor as MainActor\\.";
-
-TEST_F(HelperServiceDeathTest, TicksOnTheMainQueueOnly) {
-    start();
-    EXPECT_DEATH(onAnotherThread([this] { service.tick(); }), wrongExecutor);
+TEST_F(HelperServiceDeathTest, IsCalledOnTheMainQueueOnly) {
+    service.start();
+    const HelperConnection mine = connect();
+    const WallDate now = world.clock.now().wall;
+    const std::function<void()> calls[] = {
+        [&] { service.tick(); },
+        [&] { service.terminate(); },
+        [&] { service.connectionOpened(); },
+        [&] { service.connectionClosed(); },
+        [&] { (void)mine.begin(app, now + hour, now); },
+        [&] { (void)mine.begin(app, wallDate(infinite), now); },
+        [&] { (void)mine.heartbeat(false); },
+        [&] { (void)mine.end(); },
+        [&] { (void)mine.status(); },
+    };
+    for (const auto& call : calls) {
+        EXPECT_DEATH(std::thread(call).join(),
+                     "Incorrect actor executor assumption; Expected same executor as MainActor\\.");
+    }
 }
 
-TEST_F(HelperServiceDeathTest, TerminatesOnTheMainQueueOnly) {
-    start();
-    EXPECT_DEATH(onAnotherThread([this] { service.terminate(); }), wrongExecutor);
+struct Line {
+    std::string message;
+    std::vector<std::string> fields;
+};
+
+std::vector<Line> lines;
+
+// What an engine says on such a store, with the fields of each line.
+class LoggedStoreTest : public ::testing::Test {
+  protected:
+    LoggedStoreTest()
+        : before_(replaceLogSink([](const Logger&, LogLevel, std::string_view message) {
+              lines.push_back({std::string(message), logFields()});
+          })) {}
+
+    ~LoggedStoreTest() override {
+        replaceLogSink(before_);
+        setLogContext(nullptr);
+        lines.clear();
+    }
+
+    static std::vector<std::string> lastFields(const std::string& message) {
+        EXPECT_EQ(lines.back().message, message);
+        return lines.back().fields;
+    }
+
+    SimulatedWorld world;
+    ManualMainQueue queue{world.clock};
+    LoggedStore store{world.store, queue};
+    HelperEngine engine{world.clock, world.flags, store, world.session, world.opener};
+    const std::string app = world.addBundle("Applications/Halvo.app");
+    const HelperPeer peer{1000, app};
+
+  private:
+    LogSink before_;
+};
+
+TEST_F(LoggedStoreTest, HasTheLogTellOfTheCommitmentFromItsBeginToItsEnd) {
+    const WallDate now = world.clock.now().wall;
+    ASSERT_TRUE(engine.begin(app, now + Seconds{600.4}, now, peer));
+    const auto fields =
+        ElementsAre("HALVO_UID=1000", "HALVO_BUNDLE=" + app, "HALVO_END=2025-10-09T09:03:20Z");
+    EXPECT_THAT(lastFields("Holding Ultra Hard mode for 600 s"), fields);
+    ASSERT_TRUE(engine.end(peer));
+    EXPECT_THAT(lastFields("Ultra Hard mode let go: ended"), fields);
+    // And of what follows at once.
+    ASSERT_TRUE(engine.begin(app, now + Seconds{300}, now, peer));
+    queue.runPending();
+    EXPECT_EQ(logFields().at(2), "HALVO_END=2025-10-09T08:58:20Z");
+    ASSERT_TRUE(engine.end(peer));
+    queue.runPending();
+    EXPECT_FALSE(engine.begin("/Elsewhere.app", now, now, peer));
+    EXPECT_THAT(lastFields(notTheirs), IsEmpty());
 }
 
-TEST_F(HelperServiceDeathTest, CountsOnTheMainQueueOnly) {
-    start();
-    EXPECT_DEATH(onAnotherThread([this] { service.connectionOpened(); }), wrongExecutor);
-    EXPECT_DEATH(onAnotherThread([this] { service.connectionClosed(); }), wrongExecutor);
+TEST_F(LoggedStoreTest, HasTheLogTellOfWhatRanOutMeanwhile) {
+    world.store.stored =
+        HelperCommitment{app, 7, {}, Seconds{1}, Seconds{1}, world.clock.now(), true};
+    world.clock.advance(Seconds{2});
+    engine.startup();
+    EXPECT_EQ(lastFields("Ultra Hard mode let go: expiredAtStartup").front(), "HALVO_UID=7");
 }
 
 }  // namespace

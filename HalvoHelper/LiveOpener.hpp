@@ -1,16 +1,59 @@
 // Opens the app on this machine.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
-#include "HalvoHelper/OpeningStreak.hpp"
 #include "HalvoHelperCore/AppOpener.hpp"
+#include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 
+// How often in a row the app was opened and did not stay. The engine asks for an opening 15 seconds
+// after the last at the earliest, and as soon as it may while the app is not there; so being asked
+// again soon says that the last opening did not bring the app, or that it is gone already. Main
+// queue only.
+class OpeningStreak {
+  public:
+    // How soon "soon" is: reopenGap of HelperEngine::Timing and its silence, and a machine that is
+    // busy.
+    static constexpr Seconds soon{40};
+
+    // Notes that the app at `appPath` is about to be opened for `uid`, at `now` since boot. Gives
+    // how many openings of that app for that user before this one did not bring it, one soon after
+    // another. At the 2nd, 4th, 8th and so on, logs that number with `whereItsMessagesAre`, which
+    // says how to read what the app itself has to say: "Opened Halvo %{public}ld times in a row,
+    // and it didn't stay; its own messages: %{public}s".
+    long next(const std::string& appPath, std::uint32_t uid, Seconds now,
+              const std::string& whereItsMessagesAre) {
+        const bool isAgain =
+            failed_ >= 0 && appPath == appPath_ && uid == uid_ && now - last_ < soon;
+        failed_ = isAgain ? failed_ + 1 : 0;
+        appPath_ = appPath;
+        uid_ = uid;
+        last_ = now;
+        // Twelve lines a day at most, although the engine may ask four times a minute.
+        if (failed_ >= 2 && (failed_ & (failed_ - 1)) == 0) {
+            HALVO_LOG_ERROR(
+                helperLog,
+                "Opened Halvo %{public}ld times in a row, and it didn't stay; its own messages: "
+                "%{public}s",
+                failed_, whereItsMessagesAre.c_str());
+        }
+        return failed_;
+    }
+
+  private:
+    std::string appPath_;
+    std::uint32_t uid_{};
+    Seconds last_{};
+    long failed_ = -1;  // before the first opening
+};
+
 // Starts the helper's own executable in its open-as-user mode and does not wait for it. The child
-// has an empty environment and is reaped without anybody waiting. (Its umask is the open-as-user
-// mode's to set.) Main queue only; one source per system.
+// has an empty environment and is reaped without a wait. (Its umask is the open-as-user mode's to
+// set.) Main queue only; one source per system.
 //
 // On macOS NSTask starts it through `launchctl asuser`, in the login session of the person, with
 // every signal at its default and none blocked. Where not root alone decides what lies at the

@@ -40,7 +40,7 @@ class LiveSessionProbe final : public SessionProbe {
     bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override;
 
   private:
-    class State;
+    struct State;
     std::unique_ptr<State> state_;
 };
 

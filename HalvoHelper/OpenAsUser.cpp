@@ -7,7 +7,6 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <utility>
 
 #include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -23,23 +22,6 @@ bool setGroupsOf(int (*call)(const char*, Group), const std::string& name, std::
     return call(name.c_str(), static_cast<Group>(gid)) == 0;
 }
 
-class ProcessPrivileges final : public Privileges {
-  public:
-    bool setGroup(std::uint32_t gid) override { return setgid(gid) == 0; }
-
-    bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) override {
-        return setGroupsOf(initgroups, name, gid);
-    }
-
-    bool setUser(std::uint32_t uid) override { return setuid(uid) == 0; }
-
-    std::uint32_t realUser() override { return getuid(); }
-
-    std::uint32_t effectiveUser() override { return geteuid(); }
-
-    std::uint32_t realGroup() override { return getgid(); }
-};
-
 std::optional<User> lookUp(std::uint32_t uid) {
     // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
     const passwd* entry = getpwuid(uid);
@@ -54,19 +36,29 @@ std::optional<User> lookUp(std::uint32_t uid) {
 
 }  // namespace
 
-void append(std::vector<std::string>& list, const std::vector<std::string>& more) {
-    list.insert(list.end(), more.begin(), more.end());
+bool Privileges::setGroup(std::uint32_t gid) { return setgid(gid) == 0; }
+
+bool Privileges::setSupplementaryGroups(const std::string& name, std::uint32_t gid) {
+    return setGroupsOf(initgroups, name, gid);
 }
 
-std::vector<std::string> words(const Request& request) {
-    std::vector<std::string> list{modeWord, std::to_string(request.uid), request.appPath};
+bool Privileges::setUser(std::uint32_t uid) { return setuid(uid) == 0; }
+
+std::uint32_t Privileges::realUser() { return getuid(); }
+
+std::uint32_t Privileges::effectiveUser() { return geteuid(); }
+
+std::uint32_t Privileges::realGroup() { return getgid(); }
+
+std::vector<std::string> withWords(std::vector<std::string> command, const Request& request) {
+    command.insert(command.end(), {modeWord, std::to_string(request.uid), request.appPath});
     if (request.afterQuit) {
-        list.emplace_back(afterQuitWord);
+        command.emplace_back(afterQuitWord);
     }
     if (request.directly) {
-        list.emplace_back(directlyWord);
+        command.emplace_back(directlyWord);
     }
-    return list;
+    return command;
 }
 
 std::optional<std::uint32_t> parseUserID(const std::string& word) {
@@ -78,10 +70,7 @@ std::optional<std::uint32_t> parseUserID(const std::string& word) {
 }
 
 std::optional<Request> parse(std::span<const std::string> words) {
-    if (words.size() < 2) {
-        return std::nullopt;
-    }
-    const auto uid = parseUserID(words[0]);
+    const auto uid = words.size() < 2 ? std::nullopt : parseUserID(words[0]);
     if (!uid || *uid == 0 || !AppLocation::isBundlePath(words[1])) {
         return std::nullopt;
     }
@@ -93,9 +82,11 @@ std::optional<Request> parse(std::span<const std::string> words) {
     return request;
 }
 
-std::vector<std::string> appArguments(bool afterQuit) {
-    return afterQuit ? std::vector<std::string>{LaunchReason::relaunchArgument, "YES"}
-                     : std::vector<std::string>{};
+std::vector<std::string> withAppArguments(std::vector<std::string> command, bool afterQuit) {
+    if (afterQuit) {
+        command.insert(command.end(), {LaunchReason::relaunchArgument, "YES"});
+    }
+    return command;
 }
 
 std::vector<std::string> environment(const User& user) {
@@ -104,27 +95,19 @@ std::vector<std::string> environment(const User& user) {
 }
 
 bool dropPrivileges(Privileges& privileges, const User& user) {
-    if (!privileges.setGroup(user.gid) || !privileges.setSupplementaryGroups(user.name, user.gid) ||
-        !privileges.setUser(user.uid)) {
-        return false;
-    }
-    if (privileges.realUser() != user.uid || privileges.effectiveUser() != user.uid ||
-        privileges.realGroup() != user.gid) {
-        return false;
-    }
-    return !privileges.setUser(0);
+    return privileges.setGroup(user.gid) &&
+           privileges.setSupplementaryGroups(user.name, user.gid) && privileges.setUser(user.uid) &&
+           privileges.realUser() == user.uid && privileges.effectiveUser() == user.uid &&
+           privileges.realGroup() == user.gid && !privileges.setUser(0);
 }
 
 void run(std::span<const std::string> words) {
     const auto request = parse(words);
-    if (!request) {
-        std::exit(exitUsage);
-    }
-    const auto user = lookUp(request->uid);
+    const auto user = request ? lookUp(request->uid) : std::nullopt;
     if (!user) {
         std::exit(exitUsage);
     }
-    ProcessPrivileges privileges;
+    Privileges privileges;
     if (!dropPrivileges(privileges, *user)) {
         std::exit(exitNoPermission);
     }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <expected>
 #include <optional>
 #include <span>
 #include <string>
@@ -52,11 +51,8 @@ struct User {
     std::string home;
 };
 
-// Adds `more` to the words of a command.
-void append(std::vector<std::string>& list, const std::vector<std::string>& more);
-
-// The words after the helper's path that ask for `request`.
-std::vector<std::string> words(const Request& request);
+// `command` and the words after the helper's path that ask for `request`.
+std::vector<std::string> withWords(std::vector<std::string> command, const Request& request);
 
 // The request in the words that follow the mode's; nothing when there are too few, the user is not
 // a decimal number of 32 bits (one "+" in front allowed) or is root, or the path is no bundle path.
@@ -65,24 +61,23 @@ std::optional<Request> parse(std::span<const std::string> words);
 // The user id in `word` by the rule above, root included.
 std::optional<std::uint32_t> parseUserID(const std::string& word);
 
-// The arguments that tell the app why it is opened; none but after a quit.
-std::vector<std::string> appArguments(bool afterQuit);
+// `command` and the arguments that tell the app why it is opened; none but after a quit.
+std::vector<std::string> withAppArguments(std::vector<std::string> command, bool afterQuit);
 
 // The environment of what is run as `user`: HOME, USER, LOGNAME and PATH, in this order.
 std::vector<std::string> environment(const User& user);
 
-// The system calls of the privilege drop, so that their order can be tested without losing any.
+// The system calls of the privilege drop, which tests replace. Each of the first three returns
+// whether it succeeded; setgid(2), initgroups(3), setuid(2), getuid(2), geteuid(2), getgid(2).
 class Privileges {
   public:
     virtual ~Privileges() = default;
-    // Each returns whether it succeeded; setgid(2), initgroups(3), setuid(2).
-    virtual bool setGroup(std::uint32_t gid) = 0;
-    virtual bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) = 0;
-    virtual bool setUser(std::uint32_t uid) = 0;
-    // getuid(2), geteuid(2), getgid(2).
-    virtual std::uint32_t realUser() = 0;
-    virtual std::uint32_t effectiveUser() = 0;
-    virtual std::uint32_t realGroup() = 0;
+    virtual bool setGroup(std::uint32_t gid);
+    virtual bool setSupplementaryGroups(const std::string& name, std::uint32_t gid);
+    virtual bool setUser(std::uint32_t uid);
+    virtual std::uint32_t realUser();
+    virtual std::uint32_t effectiveUser();
+    virtual std::uint32_t realGroup();
 };
 
 // Becomes `user` for good, and proves it: the groups go first, because only root may set them; then

@@ -5,6 +5,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelper/OpenAsUser.hpp"
@@ -19,148 +20,106 @@ void PrintTo(const Request& request, std::ostream* stream) {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 using Words = std::vector<std::string>;
 
 const std::string app = "/Applications/Halvo.app";
 const User ann{501, 20, "ann", "/Users/ann"};
-const Words annsEnvironment{"HOME=/Users/ann", "USER=ann", "LOGNAME=ann",
-                            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
 
 // What no path is likely to hold, and every path may.
 const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3\xA9 * ; & |.app";
 
-// -------------------------------------------------------------------------------- the command line
-
-TEST(OpenAsUserWordsTest, AskForAnOpening) {
-    EXPECT_THAT(words({501, app, false}), ElementsAre("--open-as-user", "501", app));
-    EXPECT_THAT(words({501, app, true}), ElementsAre("--open-as-user", "501", app, "--after-quit"));
-    EXPECT_THAT(words({501, app, true, true}),
-                ElementsAre("--open-as-user", "501", app, "--after-quit", "--directly"));
-    EXPECT_THAT(words({4294967295, app, false}), ElementsAre("--open-as-user", "4294967295", app));
-}
-
-TEST(OpenAsUserWordsTest, AreUnderstoodAgain) {
-    for (const Request& request :
-         {Request{501, app, false}, Request{1, oddApp, true}, Request{501, app, false, true},
-          Request{4294967295, "/x.app", false}}) {
-        const Words all = words(request);
-        EXPECT_EQ(parse(std::span(all).subspan(1)), request);
+TEST(OpenAsUserWordsTest, AskForAnOpeningAndAreUnderstoodAgain) {
+    const std::pair<Request, Words> rows[] = {
+        {{501, app, false}, {"501", app}},
+        {{1, oddApp, true}, {"1", oddApp, "--after-quit"}},
+        {{501, app, true, true}, {"501", app, "--after-quit", "--directly"}},
+        {{501, app, false, true}, {"501", app, "--directly"}},
+        {{4294967295, "/x.app", false}, {"4294967295", "/x.app"}},
+    };
+    for (const auto& [request, words] : rows) {
+        const Words all = withWords({"first"}, request);
+        ASSERT_EQ(all.size(), words.size() + 2);
+        EXPECT_THAT(Words(all.begin(), all.begin() + 2), ElementsAre("first", "--open-as-user"));
+        EXPECT_EQ(Words(all.begin() + 2, all.end()), words);
+        EXPECT_EQ(parse(words), request);
     }
 }
 
-struct UserIDRow {
-    std::string word;
-    std::optional<std::uint32_t> uid;
-};
-
-class OpenAsUserIDTest : public ::testing::TestWithParam<UserIDRow> {};
-
-TEST_P(OpenAsUserIDTest, IsReadAsADecimalNumberOf32Bits) {
-    EXPECT_EQ(parseUserID(GetParam().word), GetParam().uid) << '"' << GetParam().word << '"';
-}
-
 // The mode itself also refuses root.
-TEST_P(OpenAsUserIDTest, IsReadBySameRuleInARequestButForRoot) {
-    const auto request = parse(Words{GetParam().word, app});
-    const auto& uid = GetParam().uid;
-    EXPECT_EQ(request,
-              uid.value_or(0) == 0 ? std::nullopt : std::optional(Request{*uid, app, false}));
+TEST(OpenAsUserIDTest, IsReadAsADecimalNumberOf32Bits) {
+    const std::pair<std::string, std::uint32_t> numbers[] = {
+        {"0", 0},
+        {"00", 0},
+        {"+0", 0},
+        {"1", 1},
+        {"+5", 5},
+        {"005", 5},
+        {"+0501", 501},
+        {"65534", 65534},
+        {"2147483648", 2147483648},
+        {"+4294967295", 4294967295},
+        {"00000000004294967295", 4294967295},
+    };
+    for (const auto& [word, uid] : numbers) {
+        EXPECT_EQ(parseUserID(word), uid) << word;
+        EXPECT_EQ(parse(Words{word, app}),
+                  uid == 0 ? std::nullopt : std::optional(Request{uid, app, false}));
+    }
+    for (const char* word :
+         {"4294967296", "18446744073709551616", "18446744073709551617", "", "+", "++5", "5+", "-",
+          "-1", "-0", "+-1", "-+1", " 5", "5 ", "+ 5", "5\n", "\t5", "5 0", "0x5", "5a", "a", "1e3",
+          "5.0", "1,000", "1_000",
+          // Digits, but not ours: Arabic-Indic, full-width, Roman.
+          "\xD9\xA3", "\xEF\xBC\x95", "\xE2\x85\xA7", "5\xD9\xA3", "ann", "--after-quit"}) {
+        EXPECT_EQ(parseUserID(word), std::nullopt) << word;
+        EXPECT_EQ(parse(Words{word, app}), std::nullopt) << word;
+    }
+    EXPECT_EQ(parseUserID(std::string("5\0", 2)), std::nullopt);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Words, OpenAsUserIDTest,
-    ::testing::Values(
-        UserIDRow{"0", 0}, UserIDRow{"00", 0}, UserIDRow{"+0", 0}, UserIDRow{"1", 1},
-        UserIDRow{"5", 5}, UserIDRow{"+5", 5}, UserIDRow{"005", 5}, UserIDRow{"+0501", 501},
-        UserIDRow{"501", 501}, UserIDRow{"65534", 65534}, UserIDRow{"2147483648", 2147483648},
-        UserIDRow{"4294967295", 4294967295}, UserIDRow{"+4294967295", 4294967295},
-        UserIDRow{"00000000004294967295", 4294967295}, UserIDRow{"4294967296", std::nullopt},
-        UserIDRow{"18446744073709551616", std::nullopt},
-        UserIDRow{"18446744073709551617", std::nullopt}, UserIDRow{"", std::nullopt},
-        UserIDRow{"+", std::nullopt}, UserIDRow{"++5", std::nullopt}, UserIDRow{"5+", std::nullopt},
-        UserIDRow{"-", std::nullopt}, UserIDRow{"-1", std::nullopt}, UserIDRow{"-0", std::nullopt},
-        UserIDRow{"+-1", std::nullopt}, UserIDRow{"-+1", std::nullopt},
-        UserIDRow{" 5", std::nullopt}, UserIDRow{"5 ", std::nullopt},
-        UserIDRow{"+ 5", std::nullopt}, UserIDRow{"5\n", std::nullopt},
-        UserIDRow{"\t5", std::nullopt}, UserIDRow{"5 0", std::nullopt},
-        UserIDRow{"0x5", std::nullopt}, UserIDRow{"5a", std::nullopt}, UserIDRow{"a", std::nullopt},
-        UserIDRow{"1e3", std::nullopt}, UserIDRow{"5.0", std::nullopt},
-        UserIDRow{"1,000", std::nullopt}, UserIDRow{"1_000", std::nullopt},
-        // Digits, but not ours: Arabic-Indic, full-width, Roman.
-        UserIDRow{"\xD9\xA3", std::nullopt}, UserIDRow{"\xEF\xBC\x95", std::nullopt},
-        UserIDRow{"\xE2\x85\xA7", std::nullopt}, UserIDRow{"5\xD9\xA3", std::nullopt},
-        UserIDRow{std::string("5\0", 2), std::nullopt}, UserIDRow{"ann", std::nullopt},
-        UserIDRow{"--after-quit", std::nullopt}));
-
-struct RequestRow {
-    Words words;
-    std::optional<Request> request;
-};
-
-class OpenAsUserRequestTest : public ::testing::TestWithParam<RequestRow> {};
-
-TEST_P(OpenAsUserRequestTest, IsParsed) {
-    EXPECT_EQ(parse(GetParam().words), GetParam().request)
-        << ::testing::PrintToString(GetParam().words);
+TEST(OpenAsUserRequestTest, MayBeFollowedByAnyWords) {
+    const std::pair<Words, Request> rows[] = {
+        {{"x", "--after-quit"}, {501, app, true}},
+        {{"--after-quit", "--after-quit", "x"}, {501, app, true}},
+        {{"--directly", "x", "--after-quit"}, {501, app, true, true}},
+        {{"directly", "", "after-quit", "--after-quit=", "--AFTER-QUIT"}, {501, app, false}},
+    };
+    for (const auto& [more, request] : rows) {
+        Words words{"501", app};
+        words.insert(words.end(), more.begin(), more.end());
+        EXPECT_EQ(parse(words), request);
+    }
+    EXPECT_EQ(parse(Words{"501", "/.app"}), (Request{501, "/.app", false}));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Words, OpenAsUserRequestTest,
-    ::testing::Values(
-        RequestRow{{"501", app}, Request{501, app, false}},
-        RequestRow{{"501", app, "--after-quit"}, Request{501, app, true}},
-        RequestRow{{"501", app, "x", "--after-quit"}, Request{501, app, true}},
-        RequestRow{{"501", app, "--after-quit", "--after-quit", "x"}, Request{501, app, true}},
-        RequestRow{{"501", app, "--directly"}, Request{501, app, false, true}},
-        RequestRow{{"501", app, "--directly", "x", "--after-quit"}, Request{501, app, true, true}},
-        RequestRow{{"501", app, "directly"}, Request{501, app, false}},
-        RequestRow{{"501", app, ""}, Request{501, app, false}},
-        RequestRow{{"501", app, "after-quit"}, Request{501, app, false}},
-        RequestRow{{"501", app, "--after-quit="}, Request{501, app, false}},
-        RequestRow{{"501", app, "--AFTER-QUIT"}, Request{501, app, false}},
-        RequestRow{{"501", oddApp}, Request{501, oddApp, false}},
-        RequestRow{{"501", "/.app"}, Request{501, "/.app", false}},
-        // Too few.
-        RequestRow{{}, std::nullopt}, RequestRow{{"501"}, std::nullopt},
-        RequestRow{{app}, std::nullopt}, RequestRow{{"--after-quit"}, std::nullopt},
-        // Root, however written.
-        RequestRow{{"0", app}, std::nullopt}, RequestRow{{"+0", app}, std::nullopt},
-        RequestRow{{"000", app}, std::nullopt},
-        // In another order.
-        RequestRow{{app, "501"}, std::nullopt},
-        RequestRow{{"--after-quit", "501", app}, std::nullopt},
-        RequestRow{{"501", "--after-quit", app}, std::nullopt},
-        // No bundle path.
-        RequestRow{{"501", ""}, std::nullopt}, RequestRow{{"501", "/"}, std::nullopt},
-        RequestRow{{"501", "Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "./Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "/Applications/Halvo"}, std::nullopt},
-        RequestRow{{"501", "/Applications/Halvo.app/"}, std::nullopt},
-        RequestRow{{"501", "/Applications/Halvo.APP"}, std::nullopt},
-        RequestRow{{"501", "/Applications/../Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "/Applications/./Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "/Applications//Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "//Applications/Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "/../Halvo.app"}, std::nullopt},
-        RequestRow{{"501", "/Applications/\xFF.app"}, std::nullopt}));
-
-// ------------------------------------------------------------------------------------ the commands
+TEST(OpenAsUserRequestTest, IsNoneOfTheWrongWords) {
+    std::vector<Words> rows{
+        // Too few, and in another order.
+        {}, {"501"}, {app}, {"--after-quit"}, {app, "501"}, {"--after-quit", "501", app}};
+    for (const char* noBundlePath :
+         {"", "/", "Halvo.app", "./Halvo.app", "/Applications/Halvo", "/Applications/Halvo.app/",
+          "/Applications/Halvo.APP", "/Applications/../Halvo.app", "/Applications/./Halvo.app",
+          "/Applications//Halvo.app", "//Applications/Halvo.app", "/../Halvo.app",
+          "/Applications/\xFF.app", "--after-quit"}) {
+        rows.push_back({"501", noBundlePath, app});
+    }
+    for (const Words& words : rows) {
+        EXPECT_EQ(parse(words), std::nullopt) << ::testing::PrintToString(words);
+    }
+}
 
 TEST(OpenAsUserCommandTest, TellsTheAppThatItIsBackAfterAQuit) {
-    EXPECT_THAT(appArguments(false), IsEmpty());
-    EXPECT_THAT(appArguments(true), ElementsAre("-halvoRelaunchedAfterQuit", "YES"));
+    EXPECT_THAT(withAppArguments({"x"}, false), ElementsAre("x"));
+    EXPECT_THAT(withAppArguments({"x"}, true),
+                ElementsAre("x", "-halvoRelaunchedAfterQuit", "YES"));
 }
 
 TEST(OpenAsUserCommandTest, GivesTheUsersEnvironmentAndNothingElse) {
-    EXPECT_EQ(environment(ann), annsEnvironment);
     EXPECT_THAT(environment({1000, 1000, "a b", "/home/a=b"}),
                 ElementsAre("HOME=/home/a=b", "USER=a b", "LOGNAME=a b",
                             "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
 }
-
-// --------------------------------------------------------------------------------- the privileges
 
 // A process that can be told what goes wrong, and remembers what it was asked.
 class FakePrivileges final : public Privileges {
@@ -174,7 +133,8 @@ class FakePrivileges final : public Privileges {
     }
 
     bool setUser(std::uint32_t uid) override {
-        return note("setuid " + std::to_string(uid)) && user_ != 501 && (user_ = uid, true);
+        return note("setuid " + std::to_string(uid)) && (user_ != 501 || canBecomeRoot) &&
+               (user_ = uid, true);
     }
 
     std::uint32_t realUser() override { return note("getuid") ? user_ : wrong; }
@@ -186,6 +146,7 @@ class FakePrivileges final : public Privileges {
     // The call that goes wrong: fails, or answers with somebody else.
     std::optional<std::size_t> wrongCall;
     std::uint32_t wrong = 0;
+    bool canBecomeRoot = false;
     std::vector<std::string> calls;
 
   private:
@@ -208,40 +169,24 @@ TEST(OpenAsUserPrivilegesTest, AreDroppedInOrderAndProvenGone) {
     EXPECT_EQ(privileges.calls, wholeDrop);
 }
 
-class OpenAsUserFailedDropTest : public ::testing::TestWithParam<std::size_t> {};
-
-TEST_P(OpenAsUserFailedDropTest, AreNotTakenForDroppedAfterAFailureNorIsAnythingDoneAfterIt) {
-    for (const std::uint32_t wrong : {0U, 502U}) {
-        FakePrivileges privileges;
-        privileges.wrongCall = GetParam();
-        privileges.wrong = wrong;
-        EXPECT_FALSE(dropPrivileges(privileges, ann));
-        const auto failed = wholeDrop.begin() + static_cast<std::ptrdiff_t>(GetParam()) + 1;
-        EXPECT_EQ(privileges.calls, Words(wholeDrop.begin(), failed));
+TEST(OpenAsUserPrivilegesTest, AreNotTakenForDroppedAfterAFailureNorIsAnythingDoneAfterIt) {
+    for (std::size_t call = 0; call < 6; ++call) {
+        for (const std::uint32_t wrong : {0U, 502U}) {
+            FakePrivileges privileges;
+            privileges.wrongCall = call;
+            privileges.wrong = wrong;
+            EXPECT_FALSE(dropPrivileges(privileges, ann));
+            const auto failed = wholeDrop.begin() + static_cast<std::ptrdiff_t>(call) + 1;
+            EXPECT_EQ(privileges.calls, Words(wholeDrop.begin(), failed));
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Call, OpenAsUserFailedDropTest, ::testing::Range<std::size_t>(0, 6));
-
-// A process that stays root, or can become root again, whatever it says.
-class UndroppedPrivileges final : public Privileges {
-  public:
-    bool setGroup(std::uint32_t) override { return true; }
-
-    bool setSupplementaryGroups(const std::string&, std::uint32_t) override { return true; }
-
-    bool setUser(std::uint32_t) override { return true; }
-
-    std::uint32_t realUser() override { return ann.uid; }
-
-    std::uint32_t effectiveUser() override { return ann.uid; }
-
-    std::uint32_t realGroup() override { return ann.gid; }
-};
-
 TEST(OpenAsUserPrivilegesTest, AreNotTakenForDroppedWhenRootCanBeRegained) {
-    UndroppedPrivileges privileges;
+    FakePrivileges privileges;
+    privileges.canBecomeRoot = true;
     EXPECT_FALSE(dropPrivileges(privileges, ann));
+    EXPECT_EQ(privileges.calls, wholeDrop);
 }
 
 }  // namespace

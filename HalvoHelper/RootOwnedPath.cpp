@@ -15,14 +15,11 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
         const int code = errno;
         return Problem{path + ": " + errorText(code), code};
     }
-    if (S_ISLNK(status.st_mode)) {
-        return Problem{path + " is a symbolic link"};
-    }
-    if (item == Item::folder && !S_ISDIR(status.st_mode)) {
-        return Problem{path + " is no folder"};
-    }
-    if (item == Item::file && !S_ISREG(status.st_mode)) {
-        return Problem{path + " is no regular file"};
+    const bool isOfKind = item == Item::folder ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode);
+    if (!isOfKind) {
+        return Problem{path + (S_ISLNK(status.st_mode) ? " is a symbolic link"
+                               : item == Item::folder  ? " is no folder"
+                                                       : " is no regular file")};
     }
     if (isRootOwned(status)) {
         auto beyond = problemBeyondMode(path);

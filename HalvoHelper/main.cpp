@@ -5,11 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/HelperListener.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoHelper/LiveSessionProbe.hpp"
-#include "HalvoHelper/LoggedStore.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
@@ -19,14 +17,11 @@
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Daemon.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "HalvoPlatform/MainQueue.hpp"
 #include "HalvoPlatform/Version.hpp"
 
 namespace {
 
-// sysexits.h.
-constexpr int exitNoPermission = 77;
-constexpr int exitConfig = 78;
+constexpr int exitConfig = 78;  // sysexits.h
 
 void runService(const std::string& firstWord) {
     using namespace halvo;
@@ -37,7 +32,7 @@ void runService(const std::string& firstWord) {
         if (const auto advice = startAdvice(Bundle::main().executablePath().value_or(firstWord))) {
             HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
         }
-        std::exit(exitNoPermission);
+        std::exit(OpenAsUser::exitNoPermission);
     }
     const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
@@ -46,14 +41,10 @@ void runService(const std::string& firstWord) {
         std::exit(exitConfig);
     }
     MainQueue& queue = liveMainQueue();
-    auto listener = makeListener(identity->helperBundleID());
-    if (!listener) {
-        HALVO_LOG_ERROR(helperLog, "%{public}s", listener.error().message.c_str());
-        std::exit(listener.error().exitStatus);
-    }
-    HALVO_LOG_DEFAULT(helperLog, "Halvo helper %{public}s started", version);
     // All this lives as long as the process, and so not on the stack of a thread that the main
     // queue may end: dispatch_main(3).
+    auto& listener = *makeListener(identity->helperBundleID()).release();
+    HALVO_LOG_DEFAULT(helperLog, "Halvo helper %{public}s started", version);
     auto& clock = *new SystemHelperClock;
     auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
     auto& files = *new FileCommitmentStore(identity->stateFolder());
@@ -61,8 +52,8 @@ void runService(const std::string& firstWord) {
     auto& store = *new LoggedStore(locks, queue);
     auto& session = *new LiveSessionProbe;
     auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
-    auto& service = *new HelperService(*identity, {clock, locks, store, session, opener},
-                                       *listener->release(), queue);
+    auto& service =
+        *new HelperService(*identity, {clock, locks, store, session, opener}, listener, queue);
     service.start();
     queue.run();
 }

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
@@ -46,8 +46,10 @@ int sent(sd_bus_message* request) {
     return 1;
 }
 
-int reply(sd_bus_message* request, bool ok) {
-    sd_bus_reply_method_return(request, "b", static_cast<int>(ok));
+// `values` are as sd_bus_message_append(3) wants them for the D-Bus signature `types`.
+template <class... Values>
+int reply(sd_bus_message* request, const char* types, Values... values) {
+    sd_bus_reply_method_return(request, types, values...);
     return sent(request);
 }
 
@@ -56,145 +58,167 @@ int replyInvalid(sd_bus_message* request, const std::string& problem) {
     return sent(request);
 }
 
-int reply(sd_bus_message* request, const HelperStatus& status) {
-    const int holding = static_cast<int>(status.holding);
-    const int locked = static_cast<int>(status.locked);
-    // An optional is an array of none or one.
-    if (status.until) {
-        sd_bus_reply_method_return(request, "badb", holding, 1, secondsSince1970(*status.until),
-                                   locked);
-    } else {
-        sd_bus_reply_method_return(request, "badb", holding, 0, locked);
+}  // namespace
+
+// Each is handed the BusConnection. Requests have arguments that argumentProblem() has let through.
+struct BusHandlers {
+    static BusConnection& of(void* connection) { return *static_cast<BusConnection*>(connection); }
+
+    static int begin(sd_bus_message* message, void* self, sd_bus_error*) {
+        const char* appPath = nullptr;
+        double until = 0;
+        double started = 0;
+        const int result = sd_bus_message_read(message, "sdd", &appPath, &until, &started);
+        if (result < 0) {
+            return result;
+        }
+        if (std::strlen(appPath) > Limits::appPath) {
+            return replyInvalid(message, "appPath is longer than any path");
+        }
+        const auto ok =
+            of(self).requests_.begin(resolvedPath(appPath), wallDate(until), wallDate(started));
+        if (!ok) {
+            return replyInvalid(message, ok.error());
+        }
+        if (*ok) {
+            of(self).begun_();
+        }
+        return reply(message, "b", int{*ok});
     }
-    return sent(request);
-}
 
-BusConnection& connectionOf(void* connection) { return *static_cast<BusConnection*>(connection); }
-
-// The four below are called with arguments that argumentProblem() has let through.
-
-int onBegin(sd_bus_message* message, void* self, sd_bus_error*) {
-    const char* appPath = nullptr;
-    double until = 0;
-    double started = 0;
-    const int result = sd_bus_message_read(message, "sdd", &appPath, &until, &started);
-    if (result < 0) {
-        return result;
+    static int heartbeat(sd_bus_message* message, void* self, sd_bus_error*) {
+        int sessionEnding = 0;
+        const int result = sd_bus_message_read(message, "b", &sessionEnding);
+        return result < 0
+                   ? result
+                   : reply(message, "b", int{of(self).requests_.heartbeat(sessionEnding != 0)});
     }
-    if (std::strlen(appPath) > Limits::appPath) {
-        return replyInvalid(message, "appPath is longer than any path");
-    }
-    const BusConnection& connection = connectionOf(self);
-    const auto ok =
-        connection.requests().begin(resolvedPath(appPath), wallDate(until), wallDate(started));
-    if (!ok) {
-        return replyInvalid(message, ok.error());
-    }
-    if (*ok) {
-        connection.noteBegin();
-    }
-    return reply(message, *ok);
-}
 
-int onHeartbeat(sd_bus_message* message, void* self, sd_bus_error*) {
-    int sessionEnding = 0;
-    const int result = sd_bus_message_read(message, "b", &sessionEnding);
-    return result < 0 ? result
-                      : reply(message, connectionOf(self).requests().heartbeat(sessionEnding != 0));
-}
+    static int end(sd_bus_message* message, void* self, sd_bus_error*) {
+        return reply(message, "b", int{of(self).requests_.end()});
+    }
 
-int onEnd(sd_bus_message* message, void* self, sd_bus_error*) {
-    return reply(message, connectionOf(self).requests().end());
-}
+    static int status(sd_bus_message* message, void* self, sd_bus_error*) {
+        of(self).toldStatus_ = true;
+        const HelperStatus status = of(self).requests_.status();
+        // An optional is an array of none or one.
+        return status.until ? reply(message, "badb", int{status.holding}, 1,
+                                    secondsSince1970(*status.until), int{status.locked})
+                            : reply(message, "badb", int{status.holding}, 0, int{status.locked});
+    }
 
-int onStatus(sd_bus_message* message, void* self, sd_bus_error*) {
-    connectionOf(self).noteStatus();
-    return reply(message, connectionOf(self).requests().status());
-}
+    // Answers a request with the wrong arguments by naming the first wrong one, before sd-bus
+    // answers with the two signatures only.
+    static int message(sd_bus_message* message, void* self, sd_bus_error*) {
+        of(self).heardAt_ = loopTime(of(self).bus_);
+        if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
+            return 0;
+        }
+        const auto problem = argumentProblem(sd_bus_message_get_member(message),
+                                             sd_bus_message_get_signature(message, 1));
+        return problem ? replyInvalid(message, *problem) : 0;
+    }
+
+    // libsystemd 252 forgets a first message that arrives together with the end of the
+    // authentication: it has been read, so the socket never becomes readable for it. Processing by
+    // hand finds it.
+    static int connected(sd_bus_message*, void* self, sd_bus_error*) {
+        of(self).heardAt_ = loopTime(of(self).bus_);
+        sd_event_source_set_enabled(of(self).firstMessages_, SD_EVENT_ON);
+        return 0;
+    }
+
+    // One message at a turn, so that a flood leaves the other connections theirs.
+    static int firstMessages(sd_event_source* source, void* self) {
+        const int result = sd_bus_process(of(self).bus_, nullptr);
+        if (result <= 0) {
+            sd_event_source_set_enabled(source, SD_EVENT_OFF);
+        }
+        // As sd-bus does itself with what is no message when it comes later.
+        if (result < 0) {
+            disconnect(of(self).bus_);
+        }
+        return 0;
+    }
+
+    // A message costs the timer nothing: it is set anew only when it fires and finds that there was
+    // one.
+    static int deadline(sd_event_source* source, std::uint64_t, void* self) {
+        sd_bus* bus = of(self).bus_;
+        const auto heardAt = of(self).heardAt_;
+        const std::uint64_t end = heardAt.value_or(0) + microseconds(Limits::silence);
+        if (!heardAt) {
+            disconnect(bus);
+        } else if (loopTime(bus) >= end) {
+            hangUp(bus);
+        } else {
+            sd_event_source_set_time(source, end);
+            sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+        }
+        return 0;
+    }
+
+    static int disconnected(sd_bus_message*, void* self, sd_bus_error*) {
+        sd_event_source_set_enabled(of(self).deadline_, SD_EVENT_OFF);
+        sd_event_source_set_enabled(of(self).firstMessages_, SD_EVENT_OFF);
+        of(self).gone_();
+        return 0;
+    }
+};
+
+namespace {
 
 // The wire. Introspection shows it, and argumentProblem() names its arguments.
 // NOLINTNEXTLINE(*-avoid-c-arrays): what the macros make.
 const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("Begin", SD_BUS_ARGS("s", appPath, "d", until, "d", started),
-                            SD_BUS_RESULT("b", ok), onBegin, SD_BUS_VTABLE_UNPRIVILEGED),
+                            SD_BUS_RESULT("b", ok), BusHandlers::begin, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Heartbeat", SD_BUS_ARGS("b", sessionEnding), SD_BUS_RESULT("b", ok),
-                            onHeartbeat, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_ARGS("End", SD_BUS_NO_ARGS, SD_BUS_RESULT("b", ok), onEnd,
+                            BusHandlers::heartbeat, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("End", SD_BUS_NO_ARGS, SD_BUS_RESULT("b", ok), BusHandlers::end,
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Status", SD_BUS_NO_ARGS,
-                            SD_BUS_RESULT("b", holding, "ad", until, "b", locked), onStatus,
-                            SD_BUS_VTABLE_UNPRIVILEGED),
+                            SD_BUS_RESULT("b", holding, "ad", until, "b", locked),
+                            BusHandlers::status, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
-
-// The method of the table that is called `member`, or null.
-const sd_bus_vtable* methodCalled(std::string_view member) {
-    const auto* found = std::ranges::find_if(requestTable, [member](const sd_bus_vtable& row) {
-        return row.type == _SD_BUS_VTABLE_METHOD && member == row.x.method.member;
-    });
-    return found == std::ranges::end(requestTable) ? nullptr : found;
-}
-
-// The types of the arguments of `method`; SD_BUS_NO_ARGS makes them null.
-std::string_view typesOf(const sd_bus_vtable& method) {
-    return method.x.method.signature == nullptr ? "" : method.x.method.signature;
-}
-
-// The name of the argument `index` of `method`: its names follow one another, each with a zero
-// byte.
-std::string argumentName(const sd_bus_vtable& method, std::size_t index) {
-    const char* name = method.x.method.names;
-    for (; index > 0; --index) {
-        name += std::strlen(name) + 1;
-    }
-    return name;
-}
-
-// As "Begin(s appPath, d until, d started)".
-std::string described(const sd_bus_vtable& method) {
-    const std::string_view types = typesOf(method);
-    std::string text = method.x.method.member + std::string("(");
-    for (std::size_t i = 0; i < types.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + std::string(1, types[i]) + " " + argumentName(method, i);
-    }
-    return text + ")";
-}
-
-// Answers a request with the wrong arguments by naming the first wrong one, before sd-bus answers
-// with the two signatures only.
-int checkArguments(sd_bus_message* message) {
-    if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
-        return 0;
-    }
-    const auto problem = argumentProblem(sd_bus_message_get_member(message),
-                                         sd_bus_message_get_signature(message, 1));
-    return problem ? replyInvalid(message, *problem) : 0;
-}
 
 }  // namespace
 
 std::optional<std::string> argumentProblem(std::string_view member, std::string_view signature) {
-    const sd_bus_vtable* method = methodCalled(member);
-    if (method == nullptr) {
+    const auto* row = std::ranges::find_if(requestTable, [member](const sd_bus_vtable& method) {
+        return method.type == _SD_BUS_VTABLE_METHOD && member == method.x.method.member;
+    });
+    if (row == std::ranges::end(requestTable)) {
         return std::nullopt;
     }
-    // Every expected type is one character, so up to the first difference characters are arguments.
-    const std::string_view expected = typesOf(*method);
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        if (i >= signature.size()) {
-            return argumentName(*method, i) + " is missing: " + described(*method);
-        }
-        if (signature[i] != expected[i]) {
-            return argumentName(*method, i) + " has the wrong type: " + described(*method) +
-                   " was called with \"" + std::string(signature) + "\"";
-        }
+    const auto& method = row->x.method;
+    // SD_BUS_NO_ARGS makes it null. Each type is one character, so that up to the first difference
+    // characters are arguments.
+    const std::string_view types = method.signature == nullptr ? "" : method.signature;
+    if (signature == types) {
+        return std::nullopt;
     }
-    if (signature.size() > expected.size()) {
-        return "there are more arguments than " + described(*method) + " takes: \"" +
-               std::string(signature) + "\"";
+    // The names follow one another, each with a zero byte. As "Begin(s appPath, d until)".
+    std::vector<std::string> names;
+    std::string form = method.member + std::string("(");
+    const char* name = method.names;
+    for (const char type : types) {
+        form += (names.empty() ? "" : ", ") + std::string(1, type) + " " + name;
+        names.emplace_back(name);
+        name += names.back().size() + 1;
     }
-    return std::nullopt;
+    form += ")";
+    const std::string called = "\"" + std::string(signature) + "\"";
+    const auto wrong =
+        static_cast<std::size_t>(std::ranges::mismatch(types, signature).in1 - types.begin());
+    if (wrong == types.size()) {
+        return "there are more arguments than " + form + " takes: " + called;
+    }
+    return names[wrong] + (wrong == signature.size()
+                               ? " is missing: " + form
+                               : " has the wrong type: " + form + " was called with " + called);
 }
 
 BusConnection::BusConnection(HelperConnection requests, std::function<void()> gone,
@@ -212,12 +236,32 @@ BusConnection::~BusConnection() {
 
 bool BusConnection::start(Descriptor socket) {
     sd_event* loop = nullptr;
-    if (sd_event_default(&loop) < 0) {
+    sd_id128_t server{};
+    if (sd_event_default(&loop) < 0 || sd_bus_new(&bus_) < 0 || sd_id128_randomize(&server) < 0 ||
+        sd_bus_set_fd(bus_, socket.get(), socket.get()) < 0) {
+        sd_event_unref(loop);
         return false;
     }
-    const bool started = prepare(std::move(socket)) && listenToSignals() && startTimer(loop) &&
-                         sd_bus_start(bus_) >= 0 &&
-                         sd_bus_attach_event(bus_, loop, SD_EVENT_PRIORITY_NORMAL) >= 0;
+    [[maybe_unused]] const int owned = socket.release();  // by the bus
+    constexpr const char* local = "org.freedesktop.DBus.Local";
+    constexpr const char* path = "/org/freedesktop/DBus/Local";
+    // Who may call was decided when the caller was admitted, so sd-bus need not ask again.
+    const bool started =
+        sd_bus_set_server(bus_, 1, server) >= 0 && sd_bus_set_trusted(bus_, 1) >= 0 &&
+        sd_bus_negotiate_fds(bus_, 0) >= 0 && sd_bus_set_connected_signal(bus_, 1) >= 0 &&
+        sd_bus_add_filter(bus_, nullptr, BusHandlers::message, this) >= 0 &&
+        sd_bus_add_object_vtable(bus_, nullptr, HelperBus::object, HelperBus::interface,
+                                 requestTable, this) >= 0 &&
+        sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Connected",
+                                  BusHandlers::connected, nullptr, this) >= 0 &&
+        sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Disconnected",
+                                  BusHandlers::disconnected, nullptr, this) >= 0 &&
+        sd_event_add_time_relative(loop, &deadline_, CLOCK_MONOTONIC,
+                                   microseconds(Limits::authentication), 0, BusHandlers::deadline,
+                                   this) >= 0 &&
+        sd_event_add_defer(loop, &firstMessages_, BusHandlers::firstMessages, this) >= 0 &&
+        sd_event_source_set_enabled(firstMessages_, SD_EVENT_OFF) >= 0 && sd_bus_start(bus_) >= 0 &&
+        sd_bus_attach_event(bus_, loop, SD_EVENT_PRIORITY_NORMAL) >= 0;
     sd_event_unref(loop);
     if (started) {
         // sd-bus asks the kernel for megabytes. Where it will not take them back they stay.
@@ -227,97 +271,10 @@ bool BusConnection::start(Descriptor socket) {
     return started;
 }
 
-bool BusConnection::prepare(Descriptor socket) {
-    sd_id128_t server{};
-    if (sd_bus_new(&bus_) < 0 || sd_id128_randomize(&server) < 0 ||
-        sd_bus_set_fd(bus_, socket.get(), socket.get()) < 0) {
-        return false;
-    }
-    [[maybe_unused]] const int owned = socket.release();  // by the bus
-    // Who may call was decided when the caller was admitted, so sd-bus need not ask again.
-    return sd_bus_set_server(bus_, 1, server) >= 0 && sd_bus_set_trusted(bus_, 1) >= 0 &&
-           sd_bus_negotiate_fds(bus_, 0) >= 0 && sd_bus_set_connected_signal(bus_, 1) >= 0 &&
-           sd_bus_add_filter(bus_, nullptr, onMessage, this) >= 0 &&
-           sd_bus_add_object_vtable(bus_, nullptr, HelperBus::object, HelperBus::interface,
-                                    requestTable, this) >= 0;
-}
-
-bool BusConnection::listenToSignals() {
-    constexpr const char* local = "org.freedesktop.DBus.Local";
-    constexpr const char* path = "/org/freedesktop/DBus/Local";
-    return sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Connected", onConnected,
-                                     nullptr, this) >= 0 &&
-           sd_bus_match_signal_async(bus_, nullptr, local, path, local, "Disconnected",
-                                     onDisconnected, nullptr, this) >= 0;
-}
-
-bool BusConnection::startTimer(sd_event* loop) {
-    return sd_event_add_time_relative(loop, &deadline_, CLOCK_MONOTONIC,
-                                      microseconds(Limits::authentication), 0, onDeadline,
-                                      this) >= 0 &&
-           sd_event_add_defer(loop, &firstMessages_, onFirstMessages, this) >= 0 &&
-           sd_event_source_set_enabled(firstMessages_, SD_EVENT_OFF) >= 0;
-}
-
 void BusConnection::outdate() {
     if (toldStatus_) {
         hangUp(bus_);
     }
-}
-
-int BusConnection::onMessage(sd_bus_message* message, void* self, sd_bus_error*) {
-    auto* connection = static_cast<BusConnection*>(self);
-    connection->heardAt_ = loopTime(connection->bus_);
-    return checkArguments(message);
-}
-
-// libsystemd 252 forgets a first message that arrives together with the end of the authentication:
-// it has been read, so the socket never becomes readable for it. Processing by hand finds it.
-int BusConnection::onConnected(sd_bus_message*, void* self, sd_bus_error*) {
-    auto* connection = static_cast<BusConnection*>(self);
-    connection->heardAt_ = loopTime(connection->bus_);
-    sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_ON);
-    return 0;
-}
-
-// One message at a turn, so that a flood leaves the other connections theirs.
-int BusConnection::onFirstMessages(sd_event_source* source, void* self) {
-    sd_bus* bus = static_cast<BusConnection*>(self)->bus_;
-    const int result = sd_bus_process(bus, nullptr);
-    if (result <= 0) {
-        sd_event_source_set_enabled(source, SD_EVENT_OFF);
-    }
-    // As sd-bus does itself with what is no message when it comes later.
-    if (result < 0) {
-        disconnect(bus);
-    }
-    return 0;
-}
-
-// A message costs the timer nothing: it is set anew only when it fires and finds that there was
-// one.
-int BusConnection::onDeadline(sd_event_source* source, std::uint64_t, void* self) {
-    const auto* connection = static_cast<BusConnection*>(self);
-    if (!connection->heardAt_) {
-        disconnect(connection->bus_);
-        return 0;
-    }
-    const std::uint64_t end = *connection->heardAt_ + microseconds(Limits::silence);
-    if (loopTime(connection->bus_) >= end) {
-        hangUp(connection->bus_);
-        return 0;
-    }
-    sd_event_source_set_time(source, end);
-    sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
-    return 0;
-}
-
-int BusConnection::onDisconnected(sd_bus_message*, void* self, sd_bus_error*) {
-    auto* connection = static_cast<BusConnection*>(self);
-    sd_event_source_set_enabled(connection->deadline_, SD_EVENT_OFF);
-    sd_event_source_set_enabled(connection->firstMessages_, SD_EVENT_OFF);
-    connection->gone_();
-    return 0;
 }
 
 }  // namespace halvo

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "HalvoHelper/HelperConnection.hpp"
+#include "HalvoHelper/HelperService.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 
 namespace halvo {
@@ -37,28 +37,17 @@ class BusConnection {
     // connection is then of no use. Called once.
     bool start(Descriptor socket);
 
-    [[nodiscard]] const HelperConnection& requests() const { return requests_; }
+    // The user of the caller.
+    [[nodiscard]] std::uint32_t uid() const { return requests_.peer().uid; }
 
     // What a status has told this caller is no longer so: disconnects it, unless it was told
     // nothing. Requests that have come are answered, but nothing that the caller sends from now on
     // arrives: a begin that it has decided on has to start with another status.
     void outdate();
 
-    // Called for each request for the status, and for each begin that was taken.
-    void noteStatus() { toldStatus_ = true; }
-
-    void noteBegin() const { begun_(); }
-
   private:
-    bool prepare(Descriptor socket);
-    bool listenToSignals();
-    bool startTimer(sd_event* loop);
-
-    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
-    static int onConnected(sd_bus_message* signal, void* self, sd_bus_error* error);
-    static int onDisconnected(sd_bus_message* signal, void* self, sd_bus_error* error);
-    static int onFirstMessages(sd_event_source* source, void* self);
-    static int onDeadline(sd_event_source* source, std::uint64_t time, void* self);
+    // What sd-bus and sd-event call.
+    friend struct BusHandlers;
 
     HelperConnection requests_;
     std::function<void()> gone_;

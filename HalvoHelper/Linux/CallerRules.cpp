@@ -1,27 +1,30 @@
 #include "HalvoHelper/Linux/CallerRules.hpp"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <gshadow.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <utility>
 
-#include "HalvoHelper/Linux/LineFile.hpp"
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Linux/InfoFile.hpp"
 
 // Newer than the C library's headers.
@@ -33,11 +36,8 @@
 namespace halvo {
 namespace {
 
-// What the kernel writes behind the path of a file that is no longer there; proc_pid_exe(5).
-constexpr std::string_view deletedMark = " (deleted)";
-
-// More bundles than anybody has of one app at a time.
-constexpr std::size_t infosKept = 8;
+// What keeps a caller out, as a text for the log; nothing when nothing does.
+using Problem = std::optional<std::string>;
 
 std::string failed(const std::string& what, int code) { return what + ": " + errorText(code); }
 
@@ -46,171 +46,94 @@ std::string fileOf(pid_t process, const char* name) {
     return "/proc/" + std::to_string(process) + "/" + name;
 }
 
-// The path that the link `link` in /proc names.
-std::optional<std::string> targetOf(const std::string& link) {
+// Of a file of proc(5); the longest, of the mounts, has some hundred bytes for each.
+constexpr std::size_t longestFile = 64 * 1024 * 1024;
+
+// Takes what is before the next `end`, or all, off `text`, and the `end` too.
+std::string_view take(std::string_view& text, char end) {
+    const std::string_view taken = text.substr(0, text.find(end));
+    text.remove_prefix(std::min(text.size(), taken.size() + 1));
+    return taken;
+}
+
+// The path that the link `link` in /proc names, or the errno.
+std::expected<std::string, int> targetOf(const std::string& link) {
     std::array<char, PATH_MAX> buffer{};
     const ssize_t length = readlink(link.c_str(), buffer.data(), buffer.size());
     if (length < 0) {
-        return std::nullopt;
+        return std::unexpected(errno);
     }
     if (length == 0 || static_cast<std::size_t>(length) >= buffer.size()) {
-        errno = ENAMETOOLONG;
-        return std::nullopt;
+        return std::unexpected(ENAMETOOLONG);
     }
     return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
-// The lines of the file, with their ends. False, with the errno, when it cannot be read to its
-// end and `use` has not said, by true, that it has seen enough.
-template <class Use>
-bool forEachLine(const std::string& path, Use use) {
-    LineFile file = openLines(path);
-    if (file == nullptr) {
-        return false;
+// What keeps the kernel from honouring the set-group-id bit of the file that `file` holds. Process
+// 1 is asked, whose mounts are the machine's: in the unit's sandbox every mount is nosuid, and a
+// caller may have mounts of its own, from which the kernel gives nobody else anything.
+Problem problemOfMount(const struct statx& file) {
+    if ((file.stx_mask & STATX_MNT_ID) == 0) {
+        return "it cannot be told on which mount its executable lies; that needs Linux 5.8";
     }
-    char* raw = nullptr;
-    std::size_t room = 0;
-    bool enough = false;
-    ssize_t length = 0;
-    while (!enough && (length = getline(&raw, &room, file.get())) >= 0) {
-        enough = use(std::string_view(raw, static_cast<std::size_t>(length)));
+    const auto mounts = readFile("/proc/1/mountinfo", longestFile);
+    if (!mounts) {
+        return failed("the machine's mounts cannot be read in /proc/1/mountinfo",
+                      mounts.error().code);
     }
-    const int code = errno;
-    const bool isWhole = enough || std::feof(file.get()) != 0;
-    std::unique_ptr<char, decltype(&std::free)>(raw, &std::free).reset();
-    file.reset();
-    errno = code;
-    return isWhole;
-}
-
-// Takes the first word off `line`.
-std::string_view takeWord(std::string_view& line) {
-    const std::string_view word = line.substr(0, line.find_first_of(" \t\n"));
-    line.remove_prefix(std::min(line.size(), word.size() + 1));
-    return word;
-}
-
-// What keeps the kernel from honouring the set-group-id bit of files on the mount with the number
-// `mount`. Process 1 is asked, whose mounts are the machine's: in the unit's sandbox every mount is
-// nosuid, and a caller may have mounts of its own, from which the kernel gives nobody else
-// anything.
-std::optional<std::string> problemOfMount(std::uint64_t mount) {
-    const std::string number = std::to_string(mount);
-    std::optional<bool> isHonoured;
-    // Only the first six of a line's words are the kernel's alone to choose the form of; the
-    // source may be anything.
-    const bool wasRead = forEachLine("/proc/1/mountinfo", [&](std::string_view line) {
-        if (takeWord(line) != number) {
-            return false;
+    const std::string number = std::to_string(file.stx_mnt_id);
+    for (std::string_view lines = *mounts; !lines.empty();) {
+        std::string_view line = take(lines, '\n');
+        if (take(line, ' ') != number) {
+            continue;
         }
+        // Only the first six of a line's words are the kernel's alone to choose the form of; the
+        // source may be anything.
         for (int others = 0; others < 4; ++others) {
-            takeWord(line);
+            take(line, ' ');
         }
-        const std::string options = "," + std::string(takeWord(line)) + ",";
-        isHonoured = options.find(",nosuid,") == std::string::npos;
-        return true;
-    });
-    if (!wasRead) {
-        return failed("the machine's mounts cannot be read in /proc/1/mountinfo", errno);
+        const std::string options = "," + std::string(take(line, ' ')) + ",";
+        return options.find(",nosuid,") == std::string::npos
+                   ? std::nullopt
+                   : Problem(
+                         "its executable lies on a file system mounted with nosuid, where the "
+                         "kernel gives nobody its group");
     }
-    if (!isHonoured) {
-        return "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
-    }
-    if (!*isHonoured) {
-        return "its executable lies on a file system mounted with nosuid, where the kernel gives "
-               "nobody its group";
-    }
-    return std::nullopt;
+    return "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
 }
 
-// The process's real group; credentials(7).
-std::optional<gid_t> realGroupOf(pid_t process) {
-    constexpr std::string_view field = "Gid:\t";
-    std::optional<gid_t> group;
-    const bool wasRead = forEachLine(fileOf(process, "status"), [&](std::string_view line) {
-        if (line.starts_with(field)) {
-            group = static_cast<gid_t>(std::strtoul(line.data() + field.size(), nullptr, 10));
-        }
-        return group.has_value();
-    });
-    if (wasRead && !group) {
-        errno = ENODATA;
+// What keeps the caller's effective group from being one that it has from `executable` alone: its
+// real group (credentials(7)), or one of the supplementary groups that it had when it connected
+// (SO_PEERGROUPS).
+Problem problemOfGroup(int connection, const ucred& caller, const std::string& executable) {
+    const std::string cannotBeRead = "its groups cannot be read";
+    // NOLINTNEXTLINE(*-member-init): 256 KiB, of which only what the kernel writes is touched.
+    std::array<gid_t, NGROUPS_MAX> others;
+    socklen_t size = sizeof others;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size) != 0) {
+        return failed(cannotBeRead, errno);
     }
-    return group;
+    const auto status = readFile(fileOf(caller.pid, "status"), longestFile);
+    constexpr std::string_view field = "\nGid:\t";
+    const std::size_t at = status ? status->find(field) : std::string::npos;
+    if (at == std::string::npos) {
+        return failed(cannotBeRead, status ? ENODATA : status.error().code);
+    }
+    const unsigned long real = std::strtoul(status->c_str() + at + field.size(), nullptr, 10);
+    const std::span groups(others.data(), size / sizeof(gid_t));
+    return real == caller.gid || std::ranges::find(groups, caller.gid) != groups.end()
+               ? Problem("it has the private group of " + executable + " by itself")
+               : std::nullopt;
 }
 
-// The supplementary groups that the process had when it connected; SO_PEERGROUPS.
-std::optional<std::vector<gid_t>> peerGroups(int connection) {
-    std::vector<gid_t> groups;
-    while (true) {
-        auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-        const int result = getsockopt(connection, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size);
-        if (result != 0 && (errno != ERANGE || size <= groups.size() * sizeof(gid_t))) {
-            return std::nullopt;
-        }
-        groups.resize(size / sizeof(gid_t));
-        if (result == 0) {
-            return groups;
-        }
-    }
-}
-
-std::expected<ucred, std::string> credentialsOf(int connection) {
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return std::unexpected(failed("its credentials cannot be read", errno));
-    }
-    if (credentials.pid <= 0) {
-        return std::unexpected("its credentials cannot be read");
-    }
-    return credentials;
-}
-
-// Not open where the kernel is too old to have any.
-std::expected<Descriptor, std::string> pidfdOf(int connection) {
-    int number = -1;
-    socklen_t size = sizeof number;
-    if (getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &number, &size) == 0) {
-        return Descriptor(number);
-    }
-    if (errno != ENOPROTOOPT) {
-        return std::unexpected(failed("it cannot be told whether it still lives", errno));
-    }
-    return Descriptor();
-}
-
-// Whether the process behind `pidfd` has not ended; pidfd_open(2).
-bool isAlive(const Descriptor& pidfd) {
-    pollfd ended{pidfd.get(), POLLIN, 0};
-    return poll(&ended, 1, 0) == 0;
-}
-
-// Of the file that `file` holds, if it lies where it may.
-std::expected<struct statx, std::string> statusOf(const Descriptor& file) {
-    struct statx status{};
-    // AT_STATX_DONT_SYNC: without asking the file's own, possibly stalling, server.
-    if (statx(file.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID,
-              &status) != 0) {
-        return std::unexpected(failed("its executable cannot be examined", errno));
-    }
-    if ((status.stx_mask & STATX_MNT_ID) == 0) {
-        return std::unexpected(
-            "it cannot be told on which mount its executable lies; that needs Linux 5.8");
-    }
-    if (auto problem = problemOfMount(status.stx_mnt_id)) {
-        return std::unexpected(*std::move(problem));
-    }
-    return status;
-}
-
-// What keeps the item at `path` from being root's alone and the file with `status`; sets `file`.
-std::optional<std::string> problemOfFile(const std::string& path, const struct statx& status,
-                                         struct stat& file) {
+// What keeps the item at `path` from being root's alone, the file with `status`, and set-group-id
+// to `group`.
+Problem problemOfFile(const std::string& path, const struct statx& status, gid_t group) {
     if (const auto problem = RootOwnedPath::examine(path)) {
         return problem->failure == 0 ? "somebody besides root can change " + path
                                      : path + " cannot be examined: " + problem->what;
     }
+    struct stat file{};
     if (lstat(path.c_str(), &file) != 0) {
         return failed(path + " cannot be examined", errno);
     }
@@ -218,134 +141,257 @@ std::optional<std::string> problemOfFile(const std::string& path, const struct s
         status.stx_ino != file.st_ino) {
         return "what it runs is not the file at " + path;
     }
+    return privateGroup(file) == group
+               ? std::nullopt
+               : Problem("it does not run with the private group of " + path);
+}
+
+// Sets `pidfd`, which stays closed where the kernel is too old to give one.
+Problem problemOfPidfd(int connection, Descriptor& pidfd) {
+    int number = -1;
+    socklen_t size = sizeof number;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &number, &size) == 0) {
+        pidfd = Descriptor(number);
+        return std::nullopt;
+    }
+    return errno == ENOPROTOOPT
+               ? std::nullopt
+               : Problem(failed("it cannot be told whether it still lives", errno));
+}
+
+// What shows that the process behind `pidfd`, if there is one, has ended; pidfd_open(2).
+Problem problemOfLife(const Descriptor& pidfd) {
+    pollfd ended{pidfd.get(), POLLIN, 0};
+    return pidfd.isOpen() && poll(&ended, 1, 0) != 0 ? Problem("it ended meanwhile") : std::nullopt;
+}
+
+void append(std::vector<std::string>& list, char* const* names) {
+    for (; names != nullptr && *names != nullptr; ++names) {
+        if (std::ranges::find(list, *names) == list.end()) {
+            list.emplace_back(*names);
+        }
+    }
+}
+
+std::string listed(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) {
+        text += (text.empty() ? "" : ", ") + name;
+    }
+    return text;
+}
+
+// Whether somebody could know a password that fits. "x" in the group file stands for the shadow; to
+// none at all no program lets anybody in who is no member, newgrp(1).
+bool isPassword(const std::string& field) {
+    return !field.empty() && field != "x" && !field.starts_with('!') && !field.starts_with('*');
+}
+
+// Gives `use` each entry of the file at `path`, as `next` (fgetgrent(3) and its like) reads them.
+// The errno of what failed, or 0.
+template <class Next, class Use>
+int forEachEntry(const std::string& path, Next next, Use use) {
+    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::FILE* raw = descriptor.isOpen() ? fdopen(descriptor.get(), "r") : nullptr;
+    if (raw == nullptr) {
+        return errno;
+    }
+    [[maybe_unused]] const int owned = descriptor.release();  // by the file
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(raw, &std::fclose);
+    while (const auto* entry = next(raw)) {
+        use(*entry);
+    }
+    // Nothing is also what these give when they fail.
+    return std::feof(raw) != 0 ? 0 : errno;
+}
+
+constexpr std::array<const char*, 3> files{"/group", "/gshadow", "/passwd"};
+
+}  // namespace
+
+std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& folder) {
+    GroupFacts facts;
+    facts.gid = gid;
+    facts.hasShadow = geteuid() == 0;
+    std::string path = folder + files[0];
+    int code = forEachEntry(path, fgetgrent, [&](const group& entry) {
+        if (entry.gr_gid != gid) {
+            return;
+        }
+        if (!facts.name) {
+            facts.name = entry.gr_name;
+            facts.password = entry.gr_passwd == nullptr ? "" : entry.gr_passwd;
+        }
+        append(facts.members, entry.gr_mem);
+    });
+    if (code == 0 && facts.hasShadow) {
+        path = folder + files[1];
+        code = forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
+            if (facts.name && *facts.name == shadow.sg_namp) {
+                facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
+                append(facts.members, shadow.sg_mem);
+                append(facts.administrators, shadow.sg_adm);
+            }
+        });
+        code = code == ENOENT ? 0 : code;
+    }
+    if (code == 0) {
+        path = folder + files[2];
+        code = forEachEntry(path, fgetpwent, [&](const passwd& entry) {
+            if (entry.pw_gid == gid) {
+                facts.owners.emplace_back(entry.pw_name);
+            }
+        });
+    }
+    if (code != 0) {
+        return std::unexpected(path + ": " + errorText(code));
+    }
+    return facts;
+}
+
+std::optional<GroupFlaw> flawOf(const GroupFacts& facts) {
+    using Kind = GroupFlaw::Kind;
+    const std::string number = "the group " + std::to_string(facts.gid);
+    if (facts.gid == 0) {
+        return GroupFlaw{Kind::roots, number + " is root's"};
+    }
+    if (!facts.name) {
+        return GroupFlaw{Kind::unknown, number + " has no name"};
+    }
+
+    const struct {
+        Kind kind;
+        const char* what;
+        const std::vector<std::string>& names;
+    } lists[] = {
+        {Kind::members, " has members: ", facts.members},
+        {Kind::owners, " is the own group of ", facts.owners},
+        {Kind::administrators, " has administrators: ", facts.administrators},
+    };
+
+    const std::string group = "the group " + *facts.name;
+    for (const auto& [kind, what, names] : lists) {
+        if (!names.empty()) {
+            return GroupFlaw{kind, group + what + listed(names)};
+        }
+    }
+    if (isPassword(facts.password) || isPassword(facts.shadowPassword)) {
+        return GroupFlaw{Kind::password, group + " has a password"};
+    }
     return std::nullopt;
 }
 
-}  // namespace
+std::optional<std::string> PrivateGroups::problem(gid_t gid) {
+    Stamps stamps;
+    std::ranges::transform(files, stamps.begin(), [this](const char* file) {
+        return FileStamp::of((folder_ + file).c_str());
+    });
+    if (gid_ == gid && stamps_ == stamps) {
+        return problem_;
+    }
+    gid_.reset();
+    const auto facts = readGroup(gid, folder_);
+    if (!facts) {
+        return "it cannot be told whose the group " + std::to_string(gid) + " is: " + facts.error();
+    }
+    const auto flaw = flawOf(*facts);
+    problem_ = flaw ? std::optional(flaw->finding) : std::nullopt;
+    if (std::ranges::all_of(stamps,
+                            [](const auto& stamp) { return !stamp || stamp->isSettled(); })) {
+        gid_ = gid;
+        stamps_ = stamps;
+    }
+    return problem_;
+}
 
 std::optional<gid_t> privateGroup(const struct stat& executable) {
     return (executable.st_mode & S_ISGID) != 0 ? std::optional(executable.st_gid) : std::nullopt;
 }
 
 CallerRules::CallerRules(HelperIdentity identity, std::string accounts)
-    : identity_(std::move(identity)), groups_(std::move(accounts)) {
-    infos_.reserve(infosKept);
-}
+    : identity_(std::move(identity)), groups_(std::move(accounts)) {}
 
-std::expected<Caller, std::string> CallerRules::check(int connection) {
-    const auto credentials = credentialsOf(connection);
-    if (!credentials) {
-        return std::unexpected(credentials.error());
+std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
+    ucred caller{};
+    socklen_t size = sizeof caller;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &caller, &size) != 0) {
+        return std::unexpected(failed("its credentials cannot be read", errno));
     }
-    const auto pidfd = pidfdOf(connection);
-    if (!pidfd) {
-        return std::unexpected(pidfd.error());
+    // Of a process in another PID namespace, which is not below this one, there is no number.
+    if (caller.pid <= 0) {
+        return std::unexpected("its credentials cannot be read");
+    }
+    Descriptor pidfd;
+    if (auto problem = problemOfPidfd(connection, pidfd)) {
+        return std::unexpected(*std::move(problem));
     }
     // The file itself, by a link that leads to it without any path being walked. Held from here on,
     // with its mount, so that it stays the same one whatever the process becomes meanwhile.
-    const Descriptor running(open(fileOf(credentials->pid, "exe").c_str(), O_PATH | O_CLOEXEC));
+    const Descriptor running(open(fileOf(caller.pid, "exe").c_str(), O_PATH | O_CLOEXEC));
     if (!running.isOpen()) {
         return std::unexpected(failed("its executable cannot be read", errno));
     }
-    const auto status = statusOf(running);
-    if (!status) {
-        return std::unexpected(status.error());
+    struct statx status{};
+    // AT_STATX_DONT_SYNC: without asking the file's own, possibly stalling, server.
+    if (statx(running.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID,
+              &status) != 0) {
+        return std::unexpected(failed("its executable cannot be examined", errno));
+    }
+    if (auto problem = problemOfMount(status)) {
+        return std::unexpected(*std::move(problem));
     }
     const auto executable = targetOf("/proc/self/fd/" + std::to_string(running.get()));
     if (!executable) {
-        return std::unexpected(failed("the path of its executable cannot be read", errno));
-    }
-    if (executable->ends_with(deletedMark)) {
         return std::unexpected(
-            withoutFile(executable->substr(0, executable->size() - deletedMark.size())));
+            failed("the path of its executable cannot be read", executable.error()));
     }
-    struct stat file{};
-    auto problem = problemOfFile(*executable, *status, file);
-    if (!problem && privateGroup(file) != credentials->gid) {
-        problem = "it does not run with the private group of " + *executable;
+    // What the kernel writes behind the path of a file that is no longer there; proc_pid_exe(5).
+    constexpr std::string_view deletedMark = " (deleted)";
+    if (executable->ends_with(deletedMark)) {
+        const std::string path = executable->substr(0, executable->size() - deletedMark.size());
+        return std::unexpected(
+            !RootOwnedPath::examine(path) && !problemOfBundle(path)
+                ? "the app was replaced since it started; quit it and start it anew"
+                : "its executable was replaced or removed since it started");
     }
-    if (!problem) {
-        problem = problemOfGroup(connection, *credentials, *executable);
+    Problem problem;
+    const auto isNone = [&problem](Problem found) {
+        problem = std::move(found);
+        return !problem;
+    };
+    if (isNone(problemOfFile(*executable, status, caller.gid)) &&
+        isNone(groups_.problem(caller.gid)) &&
+        isNone(problemOfGroup(connection, caller, *executable)) &&
+        isNone(problemOfBundle(*executable)) && isNone(problemOfLife(pidfd))) {
+        return HelperPeer::ofProcess(caller.uid, *executable);
     }
-    if (!problem) {
-        problem = problemOfBundle(*executable);
-    }
-    if (!problem && pidfd->isOpen() && !isAlive(*pidfd)) {
-        problem = "it ended meanwhile";
-    }
-    if (problem) {
-        return std::unexpected(*std::move(problem));
-    }
-    return Caller{credentials->uid, *executable};
+    return std::unexpected(*std::move(problem));
 }
 
-// What keeps the caller's effective group from being one that it has from `executable` alone.
-std::optional<std::string> CallerRules::problemOfGroup(int connection, const ucred& credentials,
-                                                       const std::string& executable) {
-    const gid_t group = credentials.gid;
-    if (auto problem = groups_.problem(group)) {
-        return problem;
-    }
-    const auto others = peerGroups(connection);
-    const auto real = others ? realGroupOf(credentials.pid) : std::nullopt;
-    if (!real) {
-        return failed("its groups cannot be read", errno);
-    }
-    if (*real == group || std::ranges::find(*others, group) != others->end()) {
-        return "it has the private group of " + executable + " by itself";
-    }
-    return std::nullopt;
-}
-
-// Of a caller whose executable is no longer at `path`.
-std::string CallerRules::withoutFile(const std::string& path) {
-    return !RootOwnedPath::examine(path) && !problemOfBundle(path)
-               ? "the app was replaced since it started; quit it and start it anew"
-               : "its executable was replaced or removed since it started";
-}
-
-// What keeps `executable` from lying in a bundle of the app.
+// What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
 std::optional<std::string> CallerRules::problemOfBundle(const std::string& executable) {
+    const std::string isOther = executable + " is not in a bundle of this app and team";
+    const std::string cannotBeRead = "its Info.plist cannot be read";
     const auto path = AppLocation::bundlePath(executable);
-    const auto found = path ? identityIn(Bundle(*path).infoPath())
-                            : std::expected<std::optional<HelperIdentity>, int>(std::nullopt);
-    if (!found) {
-        return failed("its Info.plist cannot be read", found.error());
+    if (!path) {
+        return isOther;
     }
-    return *found == identity_
-               ? std::nullopt
-               : std::optional(executable + " is not in a bundle of this app and team");
-}
-
-// The app's identity as the Info.plist declares it, if that is root's alone. The errno when that
-// cannot be told; nothing also when there is none.
-std::expected<std::optional<HelperIdentity>, int> CallerRules::identityIn(
-    const std::string& infoPath) {
+    const std::string infoPath = Bundle(*path).infoPath();
     if (const auto problem = RootOwnedPath::examine(infoPath)) {
-        const bool isMissing = problem->failure == ENOENT || problem->failure == ENOTDIR;
-        if (problem->failure != 0 && !isMissing) {
-            return std::unexpected(problem->failure);
-        }
-        return std::nullopt;
+        const int code = problem->failure;
+        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
+                                                              : failed(cannotBeRead, code);
     }
     const auto file = FileStamp::of(infoPath.c_str());
-    const auto known = file ? std::ranges::find(infos_, *file, &Info::file) : infos_.end();
-    if (known != infos_.end()) {
-        return known->identity;
-    }
-    const auto info = readInfoFile(infoPath);
-    if (!info) {
-        return std::unexpected(info.error().code);
-    }
-    auto identity = HelperIdentity::ofBundle(*info);
-    if (file && file->isSettled()) {
-        if (infos_.size() < infosKept) {
-            infos_.push_back({*file, identity});
-        } else {
-            infos_[oldestInfo_++ % infosKept] = {*file, identity};
+    if (!file || file != info_) {
+        const auto info = readInfoFile(infoPath);
+        if (!info) {
+            return failed(cannotBeRead, info.error().code);
         }
+        info_ = file && file->isSettled() ? file : std::nullopt;
+        infoIdentity_ = HelperIdentity::ofBundle(*info);
     }
-    return identity;
+    return infoIdentity_ == identity_ ? std::nullopt : std::optional(isOther);
 }
 
 }  // namespace halvo

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sysexits.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <utility>
 
 #include "HalvoHelper/HelperService.hpp"
@@ -33,15 +33,13 @@
 namespace halvo {
 namespace {
 
-// sysexits.h: somebody must put the machine in order; and: try again later.
-constexpr int exitConfig = 78;
-constexpr int exitSystem = 71;
-
-std::unexpected<ListenerFailure> failure(int status, const std::string& message) {
-    return std::unexpected(ListenerFailure{status, message});
+// Says why there can be no listener, and ends the process; sysexits.h.
+[[noreturn]] void fail(int status, const std::string& message) {
+    HALVO_LOG_ERROR(helperLog, "%{public}s", message.c_str());
+    std::exit(status);
 }
 
-// Whoever is let in goes before who asks to be, or strangers without end would keep the app from
+// Admitted connections outrank accept(), or callers without end would keep the app from
 // authenticating: sd-bus arms its timer anew at each turn of the loop, and among equals the source
 // that has waited longest goes first. sd_event_source_set_priority(3).
 constexpr std::int64_t incomingPriority = SD_EVENT_PRIORITY_NORMAL + 10;
@@ -94,25 +92,17 @@ class SocketListener final : public HelperListener {
             refusals_.refused(now, "too many connections are open");
             return;
         }
-        const auto caller = rules_->check(socket.get());
+        auto caller = rules_->check(socket.get());
+        const auto isTheirs = [&](const auto& item) { return item.second->uid() == caller->uid; };
         if (!caller) {
             refusals_.refused(now, caller.error());
-            return;
-        }
-        if (connectionsOf(caller->uid) >= Limits::connectionsOfUser) {
+        } else if (std::cmp_greater_equal(std::ranges::count_if(connections_, isTheirs),
+                                          Limits::connectionsOfUser)) {
             refusals_.refused(
                 now, "too many connections of user " + std::to_string(caller->uid) + " are open");
-            return;
-        }
-        if (!admit(std::move(socket), *caller)) {
+        } else if (!admit(std::move(socket), *std::move(caller))) {
             refusals_.refused(now, "what it sent is not D-Bus, or memory or descriptors ran out");
         }
-    }
-
-    [[nodiscard]] std::size_t connectionsOf(std::uint32_t uid) const {
-        return static_cast<std::size_t>(std::ranges::count_if(
-            connections_,
-            [uid](const auto& item) { return item.second->requests().peer().uid == uid; }));
     }
 
     // What keeps us from accepting anybody (no descriptor or memory left, a security module that
@@ -126,18 +116,17 @@ class SocketListener final : public HelperListener {
             return;
         }
         HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", errorText(code).c_str());
-        constexpr std::uint64_t oneSecond = 1000000;
         sd_event_source_set_enabled(incoming_, SD_EVENT_OFF);
-        sd_event_source_set_time_relative(retry_, oneSecond);
+        sd_event_source_set_time_relative(retry_, 1'000'000);  // microseconds
         sd_event_source_set_enabled(retry_, SD_EVENT_ONESHOT);
     }
 
-    bool admit(Descriptor socket, const Caller& caller) {
+    bool admit(Descriptor socket, HelperPeer caller) {
         const std::uint64_t id = nextID_++;
+        const std::uint32_t uid = caller.uid;
         auto connection = std::make_unique<BusConnection>(
-            HelperConnection(HelperPeer::ofProcess(caller.uid, caller.executable),
-                             service_->engine()),
-            [this, id] { forget(id); }, [this, id, uid = caller.uid] { outdateOthers(id, uid); });
+            HelperConnection(std::move(caller), service_->engine()), [this, id] { forget(id); },
+            [this, id, uid] { outdateOthers(id, uid); });
         if (!connection->start(std::move(socket))) {
             return false;
         }
@@ -150,7 +139,7 @@ class SocketListener final : public HelperListener {
     // something else.
     void outdateOthers(std::uint64_t id, std::uint32_t person) {
         for (const auto& [other, connection] : connections_) {
-            if (other != id && connection->requests().peer().uid == person) {
+            if (other != id && connection->uid() == person) {
                 connection->outdate();
             }
         }
@@ -174,76 +163,46 @@ class SocketListener final : public HelperListener {
     std::map<std::uint64_t, std::unique_ptr<BusConnection>> connections_;
 };
 
-// Whether systemd started this very process, and not one above it; systemd.exec(5).
-bool isStartedBySystemd() {
-    const char* process = std::getenv("SYSTEMD_EXEC_PID");
-    return process != nullptr && process == std::to_string(getpid());
-}
-
 // The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it was not
 // systemd that started the helper. In the unit's sandbox it could make none itself.
-std::expected<Descriptor, ListenerFailure> socketFromSystemd(const std::string& name) {
+Descriptor socketFromSystemd(const std::string& name) {
     const int count = sd_listen_fds(/*unset_environment=*/1);
-    if (count == 0 && isStartedBySystemd()) {
-        return failure(exitConfig,
-                       "systemd handed over no socket: systemctl restart " + name + ".socket");
-    }
     if (count == 0) {
-        return Descriptor{};
+        // Whether systemd started this very process, and not one above it; systemd.exec(5).
+        const char* process = std::getenv("SYSTEMD_EXEC_PID");
+        if (process != nullptr && process == std::to_string(getpid())) {
+            fail(EX_CONFIG, "systemd handed over no socket: systemctl restart " + name + ".socket");
+        }
+        return {};
     }
     const int socket = SD_LISTEN_FDS_START;
     if (count != 1 || sd_is_socket_unix(socket, SOCK_STREAM, -1, nullptr, 0) <= 0 ||
         fcntl(socket, F_SETFL, O_NONBLOCK) != 0) {
-        return failure(exitConfig, "systemd must hand over exactly one Unix stream socket");
+        fail(EX_CONFIG, "systemd must hand over exactly one Unix stream socket");
     }
     return Descriptor(socket);
 }
 
-// Makes sure that no other helper serves `path`, for as long as the result is open. A file of its
-// own, because the socket's own file is no help: it outlives a helper that was killed.
-std::expected<Descriptor, ListenerFailure> takeLock(const std::string& path) {
-    auto lock = takeLockFile(path);
-    if (lock) {
-        return std::move(*lock);
-    }
-    if (lock.error().code == EWOULDBLOCK) {
-        return failure(exitSystem, "Another helper already runs: it holds " + path);
-    }
-    return failure(exitSystem, "Couldn't open " + lock.error().message);
-}
-
 // Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;
 // who is served is decided then.
-std::expected<Descriptor, ListenerFailure> bindSocket(const std::string& path) {
+Descriptor bindSocket(const std::string& path) {
     const auto address = socketAddress(path);
     if (!address) {
-        return failure(exitConfig, "The app's identifier is too long for a socket: " + path);
+        fail(EX_CONFIG, "The app's identifier is too long for a socket: " + path);
     }
     struct stat status{};
     if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
-        return failure(exitConfig, "Something that is no socket lies at " + path +
-                                       "; remove it and start the helper again");
+        fail(EX_CONFIG, "Something that is no socket lies at " + path +
+                            "; remove it and start the helper again");
     }
     unlink(path.c_str());
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     constexpr mode_t everybody = 0666;
     if (!socket.isOpen() || bind(socket.get(), generic(*address), sizeof *address) != 0 ||
         chmod(path.c_str(), everybody) != 0) {
-        return failure(exitSystem, "Couldn't make the socket " + path + ": " + errorText(errno));
+        fail(EX_OSERR, "Couldn't make the socket " + path + ": " + errorText(errno));
     }
     return socket;
-}
-
-// The helper ends by exit(3) wherever it is, so what it leaves in /run is taken away there.
-void removeAtExit(const std::string& socket, const std::string& lock) {
-    static std::string socketPath;
-    static std::string lockPath;
-    socketPath = socket;
-    lockPath = lock;
-    std::atexit([] {
-        unlink(socketPath.c_str());
-        unlink(lockPath.c_str());
-    });
 }
 
 }  // namespace
@@ -252,27 +211,28 @@ std::optional<std::string> startAdvice(const std::string& executable) {
     return "Here systemd starts it, when the app calls; to start it by hand: sudo " + executable;
 }
 
-std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
-    const std::string& name) {
-    auto handed = socketFromSystemd(name);
-    if (!handed) {
-        return std::unexpected(handed.error());
+std::unique_ptr<HelperListener> makeListener(const std::string& name) {
+    Descriptor handedOver = socketFromSystemd(name);
+    if (handedOver.isOpen()) {
+        return std::make_unique<SocketListener>(std::move(handedOver), Descriptor{});
     }
-    if (handed->isOpen()) {
-        return std::make_unique<SocketListener>(*std::move(handed), Descriptor{});
-    }
-    const std::string path = HelperBus::socketPath(name);
-    const std::string lockPath = path + ".lock";
-    auto lock = takeLock(lockPath);
+    static const std::string path = HelperBus::socketPath(name);
+    // A file of its own, because the socket's own file is no help: it outlives a helper that was
+    // killed.
+    static const std::string lockPath = path + ".lock";
+    auto lock = takeLockFile(lockPath);
     if (!lock) {
-        return std::unexpected(lock.error());
+        fail(EX_OSERR, lock.error().code == EWOULDBLOCK
+                           ? "Another helper already runs: it holds " + lockPath
+                           : "Couldn't open " + lock.error().message);
     }
-    auto socket = bindSocket(path);
-    if (!socket) {
-        return std::unexpected(socket.error());
-    }
-    removeAtExit(path, lockPath);
-    return std::make_unique<SocketListener>(*std::move(socket), *std::move(lock));
+    Descriptor socket = bindSocket(path);
+    // The helper ends by exit(3) wherever it is, so what it leaves in /run is taken away there.
+    std::atexit([] {
+        unlink(path.c_str());
+        unlink(lockPath.c_str());
+    });
+    return std::make_unique<SocketListener>(std::move(socket), *std::move(lock));
 }
 
 }  // namespace halvo

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <systemd/sd-event.h>
@@ -12,23 +11,20 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <expected>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
-#include "HalvoHelper/HelperListener.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
+#include "HalvoHelper/Linux/RefusalLog.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
@@ -53,9 +49,6 @@ const std::string name = "com.example.app.helper";
 const std::string socketPath = "/run/com.example.app.helper.sock";
 const std::string lockPath = socketPath + ".lock";
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-
-constexpr int exitConfig = 78;
-constexpr int exitSystem = 71;
 
 // Serves the main thread's event loop until `condition` holds, for 20 s at most. Whether it came to
 // hold.
@@ -97,11 +90,6 @@ void bindTo(const std::string& path, int socket) {
     EXPECT_EQ(bind(socket, generic(address), sizeof address), 0);
 }
 
-void leaveAStaleSocket() {
-    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    bindTo(socketPath, socket.get());
-}
-
 // Everything in a child process: a listener is removed when its process exits, and the event loop
 // belongs to the process.
 void inChild(const std::function<void()>& body) {
@@ -117,92 +105,60 @@ class HelperListenerPrivateMachineTest : public PrivateMachineTest {
     }
 };
 
-// ------------------------------------------------------------------------------- a place to listen
+// Expects that there is no listener after `prepare`, but an end of the process.
+void expectNone(const std::function<void()>& prepare, int status, const std::string& message) {
+    const ChildResult result = runInChild([&prepare] {
+        prepare();
+        makeListener(name);
+    });
+    EXPECT_EQ(result.status, status);
+    EXPECT_THAT(result.output, HasSubstr("error: " + message + "\n"));
+}
 
-TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReach) {
+TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilItsProcessExits) {
     inChild([] {
         umask(077);
         const auto listener = makeListener(name);
-        ASSERT_TRUE(listener) << listener.error().message;
         EXPECT_EQ(modeOf(socketPath), S_IFSOCK | 0666U);
         EXPECT_EQ(modeOf(lockPath), S_IFREG | 0600U);
         EXPECT_EQ(tryToConnect(socketPath), ECONNREFUSED) << "it serves before its time";
     });
-}
-
-TEST_F(HelperListenerPrivateMachineTest, LeavesNothingWhenItsProcessExits) {
-    inChild([] { ASSERT_TRUE(makeListener(name)); });
     EXPECT_FALSE(fs::exists(socketPath));
     EXPECT_FALSE(fs::exists(lockPath));
 }
 
-TEST_F(HelperListenerPrivateMachineTest, TakesThePlaceOfAHelperThatWasKilled) {
-    TestProcess killed([] {
-        const auto listener = makeListener(name);
-        ASSERT_TRUE(listener);
-        std::puts("made");
-        std::fflush(stdout);
-        pause();
-    });
-    ASSERT_EQ(killed.readLine(), "made");
-    killed.send(SIGKILL);
-    killed.wait();
-    ASSERT_TRUE(fs::exists(socketPath));
-    ASSERT_TRUE(fs::exists(lockPath));
-    inChild([] {
-        const auto listener = makeListener(name);
-        EXPECT_TRUE(listener) << listener.error().message;
-    });
-}
-
-TEST_F(HelperListenerPrivateMachineTest, TakesThePlaceOfAStaleSocket) {
-    leaveAStaleSocket();
-    inChild([] {
-        const auto listener = makeListener(name);
-        EXPECT_TRUE(listener) << listener.error().message;
-    });
-}
-
-TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsName) {
+TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsNameAndTakesThePlaceOfOneThatWasKilled) {
     TestProcess first([] {
         const auto listener = makeListener(name);
-        ASSERT_TRUE(listener);
         std::puts("made");
         std::fflush(stdout);
         pause();
     });
     ASSERT_EQ(first.readLine(), "made");
-    inChild([] {
-        const auto second = makeListener(name);
-        ASSERT_FALSE(second);
-        EXPECT_EQ(second.error().exitStatus, exitSystem);
-        EXPECT_EQ(second.error().message, "Another helper already runs: it holds " + lockPath);
-        // Of another app there may be one.
-        EXPECT_TRUE(makeListener("com.example.other.helper"));
-    });
+    expectNone([] {}, 71, "Another helper already runs: it holds " + lockPath);
+    inChild([] { EXPECT_TRUE(makeListener("com.example.other.helper")); });
+    first.kill();
     EXPECT_TRUE(fs::exists(socketPath)) << "the second one took the first one's";
     EXPECT_TRUE(fs::exists(lockPath));
+    inChild([] { EXPECT_TRUE(makeListener(name)); });
+    bindTo(socketPath, Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get());
+    inChild([] { EXPECT_TRUE(makeListener(name)) << "in the place of a stale socket"; });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
-    const std::pair<const char*, std::function<void()>> items[] = {
-        {"a file", [] { replaceTestFile(socketPath, "kept"); }},
-        {"a folder", [] { fs::create_directory(socketPath); }},
-        {"a link", [] { fs::create_symlink("/run/elsewhere", socketPath); }},
-        {"a pipe", [] { ASSERT_EQ(mkfifo(socketPath.c_str(), 0600), 0); }},
+    const std::function<void()> items[] = {
+        [] { replaceTestFile(socketPath, "kept"); },
+        [] { fs::create_directory(socketPath); },
+        [] { fs::create_symlink("/run/elsewhere", socketPath); },
+        [] { ASSERT_EQ(mkfifo(socketPath.c_str(), 0600), 0); },
     };
-    for (const auto& [what, make] : items) {
+    for (const auto& make : items) {
         make();
         const mode_t before = modeOf(socketPath);
-        inChild([&] {
-            const auto listener = makeListener(name);
-            ASSERT_FALSE(listener) << what;
-            EXPECT_EQ(listener.error().exitStatus, exitConfig);
-            EXPECT_EQ(listener.error().message, "Something that is no socket lies at " +
-                                                    socketPath +
-                                                    "; remove it and start the helper again");
-        });
-        EXPECT_EQ(modeOf(socketPath), before) << what;
+        expectNone([] {}, 78,
+                   "Something that is no socket lies at " + socketPath +
+                       "; remove it and start the helper again");
+        EXPECT_EQ(modeOf(socketPath), before);
         fs::remove(socketPath);
     }
 }
@@ -210,79 +166,47 @@ TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
 TEST_F(HelperListenerPrivateMachineTest, RefusesANameThatIsTooLong) {
     // sockaddr_un has room for 107 characters and a zero byte.
     const std::string longest(107 - std::string("/run/.sock").size(), 'x');
-    inChild([&] {
-        const auto listener = makeListener(longest);
-        EXPECT_TRUE(listener) << listener.error().message;
-    });
-    inChild([&] {
-        const auto listener = makeListener(longest + "x");
-        ASSERT_FALSE(listener);
-        EXPECT_EQ(listener.error().exitStatus, exitConfig);
-        EXPECT_EQ(listener.error().message,
-                  "The app's identifier is too long for a socket: /run/" + longest + "x.sock");
-    });
+    inChild([&] { EXPECT_TRUE(makeListener(longest)); });
+    expectNone([&] { makeListener(longest + "x"); }, 78,
+               "The app's identifier is too long for a socket: /run/" + longest + "x.sock");
     fs::remove("/run/" + longest + "x.sock.lock");
 }
 
-// One that ends takes the file away that the next one has opened already.
+// One that ends takes the file away that the next one has opened already; and another one may have
+// put its own in the place meanwhile.
 TEST_F(HelperListenerPrivateMachineTest, HoldsAFileThatIsStillThere) {
     inChild([] {
-        std::optional<std::expected<std::unique_ptr<HelperListener>, ListenerFailure>> listener;
+        std::unique_ptr<HelperListener> listener;
         {
             const BeforeNext end(BeforeNext::Call::flock, [] { fs::remove(lockPath); });
             listener = makeListener(name);
         }
-        ASSERT_TRUE(*listener);
         EXPECT_EQ(modeOf(lockPath), S_IFREG | 0600U);
         const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CLOEXEC));
         EXPECT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), -1) << "another helper could hold it";
     });
+    std::optional<BeforeNext> change;
+    expectNone(
+        [&change] {
+            change.emplace(BeforeNext::Call::flock, [] {
+                fs::remove(lockPath);
+                // Held until this process ends.
+                const int file = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+                ASSERT_EQ(flock(file, LOCK_EX | LOCK_NB), 0);
+            });
+        },
+        71, "Another helper already runs: it holds " + lockPath);
 }
 
-// And another one may have put its own in the place meanwhile.
-TEST_F(HelperListenerPrivateMachineTest, DoesNotHoldAFileBesidesThatOfAnother) {
-    inChild([] {
-        const BeforeNext change(BeforeNext::Call::flock, [] {
-            fs::remove(lockPath);
-            // Held until this process ends.
-            const int file = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-            ASSERT_EQ(flock(file, LOCK_EX | LOCK_NB), 0);
-        });
-        const auto listener = makeListener(name);
-        ASSERT_FALSE(listener);
-        EXPECT_EQ(listener.error().exitStatus, exitSystem);
-        EXPECT_THAT(listener.error().message, StartsWith("Another helper already runs"));
-    });
-}
-
-TEST_F(HelperListenerPrivateMachineTest, DoesNotFollowALinkInThePlaceOfItsLock) {
+TEST_F(HelperListenerPrivateMachineTest, SaysWhatItCannotMake) {
     fs::create_symlink("/run/elsewhere", lockPath);
-    inChild([] {
-        const auto listener = makeListener(name);
-        ASSERT_FALSE(listener);
-        EXPECT_EQ(listener.error().exitStatus, exitSystem);
-        EXPECT_EQ(listener.error().message,
-                  "Couldn't open " + lockPath + ": Too many levels of symbolic links");
-    });
+    expectNone([] {}, 71, "Couldn't open " + lockPath + ": Too many levels of symbolic links");
     EXPECT_FALSE(fs::exists("/run/elsewhere"));
+    fs::remove(lockPath);
+    std::optional<FewDescriptors> forTheLockOnly;
+    expectNone([&] { forTheLockOnly.emplace(1); }, 71,
+               "Couldn't make the socket " + socketPath + ": Too many open files");
 }
-
-TEST_F(HelperListenerPrivateMachineTest, SaysThatTheSystemHasNothingLeft) {
-    inChild([] {
-        std::optional<ListenerFailure> failure;
-        {
-            const FewDescriptors forTheLockOnly(1);
-            const auto listener = makeListener(name);
-            failure = listener ? std::nullopt : std::optional(listener.error());
-        }
-        ASSERT_TRUE(failure);
-        EXPECT_EQ(failure->exitStatus, exitSystem);
-        EXPECT_EQ(failure->message,
-                  "Couldn't make the socket " + socketPath + ": Too many open files");
-    });
-}
-
-// ------------------------------------------------------------------------------------ from systemd
 
 // Hands these descriptors over as systemd does, to process `pid`.
 void handOver(const std::vector<int>& descriptors, pid_t pid) {
@@ -310,8 +234,7 @@ int boundSocket() {
 TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
     inChild([] {
         handOver({boundSocket()}, getpid());
-        const auto listener = makeListener(name);
-        ASSERT_TRUE(listener) << listener.error().message;
+        EXPECT_TRUE(makeListener(name));
         EXPECT_FALSE(fs::exists(lockPath)) << "systemd starts only one";
         EXPECT_EQ(std::getenv("LISTEN_FDS"), nullptr) << "children would believe it";
         EXPECT_NE(fcntl(3, F_GETFL) & O_NONBLOCK, 0);
@@ -320,68 +243,42 @@ TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
     EXPECT_TRUE(fs::exists(socketPath)) << "it is systemd's to remove";
 }
 
+// A shell that systemd started, say, has its variables too.
 TEST_F(HelperListenerPrivateMachineTest, TakesNoSocketThatIsForAnotherProcess) {
     inChild([] {
         handOver({newSocket(AF_UNIX, SOCK_STREAM)}, getpid() + 1);
-        ASSERT_TRUE(makeListener(name));
+        ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
+        EXPECT_TRUE(makeListener(name));
         EXPECT_TRUE(fs::is_socket(socketPath));
         EXPECT_TRUE(fs::exists(lockPath));
     });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, RefusesWhatSystemdMustNotHandOver) {
-    const std::pair<const char*, std::function<std::vector<int>()>> rows[] = {
-        {"two",
-         [] {
-             return std::vector{newSocket(AF_UNIX, SOCK_STREAM), newSocket(AF_UNIX, SOCK_STREAM)};
-         }},
-        {"datagrams", [] { return std::vector{newSocket(AF_UNIX, SOCK_DGRAM)}; }},
-        {"packets", [] { return std::vector{newSocket(AF_UNIX, SOCK_SEQPACKET)}; }},
-        {"the network", [] { return std::vector{newSocket(AF_INET, SOCK_STREAM)}; }},
-        {"no socket", [] { return std::vector{open("/dev/null", O_RDWR)}; }},
+    const std::function<std::vector<int>()> rows[] = {
+        [] {
+            return std::vector{newSocket(AF_UNIX, SOCK_STREAM), newSocket(AF_UNIX, SOCK_STREAM)};
+        },
+        [] { return std::vector{newSocket(AF_UNIX, SOCK_DGRAM)}; },
+        [] { return std::vector{newSocket(AF_UNIX, SOCK_SEQPACKET)}; },
+        [] { return std::vector{newSocket(AF_INET, SOCK_STREAM)}; },
+        [] { return std::vector{open("/dev/null", O_RDWR)}; },
     };
-    for (const auto& [what, make] : rows) {
-        inChild([&] {
-            handOver(make(), getpid());
-            const auto listener = makeListener(name);
-            ASSERT_FALSE(listener) << what;
-            EXPECT_EQ(listener.error().exitStatus, exitConfig);
-            EXPECT_EQ(listener.error().message,
-                      "systemd must hand over exactly one Unix stream socket");
-        });
-        EXPECT_FALSE(fs::exists(socketPath)) << what;
+    const std::string message = "systemd must hand over exactly one Unix stream socket";
+    for (const auto& make : rows) {
+        expectNone([&] { handOver(make(), getpid()); }, 78, message);
     }
+    expectNone(
+        [] {
+            handOver({}, getpid());
+            ASSERT_EQ(setenv("LISTEN_FDS", "nonsense", 1), 0);
+        },
+        78, message);
+    expectNone(
+        [] { ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1), 0); }, 78,
+        "systemd handed over no socket: systemctl restart " + name + ".socket");
+    EXPECT_FALSE(fs::exists(socketPath));
 }
-
-TEST_F(HelperListenerPrivateMachineTest, MakesNoSocketInTheStartedUnit) {
-    inChild([] {
-        ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1), 0);
-        const auto listener = makeListener(name);
-        ASSERT_FALSE(listener);
-        EXPECT_EQ(listener.error().exitStatus, exitConfig);
-        EXPECT_EQ(listener.error().message, "systemd handed over no socket: systemctl restart " +
-                                                std::string(name) + ".socket");
-        EXPECT_FALSE(fs::exists(socketPath));
-    });
-    // A shell that systemd started, say.
-    inChild([] {
-        ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
-        EXPECT_TRUE(makeListener(name));
-        EXPECT_TRUE(fs::exists(socketPath));
-    });
-}
-
-TEST_F(HelperListenerPrivateMachineTest, RefusesDescriptorsThatAreNotThere) {
-    inChild([] {
-        ASSERT_EQ(setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1), 0);
-        ASSERT_EQ(setenv("LISTEN_FDS", "nonsense", 1), 0);
-        const auto listener = makeListener(name);
-        ASSERT_FALSE(listener);
-        EXPECT_EQ(listener.error().exitStatus, exitConfig);
-    });
-}
-
-// ------------------------------------------------------------------------------------- its callers
 
 // A listener that serves, on a simulated world.
 struct Service {
@@ -389,7 +286,7 @@ struct Service {
 
     LogCapture log;
     SimulatedWorld world;
-    std::unique_ptr<HelperListener> listener = makeListener(name).value();
+    std::unique_ptr<HelperListener> listener = makeListener(name);
     HelperService helper{identity,
                          {world.clock, world.flags, world.store, world.session, world.opener},
                          *listener,
@@ -409,14 +306,14 @@ class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachi
         fs::remove_all("/Applications/Sample.app");
     }
 
-    // A process of the app.
+    // A process of the app, or of another program.
     [[nodiscard]] std::unique_ptr<TestProcess> start(const std::vector<std::string>& words) const {
-        return start(app->executable(), words);
+        return startAs(user, app->executable(), words);
     }
 
-    [[nodiscard]] std::unique_ptr<TestProcess> start(const std::string& program,
-                                                     const std::vector<std::string>& words) const {
-        return startAs(user, program, words);
+    // One that asks for the status.
+    [[nodiscard]] std::unique_ptr<TestProcess> startAsking() const {
+        return start({"ask", socketPath, "status"});
     }
 
     [[nodiscard]] static std::unique_ptr<TestProcess> startAs(
@@ -452,8 +349,12 @@ void serving(const std::function<void(Service&)>& body) {
     });
 }
 
+constexpr const char* idle = "idle without end unlocked";
+const auto isServed = ElementsAre(idle);
+const auto isTurnedAway = ElementsAre(::testing::Not(HasSubstr("idle")));
+
 // Serves until the caller has said as many lines.
-std::vector<std::string> answersTo(TestProcess& caller, std::size_t count) {
+std::vector<std::string> answersTo(TestProcess& caller, std::size_t count = 1) {
     std::vector<std::string> lines;
     EXPECT_TRUE(serveUntil([&] {
         while (lines.size() < count && caller.hasLine()) {
@@ -506,10 +407,10 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheAppOnTheSocketOfSystemd)
         ASSERT_EQ(listen(socket, 1), 0);
         handOver({socket}, getpid());
         close(socket);
-        const auto caller = start({"ask", socketPath, "status"});
+        const auto caller = startAsking();
         Service service;
         service.serve();
-        EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
+        EXPECT_THAT(answersTo(*caller), isServed);
     });
 }
 
@@ -527,34 +428,21 @@ TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheAppsItServesApart) {
     });
 }
 
-TEST_F(HelperListenerCallerPrivateMachineTest, TurnsStrangersAwayAndSaysWhy) {
+TEST_F(HelperListenerCallerPrivateMachineTest, TurnsStrangersAwayAndSaysWhyBoundedly) {
     serving([this](Service& service) {
-        const auto stranger = start(HALVO_TEST_APP, {"ask", socketPath, "status"});
-        const auto lines = answersTo(*stranger, 1);
-        EXPECT_THAT(lines, ElementsAre(::testing::Not(HasSubstr("idle"))));
-        EXPECT_EQ(service.log.errors().size(), 1U);
+        const auto stranger = startAs(user, HALVO_TEST_APP, {"ask", socketPath, "status"});
+        EXPECT_THAT(answersTo(*stranger), isTurnedAway);
         EXPECT_THAT(service.log.errors(), ElementsAre(StartsWith("Refused a caller: ")));
-        serveWhatComes();
-        EXPECT_EQ(service.helper.connections(), 0);
-    });
-}
-
-TEST_F(HelperListenerCallerPrivateMachineTest, ReadsNothingOfAStranger) {
-    serving([](Service&) {
+        // What another sent is lost with the connection, which is more than an end of it: unix(7).
         const auto address = socketAddress(socketPath).value();
-        const Descriptor stranger(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(connect(stranger.get(), generic(address), sizeof address), 0);
-        ASSERT_EQ(send(stranger.get(), "hello", 5, MSG_NOSIGNAL), 5);
+        const Descriptor silent(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(connect(silent.get(), generic(address), sizeof address), 0);
+        ASSERT_EQ(send(silent.get(), "hello", 5, MSG_NOSIGNAL), 5);
         serveWhatComes();
-        // What was sent is lost with the connection, which is more than an end of it: unix(7).
         char byte = 0;
-        EXPECT_EQ(read(stranger.get(), &byte, 1), -1);
+        EXPECT_EQ(read(silent.get(), &byte, 1), -1);
         EXPECT_EQ(errno, ECONNRESET);
-    });
-}
-
-TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
-    serving([](Service& service) {
+        EXPECT_EQ(service.helper.connections(), 0);
         for (int i = 0; i < 30; ++i) {
             EXPECT_EQ(tryToConnect(socketPath), 0);
         }
@@ -563,44 +451,26 @@ TEST_F(HelperListenerCallerPrivateMachineTest, BoundsWhatItSaysOfStrangers) {
     });
 }
 
-TEST_F(HelperListenerCallerPrivateMachineTest, LetsOneConnectionEndWithoutTheOthers) {
-    serving([this](Service& service) {
-        const auto first = start({"ask", socketPath, "status"});
-        answersTo(*first, 1);
-        const auto second = start({"ask", socketPath, "status"});
-        answersTo(*second, 1);
-        EXPECT_EQ(service.helper.connections(), 2);
-        first->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 1; }));
-        serveWhatComes();
-        EXPECT_EQ(service.helper.connections(), 1);
-        second->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 0; }));
-    });
-}
-
 TEST_F(HelperListenerCallerPrivateMachineTest, HasRoomForSoManyConnections) {
     serving([this](Service& service) {
         constexpr int most = static_cast<int>(Limits::connections);
         const auto many = startCrowd();
         EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
-        auto last = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*last, 1), ElementsAre("idle without end unlocked"));
-        EXPECT_EQ(service.helper.connections(), most);
-        EXPECT_TRUE(service.log.isEmpty());
-
-        const auto tooMany = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*tooMany, 1), ElementsAre(::testing::Not(HasSubstr("idle"))));
-        EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Refused a caller: too many connections are open"));
-        EXPECT_EQ(service.helper.connections(), most);
-
-        // One goes, one may come.
-        last->send(SIGKILL);
-        EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
-        serveWhatComes();
-        const auto next = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
+        // One goes, one may come; without the others.
+        for (int turn = 0; turn < 2; ++turn) {
+            const auto last = startAsking();
+            EXPECT_THAT(answersTo(*last), isServed);
+            EXPECT_EQ(service.helper.connections(), most);
+            EXPECT_TRUE(service.log.isEmpty());
+            EXPECT_THAT(answersTo(*startAsking()), isTurnedAway);
+            EXPECT_THAT(service.log.errors(),
+                        ElementsAre("Refused a caller: too many connections are open"));
+            EXPECT_EQ(service.helper.connections(), most);
+            service.log.clear();
+            last->send(SIGKILL);
+            EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == most - 1; }));
+            serveWhatComes();
+        }
     });
 }
 
@@ -614,15 +484,13 @@ TEST_F(HelperListenerCallerPrivateMachineTest, HasSoManyPlacesForOneUserAndTheOt
             [&] { return service.log.count(refusal) == std::size_t{Limits::refusalLines}; }));
         EXPECT_EQ(service.helper.connections(), most);
         const auto theirs = startAs(other, app->executable(), {"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*theirs, 1), ElementsAre("idle without end unlocked"));
+        EXPECT_THAT(answersTo(*theirs), isServed);
         EXPECT_EQ(service.helper.connections(), most + 1);
-
         // As many go, as many may come.
         many->send(SIGKILL);
         EXPECT_TRUE(serveUntil([&] { return service.helper.connections() == 1; }));
         serveWhatComes();
-        const auto next = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*next, 1), ElementsAre("idle without end unlocked"));
+        EXPECT_THAT(answersTo(*startAsking()), isServed);
     });
 }
 
@@ -649,18 +517,24 @@ TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGo
 TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAnybody) {
     for (const int code : {EACCES, EPERM, EMFILE}) {
         serving([this, code](Service& service) {
-            const auto caller = start({"ask", socketPath, "status"});
-            {
-                const Fault fault = Fault::failing(SystemCall::accept4, code);
+            const auto caller = startAsking();
+            const auto expectPatience = [&] {
                 EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
+                const std::size_t calls = callsMade(SystemCall::accept4);
+                serveWhatComes();
+                // One more on a machine that is so busy that the second has passed.
+                EXPECT_LE(callsMade(SystemCall::accept4), calls + 1) << code;
+            };
+            if (code == EMFILE) {
+                const FewDescriptors none(0);
+                expectPatience();
+            } else {
+                const Fault fault = Fault::failing(SystemCall::accept4, code);
+                expectPatience();
             }
-            const std::size_t calls = callsMade(SystemCall::accept4);
-            serveWhatComes();
-            // One more on a machine that is so busy that the second has passed.
-            EXPECT_LE(callsMade(SystemCall::accept4), calls + 1) << code;
             EXPECT_THAT(service.log.errors(), ElementsAre("Couldn't accept a caller: " +
                                                           std::generic_category().message(code)));
-            EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
+            EXPECT_THAT(answersTo(*caller), isServed);
         });
     }
 }
@@ -668,55 +542,33 @@ TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAny
 TEST_F(HelperListenerCallerPrivateMachineTest, GoesOnAtOnceWhenOneCallerCannotBeAccepted) {
     serving([this](Service& service) {
         for (const int code : {EAGAIN, EINTR, ECONNABORTED, EPROTO, EHOSTUNREACH}) {
-            const auto caller = start({"ask", socketPath, "status"});
+            const auto caller = startAsking();
             const Fault fault = Fault::failing(SystemCall::accept4, code);
-            EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked")) << code;
+            EXPECT_THAT(answersTo(*caller), isServed) << code;
         }
         EXPECT_TRUE(service.log.isEmpty()) << "it says so when it waits";
     });
 }
 
-TEST_F(HelperListenerCallerPrivateMachineTest, WaitsWhenTheSystemHasNoDescriptorLeft) {
+// What is no authentication may have come before the caller is accepted.
+TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItCannotServe) {
     serving([this](Service& service) {
-        const auto caller = start({"ask", socketPath, "status"});
-        {
-            const FewDescriptors none(0);
+        const auto expectRefusal = [&](const std::vector<std::string>& words) {
+            service.log.clear();
+            const auto caller = start(words);
+            EXPECT_EQ(caller->readLine(), "connected");
             EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
-            // A socket that stays readable would be accepted from, and spoken of, over and over.
-            serveWhatComes();
-        }
-        EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Couldn't accept a caller: Too many open files"));
-        EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
-    });
-}
-
-TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItHasNoMemoryFor) {
-    serving([this](Service& service) {
+            EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
+            EXPECT_THAT(service.log.errors(),
+                        ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
+                                    "descriptors ran out"));
+        };
+        expectRefusal({"connect-say", socketPath, "GET / HTTP/1.1"});
         {
             const Fault once = Fault::returning(SystemCall::sd_bus_start, -ENOMEM);
-            const auto caller = start({"connect", socketPath});
-            EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
+            expectRefusal({"connect", socketPath});
         }
-        EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
-        EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
-                                "descriptors ran out"));
-        const auto caller = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
-    });
-}
-
-// What is no authentication may have come before the caller is accepted.
-TEST_F(HelperListenerCallerPrivateMachineTest, LetsAnAppGoThatTalksNonsense) {
-    serving([this](Service& service) {
-        const auto caller = start({"connect-say", socketPath, "GET / HTTP/1.1"});
-        EXPECT_EQ(caller->readLine(), "connected");
-        EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
-        EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
-        EXPECT_THAT(service.log.errors(),
-                    ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
-                                "descriptors ran out"));
+        EXPECT_THAT(answersTo(*startAsking()), isServed);
     });
 }
 
@@ -742,9 +594,54 @@ TEST_F(HelperListenerCallerPrivateMachineTest, SurvivesACallerWhoIsGoneBeforeItI
         EXPECT_THAT(service.log.errors(),
                     ElementsAre("Refused a caller: its executable cannot be read: No such file or "
                                 "directory"));
-        const auto caller = start({"ask", socketPath, "status"});
-        EXPECT_THAT(answersTo(*caller, 1), ElementsAre("idle without end unlocked"));
+        const auto caller = startAsking();
+        EXPECT_THAT(answersTo(*caller), isServed);
     });
+}
+
+TEST(RefusalLogTest, SaysTenLinesAMinuteAndThenHowManyMoreThereWere) {
+    struct Row {
+        double time;
+        int refused;
+        // The lines that follow, after "Refused 2 more callers" with that number.
+        int more;
+        std::size_t lines;
+    };
+
+    const std::vector<Row> rows[] = {
+        {{1000, 1000, 0, 10}, {1059.999, 1000, 0, 0}, {1060, 1, 1990, 1}, {1120, 1, 0, 1}},
+        {{1000, 10, 0, 10}, {1060, 1, 0, 1}},
+        // The minute begins with its first line.
+        {{1000, 5, 0, 5},
+         {1059, 5, 0, 5},
+         {1059.5, 1, 0, 0},
+         {1060, 9, 1, 9},
+         {1119, 1, 0, 1},
+         {1119.9, 1, 0, 0},
+         {1120, 1, 1, 1}},
+        {{50, 10, 0, 10}, {109, 1, 0, 0}, {110, 1, 1, 1}},
+        {{0, 10, 0, 10}, {59, 1, 0, 0}, {60, 1, 1, 1}},
+        {{5, 10, 0, 10}, {1'000'000, 11, 0, 10}},
+    };
+    // Nothing in it is taken for a format.
+    const std::string why = "it is %d not 50% of the %{public}s app";
+    for (const auto& history : rows) {
+        RefusalLog refusals;
+        for (const Row& row : history) {
+            SCOPED_TRACE(row.time);
+            const LogCapture log;
+            for (int i = 0; i < row.refused; ++i) {
+                refusals.refused(Seconds{row.time}, why);
+            }
+            std::vector<std::string> expected(row.lines, "Refused a caller: " + why);
+            if (row.more > 0) {
+                expected.insert(expected.begin(),
+                                "Refused " + std::to_string(row.more) + " more callers");
+            }
+            EXPECT_EQ(log.errors(), expected);
+            EXPECT_EQ(log.messages().size(), expected.size());
+        }
+    }
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,18 +37,17 @@ class LiveOpenerTest : public ::testing::Test {
         std::filesystem::create_directory(app);
     }
 
-    // Opens the app, and whatever `afterwards` expects of that.
-    void open(bool afterQuit = false, const std::function<void()>& afterwards = {}) const {
-        const ChildResult result = runInChild([&] {
-            LogCapture log;
-            LiveOpener(helper).open(app, 501, afterQuit);
+    // Does `body` where it may open; see above.
+    static void inChild(const std::function<void()>& body) {
+        const ChildResult result = runInChild([&body] {
+            const LogCapture log;
+            body();
             EXPECT_TRUE(log.isEmpty());
-            if (afterwards) {
-                afterwards();
-            }
         });
         EXPECT_EQ(result.status, 0) << result.output;
     }
+
+    void open(bool afterQuit = false) const { LiveOpener(helper).open(app, 501, afterQuit); }
 
     [[nodiscard]] TestReport report() const { return readReport(reportBeside(helper)); }
 
@@ -56,103 +56,63 @@ class LiveOpenerTest : public ::testing::Test {
     const std::string app = disk / "Halvo.app";
 };
 
-TEST_F(LiveOpenerTest, StartsTheHelpersExecutableInItsOtherMode) {
-    open();
-    EXPECT_THAT(report()["argument"], ElementsAre(helper, "--open-as-user", "501", app));
-}
-
-TEST_F(LiveOpenerTest, TellsWhenItIsAfterAQuit) {
-    open(true);
-    EXPECT_THAT(report()["argument"],
-                ElementsAre(helper, "--open-as-user", "501", app, "--after-quit"));
-}
-
-TEST_F(LiveOpenerTest, GivesTheChildNoEnvironment) {
-    ASSERT_EQ(setenv("HALVO_TEST_VARIABLE", "inherited", 1), 0);
-    open();
-    EXPECT_THAT(report()["environment"], IsEmpty());
-}
-
-TEST_F(LiveOpenerTest, GivesTheChildThreeDescriptorsOnTheNullDevice) {
-    const ChildResult result = runInChild([&] {
-        // Descriptors that would outlive an exec, low and high, and gaps where the three belong.
-        for (int number : {3, 4, 17, 700}) {
-            ASSERT_EQ(dup2(STDERR_FILENO, number), number);
+TEST_F(LiveOpenerTest, StartsTheHelpersExecutableInItsOtherModeEachTimeItIsAsked) {
+    inChild([this] {
+        open();
+        TestReport first = report();
+        EXPECT_THAT(first["argument"], ElementsAre(helper, "--open-as-user", "501", app));
+        std::filesystem::remove(reportBeside(helper));
+        open(true);
+        TestReport second = report();
+        EXPECT_THAT(second["argument"],
+                    ElementsAre(helper, "--open-as-user", "501", app, "--after-quit"));
+        EXPECT_NE(first["pid"], second["pid"]);
+        for (const int signal : {SIGCHLD, SIGPIPE}) {
+            EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_DFL) << signal;
         }
-        close(STDIN_FILENO);
-        LiveOpener(helper).open(app, 501, false);
     });
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_THAT(report()["descriptor"],
-                ElementsAre("0 /dev/null rw", "1 /dev/null rw", "2 /dev/null rw"));
 }
 
-TEST_F(LiveOpenerTest, GivesTheChildTheSignalsOfAFreshProcess) {
-    const ChildResult result = runInChild([&] {
+TEST_F(LiveOpenerTest, GivesTheChildNothingOfItsOwn) {
+    inChild([this] {
+        ASSERT_EQ(setenv("HALVO_TEST_VARIABLE", "inherited", 1), 0);
+        ASSERT_EQ(chdir(disk.path().c_str()), 0);
         sigset_t all;
         sigfillset(&all);
         ASSERT_EQ(sigprocmask(SIG_BLOCK, &all, nullptr), 0);
         for (int signal : {SIGHUP, SIGINT, SIGPIPE, SIGTERM, SIGUSR1, SIGRTMIN, SIGRTMAX}) {
             ASSERT_NE(std::signal(signal, SIG_IGN), SIG_ERR);
         }
-        LiveOpener(helper).open(app, 501, false);
+        // Descriptors that would outlive an exec, low and high, and a gap where the three belong.
+        for (int number : {3, 4, 17, 700}) {
+            ASSERT_EQ(dup2(STDERR_FILENO, number), number);
+        }
+        close(STDIN_FILENO);
+        open();
     });
-    EXPECT_EQ(result.status, 0) << result.output;
     TestReport child = report();
+    EXPECT_THAT(child["environment"], IsEmpty());
+    EXPECT_THAT(child["descriptor"],
+                ElementsAre("0 /dev/null rw", "1 /dev/null rw", "2 /dev/null rw"));
     EXPECT_THAT(child["SigBlk"], ElementsAre(nothing));
     EXPECT_EQ(ignoredSignals(child), 0U);
     EXPECT_THAT(child["SigCgt"], ElementsAre(nothing));
-}
-
-TEST_F(LiveOpenerTest, GivesTheChildASessionOfItsOwnAndTheRootFolder) {
-    const ChildResult result = runInChild([&] {
-        ASSERT_EQ(chdir(disk.path().c_str()), 0);
-        LiveOpener(helper).open(app, 501, false);
-    });
-    EXPECT_EQ(result.status, 0) << result.output;
-    TestReport child = report();
     EXPECT_THAT(child["session"], ElementsAre("own"));
     EXPECT_THAT(child["folder"], ElementsAre("/"));
 }
 
-TEST_F(LiveOpenerTest, DoesNotWaitForTheChild) {
-    const std::string hold = helper + ".hold";
-    writeTestFile(hold, "");
-    open(false, [&] {
+TEST_F(LiveOpenerTest, DoesNotWaitForTheChildAndLeavesNoZombie) {
+    writeTestFile(helper + ".hold", "");
+    inChild([this] {
+        open();
         // Had opening waited, the child could not still be there to be seen.
         const pid_t child = std::stoi(report()["pid"].at(0));
         EXPECT_EQ(kill(child, 0), 0);
-        std::filesystem::remove(hold);
-    });
-}
-
-TEST_F(LiveOpenerTest, LeavesNoZombie) {
-    const std::string hold = helper + ".hold";
-    writeTestFile(hold, "");
-    open(false, [&] {
-        const pid_t child = std::stoi(report()["pid"].at(0));
         EXPECT_EQ(kill(child, SIGKILL), 0);
         // A zombie could still be signalled.
         EXPECT_TRUE(eventually([&] { return kill(child, 0) != 0 && errno == ESRCH; }));
         EXPECT_EQ(waitpid(child, nullptr, WNOHANG), -1);
         EXPECT_EQ(errno, ECHILD);
-    });
-}
-
-TEST_F(LiveOpenerTest, OpensAgainAndAgain) {
-    open(false, [&] {
-        const std::string first = report()["pid"].at(0);
-        std::filesystem::remove(reportBeside(helper));
-        LiveOpener(helper).open(app, 501, false);
-        EXPECT_NE(report()["pid"].at(0), first);
-    });
-}
-
-TEST_F(LiveOpenerTest, LeavesSignalsTheirDispositions) {
-    open(false, [] {
-        for (const int signal : {SIGCHLD, SIGPIPE}) {
-            EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_DFL) << signal;
-        }
     });
 }
 
@@ -180,71 +140,78 @@ TEST_F(LiveOpenerTest, GoesTheOtherWayEachTimeTheLastOneBroughtNothing) {
     EXPECT_EQ(result.status, 0) << result.output;
 }
 
-// --------------------------------------------------------------------------- nothing to be opened
-
-class LiveOpenerNothingTest : public LiveOpenerTest {
-  protected:
-    void expectNothing(const std::string& path) const {
-        writeTestFile(helper + ".hold", "");
-        const ChildResult result = runInChild([&] {
-            LogCapture log;
+TEST_F(LiveOpenerTest, DoesNothingWhereNothingIs) {
+    writeTestFile(helper + ".hold", "");
+    writeTestFile(disk / "file", "");
+    std::filesystem::create_symlink(disk / "Missing.app", disk / "Link.app");
+    inChild([this] {
+        for (const std::string& path :
+             {disk / "Missing.app", disk / "Link.app", disk / "file/Halvo.app", std::string(),
+              app + std::string("\0x", 2)}) {
             LiveOpener(helper).open(path, 501, true);
-            EXPECT_TRUE(log.isEmpty());
-            // The helper's program would not end, so it would still be there to be waited for.
-            EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-            EXPECT_EQ(errno, ECHILD);
-        });
-        EXPECT_EQ(result.status, 0) << result.output;
-        EXPECT_FALSE(std::filesystem::exists(reportBeside(helper)));
+        }
+        // The helper's program would not end, so it would still be there to be waited for.
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+        EXPECT_EQ(errno, ECHILD);
+    });
+    EXPECT_FALSE(std::filesystem::exists(reportBeside(helper)));
+}
+
+TEST_F(LiveOpenerTest, LogsThatTheChildCannotBeStarted) {
+    writeTestFile(disk / "text", "no program\n");
+    const ChildResult result = runInChild([this] {
+        const LogCapture log;
+        LiveOpener("/bin/false").open(app, 501, false);
+        EXPECT_TRUE(log.isEmpty()) << "a child that fails later";
+        LiveOpener(disk / "missing").open(app, 501, false);
+        LiveOpener(disk / "text").open(app, 501, false);
+        const std::string failed = "Couldn't open Halvo: ";
+        EXPECT_THAT(log.messages(),
+                    ElementsAre(LogMessage{LogLevel::Error, failed + "No such file or directory"},
+                                LogMessage{LogLevel::Error, failed + "Permission denied"}));
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+struct OpeningStreakTest : ::testing::Test {
+    // An opening this long after the one before.
+    long openAfter(double seconds, const std::string& path = "/Applications/Halvo.app",
+                   std::uint32_t uid = 501) {
+        now += Seconds{seconds};
+        return streak.next(path, uid, now, "journalctl");
     }
+
+    LogCapture log;
+    OpeningStreak streak;
+    Seconds now{};
 };
 
-TEST_F(LiveOpenerNothingTest, AtThePath) { expectNothing(disk / "Missing.app"); }
-
-TEST_F(LiveOpenerNothingTest, BehindALink) {
-    std::filesystem::create_symlink(disk / "Missing.app", disk / "Link.app");
-    expectNothing(disk / "Link.app");
+TEST_F(OpeningStreakTest, CountsOpeningsThatFollowSoon) {
+    std::vector<long> failed;
+    // The first however soon after the boot.
+    for (const double after : {0.0, 15.0, 16.0, 39.9, 40.0, 15.0, 3600.0, 39.9}) {
+        failed.push_back(openAfter(after));
+    }
+    EXPECT_THAT(failed, ElementsAre(0, 1, 2, 3, 0, 1, 0, 1));
+    EXPECT_EQ(openAfter(15, "/Applications/Other.app"), 0);
+    EXPECT_EQ(openAfter(15, "/Applications/Other.app", 502), 0);
+    EXPECT_EQ(openAfter(15, "/Applications/Other.app", 502), 1);
 }
 
-TEST_F(LiveOpenerNothingTest, BelowAFile) {
-    writeTestFile(disk / "file", "");
-    expectNothing(disk / "file/Halvo.app");
-}
-
-TEST_F(LiveOpenerNothingTest, AtAnEmptyPath) { expectNothing(""); }
-
-TEST_F(LiveOpenerNothingTest, AtAPathWithAZeroByte) { expectNothing(app + std::string("\0x", 2)); }
-
-// ------------------------------------------------------------------------------ a child that fails
-
-TEST_F(LiveOpenerTest, LogsThatTheHelperIsNotThere) {
-    const ChildResult result = runInChild([&] {
-        LogCapture log;
-        LiveOpener(disk / "missing").open(app, 501, false);
-        EXPECT_THAT(log.messages(),
-                    ElementsAre(LogMessage{LogLevel::Error,
-                                           "Couldn't open Halvo: No such file or directory"}));
-    });
-    EXPECT_EQ(result.status, 0) << result.output;
-}
-
-TEST_F(LiveOpenerTest, LogsThatTheHelperCannotBeRun) {
-    writeTestFile(disk / "text", "no program\n");
-    const ChildResult result = runInChild([&] {
-        LogCapture log;
-        LiveOpener(disk / "text").open(app, 501, false);
-        EXPECT_THAT(log.errors(), ElementsAre("Couldn't open Halvo: Permission denied"));
-    });
-    EXPECT_EQ(result.status, 0) << result.output;
-}
-
-TEST_F(LiveOpenerTest, SaysNothingOfAChildThatFailsLater) {
-    const ChildResult result = runInChild([&] {
-        LogCapture log;
-        LiveOpener("/bin/false").open(app, 501, false);
-        EXPECT_TRUE(log.isEmpty());
-    });
-    EXPECT_EQ(result.status, 0) << result.output;
+TEST_F(OpeningStreakTest, TellsTheSecondAndThenEachPowerOfTwo) {
+    for (int turn = 0; turn <= 40; ++turn) {
+        openAfter(15);
+    }
+    const std::string rest = " times in a row, and it didn't stay; its own messages: journalctl";
+    EXPECT_THAT(log.errors(), ElementsAre("Opened Halvo 2" + rest, "Opened Halvo 4" + rest,
+                                          "Opened Halvo 8" + rest, "Opened Halvo 16" + rest,
+                                          "Opened Halvo 32" + rest));
+    // And those of the next streak.
+    openAfter(3600);
+    openAfter(15);
+    EXPECT_EQ(log.errors().size(), 5U);
+    openAfter(15);
+    EXPECT_EQ(log.errors().size(), 6U);
 }
 
 }  // namespace

@@ -9,11 +9,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <optional>
 #include <string_view>
 
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -22,11 +20,20 @@
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
 
-using Text = std::unique_ptr<char, decltype(&std::free)>;
+// What sd-login(3) says of the session; empty when it does not.
+std::string told(int (*ask)(const char*, char**), const std::string& session) {
+    char* text = nullptr;
+    if (ask(session.c_str(), &text) < 0 || text == nullptr) {
+        return {};
+    }
+    const std::unique_ptr<char, decltype(&std::free)> owned(text, &std::free);
+    return text;
+}
 
 // The user at seat0. Asking sd-login opens, parses and allocates; so it is asked only when one of
 // the two files behind the last answer is no longer the same; logind replaces files by rename,
@@ -54,36 +61,29 @@ class Console {
   private:
     // The user of the session in front; sets leftUntil_ when it is closing.
     std::optional<std::uint32_t> ask() {
-        char* rawSession = nullptr;
-        if (sd_seat_get_active("seat0", &rawSession, nullptr) < 0) {
+        const std::string session = told(
+            [](const char* seat, char** text) { return sd_seat_get_active(seat, text, nullptr); },
+            "seat0");
+        if (session.empty()) {
             return std::nullopt;
         }
-        const Text session(rawSession, &std::free);
-        if (session == nullptr) {
-            return std::nullopt;
-        }
-        sessionPath_ = std::string("/run/systemd/sessions/") + session.get();
+        sessionPath_ = "/run/systemd/sessions/" + session;
         session_ = FileStamp::of(sessionPath_.c_str());
-        char* rawClass = nullptr;
-        char* rawState = nullptr;
+        const std::string state = told(sd_session_get_state, session);
         uid_t uid = 0;
-        const bool known = sd_session_get_class(session.get(), &rawClass) >= 0 &&
-                           sd_session_get_state(session.get(), &rawState) >= 0 &&
-                           sd_session_get_uid(session.get(), &uid) >= 0;
-        const Text sessionClass(rawClass, &std::free);
-        const Text state(rawState, &std::free);
         // A login screen has the class "greeter".
-        if (!known || std::string_view(sessionClass.get()) != "user" || uid == 0) {
+        if (told(sd_session_get_class, session) != "user" || state.empty() ||
+            sd_session_get_uid(session.c_str(), &uid) < 0 || uid == 0) {
             return std::nullopt;
         }
-        if (std::string_view(state.get()) == "closing") {
+        if (state == "closing") {
             const Seconds now = sinceBoot();
             const Seconds since = std::min(peopleClosing_.try_emplace(uid, now).first->second,
-                                           closing_.try_emplace(session.get(), now).first->second);
+                                           closing_.try_emplace(session, now).first->second);
             leftUntil_ = since + HelperEngine::Timing::sessionEndGrace;
         } else {
             peopleClosing_.erase(uid);
-            closing_.erase(session.get());
+            closing_.erase(session);
         }
         return uid;
     }
@@ -101,45 +101,37 @@ class Console {
     std::map<std::string, Seconds> closing_;
 };
 
-// The executable of the bundle last asked about, kept for as long as its Info.plist is the same.
-class ExpectedExecutable {
-  public:
-    const std::string& of(const std::string& bundlePath) {
-        const auto info =
-            bundlePath == bundlePath_ ? FileStamp::of(infoPath_.c_str()) : std::nullopt;
-        if (!info || info != info_ || access(executable_.c_str(), F_OK) != 0) {
-            lookUp(bundlePath);
-        }
-        return executable_;
-    }
+}  // namespace
 
-  private:
-    void lookUp(const std::string& bundlePath) {
+struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
+    Console console;
+
+    // The executable of the bundle last asked about, kept for as long as its Info.plist is the
+    // same.
+    const std::string& executableOf(const std::string& bundlePath) {
+        auto info = FileStamp::of(infoPath_.c_str());
+        if (bundlePath == bundlePath_ && info && info == info_ && itemExists(executable_)) {
+            return executable_;
+        }
         const Bundle bundle(bundlePath);
         bundlePath_ = bundlePath;
         infoPath_ = bundle.infoPath();
-        info_ = FileStamp::of(infoPath_.c_str());
-        if (auto named = bundle.executablePath()) {
-            executable_ = *std::move(named);
-            return;
-        }
-        executable_ = AppLocation::usualExecutable(bundlePath);
-        info_.reset();  // what the Info.plist names may yet appear: look again next time
+        info = FileStamp::of(infoPath_.c_str());
+        const auto named = bundle.executablePath();
+        executable_ = named.value_or(AppLocation::usualExecutable(bundlePath));
+        // What the Info.plist names may yet appear: without it, look again next time.
+        info_ = named ? info : std::nullopt;
+        return executable_;
     }
 
-    std::string bundlePath_;
-    std::string infoPath_;
-    std::optional<FileStamp> info_;
-    std::string executable_;
-};
-
-// All processes, in one pass with one buffer; proc(5).
-class Processes {  // NOLINT(*-member-init): see entries_.
-  public:
-    // Whether a process with the effective user `uid` runs the file at `executable`.
-    bool run(const std::string& executable, std::uint32_t uid) {
-        struct stat expected{};
-        if (stat(executable.c_str(), &expected) != 0 || !openOrRewind()) {
+    // Whether a process with the effective user `uid` runs the file at `executable`. All are looked
+    // at in one pass with one buffer; proc(5).
+    bool isRun(const std::string& executable, std::uint32_t uid) {
+        if (!proc_.isOpen()) {
+            proc_ = Descriptor(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        }
+        struct stat file{};
+        if (stat(executable.c_str(), &file) != 0 || lseek(proc_.get(), 0, SEEK_SET) != 0) {
             return false;
         }
         link_.resize(executable.size() + 1);
@@ -150,8 +142,8 @@ class Processes {  // NOLINT(*-member-init): see entries_.
             }
             for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
                 const auto* entry = reinterpret_cast<const dirent64*>(entries_.data() + at);
-                if (runs(entry->d_name, executable) && isUsers(entry->d_name, uid) &&
-                    isSameFile(entry->d_name, expected)) {
+                if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' &&
+                    runs(entry->d_name, executable, file, uid)) {
                     return true;
                 }
                 at += entry->d_reclen;
@@ -160,66 +152,37 @@ class Processes {  // NOLINT(*-member-init): see entries_.
     }
 
   private:
-    // "PID/exe", or "PID" with the end cut off again.
-    using Name = std::array<char, NAME_MAX + 8>;
-
-    static Name executableOf(const char* process) {
-        Name name{};
+    // Whether that is what `process` does, by its folder in /proc. Its path is the first question,
+    // because it rules out nearly every process with one call.
+    bool runs(const char* process, const std::string& executable, const struct stat& file,
+              std::uint32_t uid) {
+        std::array<char, NAME_MAX + sizeof "/exe"> link{};
         const std::size_t length = std::strlen(process);
-        std::memcpy(name.data(), process, length);
-        std::memcpy(name.data() + length, "/exe", sizeof "/exe");
-        return name;
-    }
-
-    bool openOrRewind() {
-        if (proc_.isOpen()) {
-            return lseek(proc_.get(), 0, SEEK_SET) == 0;
-        }
-        proc_ = Descriptor(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return proc_.isOpen();
-    }
-
-    // The first question, because it rules out nearly every process with one call.
-    bool runs(const char* process, const std::string& executable) {
-        if (process[0] < '0' || process[0] > '9') {
+        std::memcpy(link.data(), process, length);
+        std::memcpy(link.data() + length, "/exe", sizeof "/exe");
+        const ssize_t target = readlinkat(proc_.get(), link.data(), link_.data(), link_.size());
+        if (target < 0 ||
+            std::string_view(link_.data(), static_cast<std::size_t>(target)) != executable) {
             return false;
         }
-        const Name name = executableOf(process);
-        const ssize_t length = readlinkat(proc_.get(), name.data(), link_.data(), link_.size());
-        return length >= 0 &&
-               std::string_view(link_.data(), static_cast<std::size_t>(length)) == executable;
-    }
-
-    // A process's own folder belongs to its effective user, even when it may not be dumped.
-    bool isUsers(const char* process, std::uint32_t uid) const {
-        struct stat status{};
-        return fstatat(proc_.get(), process, &status, 0) == 0 && status.st_uid == uid;
-    }
-
-    bool isSameFile(const char* process, const struct stat& expected) const {
-        const Name name = executableOf(process);
+        // A process's own folder belongs to its effective user, even when it may not be dumped.
+        struct stat folder{};
         struct statx status{};
         // AT_STATX_DONT_SYNC: the file may lie on a file system that its owner serves, and stalls.
-        if (statx(proc_.get(), name.data(), AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) {
-            return false;
-        }
-        return makedev(status.stx_dev_major, status.stx_dev_minor) == expected.st_dev &&
-               status.stx_ino == expected.st_ino;
+        return fstatat(proc_.get(), process, &folder, 0) == 0 && folder.st_uid == uid &&
+               statx(proc_.get(), link.data(), AT_STATX_DONT_SYNC, STATX_INO, &status) == 0 &&
+               makedev(status.stx_dev_major, status.stx_dev_minor) == file.st_dev &&
+               status.stx_ino == file.st_ino;
     }
 
+    std::string bundlePath_;
+    std::string infoPath_;
+    std::optional<FileStamp> info_;
+    std::string executable_;
     Descriptor proc_;
     std::string link_;
     // Not filled: a helper that never looks for the app would keep eight pages of zeros.
     alignas(dirent64) std::array<char, 32768> entries_;
-};
-
-}  // namespace
-
-class LiveSessionProbe::State {
-  public:
-    Console console;
-    ExpectedExecutable executable;
-    Processes processes;
 };
 
 LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique_for_overwrite<State>()) {}
@@ -229,7 +192,7 @@ LiveSessionProbe::~LiveSessionProbe() = default;
 std::optional<std::uint32_t> LiveSessionProbe::consoleUser() { return state_->console.user(); }
 
 bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
-    return state_->processes.run(state_->executable.of(bundlePath), uid);
+    return state_->isRun(state_->executableOf(bundlePath), uid);
 }
 
 }  // namespace halvo

@@ -45,13 +45,20 @@ std::unique_ptr<TestProcess> startProgram(
 // Of changes closer to each other than this the times in a file's status may tell nothing.
 void letTheFileClockTick() { std::this_thread::sleep_for(std::chrono::milliseconds{20}); }
 
-// ---------------------------------------------------------------------------- whether the app runs
-
 class LiveSessionProbeTest : public ::testing::Test {
   protected:
+    LiveSessionProbeTest() { bundle.writeInfo(); }
+
     [[nodiscard]] bool isRunning(const std::string& path) { return probe.isAppRunning(path, me); }
 
     [[nodiscard]] bool isRunning() { return isRunning(bundle.path()); }
+
+    // Waits until the process is in `state`; proc_pid_stat(5).
+    static void expectState(const TestProcess& process, const std::string& state) {
+        const std::string stat = "/proc/" + std::to_string(process.pid()) + "/stat";
+        ASSERT_TRUE(eventually(
+            [&] { return readTestFile(stat).find(") " + state + " ") != std::string::npos; }));
+    }
 
     TemporaryFolder disk;
     const TestBundle bundle{disk / "Sample.app"};
@@ -59,58 +66,41 @@ class LiveSessionProbeTest : public ::testing::Test {
     LiveSessionProbe probe;
 };
 
-TEST_F(LiveSessionProbeTest, SeesTheAppWhileItRuns) {
-    bundle.writeInfo();
+TEST_F(LiveSessionProbeTest, SeesTheAppOfThatUserWhileItRuns) {
     EXPECT_FALSE(isRunning());
-    const auto app = startProgram(bundle.executable());
-    EXPECT_TRUE(isRunning());
-    EXPECT_TRUE(isRunning());
-    app->closeInput();
-    app->wait();
-    EXPECT_FALSE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, SeesOneOfSeveral) {
-    bundle.writeInfo();
     auto first = startProgram(bundle.executable());
-    const auto second = startProgram(bundle.executable());
     EXPECT_TRUE(isRunning());
-    first.reset();
     EXPECT_TRUE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, CountsTheUserWhoIsAskedAboutOnly) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
     EXPECT_FALSE(probe.isAppRunning(bundle.path(), me + 1));
     EXPECT_FALSE(probe.isAppRunning(bundle.path(), 4294967295));
+    first->send(SIGSTOP);
+    expectState(*first, "T");
     EXPECT_TRUE(isRunning());
+    const auto second = startProgram(bundle.executable());
+    first.reset();
+    EXPECT_TRUE(isRunning());
+    second->send(SIGKILL);
+    expectState(*second, "Z");
+    EXPECT_FALSE(isRunning());
+    second->wait();
+    EXPECT_FALSE(isRunning());
 }
 
 TEST_F(LiveSessionProbeTest, ComparesPathsAsBytes) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
     fs::create_directory_symlink(disk.path(), disk / "folder");
     fs::create_directory_symlink(bundle.path(), disk / "Link.app");
-    EXPECT_FALSE(isRunning(disk / "folder/Sample.app"));
-    EXPECT_FALSE(isRunning(disk / "Link.app"));
-    EXPECT_FALSE(isRunning(bundle.path() + "/"));
-    EXPECT_FALSE(isRunning(disk / "/Sample.app"));
-    EXPECT_FALSE(isRunning(disk / "./Sample.app"));
-    EXPECT_FALSE(isRunning(disk / "sample.app"));
+    // The kernel keeps the file's own path.
+    const auto app = startProgram(disk / "Link.app/Contents/MacOS/Sample");
+    for (const std::string& path :
+         {disk / "folder/Sample.app", disk / "Link.app", bundle.path() + "/", disk / "/Sample.app",
+          disk / "./Sample.app", disk / "sample.app", disk / "Missing.app", std::string(),
+          bundle.path() + std::string("\0x", 2)}) {
+        EXPECT_FALSE(isRunning(path)) << path;
+    }
     EXPECT_TRUE(isRunning());
 }
 
-TEST_F(LiveSessionProbeTest, SeesAnAppThatWasStartedByAnotherPath) {
-    bundle.writeInfo();
-    fs::create_directory_symlink(bundle.path(), disk / "Link.app");
-    const auto app = startProgram(disk / "Link.app/Contents/MacOS/Sample");
-    EXPECT_TRUE(isRunning()) << "the kernel keeps the file's own path";
-    EXPECT_FALSE(isRunning(disk / "Link.app"));
-}
-
 TEST_F(LiveSessionProbeTest, DoesNotTakeAnotherProgramOfTheBundleForTheApp) {
-    bundle.writeInfo();
     copyProgram(HALVO_TEST_APP, bundle.folder() + "/Sample-helper");
     copyProgram(HALVO_TEST_APP, bundle.folder() + "/Sampl");
     const auto longer = startProgram(bundle.folder() + "/Sample-helper");
@@ -123,22 +113,14 @@ TEST_F(LiveSessionProbeTest, FallsBackToTheUsualExecutable) {
     EXPECT_FALSE(isRunning(usual.path()));
     const auto app = startProgram(usual.executable());
     EXPECT_TRUE(isRunning(usual.path())) << "without an Info.plist";
-    replaceTestFile(usual.info(), infoText("Missing", "x", "y"));
-    EXPECT_TRUE(isRunning(usual.path())) << "with one that names what is not there";
-    replaceTestFile(usual.info(), "no property list");
-    EXPECT_TRUE(isRunning(usual.path())) << "with a damaged one";
-    replaceTestFile(usual.info(), infoText("../MacOS/Halvo", "x", "y"));
-    EXPECT_TRUE(isRunning(usual.path())) << "with one that names a path";
-}
-
-TEST_F(LiveSessionProbeTest, AnswersForABundleThatIsNotThere) {
-    EXPECT_FALSE(isRunning(disk / "Missing.app"));
-    EXPECT_FALSE(isRunning(""));
-    EXPECT_FALSE(isRunning(bundle.path() + std::string("\0x", 2)));
+    for (const std::string& info : {infoText("Missing", "x", "y"), std::string("no property list"),
+                                    infoText("../MacOS/Halvo", "x", "y")}) {
+        replaceTestFile(usual.info(), info);
+        EXPECT_TRUE(isRunning(usual.path())) << info;
+    }
 }
 
 TEST_F(LiveSessionProbeTest, NoticesThatAnotherExecutableIsNamed) {
-    bundle.writeInfo();
     const std::string second = bundle.folder() + "/Second";
     copyProgram(HALVO_TEST_APP, second);
     const auto app = startProgram(second);
@@ -164,14 +146,12 @@ TEST_F(LiveSessionProbeTest, NoticesThatTheExecutableNamedAppearsAndGoes) {
     EXPECT_FALSE(isRunning(both.path()));
     const auto second = startProgram(both.folder() + "/Second");
     EXPECT_TRUE(isRunning(both.path()));
-    second->send(SIGKILL);
-    second->wait();
+    second->kill();
     fs::remove(both.folder() + "/Second");
     EXPECT_TRUE(isRunning(both.path())) << "the usual one again";
 }
 
-TEST_F(LiveSessionProbeTest, TellsBundlesApartFromOneQuestionToTheNext) {
-    bundle.writeInfo();
+TEST_F(LiveSessionProbeTest, TellsBundlesApartAndFollowsOneThatIsMoved) {
     const TestBundle second(disk / "Second.app");
     second.writeInfo();
     const auto app = startProgram(second.executable());
@@ -179,59 +159,29 @@ TEST_F(LiveSessionProbeTest, TellsBundlesApartFromOneQuestionToTheNext) {
         EXPECT_FALSE(isRunning());
         EXPECT_TRUE(isRunning(second.path()));
     }
+    fs::rename(second.path(), disk / "Moved.app");
+    EXPECT_FALSE(isRunning(second.path()));
+    EXPECT_TRUE(isRunning(disk / "Moved.app"));
 }
 
-TEST_F(LiveSessionProbeTest, DoesNotCountADeletedExecutable) {
-    bundle.writeInfo();
+// To the kernel a process whose executable was deleted runs "PATH (deleted)".
+TEST_F(LiveSessionProbeTest, DoesNotCountADeletedExecutableWhateverIsCalledSo) {
     const auto app = startProgram(bundle.executable());
     fs::remove(bundle.executable());
     EXPECT_FALSE(isRunning());
     // Another file in its place is another app.
     copyProgram(HALVO_TEST_APP, bundle.executable());
     EXPECT_FALSE(isRunning());
-}
-
-// To the kernel a process whose executable was deleted runs "PATH (deleted)".
-TEST_F(LiveSessionProbeTest, IsNotFooledByAnExecutableThatIsCalledDeleted) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
     const std::string called = "Sample (deleted)";
     copyProgram(HALVO_TEST_APP, bundle.folder() + "/" + called);
     replaceTestFile(bundle.info(), infoText(called, "com.example.app", "7QX4KD19MT"));
-    fs::remove(bundle.executable());
     EXPECT_FALSE(isRunning());
     const auto really = startProgram(bundle.folder() + "/" + called);
     EXPECT_TRUE(isRunning());
 }
 
-TEST_F(LiveSessionProbeTest, FollowsABundleThatIsMoved) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
-    EXPECT_TRUE(isRunning());
-    fs::rename(bundle.path(), disk / "Moved.app");
-    EXPECT_FALSE(isRunning());
-    EXPECT_TRUE(isRunning(disk / "Moved.app"));
-}
-
-TEST_F(LiveSessionProbeTest, DoesNotCountAZombie) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
-    app->send(SIGKILL);
-    const std::string stat = "/proc/" + std::to_string(app->pid()) + "/stat";
-    ASSERT_TRUE(eventually([&] { return readTestFile(stat).find(") Z ") != std::string::npos; }));
-    EXPECT_FALSE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, CountsAStoppedApp) {
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable());
-    app->send(SIGSTOP);
-    const std::string stat = "/proc/" + std::to_string(app->pid()) + "/stat";
-    ASSERT_TRUE(eventually([&] { return readTestFile(stat).find(") T ") != std::string::npos; }));
-    EXPECT_TRUE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPath) {
+TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPathInAListOfSeveralReadings) {
+    const ShortListings few;
     std::string folder = disk.path();
     while (folder.size() < 2500) {
         folder += "/" + std::string(200, 'x');
@@ -239,28 +189,16 @@ TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPath) {
     const TestBundle deep(folder + "/Sample.app");
     deep.writeInfo();
     EXPECT_FALSE(isRunning(deep.path()));
-    const auto app = startProgram(deep.executable());
+    std::vector<std::unique_ptr<TestProcess>> processes;
+    for (int i = 0; i < 40; ++i) {
+        processes.push_back(i == 20 ? startProgram(deep.executable())
+                                    : std::make_unique<TestProcess>([] { pause(); }));
+    }
+    EXPECT_TRUE(isRunning(deep.path()));
     EXPECT_TRUE(isRunning(deep.path()));
 }
 
-TEST_F(LiveSessionProbeTest, FindsAnAppInAListOfSeveralReadings) {
-    const ShortListings few;
-    bundle.writeInfo();
-    EXPECT_FALSE(isRunning());
-    std::vector<std::unique_ptr<TestProcess>> others;
-    for (int i = 0; i < 20; ++i) {
-        others.push_back(std::make_unique<TestProcess>([] { pause(); }));
-    }
-    const auto app = startProgram(bundle.executable());
-    for (int i = 0; i < 20; ++i) {
-        others.push_back(std::make_unique<TestProcess>([] { pause(); }));
-    }
-    EXPECT_TRUE(isRunning());
-    EXPECT_TRUE(isRunning());
-}
-
 TEST_F(LiveSessionProbeTest, AllocatesNothingWhileNothingChanges) {
-    bundle.writeInfo();
     const std::string path = bundle.path();
     EXPECT_FALSE(isRunning());
     std::size_t before = mallocsMade();
@@ -290,62 +228,63 @@ TEST(MallocCountTest, CountsEveryAllocation) {
     EXPECT_GT(mallocsMade(), between);
 }
 
-// ------------------------------------------------------------------- in a machine with other
-// people
-
 class LiveSessionProbePrivateMachineTest : public PrivateMachineTest {
   protected:
-    void prepare() override { fs::permissions(disk.path(), fs::perms{0755}); }
+    void prepare() override {
+        fs::permissions(disk.path(), fs::perms{0755});
+        bundle.writeInfo();
+    }
+
+    [[nodiscard]] bool isRunning(const Person& person) {
+        return probe.isAppRunning(bundle.path(), person.uid);
+    }
 
     TemporaryFolder disk;
+    const TestBundle bundle{disk / "Sample.app"};
     LiveSessionProbe probe;
 };
 
 TEST_F(LiveSessionProbePrivateMachineTest, TellsPeopleApartByTheirEffectiveUser) {
-    const TestBundle bundle(disk / "Sample.app");
-    bundle.writeInfo();
-    const auto app = startProgram(bundle.executable(), [this] { become(user); });
-    EXPECT_TRUE(probe.isAppRunning(bundle.path(), user.uid));
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), other.uid));
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), 0));
-    // Of two people's apps each has one.
-    const auto others = startProgram(bundle.executable(), [this] { become(other); });
-    EXPECT_TRUE(probe.isAppRunning(bundle.path(), user.uid));
-    EXPECT_TRUE(probe.isAppRunning(bundle.path(), other.uid));
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), 0));
-}
-
-TEST_F(LiveSessionProbePrivateMachineTest, GoesByTheEffectiveUserNotTheRealOne) {
-    const TestBundle bundle(disk / "Sample.app");
-    bundle.writeInfo();
     const auto app = startProgram(
         bundle.executable(), [this] { ASSERT_EQ(setresuid(other.uid, user.uid, other.uid), 0); });
-    EXPECT_TRUE(probe.isAppRunning(bundle.path(), user.uid));
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), other.uid));
+    EXPECT_TRUE(isRunning(user));
+    EXPECT_FALSE(isRunning(other));
+    EXPECT_FALSE(isRunning(0));
+    // Of two people's apps each has one.
+    const auto others = startProgram(bundle.executable(), [this] { become(other); });
+    EXPECT_TRUE(isRunning(user));
+    EXPECT_TRUE(isRunning(other));
+    EXPECT_FALSE(isRunning(0));
 }
 
 // A set-group-id process may not be dumped, so most of its files in /proc belong to root.
 TEST_F(LiveSessionProbePrivateMachineTest, SeesAnAppThatMayNotBeDumped) {
-    const TestBundle bundle("/Applications/Sample.app");
-    bundle.writeInfo();
-    bundle.install(appGroup);
+    const TestBundle installed("/Applications/Sample.app");
+    installed.writeInfo();
+    installed.install(appGroup);
     {
-        const auto app = startProgram(bundle.executable(), [this] { become(user); });
+        const auto app = startProgram(installed.executable(), [this] { become(user); });
         struct stat status{};
         const std::string files = "/proc/" + std::to_string(app->pid()) + "/exe";
         ASSERT_EQ(lstat(files.c_str(), &status), 0);
         ASSERT_EQ(status.st_uid, 0U) << "it may be dumped";
-        EXPECT_TRUE(probe.isAppRunning(bundle.path(), user.uid));
-        EXPECT_FALSE(probe.isAppRunning(bundle.path(), 0));
+        EXPECT_TRUE(probe.isAppRunning(installed.path(), user.uid));
+        EXPECT_FALSE(probe.isAppRunning(installed.path(), 0));
     }
-    fs::remove_all(bundle.path());
+    fs::remove_all(installed.path());
 }
 
-// In a mount namespace of their own people can have any file at any path.
-class LiveSessionProbeForgeryPrivateMachineTest : public LiveSessionProbePrivateMachineTest {
-  protected:
-    // Expects that `forgery` at the path of the bundle's executable is not taken for it.
-    void expectNotFooledBy(const TestBundle& bundle, const std::string& forgery) {
+// In a mount namespace of their own people can have any file at any path; and on another file
+// system files have the same numbers again.
+TEST_F(LiveSessionProbePrivateMachineTest, IsNotFooledByAForgedPathOrFileNumber) {
+    copyProgram(HALVO_TEST_APP, disk / "forgery");
+    fs::create_directory(disk / "twins");
+    const PrivateMount twins("tmpfs", "tmpfs", disk / "twins", 0, "mode=755");
+    ASSERT_TRUE(twins.isMounted());
+    struct stat status{};
+    ASSERT_EQ(stat(bundle.executable().c_str(), &status), 0);
+    for (const std::string& forgery :
+         {disk / "forgery", copyProgramAsNumber(HALVO_TEST_APP, disk / "twins", status.st_ino)}) {
         const auto forged = startProgram(bundle.executable(), [&] {
             ASSERT_EQ(unshare(CLONE_NEWNS), 0);
             ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
@@ -356,49 +295,26 @@ class LiveSessionProbeForgeryPrivateMachineTest : public LiveSessionProbePrivate
         // It says of itself that it is the app.
         ASSERT_EQ(fs::read_symlink("/proc/" + std::to_string(forged->pid()) + "/exe"),
                   bundle.executable());
-        EXPECT_FALSE(probe.isAppRunning(bundle.path(), user.uid));
+        EXPECT_FALSE(isRunning(user));
         const auto app = startProgram(bundle.executable(), [this] { become(user); });
-        EXPECT_TRUE(probe.isAppRunning(bundle.path(), user.uid));
+        EXPECT_TRUE(isRunning(user));
     }
-};
-
-TEST_F(LiveSessionProbeForgeryPrivateMachineTest, IsNotFooledByAForgedPath) {
-    const TestBundle bundle(disk / "Sample.app");
-    bundle.writeInfo();
-    copyProgram(HALVO_TEST_APP, disk / "forgery");
-    expectNotFooledBy(bundle, disk / "forgery");
-}
-
-// On another file system files have the same numbers again.
-TEST_F(LiveSessionProbeForgeryPrivateMachineTest, IsNotFooledByTheNumberOfTheFileEither) {
-    const TestBundle bundle(disk / "Sample.app");
-    bundle.writeInfo();
-    fs::create_directory(disk / "twins");
-    const PrivateMount twins("tmpfs", "tmpfs", disk / "twins", 0, "mode=755");
-    ASSERT_TRUE(twins.isMounted());
-    struct stat status{};
-    ASSERT_EQ(stat(bundle.executable().c_str(), &status), 0);
-    expectNotFooledBy(bundle, copyProgramAsNumber(HALVO_TEST_APP, disk / "twins", status.st_ino));
 }
 
 TEST_F(LiveSessionProbePrivateMachineTest, AnswersWithoutProcesses) {
-    const TestBundle bundle(disk / "Sample.app");
-    bundle.writeInfo();
     const auto app = startProgram(bundle.executable());
     TestProcess asking([&] {
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(umount2("/proc", MNT_DETACH), 0);
-        EXPECT_FALSE(probe.isAppRunning(bundle.path(), 0));
+        EXPECT_FALSE(isRunning(0));
         std::fflush(nullptr);
         // At once: the leak sanitizer would want to look into /proc.
         _exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
     });
     EXPECT_EQ(asking.wait(), 0) << asking.readAll();
-    EXPECT_TRUE(probe.isAppRunning(bundle.path(), 0));
+    EXPECT_TRUE(isRunning(0));
 }
-
-// ----------------------------------------------------------------------------------- the console
 
 class LiveSessionProbeSeatPrivateMachineTest : public LiveSessionProbePrivateMachineTest {
   protected:
@@ -436,62 +352,48 @@ class LiveSessionProbeSeatPrivateMachineTest : public LiveSessionProbePrivateMac
     inline static const std::string sessions = "/run/systemd/sessions";
 };
 
-struct ConsoleRow {
-    std::string name;
-    // The session that the seat names, if any, and the files as they are.
-    std::string session;
-    std::string sessionFile;
-    // Whether it is the person of the session who sits there.
-    bool somebody;
-};
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsTheUserOfAnActiveSessionOfAPerson) {
+    const auto text = [](const std::string& sessionClass, const std::string& state) {
+        return "UID=61000\nACTIVE=1\nSTATE=" + state + "\nCLASS=" + sessionClass + "\n";
+    };
 
-std::string sessionText(const std::string& sessionClass, const std::string& state) {
-    return "UID=61000\nACTIVE=1\nSTATE=" + state + "\nCLASS=" + sessionClass + "\nSEAT=seat0\n";
-}
+    const struct {
+        // The session that the seat names, if any, and the file of session 1, if any.
+        const char* session;
+        std::string sessionFile;
+        // Whether it is the person of the session who sits there.
+        bool somebody;
+    } rows[] = {
+        {"1", text("user", "active"), true},
+        {"1", text("user", "opening"), true},
+        {"1", text("user", "closing"), false},
+        {"1", text("greeter", "active"), false},
+        {"1", text("lock-screen", "active"), false},
+        {"1", text("background", "active"), false},
+        {"1", text("manager", "active"), false},
+        {"1", text("USER", "active"), false},
+        {"1", "UID=61000\nACTIVE=1\nSTATE=active\n", false},
+        {"1", "ACTIVE=1\nSTATE=active\nCLASS=user\n", false},
+        {"1", "UID=61000\nACTIVE=1\nCLASS=user\n", false},
+        {"1", "UID=0\nACTIVE=1\nSTATE=active\nCLASS=user\n", false},
+        {"1", "\x01garbage", false},
+        {"1", "", false},
+        {"2", text("user", "active"), false},
+        {"", text("user", "active"), false},
+    };
 
-class LiveSessionProbeConsolePrivateMachineTest : public LiveSessionProbeSeatPrivateMachineTest,
-                                                  public ::testing::WithParamInterface<ConsoleRow> {
-};
-
-TEST_P(LiveSessionProbeConsolePrivateMachineTest, IsTheUserOfAnActiveSessionOfAPerson) {
-    seat(GetParam().session, 61000);
-    fs::remove_all(sessions);
-    fs::create_directory(sessions);
-    if (!GetParam().sessionFile.empty()) {
-        replaceTestFile(sessions + "/1", GetParam().sessionFile);
+    for (const auto& [session, sessionFile, somebody] : rows) {
+        SCOPED_TRACE(session + (" " + sessionFile));
+        cleanUp();
+        seat(session, 61000);
+        if (!sessionFile.empty()) {
+            replaceTestFile(sessions + "/1", sessionFile);
+        }
+        LiveSessionProbe fresh;
+        const auto expected = somebody ? std::optional(61000U) : std::nullopt;
+        EXPECT_EQ(fresh.consoleUser(), expected);
+        EXPECT_EQ(fresh.consoleUser(), expected) << "the second time";
     }
-    const auto expected = GetParam().somebody ? std::optional(61000U) : std::nullopt;
-    EXPECT_EQ(probe.consoleUser(), expected);
-    EXPECT_EQ(probe.consoleUser(), expected) << "the second time";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Sessions, LiveSessionProbeConsolePrivateMachineTest,
-    ::testing::Values(
-        ConsoleRow{"Active", "1", sessionText("user", "active"), true},
-        ConsoleRow{"Opening", "1", sessionText("user", "opening"), true},
-        ConsoleRow{"Closing", "1", sessionText("user", "closing"), false},
-        ConsoleRow{"Greeter", "1", sessionText("greeter", "active"), false},
-        ConsoleRow{"LockScreen", "1", sessionText("lock-screen", "active"), false},
-        ConsoleRow{"Background", "1", sessionText("background", "active"), false},
-        ConsoleRow{"Manager", "1", sessionText("manager", "active"), false},
-        ConsoleRow{"ClassInCapitals", "1", sessionText("USER", "active"), false},
-        ConsoleRow{"WithoutAClass", "1", "UID=61000\nACTIVE=1\nSTATE=active\n", false},
-        ConsoleRow{"WithoutAUser", "1", "ACTIVE=1\nSTATE=active\nCLASS=user\n", false},
-        ConsoleRow{"WithoutAState", "1", "UID=61000\nACTIVE=1\nCLASS=user\n", false},
-        ConsoleRow{"Root", "1", "UID=0\nACTIVE=1\nSTATE=active\nCLASS=user\n", false},
-        ConsoleRow{"Garbage", "1", "\x01garbage", false}, ConsoleRow{"FileMissing", "1", "", false},
-        ConsoleRow{"AnotherSessionsFile", "2", sessionText("user", "active"), false},
-        ConsoleRow{"Nobody", "", sessionText("user", "active"), false}),
-    [](const auto& row) { return row.param.name; });
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutASeat) {
-    session("1", user.uid);
-    fs::remove(seatFile);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    seat("1", user.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid);
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
@@ -502,82 +404,53 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
     letSomebodySit();
 }
 
-// Each change is noticed at the next question, whatever is remembered.
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesThatAnotherSessionIsInFront) {
+// At the next question, whatever is remembered.
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesEachChange) {
+    seat("1", user.uid);
+    EXPECT_EQ(probe.consoleUser(), std::nullopt) << "the seat comes before its session";
     letSomebodySit();
     session("2", other.uid);
     EXPECT_EQ(probe.consoleUser(), user.uid) << "a session in the background";
     seat("2", other.uid);
     EXPECT_EQ(probe.consoleUser(), other.uid);
-    seat("1", user.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesThatNobodyIsInFront) {
     letSomebodySit();
     seat("");
     EXPECT_EQ(probe.consoleUser(), std::nullopt);
     letSomebodySit();
     fs::remove(seatFile);
     EXPECT_EQ(probe.consoleUser(), std::nullopt);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesThatTheSessionCloses) {
+    EXPECT_EQ(probe.consoleUser(), std::nullopt);
     letSomebodySit();
     session("1", user.uid, "user", "closing");
     EXPECT_EQ(probe.consoleUser(), std::nullopt);
     letSomebodySit();
     fs::remove(sessions + "/1");
     EXPECT_EQ(probe.consoleUser(), std::nullopt);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesAnotherPersonInASessionOfTheSameName) {
     letSomebodySit();
     session("1", other.uid);
-    EXPECT_EQ(probe.consoleUser(), other.uid);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesAFileThatIsChangedInItsPlace) {
+    EXPECT_EQ(probe.consoleUser(), other.uid) << "another person in a session of the same name";
     letSomebodySit();
     std::string text = readTestFile(sessions + "/1");
     const std::string before = std::to_string(user.uid);
     text.replace(text.find(before), before.size(), std::to_string(other.uid));
     letTheFileClockTick();
     overwriteTestFile(sessions + "/1", text);
-    EXPECT_EQ(probe.consoleUser(), other.uid);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesASessionThatComesAfterItsSeat) {
-    seat("1", user.uid);
-    fs::remove(sessions + "/1");
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    session("1", user.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid);
+    EXPECT_EQ(probe.consoleUser(), other.uid) << "a file that is changed in its place";
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChanges) {
-    letSomebodySit();
-    const std::size_t before = mallocsMade();
-    for (int turn = 0; turn < 5; ++turn) {
-        EXPECT_EQ(probe.consoleUser(), user.uid);
+    for (const char* sessionClass : {"user", "greeter"}) {
+        session("1", user.uid, sessionClass);
+        seat("1", user.uid);
+        std::size_t before = mallocsMade();
+        const auto answer = probe.consoleUser();
+        EXPECT_GT(mallocsMade(), before) << "that it looks again is seen";
+        before = mallocsMade();
+        for (int turn = 0; turn < 5; ++turn) {
+            EXPECT_EQ(probe.consoleUser(), answer);
+        }
+        EXPECT_EQ(mallocsMade(), before) << sessionClass;
     }
-    EXPECT_EQ(mallocsMade(), before);
-    // And that it looks again is seen too.
-    session("1", user.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid);
-    EXPECT_GT(mallocsMade(), before);
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileALoginScreenIsInFront) {
-    session("1", 110, "greeter");
-    seat("1", 110);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    const std::size_t before = mallocsMade();
-    for (int turn = 0; turn < 5; ++turn) {
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    }
-    EXPECT_EQ(mallocsMade(), before);
 }
 
 // A program that a person leaves behind keeps their session closing, and at the seat, for ever.

@@ -4,8 +4,11 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <utility>
 
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -18,26 +21,22 @@ namespace {
 
 // A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
 // Not so in the first word: there systemd-run(1) looks for that very file.
-std::string withoutExpansion(const std::string& argument) {
-    std::string result;
-    for (const char character : argument) {
-        result += character;
-        if (character == '$') {
-            result += character;
-        }
+std::string withoutExpansion(std::string argument) {
+    for (std::size_t at = 0; (at = argument.find('$', at)) != std::string::npos; at += 2) {
+        argument.insert(at, 1, '$');
     }
-    return result;
+    return argument;
 }
 
 // `text` with all but ASCII letters and digits, which are safe in a unit's name, as "_".
-std::string unitName(const std::string& text) {
-    std::string result = text;
-    for (char& c : result) {
-        const bool safe =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.';
-        c = safe ? c : '_';
-    }
-    return result;
+std::string unitName(std::string text) {
+    std::ranges::replace_if(
+        text,
+        [](char c) {
+            return (c < 'a' || c > 'z') && (c < 'A' || c > 'Z') && (c < '0' || c > '9') && c != '.';
+        },
+        '_');
+    return text;
 }
 
 // A manager that answers may still leave what asks it to start the app waiting for ever; the next
@@ -47,39 +46,23 @@ constexpr unsigned managerSecondsAtMost = 30;
 // How long the user's manager may take to answer. One that is stuck must not keep the app closed.
 constexpr std::chrono::seconds managerPatience{2};
 
-// Connects without waiting; the kernel says at once when nobody listens.
-Descriptor connectTo(const std::string& path) {
-    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const auto address = socketAddress(path);
-    const bool connected = socket.isOpen() && address &&
-                           connect(socket.get(), generic(*address), sizeof *address) == 0;
-    return connected ? std::move(socket) : Descriptor{};
-}
+// The folder of the user's session: systemd-run(1), environment.
+std::string sessionFolder(const User& user) { return "/run/user/" + std::to_string(user.uid); }
 
 // Whether the manager is well; nothing while it has not replied.
 using Answer = std::optional<bool>;
-
-// Notes the reply in the Answer `userdata`. A connection that breaks replies too, with an error
-// that sd-bus makes up.
-int onReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
-    return 0;
-}
 
 // Serves `bus` until the reply to the ping sets `answer`, or patience ends.
 void waitForAnswer(sd_bus* bus, const Answer& answer) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point end = Clock::now() + managerPatience;
-    while (!answer) {
-        const int processed = sd_bus_process(bus, nullptr);
-        if (processed < 0) {
-            return;
+    std::chrono::microseconds left = managerPatience;
+    for (int result = 0; !answer && result >= 0 && left.count() > 0;) {
+        result = sd_bus_process(bus, nullptr);
+        if (result == 0) {
+            result = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
         }
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
-        if (left.count() <= 0 ||
-            (processed == 0 && sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())) < 0)) {
-            return;
-        }
+        left = std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now());
     }
 }
 
@@ -87,14 +70,21 @@ void waitForAnswer(sd_bus* bus, const Answer& answer) {
 // use. A manager that is gone may leave the socket's file behind, and one that is stuck still
 // accepts.
 bool managerAnswers(const User& user) {
-    Descriptor socket = connectTo("/run/user/" + std::to_string(user.uid) + "/systemd/private");
+    const auto address = socketAddress(sessionFolder(user) + "/systemd/private");
+    // Without waiting; the kernel says at once when nobody listens.
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sd_bus* bus = nullptr;
-    if (!socket.isOpen() || sd_bus_new(&bus) < 0) {
+    if (!address || connect(socket.get(), generic(*address), sizeof *address) != 0 ||
+        sd_bus_new(&bus) < 0) {
         return false;
     }
     Answer answer;
-    const int descriptor = socket.get();
-    if (sd_bus_set_fd(bus, descriptor, descriptor) >= 0) {
+    // A connection that breaks replies too, with an error that sd-bus makes up.
+    const auto onReply = [](sd_bus_message* reply, void* userdata, sd_bus_error*) {
+        *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
+        return 0;
+    };
+    if (sd_bus_set_fd(bus, socket.get(), socket.get()) >= 0) {
         [[maybe_unused]] const int owned = socket.release();  // by the bus
         if (sd_bus_start(bus) >= 0 &&
             sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
@@ -115,12 +105,9 @@ std::string randomUnitSuffix() {
     if (getrandom(&number, sizeof number, 0) != sizeof number) {
         number = static_cast<std::uint32_t>(getpid());
     }
-    constexpr const char* digits = "0123456789abcdef";
-    std::string text;
-    for (unsigned shift = 0; shift < 32; shift += 4) {
-        text += digits[number >> shift & 0xFU];
-    }
-    return text;
+    std::array<char, 9> text{};
+    std::snprintf(text.data(), text.size(), "%08x", number);
+    return text.data();
 }
 
 Command systemCommand(const std::string& helperExecutable, const Request& request,
@@ -141,16 +128,14 @@ Command systemCommand(const std::string& helperExecutable, const Request& reques
          // other programs can use up.
          "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helperExecutable},
         {}};
-    for (const std::string& word : words(request)) {
+    for (const std::string& word : withWords({}, request)) {
         command.arguments.push_back(withoutExpansion(word));
     }
     return command;
 }
 
 Command helperCommand(const std::string& helperExecutable, const Request& request) {
-    Command command{helperExecutable, {helperExecutable}, {}};
-    append(command.arguments, words(request));
-    return command;
+    return {helperExecutable, withWords({helperExecutable}, request), {}};
 }
 
 Command managerCommand(const Request& request, const User& user, const std::string& executable,
@@ -166,16 +151,13 @@ Command managerCommand(const Request& request, const User& user, const std::stri
          executable},
         environment(user),
         managerSecondsAtMost};
-    // Where the manager's socket is: systemd-run(1), environment.
-    command.environment.push_back("XDG_RUNTIME_DIR=/run/user/" + std::to_string(user.uid));
-    append(command.arguments, appArguments(request.afterQuit));
+    command.arguments = withAppArguments(std::move(command.arguments), request.afterQuit);
+    command.environment.push_back("XDG_RUNTIME_DIR=" + sessionFolder(user));
     return command;
 }
 
 Command directCommand(const Request& request, const User& user, const std::string& executable) {
-    Command command{executable, {executable}, environment(user)};
-    append(command.arguments, appArguments(request.afterQuit));
-    return command;
+    return {executable, withAppArguments({executable}, request.afterQuit), environment(user)};
 }
 
 Command commandFor(const Request& request, const User& user) {

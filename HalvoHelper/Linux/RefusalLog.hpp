@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <string>
 
-#include "HalvoPlatform/Time.hpp"
+#include "HalvoHelper/Linux/Limits.hpp"
+#include "HalvoPlatform/Log.hpp"
 
 namespace halvo {
 
@@ -14,12 +15,24 @@ class RefusalLog {
   public:
     // Notes at the time `now` (of any clock that nobody can set) that a caller was turned away, and
     // `why`.
-    void refused(Seconds now, const std::string& why);
+    void refused(Seconds now, const std::string& why) {
+        if (refused_ == 0 || now - spanStart_ >= Limits::refusalSpan) {
+            if (refused_ > Limits::refusalLines) {
+                HALVO_LOG_ERROR(helperLog, "Refused %{public}ld more callers",
+                                static_cast<long>(refused_ - Limits::refusalLines));
+            }
+            spanStart_ = now;
+            refused_ = 0;
+        }
+        if (++refused_ <= Limits::refusalLines) {
+            HALVO_LOG_ERROR(helperLog, "Refused a caller: %{public}s", why.c_str());
+        }
+    }
 
   private:
     Seconds spanStart_{};
-    std::size_t lines_ = 0;
-    long untold_ = 0;
+    // Since then.
+    std::size_t refused_ = 0;
 };
 
 }  // namespace halvo

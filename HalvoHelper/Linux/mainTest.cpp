@@ -6,7 +6,9 @@
 
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
@@ -84,8 +86,6 @@ TEST_F(MainTest, StartsTheOtherModeWithItsWordInFront) {
     EXPECT_EQ(runAsNobody({"--open-as-user", "--open-as-user"}), std::pair(64, std::string()));
 }
 
-// --------------------------------------------------------------------------- as root, in a machine
-
 class MainPrivateMachineTest : public PrivateMachineTest {
   protected:
     void prepare() override { copyProgram(HALVO_HELPER, helper); }
@@ -126,35 +126,28 @@ class MainPrivateMachineTest : public PrivateMachineTest {
     const std::string socket = "/run/com.example.app.helper.sock";
 };
 
-struct InfoRow {
-    std::string name;
-    // Nothing: no Info.plist at all.
-    std::string app;
-    std::string team;
-};
-
-class MainBadInfoPrivateMachineTest : public MainPrivateMachineTest,
-                                      public ::testing::WithParamInterface<InfoRow> {};
-
-TEST_P(MainBadInfoPrivateMachineTest, EndsTheService) {
-    if (!GetParam().app.empty()) {
-        writeInfo(GetParam().app, GetParam().team);
+TEST_F(MainPrivateMachineTest, EndsWithoutAnIdentity) {
+    // The first has no Info.plist at all.
+    const std::pair<const char*, const char*> rows[] = {
+        {"", ""}, {"com..example", "7QX4KD19MT"}, {"com.example.app", "7qx4kd19mt"}};
+    for (const auto& [app, team] : rows) {
+        if (*app != '\0') {
+            writeInfo(app, team);
+        }
+        TestProcess process([&] { execute(helper, {}, helperEnvironment); });
+        EXPECT_EQ(process.wait(), 78) << app;
+        EXPECT_THAT(process.readAll(), HasSubstr(noIdentity)) << app;
     }
-    TestProcess process([&] { execute(helper, {}, helperEnvironment); });
-    EXPECT_EQ(process.wait(), 78);
-    EXPECT_THAT(process.readAll(), HasSubstr(noIdentity));
 }
 
-INSTANTIATE_TEST_SUITE_P(Infos, MainBadInfoPrivateMachineTest,
-                         ::testing::Values(InfoRow{"None", "", ""},
-                                           InfoRow{"BadApp", "com..example", "7QX4KD19MT"},
-                                           InfoRow{"BadTeam", "com.example.app", "7qx4kd19mt"}),
-                         [](const auto& row) { return row.param.name; });
-
-TEST_F(MainPrivateMachineTest, ServesUntilItIsTerminated) {
+TEST_F(MainPrivateMachineTest, ServesAloneUntilItIsTerminated) {
     writeInfo("com.example.app", "7QX4KD19MT");
     const auto service = start({"x", "--open-as-user", "0"});
     ASSERT_NE(service, nullptr);
+    TestProcess second([&] { execute(helper, {}, helperEnvironment); });
+    EXPECT_EQ(second.wait(), 71);
+    EXPECT_THAT(second.readAll(), HasSubstr("Another helper already runs"));
+    EXPECT_TRUE(fs::is_socket(socket));
     service->send(SIGTERM);
     EXPECT_EQ(service->wait(), 0);
     EXPECT_EQ(service->readAll(),
@@ -193,18 +186,6 @@ TEST_F(MainPrivateMachineTest, EndsWithSeventyFiveWhenTerminatedWhileItHolds) {
     EXPECT_EQ(folder.st_mode & 07777, 0700U);
     fs::remove_all("/Library/Application Support/com.example.app.helper");
     fs::remove_all(app.path());
-}
-
-TEST_F(MainPrivateMachineTest, ASecondServiceEndsAndLeavesTheFirst) {
-    writeInfo("com.example.app", "7QX4KD19MT");
-    const auto first = start();
-    ASSERT_NE(first, nullptr);
-    TestProcess second([&] { execute(helper, {}, helperEnvironment); });
-    EXPECT_EQ(second.wait(), 71);
-    EXPECT_THAT(second.readAll(), HasSubstr("Another helper already runs"));
-    EXPECT_TRUE(fs::is_socket(socket));
-    first->send(SIGTERM);
-    EXPECT_EQ(first->wait(), 0);
 }
 
 }  // namespace

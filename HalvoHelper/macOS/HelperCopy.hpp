@@ -7,7 +7,17 @@
 
 #include "HalvoHelperCore/HelperIdentity.hpp"
 
-namespace halvo::HelperCopy {
+namespace halvo {
+
+// Checks that the program at `path` (UTF-8) is signed as `requirement` (in the code-signing
+// requirement language) demands, and whole: with every architecture of it, since the system may run
+// any, and nothing in the file that the signature does not cover (SecStaticCodeCheckValidity). Else
+// why not, in the system's words. Looks at the file as it is now; who can change it can do so right
+// after. Asks no network. Any thread.
+std::expected<void, std::string> checkCodeSignature(const std::string& path,
+                                                    const std::string& requirement);
+
+namespace HelperCopy {
 
 // The folder of root's in which the copy lies, which holds nothing else.
 std::string folder(const HelperIdentity& identity);
@@ -26,4 +36,5 @@ std::expected<std::string, std::string> make(const std::string& executable,
 // Takes away the copy, with its folder, that a process has left which was killed. Main queue only.
 void remove(const HelperIdentity& identity);
 
-}  // namespace halvo::HelperCopy
+}  // namespace HelperCopy
+}  // namespace halvo

@@ -4,11 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
@@ -127,7 +128,11 @@ TEST_F(HelperCopyPrivateMachineTest, IsRefusedForWhatTheTeamHasSignedAsSomething
     expectRefusal(unchecked + ": code signing error -67050");
 }
 
-TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFile) {
+TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFileOrMoreThanAHelperCanBe) {
+    fs::resize_file(executable, 16777216);
+    expectRefusal(unchecked + ": code object is not signed at all");
+    fs::resize_file(executable, 16777217);
+    expectRefusal(executable + ": File too large");
     fs::remove(executable);
     expectRefusal(executable + ": No such file or directory");
     ASSERT_EQ(mkfifo(executable.c_str(), 0666), 0);
@@ -137,37 +142,27 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFile) {
     expectRefusal(executable + ": Invalid argument");
 }
 
-TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfMoreThanAHelperCanBe) {
-    fs::resize_file(executable, 16777216);
-    expectRefusal(unchecked + ": code object is not signed at all");
-    fs::resize_file(executable, 16777217);
-    expectRefusal(executable + ": File too large");
-}
-
 TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereSomebodyElseCouldChangeIt) {
-    fs::create_directory(folder);
-    ASSERT_EQ(chown(folder.c_str(), user.uid, user.gid), 0);
-    EXPECT_EQ(HelperCopy::make(executable, identity),
-              Result(std::unexpected(folder + " belongs to user " + std::to_string(user.uid))));
-    fs::remove(folder);
     fs::create_directory(disk / "theirs");
-    fs::create_directory_symlink(disk / "theirs", folder);
-    EXPECT_EQ(HelperCopy::make(executable, identity),
-              Result(std::unexpected(folder + " is a symbolic link")));
+    const std::pair<std::function<void()>, std::string> rows[] = {
+        {[this] {
+             fs::create_directory(folder);
+             ASSERT_EQ(chown(folder.c_str(), user.uid, user.gid), 0);
+         },
+         folder + " belongs to user " + std::to_string(user.uid)},
+        {[this] { fs::create_directory_symlink(disk / "theirs", folder); },
+         folder + " is a symbolic link"},
+        {[] { writeTestFile(folder, ""); }, folder + ": Not a directory"},
+        {[] { fs::create_directories(unchecked); }, unchecked + ": Is a directory"},
+        {[] { fs::create_directories(copy); }, copy + ": Is a directory"},
+    };
+    for (const auto& [spoil, reason] : rows) {
+        EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
+        spoil();
+        EXPECT_EQ(HelperCopy::make(executable, identity), Result(std::unexpected(reason)));
+        fs::remove_all(folder);
+    }
     EXPECT_TRUE(fs::is_empty(disk / "theirs"));
-    fs::remove(folder);
-    writeTestFile(folder, "");
-    EXPECT_EQ(HelperCopy::make(executable, identity),
-              Result(std::unexpected(folder + ": Not a directory")));
-    fs::remove(folder);
-    fs::create_directories(unchecked);
-    EXPECT_EQ(HelperCopy::make(executable, identity),
-              Result(std::unexpected(unchecked + ": Is a directory")));
-    EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
-    fs::remove(unchecked);
-    fs::create_directories(copy);
-    EXPECT_EQ(HelperCopy::make(executable, identity),
-              Result(std::unexpected(copy + ": Is a directory")));
 }
 
 TEST_F(HelperCopyPrivateMachineTest, GoesWhenTheProcessEnds) {
@@ -196,6 +191,27 @@ TEST_F(HelperCopyPrivateMachineTest, GoesFromTheFolderThatWasUsedLast) {
     });
     EXPECT_EQ(process.status, 0) << process.output;
     EXPECT_FALSE(fs::exists("/Library/Application Support/com.example.other.helper.copy"));
+}
+
+TEST(CodeSignatureTest, IsCheckedAgainstARequirementThatCanBeReadAndLeavesNothingBehind) {
+    fake::reset();
+    const TemporaryFolder disk;
+    const std::string file = disk / "file";
+    writeTestFile(file, "signed");
+    using Checked = std::expected<void, std::string>;
+    const long before = fake::liveObjects("NSObject");
+    fake::world().signedFiles["signed"] = identity.helperRequirement();
+    EXPECT_EQ(checkCodeSignature(file, identity.helperRequirement()), Checked());
+    EXPECT_FALSE(checkCodeSignature(file, identity.appRequirement()));
+    EXPECT_EQ(checkCodeSignature("/nowhere", identity.helperRequirement()),
+              Checked(std::unexpected("/nowhere: code signing error -67068")));
+    // Any signature would do if the words could not be read and nobody noticed.
+    fake::world().signatureChecks.clear();
+    fake::world().signedFiles["signed"] = "anything";
+    EXPECT_EQ(checkCodeSignature(file, "anything"),
+              Checked(std::unexpected(file + ": code signing error -67052")));
+    EXPECT_THAT(fake::world().signatureChecks, IsEmpty());
+    EXPECT_EQ(fake::liveObjects("NSObject"), before);
 }
 
 }  // namespace

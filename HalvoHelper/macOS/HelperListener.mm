@@ -6,13 +6,10 @@
 
 #include <functional>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <utility>
 
-#include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoHelper/HelperService.hpp"
-#include "HalvoHelper/macOS/ExecutablePath.hpp"
+#include "HalvoHelper/macOS/ProcessList.hpp"
 #include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "HalvoPlatform/Paths.hpp"
@@ -28,10 +25,6 @@ using StatusReply = void (^)(BOOL holding, NSDate* until, BOOL locked);
 halvo::WallDate wallDateOf(NSDate* date) {
     return halvo::wallDate(date == nil ? std::numeric_limits<double>::quiet_NaN()
                                        : date.timeIntervalSince1970);
-}
-
-NSDate* foundationDate(const std::optional<halvo::WallDate>& date) {
-    return date ? [NSDate dateWithTimeIntervalSince1970:halvo::secondsSince1970(*date)] : nil;
 }
 
 // Runs `work` on the main queue, whose thread may keep what is autoreleased for long.
@@ -90,9 +83,12 @@ void answer(Reply reply, std::function<bool()> serve) {
     StatusReply copied = [reply copy];
     onMainQueue([served = requests, copied] {
         const halvo::HelperStatus status = served->status();
+        NSDate* until = nil;
+        if (status.until) {
+            until = [NSDate dateWithTimeIntervalSince1970:halvo::secondsSince1970(*status.until)];
+        }
         if (copied != nil) {
-            copied(status.holding ? YES : NO, foundationDate(status.until),
-                   status.locked ? YES : NO);
+            copied(status.holding ? YES : NO, until, status.locked ? YES : NO);
         }
     });
 }
@@ -162,8 +158,7 @@ class XPCListener final : public HelperListener {
 
 std::optional<std::string> startAdvice(const std::string&) { return std::nullopt; }
 
-std::expected<std::unique_ptr<HelperListener>, ListenerFailure> makeListener(
-    const std::string& name) {
+std::unique_ptr<HelperListener> makeListener(const std::string& name) {
     @autoreleasepool {
         return std::make_unique<XPCListener>(name);
     }

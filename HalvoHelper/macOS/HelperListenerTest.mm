@@ -1,5 +1,5 @@
 // What NSXPC brings, and what goes back. What is made of the requests:
-// HalvoHelper/HelperConnectionTest.cpp.
+// HalvoHelper/HelperServiceTest.cpp.
 #import <Foundation/Foundation.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/HelperListener.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
 #include "HalvoPlatform/MainQueue.hpp"
@@ -22,8 +21,11 @@
 namespace halvo::testing {
 namespace {
 
+using ::testing::AllOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 const std::string machService = "com.example.app.helper";
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
@@ -118,7 +120,7 @@ class XPCListenerTest : public ::testing::Test {
     const int worldReset = (fake::reset(), 0);
     SimulatedWorld world;
     const std::string app = world.addBundle("Applications/Halvo.app");
-    std::unique_ptr<HelperListener> listener = makeListener(machService).value();
+    std::unique_ptr<HelperListener> listener = makeListener(machService);
     HelperService service{identity,
                           {world.clock, world.flags, world.store, world.session, world.opener},
                           *listener,
@@ -128,19 +130,11 @@ class XPCListenerTest : public ::testing::Test {
     std::vector<std::string> replies;
 };
 
-// ---------------------------------------------------------------------------------- the listener
-
-TEST_F(XPCListenerTest, ListensOnTheMachServiceOfThatName) {
-    EXPECT_TRUE(fake::listener(machService));
+TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
+    ASSERT_TRUE(fake::listener(machService));
     EXPECT_FALSE(fake::listener("com.example.app"));
-}
-
-TEST_F(XPCListenerTest, AdmitsNobodyBeforeItServes) {
     EXPECT_FALSE(fake::listener(machService)->isResumed);
     EXPECT_EQ(connect(), nil);
-}
-
-TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
     serve();
     EXPECT_EQ(fake::listener(machService)->requirement,
               "anchor apple generic and identifier \"com.example.app\" and certificate "
@@ -165,26 +159,14 @@ TEST_F(XPCListenerTest, KeepsItsDelegateForAsLongAsItLives) {
     EXPECT_EQ(fake::liveObjects("ConnectionAcceptor"), before);
 }
 
-// ---------------------------------------------------------------------------------- the admission
-
 TEST_F(XPCListenerTest, ExportsTheRequestsAndHearsOfTheEndBeforeItResumes) {
     serveApp();
     EXPECT_THAT(fake::steps(connection), ElementsAre("interface", "object", "handler", "resume"));
     EXPECT_EQ(fake::exportedProtocol(connection), "HalvoHelperXPC");
 }
 
-TEST_F(XPCListenerTest, AdmitsEveryCallerThatReachesIt) {
-    serve();
-    for (const std::string& path :
-         {std::string(), std::string("/usr/bin/tool"), app + "/Contents/MacOS/Halvo"}) {
-        runs(path);
-        EXPECT_NE(connect(), nil) << path;
-    }
-    EXPECT_NE(fake::connect(machService, 1, 0), nil);
-    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
-}
-
 TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
+    world.calls.clear();
     serveApp();
     NSXPCConnection* other = connect();
     EXPECT_EQ(service.connections(), 0);
@@ -198,6 +180,7 @@ TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
     fake::invalidate(other);
     fake::serve(0);
     EXPECT_EQ(service.connections(), 0);
+    EXPECT_THAT(world.calls.calls(), IsEmpty()) << "it touched the engine without a request";
 }
 
 TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
@@ -213,57 +196,28 @@ TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
     EXPECT_EQ(service.connections(), 0);
 }
 
-TEST_F(XPCListenerTest, LeavesTheEngineAloneWithoutARequest) {
-    world.calls.clear();
-    serveApp();
-    fake::invalidate(connection);
-    fake::serve(0);
-    EXPECT_THAT(world.calls.calls(), IsEmpty());
-}
-
-TEST_F(XPCListenerTest, TakesTheCallersUserFromTheConnectionNotFromTheProcess) {
+TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
     serve();
-    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/Halvo"}};
-    EXPECT_TRUE(owns(app));
-    EXPECT_EQ(engine.commitment()->uid, ann);
-}
-
-TEST_F(XPCListenerTest, FindsTheCallersBundle) {
-    serve();
-    const std::string other = world.addBundle("Applications/Other.app");
-    runs(app + "/Contents/MacOS/Halvo");
-    EXPECT_FALSE(owns(other));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
-    EXPECT_TRUE(owns(app));
-}
-
-TEST_F(XPCListenerTest, ACallerWithoutAnExecutableOrABundleOwnsNone) {
-    serve();
-    for (const std::string& path : {std::string(), app + "/Halvo"}) {
-        fake::reset();
-        listener = makeListener(machService).value();
-        serve();
+    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
+    // Nothing, what is in no bundle, and another bundle.
+    for (const std::string& path :
+         {std::string(), app + "/Halvo",
+          world.addBundle("Applications/Other.app") + "/Contents/MacOS/Halvo"}) {
         runs(path);
+        const std::size_t refused = fake::errors().size();
         EXPECT_FALSE(owns(app)) << path;
-        EXPECT_THAT(fake::errors(), ElementsAre(notTheirs)) << path;
+        EXPECT_EQ(fake::errors().size(), refused + 1);
+        EXPECT_EQ(fake::errors().back(), notTheirs) << path;
     }
-}
-
-TEST_F(XPCListenerTest, FixesThePeerWhenItAdmits) {
-    serveApp();
+    // Of a name that is longer than the buffer, as much as fits. The user is the connection's.
+    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/" + std::string(5000, 'a')}};
+    connection = connect();
     runs("/usr/bin/tool");
     begin();
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes"));
+    EXPECT_THAT(replies.back(), "begin yes");
+    EXPECT_EQ(engine.commitment()->uid, ann);
 }
-
-TEST_F(XPCListenerTest, ReadsNoMoreThanTheBufferOfALongerPath) {
-    serve();
-    runs(app + "/Contents/MacOS/" + std::string(5000, 'a'));
-    EXPECT_TRUE(owns(app)) << "of its name as much as fits";
-}
-
-// ----------------------------------------------------------------------------------- the requests
 
 TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
     serveApp();
@@ -283,33 +237,22 @@ TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
                             "status holding until 3600.000000 locked", "end yes"));
 }
 
-TEST_F(XPCListenerTest, TellsALockThatCouldNotBeSet) {
-    serveApp();
-    world.flags.failsToLock = true;
-    begin();
-    status();
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000"));
-}
-
-TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBit) {
+TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBitAndWhatTheEngineSaysOfIt) {
     serveApp();
     const WallDate until = wallDate(1'760'000'600.123456);
     const WallDate started = wallDate(1'759'999'999.654321);
+    world.flags.failsToLock = true;
+    begin("/Applications/Other.app");
     begin(foundationText(app), dateOf(until), dateOf(started));
+    status();
     fake::serve(0);
+    EXPECT_THAT(replies,
+                ElementsAre("begin no", "begin yes",
+                            "status holding until " + std::to_string((until - now()).count())));
     ASSERT_TRUE(engine.commitment());
     EXPECT_EQ(engine.commitment()->remaining, until - now());
     EXPECT_EQ(engine.commitment()->startedWall, started);
-}
-
-TEST_F(XPCListenerTest, RefusesABeginThatTheEngineRefuses) {
-    serveApp();
-    begin("/Applications/Other.app");
-    begin(foundationText(app), dateOf(now() - hour), dateOf(now()));
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
+    EXPECT_THAT(fake::errors().front(), notTheirs);
 }
 
 TEST_F(XPCListenerTest, PassesTheAnnouncementThatTheSessionEnds) {
@@ -340,45 +283,21 @@ TEST_F(XPCListenerTest, ResolvesThePathWhenTheRequestComes) {
     EXPECT_EQ(engine.commitment()->appPath, app);
 }
 
-// [NSDate distantPast] and [NSDate distantFuture]: the years 1 and 4001.
-TEST_F(XPCListenerTest, TakesTheDistantFutureAndTheDistantPastForDates) {
-    serveApp();
-    NSDate* distantPast = dateOf(wallDate(-62'135'769'600));
-    NSDate* distantFuture = dateOf(wallDate(64'092'211'200));
-    begin(foundationText(app), distantFuture, dateOf(now()));
-    status();
-    begin(foundationText(app), distantPast, dateOf(now()));
-    status();
-    begin(foundationText(app), distantFuture, distantPast);
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 86400.000000 locked",
-                                     "begin no", "status idle", "begin no"));
-    EXPECT_THAT(fake::errors(), IsEmpty());
-}
-
-// ---------------------------------------------------------------------------- what may be left out
-
-TEST_F(XPCListenerTest, TakesWhatIsNoTextForNoBundlePath) {
+TEST_F(XPCListenerTest, TakesWhatIsMissingForNoBundlePathAndNoDate) {
     serveApp();
     // A zero byte does not end the path.
     const std::string path = app + std::string("\0.app", 5);
-    NSString* missing = nil;
-    for (NSString* text : {missing, fake::loneSurrogate(), foundationText(path)}) {
+    NSString* noText = nil;
+    NSDate* noDate = nil;
+    for (NSString* text : {noText, fake::loneSurrogate(), foundationText(path)}) {
         begin(text, dateOf(now() + hour), dateOf(now()));
     }
+    begin(foundationText(app), noDate, dateOf(now()));
+    begin(foundationText(app), dateOf(now() + hour), noDate);
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs));
-}
-
-TEST_F(XPCListenerTest, TakesAMissingDateForNone) {
-    serveApp();
-    NSDate* missing = nil;
-    begin(foundationText(app), missing, dateOf(now()));
-    begin(foundationText(app), dateOf(now() + hour), missing);
-    fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin no", "begin no"));
-    EXPECT_THAT(fake::errors(), ElementsAre("Refused a begin: until is not a finite number",
+    EXPECT_THAT(replies, AllOf(SizeIs(5), Each("begin no")));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs,
+                                            "Refused a begin: until is not a finite number",
                                             "Refused a begin: started is not a finite number"));
     EXPECT_TRUE(engine.isIdle());
 }
@@ -404,50 +323,26 @@ TEST_F(XPCListenerTest, ServesARequestWithoutAReply) {
     EXPECT_TRUE(engine.isIdle());
 }
 
-// ----------------------------------------------------------------------------------- its lifetime
-
-// What is alive of one test; others may have left some to the pool of the thread.
-class XPCListenerLifetimeTest : public XPCListenerTest {
-  protected:
-    [[nodiscard]] long exportedObjects() const {
-        return fake::liveObjects("HelperConnection") - exportedBefore;
-    }
-
-    [[nodiscard]] long connections() const {
-        return fake::liveObjects("NSXPCConnection") - connectionsBefore;
-    }
-
-  private:
-    const long exportedBefore = fake::liveObjects("HelperConnection");
-    const long connectionsBefore = fake::liveObjects("NSXPCConnection");
-};
-
-TEST_F(XPCListenerLifetimeTest, LetsGoOfWhatItExportedAfterTheInvalidation) {
+TEST_F(XPCListenerTest, LetsGoOfWhatItExportedAfterTheInvalidationButAnswersWhatIsUnderWay) {
+    // What others may have left to the pool of the thread.
+    const long exported = fake::liveObjects("HelperConnection");
+    const long connections = fake::liveObjects("NSXPCConnection");
     @autoreleasepool {
         serveApp();
         status();
         fake::serve(0);
-        EXPECT_EQ(exportedObjects(), 1);
-        fake::invalidate(connection);
-        fake::serve(0);
-        connection = nil;
-    }
-    EXPECT_EQ(exportedObjects(), 0);
-    EXPECT_EQ(connections(), 0);
-}
-
-TEST_F(XPCListenerLifetimeTest, AnswersRequestsWhoseConnectionDiesMeanwhile) {
-    @autoreleasepool {
-        serveApp();
+        EXPECT_EQ(fake::liveObjects("HelperConnection"), exported + 1);
         begin();
         status();
         fake::invalidate(connection);
         connection = nil;
     }
-    EXPECT_EQ(exportedObjects(), 0);
+    EXPECT_EQ(fake::liveObjects("HelperConnection"), exported);
     fake::serve(0);
-    EXPECT_THAT(replies, ElementsAre("begin yes", "status holding until 3600.000000 locked"));
+    EXPECT_THAT(replies,
+                ElementsAre("status idle", "begin yes", "status holding until 3600.000000 locked"));
     EXPECT_EQ(service.connections(), 0);
+    EXPECT_EQ(fake::liveObjects("NSXPCConnection"), connections);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <expected>
 #include <filesystem>
 #include <optional>
-#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -19,46 +18,30 @@
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 
 namespace halvo {
 namespace {
 
-// Starts the mode in the session of the user; launchctl(1), asuser.
-OpenAsUser::Command launchctlCommand(const std::string& helperExecutable,
-                                     const OpenAsUser::Request& request) {
-    OpenAsUser::Command command{
-        "/bin/launchctl",
-        {"/bin/launchctl", "asuser", std::to_string(request.uid), helperExecutable},
-        {}};
-    OpenAsUser::append(command.arguments, OpenAsUser::words(request));
-    return command;
-}
-
-NSTask* taskOf(const OpenAsUser::Command& command) {
+// A task that starts the mode in `program` in the session of the user; launchctl(1), asuser.
+NSTask* taskOf(const std::string& program, const OpenAsUser::Request& request) {
     NSTask* task = [[NSTask alloc] init];
-    task.executableURL = [NSURL fileURLWithPath:knownFoundationText(command.path)];
+    task.executableURL = [NSURL fileURLWithPath:@"/bin/launchctl"];
     NSMutableArray<NSString*>* arguments = [NSMutableArray array];
-    // The first is the program's own name, which NSTask adds itself.
-    for (std::size_t i = 1; i < command.arguments.size(); ++i) {
-        NSString* argument = foundationText(command.arguments[i]);
+    for (const std::string& word :
+         OpenAsUser::withWords({"asuser", std::to_string(request.uid), program}, request)) {
+        NSString* argument = foundationText(word);
         // A path that is not UTF-8 leads nowhere; nil would end the process.
         [arguments addObject:argument != nil ? argument : @""];
     }
     task.arguments = arguments;
     // Nothing; without it the child would have ours.
     task.environment = @{};
-    // Nobody waits for it.
+    // The child is not waited for.
     task.terminationHandler = ^(NSTask*) {
     };
     return task;
-}
-
-// Who the helper is, by its own Info.plist.
-std::optional<HelperIdentity> ownIdentity() {
-    return HelperIdentity::helper(Bundle::main().info());
 }
 
 // Whether `bundle` has the `executable` in it, is root's alone from itself downwards, and
@@ -82,59 +65,47 @@ std::expected<std::string, std::string> rootsProgram(const std::string& executab
     if (!RootOwnedPath::problem(executable) || isPinned(executable, appPath)) {
         return executable;
     }
-    const auto identity = ownIdentity();
+    const auto identity = HelperIdentity::helper(Bundle::main().info());
     if (!identity) {
         return std::unexpected("The helper has no team or app identifier in its Info.plist");
     }
     return HelperCopy::make(executable, *identity);
 }
 
-// While it lives, what this thread starts has every signal at its default and none blocked,
-// whatever NSTask does about them: the helper ignores SIGTERM, and Dispatch's threads
-// block all they can.
+void setHandler(int signal, void (*handler)(int)) {
+    struct sigaction action{};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(signal, &action, nullptr);
+}
+
+// Launches `task` with every signal at its default and none blocked, whatever NSTask does about
+// them: the helper ignores SIGTERM, and Dispatch's threads block all they can. Why it failed, or
+// nothing.
 //
 // What is ignored is caught meanwhile, by nothing: execve(2) makes that the default in the child,
 // and a SIGTERM that comes just now still does not end the helper, and still reaches the source
 // that watches it (kqueue(2), EVFILT_SIGNAL).
-class ChildSignals {
-  public:
-    ChildSignals() {
-        for (int signal = 1; signal < NSIG; ++signal) {
-            struct sigaction action{};
-            if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
-                ignored_.push_back(signal);
-                setHandler(signal, [](int) {});
-            }
-        }
-        sigset_t none;
-        sigemptyset(&none);
-        pthread_sigmask(SIG_SETMASK, &none, &mask_);
-    }
-
-    ChildSignals(const ChildSignals&) = delete;
-    ChildSignals& operator=(const ChildSignals&) = delete;
-
-    ~ChildSignals() {
-        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
-        for (const int signal : ignored_) {
-            setHandler(signal, SIG_IGN);
-        }
-    }
-
-  private:
-    static void setHandler(int signal, void (*handler)(int)) {
+std::optional<std::string> launch(NSTask* task) {
+    std::vector<int> ignored;
+    for (int signal = 1; signal < NSIG; ++signal) {
         struct sigaction action{};
-        action.sa_handler = handler;
-        action.sa_flags = SA_RESTART;
-        sigaction(signal, &action, nullptr);
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+            ignored.push_back(signal);
+            setHandler(signal, [](int) {});
+        }
     }
-
-    std::vector<int> ignored_;
-    sigset_t mask_{};
-};
-
-void logFailure(const std::string& reason) {
-    HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", reason.c_str());
+    sigset_t none;
+    sigset_t before;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, &before);
+    NSError* error = nil;
+    const bool launched = [task launchAndReturnError:&error];
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    for (const int signal : ignored) {
+        setHandler(signal, SIG_IGN);
+    }
+    return launched ? std::nullopt : std::optional(textOf(error.localizedDescription).value_or(""));
 }
 
 // Who reads it types it into a shell: a path that could end the quotes is not in it.
@@ -148,7 +119,7 @@ std::string unifiedLogOf(const std::string& appPath) {
 
 LiveOpener::LiveOpener(std::string helperExecutable)
     : helperExecutable_(std::move(helperExecutable)) {
-    if (const auto identity = ownIdentity()) {
+    if (const auto identity = HelperIdentity::helper(Bundle::main().info())) {
         HelperCopy::remove(*identity);
     }
 }
@@ -159,16 +130,15 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
             return;
         }
         const auto program = rootsProgram(helperExecutable_, appPath);
-        if (!program) {
-            logFailure(program.error());
-            return;
+        std::optional<std::string> failure;
+        if (program) {
+            streak_.next(appPath, uid, sinceBoot(), unifiedLogOf(appPath));
+            failure = launch(taskOf(*program, {uid, appPath, afterQuit}));
+        } else {
+            failure = program.error();
         }
-        streak_.next(appPath, uid, sinceBoot(), unifiedLogOf(appPath));
-        NSTask* task = taskOf(launchctlCommand(*program, {uid, appPath, afterQuit}));
-        NSError* error = nil;
-        const ChildSignals signals;
-        if (![task launchAndReturnError:&error]) {
-            logFailure(textOf(error.localizedDescription).value_or(""));
+        if (failure) {
+            HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", failure->c_str());
         }
     }
 }

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -23,24 +24,6 @@ using ::testing::IsEmpty;
 
 const std::string helper = "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
 
-// Gives the folder at `path` other permissions while it lives.
-class Mode {
-  public:
-    Mode(std::filesystem::path path, mode_t mode) : path_(std::move(path)) {
-        before_ = std::filesystem::status(path_).permissions();
-        std::filesystem::permissions(path_, static_cast<std::filesystem::perms>(mode));
-    }
-
-    ~Mode() { std::filesystem::permissions(path_, before_); }
-
-    Mode(const Mode&) = delete;
-    Mode& operator=(const Mode&) = delete;
-
-  private:
-    std::filesystem::path path_;
-    std::filesystem::perms before_{};
-};
-
 // The helper lies in a bundle that is root's alone, until a test changes that.
 class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
   protected:
@@ -58,6 +41,7 @@ class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
     void cleanUp() override {
         ChflagsFileFlags(ItemFlag::systemImmutable).setLocked(false, bundle);
         std::filesystem::remove_all(bundle);
+        ASSERT_EQ(chmod(applications.c_str(), 0755), 0);
         HelperCopy::remove(identity);
     }
 
@@ -70,28 +54,28 @@ class LiveOpenerPrivateMachineTest : public PrivateMachineTest {
     LiveOpener opener{helper};
 };
 
-TEST_F(LiveOpenerPrivateMachineTest, StartsTheHelpersExecutableThroughLaunchctl) {
+TEST_F(LiveOpenerPrivateMachineTest, StartsTheHelpersExecutableThroughLaunchctlEachTime) {
+    // One may have any name, also one that is not text: no folder of the app's is named so, but a
+    // disk may have one.
+    const std::string odd = disk / "H\xC3\xA4 \"l$vo\n.app";
+    const std::string broken = disk / "\xFF.app";
+    std::filesystem::create_directory(odd);
+    std::filesystem::create_directory(broken);
     opener.open(app, 501, false);
-    const fake::Launch expected{
-        "/bin/launchctl", {"asuser", "501", helper, "--open-as-user", "501", app}, {}, true};
-    EXPECT_THAT(fake::world().launches, ElementsAre(expected));
-    EXPECT_THAT(fake::world().log, IsEmpty());
-}
-
-TEST_F(LiveOpenerPrivateMachineTest, TellsWhenItIsAfterAQuit) {
     opener.open(app, 4294967295, true);
-    const fake::Launch expected{
-        "/bin/launchctl",
-        {"asuser", "4294967295", helper, "--open-as-user", "4294967295", app, "--after-quit"},
-        {},
-        true};
-    EXPECT_THAT(fake::world().launches, ElementsAre(expected));
-}
-
-TEST_F(LiveOpenerPrivateMachineTest, OpensAgainEachTimeItIsAsked) {
-    opener.open(app, 501, false);
-    opener.open(app, 501, false);
-    EXPECT_EQ(fake::world().launches.size(), 2U);
+    opener.open(odd, 501, false);
+    opener.open(broken, 501, true);
+    const auto launch = [](std::vector<std::string> words) {
+        return fake::Launch{"/bin/launchctl", std::move(words), {}, true};
+    };
+    EXPECT_THAT(fake::world().launches,
+                ElementsAre(launch({"asuser", "501", helper, "--open-as-user", "501", app}),
+                            launch({"asuser", "4294967295", helper, "--open-as-user", "4294967295",
+                                    app, "--after-quit"}),
+                            launch({"asuser", "501", helper, "--open-as-user", "501", odd}),
+                            launch({"asuser", "501", helper, "--open-as-user", "501", "",
+                                    "--after-quit"})));
+    EXPECT_THAT(fake::world().log, IsEmpty());
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, TellsWhereTheMessagesAreOfAnAppThatDoesNotStay) {
@@ -108,6 +92,13 @@ TEST_F(LiveOpenerPrivateMachineTest, TellsWhereTheMessagesAreOfAnAppThatDoesNotS
     EXPECT_THAT(fake::world().log, ElementsAre(told("2"), told("4")));
     EXPECT_EQ(fake::world().launches.back(), fake::world().launches.front())
         << "there is one way only";
+    // Never a command that a path could end.
+    const std::string odd = disk / "H'$(x)'.app";
+    std::filesystem::create_directory(odd);
+    for (int turn = 0; turn < 3; ++turn) {
+        opener.open(odd, 501, false);
+    }
+    EXPECT_THAT(fake::errors().back(), ::testing::EndsWith("CONTAINS \".app/\"'"));
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, LeavesBlockedWhatTheThreadBlocks) {
@@ -120,23 +111,6 @@ TEST_F(LiveOpenerPrivateMachineTest, LeavesBlockedWhatTheThreadBlocks) {
     opener.open(app, 501, false);
     pthread_sigmask(SIG_SETMASK, &before, &after);
     EXPECT_EQ(sigismember(&after, SIGUSR1), 1);
-}
-
-TEST_F(LiveOpenerPrivateMachineTest, TellsNoCommandThatAPathCouldEnd) {
-    const std::string odd = disk / "H'$(x)'.app";
-    std::filesystem::create_directory(odd);
-    for (int turn = 0; turn < 3; ++turn) {
-        opener.open(odd, 501, false);
-    }
-    EXPECT_THAT(fake::errors(), ElementsAre(::testing::EndsWith("CONTAINS \".app/\"'")));
-}
-
-TEST_F(LiveOpenerPrivateMachineTest, OpensAnOddlyNamedApp) {
-    const std::string odd = disk / "H\xC3\xA4 \"l$vo\n.app";
-    std::filesystem::create_directory(odd);
-    opener.open(odd, 501, false);
-    ASSERT_EQ(fake::world().launches.size(), 1U);
-    EXPECT_EQ(fake::world().launches[0].arguments.back(), odd);
 }
 
 TEST_F(LiveOpenerPrivateMachineTest, DoesNothingWithoutAnApp) {
@@ -158,18 +132,6 @@ TEST_F(LiveOpenerPrivateMachineTest, SaysWhyTheChildCouldNotBeStarted) {
                                            "Couldn't open Halvo: " + *fake::world().launchError}));
 }
 
-// No folder of the app's is named so, but a disk may have one.
-TEST_F(LiveOpenerPrivateMachineTest, SurvivesAPathThatIsNotText) {
-    const std::string odd = disk / "\xFF.app";
-    std::filesystem::create_directory(odd);
-    opener.open(odd, 501, true);
-    ASSERT_EQ(fake::world().launches.size(), 1U);
-    EXPECT_THAT(fake::world().launches[0].arguments,
-                ElementsAre("asuser", "501", helper, "--open-as-user", "501", "", "--after-quit"));
-}
-
-// ------------------------------------------------------ a bundle that is not root's alone
-
 TEST_F(LiveOpenerPrivateMachineTest, NeverStartsAsRootWhatLiesInABundleOfSomebodyElse) {
     ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
     opener.open(app, 501, true);
@@ -188,20 +150,21 @@ TEST_F(LiveOpenerPrivateMachineTest, StartsALockedBundleOfRootsInAFolderOfAdmins
         opener.open(of, 501, false);
         return fake::world().launches.empty() ? "" : fake::world().launches[0].arguments.at(2);
     };
-    const Mode admins(applications, 0775);
+    const auto change = [](const std::string& path, mode_t mode) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    };
+    change(applications, 0775);
     EXPECT_EQ(program(bundle), copy) << "another could be put in its place";
     ASSERT_TRUE(flags.setLocked(true, bundle));
     EXPECT_EQ(program(bundle), helper);
     EXPECT_EQ(program(app), copy) << "the helper is in another bundle";
-    {
-        const Mode everybodys(bundle + "/Contents", 0777);
-        EXPECT_EQ(program(bundle), copy) << "what lies in the bundle is not root's alone";
-    }
-    {
-        const Mode everybodys("/", 0777);
-        EXPECT_EQ(program(bundle), "") << "the folder itself could be another, and the copy's";
-        EXPECT_EQ(fake::errors().size(), 1U);
-    }
+    change(bundle + "/Contents", 0777);
+    EXPECT_EQ(program(bundle), copy) << "what lies in the bundle is not root's alone";
+    change(bundle + "/Contents", 0755);
+    change("/", 0777);
+    EXPECT_EQ(program(bundle), "") << "the folder itself could be another, and the copy's";
+    EXPECT_EQ(fake::errors().size(), 1U);
+    change("/", 0755);
     EXPECT_EQ(program(bundle), helper);
     EXPECT_EQ(fake::world().log.size(), 1U);
 

@@ -7,20 +7,17 @@
 #include <algorithm>
 #include <vector>
 
-#include "HalvoHelper/macOS/ExecutablePath.hpp"
 #include "HalvoHelper/macOS/ProcessList.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
-namespace {
 
-// The executable of the bundle last asked about. A bundle is looked into again only when another
-// one is asked about, or its executable is gone.
-class ExpectedExecutable {
-  public:
-    const std::string& of(const std::string& bundlePath) {
+struct LiveSessionProbe::State {
+    // The executable of the bundle last asked about. A bundle is looked into again only when
+    // another one is asked about, or its executable is gone.
+    const std::string& executableOf(const std::string& bundlePath) {
         if (bundlePath != bundlePath_ || !itemExists(executable_)) {
             bundlePath_ = bundlePath;
             executable_ = Bundle(bundlePath)
@@ -30,16 +27,9 @@ class ExpectedExecutable {
         return executable_;
     }
 
-  private:
-    std::string bundlePath_;
-    std::string executable_;
-};
-
-// All processes (libproc.h), in one pass with buffers that stay.
-class Processes {
-  public:
     // Whether a process with the effective user `uid` runs the executable at the path `executable`.
-    bool run(const std::string& executable, std::uint32_t uid) {
+    // Looks at all processes in one pass, with buffers that stay.
+    bool isRun(const std::string& executable, std::uint32_t uid) {
         listProcesses(processes_);
         return std::ranges::any_of(processes_, [&](pid_t process) {
             return process > 0 && isProcessOf(uid, process) &&
@@ -48,16 +38,10 @@ class Processes {
     }
 
   private:
+    std::string bundlePath_;
+    std::string executable_;
     std::vector<pid_t> processes_;
     PathBuffer path_{};
-};
-
-}  // namespace
-
-class LiveSessionProbe::State {
-  public:
-    ExpectedExecutable executable;
-    Processes processes;
 };
 
 LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique<State>()) {}
@@ -77,7 +61,7 @@ std::optional<std::uint32_t> LiveSessionProbe::consoleUser() {
 }
 
 bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
-    return state_->processes.run(state_->executable.of(bundlePath), uid);
+    return state_->isRun(state_->executableOf(bundlePath), uid);
 }
 
 }  // namespace halvo

@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
@@ -57,47 +55,31 @@ class LiveSessionProbeTest : public ::testing::Test {
     LiveSessionProbe probe;
 };
 
-// -------------------------------------------------------------------------------------- the
-// console
+TEST_F(LiveSessionProbeTest, TakesWhoHasANameForTheUserAtTheConsole) {
+    const struct {
+        std::optional<std::string> name;
+        std::uint32_t uid;
+        std::optional<std::uint32_t> user;
+    } rows[] = {
+        {"ann", ann, ann},
+        {"ben", 4294967295, 4294967295},
+        {"l\xC3\xA9o", 503, 503},
+        {"LoginWindow", ann, ann},
+        {"loginwindow2", ann, ann},
+        {std::nullopt, ann, std::nullopt},
+        {"", ann, std::nullopt},
+        {"loginwindow", 0, std::nullopt},
+        {"loginwindow", 88, std::nullopt},
+        {"root", 0, std::nullopt},
+        {"ann", 0, std::nullopt},
+    };
 
-struct ConsoleRow {
-    std::optional<std::string> name;
-    std::uint32_t uid;
-    std::optional<std::uint32_t> user;
-};
-
-class LiveSessionProbeConsoleTest : public ::testing::TestWithParam<ConsoleRow> {};
-
-TEST_P(LiveSessionProbeConsoleTest, IsWhoHasAName) {
-    fake::reset();
-    fake::world().consoleUser = GetParam().name;
-    fake::world().consoleUID = GetParam().uid;
-    EXPECT_EQ(LiveSessionProbe().consoleUser(), GetParam().user);
+    for (const auto& row : rows) {
+        fake::world().consoleUser = row.name;
+        fake::world().consoleUID = row.uid;
+        EXPECT_EQ(probe.consoleUser(), row.user) << row.name.value_or("none") << row.uid;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sessions, LiveSessionProbeConsoleTest,
-    ::testing::Values(ConsoleRow{"ann", ann, ann}, ConsoleRow{"ben", 4294967295, 4294967295},
-                      ConsoleRow{"l\xC3\xA9o", 503, 503}, ConsoleRow{"LoginWindow", ann, ann},
-                      ConsoleRow{"loginwindow2", ann, ann},
-                      // Nobody.
-                      ConsoleRow{std::nullopt, ann, std::nullopt},
-                      ConsoleRow{"", ann, std::nullopt}, ConsoleRow{"loginwindow", 0, std::nullopt},
-                      ConsoleRow{"loginwindow", 88, std::nullopt},
-                      ConsoleRow{"root", 0, std::nullopt}, ConsoleRow{"ann", 0, std::nullopt}));
-
-TEST_F(LiveSessionProbeTest, AsksForTheConsoleEachTime) {
-    fake::world().consoleUser = "ann";
-    fake::world().consoleUID = ann;
-    EXPECT_EQ(probe.consoleUser(), ann);
-    fake::world().consoleUser = "ben";
-    fake::world().consoleUID = ben;
-    EXPECT_EQ(probe.consoleUser(), ben);
-    fake::world().consoleUser = std::nullopt;
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-}
-
-// ---------------------------------------------------------------------------- whether the app runs
 
 TEST_F(LiveSessionProbeTest, SeesTheAppWhileItRuns) {
     run("/usr/bin/other");
@@ -108,47 +90,20 @@ TEST_F(LiveSessionProbeTest, SeesTheAppWhileItRuns) {
     EXPECT_FALSE(isRunning());
 }
 
-TEST_F(LiveSessionProbeTest, StopsAtTheFirstThatMatches) {
-    fake::world().processes = {{299, ben, executableOf(bundle)},
-                               {300, ann, "/usr/bin/tool"},
-                               {301, ann, executableOf(bundle)},
-                               {302, ann, executableOf(bundle)},
-                               {303, ann, "/usr/bin/tool"}};
-    EXPECT_TRUE(isRunning());
-    EXPECT_EQ(fake::world().infoCalls, 3);
-    EXPECT_EQ(fake::world().pathCalls, 2);
-}
-
+// Not to that of another user, of what is no process, of one of which the kernel tells not all, or
+// that has no path; and of the first that matches it asks no more.
 TEST_F(LiveSessionProbeTest, AsksForThePathsOfThatUsersProcessesOnly) {
-    run(executableOf(bundle), ben);
+    const std::string path = executableOf(bundle);
+    fake::world().processes = {{0, ann, path},       {-1, ann, path},      {298, ann, path, 0},
+                               {298, ann, path, -1}, {298, ann, path, 63}, {299, ben, path},
+                               {300, ann, ""},       {301, ann, path},     {302, ann, path}};
+    EXPECT_TRUE(isRunning());
+    EXPECT_EQ(fake::world().infoCalls, 6);
+    EXPECT_EQ(fake::world().pathCalls, 2);
+    run(path, ben);
     EXPECT_FALSE(isRunning());
-    EXPECT_EQ(fake::world().infoCalls, 3);
-    EXPECT_EQ(fake::world().pathCalls, 1) << "that of the tool";
     EXPECT_TRUE(probe.isAppRunning(bundle, ben));
     EXPECT_FALSE(probe.isAppRunning(bundle, 4294967295));
-}
-
-TEST_F(LiveSessionProbeTest, SkipsAProcessOfWhichTheKernelTellsNotAll) {
-    for (const int size : {0, -1, 1, 63}) {
-        fake::world().processes = {{300, ann, executableOf(bundle), size}};
-        EXPECT_FALSE(isRunning()) << size;
-    }
-    EXPECT_EQ(fake::world().pathCalls, 0);
-    // And goes on.
-    fake::world().processes.push_back({301, ann, executableOf(bundle)});
-    EXPECT_TRUE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, SkipsAProcessWithoutAPath) {
-    fake::world().processes = {{300, ann, ""}, {301, ann, executableOf(bundle)}};
-    EXPECT_TRUE(isRunning());
-    EXPECT_EQ(fake::world().pathCalls, 2);
-}
-
-TEST_F(LiveSessionProbeTest, IgnoresWhatIsNoProcess) {
-    fake::world().processes = {{0, ann, executableOf(bundle)}, {-1, ann, executableOf(bundle)}};
-    EXPECT_FALSE(isRunning());
-    EXPECT_EQ(fake::world().infoCalls, 0);
 }
 
 TEST_F(LiveSessionProbeTest, ComparesPathsAsBytes) {
@@ -172,66 +127,13 @@ TEST_F(LiveSessionProbeTest, DoesNotResolveLinks) {
     EXPECT_TRUE(probe.isAppRunning(disk / "Link.app", ann));
 }
 
-// ------------------------------------------------------------------------------------- the listing
-
-TEST_F(LiveSessionProbeTest, SeesNothingWhenNoProcessIsAnnounced) {
-    run(executableOf(bundle));
-    for (const int count : {0, -1, INT_MIN}) {
-        fake::world().announcedProcesses = count;
-        EXPECT_FALSE(isRunning()) << count;
-    }
-    EXPECT_EQ(fake::world().infoCalls, 0);
-}
-
-TEST_F(LiveSessionProbeTest, SeesNothingWhenNoProcessIsListed) {
-    run(executableOf(bundle));
-    for (const int count : {0, -1, INT_MIN}) {
-        fake::world().listedProcesses = count;
-        EXPECT_FALSE(isRunning()) << count;
-    }
-    EXPECT_EQ(fake::world().infoCalls, 0);
-}
-
 TEST_F(LiveSessionProbeTest, ForgetsAnEarlierListWhenThereIsNone) {
     run(executableOf(bundle));
     EXPECT_TRUE(isRunning());
     fake::world().announcedProcesses = 0;
     EXPECT_FALSE(isRunning());
+    EXPECT_TRUE(fake::world().log.empty());
 }
-
-TEST_F(LiveSessionProbeTest, ReadsAsManyAsAreListed) {
-    run(executableOf(bundle));
-    fake::world().listedProcesses = 1;
-    EXPECT_FALSE(isRunning());
-    EXPECT_EQ(fake::world().infoCalls, 1);
-    fake::world().listedProcesses = 2;
-    EXPECT_TRUE(isRunning());
-}
-
-TEST_F(LiveSessionProbeTest, HasRoomForSixtyFourThatStartBetweenTheTwoCalls) {
-    fake::world().processes.clear();
-    for (pid_t process = 1; process <= 65; ++process) {
-        fake::world().processes.push_back({process, ann, "/usr/bin/tool"});
-    }
-    fake::world().announcedProcesses = 1;
-    fake::world().processes.back().path = executableOf(bundle);
-    EXPECT_TRUE(isRunning());
-    fake::world().processes.insert(fake::world().processes.begin(), {1000, ben, ""});
-    EXPECT_FALSE(isRunning()) << "one more has no room";
-}
-
-TEST_F(LiveSessionProbeTest, ReadsNoMoreThanItsBufferWhateverIsSaidToBeListed) {
-    run(executableOf(bundle));
-    fake::world().listedProcesses = INT_MAX;
-    EXPECT_TRUE(isRunning());
-    run("/usr/bin/other");
-    fake::world().infoCalls = 0;
-    EXPECT_FALSE(isRunning());
-    EXPECT_EQ(fake::world().infoCalls, 3) << "where nothing was written there is nobody to ask for";
-}
-
-// ----------------------------------------------------------------------------------- the
-// executable
 
 TEST_F(LiveSessionProbeTest, FallsBackToTheUsualExecutable) {
     const std::string missing = disk / "Missing.app";
@@ -274,15 +176,6 @@ TEST_F(LiveSessionProbeTest, AnswersForWhatIsNoPath) {
     run(executableOf(bundle));
     EXPECT_FALSE(probe.isAppRunning("", ann));
     EXPECT_FALSE(probe.isAppRunning(disk / "\xFF.app", ann));
-}
-
-TEST_F(LiveSessionProbeTest, SaysNothing) {
-    run(executableOf(bundle));
-    fake::world().listedProcesses = -1;
-    isRunning();
-    probe.isAppRunning("", ann);
-    probe.consoleUser();
-    EXPECT_TRUE(fake::world().log.empty());
 }
 
 TEST_F(LiveSessionProbeTest, AllocatesNothingWhileNothingChanges) {

@@ -1,15 +1,16 @@
 #include "HalvoHelper/OpenAsUser.hpp"
 
+#include <utility>
+
 namespace halvo::OpenAsUser {
 
 Command commandFor(const Request& request, const User& user) {
-    Command command{
-        "/usr/bin/open", {"/usr/bin/open", "-g", "-a", request.appPath}, environment(user)};
+    std::vector<std::string> words{"/usr/bin/open", "-g", "-a", request.appPath};
     if (request.afterQuit) {
-        command.arguments.emplace_back("--args");
-        append(command.arguments, appArguments(true));
+        words.emplace_back("--args");
     }
-    return command;
+    return {"/usr/bin/open", withAppArguments(std::move(words), request.afterQuit),
+            environment(user)};
 }
 
 }  // namespace halvo::OpenAsUser

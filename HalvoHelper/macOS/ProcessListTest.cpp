@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "HalvoHelper/macOS/ProcessList.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/MallocCount.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -49,9 +55,13 @@ TEST_F(ProcessListTest, IsEmptyWhenTheSystemDoesNotTell) {
     EXPECT_TRUE(listed().empty());
 }
 
-TEST_F(ProcessListTest, IsNeverLongerThanItsRoom) {
+TEST_F(ProcessListTest, HoldsNoMoreThanAreListedOrThanThereIsRoomFor) {
     fake::world().listedProcesses = 1000;
     EXPECT_EQ(listed().size(), 67U);
+    fake::world().listedProcesses = std::numeric_limits<int>::max();
+    EXPECT_EQ(listed().size(), 67U);
+    fake::world().listedProcesses = 2;
+    EXPECT_EQ(listed(), (std::vector<pid_t>{0, 1}));
 }
 
 TEST_F(ProcessListTest, KnowsWhoseAProcessIs) {
@@ -64,6 +74,49 @@ TEST_F(ProcessListTest, KnowsWhoseAProcessIs) {
         fake::world().processes[2].infoSize = size;
         EXPECT_FALSE(isProcessOf(501, 300)) << size;
     }
+}
+
+TEST_F(ProcessListTest, TellsTheExecutableOfAProcess) {
+    constexpr int most = std::numeric_limits<int>::max();
+    constexpr int least = std::numeric_limits<int>::min();
+    // On the heap, where the address sanitizer sees what is written past its end.
+    const auto buffer = std::make_unique<PathBuffer>();
+    ASSERT_EQ(buffer->size(), 4096U);
+    const std::string longest = "/" + std::string(4095, 'a');
+
+    const struct {
+        std::string path;
+        // The bytes that the kernel says it has written, if not those.
+        std::optional<int> size;
+        std::optional<std::string> told;
+    } rows[] = {
+        {"/Applications/Halvo.app/Contents/MacOS/Halvo",
+         {},
+         "/Applications/Halvo.app/Contents/MacOS/Halvo"},
+        // Not where an earlier path ended.
+        {"/", {}, "/"},
+        {"/a\xFF\n\xC3\xA9", {}, "/a\xFF\n\xC3\xA9"},
+        {longest, {}, longest},
+        {longest, 4097, longest},
+        {longest + "a", 4097, longest},
+        {longest, most, longest},
+        // Filled up with zeros.
+        {"/bin/x", 8, std::string("/bin/x\0\0", 8)},
+        // Whatever was written.
+        {"", {}, std::nullopt},
+        {"/bin/x", 0, std::nullopt},
+        {"/bin/x", -1, std::nullopt},
+        {"/bin/x", least, std::nullopt},
+    };
+
+    for (const auto& row : rows) {
+        fake::world().processes = {{300, 501, row.path, 64, row.size}};
+        EXPECT_EQ(executablePath(300, *buffer), row.told) << row.path << row.size.value_or(-2);
+    }
+    const std::size_t before = mallocsMade();
+    EXPECT_FALSE(executablePath(300, *buffer));
+    EXPECT_FALSE(executablePath(301, *buffer)) << "one that has ended";
+    EXPECT_EQ(mallocsMade(), before);
 }
 
 }  // namespace

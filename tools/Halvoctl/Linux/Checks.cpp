@@ -14,7 +14,6 @@
 #include <string_view>
 #include <system_error>
 
-#include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/AccountFiles.hpp"
+#include "HalvoHelper/Linux/CallerRules.hpp"
 #include "tools/Halvoctl/Linux/Systemd.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 

@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
-#include "HalvoHelper/macOS/CodeSignature.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Doctor.hpp"

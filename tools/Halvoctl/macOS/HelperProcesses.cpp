@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/macOS/ExecutablePath.hpp"
 #include "HalvoHelper/macOS/ProcessList.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
