@@ -15,15 +15,7 @@
 namespace halvo {
 namespace {
 
-using std::chrono::days;
-using std::chrono::floor;
-using std::chrono::hours;
-using std::chrono::local_days;
-using std::chrono::seconds;
-using std::chrono::sys_days;
-using std::chrono::sys_seconds;
-using std::chrono::year;
-using std::chrono::years;
+using namespace std::chrono;
 
 constexpr seconds defaultTimeOfChange = hours{2};
 
@@ -176,15 +168,16 @@ void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     }
 }
 
-// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed.
-void appendYears(std::vector<OffsetChange>& changes, const Rule& rule, sys_seconds last) {
-    constexpr year end{10'000};
+// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed,
+// until they come again.
+void appendYears(TimeZone& zone, const Rule& rule, sys_seconds last) {
     const sys_days known =
-        std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{end / 1 / 1});
+        std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{year{10'000} / 1 / 1});
+    const year begin = year_month_day{known}.year();
     std::vector<OffsetChange> begins;
     std::vector<OffsetChange> ends;
     // Changes may fall some days outside of the year to which they belong.
-    for (year y = std::chrono::year_month_day{known}.year() - years{1}; y <= end; ++y) {
+    for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
         begins.push_back({rule.begin.instantIn(y, rule.standard), rule.summer});
         ends.push_back({rule.end.instantIn(y, rule.summer), rule.standard});
     }
@@ -194,8 +187,13 @@ void appendYears(std::vector<OffsetChange>& changes, const Rule& rule, sys_secon
                        &OffsetChange::begin);
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
-            append(changes, change);
+            append(zone.changes, change);
         }
+    }
+    // The year before this is the rule's alone; it may have made no change.
+    const sys_days repeated{(begin + years{2}) / 1 / 1};
+    if (last < repeated && repeated < zone.changes.back().begin) {
+        zone.repeatsFrom = repeated;
     }
 }
 
@@ -358,11 +356,19 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
                                    "\" has a rule that cannot be read: " + std::string(*footer));
         }
         if (rule && rule->hasSummer) {
-            appendYears(zone.changes, *rule, last);
+            appendYears(zone, *rule, last);
         }
     }
     append(zone.changes, {sys_seconds::max(), seconds::max()});
     return zone;
+}
+
+OffsetSpan TimeZone::at(sys_seconds instant) const {
+    constexpr seconds cycle = days{146'097};
+    const seconds back =
+        instant < repeatsFrom ? seconds{0} : cycle * ((instant - repeatsFrom) / cycle);
+    const auto next = std::ranges::upper_bound(changes, instant - back, {}, &OffsetChange::begin);
+    return {next[-1].begin + back, next->begin + back, next[-1].offset};
 }
 
 std::optional<std::string> timeZoneOfMachine() {

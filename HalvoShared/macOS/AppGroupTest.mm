@@ -39,6 +39,16 @@ TEST_F(DarwinAppGroupTest, HasTheFolderThatTheSystemHasForIt) {
     EXPECT_FALSE(fs::exists(noGroup));
 }
 
+TEST_F(DarwinAppGroupTest, HasAPathWithoutItsFolderBeingMade) {
+    EXPECT_EQ(AppGroup::pathOf("group.a"), groups + "/group.a");
+    EXPECT_EQ(AppGroup::pathOf(std::nullopt), noGroup);
+    EXPECT_TRUE(fs::is_empty(home.path()));
+    fs::create_directories(groups);
+    writeTestFile(groups + "/group.a", "a file in its place");
+    EXPECT_EQ(AppGroup::pathOf("group.a"), noGroup);
+    EXPECT_FALSE(fs::exists(noGroup));
+}
+
 TEST_F(DarwinAppGroupTest, HasAFolderWithoutAnIdentifier) {
     EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
     EXPECT_TRUE(fs::is_directory(noGroup)) << "made with the folders above it";
