@@ -142,22 +142,15 @@ TEST_F(AppGroupTest, HasTheSamePathWhenTheFolderCannotBeMade) {
 
 TEST_F(AppGroupTest, IsThatOfTheBundleThatItsProgramLiesIn) {
     const BundledProgram program("Halvo.app", groupMember);
-    const std::string environment = "HOME=" + home.path();
     EXPECT_EQ(program.says("identifier"), "group.example.halvo");
-    EXPECT_EQ(program.says("container", {environment}), data + "/group.example.halvo");
+    EXPECT_EQ(program.says("container", {"HOME=" + home.path()}), data + "/group.example.halvo");
     EXPECT_TRUE(fs::is_directory(data + "/group.example.halvo"));
-}
-
-TEST_F(AppGroupTest, IsSharedByAnExtension) {
-    const BundledProgram program("Halvo.app/Contents/PlugIns/Widget.appex", groupMember);
-    EXPECT_EQ(program.says("container", {"XDG_DATA_HOME=" + home.path()}),
+    const BundledProgram extension("Halvo.app/Contents/PlugIns/Widget.appex", groupMember);
+    EXPECT_EQ(extension.says("container", {"XDG_DATA_HOME=" + home.path()}),
               home / "group.example.halvo");
-}
-
-TEST_F(AppGroupTest, IsNoneWhereTheBundleNamesNone) {
-    const BundledProgram program("Halvo.app", "<key>HalvoAppGroup</key><true/>");
-    EXPECT_EQ(program.says("identifier"), "(none)");
-    EXPECT_EQ(program.says("container", {"HOME=" + home.path()}), noGroup);
+    const BundledProgram none("Halvo.app", "<key>HalvoAppGroup</key><true/>");
+    EXPECT_EQ(none.says("identifier"), "(none)");
+    EXPECT_EQ(none.says("container", {"HOME=" + home.path()}), noGroup);
 }
 
 // The tests' own bundle names no group.

@@ -21,25 +21,26 @@ constexpr seconds defaultTimeOfChange = hours{2};
 
 // "Mm.w.d", "Jn" or "n" and a time: when the clock changes, every year.
 struct YearlyChange {
-    char kind = 0;
+    // "M" if not 0.
     int month = 0;
     // From Sunday as 0, and the how many-th of them in the month: 5 is the last.
     int weekday = 0;
     int week = 0;
     // "J": from 1, 29 February is not counted. "n": days after 1 January.
+    bool isJulian = false;
     int day = 0;
     // After the midnight at which the day begins, on the clock as it is before the change.
     seconds time = defaultTimeOfChange;
 
     [[nodiscard]] local_days dayIn(year year) const {
         constexpr int lastOfFebruary = 31 + 28;
-        if (kind == 'M') {
+        if (month != 0) {
             const auto inMonth = year / month;
             const std::chrono::weekday ofWeek{static_cast<unsigned>(weekday)};
             return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
                              : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
         }
-        const bool countsFromOne = kind == 'J' && (!year.is_leap() || day <= lastOfFebruary);
+        const bool countsFromOne = isJulian && (!year.is_leap() || day <= lastOfFebruary);
         return local_days{year / 1 / 1} + days{day - (countsFromOne ? 1 : 0)};
     }
 
@@ -136,17 +137,14 @@ class RuleReader {
         YearlyChange change;
         require(skip(','));
         if (skip('M')) {
-            change.kind = 'M';
             change.month = number(1, 12);
             require(skip('.'));
             change.week = number(1, 5);
             require(skip('.'));
             change.weekday = number(0, 6);
-        } else if (skip('J')) {
-            change.kind = 'J';
-            change.day = number(1, 365);
         } else {
-            change.day = number(0, 365);
+            change.isJulian = skip('J');
+            change.day = number(change.isJulian ? 1 : 0, 365);
         }
         if (skip('/')) {
             change.time = time(mostHoursOfChange);

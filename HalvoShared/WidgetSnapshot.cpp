@@ -32,25 +32,15 @@ constexpr Seconds longestDay{76 * 3600};
 std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector<Day>& days,
                            const Calendar& calendar) {
     std::vector<Day> records;
-    records.reserve(dates.size());
-    for (const WallDate date : dates) {
-        records.push_back({date, 0, 0, 0});
-    }
-    // Of each date the start of its day. Asked for only once there is a record of any.
-    std::vector<WallDate> starts;
+    std::ranges::transform(dates, std::back_inserter(records),
+                           [](WallDate date) { return Day{date, 0, 0, 0}; });
+    std::vector<WallDate> starts(dates.size());
+    std::ranges::transform(dates, starts.begin(),
+                           [&](WallDate date) { return calendar.startOfDay(date); });
     std::vector<bool> isFound(dates.size());
-    std::size_t missing = dates.size();
-    // Nearly all records are passed over by this alone.
-    const WallDate first = dates.front() - longestDay;
-    const WallDate last = dates.back() + longestDay;
     for (const Day& day : std::views::reverse(days)) {
-        if (day.start < first || day.start > last) {
-            continue;
-        }
-        for (std::size_t i = starts.size(); i < dates.size(); ++i) {
-            starts.push_back(calendar.startOfDay(dates[i]));
-        }
-        if (day.start < starts.front()) {
+        // Nearly all records are passed over by this alone.
+        if (day.start < starts.front() || day.start > dates.back() + longestDay) {
             continue;
         }
         // Nearly all begin with their day.
@@ -60,11 +50,7 @@ std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector
             if (!isFound[i] && starts[i] == start) {
                 records[i] = day;
                 isFound[i] = true;
-                --missing;
             }
-        }
-        if (missing == 0) {
-            break;
         }
     }
     return records;
@@ -119,8 +105,8 @@ void addMinutes(EarliestDates& dates, WallDate runEnd, WallDate begin, WallDate 
 
 }  // namespace
 
-template std::expected<WidgetSnapshot, JSON::DecodingError> JSON::decode(std::string_view json);
-template std::expected<std::string, JSON::EncodingError> JSON::encode(const WidgetSnapshot& value);
+template std::expected<WidgetSnapshot, JSON::Error> JSON::decode(std::string_view json);
+template std::expected<std::string, JSON::Error> JSON::encode(const WidgetSnapshot& value);
 
 const SharedFile<WidgetSnapshot>& WidgetSnapshot::file() {
     static const SharedFile<WidgetSnapshot> file(fileName, AppGroup::container());

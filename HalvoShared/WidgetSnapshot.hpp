@@ -83,26 +83,18 @@ struct Upcoming {
         Member{"level", &Upcoming::level}};
 };
 
-struct Block {
+// A state in which something runs; `number` tells the kinds apart.
+template <int number>
+struct RunningState {
     Running running;
 
-    bool operator==(const Block&) const = default;
-    static constexpr std::tuple members{Member{"_0", &Block::running}};
+    bool operator==(const RunningState&) const = default;
+    static constexpr std::tuple members{Member{"_0", &RunningState::running}};
 };
 
-struct Focus {
-    Running running;
-
-    bool operator==(const Focus&) const = default;
-    static constexpr std::tuple members{Member{"_0", &Focus::running}};
-};
-
-struct FocusFilter {
-    Running running;
-
-    bool operator==(const FocusFilter&) const = default;
-    static constexpr std::tuple members{Member{"_0", &FocusFilter::running}};
-};
+using Block = RunningState<0>;
+using Focus = RunningState<1>;
+using FocusFilter = RunningState<2>;
 
 struct Next {
     Upcoming upcoming;

@@ -190,28 +190,6 @@ void timeline(Call& call) {
 
 // What follows declares the words of the commands.
 
-// A command with its operands, and what --help says after its options.
-struct Command {
-    const char* name;
-    const char* help;
-    const char* operand;
-    const char* operandHelp;
-    std::string more;
-    void (*action)(Call&);
-};
-
-CLI::App& addCommand(CLI::App& app, Call& call, const Command& command) {
-    CLI::App* added = app.add_subcommand(command.name, command.help);
-    added->add_option(command.operand, call.operands, command.operandHelp)->type_name("");
-    added->footer(command.more + exitStatus);
-    added->callback([&call, action = command.action] {
-        const auto& after = call.operandsAfterOptions;
-        call.operands.insert(call.operands.end(), after.begin(), after.end());
-        action(call);
-    });
-    return *added;
-}
-
 // Adds the option `name`, whose value `type` in the help is what `read` makes of a word, or why it
 // makes nothing of it.
 template <class Target, class Read>
@@ -238,80 +216,11 @@ std::expected<std::int64_t, std::string> readNumber(const std::string& word) {
     return number;
 }
 
-void addKind(CLI::App& command, Call& call) {
-    command.add_option("--kind", call.kind, "which record it is: keepalive or widgets")
-        ->check(CLI::IsMember({"keepalive", "widgets"}).description(""))
-        ->type_name("KIND");
-}
-
-void addZone(CLI::App& command, Call& call, const std::string& help) {
-    addRead(command, "--zone", "ZONE", call.calendar, GregorianCalendar::named, help);
-}
-
-void addGroup(CLI::App& command, Call& call) {
-    command
-        .add_option("--group", call.group,
-                    "the app group whose folder is meant, when no FILE is named")
-        ->type_name("GROUP");
-}
-
-void addJSON(CLI::App& command, Call& call, const std::string& help) {
-    command.add_flag("--json", call.isJSON, help)->disable_flag_override();
-}
-
-void addShow(CLI::App& app, Call& call) {
-    CLI::App& command =
-        addCommand(app, call,
-                   {"show", "Prints records as JSON.", "FILE",
-                    "the records; else both in the app group's folder, or the one of\n--kind",
-                    R"(Members that the app does not know are left out.
-
-Examples:
-  halvo-records show --group com.example.app
-  halvo-records show widgets.json --zone UTC
-  ssh laptop cat widgets.json | halvo-records show - --kind widgets
-)",
-                    show});
-    addKind(command, call);
-    addZone(command, call,
-            "the zone of the local times beside the dates, such as\n"
-            "Europe/Berlin; else the system's");
-    addGroup(command, call);
-    addJSON(command, call, "the JSON alone, without titles and local times");
-}
-
-void addCheck(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(
-        app, call,
-        {"check", "Says of each FILE whether it is a record.", "FILE", "at least one",
-         R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
-can be read and is suspicious all the same follows as remarks, which do not change
-the exit status: phases that are not in order, runs that end before their phase
-starts, a horizon before the writing, two days with the same start.
-
-Examples:
-  halvo-records check keepalive.json widgets.json
-  halvo-records check backup.json --kind widgets
-)",
-         check});
-    addKind(command, call);
-}
-
-void addLink(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(app, call,
-                                   {"link", "Says what deep links lead to, or prints one.", "URL",
-                                    "a text that leads nowhere leads to main", R"(Examples:
-  halvo-records link 'halvo://breathe?style=box&minutes=5'
-  halvo-records link --to breathe --style box --minutes 5
-)",
-                                    links});
-    addJSON(command, call, "one object on a line for each URL");
+void addLinkOptions(CLI::App& command, Call& call) {
     const std::vector<std::string> screens{"breathe", "focus", "today", "settings", "main"};
-    CLI::Option* to = command
-                          .add_option("--to", call.screen,
-                                      "print the link to breathe, focus, today, settings or main")
-                          ->check(CLI::IsMember(screens).description(""))
-                          ->type_name("SCREEN");
+    CLI::Option* to = command.add_option(
+        "--to", call.screen, "print the link to breathe, focus, today, settings or main");
+    to->check(CLI::IsMember(screens).description(""))->type_name("SCREEN");
     command.add_option("--style", call.style, "the style of a breathing exercise")
         ->check([](const std::string& word) { return isUTF8(word) ? "" : "This is not UTF-8"; })
         ->type_name("TEXT")
@@ -323,20 +232,7 @@ void addLink(CLI::App& app, Call& call) {
         ->needs(to);
 }
 
-void addTimeline(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(
-        app, call,
-        {"timeline", "Prints the dates at which a widget's picture changes.", "FILE",
-         "one widget snapshot; else the app group's own",
-         R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
-start (what was asked for), phase (one begins), midnight (a day begins), minute (of
-a countdown); LEFT is what a block or focus still counts down.
-
-Examples:
-  halvo-records timeline --span 15m
-  halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
-)",
-         timeline});
+void addTimelineOptions(CLI::App& command, Call& call) {
     const auto readFrom = [&call](const std::string& word) -> std::expected<WallDate, std::string> {
         if (const auto date = word == "now" ? call.now : InternetDate::parse(word)) {
             return *date;
@@ -346,7 +242,6 @@ Examples:
     };
     addRead(command, "--from", "DATE", call.timeline.from, readFrom,
             "from when on: 2026-11-20T09:30:00Z or now, which it is else");
-    addZone(command, call, "where the days are, such as Europe/Berlin; else the\nsystem's zone");
     // A hundred years: more than any countdown, and still few enough seconds.
     constexpr std::int64_t longestSpan = 3155760000;
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
@@ -363,8 +258,96 @@ Examples:
                     "at most so many dates, from 1 to 10000; else 60")
         ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
         ->type_name("N");
-    addGroup(command, call);
-    addJSON(command, call, R"(an object with the list "dates" and with "reload")");
+}
+
+// A command with its operands, and what --help says after its options.
+struct Command {
+    const char* name;
+    const char* help;
+    void (*action)(Call&);
+    const char* operand;
+    const char* operandHelp;
+    std::string more;
+    bool hasKind;
+    // Whether it prints dates, and of the app group's own files where none is named.
+    bool hasZoneAndGroup;
+    // What --json prints; null for a command without it.
+    const char* jsonHelp;
+    void (*addOptions)(CLI::App&, Call&);
+};
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all{
+        {"show", "Prints records as JSON.", show, "FILE",
+         "the records; else both in the app group's folder, or the one of\n--kind",
+         R"(Members that the app does not know are left out.
+
+Examples:
+  halvo-records show --group com.example.app
+  halvo-records show widgets.json --zone UTC
+  ssh laptop cat widgets.json | halvo-records show - --kind widgets
+)",
+         true, true, "the JSON alone, without titles and local times", nullptr},
+        {"check", "Says of each FILE whether it is a record.", check, "FILE", "at least one",
+         R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
+can be read and is suspicious all the same follows as remarks, which do not change
+the exit status: phases that are not in order, runs that end before their phase
+starts, a horizon before the writing, two days with the same start.
+
+Examples:
+  halvo-records check keepalive.json widgets.json
+  halvo-records check backup.json --kind widgets
+)",
+         true, false, nullptr, nullptr},
+        {"link", "Says what deep links lead to, or prints one.", links, "URL",
+         "a text that leads nowhere leads to main", R"(Examples:
+  halvo-records link 'halvo://breathe?style=box&minutes=5'
+  halvo-records link --to breathe --style box --minutes 5
+)",
+         false, false, "one object on a line for each URL", addLinkOptions},
+        {"timeline", "Prints the dates at which a widget's picture changes.", timeline, "FILE",
+         "one widget snapshot; else the app group's own",
+         R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
+start (what was asked for), phase (one begins), midnight (a day begins), minute (of
+a countdown); LEFT is what a block or focus still counts down.
+
+Examples:
+  halvo-records timeline --span 15m
+  halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
+)",
+         false, true, R"(an object with the list "dates" and with "reload")", addTimelineOptions}};
+    return all;
+}
+
+void add(const Command& command, CLI::App& app, Call& call) {
+    CLI::App& added = *app.add_subcommand(command.name, command.help);
+    added.add_option(command.operand, call.operands, command.operandHelp)->type_name("");
+    if (command.hasKind) {
+        added.add_option("--kind", call.kind, "which record it is: keepalive or widgets")
+            ->check(CLI::IsMember({"keepalive", "widgets"}).description(""))
+            ->type_name("KIND");
+    }
+    if (command.addOptions != nullptr) {
+        command.addOptions(added, call);
+    }
+    if (command.hasZoneAndGroup) {
+        addRead(
+            added, "--zone", "ZONE", call.calendar, GregorianCalendar::named,
+            "the zone of the days and of local times, such as\nEurope/Berlin; else the system's");
+        added
+            .add_option("--group", call.group,
+                        "the app group whose folder is meant, when no FILE is named")
+            ->type_name("GROUP");
+    }
+    if (command.jsonHelp != nullptr) {
+        added.add_flag("--json", call.isJSON, command.jsonHelp)->disable_flag_override();
+    }
+    added.footer(command.more + exitStatus);
+    added.callback([&call, action = command.action] {
+        const auto& after = call.operandsAfterOptions;
+        call.operands.insert(call.operands.end(), after.begin(), after.end());
+        action(call);
+    });
 }
 
 }  // namespace
@@ -384,10 +367,9 @@ Examples:
   halvo-records link 'halvo://breathe?style=box&minutes=5'
   halvo-records timeline widgets.json --zone Europe/Berlin
 )" + std::string(exitStatus));
-    addShow(app, call);
-    addCheck(app, call);
-    addLink(app, call);
-    addTimeline(app, call);
+    for (const Command& command : commands()) {
+        add(command, app, call);
+    }
     // What the parser itself makes of "--" depends on the operands before it.
     const auto end = std::ranges::find(words, "--");
     call.operandsAfterOptions.assign(end == words.end() ? end : end + 1, words.end());
