@@ -267,6 +267,10 @@ TEST(TimeZoneRuleTest, ComesAgainEvery400Years) {
                                   .times = {day(2020, 6, 1).time_since_epoch().count()},
                                   .kindsOfTimes = "\0"s});
     ASSERT_EQ(zone.repeatsFrom, day(2022, 1, 1));
+    for (const int y : {2022, 2421, 2422, 2821, 9999}) {
+        EXPECT_EQ(zone.at(day(y, 7, 1)).offset, 2h) << y;
+        EXPECT_EQ(zone.at(day(y, 12, 31)).offset, 1h) << y;
+    }
     for (sys_seconds instant = day(2022, 1, 1); instant < day(2025, 1, 1); instant += 13h) {
         const OffsetSpan span = zone.at(instant);
         ASSERT_TRUE(span.begin <= instant && instant < span.end);
