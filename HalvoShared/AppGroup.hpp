@@ -10,14 +10,13 @@
 // environment (getenv(3)).
 namespace halvo::AppGroup {
 
-// Which group the main bundle belongs to: identifierIn() its Info.plist.
-std::optional<std::string> identifier();
-
 // The string under "HalvoAppGroup", as it stands there; nothing when there is none.
-std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& info);
+inline std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& info) {
+    return info ? infoString(*info, "HalvoAppGroup") : std::nullopt;
+}
 
-// The path of the folder that holds every shared file: containerOf() the identifier().
-std::string container();
+// Which group the main bundle belongs to: identifierIn() its Info.plist.
+inline std::optional<std::string> identifier() { return identifierIn(Bundle::main().info()); }
 
 // The folder of the group `identifier`. Without a group, or where the system lets the process use
 // no folder of such a group, it is "Halvo-NoGroup" in the folder where the user's apps keep their
@@ -34,5 +33,11 @@ std::string container();
 // is its owner's only (0700). An identifier that is no plain name of one folder (empty, ".", "..",
 // with a "/" or a zero byte) has no folder.
 std::string containerOf(const std::optional<std::string>& identifier);
+
+// The path that containerOf() returns, or would return once the folder can be made; makes nothing.
+std::string pathOf(const std::optional<std::string>& identifier);
+
+// The path of the folder that holds every shared file: containerOf() the identifier().
+inline std::string container() { return containerOf(identifier()); }
 
 }  // namespace halvo::AppGroup

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -25,12 +27,16 @@ mode_t permissionsOf(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
 }
 
+void set(const char* name, const char* value) {
+    ASSERT_EQ(value == nullptr ? unsetenv(name) : setenv(name, value, 1), 0);
+}
+
 // The environment of a test's own home, without anything else.
 class AppGroupTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(setenv("HOME", home.path().c_str(), 1), 0);
-        ASSERT_EQ(unsetenv("XDG_DATA_HOME"), 0);
+        set("HOME", home.path().c_str());
+        set("XDG_DATA_HOME", nullptr);
     }
 
     TemporaryFolder home;
@@ -45,16 +51,66 @@ TEST_F(AppGroupTest, IsTheStringInTheInfoPlist) {
     EXPECT_EQ(AppGroup::identifierIn(std::nullopt), std::nullopt);
 }
 
-TEST_F(AppGroupTest, HasItsFolderWhereTheUsersAppsKeepTheirData) {
-    EXPECT_EQ(AppGroup::containerOf("group.a"), data + "/group.a");
-    EXPECT_TRUE(fs::is_directory(data + "/group.a"));
-    EXPECT_FALSE(fs::exists(noGroup));
+TEST_F(AppGroupTest, LiesWhereTheEnvironmentSaysNow) {
+    const std::string ofAccount = getpwuid(getuid())->pw_dir + std::string("/.local/share/g");
+
+    const struct {
+        const char* dataHome;
+        const char* home;
+        std::string path;
+    } rows[] = {{"/data", "/home/ann", "/data/g"},
+                {"/data/", "/home/ann", "/data/g"},
+                {"/", "/home/ann", "/g"},
+                // Only an absolute path counts.
+                {"data", "/home/ann", "/home/ann/.local/share/g"},
+                {"~/data", "/home/ann", "/home/ann/.local/share/g"},
+                {"", "/home/ann", "/home/ann/.local/share/g"},
+                {nullptr, "/home/ann", "/home/ann/.local/share/g"},
+                {nullptr, "/home/ann/", "/home/ann/.local/share/g"},
+                {nullptr, "/", "/.local/share/g"},
+                {nullptr, nullptr, ofAccount},
+                {nullptr, "", ofAccount},
+                {nullptr, "home/ann", ofAccount}};
+
+    for (const auto& row : rows) {
+        set("XDG_DATA_HOME", row.dataHome);
+        set("HOME", row.home);
+        EXPECT_EQ(AppGroup::pathOf("g"), row.path);
+    }
+}
+
+TEST_F(AppGroupTest, LiesInTheRootFolderForAnAccountWithoutAHome) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const testing::ChildResult child = testing::runInChild([] {
+        testing::become({54321, 54321});
+        set("HOME", nullptr);
+        EXPECT_EQ(AppGroup::pathOf("g"), "/.local/share/g");
+    });
+    EXPECT_EQ(child.status, 0) << child.output;
+}
+
+TEST_F(AppGroupTest, HasAFolderOfItsOwnWhenItsIdentifierIsTheNameOfOne) {
+    for (const std::string identifier : {"group.example.halvo", "a", "...", "a b"}) {
+        EXPECT_EQ(AppGroup::pathOf(identifier), data + "/" + identifier);
+    }
+    EXPECT_EQ(AppGroup::pathOf(std::nullopt), noGroup);
+    for (const std::string& identifier :
+         {std::string(), std::string("."), std::string(".."), std::string("/"), std::string("a/b"),
+          std::string("/a"), std::string("../a"), std::string("a/"), std::string("a\0b", 3),
+          std::string(1, '\0')}) {
+        EXPECT_EQ(AppGroup::pathOf(identifier), noGroup) << identifier;
+    }
+    EXPECT_TRUE(fs::is_empty(home.path())) << "nothing was made";
 }
 
 TEST_F(AppGroupTest, MakesAFolderThatIsItsOwnersOnly) {
     for (const auto& group :
          {std::optional<std::string>("group.a"), std::optional<std::string>()}) {
-        EXPECT_EQ(permissionsOf(AppGroup::containerOf(group)), 0700U);
+        const std::string folder = AppGroup::containerOf(group);
+        EXPECT_EQ(folder, AppGroup::pathOf(group));
+        EXPECT_EQ(permissionsOf(folder), 0700U);
     }
 }
 
@@ -65,28 +121,6 @@ TEST_F(AppGroupTest, LeavesAFolderThatIsThereAsItIs) {
     EXPECT_EQ(AppGroup::containerOf("group.a"), data + "/group.a");
     EXPECT_EQ(permissionsOf(data + "/group.a"), 0750U);
     EXPECT_EQ(testing::readTestFile(data + "/group.a/record.json"), "{}");
-}
-
-TEST_F(AppGroupTest, HasAFolderForThoseWithoutAGroup) {
-    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
-    EXPECT_TRUE(fs::is_directory(noGroup));
-}
-
-TEST_F(AppGroupTest, TakesAnIdentifierThatIsNoNameOfAFolderForNoGroup) {
-    for (const std::string& identifier :
-         {std::string(), std::string("."), std::string(".."), std::string("/"), std::string("a/b"),
-          std::string("../a"), std::string("a/"), std::string("a\0b", 3)}) {
-        EXPECT_EQ(AppGroup::containerOf(identifier), noGroup) << identifier;
-    }
-}
-
-TEST_F(AppGroupTest, FollowsTheEnvironmentOnEachUse) {
-    EXPECT_EQ(AppGroup::containerOf("group.a"), data + "/group.a");
-    const std::string other = home / "data";
-    ASSERT_EQ(setenv("XDG_DATA_HOME", other.c_str(), 1), 0);
-    EXPECT_EQ(AppGroup::containerOf("group.a"), other + "/group.a");
-    EXPECT_EQ(AppGroup::containerOf(std::nullopt), other + "/Halvo-NoGroup");
-    EXPECT_TRUE(fs::is_directory(other + "/Halvo-NoGroup"));
 }
 
 TEST_F(AppGroupTest, MakesAFolderThatWasTakenAwayAgain) {
@@ -106,22 +140,15 @@ TEST_F(AppGroupTest, HasTheSamePathWhenTheFolderCannotBeMade) {
 
 TEST_F(AppGroupTest, IsThatOfTheBundleThatItsProgramLiesIn) {
     const BundledProgram program("Halvo.app", groupMember);
-    const std::string environment = "HOME=" + home.path();
     EXPECT_EQ(program.says("identifier"), "group.example.halvo");
-    EXPECT_EQ(program.says("container", {environment}), data + "/group.example.halvo");
+    EXPECT_EQ(program.says("container", {"HOME=" + home.path()}), data + "/group.example.halvo");
     EXPECT_TRUE(fs::is_directory(data + "/group.example.halvo"));
-}
-
-TEST_F(AppGroupTest, IsSharedByAnExtension) {
-    const BundledProgram program("Halvo.app/Contents/PlugIns/Widget.appex", groupMember);
-    EXPECT_EQ(program.says("container", {"XDG_DATA_HOME=" + home.path()}),
+    const BundledProgram extension("Halvo.app/Contents/PlugIns/Widget.appex", groupMember);
+    EXPECT_EQ(extension.says("container", {"XDG_DATA_HOME=" + home.path()}),
               home / "group.example.halvo");
-}
-
-TEST_F(AppGroupTest, IsNoneWhereTheBundleNamesNone) {
-    const BundledProgram program("Halvo.app", "<key>HalvoAppGroup</key><true/>");
-    EXPECT_EQ(program.says("identifier"), "(none)");
-    EXPECT_EQ(program.says("container", {"HOME=" + home.path()}), noGroup);
+    const BundledProgram none("Halvo.app", "<key>HalvoAppGroup</key><true/>");
+    EXPECT_EQ(none.says("identifier"), "(none)");
+    EXPECT_EQ(none.says("container", {"HOME=" + home.path()}), noGroup);
 }
 
 // The tests' own bundle names no group.

@@ -11,15 +11,7 @@
 namespace halvo {
 namespace {
 
-using std::chrono::days;
-using std::chrono::floor;
-using std::chrono::hours;
-using std::chrono::local_days;
-using std::chrono::local_seconds;
-using std::chrono::seconds;
-using std::chrono::sys_days;
-using std::chrono::sys_seconds;
-using std::chrono::year;
+using namespace std::chrono;
 
 // No clock is as much ahead of UTC; see TimeZone.
 constexpr seconds farthestAhead = hours{26};
@@ -47,14 +39,15 @@ sys_seconds wholeSecondsOf(WallDate date) {
     return sys_seconds{seconds{static_cast<seconds::rep>(std::floor(secondsSince1970(date)))}};
 }
 
-// The first instant, from `change` on, at which clocks show `first` or later, but before `end`.
-sys_seconds firstInstant(const OffsetChange* change, local_seconds first, local_seconds end) {
+// The first instant in `span` or after it at which clocks show `first` or later, but before `end`.
+sys_seconds firstInstant(const TimeZone& zone, OffsetSpan span, local_seconds first,
+                         local_seconds end) {
     while (true) {
-        const sys_seconds start = std::max(change->begin, instantOf(first, change->offset));
-        if (start < change[1].begin && localTime(start, change->offset) < end) {
+        const sys_seconds start = std::max(span.begin, instantOf(first, span.offset));
+        if (start < span.end && localTime(start, span.offset) < end) {
             return start;
         }
-        ++change;
+        span = zone.at(span.end);
     }
 }
 
@@ -88,12 +81,8 @@ GregorianCalendar GregorianCalendar::system() {
 
 const std::string& GregorianCalendar::zoneName() const { return zone_->name; }
 
-const OffsetChange* GregorianCalendar::changeAt(sys_seconds instant) const {
-    return &*std::prev(std::ranges::upper_bound(zone_->changes, instant, {}, &OffsetChange::begin));
-}
-
 Seconds GregorianCalendar::offset(WallDate date) const {
-    return isInRange(date) ? changeAt(wholeSecondsOf(date))->offset : Seconds{0};
+    return isInRange(date) ? zone_->at(wholeSecondsOf(date)).offset : Seconds{0};
 }
 
 WallDate GregorianCalendar::startOfDay(WallDate date) const {
@@ -101,9 +90,9 @@ WallDate GregorianCalendar::startOfDay(WallDate date) const {
         return date;
     }
     const sys_seconds instant = wholeSecondsOf(date);
-    const local_days day = floor<days>(localTime(instant, changeAt(instant)->offset));
+    const local_days day = floor<days>(localTime(instant, zone_->at(instant).offset));
     // The day may have begun before changes of the clock.
-    return firstInstant(changeAt(instantOf(day, farthestAhead)), day, day + days{1});
+    return firstInstant(*zone_, zone_->at(instantOf(day, farthestAhead)), day, day + days{1});
 }
 
 std::optional<WallDate> GregorianCalendar::startOfNextDay(WallDate date) const {
@@ -111,32 +100,31 @@ std::optional<WallDate> GregorianCalendar::startOfNextDay(WallDate date) const {
         return std::nullopt;
     }
     const sys_seconds instant = wholeSecondsOf(date);
-    const OffsetChange* change = changeAt(instant);
-    const local_days day = floor<days>(localTime(instant, change->offset));
-    return ifInRange(firstInstant(change, day + days{1}, local_seconds::max()));
+    const OffsetSpan span = zone_->at(instant);
+    const local_days day = floor<days>(localTime(instant, span.offset));
+    return ifInRange(firstInstant(*zone_, span, day + days{1}, local_seconds::max()));
 }
 
-std::optional<WallDate> GregorianCalendar::addingDays(int days, WallDate date) const {
+std::optional<WallDate> GregorianCalendar::addingDays(int count, WallDate date) const {
     if (!isInRange(date)) {
         return std::nullopt;
     }
     const auto timeOfDay = [this](sys_seconds instant) {
-        const local_seconds local = localTime(instant, changeAt(instant)->offset);
-        return local - floor<std::chrono::days>(local);
+        const local_seconds local = localTime(instant, zone_->at(instant).offset);
+        return local - floor<days>(local);
     };
     const sys_seconds whole = wholeSecondsOf(date);
-    sys_seconds result = whole + std::chrono::days{days};
+    sys_seconds result = whole + days{count};
     if (timeOfDay(result) != timeOfDay(whole)) {
-        const seconds moved = changeAt(whole)->offset - changeAt(result)->offset;
+        const seconds moved = zone_->at(whole).offset - zone_->at(result).offset;
         const bool isSkipped = timeOfDay(result + moved) != timeOfDay(whole);
         // A time that the clock skips is later by as much, from whichever side it is reached.
         result += isSkipped ? std::max(moved, seconds{0}) : moved;
     }
-    if (const OffsetChange* change = changeAt(result);
-        days > 0 && change != zone_->changes.data()) {
+    if (const OffsetSpan span = zone_->at(result); count > 0 && span.begin > sys_seconds::min()) {
         // The clock showed the same time before it went back.
-        const seconds back = change[-1].offset - change->offset;
-        result -= result - back < change->begin ? back : seconds{0};
+        const seconds back = zone_->at(span.begin - seconds{1}).offset - span.offset;
+        result -= result - back < span.begin ? back : seconds{0};
     }
     return ifInRange(result + (date - WallDate(whole)));
 }

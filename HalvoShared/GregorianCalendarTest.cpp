@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -15,11 +14,11 @@
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "HalvoShared/GregorianCalendar.hpp"
+#include "HalvoShared/InternetDate.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -37,30 +36,7 @@ constexpr double hour = 3600;
 
 // The instant of a text such as "2024-03-31T10:00" or "1893-03-31T11:06:32", in UTC.
 WallDate at(const std::string& text) {
-    tm utc{};
-    const char* seconds = strptime(text.c_str(), "%Y-%m-%dT%H:%M", &utc);
-    EXPECT_TRUE(seconds != nullptr && (*seconds == '\0' || strptime(seconds, ":%S", &utc))) << text;
-    return wallDate(static_cast<double>(timegm(&utc)));
-}
-
-// The inverse of at(), so that what differs can be read; a fraction follows in seconds.
-std::string text(std::optional<WallDate> date) {
-    if (!date) {
-        return "nothing";
-    }
-    const double seconds = secondsSince1970(*date);
-    const double fraction = seconds - std::floor(seconds);
-    const std::time_t time = static_cast<std::time_t>(std::floor(seconds));
-    tm utc{};
-    gmtime_r(&time, &utc);
-    std::array<char, 64> buffer{};
-    std::snprintf(buffer.data(), buffer.size(), "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
-    std::string result = buffer.data();
-    if (utc.tm_sec == 0) {
-        result.resize(result.size() - 3);
-    }
-    return result + (fraction == 0 ? "" : "+" + std::to_string(fraction));
+    return InternetDate::parse(text + (text.size() < 19 ? ":00Z" : "Z")).value();
 }
 
 GregorianCalendar calendarOf(const std::string& zone) {
@@ -71,78 +47,131 @@ GregorianCalendar calendarOf(const std::string& zone) {
     return *calendar;
 }
 
-struct Day {
-    std::string zone;
-    std::string date;
-    std::string start;
-    std::string next;
-};
-
-// Expects each day's ends, asked for at `date`, at the day's first instant and in its last moment.
-void expectDays(const std::vector<Day>& days) {
-    for (const Day& day : days) {
-        SCOPED_TRACE(day.zone + " " + day.date);
-        const auto calendar = calendarOf(day.zone);
-        const WallDate lastMoment = at(day.next) - Seconds{0.001};
-        for (const WallDate date : {at(day.date), at(day.start), lastMoment}) {
-            EXPECT_EQ(text(calendar.startOfDay(date)), day.start);
-            EXPECT_EQ(text(calendar.startOfNextDay(date)), day.next);
-        }
-    }
-}
-
-struct Sum {
-    std::string zone;
-    std::string date;
-    int days;
-    std::string result;
-};
-
-void expectSums(const std::vector<Sum>& sums) {
-    for (const Sum& sum : sums) {
-        EXPECT_EQ(text(calendarOf(sum.zone).addingDays(sum.days, at(sum.date))), sum.result)
-            << sum.zone << " " << sum.date << " " << sum.days;
-    }
-}
-
 // The tables of days come from Python's zoneinfo, asked second by second for the local date; those
 // of sums from its arithmetic on local times, with fold=0 on the way forward. Where a comment gives
 // the rule, they were checked against it by hand.
 
-// The European Union changes at 01:00 UTC on the last Sundays of March and October, the United
-// States at 02:00 on the second Sunday of March and the first of November.
-TEST(GregorianCalendarTest, KnowsDaysOf23And25Hours) {
-    expectDays({
+TEST(GregorianCalendarTest, KnowsWhereDaysBeginAndEnd) {
+    const struct {
+        const char* zone;
+        std::string date;
+        std::string start;
+        std::string next;
+    } days[] = {
+        // The European Union changes at 01:00 UTC on the last Sundays of March and October, the
+        // United States at 02:00 on the second Sunday of March and the first of November.
         {"Europe/Berlin", "2024-03-31T10:00", "2024-03-30T23:00", "2024-03-31T22:00"},
         {"Europe/Berlin", "2024-06-30T22:00", "2024-06-30T22:00", "2024-07-01T22:00"},
         {"Europe/Berlin", "2024-10-27T11:00", "2024-10-26T22:00", "2024-10-27T23:00"},
         {"America/New_York", "2024-03-10T16:00", "2024-03-10T05:00", "2024-03-11T04:00"},
         {"America/New_York", "2024-11-03T17:00", "2024-11-03T04:00", "2024-11-04T05:00"},
-        {"Europe/Dublin", "2024-03-31T11:00", "2024-03-31T00:00", "2024-03-31T23:00"},
         {"Europe/Dublin", "2024-10-27T12:00", "2024-10-26T23:00", "2024-10-28T00:00"},
-    });
-}
-
-// Chile, Egypt and Lebanon go from 24:00 to 01:00, and back at 24:00 or 00:00.
-TEST(GregorianCalendarTest, BeginsADayWithoutMidnightAtItsFirstInstant) {
-    expectDays({
+        // Chile, Egypt and Lebanon go from 24:00 to 01:00, and back at 24:00 or 00:00.
         {"America/Santiago", "2024-09-08T15:00", "2024-09-08T04:00", "2024-09-09T03:00"},
         {"America/Santiago", "2024-04-06T15:00", "2024-04-06T03:00", "2024-04-07T04:00"},
         {"Africa/Cairo", "2024-04-26T09:00", "2024-04-25T22:00", "2024-04-26T21:00"},
         {"Africa/Cairo", "2024-10-31T09:00", "2024-10-30T21:00", "2024-10-31T22:00"},
-        {"Asia/Beirut", "2024-03-31T09:00", "2024-03-30T22:00", "2024-03-31T21:00"},
         {"Asia/Beirut", "2024-10-26T09:00", "2024-10-25T21:00", "2024-10-26T22:00"},
         {"America/Nuuk", "2024-03-30T14:00", "2024-03-30T02:00", "2024-03-31T01:00"},
-    });
-}
-
-// Cuba goes back from 01:00 to 00:00.
-TEST(GregorianCalendarTest, BeginsADayWithTwoMidnightsAtTheFirst) {
-    expectDays({
+        // Cuba goes back from 01:00 to 00:00: a day with two midnights.
         {"America/Havana", "2024-11-03T17:00", "2024-11-03T04:00", "2024-11-04T05:00"},
         {"America/Havana", "2024-11-03T05:00", "2024-11-03T04:00", "2024-11-04T05:00"},
-        {"America/Havana", "2024-03-10T16:00", "2024-03-10T05:00", "2024-03-11T04:00"},
-    });
+        // Samoa went from 2011-12-29 24:00 (-10:00) to 2011-12-31 00:00 (+14:00); on the other
+        // side of the date line, Kwajalein had most of 1969-09-30 twice.
+        {"Pacific/Apia", "2011-12-29T22:00", "2011-12-29T10:00", "2011-12-30T10:00"},
+        {"Pacific/Apia", "2011-12-30T22:00", "2011-12-30T10:00", "2011-12-31T10:00"},
+        {"Pacific/Kwajalein", "1993-08-21T00:00", "1993-08-20T12:00", "1993-08-21T12:00"},
+        {"Pacific/Kwajalein", "1969-09-30T01:00", "1969-09-29T13:00", "1969-10-01T12:00"},
+        // Offsets that are no whole hours.
+        {"Australia/Lord_Howe", "2024-04-07T01:30", "2024-04-06T13:00", "2024-04-07T13:30"},
+        {"Asia/Kathmandu", "1985-12-31T17:30", "1985-12-30T18:30", "1985-12-31T18:30"},
+        {"Asia/Kathmandu", "1986-01-01T06:15", "1985-12-31T18:30", "1986-01-01T18:15"},
+        {"UTC", "2024-02-29T23:59", "2024-02-29T00:00", "2024-03-01T00:00"},
+        {"UTC", "1970-01-01T00:00", "1970-01-01T00:00", "1970-01-02T00:00"},
+        {"Etc/UTC", "1900-02-28T12:00", "1900-02-28T00:00", "1900-03-01T00:00"},
+        // Local mean time: Berlin was 53 min 28 s ahead until 1893-04-01, New York 4 h 56 min 2 s
+        // behind until noon on 1883-11-18.
+        {"Europe/Berlin", "1700-01-01T11:06:32", "1699-12-31T23:06:32", "1700-01-01T23:06:32"},
+        {"Europe/Berlin", "1893-04-01T11:00", "1893-03-31T23:06:32", "1893-04-01T23:00"},
+        {"America/New_York", "1883-11-18T23:00", "1883-11-18T04:56:02", "1883-11-19T05:00"},
+        // After the last change that is listed.
+        {"Europe/Berlin", "2040-03-25T10:00", "2040-03-24T23:00", "2040-03-25T22:00"},
+        {"Europe/Berlin", "2100-10-31T11:00", "2100-10-30T22:00", "2100-10-31T23:00"},
+        {"Europe/Berlin", "4000-07-01T10:00", "4000-06-30T22:00", "4000-07-01T22:00"},
+        {"Europe/Dublin", "2100-10-31T12:00", "2100-10-30T23:00", "2100-11-01T00:00"},
+        {"America/Santiago", "2040-09-02T15:00", "2040-09-02T04:00", "2040-09-03T03:00"},
+        {"America/Santiago", "4000-09-03T15:00", "4000-09-03T04:00", "4000-09-04T03:00"},
+        {"Africa/Cairo", "2040-04-27T09:00", "2040-04-26T22:00", "2040-04-27T21:00"},
+        {"America/Nuuk", "2040-10-27T13:00", "2040-10-27T01:00", "2040-10-28T02:00"},
+        {"America/Nuuk", "4000-03-25T14:00", "4000-03-25T02:00", "4000-03-26T01:00"},
+        {"Asia/Jerusalem", "4000-03-24T09:00", "4000-03-23T22:00", "4000-03-24T21:00"},
+        {"Australia/Lord_Howe", "4000-10-01T01:00", "4000-09-30T13:30", "4000-10-01T13:00"},
+        {"Antarctica/Troll", "2040-03-25T10:00", "2040-03-25T00:00", "2040-03-25T22:00"}};
+
+    for (const auto& day : days) {
+        SCOPED_TRACE(day.zone + (" " + day.date));
+        const auto calendar = calendarOf(day.zone);
+        const WallDate lastMoment = at(day.next) - Seconds{0.001};
+        for (const WallDate date : {at(day.date), at(day.start), lastMoment}) {
+            EXPECT_EQ(calendar.startOfDay(date), at(day.start));
+            EXPECT_EQ(calendar.startOfNextDay(date), at(day.next));
+        }
+    }
+}
+
+TEST(GregorianCalendarTest, AddsDaysAndKeepsTheTimeOfDay) {
+    const struct {
+        const char* zone;
+        std::string date;
+        int days;
+        std::string result;
+    } sums[] = {{"Europe/Berlin", "2024-03-30T11:00", 1, "2024-03-31T10:00"},
+                {"Europe/Berlin", "2024-10-26T10:00", 1, "2024-10-27T11:00"},
+                {"Europe/Berlin", "2024-02-28T11:00", 366, "2025-02-28T11:00"},
+                {"Europe/Berlin", "2024-07-01T10:00", 721'727, "4000-07-09T10:00"},
+                {"Europe/Berlin", "4000-07-09T10:00", -721'727, "2024-07-01T10:00"},
+                {"Europe/Berlin", "1800-06-01T11:06:32", 81'820, "2024-06-06T10:00"},
+                {"UTC", "2024-02-29T12:00", 0, "2024-02-29T12:00"},
+                // A time that is skipped is later by as much; Greenland skips the last hour of a
+                // Saturday, Toronto skipped the half hours around a midnight.
+                {"Europe/Berlin", "2024-03-30T01:30", 1, "2024-03-31T01:30"},
+                {"Europe/Berlin", "2024-03-30T02:30", 1, "2024-03-31T01:30"},
+                {"Europe/Berlin", "2024-04-01T00:30", -1, "2024-03-31T01:30"},
+                {"America/Havana", "2024-03-09T05:30", 1, "2024-03-10T05:30"},
+                {"Africa/Cairo", "2024-04-24T22:15", 1, "2024-04-25T22:15"},
+                {"Australia/Lord_Howe", "2024-10-04T15:40", 1, "2024-10-05T15:40"},
+                {"Asia/Kathmandu", "1985-12-30T18:35", 1, "1985-12-31T18:35"},
+                {"Asia/Jerusalem", "4000-03-23T00:30", 1, "4000-03-24T00:30"},
+                {"America/Nuuk", "4000-03-24T01:30", 2, "4000-03-26T01:30"},
+                {"America/Toronto", "1919-03-30T04:45", 1, "1919-03-31T04:45"},
+                // Of two times it is the first on the way forward,
+                {"Europe/Berlin", "2024-10-26T00:30", 1, "2024-10-27T00:30"},
+                {"Europe/Berlin", "2024-10-26T01:00", 1, "2024-10-27T02:00"},
+                {"Europe/Berlin", "2024-01-01T01:30", 300, "2024-10-27T00:30"},
+                {"Europe/Berlin", "2024-10-27T01:30", 0, "2024-10-27T01:30"},
+                {"America/Santiago", "2024-04-06T02:30", 1, "2024-04-07T02:30"},
+                {"Australia/Lord_Howe", "2024-04-05T14:45", 1, "2024-04-06T14:45"},
+                {"America/Nuuk", "4000-10-28T00:30", 1, "4000-10-29T00:30"},
+                // and on the way back that of the day it comes from: from the winter the second.
+                {"Europe/Berlin", "2024-10-28T01:30", -1, "2024-10-27T01:30"},
+                {"Europe/Berlin", "2025-07-01T00:30", -247, "2024-10-27T00:30"},
+                {"America/Havana", "2024-11-04T05:00", -1, "2024-11-03T05:00"},
+                {"America/Havana", "2024-11-04T05:00", -2, "2024-11-02T04:00"},
+                {"America/St_Johns", "2005-10-31T03:30", -1, "2005-10-30T03:30"},
+                // Over a day that was skipped, or came twice, it goes by 24 hours for each day.
+                {"Pacific/Apia", "2011-12-29T20:00", 1, "2011-12-30T20:00"},
+                {"Pacific/Apia", "2011-12-30T09:59:59", 1, "2011-12-31T09:59:59"},
+                {"Pacific/Apia", "2011-12-29T20:00", 2, "2011-12-31T20:00"},
+                {"Pacific/Apia", "2011-12-30T20:00", -1, "2011-12-29T20:00"},
+                {"Pacific/Apia", "2011-12-30T20:00", -2, "2011-12-28T20:00"},
+                {"Pacific/Kwajalein", "1993-08-21T12:00", -1, "1993-08-20T12:00"},
+                {"Pacific/Kwajalein", "1969-10-01T12:00", -1, "1969-09-29T13:00"},
+                {"Pacific/Kwajalein", "1969-10-01T12:00", -2, "1969-09-28T13:00"}};
+
+    for (const auto& sum : sums) {
+        EXPECT_EQ(calendarOf(sum.zone).addingDays(sum.days, at(sum.date)), at(sum.result))
+            << sum.zone << " " << sum.date << " " << sum.days;
+    }
 }
 
 // Newfoundland went back from 00:01 to 23:01 then (zdump: at 2000-10-29 02:31 UTC), so 29 October
@@ -152,182 +181,26 @@ TEST(GregorianCalendarTest, StepsForwardEvenWhenTheClockGoesBackAcrossMidnight) 
     const auto first = at("2000-10-29T02:30");
     const auto again = at("2000-10-29T03:30");
     const auto between = at("2000-10-29T03:00");
-    EXPECT_EQ(text(calendar.startOfNextDay(at("2000-10-28T14:30"))), text(first));
-    EXPECT_EQ(text(calendar.startOfDay(between)), "2000-10-28T02:30");
-    EXPECT_EQ(text(calendar.startOfNextDay(between)), text(again));
-    EXPECT_EQ(text(calendar.startOfDay(again)), text(first));
-    EXPECT_EQ(text(calendar.startOfNextDay(first)), "2000-10-30T03:30");
-    EXPECT_EQ(text(calendar.startOfNextDay(again)), "2000-10-30T03:30");
-}
-
-// Samoa went from 2011-12-29 24:00 (-10:00) to 2011-12-31 00:00 (+14:00).
-TEST(GregorianCalendarTest, PassesOverADayThatTheZoneSkipped) {
-    expectDays({
-        {"Pacific/Apia", "2011-12-29T22:00", "2011-12-29T10:00", "2011-12-30T10:00"},
-        {"Pacific/Apia", "2011-12-30T22:00", "2011-12-30T10:00", "2011-12-31T10:00"},
-        {"Pacific/Kwajalein", "1993-08-21T00:00", "1993-08-20T12:00", "1993-08-21T12:00"},
-    });
-    // A sum that meets it goes on by 24 hours for each day, to the same time of the day after.
-    expectSums({
-        {"Pacific/Apia", "2011-12-29T20:00", 1, "2011-12-30T20:00"},
-        {"Pacific/Apia", "2011-12-29T10:00", 1, "2011-12-30T10:00"},
-        {"Pacific/Apia", "2011-12-30T09:59:59", 1, "2011-12-31T09:59:59"},
-        {"Pacific/Apia", "2011-12-29T20:00", 2, "2011-12-31T20:00"},
-        {"Pacific/Apia", "2011-12-30T20:00", -1, "2011-12-29T20:00"},
-        {"Pacific/Apia", "2011-12-30T10:00", -1, "2011-12-29T10:00"},
-        {"Pacific/Apia", "2011-12-30T20:00", -2, "2011-12-28T20:00"},
-        {"Pacific/Kwajalein", "1993-08-21T12:00", -1, "1993-08-20T12:00"},
-    });
-}
-
-// The other side of the date line: Kwajalein had most of 1969-09-30 twice.
-TEST(GregorianCalendarTest, KnowsADayOf47Hours) {
-    expectDays({{"Pacific/Kwajalein", "1969-09-30T01:00", "1969-09-29T13:00", "1969-10-01T12:00"}});
-}
-
-TEST(GregorianCalendarTest, KnowsOffsetsThatAreNoWholeHours) {
-    expectDays({
-        {"Australia/Lord_Howe", "2024-04-07T01:30", "2024-04-06T13:00", "2024-04-07T13:30"},
-        {"Australia/Lord_Howe", "2024-10-06T01:00", "2024-10-05T13:30", "2024-10-06T13:00"},
-        {"Asia/Kathmandu", "2024-01-01T06:15", "2023-12-31T18:15", "2024-01-01T18:15"},
-        {"Asia/Kathmandu", "1985-12-31T17:30", "1985-12-30T18:30", "1985-12-31T18:30"},
-        {"Asia/Kathmandu", "1986-01-01T06:15", "1985-12-31T18:30", "1986-01-01T18:15"},
-    });
-}
-
-TEST(GregorianCalendarTest, KnowsUTC) {
-    expectDays({
-        {"UTC", "2024-02-29T23:59", "2024-02-29T00:00", "2024-03-01T00:00"},
-        {"UTC", "1970-01-01T00:00", "1970-01-01T00:00", "1970-01-02T00:00"},
-        {"UTC", "4000-02-29T12:00", "4000-02-29T00:00", "4000-03-01T00:00"},
-        {"Etc/UTC", "1900-02-28T12:00", "1900-02-28T00:00", "1900-03-01T00:00"},
-    });
-}
-
-// Local mean time: Berlin was 53 min 28 s ahead until 1893-04-01, New York 4 h 56 min 2 s behind
-// until noon on 1883-11-18.
-TEST(GregorianCalendarTest, KnowsTheTimeBeforeTheFirstChange) {
-    expectDays({
-        {"Europe/Berlin", "1700-01-01T11:06:32", "1699-12-31T23:06:32", "1700-01-01T23:06:32"},
-        {"Europe/Berlin", "1893-03-31T11:06:32", "1893-03-30T23:06:32", "1893-03-31T23:06:32"},
-        {"Europe/Berlin", "1893-04-01T11:00", "1893-03-31T23:06:32", "1893-04-01T23:00"},
-        {"Europe/Berlin", "1945-05-24T09:00", "1945-05-23T22:00", "1945-05-24T21:00"},
-        {"Europe/Berlin", "1969-12-31T11:00", "1969-12-30T23:00", "1969-12-31T23:00"},
-        {"America/New_York", "1800-06-01T16:56:02", "1800-06-01T04:56:02", "1800-06-02T04:56:02"},
-        {"America/New_York", "1883-11-18T23:00", "1883-11-18T04:56:02", "1883-11-19T05:00"},
-        {"Asia/Kathmandu", "1900-01-01T06:18:44", "1899-12-31T18:18:44", "1900-01-01T18:18:44"},
-    });
-}
-
-TEST(GregorianCalendarTest, KnowsSummerTimeAfterTheLastListedChange) {
-    expectDays({
-        {"Europe/Berlin", "2040-03-25T10:00", "2040-03-24T23:00", "2040-03-25T22:00"},
-        {"Europe/Berlin", "2040-10-28T11:00", "2040-10-27T22:00", "2040-10-28T23:00"},
-        {"Europe/Berlin", "2100-07-01T10:00", "2100-06-30T22:00", "2100-07-01T22:00"},
-        {"Europe/Berlin", "2100-10-31T11:00", "2100-10-30T22:00", "2100-10-31T23:00"},
-        {"Europe/Berlin", "4000-03-26T10:00", "4000-03-25T23:00", "4000-03-26T22:00"},
-        {"Europe/Berlin", "4000-07-01T10:00", "4000-06-30T22:00", "4000-07-01T22:00"},
-        {"Europe/Dublin", "2040-07-01T11:00", "2040-06-30T23:00", "2040-07-01T23:00"},
-        {"Europe/Dublin", "2100-10-31T12:00", "2100-10-30T23:00", "2100-11-01T00:00"},
-        {"America/New_York", "4000-07-01T16:00", "4000-07-01T04:00", "4000-07-02T04:00"},
-        {"America/Santiago", "2040-01-01T15:00", "2040-01-01T03:00", "2040-01-02T03:00"},
-        {"America/Santiago", "2040-09-02T15:00", "2040-09-02T04:00", "2040-09-03T03:00"},
-        {"America/Santiago", "2100-01-01T15:00", "2100-01-01T03:00", "2100-01-02T03:00"},
-        {"America/Santiago", "4000-01-01T15:00", "4000-01-01T03:00", "4000-01-02T03:00"},
-        {"America/Santiago", "4000-07-01T16:00", "4000-07-01T04:00", "4000-07-02T04:00"},
-        {"America/Santiago", "4000-09-03T15:00", "4000-09-03T04:00", "4000-09-04T03:00"},
-        {"Africa/Cairo", "2040-04-27T09:00", "2040-04-26T22:00", "2040-04-27T21:00"},
-        {"America/Nuuk", "2040-03-24T14:00", "2040-03-24T02:00", "2040-03-25T01:00"},
-        {"America/Nuuk", "2040-10-27T13:00", "2040-10-27T01:00", "2040-10-28T02:00"},
-        {"America/Nuuk", "2100-07-01T13:00", "2100-07-01T01:00", "2100-07-02T01:00"},
-        {"America/Nuuk", "4000-03-25T14:00", "4000-03-25T02:00", "4000-03-26T01:00"},
-        {"America/Nuuk", "4000-07-01T13:00", "4000-07-01T01:00", "4000-07-02T01:00"},
-        {"Asia/Jerusalem", "2040-10-28T10:00", "2040-10-27T21:00", "2040-10-28T22:00"},
-        {"Asia/Jerusalem", "2100-07-01T09:00", "2100-06-30T21:00", "2100-07-01T21:00"},
-        {"Asia/Jerusalem", "4000-03-24T09:00", "4000-03-23T22:00", "4000-03-24T21:00"},
-        {"Asia/Jerusalem", "4000-07-01T09:00", "4000-06-30T21:00", "4000-07-01T21:00"},
-        {"Australia/Lord_Howe", "4000-10-01T01:00", "4000-09-30T13:30", "4000-10-01T13:00"},
-        {"Antarctica/Troll", "2040-03-25T10:00", "2040-03-25T00:00", "2040-03-25T22:00"},
-    });
-}
-
-TEST(GregorianCalendarTest, KeepsTheTimeOfDayAcrossAChange) {
-    expectSums({
-        {"Europe/Berlin", "2024-03-30T11:00", 1, "2024-03-31T10:00"},
-        {"Europe/Berlin", "2024-10-26T10:00", 1, "2024-10-27T11:00"},
-        {"Europe/Berlin", "2024-02-28T11:00", 366, "2025-02-28T11:00"},
-        {"Europe/Berlin", "2024-07-01T10:00", 721'727, "4000-07-09T10:00"},
-        {"Europe/Berlin", "4000-07-09T10:00", -721'727, "2024-07-01T10:00"},
-        {"Europe/Berlin", "1800-06-01T11:06:32", 81'820, "2024-06-06T10:00"},
-        {"America/Santiago", "2024-01-01T15:00", 721'727, "4000-01-09T15:00"},
-        {"UTC", "2024-02-29T12:00", 0, "2024-02-29T12:00"},
-    });
-}
-
-TEST(GregorianCalendarTest, MovesATimeThatIsSkippedForwardByTheGap) {
-    expectSums({
-        {"Europe/Berlin", "2024-03-30T01:30", 1, "2024-03-31T01:30"},
-        {"Europe/Berlin", "2024-03-30T02:30", 1, "2024-03-31T01:30"},
-        {"Europe/Berlin", "2024-04-01T00:30", -1, "2024-03-31T01:30"},
-        {"America/Havana", "2024-03-09T05:30", 1, "2024-03-10T05:30"},
-        {"America/Santiago", "2024-09-07T04:00", 1, "2024-09-08T04:00"},
-        {"Africa/Cairo", "2024-04-24T22:15", 1, "2024-04-25T22:15"},
-        {"Australia/Lord_Howe", "2024-10-04T15:40", 1, "2024-10-05T15:40"},
-        {"Asia/Kathmandu", "1985-12-30T18:35", 1, "1985-12-31T18:35"},
-        {"Asia/Jerusalem", "4000-03-23T00:30", 1, "4000-03-24T00:30"},
-        {"Europe/Dublin", "2100-03-27T01:30", 1, "2100-03-28T01:30"},
-    });
-}
-
-// Greenland skips the last hour of a Saturday, Toronto skipped the half hours around a midnight.
-TEST(GregorianCalendarTest, MovesATimeThatIsSkippedAtTheEndOfADayToTheNext) {
-    expectSums({
-        {"America/Nuuk", "4000-03-24T01:30", 2, "4000-03-26T01:30"},
-        {"America/Toronto", "1919-03-30T04:45", 1, "1919-03-31T04:45"},
-    });
-}
-
-TEST(GregorianCalendarTest, TakesTheFirstOfTwoTimesOnTheWayForward) {
-    expectSums({
-        {"Europe/Berlin", "2024-10-26T00:30", 1, "2024-10-27T00:30"},
-        {"Europe/Berlin", "2024-10-26T01:00", 1, "2024-10-27T02:00"},
-        {"Europe/Berlin", "2024-01-01T01:30", 300, "2024-10-27T00:30"},
-        {"Europe/Berlin", "2024-10-27T01:30", 0, "2024-10-27T01:30"},
-        {"America/Havana", "2024-11-02T04:30", 1, "2024-11-03T04:30"},
-        {"America/Santiago", "2024-04-06T02:30", 1, "2024-04-07T02:30"},
-        {"Australia/Lord_Howe", "2024-04-05T14:45", 1, "2024-04-06T14:45"},
-        {"America/Nuuk", "4000-10-28T00:30", 1, "4000-10-29T00:30"},
-        {"Asia/Jerusalem", "4000-10-27T22:30", 1, "4000-10-28T22:30"},
-        {"Europe/Dublin", "2100-10-30T00:30", 1, "2100-10-31T00:30"},
-    });
-}
-
-// As the day that it comes from goes: from the winter the second, from the summer the first.
-TEST(GregorianCalendarTest, TakesTheTimeWithTheSameOffsetOnTheWayBack) {
-    expectSums({
-        {"Europe/Berlin", "2024-10-28T01:30", -1, "2024-10-27T01:30"},
-        {"Europe/Berlin", "2025-07-01T00:30", -247, "2024-10-27T00:30"},
-        {"America/Havana", "2024-11-04T05:00", -1, "2024-11-03T05:00"},
-        {"America/Havana", "2024-11-04T05:00", -2, "2024-11-02T04:00"},
-        {"America/St_Johns", "2005-10-31T03:30", -1, "2005-10-30T03:30"},
-        {"Pacific/Kwajalein", "1969-10-01T12:00", -1, "1969-09-29T13:00"},
-        {"Pacific/Kwajalein", "1969-10-01T12:00", -2, "1969-09-28T13:00"},
-    });
+    EXPECT_EQ(calendar.startOfNextDay(at("2000-10-28T14:30")), first);
+    EXPECT_EQ(calendar.startOfDay(between), at("2000-10-28T02:30"));
+    EXPECT_EQ(calendar.startOfNextDay(between), again);
+    EXPECT_EQ(calendar.startOfDay(again), first);
+    EXPECT_EQ(calendar.startOfNextDay(first), at("2000-10-30T03:30"));
+    EXPECT_EQ(calendar.startOfNextDay(again), at("2000-10-30T03:30"));
 }
 
 TEST(GregorianCalendarTest, KeepsFractionsOfASecond) {
     const auto calendar = calendarOf("Europe/Berlin");
     for (const double fraction : {0.25, 0.999'999}) {
         const WallDate date = at("2024-03-30T11:00") + Seconds{fraction};
-        EXPECT_EQ(text(calendar.addingDays(1, date)),
-                  text(at("2024-03-31T10:00") + Seconds{fraction}));
-        EXPECT_EQ(text(calendar.startOfDay(date)), "2024-03-29T23:00");
+        EXPECT_EQ(calendar.addingDays(1, date), at("2024-03-31T10:00") + Seconds{fraction});
+        EXPECT_EQ(calendar.startOfDay(date), at("2024-03-29T23:00"));
     }
     // Before 1970, where the nearest whole number toward zero is a second later.
-    EXPECT_EQ(text(calendar.startOfDay(wallDate(-hour - 0.25))), "1969-12-30T23:00");
-    EXPECT_EQ(text(calendar.startOfDay(wallDate(-hour))), "1969-12-31T23:00");
-    EXPECT_EQ(text(calendar.addingDays(-1, wallDate(-hour - 0.25))),
-              "1969-12-30T22:59:59+0.750000");
+    EXPECT_EQ(calendar.startOfDay(wallDate(-hour - 0.25)), at("1969-12-30T23:00"));
+    EXPECT_EQ(calendar.startOfDay(wallDate(-hour)), at("1969-12-31T23:00"));
+    EXPECT_EQ(calendar.addingDays(-1, wallDate(-hour - 0.25)),
+              at("1969-12-30T22:59:59") + Seconds{0.75});
 }
 
 TEST(GregorianCalendarTest, GivesNothingForDatesOutsideItsRange) {
@@ -348,11 +221,11 @@ TEST(GregorianCalendarTest, GivesNothingForDatesOutsideItsRange) {
 
 TEST(GregorianCalendarTest, ServesTheFirstAndTheLastDayOfItsRange) {
     const auto utc = calendarOf("UTC");
-    EXPECT_EQ(text(utc.startOfDay(at("0001-01-01T12:00"))), "0001-01-01T00:00");
-    EXPECT_EQ(text(utc.startOfNextDay(at("0001-01-01T00:00"))), "0001-01-02T00:00");
-    EXPECT_EQ(text(utc.startOfNextDay(at("9999-12-30T12:00"))), "9999-12-31T00:00");
+    EXPECT_EQ(utc.startOfDay(at("0001-01-01T12:00")), at("0001-01-01T00:00"));
+    EXPECT_EQ(utc.startOfNextDay(at("0001-01-01T00:00")), at("0001-01-02T00:00"));
+    EXPECT_EQ(utc.startOfNextDay(at("9999-12-30T12:00")), at("9999-12-31T00:00"));
     EXPECT_EQ(utc.startOfNextDay(at("9999-12-31T12:00")), std::nullopt);
-    EXPECT_EQ(text(utc.addingDays(1, at("9999-12-30T12:00"))), "9999-12-31T12:00");
+    EXPECT_EQ(utc.addingDays(1, at("9999-12-30T12:00")), at("9999-12-31T12:00"));
     for (const auto& zone : {"UTC"s, "Europe/Berlin"s, "America/Santiago"s}) {
         const auto calendar = calendarOf(zone);
         const auto date = at("2024-06-01T12:00");
@@ -364,23 +237,26 @@ TEST(GregorianCalendarTest, ServesTheFirstAndTheLastDayOfItsRange) {
 }
 
 TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
-    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
-    EXPECT_EQ(berlin.offset(at("1800-01-01T00:00")), Seconds{3208});
-    EXPECT_EQ(berlin.offset(at("2026-03-29T00:59:59") + Seconds{0.75}), Seconds{hour});
-    EXPECT_EQ(berlin.offset(at("2026-03-29T01:00")), Seconds{2 * hour});
-    EXPECT_EQ(berlin.offset(at("2026-10-25T00:59:59")), Seconds{2 * hour});
-    EXPECT_EQ(berlin.offset(at("2026-10-25T01:00")), Seconds{hour});
-    EXPECT_EQ(berlin.offset(at("9026-07-01T00:00")), Seconds{2 * hour});
-    EXPECT_EQ(calendarOf("America/St_Johns").offset(at("2026-11-20T00:00")), Seconds{-3.5 * hour});
-    EXPECT_EQ(calendarOf("UTC").offset(at("2026-11-20T00:00")), Seconds{0});
+    const struct {
+        const char* zone;
+        WallDate date;
+        double hours;
+    } rows[] = {{"Europe/Berlin", at("1800-01-01T00:00"), 3208 / hour},
+                {"Europe/Berlin", at("2026-03-29T00:59:59") + Seconds{0.75}, 1},
+                {"Europe/Berlin", at("2026-03-29T01:00"), 2},
+                {"Europe/Berlin", at("2026-10-25T00:59:59"), 2},
+                {"Europe/Berlin", at("2026-10-25T01:00"), 1},
+                {"Europe/Berlin", at("9026-07-01T00:00"), 2},
+                {"America/St_Johns", at("2026-11-20T00:00"), -3.5},
+                {"UTC", at("2026-11-20T00:00"), 0}};
+
+    for (const auto& [zone, date, hours] : rows) {
+        EXPECT_EQ(calendarOf(zone).offset(date), Seconds{hours * hour});
+    }
 }
 
 TEST(GregorianCalendarTest, KnowsItsZone) {
-    EXPECT_EQ(calendarOf("Europe/Berlin").zoneName(), "Europe/Berlin");
     EXPECT_EQ(calendarOf("Eire").zoneName(), "Eire");
-}
-
-TEST(GregorianCalendarTest, SaysWhyThereIsNone) {
     EXPECT_EQ(GregorianCalendar::named("Mars/Olympus").error(),
               "no time zone is named \"Mars/Olympus\"");
 }
@@ -390,8 +266,8 @@ TEST(GregorianCalendarTest, IsAValue) {
     const auto copy = calendar;
     const auto date = at("2024-06-01T12:00");
     calendar = calendarOf("UTC");
-    EXPECT_EQ(text(copy.startOfDay(date)), "2024-05-31T22:00");
-    EXPECT_EQ(text(calendar.startOfDay(date)), "2024-06-01T00:00");
+    EXPECT_EQ(copy.startOfDay(date), at("2024-05-31T22:00"));
+    EXPECT_EQ(calendar.startOfDay(date), at("2024-06-01T00:00"));
     const auto moved = std::move(calendar);
     EXPECT_EQ(moved.zoneName(), "UTC");
     EXPECT_EQ(calendar.zoneName(), "UTC") << "what was moved from stays";
@@ -411,80 +287,48 @@ TEST(GregorianCalendarTest, AllocatesNothingToAnswer) {
     EXPECT_GT(sum, 0);
 }
 
-// Sets or unsets TZ while it lives.
-class TZ {
-  public:
-    explicit TZ(const char* value) {
-        if (const char* before = std::getenv("TZ")) {
-            before_ = before;
-        }
-        set(value);
+// Null unsets TZ.
+void setTZ(const char* value) {
+    if (value != nullptr) {
+        setenv("TZ", value, 1);
+    } else {
+        unsetenv("TZ");
     }
-
-    TZ(const TZ&) = delete;
-    TZ& operator=(const TZ&) = delete;
-
-    ~TZ() { set(before_ ? before_->c_str() : nullptr); }
-
-  private:
-    static void set(const char* value) {
-        if (value != nullptr) {
-            setenv("TZ", value, 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-
-    std::optional<std::string> before_;
-};
-
-// As a part of the system: its /etc holds nothing but this link.
-void linkLocalTime(const std::string& target) {
-    std::filesystem::create_symlink(target, "/etc/localtime");
+    tzset();
 }
 
 TEST(SystemCalendarTest, IsThatOfTheZoneThatTZNames) {
     for (const auto* value : {"Asia/Kathmandu", ":Asia/Kathmandu"}) {
-        const TZ zone(value);
+        setTZ(value);
         EXPECT_EQ(GregorianCalendar::system().zoneName(), "Asia/Kathmandu") << value;
     }
 }
 
-TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachine) {
+TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachineElseUTC) {
     const PrivateMount etc("tmpfs", "none", "/etc");
     if (!etc.isMounted()) {
         GTEST_SKIP() << "needs the permission to mount a file system";
     }
-    linkLocalTime("/usr/share/zoneinfo/America/Santiago");
+    const std::string link = "/etc/localtime";
+    std::filesystem::create_symlink("/usr/share/zoneinfo/America/Santiago", link);
     for (const auto* value :
          {static_cast<const char*>(nullptr), "", ":/etc/localtime", "Nowhere"}) {
-        const TZ zone(value);
+        setTZ(value);
         EXPECT_EQ(GregorianCalendar::system().zoneName(), "America/Santiago");
     }
-}
-
-TEST(SystemCalendarTest, IsThatOfUTCWhenTheZoneCannotBeTold) {
-    const PrivateMount etc("tmpfs", "none", "/etc");
-    if (!etc.isMounted()) {
-        GTEST_SKIP() << "needs the permission to mount a file system";
-    }
-    const TZ zone(nullptr);
-    const auto expectUTC = [] {
+    setTZ(nullptr);
+    for (const char* target : {"", "/nowhere", "/usr/share/zoneinfo/Mars/Olympus", "a file"}) {
+        std::filesystem::remove(link);
+        if (*target == '/') {
+            std::filesystem::create_symlink(target, link);
+        } else if (*target != '\0') {
+            writeTestFile(link, "not a link");
+        }
         const auto calendar = GregorianCalendar::system();
-        EXPECT_EQ(calendar.zoneName(), "UTC");
-        EXPECT_EQ(text(calendar.startOfDay(at("2024-06-01T12:00"))), "2024-06-01T00:00");
-        EXPECT_EQ(text(calendar.startOfNextDay(at("1500-06-01T12:00"))), "1500-06-02T00:00");
-    };
-    expectUTC();
-    linkLocalTime("/nowhere");
-    expectUTC();
-    std::filesystem::remove("/etc/localtime");
-    linkLocalTime("/usr/share/zoneinfo/Mars/Olympus");
-    expectUTC();
-    std::filesystem::remove("/etc/localtime");
-    writeTestFile("/etc/localtime", "not a link");
-    expectUTC();
+        EXPECT_EQ(calendar.zoneName(), "UTC") << target;
+        EXPECT_EQ(calendar.startOfDay(at("2024-06-01T12:00")), at("2024-06-01T00:00"));
+        EXPECT_EQ(calendar.startOfNextDay(at("1500-06-01T12:00")), at("1500-06-02T00:00"));
+    }
 }
 
 // What the C library makes of instants, in the zone of TZ.
@@ -607,7 +451,7 @@ TEST(AllZonesTest, ListTheChangesOfTheCLibrary) {
     std::size_t count = 0;
     for (const std::string& name : allZones()) {
         SCOPED_TRACE(name);
-        const TZ tz(name.c_str());
+        setTZ(name.c_str());
         const auto zone = TimeZone::read(name);
         ASSERT_TRUE(zone.has_value()) << zone.error();
         for (std::size_t i = 1; i + 1 < zone->changes.size(); ++i, ++count) {
@@ -636,13 +480,13 @@ TEST(AllZonesTest, AgreeWithTheCLibrary) {
     int twofold = 0;
     for (const std::string& name : zones) {
         SCOPED_TRACE(name);
-        const TZ zone(name.c_str());
+        setTZ(name.c_str());
         const auto calendar = calendarOf(name);
         Property property(calendar);
         for (int i = 0; i < datesOfAZone; ++i) {
             const WallDate date = randomDate(random);
             property.check(date, static_cast<int>(random() % 801) - 400);
-            ASSERT_FALSE(HasFatalFailure()) << text(date);
+            ASSERT_FALSE(HasFatalFailure()) << secondsSince1970(date);
         }
         skipped += property.skipped();
         twofold += property.twofold();

@@ -1,5 +1,6 @@
 #include "HalvoShared/HalvoLink.hpp"
 
+#include <algorithm>
 #include <array>
 #include <boost/url.hpp>
 #include <charconv>
@@ -65,49 +66,24 @@ std::optional<std::int64_t> minutesOf(const std::string& text) {
     return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
 
-std::optional<std::string> valueOf(const urls::param_pct_view& item) {
-    if (!item.has_value) {
+// The value of the first query item called `name`.
+std::optional<std::string> valueOf(std::string_view name, const urls::url_view& url) {
+    const auto items = url.encoded_params();
+    const auto item = items.find(name);
+    if (item == items.end() || !(*item).has_value) {
         return std::nullopt;
     }
-    std::string value = item.value.decode();
+    std::string value = (*item).value.decode();
     return isUTF8(value) ? std::optional(std::move(value)) : std::nullopt;
 }
 
-HalvoLink::Breathe exerciseIn(const urls::url_view& url) {
-    std::optional<std::optional<std::string>> style;
-    std::optional<std::optional<std::string>> minutes;
-    for (const urls::param_pct_view item : url.encoded_params()) {
-        const std::string name = item.key.decode();
-        if (name == styleItem && !style) {
-            style = valueOf(item);
-        }
-        if (name == minutesItem && !minutes) {
-            minutes = valueOf(item);
-        }
-    }
-    HalvoLink::Breathe exercise;
-    exercise.style = std::move(style).value_or(std::nullopt);
-    const auto number = std::move(minutes).value_or(std::nullopt);
-    exercise.minutes = number ? minutesOf(*number) : std::nullopt;
-    return exercise;
-}
-
-// One for each alternative of a Screen, in its order.
-const std::array<std::pair<std::string_view, HalvoLink::Screen>, 5>& screens() {
-    static const std::array<std::pair<std::string_view, HalvoLink::Screen>, 5> all{{
-        {"breathe", HalvoLink::Breathe{}},
-        {"focus", HalvoLink::Focus{}},
-        {"today", HalvoLink::Today{}},
-        {"settings", HalvoLink::Settings{}},
-        {"main", HalvoLink::Main{}},
-    }};
-    return all;
-}
+// Of the alternatives of a Screen, in their order.
+constexpr std::array<std::string_view, 5> names{"breathe", "focus", "today", "settings", "main"};
 
 }  // namespace
 
 HalvoLink HalvoLink::reading(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) {
+    if (text.contains('\0')) {
         return {};
     }
     // The fragment may hold whatever it likes.
@@ -116,23 +92,24 @@ HalvoLink HalvoLink::reading(std::string_view text) {
     if (!parsed || hasPathGluedToHost(*parsed)) {
         return {};
     }
-    const auto screen = screenNamed(parsed->encoded_host());
-    if (screen && std::holds_alternative<Breathe>(*screen)) {
-        return {exerciseIn(*parsed)};
+    auto screen = screenNamed(parsed->encoded_host()).value_or(Main{});
+    if (auto* exercise = std::get_if<Breathe>(&screen)) {
+        exercise->style = valueOf(styleItem, *parsed);
+        exercise->minutes = valueOf(minutesItem, *parsed).and_then(minutesOf);
     }
-    return {screen.value_or(Main{})};
+    return {screen};
 }
 
 std::optional<HalvoLink::Screen> HalvoLink::screenNamed(std::string_view name) {
-    for (const auto& [known, screen] : screens()) {
-        if (known == name) {
-            return screen;
-        }
-    }
-    return std::nullopt;
+    static const std::array<Screen, names.size()> screens{Breathe{}, Focus{}, Today{}, Settings{},
+                                                          Main{}};
+    const auto found = std::ranges::find(names, name);
+    return found == names.end()
+               ? std::nullopt
+               : std::optional(screens.at(static_cast<std::size_t>(found - names.begin())));
 }
 
-std::string_view HalvoLink::name() const { return screens().at(screen.index()).first; }
+std::string_view HalvoLink::name() const { return names.at(screen.index()); }
 
 std::string HalvoLink::url() const { return url(scheme()); }
 

@@ -9,8 +9,6 @@
 namespace halvo::JSON {
 namespace {
 
-using Kind = DecodingError::Kind;
-
 // What the library says is wrong with a text.
 std::string problemOf(const Json::exception& exception) {
     // "[json.exception.parse_error.101] parse error at line 1, column 5: ..."
@@ -46,10 +44,6 @@ class Builder : public nlohmann::detail::json_sax_dom_parser<Json> {
     std::string problem;
 };
 
-std::string described(const std::string& path, const std::string& problem) {
-    return path.empty() ? problem : path + ": " + problem;
-}
-
 std::string described(const Json& json) {
     constexpr std::size_t longestQuote = 60;
     if (json.is_object()) {
@@ -66,52 +60,57 @@ std::string described(const Json& json) {
 
 }  // namespace
 
-std::string description(const DecodingError& error) { return described(error.path, error.problem); }
+std::string description(const Error& error) {
+    return (error.path.empty() ? "" : error.path + ": ") + error.problem;
+}
 
-std::string description(const EncodingError& error) { return described(error.path, error.problem); }
-
-std::expected<Document, DecodingError> Document::parse(std::string_view text) {
-    const auto malformed = [](const std::string& problem) {
-        return std::unexpected(DecodingError{Kind::Malformed, "", "This is not JSON: " + problem});
+Document::Document(std::string_view text) {
+    const auto fail = [](const std::string& problem) {
+        // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
+        throw Error{Error::Kind::Malformed, "", "This is not JSON: " + problem};
     };
     // The library takes it for the end of the text, whatever follows.
-    if (text.find('\0') != std::string_view::npos) {
-        return malformed("it holds a zero byte");
+    if (text.contains('\0')) {
+        fail("it holds a zero byte");
     }
     // For a list of all values, two bytes each, that grows to twice its size.
-    const std::size_t most = 3 * sizeof(Json) * text.size() / 2;
-    Document document;
-    document.reserve.reserve(most);
-    Builder builder(document.root);
+    reserve.reserve(3 * sizeof(Json) * text.size() / 2);
+    Builder builder(root);
     if (!Json::sax_parse(text, &builder)) {
-        return malformed(builder.problem);
+        fail(builder.problem);
     }
-    return document;
 }
 
-bool failedIn(std::string_view step, std::string& path) {
-    const bool isName = !path.empty() && !path.starts_with('[');
-    path.insert(0, isName ? "." : "").insert(0, step);
-    return false;
+void Way::fail(Error::Kind kind, std::string problem) const {
+    std::string path;
+    for (const Step& step : steps_) {
+        if (step.member.empty()) {
+            path += "[" + std::to_string(step.element) + "]";
+        } else {
+            path.append(path.empty() ? "" : ".").append(step.member);
+        }
+    }
+    // NOLINTNEXTLINE(cert-err60-cpp): as above.
+    throw Error{kind, std::move(path), std::move(problem)};
 }
 
-bool Decoder::read(const Json& json, bool& value) {
-    value = json == true;
-    return expect(json.is_boolean(), "true or false", json);
+void Decoder::read(const Json& json, bool& value) {
+    expect(json.is_boolean(), "true or false", json);
+    value = json.get<bool>();
 }
 
-bool Decoder::read(const Json& json, std::string& value) {
-    return readText(json, value, "a text",
-                    [](const std::string& text) { return std::optional(text); });
+void Decoder::read(const Json& json, std::string& value) {
+    expect(json.is_string(), "a text", json);
+    value = json.get_ref<const std::string&>();
 }
 
-bool Decoder::read(const Json& json, WallDate& value) {
-    return readText(json, value, "a date such as \"2026-11-20T09:30:00Z\"", InternetDate::parse);
+void Decoder::read(const Json& json, WallDate& value) {
+    value = readText(json, "a date such as \"2026-11-20T09:30:00Z\"", InternetDate::parse);
 }
 
-bool Decoder::read(const Json& json, UUID& value) {
-    return readText(json, value, "a UUID such as \"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"",
-                    UUID::fromText);
+void Decoder::read(const Json& json, UUID& value) {
+    value =
+        readText(json, "a UUID such as \"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"", UUID::fromText);
 }
 
 std::optional<std::int64_t> Decoder::wholeNumber(const Json& json) {
@@ -121,8 +120,7 @@ std::optional<std::int64_t> Decoder::wholeNumber(const Json& json) {
         return fits ? std::optional(static_cast<std::int64_t>(*number)) : std::nullopt;
     }
     const auto* natural = json.get_ptr<const std::uint64_t*>();
-    const bool fits =
-        json.is_number() && (natural == nullptr || std::in_range<std::int64_t>(*natural));
+    const bool fits = natural == nullptr || std::in_range<std::int64_t>(*natural);
     return fits ? std::optional(json.get<std::int64_t>()) : std::nullopt;
 }
 
@@ -134,64 +132,47 @@ std::string Decoder::oneOf(Names texts) {
     return all;
 }
 
-std::optional<std::size_t> Decoder::onlyOne(Names keys, const Json& json) {
-    std::optional<std::size_t> only;
-    std::size_t count = 0;
-    for (std::size_t place = 0; place < keys.size() && json.is_object(); ++place) {
-        if (json.contains(keys[place])) {
-            only = place;
-            ++count;
-        }
+std::size_t Decoder::onlyOne(Names keys, const Json& json) const {
+    expect(json.is_object(), "an object", json);
+    const auto isThere = [&](std::string_view key) { return json.contains(key); };
+    if (std::ranges::count_if(keys, isThere) != 1) {
+        fail(Error::Kind::TypeMismatch, "Invalid number of keys found, expected one.");
     }
-    const bool isOne =
-        expect(json.is_object(), "an object", json) &&
-        (count == 1 || fail(Kind::TypeMismatch, "Invalid number of keys found, expected one."));
-    return isOne ? only : std::nullopt;
+    return static_cast<std::size_t>(std::ranges::find_if(keys, isThere) - keys.begin());
 }
 
-bool Decoder::expect(bool isRight, std::string_view expected, const Json& found, Kind kind) {
-    return isRight ||
-           fail(kind, "Expected " + std::string(expected) + ", found " + described(found));
+void Decoder::expect(bool isRight, std::string_view expected, const Json& found,
+                     Error::Kind kind) const {
+    if (!isRight) {
+        fail(kind, "Expected " + std::string(expected) + ", found " + described(found));
+    }
 }
 
-bool Decoder::fail(Kind kind, std::string problem) {
-    error_ = {kind, "", std::move(problem)};
-    return false;
-}
+void Encoder::write(bool value) { text_ += value ? "true" : "false"; }
 
-bool Encoder::write(bool value) {
-    text_ += value ? "true" : "false";
-    return true;
-}
-
-bool Encoder::write(std::string_view value) {
+void Encoder::write(std::string_view value) {
     const auto isPlain = [](unsigned char byte) {
         return byte >= ' ' && byte < 0x80 && byte != '"' && byte != '\\';
     };
     if (std::ranges::all_of(value, isPlain)) {
         // Nearly every text, and the library's writer costs many times as much.
         text_.append("\"").append(value).append("\"");
-        return true;
+        return;
     }
     if (!isUTF8(value)) {
-        return fail("is not UTF-8 text");
+        fail(Error::Kind::BadValue, "is not UTF-8 text");
     }
     text_ += Json(value).dump();
-    return true;
 }
 
-bool Encoder::write(WallDate value) {
+void Encoder::write(WallDate value) {
     text_ += '"';
-    const bool isDone = InternetDate::append(value, text_);
+    if (!InternetDate::append(value, text_)) {
+        fail(Error::Kind::BadValue, "is not a date of the years 0 to 9999");
+    }
     text_ += '"';
-    return isDone || fail("is not a date of the years 0 to 9999");
 }
 
-bool Encoder::write(const UUID& value) { return write(value.text()); }
-
-bool Encoder::fail(const char* problem) {
-    error_ = {"", problem};
-    return false;
-}
+void Encoder::write(const UUID& value) { write(value.text()); }
 
 }  // namespace halvo::JSON

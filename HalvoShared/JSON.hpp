@@ -34,8 +34,8 @@
 
 namespace halvo::JSON {
 
-// Why a text is not the JSON of a record.
-struct DecodingError {
+// Why a text is not the JSON of a record, or a record has no JSON.
+struct Error {
     enum class Kind {
         // The text is not JSON, or not UTF-8.
         Malformed,
@@ -53,20 +53,11 @@ struct DecodingError {
     // What is wrong with it, a sentence or a part of one without a full stop.
     std::string problem;
 
-    bool operator==(const DecodingError&) const = default;
-};
-
-// Why a record has no JSON: the member at `path` and what is wrong with it.
-struct EncodingError {
-    std::string path;
-    std::string problem;
-
-    bool operator==(const EncodingError&) const = default;
+    bool operator==(const Error&) const = default;
 };
 
 // For a person: "PATH: PROBLEM", or the problem alone where it concerns the whole.
-std::string description(const DecodingError& error);
-std::string description(const EncodingError& error);
+std::string description(const Error& error);
 
 // The record that `json` holds. Members that it does not declare are passed over; of a key that
 // comes twice the last counts, though each must be right. A NUL byte is no part of JSON, not even
@@ -74,12 +65,12 @@ std::string description(const EncodingError& error);
 // fraction or an exponent it is read as a double first. Uses no more stack however deep the text is
 // nested. Throws std::bad_alloc.
 template <class T>
-std::expected<T, DecodingError> decode(std::string_view json);
+std::expected<T, Error> decode(std::string_view json);
 
 // The JSON of `value`. Fails for texts that are not UTF-8, dates that no text can give, and
 // enumerators without a name. Throws std::bad_alloc.
 template <class T>
-std::expected<std::string, EncodingError> encode(const T& value);
+std::expected<std::string, Error> encode(const T& value);
 
 template <class T>
 inline constexpr bool isOptional = false;

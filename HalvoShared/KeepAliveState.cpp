@@ -13,8 +13,8 @@ constexpr const char* trash = "/.Trash/";
 
 }  // namespace
 
-template std::expected<KeepAliveState, JSON::DecodingError> JSON::decode(std::string_view json);
-template std::expected<std::string, JSON::EncodingError> JSON::encode(const KeepAliveState& value);
+template std::expected<KeepAliveState, JSON::Error> JSON::decode(std::string_view json);
+template std::expected<std::string, JSON::Error> JSON::encode(const KeepAliveState& value);
 
 const SharedFile<KeepAliveState>& KeepAliveState::file() {
     static const SharedFile<KeepAliveState> file(fileName, AppGroup::container());

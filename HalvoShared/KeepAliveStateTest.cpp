@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
@@ -30,11 +32,15 @@ KeepAliveState killed() {
             .updatedAt = nineOClock};
 }
 
-KeepAliveState released() {
+// The same with one thing otherwise.
+template <class Value>
+KeepAliveState with(Value KeepAliveState::* member, std::type_identity_t<Value> value) {
     KeepAliveState state = killed();
-    state.appReleased = true;
+    state.*member = value;
     return state;
 }
+
+const KeepAliveState released = with(&KeepAliveState::appReleased, true);
 
 const std::string golden = HALVO_GOLDEN "/keepalive.json";
 
@@ -45,12 +51,9 @@ std::string without(const std::string& member) {
     return json.erase(place, member.size());
 }
 
-TEST(KeepAliveStateTest, IsWrittenAsItAlwaysWas) {
-    EXPECT_EQ(JSON::encode(released()), readTestFile(golden));
-}
-
-TEST(KeepAliveStateTest, IsReadAsItAlwaysWas) {
-    EXPECT_EQ(JSON::decode<KeepAliveState>(readTestFile(golden)), released());
+TEST(KeepAliveStateTest, IsWrittenAndReadAsItAlwaysWas) {
+    EXPECT_EQ(JSON::encode(released), readTestFile(golden));
+    EXPECT_EQ(JSON::decode<KeepAliveState>(readTestFile(golden)), released);
 }
 
 TEST(KeepAliveStateTest, ComesBackTheSame) {
@@ -68,8 +71,7 @@ TEST(KeepAliveStateTest, ComesBackTheSame) {
 }
 
 TEST(KeepAliveStateTest, WritesNoKeyForACommitmentThatIsAbsentAndTakesNullForOne) {
-    KeepAliveState state = killed();
-    state.commitmentUntil.reset();
+    const KeepAliveState state = with(&KeepAliveState::commitmentUntil, std::nullopt);
     std::string json =
         R"({"appPath":"/Applications/Halvo.app","appReleased":false,"bypassNoted":false,)"
         R"("clean":false,"pid":4711,"ultraHard":true,"updatedAt":"2026-11-20T09:00:00Z"})";
@@ -78,15 +80,13 @@ TEST(KeepAliveStateTest, WritesNoKeyForACommitmentThatIsAbsentAndTakesNullForOne
 }
 
 TEST(KeepAliveStateTest, IsNeitherReleasedNorNotedInAFileFromBeforeTheseWereRecorded) {
-    const auto state = JSON::decode<KeepAliveState>(
-        R"({"appPath":"/Applications/Halvo.app","clean":false,"commitmentUntil":)"
-        R"("2026-11-20T10:00:00Z","pid":4711,"ultraHard":true,"updatedAt":"2026-11-20T09:00:00Z"})");
-    EXPECT_EQ(state, killed());
-    const auto nulls = JSON::decode<KeepAliveState>(
-        R"({"appPath":"/Applications/Halvo.app","appReleased":null,"bypassNoted":null,)"
-        R"("clean":false,"commitmentUntil":"2026-11-20T10:00:00Z","pid":4711,"ultraHard":true,)"
-        R"("updatedAt":"2026-11-20T09:00:00Z"})");
-    EXPECT_EQ(nulls, killed());
+    for (const std::string start : {"{", R"({"appReleased":null,"bypassNoted":null,)"}) {
+        const auto state = JSON::decode<KeepAliveState>(
+            start + R"("appPath":"/Applications/Halvo.app","clean":false,"commitmentUntil":)"
+                    R"("2026-11-20T10:00:00Z","pid":4711,"ultraHard":true,"updatedAt":)"
+                    R"("2026-11-20T09:00:00Z"})");
+        EXPECT_EQ(state, killed());
+    }
 }
 
 TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMember) {
@@ -100,23 +100,24 @@ TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMember) {
 }
 
 TEST(KeepAliveStateTest, CannotBeReadWithAMemberOfAnotherType) {
-    struct Row {
-        const char* from;
-        const char* to;
-    };
-
-    for (const Row& row :
-         {Row{"4711", "\"4711\""}, Row{"4711", "2147483648"}, Row{"4711", "47.11"},
-          Row{"4711", "null"}, Row{"\"/Applications/Halvo.app\"", "5"},
-          Row{"\"clean\":false", "\"clean\":0"}, Row{"\"clean\":false", "\"clean\":null"},
-          Row{"\"appReleased\":true", "\"appReleased\":1"},
-          Row{"\"bypassNoted\":false", "\"bypassNoted\":\"no\""},
-          Row{"\"2026-11-20T10:00:00Z\"", "1795165200"},
-          Row{"\"2026-11-20T10:00:00Z\"", "\"10:00\""},
-          Row{"\"2026-11-20T09:00:00Z\"", "\"2026-11-20T09:00:00.5Z\""},
-          Row{"\"2026-11-20T09:00:00Z\"", "null"}, Row{"{", "[{"}}) {
+    const std::pair<std::string, const char*> rows[] = {
+        {"4711", "\"4711\""},
+        {"4711", "2147483648"},
+        {"4711", "47.11"},
+        {"4711", "null"},
+        {"\"/Applications/Halvo.app\"", "5"},
+        {"\"clean\":false", "\"clean\":0"},
+        {"\"clean\":false", "\"clean\":null"},
+        {"\"appReleased\":true", "\"appReleased\":1"},
+        {"\"bypassNoted\":false", "\"bypassNoted\":\"no\""},
+        {"\"2026-11-20T10:00:00Z\"", "1795165200"},
+        {"\"2026-11-20T10:00:00Z\"", "\"10:00\""},
+        {"\"2026-11-20T09:00:00Z\"", "\"2026-11-20T09:00:00.5Z\""},
+        {"\"2026-11-20T09:00:00Z\"", "null"},
+        {"{", "[{"}};
+    for (const auto& [from, to] : rows) {
         std::string json = readTestFile(golden);
-        json.replace(json.find(row.from), std::string(row.from).size(), row.to);
+        json.replace(json.find(from), from.size(), to);
         EXPECT_FALSE(JSON::decode<KeepAliveState>(json)) << json;
     }
 }
@@ -126,44 +127,31 @@ TEST(KeepAliveStateTest, AsksForARelaunchUntilTheCommitmentEnds) {
     EXPECT_TRUE(killed().shouldRelaunch(nineOClock + hour - Seconds{0.001}));
     EXPECT_FALSE(killed().shouldRelaunch(nineOClock + hour));
     EXPECT_FALSE(killed().shouldRelaunch(nineOClock + hour * 2));
+    EXPECT_FALSE(with(&KeepAliveState::clean, true).shouldRelaunch(nineOClock));
+    EXPECT_FALSE(with(&KeepAliveState::commitmentUntil, {}).shouldRelaunch(nineOClock));
 }
 
-TEST(KeepAliveStateTest, AsksForNoRelaunchAfterACleanEnd) {
-    KeepAliveState state = killed();
-    state.clean = true;
-    EXPECT_FALSE(state.shouldRelaunch(nineOClock));
-}
-
-TEST(KeepAliveStateTest, WithoutACommitmentAsksForNothing) {
-    KeepAliveState state = killed();
-    state.commitmentUntil.reset();
-    EXPECT_FALSE(state.shouldRelaunch(nineOClock));
-    EXPECT_FALSE(state.wasBypassed(false, nineOClock + hour));
-}
-
-TEST(KeepAliveStateTest, WasBypassedAfterMoreThanTwoMinutesOfSilence) {
-    EXPECT_FALSE(killed().wasBypassed(false, nineOClock));
-    EXPECT_FALSE(killed().wasBypassed(false, nineOClock + twoMinutes));
-    EXPECT_TRUE(killed().wasBypassed(false, nineOClock + twoMinutes + Seconds{0.001}));
-    // Whenever it is found, the silence began in the commitment.
-    EXPECT_TRUE(killed().wasBypassed(false, nineOClock + hour * 48));
-}
-
-TEST(KeepAliveStateTest, WasNotBypassedWhenAnyOfThatIsOtherwise) {
+TEST(KeepAliveStateTest, WasBypassedAfterMoreThanTwoMinutesOfSilenceThatBeganInTheCommitment) {
     const WallDate late = nineOClock + hour / 2;
-    ASSERT_TRUE(killed().wasBypassed(false, late));
-    EXPECT_FALSE(killed().wasBypassed(true, late)) << "opened again by the agent";
-    KeepAliveState state = killed();
-    state.clean = true;
-    EXPECT_FALSE(state.wasBypassed(false, late));
-    state = killed();
-    state.ultraHard = false;
-    EXPECT_FALSE(state.wasBypassed(false, late));
-    state = killed();
-    state.commitmentUntil = nineOClock;
-    EXPECT_FALSE(state.wasBypassed(false, late)) << "it was over when the record was written";
-    state.commitmentUntil = nineOClock + Seconds{0.001};
-    EXPECT_TRUE(state.wasBypassed(false, late));
+
+    const struct {
+        KeepAliveState state;
+        WallDate date;
+        bool wasBypassed;
+    } rows[] = {{killed(), nineOClock, false},
+                {killed(), nineOClock + twoMinutes, false},
+                {killed(), nineOClock + twoMinutes + Seconds{0.001}, true},
+                {killed(), nineOClock + hour * 48, true},
+                {with(&KeepAliveState::clean, true), late, false},
+                {with(&KeepAliveState::ultraHard, false), late, false},
+                {with(&KeepAliveState::commitmentUntil, std::nullopt), late, false},
+                {with(&KeepAliveState::commitmentUntil, nineOClock), late, false},
+                {with(&KeepAliveState::commitmentUntil, nineOClock + Seconds{0.001}), late, true}};
+
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.state.wasBypassed(false, row.date), row.wasBypassed) << &row - rows;
+        EXPECT_FALSE(row.state.wasBypassed(true, row.date)) << "opened again by the agent";
+    }
 }
 
 TEST(KeepAliveStateTest, MayAlwaysOpenFromApplications) {
@@ -180,15 +168,14 @@ TEST(KeepAliveStateTest, MayAlwaysOpenFromApplications) {
 }
 
 TEST(KeepAliveStateTest, KnowsTheTrashByItsTextAlone) {
-    const KeepAliveState state = released();
-    EXPECT_FALSE(state.mayOpen("/Users/ann/.Trash/Folder/Halvo.app"));
-    EXPECT_FALSE(state.mayOpen("/.Trash/"));
-    EXPECT_TRUE(state.mayOpen("/Users/ann/.trash/Halvo.app"));
-    EXPECT_TRUE(state.mayOpen("/Users/ann/.TRASH/Halvo.app"));
-    EXPECT_TRUE(state.mayOpen("/Users/ann/.Trash"));
-    EXPECT_TRUE(state.mayOpen("/Users/ann/.Trashes/Halvo.app"));
-    EXPECT_TRUE(state.mayOpen("/Users/ann/x.Trash/Halvo.app"));
-    EXPECT_TRUE(state.mayOpen(""));
+    for (const char* path : {"/Users/ann/.Trash/Folder/Halvo.app", "/.Trash/"}) {
+        EXPECT_FALSE(released.mayOpen(path)) << path;
+    }
+    for (const char* path :
+         {"/Users/ann/.trash/Halvo.app", "/Users/ann/.TRASH/Halvo.app", "/Users/ann/.Trash",
+          "/Users/ann/.Trashes/Halvo.app", "/Users/ann/x.Trash/Halvo.app", ""}) {
+        EXPECT_TRUE(released.mayOpen(path)) << path;
+    }
 }
 
 TEST(LaunchReasonTest, HasTheArgumentsThatTheAppKnows) {

@@ -4,17 +4,15 @@
 
 #include <atomic>
 #include <cstdio>
-#include <system_error>
 #include <utility>
 
+#include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo::shared_file {
 
 namespace {
-
-std::string described(int code) { return std::generic_category().message(code); }
 
 // Of this process no other write has the same.
 std::string writerName() {
@@ -26,10 +24,8 @@ std::string writerName() {
 
 std::expected<std::string, std::string> load(const std::string& url) {
     auto bytes = readFile(url, sizeLimit);
-    if (!bytes) {
-        return std::unexpected(url + ": " + described(bytes.error().code));
-    }
-    return *std::move(bytes);
+    return bytes ? std::expected<std::string, std::string>(*std::move(bytes))
+                 : std::unexpected(bytes.error().message);
 }
 
 void store(const std::string& url, std::string_view bytes) {
@@ -44,7 +40,7 @@ void store(const std::string& url, std::string_view bytes) {
     const auto stored =
         replaceFile(folder, isBare ? url : url.substr(slash + 1), bytes, personOnly, writerName());
     if (!stored) {
-        throw SharedFileError(url + ": " + described(stored.error().code));
+        throw SharedFileError(url + ": " + errorText(stored.error().code));
     }
 }
 

@@ -15,39 +15,32 @@
 namespace halvo {
 namespace {
 
-using std::chrono::days;
-using std::chrono::floor;
-using std::chrono::hours;
-using std::chrono::local_days;
-using std::chrono::seconds;
-using std::chrono::sys_days;
-using std::chrono::sys_seconds;
-using std::chrono::year;
-using std::chrono::years;
+using namespace std::chrono;
 
 constexpr seconds defaultTimeOfChange = hours{2};
 
 // "Mm.w.d", "Jn" or "n" and a time: when the clock changes, every year.
 struct YearlyChange {
-    char kind = 0;
+    // "M" if not 0.
     int month = 0;
     // From Sunday as 0, and the how many-th of them in the month: 5 is the last.
     int weekday = 0;
     int week = 0;
     // "J": from 1, 29 February is not counted. "n": days after 1 January.
+    bool isJulian = false;
     int day = 0;
     // After the midnight at which the day begins, on the clock as it is before the change.
     seconds time = defaultTimeOfChange;
 
     [[nodiscard]] local_days dayIn(year year) const {
         constexpr int lastOfFebruary = 31 + 28;
-        if (kind == 'M') {
+        if (month != 0) {
             const auto inMonth = year / month;
             const std::chrono::weekday ofWeek{static_cast<unsigned>(weekday)};
             return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
                              : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
         }
-        const bool countsFromOne = kind == 'J' && (!year.is_leap() || day <= lastOfFebruary);
+        const bool countsFromOne = isJulian && (!year.is_leap() || day <= lastOfFebruary);
         return local_days{year / 1 / 1} + days{day - (countsFromOne ? 1 : 0)};
     }
 
@@ -144,17 +137,14 @@ class RuleReader {
         YearlyChange change;
         require(skip(','));
         if (skip('M')) {
-            change.kind = 'M';
             change.month = number(1, 12);
             require(skip('.'));
             change.week = number(1, 5);
             require(skip('.'));
             change.weekday = number(0, 6);
-        } else if (skip('J')) {
-            change.kind = 'J';
-            change.day = number(1, 365);
         } else {
-            change.day = number(0, 365);
+            change.isJulian = skip('J');
+            change.day = number(change.isJulian ? 1 : 0, 365);
         }
         if (skip('/')) {
             change.time = time(mostHoursOfChange);
@@ -176,15 +166,16 @@ void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     }
 }
 
-// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed.
-void appendYears(std::vector<OffsetChange>& changes, const Rule& rule, sys_seconds last) {
-    constexpr year end{10'000};
+// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed,
+// until they come again.
+void appendYears(TimeZone& zone, const Rule& rule, sys_seconds last) {
     const sys_days known =
-        std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{end / 1 / 1});
+        std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{year{10'000} / 1 / 1});
+    const year begin = year_month_day{known}.year();
     std::vector<OffsetChange> begins;
     std::vector<OffsetChange> ends;
     // Changes may fall some days outside of the year to which they belong.
-    for (year y = std::chrono::year_month_day{known}.year() - years{1}; y <= end; ++y) {
+    for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
         begins.push_back({rule.begin.instantIn(y, rule.standard), rule.summer});
         ends.push_back({rule.end.instantIn(y, rule.summer), rule.standard});
     }
@@ -194,8 +185,13 @@ void appendYears(std::vector<OffsetChange>& changes, const Rule& rule, sys_secon
                        &OffsetChange::begin);
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
-            append(changes, change);
+            append(zone.changes, change);
         }
+    }
+    // The year before this is the rule's alone; it may have made no change.
+    const sys_days repeated{(begin + years{2}) / 1 / 1};
+    if (last < repeated && repeated < zone.changes.back().begin) {
+        zone.repeatsFrom = repeated;
     }
 }
 
@@ -358,11 +354,19 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
                                    "\" has a rule that cannot be read: " + std::string(*footer));
         }
         if (rule && rule->hasSummer) {
-            appendYears(zone.changes, *rule, last);
+            appendYears(zone, *rule, last);
         }
     }
     append(zone.changes, {sys_seconds::max(), seconds::max()});
     return zone;
+}
+
+OffsetSpan TimeZone::at(sys_seconds instant) const {
+    constexpr seconds cycle = days{146'097};
+    const seconds back =
+        instant < repeatsFrom ? seconds{0} : cycle * ((instant - repeatsFrom) / cycle);
+    const auto next = std::ranges::upper_bound(changes, instant - back, {}, &OffsetChange::begin);
+    return {next[-1].begin + back, next->begin + back, next[-1].offset};
 }
 
 std::optional<std::string> timeZoneOfMachine() {

@@ -18,13 +18,29 @@ struct OffsetChange {
     bool operator==(const OffsetChange&) const = default;
 };
 
+// Clocks are `offset` ahead of UTC from `begin` on until `end`. The spans that lie beside it may
+// have the same offset.
+struct OffsetSpan {
+    std::chrono::sys_seconds begin;
+    std::chrono::sys_seconds end;
+    std::chrono::seconds offset{};
+
+    bool operator==(const OffsetSpan&) const = default;
+};
+
 // A value; any thread. Failures are sentences for a person, without a full stop.
 struct TimeZone {
     std::string name;
-    // Until the year 10,000: those in the file, and those of the rule by which it goes on. Each
-    // begins later than the one before and has another offset, of at most 26 hours. The first
-    // begins at sys_seconds::min(); the last, at sys_seconds::max(), only ends the one before.
+    // Those in the file, and those of the rule by which it goes on, for a little more than the 400
+    // years after which the Gregorian calendar repeats itself. Each begins later than the one
+    // before and has another offset, of at most 26 hours. The first begins at sys_seconds::min();
+    // the last, at sys_seconds::max(), only ends the one before.
     std::vector<OffsetChange> changes;
+    // From here on the changes of 400 years come again and again.
+    std::chrono::sys_seconds repeatsFrom = std::chrono::sys_seconds::max();
+
+    // The span that holds `instant`, which is before sys_seconds::max().
+    [[nodiscard]] OffsetSpan at(std::chrono::sys_seconds instant) const;
 
     // Reads the file of the zone `name`, /usr/share/zoneinfo/NAME, links followed. Fails with `no
     // time zone is named "X"` when no file there is called that, or it is one of the texts that

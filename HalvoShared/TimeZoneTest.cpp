@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <limits>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,11 +77,9 @@ std::string errorOf(const std::string& bytes) {
     return zone ? "none" : zone.error();
 }
 
-std::vector<OffsetChange> changesOf(const ZoneFile& file) {
-    const auto zone = TimeZone::parse(file.bytes(), "Iran");
-    EXPECT_TRUE(zone.has_value()) << zone.error();
-    return zone ? zone->changes : std::vector<OffsetChange>();
-}
+TimeZone zoneOf(const ZoneFile& file) { return TimeZone::parse(file.bytes(), "Iran").value(); }
+
+std::vector<OffsetChange> changesOf(const ZoneFile& file) { return zoneOf(file).changes; }
 
 std::string nameError(const std::string& name) {
     const auto zone = TimeZone::read(name);
@@ -179,7 +178,7 @@ TEST(TimeZoneTest, MayListChangesOutsideTheRangeOfTheCalendar) {
                             .kinds = {1, 2, 3},
                             .times = times,
                             .kindsOfTimes = kinds};
-        return GregorianCalendar(TimeZone::parse(file.bytes(), "Iran").value());
+        return GregorianCalendar(zoneOf(file));
     };
     for (const std::int64_t second : {least + 1, std::int64_t{-576'460'752'303'423'488}}) {
         const auto old = calendarOf({least, second, y2000.time_since_epoch().count()}, "\1\2\0"s);
@@ -204,75 +203,95 @@ TEST(TimeZoneTest, MaySkipADayAndGoBackToIt) {
     const sys_seconds back = day(2024, 6, 11) + 30min;
     const ZoneFile file{
         .kinds = {0, 26}, .times = {second(back - 1h), second(back)}, .kindsOfTimes = "\1\0"s};
-    const GregorianCalendar calendar(TimeZone::parse(file.bytes(), "Iran").value());
+    const GregorianCalendar calendar(zoneOf(file));
     EXPECT_EQ(calendar.startOfDay(back + 12h), WallDate(back));
 }
 
-struct RuleRow {
-    std::string rule;
-    OffsetChange first;
-    OffsetChange second;
-};
-
 // Worked out by hand.
 TEST(TimeZoneRuleTest, SaysHowItGoesOn) {
-    for (const auto& [rule, first, second] : std::vector<RuleRow>{
-             // The last Sunday of March 2024 is the 31st, that of October the 27th; the time of a
-             // change is counted on the clock before it.
-             {"CET-1CEST,M3.5.0,M10.5.0/3",
-              {day(2024, 3, 31) + 1h, 2h},
-              {day(2024, 10, 27) + 1h, 1h}},
-             {"CET-1CEST,M3.5.0,M10.5.0/3",
-              {day(1900, 3, 25) + 1h, 2h},
-              {day(1900, 10, 28) + 1h, 1h}},
-             // A winter time in the place of a summer time; one that ends in the next year.
-             {"IST-1GMT0,M10.5.0,M3.5.0/1",
-              {day(2024, 10, 27) + 1h, 0h},
-              {day(2025, 3, 30) + 1h, 1h}},
-             {"ABC3DEF2:30,J60/0,365/-1:30:15",
-              {day(2023, 3, 1) + 3h, -150min},
-              {day(2024, 1, 1) + 59min + 45s, -3h}},
-             {"LMT-0:53:28LST,J60/0,J61/+0",
-              {day(2023, 3, 1) - 3208s, 6808s},
-              {day(2023, 3, 2) - 6808s, 3208s}},
-             {"<-01>+1<+01:02>-1:02,J60/0,J61/1:2",
-              {day(2023, 3, 1) + 1h, 62min},
-              {day(2023, 3, 2), -1h}},
-             // 2024 began on a Monday; its first Friday in March is the 1st, its second the 8th.
-             {"ABC0DEF,M3.1.5/0,M3.2.5/1", {day(2024, 3, 1), 1h}, {day(2024, 3, 8), 0h}},
-             // Times before midnight and after the day: the last Sundays of March and October 4000
-             // are the 26th and the 29th; the fourth Thursday of March 2040 is the 22nd, and 50
-             // hours later it is 02:00 on the 24th.
-             {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0",
-              {day(4000, 3, 26) + 1h, -1h},
-              {day(4000, 10, 29) + 1h, -2h}},
-             {"EET-2EEST,M3.4.4/50,M10.4.4/50",
-              {day(2040, 3, 24), 3h},
-              {day(2040, 10, 27) - 1h, 2h}},
-             {"ABC0DEF,J100/-167,J100/167",
-              {day(2023, 4, 10) - 167h, 1h},
-              {day(2023, 4, 10) + 166h, 0h}},
-             // J60 is 1 March in every year; day 60 counted from 0 is so only in common ones.
-             {"ABC0DEF,J59/0,J60/1", {day(2023, 2, 28), 1h}, {day(2023, 3, 1), 0h}},
-             {"ABC0DEF,J59/0,J60/1", {day(2024, 2, 28), 1h}, {day(2024, 3, 1), 0h}},
-             {"ABC0DEF,59/0,60/1", {day(2023, 3, 1), 1h}, {day(2023, 3, 2), 0h}},
-             {"ABC0DEF,59/0,60/1", {day(2024, 2, 29), 1h}, {day(2024, 3, 1), 0h}},
-             // Changes that fall into the years beside theirs, to the end of the calendar's range.
-             {"ABC0DEF,J364/100,J2/0", {day(9999, 1, 1) + 23h, 0h}, {day(9999, 1, 3) + 4h, 1h}}}) {
+    const struct {
+        std::string rule;
+        OffsetChange first;
+        OffsetChange second;
+    } rows[] = {
+        // The last Sunday of March 2024 is the 31st, that of October the 27th; the time of a
+        // change is counted on the clock before it.
+        {"CET-1CEST,M3.5.0,M10.5.0/3", {day(2024, 3, 31) + 1h, 2h}, {day(2024, 10, 27) + 1h, 1h}},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", {day(1900, 3, 25) + 1h, 2h}, {day(1900, 10, 28) + 1h, 1h}},
+        // A winter time in the place of a summer time; one that ends in the next year.
+        {"IST-1GMT0,M10.5.0,M3.5.0/1", {day(2024, 10, 27) + 1h, 0h}, {day(2025, 3, 30) + 1h, 1h}},
+        {"ABC3DEF2:30,J60/0,365/-1:30:15",
+         {day(2023, 3, 1) + 3h, -150min},
+         {day(2024, 1, 1) + 59min + 45s, -3h}},
+        {"LMT-0:53:28LST,J60/0,J61/+0",
+         {day(2023, 3, 1) - 3208s, 6808s},
+         {day(2023, 3, 2) - 6808s, 3208s}},
+        {"<-01>+1<+01:02>-1:02,J60/0,J61/1:2",
+         {day(2023, 3, 1) + 1h, 62min},
+         {day(2023, 3, 2), -1h}},
+        // 2024 began on a Monday; its first Friday in March is the 1st, its second the 8th.
+        {"ABC0DEF,M3.1.5/0,M3.2.5/1", {day(2024, 3, 1), 1h}, {day(2024, 3, 8), 0h}},
+        // Times before midnight and after the day: the last Sundays of March and October 4000
+        // are the 26th and the 29th; the fourth Thursday of March 2040 is the 22nd, and 50
+        // hours later it is 02:00 on the 24th.
+        {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0",
+         {day(4000, 3, 26) + 1h, -1h},
+         {day(4000, 10, 29) + 1h, -2h}},
+        {"EET-2EEST,M3.4.4/50,M10.4.4/50", {day(2040, 3, 24), 3h}, {day(2040, 10, 27) - 1h, 2h}},
+        {"ABC0DEF,J100/-167,J100/167",
+         {day(2023, 4, 10) - 167h, 1h},
+         {day(2023, 4, 10) + 166h, 0h}},
+        // J60 is 1 March in every year; day 60 counted from 0 is so only in common ones.
+        {"ABC0DEF,J59/0,J60/1", {day(2023, 2, 28), 1h}, {day(2023, 3, 1), 0h}},
+        {"ABC0DEF,J59/0,J60/1", {day(2024, 2, 28), 1h}, {day(2024, 3, 1), 0h}},
+        {"ABC0DEF,59/0,60/1", {day(2023, 3, 1), 1h}, {day(2023, 3, 2), 0h}},
+        {"ABC0DEF,59/0,60/1", {day(2024, 2, 29), 1h}, {day(2024, 3, 1), 0h}},
+        // Changes that fall into the years beside theirs, to the end of the calendar's range.
+        {"ABC0DEF,J364/100,J2/0", {day(9999, 1, 1) + 23h, 0h}, {day(9999, 1, 3) + 4h, 1h}}};
+
+    for (const auto& [rule, first, second] : rows) {
         SCOPED_TRACE(rule);
-        const auto changes = changesOf({.footer = "\n" + rule + "\n"});
-        const auto found = std::ranges::find(changes, first);
-        ASSERT_NE(found, changes.end());
-        EXPECT_EQ(found[1], second) << found[1].begin.time_since_epoch() << found[1].offset;
+        const TimeZone zone = zoneOf({.footer = "\n" + rule + "\n"});
+        EXPECT_EQ(zone.at(first.begin), (OffsetSpan{first.begin, second.begin, first.offset}));
+        EXPECT_EQ(zone.at(second.begin - 1s), zone.at(first.begin));
+        EXPECT_EQ(zone.at(second.begin).begin, second.begin);
+        EXPECT_EQ(zone.at(second.begin).offset, second.offset);
+    }
+}
+
+// Around each border of the 400 years, and far from all of them.
+TEST(TimeZoneRuleTest, ComesAgainEvery400Years) {
+    constexpr std::chrono::days cycle{146'097};
+    const TimeZone zone = zoneOf({.footer = "\nCET-1CEST,M3.5.0,M10.5.0/3\n",
+                                  .kinds = {1},
+                                  .times = {day(2020, 6, 1).time_since_epoch().count()},
+                                  .kindsOfTimes = "\0"s});
+    ASSERT_EQ(zone.repeatsFrom, day(2022, 1, 1));
+    for (const int y : {2022, 2421, 2422, 2821, 9999}) {
+        EXPECT_EQ(zone.at(day(y, 7, 1)).offset, 2h) << y;
+        EXPECT_EQ(zone.at(day(y, 12, 31)).offset, 1h) << y;
+    }
+    for (sys_seconds instant = day(2022, 1, 1); instant < day(2025, 1, 1); instant += 13h) {
+        const OffsetSpan span = zone.at(instant);
+        ASSERT_TRUE(span.begin <= instant && instant < span.end);
+        for (const int times : {1, 2, 19}) {
+            const auto later = times * cycle;
+            ASSERT_EQ(zone.at(instant + later),
+                      (OffsetSpan{span.begin + later, span.end + later, span.offset}));
+        }
     }
 }
 
 // The example of RFC 8536 (3.3.1) for summer time all year: each ends as the next begins.
 TEST(TimeZoneRuleTest, LetsASummerEndAsTheNextBegins) {
-    const auto changes = changesOf({.footer = "\nXXX3EDT4,0/0,J365/23\n"});
-    ASSERT_GT(changes.size(), 2U);
-    EXPECT_EQ(changes[1], (OffsetChange{day(0, 1, 1) + 3h, -4h}));
-    EXPECT_GE(changes[2].begin, day(10'000, 1, 1));
+    const TimeZone zone = zoneOf({.footer = "\nXXX3EDT4,0/0,J365/23\n"});
+    ASSERT_EQ(zone.changes.size(), 4U) << "until the year 405";
+    EXPECT_EQ(zone.changes[1], (OffsetChange{day(0, 1, 1) + 3h, -4h}));
+    for (const int y : {1, 404, 405, 2024, 9999}) {
+        const OffsetSpan span = zone.at(day(y, 1, 1) + 3h);
+        EXPECT_EQ(span.offset, -4h) << y;
+        EXPECT_TRUE(span.begin <= day(y, 1, 1) && day(y + 1, 1, 1) < span.end + 3h) << y;
+    }
 }
 
 TEST(TimeZoneRuleTest, FollowsTheLastChangeThatIsListed) {
@@ -299,26 +318,12 @@ TEST(TimeZoneRuleTest, IsRefusedWhenItCannotBeRead) {
           "UTC0:", "UTC0 ", "<UTC", "<UTC>", "<ab>0", "CET-1CE,M3.5.0,M10.5.0"}) {
         EXPECT_EQ(error(rule), why + rule);
     }
-    for (const std::string rest : {"",
-                                   ",",
-                                   ",M3.5.0",
-                                   ",M3.5.0,",
-                                   ",M3.5.0,M10.5.0,",
-                                   ",M0.5.0,M10.5.0",
-                                   ",M13.5.0,M10.5.0",
-                                   ",M3.0.0,M10.5.0",
-                                   ",M3.6.0,M10.5.0",
-                                   ",M3.5.7,M10.5.0",
-                                   ",M3.5,M10.5.0",
-                                   ",M3.5.0/168,M10.5.0",
-                                   ",M3.5.0/-168,M10.5.0",
-                                   ",M3.5.0/,M10.5.0",
-                                   ",J0,J100",
-                                   ",J366,J100",
-                                   ",366,100",
-                                   ",-1,100",
-                                   ",M3.99999999999.0,M10.5.0",
-                                   "-25,M3.5.0,M10.5.0"}) {
+    std::istringstream rests(
+        "|,|,M3.5.0|,M3.5.0,|,M3.5.0,M10.5.0,|,M0.5.0,M10.5.0|,M13.5.0,M10.5.0|"
+        ",M3.0.0,M10.5.0|,M3.6.0,M10.5.0|,M3.5.7,M10.5.0|,M3.5,M10.5.0|,M3.5.0/168,M10.5.0|"
+        ",M3.5.0/-168,M10.5.0|,M3.5.0/,M10.5.0|,J0,J100|,J366,J100|,366,100|,-1,100|"
+        ",M3.99999999999.0,M10.5.0|-25,M3.5.0,M10.5.0");
+    for (std::string rest; std::getline(rests, rest, '|');) {
         const std::string rule = "CET-1CEST" + rest;
         EXPECT_EQ(error(rule), why + rule);
     }
@@ -328,32 +333,13 @@ TEST(TimeZoneNameTest, IsAPathInTheFolderOfZones) {
     for (const auto* name : {"Asia/Kathmandu", "Eire", "Etc/GMT+12", "America/Port-au-Prince"}) {
         EXPECT_EQ(nameError(name), "none");
     }
-    for (const auto* name : {"",
-                             ".",
-                             "..",
-                             "/",
-                             "../zoneinfo/UTC",
-                             "./UTC",
-                             "Etc/./UTC",
-                             "Etc//UTC",
-                             "Europe/../Europe/Berlin",
-                             "../../etc/passwd",
-                             "/etc/passwd",
-                             "/usr/share/zoneinfo/UTC",
-                             "Europe",
-                             "Europe/",
-                             "UTC/",
-                             "Etc/UTC/x",
-                             "Etc/UTC ",
-                             "Etc\\UTC",
-                             "~",
-                             "zone.tab",
-                             "zone1970.tab",
-                             "tzdata.zi",
-                             "leapseconds",
-                             "Mars/Olympus",
-                             "CET-1CEST"}) {
-        EXPECT_EQ(nameError(name), "no time zone is named \""s + name + "\"");
+    std::istringstream names(
+        "|.|..|/|../zoneinfo/UTC|./UTC|Etc/./UTC|Etc//UTC|Europe/../Europe/Berlin|"
+        "../../etc/passwd|/etc/passwd|/usr/share/zoneinfo/UTC|Europe|Europe/|UTC/|"
+        "Etc/UTC/x|Etc/UTC |Etc\\UTC|~|zone.tab|zone1970.tab|tzdata.zi|leapseconds|"
+        "Mars/Olympus|CET-1CEST");
+    for (std::string name; std::getline(names, name, '|');) {
+        EXPECT_EQ(nameError(name), "no time zone is named \"" + name + "\"");
     }
 }
 

@@ -3,14 +3,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/InternetDate.hpp"
-#include "HalvoShared/WidgetMoment.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
 #include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/UTCCalendar.hpp"
@@ -34,9 +36,11 @@ constexpr Seconds hour{3600};
 constexpr WallDate today = nineOClock - hour * 9;
 const UTCCalendar utc;
 
-// Counts what it is asked.
+// Counts what it is asked, and has no day that lies `missing` days from another.
 class CountingCalendar final : public Calendar {
   public:
+    explicit CountingCalendar(int missing = 0) : missing_(missing) {}
+
     [[nodiscard]] WallDate startOfDay(WallDate date) const override {
         ++questions;
         return utc.startOfDay(date);
@@ -49,10 +53,13 @@ class CountingCalendar final : public Calendar {
 
     [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
         ++questions;
-        return utc.addingDays(days, date);
+        return days == missing_ && days != 0 ? std::nullopt : utc.addingDays(days, date);
     }
 
     mutable int questions = 0;
+
+  private:
+    int missing_;
 };
 
 // A snapshot in which something runs, with a horizon two hours after nine.
@@ -146,22 +153,7 @@ TEST(WidgetMomentTest, AsksTheCalendarNoMoreForManyDaysThanForOne) {
 }
 
 TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
-    class SixDayCalendar final : public Calendar {
-      public:
-        [[nodiscard]] WallDate startOfDay(WallDate date) const override {
-            return utc.startOfDay(date);
-        }
-
-        [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
-            return utc.startOfNextDay(date);
-        }
-
-        [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
-            return days == -1 ? std::nullopt : utc.addingDays(days, date);
-        }
-    };
-
-    const WidgetMoment moment = S().moment(nineOClock, SixDayCalendar());
+    const WidgetMoment moment = S().moment(nineOClock, CountingCalendar(-1));
     ASSERT_EQ(moment.week.size(), 6U);
     EXPECT_EQ(moment.week[4].start, today - aDay * 2);
     EXPECT_EQ(moment.week[5].start, today);
@@ -169,125 +161,93 @@ TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
 
 // What counts down.
 
-TEST(WidgetMomentTest, CountsDownToTheEndOfABlockOrAFocus) {
+TEST(WidgetMomentTest, CountsDownInABlockOrAFocusAndHasAFocusThatDoes) {
     const S::Running run = sampleRun(nineOClock + hour);
-    for (const S::State& state : {S::State(S::Block{run}), S::State(S::Focus{run})}) {
-        ASSERT_NE(S::countdown(state), nullptr);
-        EXPECT_EQ(*S::countdown(state), run);
-    }
-    for (const S::State& state : {S::State(S::FocusFilter{run}), S::State(S::Next{}),
-                                  S::State(S::NothingScheduled{}), S::State(S::NoBlocks{})}) {
-        EXPECT_EQ(S::countdown(state), nullptr);
-    }
-}
+    const S::Running open = sampleRun(std::nullopt);
+    const S::Running over = sampleRun(nineOClock);
+    const S::Running nearlyOver = sampleRun(nineOClock + Seconds{0.001});
 
-WidgetMoment focusMoment(std::optional<WallDate> end) {
-    WidgetMoment moment;
-    moment.date = nineOClock;
-    moment.isRunning = true;
-    moment.state = S::Focus{sampleRun(end)};
-    return moment;
-}
+    const struct {
+        S::State state;
+        std::optional<S::Running> countdown;
+        std::optional<S::Running> focus;
+    } rows[] = {{S::Block{run}, run, {}},
+                {S::Focus{run}, run, run},
+                {S::Focus{nearlyOver}, nearlyOver, nearlyOver},
+                {S::Focus{over}, over, {}},
+                {S::Focus{open}, open, {}},
+                {S::FocusFilter{run}, {}, {}},
+                {S::Next{}, {}, {}},
+                {S::NothingScheduled{}, {}, {}},
+                {S::NoBlocks{}, {}, {}}};
 
-TEST(WidgetMomentTest, HasAFocusThatCountsDown) {
-    EXPECT_EQ(focusMoment(nineOClock + Seconds{0.001}).focus(),
-              sampleRun(nineOClock + Seconds{0.001}));
-}
-
-TEST(WidgetMomentTest, HasNoFocusWhenItsEndIsTheMomentsDate) {
-    EXPECT_EQ(focusMoment(nineOClock).focus(), std::nullopt);
-    EXPECT_EQ(focusMoment(nineOClock - Seconds{1}).focus(), std::nullopt);
-}
-
-TEST(WidgetMomentTest, HasNoFocusWithoutAnEnd) {
-    EXPECT_EQ(focusMoment(std::nullopt).focus(), std::nullopt);
-}
-
-TEST(WidgetMomentTest, HasNoFocusWhenNothingRuns) {
-    WidgetMoment moment = focusMoment(nineOClock + hour);
-    moment.isRunning = false;
-    EXPECT_EQ(moment.focus(), std::nullopt);
-}
-
-TEST(WidgetMomentTest, HasNoFocusInAnyOtherState) {
-    WidgetMoment moment = focusMoment(nineOClock + hour);
-    for (const S::State& state :
-         {S::State(S::Block{sampleRun(nineOClock + hour)}),
-          S::State(S::FocusFilter{sampleRun(nineOClock + hour)}), S::State(S::Next{}),
-          S::State(S::NothingScheduled{}), S::State(S::NoBlocks{})}) {
-        moment.state = state;
-        EXPECT_EQ(moment.focus(), std::nullopt);
+    for (const auto& row : rows) {
+        const auto* countdown = S::countdown(row.state);
+        EXPECT_EQ(countdown == nullptr ? std::nullopt : std::optional(*countdown), row.countdown);
+        WidgetMoment moment;
+        moment.date = nineOClock;
+        moment.state = row.state;
+        EXPECT_EQ(moment.focus(), std::nullopt) << "nothing runs";
+        moment.isRunning = true;
+        EXPECT_EQ(moment.focus(), row.focus);
     }
 }
 
 // The timeline.
 
-TEST(TimelineDatesTest, IsOnlyTheStartWhenNothingRuns) {
-    S snapshot = sampleSnapshot();
-    snapshot.isRunning = false;
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, 60), Dates{nineOClock});
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, 0), Dates{nineOClock});
-}
-
-TEST(TimelineDatesTest, IsOnlyTheStartWhenTheHorizonIsPast) {
-    S snapshot = runningSnapshot({blockUntil(nineOClock - hour, nineOClock + hour)});
-    snapshot.horizon = nineOClock - Seconds{1};
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), Dates{nineOClock});
-}
-
-TEST(TimelineDatesTest, HasThePhasesThatStartAfterFromAndUpToTheEnd) {
+TEST(TimelineDatesTest, HasThePhasesTheMidnightsAndTheMinutes) {
     const WallDate end = nineOClock + hour * 2;
-    const S snapshot = runningSnapshot({nothingFrom(nineOClock - hour), nothingFrom(nineOClock),
-                                        nothingFrom(nineOClock + Seconds{0.5}), nothingFrom(end),
-                                        nothingFrom(end + Seconds{0.5})});
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
-              (Dates{nineOClock, nineOClock + Seconds{0.5}, end}));
-}
+    const auto run = blockUntil(nineOClock, nineOClock + hour);
+    const auto inState = [](const S::State& state) { return S::Phase{nineOClock, state}; };
+    Dates focusMinutes = nineAndMinutes(Seconds{20}, Seconds{560});  // 9:00:20 to 9:09:20
+    focusMinutes.push_back(nineOClock + minute * 10);
 
-TEST(TimelineDatesTest, HasTheMidnightsUpToTheEnd) {
+    const struct {
+        const char* what;
+        std::vector<S::Phase> phases;
+        Seconds span;
+        Dates dates;
+    } rows[] = {
+        {"phases after from and up to the end",
+         {nothingFrom(nineOClock - hour), nothingFrom(nineOClock),
+          nothingFrom(nineOClock + Seconds{0.5}), nothingFrom(end),
+          nothingFrom(end + Seconds{0.5})},
+         hour,
+         {nineOClock, nineOClock + Seconds{0.5}, end}},
+        {"whole minutes back from the end of a run, 9:10:30",
+         {blockUntil(nineOClock, nineOClock + Seconds{630})},
+         hour,
+         nineAndMinutes(Seconds{30}, Seconds{630})},
+        {"minutes until the next phase",
+         {focusUntil(nineOClock, nineOClock + Seconds{1820}),
+          nothingFrom(nineOClock + minute * 10)},
+         hour,
+         focusMinutes},
+        {"no span", {run}, Seconds{0}, {nineOClock}},
+        {"a span of the past", {run}, Seconds{-5}, {nineOClock}},
+        {"a span that ends before the run", {run}, minute * 3, nineAndMinutes(minute, minute * 3)},
+        {"an endless block", {inState(S::Block{sampleRun({})})}, hour, {nineOClock}},
+        {"an endless focus", {inState(S::Focus{sampleRun({})})}, hour, {nineOClock}},
+        {"a filter", {inState(S::FocusFilter{sampleRun(end)})}, hour, {nineOClock}},
+        {"what comes next", {inState(S::Next{})}, hour, {nineOClock}},
+        {"no blocks", {inState(S::NoBlocks{})}, hour, {nineOClock}}};
+
+    for (const auto& row : rows) {
+        S snapshot = runningSnapshot(row.phases);
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, row.span, noLimit), row.dates)
+            << row.what;
+        snapshot.horizon = nineOClock - Seconds{1};
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, row.span, noLimit), Dates{nineOClock})
+            << "the horizon is past";
+        snapshot.isRunning = false;
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, row.span, 0), Dates{nineOClock})
+            << "nothing runs";
+    }
     S snapshot = runningSnapshot({});
     snapshot.horizon = today + aDay * 3;
     EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
               (Dates{nineOClock, today + aDay, today + aDay * 2, today + aDay * 3}));
     EXPECT_EQ(snapshot.timelineDates(today, utc, hour, 2), (Dates{today, today + aDay}));
-}
-
-TEST(TimelineDatesTest, HasWholeMinutesBackFromTheEndOfARun) {
-    const S snapshot =
-        runningSnapshot({blockUntil(nineOClock, nineOClock + Seconds{630})});  // 9:10:30
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
-              nineAndMinutes(Seconds{30}, Seconds{630}));
-}
-
-TEST(TimelineDatesTest, HasMinutesOfAFocusOnlyUntilTheNextPhase) {
-    const S snapshot = runningSnapshot({focusUntil(nineOClock, nineOClock + Seconds{1820}),
-                                        nothingFrom(nineOClock + minute * 10)});
-    Dates expected = nineAndMinutes(Seconds{20}, Seconds{560});  // 9:00:20 to 9:09:20
-    expected.push_back(nineOClock + minute * 10);
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), expected);
-}
-
-TEST(TimelineDatesTest, HasNoMinutesWithoutASpan) {
-    const S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + hour)});
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{0}, noLimit), Dates{nineOClock});
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, Seconds{-5}, noLimit), Dates{nineOClock});
-}
-
-TEST(TimelineDatesTest, HasMinutesWithinTheSpanOnly) {
-    const S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + hour)});
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, minute * 3, noLimit),
-              nineAndMinutes(minute, minute * 3));
-}
-
-TEST(TimelineDatesTest, HasMinutesOfBlocksAndFocusRunsOnly) {
-    S::Running run = sampleRun(nineOClock + hour);
-    S::Running open = sampleRun(std::nullopt);
-    for (const S::State& state :
-         {S::State(S::FocusFilter{run}), S::State(S::Block{open}), S::State(S::Focus{open}),
-          S::State(S::Next{}), S::State(S::NoBlocks{})}) {
-        const S snapshot = runningSnapshot({{nineOClock, state}});
-        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit), Dates{nineOClock});
-    }
 }
 
 TEST(TimelineDatesTest, HasTheEarliestUpToTheLimit) {
@@ -345,25 +305,21 @@ GregorianCalendar calendarOf(const std::string& zone) {
 
 WallDate dateOf(const std::string& text) { return InternetDate::parse(text).value(); }
 
-TEST(TimelineDatesTest, HasTheFirstInstantOfADayWithoutAMidnight) {
-    // In Chile 8 September 2024 began at 01:00 (-03), one second after 23:59:59 (-04).
-    const GregorianCalendar santiago = calendarOf("America/Santiago");
-    S snapshot = runningSnapshot({});
-    const WallDate from = dateOf("2024-09-07T12:00:00-04:00");
-    snapshot.horizon = dateOf("2024-09-10T00:00:00-03:00");
-    EXPECT_EQ(snapshot.timelineDates(from, santiago, hour, 60),
-              (Dates{from, dateOf("2024-09-08T01:00:00-03:00"), dateOf("2024-09-09T00:00:00-03:00"),
-                     snapshot.horizon}));
-}
-
-TEST(TimelineDatesTest, PassesOverADayThatWasSkipped) {
-    // In Samoa 30 December 2011 did not exist.
-    S snapshot = runningSnapshot({});
-    const WallDate from = dateOf("2011-12-29T12:00:00-10:00");
-    snapshot.horizon = dateOf("2012-01-01T12:00:00+14:00");
-    EXPECT_EQ(
-        snapshot.timelineDates(from, calendarOf("Pacific/Apia"), hour, 60),
-        (Dates{from, dateOf("2011-12-31T00:00:00+14:00"), dateOf("2012-01-01T00:00:00+14:00")}));
+TEST(TimelineDatesTest, HasTheFirstInstantsOfTheDaysThatThereAre) {
+    // In Chile 8 September 2024 began at 01:00 (-03), one second after 23:59:59 (-04). In Samoa
+    // 30 December 2011 did not exist.
+    const std::pair<const char*, std::vector<const char*>> rows[] = {
+        {"America/Santiago",
+         {"2024-09-07T12:00:00-04:00", "2024-09-08T01:00:00-03:00", "2024-09-09T00:00:00-03:00"}},
+        {"Pacific/Apia",
+         {"2011-12-29T12:00:00-10:00", "2011-12-31T00:00:00+14:00", "2012-01-01T00:00:00+14:00"}}};
+    for (const auto& [zone, texts] : rows) {
+        Dates dates;
+        std::ranges::transform(texts, std::back_inserter(dates), dateOf);
+        S snapshot = runningSnapshot({});
+        snapshot.horizon = dates.back();
+        EXPECT_EQ(snapshot.timelineDates(dates[0], calendarOf(zone), hour, 60), dates) << zone;
+    }
 }
 
 TEST(WidgetMomentTest, HasADayOf25HoursWhole) {
@@ -391,16 +347,14 @@ std::vector<WallDate> weekOf(const WidgetMoment& moment) {
 TEST(WidgetMomentTest, HasSevenDaysEvenWhereOneWasSkipped) {
     const GregorianCalendar apia = calendarOf("Pacific/Apia");
     Dates days;
-    for (const char* day :
-         {"2011-12-24T00:00:00-10:00", "2011-12-25T00:00:00-10:00", "2011-12-26T00:00:00-10:00",
-          "2011-12-27T00:00:00-10:00", "2011-12-28T00:00:00-10:00", "2011-12-29T00:00:00-10:00",
-          "2011-12-31T00:00:00+14:00", "2012-01-01T00:00:00+14:00"}) {
-        days.push_back(dateOf(day));
+    for (int i = 24; i <= 29; ++i) {
+        days.push_back(dateOf("2011-12-" + std::to_string(i) + "T00:00:00-10:00"));
     }
-    EXPECT_EQ(weekOf(S().moment(dateOf("2011-12-31T12:00:00+14:00"), apia)),
-              Dates(days.begin(), days.end() - 1));
-    EXPECT_EQ(weekOf(S().moment(dateOf("2012-01-01T12:00:00+14:00"), apia)),
-              Dates(days.begin() + 1, days.end()));
+    days.push_back(dateOf("2011-12-31T00:00:00+14:00"));
+    EXPECT_EQ(weekOf(S().moment(dateOf("2011-12-31T12:00:00+14:00"), apia)), days);
+    days.erase(days.begin());
+    days.push_back(dateOf("2012-01-01T00:00:00+14:00"));
+    EXPECT_EQ(weekOf(S().moment(dateOf("2012-01-01T12:00:00+14:00"), apia)), days);
 }
 
 TEST(WidgetMomentTest, TakesTheSecondOfTwoMidnightsOfADayGoneBy) {
@@ -523,21 +477,17 @@ TEST(TimelineDatesTest, AreThoseOfThePlainRuleInAnyZone) {
     }
 }
 
-TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdown) {
+TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdownAndManyPhases) {
     S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + aDay * 365 * 3)});
     snapshot.horizon = nineOClock + aDay * 365 * 3;
     for (const std::size_t limit : {std::size_t{60}, std::size_t{5000}}) {
         EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, aDay * 200, limit),
                   plainDates(snapshot, nineOClock, utc, aDay * 200, limit));
     }
-}
-
-TEST(TimelineDatesTest, AreThoseOfThePlainRuleForManyPhases) {
-    const S snapshot = longSnapshot(100'000);
+    const S many = longSnapshot(100'000);
     for (const Seconds later : {Seconds{0}, hour * 50'000.5, hour * 99'999}) {
         const WallDate from = nineOClock + later;
-        EXPECT_EQ(snapshot.timelineDates(from, utc, hour, 60),
-                  plainDates(snapshot, from, utc, hour, 60));
+        EXPECT_EQ(many.timelineDates(from, utc, hour, 60), plainDates(many, from, utc, hour, 60));
     }
 }
 
@@ -556,25 +506,22 @@ TEST(TimelineDatesTest, AskTheCalendarOnlyForWhatTheyHave) {
 
 // The reload.
 
-TEST(ReloadDateTest, IsTheLastDateThatIsStillToCome) {
-    S snapshot;
-    snapshot.horizon = nineOClock + hour * 5;
-    EXPECT_EQ(snapshot.reloadDate({nineOClock, nineOClock + hour}, nineOClock), nineOClock + hour);
-}
+TEST(ReloadDateTest, IsTheLastDateElseTheHorizonElseInSixHours) {
+    const struct {
+        Dates dates;
+        WallDate horizon;
+        WallDate reload;
+    } rows[] = {{{nineOClock, nineOClock + hour}, nineOClock + hour * 5, nineOClock + hour},
+                {{nineOClock - hour, nineOClock}, nineOClock + hour * 5, nineOClock + hour * 5},
+                {{}, nineOClock + hour * 5, nineOClock + hour * 5},
+                {{}, nineOClock - hour, nineOClock + hour * 6},
+                {{nineOClock}, nineOClock, nineOClock + hour * 6}};
 
-TEST(ReloadDateTest, IsTheHorizonWhenTheLastDateIsNow) {
-    S snapshot;
-    snapshot.horizon = nineOClock + hour * 5;
-    EXPECT_EQ(snapshot.reloadDate({nineOClock - hour, nineOClock}, nineOClock), snapshot.horizon);
-    EXPECT_EQ(snapshot.reloadDate({}, nineOClock), snapshot.horizon);
-}
-
-TEST(ReloadDateTest, IsInSixHoursWhenNothingIsToCome) {
-    S snapshot;
-    snapshot.horizon = nineOClock - hour;
-    EXPECT_EQ(snapshot.reloadDate({}, nineOClock), nineOClock + hour * 6);
-    snapshot.horizon = nineOClock;
-    EXPECT_EQ(snapshot.reloadDate({nineOClock}, nineOClock), nineOClock + hour * 6);
+    for (const auto& [dates, horizon, reload] : rows) {
+        S snapshot;
+        snapshot.horizon = horizon;
+        EXPECT_EQ(snapshot.reloadDate(dates, nineOClock), reload);
+    }
 }
 
 }  // namespace

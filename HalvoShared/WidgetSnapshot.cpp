@@ -1,15 +1,112 @@
 #include "HalvoShared/WidgetSnapshot.hpp"
 
 #include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <limits>
 #include <ranges>
+#include <set>
+#include <variant>
 
 #include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/Coding.hpp"
+#include "HalvoShared/GregorianCalendar.hpp"
 
 namespace halvo {
+namespace {
 
-template std::expected<WidgetSnapshot, JSON::DecodingError> JSON::decode(std::string_view json);
-template std::expected<std::string, JSON::EncodingError> JSON::encode(const WidgetSnapshot& value);
+using Day = WidgetSnapshot::Day;
+using Phase = WidgetSnapshot::Phase;
+using Running = WidgetSnapshot::Running;
+
+constexpr Seconds minute{60};
+constexpr Seconds staleAfter{21600};
+constexpr int daysInWeek = 7;
+
+constexpr WallDate endOfTime = wallDate(std::numeric_limits<double>::infinity());
+
+// No two instants of one calendar day are farther apart: clocks are less than 26 hours from UTC.
+constexpr Seconds longestDay{76 * 3600};
+
+// For each of the dates, which ascend, the last record of its day, or one of nothing done.
+std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector<Day>& days,
+                           const Calendar& calendar) {
+    std::vector<Day> records;
+    std::ranges::transform(dates, std::back_inserter(records),
+                           [](WallDate date) { return Day{date, 0, 0, 0}; });
+    std::vector<WallDate> starts(dates.size());
+    std::ranges::transform(dates, starts.begin(),
+                           [&](WallDate date) { return calendar.startOfDay(date); });
+    std::vector<bool> isFound(dates.size());
+    for (const Day& day : std::views::reverse(days)) {
+        // Nearly all records are passed over by this alone.
+        if (day.start < starts.front() || day.start > dates.back() + longestDay) {
+            continue;
+        }
+        // Nearly all begin with their day.
+        const bool isStart = std::ranges::find(starts, day.start) != starts.end();
+        const WallDate start = isStart ? day.start : calendar.startOfDay(day.start);
+        for (std::size_t i = 0; i < dates.size(); ++i) {
+            if (!isFound[i] && starts[i] == start) {
+                records[i] = day;
+                isFound[i] = true;
+            }
+        }
+    }
+    return records;
+}
+
+// The earliest dates of all that were added, each once.
+class EarliestDates {
+  public:
+    // `limit` is at least 1.
+    explicit EarliestDates(std::size_t limit) : limit_(limit) {}
+
+    // Whether adding `date`, or any later one, could still change anything.
+    [[nodiscard]] bool wants(WallDate date) const { return date < bound_; }
+
+    void add(WallDate date) {
+        dates_.insert(date);
+        if (dates_.size() > limit_) {
+            dates_.erase(std::prev(dates_.end()));
+        }
+        if (dates_.size() == limit_) {
+            bound_ = *dates_.rbegin();
+        }
+    }
+
+    [[nodiscard]] std::vector<WallDate> ascending() const { return {dates_.begin(), dates_.end()}; }
+
+  private:
+    std::size_t limit_;
+    std::set<WallDate> dates_;
+    // All dates before it are wanted.
+    WallDate bound_ = endOfTime;
+};
+
+// Adds what lies from `begin` to `last` of the whole minutes before `runEnd`, and after `from`.
+void addMinutes(EarliestDates& dates, WallDate runEnd, WallDate begin, WallDate last,
+                WallDate from) {
+    // Where a double tells seconds apart no longer, there are no minutes to count.
+    constexpr double countable = 9e15;
+    const auto isCountable = [](WallDate date) {
+        return std::abs(secondsSince1970(date)) < countable;
+    };
+    if (!(begin < last) || !isCountable(begin) || !isCountable(runEnd)) {
+        return;
+    }
+    WallDate mark = runEnd - minute * std::floor((runEnd - begin) / minute);
+    for (; mark <= last && dates.wants(mark); mark += minute) {
+        if (mark > from) {
+            dates.add(mark);
+        }
+    }
+}
+
+}  // namespace
+
+template std::expected<WidgetSnapshot, JSON::Error> JSON::decode(std::string_view json);
+template std::expected<std::string, JSON::Error> JSON::encode(const WidgetSnapshot& value);
 
 const SharedFile<WidgetSnapshot>& WidgetSnapshot::file() {
     static const SharedFile<WidgetSnapshot> file(fileName, AppGroup::container());
@@ -24,6 +121,92 @@ WidgetSnapshot::State WidgetSnapshot::state(WallDate date) const {
         return started->state;
     }
     return phases.empty() ? NoBlocks{} : phases.front().state;
+}
+
+std::optional<Running> WidgetMoment::focus() const {
+    const auto* focus = std::get_if<WidgetSnapshot::Focus>(&state);
+    const bool countsDown =
+        isRunning && focus != nullptr && focus->running.end && *focus->running.end > date;
+    return countsDown ? std::optional(focus->running) : std::nullopt;
+}
+
+const Running* WidgetSnapshot::countdown(const State& state) {
+    if (const auto* block = std::get_if<Block>(&state)) {
+        return &block->running;
+    }
+    const auto* focus = std::get_if<Focus>(&state);
+    return focus == nullptr ? nullptr : &focus->running;
+}
+
+WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) const {
+    const WallDate dayStart = calendar.startOfDay(date);
+    std::vector<WallDate> dates;
+    dates.reserve(daysInWeek);
+    for (int offset = 1 - daysInWeek; offset <= 0; ++offset) {
+        if (const auto start = calendar.addingDays(offset, dayStart)) {
+            dates.push_back(*start);
+        }
+    }
+    // Outside the calendar's range, where no day can be told from another.
+    const bool hasDays = !dates.empty();
+    std::vector<Day> week = hasDays ? recordsOf(dates, days, calendar) : std::vector<Day>();
+    const Day today = hasDays ? week.back() : Day{dayStart, 0, 0, 0};
+    return {.date = date,
+            .state = state(date),
+            .isRunning = isRunning,
+            .blockCount = blockCount,
+            .today = today,
+            .week = std::move(week),
+            .breathe = breathe,
+            .focusMinutes = focusMinutes};
+}
+
+std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calendar& calendar,
+                                                    Seconds countdownSpan,
+                                                    std::size_t limit) const {
+    if (!isRunning) {
+        return {from};
+    }
+    if (limit == 0) {
+        return {};
+    }
+    EarliestDates dates(limit);
+    dates.add(from);
+    const WallDate end = std::max(from, horizon);
+    // In this order a span that is no number gives no minutes.
+    const WallDate countdownLimit = std::min(from + countdownSpan, end);
+    for (std::size_t index = 0; index < phases.size(); ++index) {
+        const Phase& phase = phases[index];
+        // Nothing of this phase is earlier, but for what rounding takes off a minute.
+        if (!dates.wants(std::max(from, phase.start) - minute)) {
+            continue;
+        }
+        if (phase.start > from && phase.start <= end && dates.wants(phase.start)) {
+            dates.add(phase.start);
+        }
+        const Running* running = countdown(phase.state);
+        if (running == nullptr || !running->end) {
+            continue;
+        }
+        const bool isCut = index + 1 < phases.size();
+        const WallDate countdownEnd =
+            isCut ? std::min(*running->end, phases[index + 1].start) : *running->end;
+        addMinutes(dates, *running->end, std::max(from, phase.start),
+                   std::min(countdownLimit, countdownEnd), from);
+    }
+    // Last, because each costs a question to the calendar: most are later than what is there.
+    for (auto day = calendar.startOfNextDay(from); day && *day <= end && dates.wants(*day);
+         day = calendar.startOfNextDay(*day)) {
+        dates.add(*day);
+    }
+    return dates.ascending();
+}
+
+WallDate WidgetSnapshot::reloadDate(const std::vector<WallDate>& dates, WallDate now) const {
+    if (!dates.empty() && dates.back() > now) {
+        return dates.back();
+    }
+    return horizon > now ? horizon : now + staleAfter;
 }
 
 }  // namespace halvo

@@ -83,26 +83,18 @@ struct Upcoming {
         Member{"level", &Upcoming::level}};
 };
 
-struct Block {
+// A state in which something runs; `number` tells the kinds apart.
+template <int number>
+struct RunningState {
     Running running;
 
-    bool operator==(const Block&) const = default;
-    static constexpr std::tuple members{Member{"_0", &Block::running}};
+    bool operator==(const RunningState&) const = default;
+    static constexpr std::tuple members{Member{"_0", &RunningState::running}};
 };
 
-struct Focus {
-    Running running;
-
-    bool operator==(const Focus&) const = default;
-    static constexpr std::tuple members{Member{"_0", &Focus::running}};
-};
-
-struct FocusFilter {
-    Running running;
-
-    bool operator==(const FocusFilter&) const = default;
-    static constexpr std::tuple members{Member{"_0", &FocusFilter::running}};
-};
+using Block = RunningState<0>;
+using Focus = RunningState<1>;
+using FocusFilter = RunningState<2>;
 
 struct Next {
     Upcoming upcoming;
@@ -265,7 +257,7 @@ struct WidgetSnapshot {
     // filter began; null for any other state. Borrowed from `state`. It may have no end.
     static const Running* countdown(const State& state);
 
-    // The three questions of a widget's timeline, answered in WidgetMoment.cpp.
+    // The three questions of a widget's timeline.
 
     // What there is to show at `date`. The days are those of `calendar`; of several records of one
     // day the last counts.
@@ -283,6 +275,29 @@ struct WidgetSnapshot {
     // When to ask for a new timeline after one of `dates`: at its last date or else at the horizon,
     // if that is still to come; else in six hours, so that a stale snapshot is looked at again.
     [[nodiscard]] WallDate reloadDate(const std::vector<WallDate>& dates, WallDate now) const;
+};
+
+// What a widget shows from one date of its timeline to the next.
+struct WidgetMoment {
+    WallDate date;
+    // The schedule's state at `date`.
+    WidgetSnapshot::State state;
+    bool isRunning{};
+    std::int64_t blockCount{};
+    // The day that holds `date`.
+    WidgetSnapshot::Day today;
+    // The seven days that end with it, the oldest first; a day without a record has counts of
+    // zero. Where a day was skipped they begin a day earlier. Outside the calendar's range there
+    // are none.
+    std::vector<WidgetSnapshot::Day> week;
+    WidgetSnapshot::Breath breathe;
+    std::int64_t focusMinutes{};
+
+    bool operator==(const WidgetMoment&) const = default;
+
+    // The focus run that counts down at `date`; absent when nothing runs, and when what does is no
+    // focus run, has no end or is over.
+    [[nodiscard]] std::optional<WidgetSnapshot::Running> focus() const;
 };
 
 }  // namespace halvo

@@ -2,7 +2,7 @@
 
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/JSON.hpp"
-#include "HalvoShared/WidgetMoment.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
 #include "benchmarks/Benchmark.hpp"
 #include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"

@@ -24,7 +24,7 @@ bool isUsable(NSURL* folder) {
     return isFolder(path) && access(path.c_str(), R_OK | W_OK | X_OK) == 0;
 }
 
-NSURL* groupContainer(const std::optional<std::string>& identifier) {
+NSURL* groupContainer(const std::optional<std::string>& identifier, bool isMade) {
     NSString* group = identifier ? foundationText(*identifier) : nil;
     NSURL* folder = group == nil ? nil
                                  : [NSFileManager.defaultManager
@@ -32,29 +32,42 @@ NSURL* groupContainer(const std::optional<std::string>& identifier) {
     if (folder == nil) {
         return nil;
     }
-    make(folder);
+    if (isMade) {
+        make(folder);
+    } else if (!itemExists(textOf(folder.path).value_or(""))) {
+        return folder;
+    }
     return isUsable(folder) ? folder : nil;
 }
 
-NSURL* folderWithoutGroup() {
+NSURL* folderWithoutGroup(bool isMade) {
     NSFileManager* files = NSFileManager.defaultManager;
     NSURL* support = [files URLsForDirectory:NSApplicationSupportDirectory
                                    inDomains:NSUserDomainMask]
                          .firstObject;
     NSURL* folder = [support URLByAppendingPathComponent:@"Halvo-NoGroup" isDirectory:YES];
-    if (folder != nil) {
+    if (folder != nil && isMade) {
         make(folder);
     }
     return folder;
 }
 
+std::string folderOf(const std::optional<std::string>& identifier, bool isMade) {
+    @autoreleasepool {
+        NSURL* container = groupContainer(identifier, isMade);
+        return textOf((container != nil ? container : folderWithoutGroup(isMade)).path)
+            .value_or("");
+    }
+}
+
 }  // namespace
 
+std::string pathOf(const std::optional<std::string>& identifier) {
+    return folderOf(identifier, false);
+}
+
 std::string containerOf(const std::optional<std::string>& identifier) {
-    @autoreleasepool {
-        NSURL* container = groupContainer(identifier);
-        return textOf((container != nil ? container : folderWithoutGroup()).path).value_or("");
-    }
+    return folderOf(identifier, true);
 }
 
 }  // namespace halvo::AppGroup

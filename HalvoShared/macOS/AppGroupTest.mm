@@ -39,19 +39,25 @@ TEST_F(DarwinAppGroupTest, HasTheFolderThatTheSystemHasForIt) {
     EXPECT_FALSE(fs::exists(noGroup));
 }
 
-TEST_F(DarwinAppGroupTest, HasAFolderWithoutAnIdentifier) {
-    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
-    EXPECT_TRUE(fs::is_directory(noGroup)) << "made with the folders above it";
+TEST_F(DarwinAppGroupTest, HasAPathWithoutItsFolderBeingMade) {
+    EXPECT_EQ(AppGroup::pathOf("group.a"), groups + "/group.a");
+    EXPECT_EQ(AppGroup::pathOf(std::nullopt), noGroup);
+    EXPECT_TRUE(fs::is_empty(home.path()));
+    fs::create_directories(groups);
+    writeTestFile(groups + "/group.a", "a file in its place");
+    EXPECT_EQ(AppGroup::pathOf("group.a"), noGroup);
+    EXPECT_FALSE(fs::exists(noGroup));
 }
 
 // Its container has a URL all the same, which says nothing: Apple's documentation of
 // containerURLForSecurityApplicationGroupIdentifier: has the caller test that the folder can be
 // reached.
 TEST_F(DarwinAppGroupTest, TakesAGroupThatTheProcessMayNotUseForNone) {
-    for (const char* identifier : {"group.b", "group.a.b", "Group.a", ""}) {
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
+    EXPECT_TRUE(fs::is_directory(noGroup)) << "made with the folders above it";
+    for (const char* identifier : {"group.b", "group.a.b", "Group.a", "", "group.\xFF"}) {
         EXPECT_EQ(AppGroup::containerOf(identifier), noGroup) << identifier;
     }
-    EXPECT_TRUE(fs::is_directory(noGroup));
 }
 
 TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
@@ -72,11 +78,6 @@ TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
     EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
     fs::remove(groups + "/group.a");
     EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
-}
-
-TEST_F(DarwinAppGroupTest, TakesAnIdentifierThatIsNotUTF8ForNone) {
-    EXPECT_EQ(AppGroup::containerOf("group.\xFF"), noGroup);
-    EXPECT_TRUE(fs::is_directory(noGroup));
 }
 
 TEST_F(DarwinAppGroupTest, KeepsWhatIsInTheFolderAlready) {
@@ -106,15 +107,14 @@ TEST_F(DarwinAppGroupTest, HasTheSamePathWhenTheFolderCannotBeMade) {
 }
 
 TEST_F(DarwinAppGroupTest, IsThatOfTheMainBundle) {
-    fake::world().mainInfo = "<plist version=\"1.0\"><dict>"
-                             "<key>HalvoAppGroup</key><string>group.a</string></dict></plist>";
+    const auto describe = [](const std::string& value) {
+        fake::world().mainInfo =
+            "<plist version=\"1.0\"><dict><key>HalvoAppGroup</key>" + value + "</dict></plist>";
+    };
+    describe("<string>group.a</string>");
     EXPECT_EQ(AppGroup::identifier(), "group.a");
     EXPECT_EQ(AppGroup::container(), groups + "/group.a");
-}
-
-TEST_F(DarwinAppGroupTest, IsNoneWhereTheMainBundleNamesNone) {
-    fake::world().mainInfo =
-        "<plist version=\"1.0\"><dict><key>HalvoAppGroup</key><true/></dict></plist>";
+    describe("<true/>");
     EXPECT_EQ(AppGroup::identifier(), std::nullopt);
     EXPECT_EQ(AppGroup::container(), noGroup);
 }

@@ -34,6 +34,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(changes[i].offset != changes[i + 1].offset);
         require(std::chrono::abs(changes[i].offset) <= std::chrono::hours{26});
     }
+    for (const std::int64_t second : {-62135596800, 0L, 4102444800L, 64092211200L, 1L << 60U}) {
+        const std::chrono::sys_seconds instant{std::chrono::seconds{second}};
+        const halvo::OffsetSpan span = zone->at(instant);
+        require(span.begin <= instant && instant < span.end);
+    }
     const halvo::GregorianCalendar calendar(*std::move(zone));
     for (const double seconds : {-62135596800.0, -2e9, 0.0, 1.7e9, 6.4e10, 253402300799.0}) {
         const halvo::WallDate date = halvo::wallDate(seconds);

@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "HalvoShared/Calendar.hpp"
+#include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
 
 namespace halvo::testing {

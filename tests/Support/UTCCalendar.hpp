@@ -4,7 +4,7 @@
 #include <cmath>
 #include <optional>
 
-#include "HalvoShared/Calendar.hpp"
+#include "HalvoShared/GregorianCalendar.hpp"
 
 namespace halvo::testing {
 

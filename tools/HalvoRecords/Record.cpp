@@ -1,11 +1,14 @@
 #include "tools/HalvoRecords/Record.hpp"
 
-#include <cstddef>
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
-#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/SharedFile.hpp"
@@ -16,76 +19,50 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::optional<RecordKind> kindOfName(const std::string& file) {
-    const std::string name = file.substr(file.rfind('/') + 1);
-    if (name == KeepAliveState::fileName) {
-        return RecordKind::keepAlive;
-    }
-    return name == WidgetSnapshot::fileName ? std::optional(RecordKind::widgets) : std::nullopt;
-}
-
 std::expected<std::string, std::string> readAll(std::istream& input) {
     std::string bytes(shared_file::sizeLimit + 1, '\0');
     input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (input.bad()) {
-        return std::unexpected("This cannot be read");
-    }
     bytes.resize(static_cast<std::size_t>(input.gcount()));
-    if (bytes.size() > shared_file::sizeLimit) {
-        return std::unexpected("This is longer than any record");
+    if (input.bad() || bytes.size() > shared_file::sizeLimit) {
+        return std::unexpected(title(standardInput) + (input.bad()
+                                                           ? ": This cannot be read"
+                                                           : ": This is longer than any record"));
     }
     return bytes;
 }
 
 template <class T>
-std::expected<T, std::string> decodeInput(std::istream& input) {
-    const auto bytes = readAll(input);
-    if (!bytes) {
-        return std::unexpected(title(standardInput) + ": " + bytes.error());
-    }
-    auto record = JSON::decode<T>(*bytes);
+std::expected<Record, std::string> decodeAs(const std::string& bytes, const std::string& file) {
+    auto record = JSON::decode<T>(bytes);
     if (!record) {
-        return std::unexpected(title(standardInput) + ": " + JSON::description(record.error()));
+        return std::unexpected(title(file) + ": " + printable(JSON::description(record.error())));
     }
     return *std::move(record);
-}
-
-template <class T>
-std::expected<Record, std::string> loadAs(const std::string& file, std::istream& input) {
-    auto record = file == standardInput ? decodeInput<T>(input) : SharedFile<T>(file).load();
-    if (!record) {
-        return std::unexpected(printable(record.error()));
-    }
-    return *std::move(record);
-}
-
-// What was decoded can be encoded: that fails only for what no JSON can have given.
-std::string encoded(const Record& record) {
-    return std::visit([](const auto& value) { return *JSON::encode(value); }, record);
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as a record is, which was decoded.
-void addLocalTimes(Json& value, const GregorianCalendar& calendar) {
+void addLocalTimes(Json& value, const GregorianCalendar& clocks) {
     if (value.is_structured()) {
         for (Json& element : value) {
-            addLocalTimes(element, calendar);
+            addLocalTimes(element, clocks);
         }
     } else if (value.is_string()) {
         auto& text = value.get_ref<std::string&>();
         if (const auto date = InternetDate::parse(text)) {
-            text += " (" + zonedDate(*date, calendar) + ")";
+            text += " (" + zonedDate(*date, clocks) + ")";
         }
     }
 }
 
-// When what is shown in `state` ends; nothing where nothing does.
-std::optional<WallDate> endOf(const WidgetSnapshot::State& state) {
+// What is shown in `state`, a run or what comes next, as `action` has it; else nothing.
+template <class Action>
+auto shownIn(const WidgetSnapshot::State& state, Action action) {
     return std::visit(
-        [](const auto& shown) -> std::optional<WallDate> {
-            if constexpr (requires { shown.running; }) {
-                return shown.running.end;
-            } else if constexpr (requires { shown.upcoming; }) {
-                return shown.upcoming.end;
+        [&](const auto& chosen) -> decltype(action(WidgetSnapshot::Running())) {
+            if constexpr (requires { chosen.running; }) {
+                return action(chosen.running);
+            } else if constexpr (requires { chosen.upcoming; }) {
+                return action(chosen.upcoming);
             } else {
                 return std::nullopt;
             }
@@ -97,32 +74,66 @@ std::string at(const char* list, std::size_t index) {
     return std::string(list) + "[" + std::to_string(index) + "]";
 }
 
+// The end that the state counts down to.
+std::optional<WallDate> countdownEnd(const WidgetSnapshot::State& state) {
+    const auto* running = WidgetSnapshot::countdown(state);
+    return running == nullptr ? std::nullopt : running->end;
+}
+
+// What the state is and of what, without its times: `block "Deep work"`.
+std::string shortText(const WidgetSnapshot::State& state) {
+    constexpr std::array<const char*, std::variant_size_v<WidgetSnapshot::State>> kinds{
+        "block", "focus", "focus filter", "next", "nothing scheduled", "no blocks"};
+    const auto name =
+        shownIn(state, [](const auto& shown) { return std::optional(" " + inQuotes(shown.name)); });
+    return kinds.at(state.index()) + name.value_or("");
+}
+
+// Why `date` is in the timeline: "start, phase".
+std::string reasons(const WidgetSnapshot& snapshot, const TimelineRequest& request, WallDate date,
+                    const GregorianCalendar& calendar) {
+    std::string all;
+    const auto add = [&all](bool isSo, const char* reason) {
+        all += isSo ? (all.empty() ? "" : ", ") + std::string(reason) : "";
+    };
+    add(date == request.from, "start");
+    const auto isAt = [date](const WidgetSnapshot::Phase& phase) { return phase.start == date; };
+    add(std::ranges::any_of(snapshot.phases, isAt), "phase");
+    add(calendar.startOfDay(date) == date, "midnight");
+    const auto end = countdownEnd(snapshot.state(date));
+    const bool isMinute = end && date > request.from &&
+                          date <= std::min(*end, request.from + request.countdownSpan) &&
+                          std::fmod(Seconds(*end - date).count(), 60) == 0;
+    // What nothing else explains is a minute of a phase that another one overlaps.
+    add(isMinute || all.empty(), "minute");
+    return all;
+}
+
+std::vector<WallDate> datesOf(const WidgetSnapshot& snapshot, const TimelineRequest& request,
+                              const GregorianCalendar& calendar) {
+    return snapshot.timelineDates(request.from, calendar, request.countdownSpan, request.limit);
+}
+
 }  // namespace
 
 std::string title(const std::string& file) {
     return file == standardInput ? "standard input" : printable(file);
 }
 
-std::string ownFile(RecordKind kind, const std::optional<std::string>& group) {
-    const bool isKeepAlive = kind == RecordKind::keepAlive;
-    if (!group) {
-        return isKeepAlive ? KeepAliveState::file().url() : WidgetSnapshot::file().url();
-    }
-    return AppGroup::containerOf(group) + "/" +
-           (isKeepAlive ? KeepAliveState::fileName : WidgetSnapshot::fileName);
-}
-
-std::expected<Record, std::string> load(const std::string& file, std::optional<RecordKind> kind,
+std::expected<Record, std::string> load(const std::string& file, const std::string& kind,
                                         std::istream& input) {
-    if (!kind) {
-        kind = kindOfName(file);
-    }
-    if (!kind) {
+    const std::string name = kind.empty() ? file.substr(file.rfind('/') + 1) : kind + ".json";
+    const bool isKeepAlive = name == KeepAliveState::fileName;
+    if (!isKeepAlive && name != WidgetSnapshot::fileName) {
         return std::unexpected(title(file) +
                                ": The name does not tell which record this is; --kind does");
     }
-    return kind == RecordKind::keepAlive ? loadAs<KeepAliveState>(file, input)
-                                         : loadAs<WidgetSnapshot>(file, input);
+    const auto bytes = file == standardInput ? readAll(input) : shared_file::load(file);
+    if (!bytes) {
+        return std::unexpected(printable(bytes.error()));
+    }
+    return isKeepAlive ? decodeAs<KeepAliveState>(*bytes, file)
+                       : decodeAs<WidgetSnapshot>(*bytes, file);
 }
 
 std::string summary(const Record& record) {
@@ -135,11 +146,14 @@ std::string summary(const Record& record) {
            " and " + counted(snapshot.blocks.size(), "block");
 }
 
-std::string asJSON(const Record& record) { return indented(encoded(record)); }
-
-std::string description(const Record& record, const GregorianCalendar& calendar) {
-    Json json = Json::parse(encoded(record));
-    addLocalTimes(json, calendar);
+std::string asJSON(const Record& record, const GregorianCalendar* clocks) {
+    // What was decoded can be encoded: that fails only for what no JSON can have given.
+    const std::string text =
+        std::visit([](const auto& value) { return *JSON::encode(value); }, record);
+    Json json = Json::parse(text);
+    if (clocks != nullptr) {
+        addLocalTimes(json, *clocks);
+    }
     return indented(json.dump());
 }
 
@@ -156,7 +170,9 @@ std::vector<std::string> remarks(const Record& record) {
             all.push_back(at("phases", i) + " starts " + (together ? "together with " : "before ") +
                           at("phases", i - 1));
         }
-        if (const auto end = endOf(phases[i].state); end && *end < phases[i].start) {
+        const auto end = shownIn(
+            phases[i].state, [](const auto& shown) { return std::optional<WallDate>(shown.end); });
+        if (end && *end < phases[i].start) {
             all.push_back(at("phases", i) + " shows what ended before it starts");
         }
     }
@@ -171,6 +187,33 @@ std::vector<std::string> remarks(const Record& record) {
         }
     }
     return all;
+}
+
+std::string timelineText(const WidgetSnapshot& snapshot, const TimelineRequest& request,
+                         const GregorianCalendar& calendar) {
+    const auto dates = datesOf(snapshot, request, calendar);
+    std::vector<std::vector<std::string>> rows{{"DATE", "WHY", "LEFT", "STATE"}};
+    for (const WallDate date : dates) {
+        const auto state = snapshot.state(date);
+        const auto end = countdownEnd(state);
+        rows.push_back({zonedDate(date, calendar), reasons(snapshot, request, date, calendar),
+                        end ? countdown(*end - date) : "-", shortText(state)});
+    }
+    rows.push_back({zonedDate(snapshot.reloadDate(dates, request.from), calendar), "reload"});
+    return table(rows, "");
+}
+
+std::string timelineJSON(const WidgetSnapshot& snapshot, const TimelineRequest& request,
+                         const GregorianCalendar& calendar) {
+    const auto inJSON = [](WallDate date) {
+        std::string text;
+        return InternetDate::append(date, text) ? Json(text) : Json();
+    };
+    const auto dates = datesOf(snapshot, request, calendar);
+    Json object{{"dates", Json::array()},
+                {"reload", inJSON(snapshot.reloadDate(dates, request.from))}};
+    std::ranges::transform(dates, std::back_inserter(object["dates"]), inJSON);
+    return object.dump(2) + "\n";
 }
 
 }  // namespace halvo::records

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <map>
@@ -12,33 +11,25 @@
 #include <optional>
 #include <ranges>
 #include <system_error>
-#include <utility>
 #include <variant>
-#include <vector>
 
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Version.hpp"
-#include "HalvoShared/GregorianCalendar.hpp"
+#include "HalvoShared/AppGroup.hpp"
 #include "HalvoShared/HalvoLink.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "tools/HalvoRecords/Record.hpp"
-#include "tools/HalvoRecords/Timeline.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
 
 namespace halvo::records {
 namespace {
 
-// Of more remarks on one file only the number is told.
-constexpr std::size_t mostRemarks = 20;
-
-constexpr std::size_t mostDates = 10000;
-
-// A hundred years: more than any countdown, and still few enough seconds.
-constexpr std::int64_t longestSpan = 3155760000;
+namespace ExitStatus = tools::ExitStatus;
 
 constexpr const char* exitStatus = R"(
 Exit status: 0 when all is fine, 1 when a file is not what it should be (missing,
-damaged), 64 after a usage error, 74 when the output could not be written.)";
+damaged), 64 after a usage error, 71 when memory ran out, 74 when the output could
+not be written.)";
 
 // What the words say, and what has come of them.
 struct Call {
@@ -48,80 +39,74 @@ struct Call {
     std::istream& input;
     // To the second, so that a date which was printed, given as --from, prints the same again.
     WallDate now;
-    Outcome outcome;
-
     // The files or URLs before "--" and after it, then the options.
     std::vector<std::string> operands;
     std::vector<std::string> operandsAfterOptions;
-    std::optional<RecordKind> kind;
-    std::optional<GregorianCalendar> zone;
+    std::string kind;
+    GregorianCalendar calendar = GregorianCalendar::system();
     std::optional<std::string> group;
     bool isJSON = false;
-    std::optional<HalvoLink::Screen> screen;
+    std::optional<std::string> screen;
     std::optional<std::string> style;
     std::optional<std::int64_t> minutes;
     std::optional<std::string> scheme;
-    std::optional<WallDate> from;
+    TimelineRequest timeline{.from = now};
     std::int64_t span = 3600;
-    std::size_t limit = 60;
-
-    [[nodiscard]] GregorianCalendar calendar() const {
-        return zone ? *zone : GregorianCalendar::system();
-    }
+    tools::Outcome outcome;
 
     void fail(const std::string& problem) {
         outcome.errors += "halvo-records: " + problem + "\n";
-        outcome.status = ExitStatus::notFine;
+        outcome.status = ExitStatus::problem;
     }
 };
 
-void checkFiles(const Call& call) {
+// The files that are named, else those of `names` in the folder of the app group.
+std::vector<std::string> filesOf(const Call& call, const std::vector<std::string>& names = {}) {
     if (call.group && !call.operands.empty()) {
         throw CLI::ExcludesError("--group", "FILE");
     }
     if (std::ranges::count(call.operands, standardInput) > 1) {
         throw CLI::ValidationError("Standard input can be read once");
     }
+    std::vector<std::string> files = call.operands;
+    for (const std::string& name : names) {
+        const bool isMeant = call.kind.empty() || name == call.kind + ".json";
+        if (call.operands.empty() && isMeant) {
+            const auto group = call.group ? call.group : AppGroup::identifier();
+            files.push_back(AppGroup::pathOf(group) + "/" + name);
+        }
+    }
+    return files;
 }
 
 void show(Call& call) {
-    checkFiles(call);
-    std::vector<std::pair<std::string, std::optional<RecordKind>>> targets;
-    targets.reserve(call.operands.size() + 2);
-    for (const std::string& file : call.operands) {
-        targets.emplace_back(file, call.kind);
-    }
-    for (const RecordKind kind : {RecordKind::keepAlive, RecordKind::widgets}) {
-        if (call.operands.empty() && call.kind.value_or(kind) == kind) {
-            targets.emplace_back(ownFile(kind, call.group), kind);
-        }
-    }
-    const GregorianCalendar calendar = call.calendar();
     std::string& output = call.outcome.output;
-    for (const auto& [file, kind] : targets) {
-        const auto record = load(file, kind, call.input);
+    for (const auto& file : filesOf(call, {KeepAliveState::fileName, WidgetSnapshot::fileName})) {
+        const auto record = load(file, call.kind, call.input);
         if (!record) {
             call.fail(record.error());
         } else if (call.isJSON) {
             output += asJSON(*record);
         } else {
             output += (output.empty() ? "" : "\n") + title(file) + ": " + summary(*record) + "\n" +
-                      description(*record, calendar);
+                      asJSON(*record, &call.calendar);
         }
     }
 }
 
 void check(Call& call) {
-    checkFiles(call);
-    if (call.operands.empty()) {
+    // Of more remarks on one file only the number is told.
+    constexpr std::size_t mostRemarks = 20;
+    const auto files = filesOf(call);
+    if (files.empty()) {
         throw CLI::RequiredError("FILE");
     }
     std::string& output = call.outcome.output;
-    for (const std::string& file : call.operands) {
+    for (const std::string& file : files) {
         const auto record = load(file, call.kind, call.input);
         if (!record) {
             output += record.error() + "\n";
-            call.outcome.status = ExitStatus::notFine;
+            call.outcome.status = ExitStatus::problem;
             continue;
         }
         output += title(file) + ": fine, " + summary(*record) + "\n";
@@ -136,37 +121,8 @@ void check(Call& call) {
     }
 }
 
-// `breathe, style "box", 5 minutes`.
-std::string linkText(const HalvoLink& link) {
-    std::string text(link.name());
-    if (const auto* breathe = std::get_if<HalvoLink::Breathe>(&link.screen)) {
-        if (breathe->style) {
-            text += ", style " + inQuotes(*breathe->style);
-        }
-        if (breathe->minutes) {
-            text += ", " + std::to_string(*breathe->minutes) +
-                    (*breathe->minutes == 1 ? " minute" : " minutes");
-        }
-    }
-    return text;
-}
-
-// {"screen":"breathe","style":"box"}. What the link does not give is left out.
-std::string linkJSON(const HalvoLink& link) {
-    nlohmann::ordered_json object{{"screen", link.name()}};
-    if (const auto* breathe = std::get_if<HalvoLink::Breathe>(&link.screen)) {
-        if (breathe->style) {
-            object["style"] = *breathe->style;
-        }
-        if (breathe->minutes) {
-            object["minutes"] = *breathe->minutes;
-        }
-    }
-    return printable(object.dump());
-}
-
 void makeLink(Call& call) {
-    HalvoLink link{*call.screen};  // NOLINT(bugprone-unchecked-optional-access): --to is required
+    HalvoLink link{HalvoLink::screenNamed(*call.screen).value_or(HalvoLink::Main{})};
     if (!call.operands.empty() || call.isJSON) {
         throw CLI::ExcludesError("--to", call.isJSON ? "--json" : "URL");
     }
@@ -184,135 +140,155 @@ void makeLink(Call& call) {
     call.outcome.output = url + "\n";
 }
 
-void readLinks(Call& call) {
+// `breathe, style "box", 5 minutes`, or {"screen":"breathe","style":"box","minutes":5}. What the
+// link does not give is left out.
+std::string linkText(const HalvoLink& link, bool isJSON) {
+    std::string text(link.name());
+    nlohmann::ordered_json object{{"screen", text}};
+    const auto* breathe = std::get_if<HalvoLink::Breathe>(&link.screen);
+    if (breathe != nullptr && breathe->style) {
+        text += ", style " + inQuotes(*breathe->style);
+        object["style"] = *breathe->style;
+    }
+    if (breathe != nullptr && breathe->minutes) {
+        text += ", " + std::to_string(*breathe->minutes) +
+                (*breathe->minutes == 1 ? " minute" : " minutes");
+        object["minutes"] = *breathe->minutes;
+    }
+    return isJSON ? printable(object.dump()) : text;
+}
+
+void links(Call& call) {
+    if (call.screen) {
+        makeLink(call);
+        return;
+    }
     if (call.operands.empty()) {
         throw CLI::RequiredError("URL or --to");
     }
     for (const std::string& url : call.operands) {
-        const HalvoLink link = HalvoLink::reading(url);
-        if (!call.isJSON && call.operands.size() > 1) {
-            call.outcome.output += printable(url) + ": ";
-        }
-        call.outcome.output += (call.isJSON ? linkJSON(link) : linkText(link)) + "\n";
+        const bool isNamed = !call.isJSON && call.operands.size() > 1;
+        call.outcome.output += (isNamed ? printable(url) + ": " : "") +
+                               linkText(HalvoLink::reading(url), call.isJSON) + "\n";
     }
 }
 
 void timeline(Call& call) {
-    checkFiles(call);
-    if (call.operands.size() > 1) {
-        throw CLI::ExtrasError({call.operands[1]});
+    const auto files = filesOf(call, {WidgetSnapshot::fileName});
+    if (files.size() > 1) {
+        throw CLI::ExtrasError({files[1]});
     }
-    const std::string file =
-        call.operands.empty() ? ownFile(RecordKind::widgets, call.group) : call.operands.front();
-    const auto record = load(file, RecordKind::widgets, call.input);
+    const auto record = load(files.front(), "widgets", call.input);
     if (!record) {
         call.fail(record.error());
         return;
     }
-    const GregorianCalendar calendar = call.calendar();
-    const Timeline dates =
-        Timeline::of(std::get<WidgetSnapshot>(*record), call.from.value_or(call.now), calendar,
-                     std::chrono::seconds{call.span}, call.limit);
-    call.outcome.output = call.isJSON ? asJSON(dates) : description(dates, calendar);
+    call.timeline.countdownSpan = std::chrono::seconds{call.span};
+    call.outcome.output = (call.isJSON ? timelineJSON : timelineText)(
+        std::get<WidgetSnapshot>(*record), call.timeline, call.calendar);
 }
 
 // What follows declares the words of the commands.
+
+// Adds the option `name`, whose value `type` in the help is what `read` makes of a word, or why it
+// makes nothing of it.
+template <class Target, class Read>
+CLI::Option* addRead(CLI::App& command, const std::string& name, const std::string& type,
+                     Target& target, Read read, const std::string& help) {
+    const auto store = [name, &target, read](const std::string& word) {
+        const auto value = read(word);
+        if (!value) {
+            throw CLI::ValidationError(name, value.error());
+        }
+        target = *value;
+    };
+    return command.add_option_function<std::string>(name, store, help)->type_name(type);
+}
+
+// CLI11 itself takes a number that is too large for the largest there is.
+std::expected<std::int64_t, std::string> readNumber(const std::string& word) {
+    std::int64_t number{};
+    const char* end = word.data() + word.size();
+    const auto [rest, error] = std::from_chars(word.data(), end, number);
+    if (error != std::errc() || rest != end) {
+        return std::unexpected("Expected a whole number, found '" + word + "'");
+    }
+    return number;
+}
+
+void addLinkOptions(CLI::App& command, Call& call) {
+    const std::vector<std::string> screens{"breathe", "focus", "today", "settings", "main"};
+    CLI::Option* to = command.add_option(
+        "--to", call.screen, "print the link to breathe, focus, today, settings or main");
+    to->check(CLI::IsMember(screens).description(""))->type_name("SCREEN");
+    command.add_option("--style", call.style, "the style of a breathing exercise")
+        ->check([](const std::string& word) { return isUTF8(word) ? "" : "This is not UTF-8"; })
+        ->type_name("TEXT")
+        ->needs(to);
+    addRead(command, "--minutes", "N", call.minutes, readNumber, "how many minutes it takes")
+        ->needs(to);
+    command.add_option("--scheme", call.scheme, "the URL's scheme; else the app's own")
+        ->type_name("S")
+        ->needs(to);
+}
+
+void addTimelineOptions(CLI::App& command, Call& call) {
+    const auto readFrom = [&call](const std::string& word) -> std::expected<WallDate, std::string> {
+        if (const auto date = word == "now" ? call.now : InternetDate::parse(word)) {
+            return *date;
+        }
+        return std::unexpected("Expected a date such as 2026-11-20T09:30:00Z, or now, found '" +
+                               word + "'");
+    };
+    addRead(command, "--from", "DATE", call.timeline.from, readFrom,
+            "from when on: 2026-11-20T09:30:00Z or now, which it is else");
+    // A hundred years: more than any countdown, and still few enough seconds.
+    constexpr std::int64_t longestSpan = 3155760000;
+    const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+    const CLI::AsNumberWithUnit asSeconds(units, CLI::AsNumberWithUnit::CASE_SENSITIVE);
+    command
+        .add_option("--span", call.span,
+                    "for how long minutes are counted down: seconds, or\n5m, 2h, 1d; else 1h")
+        ->transform(asSeconds.description(""))
+        ->check(CLI::Range(std::int64_t{0}, longestSpan).description(""))
+        ->type_name("SPAN");
+    constexpr std::size_t mostDates = 10000;
+    command
+        .add_option("--limit", call.timeline.limit,
+                    "at most so many dates, from 1 to 10000; else 60")
+        ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
+        ->type_name("N");
+}
 
 // A command with its operands, and what --help says after its options.
 struct Command {
     const char* name;
     const char* help;
+    void (*action)(Call&);
     const char* operand;
     const char* operandHelp;
     std::string more;
-    void (*action)(Call&);
+    bool hasKind;
+    // Whether it prints dates, and of the app group's own files where none is named.
+    bool hasZoneAndGroup;
+    // What --json prints; null for a command without it.
+    const char* jsonHelp;
+    void (*addOptions)(CLI::App&, Call&);
 };
 
-CLI::App& addCommand(CLI::App& app, Call& call, const Command& command) {
-    CLI::App* added = app.add_subcommand(command.name, command.help);
-    added->add_option(command.operand, call.operands, command.operandHelp)->type_name("");
-    added->footer(command.more + exitStatus);
-    added->callback([&call, action = command.action] {
-        const auto& after = call.operandsAfterOptions;
-        call.operands.insert(call.operands.end(), after.begin(), after.end());
-        action(call);
-    });
-    return *added;
-}
-
-// Adds the option `name`, whose value `type` in the help is read by `read`: a function that returns
-// nothing for a value that is not what `expected` says.
-template <class T, class Read>
-CLI::Option* addRead(CLI::App& command, const std::string& name, const std::string& type,
-                     std::optional<T>& target, Read read, const std::string& expected,
-                     const std::string& help) {
-    const auto store = [name, &target, read, expected](const std::string& word) {
-        const auto value = read(word);
-        if (!value) {
-            throw CLI::ValidationError(name, "Expected " + expected + ", found '" + word + "'");
-        }
-        target.emplace(*value);
-    };
-    return command.add_option_function<std::string>(name, store, help)->type_name(type);
-}
-
-void addKind(CLI::App& command, Call& call) {
-    const auto read = [](const std::string& word) {
-        const auto kind = word == "keepalive" ? RecordKind::keepAlive : RecordKind::widgets;
-        return word == "keepalive" || word == "widgets" ? std::optional(kind) : std::nullopt;
-    };
-    addRead(command, "--kind", "KIND", call.kind, read, "keepalive or widgets",
-            "which record it is: keepalive or widgets");
-}
-
-void addZone(CLI::App& command, Call& call, const std::string& help) {
-    const auto store = [&call](const std::string& name) {
-        const auto calendar = GregorianCalendar::named(name);
-        if (!calendar) {
-            throw CLI::ValidationError("--zone", calendar.error());
-        }
-        call.zone.emplace(*calendar);
-    };
-    command.add_option_function<std::string>("--zone", store, help)->type_name("ZONE");
-}
-
-void addGroup(CLI::App& command, Call& call) {
-    command
-        .add_option("--group", call.group,
-                    "the app group whose folder is meant, when no FILE is named;\n"
-                    "the folder is made when it is missing")
-        ->type_name("GROUP");
-}
-
-void addJSON(CLI::App& command, Call& call, const std::string& help) {
-    command.add_flag("--json", call.isJSON, help)->disable_flag_override();
-}
-
-void addShow(CLI::App& app, Call& call) {
-    CLI::App& command =
-        addCommand(app, call,
-                   {"show", "Prints records as JSON.", "FILE",
-                    "the records; else both in the app group's folder, or the one of\n--kind",
-                    R"(Members that the app does not know are left out.
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all{
+        {"show", "Prints records as JSON.", show, "FILE",
+         "the records; else both in the app group's folder, or the one of\n--kind",
+         R"(Members that the app does not know are left out.
 
 Examples:
   halvo-records show --group com.example.app
   halvo-records show widgets.json --zone UTC
   ssh laptop cat widgets.json | halvo-records show - --kind widgets
 )",
-                    show});
-    addKind(command, call);
-    addZone(command, call,
-            "the zone of the local times beside the dates, such as\n"
-            "Europe/Berlin; else the system's");
-    addGroup(command, call);
-    addJSON(command, call, "the JSON alone, without titles and local times");
-}
-
-void addCheck(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(
-        app, call,
-        {"check", "Says of each FILE whether it is a record.", "FILE", "at least one",
+         true, true, "the JSON alone, without titles and local times", nullptr},
+        {"check", "Says of each FILE whether it is a record.", check, "FILE", "at least one",
          R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
 can be read and is suspicious all the same follows as remarks, which do not change
 the exit status: phases that are not in order, runs that end before their phase
@@ -322,44 +298,14 @@ Examples:
   halvo-records check keepalive.json widgets.json
   halvo-records check backup.json --kind widgets
 )",
-         check});
-    addKind(command, call);
-}
-
-void addLink(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(app, call,
-                                   {"link", "Says what deep links lead to, or prints one.", "URL",
-                                    "a text that leads nowhere leads to main", R"(Examples:
+         true, false, nullptr, nullptr},
+        {"link", "Says what deep links lead to, or prints one.", links, "URL",
+         "a text that leads nowhere leads to main", R"(Examples:
   halvo-records link 'halvo://breathe?style=box&minutes=5'
   halvo-records link --to breathe --style box --minutes 5
 )",
-                                    [](Call& of) { of.screen ? makeLink(of) : readLinks(of); }});
-    addJSON(command, call, "one object on a line for each URL");
-    const std::string screens = "breathe, focus, today, settings or main";
-    CLI::Option* to = addRead(command, "--to", "SCREEN", call.screen, HalvoLink::screenNamed,
-                              screens, "print the link to " + screens);
-    command.add_option("--style", call.style, "the style of a breathing exercise")
-        ->check([](const std::string& word) { return isUTF8(word) ? "" : "This is not UTF-8"; })
-        ->type_name("TEXT")
-        ->needs(to);
-    const auto readMinutes = [](const std::string& word) {
-        std::int64_t minutes{};
-        const char* end = word.data() + word.size();
-        const auto [rest, error] = std::from_chars(word.data(), end, minutes);
-        return error == std::errc() && rest == end ? std::optional(minutes) : std::nullopt;
-    };
-    addRead(command, "--minutes", "N", call.minutes, readMinutes, "a whole number",
-            "how many minutes it takes")
-        ->needs(to);
-    command.add_option("--scheme", call.scheme, "the URL's scheme; else the app's own")
-        ->type_name("S")
-        ->needs(to);
-}
-
-void addTimeline(CLI::App& app, Call& call) {
-    CLI::App& command = addCommand(
-        app, call,
-        {"timeline", "Prints the dates at which a widget's picture changes.", "FILE",
+         false, false, "one object on a line for each URL", addLinkOptions},
+        {"timeline", "Prints the dates at which a widget's picture changes.", timeline, "FILE",
          "one widget snapshot; else the app group's own",
          R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
 start (what was asked for), phase (one begins), midnight (a day begins), minute (of
@@ -369,51 +315,49 @@ Examples:
   halvo-records timeline --span 15m
   halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
 )",
-         timeline});
-    const auto readFrom = [&call](const std::string& word) {
-        return word == "now" ? call.now : InternetDate::parse(word);
-    };
-    addRead(command, "--from", "DATE", call.from, readFrom,
-            "a date such as 2026-11-20T09:30:00Z, or now",
-            "from when on: 2026-11-20T09:30:00Z or now, which it is else");
-    addZone(command, call, "where the days are, such as Europe/Berlin; else the\nsystem's zone");
-    const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-    const CLI::AsNumberWithUnit asSeconds(units, CLI::AsNumberWithUnit::CASE_SENSITIVE);
-    command
-        .add_option("--span", call.span,
-                    "for how long minutes are counted down: seconds, or\n5m, 2h, 1d; else 1h")
-        ->transform(asSeconds.description(""))
-        ->check(CLI::Range(std::int64_t{0}, longestSpan).description(""))
-        ->type_name("SPAN");
-    command.add_option("--limit", call.limit, "at most so many dates, from 1 to 10000; else 60")
-        ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
-        ->type_name("N");
-    addGroup(command, call);
-    addJSON(command, call, R"(an object with the list "dates" and with "reload")");
+         false, true, R"(an object with the list "dates" and with "reload")", addTimelineOptions}};
+    return all;
 }
 
-// The words before "--" as the parser takes them: the last one first, and an empty value as a word
-// of its own, for which it would else take the next word.
-std::vector<std::string> forParser(std::span<const std::string> words) {
-    std::vector<std::string> all;
-    for (const std::string& word : std::views::reverse(words)) {
-        const bool hasEmptyValue = word.starts_with("--") && word.ends_with('=');
-        if (hasEmptyValue) {
-            all.emplace_back();
-        }
-        all.push_back(word.substr(0, word.size() - (hasEmptyValue ? 1 : 0)));
+void add(const Command& command, CLI::App& app, Call& call) {
+    CLI::App& added = *app.add_subcommand(command.name, command.help);
+    added.add_option(command.operand, call.operands, command.operandHelp)->type_name("");
+    if (command.hasKind) {
+        added.add_option("--kind", call.kind, "which record it is: keepalive or widgets")
+            ->check(CLI::IsMember({"keepalive", "widgets"}).description(""))
+            ->type_name("KIND");
     }
-    return all;
+    if (command.addOptions != nullptr) {
+        command.addOptions(added, call);
+    }
+    if (command.hasZoneAndGroup) {
+        addRead(
+            added, "--zone", "ZONE", call.calendar, GregorianCalendar::named,
+            "the zone of the days and of local times, such as\nEurope/Berlin; else the system's");
+        added
+            .add_option("--group", call.group,
+                        "the app group whose folder is meant, when no FILE is named")
+            ->type_name("GROUP");
+    }
+    if (command.jsonHelp != nullptr) {
+        added.add_flag("--json", call.isJSON, command.jsonHelp)->disable_flag_override();
+    }
+    added.footer(command.more + exitStatus);
+    added.callback([&call, action = command.action] {
+        const auto& after = call.operandsAfterOptions;
+        call.operands.insert(call.operands.end(), after.begin(), after.end());
+        action(call);
+    });
 }
 
 }  // namespace
 
-Outcome run(std::span<const std::string> words, std::istream& input, WallDate now) {
+tools::Outcome run(const std::vector<std::string>& words, std::istream& input, WallDate now) {
     Call call(input, now);
     CLI::App app{"Looks into what the app's processes share: records, deep links, timelines.",
                  "halvo-records"};
     app.set_version_flag("--version", std::string("halvo-records ") + version);
-    app.require_subcommand(0, 1);
+    app.require_subcommand(1);
     app.footer(R"(A FILE is named keepalive.json or widgets.json, or --kind tells which record it
 is. "-" is standard input. "--" ends the options.
 
@@ -423,27 +367,13 @@ Examples:
   halvo-records link 'halvo://breathe?style=box&minutes=5'
   halvo-records timeline widgets.json --zone Europe/Berlin
 )" + std::string(exitStatus));
-    addShow(app, call);
-    addCheck(app, call);
-    addLink(app, call);
-    addTimeline(app, call);
-    try {
-        // What the parser itself makes of "--" depends on the operands before it.
-        const auto end = std::ranges::find(words, "--");
-        call.operandsAfterOptions.assign(end == words.end() ? end : end + 1, words.end());
-        app.parse(forParser({words.begin(), end}));
-        if (app.get_subcommands().empty()) {
-            throw CLI::RequiredError("A command (show, check, link or timeline)");
-        }
-        return call.outcome;
-    } catch (const CLI::CallForHelp&) {
-        return {ExitStatus::fine, app.help(), ""};
-    } catch (const CLI::CallForVersion& text) {
-        return {ExitStatus::fine, std::string(text.what()) + "\n", ""};
-    } catch (const CLI::ParseError& problem) {
-        return {ExitStatus::usageError, "",
-                "halvo-records: " + printable(problem.what()) + ". See halvo-records --help.\n"};
+    for (const Command& command : commands()) {
+        add(command, app, call);
     }
+    // What the parser itself makes of "--" depends on the operands before it.
+    const auto end = std::ranges::find(words, "--");
+    call.operandsAfterOptions.assign(end == words.end() ? end : end + 1, words.end());
+    return tools::parse(app, {words.begin(), end}).value_or(call.outcome);
 }
 
 }  // namespace halvo::records

@@ -9,37 +9,10 @@
 #include <nlohmann/json.hpp>
 
 #include "HalvoPlatform/Paths.hpp"
+#include "HalvoShared/InternetDate.hpp"
 
 namespace halvo::records {
 namespace {
-
-// More than any date of a record, and few enough seconds to count.
-constexpr double farthest = 1e12;
-
-// A character of UTF-8, or a byte that is part of none.
-struct Character {
-    std::string_view bytes;
-    char32_t code;
-    bool isWhole;
-};
-
-Character firstOf(std::string_view text) {
-    std::size_t length = 1;
-    while (length < std::min<std::size_t>(text.size(), 4) && !isUTF8(text.substr(0, length))) {
-        ++length;
-    }
-    const std::string_view bytes = text.substr(0, length);
-    const auto lead = static_cast<unsigned char>(text.front());
-    if (!isUTF8(bytes)) {
-        return {text.substr(0, 1), lead, false};
-    }
-    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
-    unsigned code = lead & 0xFFU >> length;
-    for (const char byte : bytes.substr(1)) {
-        code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
-    }
-    return {bytes, code, true};
-}
 
 // What a terminal, or an editor, obeys instead of showing it. None is past U+FFFF.
 bool isObeyed(char32_t code) {
@@ -50,33 +23,32 @@ bool isObeyed(char32_t code) {
            isIn(0x2028, 0x202E) || isIn(0x2066, 0x2069) || code == 0xFEFF;
 }
 
-std::string escape(const Character& character) {
-    if (character.code == '\n' || character.code == '\t') {
-        return character.code == '\n' ? "\\n" : "\\t";
-    }
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), character.isWhole ? "\\u%04x" : "\\x%02x",
-                  static_cast<unsigned>(character.code));
-    return text.data();
-}
-
-// `text` with what is obeyed escaped, the characters of `kept` as they are, and those of `marked`
-// behind a backslash.
+// `text` with what is obeyed and what is no text escaped, the characters of `kept` as they are, and
+// those of `marked` behind a backslash.
 std::string escaped(std::string_view text, std::string_view kept, std::string_view marked) {
     std::string result;
     result.reserve(text.size());
-    while (!text.empty()) {
-        const Character character = firstOf(text);
+    for (std::size_t length = 1; !text.empty(); text.remove_prefix(length)) {
+        const auto isCharacter = [&] { return isUTF8(text.substr(0, length)); };
+        for (length = 1; length < 4 && !isCharacter(); ++length) {
+        }
+        const bool isText = isCharacter();
+        length = isText ? length : 1;
         const char lead = text.front();
-        text.remove_prefix(character.bytes.size());
-        if (!kept.contains(lead) && (!character.isWhole || isObeyed(character.code))) {
-            result += escape(character);
-            continue;
+        // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
+        unsigned code = static_cast<unsigned char>(lead) & (isText ? 0xFFU >> length : 0xFFU);
+        for (const char byte : text.substr(1, length - 1)) {
+            code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
         }
-        if (marked.contains(lead)) {
-            result += '\\';
+        if (kept.contains(lead) || (isText && !isObeyed(code))) {
+            result.append(marked.contains(lead) ? "\\" : "").append(text.substr(0, length));
+        } else if (code == '\n' || code == '\t') {
+            result += code == '\n' ? "\\n" : "\\t";
+        } else {
+            std::array<char, 16> escape{};
+            std::snprintf(escape.data(), escape.size(), isText ? "\\u%04x" : "\\x%02x", code);
+            result += escape.data();
         }
-        result += character.bytes;
     }
     return result;
 }
@@ -88,16 +60,13 @@ std::size_t widthOf(std::string_view text) {
 
 // "+01:00", and with seconds where there are any, as before there were time zones.
 std::string offsetText(std::int64_t offset) {
-    const std::int64_t size = std::abs(offset);
+    const std::chrono::hh_mm_ss time{std::chrono::seconds{offset}};
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%c%02jd:%02jd", offset < 0 ? '-' : '+',
-                  intmax_t{size / 3600}, intmax_t{size / 60 % 60});
+    std::snprintf(text.data(), text.size(), "%c%02jd:%02jd:%02jd", time.is_negative() ? '-' : '+',
+                  intmax_t{time.hours().count()}, intmax_t{time.minutes().count()},
+                  intmax_t{time.seconds().count()});
     std::string result = text.data();
-    if (size % 60 != 0) {
-        std::snprintf(text.data(), text.size(), ":%02jd", intmax_t{size % 60});
-        result += text.data();
-    }
-    return result;
+    return time.seconds().count() == 0 ? result.substr(0, result.size() - 3) : result;
 }
 
 }  // namespace
@@ -116,38 +85,28 @@ std::string counted(std::size_t number, const std::string& noun) {
 }
 
 std::string countdown(Seconds span) {
+    // More than any date of a record, and few enough seconds to count.
+    constexpr double farthest = 1e12;
     const bool isCounted = span.count() > 0 && span.count() < farthest;
-    const std::int64_t left =
-        isCounted ? wholeSeconds(Seconds{std::ceil(span.count())}) : std::int64_t{0};
+    const std::chrono::hh_mm_ss left{
+        std::chrono::seconds{isCounted ? wholeSeconds(Seconds{std::ceil(span.count())}) : 0}};
     std::array<char, 64> text{};
-    if (left < 3600) {
-        std::snprintf(text.data(), text.size(), "%jd:%02jd", intmax_t{left / 60},
-                      intmax_t{left % 60});
-    } else {
-        std::snprintf(text.data(), text.size(), "%jd:%02jd:%02jd", intmax_t{left / 3600},
-                      intmax_t{left / 60 % 60}, intmax_t{left % 60});
-    }
-    return text.data();
+    std::snprintf(text.data(), text.size(), "%jd:%02jd:%02jd", intmax_t{left.hours().count()},
+                  intmax_t{left.minutes().count()}, intmax_t{left.seconds().count()});
+    const std::string result = text.data();
+    // Below an hour, without the hours and a zero in front.
+    return left.hours().count() > 0 ? result : result.substr(result[2] == '0' ? 3 : 2);
 }
 
 std::string zonedDate(WallDate date, const GregorianCalendar& calendar) {
-    using std::chrono::days;
-    using std::chrono::seconds;
-    if (!(std::abs(secondsSince1970(date)) < farthest)) {
+    const Seconds offset = calendar.offset(date);
+    std::string text;
+    if (!InternetDate::append(date + offset, text)) {
         return "an unknown time";
     }
-    const std::int64_t offset = wholeSeconds(calendar.offset(date));
-    const auto local = std::chrono::floor<seconds>(date) + seconds{offset};
-    const auto day = std::chrono::floor<days>(local);
-    const std::chrono::year_month_day ymd{day};
-    const std::chrono::hh_mm_ss time{local - day};
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%04d-%02u-%02u %02d:%02d:%02d ",
-                  static_cast<int>(ymd.year()), static_cast<unsigned>(ymd.month()),
-                  static_cast<unsigned>(ymd.day()), static_cast<int>(time.hours().count()),
-                  static_cast<int>(time.minutes().count()),
-                  static_cast<int>(time.seconds().count()));
-    return text.data() + offsetText(offset);
+    text[text.find('T')] = ' ';
+    text.back() = ' ';
+    return text + offsetText(wholeSeconds(offset));
 }
 
 std::string table(const std::vector<std::vector<std::string>>& rows, std::string_view indent) {

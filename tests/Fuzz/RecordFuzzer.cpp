@@ -1,0 +1,60 @@
+// Whatever the files of the records hold, reading them does not crash, what is read can be written,
+// and a widget can draw from a snapshot.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+
+#include "HalvoShared/KeepAliveState.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/UTCCalendar.hpp"
+
+namespace {
+
+void require(bool isSo) {
+    if (!isSo) {
+        std::abort();
+    }
+}
+
+// The T that `bytes` hold, if they do, which can be written and read again as the same.
+template <class T>
+std::optional<T> readRecord(std::string_view bytes) {
+    const auto record = halvo::JSON::decode<T>(bytes);
+    if (!record) {
+        require(!halvo::JSON::description(record.error()).empty());
+        return std::nullopt;
+    }
+    const auto json = halvo::JSON::encode(*record);
+    require(json && halvo::JSON::decode<T>(*json) == *record);
+    return *record;
+}
+
+void draw(const halvo::WidgetSnapshot& snapshot) {
+    const halvo::testing::UTCCalendar calendar;
+    constexpr std::size_t limit = 60;
+    constexpr halvo::Seconds span{86400};
+    const auto from = snapshot.phases.empty() ? snapshot.writtenAt : snapshot.phases[0].start;
+    const auto dates = snapshot.timelineDates(from, calendar, span, limit);
+    require(!dates.empty() && dates.size() <= limit && dates.front() == from);
+    require(std::ranges::adjacent_find(dates, std::ranges::greater_equal()) == dates.end());
+    for (const halvo::WallDate date : dates) {
+        require(snapshot.moment(date, calendar).week.size() == 7);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    if (const auto state = readRecord<halvo::KeepAliveState>(bytes)) {
+        require(!state->shouldRelaunch(state->updatedAt) || !state->clean);
+    }
+    if (const auto snapshot = readRecord<halvo::WidgetSnapshot>(bytes)) {
+        draw(*snapshot);
+    }
+    return 0;
+}
