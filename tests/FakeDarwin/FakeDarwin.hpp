@@ -58,13 +58,12 @@ struct Launch {
 };
 
 struct World {
-    // libproc. The processes in the order in which they are listed; the kernel's own, of pid 0, is
-    // one of them only when it is here.
+    // libproc: the processes in the order in which they are listed (pid 0, the kernel, only when it
+    // is here); what proc_listallpids() returns without a buffer, and with one, in place of the
+    // truth; how often proc_pidinfo() and proc_pidpath() were called.
     std::vector<Process> processes;
-    // What proc_listallpids() returns without a buffer, and with one, in place of the truth.
     std::optional<int> announcedProcesses;
     std::optional<int> listedProcesses;
-    // How often proc_pidinfo() and proc_pidpath() were called.
     int infoCalls = 0;
     int pathCalls = 0;
 
@@ -72,19 +71,19 @@ struct World {
     std::optional<std::string> consoleUser;
     std::uint32_t consoleUID = 0;
 
-    // File flags by path; any other item that exists has none. lstat(2) itself is the real one.
+    // lchflags(2): the flags by path, any other item that exists has none; its errno when it fails;
+    // how often it was called. lstat(2) itself is the real one.
     std::map<std::string, std::uint32_t> flags;
-    // The errno of lchflags(2), when it fails; and how often it was called.
     std::optional<int> lchflagsError;
     int lchflagsCalls = 0;
 
-    // statfs(2): the flags of the volume on which the item at a path lies; any other lies on the
-    // machine's own. Whether the call fails.
+    // statfs(2): the flags of the volume by path; all else lies on the machine's own. Whether it
+    // fails.
     std::map<std::string, std::uint32_t> volumes;
     bool statfsFails = false;
 
-    // Access-control lists, acl(3), by path: "a" is an entry that allows, "d" one that denies, "?"
-    // one that cannot be read. And the errno where the system does not tell.
+    // acl(3): the lists by path: "a" is an entry that allows, "d" one that denies, "?" one that
+    // cannot be read. And the errno where the system does not tell.
     std::map<std::string, std::string> accessLists;
     std::optional<int> accessListError;
 
@@ -96,34 +95,32 @@ struct World {
     std::function<void()> onSignatureCheck;
     bool errorsHaveTexts = true;
 
-    // The clocks: nanoseconds since boot, and the wall clock's seconds since 1970 at boot. Only
-    // Dispatch moves the first, as a script goes on.
+    // The clocks: nanoseconds since boot, which Dispatch moves as a script goes on; the wall
+    // clock's seconds since 1970 at boot; how many nanoseconds clock_gettime_nsec_np(3) takes after
+    // its look.
     std::uint64_t sinceBoot = 1'000'000'000'000;
     double bootedAt = 1'800'000'000;
-    // How long clock_gettime_nsec_np(3) takes once it has looked, in nanoseconds.
     std::uint64_t readingTakes = 0;
 
-    // sysctl(3) "kern.bootsessionuuid": the bytes of its value; the first call (which asks for the
-    // size) fails without, and the second when told.
+    // sysctl(3) "kern.bootsessionuuid": its bytes, without which the call for the size fails;
+    // whether that for the value does.
     std::optional<std::string> bootSession =
         std::string("9F0C6A5E-0000-4000-8000-00000000B007") + '\0';
     bool bootSessionReadFails = false;
     int sysctlCalls = 0;
 
-    // The main bundle: its executable, and its Info.plist as XML, as Foundation finds it: on the
-    // disk, or else in the executable. Other bundles are read from the disk, Contents/Info.plist,
-    // each time anew; Foundation may remember what it has read.
+    // The main bundle: its executable; its Info.plist as XML, as Foundation finds it; and the
+    // section __TEXT,__info_plist of the running program, when it has one. Other bundles are read
+    // from the disk, Contents/Info.plist, each time anew; Foundation may remember what it has read.
     std::optional<std::string> mainExecutable =
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
-    // The section __TEXT,__info_plist of the running program, when it has one.
     std::optional<std::string> carriedInfo;
 
     // Foundation's folders: the containers of groups that the process may use, and Application
     // Support (none when empty). By Apple's documentation of
-    // containerURLForSecurityApplicationGroupIdentifier: macOS gives a URL for every group, also
-    // one that the process may not use; that of another group is a place where nobody can make a
-    // folder.
+    // containerURLForSecurityApplicationGroupIdentifier macOS gives a URL for every group; that of
+    // one that the process may not use is a place where nobody can make a folder.
     std::map<std::string, std::string> groupContainers;
     std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
@@ -134,13 +131,13 @@ struct World {
     std::function<void(const Launch&)> onLaunch;
     std::optional<std::string> launchError;
 
-    // fcntl(2) F_FULLFSYNC: its errno when it fails; how often it was called, and fsync(2) too.
+    // fcntl(2) F_FULLFSYNC and fsync(2): their errno when they fail; how often they were called.
     std::optional<int> fullSyncError;
     std::optional<int> syncError;
     int fullSyncCalls = 0;
     int syncCalls = 0;
 
-    // Everything that was said to the unified log, formatted.
+    // The unified log, formatted.
     std::vector<LogEntry> log;
 };
 
@@ -154,11 +151,10 @@ void reset();
 std::vector<std::string> errors();
 std::vector<std::string> notices();
 
-// Dispatch. Timers go by a clock of their own, which passes with World::sinceBoot but stands still
-// when a test moves that one: then the machine was asleep; or by the wall clock. Time passes only
-// inside dispatch_main(), which serves the main queue on a thread of its own, as Dispatch does,
-// until the script is over; it then throws Over. Elsewhere, serve() runs what the queue holds, and
-// what comes due within `seconds`.
+// Dispatch. Timers go by the wall clock, or by one that passes with World::sinceBoot but stands
+// still when a test moves that: then the machine was asleep. Time passes only inside
+// dispatch_main(), which serves the main queue on a thread of its own until the script is over, and
+// then throws Over.
 struct Over {};
 
 // Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
@@ -171,7 +167,7 @@ void endAt(double seconds);
 // Serves the main queue for `seconds` (0: only what is due) on a thread of its own, and returns.
 void serve(double seconds);
 
-// What a kernel does with `signal`: tells the sources that watch it. False when nobody does.
+// What a kernel does with `signal`: tells the sources that watch it. False when there is none.
 bool raise(int signal);
 
 // The timers that were made and not released, in the order of their making: what each was set to,
@@ -187,8 +183,8 @@ struct Timer {
 
 std::vector<Timer> timers();
 
-// Objective-C objects of the class `name` and its subclasses that are alive; literals do not count.
-// What was autoreleased lives until its pool ends, so a test that counts has a pool of its own.
+// Objective-C objects of the class `name` and its subclasses that are alive. What was autoreleased
+// lives until its pool ends, so a test that counts has a pool of its own.
 long liveObjects(const char* name);
 
 }  // namespace fake

@@ -1,5 +1,5 @@
-// What of Core Foundation the macOS layer uses, declared from Apple's public documentation. For
-// checking without a Mac only: on a Mac the real headers are used.
+// What of Core Foundation the macOS layer uses, declared from Apple's public documentation. All of
+// this folder is for checking without a Mac only: on a Mac the real headers are used.
 #pragma once
 
 #if __has_include(<Foundation/NSObjCRuntime.h>)

@@ -1,52 +1,32 @@
-// What of Foundation the macOS layer uses, declared from Apple's public documentation. For checking
-// without a Mac only: on a Mac the real headers are used.
+// What of Foundation the macOS layer uses, declared from Apple's public documentation.
 #pragma once
-
-#if __has_include(<Foundation/NSObjCRuntime.h>)
-#error "These declarations are for checking without a Mac only, and here are Apple's own"
-#endif
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <objc/NSObject.h>
-#include <objc/objc.h>
 #include <sys/types.h>
 
 #define NS_ASSUME_NONNULL_BEGIN _Pragma("clang assume_nonnull begin")
 #define NS_ASSUME_NONNULL_END _Pragma("clang assume_nonnull end")
 #define NS_RETURNS_INNER_POINTER __attribute__((objc_returns_inner_pointer))
-#ifndef NS_UNAVAILABLE
-#define NS_UNAVAILABLE __attribute__((unavailable))
-#endif
-#ifndef NS_DESIGNATED_INITIALIZER
-#define NS_DESIGNATED_INITIALIZER __attribute__((objc_designated_initializer))
-#endif
 
 NS_ASSUME_NONNULL_BEGIN
 
-@class NSArray<Element>, NSData, NSDate, NSDictionary<Key, Value>, NSError, NSString, NSURL;
-@class NSXPCConnection, NSXPCInterface, NSXPCListener;
+@class NSArray<Element>, NSData, NSDictionary<Key, Value>, NSError, NSString, NSURL;
+@class NSXPCConnection, NSXPCListener;
 
 typedef double NSTimeInterval;
-
 typedef NSUInteger NSStringEncoding;
+typedef NSUInteger NSSearchPathDomainMask;
+typedef NSUInteger NSPropertyListReadOptions;
 
 enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
 
-typedef NSUInteger NSSearchPathDirectory;
-
-enum : NSSearchPathDirectory { NSApplicationSupportDirectory = 14 };
-
-typedef NSUInteger NSSearchPathDomainMask;
-
 enum : NSSearchPathDomainMask { NSUserDomainMask = 1 };
 
-typedef NSString* NSFileAttributeKey;
-
-typedef NSUInteger NSPropertyListFormat;
-
-typedef NSUInteger NSPropertyListReadOptions;
-
 enum : NSPropertyListReadOptions { NSPropertyListImmutable = 0 };
+
+enum NSSearchPathDirectory : NSUInteger { NSApplicationSupportDirectory = 14 };
+enum NSPropertyListFormat : NSUInteger;
 
 typedef struct {
     unsigned long state;
@@ -55,17 +35,13 @@ typedef struct {
     unsigned long extra[5];
 } NSFastEnumerationState;
 
-@protocol NSCopying
-- (id)copyWithZone:(nullable struct _NSZone*)zone;
-@end
-
 @protocol NSFastEnumeration
 - (NSUInteger)countByEnumeratingWithState:(NSFastEnumerationState*)state
                                   objects:(id __unsafe_unretained _Nullable[_Nonnull])buffer
                                     count:(NSUInteger)length;
 @end
 
-@interface NSString : NSObject <NSCopying>
+@interface NSString : NSObject
 @property(readonly) NSUInteger length;
 - (nullable instancetype)initWithBytes:(const void*)bytes
                                 length:(NSUInteger)length
@@ -74,43 +50,38 @@ typedef struct {
 - (BOOL)isEqualToString:(NSString*)other;
 @end
 
-@interface NSData : NSObject <NSCopying>
+@interface NSData : NSObject
 @property(readonly) NSUInteger length;
 @property(readonly) const void* bytes NS_RETURNS_INNER_POINTER;
 + (instancetype)dataWithBytes:(nullable const void*)bytes length:(NSUInteger)length;
 @end
 
-@interface NSDate : NSObject <NSCopying>
+@interface NSDate : NSObject
 @property(readonly) NSTimeInterval timeIntervalSince1970;
 + (instancetype)dateWithTimeIntervalSince1970:(NSTimeInterval)seconds;
 @end
 
-@interface NSArray<__covariant Element> : NSObject <NSCopying, NSFastEnumeration>
-@property(readonly) NSUInteger count;
+@interface NSArray<__covariant Element> : NSObject <NSFastEnumeration>
 @property(nullable, readonly) Element firstObject;
 + (instancetype)array;
-+ (instancetype)arrayWithObjects:(const Element _Nonnull[_Nonnull])objects count:(NSUInteger)count;
-- (Element)objectAtIndexedSubscript:(NSUInteger)index;
 @end
 
 @interface NSMutableArray<Element> : NSArray <Element>
 - (void)addObject:(Element)object;
 @end
 
-@interface NSDictionary<__covariant Key, __covariant Value>
-    : NSObject <NSCopying, NSFastEnumeration>
-@property(readonly) NSUInteger count;
+@interface NSDictionary<__covariant Key, __covariant Value> : NSObject <NSFastEnumeration>
 - (nullable Value)objectForKeyedSubscript:(Key)key;
 + (instancetype)dictionaryWithObjects:(const Value _Nonnull[_Nullable])objects
                               forKeys:(const Key _Nonnull[_Nullable])keys
                                 count:(NSUInteger)count;
 @end
 
-@interface NSError : NSObject <NSCopying>
+@interface NSError : NSObject
 @property(readonly, copy) NSString* localizedDescription;
 @end
 
-@interface NSURL : NSObject <NSCopying>
+@interface NSURL : NSObject
 @property(nullable, readonly, copy) NSString* path;
 @property(nullable, readonly, copy) NSURL* URLByStandardizingPath;
 + (NSURL*)fileURLWithPath:(NSString*)path;
@@ -138,7 +109,7 @@ typedef struct {
                            inDomains:(NSSearchPathDomainMask)domains;
 - (BOOL)createDirectoryAtURL:(NSURL*)url
     withIntermediateDirectories:(BOOL)intermediate
-                     attributes:(nullable NSDictionary<NSFileAttributeKey, id>*)attributes
+                     attributes:(nullable NSDictionary<NSString*, id>*)attributes
                           error:(NSError* _Nullable* _Nullable)error;
 @end
 

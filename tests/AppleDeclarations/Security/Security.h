@@ -1,10 +1,5 @@
-// What of Security the macOS layer uses, declared from Apple's public documentation. For checking
-// without a Mac only: on a Mac the real headers are used.
+// What of Security the macOS layer uses, declared from Apple's public documentation.
 #pragma once
-
-#if __has_include(<Foundation/NSObjCRuntime.h>)
-#error "These declarations are for checking without a Mac only, and here are Apple's own"
-#endif
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <stdint.h>
@@ -29,9 +24,7 @@ enum : OSStatus {
     errSecCSReqFailed = -67050,
 };
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 OSStatus SecStaticCodeCreateWithPath(CFURLRef _Nonnull path, SecCSFlags flags,
                                      SecStaticCodeRef _Nullable* _Nonnull CF_RETURNS_RETAINED code);
@@ -42,7 +35,4 @@ OSStatus SecRequirementCreateWithString(
     SecRequirementRef _Nullable* _Nonnull CF_RETURNS_RETAINED requirement);
 CFStringRef _Nullable SecCopyErrorMessageString(OSStatus status,
                                                 void* _Nullable reserved) CF_RETURNS_RETAINED;
-
-#ifdef __cplusplus
 }
-#endif

@@ -1,10 +1,5 @@
-// What of the sections of Mach-O images the macOS layer uses, declared from Apple's public
-// documentation. For checking without a Mac only: on a Mac the real header is used.
+// What of the sections of Mach-O images the macOS layer uses, declared from Apple's documentation.
 #pragma once
-
-#if __has_include(<Foundation/NSObjCRuntime.h>)
-#error "These declarations are for checking without a Mac only, and here are Apple's own"
-#endif
 
 #include <stdint.h>
 

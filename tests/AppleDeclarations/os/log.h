@@ -1,11 +1,6 @@
 // What of the unified log the macOS layer uses, declared from Apple's public documentation and the
-// compiler's own support for it (__builtin_os_log_format). For checking without a Mac only: on a
-// Mac the real header is used.
+// compiler's own support for it (__builtin_os_log_format).
 #pragma once
-
-#if __has_include(<Foundation/NSObjCRuntime.h>)
-#error "These declarations are for checking without a Mac only, and here are Apple's own"
-#endif
 
 #include <os/object.h>
 #include <stdbool.h>

@@ -1,26 +1,58 @@
+#include <plist/plist.h>
+
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <vector>
 
 #include "../FakeDarwin.hpp"
 #include "../FakeFoundation.hpp"
-#include "Foundation.hpp"
+#include "../Parts.hpp"
 
 namespace {
 
-NSDictionary<NSString*, id>* __strong& mainInfo() {
-    static NSDictionary<NSString*, id>* set = nil;
-    return set;
+// A string of a property list is an NSString, everything else a plain object.
+id objectOf(plist_t node) {
+    if (plist_get_node_type(node) != PLIST_STRING) {
+        return [[NSObject alloc] init];
+    }
+    std::uint64_t length = 0;
+    const char* text = plist_get_string_ptr(node, &length);
+    return fake::stringOf({text, length});
 }
 
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+// The dictionary in a property list of any form; nil when there is none.
+NSDictionary<NSString*, id>* dictionaryOf(const std::string& propertyList) {
+    plist_t root = nullptr;
+    plist_from_memory(propertyList.data(), static_cast<std::uint32_t>(propertyList.size()), &root);
+    const std::unique_ptr<void, decltype(&plist_free)> owner(root, plist_free);
+    if (plist_get_node_type(root) != PLIST_DICT) {
+        return nil;
+    }
+    plist_dict_iter iterator = nullptr;
+    plist_dict_new_iter(root, &iterator);
+    std::vector<id> keys;
+    std::vector<id> values;
+    char* key = nullptr;
+    plist_t value = nullptr;
+    plist_dict_next_item(root, iterator, &key, &value);
+    while (value != nullptr) {
+        keys.push_back(fake::stringOf(key));
+        values.push_back(objectOf(value));
+        std::free(key);
+        plist_dict_next_item(root, iterator, &key, &value);
+    }
+    std::free(iterator);
+    return [NSDictionary dictionaryWithObjects:values.data() forKeys:keys.data() count:keys.size()];
 }
+
+NSDictionary<NSString*, id>* __strong mainInfo = nil;
 
 // A bundle without an Info.plist that can be read has an empty dictionary (-infoDictionary).
 NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
-    NSDictionary<NSString*, id>* info = fake::dictionaryOf(propertyList);
+    NSDictionary<NSString*, id>* info = dictionaryOf(propertyList);
     return info != nil ? info : @{};
 }
 
@@ -54,10 +86,11 @@ NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
 }
 
 - (NSDictionary<NSString*, id>*)infoDictionary {
-    if (!_isMain) {
-        return infoIn(contentOf(_contents + "/Info.plist"));
+    if (_isMain) {
+        return mainInfo != nil ? mainInfo : infoIn(fake::world().mainInfo);
     }
-    return mainInfo() != nil ? mainInfo() : infoIn(fake::world().mainInfo);
+    std::ifstream file(_contents + "/Info.plist", std::ios::binary);
+    return infoIn({std::istreambuf_iterator<char>(file), {}});
 }
 
 - (NSString*)executablePath {
@@ -76,10 +109,22 @@ NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
 
 @end
 
+// Knows dictionaries alone.
+@implementation NSPropertyListSerialization
+
++ (id)propertyListWithData:(NSData*)data
+                   options:(NSPropertyListReadOptions)options
+                    format:(NSPropertyListFormat*)format
+                     error:(NSError**)error {
+    return dictionaryOf(std::string(static_cast<const char*>(data.bytes), data.length));
+}
+
+@end
+
 namespace fake {
 
-void setMainInfo(NSDictionary<NSString*, id>* info) { mainInfo() = info; }
+void setMainInfo(NSDictionary<NSString*, id>* info) { mainInfo = info; }
 
-void resetMainBundle() { mainInfo() = nil; }
+void resetMainBundle() { mainInfo = nil; }
 
 }  // namespace fake

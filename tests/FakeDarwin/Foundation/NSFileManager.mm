@@ -2,7 +2,7 @@
 #include <system_error>
 
 #include "../FakeDarwin.hpp"
-#include "Foundation.hpp"
+#include "../Parts.hpp"
 
 @implementation NSFileManager
 
@@ -14,42 +14,35 @@
     if (group == nil) {
         fake::refuse("nil as a group");
     }
-    const auto& containers = fake::world().groupContainers;
+    const fake::World& world = fake::world();
     const std::string name = fake::textOf(group);
-    const auto found = containers.find(name);
+    const auto found = world.groupContainers.find(name);
+    const std::string other = world.otherGroupContainers + "/" + name;
     return
-        [NSURL fileURLWithPath:fake::stringOf(found == containers.end()
-                                                  ? fake::world().otherGroupContainers + "/" + name
-                                                  : found->second)];
+        [NSURL fileURLWithPath:fake::stringOf(
+                                   found == world.groupContainers.end() ? other : found->second)];
 }
 
 - (NSArray<NSURL*>*)URLsForDirectory:(NSSearchPathDirectory)directory
                            inDomains:(NSSearchPathDomainMask)domains {
     NSMutableArray<NSURL*>* urls = [NSMutableArray array];
+    const std::string& support = fake::world().applicationSupport;
     if (directory == NSApplicationSupportDirectory && domains == NSUserDomainMask &&
-        !fake::world().applicationSupport.empty()) {
-        [urls addObject:[NSURL fileURLWithPath:fake::stringOf(fake::world().applicationSupport)]];
+        !support.empty()) {
+        [urls addObject:[NSURL fileURLWithPath:fake::stringOf(support)]];
     }
     return urls;
 }
 
 - (BOOL)createDirectoryAtURL:(NSURL*)url
     withIntermediateDirectories:(BOOL)intermediate
-                     attributes:(NSDictionary<NSFileAttributeKey, id>*)attributes
+                     attributes:(NSDictionary<NSString*, id>*)attributes
                           error:(NSError**)error {
-    if (url == nil || attributes != nil) {
-        fake::refuse(url == nil ? "nil as a folder's place" : "a folder's attributes");
+    if (url == nil || !intermediate) {
+        fake::refuse("a folder without a place, or alone");
     }
-    const std::string path = fake::textOf(url.path);
     std::error_code failure;
-    if (intermediate) {
-        std::filesystem::create_directories(path, failure);
-    } else if (!std::filesystem::create_directory(path, failure) && !failure) {
-        failure = std::make_error_code(std::errc::file_exists);
-    }
-    if (failure && error != nullptr) {
-        *error = fake::errorOf(failure.message());
-    }
+    std::filesystem::create_directories(fake::textOf(url.path), failure);
     return failure ? NO : YES;
 }
 

@@ -1,195 +1,52 @@
-#include <cstdint>
-#include <string_view>
+#include <iconv.h>
+
+#include <optional>
 
 #include "../FakeFoundation.hpp"
 #include "../ObjectiveC/Runtime.hpp"
-#include "Foundation.hpp"
+#include "../Parts.hpp"
 
 namespace {
 
-// Well-formed UTF-8 as Unicode's table 3-7 has it: no overlong form, no surrogate, nothing above
-// U+10FFFF.
-bool isUTF8(std::string_view text) {
-    while (!text.empty()) {
-        const auto byte = [&](std::size_t i) {
-            return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
-        };
-        const int first = byte(0);
-        const int second = byte(1);
-        std::size_t size = 1;
-        int low = 0x80;
-        int high = 0xBF;
-        if (first >= 0xC2 && first <= 0xDF) {
-            size = 2;
-        } else if (first >= 0xE0 && first <= 0xEF) {
-            size = 3;
-            low = first == 0xE0 ? 0xA0 : low;
-            high = first == 0xED ? 0x9F : high;
-        } else if (first >= 0xF0 && first <= 0xF4) {
-            size = 4;
-            low = first == 0xF0 ? 0x90 : low;
-            high = first == 0xF4 ? 0x8F : high;
-        } else if (first > 0x7F) {
-            return false;
-        }
-        if (size > 1 && (second < low || second > high)) {
-            return false;
-        }
-        for (std::size_t i = 2; i < size; ++i) {
-            if (byte(i) < 0x80 || byte(i) > 0xBF) {
-                return false;
-            }
-        }
-        text.remove_prefix(size);
-    }
-    return true;
-}
-
-// In UTF-16: four bytes of UTF-8 are a surrogate pair.
-NSUInteger unitsOf(std::string_view utf8) {
-    NSUInteger units = 0;
-    for (const char c : utf8) {
-        const auto byte = static_cast<unsigned char>(c);
-        units += (byte & 0xC0) == 0x80 ? 0 : byte >= 0xF0 ? 2 : 1;
-    }
-    return units;
-}
-
-std::string utf8Of(const std::uint16_t* units, std::size_t count) {
-    std::string text;
-    const auto continued = [&](std::uint32_t bits) {
-        text += static_cast<char>(0x80 | (bits & 0x3F));
-    };
-    for (std::size_t i = 0; i < count; ++i) {
-        std::uint32_t point = units[i];
-        if (point >= 0xD800 && point < 0xDC00 && i + 1 < count) {
-            point = 0x10000 + ((point - 0xD800) << 10) + (units[++i] - 0xDC00U);
-        }
-        if (point < 0x80) {
-            text += static_cast<char>(point);
-        } else if (point < 0x800) {
-            text += static_cast<char>(0xC0 | (point >> 6));
-            continued(point);
-        } else if (point < 0x10000) {
-            text += static_cast<char>(0xE0 | (point >> 12));
-            continued(point >> 6);
-            continued(point);
-        } else {
-            text += static_cast<char>(0xF0 | (point >> 18));
-            continued(point >> 12);
-            continued(point >> 6);
-            continued(point);
-        }
-    }
-    return text;
+// `bytes` in another encoding, iconv(3); nothing when they are not well-formed in their own.
+std::optional<std::string> converted(std::string bytes, const char* from, const char* to) {
+    // Whichever way it goes, it takes at most twice the room.
+    std::string result(2 * bytes.size(), '\0');
+    char* input = bytes.data();
+    char* output = result.data();
+    std::size_t left = bytes.size();
+    std::size_t room = result.size();
+    const iconv_t converter = iconv_open(to, from);
+    const bool isWhole = iconv(converter, &input, &left, &output, &room) == 0;
+    iconv_close(converter);
+    result.resize(result.size() - room);
+    return isWhole ? std::optional(result) : std::nullopt;
 }
 
 }  // namespace
 
 // A text made at run time.
-@interface FakeString : NSString
-- (instancetype)initWithText:(std::string)text;
+@interface FakeString : NSString {
+  @public
+    // In UTF-16, as it may be no text at all.
+    std::string _units;
+}
+@end
+
+@implementation FakeString
 @end
 
 // A literal. The compiler lays these out: behind the class, what kind of text it is, the text and
 // its length in characters.
 @interface FakeConstantString : NSString {
+  @public
     int _flags;
-    const void* _text;
+    const char* _text;
     long _length;
 }
 @end
 
-@interface FakeLoneSurrogate : NSString
-@end
-
-@implementation NSString
-
-- (instancetype)initWithBytes:(const void*)bytes
-                       length:(NSUInteger)length
-                     encoding:(NSStringEncoding)encoding {
-    if (encoding != NSUTF8StringEncoding) {
-        fake::refuse("a text in another encoding than UTF-8");
-    }
-    return fake::stringOf(std::string(static_cast<const char*>(bytes), length));
-}
-
-- (NSUInteger)length {
-    return unitsOf(fake::textOf(self));
-}
-
-- (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
-    fake::refuse("a string that is only a string");
-}
-
-- (BOOL)isEqualToString:(NSString*)other {
-    NSData* mine = [self dataUsingEncoding:NSUTF8StringEncoding];
-    NSData* theirs = [other dataUsingEncoding:NSUTF8StringEncoding];
-    if (mine == nil || theirs == nil) {
-        return self == other;
-    }
-    return fake::textOf(self) == fake::textOf(other);
-}
-
-- (BOOL)isEqual:(id)other {
-    return [other isKindOfClass:[NSString class]] && [self isEqualToString:other];
-}
-
-- (NSUInteger)hash {
-    return std::hash<std::string>()(fake::textOf(self));
-}
-
-- (id)copyWithZone:(struct _NSZone*)zone {
-    return self;
-}
-
-@end
-
-@implementation FakeString {
-    std::string _text;
-}
-
-- (instancetype)initWithText:(std::string)text {
-    self = [super init];
-    if (self != nil) {
-        _text = std::move(text);
-    }
-    return self;
-}
-
-- (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
-    return fake::dataOf(_text);
-}
-
-@end
-
 @implementation FakeConstantString
-
-- (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
-    // Which of two representations the compiler chose.
-    constexpr int isUTF16 = 0x10;
-    const auto length = static_cast<std::size_t>(_length);
-    return fake::dataOf((_flags & isUTF16) != 0
-                            ? utf8Of(static_cast<const std::uint16_t*>(_text), length)
-                            : std::string(static_cast<const char*>(_text), length));
-}
-
-@end
-
-@implementation FakeLoneSurrogate
-
-- (NSUInteger)length {
-    return 1;
-}
-
-- (NSUInteger)hash {
-    return 0;
-}
-
-- (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
-    return nil;
-}
-
 @end
 
 // The class of literals, as the compiler names it.
@@ -197,6 +54,58 @@ __asm__(R"(
 .globl __CFConstantStringClassReference
 .set __CFConstantStringClassReference, "OBJC_CLASS_$_FakeConstantString"
 )");
+
+namespace {
+
+// The text in UTF-16.
+std::string unitsOf(NSString* text) {
+    if ([text isKindOfClass:[FakeString class]]) {
+        return static_cast<FakeString*>(text)->_units;
+    }
+    // Which of two representations the compiler chose; the other one is ASCII.
+    constexpr int isUTF16 = 0x10;
+    const auto* literal = static_cast<FakeConstantString*>(text);
+    const auto length = static_cast<std::size_t>(literal->_length);
+    if ((literal->_flags & isUTF16) != 0) {
+        return {literal->_text, 2 * length};
+    }
+    return converted({literal->_text, length}, "ASCII", "UTF-16LE").value_or("");
+}
+
+NSString* stringOfUnits(const std::string& units) {
+    FakeString* string = [[FakeString alloc] init];
+    string->_units = units;
+    return string;
+}
+
+}  // namespace
+
+@implementation NSString
+
+- (instancetype)initWithBytes:(const void*)bytes
+                       length:(NSUInteger)length
+                     encoding:(NSStringEncoding)encoding {
+    return fake::stringOf(std::string(static_cast<const char*>(bytes), length));
+}
+
+- (NSUInteger)length {
+    return unitsOf(self).size() / 2;
+}
+
+- (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
+    const auto bytes = converted(unitsOf(self), "UTF-16LE", "UTF-8");
+    return bytes ? fake::dataOf(*bytes) : nil;
+}
+
+- (BOOL)isEqualToString:(NSString*)other {
+    return unitsOf(self) == unitsOf(other);
+}
+
+- (BOOL)isEqual:(id)other {
+    return [other isKindOfClass:[NSString class]] && [self isEqualToString:other];
+}
+
+@end
 
 namespace fake {
 
@@ -206,16 +115,16 @@ std::string textOf(NSString* text) {
         if (text != nil && bytes == nil) {
             refuse("a text that has no UTF-8");
         }
-        return text == nil ? std::string()
-                           : std::string(static_cast<const char*>(bytes.bytes), bytes.length);
+        return {static_cast<const char*>(bytes.bytes), bytes.length};
     }
 }
 
 NSString* stringOf(const std::string& text) {
-    return isUTF8(text) ? [[FakeString alloc] initWithText:text] : nil;
+    const auto units = converted(text, "UTF-8", "UTF-16LE");
+    return units ? stringOfUnits(*units) : nil;
 }
 
-NSString* loneSurrogate() { return [[FakeLoneSurrogate alloc] init]; }
+NSString* loneSurrogate() { return stringOfUnits(std::string("\x00\xD8", 2)); }
 
 void refuse(const std::string& what) { objc::fail("Foundation refuses %s", what.c_str()); }
 

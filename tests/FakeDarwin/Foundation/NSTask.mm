@@ -3,29 +3,21 @@
 #include <unistd.h>
 
 #include "../FakeDarwin.hpp"
-#include "../System/Threads.hpp"
-#include "Foundation.hpp"
+#include "../Parts.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
 
 namespace {
 
-// What the child has when a task names no environment.
-std::map<std::string, std::string> ownEnvironment() {
-    std::map<std::string, std::string> own;
-    for (char** each = environ; *each != nullptr; ++each) {
-        const std::string variable = *each;
-        const auto sign = variable.find('=');
-        own[variable.substr(0, sign)] = variable.substr(sign + 1);
-    }
-    return own;
-}
-
 std::map<std::string, std::string> environmentOf(NSTask* task) {
-    if (task.environment == nil) {
-        return ownEnvironment();
-    }
     std::map<std::string, std::string> environment;
     for (NSString* name in task.environment) {
         environment[fake::textOf(name)] = fake::textOf(task.environment[name]);
+    }
+    // What the child has when a task names no environment.
+    for (char** each = environ; task.environment == nil && *each != nullptr; ++each) {
+        const std::string variable = *each;
+        const auto sign = variable.find('=');
+        environment[variable.substr(0, sign)] = variable.substr(sign + 1);
     }
     return environment;
 }
@@ -34,49 +26,29 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
 // nothing of signals, so the child has them as posix_spawn(2) leaves them: ignored and blocked as
 // in the thread that launches.
 void runChild(const fake::Launch& launch) {
-    if (access(launch.executable.c_str(), X_OK) != 0) {
-        return;
-    }
-    std::string name = launch.executable;
-    std::vector<std::string> arguments = launch.arguments;
+    std::vector<std::string> words = launch.arguments;
+    words.insert(words.begin(), launch.executable);
     std::vector<std::string> variables;
     for (const auto& [key, value] : launch.environment) {
         variables.push_back(key + "=" + value);
     }
-    std::vector<char*> words{name.data()};
-    std::vector<char*> environment;
-    for (std::string& argument : arguments) {
-        words.push_back(argument.data());
-    }
-    for (std::string& variable : variables) {
-        environment.push_back(variable.data());
-    }
-    words.push_back(nullptr);
-    environment.push_back(nullptr);
     pid_t child = 0;
-    if (posix_spawn(&child, name.c_str(), nullptr, nullptr, words.data(), environment.data()) ==
-        0) {
+    if (posix_spawn(&child, launch.executable.c_str(), nullptr, nullptr,
+                    halvo::ArgumentVector(words).data(),
+                    halvo::ArgumentVector(variables).data()) == 0) {
         waitpid(child, nullptr, 0);
     }
 }
 
 }  // namespace
 
-@implementation NSTask {
-    BOOL _wasLaunched;
-}
+@implementation NSTask
 
 - (BOOL)launchAndReturnError:(NSError**)error {
-    if (self.executableURL == nil || _wasLaunched) {
-        fake::refuse(_wasLaunched ? "to launch a task twice" : "a task without an executable");
-    }
     if (const auto& reason = fake::world().launchError) {
-        if (error != nullptr) {
-            *error = fake::errorOf(*reason);
-        }
+        *error = fake::errorOf(*reason);
         return NO;
     }
-    _wasLaunched = YES;
     fake::Launch launch;
     launch.executable = fake::textOf(self.executableURL.path);
     for (NSString* argument in self.arguments) {

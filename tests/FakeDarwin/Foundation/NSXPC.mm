@@ -1,20 +1,21 @@
-#include "NSXPC.hpp"
-
 #include <map>
+#include <utility>
 
-#include "Foundation.hpp"
+#include "../FakeXPC.hpp"
+#include "../ObjectiveC/Runtime.hpp"
+#include "../Parts.hpp"
 
 namespace {
 
-// A listener lives as long as who made it wants; a connection that was resumed, until it is
-// invalid.
-struct Registry {
-    std::map<std::string, NSXPCListener * __weak> listeners;
-    std::vector<NSXPCConnection*> connections;
-};
+// A listener lives as long as who made it wants.
+std::map<std::string, NSXPCListener * __weak>& listeners() {
+    static auto& all = *new std::map<std::string, NSXPCListener * __weak>;
+    return all;
+}
 
-Registry& registry() {
-    static auto& all = *new Registry;
+// A connection that was resumed lives until it is invalid.
+std::vector<NSXPCConnection*>& connections() {
+    static auto& all = *new std::vector<NSXPCConnection*>;
     return all;
 }
 
@@ -23,9 +24,6 @@ Registry& registry() {
 @implementation NSXPCInterface
 
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol {
-    if (protocol == nil) {
-        fake::refuse("nil as a protocol");
-    }
     NSXPCInterface* interface = [[NSXPCInterface alloc] init];
     interface.protocol = protocol;
     return interface;
@@ -34,6 +32,7 @@ Registry& registry() {
 @end
 
 @implementation NSXPCListener {
+  @public
     fake::ListenerState _state;
 }
 
@@ -43,7 +42,7 @@ Registry& registry() {
     }
     self = [super init];
     if (self != nil) {
-        registry().listeners[fake::textOf(name)] = self;
+        listeners()[fake::textOf(name)] = self;
     }
     return self;
 }
@@ -63,116 +62,102 @@ Registry& registry() {
 
 @end
 
-@implementation NSXPCListener (Fake)
-
-+ (NSXPCListener*)fakeListenerNamed:(const std::string&)service {
-    const auto found = registry().listeners.find(service);
-    return found == registry().listeners.end() ? nil : found->second;
-}
-
-- (const fake::ListenerState&)fakeState {
-    return _state;
-}
-
-@end
-
 @implementation NSXPCConnection {
-    pid_t _pid;
-    uid_t _uid;
+  @public
+    pid_t _processIdentifier;
+    uid_t _effectiveUserIdentifier;
     BOOL _isResumed;
     std::vector<std::string> _steps;
 }
 
-@synthesize exportedInterface = _exportedInterface;
-@synthesize exportedObject = _exportedObject;
-@synthesize invalidationHandler = _invalidationHandler;
-
-- (pid_t)processIdentifier {
-    return _pid;
-}
-
-- (uid_t)effectiveUserIdentifier {
-    return _uid;
-}
-
-- (NSXPCInterface*)exportedInterface {
-    return _exportedInterface;
-}
-
-- (void)setExportedInterface:(NSXPCInterface*)interface {
-    _exportedInterface = interface;
-    _steps.emplace_back("interface");
-}
-
-- (id)exportedObject {
-    return _exportedObject;
-}
-
-- (void)setExportedObject:(id)object {
-    _exportedObject = object;
-    _steps.emplace_back("object");
-}
-
-- (void (^)(void))invalidationHandler {
-    return _invalidationHandler;
-}
-
-- (void)setInvalidationHandler:(void (^)(void))handler {
-    _invalidationHandler = [handler copy];
-    _steps.emplace_back("handler");
-}
-
 - (void)resume {
-    if (!_isResumed) {
-        registry().connections.push_back(self);
-    }
+    connections().push_back(self);
     _isResumed = YES;
-    _steps.emplace_back("resume");
-}
-
-@end
-
-@implementation NSXPCConnection (Fake)
-
-- (instancetype)initFakePeer:(pid_t)pid user:(uid_t)uid {
-    self = [super init];
-    if (self != nil) {
-        _pid = pid;
-        _uid = uid;
+    for (const auto& [step, isTaken] :
+         {std::pair("interface", self.exportedInterface != nil),
+          std::pair("object", self.exportedObject != nil),
+          std::pair("handler", self.invalidationHandler != nil), std::pair("resume", true)}) {
+        if (isTaken) {
+            _steps.emplace_back(step);
+        }
     }
-    return self;
-}
-
-- (const std::vector<std::string>&)fakeSteps {
-    return _steps;
-}
-
-- (BOOL)fakeIsResumed {
-    return _isResumed;
-}
-
-- (void)fakeInvalidate {
-    if (!_isResumed) {
-        return;
-    }
-    _isResumed = NO;
-    if (_invalidationHandler != nil) {
-        _invalidationHandler();
-    }
-    _invalidationHandler = nil;
-    _exportedObject = nil;
-    _exportedInterface = nil;
-    NSXPCConnection* connection = self;
-    std::erase(registry().connections, connection);
 }
 
 @end
 
 namespace fake {
+namespace {
+
+NSXPCListener* listenerNamed(const std::string& service) {
+    const auto found = listeners().find(service);
+    return found == listeners().end() ? nil : found->second;
+}
+
+}  // namespace
+
+std::optional<ListenerState> listener(const std::string& service) {
+    @autoreleasepool {
+        NSXPCListener* found = listenerNamed(service);
+        return found == nil ? std::nullopt : std::optional(found->_state);
+    }
+}
+
+NSXPCConnection* connect(const std::string& service, pid_t pid, uid_t uid) {
+    NSXPCConnection* accepted = nil;
+    runElsewhere([&] {
+        NSXPCListener* found = listenerNamed(service);
+        if (found.delegate == nil || !found->_state.isResumed) {
+            return;
+        }
+        NSXPCConnection* connection = [[NSXPCConnection alloc] init];
+        connection->_processIdentifier = pid;
+        connection->_effectiveUserIdentifier = uid;
+        if ([found.delegate listener:found shouldAcceptNewConnection:connection]) {
+            accepted = connection;
+        }
+    });
+    return accepted;
+}
+
+std::string exportedProtocol(NSXPCConnection* connection) {
+    const void* protocol = (__bridge const void*)connection.exportedInterface.protocol;
+    return protocol == nullptr ? "" : static_cast<const objc::Protocol*>(protocol)->name;
+}
+
+std::vector<std::string> steps(NSXPCConnection* connection) { return connection->_steps; }
+
+void request(NSXPCConnection* connection, void (^work)(id exported)) {
+    runElsewhere([&] {
+        id exported = connection.exportedObject;
+        if (connection == nil || !connection->_isResumed) {
+            objc::fail("a request on a connection that is not resumed");
+        }
+        if (![exported conformsToProtocol:connection.exportedInterface.protocol]) {
+            objc::fail("the exported object is none of the exported interface");
+        }
+        work(exported);
+    });
+}
+
+void invalidate(NSXPCConnection* connection) {
+    runElsewhere([&] {
+        if (connection == nil || !connection->_isResumed) {
+            return;
+        }
+        connection->_isResumed = NO;
+        if (connection.invalidationHandler != nil) {
+            connection.invalidationHandler();
+        }
+        connection.invalidationHandler = nil;
+        connection.exportedObject = nil;
+        connection.exportedInterface = nil;
+        std::erase(connections(), connection);
+    });
+}
 
 void resetXPC() {
-    registry().listeners.clear();
-    registry().connections.clear();
+    listeners().clear();
+    connections().clear();
 }
 
 }  // namespace fake

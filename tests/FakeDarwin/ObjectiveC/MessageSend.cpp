@@ -3,7 +3,8 @@
 // vectors a variadic function is given). A message to nil gives zero.
 //
 // To super, what is handed over is not the receiver but a pointer to it and to the class in which
-// the caller's method is written. No method of ours has a result that does not fit into registers.
+// the caller's method is written, whose second word is its superclass. No method of ours has a
+// result that does not fit into registers.
 
 __asm__(R"(
 .text
@@ -11,42 +12,26 @@ __asm__(R"(
 .macro SAVE_ARGUMENTS
     push %rbp
     mov %rsp, %rbp
-    sub $192, %rsp
-    mov %rdi, (%rsp)
-    mov %rsi, 8(%rsp)
-    mov %rdx, 16(%rsp)
-    mov %rcx, 24(%rsp)
-    mov %r8, 32(%rsp)
-    mov %r9, 40(%rsp)
-    mov %rax, 48(%rsp)
-    movups %xmm0, 64(%rsp)
-    movups %xmm1, 80(%rsp)
-    movups %xmm2, 96(%rsp)
-    movups %xmm3, 112(%rsp)
-    movups %xmm4, 128(%rsp)
-    movups %xmm5, 144(%rsp)
-    movups %xmm6, 160(%rsp)
-    movups %xmm7, 176(%rsp)
+    .irp register, rdi, rsi, rdx, rcx, r8, r9
+    push %\register
+    .endr
+    push %rax
+    sub $136, %rsp
+    .irp number, 0, 1, 2, 3, 4, 5, 6, 7
+    movups %xmm\number, 16*\number(%rsp)
+    .endr
 .endm
 
 .macro RESTORE_ARGUMENTS
     mov %rax, %r11
-    mov (%rsp), %rdi
-    mov 8(%rsp), %rsi
-    mov 16(%rsp), %rdx
-    mov 24(%rsp), %rcx
-    mov 32(%rsp), %r8
-    mov 40(%rsp), %r9
-    mov 48(%rsp), %rax
-    movups 64(%rsp), %xmm0
-    movups 80(%rsp), %xmm1
-    movups 96(%rsp), %xmm2
-    movups 112(%rsp), %xmm3
-    movups 128(%rsp), %xmm4
-    movups 144(%rsp), %xmm5
-    movups 160(%rsp), %xmm6
-    movups 176(%rsp), %xmm7
-    leave
+    .irp number, 0, 1, 2, 3, 4, 5, 6, 7
+    movups 16*\number(%rsp), %xmm\number
+    .endr
+    add $136, %rsp
+    .irp register, rax, r9, r8, rcx, rdx, rsi, rdi
+    pop %\register
+    .endr
+    pop %rbp
 .endm
 
 .macro FUNCTION name
@@ -59,6 +44,7 @@ FUNCTION objc_msgSend
     test %rdi, %rdi
     jz 1f
     SAVE_ARGUMENTS
+    mov (%rdi), %rdi
     call fakeLookUp@PLT
     RESTORE_ARGUMENTS
     jmp *%r11
@@ -71,7 +57,8 @@ FUNCTION objc_msgSend
 FUNCTION objc_msgSendSuper2
     SAVE_ARGUMENTS
     mov 8(%rdi), %rdi
-    call fakeLookUpAbove@PLT
+    mov 8(%rdi), %rdi
+    call fakeLookUp@PLT
     RESTORE_ARGUMENTS
     mov (%rdi), %rdi
     jmp *%r11

@@ -1,23 +1,20 @@
 // A small Objective-C runtime for ELF on x86_64: what clang calls and lays out when it compiles for
 // Apple's runtime (-fobjc-runtime=macosx). The layouts are those of Apple's published objc4 and of
-// clang's CGObjCMac.cpp; only what the compiler emits for our sources is here. There is no
-// forwarding, no key-value coding, no +load and +initialize, no @try.
-//
-// Methods and classes are read once, before main(), and never change: sending a message takes no
-// lock. A lock there would order all threads, and hide from the thread sanitizer what it looks for.
+// clang's CGObjCMac.cpp; only what the compiler emits for our sources is here. There are no
+// categories, no forwarding, no key-value coding, no +load and +initialize, no @try. One thread at
+// a time.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
-#include <vector>
 
 namespace fake::objc {
 
-// Selectors are names of which there is one copy each (see intern()), so that they compare as
-// pointers.
+// Names of which there is one copy each (see intern()), so that they compare as pointers.
 using Selector = const char*;
 using Implementation = void (*)();
 
@@ -33,21 +30,6 @@ struct MethodList {
     std::uint32_t entrySize;
     std::uint32_t count;
     Method entries[1];
-};
-
-struct InstanceVariable {
-    // Of 64 bits on x86_64.
-    std::int64_t* offset;
-    const char* name;
-    const char* type;
-    std::uint32_t alignment;
-    std::uint32_t size;
-};
-
-struct InstanceVariableList {
-    std::uint32_t entrySize;
-    std::uint32_t count;
-    InstanceVariable entries[1];
 };
 
 struct Class;
@@ -73,9 +55,6 @@ struct ClassData {
     const char* name;
     MethodList* methods;
     ProtocolList* protocols;
-    InstanceVariableList* variables;
-    const void* weakLayout;
-    const void* properties;
 };
 
 // In ClassData::flags: the class of a class, which holds its "+" methods.
@@ -84,11 +63,10 @@ constexpr std::uint32_t metaclassFlag = 1;
 // What this runtime knows of a class besides.
 struct ClassTable {
     std::unordered_map<Selector, Implementation> methods;
-    std::vector<ProtocolList*> protocols;
     // Of literals and the like: retaining and releasing them does nothing.
     bool immortal = false;
     // Instances that are alive, those of subclasses included.
-    std::atomic<long> alive{0};
+    long alive = 0;
 };
 
 // The two words after the superclass are the runtime's; the compiler fills them with
@@ -101,35 +79,34 @@ struct Class {
     ClassData* data;
 };
 
-struct Category {
-    const char* name;
-    Class* extended;
-    MethodList* instanceMethods;
-    MethodList* classMethods;
-    ProtocolList* protocols;
-};
-
 struct Object {
     Class* isa;
 };
+
+// The entries of a list, which may be none.
+template <typename List>
+auto entriesOf(const List* list) {
+    using Entries = std::span<const std::remove_extent_t<decltype(List::entries)>>;
+    return list == nullptr ? Entries() : Entries(list->entries, list->count);
+}
 
 // ---- Between the parts of the runtime ----
 
 // The one copy of `name`.
 Selector intern(const char* name);
 
+// nullptr when there is none.
 Class* classNamed(std::string_view name);
 
 // The method of `type` or of a class above it; nullptr when there is none.
 Implementation find(const Class* type, Selector selector);
 
+bool isKindOf(const Class* type, const Class* wanted);
 bool conforms(const Class* type, const Protocol* protocol);
 
-inline bool isClass(const Object* object) {
-    return (object->isa->data->flags & metaclassFlag) != 0;
-}
-
+// A block, and one that was copied to the heap.
 bool isBlock(const Object* object);
+bool isHeapBlock(const Object* object);
 
 // Ends the process.
 [[noreturn]] void fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -137,20 +114,13 @@ bool isBlock(const Object* object);
 }  // namespace fake::objc
 
 extern "C" {
-// What NSObject is made of.
-fake::objc::Object* fakeAllocate(fake::objc::Class* type);
-void fakeDeallocate(fake::objc::Object* object);
 // What objc_msgSend (MessageSend.cpp) jumps to.
-void* fakeLookUp(fake::objc::Object* receiver, fake::objc::Selector selector);
-void* fakeLookUpAbove(fake::objc::Class* current, fake::objc::Selector selector);
+void* fakeLookUp(const fake::objc::Class* type, fake::objc::Selector selector);
 
 fake::objc::Object* objc_retain(fake::objc::Object* object);
 void objc_release(fake::objc::Object* object);
-fake::objc::Object* objc_autorelease(fake::objc::Object* object);
 void* objc_autoreleasePoolPush();
 void objc_autoreleasePoolPop(void* token);
 void* _Block_copy(const void* block);
 void _Block_release(const void* block);
-// Of a block on the heap; does nothing to others.
-void fakeRetainBlock(fake::objc::Object* block);
 }

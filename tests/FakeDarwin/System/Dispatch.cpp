@@ -1,24 +1,24 @@
 // Dispatch on simulated time: one main queue, timers and signals. dispatch(3) and the pages that it
 // names say what is promised here.
-#include "Dispatch.hpp"
-
 #include <dispatch/dispatch.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <deque>
+#include <exception>
 #include <functional>
-#include <limits>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "../FakeDarwin.hpp"
 #include "../ObjectiveC/Runtime.hpp"
-#include "Threads.hpp"
+#include "../Parts.hpp"
 
 struct dispatch_source_type_s {
     bool isTimer;
@@ -33,86 +33,39 @@ namespace fake {
 namespace {
 
 // The clock of timers, which stands still while the machine sleeps (dispatch_time(3)); in
-// nanoseconds. Whoever moves World::sinceBoot by hand has let the machine sleep.
+// nanoseconds. A test that moves World::sinceBoot by hand has let the machine sleep.
 using Uptime = std::uint64_t;
 
 constexpr Uptime never = DISPATCH_TIME_FOREVER;
+constexpr double nanosecondsPerSecond = 1e9;
 
-// A time of the wall clock is its nanoseconds since 1970, negated: that one may be told from the
-// others by its sign.
-bool isWallTime(dispatch_time_t time) {
-    return time != never && static_cast<std::int64_t>(time) < 0;
-}
-
-std::uint64_t wallNanoseconds() {
-    constexpr double nanosecondsPerSecond = 1e9;
-    return static_cast<std::uint64_t>(world().bootedAt * nanosecondsPerSecond) + world().sinceBoot;
-}
-
-constexpr Uptime uptimeAtStart = 500'000'000'000;
-
-// Who owns one has a count of it.
 struct Source : dispatch_source_s {
     bool isTimer{};
     std::uintptr_t handle{};
     Timer timer;
-    Uptime due = never;
+    // Of a timer on the wall clock: its nanoseconds since 1970, negated, by which it may be told
+    // from the others.
+    dispatch_time_t due = never;
     dispatch_function_t handler = nullptr;
     void* context = nullptr;
-    long references = 1;
     bool isResumed = false;
     bool isCancelled = false;
     // Of a signal: however many came since its handler last ran, it runs once for them all.
     bool isPending = false;
 
-    [[nodiscard]] bool isActive() const {
-        return isResumed && !isCancelled && handler != nullptr && references > 0;
-    }
-};
-
-struct Queue : dispatch_queue_s {
-    std::map<const void*, void*> specifics;
+    [[nodiscard]] bool isActive() const { return isResumed && !isCancelled && handler != nullptr; }
 };
 
 using SourcePointer = std::shared_ptr<Source>;
-
-// What waits on the main queue: a function, or an event of a source.
-struct Item {
-    dispatch_function_t function = nullptr;
-    void* context = nullptr;
-    SourcePointer source;
-
-    void run() const {
-        if (source == nullptr) {
-            function(context);
-            return;
-        }
-        source->isPending = false;
-        if (source->isActive()) {
-            source->handler(source->context);
-        }
-    }
-};
-
-struct Event {
-    Uptime due{};
-    std::function<void()> happen;
-};
+using Work = std::function<void()>;
 
 struct State {
-    // Guards `waiting` alone; all else is touched by one thread at a time.
-    std::mutex mutex;
-    std::deque<Item> waiting;
+    std::deque<Work> waiting;
     std::vector<SourcePointer> sources;
-    std::vector<Event> events;
+    // The script.
+    std::multimap<Uptime, Work> events;
     std::optional<Uptime> end;
-    Uptime uptime = uptimeAtStart;
-    bool isServed = false;
-    Queue mainQueue;
-    // What a process leaves behind stays where the leak sanitizer sees it: nobody takes down the
-    // contexts of sources that live as long as the process.
-    std::vector<Item> leftWork;
-    std::vector<SourcePointer> leftSources;
+    Uptime uptime = 500'000'000'000;
 };
 
 State& state() {
@@ -120,22 +73,24 @@ State& state() {
     return all;
 }
 
-// The queue whose work runs on this thread.
-thread_local const Queue* currentQueue = nullptr;
+dispatch_queue_s mainQueue;
 
-void enqueue(Item item) {
-    const std::scoped_lock lock(state().mutex);
-    state().waiting.push_back(std::move(item));
+// The marks of the main queue. Whoever sets one keeps that in a static variable, so they stay.
+std::map<const void*, void*>& marks() {
+    static auto& all = *new std::map<const void*, void*>;
+    return all;
 }
 
-std::optional<Item> takeWaiting() {
-    const std::scoped_lock lock(state().mutex);
-    if (state().waiting.empty()) {
-        return std::nullopt;
-    }
-    Item first = std::move(state().waiting.front());
-    state().waiting.pop_front();
-    return first;
+// The main queue's work runs on this thread.
+thread_local bool isOnMainQueue = false;
+
+void enqueue(const SourcePointer& source) {
+    state().waiting.emplace_back([source] {
+        source->isPending = false;
+        if (source->isActive()) {
+            source->handler(source->context);
+        }
+    });
 }
 
 void moveClock(Uptime to) {
@@ -146,63 +101,55 @@ void moveClock(Uptime to) {
 }
 
 Uptime fromNow(double seconds) {
-    constexpr double nanosecondsPerSecond = 1e9;
     return state().uptime + static_cast<Uptime>(seconds * nanosecondsPerSecond);
 }
 
-std::vector<Event>::iterator nextEvent() {
-    return std::ranges::min_element(state().events, {}, &Event::due);
+std::uint64_t wallNanoseconds() {
+    return static_cast<std::uint64_t>(world().bootedAt * nanosecondsPerSecond) + world().sinceBoot;
 }
 
-// When a timer is due on the clock of timers, if nobody sets the wall clock until then.
-Uptime dueOf(const Source& timer) {
-    if (!timer.timer.isWall) {
-        return timer.due;
+std::uint64_t later(std::uint64_t now, std::int64_t delta) {
+    const std::uint64_t time = now + static_cast<std::uint64_t>(delta);
+    if (delta < 0 || static_cast<std::int64_t>(time) < 0) {
+        objc::fail("a time of Dispatch's that has passed, or is too far away");
+    }
+    return time;
+}
+
+// When a timer is due on the clock of timers, if the wall clock is not set until then.
+Uptime dueOf(const SourcePointer& source) {
+    if (!source->isActive() || !source->timer.isWall) {
+        return source->isActive() ? source->due : never;
     }
     const std::uint64_t wall = wallNanoseconds();
-    const std::uint64_t due = -timer.due;
-    return state().uptime + (due > wall ? due - wall : 0);
-}
-
-SourcePointer nextTimer() {
-    SourcePointer next;
-    for (const SourcePointer& source : state().sources) {
-        if (source->isActive() && dueOf(*source) < (next ? dueOf(*next) : never)) {
-            next = source;
-        }
-    }
-    return next;
+    return state().uptime + (-source->due > wall ? -source->due - wall : 0);
 }
 
 // Turns that were missed are not made up for.
 void fire(const SourcePointer& source) {
     const std::uint64_t interval = source->timer.interval;
-    if (interval == 0 || interval == never) {
-        source->due = never;
-        source->timer.isWall = false;
-    } else {
-        source->due += interval * ((state().uptime - source->due) / interval + 1);
-    }
-    enqueue({.source = source});
+    source->due = interval == never
+                      ? never
+                      : source->due + interval * ((state().uptime - source->due) / interval + 1);
+    source->timer.isWall = false;
+    enqueue(source);
 }
 
 // Brings about what comes next and is due by `last`: an event of the script, and before any timer
 // of the same instant. False when there is nothing.
 bool passTime(Uptime last) {
-    const auto event = nextEvent();
-    const Uptime eventDue = event == state().events.end() ? never : event->due;
-    const SourcePointer timer = nextTimer();
-    const Uptime timerDue = timer ? dueOf(*timer) : never;
+    const auto event = state().events.begin();
+    const auto timer = std::ranges::min_element(state().sources, {}, dueOf);
+    const Uptime eventDue = event == state().events.end() ? never : event->first;
+    const Uptime timerDue = timer == state().sources.end() ? never : dueOf(*timer);
     if (std::min(eventDue, timerDue) > last || std::min(eventDue, timerDue) == never) {
         return false;
     }
     moveClock(std::min(eventDue, timerDue));
     if (eventDue <= timerDue) {
-        const auto happen = std::move(event->happen);
-        state().events.erase(event);
-        runElsewhere(happen);
+        runElsewhere(state().events.extract(event).mapped());
     } else {
-        fire(timer);
+        fire(*timer);
     }
     return true;
 }
@@ -210,63 +157,59 @@ bool passTime(Uptime last) {
 // Runs what waits, also what that enqueues; then time passes to the next thing that is due by what
 // `last` says, which the script may change.
 void serveUntil(const std::function<Uptime()>& last) {
-    if (state().isServed) {
-        objc::fail("the main queue is served already");
-    }
-    state().isServed = true;
-
-    struct Guard {
-        ~Guard() { state().isServed = false; }
-    } const guard;
-
     runElsewhere([&] {
-        currentQueue = &state().mainQueue;
-        bool more = true;
-        while (more) {
-            if (const auto item = takeWaiting()) {
-                item->run();
-            } else {
-                more = passTime(last());
+        isOnMainQueue = true;
+        do {
+            while (!state().waiting.empty()) {
+                const Work first = std::move(state().waiting.front());
+                state().waiting.pop_front();
+                first();
             }
-        }
+        } while (passTime(last()));
     });
 }
 
-// Without an end the script is over with its last event.
-Uptime endOfScript() {
-    if (state().end) {
-        return *state().end;
+SourcePointer& sourceOf(dispatch_object_t object) {
+    for (SourcePointer& each : state().sources) {
+        if (each.get() == object) {
+            return each;
+        }
     }
-    return state().events.empty() ? 0 : never;
-}
-
-SourcePointer sourceOf(dispatch_object_t object) {
-    const auto& sources = state().sources;
-    const auto found = std::ranges::find_if(
-        sources, [&](const SourcePointer& each) { return each.get() == object; });
-    if (found == sources.end()) {
-        objc::fail("a Dispatch object is used that is none, or was released");
-    }
-    return *found;
+    objc::fail("a Dispatch object is used that is none, or was released");
 }
 
 }  // namespace
 
+void runElsewhere(const std::function<void()>& work) {
+    std::exception_ptr thrown;
+    std::thread([&] {
+        // As Dispatch's threads do.
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        void* pool = objc_autoreleasePoolPush();
+        try {
+            work();
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+        objc_autoreleasePoolPop(pool);
+    }).join();
+    if (thrown) {
+        std::rethrow_exception(thrown);
+    }
+}
+
 void resetDispatch() {
-    State& all = state();
-    const std::scoped_lock lock(all.mutex);
-    all.leftWork.insert(all.leftWork.end(), all.waiting.begin(), all.waiting.end());
-    all.leftSources.insert(all.leftSources.end(), all.sources.begin(), all.sources.end());
-    all.waiting.clear();
-    all.sources.clear();
-    all.events.clear();
-    all.end.reset();
-    all.uptime = uptimeAtStart;
-    // The main queue itself stays, with its marks: who set one keeps that in a static variable.
+    // What a process leaves behind stays where the leak sanitizer sees it: the contexts of sources
+    // that live as long as the process are never taken down.
+    static auto& left = *new std::vector<State>;
+    state().events.clear();
+    left.push_back(std::exchange(state(), State()));
 }
 
 void at(double seconds, std::function<void()> event) {
-    state().events.push_back({fromNow(seconds), std::move(event)});
+    state().events.emplace(fromNow(seconds), std::move(event));
 }
 
 void endAt(double seconds) { state().end = fromNow(seconds); }
@@ -282,10 +225,10 @@ bool raise(int signal) {
     for (const SourcePointer& source : state().sources) {
         if (!source->isTimer && source->handle == static_cast<std::uintptr_t>(signal) &&
             source->isActive()) {
-            if (!std::exchange(source->isPending, true)) {
-                enqueue({.source = source});
-            }
             isWatched = true;
+            if (!std::exchange(source->isPending, true)) {
+                enqueue(source);
+            }
         }
     }
     return isWatched;
@@ -307,58 +250,40 @@ using namespace fake;
 
 extern "C" {
 
-dispatch_queue_t dispatch_get_main_queue() { return &state().mainQueue; }
+// Whether this is the process's initial thread; in a child of fork(2) that is the one that forked.
+int pthread_main_np() { return getpid() == gettid() ? 1 : 0; }
+
+dispatch_queue_t dispatch_get_main_queue() { return &mainQueue; }
 
 void dispatch_async_f(dispatch_queue_t, void* context, dispatch_function_t work) {
-    enqueue({work, context, nullptr});
+    state().waiting.emplace_back([=] { work(context); });
 }
 
-void dispatch_queue_set_specific(dispatch_queue_t queue, const void* key, void* context,
+void dispatch_queue_set_specific(dispatch_queue_t, const void* key, void* context,
                                  dispatch_function_t) {
-    static_cast<Queue*>(queue)->specifics[key] = context;
+    marks()[key] = context;
 }
 
 // Of the main thread before dispatch_main() nothing is promised: here it is on no queue.
 void* dispatch_get_specific(const void* key) {
-    const Queue* queue = currentQueue;
-    if (queue == nullptr) {
-        return nullptr;
-    }
-    const auto found = queue->specifics.find(key);
-    return found == queue->specifics.end() ? nullptr : found->second;
+    const auto found = marks().find(key);
+    return isOnMainQueue && found != marks().end() ? found->second : nullptr;
 }
 
 void dispatch_main() {
-    if (pthread_main_np() == 0) {
-        objc::fail("dispatch_main() is called on a thread that is not the main thread");
-    }
-    serveUntil(endOfScript);
-    if (state().end) {
-        moveClock(*state().end);
-    }
+    // Without an end the script is over with its last event.
+    serveUntil([] { return state().end.value_or(state().events.empty() ? 0 : never); });
+    moveClock(state().end.value_or(0));
     throw Over{};
 }
 
-dispatch_time_t dispatch_time(dispatch_time_t when, std::int64_t delta) {
-    if (when == DISPATCH_TIME_FOREVER) {
-        return when;
-    }
-    const Uptime from = when == DISPATCH_TIME_NOW ? state().uptime : when;
-    if (delta < 0) {
-        const Uptime back = -static_cast<Uptime>(delta);
-        return back < from ? from - back : 1;
-    }
-    const Uptime time = from + static_cast<Uptime>(delta);
-    // A time of this clock has 63 bits.
-    return time > static_cast<Uptime>(std::numeric_limits<std::int64_t>::max()) ? never : time;
+// These two are here for times to come only, which have 63 bits.
+dispatch_time_t dispatch_time(dispatch_time_t, std::int64_t delta) {
+    return later(state().uptime, delta);
 }
 
-// Only from now on, and forward.
-dispatch_time_t dispatch_walltime(const timespec* when, std::int64_t delta) {
-    if (when != nullptr || delta < 0) {
-        objc::fail("dispatch_walltime() stands in for times to come only");
-    }
-    return -(wallNanoseconds() + static_cast<std::uint64_t>(delta));
+dispatch_time_t dispatch_walltime(const timespec*, std::int64_t delta) {
+    return -later(wallNanoseconds(), delta);
 }
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, std::uintptr_t handle,
@@ -377,14 +302,11 @@ void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_func
 
 void dispatch_source_set_timer(dispatch_source_t timer, dispatch_time_t start,
                                std::uint64_t interval, std::uint64_t leeway) {
-    const SourcePointer source = sourceOf(timer);
-    const Uptime due = start == DISPATCH_TIME_NOW ? state().uptime : start;
-    source->due = due;
-    source->timer.isWall = isWallTime(due);
-    const Uptime first = dueOf(*source);
-    source->timer.first = due == never ? never : first - std::min(first, state().uptime);
-    source->timer.interval = interval;
-    source->timer.leeway = leeway;
+    const bool isWall = static_cast<std::int64_t>(start) < 0;
+    const std::uint64_t first = isWall ? -start - wallNanoseconds() : start - state().uptime;
+    const SourcePointer& source = sourceOf(timer);
+    source->due = start;
+    source->timer = {first, interval, leeway, source->timer.isStrict, isWall};
 }
 
 void dispatch_source_cancel(dispatch_source_t source) { sourceOf(source)->isCancelled = true; }
@@ -395,20 +317,13 @@ void dispatch_set_context(dispatch_object_t object, void* context) {
 
 // Too many of these end the process, as they do in Dispatch.
 void dispatch_resume(dispatch_object_t object) {
-    const SourcePointer source = sourceOf(object);
-    if (source->isResumed) {
+    if (std::exchange(sourceOf(object)->isResumed, true)) {
         objc::fail("a source is resumed that is not suspended");
     }
-    source->isResumed = true;
 }
-
-void dispatch_retain(dispatch_object_t object) { ++sourceOf(object)->references; }
 
 void dispatch_release(dispatch_object_t object) {
     const SourcePointer source = sourceOf(object);
-    if (--source->references > 0) {
-        return;
-    }
     if (!source->isResumed) {
         objc::fail("a suspended source is released");
     }

@@ -4,12 +4,6 @@
 #import <SystemConfiguration/SystemConfiguration.h>
 #include <os/log.h>
 
-#ifdef HALVO_ProbeUndefinedSymbol
-extern "C" int halvoIsNowhere();
-#else
-static int halvoIsNowhere() { return 0; }
-#endif
-
 #ifdef HALVO_ProbeWrongArgument
 using UserID = int;
 #else
@@ -25,6 +19,6 @@ int main() {
 #else
         NSString* path = NSBundle.mainBundle.executablePath;
 #endif
-        return name.length == path.length ? halvoIsNowhere() : 1;
+        return name.length == path.length ? 0 : 1;
     }
 }

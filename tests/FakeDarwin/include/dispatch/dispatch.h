@@ -48,6 +48,5 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
 void dispatch_source_cancel(dispatch_source_t source);
 void dispatch_set_context(dispatch_object_t object, void* context);
 void dispatch_resume(dispatch_object_t object);
-void dispatch_retain(dispatch_object_t object);
 void dispatch_release(dispatch_object_t object);
 }

@@ -1,21 +1,36 @@
-// The root class, as far as the stand-ins have it.
+// The basic types of Objective-C as Apple's headers declare them for x86_64, and the root class as
+// far as the stand-ins have it.
 #pragma once
 
-#include <objc/objc.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
 
-@class NSString, Protocol;
+typedef signed char BOOL;
+#define YES ((BOOL)1)
+#define NO ((BOOL)0)
+
+typedef unsigned long NSUInteger;
+
+typedef struct objc_class* Class;
+
+struct objc_object {
+    Class isa;
+};
+
+typedef struct objc_object* id;
+typedef struct objc_selector* SEL;
+
+#ifndef nil
+#define nil nullptr
+#endif
+
+@class Protocol;
 
 @protocol NSObject
-@property(readonly) NSUInteger hash;
 - (BOOL)isEqual:(id)other;
-- (Class)class;
-- (instancetype)self;
 - (BOOL)isKindOfClass:(Class)wanted;
 - (BOOL)conformsToProtocol:(Protocol*)protocol;
-- (BOOL)respondsToSelector:(SEL)selector;
-- (instancetype)retain OBJC_ARC_UNAVAILABLE;
-- (oneway void)release OBJC_ARC_UNAVAILABLE;
-- (instancetype)autorelease OBJC_ARC_UNAVAILABLE;
 @end
 
 __attribute__((objc_root_class))

@@ -1,33 +1,19 @@
-// Code signatures. A file is signed when a test says so of its bytes, which are read when the
-// signature is checked, and not before.
+// Security and SystemConfiguration: code signatures, and who has the console. A file is signed when
+// a test says so of its bytes, which are read when the signature is checked, and not before.
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
+#import <SystemConfiguration/SystemConfiguration.h>
 
 #include <fstream>
 #include <iterator>
 
 #include "../FakeDarwin.hpp"
-#include "../Foundation/Foundation.hpp"
-
-// What Security hands out, of either kind: the path of the code, or the text of the requirement.
-@interface FakeSecurityObject : NSObject {
-  @public
-    std::string _text;
-}
-@end
-
-@implementation FakeSecurityObject
-@end
+#include "../Parts.hpp"
 
 namespace {
 
-FakeSecurityObject* objectOf(const std::string& text) {
-    FakeSecurityObject* object = [[FakeSecurityObject alloc] init];
-    object->_text = text;
-    return object;
-}
-
-std::string textOf(const void* object) { return ((__bridge FakeSecurityObject*)object)->_text; }
+// What Security hands out: the path of the code, or the text of the requirement.
+std::string handedOut(const void* object) { return fake::textOf((__bridge NSString*)object); }
 
 }  // namespace
 
@@ -38,7 +24,7 @@ OSStatus SecStaticCodeCreateWithPath(CFURLRef path, SecCSFlags, SecStaticCodeRef
     if (!std::ifstream(file)) {
         return errSecCSStaticCodeNotFound;
     }
-    *code = (__bridge_retained SecStaticCodeRef)objectOf(file);
+    *code = (__bridge_retained SecStaticCodeRef)fake::stringOf(file);
     return errSecSuccess;
 }
 
@@ -48,7 +34,7 @@ OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags,
     if (!words.starts_with("anchor apple generic and identifier ")) {
         return errSecCSReqInvalid;
     }
-    *requirement = (__bridge_retained SecRequirementRef)objectOf(words);
+    *requirement = (__bridge_retained SecRequirementRef)fake::stringOf(words);
     return errSecSuccess;
 }
 
@@ -56,18 +42,17 @@ OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags,
 OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
                                     SecRequirementRef requirement) {
     fake::World& world = fake::world();
-    const std::string path = textOf(code);
+    const std::string path = handedOut(code);
     world.signatureChecks.push_back({path, flags});
     if (world.onSignatureCheck) {
         world.onSignatureCheck();
     }
     std::ifstream file(path, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    const auto found = world.signedFiles.find(bytes);
+    const auto found = world.signedFiles.find({std::istreambuf_iterator<char>(file), {}});
     if (found == world.signedFiles.end()) {
         return errSecCSUnsigned;
     }
-    const bool isMet = requirement == nullptr || textOf(requirement) == found->second;
+    const bool isMet = requirement == nullptr || handedOut(requirement) == found->second;
     return isMet ? errSecSuccess : errSecCSReqFailed;
 }
 
@@ -79,5 +64,13 @@ CFStringRef SecCopyErrorMessageString(OSStatus status, void*) {
         status == errSecCSUnsigned    ? "code object is not signed at all"
         : status == errSecCSReqFailed ? "code failed to satisfy specified code requirement(s)"
                                       : "code signing error " + std::to_string(status));
+}
+
+CFStringRef SCDynamicStoreCopyConsoleUser(SCDynamicStoreRef, uid_t* uid, gid_t*) {
+    if (!fake::world().consoleUser) {
+        return nullptr;
+    }
+    *uid = fake::world().consoleUID;
+    return (__bridge_retained CFStringRef)fake::stringOf(*fake::world().consoleUser);
 }
 }
