@@ -10,6 +10,7 @@
 
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
+#include "tests/Support/ServerBus.hpp"
 
 namespace {
 
@@ -53,14 +54,9 @@ int onDisconnected(sd_bus_message* signal, void*, sd_bus_error*) {
 }
 
 int onIncoming(sd_event_source* source, int listening, std::uint32_t, void*) {
-    sd_bus* bus = nullptr;
-    sd_id128_t server{};
     const int socket = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     check(socket);
-    check(sd_bus_new(&bus));
-    check(sd_id128_randomize(&server));
-    check(sd_bus_set_fd(bus, socket, socket));
-    check(sd_bus_set_server(bus, 1, server));
+    sd_bus* bus = halvo::testing::newServerBus(socket);
     check(sd_bus_set_trusted(bus, 1));
     check(sd_bus_set_connected_signal(bus, 1));
     check(sd_bus_add_object_vtable(bus, nullptr, halvo::HelperBus::object,

@@ -132,25 +132,6 @@ Memory memoryOf(const Program& process) {
     return memory;
 }
 
-// Also brings what was written to the disk: a file in memory alone would count as dirty.
-void copy(const std::string& files, const std::string& to) {
-    const std::string command = "mkdir --parents '" + to + "' && { " + files +
-                                "; } | xargs cp --dereference --target-directory='" + to +
-                                "' && sync --file-system '" + to + "'";
-    require(std::system(command.c_str()) == 0, command);
-}
-
-// What a process shares with others is not its own, so its USS depends on who else runs. Copies of
-// the libraries settle that: only the program that is weighed uses them, on any machine. All but
-// the C library, which every process has. The environment in which a program uses them.
-std::vector<std::string> withLibrariesOfItsOwn(const std::string& program,
-                                               const std::string& folder) {
-    // Each line of ldd(1) is "NAME => PATH (ADDRESS)", but for the kernel's own and the program
-    // interpreter.
-    copy("ldd '" + program + R"(' | awk '$2 == "=>" && $1 !~ /^libc[.]so/ { print $3 }')", folder);
-    return {"LD_LIBRARY_PATH=" + folder};
-}
-
 // Where the loader puts a program's parts changes by a few pages each time, and so what the kernel
 // maps around the pages that are used; this takes little time, so it is done often.
 Memory emptyProgram(const std::string& path, const std::vector<std::string>& environment) {
@@ -303,12 +284,12 @@ void measureReady(Run& run) {
 }
 
 void measureMemory(Run& run) {
+    // benchmarks/run copies both: what a process shares with others is not its own, so its USS
+    // depends on who else runs. Copies of the libraries settle that, on any machine: only the
+    // program that is weighed uses them. So does another file that holds the empty program.
+    const std::vector<std::string> alone{"LD_LIBRARY_PATH=" + run.program("libraries")};
     const std::string empty = run.program("EmptyProgram");
-    const auto alone = withLibrariesOfItsOwn(run.helper(), run.program("libraries"));
-    // Another file, so that the program itself is not shared.
-    const std::string folder = run.program("sharing");
-    copy("echo '" + empty + "'", folder);
-    Program other({folder + "/EmptyProgram"});
+    Program other({run.program("sharing/EmptyProgram")});
     other.readLine();
     const auto add = [&run](const std::string& what, double ours, double theirs,
                             std::optional<double> ratioAtMost, std::optional<double> oursAtMost) {

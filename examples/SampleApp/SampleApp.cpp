@@ -39,13 +39,12 @@ Deadline now() { return Deadline::clock::now(); }
 
 std::optional<Seconds> parseMinutes(const std::string& word) {
     // Plain decimals only: strtod(3) would also take "inf", "0x1p3", "1e3" and "5.".
-    if (word.find_first_not_of("0123456789.") != std::string::npos || word.starts_with('.') ||
-        word.ends_with('.')) {
-        return std::nullopt;
-    }
+    const bool isPlain = word.find_first_not_of("0123456789.") == std::string::npos &&
+                         !word.starts_with('.') && !word.ends_with('.');
     char* end = nullptr;
     const Seconds span = Seconds{60} * std::strtod(word.c_str(), &end);
-    const bool isTaken = *end == '\0' && span > Seconds{0} && span <= HelperCommitment::maximum;
+    const bool isTaken =
+        isPlain && *end == '\0' && span > Seconds{0} && span <= HelperCommitment::maximum;
     return isTaken ? std::optional(span) : std::nullopt;
 }
 
@@ -135,24 +134,19 @@ WidgetSnapshot snapshotOf(const HelperStatus& status, WallDate since, WallDate n
 
 std::expected<Arguments, std::string> parseArguments(std::span<const std::string> words) {
     Arguments arguments;
-    while (!words.empty()) {
-        const std::string& word = words.front();
-        words = words.subspan(1);
-        const auto minutes = parseMinutes(word);
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string& word = words[i];
         if (word == "--help" || word == "-h") {
             arguments.help = true;
         } else if (word == LaunchReason::relaunchArgument) {
-            if (words.empty() || words.front() != "YES") {
+            arguments.broughtBack = ++i < words.size() && words[i] == "YES";
+            if (!arguments.broughtBack) {
                 return std::unexpected(word + " is followed by YES and nothing else.");
             }
-            words = words.subspan(1);
-            arguments.broughtBack = true;
-        } else if (minutes && arguments.commitment) {
-            return std::unexpected("One number of minutes is enough: there is " + word + " too.");
-        } else if (minutes) {
-            arguments.commitment = minutes;
-        } else {
+        } else if (const auto minutes = parseMinutes(word); !minutes) {
             return std::unexpected("'" + word + "' is no number of minutes above 0, up to 1440.");
+        } else if (std::exchange(arguments.commitment, minutes)) {
+            return std::unexpected("One number of minutes is enough: there is " + word + " too.");
         }
     }
     return arguments;
