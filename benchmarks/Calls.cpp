@@ -110,8 +110,9 @@ void searchAmong(std::size_t processes, Run& run) {
         }
     };
     checkNumber();
-    // Of all these processes, which run this program, none is its.
-    const testing::TestBundle app("/Applications/Other.app", "Other");
+    // All these processes run this program, so another app is looked for.
+    const testing::TestBundle app("/Applications/Other.app", "Halvo");
+    app.writeInfo();
     LiveSessionProbe probe;
     // Short, so that the scheduler seldom comes in between.
     const std::size_t times = processes < 1000 ? 4 : 1;
@@ -179,12 +180,13 @@ void syncAndClose(int item, const std::string& folder) {
 // The least that puts a file in `folder` in the place of another so that neither a reader nor a
 // power failure meets half of it.
 void bareWrite(const std::string& folder, const std::string& bytes) {
-    const int place = openFolder(folder);
-    const int file = openat(place, ".file.new", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    require(write(file, bytes.data(), bytes.size()) == std::ssize(bytes), folder);
-    syncAndClose(file, folder);
-    require(renameat(place, ".file.new", place, "file") == 0, folder);
-    syncAndClose(place, folder);
+    const std::string file = folder + "/file";
+    const std::string temporary = folder + "/.file.new";
+    const int written = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    require(write(written, bytes.data(), bytes.size()) == std::ssize(bytes), temporary);
+    syncAndClose(written, temporary);
+    require(rename(temporary.c_str(), file.c_str()) == 0, temporary);
+    syncAndClose(openFolder(folder), folder);
 }
 
 // The least that locks or unlocks a folder for good.
