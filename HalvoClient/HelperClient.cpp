@@ -61,63 +61,46 @@ HelperFailure failureOf(CannotAsk trouble) {
     }
 }
 
-std::expected<BusHandle, Trouble> connectToHelper(const std::string& path, Deadline deadline) {
+// Connects where there is no connection yet.
+std::expected<void, Trouble> connectIfNeeded(BusHandle& bus, const std::string& path,
+                                             Deadline deadline) {
+    if (bus != nullptr) {
+        return {};
+    }
     auto socket = connectAsApp(path, deadline);
     if (!socket) {
         return std::unexpected(CannotAsk{socket.error()});
     }
-    auto bus = openBus(std::move(*socket));
-    if (bus) {
-        return std::move(*bus);
+    auto made = openBus(std::move(*socket));
+    if (made) {
+        bus = std::move(*made);
+        return {};
     }
     // A helper that closes at once can be seen here already, by the first bytes we send.
-    if (bus.error() == EPIPE || bus.error() == ECONNRESET) {
+    if (made.error() == EPIPE || made.error() == ECONNRESET) {
         return std::unexpected(BusFault::Unauthenticated);
     }
-    return std::unexpected(CannotAsk{bus.error()});
+    return std::unexpected(CannotAsk{made.error()});
 }
 
 using Append = std::function<int(sd_bus_message*)>;
 
-std::expected<BusMessage, int> makeRequest(sd_bus& bus, const char* member, const Append& append) {
-    sd_bus_message* raw = nullptr;
-    int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
-                                                HelperBus::interface, member);
-    BusMessage request(raw);
-    if (result >= 0) {
-        result = append(raw);
-    }
-    if (result < 0) {
-        return std::unexpected(-result);
-    }
-    return request;
-}
-
 // Over this connection and no other.
 std::expected<BusMessage, Trouble> attemptOn(sd_bus& bus, const char* member, const Append& append,
                                              Deadline deadline) {
-    const auto request = makeRequest(bus, member, append);
-    if (!request) {
-        return std::unexpected(CannotAsk{request.error()});
+    sd_bus_message* raw = nullptr;
+    int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
+                                                HelperBus::interface, member);
+    const BusMessage request(raw);
+    result = result >= 0 ? append(raw) : result;
+    if (result < 0) {
+        return std::unexpected(CannotAsk{-result});
     }
-    auto reply = callWithin(deadline, bus, **request);
+    auto reply = callWithin(deadline, bus, *request);
     if (!reply) {
         return std::unexpected(reply.error());
     }
     return std::move(*reply);
-}
-
-std::expected<BusMessage, Trouble> attempt(BusHandle& bus, const std::string& path,
-                                           const char* member, const Append& append,
-                                           Deadline deadline) {
-    if (bus == nullptr) {
-        auto made = connectToHelper(path, deadline);
-        if (!made) {
-            return std::unexpected(made.error());
-        }
-        bus = std::move(*made);
-    }
-    return attemptOn(*bus, member, append, deadline);
 }
 
 HelperFailure notUnderstood(const char* member) {
@@ -171,23 +154,16 @@ struct Describe {
     }
 };
 
-struct ExitStatus {
-    int operator()(const NotRunning&) const { return EX_UNAVAILABLE; }
-
-    int operator()(const Refused&) const { return EX_NOPERM; }
-
-    int operator()(const TimedOut&) const { return EX_TEMPFAIL; }
-
-    int operator()(const Rejected&) const { return EX_DATAERR; }
-
-    int operator()(const NoResources&) const { return EX_OSERR; }
-};
-
 }  // namespace
 
 std::string description(const HelperFailure& failure) { return std::visit(Describe{}, failure); }
 
-int exitStatus(const HelperFailure& failure) { return std::visit(ExitStatus{}, failure); }
+int exitStatus(const HelperFailure& failure) {
+    // In the order of the variant.
+    constexpr std::array<int, std::variant_size_v<HelperFailure>> statuses{
+        EX_UNAVAILABLE, EX_NOPERM, EX_TEMPFAIL, EX_DATAERR, EX_OSERR};
+    return statuses.at(failure.index());
+}
 
 HelperClient::HelperClient(const HelperIdentity& identity)
     : HelperClient(HelperBus::socketPath(identity.helperBundleID())) {}
@@ -236,16 +212,16 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
 }
 
 HelperClient::Result<bool> HelperClient::heartbeat(bool sessionEnding, Seconds limit) {
-    return askYesOrNo(
-        "Heartbeat",
-        [sessionEnding](sd_bus_message* request) {
-            return sd_bus_message_append(request, "b", static_cast<int>(sessionEnding));
-        },
-        deadlineAfter(limit));
+    constexpr const char* member = "Heartbeat";
+    const auto append = [sessionEnding](sd_bus_message* request) {
+        return sd_bus_message_append(request, "b", static_cast<int>(sessionEnding));
+    };
+    return yesOrNo(member, ask(member, append, deadlineAfter(limit)));
 }
 
 HelperClient::Result<bool> HelperClient::end(Seconds limit) {
-    return askYesOrNo("End", appendNothing, deadlineAfter(limit));
+    constexpr const char* member = "End";
+    return yesOrNo(member, ask(member, appendNothing, deadlineAfter(limit)));
 }
 
 HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
@@ -275,17 +251,14 @@ HelperClient::Result<HelperStatus> HelperClient::statusBefore(Deadline deadline)
     return status;
 }
 
-HelperClient::Result<bool> HelperClient::askYesOrNo(const char* member, const Append& append,
-                                                    Deadline deadline) {
-    return yesOrNo(member, ask(member, append, deadline));
-}
-
 HelperClient::Result<BusMessage> HelperClient::ask(const char* member, const Append& append,
                                                    Deadline deadline) {
     bool refusedBefore = false;
     bool brokenBefore = false;
     while (true) {
-        auto reply = attempt(bus_, socketPath_, member, append, deadline);
+        const auto connected = connectIfNeeded(bus_, socketPath_, deadline);
+        auto reply = connected ? attemptOn(*bus_, member, append, deadline)
+                               : std::unexpected(connected.error());
         if (reply) {
             return answerOf(std::move(*reply));
         }

@@ -140,7 +140,6 @@ class HelperClient {
     using Append = std::function<int(sd_bus_message* request)>;
 
     Result<BusMessage> ask(const char* member, const Append& append, Deadline deadline);
-    Result<bool> askYesOrNo(const char* member, const Append& append, Deadline deadline);
     Result<HelperStatus> statusBefore(Deadline deadline);
 
     std::string socketPath_;

@@ -2,10 +2,7 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +19,7 @@
 
 #include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -75,29 +73,40 @@ class HelperClientTest : public ::testing::Test {
     std::string path_ = folder_ / "helper.sock";
 };
 
-TEST_F(HelperClientTest, AsksTheSocketOfItsApp) {
-    EXPECT_EQ(HelperClient(HelperIdentity{"com.example.nobody", "7QX4KD19MT"}).status(),
-              std::unexpected(HelperFailure(NotRunning{ENOENT})));
-}
-
-TEST_F(HelperClientTest, CarriesTheArgumentsOfABegin) {
-    FakeHelper helper(path_, {Conduct::Answer});
-    HelperClient client(path_);
-    EXPECT_EQ(
-        client.begin("/Applications/Hälvo.app", anyway(wallDate(1732143600.125), wallDate(-0.5))),
-        true);
-    EXPECT_STREQ(helper.record().lastRequest.data(),
-                 "Begin /Applications/Hälvo.app 1732143600.125 -0.5");
-}
-
-TEST_F(HelperClientTest, CarriesDatesThatAreNone) {
-    FakeHelper helper(path_, {Conduct::Answer});
-    HelperClient client(path_);
+TEST_F(HelperClientTest, CarriesArgumentsAndTheHelpersAnswer) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(client.begin("x", anyway(wallDate(infinity),
-                                       wallDate(std::numeric_limits<double>::quiet_NaN()))),
-              true);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Begin x inf nan");
+    constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    const auto begin = [](const char* path, double until, double started) {
+        return [=](HelperClient& client) {
+            return client.begin(path, anyway(wallDate(until), wallDate(started)));
+        };
+    };
+    const auto heartbeat = [](bool ending) {
+        return [=](HelperClient& client) { return client.heartbeat(ending); };
+    };
+
+    struct Row {
+        std::function<HelperClient::Result<bool>(HelperClient&)> request;
+        const char* sent;
+    };
+
+    const Row rows[] = {
+        {begin("/Applications/Hälvo.app", 1732143600.125, -0.5),
+         "Begin /Applications/Hälvo.app 1732143600.125 -0.5"},
+        {begin("x", infinity, none), "Begin x inf nan"},
+        {heartbeat(false), "Heartbeat false"},
+        {heartbeat(true), "Heartbeat true"},
+        {[](HelperClient& client) { return client.end(); }, "End"},
+    };
+    FakeHelper helper(path_, {Conduct::Answer});
+    HelperClient client(path_);
+    for (const auto& [request, sent] : rows) {
+        for (const bool yes : {true, false}) {
+            helper.record().yes = yes;
+            EXPECT_EQ(request(client), yes) << sent;
+            EXPECT_STREQ(helper.record().lastRequest.data(), sent);
+        }
+    }
 }
 
 TEST_F(HelperClientTest, RejectsAPathThatDBusCannotCarry) {
@@ -112,25 +121,6 @@ TEST_F(HelperClientTest, RejectsAPathThatDBusCannotCarry) {
     EXPECT_EQ(helper.record().connections, 0);
 }
 
-TEST_F(HelperClientTest, SaysWhetherTheSessionIsEnding) {
-    FakeHelper helper(path_, {Conduct::Answer});
-    HelperClient client(path_);
-    EXPECT_EQ(client.heartbeat(false), true);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
-    EXPECT_EQ(client.heartbeat(true), true);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat true");
-}
-
-TEST_F(HelperClientTest, GivesTheHelpersNo) {
-    FakeHelper helper(path_, {Conduct::Answer});
-    helper.record().yes = false;
-    HelperClient client(path_);
-    EXPECT_EQ(client.begin("/Applications/Halvo.app", anyway(wallDate(2), wallDate(1))), false);
-    EXPECT_EQ(client.heartbeat(false), false);
-    EXPECT_EQ(client.end(), false);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "End");
-}
-
 TEST_F(HelperClientTest, GivesWhatHolds) {
     FakeHelper helper(path_, {Conduct::Answer});
     HelperClient client(path_);
@@ -142,23 +132,85 @@ TEST_F(HelperClientTest, GivesWhatHolds) {
     EXPECT_STREQ(helper.record().lastRequest.data(), "Status");
 }
 
-TEST_F(HelperClientTest, KeepsItsConnection) {
-    FakeHelper helper(path_, {Conduct::Answer});
-    HelperClient client(path_);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_TRUE(client.status().has_value());
+// What comes of asking for the status, whatever the helper does with each connection.
+TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
+    using enum Conduct;
+    constexpr double usual = 5;
+    constexpr double endless = std::numeric_limits<double>::infinity();
+    constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    const std::optional<HelperFailure> answered;
+    const HelperFailure refused = Refused{};
+    const HelperFailure timedOut = TimedOut{};
+    const HelperFailure unknownForm = Rejected{"org.freedesktop.DBus.Error.InconsistentMessage",
+                                               "The helper answered Status in an unknown form"};
+
+    struct Row {
+        const char* rule;
+        std::vector<Conduct> conducts;
+        int timesAsked;
+        double limit;
+        std::optional<HelperFailure> last;
+        int connections;
+        int requests;
+    };
+
+    const Row rows[] = {
+        {"keeps its connection", {Answer}, 5, usual, answered, 1, 5},
+        {"waits for a late answer", {AnswerLate}, 1, endless, answered, 1, 1},
+        {"no limit is none", {AnswerLate}, 1, 0, timedOut, 0, 0},
+        {"nor is one in the past", {AnswerLate}, 1, -1e300, timedOut, 0, 0},
+        {"nor is not-a-number", {AnswerLate}, 1, none, timedOut, 0, 0},
+        {"believes the second refusal", {CloseAtAccept}, 1, usual, refused, 2, 0},
+        {"not the first one", {CloseAtAccept, Answer}, 1, usual, answered, 2, 1},
+        {"no time to try again", {CloseAtAccept}, 1, 0.05, timedOut, 1, 0},
+        {"closed after each answer", {AnswerOnce}, 3, usual, answered, 3, 3},
+        {"died on the request", {CloseOnRequest, Answer}, 1, usual, answered, 2, 2},
+        {"dies on every request", {CloseOnRequest}, 1, usual, NotRunning{ECONNRESET}, 2, 2},
+        {"a restarted one refuses", {AnswerOnce, CloseAtAccept}, 2, usual, refused, 3, 1},
+        {"restarted all the time",
+         {CloseAtAccept, CloseOnRequest, Answer},
+         1,
+         usual,
+         answered,
+         3,
+         2},
+        {"says an error, and stays connected",
+         {Reject},
+         2,
+         usual,
+         Rejected{"org.freedesktop.DBus.Error.UnknownMethod", "There is no Status here"},
+         1,
+         2},
+        {"answers a text", {AnswerText}, 1, usual, unknownForm, 1, 1},
+        {"answers two dates", {AnswerTwoDates}, 1, usual, unknownForm, 1, 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.rule);
+        FakeHelper helper(path_, row.conducts);
+        HelperClient client(path_);
+        for (int left = row.timesAsked; left > 1; --left) {
+            [[maybe_unused]] const auto earlier = client.status();
+        }
+        const auto answer = client.status(Seconds{row.limit});
+        EXPECT_EQ(answer ? std::nullopt : std::optional(answer.error()), row.last);
+        EXPECT_EQ(helper.record().connections, row.connections);
+        EXPECT_EQ(helper.record().requests, row.requests);
     }
-    EXPECT_EQ(helper.record().connections, 1);
 }
 
-TEST_F(HelperClientTest, WaitsForALateAnswer) {
-    FakeHelper const helper(path_, {Conduct::AnswerLate});
-    EXPECT_EQ(HelperClient(path_).heartbeat(false), true);
+TEST_F(HelperClientTest, RejectsAYesThatItDoesNotUnderstand) {
+    FakeHelper const helper(path_, {Conduct::AnswerText});
+    const auto answer = HelperClient(path_).heartbeat(false);
+    ASSERT_FALSE(answer.has_value());
+    EXPECT_EQ(std::get<Rejected>(answer.error()).name,
+              "org.freedesktop.DBus.Error.InconsistentMessage");
 }
 
 // No helper.
 
 TEST_F(HelperClientTest, FindsNoHelper) {
+    EXPECT_EQ(HelperClient(HelperIdentity{"com.example.nobody", "7QX4KD19MT"}).status(),
+              std::unexpected(HelperFailure(NotRunning{ENOENT})));
     HelperClient client(path_);
     EXPECT_EQ(client.status(), std::unexpected(HelperFailure(NotRunning{ENOENT})));
     const std::string longest(200, 'x');
@@ -172,10 +224,8 @@ TEST_F(HelperClientTest, FindsNoHelper) {
 // A socket at `path`, on which it listens when `queue` says for how many.
 Descriptor socketAt(const std::string& path, std::optional<int> queue) {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::ranges::copy(path, address.sun_path);
-    EXPECT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto address = socketAddress(path);
+    EXPECT_EQ(bind(socket.get(), generic(*address), sizeof *address), 0);
     if (queue) {
         EXPECT_EQ(listen(socket.get(), *queue), 0);
     }
@@ -206,20 +256,10 @@ TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
 TEST_F(HelperClientTest, SaysWhenThisProcessHasNoDescriptorLeft) {
     FakeHelper const helper(path_, {Conduct::Answer});
     const ChildResult child = runInChild([this] {
-        const std::vector<int> open = openDescriptors();
-        const auto next = static_cast<rlim_t>(*std::ranges::max_element(open)) + 1;
-        std::vector<Descriptor> fillers;
-        rlimit before{};
-        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-        const rlimit limit{next, before.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-        do {
-            fillers.emplace_back(dup(STDOUT_FILENO));
-        } while (fillers.back().isOpen());
-        const auto answer = HelperClient(path_).status();
-        fillers.clear();
-        // What looks for leaks at the end needs some, too.
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+        const auto answer = [this] {
+            const FewDescriptors none(0);
+            return HelperClient(path_).status();
+        }();
         EXPECT_EQ(answer, std::unexpected(HelperFailure(NoResources{EMFILE})));
     });
     EXPECT_EQ(child.status, 0) << child.output;
@@ -227,31 +267,25 @@ TEST_F(HelperClientTest, SaysWhenThisProcessHasNoDescriptorLeft) {
 
 // A helper that does not answer.
 
-TEST_F(HelperClientTest, GivesUpOnAHelperThatNeverAnswers) {
-    FakeHelper helper(path_, {Conduct::NeverAnswer});
-    HelperClient client(path_);
-    expectTimeOut(client);
-    expectTimeOut(client);
-    EXPECT_EQ(helper.record().connections, 2);
-}
-
-TEST_F(HelperClientTest, GivesUpOnAHelperThatNeverAuthenticates) {
-    FakeHelper const helper(path_, {Conduct::NeverAuthenticate});
-    HelperClient client(path_);
-    expectTimeOut(client);
+TEST_F(HelperClientTest, GivesUpOnAHelperThatIsSilent) {
+    for (const Conduct conduct : {Conduct::NeverAnswer, Conduct::NeverAuthenticate}) {
+        FakeHelper helper(path_, {conduct});
+        HelperClient client(path_);
+        expectTimeOut(client);
+        expectTimeOut(client);
+        EXPECT_EQ(helper.record().connections, 2) << "the first one is of no more use";
+    }
 }
 
 TEST_F(HelperClientTest, GivesUpOnAStoppedHelperAndComesBackToIt) {
     FakeHelper const helper(path_, {Conduct::Answer});
     HelperClient client(path_);
-    helper.stop();
-    expectTimeOut(client);
-    helper.resume();
-    EXPECT_TRUE(client.status().has_value());
-    helper.stop();
-    expectTimeOut(client);
-    helper.resume();
-    EXPECT_TRUE(client.status().has_value());
+    for (int time = 0; time < 2; ++time) {
+        helper.stop();
+        expectTimeOut(client);
+        helper.resume();
+        EXPECT_TRUE(client.status().has_value());
+    }
 }
 
 TEST_F(HelperClientTest, GivesUpOnAFullQueue) {
@@ -269,43 +303,6 @@ TEST_F(HelperClientTest, GivesUpOnAFullQueue) {
     expectTimeOut(client);
 }
 
-TEST_F(HelperClientTest, TakesAnImpossibleLimitForNone) {
-    FakeHelper const helper(path_, {Conduct::NeverAnswer});
-    HelperClient client(path_);
-    for (const double limit : {0.0, -1e300, std::numeric_limits<double>::quiet_NaN()}) {
-        EXPECT_EQ(client.status(Seconds{limit}), std::unexpected(HelperFailure(TimedOut{})));
-    }
-}
-
-TEST_F(HelperClientTest, TakesAnEndlessLimitForALongOne) {
-    FakeHelper const helper(path_, {Conduct::AnswerLate});
-    EXPECT_TRUE(
-        HelperClient(path_).status(Seconds{std::numeric_limits<double>::infinity()}).has_value());
-}
-
-// A helper that refuses.
-
-TEST_F(HelperClientTest, BelievesTheSecondRefusal) {
-    FakeHelper helper(path_, {Conduct::CloseAtAccept});
-    HelperClient client(path_);
-    EXPECT_EQ(client.status(), std::unexpected(HelperFailure(Refused{})));
-    EXPECT_EQ(helper.record().connections, 2);
-}
-
-TEST_F(HelperClientTest, DoesNotBelieveTheFirstRefusal) {
-    FakeHelper helper(path_, {Conduct::CloseAtAccept, Conduct::Answer});
-    HelperClient client(path_);
-    EXPECT_TRUE(client.status().has_value());
-    EXPECT_EQ(helper.record().connections, 2);
-}
-
-TEST_F(HelperClientTest, HasNoTimeToTryARefusalAgain) {
-    FakeHelper helper(path_, {Conduct::CloseAtAccept});
-    EXPECT_EQ(HelperClient(path_).status(Seconds{0.05}),
-              std::unexpected(HelperFailure(TimedOut{})));
-    EXPECT_EQ(helper.record().connections, 1);
-}
-
 // A helper that goes away.
 
 TEST_F(HelperClientTest, ConnectsAnewToARestartedHelper) {
@@ -321,44 +318,6 @@ TEST_F(HelperClientTest, ConnectsAnewToARestartedHelper) {
     EXPECT_EQ(client.status(), std::unexpected(HelperFailure(NotRunning{ENOENT})));
     helper.emplace(path_, std::vector{Conduct::Answer});
     EXPECT_TRUE(client.status().has_value());
-}
-
-TEST_F(HelperClientTest, ConnectsAnewWhenTheHelperClosedMeanwhile) {
-    FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::AnswerOnce});
-    HelperClient client(path_);
-    for (int i = 1; i <= 3; ++i) {
-        EXPECT_TRUE(client.status().has_value());
-        EXPECT_EQ(helper.record().connections, i);
-    }
-}
-
-TEST_F(HelperClientTest, AsksAgainOnceWhenTheHelperDiesOnARequest) {
-    FakeHelper helper(path_, {Conduct::CloseOnRequest, Conduct::Answer});
-    HelperClient client(path_);
-    EXPECT_EQ(client.end(), true);
-    EXPECT_EQ(helper.record().connections, 2);
-    EXPECT_EQ(helper.record().requests, 2);
-}
-
-TEST_F(HelperClientTest, GivesUpOnAHelperThatDiesOnEveryRequest) {
-    FakeHelper helper(path_, {Conduct::CloseOnRequest});
-    HelperClient client(path_);
-    EXPECT_EQ(client.status(), std::unexpected(HelperFailure(NotRunning{ECONNRESET})));
-    EXPECT_EQ(helper.record().requests, 2);
-}
-
-TEST_F(HelperClientTest, IsRefusedByARestartedHelper) {
-    FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::CloseAtAccept});
-    HelperClient client(path_);
-    EXPECT_TRUE(client.status().has_value());
-    EXPECT_EQ(client.status(), std::unexpected(HelperFailure(Refused{})));
-    EXPECT_EQ(helper.record().connections, 3);
-}
-
-TEST_F(HelperClientTest, OutlivesAHelperThatIsRestartedAllTheTime) {
-    FakeHelper const helper(path_,
-                            {Conduct::CloseAtAccept, Conduct::CloseOnRequest, Conduct::Answer});
-    EXPECT_TRUE(HelperClient(path_).status().has_value());
 }
 
 // A begin, which is only as good as the status on which it was decided.
@@ -424,31 +383,6 @@ TEST_F(HelperClientTest, NeedsAStatusForABegin) {
     EXPECT_THAT(decided.on, ElementsAre());
 }
 
-// A helper that speaks otherwise.
-
-TEST_F(HelperClientTest, GivesTheErrorOfTheHelperAndStaysConnected) {
-    FakeHelper helper(path_, {Conduct::Reject});
-    HelperClient client(path_);
-    const HelperFailure expected =
-        Rejected{"org.freedesktop.DBus.Error.UnknownMethod", "There is no End here"};
-    EXPECT_EQ(client.end(), std::unexpected(expected));
-    EXPECT_EQ(client.end(), std::unexpected(expected));
-    EXPECT_EQ(helper.record().connections, 1);
-}
-
-TEST_F(HelperClientTest, RejectsAnswersThatItDoesNotUnderstand) {
-    FakeHelper const helper(path_, {Conduct::AnswerText});
-    HelperClient client(path_);
-    const auto nameOf = [](const auto& answer) {
-        return answer ? "none" : std::get<Rejected>(answer.error()).name;
-    };
-    constexpr const char* inconsistent = "org.freedesktop.DBus.Error.InconsistentMessage";
-    EXPECT_EQ(nameOf(client.heartbeat(false)), inconsistent);
-    EXPECT_EQ(nameOf(client.status()), inconsistent);
-    FakeHelper const other(path_ + "2", {Conduct::AnswerTwoDates});
-    EXPECT_EQ(nameOf(HelperClient(path_ + "2").status()), inconsistent);
-}
-
 // What it leaves behind, and what it does to the process.
 
 TEST_F(HelperClientTest, LeaksNoDescriptorHoweverACallEnds) {
@@ -492,11 +426,13 @@ TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
     const ChildResult child = runInChild([this, &helper] {
+        // Seen from inside: the folders above may be closed to anybody else.
+        ASSERT_EQ(chdir(folder_.path().c_str()), 0);
         ASSERT_EQ(setgroups(0, nullptr), 0);
         ASSERT_EQ(setresgid(ownGroup, privateGroup, privateGroup), 0);
         ASSERT_EQ(setresuid(64001, 64001, 64001), 0);
         PrivateGroup::setAside();
-        HelperClient client(path_);
+        HelperClient client("helper.sock");
         for (int i = 0; i < 2; ++i) {
             helper.record().group = 0;
             EXPECT_TRUE(client.status().has_value());
@@ -510,27 +446,27 @@ TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     EXPECT_EQ(child.status, 0) << child.output;
 }
 
-// What a person and a shell are told.
+TEST(HelperFailureTest, HasASentenceForAPersonAndAnExitStatusForAShell) {
+    struct Row {
+        HelperFailure failure;
+        const char* sentence;
+        int exitStatus;
+    };
 
-TEST(HelperFailureTest, IsDescribedInASentence) {
-    EXPECT_EQ(description(NotRunning{ENOENT}),
-              "The helper is not running: No such file or directory.");
-    EXPECT_EQ(description(Refused{}),
-              "The helper refused the connection before reading a request.");
-    EXPECT_EQ(description(Refused{true}),
-              "The helper refused the connection: this app was replaced since it started.");
-    EXPECT_EQ(description(TimedOut{}), "The helper did not answer in time.");
-    EXPECT_EQ(description(Rejected{"a.b.Error", "What is that"}),
-              "The helper rejected the request: What is that (a.b.Error).");
-    EXPECT_EQ(description(NoResources{EMFILE}), "The helper cannot be asked: Too many open files.");
-}
-
-TEST(HelperFailureTest, HasAnExitStatusOfItsOwn) {
-    EXPECT_EQ(exitStatus(NotRunning{}), 69);
-    EXPECT_EQ(exitStatus(Refused{}), 77);
-    EXPECT_EQ(exitStatus(TimedOut{}), 75);
-    EXPECT_EQ(exitStatus(Rejected{}), 65);
-    EXPECT_EQ(exitStatus(NoResources{}), 71);
+    const Row rows[] = {
+        {NotRunning{ENOENT}, "The helper is not running: No such file or directory.", 69},
+        {Refused{}, "The helper refused the connection before reading a request.", 77},
+        {Refused{true},
+         "The helper refused the connection: this app was replaced since it started.", 77},
+        {TimedOut{}, "The helper did not answer in time.", 75},
+        {Rejected{"a.b.Error", "What is that"},
+         "The helper rejected the request: What is that (a.b.Error).", 65},
+        {NoResources{EMFILE}, "The helper cannot be asked: Too many open files.", 71},
+    };
+    for (const auto& [failure, sentence, status] : rows) {
+        EXPECT_EQ(description(failure), sentence);
+        EXPECT_EQ(exitStatus(failure), status) << sentence;
+    }
 }
 
 }  // namespace

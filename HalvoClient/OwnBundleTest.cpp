@@ -11,55 +11,34 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class OwnBundleTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        fs::create_directories(macOS_);
-        writeTestFile(executable_, "");
-        writeInfo("com.example.app", "7QX4KD19MT");
-    }
-
-    void writeInfo(const std::string& bundleID, const std::string& teamID) {
-        writeTestFile(path_ + "/Contents/Info.plist",
-                      "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" +
-                          bundleID + "</string><key>HalvoTeamID</key><string>" + teamID +
-                          "</string></dict></plist>");
-    }
-
-    TemporaryFolder folder_;
-    std::string path_ = folder_ / "Halvo.app";
-    std::string macOS_ = path_ + "/Contents/MacOS";
-    std::string executable_ = macOS_ + "/Halvo";
-};
-
-TEST_F(OwnBundleTest, HasAPathAndAnIdentity) {
-    EXPECT_EQ(bundleOf(executable_), (OwnBundle{path_, {"com.example.app", "7QX4KD19MT"}}));
+std::string infoOf(const std::string& bundleID, const std::string& teamID) {
+    return "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + bundleID +
+           "</string><key>HalvoTeamID</key><string>" + teamID + "</string></dict></plist>";
 }
 
-TEST_F(OwnBundleTest, IsFoundThroughLinks) {
-    fs::create_symlink(executable_, folder_ / "link");
-    EXPECT_EQ(bundleOf(folder_ / "link"), bundleOf(executable_));
-    ASSERT_TRUE(bundleOf(folder_ / "link").has_value());
-}
+TEST(OwnBundleTest, HasAPathAndAnIdentityOrIsNothing) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "Halvo.app";
+    const std::string executable = path + "/Contents/MacOS/Halvo";
+    const std::string info = path + "/Contents/Info.plist";
+    fs::create_directories(path + "/Contents/MacOS");
+    writeTestFile(executable, "");
+    writeTestFile(folder / "Halvo", "");
+    fs::create_symlink(executable, folder / "link");
+    writeTestFile(info, infoOf("com.example.app", "7QX4KD19MT"));
 
-TEST_F(OwnBundleTest, IsNothingWithoutAnExecutable) {
-    EXPECT_EQ(bundleOf(macOS_ + "/Other"), std::nullopt);
-}
-
-TEST_F(OwnBundleTest, IsNothingElsewhere) {
-    writeTestFile(folder_ / "Halvo", "");
-    EXPECT_EQ(bundleOf(folder_ / "Halvo"), std::nullopt);
-    // The tests themselves lie in no bundle.
-    EXPECT_EQ(ownBundle(), std::nullopt);
-}
-
-TEST_F(OwnBundleTest, IsNothingWithoutAnIdentity) {
-    writeInfo("com.example_app", "7QX4KD19MT");
-    EXPECT_EQ(bundleOf(executable_), std::nullopt);
-    writeInfo("com.example.app", "short");
-    EXPECT_EQ(bundleOf(executable_), std::nullopt);
-    fs::remove(path_ + "/Contents/Info.plist");
-    EXPECT_EQ(bundleOf(executable_), std::nullopt);
+    const OwnBundle expected{path, {"com.example.app", "7QX4KD19MT"}};
+    EXPECT_EQ(bundleOf(executable), expected);
+    EXPECT_EQ(bundleOf(folder / "link"), expected);
+    EXPECT_EQ(bundleOf(path + "/Contents/MacOS/Other"), std::nullopt) << "no such executable";
+    EXPECT_EQ(bundleOf(folder / "Halvo"), std::nullopt) << "in no bundle";
+    EXPECT_EQ(ownBundle(), std::nullopt) << "nor are the tests";
+    writeTestFile(info, infoOf("com.example_app", "7QX4KD19MT"));
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no bundle's identifier";
+    writeTestFile(info, infoOf("com.example.app", "short"));
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no team's identifier";
+    fs::remove(info);
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no Info.plist";
 }
 
 }  // namespace

@@ -77,23 +77,15 @@ TEST(PrivateGroupWithoutOneTest, DoesNothing) {
     EXPECT_EQ(child.status, 0) << child.output;
 }
 
-TEST_F(PrivateGroupTest, IsKeptAsTheSavedGroupOnly) {
-    expectInSetGroupIDProcess([] {
-        PrivateGroup::setAside();
-        EXPECT_EQ(groupsNow(), asideGroups);
-    });
-}
-
-TEST_F(PrivateGroupTest, IsInEffectWhileTheObjectLivesAgainAndAgain) {
+TEST_F(PrivateGroupTest, IsTheSavedGroupOnlyAndInEffectWhileTheObjectLives) {
     expectInSetGroupIDProcess([] {
         PrivateGroup::setAside();
         for (int i = 0; i < 3; ++i) {
-            {
-                const PrivateGroup::InEffect group;
-                EXPECT_EQ(groupsNow(), (Groups{ownGroup, privateGroup, privateGroup}));
-            }
             EXPECT_EQ(groupsNow(), asideGroups);
+            const PrivateGroup::InEffect group;
+            EXPECT_EQ(groupsNow(), (Groups{ownGroup, privateGroup, privateGroup}));
         }
+        EXPECT_EQ(groupsNow(), asideGroups);
     });
 }
 

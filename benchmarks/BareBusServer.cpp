@@ -1,17 +1,16 @@
 // The least that answers a status call over peer-to-peer D-Bus: sd-bus and nothing else. It checks
 // no caller, keeps nothing, and does not end by itself. Usage: BareBusServer SOCKET
 
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
+#include "tests/Support/ServerBus.hpp"
 
 namespace {
 
@@ -55,24 +54,20 @@ int onDisconnected(sd_bus_message* signal, void*, sd_bus_error*) {
 }
 
 int onIncoming(sd_event_source* source, int listening, std::uint32_t, void*) {
-    sd_bus* bus = nullptr;
-    sd_id128_t server{};
     const int socket = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     check(socket);
-    check(sd_bus_new(&bus));
-    check(sd_id128_randomize(&server));
-    check(sd_bus_set_fd(bus, socket, socket));
-    check(sd_bus_set_server(bus, 1, server));
+    sd_bus* bus = halvo::testing::newServerBus(socket);
     check(sd_bus_set_trusted(bus, 1));
     check(sd_bus_set_connected_signal(bus, 1));
     check(sd_bus_add_object_vtable(bus, nullptr, halvo::HelperBus::object,
                                    halvo::HelperBus::interface, table, nullptr));
-    constexpr const char* local = "org.freedesktop.DBus.Local";
-    constexpr const char* path = "/org/freedesktop/DBus/Local";
-    check(sd_bus_match_signal_async(bus, nullptr, local, path, local, "Connected", onConnected,
-                                    nullptr, nullptr));
-    check(sd_bus_match_signal_async(bus, nullptr, local, path, local, "Disconnected",
-                                    onDisconnected, nullptr, nullptr));
+    const auto match = [bus](const char* member, sd_bus_message_handler_t handler) {
+        constexpr const char* local = "org.freedesktop.DBus.Local";
+        check(sd_bus_match_signal_async(bus, nullptr, local, "/org/freedesktop/DBus/Local", local,
+                                        member, handler, nullptr, nullptr));
+    };
+    match("Connected", onConnected);
+    match("Disconnected", onDisconnected);
     check(sd_bus_start(bus));
     check(sd_bus_attach_event(bus, sd_event_source_get_event(source), 0));
     return 0;
@@ -81,18 +76,16 @@ int onIncoming(sd_event_source* source, int listening, std::uint32_t, void*) {
 }  // namespace
 
 int main(int count, char** words) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (count != 2 || std::strlen(words[1]) >= sizeof address.sun_path) {
+    const auto address = halvo::socketAddress(count == 2 ? words[1] : "");
+    if (count != 2 || !address) {
         return EXIT_FAILURE;
     }
-    std::strcpy(address.sun_path, words[1]);
     unlink(words[1]);
     const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     check(socket);
     // Everybody may connect.
     umask(0);
-    check(bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    check(bind(socket, halvo::generic(*address), sizeof *address));
     constexpr int backlog = 16;
     check(listen(socket, backlog));
     sd_event* loop = nullptr;

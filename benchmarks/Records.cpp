@@ -18,11 +18,11 @@ std::size_t results = 0;
 
 // How long `work` takes, the best part of which is the size that it gives.
 template <class Work>
-std::function<double()> timed(std::size_t times, const Work& work) {
+Measure timed(std::size_t times, const Work& work) {
     return [times, work] { return microsecondsOf(times, [&] { results += work(); }); };
 }
 
-void measureCoding(Table& table, const Machine& machine) {
+void measureCoding(Run& run) {
     // Of 100 KB, most of it runs with their texts and dates.
     const std::string json = JSON::encode(testing::longSnapshot(310)).value();
     if (json.size() < 95'000 || json.size() > 105'000) {
@@ -33,8 +33,8 @@ void measureCoding(Table& table, const Machine& machine) {
         return JSON::encode(JSON::decode<WidgetSnapshot>(json).value()).value().size();
     };
     const auto library = [&] { return nlohmann::json::parse(json).dump().size(); };
-    table.compare("decode and encode a snapshot of 100 KB", "the JSON library: parse, dump",
-                  takeTurns(machine.rounds(800), timed(5, ours), timed(5, library)), limit);
+    run.compare("decode and encode a snapshot of 100 KB", "the JSON library: parse, dump", 800,
+                timed(5, ours), timed(5, library), limit);
 }
 
 // A block runs for eight hours, and one is planned for each of 400 days.
@@ -51,7 +51,7 @@ WidgetSnapshot plannedUntil(WallDate horizon) {
     return snapshot;
 }
 
-void measureTimeline(Table& table, const Machine& machine, const GregorianCalendar& calendar) {
+void measureTimeline(Run& run, const GregorianCalendar& calendar) {
     constexpr Seconds hour{3600};
     constexpr std::size_t limit = 60;
     // What differs is the horizon, not the list.
@@ -68,23 +68,22 @@ void measureTimeline(Table& table, const Machine& machine, const GregorianCalend
         });
     };
     constexpr double alike = 1.2;
-    const std::size_t rounds = machine.rounds(800);
-    const std::string what = "timeline of 60 dates, horizon in ";
-    const auto add = [&](const char* which, const char* peer, Rounds measured,
-                         std::optional<double> bound = {}) {
-        table.compare(what + which, peer, std::move(measured), bound);
+    const auto add = [&](const std::string& which, const char* peer, const Measure& measured,
+                         const Measure& theirs, std::size_t rounds, std::optional<double> bound) {
+        run.compare("timeline of 60 dates, horizon in " + which, peer, rounds, measured, theirs,
+                    bound);
     };
     const char* oneDay = "the same, horizon in 1 day";
-    add("1 year", oneDay, takeTurns(rounds, ours(year), ours(day)), alike);
-    add("4000", oneDay, takeTurns(rounds, ours(millennia), ours(day)), alike);
-    add("1 day", "the same, horizon in 4000", takeTurns(rounds, ours(day), ours(millennia)), alike);
+    add("1 year", oneDay, ours(year), ours(day), 800, alike);
+    add("4000", oneDay, ours(millennia), ours(day), 800, alike);
+    add("1 day", "the same, horizon in 4000", ours(day), ours(millennia), 800, alike);
     const char* rule = "the plain rule";
-    add("1 day", rule, takeTurns(rounds, ours(day), plain(day, 20)));
-    add("1 year", rule, takeTurns(rounds, ours(year), plain(year, 5)));
-    add("4000", rule, takeTurns(machine.rounds(40), ours(millennia), plain(millennia, 1)));
+    add("1 day", rule, ours(day), plain(day, 20), 800, {});
+    add("1 year", rule, ours(year), plain(year, 5), 800, {});
+    add("4000", rule, ours(millennia), plain(millennia, 1), 40, {});
 }
 
-void measureMoment(Table& table, const Machine& machine, const GregorianCalendar& calendar) {
+void measureMoment(Run& run, const GregorianCalendar& calendar) {
     constexpr int tenYears = 3650;
     WidgetSnapshot snapshot;
     for (int i = tenYears; i > 0; --i) {
@@ -103,9 +102,8 @@ void measureMoment(Table& table, const Machine& machine, const GregorianCalendar
     });
     constexpr double limit = 1.2;
     const auto add = [&](const char* which, WallDate date) {
-        table.compare(std::string("moment over ten years of days, ") + which,
-                      "one walk of the list",
-                      takeTurns(machine.rounds(1600), moment(date), onceThrough), limit);
+        run.compare(std::string("moment over ten years of days, ") + which, "one walk of the list",
+                    1600, moment(date), onceThrough, limit);
     };
     // The list ends before the week of that date, so all of it must be looked through.
     add("none of its week", nineOClock + aDay * 30);
@@ -114,15 +112,15 @@ void measureMoment(Table& table, const Machine& machine, const GregorianCalendar
 
 }  // namespace
 
-void measureRecords(Table& table, const Machine& machine) {
+void measureRecords(Run& run) {
     progress("records and timelines");
     const auto calendar = GregorianCalendar::named("Europe/Berlin");
     if (!calendar) {
         throw CannotMeasure(calendar.error());
     }
-    measureCoding(table, machine);
-    measureTimeline(table, machine, *calendar);
-    measureMoment(table, machine, *calendar);
+    measureCoding(run);
+    measureTimeline(run, *calendar);
+    measureMoment(run, *calendar);
     if (results == 0) {
         throw CannotMeasure("nothing was done");
     }

@@ -1,12 +1,10 @@
 // The engine on the live system, ticking between marks that a trace of its system calls shows:
-// access(2) to "/mark/NAME" and "/mark/end", which do not exist. Prints a line "NAME ALLOCATIONS"
-// for each. Usage: TickProbe BUNDLE UID
+// access(2) to "/mark/NAME" and "/mark/end/ALLOCATIONS", which do not exist. Usage: TickProbe
+// BUNDLE UID
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -31,13 +29,12 @@ class NoOpener final : public AppOpener {
     }
 };
 
-void traced(HelperEngine& engine, const char* name) {
-    const std::string mark = std::string("/mark/") + name;
+void traced(HelperEngine& engine, const std::string& name) {
+    access(("/mark/" + name).c_str(), F_OK);
     const std::size_t before = testing::mallocsMade();
-    access(mark.c_str(), F_OK);
     engine.tick();
-    access("/mark/end", F_OK);
-    std::printf("%s %zu\n", name, testing::mallocsMade() - before);
+    const std::size_t allocations = testing::mallocsMade() - before;
+    access(("/mark/end/" + std::to_string(allocations)).c_str(), F_OK);
 }
 
 void outlastSilence() { std::this_thread::sleep_for(HelperEngine::Timing::silence + Seconds{0.2}); }
@@ -48,8 +45,6 @@ int main(int count, char** words) {
     if (count != 3) {
         return EXIT_FAILURE;
     }
-    // printf(3) makes its buffer at first use, which must not count.
-    std::printf("started %d\n", 0);
     const HelperPeer app{static_cast<std::uint32_t>(std::strtoul(words[2], nullptr, 10)),
                          std::string(words[1])};
     SystemHelperClock clock;

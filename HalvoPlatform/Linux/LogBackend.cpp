@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <csignal>
 #include <cstddef>
 #include <ctime>
@@ -123,7 +122,8 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
 
 // "2026-11-20T09:30:00Z", to the nearest second; empty where that has no such form.
 std::string internetDate(WallDate date) {
-    const double seconds = std::floor(secondsSince1970(date) + 0.5);
+    // Cut off below, not by std::floor(): nothing else of the helper uses pages of libm.
+    const double seconds = secondsSince1970(date) + 0.5;
     constexpr double year10000 = 253402300800;
     const bool fits = seconds >= 0 && seconds < year10000;  // not-a-number does not
     if (!fits) {

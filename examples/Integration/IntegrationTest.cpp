@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <atomic>
@@ -11,7 +10,6 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -23,6 +21,7 @@
 #include "HalvoShared/LaunchReason.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 // The program, but for its beginning.
 #define main integrationMain
@@ -35,17 +34,6 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-
-// Whether `condition` comes true in time, on a machine that is busy with other tests.
-bool eventually(const std::function<bool()>& condition) {
-    for (int tries = 0; tries < 1500; ++tries) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return false;
-}
 
 class IntegrationTest : public ::testing::Test {
   protected:
@@ -115,19 +103,13 @@ TEST_F(IntegrationTest, LeavesAtOnceWhenNothingHolds) {
     EXPECT_EQ(helper.record().requests, 1);
 }
 
-TEST_F(IntegrationTest, BeginsNothingNewWhileSomethingHolds) {
+TEST_F(IntegrationTest, BeginsNothingNewWhileSomethingHoldsAndAnnouncesNoEnd) {
     const FakeHelper helper(path_, {Conduct::Answer});
     helper.record().holding = true;
     start(5);
     ASSERT_TRUE(eventually([&] { return helper.record().requests >= 2; }));
     EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
-}
-
-TEST_F(IntegrationTest, AnnouncesNothingWhenItIsJustTerminated) {
-    const FakeHelper helper(path_, {Conduct::Answer});
-    helper.record().holding = true;
-    start(0);
-    ASSERT_TRUE(eventually([&] { return helper.record().requests >= 2; }));
+    // Being told to end is no end of the session, which it would announce.
     pthread_kill(program_.native_handle(), SIGTERM);
     EXPECT_EQ(end(), EX_OK);
     EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
@@ -147,40 +129,28 @@ TEST_F(IntegrationTest, StaysWhileTheHelperIsAway) {
     EXPECT_EQ(helper->record().requests, 1);
 }
 
-struct Outcome {
-    int status = -1;
-    std::string output;
-};
-
-Outcome outcomeOf(const std::string& command) {
-    FILE* stream = popen((command + " 2>&1").c_str(), "r");
-    Outcome outcome;
-    std::array<char, 4096> part{};
-    for (std::size_t size = 0; (size = fread(part.data(), 1, part.size(), stream)) > 0;) {
-        outcome.output.append(part.data(), size);
-    }
-    const int status = pclose(stream);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
-
-TEST_F(IntegrationTest, SaysThatTheHelperIsNotRunning) {
-    const Outcome outcome = outcomeOf(std::string(HALVO_INTEGRATION_EXAMPLE) + " 5");
-    EXPECT_EQ(outcome.status, EX_UNAVAILABLE);
-    EXPECT_THAT(outcome.output, HasSubstr("The helper is not running"));
-}
-
-TEST_F(IntegrationTest, KnowsThatItWasOpenedAgain) {
-    const Outcome outcome = outcomeOf(std::string(HALVO_INTEGRATION_EXAMPLE) + " " +
-                                      LaunchReason::relaunchArgument + " YES");
-    EXPECT_EQ(outcome.status, EX_UNAVAILABLE);
-    EXPECT_THAT(outcome.output, HasSubstr("opened the app again"));
-}
-
-TEST_F(IntegrationTest, MustLieInItsBundle) {
+TEST_F(IntegrationTest, RunsInItsBundleOnlyAndSaysWhatIsTheMatter) {
     const std::string copy = folder_ / "Integration";
     std::filesystem::copy_file(HALVO_INTEGRATION_EXAMPLE, copy);
-    EXPECT_EQ(outcomeOf(copy).status, EX_CONFIG);
+
+    struct Row {
+        std::vector<std::string> words;
+        int status;
+        std::string says;
+    };
+
+    const Row rows[] = {
+        {{HALVO_INTEGRATION_EXAMPLE, "5"}, EX_UNAVAILABLE, "The helper is not running"},
+        {{HALVO_INTEGRATION_EXAMPLE, LaunchReason::relaunchArgument, "YES"},
+         EX_UNAVAILABLE,
+         "opened the app again"},
+        {{copy}, EX_CONFIG, ""},
+    };
+    for (const auto& [words, status, says] : rows) {
+        const ChildResult result = runInChild({.words = words});
+        EXPECT_EQ(result.status, status);
+        EXPECT_THAT(result.output, HasSubstr(says));
+    }
 }
 
 // The selectors of the methods that `header` declares: of each, the words before a "(" type.
