@@ -7,7 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <csignal>
 #include <cstddef>
 #include <ctime>
 #include <string>
@@ -90,18 +89,11 @@ void writeToTerminal(const std::string& line) {
     if (!terminal.isOpen()) {
         // The terminal of another user, for a process that is not root and so ends at once.
         if (errno == EACCES) {
-            writeToStandardError(line);
+            writeUndisturbed(STDERR_FILENO, line);
         }
         return;
     }
-    // In the background of a terminal with "stty tostop" the signal would stop us; termios(3).
-    sigset_t background{};
-    sigset_t before{};
-    sigemptyset(&background);
-    sigaddset(&background, SIGTTOU);
-    pthread_sigmask(SIG_BLOCK, &background, &before);
-    [[maybe_unused]] const ssize_t written = write(terminal.get(), line.data(), line.size());
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    writeUndisturbed(terminal.get(), line);
 }
 
 void writeToSystem(const Logger& logger, LogLevel level, std::string_view message) {
@@ -117,7 +109,7 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
     if (isTerminal) {
         writeToTerminal(line);
     } else {
-        writeToStandardError(line);
+        writeUndisturbed(STDERR_FILENO, line);
     }
 }
 
