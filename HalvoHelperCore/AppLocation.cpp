@@ -9,14 +9,11 @@
 namespace halvo::AppLocation {
 
 bool isBundlePath(const std::string& path) {
-    const auto contains = [&path](const char* text) {
-        return path.find(text) != std::string::npos;
-    };
     // With these excluded nothing is left for a lexical normalisation to change: the last
     // component ends in ".app" and so is neither "." nor ".." nor empty. What the system makes of a
     // path besides is its own.
-    return path.starts_with('/') && path.ends_with(".app") && !contains("/../") &&
-           !contains("/./") && !contains("//") && !hasZeroByte(path) && isUTF8(path) &&
+    return path.starts_with('/') && path.ends_with(".app") && !path.contains("/../") &&
+           !path.contains("/./") && !path.contains("//") && !hasZeroByte(path) && isUTF8(path) &&
            isStandardizedPath(path);
 }
 

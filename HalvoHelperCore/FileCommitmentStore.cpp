@@ -11,6 +11,7 @@
 
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Log.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
@@ -109,12 +110,11 @@ std::expected<std::string, std::string> encode(const HelperCommitment& commitmen
             }
         }
     }
-    constexpr int indentation = 2;
-    try {
-        return root.dump(indentation) + "\n";
-    } catch (const Json::type_error&) {
+    if (!isUTF8(commitment.appPath) || !isUTF8(checkpoint.bootID.text())) {
         return std::unexpected("appPath or bootID is not UTF-8 text");
     }
+    constexpr int indentation = 2;
+    return root.dump(indentation) + "\n";
 }
 
 }  // namespace

@@ -182,26 +182,15 @@ std::vector<std::uint64_t> bitsOf(const HelperCommitment& commitment) {
 }
 
 TEST_F(FileCommitmentStoreTest, GivesBackEveryDoubleToTheBit) {
-    std::vector<double> numbers{0.0,
-                                -0.0,
-                                1.0,
-                                -1.0,
-                                0.1,
-                                1.0 / 3.0,
-                                1763249012.482193,
-                                9007199254740991.0,
-                                9007199254740993.0,
-                                1e15,
-                                1e16,
-                                1e17,
-                                123456789012345680.0,
-                                5e-324,
-                                Limits::min(),
-                                std::nextafter(Limits::min(), 0.0),
-                                Limits::max(),
-                                Limits::lowest(),
-                                std::nextafter(1.0, 2.0),
-                                std::nextafter(1.0, 0.0)};
+    std::vector<double> numbers{0.0, -0.0, 1.0, -1.0, 0.1, 1.0 / 3.0, 1e15, 1e16, 1e17, 5e-324};
+    for (const double number : {1763249012.482193, 9007199254740991.0, 9007199254740993.0,
+                                123456789012345680.0, Limits::min(), Limits::max()}) {
+        numbers.push_back(number);
+    }
+    for (const double number : {std::nextafter(Limits::min(), 0.0), std::nextafter(1.0, 2.0),
+                                std::nextafter(1.0, 0.0), Limits::lowest()}) {
+        numbers.push_back(number);
+    }
     std::mt19937_64 random(20251115);
     while (numbers.size() < 500) {
         const auto number = std::bit_cast<double>(random());
@@ -319,37 +308,22 @@ TEST_F(FileCommitmentStoreTest, WhatIsNoWholeRecordTellsThePathAndTheLockThatAre
 TEST_F(FileCommitmentStoreTest, WhatIsNoObjectInJSONTellsNothingAndIsNotNone) {
     const std::string& complete = completeFile;
     const std::string inside = complete.substr(0, complete.size() - 1);
-    std::vector<std::string> files{"",
-                                   " \n\t",
-                                   "\0"s,
-                                   "null",
-                                   "true",
-                                   "1",
-                                   "\"/Applications/Halvo.app\"",
-                                   "commitment",
-                                   "{",
-                                   "{}",
-                                   "}",
-                                   "{]",
-                                   "[" + complete + "]",
-                                   R"({"AppPath": "/Applications/Halvo.app", "Locked": true})",
-                                   complete + "}",
-                                   complete + complete,
-                                   complete + " x",
-                                   complete + "\0"s,
-                                   complete + "\0rubbish"s,
-                                   complete + "\0"s + complete,
-                                   "{\"appPath\": \"/A.app\", \"locked\": true}\0"s,
-                                   "//\n" + complete,
-                                   inside + ",}",
-                                   inside + " \"zExtra\": 1}",
-                                   inside + ", 'zExtra': 1}",
-                                   inside + ", zExtra: 1}",
-                                   inside + ", \"zExtra\": }",
-                                   inside + ", \"zExtra\": nil}",
-                                   inside + ", \"zExtra\": True}",
-                                   "\xFF\xFE{\0}\0"s,
-                                   "<?xml version=\"1.0\"?><plist/>"};
+    std::vector<std::string> files{"", "\0"s, "\xFF\xFE{\0}\0"s, "[" + complete + "]"};
+    for (const char* bytes : {" \n\t", "null", "true", "1", "\"/Applications/Halvo.app\"",
+                              "commitment", "{", "{}", "}", "{]", "<?xml version=\"1.0\"?><plist/>",
+                              R"({"AppPath": "/Applications/Halvo.app", "Locked": true})"}) {
+        files.emplace_back(bytes);
+    }
+    for (const std::string& end : {"}"s, complete, " x"s, "\0"s, "\0rubbish"s, "\0"s + complete}) {
+        files.push_back(complete + end);
+    }
+    for (const std::string& start : {"//\n"s, "{\"appPath\": \"/A.app\", \"locked\": true}\0"s}) {
+        files.push_back(start + complete);
+    }
+    for (const char* end : {",}", " \"zExtra\": 1}", ", 'zExtra': 1}", ", zExtra: 1}",
+                            ", \"zExtra\": }", ", \"zExtra\": nil}", ", \"zExtra\": True}"}) {
+        files.push_back(inside + end);
+    }
     for (const char* number : {"NaN", "Infinity", "-Infinity", "1e999", "-1e999", "+1", "01", ".5",
                                "1.", "0x10", "1e", "--1", "1_000"}) {
         files.push_back(fileWith("remaining", number));

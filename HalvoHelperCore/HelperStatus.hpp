@@ -29,8 +29,7 @@ inline constexpr HelperStatus HelperStatus::idle{};
 template <>
 struct std::hash<halvo::HelperStatus> {
     std::size_t operator()(const halvo::HelperStatus& value) const {
-        const bool ends = value.until.has_value();
-        return halvo::hashOf(value.holding, ends,
-                             ends ? halvo::secondsSince1970(*value.until) : 0.0, value.locked);
+        return halvo::hashOf(value.holding, value.until.transform(halvo::secondsSince1970),
+                             value.locked);
     }
 };

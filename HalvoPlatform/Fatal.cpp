@@ -18,20 +18,22 @@ bool isPending(int signal) {
 }  // namespace
 
 void fatal(std::string_view message) noexcept {
-    writeToStandardError("Fatal error: " + std::string(message) + "\n");
+    writeUndisturbed(STDERR_FILENO, "Fatal error: " + std::string(message) + "\n");
     std::abort();
 }
 
-void writeToStandardError(std::string_view text) noexcept {
+void writeUndisturbed(int descriptor, std::string_view text) noexcept {
     // One that waited before is for whoever had it blocked.
     const bool wasPending = isPending(SIGPIPE);
     sigset_t blocked{};
     sigset_t before{};
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGPIPE);
+    sigaddset(&blocked, SIGTTOU);
     pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+    [[maybe_unused]] const ssize_t written = write(descriptor, text.data(), text.size());
     if (!wasPending && isPending(SIGPIPE)) {
+        sigdelset(&blocked, SIGTTOU);
         int taken = 0;
         sigwait(&blocked, &taken);
     }

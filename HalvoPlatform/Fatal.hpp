@@ -9,10 +9,10 @@ namespace halvo {
 // whatever the outside world can cause is a value that the caller handles. Any thread.
 [[noreturn]] void fatal(std::string_view message) noexcept;
 
-// Writes `text` to standard error. A pipe or socket without a reader does not end the process:
-// SIGPIPE is blocked meanwhile for this thread (pthread_sigmask(3)), and one that it raised is
-// taken; the signal's disposition, which is the whole process's, is left alone. A failure is
-// ignored. Any thread.
-void writeToStandardError(std::string_view text) noexcept;
+// Writes `text` to `descriptor`. Neither does a pipe or socket without a reader end the process,
+// nor a terminal in whose background it runs stop it: SIGPIPE and SIGTTOU are blocked meanwhile for
+// this thread (pthread_sigmask(3)), and a SIGPIPE that it raised is taken; the signals'
+// dispositions, which are the whole process's, are left alone. A failure is ignored. Any thread.
+void writeUndisturbed(int descriptor, std::string_view text) noexcept;
 
 }  // namespace halvo

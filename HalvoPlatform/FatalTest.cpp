@@ -48,17 +48,17 @@ bool isPending() {
     return sigismember(&set, SIGPIPE) == 1;
 }
 
-TEST(StandardErrorTest, OutlivesAReaderThatIsGoneAndLeavesTheSignalAsItWas) {
+TEST(WriteUndisturbedTest, OutlivesAReaderThatIsGoneAndLeavesTheSignalAsItWas) {
     const auto result = testing::runInChild([] {
         closeReader();
-        writeToStandardError("text");
+        writeUndisturbed(STDERR_FILENO, "text");
         const bool isClean = !isBlocked() && !isPending();
         sigset_t set{};
         sigemptyset(&set);
         sigaddset(&set, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         raise(SIGPIPE);
-        writeToStandardError("text");
+        writeUndisturbed(STDERR_FILENO, "text");
         const bool isKept = isBlocked() && isPending();
         std::exit(isClean && isKept ? EXIT_SUCCESS : EXIT_FAILURE);
     });
@@ -66,10 +66,10 @@ TEST(StandardErrorTest, OutlivesAReaderThatIsGoneAndLeavesTheSignalAsItWas) {
 }
 
 // What ends the process otherwise.
-TEST(StandardErrorTest, LeavesTheSignalItsEffect) {
+TEST(WriteUndisturbedTest, LeavesTheSignalItsEffect) {
     const auto result = testing::runInChild([] {
         closeReader();
-        writeToStandardError("text");
+        writeUndisturbed(STDERR_FILENO, "text");
         EXPECT_EQ(write(STDERR_FILENO, "x", 1), -1);
     });
     EXPECT_EQ(result.signal, SIGPIPE) << result.output;

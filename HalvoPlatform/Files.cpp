@@ -145,14 +145,13 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
             return failure(EFBIG, path);
         }
         if (count == 0) {
-            break;
+            bytes.resize(used);
+            return bytes;
         }
         if (used == bytes.size()) {  // it grew while we read
             bytes.resize(bytes.size() * 2);
         }
     }
-    bytes.resize(used);
-    return bytes;
 }
 
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode) {

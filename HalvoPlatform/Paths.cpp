@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <memory>
 
 namespace halvo {
 namespace {
@@ -57,15 +57,11 @@ bool isUTF8(std::string_view text) {
 }
 
 std::optional<std::string> canonicalPath(const std::string& path) {
-    if (hasZeroByte(path)) {
+    std::array<char, PATH_MAX> real{};
+    if (hasZeroByte(path) || realpath(path.c_str(), real.data()) == nullptr) {
         return std::nullopt;
     }
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
-                                                           &std::free);
-    if (real == nullptr) {
-        return std::nullopt;
-    }
-    return std::string(real.get());
+    return real.data();
 }
 
 std::string resolvedPath(const std::string& path) { return canonicalPath(path).value_or(path); }

@@ -38,18 +38,19 @@ TEST(LinuxClockTest, DoesNotKnowTheBootWhenTheKernelDoesNotTell) {
     EXPECT_EQ(readBootID(), "unknown");
 }
 
-// What happens at the first reading of a process needs a process that has taken none: it is
-// started anew for each of these.
-class LinuxClockDeathTest : public ::testing::Test {
-  protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+// What happens at the first reading of a process needs one that has taken none: `body` runs in a
+// process that is started anew.
+void expectInNewProcess(void (*body)()) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto run = [body] {
+        body();
+        std::exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
+}
 
-    // Ends the new process: with 0 when all its expectations held.
-    [[noreturn]] static void finish() { std::exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
-};
-
-TEST_F(LinuxClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess) {
-    const auto body = [] {
+TEST(LinuxClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess) {
+    expectInNewProcess([] {
         SystemHelperClock clock;
         {
             const Fault fault = Fault::failing(SystemCall::open, ENOENT);
@@ -58,13 +59,11 @@ TEST_F(LinuxClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess)
         EXPECT_EQ(clock.reading().bootID, "unknown");
         EXPECT_EQ(SystemHelperClock().reading().bootID, "unknown");
         EXPECT_NE(readBootID(), "unknown");
-        finish();
-    };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    });
 }
 
-TEST_F(LinuxClockDeathTest, AsksForTheBootOncePerProcessHoweverManyThreadsBegin) {
-    const auto body = [] {
+TEST(LinuxClockDeathTest, AsksForTheBootOncePerProcessHoweverManyThreadsBegin) {
+    expectInNewProcess([] {
         std::vector<ClockReading> readings(8);
         std::vector<std::thread> threads;
         const std::size_t before = testing::callsMade(SystemCall::open);
@@ -76,9 +75,7 @@ TEST_F(LinuxClockDeathTest, AsksForTheBootOncePerProcessHoweverManyThreadsBegin)
         for (const ClockReading& reading : readings) {
             EXPECT_EQ(reading.bootID, readBootID());
         }
-        finish();
-    };
-    EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+    });
 }
 
 }  // namespace

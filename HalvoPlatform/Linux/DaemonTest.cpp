@@ -71,58 +71,37 @@ TEST(DaemonTest, FillsWhicheverStandardDescriptorsAreClosed) {
     }
 }
 
-// Prepares a process after `before`, and looks at it with `after`.
-void prepareBetween(void (*before)(), void (*after)()) {
-    const auto result = runInChild([&] {
-        before();
+TEST(DaemonTest, FillsThemForReadingAndWriting) {
+    const auto result = runInChild([] {
+        const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100);
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
         prepareDaemon();
-        after();
+        char byte = 0;
+        const bool reads = read(STDIN_FILENO, &byte, 1) == 0;
+        const bool writes = write(STDERR_FILENO, &byte, 1) == 1;
+        dup2(output, STDERR_FILENO);
+        EXPECT_TRUE(reads);
+        EXPECT_TRUE(writes);
     });
     EXPECT_EQ(result.status, 0) << result.output;
 }
 
-TEST(DaemonTest, FillsThemForReadingAndWriting) {
-    static int output;
-    prepareBetween(
-        [] {
-            output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100);
-            close(STDIN_FILENO);
-            close(STDERR_FILENO);
-        },
-        [] {
-            char byte = 0;
-            const bool reads = read(STDIN_FILENO, &byte, 1) == 0;
-            const bool writes = write(STDERR_FILENO, &byte, 1) == 1;
-            dup2(output, STDERR_FILENO);
-            EXPECT_TRUE(reads);
-            EXPECT_TRUE(writes);
-        });
-}
-
-TEST(DaemonTest, LeavesSignalsAlone) {
-    prepareBetween(
-        [] {
-            for (const int signal : {SIGPIPE, SIGCHLD, SIGHUP}) {
-                std::signal(signal, SIG_DFL);
-            }
-        },
-        [] {
-            for (const int signal : {SIGPIPE, SIGCHLD, SIGHUP}) {
-                EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_DFL) << signal;
-            }
-        });
-}
-
-TEST(DaemonTest, HasTheUsualUmaskAndKeepsNoFolderInUseHoweverItWasStarted) {
-    prepareBetween(
-        [] {
-            umask(0);
-            ASSERT_EQ(chdir("/tmp"), 0);
-        },
-        [] {
-            EXPECT_EQ(umask(0), 022U);
-            EXPECT_EQ(std::filesystem::current_path(), "/");
-        });
+TEST(DaemonTest, HasTheUsualUmaskKeepsNoFolderInUseAndLeavesSignalsAlone) {
+    const auto result = runInChild([] {
+        umask(0);
+        ASSERT_EQ(chdir("/tmp"), 0);
+        for (const int signal : {SIGPIPE, SIGCHLD, SIGHUP}) {
+            std::signal(signal, SIG_DFL);
+        }
+        prepareDaemon();
+        for (const int signal : {SIGPIPE, SIGCHLD, SIGHUP}) {
+            EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_DFL) << signal;
+        }
+        EXPECT_EQ(umask(0), 022U);
+        EXPECT_EQ(std::filesystem::current_path(), "/");
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST(DaemonTest, GoesOnWithoutTheNullDeviceAndTheRoot) {

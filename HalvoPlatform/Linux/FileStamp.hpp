@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 
@@ -14,8 +15,9 @@ struct FileStamp {
     dev_t device{};
     ino_t inode{};
     off_t size{};
-    timespec modified{};
-    timespec changed{};
+    // In nanoseconds since 1970.
+    std::int64_t modified{};
+    std::int64_t changed{};
 
     // Nothing when the look-up fails. Allocates nothing.
     static std::optional<FileStamp> of(const char* path) {
@@ -23,22 +25,20 @@ struct FileStamp {
         if (stat(path, &status) != 0) {
             return std::nullopt;
         }
-        return FileStamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim,
-                         status.st_ctim};
+        return FileStamp{status.st_dev, status.st_ino, status.st_size,
+                         status.st_mtim.tv_sec * second + status.st_mtim.tv_nsec,
+                         status.st_ctim.tv_sec * second + status.st_ctim.tv_nsec};
     }
 
     // Whether another change would show. The kernel's file times go by its tick (10 ms at most),
     // or did before Linux 6.13: what is written in place twice within one has the same stamp. A
     // time to come is as bad.
-    [[nodiscard]] bool isSettled() const { return changed.tv_sec + 1 < std::time(nullptr); }
+    [[nodiscard]] bool isSettled() const { return changed / second + 1 < std::time(nullptr); }
 
-    bool operator==(const FileStamp& other) const {
-        const auto same = [](const timespec& a, const timespec& b) {
-            return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-        };
-        return device == other.device && inode == other.inode && size == other.size &&
-               same(modified, other.modified) && same(changed, other.changed);
-    }
+    bool operator==(const FileStamp&) const = default;
+
+  private:
+    static constexpr std::int64_t second = 1'000'000'000;
 };
 
 }  // namespace halvo

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <ctime>
 #include <string>
@@ -89,18 +88,11 @@ void writeToTerminal(const std::string& line) {
     if (!terminal.isOpen()) {
         // The terminal of another user, for a process that is not root and so ends at once.
         if (errno == EACCES) {
-            writeToStandardError(line);
+            writeUndisturbed(STDERR_FILENO, line);
         }
         return;
     }
-    // In the background of a terminal with "stty tostop" the signal would stop us; termios(3).
-    sigset_t background{};
-    sigset_t before{};
-    sigemptyset(&background);
-    sigaddset(&background, SIGTTOU);
-    pthread_sigmask(SIG_BLOCK, &background, &before);
-    [[maybe_unused]] const ssize_t written = write(terminal.get(), line.data(), line.size());
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    writeUndisturbed(terminal.get(), line);
 }
 
 void writeToSystem(const Logger& logger, LogLevel level, std::string_view message) {
@@ -116,7 +108,7 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
     if (isTerminal) {
         writeToTerminal(line);
     } else {
-        writeToStandardError(line);
+        writeUndisturbed(STDERR_FILENO, line);
     }
 }
 

@@ -410,9 +410,10 @@ class EngineSimulation {
 
     void happenToWorld() {
         using Self = EngineSimulation;
-        const std::array events{&Self::setWallClock,  &Self::setFlagByHand, &Self::clearFlagByHand,
-                                &Self::moveBundle,    &Self::switchConsole, &Self::startOrQuitApp,
-                                &Self::changeWeather, &Self::sleep};
+        const std::array events{&Self::setWallClock,     &Self::changeFlagByHand,
+                                &Self::changeFlagByHand, &Self::moveBundle,
+                                &Self::switchConsole,    &Self::startOrQuitApp,
+                                &Self::changeWeather,    &Self::sleep};
         (this->*oneOf(events))();
         check();
     }
@@ -574,27 +575,20 @@ class EngineSimulation {
         world_.clock.moveWallClock(jump);
     }
 
-    void setFlagByHand() {
+    void changeFlagByHand() {
         const std::string path = anyBundle();
-        if (!world_.flags.exists(path) || world_.flags.isSet(path)) {
+        const bool isSet = world_.flags.isSet(path);
+        if (!world_.flags.exists(path)) {
             return;
         }
-        note("flag-set by hand: " + nameOf(path));
-        world_.flags.setByHand(path, true);
-        if (!owes(path)) {
+        note((isSet ? "flag-cleared by hand: " : "flag-set by hand: ") + nameOf(path));
+        world_.flags.setByHand(path, !isSet);
+        if (isSet) {
+            foreign_.erase(path);
+            ours_.erase(path);
+        } else if (!owes(path)) {
             foreign_.insert(path);
         }
-    }
-
-    void clearFlagByHand() {
-        const std::string path = anyBundle();
-        if (!world_.flags.isSet(path)) {
-            return;
-        }
-        note("flag-cleared by hand: " + nameOf(path));
-        world_.flags.setByHand(path, false);
-        foreign_.erase(path);
-        ours_.erase(path);
     }
 
     // As the flags see it: the real folder stays, which saves thousands of visits to the disk.
@@ -629,18 +623,19 @@ class EngineSimulation {
     }
 
     void changeWeather() {
-        world_.flags.failsToLock = chance(30);
-        note(std::string("weather: locks ") + (world_.flags.failsToLock ? "fail" : "succeed"));
+        std::string failing = "weather: failing";
+        const auto change = [&](bool& fails, const char* what) {
+            fails = chance(30);
+            failing += fails ? what : "";
+        };
+        change(world_.flags.failsToLock, " locks");
         if (isFoul_) {
-            world_.store.failsToSave = chance(30);
-            world_.store.failsToSync = chance(30);
-            world_.store.failsToRemove = chance(30);
-            world_.flags.failsToUnlock = chance(30);
-            note(std::string("weather: failing") + (world_.store.failsToSave ? " saves" : "") +
-                 (world_.store.failsToSync ? " syncs" : "") +
-                 (world_.store.failsToRemove ? " removals" : "") +
-                 (world_.flags.failsToUnlock ? " unlocks" : ""));
+            change(world_.store.failsToSave, " saves");
+            change(world_.store.failsToSync, " syncs");
+            change(world_.store.failsToRemove, " removals");
+            change(world_.flags.failsToUnlock, " unlocks");
         }
+        note(failing);
     }
 
     // In fair weather the path and the lock can still be read.
@@ -722,7 +717,7 @@ class EngineSimulation {
     void breakOff(const std::optional<ExpectedCommitment>& before,
                   const std::optional<ExpectedCommitment>& after) {
         note("broken-off");
-        checkForeignFlags();
+        checkFlags();
         if (isFoul_) {
             return;
         }
@@ -738,9 +733,6 @@ class EngineSimulation {
         require(isStored(before) || isStored(after) || isUnreadable || (mayBeGone && !record),
                 "the record on the disk after a crash; before: " + inWords(before) +
                     ", after: " + inWords(after));
-        for (const std::string& path : ours_) {
-            checkOwed(path);
-        }
     }
 
     // --- What must hold
@@ -784,25 +776,15 @@ class EngineSimulation {
         }
     }
 
-    void checkForeignFlags() {
+    void checkFlags() {
         for (const std::string& path : foreign_) {
             require(world_.flags.isSet(path), "somebody else's flag was cleared");
         }
-    }
-
-    void checkOwed(const std::string& path) {
-        require(owes(path), "a flag of ours is left that nobody owes: " + nameOf(path));
         const auto* record = world_.store.commitment();
-        require(record == nullptr || record->appPath == path,
-                "the record on the disk owes another");
-    }
-
-    void checkFlags() {
-        checkForeignFlags();
-        if (!isFoul_) {
-            for (const std::string& path : ours_) {
-                checkOwed(path);
-            }
+        for (const std::string& path : isFoul_ ? std::set<std::string>() : ours_) {
+            require(owes(path), "a flag of ours is left that nobody owes: " + nameOf(path));
+            require(record == nullptr || record->appPath == path,
+                    "the record on the disk owes another");
         }
     }
 
