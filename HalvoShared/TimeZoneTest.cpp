@@ -105,16 +105,15 @@ TEST(TimeZoneTest, HasTheChangesOfAFile) {
 }
 
 TEST(TimeZoneTest, MayHaveNoRule) {
-    // Version 1 has none; later ones may leave it empty.
+    // Version 1 has none, and times of four bytes; later ones may leave it empty.
     for (const auto& [version, footer] : {std::pair('\0', ""), std::pair('2', "\n\n")}) {
-        EXPECT_EQ(changesOf({.version = version, .footer = footer, .kinds = {-2}}),
-                  (std::vector<OffsetChange>{{sys_seconds::min(), -2h}, end}));
+        EXPECT_EQ(changesOf({.version = version,
+                             .footer = footer,
+                             .kinds = {1, 2},
+                             .times = {-2},
+                             .kindsOfTimes = "\1"}),
+                  (std::vector<OffsetChange>{{sys_seconds::min(), 1h}, {at(-2), 2h}, end}));
     }
-}
-
-TEST(TimeZoneTest, CountsTimesInTheFirstPartWithFourBytes) {
-    EXPECT_EQ(changesOf({.version = '\0', .kinds = {1, 2}, .times = {-2}, .kindsOfTimes = "\1"}),
-              (std::vector<OffsetChange>{{sys_seconds::min(), 1h}, {at(-2), 2h}, end}));
 }
 
 TEST(TimeZoneTest, RefusesADamagedFile) {
@@ -356,13 +355,11 @@ TEST(TimeZoneNameTest, IsNotRepeatedWhenItCannotBeOne) {
     }
 }
 
-// A folder of the system that holds nothing but what a test puts there.
-class OwnFolderTest : public ::testing::Test {
+// Folders of the system that hold nothing but what a test puts there.
+class OwnFoldersTest : public ::testing::Test {
   protected:
-    explicit OwnFolderTest(const std::string& path) : folder_("tmpfs", "none", path) {}
-
     void SetUp() override {
-        if (!folder_.isMounted()) {
+        if (!etc_.isMounted() || !zones_.isMounted()) {
             GTEST_SKIP() << "needs the permission to mount a file system";
         }
     }
@@ -373,15 +370,11 @@ class OwnFolderTest : public ::testing::Test {
     }
 
   private:
-    PrivateMount folder_;
+    PrivateMount etc_{"tmpfs", "none", "/etc"};
+    PrivateMount zones_{"tmpfs", "none", "/usr/share/zoneinfo"};
 };
 
-class OwnZonesTest : public OwnFolderTest {
-  protected:
-    OwnZonesTest() : OwnFolderTest("/usr/share/zoneinfo") {}
-};
-
-TEST_F(OwnZonesTest, SayWhyTheyCannotBeRead) {
+TEST_F(OwnFoldersTest, SayWhyAZoneCannotBeRead) {
     const std::string path = "/usr/share/zoneinfo/Navajo";
     writeTestFile(path, ZoneFile{}.bytes());
     EXPECT_EQ(nameError("Navajo"), "none");
@@ -395,7 +388,7 @@ TEST_F(OwnZonesTest, SayWhyTheyCannotBeRead) {
               "the time zone file cannot be read: " + path + ": Too many levels of symbolic links");
 }
 
-TEST_F(OwnZonesTest, AreReadAnewByEachCalendar) {
+TEST_F(OwnFoldersTest, AreReadAnewByEachCalendar) {
     const std::string path = "/usr/share/zoneinfo/Turkey";
     writeTestFile(path, ZoneFile{.kinds = {2}}.bytes());
     const auto before = GregorianCalendar::named("Turkey").value();
@@ -404,21 +397,14 @@ TEST_F(OwnZonesTest, AreReadAnewByEachCalendar) {
     EXPECT_EQ(before.offset(day(2024, 6, 1)), Seconds{2 * 3600});
 }
 
-class MachineTimeZoneTest : public OwnFolderTest {
-  protected:
-    MachineTimeZoneTest() : OwnFolderTest("/etc") {}
-};
-
-TEST_F(MachineTimeZoneTest, IsWhatLocaltimeLinksTo) {
+TEST_F(OwnFoldersTest, HaveTheZoneOfTheMachineWhereLocaltimeLinksTo) {
     for (const std::string target :
          {"/usr/share/zoneinfo/Europe/Berlin", "../usr/share/zoneinfo/Europe/Berlin",
           "/var/db/timezone/zoneinfo/Europe/Berlin", "/zoneinfo/old/zoneinfo/Europe/Berlin"}) {
         link(target);
         EXPECT_EQ(timeZoneOfMachine(), "Europe/Berlin") << target;
     }
-}
-
-TEST_F(MachineTimeZoneTest, FollowsLinksOnlyAsFarAsTheFolderOfZones) {
+    // Links are followed only as far as the folder of zones.
     std::filesystem::create_directories("/etc/zones/deep");
     link("zones/deep/first");
     link("../second", "/etc/zones/deep/first");
@@ -427,7 +413,7 @@ TEST_F(MachineTimeZoneTest, FollowsLinksOnlyAsFarAsTheFolderOfZones) {
     EXPECT_EQ(timeZoneOfMachine(), "Eire") << "there, it is a link to Europe/Dublin";
 }
 
-TEST_F(MachineTimeZoneTest, IsWhatTimezoneSaysOnlyWhenLocaltimeIsNoLink) {
+TEST_F(OwnFoldersTest, HaveItInTimezoneOnlyWhenLocaltimeIsNoLink) {
     EXPECT_EQ(timeZoneOfMachine(), std::nullopt) << "nothing says it";
     writeTestFile("/etc/timezone", "Europe/Berlin\n");
     EXPECT_EQ(timeZoneOfMachine(), "Europe/Berlin");
