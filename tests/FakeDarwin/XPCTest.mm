@@ -37,43 +37,28 @@ namespace {
 
 class XPCTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        fake::reset();
-        @autoreleasepool {
-            listener = [[NSXPCListener alloc] initWithMachServiceName:@"service"];
-            door = [Door new];
-            listener.delegate = door;
-        }
-    }
+    XPCTest() { fake::reset(); }
 
-    void TearDown() override {
-        listener = nil;
-        door = nil;
+    ~XPCTest() override {
         fake::reset();
         for (const char* each : {"NSXPCConnection", "NSXPCListener", "Door"}) {
             EXPECT_EQ(fake::liveObjects(each), 0) << each;
         }
     }
-
-    NSXPCListener* listener = nil;
-    Door* door = nil;
 };
 
 TEST_F(XPCTest, NoticesWhatCameTooLateAndDoesNotKeepTheDelegate) {
     @autoreleasepool {
-        NSXPCListener* early = [[NSXPCListener alloc] initWithMachServiceName:@"early"];
-        [early resume];
-        [early setConnectionCodeSigningRequirement:@"anchor apple"];
-        early.delegate = door;
-        EXPECT_FALSE(fake::listener("early")->hadRequirementWhenResumed);
-        EXPECT_FALSE(fake::listener("early")->hadDelegateWhenResumed);
+        NSXPCListener* listener = [[NSXPCListener alloc] initWithMachServiceName:@"service"];
+        [listener resume];
+        [listener setConnectionCodeSigningRequirement:@"anchor apple"];
         @autoreleasepool {
-            [listener resume];
-            EXPECT_TRUE(fake::listener("service")->hadDelegateWhenResumed);
+            Door* door = [Door new];
+            listener.delegate = door;
         }
-        door = nil;
+        EXPECT_FALSE(fake::listener("service")->hadRequirementWhenResumed);
+        EXPECT_FALSE(fake::listener("service")->hadDelegateWhenResumed);
         EXPECT_EQ(listener.delegate, nil);
-        EXPECT_EQ(fake::connect("service", 1, 2), nil);
     }
 }
 
@@ -88,7 +73,10 @@ TEST_F(XPCTest, CallsOnQueuesOfItsOwnAndLetsGoOfEverythingOnceInvalid) {
         EXPECT_EQ(dispatch_get_specific(&mark), nullptr);
     };
     @autoreleasepool {
+        Door* door = [Door new];
         door->called = check;
+        NSXPCListener* listener = [[NSXPCListener alloc] initWithMachServiceName:@"service"];
+        listener.delegate = door;
         [listener resume];
         __weak NSXPCConnection* lost = nil;
         @autoreleasepool {

@@ -86,18 +86,10 @@ std::vector<NSXPCConnection*>& connections() {
 @end
 
 namespace fake {
-namespace {
-
-NSXPCListener* listenerNamed(const std::string& service) {
-    const auto found = listeners().find(service);
-    return found == listeners().end() ? nil : found->second;
-}
-
-}  // namespace
 
 std::optional<ListenerState> listener(const std::string& service) {
     @autoreleasepool {
-        NSXPCListener* found = listenerNamed(service);
+        NSXPCListener* found = listeners()[service];
         return found == nil ? std::nullopt : std::optional(found->_state);
     }
 }
@@ -105,7 +97,7 @@ std::optional<ListenerState> listener(const std::string& service) {
 NSXPCConnection* connect(const std::string& service, pid_t pid, uid_t uid) {
     NSXPCConnection* accepted = nil;
     runElsewhere([&] {
-        NSXPCListener* found = listenerNamed(service);
+        NSXPCListener* found = listeners()[service];
         if (found.delegate == nil || !found->_state.isResumed) {
             return;
         }
