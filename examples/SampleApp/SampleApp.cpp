@@ -93,9 +93,10 @@ std::optional<std::string> textOf(const Ask& ask) {
 // that ends says nothing about the session that the helper keeps the app open in.
 std::optional<std::string> stateOfSession() {
     const auto session = textOf([](char** text) { return sd_pid_get_session(0, text); });
-    return session && sd_session_get_seat(session->c_str(), nullptr) >= 0
-               ? textOf([&](char** text) { return sd_session_get_state(session->c_str(), text); })
-               : std::nullopt;
+    const auto of = [&session](auto ask) {
+        return textOf([&](char** text) { return ask(session->c_str(), text); });
+    };
+    return session && of(sd_session_get_seat) ? of(sd_session_get_state) : std::nullopt;
 }
 
 // What the widgets show of a commitment that this app knows of since `since`, or of none.
