@@ -9,7 +9,6 @@
 #include "HalvoHelper/HelperConnection.hpp"
 #include "HalvoHelper/HelperService.hpp"
 #include "tests/Support/LogCapture.hpp"
-#include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {

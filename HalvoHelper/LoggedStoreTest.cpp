@@ -6,7 +6,6 @@
 
 #include "HalvoHelper/LoggedStore.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 

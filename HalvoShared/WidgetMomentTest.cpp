@@ -11,9 +11,7 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "HalvoShared/WidgetMoment.hpp"
-#include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
-#include "tests/Support/UTCCalendar.hpp"
 
 namespace halvo {
 namespace {

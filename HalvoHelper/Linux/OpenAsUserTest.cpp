@@ -25,15 +25,14 @@
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
 #include "HalvoPlatform/Time.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
-#include "tests/Support/ServerBus.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
-#include "tests/Support/TestReport.hpp"
 
 namespace halvo::OpenAsUser {
 

@@ -43,31 +43,5 @@ TEST(BootedMachineTest, KeepsFilesAndJournalOverARestartAndAPowerCut) {
     EXPECT_EQ(machine.journal({"--boot=-2", "MESSAGE=first"}).size(), 1U);
 }
 
-TEST(BootedMachineTest, GivesTheScreenToOneOfItsSessions) {
-    BootedMachine machine;
-    const auto active = [&] {
-        return machine.sh("loginctl show-seat seat0 --value --property=ActiveSession");
-    };
-    const std::string alice = machine.logIn("alice");
-    EXPECT_EQ(active(), alice + "\n");
-    EXPECT_EQ(machine.runIn(alice, {"id", "-un"}).output, "alice\n");
-    EXPECT_EQ(
-        machine.runIn(alice, {"sh", "-c", "cut -d: -f3 /proc/self/cgroup | tail -n 1"}).output,
-        "/user.slice/user-1000.slice/session-" + alice + ".scope\n");
-    const std::string bob = machine.logIn("bob");
-    EXPECT_EQ(active(), bob + "\n");
-    machine.activate(alice);
-    EXPECT_EQ(active(), alice + "\n");
-    const std::string greeter = machine.showLoginScreen();
-    EXPECT_EQ(machine.sh("loginctl show-session " + greeter + " --value --property=Class"),
-              "greeter\n");
-    EXPECT_EQ(active(), greeter + "\n");
-    machine.logOut(greeter);
-    EXPECT_EQ(active(), "\n");
-    machine.activate(alice);
-    machine.logOut(bob);
-    EXPECT_EQ(active(), alice + "\n");
-}
-
 }  // namespace
 }  // namespace halvo::testing

@@ -79,23 +79,6 @@ struct Removal : ::testing::Test {
     BootedMachine machine;
 };
 
-TEST_F(Removal, EndsACommitmentThatIsHeld) {
-    machine.install();
-    machine.commit(machine.logIn("alice"));
-    remove("remove");
-    EXPECT_FALSE(machine.exists(Place::app));
-    EXPECT_FALSE(machine.exists(Place::stateFolder));
-    EXPECT_FALSE(machine.exists(Place::libexec));
-    EXPECT_FALSE(machine.exists(Place::socket));
-    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
-    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
-    EXPECT_EQ(ours(), "");
-    EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"),
-              "");
-    EXPECT_EQ(machine.failedUnits(), "");
-    EXPECT_EQ(machine.sh("dpkg --audit"), "");
-}
-
 // As after a crash of the disk: the helper gives the lock up with the record.
 TEST_F(Removal, LeavesNoLockOfARecordThatWasDamaged) {
     machine.install();
@@ -139,7 +122,7 @@ TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
     EXPECT_NE(machine.activeState(Unit::service), "failed");
 }
 
-TEST_F(Removal, LeavesTheMachineAsItWasBeforeOncePurged) {
+TEST_F(Removal, EndsACommitmentAndLeavesTheMachineAsItWasBeforeOncePurged) {
     // Both make their folders once.
     const std::string session = machine.logIn("alice");
     const std::string treeBefore = tree();
@@ -153,6 +136,11 @@ TEST_F(Removal, LeavesTheMachineAsItWasBeforeOncePurged) {
     EXPECT_NE(units(), unitsBefore);
     machine.commit(session);
     remove("remove");
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
+    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(machine.failedUnits(), "");
+    EXPECT_EQ(machine.sh("dpkg --audit"), "");
     // Its process keeps the group.
     machine.sh("pkill --exact Halvo");
     remove("purge");

@@ -5,7 +5,7 @@
 
 #include "HalvoShared/WidgetMoment.hpp"
 #include "tests/Fuzz/Records.hpp"
-#include "tests/Support/UTCCalendar.hpp"
+#include "tests/Support/SampleSnapshot.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto snapshot = halvo::testing::readForFuzzing<halvo::WidgetSnapshot>(data, size);
