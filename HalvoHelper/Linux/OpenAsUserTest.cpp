@@ -601,6 +601,8 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsToldOfInTheJournalWhereSystemdRuns
                                 "messages: journalctl -u 'halvo-open-*' -u user@501.service"));
     });
     EXPECT_EQ(result.status, 0) << result.output;
+    // Or a late one would leave its report to the next test.
+    EXPECT_TRUE(eventually([] { return processesRunning("/usr/bin/systemd-run").empty(); }));
 }
 
 TEST_F(OpenAsUserManagerPrivateMachineTest, LeavesTheManagerOutWhenToldTo) {

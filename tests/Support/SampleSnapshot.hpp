@@ -123,12 +123,11 @@ inline std::vector<WallDate> plainDates(const WidgetSnapshot& snapshot, WallDate
     const WallDate countdownLimit = std::min(from + countdownSpan, end);
     for (std::size_t i = 0; i < snapshot.phases.size(); ++i) {
         const WidgetSnapshot::Phase& phase = snapshot.phases[i];
-        const WidgetSnapshot::Running* running = nullptr;
-        if (const auto* block = std::get_if<WidgetSnapshot::Block>(&phase.state)) {
-            running = &block->running;
-        } else if (const auto* focus = std::get_if<WidgetSnapshot::Focus>(&phase.state)) {
-            running = &focus->running;
-        }
+        const auto* block = std::get_if<WidgetSnapshot::Block>(&phase.state);
+        const auto* focus = std::get_if<WidgetSnapshot::Focus>(&phase.state);
+        const auto* running = block != nullptr   ? &block->running
+                              : focus != nullptr ? &focus->running
+                                                 : nullptr;
         if (running == nullptr || !running->end) {
             continue;
         }
