@@ -12,7 +12,6 @@
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "tests/Support/LogCapture.hpp"
-#include "tests/Support/ManualMainQueue.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {

@@ -12,7 +12,7 @@
 #include "HalvoPlatform/MainActor.hpp"
 #include "HalvoShared/IntentHosting.hpp"
 #include "tests/Support/BundledProgram.hpp"
-#include "tests/Support/ManualMainQueue.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
 #include "tests/Support/TestProcess.hpp"
 
 namespace halvo {

@@ -13,9 +13,7 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
-#include "tests/Support/UTCCalendar.hpp"
 
 namespace halvo {
 namespace {

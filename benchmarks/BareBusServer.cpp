@@ -10,7 +10,7 @@
 
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
-#include "tests/Support/ServerBus.hpp"
+#include "tests/Support/FakeHelper.hpp"
 
 namespace {
 

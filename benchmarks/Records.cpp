@@ -4,7 +4,6 @@
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
 #include "benchmarks/Benchmark.hpp"
-#include "tests/Support/PlainTimeline.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 
 namespace halvo::benchmark {

@@ -18,7 +18,6 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
-#include "tests/Support/TestReport.hpp"
 
 namespace halvo::testing {
 namespace {

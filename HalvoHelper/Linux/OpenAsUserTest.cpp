@@ -22,15 +22,14 @@
 
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMachine.hpp"
 #include "tests/Support/PrivateMount.hpp"
-#include "tests/Support/ServerBus.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
-#include "tests/Support/TestReport.hpp"
 
 namespace halvo::OpenAsUser {
 
@@ -493,6 +492,8 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMa
         EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
     });
     EXPECT_EQ(result.status, 0) << result.output;
+    // Or a late one would leave its report to the next test.
+    EXPECT_TRUE(eventually([] { return processesRunning("/usr/bin/systemd-run").empty(); }));
 }
 
 // The app itself may take all day.

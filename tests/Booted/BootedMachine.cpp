@@ -67,12 +67,13 @@ BootedMachine::~BootedMachine() {
     }
 }
 
-ChildResult BootedMachine::handle(const std::vector<std::string>& words) const {
+ChildResult BootedMachine::handle(const Words& words, const Words& more) const {
     constexpr Seconds limit{120};
     // It is on the PATH, and is told of the machine by the environment.
-    std::vector<std::string> command{"/bin/sh", "-c", R"(exec machine "$@")", "-"};
+    Words command{"/bin/sh", "-c", R"(exec machine "$@")", "-"};
     command.insert(command.end(), words.begin(), words.end());
-    std::vector<std::string> environment;
+    command.insert(command.end(), more.begin(), more.end());
+    Words environment;
     for (char** variable = environ; *variable != nullptr; ++variable) {
         environment.emplace_back(*variable);
     }
@@ -102,27 +103,7 @@ void BootedMachine::restart() {
 
 void BootedMachine::cutPower() { power("cut"); }
 
-ChildResult BootedMachine::run(const std::vector<std::string>& words) const {
-    std::vector<std::string> all{"run"};
-    all.insert(all.end(), words.begin(), words.end());
-    return handle(all);
-}
-
-ChildResult BootedMachine::runAs(const std::string& person,
-                                 const std::vector<std::string>& words) const {
-    std::vector<std::string> all{"run", "--user", person};
-    all.insert(all.end(), words.begin(), words.end());
-    return handle(all);
-}
-
-ChildResult BootedMachine::runIn(const std::string& session,
-                                 const std::vector<std::string>& words) const {
-    std::vector<std::string> all{"run", "--session", session};
-    all.insert(all.end(), words.begin(), words.end());
-    return handle(all);
-}
-
-std::string BootedMachine::must(const std::vector<std::string>& words) const {
+std::string BootedMachine::must(const Words& words) const {
     const ChildResult answer = run(words);
     EXPECT_EQ(answer.status, 0) << ::testing::PrintToString(words) << "\n" << answer.output;
     return answer.output;
@@ -139,11 +120,10 @@ void BootedMachine::start(const std::string& unit) const {
     EXPECT_EQ(first.status, 0) << first.output;
 }
 
-void BootedMachine::startIn(const std::string& session,
-                            const std::vector<std::string>& words) const {
-    std::vector<std::string> all{"sh", "-c", R"(setsid "$@" >>~/output 2>&1 </dev/null &)", "-"};
-    all.insert(all.end(), words.begin(), words.end());
-    const ChildResult answer = runIn(session, all);
+void BootedMachine::startIn(const std::string& session, const Words& words) const {
+    const ChildResult answer = handle({"run", "--session", session, "sh", "-c",
+                                       R"(setsid "$@" >>~/output 2>&1 </dev/null &)", "-"},
+                                      words);
     EXPECT_EQ(answer.status, 0) << answer.output;
 }
 
@@ -191,20 +171,15 @@ std::string BootedMachine::startSession(const std::string& unit, const std::stri
     EXPECT_TRUE(eventually(
         loginLimit,
         [&] {
-            session.clear();
-            std::istringstream lines(run({"loginctl", "--no-legend", "list-sessions"}).output);
-            std::string id;
-            std::string uid;
-            std::string name;
-            std::string rest;
-            while (lines >> id >> uid >> name && std::getline(lines, rest)) {
-                const std::string group = run({"loginctl", "show-session", id, "--value",
+            std::istringstream ids(sh("loginctl --no-legend list-sessions | awk '$3 == \"" +
+                                      person + "\" { print $1 }'"));
+            for (std::string id; ids >> id;) {
+                const std::string about = run({"loginctl", "show-session", id, "--value",
                                                "--property=State", "--property=Seat"})
                                               .output;
-                if (name == person && group.find("closing") == std::string::npos &&
-                    group.find("seat0") != std::string::npos) {
-                    session = id;
-                }
+                const bool isOpen = about.find("closing") == std::string::npos &&
+                                    about.find("seat0") != std::string::npos;
+                session = isOpen ? id : session;
             }
             return !session.empty();
         }))
@@ -263,8 +238,8 @@ std::string BootedMachine::property(const std::string& unit, const std::string& 
     return trimmed(run({"systemctl", "show", unit, "--value", "--property=" + name}).output);
 }
 
-std::vector<Entry> BootedMachine::journal(const std::vector<std::string>& matches) const {
-    std::vector<std::string> words{"journalctl", "--no-pager", "--quiet", "--all", "--output=json"};
+std::vector<Entry> BootedMachine::journal(const Words& matches) const {
+    Words words{"journalctl", "--no-pager", "--quiet", "--all", "--output=json"};
     words.insert(words.end(), matches.begin(), matches.end());
     std::istringstream lines(must(words));
     std::vector<Entry> entries;
@@ -295,15 +270,8 @@ bool BootedMachine::says(const std::string& line, Seconds limit) const {
     return eventually(limit, [&] { return count(line) > 0; });
 }
 
-void BootedMachine::install() const {
-    for (const std::string file : {HALVO_BOOTED_HELPER, HALVO_BOOTED_SAMPLE_APP}) {
-        fs::copy_file(file, path("/root/" + fs::path(file).filename().string()));
-    }
-    sh("dpkg --install /root/*.deb && rm /root/*.deb");
-}
-
-void BootedMachine::installLater() const {
-    for (const std::string file : {HALVO_BOOTED_LATER_HELPER, HALVO_BOOTED_LATER_SAMPLE_APP}) {
+void BootedMachine::install(const std::vector<std::string>& files) const {
+    for (const std::string& file : files) {
         fs::copy_file(file, path("/root/" + fs::path(file).filename().string()));
     }
     sh("dpkg --install /root/*.deb && rm /root/*.deb");
@@ -340,3 +308,21 @@ std::string processNamespace(pid_t process, const std::string& kind) {
 bool isAlive(pid_t process) { return !processField(process, "State").empty(); }
 
 }  // namespace halvo::testing
+
+int main(int count, char** words) {
+    ::testing::InitGoogleTest(&count, words);
+    if (!::testing::GTEST_FLAG(list_tests) && std::getenv("BOOTED_MACHINE_TREE") == nullptr) {
+        std::fputs(
+            "These tests run only beside a booted machine:\n"
+            "    scripts/booted-machine --beside -- build/release/bin/BootedTests\n",
+            stderr);
+        return EXIT_FAILURE;
+    }
+    if (!::testing::GTEST_FLAG(list_tests) && access(HALVO_BOOTED_HELPER, R_OK) != 0) {
+        std::fputs("BootedTests: needs the packages, which could not be built here\n", stderr);
+        // What ctest takes for a test that cannot run here.
+        constexpr int skipped = 125;
+        return skipped;
+    }
+    return RUN_ALL_TESTS();
+}

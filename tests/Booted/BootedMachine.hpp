@@ -68,14 +68,17 @@ class BootedMachine {
 
     // --- Commands inside. One that takes longer than two minutes fails the test.
 
-    [[nodiscard]] ChildResult run(const std::vector<std::string>& words) const;
-    [[nodiscard]] ChildResult runAs(const std::string& person,
-                                    const std::vector<std::string>& words) const;
+    using Words = std::vector<std::string>;
+
+    [[nodiscard]] ChildResult run(const Words& words) const { return handle({"run"}, words); }
+
     // Within a session.
-    [[nodiscard]] ChildResult runIn(const std::string& session,
-                                    const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult runIn(const std::string& session, const Words& words) const {
+        return handle({"run", "--session", session}, words);
+    }
+
     // As root; fails the test unless it ends with 0. What it wrote.
-    std::string must(const std::vector<std::string>& words) const;
+    std::string must(const Words& words) const;
 
     // The same for a line of shell.
     std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
@@ -86,7 +89,7 @@ class BootedMachine {
 
     // Starts a program within the session and does not wait for it; its output goes to the file
     // "output" of the person's home.
-    void startIn(const std::string& session, const std::vector<std::string>& words) const;
+    void startIn(const std::string& session, const Words& words) const;
 
     // --- Files, also while the machine is off, but for those in /run and /tmp.
 
@@ -135,7 +138,7 @@ class BootedMachine {
     // --- The journal.
 
     // The entries that match, words as journalctl(1) takes them, oldest first.
-    [[nodiscard]] std::vector<Entry> journal(const std::vector<std::string>& matches) const;
+    [[nodiscard]] std::vector<Entry> journal(const Words& matches) const;
     // How many lines the helper has logged, since the machine was made, that are `line`, or begin
     // with it when it ends in "*".
     [[nodiscard]] int count(const std::string& line) const;
@@ -143,9 +146,8 @@ class BootedMachine {
 
     // --- The packages.
 
-    // Both, in one run of dpkg; or those of a later version.
-    void install() const;
-    void installLater() const;
+    // Installs the packages, both in one run of dpkg.
+    void install(const Words& files = {HALVO_BOOTED_HELPER, HALVO_BOOTED_SAMPLE_APP}) const;
 
     // Begins a commitment of the person of that session with the app, which goes on to run. Returns
     // when it is held and the app is locked.
@@ -153,7 +155,7 @@ class BootedMachine {
 
   private:
     void power(const std::string& word);
-    [[nodiscard]] ChildResult handle(const std::vector<std::string>& words) const;
+    [[nodiscard]] ChildResult handle(const Words& words, const Words& more = {}) const;
     [[nodiscard]] std::string startSession(const std::string& unit,
                                            const std::string& person) const;
     bool isOn_ = false;

@@ -23,7 +23,7 @@ struct Installation : ::testing::Test {
     BootedMachine machine;
 };
 
-TEST_F(Installation, StartsTheSocketAndNotTheHelper) {
+TEST_F(Installation, StartsTheSocketAndTheFirstCallTheHelper) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
     EXPECT_EQ(machine.activeState(Unit::service), "inactive");
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
@@ -34,6 +34,11 @@ TEST_F(Installation, StartsTheSocketAndNotTheHelper) {
     EXPECT_EQ(machine.sh("systemd-analyze verify --man=no " + Unit::service + " " + Unit::socket +
                          " " + Unit::resume + " 2>&1"),
               "");
+    const ChildResult answer = machine.runIn(machine.logIn("alice"), {Place::appExecutable});
+    EXPECT_EQ(answer.status, 0) << answer.output;
+    EXPECT_THAT(answer.output, HasSubstr("Nothing holds"));
+    EXPECT_THAT(machine.running(Place::helper), SizeIs(1));
+    EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
 TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
@@ -47,16 +52,6 @@ TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
     EXPECT_THAT(machine.sh("getent gshadow _org_example_focus"),
                 ::testing::MatchesRegex("_org_example_focus:[!*]+::\n"));
     EXPECT_EQ(machine.sh("awk -F: '$4 == " + gid + "' /etc/passwd"), "");
-}
-
-TEST_F(Installation, LetsTheFirstCallStartTheHelper) {
-    const std::string session = machine.logIn("alice");
-    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
-    const ChildResult answer = machine.runIn(session, {Place::appExecutable});
-    EXPECT_EQ(answer.status, 0) << answer.output;
-    EXPECT_THAT(answer.output, HasSubstr("Nothing holds"));
-    EXPECT_THAT(machine.running(Place::helper), SizeIs(1));
-    EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
 TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
@@ -154,7 +149,7 @@ TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
     const pid_t app = machine.waitFor(Place::appExecutable, Seconds{5});
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     const double left = machine.state()->remaining;
-    machine.installLater();
+    machine.install({HALVO_BOOTED_LATER_HELPER, HALVO_BOOTED_LATER_SAMPLE_APP});
     EXPECT_THAT(
         machine.sh("dpkg-query --show --showformat='${Version} ' '" HALVO_BOOTED_PACKAGE "-*'"),
         HALVO_BOOTED_LATER_VERSION " " HALVO_BOOTED_LATER_VERSION " ");

@@ -17,47 +17,32 @@ using ::testing::IsEmpty;
 
 const std::string group = "_org_example_focus";
 
+// What a machine is: each command's output is to be as it was before.
+const std::vector<std::string> probes{
+    // Each item of the disk with its kind, owner, mode, size or target. Left out, because every run
+    // of dpkg and every start writes there whatever is installed: logs, caches, dpkg's own
+    // database, what systemd keeps of past runs, the accounts' back-ups, and the loader's cache. A
+    // folder changes its size as files come and go.
+    "find / -xdev "
+    "\\( -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o "
+    "-path /var/lib/systemd/timers -o -path /var/lib/systemd/catalog -o -path /var/tmp -o "
+    "-path /root -o -path /home \\) -prune -o "
+    "\\( -name 'group-' -o -name 'gshadow-' -o -name 'passwd-' -o -name 'shadow-' -o "
+    "-name '.pwd.lock' -o -path /etc/group -o -path /etc/gshadow -o "
+    "-path /etc/ld.so.cache \\) -o -type d -printf '%p %y %u:%g %m\\n' -o "
+    "-printf '%p %y %u:%g %m %s %l\\n' | sort",
+    // What carries the immutable flag.
+    "lsattr -R / 2>/dev/null | grep -E '^[-a-zA-Z]*i[-a-zA-Z]* /' || true",
+    // What files hold.
+    "find /etc /usr /lib/systemd /var/lib/systemd /opt /srv -xdev -type f "
+    "! -name '*-' ! -path /etc/ld.so.cache ! -path /etc/group ! -path /etc/gshadow "
+    "! -path '/var/lib/systemd/timers/*' ! -path '/var/lib/systemd/catalog/*' "
+    "! -name .pwd.lock ! -name random-seed -exec sha256sum {} + | sort -k 2",
+    "cat /etc/group /etc/gshadow /etc/passwd /etc/shadow",
+    "systemctl list-unit-files --no-legend --no-pager; ls -R /etc/systemd "
+    "/var/lib/systemd/deb-systemd-helper-enabled 2>/dev/null || true"};
+
 struct Removal : ::testing::Test {
-    // The whole tree: each item with its kind, owner, mode, flags, size or target, and a digest of
-    // what a file holds.
-    [[nodiscard]] std::string tree() const {
-        // Left out, because every run of dpkg and every start writes there whatever is installed:
-        // logs, caches, dpkg's own database, and what systemd keeps of past runs. /dev, /proc,
-        // /run, /sys and /tmp are not on the disk; what of ours is in /run is asked for by itself.
-        return machine.sh(
-            "find / -xdev "
-            "\\( -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o "
-            "-path /var/lib/systemd/timers -o -path /var/lib/systemd/catalog -o -path /var/tmp -o "
-            "-path /root -o -path /home \\) -prune -o "
-            // The accounts' back-ups hold what was before the last change. What the accounts are is
-            // compared by itself. A folder changes its size as files come and go.
-            "\\( -name 'group-' -o -name 'gshadow-' -o -name 'passwd-' -o -name 'shadow-' -o "
-            "-name '.pwd.lock' -o -path /etc/group -o -path /etc/gshadow -o "
-            // The loader's own cache, in the order of the libraries on the disk.
-            "-path /etc/ld.so.cache \\) -o "
-            "-type d -printf '%p %y %u:%g %m\\n' -o "
-            "-printf '%p %y %u:%g %m %s %l\\n' | sort; "
-            "lsattr -R / 2>/dev/null | grep -E '^[-a-zA-Z]*i[-a-zA-Z]* /' || true");
-    }
-
-    [[nodiscard]] std::string digests() const {
-        return machine.sh(
-            "find /etc /usr /lib/systemd /var/lib/systemd /opt /srv -xdev -type f "
-            "! -name '*-' ! -path /etc/ld.so.cache ! -path /etc/group ! -path /etc/gshadow "
-            "! -path '/var/lib/systemd/timers/*' ! -path '/var/lib/systemd/catalog/*' "
-            "! -name .pwd.lock ! -name random-seed -exec sha256sum {} + | sort -k 2");
-    }
-
-    [[nodiscard]] std::string accounts() const {
-        return machine.sh("cat /etc/group /etc/gshadow /etc/passwd /etc/shadow");
-    }
-
-    [[nodiscard]] std::string units() const {
-        return machine.sh(
-            "systemctl list-unit-files --no-legend --no-pager; ls -R /etc/systemd "
-            "/var/lib/systemd/deb-systemd-helper-enabled 2>/dev/null || true");
-    }
-
     // What is left of ours that is not on the disk. systemd may remember for a while that there was
     // a unit, as "not-found".
     [[nodiscard]] std::string ours() const {
@@ -78,23 +63,6 @@ struct Removal : ::testing::Test {
 
     BootedMachine machine;
 };
-
-TEST_F(Removal, EndsACommitmentThatIsHeld) {
-    machine.install();
-    machine.commit(machine.logIn("alice"));
-    remove("remove");
-    EXPECT_FALSE(machine.exists(Place::app));
-    EXPECT_FALSE(machine.exists(Place::stateFolder));
-    EXPECT_FALSE(machine.exists(Place::libexec));
-    EXPECT_FALSE(machine.exists(Place::socket));
-    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
-    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
-    EXPECT_EQ(ours(), "");
-    EXPECT_EQ(machine.sh("systemctl list-unit-files --no-legend | grep -i org.example || true"),
-              "");
-    EXPECT_EQ(machine.failedUnits(), "");
-    EXPECT_EQ(machine.sh("dpkg --audit"), "");
-}
 
 // As after a crash of the disk: the helper gives the lock up with the record.
 TEST_F(Removal, LeavesNoLockOfARecordThatWasDamaged) {
@@ -139,33 +107,33 @@ TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
     EXPECT_NE(machine.activeState(Unit::service), "failed");
 }
 
-TEST_F(Removal, LeavesTheMachineAsItWasBeforeOncePurged) {
-    // Both make their folders once.
+TEST_F(Removal, EndsACommitmentAndLeavesTheMachineAsItWasBeforeOncePurged) {
+    // Makes her folders, once.
     const std::string session = machine.logIn("alice");
-    const std::string treeBefore = tree();
-    const std::string digestsBefore = digests();
-    const std::string accountsBefore = accounts();
-    const std::string unitsBefore = units();
+    std::vector<std::string> before;
+    for (const std::string& probe : probes) {
+        before.push_back(machine.sh(probe));
+    }
     machine.install();
-    EXPECT_NE(tree(), treeBefore);
-    EXPECT_NE(digests(), digestsBefore);
-    EXPECT_NE(accounts(), accountsBefore);
-    EXPECT_NE(units(), unitsBefore);
     machine.commit(session);
+    for (std::size_t i = 0; i < probes.size(); ++i) {
+        EXPECT_NE(machine.sh(probes[i]), before[i]) << probes[i] << " would see nothing";
+    }
     remove("remove");
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
+    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(machine.failedUnits(), "");
+    EXPECT_EQ(machine.sh("dpkg --audit"), "");
     // Its process keeps the group.
     machine.sh("pkill --exact Halvo");
     remove("purge");
-    EXPECT_EQ(accounts(), accountsBefore);
-    EXPECT_EQ(units(), unitsBefore);
     EXPECT_EQ(ours(), "");
-    const auto compare = [&](const std::string& before, const std::string& after) {
-        machine.write("/root/before", before);
-        machine.write("/root/after", after);
+    for (std::size_t i = 0; i < probes.size(); ++i) {
+        machine.write("/root/before", before[i]);
+        machine.write("/root/after", machine.sh(probes[i]));
         EXPECT_EQ(machine.run({"diff", "/root/before", "/root/after"}).output, "");
-    };
-    compare(treeBefore, tree());
-    compare(digestsBefore, digests());
+    }
     EXPECT_EQ(machine.sh("dpkg --list | grep -i org.example || true"), "");
 }
 

@@ -1,4 +1,4 @@
-// The helper as a service: stopped, killed, hung, idle.
+// The helper as a service: stopped, killed, hung, idle, and over restarts of the machine.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +11,8 @@
 
 namespace halvo::testing {
 namespace {
+
+using ::testing::IsEmpty;
 
 struct Service : ::testing::Test {
     Service() {
@@ -110,19 +112,111 @@ TEST_F(Service, IsStartedAgainWhenItHangs) {
               std::string::npos);
 }
 
-TEST_F(Service, EndsAfterThirtyIdleSecondsAndIsStartedByTheNextCall) {
-    EXPECT_EQ(machine.runIn(session, {Place::appExecutable}).status, 0);
-    const pid_t first = helper();
-    const Seconds called = timeNow();
-    ASSERT_TRUE(eventually(Seconds{60}, [&] { return !isAlive(first); }));
-    EXPECT_GT(timeNow() - called, Seconds{25});
-    ASSERT_TRUE(
-        eventually(Seconds{10}, [&] { return machine.activeState(Unit::service) == "inactive"; }));
-    EXPECT_EQ(machine.property(Unit::service, "ExecMainStatus"), "0");
-    EXPECT_EQ(machine.property(Unit::service, "NRestarts"), "0");
+// The machine is restarted.
+
+struct Restart : ::testing::Test {
+    Restart() { machine.install(); }
+
+    BootedMachine machine;
+};
+
+TEST_F(Restart, TakesTheCommitmentUpAgainBeforeAnybodyLogsIn) {
+    machine.commit(machine.logIn("alice"));
+    const Seconds begun = timeNow();
+    machine.shutDown();
+    EXPECT_FALSE(machine.isLocked()) << "an orderly end takes the lock off";
+    ASSERT_TRUE(machine.state().has_value());
+    // A while that only the clock on the wall knows of.
+    const Seconds off = timeNow();
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return timeNow() - off >= Seconds{10}; }));
+    machine.switchOn();
+    EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.isLocked(); }));
+    (void)machine.waitFor(Place::helper, Seconds{10});
+    EXPECT_EQ(machine.activeState(Unit::service), "active");
+    EXPECT_TRUE(machine.says("Holding Ultra Hard mode for another *"));
+    const double taken = 1500 - machine.state()->remaining;
+    const double passed = (timeNow() - begun).count();
+    EXPECT_GT(taken, passed - 5);
+    EXPECT_LT(taken, passed + 5);
+    // Who logs in gets the app, and not as one that was quit.
+    const std::string session = machine.logIn("alice");
+    const pid_t app = machine.waitFor(Place::appExecutable, Seconds{60});
+    EXPECT_THAT(processWords(app), ::testing::ElementsAre(Place::appExecutable));
+    EXPECT_EQ(machine.failedUnits(), "");
+}
+
+TEST_F(Restart, HoldsOnAfterAPowerCut) {
+    machine.commit(machine.logIn("alice"));
+    machine.cutPower();
+    EXPECT_TRUE(machine.isLocked()) << "nobody could take the lock off";
+    machine.switchOn();
+    (void)machine.waitFor(Place::helper, Seconds{30});
+    EXPECT_TRUE(machine.says("Holding Ultra Hard mode for another *"));
+    EXPECT_TRUE(machine.isLocked());
+    EXPECT_GT(machine.state()->remaining, 1400);
+}
+
+TEST_F(Restart, LetsGoOfWhatRanOutMeanwhile) {
+    machine.commit(machine.logIn("alice"), "0.25");
+    machine.cutPower();
+    EXPECT_TRUE(machine.isLocked());
+    const Seconds off = timeNow();
+    EXPECT_TRUE(eventually(Seconds{30}, [&] { return timeNow() - off >= Seconds{16}; }));
+    machine.switchOn();
+    EXPECT_TRUE(machine.says("Ultra Hard mode let go: expiredAtStartup"));
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    EXPECT_EQ(machine.sh("rm -r " + Place::app + " && echo gone"), "gone\n");
+}
+
+TEST_F(Restart, StartsNoHelperWhenNothingIsHeld) {
+    machine.commit(machine.logIn("alice"), "0.1");
+    ASSERT_TRUE(machine.says("Ultra Hard mode let go: deadline", Seconds{40}));
+    EXPECT_FALSE(machine.exists(Place::stateFolder));
+    machine.restart();
+    EXPECT_EQ(machine.property(Unit::resume, "ConditionResult"), "no");
+    EXPECT_EQ(machine.property(Unit::service, "ActiveEnterTimestamp"), "");
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
-    machine.commit(session);
-    EXPECT_NE(helper(), first);
+    EXPECT_THAT(machine.running(Place::helper), IsEmpty());
+    // It is one call away.
+    EXPECT_EQ(machine.runIn(machine.logIn("alice"), {Place::appExecutable}).status, 0);
+    EXPECT_EQ(machine.activeState(Unit::service), "active");
+}
+
+// That the machine is one: what the other tests stand on.
+
+TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
+    BootedMachine machine;
+    const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
+    const std::string bootID = machine.sh("cat /proc/sys/kernel/random/boot_id");
+    ASSERT_TRUE(eventually(Seconds{30}, [&] { return sinceBoot() > 5; }));
+    EXPECT_LT(sinceBoot(), 120) << "this is the real machine's";
+    const Seconds before = timeNow();
+    machine.restart();
+    // The start is known to a second.
+    EXPECT_LE(sinceBoot(), (timeNow() - before).count() + 1);
+    EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
+    // Process 1 counts by it too.
+    const Seconds timer = timeNow();
+    machine.sh(
+        "systemd-run --quiet --on-boot=8s --timer-property=AccuracySec=100ms touch /root/soon");
+    EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.exists("/root/soon"); }));
+    EXPECT_GE(sinceBoot(), 8);
+    EXPECT_LT(timeNow() - timer, Seconds{30});
+}
+
+TEST(BootedMachineTest, KeepsFilesAndJournalOverARestartAndAPowerCut) {
+    BootedMachine machine;
+    machine.write("/root/kept", "yes");
+    machine.sh("logger --id=1 first && journalctl --sync");
+    machine.restart();
+    // Or the power goes before anything of this start is on the disk.
+    machine.sh("journalctl --flush && journalctl --sync");
+    machine.cutPower();
+    machine.switchOn();
+    EXPECT_EQ(machine.read("/root/kept"), "yes");
+    EXPECT_NE(machine.sh("journalctl --list-boots --no-pager").find(" -2 "), std::string::npos);
+    EXPECT_EQ(machine.journal({"--boot=-2", "MESSAGE=first"}).size(), 1U);
 }
 
 }  // namespace

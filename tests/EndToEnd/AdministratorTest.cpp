@@ -1,25 +1,23 @@
-// What root sees of the helper, and the way out, with halvoctl.
+// What root sees of the helper, and the way out, with halvoctl; each kind of state is held by its
+// own tests.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/EndToEnd/RunningHelper.hpp"
-#include "tests/EndToEnd/Stepper.hpp"
 #include "tests/EndToEnd/World.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -36,28 +34,15 @@ using Json = nlohmann::json;
 // What says which app it is about.
 const std::string named = HALVO_APP_BUNDLE_ID ": ";
 
-constexpr int exitSystem = 71;
-constexpr int exitNoPermission = 77;
-constexpr int exitConfig = 78;
-
-ChildResult control(const std::vector<std::string>& words, std::optional<uid_t> person = {},
-                    const std::function<void()>& prepare = {}) {
-    std::vector<std::string> command{Place::control};
-    command.insert(command.end(), words.begin(), words.end());
-    return runInChild({.words = command, .person = person, .prepare = prepare});
+ChildResult control(std::vector<std::string> words, std::optional<uid_t> person = {}) {
+    words.insert(words.begin(), Place::control);
+    return runInChild({.words = std::move(words), .person = person});
 }
 
 Json seen() {
     const ChildResult answer = control({"status", "--json"});
     EXPECT_EQ(answer.status, 0) << answer.output;
     return Json::parse(answer.output, nullptr, false);
-}
-
-// When the item was last changed in any way.
-std::pair<long, long> changeOf(const std::string& path) {
-    struct stat status{};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    return {status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
 class AdministratorTest : public ::testing::Test {
@@ -122,36 +107,6 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
     EXPECT_EQ(held["apps"][0]["next"], "The helper locks it when it starts: " + Place::helper);
 }
 
-TEST_F(AdministratorTest, ChangesNothingByLooking) {
-    commit();
-    const auto app = changeOf(Place::app);
-    const auto folder = changeOf(Place::stateFolder);
-    const auto file = changeOf(Place::stateFile);
-    const std::string bytes = readTestFile(Place::stateFile);
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"status"}, {"status", "--json"}, {"doctor"}}) {
-        control(words);
-    }
-    EXPECT_EQ(changeOf(Place::app), app);
-    EXPECT_EQ(changeOf(Place::stateFolder), folder);
-    EXPECT_EQ(changeOf(Place::stateFile), file);
-    EXPECT_EQ(readTestFile(Place::stateFile), bytes);
-    EXPECT_TRUE(isLocked());
-}
-
-TEST_F(AdministratorTest, IsToldOfARecordThatHasRunOut) {
-    commit();
-    auto record = Json::parse(readTestFile(Place::stateFile));
-    record["remaining"] = 0.0;
-    put(Place::stateFile, record.dump(), 0600);
-    EXPECT_THAT(control({"status"}).output,
-                AllOf(StartsWith(named + "Nothing holds: the time of " + person() + " has run out"),
-                      HasSubstr("The helper lets go of it when it starts next")));
-    EXPECT_EQ(seen()["commitment"]["holds"], false);
-    EXPECT_THAT(control({"release"}).output, HasSubstr("that had run out at "));
-    expectNothingLeft();
-}
-
 TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
@@ -166,47 +121,37 @@ TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
 
 TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
     RunningHelper helper;
-    for (const auto& [spoil, name] : std::vector<std::pair<std::function<void()>, std::string>>{
-             {[] {
-                  fs::permissions(Place::caller, fs::perms{0755});
-                  fs::permissions(Place::appExecutable, fs::perms{0755});
-              },
-              "app's files"},
-             {[] { fs::permissions(Place::app, fs::perms{0775}); }, "app's files"},
-             {[] { put(Place::infoPlist, "damaged"); }, "app"},
-             {[] { fs::remove_all(Place::app); }, "app"},
-             {[] { fs::permissions(Place::helper, fs::perms{0777}); }, "helper files"},
-             {[] { fs::permissions(Place::socket, fs::perms{0600}); }, "socket"}}) {
+    const auto setMode = [](const std::string& path, unsigned mode) {
+        return [path, mode] { fs::permissions(path, fs::perms{mode}); };
+    };
+
+    struct Row {
+        std::function<void()> spoil;
+        std::string check;
+    };
+
+    const Row rows[] = {
+        {setMode(Place::appExecutable, 0755), "app's files"},
+        {setMode(Place::app, 0775), "app's files"},
+        {[] { put(Place::infoPlist, "damaged"); }, "app"},
+        {[] { fs::remove_all(Place::app); }, "app"},
+        {setMode(Place::helper, 0777), "helper files"},
+        {setMode(Place::socket, 0600), "socket"},
+    };
+    for (const auto& [spoil, name] : rows) {
+        SCOPED_TRACE(name);
         spoil();
         const ChildResult answer = control({"doctor", "--json"});
         EXPECT_EQ(answer.status, 1);
-        bool isFound = false;
-        const Json report = Json::parse(answer.output);
-        for (const Json& check : report["checks"]) {
-            if (check["name"] == name) {
-                isFound = true;
-                EXPECT_EQ(check["verdict"], "problem") << name;
-                EXPECT_NE(check["advice"], nullptr) << name;
-            }
-        }
-        EXPECT_TRUE(isFound) << name << " in " << answer.output;
+        const Json checks = Json::parse(answer.output)["checks"];
+        const auto check = std::ranges::find_if(
+            checks, [&name](const Json& each) { return each["name"] == name; });
+        ASSERT_NE(check, checks.end()) << answer.output;
+        EXPECT_EQ((*check)["verdict"], "problem");
+        EXPECT_NE((*check)["advice"], nullptr);
         world.installApp(Place::app);
         fs::permissions(Place::app, fs::perms{0755});
     }
-}
-
-TEST_F(AdministratorTest, IsToldToBecomeRoot) {
-    EXPECT_EQ(control({"status"}, world.user),
-              (ChildResult{exitNoPermission,
-                           "halvoctl: The state can only be read as root. Type: sudo "
-                           "halvoctl status\n"}));
-    commit();
-    EXPECT_EQ(control({"release"}, world.user),
-              (ChildResult{exitNoPermission,
-                           "halvoctl: Only root can let go of what holds. Type: sudo "
-                           "halvoctl release\n"}));
-    EXPECT_TRUE(isLocked());
-    EXPECT_TRUE(world.state());
 }
 
 TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
@@ -221,32 +166,6 @@ TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
                              Place::app + " is unlocked\\.\n"));
     constexpr int holding = 75;
     EXPECT_EQ(helper.wait(), holding);
-    expectNothingLeft();
-}
-
-TEST_F(AdministratorTest, LetsGoOfWhatAKilledHelperLeft) {
-    commit();
-    const ChildResult answer = control({"release"});
-    EXPECT_EQ(answer.status, 0);
-    EXPECT_THAT(answer.output, HasSubstr(Place::app + " is unlocked.\n"));
-    expectNothingLeft();
-}
-
-TEST_F(AdministratorTest, IsToldThatNothingWasHeld) {
-    EXPECT_EQ(control({"release"}), (ChildResult{0, named + "Nothing was held.\n"}));
-    RunningHelper helper;
-    EXPECT_EQ(control({"release"}), (ChildResult{0, named + "Nothing was held.\n"}));
-    EXPECT_EQ(helper.wait(), 0);
-}
-
-TEST_F(AdministratorTest, UnlocksWhatADamagedRecordOwes) {
-    commit();
-    put(Place::stateFile, R"({"appPath":")" + Place::app + R"(","locked":true})", 0600);
-    EXPECT_THAT(control({"status"}).output, StartsWith(named + "The state file is damaged"));
-    const ChildResult answer = control({"release"});
-    EXPECT_EQ(answer.status, 0);
-    EXPECT_THAT(answer.output,
-                HasSubstr("Removed a damaged state file; " + Place::app + " is unlocked.\n"));
     expectNothingLeft();
 }
 
@@ -294,79 +213,6 @@ TEST_F(AdministratorTest, LeavesTheLockOfABundleThatIsSomebodyElses) {
     }
 }
 
-TEST_F(AdministratorTest, UnlocksNothingThatTheHelperWouldNotHaveLocked) {
-    const std::string folder = "/home/locked";
-    fs::create_directory(folder);
-    setLockedByHand(true, folder);
-    for (
-        const std::string& record :
-        {R"({"appPath":")" + folder + R"(","locked":true})",
-         R"({"appPath":")" + folder +
-             R"(","capRemaining":600,"checkpoint":{"bootID":"x","sinceBoot":0,"wall":0},"locked":true,"remaining":600,"startedWall":0,"uid":1000})"}) {
-        fs::create_directories(Place::stateFolder);
-        put(Place::stateFile, record, 0600);
-        EXPECT_EQ(control({"release"}).status, 0);
-        EXPECT_TRUE(isLocked(folder)) << record;
-        EXPECT_FALSE(exists(Place::stateFolder));
-    }
-    setLockedByHand(false, folder);
-}
-
-TEST_F(AdministratorTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
-    commit();
-    const ChildResult answer = control({"release"}, {}, [] {
-        if (prctl(PR_CAPBSET_DROP, CAP_LINUX_IMMUTABLE, 0, 0, 0) != 0) {
-            _exit(1);
-        }
-    });
-    EXPECT_EQ(answer.status, exitSystem);
-    EXPECT_THAT(answer.output, HasSubstr("cannot be taken off, so the commitment stays stored"));
-    EXPECT_TRUE(isLocked());
-    EXPECT_TRUE(world.state());
-
-    EXPECT_EQ(control({"release"}).status, 0);
-    expectNothingLeft();
-}
-
-TEST_F(AdministratorTest, KeepsTheRecordOfABundleBelowAnotherMount) {
-    commit();
-    {
-        const Mount other("tmpfs", "/Applications");
-        const ChildResult answer = control({"release"});
-        EXPECT_EQ(answer.status, exitSystem);
-        EXPECT_THAT(answer.output,
-                    HasSubstr("The bundle that the helper locked is not at " + Place::app));
-        EXPECT_TRUE(world.state());
-    }
-    EXPECT_TRUE(isLocked());
-    EXPECT_EQ(control({"release"}).status, 0);
-    expectNothingLeft();
-}
-
-TEST_F(AdministratorTest, ForgetsABundleThatIsGoneForGoodWhenToldSo) {
-    commit();
-    setLockedByHand(false);
-    fs::remove_all(Place::app);
-    EXPECT_EQ(control({"release"}).status, exitSystem);
-    EXPECT_TRUE(world.state());
-    EXPECT_EQ(control({"release", "--bundle-gone"}).status, 0);
-    EXPECT_FALSE(exists(Place::stateFolder));
-}
-
-TEST_F(AdministratorTest, KeepsEverythingWhenTheHelperDoesNotEnd) {
-    RunningHelper helper;
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    helper.process().stop();
-    const ChildResult answer = control({"release"});
-    EXPECT_EQ(answer.status, exitSystem);
-    EXPECT_THAT(answer.output,
-                AllOf(StartsWith("Waiting for the helper to end, at most 10 seconds.\n"),
-                      HasSubstr("halvoctl: The helper (pid " +
-                                std::to_string(helper.process().pid()) + ") does not end.")));
-    EXPECT_TRUE(isLocked());
-    EXPECT_TRUE(world.state());
-}
-
 TEST_F(AdministratorTest, MayBeInterruptedAnywhereAndRunAgain) {
     for (int call = 1;; ++call) {
         SCOPED_TRACE("killed at system call " + std::to_string(call));
@@ -412,14 +258,6 @@ TEST_F(AdministratorTest, KnowsTheAppWhateverLinkItWasCalledBy) {
     TestProcess status({.words = {"/tmp/sbin/halvoctl", "status"}});
     EXPECT_EQ(status.wait(), 0);
     EXPECT_THAT(status.output(), StartsWith(named + "Ultra Hard mode holds for " + person()));
-}
-
-TEST_F(AdministratorTest, IsToldWhenTheInfoPlistIsMissing) {
-    fs::remove(Place::helperInfoPlist);
-    EXPECT_EQ(
-        control({"status"}),
-        (ChildResult{exitConfig, "halvoctl: " + Place::helperInfoPlist +
-                                     " names no team or no app. Install the helper again.\n"}));
 }
 
 }  // namespace

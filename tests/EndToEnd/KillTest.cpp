@@ -11,14 +11,11 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "tests/EndToEnd/RunningHelper.hpp"
-#include "tests/EndToEnd/Stepper.hpp"
 #include "tests/EndToEnd/World.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -239,40 +236,6 @@ TEST_F(KillTest, WhileItLetsGoWhatRanOut) {
             }
             expectRecovery(std::nullopt);
         });
-}
-
-TEST_F(KillTest, AtAnyMomentOverAndOver) {
-    std::random_device device;
-    const auto seed = device();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto pick = [&random](double limit) {
-        return std::uniform_real_distribution<double>(0, limit)(random);
-    };
-    constexpr int rounds = 60;
-    before = commit();
-    for (int round = 0; round < rounds && !HasFailure(); ++round) {
-        RunningHelper helper({.stopped = true});
-        helper.process().goOn();
-        // Some begin again, some let go and begin; most only see the helper start.
-        std::optional<TestProcess> caller;
-        if (round % 3 == 1) {
-            sleepFor(Seconds{pick(0.01)});
-            caller.emplace(world.startCaller({"begin", ".", "600", "0"}));
-        } else if (round % 3 == 2) {
-            sleepFor(Seconds{pick(0.01)});
-            caller.emplace(world.startCaller({"end"}));
-        }
-        sleepFor(Seconds{pick(0.06)});
-        helper.kill();
-        const auto state = expectConsistent();
-        if (state && !caller) {
-            EXPECT_EQ(state->startedWall, before.startedWall);
-        }
-        EXPECT_EQ(helper.count("error: *"), 0) << helper.process().output();
-        before = state ? *state : commit();
-    }
-    expectRecovery(expectConsistent());
 }
 
 }  // namespace

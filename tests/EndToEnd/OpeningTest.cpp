@@ -1,4 +1,5 @@
-// How the helper keeps the app open.
+// How the helper keeps the app open. When it is opened, and when not, is held by the tests of the
+// engine and of the probe of sessions.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -10,8 +11,9 @@
 
 #include <array>
 #include <csignal>
-#include <cstddef>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -27,12 +29,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::Ge;
-using ::testing::IsEmpty;
-using ::testing::Le;
+using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
@@ -136,21 +135,6 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     EXPECT_EQ(getsid(app), app);
 }
 
-// The helper handles SIGTERM; what it does besides must not show in any other signal.
-TEST_F(OpeningTest, LeavesSignalsTheirDefaultAndNoZombie) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const pid_t app = waitForApp();
-    quit(app);
-    EXPECT_TRUE(eventually(Seconds{5}, [app] { return kill(app, 0) != 0; })) << "a zombie";
-    const pid_t process = helper->process().pid();
-    constexpr unsigned long long others = 1ULL << (SIGPIPE - 1) | 1ULL << (SIGCHLD - 1);
-    for (const std::string field : {"SigIgn", "SigCgt", "SigBlk"}) {
-        EXPECT_EQ(processNumbers(process, field, 16).at(0) & others, 0U) << field;
-    }
-    helper->process().send(SIGPIPE);
-    EXPECT_EQ(helper->wait(), 128 + SIGPIPE);
-}
-
 TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess app = world.startApp();
@@ -167,7 +151,7 @@ TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
 TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
-    const std::string group = "/home/halvo-demo/.local/share/group." HALVO_APP_BUNDLE_ID;
+    const std::string group = world.home + "/.local/share/group." HALVO_APP_BUNDLE_ID;
     const SharedFile<KeepAliveState> keepAlive("keepalive.json", group);
     const SharedFile<WidgetSnapshot> widgets("widgets.json", group);
     ASSERT_TRUE(eventually(Seconds{10}, [&] { return widgets.read().has_value(); }))
@@ -189,17 +173,6 @@ TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
     EXPECT_TRUE(keepAlive.read()->shouldRelaunch(wallNow())) << "it was killed";
 }
 
-TEST_F(OpeningTest, ComesNoSoonerThanFifteenSecondsAfterTheLast) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const pid_t first = waitForApp();
-    const Seconds firstAt = timeNow();
-    quit(first);
-    const pid_t second = waitForApp(reopenGap + late);
-    EXPECT_GE(timeNow() - firstAt, reopenGap - Seconds{0.5});
-    EXPECT_NE(second, first);
-    EXPECT_EQ(helper->count(opening), 2);
-}
-
 TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     fs::permissions(Place::appExecutable, fs::perms::none);
@@ -216,17 +189,6 @@ TEST_F(OpeningTest, IsTriedAgainWhenTheAppDoesNotComeUp) {
     EXPECT_TRUE(eventually(Seconds{2}, [] { return processesRunning(Place::helper).size() == 1; }));
 }
 
-TEST_F(OpeningTest, SaysNothingOfAQuitAfterTheHelperStartedAnew) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    helper->kill();
-    const Seconds before = timeNow();
-    helper.emplace();
-    EXPECT_EQ(helper->count("Holding Ultra Hard mode for another 59*"), 1);
-    const pid_t app = waitForApp();
-    EXPECT_GE(timeNow() - before, silence);
-    EXPECT_THAT(processWords(app), ElementsAre(Place::appExecutable));
-}
-
 TEST_F(OpeningTest, IsNotDoneToAnAppThatRunsInSilence) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess app = world.startApp();
@@ -237,39 +199,6 @@ TEST_F(OpeningTest, IsNotDoneToAnAppThatRunsInSilence) {
     }));
     app.kill();
     waitForApp();
-}
-
-TEST_F(OpeningTest, IsNotHeldUpByTheAppOfAnotherPerson) {
-    // One that stays although nothing holds for that person.
-    copyFile(HALVO_TEST_CALLER, Place::appExecutable, world.appGroup, 02755);
-    TestProcess app({.words = {Place::appExecutable, "run"}, .person = world.other});
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_TRUE(helper->says(opening, silence + late));
-    EXPECT_TRUE(app.isRunning());
-}
-
-TEST_F(OpeningTest, WaitsWhileNobodyIsAtTheConsole) {
-    world.console({"nobody"});
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_TRUE(staysClosed(wellAfterSilence));
-    const Seconds back = timeNow();
-    world.console(world.user);
-    waitForApp();
-    EXPECT_GE(timeNow() - back, silence);
-    EXPECT_EQ(helper->count(opening), 1);
-}
-
-TEST_F(OpeningTest, WaitsWhileTheLoginScreenIsAtTheConsole) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    // Whoever's account the login screen runs as, it is nobody.
-    world.console({"greeter", std::to_string(world.user)});
-    EXPECT_TRUE(staysClosed(wellAfterSilence));
-    const Seconds back = timeNow();
-    world.console(world.user);
-    const pid_t app = waitForApp();
-    EXPECT_GE(timeNow() - back, silence);
-    // Not heard from since the person came back.
-    EXPECT_THAT(processWords(app), ElementsAre(Place::appExecutable));
 }
 
 TEST_F(OpeningTest, WaitsWhileAnotherPersonIsAtTheConsole) {
@@ -285,12 +214,6 @@ TEST_F(OpeningTest, WaitsWhileAnotherPersonIsAtTheConsole) {
     EXPECT_GE(timeNow() - back, silence);
 }
 
-TEST_F(OpeningTest, WaitsWhileTheSessionIsClosing) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    world.console({"closing"});
-    EXPECT_TRUE(staysClosed(wellAfterSilence));
-}
-
 TEST_F(OpeningTest, WaitsAfterTheAppSaidThatTheSessionEnds) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     ASSERT_EQ(world.ask({"heartbeat", "--ending"}).status, Reply::yes);
@@ -304,35 +227,91 @@ TEST_F(OpeningTest, WaitsAfterTheAppSaidThatTheSessionEnds) {
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
 }
 
-TEST_F(OpeningTest, ForgetsAnEndingSessionWhenSomebodyElseComesToTheConsole) {
+// The app is replaced while it runs.
+
+class UpgradeTest : public OpeningTest {
+  protected:
+    // Puts a new version in the place of the executable, as installers do it.
+    void upgrade() const {
+        const std::string next = Place::appExecutable + ".new";
+        copyFile(HALVO_APP_BUNDLE "/Contents/MacOS/Halvo", next, world.appGroup, 02755);
+        ASSERT_EQ(rename(next.c_str(), Place::appExecutable.c_str()), 0);
+    }
+
+    // A running app of the version before, which tells the helper that it is alive.
+    TestProcess startFormerApp() const {
+        TestProcess app = world.startApp();
+        EXPECT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
+        sleepFor(Seconds{1});
+        upgrade();
+        EXPECT_TRUE(processesRunning(Place::appExecutable).empty());
+        EXPECT_EQ(processesRunning(Place::appExecutable + " (deleted)").size(), 1);
+        return app;
+    }
+};
+
+TEST_F(UpgradeTest, LeavesTheFormerAppItsConnection) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    ASSERT_EQ(world.ask({"heartbeat", "--ending"}).status, Reply::yes);
-    world.console(world.other);
-    sleepFor(Seconds{4});
-    const Seconds back = timeNow();
-    world.console(world.user);
-    waitForApp();
-    EXPECT_GE(timeNow() - back, silence);
+    TestProcess former = startFormerApp();
+    // It is heard of, so that none is opened.
+    EXPECT_TRUE(always(Seconds{12}, [&] { return helper->count(opening) == 0; }));
+    EXPECT_TRUE(former.isRunning());
+    EXPECT_TRUE(world.status().holding);
+    EXPECT_TRUE(isLocked());
 }
 
-TEST_F(OpeningTest, EndsWithTheCommitment) {
+TEST_F(UpgradeTest, MakesTheFormerAppCountForNothingOnceItIsSilent) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    quit(waitForApp());
-    ASSERT_EQ(world.end(), Reply::yes);
-    EXPECT_TRUE(staysClosed(reopenGap + Seconds{3}));
-    EXPECT_EQ(helper->count(opening), 1);
-}
-
-TEST_F(OpeningTest, IsNotTriedForAnAppThatIsGone) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_TRUE(eventually(Seconds{5}, [] {
-        setLockedByHand(false);
-        return rename(Place::app.c_str(), "/Applications/Moved.app") == 0;
-    }));
-    EXPECT_TRUE(helper->says(opening, silence + late));
-    sleepFor(Seconds{1});
+    TestProcess former = startFormerApp();
+    former.stop();
+    EXPECT_TRUE(helper->says(opening, Seconds{12}));
+    waitForApp(Seconds{3});
+    // The new one is let in and heard of.
+    EXPECT_TRUE(always(Seconds{8}, [&] { return helper->count(opening) == 1; }));
     EXPECT_EQ(helper->count("error: *"), 0);
-    EXPECT_THAT(processesRunning(Place::helper).size(), 1);
+}
+
+TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    TestProcess former = startFormerApp();
+    helper->kill();
+    helper.emplace();
+    EXPECT_TRUE(
+        helper->says("error: Refused a caller: the app was replaced since it started; quit "
+                     "it and start it anew",
+                     Seconds{10}))
+        << helper->process().output();
+    EXPECT_TRUE(eventually(Seconds{10}, [&] {
+        return former.output().find("start it anew") != std::string::npos;
+    })) << former.output();
+    EXPECT_TRUE(helper->says(opening, Seconds{12}));
+    waitForApp(Seconds{3});
+    EXPECT_EQ(world.ask({"status"}).status, Reply::yes);
+}
+
+TEST_F(UpgradeTest, IsDoneByTheInstallerWhileTheAppIsLocked) {
+    const std::string next = "/tmp/next/Halvo.app";
+    fs::remove_all("/tmp/next");
+    fs::create_directory("/tmp/next");
+    fs::copy(HALVO_APP_BUNDLE, next, fs::copy_options::recursive);
+    // Another version, which works as well.
+    std::ofstream(next + "/Contents/MacOS/Halvo", std::ios::binary | std::ios::app) << "next";
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    TestProcess former = world.startApp();
+    EXPECT_TRUE(eventually(Seconds{5}, [&] { return !former.output().empty(); }));
+    const auto size = fs::file_size(Place::appExecutable);
+
+    TestProcess installer({.words = {HALVO_SOURCE_FOLDER "/examples/SampleApp/install", "--group",
+                                     "halvo-app", "--halvoctl", Place::control, next}});
+    EXPECT_EQ(installer.wait(), 0) << installer.output();
+    EXPECT_EQ(fs::file_size(Place::appExecutable), size + 4);
+    EXPECT_TRUE(isLocked());
+    EXPECT_TRUE(former.isRunning());
+    former.kill();
+    EXPECT_TRUE(helper->says(opening, Seconds{12}));
+    waitForApp(Seconds{3});
+    EXPECT_TRUE(always(Seconds{8}, [&] { return helper->count(opening) == 1; }));
+    EXPECT_EQ(helper->count("error: *"), 0);
 }
 
 }  // namespace

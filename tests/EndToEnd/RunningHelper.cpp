@@ -1,9 +1,10 @@
 #include "tests/EndToEnd/RunningHelper.hpp"
 
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,7 +22,7 @@ namespace {
 
 constexpr std::string_view logPrefix = "app.halvo Helper: ";
 
-Start startOf(Start start) {
+Start ofHelper(Start start) {
     start.words.insert(start.words.begin(), Place::helper);
     return start;
 }
@@ -43,13 +44,12 @@ bool serves(pid_t helper) {
     return !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
 }
 
-RunningHelper::RunningHelper(Start start) : process_(startOf(start)) {
+RunningHelper::RunningHelper(const Start& start) : process_(ofHelper(start)) {
     if (start.stopped) {
         return;
     }
     EXPECT_TRUE(eventually([this] { return !isRunning() || serves(process_.pid()); }))
         << "the helper neither serves nor ends: " << process_.output();
-    servedAt_ = timeNow();
 }
 
 RunningHelper::~RunningHelper() {
@@ -133,22 +133,18 @@ Seconds RunningHelper::processorTime() const {
     return Seconds{ticks / static_cast<double>(sysconf(_SC_CLK_TCK))};
 }
 
-Start withLimit(int resource, unsigned long long limit) {
-    return {.prepare = [resource, limit] {
-        const rlimit bound{limit, limit};
-        if (setrlimit(static_cast<__rlimit_resource>(resource), &bound) != 0) {
-            _exit(1);
-        }
-    }};
-}
-
 Start withMemory(unsigned long long mebibytes) {
     if (isSanitized) {
         // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
         return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
                                 std::to_string(mebibytes)}};
     }
-    return withLimit(RLIMIT_DATA, mebibytes << 20U);
+    return {.prepare = [bytes = mebibytes << 20U] {
+        const rlimit bound{bytes, bytes};
+        if (setrlimit(RLIMIT_DATA, &bound) != 0) {
+            _exit(1);
+        }
+    }};
 }
 
 Start withoutCapability(int capability) {
@@ -157,6 +153,62 @@ Start withoutCapability(int capability) {
             _exit(1);
         }
     }};
+}
+
+Stepper::Stepper(TestProcess& process) : process_(process) {
+    EXPECT_EQ(ptrace(PTRACE_SEIZE, process.pid(), 0, PTRACE_O_TRACESYSGOOD), 0);
+    process.goOn();
+    EXPECT_EQ(ptrace(PTRACE_INTERRUPT, process.pid(), 0, 0), 0);
+}
+
+bool Stepper::goTo(int count, std::optional<long> first, const std::function<bool()>& isOver) {
+    constexpr int systemCall = SIGTRAP | 0x80;
+    constexpr int eventShift = 16;
+    constexpr Seconds pause{0.00005};
+    int seen = 0;
+    if (waits_) {
+        ptrace(PTRACE_SYSCALL, process_.pid(), 0, 0);
+    }
+    waits_ = false;
+    while (true) {
+        int status = 0;
+        const pid_t stopped = waitpid(process_.pid(), &status, WNOHANG);
+        if (stopped == 0) {
+            if (isOver()) {
+                return false;
+            }
+            sleepFor(pause);
+            continue;
+        }
+        if (stopped < 0 || !WIFSTOPPED(status)) {
+            process_.noteEnd(status);
+            return false;
+        }
+        // Signals are handed on; stops that ptrace(2) makes are not signals.
+        int signal = status >> eventShift == PTRACE_EVENT_STOP ? 0 : WSTOPSIG(status);
+        if (signal == systemCall) {
+            signal = 0;
+            const auto entered = enteredCall();
+            if (entered && (seen > 0 || !first || *entered == *first)) {
+                ++seen;
+            }
+            if (seen == count) {
+                waits_ = true;
+                return true;
+            }
+        }
+        ptrace(PTRACE_SYSCALL, process_.pid(), 0, signal);
+    }
+}
+
+void Stepper::leave() { EXPECT_EQ(ptrace(PTRACE_DETACH, process_.pid(), 0, 0), 0); }
+
+// The number of the system call that it is about to make; nothing when it comes back from one.
+std::optional<long> Stepper::enteredCall() const {
+    __ptrace_syscall_info info{};
+    EXPECT_GT(ptrace(PTRACE_GET_SYSCALL_INFO, process_.pid(), sizeof info, &info), 0);
+    return info.op == PTRACE_SYSCALL_INFO_ENTRY ? std::optional(static_cast<long>(info.entry.nr))
+                                                : std::nullopt;
 }
 
 }  // namespace halvo::testing

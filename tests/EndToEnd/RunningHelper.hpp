@@ -1,8 +1,10 @@
-// A helper that runs, and what can be seen of it from outside.
+// A helper that runs, what can be seen of it from outside, and how to follow it from system call to
+// system call.
 #pragma once
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,7 +26,7 @@ class RunningHelper {
   public:
     // Returns when it serves or has ended, or is stopped. The words of `start` are what follows the
     // program's path.
-    explicit RunningHelper(Start start = {});
+    explicit RunningHelper(const Start& start = {});
     ~RunningHelper();
     RunningHelper(const RunningHelper&) = delete;
     RunningHelper& operator=(const RunningHelper&) = delete;
@@ -34,9 +36,6 @@ class RunningHelper {
     [[nodiscard]] const TestProcess& process() const { return process_; }
 
     bool isRunning() { return process_.isRunning(); }
-
-    // When it served, on timeNow(). Its ticks come every 2 seconds from then on.
-    [[nodiscard]] Seconds servedAt() const { return servedAt_; }
 
     // SIGTERM; the exit status.
     int terminate();
@@ -68,15 +67,11 @@ class RunningHelper {
     void checkLog() const;
 
     TestProcess process_;
-    Seconds servedAt_{};
 };
 
 // Whether the process, which runs the helper's program, serves: the helper takes SIGTERM into its
 // own hands as the last thing before its timer.
 bool serves(pid_t helper);
-
-// A start under a bound on a resource; setrlimit(2).
-Start withLimit(int resource, unsigned long long limit);
 
 // A start with so much memory and no more.
 Start withMemory(unsigned long long mebibytes);
@@ -86,5 +81,28 @@ Start withoutCapability(int capability);
 
 // Whether the helper was built with a sanitizer, which takes memory of its own.
 constexpr bool isSanitized = HALVO_IS_SANITIZED;
+
+// Traces a running process, which then stops at each system call that it is about to make. Only
+// system calls change what others see, so what holds at each of them holds at every moment.
+class Stepper {
+  public:
+    // A process that was started stopped goes on.
+    explicit Stepper(TestProcess& process);
+
+    // Lets it go on until right before its system call number `count`, counted from the next one,
+    // or from the next that has the number `first` (SYS_*). False when `isOver`, or the process has
+    // ended, before there are so many; true when it waits there, until the next call or leave().
+    bool goTo(int count, std::optional<long> first, const std::function<bool()>& isOver);
+
+    // Lets it go on untraced.
+    void leave();
+
+  private:
+    [[nodiscard]] std::optional<long> enteredCall() const;
+
+    TestProcess& process_;
+    // At a system call that goTo() was asked for.
+    bool waits_ = false;
+};
 
 }  // namespace halvo::testing

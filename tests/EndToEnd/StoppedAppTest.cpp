@@ -10,7 +10,6 @@
 
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "tests/EndToEnd/RunningHelper.hpp"
-#include "tests/EndToEnd/Stepper.hpp"
 #include "tests/EndToEnd/World.hpp"
 
 namespace halvo::testing {

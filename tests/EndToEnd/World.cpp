@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -21,7 +21,6 @@
 #include <utility>
 
 #include "HalvoPlatform/Descriptor.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -208,17 +207,38 @@ mode_t modeOf(const std::string& path) {
     return status.st_mode & permissions;
 }
 
-Mount::Mount(const char* type, std::string path, const std::string& options, unsigned long flags)
-    : path_(std::move(path)) {
-    EXPECT_EQ(mount("test", path_.c_str(), type, flags, options.c_str()), 0)
+Mount::Mount(std::string path, const std::string& options) : path_(std::move(path)) {
+    EXPECT_EQ(mount("test", path_.c_str(), "tmpfs", 0, options.c_str()), 0)
         << path_ << ": " << strerror(errno);
 }
 
 Mount::~Mount() { umount2(path_.c_str(), MNT_DETACH); }
 
-void Mount::remount(const std::string& options, unsigned long flags) const {
-    EXPECT_EQ(mount("test", path_.c_str(), nullptr, MS_REMOUNT | flags, options.c_str()), 0)
-        << path_ << ": " << strerror(errno);
+}  // namespace halvo::testing
+
+namespace {
+
+// scripts/private-machine sets the variable, and starts the command in a pid namespace of its own,
+// whose process 1 is the script itself.
+bool isPrivateMachine() {
+    struct stat status{};
+    return std::getenv("HALVO_APP_GID") != nullptr && stat("/.machine", &status) == 0 &&
+           halvo::testing::readTestFile("/proc/1/cmdline").find("private-machine") !=
+               std::string::npos;
 }
 
-}  // namespace halvo::testing
+}  // namespace
+
+// The tests lock folders, kill processes and mount file systems; they refuse to do so on a machine
+// that anybody uses.
+int main(int count, char** words) {
+    ::testing::InitGoogleTest(&count, words);
+    if (!::testing::GTEST_FLAG(list_tests) && !isPrivateMachine()) {
+        std::fputs(
+            "These tests run only inside a private machine:\n"
+            "    scripts/private-machine -- build/release/bin/EndToEndTests\n",
+            stderr);
+        return EXIT_FAILURE;
+    }
+    return RUN_ALL_TESTS();
+}

@@ -4,12 +4,12 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "HalvoPlatform/Time.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
@@ -44,8 +44,8 @@ namespace Reply {
 inline constexpr int yes = 0;
 inline constexpr int no = 1;
 inline constexpr int rejected = 65;
-inline constexpr int notRunning = 69;
-inline constexpr int timedOut = 75;
+// After it was let in.
+inline constexpr int disconnected = 76;
 inline constexpr int refused = 77;
 
 }  // namespace Reply
@@ -138,16 +138,13 @@ void copyFile(const std::string& from, const std::string& to, gid_t group, mode_
 // Permissions of the item itself, with the bits for set-user-id and set-group-id.
 mode_t modeOf(const std::string& path);
 
-// Mounts a file system for as long as it lives; fails the test when it cannot be.
+// Mounts a tmpfs for as long as it lives; fails the test when it cannot be.
 class Mount {
   public:
-    Mount(const char* type, std::string path, const std::string& options = "",
-          unsigned long flags = 0);
+    Mount(std::string path, const std::string& options);
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
     ~Mount();
-
-    void remount(const std::string& options, unsigned long flags) const;
 
   private:
     std::string path_;

@@ -7,7 +7,6 @@
 
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TestBundle.hpp"
-#include "tests/Support/TestReport.hpp"
 
 namespace halvo::testing {
 

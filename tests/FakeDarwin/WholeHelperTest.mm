@@ -31,7 +31,6 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
-#include "tests/Support/TestReport.hpp"
 
 // The helper's main().
 extern "C" int halvoHelperMain(int count, char* const* words);

@@ -10,7 +10,7 @@
 
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
-#include "tests/Support/UTCCalendar.hpp"
+#include "tests/Support/SampleSnapshot.hpp"
 
 namespace {
 

@@ -10,6 +10,7 @@
 
 #include "tests/Support/SimulatedWorld.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestBundle.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
@@ -121,12 +122,8 @@ struct FakeMachine {
                           const std::string& team) {
         std::filesystem::create_directories(bundle + "/Contents/MacOS");
         testing::writeTestFile(bundle + "/Contents/MacOS/Sample", "");
-        testing::writeTestFile(
-            bundle + "/Contents/Info.plist",
-            "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>Sample</string>"
-            "<key>CFBundleIdentifier</key><string>" +
-                identifier + "</string><key>HalvoTeamID</key><string>" + team +
-                "</string></dict></plist>");
+        testing::writeTestFile(bundle + "/Contents/Info.plist",
+                               testing::infoText("Sample", identifier, team));
     }
 
     // What the store holds: a commitment of ann's with `left` to run, whose lock is owed.

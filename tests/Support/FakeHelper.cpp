@@ -4,10 +4,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <systemd/sd-bus.h>
-#include <systemd/sd-id128.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +18,9 @@
 #include <sstream>
 #include <utility>
 
+#include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Fatal.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -66,20 +64,11 @@ void note(Record& record, sd_bus_message* request) {
 int replyWithDates(sd_bus_message* request, const Record& record,
                    const std::vector<double>& dates) {
     sd_bus_message* reply = nullptr;
-    int result = sd_bus_message_new_method_return(request, &reply);
-    if (result >= 0) {
-        result = sd_bus_message_append(reply, "b", static_cast<int>(record.holding));
-    }
-    if (result >= 0) {
-        result =
-            sd_bus_message_append_array(reply, 'd', dates.data(), dates.size() * sizeof(double));
-    }
-    if (result >= 0) {
-        result = sd_bus_message_append(reply, "b", static_cast<int>(record.locked));
-    }
-    if (result >= 0) {
-        result = sd_bus_send(nullptr, reply, nullptr);
-    }
+    sd_bus_message_new_method_return(request, &reply);
+    sd_bus_message_append(reply, "b", static_cast<int>(record.holding));
+    sd_bus_message_append_array(reply, 'd', dates.data(), dates.size() * sizeof(double));
+    sd_bus_message_append(reply, "b", static_cast<int>(record.locked));
+    const int result = sd_bus_send(nullptr, reply, nullptr);
     sd_bus_message_unref(reply);
     return result;
 }
@@ -142,14 +131,8 @@ int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
 }
 
 void serveBus(Descriptor peer, Serving& serving) {
-    sd_bus* bus = nullptr;
-    sd_id128_t id{};
-    require(sd_bus_new(&bus) >= 0 && sd_id128_randomize(&id) >= 0, "sd_bus_new");
-    require(sd_bus_set_fd(bus, peer.get(), peer.get()) >= 0, "sd_bus_set_fd");
-    [[maybe_unused]] const int owned = peer.release();
-    require(sd_bus_set_server(bus, 1, id) >= 0 &&
-                sd_bus_add_filter(bus, nullptr, handle, &serving) >= 0,
-            "setting up the connection");
+    sd_bus* bus = newServerBus(peer.release());
+    require(sd_bus_add_filter(bus, nullptr, handle, &serving) >= 0, "setting up the connection");
     bool open = sd_bus_start(bus) >= 0;
     while (open && !serving.over) {
         const int progress = sd_bus_process(bus, nullptr);
@@ -198,51 +181,29 @@ FakeHelper::FakeHelper(std::string path, const std::vector<Conduct>& conducts)
         mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     require(memory != MAP_FAILED, "mmap");
     record_ = new (memory) Record;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    require(path_.size() < sizeof address.sun_path, "the path is too long");
-    std::ranges::copy(path_, address.sun_path);
+    const auto address = socketAddress(path_);
+    require(address.has_value(), "the path is too long");
     unlink(path_.c_str());
     const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     constexpr int queue = 16;
     // Clients without root's rights connect too, hence the permissions.
-    require(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+    require(bind(listener.get(), generic(*address), sizeof *address) == 0 &&
                 chmod(path_.c_str(), 0666) == 0 && listen(listener.get(), queue) == 0,
             "listening");
-    start(listener.get(), conducts);
-}
-
-void FakeHelper::start(int listener, const std::vector<Conduct>& conducts) {
-    const pid_t test = getpid();
-    process_ = fork();
-    require(process_ >= 0, "fork");
-    if (process_ == 0) {
+    process_.emplace(Start{.body = [&, test = getpid()]() -> int {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         // The test may have died before the line above.
         if (getppid() != test) {
-            _exit(EXIT_FAILURE);
+            return EXIT_FAILURE;
         }
-        runHelper(listener, conducts, *record_);
-    }
+        runHelper(listener.get(), conducts, *record_);
+    }});
 }
 
 FakeHelper::~FakeHelper() {
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
+    process_.reset();
     unlink(path_.c_str());
     munmap(record_, sizeof(Record));
-}
-
-void FakeHelper::stop() const {
-    kill(process_, SIGSTOP);
-    int status = 0;
-    require(waitpid(process_, &status, WUNTRACED) == process_ && WIFSTOPPED(status), "stopping");
-}
-
-void FakeHelper::resume() const {
-    kill(process_, SIGCONT);
-    int status = 0;
-    require(waitpid(process_, &status, WCONTINUED) == process_ && WIFCONTINUED(status), "resuming");
 }
 
 }  // namespace halvo::testing

@@ -2,13 +2,15 @@
 #pragma once
 
 #include <sys/types.h>
+#include <systemd/sd-bus.h>
 
 #include <array>
 #include <atomic>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -69,16 +71,26 @@ class FakeHelper {
 
     [[nodiscard]] Record& record() const { return *record_; }
 
-    // SIGSTOP and SIGCONT; returns once it has taken effect.
-    void stop() const;
-    void resume() const;
+    // SIGSTOP, which has taken effect when this returns; SIGCONT.
+    void stop() const { process_->stop(); }
+
+    void resume() const { process_->goOn(); }
 
   private:
-    void start(int listener, const std::vector<Conduct>& conducts);
-
     std::string path_;
     Record* record_;
-    pid_t process_ = -1;
+    std::optional<TestProcess> process_;
 };
+
+// A bus that serves the client behind the socket `connection`, which it owns; not started.
+inline sd_bus* newServerBus(int connection) {
+    sd_bus* bus = nullptr;
+    sd_id128_t id{};
+    sd_id128_randomize(&id);
+    sd_bus_new(&bus);
+    sd_bus_set_fd(bus, connection, connection);
+    sd_bus_set_server(bus, 1, id);
+    return bus;
+}
 
 }  // namespace halvo::testing

@@ -132,18 +132,6 @@ mode_t modeArgument(int flags, std::va_list& arguments) {
 
 }  // namespace
 
-Fault Fault::failing(SystemCall call, int code, int skip) { return {call, Kind::fail, code, skip}; }
-
-Fault Fault::denying(SystemCall call, int code, int skip) { return {call, Kind::deny, code, skip}; }
-
-Fault Fault::returning(SystemCall call, int result, int skip) {
-    return {call, Kind::give, result, skip};
-}
-
-Fault Fault::cutShort(SystemCall call, std::size_t count, int skip) {
-    return {call, Kind::cut, static_cast<long>(count), skip};
-}
-
 Fault::Fault(SystemCall call, Kind kind, long value, int skip) : call_(call) {
     FaultPlan& plan = planFor(call);
     if (std::exchange(plan.isMade, true)) {

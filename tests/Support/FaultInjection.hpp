@@ -55,16 +55,24 @@ class Fault {
   public:
     // The next call fails with `code` in errno and has no effect. With `skip`, that many calls are
     // carried out first.
-    static Fault failing(SystemCall call, int code, int skip = 0);
+    static Fault failing(SystemCall call, int code, int skip = 0) {
+        return {call, Kind::fail, code, skip};
+    }
 
     // The next call is carried out, but says that it failed with `code`.
-    static Fault denying(SystemCall call, int code, int skip = 0);
+    static Fault denying(SystemCall call, int code, int skip = 0) {
+        return {call, Kind::deny, code, skip};
+    }
 
     // The next call has no effect and returns `result`.
-    static Fault returning(SystemCall call, int result, int skip = 0);
+    static Fault returning(SystemCall call, int result, int skip = 0) {
+        return {call, Kind::give, result, skip};
+    }
 
     // The next read or write moves no more than `count` bytes.
-    static Fault cutShort(SystemCall call, std::size_t count, int skip = 0);
+    static Fault cutShort(SystemCall call, std::size_t count, int skip = 0) {
+        return {call, Kind::cut, static_cast<long>(count), skip};
+    }
 
     Fault(const Fault&) = delete;
     Fault& operator=(const Fault&) = delete;

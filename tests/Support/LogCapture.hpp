@@ -1,11 +1,15 @@
 // What the code under test says to the log.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Log.hpp"
@@ -19,35 +23,68 @@ struct LogMessage {
     bool operator==(const LogMessage&) const = default;
 };
 
-std::ostream& operator<<(std::ostream& stream, const LogMessage& message);
+inline std::ostream& operator<<(std::ostream& stream, const LogMessage& message) {
+    return stream << (message.level == LogLevel::Error ? "error: " : "notice: ") << message.text;
+}
 
 // Receives every message in place of the system's log for as long as it lives. A message of another
 // subsystem or category than the helper's fails the test. Captures may nest; the innermost
 // receives. The messages may come from any thread, but none while a capture begins or ends.
 class LogCapture {
   public:
-    LogCapture();
-    ~LogCapture();
+    LogCapture() : outer_(std::exchange(innermost, this)), sinkBefore_(replaceLogSink(&receive)) {}
+
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
+    ~LogCapture() {
+        replaceLogSink(sinkBefore_);
+        innermost = outer_;
+    }
+
     // Everything since the start or the last clear(), in order.
-    [[nodiscard]] std::vector<LogMessage> messages() const;
+    [[nodiscard]] std::vector<LogMessage> messages() const {
+        const std::lock_guard lock(mutex_);
+        return messages_;
+    }
 
     // The texts at one level, in order.
-    [[nodiscard]] std::vector<std::string> errors() const;
-    [[nodiscard]] std::vector<std::string> notices() const;
+    [[nodiscard]] std::vector<std::string> errors() const { return texts(LogLevel::Error); }
+
+    [[nodiscard]] std::vector<std::string> notices() const { return texts(LogLevel::Default); }
 
     // How often exactly `text` was said, at either level.
-    [[nodiscard]] std::size_t count(std::string_view text) const;
+    [[nodiscard]] std::size_t count(std::string_view text) const {
+        return static_cast<std::size_t>(std::ranges::count(messages(), text, &LogMessage::text));
+    }
 
     [[nodiscard]] bool isEmpty() const { return messages().empty(); }
 
-    void clear();
+    void clear() {
+        const std::lock_guard lock(mutex_);
+        messages_.clear();
+    }
 
   private:
-    static void receive(const Logger& logger, LogLevel level, std::string_view message);
-    [[nodiscard]] std::vector<std::string> texts(LogLevel level) const;
+    static void receive(const Logger& logger, LogLevel level, std::string_view message) {
+        EXPECT_STREQ(logger.subsystem, "app.halvo");
+        EXPECT_STREQ(logger.category, "Helper");
+        const std::lock_guard lock(innermost->mutex_);
+        innermost->messages_.push_back({level, std::string(message)});
+    }
+
+    [[nodiscard]] std::vector<std::string> texts(LogLevel level) const {
+        std::vector<std::string> result;
+        for (const LogMessage& message : messages()) {
+            if (message.level == level) {
+                result.push_back(message.text);
+            }
+        }
+        return result;
+    }
+
+    // A log sink is a plain function and finds its capture here.
+    static inline LogCapture* innermost = nullptr;
 
     LogCapture* outer_;
     LogSink sinkBefore_;

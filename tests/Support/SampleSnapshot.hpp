@@ -1,10 +1,15 @@
-// Widget snapshots to test and measure with.
+// Widget snapshots to test and measure with, and the rule of their timeline to hold it against.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
 
 namespace halvo::testing {
@@ -73,6 +78,79 @@ inline WidgetSnapshot longSnapshot(std::size_t phases) {
     }
     snapshot.horizon = nineOClock + hour * phases;
     return snapshot;
+}
+
+// The calendar of UTC, whose days are all alike.
+class UTCCalendar final : public Calendar {
+  public:
+    [[nodiscard]] WallDate startOfDay(WallDate date) const override {
+        return WallDate{day * std::floor(date.time_since_epoch() / day)};
+    }
+
+    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
+        return addingDays(1, startOfDay(date));
+    }
+
+    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
+        // As far as a double tells one second from the next.
+        constexpr double range = 1e15;
+        return std::abs(secondsSince1970(date)) < range ? std::optional(date + day * days)
+                                                        : std::nullopt;
+    }
+
+  private:
+    static constexpr Seconds day{86400};
+};
+
+// WidgetSnapshot::timelineDates() as its rule is told, with no regard to what it costs.
+inline std::vector<WallDate> plainDates(const WidgetSnapshot& snapshot, WallDate from,
+                                        const Calendar& calendar, Seconds countdownSpan,
+                                        std::size_t limit) {
+    std::set<WallDate> dates{from};
+    if (!snapshot.isRunning) {
+        return {from};
+    }
+    const WallDate end = std::max(from, snapshot.horizon);
+    for (const WidgetSnapshot::Phase& phase : snapshot.phases) {
+        if (phase.start > from && phase.start <= end) {
+            dates.insert(phase.start);
+        }
+    }
+    for (auto day = calendar.startOfNextDay(calendar.startOfDay(from)); day && *day <= end;
+         day = calendar.startOfNextDay(*day)) {
+        dates.insert(*day);
+    }
+    const WallDate countdownLimit = std::min(from + countdownSpan, end);
+    for (std::size_t i = 0; i < snapshot.phases.size(); ++i) {
+        const WidgetSnapshot::Phase& phase = snapshot.phases[i];
+        const auto* block = std::get_if<WidgetSnapshot::Block>(&phase.state);
+        const auto* focus = std::get_if<WidgetSnapshot::Focus>(&phase.state);
+        const auto* running = block != nullptr   ? &block->running
+                              : focus != nullptr ? &focus->running
+                                                 : nullptr;
+        if (running == nullptr || !running->end) {
+            continue;
+        }
+        WallDate countdownEnd = *running->end;
+        if (i + 1 < snapshot.phases.size()) {
+            countdownEnd = std::min(countdownEnd, snapshot.phases[i + 1].start);
+        }
+        const WallDate begin = std::max(from, phase.start);
+        const WallDate last = std::min(countdownLimit, countdownEnd);
+        if (begin >= last) {
+            continue;
+        }
+        WallDate mark =
+            *running->end - Seconds{60} * std::floor((*running->end - begin) / Seconds{60});
+        for (; mark <= last; mark += Seconds{60}) {
+            if (mark > from) {
+                dates.insert(mark);
+            }
+        }
+    }
+    std::vector<WallDate> all(dates.begin(), dates.end());
+    all.resize(std::min(all.size(), limit));
+    return all;
 }
 
 }  // namespace halvo::testing

@@ -1,9 +1,17 @@
-// A simulated machine: everything that the engine knows of the world, without the world.
+// A simulated machine: everything that the engine knows of the world, without the world; and a main
+// queue that runs when told to, on simulated time.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <iterator>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -18,6 +26,7 @@
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/RecordedLocks.hpp"
 #include "HalvoHelperCore/SessionProbe.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
@@ -29,17 +38,37 @@ struct Crash {};
 // Every call of a collaborator, in order, in words: "save locked", "lock Halvo.app".
 class CallLog {
   public:
-    // Notes a call; throws Crash instead when this is the one to crash at.
-    void enter(std::string_view verb, std::string_view object = {});
+    // Notes a call, of a path its last component; throws Crash instead when this is the one to
+    // crash at.
+    void enter(std::string_view verb, std::string_view object = {}) {
+        if (untilCrash_ != 0 && --untilCrash_ == 0) {
+            throw Crash{};
+        }
+        if (recording_) {
+            std::string& call = calls_.emplace_back(verb);
+            if (!object.empty()) {
+                call.append(" ").append(object.substr(object.find_last_of('/') + 1));
+            }
+        }
+    }
 
     [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
 
     // The calls that change something outside the engine: saves, removals, locks, unlocks,
     // openings.
-    [[nodiscard]] std::vector<std::string> changes() const;
+    [[nodiscard]] std::vector<std::string> changes() const {
+        constexpr std::array<std::string_view, 5> verbs{"save", "remove", "lock", "unlock", "open"};
+        std::vector<std::string> result;
+        std::ranges::copy_if(calls_, std::back_inserter(result), [&](std::string_view call) {
+            return std::ranges::find(verbs, call.substr(0, call.find(' '))) != verbs.end();
+        });
+        return result;
+    }
 
     // How many calls were noted in exactly these words.
-    [[nodiscard]] std::size_t count(std::string_view call) const;
+    [[nodiscard]] std::size_t count(std::string_view call) const {
+        return static_cast<std::size_t>(std::ranges::count(calls_, call));
+    }
 
     void clear() { calls_.clear(); }
 
@@ -64,13 +93,19 @@ class SimulatedClock final : public HelperClock {
   public:
     explicit SimulatedClock(CallLog& log) : log_(log) {}
 
-    ClockReading reading() override;
+    ClockReading reading() override {
+        log_.enter("reading");
+        return now_;
+    }
 
     // The reading, not counted as a call.
     [[nodiscard]] const ClockReading& now() const { return now_; }
 
     // Lets time pass, awake or asleep: both clocks move.
-    void advance(Seconds span);
+    void advance(Seconds span) {
+        now_.sinceBoot += span;
+        now_.wall += span;
+    }
 
     // Somebody sets the wall clock.
     void setWallClock(WallDate date) { now_.wall = date; }
@@ -81,7 +116,11 @@ class SimulatedClock final : public HelperClock {
     void setSinceBoot(Seconds time) { now_.sinceBoot = time; }
 
     // Another boot: the machine was off for `off`, and has been up for `up`.
-    void reboot(Seconds off, Seconds up);
+    void reboot(Seconds off, Seconds up) {
+        now_.bootID = "boot " + std::to_string(++boots_);
+        now_.sinceBoot = up;
+        now_.wall += off + up;
+    }
 
   private:
     CallLog& log_;
@@ -94,8 +133,22 @@ class SimulatedFlags final : public FileFlags {
   public:
     explicit SimulatedFlags(CallLog& log) : log_(log) {}
 
-    LockState state(const std::string& path) override;
-    bool setLocked(bool locked, const std::string& path) override;
+    LockState state(const std::string& path) override {
+        log_.enter("state", path);
+        return !exists(path) ? LockState::missing
+               : isSet(path) ? LockState::locked
+                             : LockState::unlocked;
+    }
+
+    bool setLocked(bool locked, const std::string& path) override {
+        log_.enter(locked ? "lock" : "unlock", path);
+        // Flags that are as asked need no change, which could fail.
+        if (!exists(path) || (isSet(path) != locked && (locked ? failsToLock : failsToUnlock))) {
+            return false;
+        }
+        items_[path] = locked;
+        return true;
+    }
 
     // The system refuses to set, or to clear, any flag.
     bool failsToLock = false;
@@ -104,7 +157,10 @@ class SimulatedFlags final : public FileFlags {
     // What is there, as anybody may see it.
     [[nodiscard]] bool exists(const std::string& path) const { return items_.contains(path); }
 
-    [[nodiscard]] bool isSet(const std::string& path) const;
+    [[nodiscard]] bool isSet(const std::string& path) const {
+        const auto item = items_.find(path);
+        return item != items_.end() && item->second;
+    }
 
     // What others do.
     void add(const std::string& path) { items_.emplace(path, false); }
@@ -123,9 +179,25 @@ class SimulatedStore final : public DurableCommitmentStore {
   public:
     explicit SimulatedStore(CallLog& log) : log_(log) {}
 
-    StoredCommitment load() override;
-    bool saveDurably(const HelperCommitment& commitment) override;
-    void remove() override;
+    StoredCommitment load() override {
+        log_.enter("load");
+        return stored;
+    }
+
+    bool saveDurably(const HelperCommitment& commitment) override {
+        log_.enter("save", commitment.locked ? "locked" : "unlocked");
+        if (!failsToSave) {
+            stored = commitment;
+        }
+        return !failsToSave && !failsToSync;
+    }
+
+    void remove() override {
+        log_.enter("remove");
+        if (!failsToRemove) {
+            stored = NoCommitment{};
+        }
+    }
 
     bool failsToSave = false;
     // A save gets to the disk, but says that it may not have.
@@ -151,8 +223,15 @@ class SimulatedSession final : public SessionProbe {
   public:
     explicit SimulatedSession(CallLog& log) : log_(log) {}
 
-    std::optional<std::uint32_t> consoleUser() override;
-    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override;
+    std::optional<std::uint32_t> consoleUser() override {
+        log_.enter("console");
+        return console;
+    }
+
+    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override {
+        log_.enter("running?", bundlePath);
+        return runs(bundlePath, uid);
+    }
 
     std::optional<std::uint32_t> console;
 
@@ -165,7 +244,10 @@ class SimulatedSession final : public SessionProbe {
     void quitAll() { running_.clear(); }
 
     // The answer of isAppRunning(), not counted as a call.
-    [[nodiscard]] bool runs(const std::string& bundlePath, std::uint32_t uid) const;
+    [[nodiscard]] bool runs(const std::string& bundlePath, std::uint32_t uid) const {
+        const auto users = running_.find(bundlePath);
+        return users != running_.end() && users->second.contains(uid);
+    }
 
   private:
     CallLog& log_;
@@ -188,7 +270,13 @@ class SimulatedOpener final : public AppOpener {
     SimulatedOpener(CallLog& log, const SimulatedClock& clock, SimulatedSession& session)
         : log_(log), clock_(clock), session_(session) {}
 
-    void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override;
+    void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override {
+        log_.enter("open", appPath);
+        openings.push_back({appPath, uid, afterQuit, clock_.now().sinceBoot});
+        if (startsApps) {
+            session_.start(appPath, uid);
+        }
+    }
 
     std::vector<Opening> openings;
     // An app that is opened runs from then on.
@@ -222,11 +310,22 @@ class SimulatedWorld {
     SimulatedOpener opener{calls, clock, session};
 
     // Makes a bundle at `relativePath`, as "Applications/Halvo.app", and returns its whole path.
-    std::string addBundle(const std::string& relativePath);
+    std::string addBundle(const std::string& relativePath) {
+        std::string path = disk_ / relativePath;
+        restoreBundle(path);
+        return path;
+    }
 
     // Deletes the bundle, which must carry no flag, or brings it back.
-    void deleteBundle(const std::string& path);
-    void restoreBundle(const std::string& path);
+    void deleteBundle(const std::string& path) {
+        std::filesystem::remove(path);
+        flags.erase(path);
+    }
+
+    void restoreBundle(const std::string& path) {
+        std::filesystem::create_directories(path);
+        flags.add(path);
+    }
 
     // An engine that has not started up.
     [[nodiscard]] HelperEngine makeEngine() { return {clock, locks, locks, session, opener}; }
@@ -234,6 +333,146 @@ class SimulatedWorld {
   private:
     std::optional<TemporaryFolder> own_;
     const TemporaryFolder& disk_;
+};
+
+// ----------------------------------------------------------------------------------- the main
+// queue
+
+// Thrown in the place of the end of the process.
+struct ProcessExit {
+    int status;
+};
+
+// Thrown by run(), which must not return: from here on the test serves the queue.
+struct QueueServed {};
+
+// Everything happens on the thread that calls advance(), runPending() or terminate(), in the order
+// that the live queue promises; only async() may be called from any thread. Time is that of a
+// simulated clock, which advance() moves; it may be moved otherwise too (the machine slept).
+class ManualMainQueue final : public MainQueue {
+  public:
+    // A timer as it was asked for.
+    struct TimerRequest {
+        Seconds first{};
+        Seconds interval{};
+        Seconds leeway{};
+
+        bool operator==(const TimerRequest&) const = default;
+    };
+
+    explicit ManualMainQueue(SimulatedClock& clock) : clock_(clock) {}
+
+    void async(Work work) override {
+        const std::lock_guard lock(mutex_);
+        waiting_.push_back(std::move(work));
+    }
+
+    void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
+        requests_.push_back({first, interval, leeway});
+        timers_.push_back({now() + first, interval, std::move(work)});
+    }
+
+    void after(Seconds delay, Work work) override {
+        delays_.push_back(delay);
+        const bool isDelay = delay > Seconds{0};  // not-a-number is none
+        timers_.push_back({now() + (isDelay ? delay : Seconds{0}), std::nullopt, std::move(work)});
+    }
+
+    void onTermination(Work work) override { termination_ = std::move(work); }
+
+    [[nodiscard]] Seconds now() const override { return clock_.now().sinceBoot; }
+
+    [[noreturn]] void run() override {
+        served_ = true;
+        throw QueueServed{};
+    }
+
+    [[noreturn]] void exit(int status) override { throw ProcessExit{status}; }
+
+    // Lets `span` pass: work that waits runs first, then each timer whenever it is due, and after
+    // each turn what that turn enqueued. Every turn is on the dot.
+    void advance(Seconds span) {
+        runPending();
+        const Seconds end = now() + span;
+        for (auto next = nextDue(); next != timers_.end() && next->due <= end; next = nextDue()) {
+            clock_.advance(std::max(next->due - now(), Seconds{0}));
+            fire(next);
+            runPending();
+        }
+        clock_.advance(std::max(end - now(), Seconds{0}));
+    }
+
+    // Runs the work that waits, also what it enqueues, without letting time pass.
+    void runPending() {
+        while (true) {
+            std::vector<Work> batch;
+            {
+                const std::lock_guard lock(mutex_);
+                batch.swap(waiting_);
+            }
+            if (batch.empty()) {
+                return;
+            }
+            for (Work& work : batch) {
+                work();
+            }
+        }
+    }
+
+    // Sends the process SIGTERM. Without a handler that ends it (with the status a shell would
+    // give, 143).
+    void terminate() {
+        runPending();
+        if (termination_ == nullptr) {
+            exit(128 + SIGTERM);
+        }
+        termination_();
+        runPending();
+    }
+
+    [[nodiscard]] const std::vector<TimerRequest>& timers() const { return requests_; }
+
+    // Every delay that after() was asked for.
+    [[nodiscard]] const std::vector<Seconds>& delays() const { return delays_; }
+
+    [[nodiscard]] bool handlesTermination() const { return termination_ != nullptr; }
+
+    [[nodiscard]] bool isServed() const { return served_; }
+
+  private:
+    struct Timer {
+        Seconds due;
+        // Absent for one that turns once.
+        std::optional<Seconds> interval;
+        Work work;
+    };
+
+    using Timers = std::vector<Timer>;
+
+    // The timer that is due first, of two the one made first; the end when there is none.
+    Timers::iterator nextDue() { return std::ranges::min_element(timers_, {}, &Timer::due); }
+
+    // The timer keeps to its grid; turns that were missed are not made up for.
+    void fire(Timers::iterator timer) {
+        // A copy: the work may add timers, which moves this one.
+        const Work work = timer->work;
+        if (timer->interval) {
+            const double missed = std::floor((now() - timer->due) / *timer->interval);
+            timer->due += *timer->interval * (std::max(missed, 0.0) + 1);
+        } else {
+            timers_.erase(timer);
+        }
+        work();
+    }
+
+    SimulatedClock& clock_;
+    std::mutex mutex_;
+    std::vector<Work> waiting_;
+    std::vector<TimerRequest> requests_;
+    std::vector<Seconds> delays_;
+    Timers timers_;
+    Work termination_;
+    bool served_ = false;
 };
 
 }  // namespace halvo::testing

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/Support/TestReport.hpp"
+#include "tests/Support/TestBundle.hpp"
 
 namespace {
 
@@ -30,20 +30,20 @@ std::string ownPath() {
 }
 
 void reportIdentity(std::ostream& report) {
-    uid_t users[3];
-    gid_t groups[3];
-    getresuid(&users[0], &users[1], &users[2]);
-    getresgid(&groups[0], &groups[1], &groups[2]);
-    for (const uid_t user : users) {
-        report << "user=" << user << '\n';
-    }
-    for (const gid_t group : groups) {
-        report << "group=" << group << '\n';
-    }
+    const auto add = [&report](const char* key, auto... numbers) {
+        ((report << key << '=' << numbers << '\n'), ...);
+    };
+    unsigned real = 0;
+    unsigned effective = 0;
+    unsigned saved = 0;
+    getresuid(&real, &effective, &saved);
+    add("user", real, effective, saved);
+    getresgid(&real, &effective, &saved);
+    add("group", real, effective, saved);
     std::array<gid_t, NGROUPS_MAX> more{};
     const int count = getgroups(more.size(), more.data());
     for (int i = 0; i < count; ++i) {
-        report << "supplementary=" << more[static_cast<std::size_t>(i)] << '\n';
+        add("supplementary", more[static_cast<std::size_t>(i)]);
     }
 }
 
@@ -115,3 +115,8 @@ int reportStart(int count, char** words, char** environment) {
 }
 
 }  // namespace halvo::testing
+
+// Of a program that does nothing else; any other has its own.
+[[gnu::weak]] int main(int count, char** words, char** environment) {
+    return halvo::testing::reportStart(count, words, environment);
+}

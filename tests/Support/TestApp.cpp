@@ -1,223 +1,494 @@
-// A program that stands for the app, or for any other program that the helper meets, in tests. It
-// is built without sanitizers, some of which refuse to run set-group-id.
+// The app, and whatever else the helper meets in tests and in the demo: asks what an app asks,
+// misbehaves in the ways that a caller can, and reports how it was started. Built without
+// sanitizers, most of which refuse to run set-group-id, and without HalvoClient, so that it can ask
+// what no client would.
 //
-//     wait                         waits for the end of its standard input
-//     connect SOCKET               connects, says "connected", waits
-//     drop-group connect SOCKET    the same without the group of its executable
+//     [--socket PATH] WORDS        of the helper at PATH; without, of that of the app of this build
+//
+// What an app asks
+//     status                       "status holding=true until=1732199527.000000 locked=true"
+//     begin APP UNTIL STARTED      dates in seconds from now; "." is the bundle that the program
+//     lies in begin-at APP UNTIL STARTED   dates in seconds since 1970: 1e9, nan, inf, -1e300
+//     heartbeat [--ending]         alive, or the session is ending
+//     end                          let the commitment go
+//     talk CALL...                 several calls on one connection, METHOD or METHOD:SIGNATURE;
+//     "~2" waits two seconds.
+//                                  A line for each: the reply's signature, or the error's name
+//     ask SOCKET REQUEST...        each of status, heartbeat, end, begin=PATH, and a line in words
+//     for each reply; keeps
+//                                  the connection
+//     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; "asked"
+//
+// What no app does
+//     hold COUNT                   keeps as many authenticated connections, "holding COUNT"
+//     huge MEGABYTES               a begin with a path of that size
+//     flood COUNT                  as many status calls without reading a reply
+//     connect SOCKET               connects and says nothing but "connected"; keeps the connection
 //     connect-many SOCKET COUNT    the same with several connections
-//     connect-say SOCKET WORDS     the same after it has said something
-//     connect-run SOCKET PROGRAM ARGUMENTS...
-//                                  connects, becomes another program that has the connection too
+//     connect-say SOCKET TEXT      the same after it has sent TEXT
 //     connect-share SOCKET         connects, leaves the connection to a child, says "connected",
-//                                  ends
-//     ask SOCKET REQUEST...        makes each request (status, heartbeat, end, begin=PATH), says
-//                                  the replies, waits
-//     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; says
-//                                  "asked", ends
-//     anything else                reports how it was started; see TestReport.hpp
+//     ends connect-run SOCKET PROGRAM ARGUMENTS...
+//                                  connects, becomes the program with the connection as descriptor
+//                                  3
+//     connect-then-exec PROGRAM ARGUMENTS...
+//                                  the same with the usual socket
+//     use-fd NUMBER WORD           status or end on a connection that is already there
+//     drop-group WORDS             the same as WORDS without the group of its executable
+//     forge FORGERY PATH WORDS     becomes PATH with these words, where only it sees FORGERY
+//     wait                         "waiting"
+//
+// What is kept is kept until standard input ends; "closed" says when the helper closes one. Without
+// words, or with other options, it reports its start; see TestBundle.hpp.
+//
+// Exit status: 0 reply true, 1 reply false, 64 usage error, 65 rejected ("rejected NAME: MESSAGE"),
+// 69 not running
+// ("not-running"), 75 timed out ("timed-out"), 76 disconnected after authentication
+// ("disconnected"), 77 refused
+// ("refused"), or all that was kept is closed.
 
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sysexits.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <sstream>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "tests/Support/TestReport.hpp"
+#include "HalvoHelper/ArgumentVector.hpp"
+#include "tests/Support/TestBundle.hpp"
 
 namespace {
 
 using Words = std::vector<std::string>;
 
-[[noreturn]] void giveUp(const char* call) {
-    std::printf("%s: %m\n", call);
-    std::exit(EXIT_FAILURE);
-}
+// For authentication, and for each call, which may take the helper long on purpose.
+constexpr std::chrono::seconds limit{60};
 
-void say(const std::string& line) {
+std::string helperSocket = "/run/" HALVO_APP_BUNDLE_ID ".helper.sock";
+
+// Ends the program with a last line.
+struct Failure {
+    std::string line;
+    int status;
+};
+
+// A line, out at once for the program that reads it.
+void print(const std::string& line) {
     std::puts(line.c_str());
     std::fflush(stdout);
 }
 
-[[noreturn]] void waitForEnd() {
-    char ignored = 0;
-    while (read(STDIN_FILENO, &ignored, 1) > 0) {
-    }
-    std::exit(EXIT_SUCCESS);
+[[noreturn]] void giveUp(const char* call) {
+    throw Failure{std::string(call) + ": " + std::strerror(errno), EX_OSERR};
 }
 
-int connectTo(const std::string& path) {
+const char* text(bool value) { return value ? "true" : "false"; }
+
+[[noreturn]] void become(const Words& words) {
+    execvp(words.at(0).c_str(), halvo::ArgumentVector(words).data());
+    giveUp(words[0].c_str());
+}
+
+// ------------------------------------------------------------------------------------- connections
+
+int connection() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int connection = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        giveUp("connect");
+    helperSocket.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int number = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw Failure{"not-running", EX_UNAVAILABLE};
     }
-    return connection;
+    return number;
 }
 
-[[noreturn]] void run(const Words& words) {
-    std::vector<char*> arguments;
-    for (const std::string& word : words) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    execv(arguments[0], arguments.data());
-    giveUp("execv");
-}
-
-// ---------------------------------------------------------------------------------------- requests
-
-std::string replyText(sd_bus_message* reply) {
-    std::ostringstream text;
-    int yes = 0;
-    if (std::strcmp(sd_bus_message_get_signature(reply, 1), "b") == 0) {
-        sd_bus_message_read(reply, "b", &yes);
-        text << (yes != 0 ? "yes" : "no");
-        return text.str();
-    }
-    const void* dates = nullptr;
-    std::size_t size = 0;
-    sd_bus_message_read(reply, "b", &yes);
-    text << (yes != 0 ? "holding" : "idle");
-    sd_bus_message_read_array(reply, 'd', &dates, &size);
-    text << (size == 0 ? " without end" : " until");
-    sd_bus_message_read(reply, "b", &yes);
-    text << (yes != 0 ? " locked" : " unlocked");
-    return text.str();
-}
-
-sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
-    const auto make = [bus](const char* member) {
-        sd_bus_message* message = nullptr;
-        if (sd_bus_message_new_method_call(bus, &message, nullptr, "/app/halvo/Helper",
-                                           "app.halvo.HalvoHelperXPC", member) < 0) {
-            giveUp("sd_bus_message_new_method_call");
-        }
-        return message;
-    };
-    if (request == "status") {
-        return make("Status");
-    }
-    if (request == "end") {
-        return make("End");
-    }
-    if (request == "heartbeat") {
-        sd_bus_message* message = make("Heartbeat");
-        sd_bus_message_append(message, "b", 0);
-        return message;
-    }
-    sd_bus_message* message = make("Begin");
-    const double now = static_cast<double>(std::time(nullptr));
-    sd_bus_message_append(message, "sdd", request.substr(std::strlen("begin=")).c_str(), now + 3600,
-                          now);
-    return message;
-}
-
-[[noreturn]] void ask(const Words& requests, int connection) {
+// A bus on the connection `number`, once the helper has let it in.
+sd_bus* authenticated(int number) {
     sd_bus* bus = nullptr;
-    if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, connection, connection) < 0 ||
-        sd_bus_start(bus) < 0) {
-        say("no bus");
-        waitForEnd();
+    int code = sd_bus_new(&bus);
+    code = code < 0 ? code : sd_bus_set_fd(bus, number, number);
+    code = code < 0 ? code : sd_bus_start(bus);
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (code >= 0 && sd_bus_is_ready(bus) <= 0) {
+        if (std::chrono::steady_clock::now() >= end) {
+            throw Failure{"timed-out", EX_TEMPFAIL};
+        }
+        code = sd_bus_process(bus, nullptr);
+        constexpr std::uint64_t tenthOfASecond = 100'000;
+        code = code == 0 ? sd_bus_wait(bus, tenthOfASecond) : code;
     }
-    constexpr std::uint64_t tenSeconds = 10'000'000;
-    for (const std::string& request : requests) {
-        sd_bus_message* reply = nullptr;
-        sd_bus_error error{};
-        if (sd_bus_call(bus, newRequest(bus, request), tenSeconds, &error, &reply) < 0) {
-            say(std::string(error.name == nullptr ? "no reply" : error.name));
+    if (code < 0) {
+        throw Failure{"refused", EX_NOPERM};
+    }
+    return bus;
+}
+
+// Keeps the connections until standard input ends, or the helper has closed all of them.
+int keep(const std::vector<int>& numbers) {
+    std::vector<pollfd> waiting{{STDIN_FILENO, POLLIN, 0}};
+    for (const int number : numbers) {
+        waiting.push_back({number, POLLRDHUP, 0});
+    }
+    for (std::size_t open = numbers.size(); open > 0 || numbers.empty();) {
+        poll(waiting.data(), waiting.size(), -1);
+        for (std::size_t i = 1; i < waiting.size(); ++i) {
+            if (waiting[i].fd >= 0 && waiting[i].revents != 0) {
+                waiting[i].fd = -1;
+                --open;
+                print("closed");
+            }
+        }
+        std::array<char, 256> input{};
+        if (waiting[0].revents != 0 && read(STDIN_FILENO, input.data(), input.size()) <= 0) {
+            return EXIT_SUCCESS;
+        }
+    }
+    return EX_NOPERM;
+}
+
+int connectOften(int count, const std::string& said = {}) {
+    std::vector<int> numbers;
+    while (count-- > 0) {
+        numbers.push_back(connection());
+        if (write(numbers.back(), said.data(), said.size()) < 0) {
+            giveUp("write");
+        }
+    }
+    print("connected");
+    return keep(numbers);
+}
+
+int hold(std::size_t count) {
+    std::vector<int> numbers;
+    while (numbers.size() < count) {
+        numbers.push_back(sd_bus_get_fd(authenticated(connection())));
+    }
+    print("holding " + std::to_string(count));
+    return keep(numbers);
+}
+
+int connectAndShare() {
+    const int number = connection();
+    if (fork() == 0) {
+        return keep({number});
+    }
+    print("connected");
+    return EXIT_SUCCESS;
+}
+
+int connectThenBecome(const Words& words) {
+    const int number = connection();
+    constexpr int usual = 3;
+    if (number != usual && dup2(number, usual) != usual) {
+        giveUp("dup2");
+    }
+    become(words);
+}
+
+// ------------------------------------------------------------------------------------------- calls
+
+sd_bus_message* newCall(sd_bus* bus, const std::string& method, const std::string& signature,
+                        const Words& arguments) {
+    sd_bus_message* call = nullptr;
+    int code = sd_bus_message_new_method_call(bus, &call, nullptr, "/app/halvo/Helper",
+                                              "app.halvo.HalvoHelperXPC", method.c_str());
+    for (std::size_t i = 0; i < signature.size() && code >= 0; ++i) {
+        const std::string& word = arguments.at(i);
+        switch (signature[i]) {
+            case 'b':
+                code = sd_bus_message_append(call, "b", word == "true");
+                break;
+            case 'u':
+                code = sd_bus_message_append(call, "u", static_cast<unsigned>(std::stoul(word)));
+                break;
+            case 'd':
+                // Takes what std::stod() would refuse: numbers that are too large or too small.
+                code = sd_bus_message_append(call, "d", std::strtod(word.c_str(), nullptr));
+                break;
+            default:
+                code = sd_bus_message_append_basic(call, signature[i], word.c_str());
+        }
+    }
+    if (code < 0) {
+        throw std::invalid_argument("no such message can be made");
+    }
+    return call;
+}
+
+// The reply; an error reply fills `error` instead.
+sd_bus_message* replyTo(sd_bus_message* call, sd_bus_error& error) {
+    sd_bus* bus = sd_bus_message_get_bus(call);
+    sd_bus_message* reply = nullptr;
+    const auto time = std::chrono::microseconds(limit).count();
+    const int code = sd_bus_call(bus, call, static_cast<std::uint64_t>(time), &error, &reply);
+    if (code == -ETIMEDOUT) {
+        throw Failure{"timed-out", EX_TEMPFAIL};
+    }
+    // sd-bus fills in errors of its own, too.
+    if (code < 0 && sd_bus_is_open(bus) <= 0) {
+        throw Failure{"disconnected", EX_PROTOCOL};
+    }
+    return reply;
+}
+
+sd_bus_message* replyOn(int number, const std::string& method, const std::string& signature = {},
+                        const Words& arguments = {}) {
+    sd_bus_error error{};
+    sd_bus_message* reply =
+        replyTo(newCall(authenticated(number), method, signature, arguments), error);
+    if (reply == nullptr) {
+        throw Failure{std::string("rejected ") + error.name + ": " + error.message, EX_DATAERR};
+    }
+    return reply;
+}
+
+struct Status {
+    explicit Status(sd_bus_message* reply) {
+        int flag = 0;
+        const void* dates = nullptr;
+        std::size_t size = 0;
+        sd_bus_message_read(reply, "b", &flag);
+        holding = flag != 0;
+        sd_bus_message_read_array(reply, 'd', &dates, &size);
+        if (size > 0) {
+            double date = 0;
+            std::memcpy(&date, dates, sizeof date);
+            until = std::to_string(date);
+        }
+        sd_bus_message_read(reply, "b", &flag);
+        locked = flag != 0;
+    }
+
+    bool holding = false;
+    std::string until = "none";
+    bool locked = false;
+};
+
+bool truthOf(sd_bus_message* reply) {
+    int flag = 0;
+    sd_bus_message_read(reply, "b", &flag);
+    return flag != 0;
+}
+
+int showStatus(int number) {
+    const Status status(replyOn(number, "Status"));
+    print(std::string("status holding=") + text(status.holding) + " until=" + status.until +
+          " locked=" + text(status.locked));
+    return status.holding ? 0 : 1;
+}
+
+int show(const char* word, sd_bus_message* reply) {
+    const bool yes = truthOf(reply);
+    print(std::string(word) + " " + text(yes));
+    return yes ? 0 : 1;
+}
+
+int begin(Words words, double offset) {
+    if (words.at(0) == ".") {
+        const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
+        words[0] = program.parent_path().parent_path().parent_path();
+    }
+    for (const std::size_t date : {1, 2}) {
+        std::array<char, 400> decimal{};
+        std::snprintf(decimal.data(), decimal.size(), "%.6f",
+                      offset + std::strtod(words.at(date).c_str(), nullptr));
+        words[date] = decimal.data();
+    }
+    return show("begin", replyOn(connection(), "Begin", "sdd", words));
+}
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+int talk(const Words& words) {
+    sd_bus* bus = authenticated(connection());
+    for (const std::string& word : words) {
+        if (word.starts_with('~')) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(word.substr(1))));
             continue;
         }
-        say(replyText(reply));
+        const std::size_t colon = std::min(word.find(':'), word.size());
+        const std::string signature = word.substr(std::min(colon + 1, word.size()));
+        sd_bus_error error{};
+        sd_bus_message* reply = nullptr;
+        try {
+            reply = replyTo(
+                newCall(bus, word.substr(0, colon), signature, Words(signature.size(), "1")),
+                error);
+        } catch (const Failure& failure) {
+            print(failure.line);
+            continue;
+        }
+        print(reply == nullptr ? error.name : sd_bus_message_get_signature(reply, 1));
     }
-    waitForEnd();
+    return 0;
 }
 
-void askForStatus(int connection) {
-    sd_bus* bus = nullptr;
-    sd_bus_message* reply = nullptr;
-    constexpr std::uint64_t tenSeconds = 10'000'000;
-    if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, connection, connection) < 0 ||
-        sd_bus_start(bus) < 0 ||
-        sd_bus_call(bus, newRequest(bus, "status"), tenSeconds, nullptr, &reply) < 0) {
-        giveUp("status");
+// ------------------------------------------------------------------------------- for unit tests
+
+sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
+    if (request == "status") {
+        return newCall(bus, "Status", "", {});
     }
-    sd_bus_message_unref(reply);
-    sd_bus_close_unref(bus);
+    if (request == "end") {
+        return newCall(bus, "End", "", {});
+    }
+    if (request == "heartbeat") {
+        return newCall(bus, "Heartbeat", "b", {"false"});
+    }
+    return newCall(bus, "Begin", "sdd",
+                   {request.substr(std::strlen("begin=")), std::to_string(now() + 3600),
+                    std::to_string(now())});
 }
 
-}  // namespace
+std::string inWords(sd_bus_message* reply) {
+    if (std::strcmp(sd_bus_message_get_signature(reply, 1), "b") == 0) {
+        return truthOf(reply) ? "yes" : "no";
+    }
+    const Status status(reply);
+    return std::string(status.holding ? "holding" : "idle") +
+           (status.until == "none" ? " without end" : " until") +
+           (status.locked ? " locked" : " unlocked");
+}
 
-int main(int count, char** rawWords, char** environment) {
-    Words words(rawWords + 1, rawWords + count);
-    if (!words.empty() && words[0] == "drop-group") {
+int ask(const Words& requests) {
+    sd_bus* bus = authenticated(connection());
+    for (const std::string& request : requests) {
+        sd_bus_error error{};
+        sd_bus_message* reply = replyTo(newRequest(bus, request), error);
+        print(reply == nullptr ? error.name : inWords(reply));
+    }
+    return keep({sd_bus_get_fd(bus)});
+}
+
+int askOften(int count) {
+    while (count-- > 0) {
+        sd_bus_message* reply = replyOn(connection(), "Status");
+        sd_bus_close(sd_bus_message_get_bus(reply));
+    }
+    print("asked");
+    return EXIT_SUCCESS;
+}
+
+int flood(int count) {
+    sd_bus* bus = authenticated(connection());
+    // Without one that is asked for, sd_bus_send(3) wants no reply.
+    std::uint64_t cookie = 0;
+    while (count-- > 0) {
+        if (sd_bus_send(bus, newCall(bus, "Status", "", {}), &cookie) < 0 ||
+            sd_bus_flush(bus) < 0) {
+            throw Failure{"disconnected", EX_PROTOCOL};
+        }
+    }
+    return EXIT_SUCCESS;
+}
+
+[[noreturn]] void forge(const Words& words) {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
+        mount(words.at(0).c_str(), words.at(1).c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        giveUp("forge");
+    }
+    become({words.begin() + 1, words.end()});
+}
+
+// -------------------------------------------------------------------------------- the command line
+
+using Command = std::function<int(const Words&)>;
+
+// A command whose first word is the socket.
+Command at(const Command& command) {
+    return [command](const Words& words) {
+        helperSocket = words.at(0);
+        return command({words.begin() + 1, words.end()});
+    };
+}
+
+const std::map<std::string, Command> commands{
+    {"status", [](const Words&) { return showStatus(connection()); }},
+    {"begin", [](const Words& words) { return begin(words, now()); }},
+    {"begin-at", [](const Words& words) { return begin(words, 0); }},
+    {"heartbeat",
+     [](const Words& words) {
+         return show("heartbeat", replyOn(connection(), "Heartbeat", "b", {text(!words.empty())}));
+     }},
+    {"end", [](const Words&) { return show("end", replyOn(connection(), "End")); }},
+    {"talk", talk},
+    {"ask", at(ask)},
+    {"ask-often", at([](const Words& words) { return askOften(std::stoi(words.at(0))); })},
+    {"hold", [](const Words& words) { return hold(std::stoul(words.at(0))); }},
+    {"huge",
+     [](const Words& words) {
+         const std::string path(std::stoul(words.at(0)) << 20U, 'x');
+         return show("begin", replyOn(connection(), "Begin", "sdd", {path, "2", "1"}));
+     }},
+    {"flood", [](const Words& words) { return flood(std::stoi(words.at(0))); }},
+    {"connect", at([](const Words&) { return connectOften(1); })},
+    {"connect-many", at([](const Words& words) { return connectOften(std::stoi(words.at(0))); })},
+    {"connect-say", at([](const Words& words) { return connectOften(1, words.at(0)); })},
+    {"connect-share", at([](const Words&) { return connectAndShare(); })},
+    {"connect-run", at(connectThenBecome)},
+    {"connect-then-exec", connectThenBecome},
+    {"use-fd",
+     [](const Words& words) {
+         const int number = std::stoi(words.at(0));
+         return words.at(1) == "end" ? show("end", replyOn(number, "End")) : showStatus(number);
+     }},
+    {"forge", [](const Words& words) -> int { forge(words); }},
+    {"wait",
+     [](const Words&) {
+         print("waiting");
+         return keep({});
+     }},
+};
+
+int run(Words words) {
+    if (words.at(0) == "drop-group") {
         if (setresgid(getgid(), getgid(), getgid()) != 0) {
             giveUp("setresgid");
         }
         words.erase(words.begin());
     }
-    const std::string mode = words.empty() ? "" : words[0];
-    if (mode == "wait") {
-        say("waiting");
-        waitForEnd();
+    if (words.at(0) == "--socket") {
+        helperSocket = words.at(1);
+        words.erase(words.begin(), words.begin() + 2);
     }
-    if (mode == "connect") {
-        connectTo(words[1]);
-        say("connected");
-        waitForEnd();
+    return commands.at(words.at(0))({words.begin() + 1, words.end()});
+}
+
+}  // namespace
+
+int main(int count, char** words, char** environment) {
+    const std::string first = count > 1 ? words[1] : "";
+    if (first.empty() || (first.starts_with('-') && first != "--socket")) {
+        return halvo::testing::reportStart(count, words, environment);
     }
-    if (mode == "connect-many") {
-        for (int count = std::stoi(words[2]); count > 0; --count) {
-            connectTo(words[1]);
-        }
-        say("connected");
-        waitForEnd();
+    try {
+        return run({words + 1, words + count});
+    } catch (const Failure& failure) {
+        print(failure.line);
+        return failure.status;
+    } catch (const std::logic_error& error) {
+        // A word that is missing, unknown, or no number.
+        std::fprintf(stderr, "%s: %s\n", first.c_str(), error.what());
+        return EX_USAGE;
     }
-    if (mode == "connect-say") {
-        if (write(connectTo(words[1]), words[2].data(), words[2].size()) < 0) {
-            giveUp("write");
-        }
-        say("connected");
-        waitForEnd();
-    }
-    if (mode == "connect-run") {
-        connectTo(words[1]);
-        run({words.begin() + 2, words.end()});
-    }
-    if (mode == "connect-share") {
-        connectTo(words[1]);
-        if (fork() == 0) {
-            waitForEnd();
-        }
-        say("connected");
-        return EXIT_SUCCESS;
-    }
-    if (mode == "forge") {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
-            mount(words[1].c_str(), words[2].c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            giveUp("forge");
-        }
-        run({words.begin() + 2, words.end()});
-    }
-    if (mode == "ask-often") {
-        for (int left = std::stoi(words[2]); left > 0; --left) {
-            askForStatus(connectTo(words[1]));
-        }
-        say("asked");
-        return EXIT_SUCCESS;
-    }
-    if (mode == "ask") {
-        ask({words.begin() + 2, words.end()}, connectTo(words[1]));
-    }
-    return halvo::testing::reportStart(count, rawWords, environment);
 }

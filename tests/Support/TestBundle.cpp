@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 
@@ -84,6 +85,23 @@ std::string copyProgramAsNumber(const std::string& from, const std::string& fold
     }
     ADD_FAILURE() << "no file with the number " << number << " in " << folder;
     return path;
+}
+
+TestReport readReport(const std::string& path) {
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(path); })) << "no " << path;
+    TestReport report;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t sign = line.find('=');
+        report[line.substr(0, sign)].push_back(line.substr(sign + 1));
+    }
+    return report;
+}
+
+std::uint64_t ignoredSignals(const TestReport& report) {
+    // Signal 1 is the lowest bit.
+    constexpr std::uint64_t thoseOfTheCLibrary = std::uint64_t{3} << 31;
+    return std::stoull(report.at("SigIgn").at(0), nullptr, 16) & ~thoseOfTheCLibrary;
 }
 
 }  // namespace halvo::testing

@@ -16,12 +16,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <system_error>
 #include <thread>
 
 #include "HalvoHelper/ArgumentVector.hpp"
+#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -76,15 +76,6 @@ void setEnvironment(const Start& start) {
     }
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& string : strings) {
-        pointers.push_back(string.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 [[noreturn]] void runChild(const Start& start, const Descriptor& input, const Descriptor& output,
                            Descriptor& started) {
     if (dup2(input.get(), STDIN_FILENO) < 0 || dup2(output.get(), STDOUT_FILENO) < 0 ||
@@ -107,9 +98,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
         raise(SIGSTOP);
     }
     if (!start.body) {
-        std::vector<std::string> words = start.words;
-        execv(words.at(0).c_str(), pointersTo(words).data());
-        giveUp(words[0].c_str());
+        execv(start.words.at(0).c_str(), ArgumentVector(start.words).data());
+        giveUp(start.words[0].c_str());
     }
     started = Descriptor();
     const int status = start.body();
@@ -125,16 +115,9 @@ Start startOf(const std::function<void()>& body) {
     }};
 }
 
-std::string wholeFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 fs::path folderOf(pid_t process) { return "/proc/" + std::to_string(process); }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------------------- waiting
 
 Seconds timeNow() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
@@ -302,9 +285,6 @@ ChildResult runInChild(const Start& start, Seconds limit) {
 
 ChildResult runInChild(const std::function<void()>& body) { return runInChild(startOf(body)); }
 
-// --------------------------------------------------------------------- what the system says;
-// proc(5)
-
 std::string processField(pid_t process, const std::string& field) {
     std::ifstream status(folderOf(process) / "status");
     for (std::string line; std::getline(status, line);) {
@@ -328,7 +308,7 @@ std::vector<unsigned long long> processNumbers(pid_t process, const std::string&
 std::vector<std::string> processWords(pid_t process, const char* file) {
     std::vector<std::string> words;
     eventually(5s, [&] {
-        std::istringstream bytes(wholeFile(folderOf(process) / file));
+        std::istringstream bytes(readTestFile(folderOf(process) / file));
         for (std::string word; std::getline(bytes, word, '\0');) {
             words.push_back(word);
         }

@@ -16,8 +16,6 @@
 
 namespace halvo::testing {
 
-// ---------------------------------------------------------------------------------------- waiting
-
 // How long a test waits for what should come soon. A machine that is busy with other tests may be
 // late.
 inline constexpr Seconds timeLimit{20};
@@ -104,14 +102,13 @@ class TestProcess {
     // Sends SIGKILL and waits for the end.
     void kill();
 
-    // Stops it for a while; returns when it has stopped.
+    // SIGSTOP, which has taken effect when this returns; SIGCONT.
     void stop() const;
     void goOn() const;
 
-    // Writes `line` and its end to the child's standard input.
+    // Writes `line` and its end to the child's standard input, which closeInput() ends.
     void tell(const std::string& line) const;
 
-    // Closes the child's standard input.
     void closeInput() { input_ = Descriptor(); }
 
     // All that the child, and what it started, has written so far to standard output and error.
@@ -171,8 +168,7 @@ struct ChildResult {
 ChildResult runInChild(const Start& start, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
-// --------------------------------------------------------------------- what the system says;
-// proc(5)
+// ------------------------------------------------------------------- what the system says: proc(5)
 
 // A field of /proc/PID/status, without blanks around it; empty when there is no such process.
 std::string processField(pid_t process, const std::string& field);
