@@ -10,7 +10,6 @@
 
 #include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Commands.hpp"
-#include "tools/Halvoctl/Doctor.hpp"
 
 namespace halvo::control {
 
