@@ -40,26 +40,6 @@ enum class StateFile {
     unreadable,
 };
 
-// What is stored.
-struct Stored {
-    StateFile file{};
-    // UnreadableCommitment of a damaged file alone.
-    StoredCommitment record;
-
-    // The record, if it is whole.
-    [[nodiscard]] const HelperCommitment* commitment() const {
-        return std::get_if<HelperCommitment>(&record);
-    }
-
-    // The bundle that the record names, whole or not.
-    [[nodiscard]] std::optional<std::string> app() const;
-
-    // The same, where the record owes its unlock and the helper locks bundles there.
-    [[nodiscard]] std::optional<std::string> owed() const;
-};
-
-Stored readState(Machine& machine);
-
 // A bundle and the flag on its folder.
 struct AppFlag {
     std::string path;
@@ -70,22 +50,39 @@ struct AppFlag {
 
 struct Observation {
     ClockReading now;
-    Stored stored;
-    // The bundle that the record names; without one, those of the app in the folders for them.
-    // Then those of the orphans that are not among them.
-    std::vector<AppFlag> apps;
-    // The app's own bundles whose lock no record owes.
+    StateFile file{};
+    // Never UnreadableCommitment but of a damaged file.
+    StoredCommitment stored;
+    // The bundles whose Info.plist carries the app's identifier: those directly in the machine's
+    // folder for them, and in each other one that is root's alone; in the order of their paths
+    // there.
+    std::vector<std::string> installed;
+    // Those of them that are the app's own, of the helper's identity in an Info.plist that is
+    // root's alone, and that carry the lock although the record does not owe it.
     std::vector<std::string> orphans;
+    // The bundle that the record names; without one, those installed. Then those of the orphans
+    // that are not among them.
+    std::vector<AppFlag> apps;
     // The processes of the helper.
     std::vector<pid_t> helpers;
     // Those of them that are stopped and so do nothing.
     std::vector<pid_t> stopped;
 
-    // The record, if it is whole and holds.
-    [[nodiscard]] const HelperCommitment* live() const {
-        const HelperCommitment* commitment = stored.commitment();
-        return commitment != nullptr && commitment->isLive(now) ? commitment : nullptr;
+    // The record, if it is whole.
+    [[nodiscard]] const HelperCommitment* commitment() const {
+        return std::get_if<HelperCommitment>(&stored);
     }
+
+    // The same, if it holds.
+    [[nodiscard]] const HelperCommitment* live() const {
+        return commitment() != nullptr && commitment()->isLive(now) ? commitment() : nullptr;
+    }
+
+    // The bundle that the record names, whole or not.
+    [[nodiscard]] std::optional<std::string> named() const;
+
+    // The same, where the record owes its unlock and the helper locks bundles there.
+    [[nodiscard]] std::optional<std::string> owed() const;
 };
 
 Observation observe(Machine& machine);
@@ -95,28 +92,10 @@ enum class Presence { there, gone, unknown };
 // Whether something is at `path`, links not followed. What the system cannot look at may be there.
 Presence presence(const std::string& path);
 
-// The bundles whose Info.plist carries the app's identifier: those directly in the machine's folder
-// for them, and in each other one that is root's alone; in the order of their paths there.
-std::vector<std::string> installedApps(Machine& machine);
-
-// Those of `installed` that are the app's own, of this identity in an Info.plist that is root's
-// alone, and that carry the lock although `stored` does not owe it.
-std::vector<std::string> orphanedLocks(Machine& machine, std::vector<std::string> installed,
-                                       const Stored& stored);
-
-// Whether record and flag agree, and what comes of it.
-struct Agreement {
-    bool isGiven{};
-    // A sentence on how things stand.
-    std::string finding;
-    // What happens next, or what to do, as sentences; empty when nothing does.
-    std::string next;
-
-    bool operator==(const Agreement&) const = default;
-};
-
-// Judges one of the observation's bundles. `startCommand` is what starts a helper now.
-Agreement judge(const Observation& seen, const AppFlag& app, const std::string& startCommand);
+// Whether record and flag of one of the observation's bundles agree, as the check "lock", but in
+// whole sentences; and what happens next, or what to do, also where they do. `startCommand` is what
+// starts a helper now.
+Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand);
 
 // "ann (uid 1000)", or "uid 1000" when there is no such user.
 std::string person(const Machine& machine, std::uint32_t uid);

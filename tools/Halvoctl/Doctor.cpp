@@ -34,11 +34,9 @@ Check checkLocation(const std::string& app) {
 }
 
 Check checkLock(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
-    Agreement agreement = judge(seen, app, startCommand);
-    // It is a sentence, which a finding is not.
-    agreement.finding.pop_back();
-    return firstOf("lock", {{!agreement.isGiven, agreement.finding, agreement.next}},
-                   agreement.finding);
+    Check check = judge(seen, app, startCommand);
+    check.finding.pop_back();
+    return check.verdict == Verdict::ok ? isOk(check.name, check.finding) : check;
 }
 
 Check checkRunning(Machine& machine, const Observation& seen) {
@@ -47,7 +45,7 @@ Check checkRunning(Machine& machine, const Observation& seen) {
         goOn += " " + std::to_string(process);
     }
     const std::string restart = machine.service.restartCommand();
-    const StateFile file = seen.stored.file;
+    const StateFile file = seen.file;
     const bool isStored = file == StateFile::damaged || file == StateFile::whole;
     return firstOf(
         "helper",
@@ -143,7 +141,7 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
     Checks checks{checkHelperFiles(helperFiles(machine.helper)),
                   isRoot ? checkRunning(machine, seen) : needsRoot("helper")};
     append(checks, machine.service.examine());
-    checks.push_back(isRoot ? checkState(machine.stateFile, seen.stored.file) : needsRoot("state"));
+    checks.push_back(isRoot ? checkState(machine.stateFile, seen.file) : needsRoot("state"));
     if (seen.apps.empty()) {
         checks.push_back(isProblem(
             "app",

@@ -60,60 +60,58 @@ Result settle(Machine& machine, const std::string& path, bool isGone) {
         " If the bundle is gone for good: halvoctl release --bundle-gone");
 }
 
-// Takes off the lock that `stored` owes, and those of the app's own bundles that it does not owe; a
-// lock that another bundle has stays. What to say of them, each after a "; ".
-Result unlockAll(Machine& machine, const Stored& stored, bool isGone) {
+// Takes off the lock that the record owes, and those of the app's own bundles that it does not owe;
+// a lock that another bundle has stays. What to say of them, each after a "; ".
+Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
     std::string said;
-    if (const auto owed = stored.owed()) {
+    if (const auto owed = seen.owed()) {
         const Result flag = settle(machine, *owed, isGone);
         if (!flag) {
             return flag;
         }
         said = "; " + *flag;
     }
-    const auto installed = installedApps(machine);
-    for (const std::string& path : orphanedLocks(machine, installed, stored)) {
+    for (const std::string& path : seen.orphans) {
         const Result flag =
             unlock(machine, path, " carried a lock that no record owed, and is unlocked",
-                   !std::holds_alternative<NoCommitment>(stored.record));
+                   !std::holds_alternative<NoCommitment>(seen.stored));
         if (!flag) {
             return flag;
         }
         said += "; " + *flag;
         HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
     }
-    for (const std::string& path : installed) {
+    for (const std::string& path : seen.installed) {
         if (machine.flags.state(path) == LockState::locked) {
             said += "; " + leftAlone(machine, path);
         }
     }
-    if (said.empty() && stored.file != StateFile::none) {
-        const auto app = stored.app();
+    if (said.empty() && seen.file != StateFile::none) {
+        const auto app = seen.named();
         said = "; " + (app ? leftAlone(machine, *app) : "no lock is known that it owed");
     }
     return said;
 }
 
-// What it means that `stored` is forgotten.
-std::string meaning(Machine& machine, const Stored& stored, const GregorianCalendar& calendar) {
-    const HelperCommitment* commitment = stored.commitment();
+// What it means that the record is forgotten.
+std::string meaning(Machine& machine, const Observation& seen, const GregorianCalendar& calendar) {
+    const HelperCommitment* commitment = seen.commitment();
     if (commitment == nullptr) {
-        return stored.file == StateFile::damaged ? "Removed a damaged state file"
-                                                 : "Removed a state file that could not be read";
+        return seen.file == StateFile::damaged ? "Removed a damaged state file"
+                                               : "Removed a state file that could not be read";
     }
-    const ClockReading now = machine.clock.reading();
     return "Let go of the commitment of " + person(machine, commitment->uid) + " that " +
-           (commitment->isLive(now) ? "held until " : "had run out at ") +
-           records::zonedDate(commitment->ends(now), calendar);
+           (seen.live() != nullptr ? "held until " : "had run out at ") +
+           records::zonedDate(commitment->ends(seen.now), calendar);
 }
 
 Result letGo(Machine& machine, bool isGone, const GregorianCalendar& calendar) {
-    const Stored stored = readState(machine);
-    const Result flags = unlockAll(machine, stored, isGone);
+    const Observation seen = observe(machine);
+    const Result flags = unlockAll(machine, seen, isGone);
     if (!flags) {
         return flags;
     }
-    if (stored.file == StateFile::none) {
+    if (seen.file == StateFile::none) {
         return "Nothing was held" + *flags + ".";
     }
     machine.store.remove();
@@ -124,7 +122,7 @@ Result letGo(Machine& machine, bool isGone, const GregorianCalendar& calendar) {
                                printable(machine.stateFile));
     }
     HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
-    return meaning(machine, stored, calendar) + *flags + ".";
+    return meaning(machine, seen, calendar) + *flags + ".";
 }
 
 // The same as release(), by the one that holds the lock.

@@ -43,13 +43,13 @@ bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
 }
 
 std::string headline(Machine& machine, const Observation& seen) {
-    if (seen.stored.file == StateFile::damaged) {
+    if (seen.file == StateFile::damaged) {
         return "The state file is damaged: what it held cannot be told.";
     }
-    if (seen.stored.file == StateFile::unreadable) {
+    if (seen.file == StateFile::unreadable) {
         return "The state file cannot be read; the helper takes that for nothing.";
     }
-    const HelperCommitment* commitment = seen.stored.commitment();
+    const HelperCommitment* commitment = seen.commitment();
     if (commitment == nullptr) {
         return "Nothing holds.";
     }
@@ -69,7 +69,7 @@ Json date(WallDate date) {
 }
 
 Json commitmentJSON(const Machine& machine, const Observation& seen) {
-    const HelperCommitment* commitment = seen.stored.commitment();
+    const HelperCommitment* commitment = seen.commitment();
     if (commitment == nullptr) {
         return nullptr;
     }
@@ -83,45 +83,15 @@ Json commitmentJSON(const Machine& machine, const Observation& seen) {
             {"user", orNull(machine.userName(commitment->uid))}};
 }
 
-}  // namespace
-
-std::optional<std::string> Stored::app() const {
-    const auto* damaged = std::get_if<UnreadableCommitment>(&record);
-    return commitment() != nullptr ? commitment()->appPath
-           : damaged != nullptr    ? damaged->appPath
-                                   : std::nullopt;
-}
-
-std::optional<std::string> Stored::owed() const {
-    const auto* damaged = std::get_if<UnreadableCommitment>(&record);
-    const bool isLocked =
-        commitment() != nullptr ? commitment()->locked : damaged != nullptr && damaged->locked;
-    const auto path = app();
-    return isLocked && path && AppLocation::isLockablePath(*path) ? path : std::nullopt;
-}
-
-Presence presence(const std::string& path) {
-    struct stat status{};
-    if (lstat(path.c_str(), &status) == 0) {
-        return Presence::there;
-    }
-    const bool isGone =
-        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
-    return isGone ? Presence::gone : Presence::unknown;
-}
-
-Stored readState(Machine& machine) {
+// Of what the store holds, in which condition its file is.
+StateFile readState(Machine& machine, StoredCommitment& stored) {
     const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
     const bool wasThere = isThere();
-    Stored stored{StateFile::none, machine.store.load()};
-    if (stored.commitment() != nullptr) {
-        stored.file = StateFile::whole;
-    } else if (std::holds_alternative<UnreadableCommitment>(stored.record)) {
-        stored.file = StateFile::damaged;
-    } else if (wasThere && isThere()) {
-        stored.file = StateFile::unreadable;
-    }
-    return stored;
+    stored = machine.store.load();
+    return std::holds_alternative<HelperCommitment>(stored)       ? StateFile::whole
+           : std::holds_alternative<UnreadableCommitment>(stored) ? StateFile::damaged
+           : wasThere && isThere()                                ? StateFile::unreadable
+                                                                  : StateFile::none;
 }
 
 std::vector<std::string> installedApps(Machine& machine) {
@@ -151,27 +121,48 @@ std::vector<std::string> installedApps(Machine& machine) {
     return found;
 }
 
-std::vector<std::string> orphanedLocks(Machine& machine, std::vector<std::string> installed,
-                                       const Stored& stored) {
-    std::erase_if(installed, [&](const std::string& path) {
-        return machine.flags.state(path) != LockState::locked || stored.owed() == path ||
-               !isAppsOwn(path, machine.identity);
-    });
-    return installed;
+}  // namespace
+
+std::optional<std::string> Observation::named() const {
+    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
+    return commitment() != nullptr ? commitment()->appPath
+           : damaged != nullptr    ? damaged->appPath
+                                   : std::nullopt;
+}
+
+std::optional<std::string> Observation::owed() const {
+    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
+    const bool isLocked =
+        commitment() != nullptr ? commitment()->locked : damaged != nullptr && damaged->locked;
+    const auto path = named();
+    return isLocked && path && AppLocation::isLockablePath(*path) ? path : std::nullopt;
+}
+
+Presence presence(const std::string& path) {
+    struct stat status{};
+    if (lstat(path.c_str(), &status) == 0) {
+        return Presence::there;
+    }
+    const bool isGone =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    return isGone ? Presence::gone : Presence::unknown;
 }
 
 Observation observe(Machine& machine) {
     Observation seen;
-    seen.stored = readState(machine);
-    const auto named = seen.stored.app();
-    const auto installed = installedApps(machine);
-    for (const std::string& path : named ? std::vector{*named} : installed) {
+    seen.file = readState(machine, seen.stored);
+    seen.installed = installedApps(machine);
+    const auto named = seen.named();
+    for (const std::string& path : named ? std::vector{*named} : seen.installed) {
         seen.apps.push_back({path, machine.flags.state(path)});
     }
-    seen.orphans = orphanedLocks(machine, installed, seen.stored);
-    for (const std::string& path : seen.orphans) {
-        if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
-            seen.apps.push_back({path, LockState::locked});
+    for (const std::string& path : seen.installed) {
+        if (machine.flags.state(path) == LockState::locked && seen.owed() != path &&
+            isAppsOwn(path, machine.identity)) {
+            seen.orphans.push_back(path);
+            if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
+                seen.apps.push_back({path, LockState::locked});
+            }
         }
     }
     seen.helpers = machine.processes.running();
@@ -181,10 +172,10 @@ Observation observe(Machine& machine) {
     return seen;
 }
 
-Agreement judge(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
-    const auto named = seen.stored.app();
-    const bool isNamed = named == app.path || (!named && seen.stored.file == StateFile::damaged);
-    const bool isOwed = seen.stored.owed() == app.path;
+Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
+    const auto named = seen.named();
+    const bool isNamed = named == app.path || (!named && seen.file == StateFile::damaged);
+    const bool isOwed = seen.owed() == app.path;
     const bool isLive = seen.live() != nullptr;
     const bool isLocked = app.state == LockState::locked;
     const bool isRunning = !seen.helpers.empty();
@@ -199,42 +190,40 @@ Agreement judge(const Observation& seen, const AppFlag& app, const std::string& 
 
     struct {
         bool isSo;
-        Agreement agreement;
+        bool doAgree;
+        std::string finding;
+        std::string next;
     } const rows[] = {
-        {app.state == LockState::missing,
-         {!isOwed, "There is nothing at " + printable(app.path) + ".",
-          isOwed ? "The helper locks no other in its place." : ""}},
-        {!isNamed && !isLocked, {true, "The bundle is not locked.", ""}},
-        {!isNamed && isRunning && !named,
-         {false, unnamed,
-          "If the helper that runs holds something all the same, it writes the record anew within "
-          "a minute. Else to unlock the bundle: " +
-              unlock}},
-        {!isNamed, {false, unnamed, "To unlock it: " + unlock}},
-        {!isLive && isLocked && !isOwed,
-         {false, "The bundle is locked, but the record does not say that the helper did it.",
-          "It stays locked. To unlock it: " + unlock}},
-        {!isLive,
-         {true, isLocked ? "The bundle is still locked." : "The bundle is not locked.", end}},
-        {isOwed && isLocked,
-         {true, "The bundle is locked, as the record says.",
-          isRunning ? "" : "No helper runs that would keep it so: " + startCommand}},
-        {isOwed,
-         {false, "The bundle is not locked, but should be.",
-          isRunning ? "The helper sets it back within 2 seconds."
-                    : "The helper locks it when it starts: " + startCommand}},
-        {isLocked,
-         {!isOrphan, "The bundle carries a lock that the helper did not set.",
-          "It stays when the commitment ends. To unlock the bundle: " + unlock}},
-        {AppLocation::mayLock(app.path),
-         {false, "The commitment holds without a lock, though the bundle may be locked.",
-          "The helper's log says why it could not. It tries again when the app begins or extends a "
-          "commitment."}},
-        {true,
-         {true, "The commitment holds without a lock: the helper does not lock a bundle there.",
-          ""}}};
+        {app.state == LockState::missing, !isOwed,
+         "There is nothing at " + printable(app.path) + ".",
+         isOwed ? "The helper locks no other in its place." : ""},
+        {!isNamed && !isLocked, true, "The bundle is not locked.", ""},
+        {!isNamed && isRunning && !named, false, unnamed,
+         "If the helper that runs holds something all the same, it writes the record anew within "
+         "a minute. Else to unlock the bundle: " +
+             unlock},
+        {!isNamed, false, unnamed, "To unlock it: " + unlock},
+        {!isLive && isLocked && !isOwed, false,
+         "The bundle is locked, but the record does not say that the helper did it.",
+         "It stays locked. To unlock it: " + unlock},
+        {!isLive, true, isLocked ? "The bundle is still locked." : "The bundle is not locked.",
+         end},
+        {isOwed && isLocked, true, "The bundle is locked, as the record says.",
+         isRunning ? "" : "No helper runs that would keep it so: " + startCommand},
+        {isOwed, false, "The bundle is not locked, but should be.",
+         isRunning ? "The helper sets it back within 2 seconds."
+                   : "The helper locks it when it starts: " + startCommand},
+        {isLocked, !isOrphan, "The bundle carries a lock that the helper did not set.",
+         "It stays when the commitment ends. To unlock the bundle: " + unlock},
+        {AppLocation::mayLock(app.path), false,
+         "The commitment holds without a lock, though the bundle may be locked.",
+         "The helper's log says why it could not. It tries again when the app begins or extends a "
+         "commitment."},
+        {true, true,
+         "The commitment holds without a lock: the helper does not lock a bundle there.", ""}};
 
-    return std::ranges::find_if(rows, [](const auto& row) { return row.isSo; })->agreement;
+    const auto row = std::ranges::find_if(rows, [](const auto& each) { return each.isSo; });
+    return {"lock", row->doAgree ? Verdict::ok : Verdict::problem, row->finding, row->next};
 }
 
 std::string person(const Machine& machine, std::uint32_t uid) {
@@ -246,7 +235,7 @@ std::string person(const Machine& machine, std::uint32_t uid) {
 std::string statusText(Machine& machine, const Observation& seen,
                        const GregorianCalendar& calendar) {
     std::vector<std::vector<std::string>> rows;
-    if (const HelperCommitment* commitment = seen.stored.commitment()) {
+    if (const HelperCommitment* commitment = seen.commitment()) {
         rows.push_back({seen.live() != nullptr ? "until" : "until then",
                         zonedDate(commitment->ends(seen.now), calendar)});
         rows.push_back({"started", zonedDate(commitment->startedWall, calendar)});
@@ -254,9 +243,9 @@ std::string statusText(Machine& machine, const Observation& seen,
     std::string notes;
     for (const AppFlag& app : seen.apps) {
         rows.push_back({"app", printable(app.path) + ", " + nameOf(app.state)});
-        const Agreement agreement = judge(seen, app, machine.service.startCommand());
+        const Check agreement = judge(seen, app, machine.service.startCommand());
         notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + agreement.finding +
-                 (agreement.next.empty() ? "" : " " + agreement.next) + "\n";
+                 (agreement.advice.empty() ? "" : " " + agreement.advice) + "\n";
     }
     if (seen.apps.empty()) {
         rows.push_back({"app", "none in " + machine.applications});
@@ -266,9 +255,8 @@ std::string statusText(Machine& machine, const Observation& seen,
     rows.push_back({"helper", seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
                                                    : "runs, " + named(seen.helpers) + stopped});
     const std::string file = printable(machine.stateFile);
-    rows.push_back({"state file", seen.stored.file == StateFile::none
-                                      ? "none (" + file + ")"
-                                      : file + ", " + nameOf(seen.stored.file)});
+    rows.push_back({"state file", seen.file == StateFile::none ? "none (" + file + ")"
+                                                               : file + ", " + nameOf(seen.file)});
     rows.push_back({"version", version});
     return machine.identity.appBundleID + ": " + headline(machine, seen) + "\n" +
            records::table(rows, "  ") + notes;
@@ -277,14 +265,14 @@ std::string statusText(Machine& machine, const Observation& seen,
 std::string statusJSON(Machine& machine, const Observation& seen) {
     Json apps = Json::array();
     for (const AppFlag& app : seen.apps) {
-        const Agreement agreement = judge(seen, app, machine.service.startCommand());
-        apps.push_back({{"agrees", agreement.isGiven},
+        const Check agreement = judge(seen, app, machine.service.startCommand());
+        apps.push_back({{"agrees", agreement.verdict == Verdict::ok},
                         {"finding", agreement.finding},
                         {"flag", nameOf(app.state)},
-                        {"next", agreement.next},
+                        {"next", agreement.advice},
                         {"path", app.path}});
     }
-    const auto* damaged = std::get_if<UnreadableCommitment>(&seen.stored.record);
+    const auto* damaged = std::get_if<UnreadableCommitment>(&seen.stored);
     const Json root{
         {"apps", apps},
         {"commitment", commitmentJSON(machine, seen)},
@@ -298,7 +286,7 @@ std::string statusJSON(Machine& machine, const Observation& seen) {
         {"salvaged", damaged == nullptr
                          ? Json()
                          : Json{{"app", orNull(damaged->appPath)}, {"locked", damaged->locked}}},
-        {"stateFile", {{"condition", nameOf(seen.stored.file)}, {"path", machine.stateFile}}},
+        {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
         {"version", version},
     };
     return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));

@@ -38,9 +38,9 @@ class StatusTest : public ::testing::Test {
     // What is judged of the `nth` bundle: "agree: ..." or "disagree: ...", and what comes next.
     std::string judged(std::size_t nth = 0) {
         const Observation observation = seen();
-        const auto [isGiven, finding, next] =
-            judge(observation, observation.apps.at(nth), "start-helper");
-        return (isGiven ? "agree: " : "disagree: ") + finding + (next.empty() ? "" : " -> ") + next;
+        const Check check = judge(observation, observation.apps.at(nth), "start-helper");
+        return (check.verdict == Verdict::ok ? "agree: " : "disagree: ") + check.finding +
+               (check.advice.empty() ? "" : " -> ") + check.advice;
     }
 
     FakeMachine fake;
@@ -50,14 +50,14 @@ class StatusTest : public ::testing::Test {
 
 TEST_F(StatusTest, SeesTheRecordAndTheBundleThatItNames) {
     Observation now = seen();
-    EXPECT_EQ(now.stored.file, StateFile::none);
+    EXPECT_EQ(now.file, StateFile::none);
     EXPECT_EQ(now.apps, (Apps{{fake.app, LockState::unlocked}}));
     EXPECT_EQ(now.now, fake.world.clock.now());
     fake.hold();
     fake.processes.processes = {12};
     now = seen();
-    EXPECT_EQ(now.stored.file, StateFile::whole);
-    EXPECT_EQ(now.stored.record, fake.world.store.stored);
+    EXPECT_EQ(now.file, StateFile::whole);
+    EXPECT_EQ(now.stored, fake.world.store.stored);
     EXPECT_EQ(now.apps, (Apps{{fake.app, LockState::locked}}));
     EXPECT_EQ(now.helpers, std::vector<pid_t>{12});
     EXPECT_TRUE(fake.world.calls.changes().empty());
@@ -67,7 +67,7 @@ TEST_F(StatusTest, SeesTheRecordAndTheBundleThatItNames) {
     EXPECT_EQ(seen().apps, (Apps{{"/Elsewhere/Other.app", LockState::missing}}));
     fake.world.store.stored = UnreadableCommitment{"/Elsewhere/Third.app", true};
     EXPECT_EQ(seen().apps, (Apps{{"/Elsewhere/Third.app", LockState::missing}}));
-    EXPECT_EQ(seen().stored.file, StateFile::damaged);
+    EXPECT_EQ(seen().file, StateFile::damaged);
     fake.world.store.stored = UnreadableCommitment{};
     EXPECT_EQ(seen().apps, (Apps{{fake.app, LockState::unlocked}}));
 }
@@ -77,12 +77,12 @@ TEST_F(StatusTest, FindsTheBundlesOfTheApp) {
     FakeMachine::writeInfo(fake.applications + "/Other.app", "com.example.other", "7QX4KD19MT");
     FakeMachine::writeInfo(fake.applications + "/Halvo.old", "com.example.app", "7QX4KD19MT");
     fs::create_directories(fake.applications + "/Empty.app");
-    EXPECT_EQ(installedApps(fake.machine),
+    EXPECT_EQ(seen().installed,
               (std::vector<std::string>{fake.applications + "/Another.app", fake.app}));
     fake.service.applications = {fake.applications, "/nowhere", fake.applications};
-    EXPECT_EQ(installedApps(fake.machine).size(), 2U) << "each once";
+    EXPECT_EQ(seen().installed.size(), 2U) << "each once";
     fake.machine.applications = "/nowhere";
-    EXPECT_TRUE(installedApps(fake.machine).empty()) << "in another folder, which is not root's";
+    EXPECT_TRUE(seen().installed.empty()) << "in another folder, which is not root's";
 }
 
 TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {

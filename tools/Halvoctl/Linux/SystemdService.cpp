@@ -8,10 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <utility>
 
+#include "HalvoClient/BusCall.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
@@ -23,33 +23,15 @@ namespace {
 using records::printable;
 using Done = std::expected<void, std::string>;
 
-constexpr const char* destination = "org.freedesktop.systemd1";
-
-// What libsystemd allocated.
-struct Free {
-    void operator()(void* memory) const { std::free(memory); }  // NOLINT(*-no-malloc)
-
-    // Without a flush, which would wait for a peer that does not read.
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-
-template <typename T>
-using Owned = std::unique_ptr<T, Free>;
-
-std::string pathOf(const std::string& unit) {
-    char* path = nullptr;
-    sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
-    return Owned<char>(path) ? path : "";
-}
-
 // One conversation with systemd, which ends by its deadline. After a failure nothing more is asked.
 class Conversation {
   public:
     Conversation(const std::vector<BusAddress>& buses, Seconds limit)
-        : deadline_(Clock::now() + std::chrono::duration_cast<Clock::duration>(limit)) {
+        : deadline_(deadlineAfter(limit)) {
         for (const BusAddress& each : buses) {
             problem_.clear();
-            if (note(connect(each))) {
+            connect(each);
+            if (problem_.empty()) {
                 return;
             }
         }
@@ -58,100 +40,86 @@ class Conversation {
     // What failed first, as a sentence without a full stop; empty where nothing did.
     [[nodiscard]] const std::string& problem() const { return problem_; }
 
-    [[nodiscard]] Seconds left() const {
-        return std::max<Seconds>(deadline_ - Clock::now(), Seconds{0});
-    }
+    [[nodiscard]] Seconds left() const { return deadline_ - Deadline::clock::now(); }
 
     // The property `name` of the unit called `unit`, which the interface of `kind` has; empty after
     // a failure.
-    std::string text(const std::string& unit, const std::string& kind, const char* name) {
-        char* value = nullptr;
-        ask([&](sd_bus_error* error) {
-            return sd_bus_get_property_string(bus_.get(), destination, pathOf(unit).c_str(),
-                                              interfaceOf(kind).c_str(), name, error, &value);
-        });
-        return Owned<char>(value) ? value : "";
+    std::string text(const std::string& unit, const std::string& kind, const std::string& name) {
+        const BusMessage reply = property(unit, kind, name);
+        const char* value = "";
+        sd_bus_message_read(reply.get(), "v", "s", &value);
+        return value;
     }
 
     std::vector<std::string> texts(const std::string& unit, const std::string& kind,
-                                   const char* name) {
-        char** values = nullptr;
-        ask([&](sd_bus_error* error) {
-            return sd_bus_get_property_strv(bus_.get(), destination, pathOf(unit).c_str(),
-                                            interfaceOf(kind).c_str(), name, error, &values);
-        });
-        const Owned<char*> owner(values);
+                                   const std::string& name) {
+        const BusMessage reply = property(unit, kind, name);
         std::vector<std::string> found;
-        for (char** each = values; each != nullptr && *each != nullptr; ++each) {
-            found.emplace_back(Owned<char>(*each).get());
+        sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_VARIANT, "as");
+        sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "s");
+        for (const char* each = nullptr; sd_bus_message_read(reply.get(), "s", &each) > 0;) {
+            found.emplace_back(each);
         }
         return found;
     }
 
     // Calls `method` of the manager for the unit `name`.
     void call(const char* method, const std::string& name) {
-        ask([&](sd_bus_error* error) {
-            return sd_bus_call_method(bus_.get(), destination, "/org/freedesktop/systemd1",
-                                      interfaceOf("Manager").c_str(), method, error, nullptr, "ss",
-                                      name.c_str(), "replace");
-        });
+        ask(systemd, "/org/freedesktop/systemd1", systemd + ".Manager", method, {name, "replace"});
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
+    static inline const std::string systemd = "org.freedesktop.systemd1";
+    static inline const std::string broker = "org.freedesktop.DBus";
 
-    static std::string interfaceOf(const std::string& kind) { return destination + ("." + kind); }
-
-    [[nodiscard]] std::uint64_t microsecondsLeft() const {
-        return static_cast<std::uint64_t>(
-            std::chrono::ceil<std::chrono::microseconds>(left()).count());
-    }
-
-    // Keeps what a `result` below zero means; `answer`: systemd's own, if it gave one. Returns
-    // whether it means nothing.
-    bool note(int result, const char* answer = nullptr) {
-        if (result < 0) {
-            problem_ = answer != nullptr && result != -ETIMEDOUT
-                           ? printable(answer)
-                           : "systemd does not answer: " + errorText(-result);
+    void connect(const BusAddress& bus) {
+        auto socket = connectAsApp(bus.path, deadline_);
+        auto opened = socket ? openBus(std::move(*socket)) : std::unexpected(socket.error());
+        if (!opened) {
+            return fail(opened.error());
         }
-        return result >= 0;
-    }
-
-    template <typename Call>
-    void ask(const Call& call) {
-        if (problem_.empty()) {
-            // 0 would mean the library's own limit.
-            sd_bus_set_method_call_timeout(bus_.get(),
-                                           std::max<std::uint64_t>(microsecondsLeft(), 1));
-            sd_bus_error error{};
-            const int result = call(&error);
-            note(result, error.message);
-            sd_bus_error_free(&error);
+        bus_ = std::move(*opened);
+        if (bus.isBroker) {
+            ask(broker, "/org/freedesktop/DBus", broker, "Hello", {});
         }
     }
 
-    int connect(const BusAddress& bus) {
-        sd_bus* raw = nullptr;
-        int result = sd_bus_new(&raw);
-        bus_.reset(raw);
-        if (result < 0 || (result = sd_bus_set_address(raw, bus.address.c_str())) < 0 ||
-            (result = sd_bus_set_bus_client(raw, static_cast<int>(bus.isBroker))) < 0) {
-            return result;
-        }
-        result = sd_bus_start(raw);
-        // The library would wait for as long as it likes.
-        while (result >= 0 && sd_bus_is_ready(raw) == 0) {
-            result = sd_bus_process(raw, nullptr);
-            if (result == 0) {
-                result = left() > Seconds{0} ? sd_bus_wait(raw, microsecondsLeft()) : -ETIMEDOUT;
-            }
-        }
-        return result;
+    void fail(int code) { problem_ = "systemd does not answer: " + errorText(code); }
+
+    BusMessage property(const std::string& unit, const std::string& kind, const std::string& name) {
+        char* path = nullptr;
+        sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
+        const std::unique_ptr<char, decltype(&std::free)> owner(path, &std::free);
+        return ask(systemd, path, broker + ".Properties", "Get", {systemd + "." + kind, name});
     }
 
-    Clock::time_point deadline_;
-    Owned<sd_bus> bus_;
+    // The reply to a call with these texts; null after a failure.
+    BusMessage ask(const std::string& destination, const char* path, const std::string& interface,
+                   const char* member, const std::vector<std::string>& texts) {
+        sd_bus_message* raw = nullptr;
+        if (!problem_.empty() ||
+            sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), path,
+                                           interface.c_str(), member) < 0) {
+            return nullptr;
+        }
+        const BusMessage request(raw);
+        for (const std::string& each : texts) {
+            sd_bus_message_append(raw, "s", each.c_str());
+        }
+        auto reply = callWithin(deadline_, *bus_, *request);
+        if (!reply) {
+            fail(reply.error() == BusFault::TimedOut ? ETIMEDOUT : ECONNRESET);
+            return nullptr;
+        }
+        if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
+            problem_ = printable(error->message);
+            return nullptr;
+        }
+        return std::move(*reply);
+    }
+
+    Deadline deadline_;
+    BusHandle bus_;
     std::string problem_;
 };
 
@@ -163,64 +131,51 @@ Unit readUnit(Conversation& systemd, const std::string& name, const char* kind) 
             .sub = systemd.text(name, "Unit", "SubState")};
 }
 
-class LiveSystemd final : public Systemd {
-  public:
-    LiveSystemd(Waiter& waiter, std::vector<BusAddress> buses, Seconds limit)
-        : waiter_(waiter), buses_(std::move(buses)), limit_(limit) {}
-
-    std::expected<Units, std::string> units(const HelperIdentity& identity) override {
-        Conversation systemd(buses_, limit_);
-        const std::string service = serviceUnit(identity);
-        Units units{readUnit(systemd, socketUnit(identity), "Socket"),
-                    readUnit(systemd, service, "Service"),
-                    readUnit(systemd, resumeUnit(identity), "Service"),
-                    {systemd.text(service, "Service", "ProtectSystem") == "strict",
-                     systemd.texts(service, "Service", "ReadWritePaths")}};
-        for (std::string& folder : units.sandbox.writable) {
-            folder.erase(0, folder.find_first_not_of("-+"));
-        }
-        if (!systemd.problem().empty()) {
-            return std::unexpected(systemd.problem());
-        }
-        return units;
+std::expected<Units, std::string> readUnits(Conversation systemd, const HelperIdentity& identity) {
+    const std::string service = serviceUnit(identity);
+    Units units{readUnit(systemd, socketUnit(identity), "Socket"),
+                readUnit(systemd, service, "Service"),
+                readUnit(systemd, resumeUnit(identity), "Service"),
+                {systemd.text(service, "Service", "ProtectSystem") == "strict",
+                 systemd.texts(service, "Service", "ReadWritePaths")}};
+    for (std::string& folder : units.sandbox.writable) {
+        folder.erase(0, folder.find_first_not_of("-+"));
     }
-
-    Done run(Job job, const std::vector<std::string>& names, Seconds limit,
-             const std::string& line) override {
-        Conversation systemd(buses_, limit);
-        for (const std::string& name : names) {
-            systemd.call(job == Job::stop ? "StopUnit" : "StartUnit", name);
-        }
-        Unit unit;
-        const auto areDone = [&] {
-            return std::ranges::all_of(names, [&](const std::string& name) {
-                unit.active = systemd.text(name, "Unit", "ActiveState");
-                return !systemd.problem().empty() ||
-                       (job == Job::stop ? !unit.isUp() : unit.active == "active");
-            });
-        };
-        // Leaves time for an answer to the last question.
-        constexpr Seconds lastAnswer{0.2};
-        const bool isOver = waiter_.wait(areDone, systemd.left() - lastAnswer, line);
-        if (!systemd.problem().empty()) {
-            return std::unexpected(systemd.problem());
-        }
-        if (!isOver) {
-            return std::unexpected("it takes too long, and is still " + printable(unit.active));
-        }
-        return {};
+    if (!systemd.problem().empty()) {
+        return std::unexpected(systemd.problem());
     }
+    return units;
+}
 
-  private:
-    Waiter& waiter_;
-    std::vector<BusAddress> buses_;
-    Seconds limit_;
-};
+Done runJob(Conversation systemd, Waiter& waiter, Systemd::Job job,
+            const std::vector<std::string>& names, const std::string& line) {
+    const bool isStop = job == Systemd::Job::stop;
+    for (const std::string& name : names) {
+        systemd.call(isStop ? "StopUnit" : "StartUnit", name);
+    }
+    Unit unit;
+    const auto areDone = [&] {
+        return std::ranges::all_of(names, [&](const std::string& name) {
+            unit.active = systemd.text(name, "Unit", "ActiveState");
+            return !systemd.problem().empty() || (isStop ? !unit.isUp() : unit.active == "active");
+        });
+    };
+    // Leaves time for an answer to the last question.
+    constexpr Seconds lastAnswer{0.2};
+    const bool isOver = waiter.wait(areDone, systemd.left() - lastAnswer, line);
+    if (!systemd.problem().empty()) {
+        return std::unexpected(systemd.problem());
+    }
+    if (!isOver) {
+        return std::unexpected("it takes too long, and is still " + printable(unit.active));
+    }
+    return {};
+}
 
 class SystemdService final : public Service {
   public:
     SystemdService(const HelperIdentity& identity, std::string executable,
-                   std::unique_ptr<Systemd> systemd, HelperProcesses& processes, Waiter& waiter)
+                   std::optional<Systemd> systemd, HelperProcesses& processes, Waiter& waiter)
         : identity_(identity),
           executable_(std::move(executable)),
           systemd_(std::move(systemd)),
@@ -358,7 +313,7 @@ class SystemdService final : public Service {
 
     HelperIdentity identity_;
     std::string executable_;
-    std::unique_ptr<Systemd> systemd_;
+    std::optional<Systemd> systemd_;
     HelperProcesses& processes_;
     Waiter& waiter_;
     std::string socket_ = socketUnit(identity_);
@@ -368,15 +323,20 @@ class SystemdService final : public Service {
 
 }  // namespace
 
-std::unique_ptr<Systemd> liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses,
-                                     Seconds limit) {
-    return std::make_unique<LiveSystemd>(waiter, buses, limit);
+Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Seconds limit) {
+    return {[=](const HelperIdentity& identity) {
+                return readUnits(Conversation(buses, limit), identity);
+            },
+            [=, &waiter](Systemd::Job job, const std::vector<std::string>& names, Seconds jobLimit,
+                         const std::string& line) {
+                return runJob(Conversation(buses, jobLimit), waiter, job, names, line);
+            }};
 }
 
 std::unique_ptr<Service> systemdService(const HelperIdentity& identity,
                                         const std::string& executable,
-                                        std::unique_ptr<Systemd> systemd,
-                                        HelperProcesses& processes, Waiter& waiter) {
+                                        std::optional<Systemd> systemd, HelperProcesses& processes,
+                                        Waiter& waiter) {
     return std::make_unique<SystemdService>(identity, executable, std::move(systemd), processes,
                                             waiter);
 }
@@ -388,13 +348,14 @@ std::string releaseLockPath(const HelperIdentity& identity) {
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
                                      HelperProcesses& processes, Waiter& waiter) {
     // systemd's own socket needs no broker, and is root's.
-    std::vector<BusAddress> buses{{"unix:path=/run/dbus/system_bus_socket", true}};
+    std::vector<BusAddress> buses{{"/run/dbus/system_bus_socket", true}};
     if (geteuid() == 0) {
-        buses.insert(buses.begin(), {"unix:path=/run/systemd/private", false});
+        buses.insert(buses.begin(), {"/run/systemd/private", false});
     }
-    return systemdService(identity, executable,
-                          sd_booted() > 0 ? liveSystemd(waiter, buses, Seconds{10}) : nullptr,
-                          processes, waiter);
+    return systemdService(
+        identity, executable,
+        sd_booted() > 0 ? std::optional(liveSystemd(waiter, buses, Seconds{10})) : std::nullopt,
+        processes, waiter);
 }
 
 }  // namespace halvo::control

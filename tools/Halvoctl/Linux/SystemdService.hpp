@@ -73,41 +73,39 @@ struct Units {
     Sandbox sandbox;
 };
 
-class Systemd {
-  public:
+// systemd, as it is asked.
+struct Systemd {
     enum class Job { stop, start };
 
-    virtual ~Systemd() = default;
-
-    // The units of `identity`. Takes at most 10 seconds. Fails with a sentence without a full stop.
-    virtual std::expected<Units, std::string> units(const HelperIdentity& identity) = 0;
+    // The units of the helper. Takes at most 10 seconds. Fails with a sentence without a full stop.
+    std::function<std::expected<Units, std::string>(const HelperIdentity& identity)> units;
 
     // Stops, or starts, the units called `names`, and waits until they are inactive, or active: at
     // most for `limit`; says `line` when that takes a second. Fails with a sentence without a full
     // stop.
-    virtual std::expected<void, std::string> run(Job job, const std::vector<std::string>& names,
-                                                 Seconds limit, const std::string& line) = 0;
+    std::function<std::expected<void, std::string>(Job job, const std::vector<std::string>& names,
+                                                   Seconds limit, const std::string& line)>
+        run;
 };
 
 // A bus on which systemd is reached.
 struct BusAddress {
-    // As sd_bus_set_address(3) takes it.
-    std::string address;
+    // Of a Unix socket.
+    std::string path;
     // A message broker's; else systemd itself is the other side.
     bool isBroker{};
 };
 
-// The machine's own systemd, which it connects to for each call. Borrows `waiter`. `buses`: those
-// to try, in order. `limit`: of units().
-std::unique_ptr<Systemd> liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses,
-                                     Seconds limit);
+// The machine's own, which connects for each call. Borrows `waiter`. `buses`: those to try, in
+// order. `limit`: of units().
+Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Seconds limit);
 
-// The service of the helper at `executable`. `systemd`: null where it is not the machine's init
-// system (sd_booted(3)); asked once about the units. Borrows the last two.
+// The service of the helper at `executable`. `systemd`: nothing where it is not the machine's
+// init system (sd_booted(3)); asked once about the units. Borrows the last two.
 std::unique_ptr<Service> systemdService(const HelperIdentity& identity,
                                         const std::string& executable,
-                                        std::unique_ptr<Systemd> systemd,
-                                        HelperProcesses& processes, Waiter& waiter);
+                                        std::optional<Systemd> systemd, HelperProcesses& processes,
+                                        Waiter& waiter);
 
 // ------------------------------------------------------------------------------- the parts of
 // doctor

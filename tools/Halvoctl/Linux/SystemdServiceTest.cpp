@@ -39,39 +39,31 @@ struct Script {
     Words calls;
     Words lines;
     Seconds limits{0};
-};
 
-class FakeSystemd final : public Systemd {
-  public:
-    explicit FakeSystemd(Script& script) : script_(script) {}
-
-    std::expected<Units, std::string> units(const HelperIdentity& of) override {
-        EXPECT_EQ(of, identity);
-        script_.calls.push_back("units");
-        script_.limits += Seconds{10};
-        return script_.units;
+    Systemd systemd() {
+        return {[this](const HelperIdentity& of) {
+                    EXPECT_EQ(of, identity);
+                    calls.push_back("units");
+                    limits += Seconds{10};
+                    return units;
+                },
+                [this](Job job, const Words& names, Seconds limit, const std::string& line) {
+                    std::string& call = calls.emplace_back(job == Job::stop ? "stop" : "start");
+                    for (const std::string& name : names) {
+                        call += " " + name;
+                    }
+                    lines.push_back(line);
+                    limits += limit;
+                    return job == Job::stop ? stopped : started;
+                }};
     }
-
-    std::expected<void, std::string> run(Job job, const Words& names, Seconds limit,
-                                         const std::string& line) override {
-        std::string& call = script_.calls.emplace_back(job == Job::stop ? "stop" : "start");
-        for (const std::string& name : names) {
-            call += " " + name;
-        }
-        script_.lines.push_back(line);
-        script_.limits += limit;
-        return job == Job::stop ? script_.stopped : script_.started;
-    }
-
-  private:
-    Script& script_;
 };
 
 class SystemdServiceTest : public ::testing::Test {
   protected:
     std::unique_ptr<Service> service(bool isBooted = true) {
         return systemdService(identity, "/libexec/HalvoHelper",
-                              isBooted ? std::make_unique<FakeSystemd>(script) : nullptr, processes,
+                              isBooted ? std::optional(script.systemd()) : std::nullopt, processes,
                               waiter);
     }
 
@@ -310,9 +302,8 @@ class SystemdTest : public ::testing::Test {
         listen(listener.get(), 1);
     }
 
-    std::unique_ptr<Systemd> systemd(Seconds limit = Seconds{10}) {
-        return liveSystemd(
-            waiter, {{"unix:path=/nowhere/bus", false}, {"unix:path=" + path, false}}, limit);
+    Systemd systemd(Seconds limit = Seconds{10}) {
+        return liveSystemd(waiter, {{"/nowhere/bus", false}, {path, false}}, limit);
     }
 
     const testing::TemporaryFolder folder;
@@ -323,7 +314,7 @@ class SystemdTest : public ::testing::Test {
 
 TEST_F(SystemdTest, TellsOfTheUnits) {
     const testing::TestProcess peer([this] { Peer(listener, "", ""); });
-    const auto units = systemd()->units(identity);
+    const auto units = systemd().units(identity);
     ASSERT_TRUE(units) << units.error();
     const auto expected = [](const std::string& name, const std::string& kind) {
         const std::string unit = name + " org.freedesktop.systemd1.Unit ";
@@ -336,9 +327,7 @@ TEST_F(SystemdTest, TellsOfTheUnits) {
     EXPECT_EQ(
         units->sandbox,
         (Sandbox{true, {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}}));
-    EXPECT_EQ(liveSystemd(waiter, {{"unix:path=/nowhere/bus", true}}, Seconds{1})
-                  ->units(identity)
-                  .error(),
+    EXPECT_EQ(liveSystemd(waiter, {{"/nowhere/bus", true}}, Seconds{1}).units(identity).error(),
               "systemd does not answer: No such file or directory");
 }
 
@@ -355,12 +344,13 @@ TEST_F(SystemdTest, RunsJobsAndWaitsForTheirEnd) {
         {"StartUnit", "failed", Job::start, Seconds{1},
          std::unexpected("it takes too long, and is still failed")},
         {"StartUnit", "inactive", Job::stop, Seconds{10}, std::unexpected("Access\\ndenied")},
-        {"StopUnit", "", Job::stop, Seconds{10}, std::unexpected("Connection reset by peer")}};
+        {"StopUnit", "", Job::stop, Seconds{10},
+         std::unexpected("systemd does not answer: Connection reset by peer")}};
 
     for (const auto& row : rows) {
         const testing::TestProcess peer([&] { Peer(listener, row.allowed, row.state); });
         const Seconds start = testing::timeNow();
-        EXPECT_EQ(systemd()->run(row.job, {"a.socket", "b.service"}, row.limit, ""), row.result);
+        EXPECT_EQ(systemd().run(row.job, {"a.socket", "b.service"}, row.limit, ""), row.result);
         EXPECT_TRUE(!row.result || testing::timeNow() - start >= Seconds{0.1});
     }
 }
@@ -368,7 +358,7 @@ TEST_F(SystemdTest, RunsJobsAndWaitsForTheirEnd) {
 TEST_F(SystemdTest, IsNotWaitedForWithoutEnd) {
     const auto expectTimeOut = [this] {
         const Seconds start = testing::timeNow();
-        EXPECT_EQ(systemd(Seconds{0.3})->units(identity).error(),
+        EXPECT_EQ(systemd(Seconds{0.3}).units(identity).error(),
                   "systemd does not answer: Connection timed out");
         EXPECT_GE(testing::timeNow() - start, Seconds{0.3});
         EXPECT_LT(testing::timeNow() - start, Seconds{5});
