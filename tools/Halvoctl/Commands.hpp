@@ -2,10 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <expected>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "tools/CommandLine.hpp"

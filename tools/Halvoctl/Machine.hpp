@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <expected>
 #include <functional>
 #include <memory>
@@ -144,9 +143,17 @@ class Service {
     virtual Checks examineSession(std::uint32_t uid) = 0;
 };
 
-// The service of this system, of the helper at `executable`. Borrows the last two.
-std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Waiter& waiter);
+// What a service is made of. Borrows the last two.
+struct ServiceParts {
+    HelperIdentity identity;
+    // The path of the helper's own executable.
+    std::string executable;
+    HelperProcesses& processes;
+    Waiter& waiter;
+};
+
+// The service of this system.
+std::unique_ptr<Service> liveService(const ServiceParts& parts);
 
 // The lock file (LockFile.hpp) of the releases of `identity`, in a folder that a boot empties. One
 // source per system.

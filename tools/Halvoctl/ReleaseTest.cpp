@@ -33,7 +33,7 @@ const std::string stopped = "save by stop";
 const std::string resumed = "save by resume";
 
 // Beside the bundle at `app` it may have a second one.
-struct ReleaseMachine : FakeMachine {
+struct Scene : FakeMachine {
     Outcome released(const ReleaseOptions& options = {}) {
         return release(machine, options, *GregorianCalendar::named("Europe/Berlin"));
     }
@@ -60,44 +60,41 @@ struct ReleaseMachine : FakeMachine {
 };
 
 // What is done to it.
-using Machine = ReleaseMachine;
-using Steps = std::vector<void (*)(Machine&)>;
-constexpr auto hold = [](Machine& m) { m.hold(); };
-constexpr auto holdBare = [](Machine& m) { m.hold().locked = false; };
-constexpr auto holdOnStop = [](Machine& m) { m.service.onStop = [&m] { m.hold(); }; };
-constexpr auto expire = [](Machine& m) { m.hold(Seconds{0}); };
-constexpr auto damage = [](Machine& m) {
-    m.world.store.stored = UnreadableCommitment{m.app, true};
-};
-constexpr auto damageAll = [](Machine& m) { m.world.store.stored = UnreadableCommitment{}; };
-constexpr auto lock = [](Machine& m) { m.lock(m.app); };
-constexpr auto unlock = [](Machine& m) { m.world.flags.setByHand(m.app, false); };
-constexpr auto lockSecond = [](Machine& m) { m.lock(m.second); };
-constexpr auto removeApp = [](Machine& m) {
+using Steps = std::vector<void (*)(Scene&)>;
+constexpr auto hold = [](Scene& m) { m.hold(); };
+constexpr auto holdBare = [](Scene& m) { m.hold().locked = false; };
+constexpr auto holdOnStop = [](Scene& m) { m.service.onStop = [&m] { m.hold(); }; };
+constexpr auto expire = [](Scene& m) { m.hold(Seconds{0}); };
+constexpr auto damage = [](Scene& m) { m.world.store.stored = UnreadableCommitment{m.app, true}; };
+constexpr auto damageAll = [](Scene& m) { m.world.store.stored = UnreadableCommitment{}; };
+constexpr auto lock = [](Scene& m) { m.lock(m.app); };
+constexpr auto unlock = [](Scene& m) { m.world.flags.setByHand(m.app, false); };
+constexpr auto lockSecond = [](Scene& m) { m.lock(m.second); };
+constexpr auto removeApp = [](Scene& m) {
     fs::remove_all(m.app);
     m.world.flags.erase(m.app);
 };
-constexpr auto addSecond = [](Machine& m) {
-    Machine::writeInfo(m.second, "com.example.app", "7QX4KD19MT");
+constexpr auto addSecond = [](Scene& m) {
+    Scene::writeInfo(m.second, "com.example.app", "7QX4KD19MT");
 };
-constexpr auto giveAway = [](Machine& m) {
-    Machine::writeInfo(m.app, "com.example.app", "ANYTEAM123");
+constexpr auto giveAway = [](Scene& m) {
+    Scene::writeInfo(m.app, "com.example.app", "ANYTEAM123");
 };
-constexpr auto hide = [](Machine& m) {
+constexpr auto hide = [](Scene& m) {
     fs::rename(m.applications, m.disk / "Hidden");
     fs::create_directory(m.applications);
 };
-constexpr auto link = [](Machine& m) {
+constexpr auto link = [](Scene& m) {
     fs::create_directory_symlink(m.disk / "Hidden/Halvo.app", m.app);
 };
-constexpr auto bringBack = [](Machine& m) {
+constexpr auto bringBack = [](Scene& m) {
     fs::remove_all(m.applications);
     fs::rename(m.disk / "Hidden", m.applications);
 };
-constexpr auto refuse = [](Machine& m) { m.world.flags.failsToUnlock = true; };
-constexpr auto allow = [](Machine& m) { m.world.flags.failsToUnlock = false; };
-constexpr auto stick = [](Machine& m) { m.service.stopped = std::unexpected("It stays."); };
-constexpr auto loosen = [](Machine& m) { m.service.stopped = {}; };
+constexpr auto refuse = [](Scene& m) { m.world.flags.failsToUnlock = true; };
+constexpr auto allow = [](Scene& m) { m.world.flags.failsToUnlock = false; };
+constexpr auto stick = [](Scene& m) { m.service.stopped = std::unexpected("It stays."); };
+constexpr auto loosen = [](Scene& m) { m.service.stopped = {}; };
 
 // After the steps it is released, which says so.
 struct Row {
@@ -110,7 +107,7 @@ struct Row {
 void expectReleased(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.said);
-        Machine machine;
+        Scene machine;
         std::ranges::for_each(row.steps, [&](auto step) { step(machine); });
         EXPECT_EQ(machine.released(row.options),
                   (Outcome{ExitStatus::fine,
@@ -126,12 +123,12 @@ void expectReleased(const std::vector<Row>& rows) {
 struct Failure {
     Steps steps;
     std::string problem;
-    void (*mend)(Machine&);
+    void (*mend)(Scene&);
 };
 
 class ReleaseTest : public ::testing::Test {
   protected:
-    Machine fake;
+    Scene fake;
     testing::LogCapture log;
 };
 
@@ -209,7 +206,7 @@ TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     }
     for (const Failure& row : rows) {
         SCOPED_TRACE(row.problem);
-        Machine machine;
+        Scene machine;
         std::ranges::for_each(row.steps, [&](auto step) { step(machine); });
         const StoredCommitment before = machine.world.store.stored;
         EXPECT_EQ(machine.released(),

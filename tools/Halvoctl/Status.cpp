@@ -28,9 +28,7 @@ const char* nameOf(StateFile file) {
 }
 
 const char* nameOf(LockState state) {
-    return state == LockState::locked     ? "locked"
-           : state == LockState::unlocked ? "unlocked"
-                                          : "missing";
+    return std::array{"locked", "unlocked", "missing"}.at(static_cast<std::size_t>(state));
 }
 
 // Looked at from the bundle downwards: nobody but root can put a folder of root's with that inside

@@ -267,47 +267,32 @@ TEST_F(StatusTest, SaysHowThingsStand) {
 TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
     fake.hold();
     fake.processes.processes = {12, 13};
-    EXPECT_EQ(jsonText(), R"({
-  "apps": [
-    {
-      "agrees": true,
-      "finding": "The bundle is locked, as the record says.",
-      "flag": "locked",
-      "next": "",
-      "path": ")" + fake.app + R"("
-    }
-  ],
-  "commitment": {
-    "app": ")" + fake.app + R"(",
-    "holds": true,
-    "left": 3725.0,
-    "locked": true,
-    "started": "2025-10-09T08:53:20Z",
-    "uid": 1000,
-    "until": "2025-10-09T09:55:25Z",
-    "user": "ann"
-  },
-  "helper": {
-    "executable": ")" + fake.machine.helper +
-                              R"(",
-    "identifier": "com.example.app.helper",
-    "pids": [
-      12,
-      13
-    ],
-    "starts": null,
-    "stopped": []
-  },
-  "now": "2025-10-09T08:53:20Z",
-  "salvaged": null,
-  "stateFile": {
-    "condition": "whole",
-    "path": ")" + fake.machine.stateFile +
-                              R"("
-  },
-  "version": ")" + version + R"("
-}
-)");
+    const Json expected{
+        {"apps", Json::array({{{"agrees", true},
+                               {"finding", "The bundle is locked, as the record says."},
+                               {"flag", "locked"},
+                               {"next", ""},
+                               {"path", fake.app}}})},
+        {"commitment",
+         {{"app", fake.app},
+          {"holds", true},
+          {"left", 3725.0},
+          {"locked", true},
+          {"started", "2025-10-09T08:53:20Z"},
+          {"uid", 1000},
+          {"until", "2025-10-09T09:55:25Z"},
+          {"user", "ann"}}},
+        {"helper",
+         {{"executable", fake.machine.helper},
+          {"identifier", "com.example.app.helper"},
+          {"pids", {12, 13}},
+          {"starts", nullptr},
+          {"stopped", Json::array()}}},
+        {"now", "2025-10-09T08:53:20Z"},
+        {"salvaged", nullptr},
+        {"stateFile", {{"condition", "whole"}, {"path", fake.machine.stateFile}}},
+        {"version", version}};
+    EXPECT_EQ(jsonText(), expected.dump(2) + "\n");
 }
 
 TEST_F(StatusTest, HasInJSONAlsoWhatIsNotSo) {

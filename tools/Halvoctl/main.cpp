@@ -56,7 +56,7 @@ control::Outcome runTool(const std::vector<std::string>& words) {
     FileCommitmentStore store{identity->stateFolder()};
     LiveSessionProbe session;
     const auto processes = control::liveProcesses(helper);
-    const auto service = control::liveService(*identity, helper, *processes, waiter);
+    const auto service = control::liveService({*identity, helper, *processes, waiter});
     control::Machine machine{.identity = *identity,
                              .helper = helper,
                              .stateFile = store.path(),

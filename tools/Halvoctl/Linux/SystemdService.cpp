@@ -174,18 +174,13 @@ Done runJob(Conversation systemd, Waiter& waiter, Systemd::Job job,
 
 class SystemdService final : public Service {
   public:
-    SystemdService(const HelperIdentity& identity, std::string executable,
-                   std::optional<Systemd> systemd, HelperProcesses& processes, Waiter& waiter)
-        : identity_(identity),
-          executable_(std::move(executable)),
-          systemd_(std::move(systemd)),
-          processes_(processes),
-          waiter_(waiter) {}
+    SystemdService(ServiceParts parts, std::optional<Systemd> systemd)
+        : parts_(std::move(parts)), systemd_(std::move(systemd)) {}
 
     std::string whatStarts() override {
         if (!systemd_) {
             return "nothing starts it, since systemd does not run here; start it by hand: " +
-                   executable_;
+                   parts_.executable;
         }
         if (!units()) {
             return "nothing is known of what starts it: " + units().error();
@@ -204,7 +199,7 @@ class SystemdService final : public Service {
     }
 
     [[nodiscard]] std::string startCommand() const override {
-        return systemd_ ? "systemctl start " + service_ : executable_;
+        return systemd_ ? "systemctl start " + service_ : parts_.executable;
     }
 
     [[nodiscard]] std::string restartCommand() const override {
@@ -234,7 +229,7 @@ class SystemdService final : public Service {
                                    ". Look into systemctl status " + service_ + ", and try again.");
         }
         // One that was started by hand, or that runs where there is no systemd.
-        return endAll(processes_, waiter_);
+        return endAll(parts_.processes, parts_.waiter);
     }
 
     std::expected<std::string, std::string> resume() override {
@@ -264,14 +259,14 @@ class SystemdService final : public Service {
     }
 
     Checks examine() override {
-        Checks checks{isNotApplicable(
-            "systemd", "does not run here; start the helper by hand: " + printable(executable_))};
+        Checks checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
+                                                     printable(parts_.executable))};
         if (systemd_) {
-            checks = checkUnits(identity_, units());
+            checks = checkUnits(parts_.identity, units());
         }
         checks.push_back(checkSocket(
-            HelperBus::socketPath(identity_.helperBundleID()),
-            systemd_ || !processes_.running().empty(),
+            HelperBus::socketPath(parts_.identity.helperBundleID()),
+            systemd_ || !parts_.processes.running().empty(),
             systemd_ ? "systemctl restart " + socket_ : "Stop the helper and start it again."));
         checks.push_back(checkLog("/run/systemd/journal/socket"));
         return checks;
@@ -289,7 +284,7 @@ class SystemdService final : public Service {
         checks.push_back(checkFlagSupport(app, !isRoot || mayLock));
         // Of what it does not lock anywhere, the app's place says so.
         if (systemd_ && AppLocation::isLockablePath(app)) {
-            checks.push_back(units() ? checkSandbox(identity_, app, units()->sandbox)
+            checks.push_back(units() ? checkSandbox(parts_.identity, app, units()->sandbox)
                                      : noAnswer("sandbox", units().error()));
         }
         return checks;
@@ -303,7 +298,7 @@ class SystemdService final : public Service {
     // Not where systemd does not run.
     const std::expected<Units, std::string>& units() {
         if (!units_) {
-            units_ = systemd_->units(identity_);
+            units_ = systemd_->units(parts_.identity);
         }
         return *units_;
     }
@@ -311,13 +306,10 @@ class SystemdService final : public Service {
     // Of units of which nothing is known, nothing is said.
     Units unitsOr() { return systemd_ ? units().value_or(Units{}) : Units{}; }
 
-    HelperIdentity identity_;
-    std::string executable_;
+    ServiceParts parts_;
     std::optional<Systemd> systemd_;
-    HelperProcesses& processes_;
-    Waiter& waiter_;
-    std::string socket_ = socketUnit(identity_);
-    std::string service_ = serviceUnit(identity_);
+    std::string socket_ = socketUnit(parts_.identity);
+    std::string service_ = serviceUnit(parts_.identity);
     std::optional<std::expected<Units, std::string>> units_;
 };
 
@@ -333,29 +325,24 @@ Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Second
             }};
 }
 
-std::unique_ptr<Service> systemdService(const HelperIdentity& identity,
-                                        const std::string& executable,
-                                        std::optional<Systemd> systemd, HelperProcesses& processes,
-                                        Waiter& waiter) {
-    return std::make_unique<SystemdService>(identity, executable, std::move(systemd), processes,
-                                            waiter);
+std::unique_ptr<Service> systemdService(const ServiceParts& parts, std::optional<Systemd> systemd) {
+    return std::make_unique<SystemdService>(parts, std::move(systemd));
 }
 
 std::string releaseLockPath(const HelperIdentity& identity) {
     return "/run/" + identity.helperBundleID() + ".release.lock";
 }
 
-std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Waiter& waiter) {
+std::unique_ptr<Service> liveService(const ServiceParts& parts) {
+    if (sd_booted() <= 0) {
+        return systemdService(parts, std::nullopt);
+    }
     // systemd's own socket needs no broker, and is root's.
     std::vector<BusAddress> buses{{"/run/dbus/system_bus_socket", true}};
     if (geteuid() == 0) {
         buses.insert(buses.begin(), {"/run/systemd/private", false});
     }
-    return systemdService(
-        identity, executable,
-        sd_booted() > 0 ? std::optional(liveSystemd(waiter, buses, Seconds{10})) : std::nullopt,
-        processes, waiter);
+    return systemdService(parts, liveSystemd(parts.waiter, buses, Seconds{10}));
 }
 
 }  // namespace halvo::control

@@ -2,13 +2,7 @@
 // run, and what doctor looks at on Linux.
 #pragma once
 
-#include <expected>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "HalvoHelper/Linux/AccountFiles.hpp"
-#include "HalvoHelperCore/HelperIdentity.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
@@ -100,12 +94,9 @@ struct BusAddress {
 // order. `limit`: of units().
 Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Seconds limit);
 
-// The service of the helper at `executable`. `systemd`: nothing where it is not the machine's
-// init system (sd_booted(3)); asked once about the units. Borrows the last two.
-std::unique_ptr<Service> systemdService(const HelperIdentity& identity,
-                                        const std::string& executable,
-                                        std::optional<Systemd> systemd, HelperProcesses& processes,
-                                        Waiter& waiter);
+// The service, which asks systemd once about the units. `systemd`: nothing where it is not the
+// machine's init system (sd_booted(3)).
+std::unique_ptr<Service> systemdService(const ServiceParts& parts, std::optional<Systemd> systemd);
 
 // ------------------------------------------------------------------------------- the parts of
 // doctor

@@ -62,9 +62,8 @@ struct Script {
 class SystemdServiceTest : public ::testing::Test {
   protected:
     std::unique_ptr<Service> service(bool isBooted = true) {
-        return systemdService(identity, "/libexec/HalvoHelper",
-                              isBooted ? std::optional(script.systemd()) : std::nullopt, processes,
-                              waiter);
+        return systemdService({identity, "/libexec/HalvoHelper", processes, waiter},
+                              isBooted ? std::optional(script.systemd()) : std::nullopt);
     }
 
     Script script;
@@ -226,73 +225,50 @@ TEST(UnitTest, IsJudgedByItsStates) {
     }
 }
 
-// The other side of the bus, which is systemd, for one conversation.
-class Peer {
-  public:
-    // Allows `method` of the manager, which makes a unit `state` a tenth of a second later; hangs
-    // up where that is empty.
-    Peer(const Descriptor& listener, std::string method, std::string state)
-        : method_(std::move(method)), state_(std::move(state)) {
-        sd_bus* bus =
-            testing::newServerBus(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        sd_bus_add_filter(bus, nullptr, answer, this);
-        sd_bus_start(bus);
-        while (sd_bus_process(bus, nullptr) >= 0 && sd_bus_wait(bus, UINT64_MAX) >= 0) {
-        }
-        sd_bus_unref(bus);
-    }
+// The other side of the bus, which is systemd, for one conversation. Allows `method` of the
+// manager, which makes a unit `state` a tenth of a second later; hangs up where that is empty.
+struct Peer {
+    std::string method;
+    std::string state;
+    Seconds managed{0};
+};
 
-  private:
-    static int answer(sd_bus_message* call, void* peer, sd_bus_error*) {
-        if (sd_bus_message_is_method_call(call, "org.freedesktop.DBus.Properties", "Get") > 0) {
-            return static_cast<Peer*>(peer)->property(call);
-        }
-        // Else it is the library's word that the connection has ended.
-        return sd_bus_message_is_method_call(call, nullptr, nullptr) > 0
-                   ? static_cast<Peer*>(peer)->manage(call)
-                   : 0;
+// Each property tells of which unit and interface it is, until there was a job.
+int answer(sd_bus_message* call, void* data, sd_bus_error*) {
+    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
+        return 0;
     }
-
-    // Each tells of which unit and interface it is.
-    int property(sd_bus_message* call) {
-        const char* interface = nullptr;
-        const char* name = nullptr;
-        sd_bus_message_read(call, "ss", &interface, &name);
-        if (std::string(name) == "ReadWritePaths") {
-            return sd_bus_reply_method_return(call, "v", "as", 4, "/Applications",
-                                              "/Library/Application Support", "-/srv/B C",
-                                              "-+/srv/D");
-        }
-        char* unit = nullptr;
-        sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &unit);
-        std::string text = std::string(unit) + " " + interface + " " + name;
-        std::free(unit);
-        if (std::string(name) == "ProtectSystem") {
-            text = "strict";
-        } else if (managed_ > Seconds{0}) {
-            text = testing::timeNow() - managed_ > Seconds{0.1} ? state_ : "changing";
-        }
-        return sd_bus_reply_method_return(call, "v", "s", text.c_str());
+    auto& peer = *static_cast<Peer*>(data);
+    const std::string member = sd_bus_message_get_member(call);
+    const char* first = nullptr;
+    const char* second = nullptr;
+    sd_bus_message_read(call, "ss", &first, &second);
+    const std::string name = second;
+    if (member != "Get" && peer.state.empty()) {
+        _exit(0);
     }
-
-    int manage(sd_bus_message* call) {
-        const char* unit = nullptr;
-        const char* mode = nullptr;
-        sd_bus_message_read(call, "ss", &unit, &mode);
-        if (state_.empty()) {
-            _exit(0);
-        }
-        if (method_ != sd_bus_message_get_member(call) || std::string(mode) != "replace") {
-            return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Access\ndenied");
-        }
-        managed_ = testing::timeNow();
+    if (member != "Get" && (member != peer.method || name != "replace")) {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Access\ndenied");
+    }
+    if (member != "Get") {
+        peer.managed = testing::timeNow();
         return sd_bus_reply_method_return(call, "o", "/job/7");
     }
-
-    std::string method_;
-    std::string state_;
-    Seconds managed_{0};
-};
+    if (name == "ReadWritePaths") {
+        return sd_bus_reply_method_return(call, "v", "as", 4, "/Applications",
+                                          "/Library/Application Support", "-/srv/B C", "-+/srv/D");
+    }
+    char* unit = nullptr;
+    sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &unit);
+    std::string text = std::string(unit) + " " + first + " " + name;
+    std::free(unit);
+    if (name == "ProtectSystem") {
+        text = "strict";
+    } else if (peer.managed > Seconds{0}) {
+        text = testing::timeNow() - peer.managed > Seconds{0.1} ? peer.state : "changing";
+    }
+    return sd_bus_reply_method_return(call, "v", "s", text.c_str());
+}
 
 class SystemdTest : public ::testing::Test {
   protected:
@@ -306,6 +282,18 @@ class SystemdTest : public ::testing::Test {
         return liveSystemd(waiter, {{"/nowhere/bus", false}, {path, false}}, limit);
     }
 
+    [[nodiscard]] testing::TestProcess start(Peer peer) const {
+        return testing::TestProcess([&] {
+            sd_bus* bus =
+                testing::newServerBus(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            sd_bus_add_filter(bus, nullptr, answer, &peer);
+            sd_bus_start(bus);
+            while (sd_bus_process(bus, nullptr) >= 0 && sd_bus_wait(bus, UINT64_MAX) >= 0) {
+            }
+            sd_bus_unref(bus);
+        });
+    }
+
     const testing::TemporaryFolder folder;
     const std::string path = folder / "bus";
     Descriptor listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
@@ -313,7 +301,7 @@ class SystemdTest : public ::testing::Test {
 };
 
 TEST_F(SystemdTest, TellsOfTheUnits) {
-    const testing::TestProcess peer([this] { Peer(listener, "", ""); });
+    const auto peer = start({});
     const auto units = systemd().units(identity);
     ASSERT_TRUE(units) << units.error();
     const auto expected = [](const std::string& name, const std::string& kind) {
@@ -348,7 +336,7 @@ TEST_F(SystemdTest, RunsJobsAndWaitsForTheirEnd) {
          std::unexpected("systemd does not answer: Connection reset by peer")}};
 
     for (const auto& row : rows) {
-        const testing::TestProcess peer([&] { Peer(listener, row.allowed, row.state); });
+        const auto peer = start({row.allowed, row.state});
         const Seconds start = testing::timeNow();
         EXPECT_EQ(systemd().run(row.job, {"a.socket", "b.service"}, row.limit, ""), row.result);
         EXPECT_TRUE(!row.result || testing::timeNow() - start >= Seconds{0.1});

@@ -54,13 +54,8 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
 
 class LaunchdService final : public Service {
   public:
-    LaunchdService(const HelperIdentity& identity, std::string executable, Launchctl launchctl,
-                   HelperProcesses& processes, Waiter& waiter)
-        : identity_(identity),
-          executable_(std::move(executable)),
-          launchctl_(std::move(launchctl)),
-          processes_(processes),
-          waiter_(waiter) {}
+    LaunchdService(ServiceParts parts, Launchctl launchctl)
+        : parts_(std::move(parts)), launchctl_(std::move(launchctl)) {}
 
     std::string whatStarts() override {
         const auto printed = printJob();
@@ -102,10 +97,10 @@ class LaunchdService final : public Service {
                                        ". Try again.");
             }
         }
-        auto ended = endAll(processes_, waiter_);
+        auto ended = endAll(parts_.processes, parts_.waiter);
         if (ended) {
             // One that was killed leaves it.
-            HelperCopy::remove(identity_);
+            HelperCopy::remove(parts_.identity);
         }
         return ended;
     }
@@ -119,7 +114,7 @@ class LaunchdService final : public Service {
     std::vector<std::string> otherApplications() override { return homeApplications(); }
 
     // What launchd has is said where the helper does not run.
-    Checks examine() override { return {checkOpening(executable_, identity_)}; }
+    Checks examine() override { return {checkOpening(parts_.executable, parts_.identity)}; }
 
     Checks examineApp(const std::string&, bool) override { return {}; }
 
@@ -131,12 +126,9 @@ class LaunchdService final : public Service {
         return launchctl_({"print", job_}, Seconds{10}, "");
     }
 
-    HelperIdentity identity_;
-    std::string executable_;
+    ServiceParts parts_;
     Launchctl launchctl_;
-    HelperProcesses& processes_;
-    Waiter& waiter_;
-    std::string job_ = "system/" + identity_.helperBundleID();
+    std::string job_ = "system/" + parts_.identity.helperBundleID();
     // stop() took the job out.
     bool isOut_ = false;
 };
@@ -164,19 +156,16 @@ Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
     };
 }
 
-std::unique_ptr<Service> launchdService(const HelperIdentity& identity,
-                                        const std::string& executable, const Launchctl& launchctl,
-                                        HelperProcesses& processes, Waiter& waiter) {
-    return std::make_unique<LaunchdService>(identity, executable, launchctl, processes, waiter);
+std::unique_ptr<Service> launchdService(const ServiceParts& parts, const Launchctl& launchctl) {
+    return std::make_unique<LaunchdService>(parts, launchctl);
 }
 
 std::string releaseLockPath(const HelperIdentity& identity) {
     return "/var/run/" + identity.helperBundleID() + ".release.lock";
 }
 
-std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Waiter& waiter) {
-    return launchdService(identity, executable, liveLaunchctl(waiter), processes, waiter);
+std::unique_ptr<Service> liveService(const ServiceParts& parts) {
+    return launchdService(parts, liveLaunchctl(parts.waiter));
 }
 
 // From the bundle downwards: /Applications itself belongs to the administrators there.

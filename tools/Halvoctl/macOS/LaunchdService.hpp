@@ -1,9 +1,6 @@
 // The helper as a job of launchd.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
@@ -20,10 +17,7 @@ using Launchctl = std::function<std::expected<int, std::string>(
 // `waiter`. `program`: another in its place, for tests.
 Launchctl liveLaunchctl(Waiter& waiter, const std::string& program = "/bin/launchctl");
 
-// The service of the helper at `executable`. Borrows the last two.
-std::unique_ptr<Service> launchdService(const HelperIdentity& identity,
-                                        const std::string& executable, const Launchctl& launchctl,
-                                        HelperProcesses& processes, Waiter& waiter);
+std::unique_ptr<Service> launchdService(const ServiceParts& parts, const Launchctl& launchctl);
 
 // What of the helper's, whose executable is at `helper`, it starts as root to open the app.
 Check checkOpening(const std::string& helper, const HelperIdentity& identity);

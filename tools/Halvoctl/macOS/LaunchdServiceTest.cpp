@@ -51,12 +51,11 @@ struct LaunchdMachine {
     Words lines;
     FakeProcesses processes;
     FakeWaiter waiter;
-    std::unique_ptr<Service> service = launchdService(
-        identity, "/anywhere/HalvoHelper",
-        [this](const Words& words, Seconds limit, const std::string& line) {
+    const ServiceParts parts{identity, "/anywhere/HalvoHelper", processes, waiter};
+    std::unique_ptr<Service> service =
+        launchdService(parts, [this](const Words& words, Seconds limit, const std::string& line) {
             return run(words, limit, line);
-        },
-        processes, waiter);
+        });
 };
 
 TEST(LaunchdServiceTest, TakesTheJobOut) {
@@ -113,8 +112,7 @@ TEST(LaunchdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(machine.service->startCommand(), "launchctl kickstart system/com.example.app.helper");
     EXPECT_EQ(machine.service->restartCommand(),
               "launchctl kickstart -k system/com.example.app.helper");
-    const auto live =
-        liveService(identity, "/anywhere/HalvoHelper", machine.processes, machine.waiter);
+    const auto live = liveService(machine.parts);
     EXPECT_EQ(live->whatStarts(),
               "nothing is known of what starts it: /bin/launchctl cannot be started: No such file "
               "or directory");
