@@ -98,6 +98,7 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     fake.world.flags.setByHand(second, true);
     EXPECT_EQ(seen().orphans, std::vector<std::string>{second});
     EXPECT_EQ(seen().apps, (Apps{{fake.app, LockState::locked}, {second, LockState::locked}}));
+    fake.processes.processes = {7};
     EXPECT_EQ(judged(0).substr(0, 6), "agree:");
     EXPECT_EQ(judged(1),
               "disagree: The bundle is locked, but no record says that the helper did it. -> To "

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
@@ -241,9 +242,12 @@ int answer(sd_bus_message* call, void* data, sd_bus_error*) {
     auto& peer = *static_cast<Peer*>(data);
     const std::string member = sd_bus_message_get_member(call);
     const char* first = nullptr;
-    const char* second = nullptr;
+    const char* second = "";
     sd_bus_message_read(call, "ss", &first, &second);
-    const std::string name = second;
+    if (member == "Hello" && !std::exchange(peer.isGreeted, true)) {
+        return sd_bus_reply_method_return(call, "s", ":1.7");
+    }
+    const std::string name = peer.isGreeted ? second : "nothing";
     if (member != "Get" && peer.state.empty()) {
         _exit(0);
     }
@@ -278,8 +282,8 @@ class SystemdTest : public ::testing::Test {
         listen(listener.get(), 1);
     }
 
-    Systemd systemd(Seconds limit = Seconds{10}) {
-        return liveSystemd(waiter, {{"/nowhere/bus", false}, {path, false}}, limit);
+    Systemd systemd(Seconds limit = Seconds{10}, bool isBroker = false) {
+        return liveSystemd(waiter, {{"/nowhere/bus", false}, {path, isBroker}}, limit);
     }
 
     [[nodiscard]] testing::TestProcess start(Peer peer) const {
@@ -301,20 +305,22 @@ class SystemdTest : public ::testing::Test {
 };
 
 TEST_F(SystemdTest, TellsOfTheUnits) {
-    const auto peer = start({});
-    const auto units = systemd().units(identity);
-    ASSERT_TRUE(units) << units.error();
     const auto expected = [](const std::string& name, const std::string& kind) {
         const std::string unit = name + " org.freedesktop.systemd1.Unit ";
         return Unit{unit + "LoadState", unit + "ActiveState", unit + "UnitFileState",
                     name + " org.freedesktop.systemd1." + kind + " Result", unit + "SubState"};
     };
-    EXPECT_EQ(units->socket, expected(socketName, "Socket"));
-    EXPECT_EQ(units->service, expected(serviceName, "Service"));
-    EXPECT_EQ(units->resume, expected("com.example.app.helper-resume.service", "Service"));
-    EXPECT_EQ(
-        units->sandbox,
-        (Sandbox{true, {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}}));
+    const Sandbox sandbox{true,
+                          {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}};
+    for (const bool isBroker : {false, true}) {
+        const auto peer = start({"", "", !isBroker});
+        const auto units = systemd(Seconds{10}, isBroker).units(identity);
+        ASSERT_TRUE(units) << units.error();
+        EXPECT_EQ(units->socket, expected(socketName, "Socket"));
+        EXPECT_EQ(units->service, expected(serviceName, "Service"));
+        EXPECT_EQ(units->resume, expected("com.example.app.helper-resume.service", "Service"));
+        EXPECT_EQ(units->sandbox, sandbox);
+    }
     EXPECT_EQ(liveSystemd(waiter, {{"/nowhere/bus", true}}, Seconds{1}).units(identity).error(),
               "systemd does not answer: No such file or directory");
 }
