@@ -231,6 +231,8 @@ TEST(UnitTest, IsJudgedByItsStates) {
 struct Peer {
     std::string method;
     std::string state;
+    // A broker answers nothing before it is greeted.
+    bool isGreeted = true;
     Seconds managed{0};
 };
 
