@@ -492,8 +492,6 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMa
         EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
     });
     EXPECT_EQ(result.status, 0) << result.output;
-    // Or a late one would leave its report to the next test.
-    EXPECT_TRUE(eventually([] { return processesRunning("/usr/bin/systemd-run").empty(); }));
 }
 
 // The app itself may take all day.

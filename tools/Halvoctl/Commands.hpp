@@ -1,53 +1,102 @@
 // The commands of the program, apart from the process that it runs in.
 #pragma once
 
-#include <expected>
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
+#include <algorithm>
 
 #include "HalvoShared/GregorianCalendar.hpp"
+#include "tools/CommandLine.hpp"
 #include "tools/Halvoctl/Machine.hpp"
-#include "tools/Halvoctl/Observation.hpp"
 
 namespace halvo::control {
 
-// Those of sysexits(3), but for `problem`.
-namespace ExitStatus {
+namespace ExitStatus = tools::ExitStatus;
+using tools::Outcome;
 
-inline constexpr int fine = 0;
-// doctor found a problem.
-inline constexpr int problem = 1;
-inline constexpr int usage = 64;
-// The system refused, or something did not end in time.
-inline constexpr int system = 71;
-inline constexpr int outputLost = 74;
-inline constexpr int noPermission = 77;
-// The helper's own Info.plist is missing or wrong.
-inline constexpr int config = 78;
+// A failure with `status`, which `problem` describes in whole sentences.
+inline Outcome failure(int status, const std::string& problem) {
+    return {status, "", "halvoctl: " + problem + "\n"};
+}
 
-}  // namespace ExitStatus
+// Does what `words`, those after the program's own name, ask for. `machine`: the one to look at, or
+// why there is none, as a sentence without a full stop; looked at only by a command that needs it.
+// Main thread only. Throws std::bad_alloc alone.
+Outcome run(const std::vector<std::string>& words,
+            const std::expected<Machine*, std::string>& machine, const GregorianCalendar& calendar);
 
-// How the program ends.
-struct Outcome {
-    int status = ExitStatus::fine;
-    // For standard output and standard error: nothing, or whole lines. UTF-8, and nothing in it
-    // that a terminal obeys.
-    std::string output;
-    std::string errors;
+// ----------------------------------------------- what is so at one moment; looking changes nothing
 
-    bool operator==(const Outcome&) const = default;
+enum class StateFile {
+    // It holds a record.
+    whole,
+    // It is there, but holds none.
+    damaged,
+    // There is none.
+    none,
+    // It is there and cannot be read at all. The helper takes that for none.
+    unreadable,
 };
 
-// Returns the machine to look at, or why there is none: the helper's Info.plist, as a sentence
-// without a full stop.
-using FindMachine = std::function<std::expected<std::reference_wrapper<Machine>, std::string>()>;
+// A bundle and the flag on its folder.
+struct AppFlag {
+    std::string path;
+    LockState state{};
 
-// Does what `words`, those after the program's own name, ask for. Calls `findMachine` once, and
-// only for a command that needs it. Main thread only. Throws std::bad_alloc alone.
-Outcome run(const std::vector<std::string>& words, const FindMachine& findMachine,
-            const GregorianCalendar& calendar);
+    bool operator==(const AppFlag&) const = default;
+};
+
+struct Observation {
+    ClockReading now;
+    StateFile file{};
+    // Never UnreadableCommitment but of a damaged file.
+    StoredCommitment stored;
+    // The bundles whose Info.plist carries the app's identifier: those directly in the machine's
+    // folder for them, and in each other one that is root's alone; in the order of their paths
+    // there.
+    std::vector<std::string> installed;
+    // Those of them that are the app's own, of the helper's identity in an Info.plist that is
+    // root's alone, and that carry the lock although the record does not owe it.
+    std::vector<std::string> orphans;
+    // The bundle that the record names; without one, those installed. Then those of the orphans
+    // that are not among them.
+    std::vector<AppFlag> apps;
+    // The processes of the helper.
+    std::vector<pid_t> helpers;
+    // Those of them that are stopped and so do nothing.
+    std::vector<pid_t> stopped;
+
+    // The record, if it is whole.
+    [[nodiscard]] const HelperCommitment* commitment() const {
+        return std::get_if<HelperCommitment>(&stored);
+    }
+
+    // The same, if it holds.
+    [[nodiscard]] const HelperCommitment* live() const {
+        return commitment() != nullptr && commitment()->isLive(now) ? commitment() : nullptr;
+    }
+
+    // The bundle that the record names, whole or not.
+    [[nodiscard]] std::optional<std::string> named() const;
+
+    // The same, where the record owes its unlock and the helper locks bundles there.
+    [[nodiscard]] std::optional<std::string> owed() const;
+};
+
+Observation observe(Machine& machine);
+
+enum class Presence { there, gone, unknown };
+
+// Whether something is at `path`, links not followed. What the system cannot look at may be there.
+Presence presence(const std::string& path);
+
+// Whether record and flag of one of the observation's bundles agree, as the check "lock", but in
+// whole sentences; and what happens next, or what to do, also where they do. `startCommand` is what
+// starts a helper now.
+Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand);
+
+// "ann (uid 1000)", or "uid 1000" when there is no such user.
+std::string person(const Machine& machine, std::uint32_t uid);
+
+// ------------------------------------------------------------------------------------ the commands
 
 // halvoctl status: what `seen` is, with the calendar's clocks; and as the JSON object with sorted
 // keys that `halvoctl status --help` describes, on lines of its own.
@@ -59,8 +108,17 @@ std::string statusJSON(Machine& machine, const Observation& seen);
 // that of the record, else those found. Changes nothing.
 Checks examine(Machine& machine, const std::optional<std::string>& app);
 
+// Parts of it.
+Check checkHelperFiles(const HelperFiles& files);
+// The state file `file` and its folder.
+Check checkState(const std::string& file, StateFile condition);
+// What the Info.plist of the bundle at `app` says that it is.
+Check checkIdentity(const std::string& app, const HelperIdentity& identity);
+
 // Whether there is a problem among `checks`.
-bool hasProblem(const Checks& checks);
+inline bool hasProblem(const Checks& checks) {
+    return std::ranges::find(checks, Verdict::problem, &Check::verdict) != checks.end();
+}
 
 // `checks` as lines of text, and as the JSON object that `halvoctl doctor --help` describes.
 std::string doctorText(const Checks& checks);

@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <set>
@@ -12,10 +13,8 @@
 namespace halvo::control {
 
 bool Waiter::wait(const std::function<bool()>& isDone, Seconds limit, const std::string& line) {
-    constexpr Seconds pace{0.01};
     const Seconds start = now();
-    bool isSaid = line.empty();
-    while (!isDone()) {
+    for (bool isSaid = line.empty(); !isDone(); pause(Seconds{0.01})) {
         const Seconds passed = now() - start;
         if (passed >= limit) {
             return false;
@@ -24,7 +23,6 @@ bool Waiter::wait(const std::function<bool()>& isDone, Seconds limit, const std:
             isSaid = true;
             say(line);
         }
-        pause(pace);
     }
     return true;
 }
@@ -55,54 +53,33 @@ std::expected<void, std::string> endAll(HelperProcesses& processes, Waiter& wait
     return {};
 }
 
-Check isOk(std::string name, std::string finding) {
-    return {std::move(name), Verdict::ok, std::move(finding), ""};
-}
-
-Check isProblem(std::string name, std::string finding, std::string advice) {
-    return {std::move(name), Verdict::problem, std::move(finding), std::move(advice)};
-}
-
-Check isNotApplicable(std::string name, std::string finding) {
-    return {std::move(name), Verdict::notApplicable, std::move(finding), ""};
-}
-
-Check needsRoot(std::string name) {
-    return {std::move(name), Verdict::needsRoot, "only root can look at it", ""};
+Check firstOf(const std::string& name, const std::vector<Flaw>& flaws, const std::string& finding) {
+    const auto flaw = std::ranges::find(flaws, true, &Flaw::isFound);
+    return flaw == flaws.end() ? isOk(name, finding) : isProblem(name, flaw->finding, flaw->advice);
 }
 
 std::string named(const std::vector<pid_t>& processes) {
     std::string text = processes.size() == 1 ? "pid " : "pids ";
     for (std::size_t i = 0; i < processes.size(); ++i) {
-        if (i > 0) {
-            text += i + 1 == processes.size() ? " and " : ", ";
-        }
-        text += std::to_string(processes[i]);
+        const bool isLast = i + 1 == processes.size();
+        text += (i == 0 ? "" : isLast ? " and " : ", ") + std::to_string(processes[i]);
     }
     return text;
-}
-
-std::string person(const Machine& machine, std::uint32_t uid) {
-    const auto name = machine.userName(uid);
-    const std::string number = "uid " + std::to_string(uid);
-    return name ? records::printable(*name) + " (" + number + ")" : number;
 }
 
 std::string shellWord(const std::string& text) {
     constexpr const char* plain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@,%";
-    std::string word = records::printable(text);
+    const std::string word = records::printable(text);
     if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) {
         return word;
     }
-    const std::string quote = "'\\''";
-    for (std::size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += quote.size()) {
-        word.replace(at, 1, quote);
+    std::string quoted = "'";
+    for (const char c : word) {
+        quoted += c == '\'' ? "'\\''" : std::string(1, c);
     }
-    return "'" + word + "'";
+    return quoted + "'";
 }
-
-std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
 
 std::vector<std::string> homeApplications() {
     std::vector<std::string> folders;

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <expected>
 #include <functional>
 #include <memory>
@@ -79,10 +78,31 @@ struct Check {
 
 using Checks = std::vector<Check>;
 
-Check isOk(std::string name, std::string finding);
-Check isProblem(std::string name, std::string finding, std::string advice);
-Check isNotApplicable(std::string name, std::string finding);
-Check needsRoot(std::string name);
+inline Check isOk(std::string name, std::string finding) {
+    return {std::move(name), Verdict::ok, std::move(finding), ""};
+}
+
+inline Check isProblem(std::string name, std::string finding, std::string advice) {
+    return {std::move(name), Verdict::problem, std::move(finding), std::move(advice)};
+}
+
+inline Check isNotApplicable(std::string name, std::string finding) {
+    return {std::move(name), Verdict::notApplicable, std::move(finding), ""};
+}
+
+inline Check needsRoot(std::string name) {
+    return {std::move(name), Verdict::needsRoot, "only root can look at it", ""};
+}
+
+// What a check may find wrong.
+struct Flaw {
+    bool isFound{};
+    std::string finding;
+    std::string advice;
+};
+
+// The problem of the first of `flaws` that is found; else all is well, which `finding` says.
+Check firstOf(const std::string& name, const std::vector<Flaw>& flaws, const std::string& finding);
 
 // The helper as the system runs it. One implementation per system: systemd's units, or the
 // processes alone where systemd does not run; launchd's job.
@@ -123,13 +143,35 @@ class Service {
     virtual Checks examineSession(std::uint32_t uid) = 0;
 };
 
-// The service of this system, of the helper at `executable`. Borrows the last two.
-std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Waiter& waiter);
+// What a service is made of. Borrows the last two.
+struct ServiceParts {
+    HelperIdentity identity;
+    // The path of the helper's own executable.
+    std::string executable;
+    HelperProcesses& processes;
+    Waiter& waiter;
+};
+
+// The service of this system.
+std::unique_ptr<Service> liveService(const ServiceParts& parts);
 
 // The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties. One
 // source per system.
 std::string releaseLockPath(const HelperIdentity& identity);
+
+// The shell command with which root clears the flag of the bundle at `path`. One source per system.
+std::string clearCommand(const std::string& path);
+
+// The files that must be root's alone for the helper to be what it is, the first folder above them
+// that counts, and what may happen where they are not, as a sentence.
+struct HelperFiles {
+    std::vector<std::string> paths;
+    std::string top;
+    std::string risk = "Whoever can change the helper becomes root.";
+};
+
+// Those of the helper at `helper`. One source per system.
+HelperFiles helperFiles(const std::string& helper);
 
 // Borrows all, for as long as it is used. Main thread only.
 struct Machine {
@@ -157,15 +199,14 @@ struct Machine {
 // "pid 12", "pids 12 and 13".
 std::string named(const std::vector<pid_t>& processes);
 
-// "ann (uid 1000)", or "uid 1000" when there is no such user.
-std::string person(const Machine& machine, std::uint32_t uid);
-
 // `text` as one word for a shell: as it stands where every character is plain, else in single
 // quotes. What a terminal would obey is escaped as elsewhere, and then no longer means the same.
 std::string shellWord(const std::string& text);
 
 // The folder of the item at the absolute path `path`; empty for one in the root folder.
-std::string folderOf(const std::string& path);
+inline std::string folderOf(const std::string& path) {
+    return path.substr(0, path.find_last_of('/'));
+}
 
 // The folders called Applications in the accounts' homes. Not all need exist.
 std::vector<std::string> homeApplications();

@@ -1,7 +1,15 @@
-#include <nlohmann/json.hpp>
-#include <variant>
-#include <vector>
+#include <sys/stat.h>
 
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "HalvoHelper/RootOwnedPath.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/InternetDate.hpp"
 #include "tools/HalvoRecords/Wording.hpp"
@@ -10,35 +18,26 @@
 namespace halvo::control {
 namespace {
 
+namespace fs = std::filesystem;
 using Json = nlohmann::json;
-using records::countdown;
 using records::printable;
 using records::zonedDate;
 
 const char* nameOf(StateFile file) {
-    switch (file) {
-        case StateFile::whole:
-            return "whole";
-        case StateFile::damaged:
-            return "damaged";
-        case StateFile::none:
-            return "none";
-        case StateFile::unreadable:
-            return "unreadable";
-    }
-    return "";
+    return std::array{"whole", "damaged", "none", "unreadable"}.at(static_cast<std::size_t>(file));
 }
 
 const char* nameOf(LockState state) {
-    switch (state) {
-        case LockState::locked:
-            return "locked";
-        case LockState::unlocked:
-            return "unlocked";
-        case LockState::missing:
-            return "missing";
-    }
-    return "";
+    return std::array{"locked", "unlocked", "missing"}.at(static_cast<std::size_t>(state));
+}
+
+// Looked at from the bundle downwards: nobody but root can put a folder of root's with that inside
+// into the one above it, nor move one that is locked.
+bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
+    const Bundle bundle(path);
+    return AppLocation::mayLock(path) &&
+           !RootOwnedPath::problem(bundle.infoPath(), RootOwnedPath::Item::file, path) &&
+           HelperIdentity::ofBundle(bundle.info()) == identity;
 }
 
 std::string headline(Machine& machine, const Observation& seen) {
@@ -53,27 +52,18 @@ std::string headline(Machine& machine, const Observation& seen) {
         return "Nothing holds.";
     }
     const std::string whose = person(machine, commitment->uid);
-    return commitment->isLive(seen.now) ? "Ultra Hard mode holds for " + whose + ", for another " +
-                                              countdown(commitment->timeLeft(seen.now)) + "."
-                                        : "Nothing holds: the time of " + whose +
-                                              " has run out, but the record is still there.";
+    return seen.live() != nullptr ? "Ultra Hard mode holds for " + whose + ", for another " +
+                                        records::countdown(commitment->timeLeft(seen.now)) + "."
+                                  : "Nothing holds: the time of " + whose +
+                                        " has run out, but the record is still there.";
 }
 
-std::string helperText(Machine& machine, const Observation& seen) {
-    return seen.helpers.empty()
-               ? "does not run; " + machine.service.whatStarts()
-               : "runs, " + named(seen.helpers) +
-                     (seen.stopped.empty() ? "" : "; stopped (SIGSTOP): " + named(seen.stopped));
-}
-
-std::string fileText(const Machine& machine, const Observation& seen) {
-    return seen.file == StateFile::none ? "none (" + machine.stateFile + ")"
-                                        : printable(machine.stateFile) + ", " + nameOf(seen.file);
-}
+// `value`, or null where it is absent.
+Json orNull(const std::optional<std::string>& value) { return value ? Json(*value) : Json(); }
 
 Json date(WallDate date) {
     std::string text;
-    return InternetDate::append(date, text) ? Json(text) : Json(nullptr);
+    return InternetDate::append(date, text) ? Json(text) : Json();
 }
 
 Json commitmentJSON(const Machine& machine, const Observation& seen) {
@@ -81,49 +71,190 @@ Json commitmentJSON(const Machine& machine, const Observation& seen) {
     if (commitment == nullptr) {
         return nullptr;
     }
-    const auto name = machine.userName(commitment->uid);
     return {{"app", commitment->appPath},
-            {"holds", commitment->isLive(seen.now)},
+            {"holds", seen.live() != nullptr},
             {"left", commitment->timeLeft(seen.now).count()},
             {"locked", commitment->locked},
             {"started", date(commitment->startedWall)},
             {"uid", commitment->uid},
             {"until", date(commitment->ends(seen.now))},
-            {"user", name ? Json(*name) : Json(nullptr)}};
+            {"user", orNull(machine.userName(commitment->uid))}};
 }
 
-Json salvagedJSON(const Observation& seen) {
-    const auto* unreadable = std::get_if<UnreadableCommitment>(&seen.stored);
-    if (unreadable == nullptr) {
-        return nullptr;
+// Of what the store holds, in which condition its file is.
+StateFile readState(Machine& machine, StoredCommitment& stored) {
+    const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
+    const bool wasThere = isThere();
+    stored = machine.store.load();
+    return std::holds_alternative<HelperCommitment>(stored)       ? StateFile::whole
+           : std::holds_alternative<UnreadableCommitment>(stored) ? StateFile::damaged
+           : wasThere && isThere()                                ? StateFile::unreadable
+                                                                  : StateFile::none;
+}
+
+std::vector<std::string> installedApps(Machine& machine) {
+    std::vector<std::string> folders{machine.applications};
+    const std::vector<std::string> others = machine.service.otherApplications();
+    for (const std::string& folder : std::set(others.begin(), others.end())) {
+        // Whose folder it is could lead us astray between two looks.
+        if (folder != machine.applications &&
+            !RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
+            folders.push_back(folder);
+        }
     }
-    return {{"app", unreadable->appPath ? Json(*unreadable->appPath) : Json(nullptr)},
-            {"locked", unreadable->locked}};
+    std::vector<std::string> found;
+    for (const std::string& folder : folders) {
+        std::set<std::string> paths;
+        std::error_code ignored;
+        for (fs::directory_iterator item(folder, ignored), end; item != end;
+             item.increment(ignored)) {
+            const std::string path = folder + "/" + item->path().filename().string();
+            const auto info = AppLocation::isBundlePath(path) ? Bundle(path).info() : std::nullopt;
+            if (info && infoString(*info, "CFBundleIdentifier") == machine.identity.appBundleID) {
+                paths.insert(path);
+            }
+        }
+        found.insert(found.end(), paths.begin(), paths.end());
+    }
+    return found;
 }
 
 }  // namespace
+
+std::optional<std::string> Observation::named() const {
+    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
+    return commitment() != nullptr ? commitment()->appPath
+           : damaged != nullptr    ? damaged->appPath
+                                   : std::nullopt;
+}
+
+std::optional<std::string> Observation::owed() const {
+    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
+    const bool isLocked =
+        commitment() != nullptr ? commitment()->locked : damaged != nullptr && damaged->locked;
+    const auto path = named();
+    return isLocked && path && AppLocation::isLockablePath(*path) ? path : std::nullopt;
+}
+
+Presence presence(const std::string& path) {
+    struct stat status{};
+    if (lstat(path.c_str(), &status) == 0) {
+        return Presence::there;
+    }
+    const bool isGone =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    return isGone ? Presence::gone : Presence::unknown;
+}
+
+Observation observe(Machine& machine) {
+    Observation seen;
+    seen.file = readState(machine, seen.stored);
+    seen.installed = installedApps(machine);
+    const auto named = seen.named();
+    for (const std::string& path : named ? std::vector{*named} : seen.installed) {
+        seen.apps.push_back({path, machine.flags.state(path)});
+    }
+    for (const std::string& path : seen.installed) {
+        if (machine.flags.state(path) == LockState::locked && seen.owed() != path &&
+            isAppsOwn(path, machine.identity)) {
+            seen.orphans.push_back(path);
+            if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
+                seen.apps.push_back({path, LockState::locked});
+            }
+        }
+    }
+    seen.helpers = machine.processes.running();
+    std::ranges::copy_if(seen.helpers, std::back_inserter(seen.stopped),
+                         [&](pid_t process) { return machine.processes.isStopped(process); });
+    seen.now = machine.clock.reading();
+    return seen;
+}
+
+Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
+    const auto named = seen.named();
+    const bool isNamed = named == app.path || (!named && seen.file == StateFile::damaged);
+    const bool isOwed = seen.owed() == app.path;
+    const bool isLive = seen.live() != nullptr;
+    const bool isLocked = app.state == LockState::locked;
+    const bool isRunning = !seen.helpers.empty();
+    const bool isOrphan = std::ranges::find(seen.orphans, app.path) != seen.orphans.end();
+    const std::string unlock = !isOrphan ? clearCommand(app.path)
+                               : isLive  ? "halvoctl release (which also ends what holds)"
+                                         : "halvoctl release";
+    const std::string end =
+        isRunning ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
+                  : "The helper lets go of it when it starts next: " + startCommand;
+    const std::string unnamed = "The bundle is locked, but no record says that the helper did it.";
+
+    struct {
+        bool isSo;
+        bool doAgree;
+        std::string finding;
+        std::string next;
+    } const rows[] = {
+        {app.state == LockState::missing, !isOwed,
+         "There is nothing at " + printable(app.path) + ".",
+         isOwed ? "The helper locks no other in its place." : ""},
+        {!isNamed && !isLocked, true, "The bundle is not locked.", ""},
+        {!isNamed && isRunning && !named, false, unnamed,
+         "If the helper that runs holds something all the same, it writes the record anew within "
+         "a minute. Else to unlock the bundle: " +
+             unlock},
+        {!isNamed, false, unnamed, "To unlock it: " + unlock},
+        {!isLive && isLocked && !isOwed, false,
+         "The bundle is locked, but the record does not say that the helper did it.",
+         "It stays locked. To unlock it: " + unlock},
+        {!isLive, true, isLocked ? "The bundle is still locked." : "The bundle is not locked.",
+         end},
+        {isOwed && isLocked, true, "The bundle is locked, as the record says.",
+         isRunning ? "" : "No helper runs that would keep it so: " + startCommand},
+        {isOwed, false, "The bundle is not locked, but should be.",
+         isRunning ? "The helper sets it back within 2 seconds."
+                   : "The helper locks it when it starts: " + startCommand},
+        {isLocked, !isOrphan, "The bundle carries a lock that the helper did not set.",
+         "It stays when the commitment ends. To unlock the bundle: " + unlock},
+        {AppLocation::mayLock(app.path), false,
+         "The commitment holds without a lock, though the bundle may be locked.",
+         "The helper's log says why it could not. It tries again when the app begins or extends a "
+         "commitment."},
+        {true, true,
+         "The commitment holds without a lock: the helper does not lock a bundle there.", ""}};
+
+    const auto row = std::ranges::find_if(rows, [](const auto& each) { return each.isSo; });
+    return {"lock", row->doAgree ? Verdict::ok : Verdict::problem, row->finding, row->next};
+}
+
+std::string person(const Machine& machine, std::uint32_t uid) {
+    const auto name = machine.userName(uid);
+    const std::string number = "uid " + std::to_string(uid);
+    return name ? printable(*name) + " (" + number + ")" : number;
+}
 
 std::string statusText(Machine& machine, const Observation& seen,
                        const GregorianCalendar& calendar) {
     std::vector<std::vector<std::string>> rows;
     if (const HelperCommitment* commitment = seen.commitment()) {
-        const bool isLive = commitment->isLive(seen.now);
-        rows.push_back(
-            {isLive ? "until" : "until then", zonedDate(commitment->ends(seen.now), calendar)});
+        rows.push_back({seen.live() != nullptr ? "until" : "until then",
+                        zonedDate(commitment->ends(seen.now), calendar)});
         rows.push_back({"started", zonedDate(commitment->startedWall, calendar)});
     }
     std::string notes;
     for (const AppFlag& app : seen.apps) {
         rows.push_back({"app", printable(app.path) + ", " + nameOf(app.state)});
-        const Agreement agreement = judge(seen, app, machine.service.startCommand());
+        const Check agreement = judge(seen, app, machine.service.startCommand());
         notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + agreement.finding +
-                 (agreement.next.empty() ? "" : " " + agreement.next) + "\n";
+                 (agreement.advice.empty() ? "" : " " + agreement.advice) + "\n";
     }
     if (seen.apps.empty()) {
         rows.push_back({"app", "none in " + machine.applications});
     }
-    rows.push_back({"helper", helperText(machine, seen)});
-    rows.push_back({"state file", fileText(machine, seen)});
+    const std::string stopped =
+        seen.stopped.empty() ? "" : "; stopped (SIGSTOP): " + named(seen.stopped);
+    rows.push_back({"helper", seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
+                                                   : "runs, " + named(seen.helpers) + stopped});
+    const std::string file = printable(machine.stateFile);
+    rows.push_back({"state file", seen.file == StateFile::none ? "none (" + file + ")"
+                                                               : file + ", " + nameOf(seen.file)});
     rows.push_back({"version", version});
     return machine.identity.appBundleID + ": " + headline(machine, seen) + "\n" +
            records::table(rows, "  ") + notes;
@@ -132,13 +263,14 @@ std::string statusText(Machine& machine, const Observation& seen,
 std::string statusJSON(Machine& machine, const Observation& seen) {
     Json apps = Json::array();
     for (const AppFlag& app : seen.apps) {
-        const Agreement agreement = judge(seen, app, machine.service.startCommand());
-        apps.push_back({{"agrees", agreement.isGiven},
+        const Check agreement = judge(seen, app, machine.service.startCommand());
+        apps.push_back({{"agrees", agreement.verdict == Verdict::ok},
                         {"finding", agreement.finding},
                         {"flag", nameOf(app.state)},
-                        {"next", agreement.next},
+                        {"next", agreement.advice},
                         {"path", app.path}});
     }
+    const auto* damaged = std::get_if<UnreadableCommitment>(&seen.stored);
     const Json root{
         {"apps", apps},
         {"commitment", commitmentJSON(machine, seen)},
@@ -146,10 +278,12 @@ std::string statusJSON(Machine& machine, const Observation& seen) {
          {{"executable", machine.helper},
           {"identifier", machine.identity.helperBundleID()},
           {"pids", seen.helpers},
-          {"stopped", seen.stopped},
-          {"starts", seen.helpers.empty() ? Json(machine.service.whatStarts()) : Json(nullptr)}}},
+          {"starts", seen.helpers.empty() ? Json(machine.service.whatStarts()) : Json()},
+          {"stopped", seen.stopped}}},
         {"now", date(seen.now.wall)},
-        {"salvaged", salvagedJSON(seen)},
+        {"salvaged", damaged == nullptr
+                         ? Json()
+                         : Json{{"app", orNull(damaged->appPath)}, {"locked", damaged->locked}}},
         {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
         {"version", version},
     };

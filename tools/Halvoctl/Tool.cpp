@@ -1,9 +1,7 @@
 #include <CLI/CLI.hpp>
-#include <sstream>
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Version.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
@@ -79,104 +77,65 @@ std::string problemOfBundlePath(const std::string& path) {
                      path + "'";
 }
 
-Outcome failure(int status, const std::string& problem) {
-    return {status, "", "halvoctl: " + problem + "\n"};
-}
+}  // namespace
 
-// The command line, and what it said.
-struct CommandLine {
-    CommandLine() {
-        for (CLI::App* command : {&parser, status, doctor, release}) {
-            command->set_help_flag("-h,--help", "print this text");
-        }
-        parser.set_version_flag("--version", std::string("halvoctl ") + version,
-                                "print the version");
-        parser.require_subcommand(1);
-        const auto formatter = parser.get_formatter();
-        formatter->label("SUBCOMMAND", "COMMAND");
-        formatter->column_width(17);
-        for (CLI::App* command : {status, doctor}) {
-            command->add_flag("--json", asJSON, "print one JSON object, with its keys sorted");
-        }
-        doctor->add_option("--app", app, "the app's bundle")
-            ->type_name("PATH")
-            ->check(problemOfBundlePath);
-        release->add_flag("--and-stop", releaseOptions.staysStopped,
-                          "leave the helper stopped: before it is removed");
-        release->add_flag("--bundle-gone", releaseOptions.isBundleGone,
-                          "forget the lock of a bundle that is gone for good");
-        parser.footer(footer);
-    }
-
-    // Returns how the program ends where `words` ask for no command to be carried out.
-    std::optional<Outcome> parse(const std::vector<std::string>& words) {
-        try {
-            parser.parse(std::vector<std::string>(words.rbegin(), words.rend()));
-            return std::nullopt;
-        } catch (const CLI::Success& asked) {
-            std::ostringstream output;
-            parser.exit(asked, output);
-            return Outcome{ExitStatus::fine, output.str(), ""};
-        } catch (const CLI::ParseError& error) {
-            const auto unknown = parser.remaining(true);
-            return failure(ExitStatus::usage,
-                           records::printable(unknown.empty() ? error.what()
-                                                              : "Unknown command or option '" +
-                                                                    unknown.front() + "'") +
-                               ". See halvoctl --help.");
-        }
-    }
-
+Outcome run(const std::vector<std::string>& words,
+            const std::expected<Machine*, std::string>& machine,
+            const GregorianCalendar& calendar) {
+    bool asJSON = false;
+    std::optional<std::string> app;
+    ReleaseOptions releaseOptions;
     CLI::App parser{purpose, "halvoctl"};
+    parser.set_help_flag("-h,--help", "print this text");
+    parser.set_version_flag("--version", std::string("halvoctl ") + version, "print the version");
+    parser.require_subcommand(1);
+    parser.footer(footer);
+    parser.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    parser.get_formatter()->column_width(17);
+    const auto add = [&](const char* name, const char* description, const char* more) {
+        return parser.add_subcommand(name, description)->group("Commands")->footer(more);
+    };
     CLI::App* status = add("status", "say what holds, for whom and until when", statusFooter);
     CLI::App* doctor =
         add("doctor", "look whether everything is installed as it must be", doctorFooter);
     CLI::App* release = add("release", "let go of what holds, as root", releaseFooter);
-    bool asJSON = false;
-    std::optional<std::string> app;
-    ReleaseOptions releaseOptions;
-
-    CLI::App* add(const char* name, const char* description, const char* more) {
-        CLI::App* command = parser.add_subcommand(name, description);
-        command->group("Commands");
-        command->footer(more);
-        return command;
+    for (CLI::App* command : {status, doctor}) {
+        command->add_flag("--json", asJSON, "print one JSON object, with its keys sorted");
     }
-};
-
-}  // namespace
-
-Outcome run(const std::vector<std::string>& words, const FindMachine& findMachine,
-            const GregorianCalendar& calendar) {
-    CommandLine line;
-    if (const auto end = line.parse(words)) {
+    doctor->add_option("--app", app, "the app's bundle")
+        ->type_name("PATH")
+        ->check(problemOfBundlePath);
+    release->add_flag("--and-stop", releaseOptions.staysStopped,
+                      "leave the helper stopped: before it is removed");
+    release->add_flag("--bundle-gone", releaseOptions.isBundleGone,
+                      "forget the lock of a bundle that is gone for good");
+    if (const auto end = tools::parse(parser, words)) {
         return *end;
     }
-    const auto machine = findMachine();
-    if (line.doctor->parsed()) {
+
+    if (doctor->parsed()) {
         const Checks checks =
             machine
-                ? examine(*machine, line.app)
+                ? examine(**machine, app)
                 : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
         return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
-                line.asJSON ? doctorJSON(checks) : doctorText(checks), ""};
+                asJSON ? doctorJSON(checks) : doctorText(checks), ""};
     }
-    const bool isRelease = line.release->parsed();
     if (!machine) {
         return failure(ExitStatus::config, machine.error() + ". Install the helper again.");
     }
-    if (!machine->get().isRoot) {
+    if (!(*machine)->isRoot) {
         return failure(ExitStatus::noPermission,
-                       isRelease
+                       release->parsed()
                            ? "Only root can let go of what holds. Type: sudo halvoctl release"
                            : "The state can only be read as root. Type: sudo halvoctl status");
     }
-    if (isRelease) {
-        return release(*machine, line.releaseOptions, calendar);
+    if (release->parsed()) {
+        return control::release(**machine, releaseOptions, calendar);
     }
-    const Observation seen = observe(*machine);
+    const Observation seen = observe(**machine);
     return {ExitStatus::fine,
-            line.asJSON ? statusJSON(*machine, seen) : statusText(*machine, seen, calendar), ""};
+            asJSON ? statusJSON(**machine, seen) : statusText(**machine, seen, calendar), ""};
 }
 
 }  // namespace halvo::control

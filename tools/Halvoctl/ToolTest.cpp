@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,38 +25,30 @@ using Words = std::vector<std::string>;
 class ToolTest : public ::testing::Test {
   protected:
     Outcome runWith(const Words& words) {
-        return run(
-            words,
-            [this]() -> std::expected<std::reference_wrapper<Machine>, std::string> {
-                ++searches;
-                if (hasIdentity) {
-                    return fake.machine;
-                }
-                return std::unexpected("It is missing");
-            },
-            *GregorianCalendar::named("UTC"));
+        return run(words, machine, *GregorianCalendar::named("UTC"));
     }
 
     FakeMachine fake;
+    std::expected<Machine*, std::string> machine = &fake.machine;
     testing::LogCapture log;
-    bool hasIdentity = true;
-    int searches = 0;
 };
 
 TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
     struct {
         Words words;
-        std::vector<std::string> texts;
+        Words texts;
     } const rows[] = {
         {{"--help"},
          {"Usage: halvoctl [OPTIONS] COMMAND", "status", "doctor", "release", "--version",
           "64 for a usage"}},
         {{"-h"}, {"Usage: halvoctl [OPTIONS] COMMAND"}},
+        {{"--version"}, {std::string("halvoctl ") + version + "\n"}},
         {{"status", "--help"}, {"Usage: halvoctl status", "--json", "salvaged", "Needs root"}},
         {{"doctor", "--json", "-h"}, {"Usage: halvoctl doctor", "--app PATH", "\"verdict\""}},
         {{"release", "--help"},
          {"Usage: halvoctl release", "--and-stop", "--bundle-gone", "Needs root"}}};
 
+    machine = std::unexpected("It is missing");
     for (const auto& [words, texts] : rows) {
         const Outcome outcome = runWith(words);
         EXPECT_EQ(outcome.status, ExitStatus::fine);
@@ -65,37 +56,31 @@ TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
             EXPECT_THAT(outcome.output, HasSubstr(text));
         }
     }
-    EXPECT_EQ(runWith({"--version"}),
-              (Outcome{ExitStatus::fine, std::string("halvoctl ") + version + "\n", ""}));
-    EXPECT_EQ(searches, 0);
 }
 
 TEST_F(ToolTest, RefusesACommandLineThatItDoesNotKnow) {
-    struct {
-        Words words;
-        std::string problem;
-    } const rows[] = {
+    const std::string unknown = "Unknown command or option ";
+    const std::string path =
+        "--app: the absolute path of a bundle is needed, as /Applications/Halvo.app, not ";
+    const std::vector<std::pair<Words, std::string>> rows{
         {{}, "A subcommand is required"},
-        {{"relase"}, "Unknown command or option 'relase'"},
-        {{"\x1B[2J"}, "Unknown command or option '\\u001b[2J'"},
-        {{""}, "Unknown command or option ''"},
-        {{"release", "--json"}, "Unknown command or option '--json'"},
-        {{"release", "now"}, "Unknown command or option 'now'"},
-        {{"status", "--and-stop"}, "Unknown command or option '--and-stop'"},
-        {{"status", "release"}, "Unknown command or option 'release'"},
-        {{"doctor", "--bundle-gone"}, "Unknown command or option '--bundle-gone'"},
-        {{"status", "--app", "/A/B.app"}, "Unknown command or option '--app'"},
+        {{"relase"}, unknown + "'relase'"},
+        {{"\x1B[2J"}, unknown + "'\\u001b[2J'"},
+        {{""}, unknown + "''"},
+        {{"release", "--json"}, unknown + "'--json'"},
+        {{"release", "now"}, unknown + "'now'"},
+        {{"status", "--and-stop"}, unknown + "'--and-stop'"},
+        {{"status", "release"}, unknown + "'release'"},
+        {{"doctor", "--bundle-gone"}, unknown + "'--bundle-gone'"},
+        {{"status", "--app", "/A/B.app"}, unknown + "'--app'"},
         {{"doctor", "--app"}, "--app: 1 required PATH missing"},
-        {{"doctor", "--app", "B\n.app"},
-         "--app: the absolute path of a bundle is needed, as /Applications/Halvo.app, not "
-         "'B\\n.app'"}};
-
+        {{"doctor", "--app", "B\n.app"}, path + "'B\\n.app'"},
+        {{"doctor", "--app="}, path + "''"}};
     fake.hold();
     for (const auto& [words, problem] : rows) {
         EXPECT_EQ(runWith(words), (Outcome{ExitStatus::usage, "",
                                            "halvoctl: " + problem + ". See halvoctl --help.\n"}));
     }
-    EXPECT_EQ(searches, 0);
     EXPECT_TRUE(fake.world.calls.calls().empty());
 }
 
@@ -107,8 +92,8 @@ TEST_F(ToolTest, RunsTheCommands) {
     EXPECT_THAT(runWith({"doctor", "--app", "/A/B.app"}).output,
                 HasSubstr("/A/B.app/Contents/Info.plist cannot be read"));
     EXPECT_EQ(runWith({"doctor"}).status, ExitStatus::problem) << "the helper is nowhere";
-    EXPECT_EQ(runWith({"release"}).output, "com.example.app: Nothing was held.\n");
     fake.service.resumed = "It is back.";
+    EXPECT_EQ(runWith({"release"}).output, "com.example.app: Nothing was held.\nIt is back.\n");
     EXPECT_EQ(runWith({"release", "--and-stop"}).output, "com.example.app: Nothing was held.\n");
     fake.hold();
     fs::remove_all(fake.app);
@@ -116,20 +101,19 @@ TEST_F(ToolTest, RunsTheCommands) {
     EXPECT_EQ(runWith({"release", "--bundle-gone"}).status, ExitStatus::fine);
 }
 
-TEST_F(ToolTest, NeedsRoot) {
+TEST_F(ToolTest, NeedsRootAndTheIdentityOfTheApp) {
     fake.machine.isRoot = false;
     fake.hold();
-    for (const char* command : {"status", "release"}) {
-        const Outcome outcome = runWith({command});
-        EXPECT_EQ(outcome.status, ExitStatus::noPermission);
-        EXPECT_THAT(outcome.errors, HasSubstr(std::string("Type: sudo halvoctl ") + command));
-        EXPECT_EQ(outcome.output, "");
-    }
+    EXPECT_EQ(runWith({"status"}),
+              (Outcome{ExitStatus::noPermission, "",
+                       "halvoctl: The state can only be read as root. Type: sudo halvoctl "
+                       "status\n"}));
+    EXPECT_EQ(runWith({"release"}),
+              (Outcome{ExitStatus::noPermission, "",
+                       "halvoctl: Only root can let go of what holds. Type: sudo halvoctl "
+                       "release\n"}));
     EXPECT_TRUE(fake.world.calls.calls().empty());
-}
-
-TEST_F(ToolTest, NeedsTheIdentityOfTheApp) {
-    hasIdentity = false;
+    machine = std::unexpected("It is missing");
     for (const char* command : {"status", "release"}) {
         EXPECT_EQ(runWith({command}),
                   (Outcome{ExitStatus::config, "",
@@ -140,61 +124,24 @@ TEST_F(ToolTest, NeedsTheIdentityOfTheApp) {
     EXPECT_THAT(outcome.output, HasSubstr("It is missing\n"));
 }
 
-// The program as it is built, run as a process of its own.
-ChildResult runProgram(
-    const Words& words, const std::function<void()>& prepare = [] {},
-    const std::string& program = HALVO_CONTROL) {
-    return testing::runInChild([&] {
-        std::vector<char*> pointers;
-        for (const std::string& word : words) {
-            pointers.push_back(const_cast<char*>(word.c_str()));
-        }
-        pointers.push_back(nullptr);
-        prepare();
-        execv(program.c_str(), pointers.data());
-        FAIL() << "cannot run " << program;
+// The program as it is built. That it needs root is shown end to end.
+TEST(ControlProgramTest, TellsItsVersionAndEndsAsItWasAskedTo) {
+    const std::string told = std::string("halvoctl ") + version + "\n";
+    EXPECT_EQ(testing::runInChild({.words = {HALVO_CONTROL, "--version"}}),
+              (ChildResult{ExitStatus::fine, told}));
+    EXPECT_EQ(testing::runInChild({.words = {HALVO_CONTROL, "stauts"}}).status, ExitStatus::usage);
+    const auto bare = testing::runInChild([] {
+        char* const none[] = {nullptr};
+        execv(HALVO_CONTROL, none);
     });
-}
-
-TEST(ControlProgramTest, TellsItsVersion) {
-    const ChildResult result = runProgram({"halvoctl", "--version"});
-    EXPECT_EQ(result.status, ExitStatus::fine);
-    EXPECT_EQ(result.output, std::string("halvoctl ") + version + "\n");
-}
-
-TEST(ControlProgramTest, RefusesACommandLineAlsoWithoutANameOfItsOwn) {
-    EXPECT_EQ(runProgram({"halvoctl", "stauts"}).status, ExitStatus::usage);
-    const ChildResult result = runProgram({});
-    EXPECT_EQ(result.status, ExitStatus::usage);
-    EXPECT_THAT(result.output, StartsWith("halvoctl: A subcommand is required."));
-}
-
-TEST(ControlProgramTest, NeedsRoot) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to be somebody else";
-    }
-    constexpr uid_t nobody = 65534;
-    // Where everybody can reach it.
-    const testing::TemporaryFolder folder;
-    fs::permissions(folder.path(), fs::perms{0755});
-    for (const char* name : {"halvoctl", "Info.plist"}) {
-        fs::copy_file(fs::path(HALVO_CONTROL).replace_filename(name), folder / name);
-    }
-    for (const char* command : {"status", "release"}) {
-        // For good: a process that could be root again cannot be looked at for leaks.
-        const ChildResult result = runProgram(
-            {"halvoctl", command}, [] { ASSERT_EQ(setresuid(nobody, nobody, nobody), 0); },
-            folder / "halvoctl");
-        EXPECT_EQ(result.status, ExitStatus::noPermission) << result.output;
-    }
-}
-
-TEST(ControlProgramTest, SaysThatTheDiskIsFull) {
-    const ChildResult result = runProgram({"halvoctl", "doctor"}, [] {
+    EXPECT_EQ(bare.status, ExitStatus::usage) << "without a name of its own";
+    EXPECT_THAT(bare.output, StartsWith("halvoctl: A subcommand is required."));
+    const auto full = testing::runInChild([] {
         dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+        testing::execute(HALVO_CONTROL, {"doctor"});
     });
-    EXPECT_EQ(result.status, ExitStatus::outputLost);
-    EXPECT_EQ(result.output, "halvoctl: The output could not be written.\n");
+    EXPECT_EQ(full, (ChildResult{ExitStatus::outputLost,
+                                 "halvoctl: The output could not be written.\n"}));
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <system_error>
 
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
@@ -33,9 +32,8 @@ bool isSame(const std::string& path, const std::string& other) {
 // The second word of the command line; proc_pid_cmdline(5).
 std::string firstArgument(const std::string& process) {
     std::ifstream file(process + "/cmdline");
-    std::string program;
     std::string word;
-    std::getline(std::getline(file, program, '\0'), word, '\0');
+    std::getline(std::getline(file, word, '\0'), word, '\0');
     return word;
 }
 
@@ -64,13 +62,10 @@ class ProcProcesses final : public HelperProcesses {
     // proc_pid_status(5).
     bool isStopped(pid_t process) override {
         std::ifstream file("/proc/" + std::to_string(process) + "/status");
-        const std::string key = "State:\t";
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with(key)) {
-                return line.starts_with(key + "T") || line.starts_with(key + "t");
-            }
+        std::string line;
+        while (std::getline(file, line) && !line.starts_with("State:")) {
         }
-        return false;
+        return line.starts_with("State:\tT") || line.starts_with("State:\tt");
     }
 
     // By a descriptor, which cannot come to mean another process; pidfd_open(2).

@@ -2,25 +2,26 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <system_error>
 #include <utility>
 
 #include "HalvoHelper/ArgumentVector.hpp"
+#include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
+#include "HalvoPlatform/ErrorText.hpp"
+#include "tools/HalvoRecords/Wording.hpp"
 
 namespace halvo::control {
 namespace {
 
-constexpr Seconds askLimit{10};
-// launchd gives the job 20 seconds to end.
-constexpr Seconds stopLimit{30};
+using records::printable;
 
-// Starts a program as LiveLaunchctl says. Gives 0 or an errno.
+// Starts a program as liveLaunchctl() says. Gives 0 or an errno.
 int spawn(const std::vector<std::string>& words, pid_t& child) {
     posix_spawn_file_actions_t actions{};
     posix_spawnattr_t attributes{};
@@ -50,107 +51,156 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
     return code;
 }
 
+class LaunchdService final : public Service {
+  public:
+    LaunchdService(ServiceParts parts, Launchctl launchctl)
+        : parts_(std::move(parts)), launchctl_(std::move(launchctl)) {}
+
+    std::string whatStarts() override {
+        const auto printed = printJob();
+        if (!printed) {
+            return "nothing is known of what starts it: " + printed.error();
+        }
+        return *printed == 0
+                   ? "it starts when the app calls, and at boot"
+                   : "nothing starts it until the app registers it anew, or the next boot";
+    }
+
+    [[nodiscard]] std::string startCommand() const override {
+        return "launchctl kickstart " + job_;
+    }
+
+    [[nodiscard]] std::string restartCommand() const override {
+        return "launchctl kickstart -k " + job_;
+    }
+
+    // Takes the job out of launchd: SIGTERM alone would have it start the helper again.
+    std::expected<void, std::string> stop() override {
+        const auto printed = printJob();
+        if (!printed) {
+            return std::unexpected(printed.error() + ". Try again when launchd answers.");
+        }
+        if (*printed == 0) {
+            // launchd gives the job 20 seconds to end.
+            const auto out =
+                launchctl_({"bootout", job_}, Seconds{30},
+                           "Waiting for launchd to stop the helper, at most 30 seconds.");
+            if (!out) {
+                return std::unexpected(out.error() + ". Try again.");
+            }
+            // It may report that the end is still under way; what counts is what is so.
+            isOut_ = printJob().value_or(0) != 0;
+            if (!isOut_) {
+                return std::unexpected("launchd did not stop the helper: launchctl bootout " +
+                                       job_ + " ended with " + std::to_string(*out) +
+                                       ". Try again.");
+            }
+        }
+        auto ended = endAll(parts_.processes, parts_.waiter);
+        if (ended) {
+            // One that was killed leaves it.
+            HelperCopy::remove(parts_.identity);
+        }
+        return ended;
+    }
+
+    // Brings nothing back: only the app's registration (SMAppService) and the next boot do.
+    std::expected<std::string, std::string> resume() override {
+        return isOut_ ? "The helper is back at the next boot, or when the app registers it anew."
+                      : "";
+    }
+
+    std::vector<std::string> otherApplications() override { return homeApplications(); }
+
+    // What launchd has is said where the helper does not run.
+    Checks examine() override { return {checkOpening(parts_.executable, parts_.identity)}; }
+
+    Checks examineApp(const std::string&, bool) override { return {}; }
+
+    Checks examineSession(std::uint32_t) override { return {}; }
+
+  private:
+    // 0 when launchd has the job.
+    std::expected<int, std::string> printJob() {
+        return launchctl_({"print", job_}, Seconds{10}, "");
+    }
+
+    ServiceParts parts_;
+    Launchctl launchctl_;
+    std::string job_ = "system/" + parts_.identity.helperBundleID();
+    // stop() took the job out.
+    bool isOut_ = false;
+};
+
 }  // namespace
 
-std::expected<int, std::string> LiveLaunchctl::run(const std::vector<std::string>& words,
-                                                   Seconds limit, const std::string& line) {
-    std::vector<std::string> all{program_};
-    all.insert(all.end(), words.begin(), words.end());
-    pid_t child = 0;
-    if (const int code = spawn(all, child); code != 0) {
-        return std::unexpected(program_ +
-                               " cannot be started: " + std::generic_category().message(code));
-    }
-    int status = 0;
-    const auto hasEnded = [&] { return waitpid(child, &status, WNOHANG) == child; };
-    if (!waiter_.wait(hasEnded, limit, line)) {
-        kill(-child, SIGKILL);
-        waitpid(child, &status, 0);
-        return std::unexpected(program_ + " takes too long; it was stopped");
-    }
-    constexpr int signalled = 128;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
-}
-
-LaunchdService::LaunchdService(const HelperIdentity& identity, std::string executable,
-                               std::unique_ptr<Launchctl> launchctl, HelperProcesses& processes,
-                               Waiter& waiter)
-    : identity_(identity),
-      executable_(std::move(executable)),
-      job_("system/" + identity.helperBundleID()),
-      launchctl_(std::move(launchctl)),
-      processes_(processes),
-      waiter_(waiter) {}
-
-std::expected<bool, std::string> LaunchdService::isLoaded() {
-    const auto status = launchctl_->run({"print", job_}, askLimit, "");
-    if (!status) {
-        return std::unexpected(status.error());
-    }
-    return *status == 0;
-}
-
-std::string LaunchdService::whatStarts() {
-    const auto loaded = isLoaded();
-    if (!loaded) {
-        return "nothing is known of what starts it: " + loaded.error();
-    }
-    return *loaded ? "it starts when the app calls, and at boot"
-                   : "nothing starts it until the app registers it anew, or the next boot";
-}
-
-std::string LaunchdService::startCommand() const { return "launchctl kickstart " + job_; }
-
-std::string LaunchdService::restartCommand() const { return "launchctl kickstart -k " + job_; }
-
-std::expected<void, std::string> LaunchdService::stop() {
-    const auto loaded = isLoaded();
-    if (!loaded) {
-        return std::unexpected(loaded.error() + ". Try again when launchd answers.");
-    }
-    if (*loaded) {
-        const auto out =
-            launchctl_->run({"bootout", job_}, stopLimit,
-                            "Waiting for launchd to stop the helper, at most 30 seconds.");
-        if (!out) {
-            return std::unexpected(out.error() + ". Try again.");
+Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
+    return [&waiter, program](const std::vector<std::string>& words, Seconds limit,
+                              const std::string& line) -> std::expected<int, std::string> {
+        std::vector<std::string> all{program};
+        all.insert(all.end(), words.begin(), words.end());
+        pid_t child = 0;
+        if (const int code = spawn(all, child); code != 0) {
+            return std::unexpected(program + " cannot be started: " + errorText(code));
         }
-        // It may report that the end is still under way; what counts is what is so.
-        const auto remains = isLoaded();
-        isOut_ = remains.has_value() && !*remains;
-        if (!isOut_) {
-            return std::unexpected("launchd did not stop the helper: launchctl bootout " + job_ +
-                                   " ended with " + std::to_string(*out) + ". Try again.");
+        int status = 0;
+        const auto hasEnded = [&] { return waitpid(child, &status, WNOHANG) == child; };
+        if (!waiter.wait(hasEnded, limit, line)) {
+            kill(-child, SIGKILL);
+            waitpid(child, &status, 0);
+            return std::unexpected(program + " takes too long; it was stopped");
         }
-    }
-    auto ended = endAll(processes_, waiter_);
-    if (ended) {
-        // One that was killed leaves it.
-        HelperCopy::remove(identity_);
-    }
-    return ended;
+        constexpr int signalled = 128;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
+    };
 }
 
-std::expected<std::string, std::string> LaunchdService::resume() {
-    return isOut_ ? "The helper is back at the next boot, or when the app registers it anew." : "";
+std::unique_ptr<Service> launchdService(const ServiceParts& parts, const Launchctl& launchctl) {
+    return std::make_unique<LaunchdService>(parts, launchctl);
 }
-
-std::vector<std::string> LaunchdService::otherApplications() { return homeApplications(); }
-
-Checks LaunchdService::examine() { return {checkOpening(executable_, identity_)}; }
-
-Checks LaunchdService::examineApp(const std::string&, bool) { return {}; }
-
-Checks LaunchdService::examineSession(std::uint32_t) { return {}; }
 
 std::string releaseLockPath(const HelperIdentity& identity) {
     return "/var/run/" + identity.helperBundleID() + ".release.lock";
 }
 
-std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
-                                     HelperProcesses& processes, Waiter& waiter) {
-    return std::make_unique<LaunchdService>(
-        identity, executable, std::make_unique<LiveLaunchctl>(waiter), processes, waiter);
+std::unique_ptr<Service> liveService(const ServiceParts& parts) {
+    return launchdService(parts, liveLaunchctl(parts.waiter));
 }
+
+// From the bundle downwards: /Applications itself belongs to the administrators there.
+HelperFiles helperFiles(const std::string& helper) {
+    const std::string folder = folderOf(helper);
+    const std::size_t bundle = helper.rfind("/Contents/");
+    return {
+        {helper, folder + "/halvoctl"},
+        bundle == std::string::npos ? folder : helper.substr(0, bundle),
+        "Whoever can change the helper can keep it from starting, and whoever can change halvoctl "
+        "becomes root when an administrator runs it."};
+}
+
+Check checkOpening(const std::string& helper, const HelperIdentity& identity) {
+    const auto problem = RootOwnedPath::problem(helper);
+    if (!problem) {
+        return isOk("opening", "by the helper's own executable, which is root's alone");
+    }
+    const std::string shown = printable(*problem);
+    const auto checked = checkCodeSignature(helper, identity.helperRequirement());
+    const std::string folder = HelperCopy::folder(identity);
+    struct stat status{};
+    const auto wrong = lstat(folder.c_str(), &status) == 0
+                           ? RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)
+                           : std::nullopt;
+    return firstOf(
+        "opening",
+        {{!checked,
+          printable(checked ? "" : checked.error()) + "; so the app is not opened again, since " +
+              shown,
+          "Install the app again."},
+         {wrong.has_value(), printable(wrong.value_or("")) + "; so the app is not opened again",
+          "rm -r " + shellWord(folder)}},
+        "through a checked copy of the helper in " + printable(folder) + ", since " + shown);
+}
+
+std::string clearCommand(const std::string& path) { return "chflags noschg " + shellWord(path); }
 
 }  // namespace halvo::control

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <deque>
 #include <filesystem>
@@ -18,164 +17,149 @@
 namespace halvo::control {
 namespace {
 
+namespace fs = std::filesystem;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Status = std::expected<int, std::string>;
+using Words = std::vector<std::string>;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string print = "print system/com.example.app.helper";
 const std::string bootout = "bootout system/com.example.app.helper";
+const std::string copyFolder = "/Library/Application Support/com.example.app.helper.copy";
 
-// What launchctl is asked, and how it ends: the last of several answers stays.
-struct Script {
-    std::map<std::string, std::deque<Status>> answers{
-        {print, {std::unexpected("launchctl is stuck")}},
-        {bootout, {std::unexpected("launchctl is stuck")}}};
-    std::vector<std::string> calls;
-    std::vector<Seconds> limits;
-    std::vector<std::string> lines;
-};
+// A service whose launchctl ends as `answers` say; the last of several stays.
+struct LaunchdMachine {
+    LaunchdMachine() { fake::reset(); }
 
-class FakeLaunchctl final : public Launchctl {
-  public:
-    explicit FakeLaunchctl(Script& script) : script_(script) {}
-
-    Status run(const std::vector<std::string>& words, Seconds limit,
-               const std::string& line) override {
-        const std::string& call = script_.calls.emplace_back(words.at(0) + " " + words.at(1));
-        script_.limits.push_back(limit);
-        script_.lines.push_back(line);
-        std::deque<Status>& answers = script_.answers.at(call);
-        const Status answer = answers.front();
-        if (answers.size() > 1) {
-            answers.pop_front();
+    Status run(const Words& words, Seconds limit, const std::string& line) {
+        const std::string& call = calls.emplace_back(words.at(0) + " " + words.at(1));
+        limits.push_back(limit);
+        lines.push_back(line);
+        std::deque<Status>& list = answers.at(call);
+        const Status answer = list.front();
+        if (list.size() > 1) {
+            list.pop_front();
         }
         return answer;
     }
 
-  private:
-    Script& script_;
-};
-
-class LaunchdServiceTest : public ::testing::Test {
-  protected:
-    LaunchdServiceTest() { fake::reset(); }
-
-    // launchd has the job first, and after bootout no more.
-    void load() { script.answers = {{print, {0, 113}}, {bootout, {0}}}; }
-
-    Script script;
+    std::map<std::string, std::deque<Status>> answers;
+    Words calls;
+    std::vector<Seconds> limits;
+    Words lines;
     FakeProcesses processes;
     FakeWaiter waiter;
-    LaunchdService service{identity, "/anywhere/HalvoHelper",
-                           std::make_unique<FakeLaunchctl>(script), processes, waiter};
+    const ServiceParts parts{identity, "/anywhere/HalvoHelper", processes, waiter};
+    std::unique_ptr<Service> service =
+        launchdService(parts, [this](const Words& words, Seconds limit, const std::string& line) {
+            return run(words, limit, line);
+        });
 };
 
-TEST_F(LaunchdServiceTest, TakesTheJobOutAndSaysWhenItIsBack) {
-    load();
-    EXPECT_EQ(service.resume(), "");
-    EXPECT_TRUE(service.stop());
-    EXPECT_THAT(script.calls, ElementsAre(print, bootout, print));
-    EXPECT_THAT(script.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
-    EXPECT_THAT(script.lines,
-                ElementsAre("", "Waiting for launchd to stop the helper, at most 30 seconds.", ""));
-    EXPECT_EQ(service.resume(),
-              "The helper is back at the next boot, or when the app registers it anew.");
-}
-
-TEST_F(LaunchdServiceTest, CountsWhatIsSoAndNotWhatBootoutSays) {
-    load();
-    script.answers[bootout] = {36};
-    EXPECT_TRUE(service.stop());
-}
-
-TEST_F(LaunchdServiceTest, StopsHelpersThatNoJobStarted) {
-    script.answers[print] = {113};
-    processes.processes = {7};
-    EXPECT_TRUE(service.stop());
-    EXPECT_THAT(script.calls, ElementsAre(print));
-    EXPECT_THAT(processes.terminated, ElementsAre(7));
-    EXPECT_EQ(service.resume(), "");
-}
-
-TEST_F(LaunchdServiceTest, FailsWhenLaunchdDoesNotAnswer) {
-    EXPECT_EQ(service.stop(),
-              std::unexpected("launchctl is stuck. Try again when launchd answers."));
-    EXPECT_EQ(service.whatStarts(), "nothing is known of what starts it: launchctl is stuck");
-    script.answers[print] = {0};
-    EXPECT_EQ(service.stop(), std::unexpected("launchctl is stuck. Try again."));
-    EXPECT_EQ(service.resume(), "");
-}
-
-TEST_F(LaunchdServiceTest, FailsWhenTheJobStays) {
-    script.answers = {{print, {0}}, {bootout, {1}}};
-    const auto failed = std::unexpected(
+TEST(LaunchdServiceTest, TakesTheJobOut) {
+    const Status mute = std::unexpected("launchctl is stuck");
+    const std::string back =
+        "The helper is back at the next boot, or when the app registers it anew.";
+    const std::string stays =
         "launchd did not stop the helper: launchctl bootout system/com.example.app.helper ended "
-        "with 1. Try again.");
-    EXPECT_EQ(service.stop(), failed);
-    EXPECT_EQ(service.resume(), "");
-    script.answers[print].push_back(std::unexpected("stuck"));
-    EXPECT_EQ(service.stop(), failed) << "when it cannot be told";
+        "with 1. Try again.";
+
+    struct {
+        std::deque<Status> print;
+        Status bootout;
+        Words calls;
+        std::string problem;
+        std::string resumed;
+    } const rows[] = {
+        {{0, 113}, 0, {print, bootout, print}, "", back},
+        {{0, 113}, 36, {print, bootout, print}, "", back},
+        {{113}, mute, {print}, "", ""},
+        {{mute}, mute, {print}, "launchctl is stuck. Try again when launchd answers.", ""},
+        {{0}, mute, {print, bootout}, "launchctl is stuck. Try again.", ""},
+        {{0}, 1, {print, bootout, print}, stays, ""},
+        {{0, mute}, 1, {print, bootout, print}, stays, ""}};
+
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        LaunchdMachine machine;
+        machine.answers = {{print, row.print}, {bootout, {row.bootout}}};
+        machine.processes.processes = {7};
+        EXPECT_EQ(machine.service->resume(), "");
+        const auto stopped = machine.service->stop();
+        EXPECT_EQ(stopped ? "" : stopped.error(), row.problem);
+        EXPECT_EQ(machine.calls, row.calls);
+        EXPECT_EQ(machine.service->resume(), row.resumed);
+        EXPECT_EQ(machine.processes.processes.empty(), stopped.has_value())
+            << "also one that no job started";
+    }
+    LaunchdMachine machine;
+    machine.answers = {{print, {0, 113}}, {bootout, {0}}};
+    EXPECT_TRUE(machine.service->stop());
+    EXPECT_THAT(machine.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
+    EXPECT_THAT(machine.lines,
+                ElementsAre("", "Waiting for launchd to stop the helper, at most 30 seconds.", ""));
 }
 
-TEST_F(LaunchdServiceTest, FailsWhenAHelperStays) {
-    script.answers[print] = {113};
-    processes.processes = {7};
-    processes.areStuck = true;
-    EXPECT_EQ(service.stop(),
-              std::unexpected("The helper (pid 7) does not end. Kill it (kill -KILL), then run "
-                              "halvoctl release again, which takes off the lock that it leaves."));
-}
-
-TEST_F(LaunchdServiceTest, SaysWhatStartsTheHelper) {
-    load();
-    EXPECT_EQ(service.whatStarts(), "it starts when the app calls, and at boot");
-    EXPECT_EQ(service.whatStarts(),
-              "nothing starts it until the app registers it anew, or the next boot");
-    EXPECT_EQ(service.startCommand(), "launchctl kickstart system/com.example.app.helper");
-    EXPECT_EQ(service.restartCommand(), "launchctl kickstart -k system/com.example.app.helper");
-}
-
-TEST_F(LaunchdServiceTest, HasLittleToExamine) {
-    EXPECT_EQ(service.examine(), Checks{checkOpening("/anywhere/HalvoHelper", identity)});
-    EXPECT_THAT(service.examineApp("/Applications/Halvo.app", true), IsEmpty());
-    EXPECT_THAT(service.examineSession(501), IsEmpty());
-    EXPECT_THAT(service.otherApplications(), Contains("/root/Applications"));
-}
-
-TEST_F(LaunchdServiceTest, IsTheLiveOneOfThisSystem) {
-    const auto live = liveService(identity, "/anywhere/HalvoHelper", processes, waiter);
+TEST(LaunchdServiceTest, SaysWhatStartsTheHelper) {
+    LaunchdMachine machine;
+    machine.answers = {{print, {0, 113, std::unexpected("launchctl is stuck")}}};
+    const auto starts = [&] { return machine.service->whatStarts(); };
+    EXPECT_EQ(starts(), "it starts when the app calls, and at boot");
+    EXPECT_EQ(starts(), "nothing starts it until the app registers it anew, or the next boot");
+    EXPECT_EQ(starts(), "nothing is known of what starts it: launchctl is stuck");
+    EXPECT_EQ(machine.service->startCommand(), "launchctl kickstart system/com.example.app.helper");
+    EXPECT_EQ(machine.service->restartCommand(),
+              "launchctl kickstart -k system/com.example.app.helper");
+    const auto live = liveService(machine.parts);
     EXPECT_EQ(live->whatStarts(),
               "nothing is known of what starts it: /bin/launchctl cannot be started: No such file "
               "or directory");
+}
+
+TEST(LaunchdServiceTest, HasLittleToExamine) {
+    LaunchdMachine machine;
+    EXPECT_EQ(machine.service->examine(), Checks{checkOpening("/anywhere/HalvoHelper", identity)});
+    EXPECT_THAT(machine.service->examineApp("/Applications/Halvo.app", true), IsEmpty());
+    EXPECT_THAT(machine.service->examineSession(501), IsEmpty());
+    EXPECT_THAT(machine.service->otherApplications(), Contains("/root/Applications"));
+    EXPECT_EQ(clearCommand("/Applications/My App.app"),
+              "chflags noschg '/Applications/My App.app'");
+    EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
+}
+
+TEST(HelperFilesTest, AreLookedAtFromTheirBundleDownwards) {
+    const std::string bundle = "/Applications/Contents/Halvo.app";
+    for (const auto& [folder, top] :
+         {std::pair{bundle + "/Contents/Helpers", bundle},
+          std::pair<std::string, std::string>{"/usr/local/libexec", "/usr/local/libexec"}}) {
+        const HelperFiles files = helperFiles(folder + "/HalvoHelper");
+        EXPECT_EQ(files.paths, (Words{folder + "/HalvoHelper", folder + "/halvoctl"}));
+        EXPECT_EQ(files.top, top);
+        EXPECT_EQ(files.risk,
+                  "Whoever can change the helper can keep it from starting, and whoever can change "
+                  "halvoctl becomes root when an administrator runs it.");
+    }
 }
 
 // Another program in launchctl's place.
 class LaunchctlTest : public ::testing::Test {
   protected:
     Status shell(const std::string& script, Seconds limit = Seconds{20}) {
-        return LiveLaunchctl(waiter, "/bin/sh").run({"-c", script}, limit, "Waiting.");
+        return liveLaunchctl(waiter, "/bin/sh")({"-c", script}, limit, "Waiting.");
     }
 
     const testing::TemporaryFolder folder;
+    const std::string seen = folder / "seen";
     Waiter waiter;
 };
 
-TEST_F(LaunchctlTest, EndsAsItEnds) {
+TEST_F(LaunchctlTest, EndsAsItEndsAndSaysNothing) {
     EXPECT_EQ(shell("exit 3"), 3);
     EXPECT_EQ(shell("kill -TERM $$"), 128 + SIGTERM);
-    EXPECT_EQ(LiveLaunchctl(waiter, "/nowhere/launchctl").run({"print"}, Seconds{20}, ""),
+    EXPECT_EQ(liveLaunchctl(waiter, "/nowhere/launchctl")({"print"}, Seconds{20}, ""),
               std::unexpected("/nowhere/launchctl cannot be started: No such file or directory"));
-}
-
-TEST_F(LaunchctlTest, GetsAnEnvironmentOfItsOwnAndNothingToRead) {
-    const std::string seen = folder / "seen";
-    EXPECT_EQ(shell("exec >" + seen + "; cat; env | grep -v '^PWD=\\|^_=' | sort"), 0);
-    EXPECT_EQ(testing::readTestFile(seen), "LC_ALL=C\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n");
-}
-
-TEST_F(LaunchctlTest, SaysNothing) {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(shell("echo out; echo err >&2"), 0);
@@ -183,14 +167,16 @@ TEST_F(LaunchctlTest, SaysNothing) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(LaunchctlTest, GetsTheUsualSignalsAndAGroupOfItsOwn) {
+TEST_F(LaunchctlTest, GetsWhatIsItsOwn) {
+    EXPECT_EQ(shell("exec >" + seen + "; cat; env | grep -v '^PWD=\\|^_=' | sort"), 0);
+    EXPECT_EQ(testing::readTestFile(seen), "LC_ALL=C\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n");
+
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, &before);
     const auto ignored = std::signal(SIGPIPE, SIG_IGN);
     // But for signals 32 and 33, which are the C library's own.
-    const std::string seen = folder / "seen";
     EXPECT_EQ(shell("exec >" + seen +
                     "; grep -E 'Sig(Blk|Ign)' /proc/self/status | sed 's/18\\(0*\\)$/00\\1/'; "
                     "test $(ps -o pgid= -p $$) = $$ && echo own"),
@@ -202,48 +188,76 @@ TEST_F(LaunchctlTest, GetsTheUsualSignalsAndAGroupOfItsOwn) {
 }
 
 TEST_F(LaunchctlTest, IsKilledWithWhatItStartedWhenItTakesTooLong) {
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(shell("(sleep 2; touch " + folder / "late" + ") & sleep 30", Seconds{0.2}),
+    const Seconds start = testing::timeNow();
+    EXPECT_EQ(shell("(sleep 2; touch " + seen + ") & sleep 30", Seconds{0.2}),
               std::unexpected("/bin/sh takes too long; it was stopped"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds{2});
-    usleep(2'300'000);
-    EXPECT_FALSE(std::filesystem::exists(folder / "late"));
-}
-
-TEST_F(LaunchctlTest, IsSaidToBeWaitedFor) {
+    EXPECT_LT(testing::timeNow() - start, Seconds{2});
     FakeWaiter fast;
-    EXPECT_FALSE(
-        LiveLaunchctl(fast, "/bin/sh").run({"-c", "sleep 30"}, Seconds{2}, "Waiting for it."));
+    EXPECT_FALSE(liveLaunchctl(fast, "/bin/sh")({"-c", "sleep 30"}, Seconds{2}, "Waiting for it."));
     EXPECT_THAT(fast.said, ElementsAre("Waiting for it."));
+    EXPECT_TRUE(testing::always(Seconds{2.3}, [this] { return !fs::exists(seen); }));
 }
 
 class LaunchdServicePrivateMachineTest : public testing::PrivateMachineTest {
   protected:
-    void prepare() override { std::filesystem::create_directory(folder); }
+    void prepare() override { fs::create_directory(copyFolder); }
 
-    void cleanUp() override { std::filesystem::remove_all(folder); }
-
-    const std::string folder = "/Library/Application Support/com.example.app.helper.copy";
+    void cleanUp() override { fs::remove_all(copyFolder); }
 };
 
 TEST_F(LaunchdServicePrivateMachineTest, TakesAwayTheCopyOfAHelperThatWasKilled) {
-    Script script;
-    FakeProcesses processes;
-    FakeWaiter waiter;
-    LaunchdService service(identity, "/anywhere/HalvoHelper",
-                           std::make_unique<FakeLaunchctl>(script), processes, waiter);
-    script.answers[print] = {113};
-    processes.processes = {7};
-    processes.areStuck = true;
-    EXPECT_FALSE(service.stop());
-    EXPECT_TRUE(std::filesystem::exists(folder)) << "it may use it";
-    processes.areStuck = false;
-    EXPECT_TRUE(service.stop());
-    EXPECT_FALSE(std::filesystem::exists(folder));
+    LaunchdMachine machine;
+    machine.answers = {{print, {113}}};
+    machine.processes.processes = {7};
+    machine.processes.areStuck = true;
+    EXPECT_EQ(machine.service->stop().error().substr(0, 18), "The helper (pid 7)");
+    EXPECT_TRUE(fs::exists(copyFolder)) << "it may use it";
+    machine.processes.areStuck = false;
+    EXPECT_TRUE(machine.service->stop());
+    EXPECT_FALSE(fs::exists(copyFolder));
 }
 
-TEST(ReleaseLockPathTest, LiesWhereABootEmpties) {
-    EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
+// What the helper does for an opening: HalvoHelper/macOS/LiveOpener.mm.
+class ChecksPrivateMachineTest : public testing::PrivateMachineTest {
+  protected:
+    void prepare() override {
+        fake::reset();
+        fs::create_directory(bundle);
+        testing::writeTestFile(helper, "the helper");
+        fake::world().signedFiles["the helper"] = identity.helperRequirement();
+    }
+
+    void cleanUp() override {
+        fs::remove_all(bundle);
+        fs::remove_all(copyFolder);
+    }
+
+    Check opening() { return checkOpening(helper, identity); }
+
+    const std::string bundle = "/Applications/Halvo.app";
+    const std::string helper = bundle + "/HalvoHelper";
+};
+
+TEST_F(ChecksPrivateMachineTest, SayHowTheAppIsOpened) {
+    EXPECT_EQ(opening(), isOk("opening", "by the helper's own executable, which is root's alone"));
+    ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
+    const std::string owner = " belongs to user " + std::to_string(user.uid);
+    const Check copied = isOk("opening", "through a checked copy of the helper in " + copyFolder +
+                                             ", since " + bundle + owner);
+    EXPECT_EQ(opening(), copied);
+    fs::create_directory(copyFolder);
+    EXPECT_EQ(opening(), copied);
+    ASSERT_EQ(chown(copyFolder.c_str(), user.uid, user.gid), 0);
+    EXPECT_EQ(opening(),
+              isProblem("opening", copyFolder + owner + "; so the app is not opened again",
+                        "rm -r '" + copyFolder + "'"));
+    testing::writeTestFile(helper, "something else");
+    EXPECT_EQ(opening(), isProblem("opening",
+                                   helper +
+                                       ": code object is not signed at all; so the app is not "
+                                       "opened again, since " +
+                                       bundle + owner,
+                                   "Install the app again."));
 }
 
 }  // namespace
