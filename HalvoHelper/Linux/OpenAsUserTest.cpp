@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
@@ -83,6 +83,7 @@ TEST(OpenAsUserOnLinuxTest, RunsTheExecutableItselfWithoutAManager) {
 }
 
 Words managerArguments(const std::string& unit, const std::string& program) {
+    const std::string option = "--unit=" + unit;
     return {"/usr/bin/systemd-run",
             "--user",
             "--quiet",
@@ -90,7 +91,7 @@ Words managerArguments(const std::string& unit, const std::string& program) {
             "--service-type=exec",
             "--slice=app.slice",
             "--property=ExitType=cgroup",
-            "--unit=" + unit,
+            option,
             "--",
             program};
 }
@@ -110,9 +111,7 @@ TEST(OpenAsUserOnLinuxTest, RunsTheExecutableInTheUsersManager) {
     arguments.insert(arguments.end(), {"-halvoRelaunchedAfterQuit", "YES"});
     EXPECT_EQ(managerCommand({501, app, true}, ann, executable, "com.example.app", "0"),
               (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501"), 30}));
-}
-
-TEST(OpenAsUserOnLinuxTest, FindsTheManagerOfTheUserNotOfTheRequest) {
+    // That of the user, not of the request.
     const User last{4294967295, 20, "ann", "/Users/ann"};
     EXPECT_EQ(managerCommand({501, app, false}, last, executable, "x", "0").environment,
               managerEnvironment("4294967295"));
@@ -247,40 +246,19 @@ std::string managerSocket(const Person& user) {
     return "/run/user/" + std::to_string(user.uid) + "/systemd/private";
 }
 
-// Listens at the manager's place. For the body of a process of the user.
-Descriptor listenAsManager(const Person& user) {
-    become(user);
-    const std::string path = managerSocket(user);
-    fs::create_directories(fs::path(path).parent_path());
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(listener.get(), 5), 0);
-    return listener;
-}
-
-void sayReady() { EXPECT_EQ(write(STDOUT_FILENO, "ready\n", 6), 6); }
-
 // What managers do with a caller.
-
-void answerOne(const Descriptor& listener, sd_bus_message_handler_t filter) {
-    const int connection = accept(listener.get(), nullptr, nullptr);
-    sd_bus* bus = newServerBus(connection);
-    if (filter != nullptr) {
-        sd_bus_add_filter(bus, nullptr, filter, nullptr);
-    }
-    sd_bus_start(bus);
-    while (sd_bus_process(bus, nullptr) >= 0) {
-        sd_bus_wait(bus, UINT64_MAX);
-    }
-    sd_bus_close_unref(bus);
-}
 
 [[noreturn]] void answer(const Descriptor& listener, sd_bus_message_handler_t filter) {
     while (true) {
-        answerOne(listener, filter);
+        sd_bus* bus = newServerBus(accept(listener.get(), nullptr, nullptr));
+        if (filter != nullptr) {
+            sd_bus_add_filter(bus, nullptr, filter, nullptr);
+        }
+        sd_bus_start(bus);
+        while (sd_bus_process(bus, nullptr) >= 0) {
+            sd_bus_wait(bus, UINT64_MAX);
+        }
+        sd_bus_close_unref(bus);
     }
 }
 
@@ -309,12 +287,11 @@ void hangUp(const Descriptor& listener) {
 }
 
 void talkNonsense(const Descriptor& listener) {
-    std::vector<Descriptor> connections;
+    constexpr std::string_view nonsense =
+        "HTTP/1.1 400 Bad Request\r\nServer: x\r\nDate: y\r\n\r\n";
     while (true) {
-        connections.emplace_back(accept(listener.get(), nullptr, nullptr));
-        constexpr std::string_view nonsense =
-            "HTTP/1.1 400 Bad Request\r\nServer: x\r\nDate: y\r\n\r\n";
-        EXPECT_GT(write(connections.back().get(), nonsense.data(), nonsense.size()), 0);
+        const int connection = accept(listener.get(), nullptr, nullptr);
+        EXPECT_GT(write(connection, nonsense.data(), nonsense.size()), 0);
     }
 }
 
@@ -415,8 +392,13 @@ class OpenAsUserManagerPrivateMachineTest : public OpenAsUserPrivateMachineTest 
     // A manager of the user that does this with its callers.
     std::unique_ptr<TestProcess> startManager(std::function<void(const Descriptor&)> behaviour) {
         auto manager = std::make_unique<TestProcess>([&] {
-            const Descriptor listener = listenAsManager(user);
-            sayReady();
+            become(user);
+            fs::create_directories(fs::path(managerSocket(user)).parent_path());
+            const auto address = socketAddress(managerSocket(user)).value();
+            const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            EXPECT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
+            EXPECT_EQ(listen(listener.get(), 5), 0);
+            EXPECT_EQ(write(STDOUT_FILENO, "ready\n", 6), 6);
             behaviour(listener);
         });
         EXPECT_EQ(manager->readLine(), "ready");
