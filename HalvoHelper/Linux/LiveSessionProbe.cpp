@@ -18,10 +18,10 @@
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {

@@ -127,8 +127,8 @@ class Service {
 std::unique_ptr<Service> liveService(const HelperIdentity& identity, const std::string& executable,
                                      HelperProcesses& processes, Waiter& waiter);
 
-// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties. One
-// source per system.
+// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties.
+// One source per system.
 std::string releaseLockPath(const HelperIdentity& identity);
 
 // Borrows all, for as long as it is used. Main thread only.

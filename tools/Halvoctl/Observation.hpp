@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelperCore/HelperClock.hpp"
 #include "HalvoHelperCore/CommitmentStore.hpp"
 #include "HalvoHelperCore/FileFlags.hpp"
+#include "HalvoHelperCore/HelperClock.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
