@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "HalvoClient/PrivateGroup.hpp"
-#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {

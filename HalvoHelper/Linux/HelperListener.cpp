@@ -25,8 +25,8 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
-#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "HalvoPlatform/Files.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 

@@ -10,9 +10,9 @@
 
 #include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelper/Linux/OpenAsUser.hpp"
-#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {

@@ -16,11 +16,11 @@
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
 #include "HalvoPlatform/Paths.hpp"
+#include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {

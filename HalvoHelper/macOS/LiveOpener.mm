@@ -16,9 +16,9 @@
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/HelperIdentity.hpp"
-#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
+#include "HalvoPlatform/Time.hpp"
 #include "HalvoPlatform/macOS/FoundationText.hpp"
 
 namespace halvo {

@@ -155,8 +155,8 @@ struct ServiceParts {
 // The service of this system.
 std::unique_ptr<Service> liveService(const ServiceParts& parts);
 
-// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties. One
-// source per system.
+// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties.
+// One source per system.
 std::string releaseLockPath(const HelperIdentity& identity);
 
 // The shell command with which root clears the flag of the bundle at `path`. One source per system.
