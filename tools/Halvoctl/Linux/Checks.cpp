@@ -21,7 +21,7 @@ namespace {
 
 using records::printable;
 
-// What lies at `path`; of nothing, all is zero.
+// lstat(2) of `path`; all zero when it fails.
 struct stat statusOf(const std::string& path) {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0) {
@@ -140,7 +140,7 @@ Check checkAppFiles(const std::string& app) {
                 "Install the app as root, in folders of root that nobody else can write.");
         }
     }
-    // Looked at only below folders of root's, whose file system keeps nobody waiting.
+    // Only now: statvfs(2) may block on a file system that an ordinary user has mounted.
     struct statvfs mounted{};
     statvfs(executable->c_str(), &mounted);
     const std::string word = shellWord(*executable);

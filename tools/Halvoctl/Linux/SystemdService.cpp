@@ -47,16 +47,16 @@ class Conversation {
     std::string text(const std::string& unit, const std::string& kind, const std::string& name) {
         const BusMessage reply = property(unit, kind, name);
         const char* value = "";
-        sd_bus_message_read(reply.get(), "v", "s", &value);
+        ifWell([&] { return sd_bus_message_read(reply.get(), "v", "s", &value); });
         return value;
     }
 
     std::vector<std::string> texts(const std::string& unit, const std::string& kind,
                                    const std::string& name) {
         const BusMessage reply = property(unit, kind, name);
+        ifWell([&] { return sd_bus_message_enter_container(reply.get(), 'v', "as"); });
+        ifWell([&] { return sd_bus_message_enter_container(reply.get(), 'a', "s"); });
         std::vector<std::string> found;
-        sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_VARIANT, "as");
-        sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "s");
         for (const char* each = nullptr; sd_bus_message_read(reply.get(), "s", &each) > 0;) {
             found.emplace_back(each);
         }
@@ -84,6 +84,14 @@ class Conversation {
         }
     }
 
+    // Makes a call of libsystemd, unless something has failed.
+    template <typename Call>
+    void ifWell(const Call& call) {
+        if (const int result = problem_.empty() ? call() : 0; result < 0) {
+            fail(-result);
+        }
+    }
+
     void fail(int code) { problem_ = "systemd does not answer: " + errorText(code); }
 
     BusMessage property(const std::string& unit, const std::string& kind, const std::string& name) {
@@ -97,14 +105,16 @@ class Conversation {
     BusMessage ask(const std::string& destination, const char* path, const std::string& interface,
                    const char* member, const std::vector<std::string>& texts) {
         sd_bus_message* raw = nullptr;
-        if (!problem_.empty() ||
-            sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), path,
-                                           interface.c_str(), member) < 0) {
-            return nullptr;
-        }
+        ifWell([&] {
+            return sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), path,
+                                                  interface.c_str(), member);
+        });
         const BusMessage request(raw);
         for (const std::string& each : texts) {
-            sd_bus_message_append(raw, "s", each.c_str());
+            ifWell([&] { return sd_bus_message_append(raw, "s", each.c_str()); });
+        }
+        if (!problem_.empty()) {
+            return nullptr;
         }
         auto reply = callWithin(deadline_, *bus_, *request);
         if (!reply) {
@@ -112,7 +122,7 @@ class Conversation {
             return nullptr;
         }
         if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
-            problem_ = printable(error->message);
+            problem_ = printable(error->message != nullptr ? error->message : error->name);
             return nullptr;
         }
         return std::move(*reply);

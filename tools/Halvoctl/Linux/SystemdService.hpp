@@ -98,8 +98,7 @@ Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Second
 // machine's init system (sd_booted(3)).
 std::unique_ptr<Service> systemdService(const ServiceParts& parts, std::optional<Systemd> systemd);
 
-// ------------------------------------------------------------------------------- the parts of
-// doctor
+// ------------------------------------------------------------------------------ parts of doctor
 
 // What `name` could not be looked at for: systemd did not answer, as `problem` says.
 Check noAnswer(const std::string& name, const std::string& problem);

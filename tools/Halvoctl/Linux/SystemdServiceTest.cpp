@@ -260,6 +260,12 @@ int answer(sd_bus_message* call, void* data, sd_bus_error*) {
         peer.managed = testing::timeNow();
         return sd_bus_reply_method_return(call, "o", "/job/7");
     }
+    if (name == "SubState" && peer.method == "odd") {
+        return sd_bus_reply_method_return(call, "v", "b", 1);
+    }
+    if (name == "SubState" && peer.method == "mute") {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, nullptr);
+    }
     if (name == "ReadWritePaths") {
         return sd_bus_reply_method_return(call, "v", "as", 4, "/Applications",
                                           "/Library/Application Support", "-/srv/B C", "-+/srv/D");
@@ -322,6 +328,12 @@ TEST_F(SystemdTest, TellsOfTheUnits) {
         EXPECT_EQ(units->service, expected(serviceName, "Service"));
         EXPECT_EQ(units->resume, expected("com.example.app.helper-resume.service", "Service"));
         EXPECT_EQ(units->sandbox, sandbox);
+    }
+    for (const auto& [method, problem] :
+         {std::pair{"odd", "systemd does not answer: No such device or address"},
+          std::pair{"mute", "org.freedesktop.DBus.Error.AccessDenied"}}) {
+        const auto peer = start({method, ""});
+        EXPECT_EQ(systemd().units(identity).error(), problem);
     }
     EXPECT_EQ(liveSystemd(waiter, {{"/nowhere/bus", true}}, Seconds{1}).units(identity).error(),
               "systemd does not answer: No such file or directory");
