@@ -17,6 +17,7 @@
 #include <memory>
 #include <span>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
@@ -47,7 +48,7 @@ std::string fileOf(pid_t process, const char* name) {
 }
 
 // Of a file of proc(5); the longest, of the mounts, has some hundred bytes for each.
-constexpr std::size_t longestFile = 64 * 1024 * 1024;
+constexpr std::size_t longestFile = 64UL * 1024 * 1024;
 
 // Takes what is before the next `end`, or all, off `text`, and the `end` too.
 std::string_view take(std::string_view& text, char end) {
@@ -207,6 +208,17 @@ int forEachEntry(const std::string& path, Next next, Use use) {
 
 constexpr std::array<const char*, 3> files{"/group", "/gshadow", "/passwd"};
 
+// The errno of what failed, or 0.
+int readShadow(const std::string& path, GroupFacts& facts) {
+    return forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
+        if (facts.name && *facts.name == shadow.sg_namp) {
+            facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
+            append(facts.members, shadow.sg_mem);
+            append(facts.administrators, shadow.sg_adm);
+        }
+    });
+}
+
 }  // namespace
 
 std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& folder) {
@@ -226,13 +238,7 @@ std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& f
     });
     if (code == 0 && facts.hasShadow) {
         path = folder + files[1];
-        code = forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
-            if (facts.name && *facts.name == shadow.sg_namp) {
-                facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
-                append(facts.members, shadow.sg_mem);
-                append(facts.administrators, shadow.sg_adm);
-            }
-        });
+        code = readShadow(path, facts);
         code = code == ENOENT ? 0 : code;
     }
     if (code == 0) {
@@ -259,18 +265,12 @@ std::optional<GroupFlaw> flawOf(const GroupFacts& facts) {
         return GroupFlaw{Kind::unknown, number + " has no name"};
     }
 
-    const struct {
-        Kind kind;
-        const char* what;
-        const std::vector<std::string>& names;
-    } lists[] = {
-        {Kind::members, " has members: ", facts.members},
-        {Kind::owners, " is the own group of ", facts.owners},
-        {Kind::administrators, " has administrators: ", facts.administrators},
-    };
-
     const std::string group = "the group " + *facts.name;
-    for (const auto& [kind, what, names] : lists) {
+    using List = std::tuple<Kind, const char*, const std::vector<std::string>&>;
+    for (const auto& [kind, what, names] :
+         {List{Kind::members, " has members: ", facts.members},
+          List{Kind::owners, " is the own group of ", facts.owners},
+          List{Kind::administrators, " has administrators: ", facts.administrators}}) {
         if (!names.empty()) {
             return GroupFlaw{kind, group + what + listed(names)};
         }
@@ -365,7 +365,7 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
         isNone(problemOfBundle(*executable)) && isNone(problemOfLife(pidfd))) {
         return HelperPeer::ofProcess(caller.uid, *executable);
     }
-    return std::unexpected(*std::move(problem));
+    return std::unexpected(problem.value_or(""));
 }
 
 // What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
