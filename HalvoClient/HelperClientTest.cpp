@@ -138,6 +138,8 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
     constexpr double usual = 5;
     constexpr double endless = std::numeric_limits<double>::infinity();
     constexpr double none = std::numeric_limits<double>::quiet_NaN();
+    // None or one: the limit ends the call while the helper may be about to accept.
+    constexpr int either = -1;
     const std::optional<HelperFailure> answered;
     const HelperFailure refused = Refused{};
     const HelperFailure timedOut = TimedOut{};
@@ -157,12 +159,12 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
     const Row rows[] = {
         {"keeps its connection", {Answer}, 5, usual, answered, 1, 5},
         {"waits for a late answer", {AnswerLate}, 1, endless, answered, 1, 1},
-        {"no limit is none", {AnswerLate}, 1, 0, timedOut, 0, 0},
-        {"nor is one in the past", {AnswerLate}, 1, -1e300, timedOut, 0, 0},
-        {"nor is not-a-number", {AnswerLate}, 1, none, timedOut, 0, 0},
+        {"no limit is none", {AnswerLate}, 1, 0, timedOut, either, 0},
+        {"nor is one in the past", {AnswerLate}, 1, -1e300, timedOut, either, 0},
+        {"nor is not-a-number", {AnswerLate}, 1, none, timedOut, either, 0},
         {"believes the second refusal", {CloseAtAccept}, 1, usual, refused, 2, 0},
         {"not the first one", {CloseAtAccept, Answer}, 1, usual, answered, 2, 1},
-        {"no time to try again", {CloseAtAccept}, 1, 0.05, timedOut, 1, 0},
+        {"no time to try again", {CloseAtAccept}, 1, 0.05, timedOut, either, 0},
         {"closed after each answer", {AnswerOnce}, 3, usual, answered, 3, 3},
         {"died on the request", {CloseOnRequest, Answer}, 1, usual, answered, 2, 2},
         {"dies on every request", {CloseOnRequest}, 1, usual, NotRunning{ECONNRESET}, 2, 2},
@@ -193,7 +195,11 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
         }
         const auto answer = client.status(Seconds{row.limit});
         EXPECT_EQ(answer ? std::nullopt : std::optional(answer.error()), row.last);
-        EXPECT_EQ(helper.record().connections, row.connections);
+        if (row.connections == either) {
+            EXPECT_LE(helper.record().connections, 1);
+        } else {
+            EXPECT_EQ(helper.record().connections, row.connections);
+        }
         EXPECT_EQ(helper.record().requests, row.requests);
     }
 }
