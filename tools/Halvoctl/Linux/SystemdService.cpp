@@ -76,7 +76,8 @@ class Conversation {
         auto socket = connectAsApp(bus.path, deadline_);
         auto opened = socket ? openBus(std::move(*socket)) : std::unexpected(socket.error());
         if (!opened) {
-            return fail(opened.error());
+            fail(opened.error());
+            return;
         }
         bus_ = std::move(*opened);
         if (bus.isBroker) {
@@ -185,7 +186,8 @@ Done runJob(Conversation systemd, Waiter& waiter, Systemd::Job job,
 class SystemdService final : public Service {
   public:
     SystemdService(ServiceParts parts, std::optional<Systemd> systemd)
-        : parts_(std::move(parts)), systemd_(std::move(systemd)) {}
+        : parts_(std::move(parts)),
+          systemd_(systemd ? std::make_unique<Systemd>(*std::move(systemd)) : nullptr) {}
 
     std::string whatStarts() override {
         if (!systemd_) {
@@ -317,7 +319,8 @@ class SystemdService final : public Service {
     Units unitsOr() { return systemd_ ? units().value_or(Units{}) : Units{}; }
 
     ServiceParts parts_;
-    std::optional<Systemd> systemd_;
+    // Null where it does not run.
+    std::unique_ptr<Systemd> systemd_;
     std::string socket_ = socketUnit(parts_.identity);
     std::string service_ = serviceUnit(parts_.identity);
     std::optional<std::expected<Units, std::string>> units_;
