@@ -33,6 +33,20 @@ def need(*programs: str) -> None:
         fail(f"missing: {', '.join(missing)}; scripts/setup installs it")
 
 
+def test_names(executable: Path, **options) -> list[str]:
+    """The tests in it, as gtest's filter takes them."""
+    command = [executable, "--gtest_list_tests"]
+    listed = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True, **options).stdout
+    names, suite = [], ""
+    for line in listed.splitlines():
+        word = line.split("#")[0].strip()
+        if not line.startswith(" "):
+            suite = word
+        elif suite.endswith("."):
+            names.append(suite + word)
+    return names
+
+
 def in_private_machine(command: list[str], writable: Path) -> list[str]:
     return [str(ROOT / "scripts/private-machine"), "--writable", str(writable), "--", *command]
 
