@@ -57,6 +57,7 @@ function(halvo_register_tests name)
             COMMAND ${PROJECT_SOURCE_DIR}/scripts/private-machine --writable ${PROJECT_BINARY_DIR}
                 -- $<TARGET_FILE:${name}> --gtest_filter=*${suite}*PrivateMachine*)
         set_tests_properties(${suite}PrivateMachineTest PROPERTIES
-            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 ${arg_PROPERTIES})
+            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 FAIL_REGULAR_EXPRESSION "Running 0 tests"
+            ${arg_PROPERTIES})
     endforeach()
 endfunction()

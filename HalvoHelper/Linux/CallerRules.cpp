@@ -370,7 +370,7 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
 
 // What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
 std::optional<std::string> CallerRules::problemOfBundle(const std::string& executable) {
-    const std::string isOther = executable + " is not in a bundle of this app and team";
+    std::string isOther = executable + " is not in a bundle of this app and team";
     const std::string cannotBeRead = "its Info.plist cannot be read";
     const auto path = AppLocation::bundlePath(executable);
     if (!path) {

@@ -104,7 +104,8 @@ class Console {
 }  // namespace
 
 struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
-    Console console;
+
+    std::optional<std::uint32_t> consoleUser() { return console_.user(); }
 
     // The executable of the bundle last asked about, kept for as long as its Info.plist is the
     // same.
@@ -175,6 +176,7 @@ struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
                status.stx_ino == file.st_ino;
     }
 
+    Console console_;
     std::string bundlePath_;
     std::string infoPath_;
     std::optional<FileStamp> info_;
@@ -189,7 +191,7 @@ LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique_for_overwrite<Sta
 
 LiveSessionProbe::~LiveSessionProbe() = default;
 
-std::optional<std::uint32_t> LiveSessionProbe::consoleUser() { return state_->console.user(); }
+std::optional<std::uint32_t> LiveSessionProbe::consoleUser() { return state_->consoleUser(); }
 
 bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
     return state_->isRun(state_->executableOf(bundlePath), uid);

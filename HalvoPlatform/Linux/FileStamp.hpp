@@ -26,8 +26,8 @@ struct FileStamp {
             return std::nullopt;
         }
         return FileStamp{status.st_dev, status.st_ino, status.st_size,
-                         status.st_mtim.tv_sec * second + status.st_mtim.tv_nsec,
-                         status.st_ctim.tv_sec * second + status.st_ctim.tv_nsec};
+                         (status.st_mtim.tv_sec * second) + status.st_mtim.tv_nsec,
+                         (status.st_ctim.tv_sec * second) + status.st_ctim.tv_nsec};
     }
 
     // Whether another change would show. The kernel's file times go by its tick (10 ms at most),
