@@ -70,12 +70,14 @@ StoredCommitment decode(const std::string& bytes) {
     if (!root.is_object()) {
         return UnreadableCommitment{};
     }
+    std::optional<HelperCommitment> whole;
     try {
-        if (auto commitment = commitmentFrom(root)) {
-            return *std::move(commitment);
-        }
+        whole = commitmentFrom(root);
     } catch (const Json::exception&) {
-        // What can be saved is saved below.
+        whole.reset();
+    }
+    if (whole) {
+        return *std::move(whole);
     }
     const auto appPath = root.find(key::appPath);
     const auto locked = root.find(key::locked);

@@ -13,12 +13,13 @@ constexpr const char* inBundleIDs =
 bool isBundleID(std::string_view text) {
     constexpr std::size_t longest = 200;
     return !text.empty() && text.size() <= longest && text.front() != '.' && !text.contains("..") &&
-           text.find_first_not_of(inBundleIDs) == text.npos;
+           text.find_first_not_of(inBundleIDs) == std::string_view::npos;
 }
 
 bool isTeamID(std::string_view text) {
     constexpr std::size_t length = 10;
-    return text.size() == length && text.find_first_not_of(capitalsAndDigits) == text.npos;
+    return text.size() == length &&
+           text.find_first_not_of(capitalsAndDigits) == std::string_view::npos;
 }
 
 // Neither value can hold a double quote or a backslash, so neither needs escaping.

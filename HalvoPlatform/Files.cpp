@@ -89,6 +89,7 @@ std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) 
 }
 
 // Makes the folder, and before it those above that are missing.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the path is, whose length the system limits.
 std::expected<void, FileError> makeFolders(const std::string& path, mode_t mode) {
     auto made = makeFolder(path, mode);
     const std::string parent = folderOf(path);

@@ -75,6 +75,7 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
     fields.push_back(std::string("SUBSYSTEM=") + logger.subsystem);
     fields.push_back(std::string("CATEGORY=") + logger.category);
     std::vector<iovec> parts;
+    parts.reserve(fields.size());
     for (std::string& field : fields) {
         parts.push_back({field.data(), field.size()});
     }
