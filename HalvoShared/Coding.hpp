@@ -169,14 +169,14 @@ class Decoder : Way {
         expect(json.is_string(), expected, json);
         auto parsed = parse(json.get_ref<const std::string&>());
         expect(parsed.has_value(), expected, json, Error::Kind::BadValue);
-        return *std::move(parsed);
+        return *std::move(parsed);  // NOLINT(bugprone-unchecked-optional-access): expect() throws.
     }
 
     // The number, if it is a whole one, however it is spelled: 5, 5.0 and 0.5e1 are the same.
     static std::optional<std::int64_t> wholeNumber(const Json& json);
     static std::string oneOf(Names texts);
     // The place of the only one of the keys that `json`, an object, has.
-    std::size_t onlyOne(Names keys, const Json& json) const;
+    [[nodiscard]] std::size_t onlyOne(Names keys, const Json& json) const;
     void expect(bool isRight, std::string_view expected, const Json& found,
                 Error::Kind kind = Error::Kind::TypeMismatch) const;
 };

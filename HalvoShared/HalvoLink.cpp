@@ -103,10 +103,9 @@ HalvoLink HalvoLink::reading(std::string_view text) {
 std::optional<HalvoLink::Screen> HalvoLink::screenNamed(std::string_view name) {
     static const std::array<Screen, names.size()> screens{Breathe{}, Focus{}, Today{}, Settings{},
                                                           Main{}};
-    const auto found = std::ranges::find(names, name);
-    return found == names.end()
-               ? std::nullopt
-               : std::optional(screens.at(static_cast<std::size_t>(found - names.begin())));
+    const auto index = static_cast<std::size_t>(
+        std::ranges::distance(names.begin(), std::ranges::find(names, name)));
+    return index < screens.size() ? std::optional(screens.at(index)) : std::nullopt;
 }
 
 std::string_view HalvoLink::name() const { return names.at(screen.index()); }
