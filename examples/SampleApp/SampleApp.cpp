@@ -140,7 +140,8 @@ std::expected<Arguments, std::string> parseArguments(std::span<const std::string
         if (word == "--help" || word == "-h") {
             arguments.help = true;
         } else if (word == LaunchReason::relaunchArgument) {
-            arguments.broughtBack = ++i < words.size() && words[i] == "YES";
+            ++i;
+            arguments.broughtBack = i < words.size() && words[i] == "YES";
             if (!arguments.broughtBack) {
                 return std::unexpected(word + " is followed by YES and nothing else.");
             }
