@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <new>
 #include <ranges>
 #include <sstream>
 #include <utility>
@@ -34,7 +35,7 @@ std::optional<Outcome> parse(CLI::App& parser, const std::vector<std::string>& w
         const auto unknown = parser.remaining(true);
         const std::string problem =
             unknown.empty() ? error.what() : "Unknown command or option '" + unknown.front() + "'";
-        const std::string name = parser.get_name();
+        const std::string& name = parser.get_name();
         return Outcome{ExitStatus::usage, "",
                        name + ": " + records::printable(problem) + ". See " + name + " --help.\n"};
     }
@@ -55,8 +56,11 @@ int runProgram(const std::string& name, int count, char** arguments,
             return ExitStatus::outputLost;
         }
         return outcome.status;
-    } catch (const std::exception&) {
+    } catch (const std::bad_alloc&) {
         std::fputs((name + ": There is not enough memory.\n").c_str(), stderr);
+        return ExitStatus::system;
+    } catch (const std::exception& error) {
+        std::fputs((name + ": " + error.what() + "\n").c_str(), stderr);
         return ExitStatus::system;
     }
 }
