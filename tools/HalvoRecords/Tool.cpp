@@ -122,7 +122,7 @@ void check(Call& call) {
 }
 
 void makeLink(Call& call) {
-    HalvoLink link{HalvoLink::screenNamed(*call.screen).value_or(HalvoLink::Main{})};
+    HalvoLink link{HalvoLink::screenNamed(call.screen.value_or("")).value_or(HalvoLink::Main{})};
     if (!call.operands.empty() || call.isJSON) {
         throw CLI::ExcludesError("--to", call.isJSON ? "--json" : "URL");
     }

@@ -23,23 +23,36 @@ bool isObeyed(char32_t code) {
            isIn(0x2028, 0x202E) || isIn(0x2066, 0x2069) || code == 0xFEFF;
 }
 
+// The character with which a text begins, or where it begins with none a byte.
+struct First {
+    std::size_t length;
+    bool isText;
+    unsigned code;
+};
+
+First firstOf(std::string_view text) {
+    std::size_t length = 1;
+    while (length < 4 && !isUTF8(text.substr(0, length))) {
+        ++length;
+    }
+    const bool isText = isUTF8(text.substr(0, length));
+    length = isText ? length : 1;
+    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
+    unsigned code = static_cast<unsigned char>(text.front()) & (isText ? 0xFFU >> length : 0xFFU);
+    for (const char byte : text.substr(1, length - 1)) {
+        code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
+    }
+    return {length, isText, code};
+}
+
 // `text` with what is obeyed and what is no text escaped, the characters of `kept` as they are, and
 // those of `marked` behind a backslash.
 std::string escaped(std::string_view text, std::string_view kept, std::string_view marked) {
     std::string result;
     result.reserve(text.size());
-    for (std::size_t length = 1; !text.empty(); text.remove_prefix(length)) {
-        const auto isCharacter = [&] { return isUTF8(text.substr(0, length)); };
-        for (length = 1; length < 4 && !isCharacter(); ++length) {
-        }
-        const bool isText = isCharacter();
-        length = isText ? length : 1;
+    while (!text.empty()) {
+        const auto [length, isText, code] = firstOf(text);
         const char lead = text.front();
-        // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
-        unsigned code = static_cast<unsigned char>(lead) & (isText ? 0xFFU >> length : 0xFFU);
-        for (const char byte : text.substr(1, length - 1)) {
-            code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
-        }
         if (kept.contains(lead) || (isText && !isObeyed(code))) {
             result.append(marked.contains(lead) ? "\\" : "").append(text.substr(0, length));
         } else if (code == '\n' || code == '\t') {
@@ -49,6 +62,7 @@ std::string escaped(std::string_view text, std::string_view kept, std::string_vi
             std::snprintf(escape.data(), escape.size(), isText ? "\\u%04x" : "\\x%02x", code);
             result += escape.data();
         }
+        text.remove_prefix(length);
     }
     return result;
 }
@@ -65,8 +79,8 @@ std::string offsetText(std::int64_t offset) {
     std::snprintf(text.data(), text.size(), "%c%02jd:%02jd:%02jd", time.is_negative() ? '-' : '+',
                   intmax_t{time.hours().count()}, intmax_t{time.minutes().count()},
                   intmax_t{time.seconds().count()});
-    std::string result = text.data();
-    return time.seconds().count() == 0 ? result.substr(0, result.size() - 3) : result;
+    const std::string_view result = text.data();
+    return std::string(time.seconds().count() == 0 ? result.substr(0, result.size() - 3) : result);
 }
 
 }  // namespace
