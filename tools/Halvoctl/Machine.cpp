@@ -61,8 +61,10 @@ Check firstOf(const std::string& name, const std::vector<Flaw>& flaws, const std
 std::string named(const std::vector<pid_t>& processes) {
     std::string text = processes.size() == 1 ? "pid " : "pids ";
     for (std::size_t i = 0; i < processes.size(); ++i) {
-        const bool isLast = i + 1 == processes.size();
-        text += (i == 0 ? "" : isLast ? " and " : ", ") + std::to_string(processes[i]);
+        if (i > 0) {
+            text += i + 1 == processes.size() ? " and " : ", ";
+        }
+        text += std::to_string(processes[i]);
     }
     return text;
 }
@@ -70,7 +72,7 @@ std::string named(const std::vector<pid_t>& processes) {
 std::string shellWord(const std::string& text) {
     constexpr const char* plain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@,%";
-    const std::string word = records::printable(text);
+    std::string word = records::printable(text);
     if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) {
         return word;
     }
