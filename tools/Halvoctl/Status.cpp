@@ -86,10 +86,13 @@ StateFile readState(Machine& machine, StoredCommitment& stored) {
     const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
     const bool wasThere = isThere();
     stored = machine.store.load();
-    return std::holds_alternative<HelperCommitment>(stored)       ? StateFile::whole
-           : std::holds_alternative<UnreadableCommitment>(stored) ? StateFile::damaged
-           : wasThere && isThere()                                ? StateFile::unreadable
-                                                                  : StateFile::none;
+    if (std::holds_alternative<HelperCommitment>(stored)) {
+        return StateFile::whole;
+    }
+    if (std::holds_alternative<UnreadableCommitment>(stored)) {
+        return StateFile::damaged;
+    }
+    return wasThere && isThere() ? StateFile::unreadable : StateFile::none;
 }
 
 std::vector<std::string> installedApps(Machine& machine) {
@@ -122,10 +125,11 @@ std::vector<std::string> installedApps(Machine& machine) {
 }  // namespace
 
 std::optional<std::string> Observation::named() const {
+    if (commitment() != nullptr) {
+        return commitment()->appPath;
+    }
     const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
-    return commitment() != nullptr ? commitment()->appPath
-           : damaged != nullptr    ? damaged->appPath
-                                   : std::nullopt;
+    return damaged != nullptr ? damaged->appPath : std::nullopt;
 }
 
 std::optional<std::string> Observation::owed() const {
@@ -178,20 +182,22 @@ Check judge(const Observation& seen, const AppFlag& app, const std::string& star
     const bool isLocked = app.state == LockState::locked;
     const bool isRunning = !seen.helpers.empty();
     const bool isOrphan = std::ranges::find(seen.orphans, app.path) != seen.orphans.end();
-    const std::string unlock = !isOrphan ? clearCommand(app.path)
-                               : isLive  ? "halvoctl release (which also ends what holds)"
-                                         : "halvoctl release";
+    const std::string unlock =
+        isOrphan ? std::string("halvoctl release") + (isLive ? " (which also ends what holds)" : "")
+                 : clearCommand(app.path);
     const std::string end =
         isRunning ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
                   : "The helper lets go of it when it starts next: " + startCommand;
     const std::string unnamed = "The bundle is locked, but no record says that the helper did it.";
 
-    struct {
+    struct Row {
         bool isSo;
         bool doAgree;
         std::string finding;
         std::string next;
-    } const rows[] = {
+    };
+
+    const std::vector<Row> rows{
         {app.state == LockState::missing, !isOwed,
          "There is nothing at " + printable(app.path) + ".",
          isOwed ? "The helper locks no other in its place." : ""},
@@ -220,7 +226,7 @@ Check judge(const Observation& seen, const AppFlag& app, const std::string& star
         {true, true,
          "The commitment holds without a lock: the helper does not lock a bundle there.", ""}};
 
-    const auto row = std::ranges::find_if(rows, [](const auto& each) { return each.isSo; });
+    const auto row = std::ranges::find(rows, true, &Row::isSo);
     return {"lock", row->doAgree ? Verdict::ok : Verdict::problem, row->finding, row->next};
 }
 
