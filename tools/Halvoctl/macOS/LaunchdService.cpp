@@ -135,8 +135,9 @@ class LaunchdService final : public Service {
 }  // namespace
 
 Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
-    return [&waiter, program](const std::vector<std::string>& words, Seconds limit,
-                              const std::string& line) -> std::expected<int, std::string> {
+    return [&waiter, program = std::string(program)](
+               const std::vector<std::string>& words, Seconds limit,
+               const std::string& line) -> std::expected<int, std::string> {
         std::vector<std::string> all{program};
         all.insert(all.end(), words.begin(), words.end());
         pid_t child = 0;
