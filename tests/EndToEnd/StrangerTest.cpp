@@ -301,6 +301,33 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
     caller->kill();
 }
 
+// Nor with a program that has, in a mount namespace of its own, the path of the app that the helper
+// looks for.
+TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStallsAtThePathOfTheApp) {
+    if (!hasFuse()) {
+        GTEST_SKIP() << "needs /dev/fuse and the package fuse2fs";
+    }
+    mountImage(world.user, fuse + "nosuid");
+    const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
+    ASSERT_EQ(servers.size(), 1);
+    TestProcess stranger(
+        {.words = {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
+                   "mount --bind " + disk + "/Halvo.app " + Place::app + " && exec " +
+                       Place::appExecutable},
+         .person = world.user});
+    ASSERT_TRUE(eventually(Seconds{5}, [] {
+        return processesRunning(Place::appExecutable).size() == 1;
+    })) << stranger.output();
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    ::kill(servers[0], SIGSTOP);
+    const bool isOpened =
+        helper.says("Halvo isn't running during Ultra Hard mode; opening it", Seconds{12});
+    ::kill(servers[0], SIGCONT);
+    EXPECT_TRUE(isOpened) << helper.process().output();
+    EXPECT_EQ(world.end(), Reply::yes);
+    stranger.kill();
+}
+
 // What somebody might do to the app itself.
 
 class IntruderTest : public StrangerTest {
