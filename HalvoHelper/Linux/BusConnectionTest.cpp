@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <span>
@@ -386,7 +387,7 @@ int returnsIn(const std::string& bytes) {
 }
 
 TEST_F(BusConnectionTest, AnswersFirstRequestsThatComeWithTheEndOfTheAuthentication) {
-    for (const char count : {1, 50}) {
+    for (const char count : std::initializer_list<char>{1, 50}) {
         const Descriptor socket = serve();
         std::string bytes = authentication();
         for (char serial = 1; serial <= count; ++serial) {
