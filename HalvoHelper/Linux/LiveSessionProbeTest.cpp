@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
@@ -398,34 +399,33 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesEachChange) {
     seat("1", user.uid);
     EXPECT_EQ(probe->consoleUser(), std::nullopt) << "the seat comes before its session";
-    letSomebodySit();
-    session("2", other.uid);
-    EXPECT_EQ(probe->consoleUser(), user.uid) << "a session in the background";
-    seat("2", other.uid);
-    EXPECT_EQ(probe->consoleUser(), other.uid);
-    letSomebodySit();
-    seat("");
-    EXPECT_EQ(probe->consoleUser(), std::nullopt);
-    letSomebodySit();
-    fs::remove(seatFile);
-    EXPECT_EQ(probe->consoleUser(), std::nullopt);
-    EXPECT_EQ(probe->consoleUser(), std::nullopt);
-    letSomebodySit();
-    session("1", user.uid, "user", "closing");
-    EXPECT_EQ(probe->consoleUser(), std::nullopt);
-    letSomebodySit();
-    fs::remove(sessions + "/1");
-    EXPECT_EQ(probe->consoleUser(), std::nullopt);
-    letSomebodySit();
-    session("1", other.uid);
-    EXPECT_EQ(probe->consoleUser(), other.uid) << "another person in a session of the same name";
-    letSomebodySit();
-    std::string text = readTestFile(sessions + "/1");
-    const std::string before = std::to_string(user.uid);
-    text.replace(text.find(before), before.size(), std::to_string(other.uid));
-    letTheFileClockTick();
-    overwriteTestFile(sessions + "/1", text);
-    EXPECT_EQ(probe->consoleUser(), other.uid) << "a file that is changed in its place";
+    const std::string file = sessions + "/1";
+    const std::pair<std::function<void()>, std::optional<uid_t>> changes[] = {
+        // In the background, and then in front.
+        {[&] { session("2", other.uid); }, user.uid},
+        {[&] { seat("2", other.uid); }, other.uid},
+        {[&] { seat(""); }, std::nullopt},
+        {[&] { fs::remove(seatFile); }, std::nullopt},
+        {[&] { session("1", user.uid, "user", "closing"); }, std::nullopt},
+        {[&] { fs::remove(file); }, std::nullopt},
+        // Another person in a session of the same name.
+        {[&] { session("1", other.uid); }, other.uid},
+        // A file that is changed in its place.
+        {[&] {
+             std::string text = readTestFile(file);
+             const std::string before = std::to_string(user.uid);
+             text.replace(text.find(before), before.size(), std::to_string(other.uid));
+             letTheFileClockTick();
+             overwriteTestFile(file, text);
+         },
+         other.uid},
+    };
+    for (const auto& [change, there] : changes) {
+        letSomebodySit();
+        change();
+        EXPECT_EQ(probe->consoleUser(), there);
+        EXPECT_EQ(probe->consoleUser(), there) << "the second time";
+    }
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChanges) {

@@ -77,37 +77,6 @@ std::string managerSocket(const Person& user) {
 
 void answerTruly(const Descriptor& listener) { answer(listener, nullptr); }
 
-void answerWithAnError(const Descriptor& listener) {
-    answer(listener, [](sd_bus_message* message, void*, sd_bus_error*) {
-        return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "not now");
-    });
-}
-
-// Lets the caller authenticate, but no more.
-void swallowMessages(const Descriptor& listener) {
-    answer(listener, [](sd_bus_message*, void*, sd_bus_error*) { return 1; });
-}
-
-void acceptInSilence(const Descriptor& listener) {
-    const Descriptor connection(accept(listener.get(), nullptr, nullptr));
-    pause();
-}
-
-void hangUp(const Descriptor& listener) {
-    while (true) {
-        const Descriptor connection(accept(listener.get(), nullptr, nullptr));
-    }
-}
-
-void talkNonsense(const Descriptor& listener) {
-    constexpr std::string_view nonsense =
-        "HTTP/1.1 400 Bad Request\r\nServer: x\r\nDate: y\r\n\r\n";
-    while (true) {
-        const int connection = accept(listener.get(), nullptr, nullptr);
-        EXPECT_GT(write(connection, nonsense.data(), nonsense.size()), 0);
-    }
-}
-
 class OpenAsUserPrivateMachineTest : public PrivateMachineTest {
   protected:
     void cleanUp() override {
@@ -390,11 +359,40 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenTheManagerIsOfNo
         bool endsAtOnce;
     } rows[] = {
         {"never accepts", [](const Descriptor&) { pause(); }, false},
-        {"accepts in silence", acceptInSilence, false},
-        {"swallows messages", swallowMessages, false},
-        {"hangs up", hangUp, true},
-        {"talks nonsense", talkNonsense, true},
-        {"answers with an error", answerWithAnError, true},
+        {"accepts in silence",
+         [](const Descriptor& listener) {
+             const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+             pause();
+         },
+         false},
+        {"authenticates and swallows messages",
+         [](const Descriptor& listener) {
+             answer(listener, [](sd_bus_message*, void*, sd_bus_error*) { return 1; });
+         },
+         false},
+        {"hangs up",
+         [](const Descriptor& listener) {
+             while (true) {
+                 const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+             }
+         },
+         true},
+        {"talks nonsense",
+         [](const Descriptor& listener) {
+             constexpr std::string_view nonsense = "HTTP/1.1 400 Bad Request\r\nServer: x\r\n\r\n";
+             while (true) {
+                 const int connection = accept(listener.get(), nullptr, nullptr);
+                 EXPECT_GT(write(connection, nonsense.data(), nonsense.size()), 0);
+             }
+         },
+         true},
+        {"answers with an error",
+         [](const Descriptor& listener) {
+             answer(listener, [](sd_bus_message*, void*, sd_bus_error* error) {
+                 return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "not now");
+             });
+         },
+         true},
     };
 
     for (const auto& [name, behaviour, endsAtOnce] : rows) {
