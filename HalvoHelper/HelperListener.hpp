@@ -16,9 +16,6 @@ class HelperService;
 // served before serve().
 class HelperListener {
   public:
-    HelperListener() = default;
-    HelperListener(const HelperListener&) = delete;
-    HelperListener& operator=(const HelperListener&) = delete;
     virtual ~HelperListener() = default;
 
     // Serves the callers that are the app of `identity` from now on, for as long as the process

@@ -79,12 +79,11 @@ void LoggedStore::remove() {
     });
 }
 
-HelperService::HelperService(HelperIdentity identity, Collaborators collaborators,
-                             HelperListener& listener, MainQueue& queue)
+HelperService::HelperService(HelperIdentity identity, HelperEngine engine, HelperListener& listener,
+                             MainQueue& queue)
     : identity_(std::move(identity)),
       queue_(queue),
-      engine_(collaborators.clock, collaborators.flags, collaborators.store, collaborators.session,
-              collaborators.opener),
+      engine_(std::move(engine)),
       listener_(listener),
       busySince_(queue.now()) {}
 

@@ -62,15 +62,6 @@ class LoggedStore final : public CommitmentStore {
     bool isRemoved_ = false;
 };
 
-// What the engine borrows. All must outlive the service.
-struct Collaborators {
-    HelperClock& clock;
-    FileFlags& flags;
-    CommitmentStore& store;
-    SessionProbe& session;
-    AppOpener& opener;
-};
-
 // Owns the engine, drives its periodic check, counts connections, ends the process when it has been
 // idle long enough or is told to. One per process; main queue only, which each entry checks.
 class HelperService {
@@ -80,7 +71,8 @@ class HelperService {
     // How much later than due a tick may come, to wake the machine up less often.
     static constexpr Seconds tickLeeway{0.2};
 
-    HelperService(HelperIdentity identity, Collaborators collaborators, HelperListener& listener,
+    // Borrows the listener and the queue. `engine` has not started up.
+    HelperService(HelperIdentity identity, HelperEngine engine, HelperListener& listener,
                   MainQueue& queue);
 
     // Takes the stored commitment up, then serves: the engine has started up before any caller can

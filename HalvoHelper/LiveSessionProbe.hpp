@@ -2,14 +2,13 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "HalvoHelperCore/SessionProbe.hpp"
 
 namespace halvo {
 
-// Asks the system. Nothing is logged, nothing thrown; allocates nothing while what it looked at
-// before is unchanged. One source per system. Main queue only.
+// A probe that asks the system. Nothing is logged, nothing thrown; allocates nothing while what it
+// looked at before is unchanged. One source per system. Main queue only.
 //
 // On macOS the console is that of SCDynamicStoreCopyConsoleUser (SystemConfiguration), which
 // allocates; the processes are those of libproc.h, and one counts when its executable's path is the
@@ -26,22 +25,9 @@ namespace halvo {
 // bundle's, that file is the very one at the path (a mount namespace can forge a path), and its
 // effective user is the one asked about. A process that was stopped counts, one that has ended but
 // was not waited for does not.
-class LiveSessionProbe final : public SessionProbe {
-  public:
-    LiveSessionProbe();
-    ~LiveSessionProbe() override;
-    LiveSessionProbe(const LiveSessionProbe&) = delete;
-    LiveSessionProbe& operator=(const LiveSessionProbe&) = delete;
-
-    std::optional<std::uint32_t> consoleUser() override;
-
-    // The executable is the one that the bundle's Info.plist names, else "Contents/MacOS/Halvo" in
-    // it. Paths are compared as bytes.
-    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override;
-
-  private:
-    struct State;
-    std::unique_ptr<State> state_;
-};
+//
+// The executable of a bundle is the one that its Info.plist names, else "Contents/MacOS/Halvo" in
+// it. Paths are compared as bytes.
+std::unique_ptr<SessionProbe> makeLiveSessionProbe();
 
 }  // namespace halvo

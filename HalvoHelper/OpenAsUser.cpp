@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -16,13 +17,15 @@
 namespace halvo::OpenAsUser {
 namespace {
 
-// initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
-template <class Group>
-bool setGroupsOf(int (*call)(const char*, Group), const std::string& name, std::uint32_t gid) {
-    return call(name.c_str(), static_cast<Group>(gid)) == 0;
-}
+// A user as the password file has it.
+struct User {
+    uid_t uid{};
+    gid_t gid{};
+    std::string name;
+    std::string home;
+};
 
-std::optional<User> lookUp(std::uint32_t uid) {
+std::optional<User> lookUp(uid_t uid) {
     // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
     const passwd* entry = getpwuid(uid);
     if (entry == nullptr) {
@@ -34,21 +37,29 @@ std::optional<User> lookUp(std::uint32_t uid) {
     return User{uid, entry->pw_gid, entry->pw_name, entry->pw_dir};
 }
 
-}  // namespace
-
-bool Privileges::setGroup(std::uint32_t gid) { return setgid(gid) == 0; }
-
-bool Privileges::setSupplementaryGroups(const std::string& name, std::uint32_t gid) {
-    return setGroupsOf(initgroups, name, gid);
+std::optional<std::uint32_t> parseUserID(const std::string& word) {
+    const char* first = word.data() + (word.starts_with('+') ? 1 : 0);
+    const char* last = word.data() + word.size();
+    std::uint32_t uid = 0;
+    const auto [end, error] = std::from_chars(first, last, uid);
+    return error == std::errc{} && end == last ? std::optional(uid) : std::nullopt;
 }
 
-bool Privileges::setUser(std::uint32_t uid) { return setuid(uid) == 0; }
+// initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
+template <class Group>
+bool setGroupsOf(int (*call)(const char*, Group), const User& user) {
+    return call(user.name.c_str(), static_cast<Group>(user.gid)) == 0;
+}
 
-std::uint32_t Privileges::realUser() { return getuid(); }
+// Becomes `user` for good, and proves it: the groups go first, because only root may set them; then
+// the identities are read back; then becoming root again must fail. False at the first thing that
+// is not as it must be.
+bool dropPrivileges(const User& user) {
+    return setgid(user.gid) == 0 && setGroupsOf(initgroups, user) && setuid(user.uid) == 0 &&
+           getuid() == user.uid && geteuid() == user.uid && getgid() == user.gid && setuid(0) != 0;
+}
 
-std::uint32_t Privileges::effectiveUser() { return geteuid(); }
-
-std::uint32_t Privileges::realGroup() { return getgid(); }
+}  // namespace
 
 std::vector<std::string> withWords(std::vector<std::string> command, const Request& request) {
     command.insert(command.end(), {modeWord, std::to_string(request.uid), request.appPath});
@@ -59,14 +70,6 @@ std::vector<std::string> withWords(std::vector<std::string> command, const Reque
         command.emplace_back(directlyWord);
     }
     return command;
-}
-
-std::optional<std::uint32_t> parseUserID(const std::string& word) {
-    const char* first = word.data() + (word.starts_with('+') ? 1 : 0);
-    const char* last = word.data() + word.size();
-    std::uint32_t uid = 0;
-    const auto [end, error] = std::from_chars(first, last, uid);
-    return error == std::errc{} && end == last ? std::optional(uid) : std::nullopt;
 }
 
 std::optional<Request> parse(std::span<const std::string> words) {
@@ -82,36 +85,22 @@ std::optional<Request> parse(std::span<const std::string> words) {
     return request;
 }
 
-std::vector<std::string> withAppArguments(std::vector<std::string> command, bool afterQuit) {
-    if (afterQuit) {
-        command.insert(command.end(), {LaunchReason::relaunchArgument, "YES"});
-    }
-    return command;
-}
-
-std::vector<std::string> environment(const User& user) {
-    return {"HOME=" + user.home, "USER=" + user.name, "LOGNAME=" + user.name,
-            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
-}
-
-bool dropPrivileges(Privileges& privileges, const User& user) {
-    return privileges.setGroup(user.gid) &&
-           privileges.setSupplementaryGroups(user.name, user.gid) && privileges.setUser(user.uid) &&
-           privileges.realUser() == user.uid && privileges.effectiveUser() == user.uid &&
-           privileges.realGroup() == user.gid && !privileges.setUser(0);
-}
-
 void run(std::span<const std::string> words) {
     const auto request = parse(words);
     const auto user = request ? lookUp(request->uid) : std::nullopt;
     if (!user) {
-        std::exit(exitUsage);
+        std::exit(EX_USAGE);
     }
-    Privileges privileges;
-    if (!dropPrivileges(privileges, *user)) {
-        std::exit(exitNoPermission);
+    if (!dropPrivileges(*user)) {
+        std::exit(EX_NOPERM);
     }
-    const Command command = commandFor(*request, *user);
+    Command command = commandFor(*request);
+    if (request->afterQuit) {
+        command.arguments.insert(command.arguments.end(), {LaunchReason::relaunchArgument, "YES"});
+    }
+    command.environment.insert(command.environment.begin(),
+                               {"HOME=" + user->home, "USER=" + user->name, "LOGNAME=" + user->name,
+                                "PATH=/usr/bin:/bin:/usr/sbin:/sbin"});
     // Where the program is the app itself, its files are made as in any other session of the
     // person.
     constexpr mode_t usual = 022;
@@ -119,8 +108,8 @@ void run(std::span<const std::string> words) {
     const ArgumentVector arguments(command.arguments);
     const ArgumentVector environment(command.environment);
     alarm(command.secondsAtMost);
-    execve(command.path.c_str(), arguments.data(), environment.data());
-    std::exit(exitCannotExecute);
+    execve(command.arguments.front().c_str(), arguments.data(), environment.data());
+    std::exit(EX_OSERR);
 }
 
 }  // namespace halvo::OpenAsUser

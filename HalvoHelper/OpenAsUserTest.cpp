@@ -1,7 +1,10 @@
+// What the mode does on every system. What it becomes: OpenAsUserTest.cpp of each.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
-#include <cstddef>
+#include <cstdlib>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -9,6 +12,7 @@
 #include <vector>
 
 #include "HalvoHelper/OpenAsUser.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::OpenAsUser {
 
@@ -20,11 +24,11 @@ void PrintTo(const Request& request, std::ostream* stream) {
 namespace {
 
 using ::testing::ElementsAre;
+using testing::Person;
 
 using Words = std::vector<std::string>;
 
 const std::string app = "/Applications/Halvo.app";
-const User ann{501, 20, "ann", "/Users/ann"};
 
 // What no path is likely to hold, and every path may.
 const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3\xA9 * ; & |.app";
@@ -46,36 +50,27 @@ TEST(OpenAsUserWordsTest, AskForAnOpeningAndAreUnderstoodAgain) {
     }
 }
 
-// The mode itself also refuses root.
-TEST(OpenAsUserIDTest, IsReadAsADecimalNumberOf32Bits) {
+TEST(OpenAsUserIDTest, IsADecimalNumberOf32BitsThatIsNotRoots) {
     const std::pair<std::string, std::uint32_t> numbers[] = {
-        {"0", 0},
-        {"00", 0},
-        {"+0", 0},
         {"1", 1},
         {"+5", 5},
         {"005", 5},
         {"+0501", 501},
-        {"65534", 65534},
         {"2147483648", 2147483648},
         {"+4294967295", 4294967295},
         {"00000000004294967295", 4294967295},
     };
     for (const auto& [word, uid] : numbers) {
-        EXPECT_EQ(parseUserID(word), uid) << word;
-        EXPECT_EQ(parse(Words{word, app}),
-                  uid == 0 ? std::nullopt : std::optional(Request{uid, app, false}));
+        EXPECT_EQ(parse(Words{word, app}), (Request{uid, app})) << word;
     }
-    for (const char* word :
-         {"4294967296", "18446744073709551616", "18446744073709551617", "", "+", "++5", "5+", "-",
-          "-1", "-0", "+-1", "-+1", " 5", "5 ", "+ 5", "5\n", "\t5", "5 0", "0x5", "5a", "a", "1e3",
-          "5.0", "1,000", "1_000",
-          // Digits, but not ours: Arabic-Indic, full-width, Roman.
-          "\xD9\xA3", "\xEF\xBC\x95", "\xE2\x85\xA7", "5\xD9\xA3", "ann", "--after-quit"}) {
-        EXPECT_EQ(parseUserID(word), std::nullopt) << word;
+    for (const std::string& word :
+         Words{"0", "00", "+0", "4294967296", "18446744073709551617", "", "+", "++5", "5+", "-",
+               "-1", "-0", "+-1", "-+1", " 5", "5 ", "+ 5", "5\n", "\t5", "5 0", "0x5", "5a", "a",
+               "1e3", "5.0", "1,000", "1_000", std::string("5\0", 2),
+               // Digits, but not ours: Arabic-Indic, full-width, Roman.
+               "\xD9\xA3", "\xEF\xBC\x95", "\xE2\x85\xA7", "5\xD9\xA3", "ann", "--after-quit"}) {
         EXPECT_EQ(parse(Words{word, app}), std::nullopt) << word;
     }
-    EXPECT_EQ(parseUserID(std::string("5\0", 2)), std::nullopt);
 }
 
 TEST(OpenAsUserRequestTest, MayBeFollowedByAnyWords) {
@@ -109,84 +104,35 @@ TEST(OpenAsUserRequestTest, IsNoneOfTheWrongWords) {
     }
 }
 
-TEST(OpenAsUserCommandTest, TellsTheAppThatItIsBackAfterAQuit) {
-    EXPECT_THAT(withAppArguments({"x"}, false), ElementsAre("x"));
-    EXPECT_THAT(withAppArguments({"x"}, true),
-                ElementsAre("x", "-halvoRelaunchedAfterQuit", "YES"));
-}
-
-TEST(OpenAsUserCommandTest, GivesTheUsersEnvironmentAndNothingElse) {
-    EXPECT_THAT(environment({1000, 1000, "a b", "/home/a=b"}),
-                ElementsAre("HOME=/home/a=b", "USER=a b", "LOGNAME=a b",
-                            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
-}
-
-// A process that can be told what goes wrong, and remembers what it was asked.
-class FakePrivileges final : public Privileges {
-  public:
-    bool setGroup(std::uint32_t gid) override {
-        return note("setgid " + std::to_string(gid)) && (group_ = gid, true);
-    }
-
-    bool setSupplementaryGroups(const std::string& name, std::uint32_t gid) override {
-        return note("initgroups " + name + " " + std::to_string(gid));
-    }
-
-    bool setUser(std::uint32_t uid) override {
-        return note("setuid " + std::to_string(uid)) && (user_ != 501 || canBecomeRoot) &&
-               (user_ = uid, true);
-    }
-
-    std::uint32_t realUser() override { return note("getuid") ? user_ : wrong; }
-
-    std::uint32_t effectiveUser() override { return note("geteuid") ? user_ : wrong; }
-
-    std::uint32_t realGroup() override { return note("getgid") ? group_ : wrong; }
-
-    // The call that goes wrong: fails, or answers with somebody else.
-    std::optional<std::size_t> wrongCall;
-    std::uint32_t wrong = 0;
-    bool canBecomeRoot = false;
-    std::vector<std::string> calls;
-
-  private:
-    // Whether the call goes as it should.
-    bool note(const std::string& call) {
-        calls.push_back(call);
-        return calls.size() - 1 != wrongCall;
-    }
-
-    std::uint32_t user_ = 0;
-    std::uint32_t group_ = 0;
-};
-
-const Words wholeDrop{"setgid 20", "initgroups ann 20", "setuid 501", "getuid", "geteuid",
-                      "getgid",    "setuid 0"};
-
-TEST(OpenAsUserPrivilegesTest, AreDroppedInOrderAndProvenGone) {
-    FakePrivileges privileges;
-    EXPECT_TRUE(dropPrivileges(privileges, ann));
-    EXPECT_EQ(privileges.calls, wholeDrop);
-}
-
-TEST(OpenAsUserPrivilegesTest, AreNotTakenForDroppedAfterAFailureNorIsAnythingDoneAfterIt) {
-    for (std::size_t call = 0; call < 6; ++call) {
-        for (const std::uint32_t wrong : {0U, 502U}) {
-            FakePrivileges privileges;
-            privileges.wrongCall = call;
-            privileges.wrong = wrong;
-            EXPECT_FALSE(dropPrivileges(privileges, ann));
-            const auto failed = wholeDrop.begin() + static_cast<std::ptrdiff_t>(call) + 1;
-            EXPECT_EQ(privileges.calls, Words(wholeDrop.begin(), failed));
+// How the mode ends when `person` calls it with these words after its own. It says nothing.
+int statusOf(const Person& person, const Words& words) {
+    const testing::ChildResult result = testing::runInChild([&] {
+        // A process that has changed its user is closed to ptrace(2), by which leaks are looked
+        // for.
+        std::atexit([] { prctl(PR_SET_DUMPABLE, 1); });
+        if (person.uid != geteuid()) {
+            testing::become(person);
         }
+        run(words);
+    });
+    EXPECT_EQ(result.output, "");
+    return result.status;
+}
+
+TEST(OpenAsUserModeTest, RefusesBadWords) {
+    // The last two are in no account files.
+    for (const Words& words :
+         {Words{}, Words{"0", app}, Words{"61999", app}, Words{"4294967294", app}}) {
+        EXPECT_EQ(statusOf({geteuid(), getegid()}, words), 64);
     }
 }
 
-TEST(OpenAsUserPrivilegesTest, AreNotTakenForDroppedWhenRootCanBeRegained) {
-    FakePrivileges privileges;
-    privileges.canBecomeRoot = true;
-    EXPECT_FALSE(dropPrivileges(privileges, ann));
-    EXPECT_EQ(privileges.calls, wholeDrop);
+// It takes the privileges of whoever runs it for what they are.
+TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {
+    constexpr Person nobody{65534, 65534};
+    const Person person = geteuid() == 0 ? nobody : Person{geteuid(), getegid()};
+    EXPECT_EQ(statusOf(person, {"1", app}), 77);
+    EXPECT_EQ(statusOf(person, {std::to_string(person.uid), app}), 77);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "HalvoHelper/RootOwnedPath.hpp"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <utility>
 
@@ -21,19 +23,18 @@ std::optional<Problem> problemAt(const std::string& path, Item item) {
                                : item == Item::folder  ? " is no folder"
                                                        : " is no regular file")};
     }
-    if (isRootOwned(status)) {
-        auto beyond = problemBeyondMode(path);
-        return beyond ? std::optional(Problem{*std::move(beyond)}) : std::nullopt;
+    if (status.st_uid != 0) {
+        return Problem{path + " belongs to user " + std::to_string(status.st_uid)};
     }
-    return Problem{status.st_uid != 0 ? path + " belongs to user " + std::to_string(status.st_uid)
-                                      : "others than its owner can write to " + path};
+    // On Linux an access-control list that lets others write shows in the group's bits; acl(5).
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return Problem{"others than its owner can write to " + path};
+    }
+    auto beyond = problemBeyondMode(path);
+    return beyond ? std::optional(Problem{*std::move(beyond)}) : std::nullopt;
 }
 
 }  // namespace
-
-bool isRootOwned(const struct stat& status) {
-    return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
 
 std::optional<Problem> examine(const std::string& path, Item item, const std::string& top) {
     for (std::size_t slash = path.find('/'); slash != std::string::npos;

@@ -2,8 +2,6 @@
 // read or run from a file.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <optional>
 #include <string>
 
@@ -11,10 +9,6 @@ namespace halvo::RootOwnedPath {
 
 // What is to lie at the end of a path. A symbolic link is neither.
 enum class Item { file, folder };
-
-// Whether the item with `status` belongs to root and nobody else may write it. On Linux an
-// access-control list that lets somebody else write shows in the group's bits; acl(5).
-bool isRootOwned(const struct stat& status);
 
 // What else keeps the very item at `path` from being root's alone. One per system: on Linux
 // nothing; on macOS an access-control list that allows anybody anything (acl(3)), and a volume that
@@ -24,7 +18,7 @@ std::optional<std::string> problemBeyondMode(const std::string& path);
 struct Problem {
     // A part of a sentence that names the item: "/srv belongs to user 1000".
     std::string what;
-    // The errno of a look-up that failed, for which nobody can be blamed; else 0.
+    // The errno of a look-up that failed; else 0.
     int failure = 0;
 };
 
@@ -32,7 +26,7 @@ struct Problem {
 // the place of. Nothing when nothing does: it and every folder above it are real and root's alone.
 // A look-up that fails keeps it.
 //
-// Looks from "/" downwards and no further than the first folder that is somebody else's: below it a
+// Looks from "/" downwards and no further than the first folder that is another user's: below it a
 // file system may be mounted whose owner keeps us waiting. `top`: the first of the folders that
 // counts, which is one of those above the item; those above it may be anybody's.
 std::optional<Problem> examine(const std::string& path, Item item = Item::file,

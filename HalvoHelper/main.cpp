@@ -1,5 +1,7 @@
 // The helper's process: chooses the mode, builds what the service needs of the system, and serves.
 
+#include <sysexits.h>
+
 #include <cstdlib>
 #include <span>
 #include <string>
@@ -21,8 +23,6 @@
 
 namespace {
 
-constexpr int exitConfig = 78;  // sysexits.h
-
 void runService(const std::string& firstWord) {
     using namespace halvo;
     prepareDaemon();
@@ -32,13 +32,13 @@ void runService(const std::string& firstWord) {
         if (const auto advice = startAdvice(Bundle::main().executablePath().value_or(firstWord))) {
             HALVO_LOG_ERROR(helperLog, "%{public}s", advice->c_str());
         }
-        std::exit(OpenAsUser::exitNoPermission);
+        std::exit(EX_NOPERM);
     }
     const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
     if (!identity) {
         HALVO_LOG_ERROR(helperLog, "The helper has no team or app identifier in its Info.plist");
-        std::exit(exitConfig);
+        std::exit(EX_CONFIG);
     }
     MainQueue& queue = liveMainQueue();
     // All this lives as long as the process, and so not on the stack of a thread that the main
@@ -50,10 +50,10 @@ void runService(const std::string& firstWord) {
     auto& files = *new FileCommitmentStore(identity->stateFolder());
     auto& locks = *new RecordedLocks(files, flags);
     auto& store = *new LoggedStore(locks, queue);
-    auto& session = *new LiveSessionProbe;
+    auto& session = *makeLiveSessionProbe().release();
     auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
-    auto& service =
-        *new HelperService(*identity, {clock, locks, store, session, opener}, listener, queue);
+    auto& service = *new HelperService(
+        *identity, HelperEngine(clock, locks, store, session, opener), listener, queue);
     service.start();
     queue.run();
 }

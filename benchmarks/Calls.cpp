@@ -113,12 +113,12 @@ void searchAmong(std::size_t processes, Run& run) {
     // All these processes run this program, so another app is looked for.
     const testing::TestBundle app("/Applications/Other.app", "Halvo");
     app.writeInfo();
-    LiveSessionProbe probe;
+    const auto probe = makeLiveSessionProbe();
     // Short, so that the scheduler seldom comes in between.
     const std::size_t times = processes < 1000 ? 4 : 1;
     const auto ours = [&] {
         return microsecondsOf(times, [&] {
-            if (probe.isAppRunning(app.path(), run.person)) {
+            if (probe->isAppRunning(app.path(), run.person)) {
                 throw CannotMeasure("an app was found that does not run");
             }
         });

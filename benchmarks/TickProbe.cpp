@@ -50,9 +50,9 @@ int main(int count, char** words) {
     SystemHelperClock clock;
     ChflagsFileFlags flags(ItemFlag::systemImmutable);
     FileCommitmentStore store("/tmp/TickProbe");
-    LiveSessionProbe session;
+    const auto session = makeLiveSessionProbe();
     NoOpener opener;
-    HelperEngine engine(clock, flags, store, session, opener);
+    HelperEngine engine(clock, flags, store, *session, opener);
     engine.startup();
     const WallDate now = wallNow();
     if (!engine.begin(*app.bundlePath, now + std::chrono::hours{1}, now, app) ||

@@ -3,11 +3,9 @@
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <utility>
-#include <vector>
 
 #include "HalvoHelper/Linux/Limits.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
@@ -35,36 +33,21 @@ std::uint64_t loopTime(sd_bus* bus) {
     return time;
 }
 
-// A reply may find the caller gone, which is no concern of the helper's. One that is there but does
-// not read must not fill its memory. What a handler returns to sd-bus.
-int sent(sd_bus_message* request) {
-    sd_bus* bus = sd_bus_message_get_bus(request);
-    std::uint64_t waiting = 0;
-    if (sd_bus_get_n_queued_write(bus, &waiting) >= 0 && waiting > Limits::queuedReplies) {
-        disconnect(bus);
-    }
-    return 1;
-}
-
-// `values` are as sd_bus_message_append(3) wants them for the D-Bus signature `types`.
+// `values` are as sd_bus_message_append(3) wants them for the D-Bus signature `types`. That the
+// caller may be gone by now is no concern of the helper's. What a handler returns to sd-bus.
 template <class... Values>
 int reply(sd_bus_message* request, const char* types, Values... values) {
     sd_bus_reply_method_return(request, types, values...);
-    return sent(request);
-}
-
-int replyInvalid(sd_bus_message* request, const std::string& problem) {
-    sd_bus_reply_method_errorf(request, SD_BUS_ERROR_INVALID_ARGS, "%s", problem.c_str());
-    return sent(request);
+    return 1;
 }
 
 }  // namespace
 
-// Each is handed the BusConnection. Requests have arguments that argumentProblem() has let through.
+// Each is handed the BusConnection. sd-bus has checked the types of a request's arguments.
 struct BusHandlers {
     static BusConnection& of(void* connection) { return *static_cast<BusConnection*>(connection); }
 
-    static int begin(sd_bus_message* message, void* self, sd_bus_error*) {
+    static int begin(sd_bus_message* message, void* self, sd_bus_error* error) {
         const char* appPath = nullptr;
         double until = 0;
         double started = 0;
@@ -73,15 +56,16 @@ struct BusHandlers {
             return result;
         }
         if (std::strlen(appPath) > Limits::appPath) {
-            return replyInvalid(message, "appPath is longer than any path");
+            return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS,
+                                    "appPath is longer than any path");
         }
         const auto ok =
             of(self).requests_.begin(resolvedPath(appPath), wallDate(until), wallDate(started));
         if (!ok) {
-            return replyInvalid(message, ok.error());
+            return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, ok.error().c_str());
         }
         if (*ok) {
-            of(self).begun_();
+            of(self).begun_(of(self));
         }
         return reply(message, "b", int{*ok});
     }
@@ -107,16 +91,16 @@ struct BusHandlers {
                             : reply(message, "badb", int{status.holding}, 0, int{status.locked});
     }
 
-    // Answers a request with the wrong arguments by naming the first wrong one, before sd-bus
-    // answers with the two signatures only.
-    static int message(sd_bus_message* message, void* self, sd_bus_error*) {
-        of(self).heardAt_ = loopTime(of(self).bus_);
-        if (sd_bus_message_is_method_call(message, HelperBus::interface, nullptr) <= 0) {
-            return 0;
+    // Comes before what answers the message, whatever that is.
+    static int message(sd_bus_message*, void* self, sd_bus_error*) {
+        sd_bus* bus = of(self).bus_;
+        of(self).heardAt_ = loopTime(bus);
+        // A caller that does not read must not fill the helper's memory.
+        std::uint64_t waiting = 0;
+        if (sd_bus_get_n_queued_write(bus, &waiting) >= 0 && waiting > Limits::queuedReplies) {
+            disconnect(bus);
         }
-        const auto problem = argumentProblem(sd_bus_message_get_member(message),
-                                             sd_bus_message_get_signature(message, 1));
-        return problem ? replyInvalid(message, *problem) : 0;
+        return 0;
     }
 
     // libsystemd 252 forgets a first message that arrives together with the end of the
@@ -161,14 +145,14 @@ struct BusHandlers {
     static int disconnected(sd_bus_message*, void* self, sd_bus_error*) {
         sd_event_source_set_enabled(of(self).deadline_, SD_EVENT_OFF);
         sd_event_source_set_enabled(of(self).firstMessages_, SD_EVENT_OFF);
-        of(self).gone_();
+        of(self).gone_(of(self));
         return 0;
     }
 };
 
 namespace {
 
-// The wire. Introspection shows it, and argumentProblem() names its arguments.
+// The wire, as introspection shows it.
 // NOLINTNEXTLINE(*-avoid-c-arrays): what the macros make.
 const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
@@ -186,52 +170,13 @@ const sd_bus_vtable requestTable[] = {
 
 }  // namespace
 
-std::optional<std::string> argumentProblem(std::string_view member, std::string_view signature) {
-    const auto* row = std::ranges::find_if(requestTable, [member](const sd_bus_vtable& method) {
-        return method.type == _SD_BUS_VTABLE_METHOD && member == method.x.method.member;
-    });
-    if (row == std::ranges::end(requestTable)) {
-        return std::nullopt;
-    }
-    const auto& method = row->x.method;
-    // SD_BUS_NO_ARGS makes it null. Each type is one character, so that up to the first difference
-    // characters are arguments.
-    const std::string_view types = method.signature == nullptr ? "" : method.signature;
-    if (signature == types) {
-        return std::nullopt;
-    }
-    // The names follow one another, each with a zero byte. As "Begin(s appPath, d until)".
-    std::vector<std::string> names;
-    std::string form = method.member + std::string("(");
-    const char* name = method.names;
-    for (const char type : types) {
-        form += (names.empty() ? "" : ", ") + std::string(1, type) + " " + name;
-        names.emplace_back(name);
-        name += names.back().size() + 1;
-    }
-    form += ")";
-    const std::string called = "\"" + std::string(signature) + "\"";
-    const auto wrong =
-        static_cast<std::size_t>(std::ranges::mismatch(types, signature).in1 - types.begin());
-    if (wrong == types.size()) {
-        return "there are more arguments than " + form + " takes: " + called;
-    }
-    return names[wrong] + (wrong == signature.size()
-                               ? " is missing: " + form
-                               : " has the wrong type: " + form + " was called with " + called);
-}
-
-BusConnection::BusConnection(HelperConnection requests, std::function<void()> gone,
-                             std::function<void()> begun)
+BusConnection::BusConnection(HelperConnection requests, Callback gone, Callback begun)
     : requests_(std::move(requests)), gone_(std::move(gone)), begun_(std::move(begun)) {}
 
 BusConnection::~BusConnection() {
     sd_event_source_disable_unref(firstMessages_);
     sd_event_source_disable_unref(deadline_);
-    if (bus_ != nullptr) {
-        sd_bus_detach_event(bus_);
-        sd_bus_close_unref(bus_);
-    }
+    sd_bus_close_unref(bus_);
 }
 
 bool BusConnection::start(Descriptor socket) {
@@ -245,7 +190,7 @@ bool BusConnection::start(Descriptor socket) {
     [[maybe_unused]] const int owned = socket.release();  // by the bus
     constexpr const char* local = "org.freedesktop.DBus.Local";
     constexpr const char* path = "/org/freedesktop/DBus/Local";
-    // Who may call was decided when the caller was admitted, so sd-bus need not ask again.
+    // Callers are checked when they are admitted: sd-bus need not check each call.
     const bool started =
         sd_bus_set_server(bus_, 1, server) >= 0 && sd_bus_set_trusted(bus_, 1) >= 0 &&
         sd_bus_negotiate_fds(bus_, 0) >= 0 && sd_bus_set_connected_signal(bus_, 1) >= 0 &&

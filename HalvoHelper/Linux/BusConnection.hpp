@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
@@ -20,11 +18,12 @@ namespace halvo {
 // unread, is disconnected; see Limits.hpp. Main queue only.
 class BusConnection {
   public:
+    using Callback = std::function<void(BusConnection&)>;
+
     // Will serve requests of the caller with `requests`. `gone` is called once, from the event
     // loop, when the caller went away or was disconnected; it must destroy the connection later,
     // not from within. `begun` is called when a begin of this caller was taken, before the reply.
-    BusConnection(HelperConnection requests, std::function<void()> gone,
-                  std::function<void()> begun);
+    BusConnection(HelperConnection requests, Callback gone, Callback begun);
 
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
@@ -50,8 +49,8 @@ class BusConnection {
     friend struct BusHandlers;
 
     HelperConnection requests_;
-    std::function<void()> gone_;
-    std::function<void()> begun_;
+    Callback gone_;
+    Callback begun_;
     bool toldStatus_ = false;
     // When the last message came, as the event loop counts; nothing before authentication.
     std::optional<std::uint64_t> heardAt_;
@@ -60,10 +59,5 @@ class BusConnection {
     // Of the authentication, then of each silence.
     sd_event_source* deadline_ = nullptr;
 };
-
-// What is wrong with arguments of the D-Bus signature `signature` for the request called `member`,
-// as a sentence that names the first one that does not fit; nothing when they fit, or there is no
-// such request.
-std::optional<std::string> argumentProblem(std::string_view member, std::string_view signature);
 
 }  // namespace halvo

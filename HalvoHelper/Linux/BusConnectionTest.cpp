@@ -4,12 +4,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <bit>
+#include <initializer_list>
 #include <limits>
 #include <memory>
-#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,28 +73,27 @@ std::string decoded(sd_bus_message* message) {
     if (const sd_bus_error* error = sd_bus_message_get_error(message); error != nullptr) {
         return std::string(error->name) + ": " + error->message;
     }
-    std::string text = sd_bus_message_get_signature(message, 1);
-    for (const char type : std::string(text)) {
+    const std::string types = sd_bus_message_get_signature(message, 1);
+    std::string text = types;
+    const auto readFlag = [&] {
         int flag = 0;
+        EXPECT_GT(sd_bus_message_read(message, "b", &flag), 0);
+        text += flag != 0 ? " yes" : " no";
+    };
+    if (types == "s") {
         const char* string = nullptr;
+        EXPECT_GT(sd_bus_message_read(message, "s", &string), 0);
+        return text + " " + string;
+    }
+    readFlag();
+    if (types == "badb") {
         const void* data = nullptr;
         std::size_t size = 0;
-        if (type == 'b') {
-            EXPECT_GT(sd_bus_message_read(message, "b", &flag), 0);
-            text += flag != 0 ? " yes" : " no";
-        } else if (type == 's') {
-            EXPECT_GT(sd_bus_message_read(message, "s", &string), 0);
-            text += " " + std::string(string);
-        } else if (type == 'a') {
-            EXPECT_GE(sd_bus_message_read_array(message, 'd', &data, &size), 0);
-            std::vector<double> numbers(size / sizeof(double));
-            std::copy_n(static_cast<const double*>(data), numbers.size(), numbers.begin());
-            text += " [";
-            for (const double number : numbers) {
-                text += std::to_string(number);
-            }
-            text += "]";
-        }
+        EXPECT_GE(sd_bus_message_read_array(message, 'd', &data, &size), 0);
+        const std::span numbers(static_cast<const double*>(data), size / sizeof(double));
+        text += " [" + (numbers.empty() ? "" : std::to_string(numbers.front())) + "]";
+        EXPECT_LE(numbers.size(), 1U);
+        readFlag();
     }
     return text;
 }
@@ -175,7 +173,8 @@ class BusConnectionTest : public ::testing::Test {
 
     std::unique_ptr<BusConnection> makeConnection() {
         return std::make_unique<BusConnection>(
-            HelperConnection({ann, app}, engine), [this] { ++gone; }, [this] { ++begun; });
+            HelperConnection({ann, app}, engine), [this](auto&) { ++gone; },
+            [this](auto&) { ++begun; });
     }
 
     // Serves one end of a pair, and gives the other.
@@ -277,7 +276,7 @@ TEST_F(BusConnectionTest, CarriesOutARequestThatWantsNoReply) {
 }
 
 // What HelperConnection finds wrong, and what no message may bring that far.
-TEST_F(BusConnectionTest, RefusesBadArgumentsByName) {
+TEST_F(BusConnectionTest, RefusesBadArguments) {
     connect();
     const auto made = [this](const char* member, const char* types, auto... values) {
         Message message = client->request(member);
@@ -285,7 +284,6 @@ TEST_F(BusConnectionTest, RefusesBadArgumentsByName) {
         return message;
     };
     const double infinite = std::numeric_limits<double>::infinity();
-    const std::string beginForm = "Begin(s appPath, d until, d started)";
     world.calls.clear();
     const std::pair<Message, std::string> rows[] = {
         {begin(app, infinite, now), "until is not a finite number"},
@@ -294,76 +292,19 @@ TEST_F(BusConnectionTest, RefusesBadArgumentsByName) {
         // Resolving it would take the system long.
         {begin(std::string(Limits::appPath + 1, '/'), now + 60, now),
          "appPath is longer than any path"},
-        {client->request("Begin"), "appPath is missing: " + beginForm},
-        {made("Begin", "sds", app.c_str(), now, "soon"),
-         "started has the wrong type: " + beginForm + " was called with \"sds\""},
-        {made("Heartbeat", "u", 1U),
-         "sessionEnding has the wrong type: Heartbeat(b sessionEnding) was called with \"u\""},
-        {made("End", "b", 1), "there are more arguments than End() takes: \"b\""},
+        // In the words of sd-bus.
+        {client->request("Begin"), ""},
+        {made("Begin", "sds", app.c_str(), now, "soon"), ""},
+        {made("Begin", "sddd", app.c_str(), now + 60, now, now), ""},
+        {made("Heartbeat", "u", 1U), ""},
+        {made("End", "b", 1), ""},
     };
     for (const auto& [message, problem] : rows) {
-        EXPECT_EQ(client->call(message), "org.freedesktop.DBus.Error.InvalidArgs: " + problem);
+        EXPECT_THAT(client->call(message),
+                    StartsWith("org.freedesktop.DBus.Error.InvalidArgs: " + problem));
     }
     EXPECT_THAT(world.calls.calls(), IsEmpty()) << "one reached the engine";
     EXPECT_EQ(client->call(begin(std::string(Limits::appPath, '/'), now + 60, now)), "b no");
-}
-
-TEST(BusConnectionSignatureTest, IsToldWhatDoesNotFit) {
-    struct Row {
-        const char* member;
-        // As that is described.
-        const char* form;
-        const char* signature;
-        // Nothing when it fits, or is sd-bus's to answer.
-        const char* problem;
-    };
-
-    constexpr const char* begin = "Begin(s appPath, d until, d started)";
-    constexpr const char* heartbeat = "Heartbeat(b sessionEnding)";
-    const Row rows[] = {
-        {"Begin", begin, "sdd", ""},
-        {"Heartbeat", heartbeat, "b", ""},
-        {"End", "End()", "", ""},
-        {"Status", "Status()", "", ""},
-        {"Begin", begin, "", "appPath is missing"},
-        {"Begin", begin, "s", "until is missing"},
-        {"Begin", begin, "sd", "started is missing"},
-        {"Heartbeat", heartbeat, "", "sessionEnding is missing"},
-        {"Begin", begin, "d", "appPath has the wrong type"},
-        {"Begin", begin, "odd", "appPath has the wrong type"},
-        {"Begin", begin, "asdd", "appPath has the wrong type"},
-        {"Begin", begin, "(sdd)", "appPath has the wrong type"},
-        {"Begin", begin, "ssd", "until has the wrong type"},
-        {"Begin", begin, "st", "until has the wrong type"},
-        {"Begin", begin, "sds", "started has the wrong type"},
-        {"Begin", begin, "sdv", "started has the wrong type"},
-        {"Begin", begin, "sdad", "started has the wrong type"},
-        {"Heartbeat", heartbeat, "i", "sessionEnding has the wrong type"},
-        {"Heartbeat", heartbeat, "ab", "sessionEnding has the wrong type"},
-        {"Begin", begin, "sddd", "more"},
-        {"Begin", begin, "sdda{sv}", "more"},
-        {"Heartbeat", heartbeat, "bb", "more"},
-        {"End", "End()", "b", "more"},
-        {"Status", "Status()", "a(ss)", "more"},
-        {"", "", "h", ""},
-        {"begin", "", "h", ""},
-        {"Begin ", "", "h", ""},
-        {"Begi", "", "h", ""},
-        {"Begins", "", "h", ""},
-        {"Ping", "", "h", ""},
-    };
-    for (const auto& [member, form, signature, problem] : rows) {
-        const std::string called = std::string("\"") + signature + "\"";
-        std::string expected = std::string(problem) + ": " + form;
-        if (expected.find("wrong type") != std::string::npos) {
-            expected += " was called with " + called;
-        } else if (expected.starts_with("more")) {
-            expected = "there are more arguments than " + std::string(form) + " takes: " + called;
-        }
-        EXPECT_EQ(argumentProblem(member, signature),
-                  *problem == '\0' ? std::nullopt : std::optional(expected))
-            << member << " " << signature;
-    }
 }
 
 TEST_F(BusConnectionTest, RefusesWhatItDoesNotKnow) {
@@ -402,37 +343,14 @@ TEST_F(BusConnectionTest, TakesNoDescriptors) {
     EXPECT_EQ(sd_bus_can_send(client->bus(), 'h'), 0);
 }
 
-void pad(std::string& bytes, std::size_t alignment) {
-    bytes.append((alignment - bytes.size() % alignment) % alignment, '\0');
-}
-
-void appendNumber(std::string& bytes, std::uint32_t number) {
-    const auto raw = std::bit_cast<std::array<char, 4>>(number);
-    bytes.append(raw.data(), raw.size());
-}
-
-void appendField(std::string& fields, char code, char type, const std::string& text) {
-    pad(fields, 8);
-    fields += {code, 1, type, '\0'};
-    appendNumber(fields, static_cast<std::uint32_t>(text.size()));
-    fields += text + '\0';
-}
-
-constexpr char byteOrder = std::endian::native == std::endian::little ? 'l' : 'B';
-
-// A status request as it goes over the wire.
-std::string statusRequest(std::uint32_t serial) {
-    std::string fields;
-    appendField(fields, 1, 'o', HelperBus::object);
-    appendField(fields, 2, 's', HelperBus::interface);
-    appendField(fields, 3, 's', "Status");
-    std::string bytes{byteOrder, 1, 0, 1};
-    appendNumber(bytes, 0);
-    appendNumber(bytes, serial);
-    appendNumber(bytes, static_cast<std::uint32_t>(fields.size()));
-    bytes += fields;
-    pad(bytes, 8);
-    return bytes;
+// A status request as it goes over the wire: a header without a body, its length of fields, and the
+// fields object, interface and member, each from a multiple of 8 bytes on.
+std::string statusRequest(char serial) {
+    using namespace std::string_literals;
+    return "l\1\0\1\0\0\0\0"s + serial + "\0\0\0\x57\0\0\0"s +
+           "\1\1o\0\x11\0\0\0/app/halvo/Helper\0\0\0\0\0\0\0"s +
+           "\2\1s\0\x18\0\0\0app.halvo.HalvoHelperXPC\0\0\0\0\0\0\0\0"s +
+           "\3\1s\0\x06\0\0\0Status\0\0"s;
 }
 
 std::string authentication() {
@@ -469,15 +387,15 @@ int returnsIn(const std::string& bytes) {
 }
 
 TEST_F(BusConnectionTest, AnswersFirstRequestsThatComeWithTheEndOfTheAuthentication) {
-    for (const std::uint32_t count : {1U, 50U}) {
+    for (const char count : std::initializer_list<char>{1, 50}) {
         const Descriptor socket = serve();
         std::string bytes = authentication();
-        for (std::uint32_t serial = 1; serial <= count; ++serial) {
+        for (char serial = 1; serial <= count; ++serial) {
             bytes += statusRequest(serial);
         }
         writeAll(socket, bytes);
         loop.run();
-        EXPECT_EQ(returnsIn(readAvailable(socket)), static_cast<int>(count));
+        EXPECT_EQ(returnsIn(readAvailable(socket)), count);
     }
 }
 
@@ -547,17 +465,9 @@ TEST_F(BusConnectionTest, DisconnectsSilentlyWhenItIsDestroyed) {
     EXPECT_EQ(sd_bus_is_open(client->bus()), 0);
 }
 
-TEST_F(BusConnectionTest, DoesNotStartWithoutASocket) {
-    connection = makeConnection();
-    connection.reset();
+TEST_F(BusConnectionTest, DoesNotStartWithoutASocketOrMemory) {
     connection = makeConnection();
     EXPECT_FALSE(connection->start(Descriptor{}));
-    connection.reset();
-    loop.run();
-    EXPECT_EQ(gone, 0);
-}
-
-TEST_F(BusConnectionTest, DoesNotStartWithoutMemory) {
     Ends ends = connectedEnds();
     connection = makeConnection();
     {
@@ -569,19 +479,6 @@ TEST_F(BusConnectionTest, DoesNotStartWithoutMemory) {
     EXPECT_EQ(gone, 0);
     char byte = 0;
     EXPECT_EQ(read(ends.client.get(), &byte, 1), 0) << "its end stays open";
-}
-
-TEST_F(BusConnectionTest, LeavesOtherConnectionsAloneWhenItEnds) {
-    connect();
-    const auto first = std::move(connection);
-    const auto firstClient = std::move(client);
-    connect();
-    client->call("Status");
-    client.reset();
-    loop.run();
-    EXPECT_EQ(gone, 1);
-    connection.reset();
-    EXPECT_EQ(firstClient->call("Status"), idle);
 }
 
 TEST_F(BusConnectionTest, TellsOfABeginThatWasTaken) {
@@ -627,7 +524,8 @@ TEST_F(BusConnectionTest, DisconnectsWhoDoesNotReadTheReplies) {
     client->call("Status");
     std::size_t sent = 0;
     while (gone == 0 && sent < 10'000) {
-        const Message message = client->request("Status");
+        // Also of what sd-bus answers by itself.
+        const Message message = client->request(sent % 2 == 0 ? "Status" : "Nonsense");
         // With nobody who wants to know its number no reply would be asked for: sd_bus_send(3).
         std::uint64_t number = 0;
         ASSERT_GE(sd_bus_send(client->bus(), message.get(), &number), 0);

@@ -9,18 +9,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <map>
+#include <list>
 #include <utility>
 
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoHelper/Linux/BusConnection.hpp"
 #include "HalvoHelper/Linux/CallerRules.hpp"
 #include "HalvoHelper/Linux/Limits.hpp"
-#include "HalvoHelper/Linux/RefusalLog.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
@@ -61,6 +59,7 @@ class SocketListener final : public HelperListener {
         if (listen(socket_.get(), Limits::backlog) != 0 || sd_event_default(&loop) < 0 ||
             sd_event_add_io(loop, &incoming_, socket_.get(), EPOLLIN, onIncoming, this) < 0 ||
             sd_event_source_set_priority(incoming_, incomingPriority) < 0 ||
+            // Made now: later there may be no descriptor left for a timer.
             sd_event_add_time_relative(loop, &retry_, CLOCK_MONOTONIC, 0, 0, onRetry, this) < 0 ||
             sd_event_source_set_enabled(retry_, SD_EVENT_OFF) < 0) {
             fatal("The helper cannot listen on its socket");
@@ -93,7 +92,7 @@ class SocketListener final : public HelperListener {
             return;
         }
         auto caller = rules_->check(socket.get());
-        const auto isTheirs = [&](const auto& item) { return item.second->uid() == caller->uid; };
+        const auto isTheirs = [&](const auto& other) { return other.uid() == caller->uid; };
         if (!caller) {
             refusals_.refused(now, caller.error());
         } else if (std::cmp_greater_equal(std::ranges::count_if(connections_, isTheirs),
@@ -105,14 +104,11 @@ class SocketListener final : public HelperListener {
         }
     }
 
-    // What keeps us from accepting anybody (no descriptor or memory left, a security module that
-    // forbids it) leaves the socket readable; looking again at once would only burn the processor.
+    // When accept() fails for lack of descriptors or memory, or a security module forbids it, the
+    // socket stays readable: trying again at once would spin.
     void waitUnlessTheCallersFault(int code) {
-        // The caller is gone already, or there was none; accept(2) has the network's errors too.
-        constexpr std::array ofOneCaller{EAGAIN,     EINTR,        ECONNABORTED, EPROTO,
-                                         ENETDOWN,   ENOPROTOOPT,  EHOSTDOWN,    ENONET,
-                                         EOPNOTSUPP, EHOSTUNREACH, ENETUNREACH};
-        if (std::ranges::find(ofOneCaller, code) != ofOneCaller.end()) {
+        // The caller is gone already, or there was none; accept(2).
+        if (code == EAGAIN || code == EINTR || code == ECONNABORTED) {
             return;
         }
         HALVO_LOG_ERROR(helperLog, "Couldn't accept a caller: %{public}s", errorText(code).c_str());
@@ -122,33 +118,34 @@ class SocketListener final : public HelperListener {
     }
 
     bool admit(Descriptor socket, HelperPeer caller) {
-        const std::uint64_t id = nextID_++;
-        const std::uint32_t uid = caller.uid;
-        auto connection = std::make_unique<BusConnection>(
-            HelperConnection(std::move(caller), service_->engine()), [this, id] { forget(id); },
-            [this, id, uid] { outdateOthers(id, uid); });
-        if (!connection->start(std::move(socket))) {
+        BusConnection& connection = connections_.emplace_back(
+            HelperConnection(std::move(caller), service_->engine()),
+            [this](const BusConnection& gone) { forget(gone); },
+            [this](const BusConnection& begun) { outdateOthers(begun); });
+        if (!connection.start(std::move(socket))) {
+            connections_.pop_back();
             return false;
         }
         service_->connectionOpened();
-        connections_.emplace(id, std::move(connection));
         return true;
     }
 
-    // What holds for `person` has changed by a begin on the connection `id`: the others were told
+    // What holds for the person has changed by a begin on that connection: their others were told
     // something else.
-    void outdateOthers(std::uint64_t id, std::uint32_t person) {
-        for (const auto& [other, connection] : connections_) {
-            if (other != id && connection->uid() == person) {
-                connection->outdate();
+    void outdateOthers(const BusConnection& begun) {
+        for (BusConnection& other : connections_) {
+            if (&other != &begun && other.uid() == begun.uid()) {
+                other.outdate();
             }
         }
     }
 
     // Called from within the connection, which therefore goes later.
-    void forget(std::uint64_t id) {
+    void forget(const BusConnection& gone) {
         service_->connectionClosed();
-        liveMainQueue().async([this, id] { connections_.erase(id); });
+        liveMainQueue().async([this, &gone] {
+            connections_.remove_if([&](const auto& other) { return &other == &gone; });
+        });
     }
 
     Descriptor socket_;
@@ -159,8 +156,7 @@ class SocketListener final : public HelperListener {
     sd_event_source* incoming_ = nullptr;
     sd_event_source* retry_ = nullptr;
     RefusalLog refusals_;
-    std::uint64_t nextID_ = 0;
-    std::map<std::uint64_t, std::unique_ptr<BusConnection>> connections_;
+    std::list<BusConnection> connections_;
 };
 
 // The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it was not
@@ -183,8 +179,8 @@ Descriptor socketFromSystemd(const std::string& name) {
     return Descriptor(socket);
 }
 
-// Binds a new socket to `path`, in place of one that a helper left behind. Everybody may connect;
-// who is served is decided then.
+// Binds a new socket to `path`, in place of a stale one. Every user may connect; CallerRules
+// decides which callers are served.
 Descriptor bindSocket(const std::string& path) {
     const auto address = socketAddress(path);
     if (!address) {
@@ -197,9 +193,9 @@ Descriptor bindSocket(const std::string& path) {
     }
     unlink(path.c_str());
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    constexpr mode_t everybody = 0666;
+    constexpr mode_t everyUser = 0666;
     if (!socket.isOpen() || bind(socket.get(), generic(*address), sizeof *address) != 0 ||
-        chmod(path.c_str(), everybody) != 0) {
+        chmod(path.c_str(), everyUser) != 0) {
         fail(EX_OSERR, "Couldn't make the socket " + path + ": " + errorText(errno));
     }
     return socket;

@@ -3,10 +3,14 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
+#include "HalvoPlatform/Log.hpp"
 #include "HalvoPlatform/Time.hpp"
 
-namespace halvo::Limits {
+namespace halvo {
+
+namespace Limits {
 
 // Connections open at once. The app needs one for each of its processes.
 inline constexpr std::size_t connections = 64;
@@ -39,4 +43,32 @@ inline constexpr int backlog = 128;
 inline constexpr std::size_t refusalLines = 10;
 inline constexpr Seconds refusalSpan{60};
 
-}  // namespace halvo::Limits
+}  // namespace Limits
+
+// Writes at most Limits::refusalLines lines in any Limits::refusalSpan and counts the rest, which
+// the first line after the span tells. Main queue only.
+class RefusalLog {
+  public:
+    // Notes at the time `now` (of any clock that nobody can set) that a caller was turned away, and
+    // `why`.
+    void refused(Seconds now, const std::string& why) {
+        if (refused_ == 0 || now - spanStart_ >= Limits::refusalSpan) {
+            if (refused_ > Limits::refusalLines) {
+                HALVO_LOG_ERROR(helperLog, "Refused %{public}ld more callers",
+                                static_cast<long>(refused_ - Limits::refusalLines));
+            }
+            spanStart_ = now;
+            refused_ = 0;
+        }
+        if (++refused_ <= Limits::refusalLines) {
+            HALVO_LOG_ERROR(helperLog, "Refused a caller: %{public}s", why.c_str());
+        }
+    }
+
+  private:
+    Seconds spanStart_{};
+    // Since then.
+    std::size_t refused_ = 0;
+};
+
+}  // namespace halvo

@@ -2,14 +2,23 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "HalvoHelper/ArgumentVector.hpp"
-#include "HalvoHelper/Linux/OpenAsUser.hpp"
+#include "HalvoHelper/OpenAsUser.hpp"
+#include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Time.hpp"
@@ -17,12 +26,52 @@
 namespace halvo {
 namespace {
 
-// Starts `command` with what LiveOpener says of its child; posix_spawn(3). 0, or the errno: also of
+constexpr const char* systemdRun = "/usr/bin/systemd-run";
+// The app may fork and end its first process without being counted as gone.
+constexpr const char* untilAllHaveEnded = "--property=ExitType=cgroup";
+
+// Keeps one unit's name from another's.
+std::string randomSuffix() {
+    std::array<char, 9> text{};
+    std::snprintf(text.data(), text.size(), "%08x", arc4random());
+    return text.data();
+}
+
+// A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
+// Not so in the first word: there systemd-run(1) looks for that very file.
+std::string withoutExpansion(std::string argument) {
+    for (std::size_t at = 0; (at = argument.find('$', at)) != std::string::npos; at += 2) {
+        argument.insert(at, 1, '$');
+    }
+    return argument;
+}
+
+// Has systemd start the mode in a unit of its own, so that nothing of the helper's sandbox, limits
+// and cgroup reaches the app, and nothing that the user can tell their own manager. Not in the
+// person's slice, whose limits they can use up so that nothing more starts.
+std::vector<std::string> unitOf(const std::string& helper, const OpenAsUser::Request& request) {
+    std::vector<std::string> words{
+        systemdRun, "--quiet", "--collect", "--no-ask-password",
+        "--description=Opens the app for user " + std::to_string(request.uid),
+        "--unit=halvo-open-" + randomSuffix() + ".service", untilAllHaveEnded,
+        // The app starts with signals as the kernel has them, not as systemd likes.
+        "--property=IgnoreSIGPIPE=no",
+        // An app that is run here is out of reach of the limits of the person's slice, and has
+        // these: many times what an app takes, and no more than the machine bears. Not by number
+        // of processes of the user (RLIMIT_NPROC), which that user's other programs can use up.
+        "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper};
+    for (const std::string& word : OpenAsUser::withWords({}, request)) {
+        words.push_back(withoutExpansion(word));
+    }
+    return words;
+}
+
+// Starts a program with what LiveOpener says of its child; posix_spawn(3). 0, or the errno: also of
 // the calls before, which fail only without memory, since the child would then start with less
 // taken away from it than it should.
-int start(const OpenAsUser::Command& command, bool keepsErrorOutput) {
-    const ArgumentVector arguments(command.arguments);
-    const ArgumentVector environment(command.environment);
+int start(std::vector<std::string> words, bool keepsErrorOutput) {
+    const ArgumentVector arguments(std::move(words));
+    const ArgumentVector environment({});
     sigset_t none;
     sigset_t all;
     sigemptyset(&none);
@@ -49,7 +98,7 @@ int start(const OpenAsUser::Command& command, bool keepsErrorOutput) {
     }
     pid_t child = 0;
     if (error == 0) {
-        error = posix_spawn(&child, command.path.c_str(), &actions, &attributes, arguments.data(),
+        error = posix_spawn(&child, arguments.data()[0], &actions, &attributes, arguments.data(),
                             environment.data());
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -57,7 +106,85 @@ int start(const OpenAsUser::Command& command, bool keepsErrorOutput) {
     return error;
 }
 
+// ------------------------------------------------------------------------- the open-as-user mode
+
+// How long the user's manager may take to answer. One that is stuck must not keep the app closed.
+constexpr std::chrono::seconds managerPatience{2};
+
+// A manager that answers may still leave what asks it to start the app waiting for ever; the next
+// opening that is for it comes after 30 seconds. What it was asked to start stays.
+constexpr unsigned managerSecondsAtMost = 30;
+
+// Whether the manager is well; nothing while it has not replied.
+using Answer = std::optional<bool>;
+
+// Serves `bus` until the reply to the ping sets `answer`, or patience ends.
+void waitForAnswer(sd_bus* bus, const Answer& answer) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + managerPatience;
+    int result = 0;
+    while (!answer && result >= 0 && Clock::now() < end) {
+        const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
+        result = sd_bus_process(bus, nullptr);
+        if (result == 0) {
+            result = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
+        }
+    }
+}
+
+// Whether the user's own systemd manager really answers on the socket in the folder of the user's
+// session that systemd-run(1) would use. A manager that is gone may leave the socket's file behind,
+// and one that is stuck still accepts.
+bool managerAnswers(const std::string& sessionFolder) {
+    const std::string address = "unix:path=" + sessionFolder + "/systemd/private";
+    Answer answer;
+    // A connection that breaks replies too, with an error that sd-bus makes up.
+    const auto onReply = [](sd_bus_message* reply, void* userdata, sd_bus_error*) {
+        *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
+        return 0;
+    };
+    sd_bus* bus = nullptr;
+    // Connects without waiting; the kernel says at once when nobody listens.
+    if (sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
+        sd_bus_start(bus) >= 0 &&
+        sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
+                                 "org.freedesktop.DBus.Peer", "Ping", onReply, &answer, "") >= 0) {
+        waitForAnswer(bus, answer);
+    }
+    sd_bus_close_unref(bus);
+    return answer.value_or(false);
+}
+
+// The identifier of the bundle with all but ASCII letters, digits and "." as "_", which leaves what
+// is safe in a unit's name.
+std::string unitNameOf(const Bundle& bundle) {
+    const auto info = bundle.info();
+    std::string name =
+        (info ? infoString(*info, "CFBundleIdentifier") : std::nullopt).value_or("app");
+    const auto isUnsafe = [](unsigned char c) { return c != '.' && std::isalnum(c) == 0; };
+    std::ranges::replace_if(name, isUnsafe, '_');
+    return name;
+}
+
 }  // namespace
+
+OpenAsUser::Command OpenAsUser::commandFor(const Request& request) {
+    const Bundle bundle(request.appPath);
+    const std::string executable =
+        bundle.executablePath().value_or(AppLocation::usualExecutable(request.appPath));
+    // systemd-run(1), environment.
+    const std::string sessionFolder = "/run/user/" + std::to_string(request.uid);
+    if (request.directly || !managerAnswers(sessionFolder)) {
+        return {{executable}, {}};
+    }
+    return {{systemdRun, "--user", "--quiet", "--collect",
+             // The start fails when the executable cannot be run, instead of later.
+             "--service-type=exec", "--slice=app.slice", untilAllHaveEnded,
+             "--unit=app-halvo-" + unitNameOf(bundle) + "@" + randomSuffix() + ".service", "--",
+             executable},
+            {"XDG_RUNTIME_DIR=" + sessionFolder},
+            managerSecondsAtMost};
+}
 
 LiveOpener::LiveOpener(std::string helperExecutable)
     : helperExecutable_(std::move(helperExecutable)) {}
@@ -79,9 +206,8 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
     const bool directly = failed % 2 == 1;
     const OpenAsUser::Request request{uid, appPath, afterQuit, directly};
     // What systemd-run(1) has to say goes where the helper's own errors go, to the journal.
-    const int error = start(booted ? OpenAsUser::systemCommand(helperExecutable_, request,
-                                                               OpenAsUser::randomUnitSuffix())
-                                   : OpenAsUser::helperCommand(helperExecutable_, request),
+    const int error = start(booted ? unitOf(helperExecutable_, request)
+                                   : OpenAsUser::withWords({helperExecutable_}, request),
                             booted);
     if (error != 0) {
         HALVO_LOG_ERROR(helperLog, "Couldn't open Halvo: %{public}s", errorText(error).c_str());

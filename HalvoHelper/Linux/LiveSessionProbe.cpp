@@ -8,16 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <string_view>
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/Linux/FileStamp.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Time.hpp"
@@ -95,18 +92,21 @@ class Console {
     // When user_ counts as there again although their session is closing.
     std::optional<Seconds> leftUntil_;
     // Since when. Of each user: one session that closes after another must not begin it anew, nor
-    // must somebody else who has the seat for a moment. And of each session, which stays closing
+    // must another user who has the seat for a moment. And of each session, which stays closing
     // while the user goes to another of theirs and comes back.
     std::map<std::uint32_t, Seconds> peopleClosing_;
     std::map<std::string, Seconds> closing_;
 };
 
-}  // namespace
+class LiveSessionProbe final : public SessionProbe {
+  public:
+    std::optional<std::uint32_t> consoleUser() override { return console_.user(); }
 
-struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
+    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override {
+        return isRun(executableOf(bundlePath), uid);
+    }
 
-    std::optional<std::uint32_t> consoleUser() { return console_.user(); }
-
+  private:
     // The executable of the bundle last asked about, kept for as long as its Info.plist is the
     // same.
     const std::string& executableOf(const std::string& bundlePath) {
@@ -125,43 +125,33 @@ struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
         return executable_;
     }
 
-    // Whether a process with the effective user `uid` runs the file at `executable`. All are looked
-    // at in one pass with one buffer; proc(5).
+    // Whether a process with the effective user `uid` runs the file at `executable`; proc(5).
     bool isRun(const std::string& executable, std::uint32_t uid) {
-        if (!proc_.isOpen()) {
-            proc_ = Descriptor(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (proc_ == nullptr) {
+            proc_.reset(opendir("/proc"));
         }
         struct stat file{};
-        if (stat(executable.c_str(), &file) != 0 || lseek(proc_.get(), 0, SEEK_SET) != 0) {
+        if (proc_ == nullptr || stat(executable.c_str(), &file) != 0) {
             return false;
         }
         link_.resize(executable.size() + 1);
-        while (true) {
-            const ssize_t length = getdents64(proc_.get(), entries_.data(), entries_.size());
-            if (length <= 0) {
-                return false;
-            }
-            for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
-                const auto* entry = reinterpret_cast<const dirent64*>(entries_.data() + at);
-                if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' &&
-                    runs(entry->d_name, executable, file, uid)) {
-                    return true;
-                }
-                at += entry->d_reclen;
+        rewinddir(proc_.get());
+        while (const dirent* entry = readdir(proc_.get())) {
+            if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' &&
+                runs(entry->d_name, executable, file, uid)) {
+                return true;
             }
         }
+        return false;
     }
 
-  private:
     // Whether that is what `process` does, by its folder in /proc. Its path is the first question,
     // because it rules out nearly every process with one call.
     bool runs(const char* process, const std::string& executable, const struct stat& file,
               std::uint32_t uid) {
-        std::array<char, NAME_MAX + sizeof "/exe"> link{};
-        const std::size_t length = std::strlen(process);
-        std::memcpy(link.data(), process, length);
-        std::memcpy(link.data() + length, "/exe", sizeof "/exe");
-        const ssize_t target = readlinkat(proc_.get(), link.data(), link_.data(), link_.size());
+        const int proc = dirfd(proc_.get());
+        name_.assign(process).append("/exe");
+        const ssize_t target = readlinkat(proc, name_.c_str(), link_.data(), link_.size());
         if (target < 0 ||
             std::string_view(link_.data(), static_cast<std::size_t>(target)) != executable) {
             return false;
@@ -170,8 +160,8 @@ struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
         struct stat folder{};
         struct statx status{};
         // AT_STATX_DONT_SYNC: the file may lie on a file system that its owner serves, and stalls.
-        return fstatat(proc_.get(), process, &folder, 0) == 0 && folder.st_uid == uid &&
-               statx(proc_.get(), link.data(), AT_STATX_DONT_SYNC, STATX_INO, &status) == 0 &&
+        return fstatat(proc, process, &folder, 0) == 0 && folder.st_uid == uid &&
+               statx(proc, name_.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) == 0 &&
                makedev(status.stx_dev_major, status.stx_dev_minor) == file.st_dev &&
                status.stx_ino == file.st_ino;
     }
@@ -181,20 +171,17 @@ struct LiveSessionProbe::State {  // NOLINT(*-member-init): see entries_.
     std::string infoPath_;
     std::optional<FileStamp> info_;
     std::string executable_;
-    Descriptor proc_;
+    // Opened at the first look, and read anew at each.
+    std::unique_ptr<DIR, int (*)(DIR*)> proc_{nullptr, closedir};
+    // Of what links to the executable of a process, and what that links to.
+    std::string name_;
     std::string link_;
-    // Not filled: a helper that never looks for the app would keep eight pages of zeros.
-    alignas(dirent64) std::array<char, 32768> entries_;
 };
 
-LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique_for_overwrite<State>()) {}
+}  // namespace
 
-LiveSessionProbe::~LiveSessionProbe() = default;
-
-std::optional<std::uint32_t> LiveSessionProbe::consoleUser() { return state_->consoleUser(); }
-
-bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
-    return state_->isRun(state_->executableOf(bundlePath), uid);
+std::unique_ptr<SessionProbe> makeLiveSessionProbe() {
+    return std::make_unique<LiveSessionProbe>();
 }
 
 }  // namespace halvo

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
@@ -49,7 +50,7 @@ class LiveSessionProbeTest : public ::testing::Test {
   protected:
     LiveSessionProbeTest() { bundle.writeInfo(); }
 
-    [[nodiscard]] bool isRunning(const std::string& path) { return probe.isAppRunning(path, me); }
+    [[nodiscard]] bool isRunning(const std::string& path) { return probe->isAppRunning(path, me); }
 
     [[nodiscard]] bool isRunning() { return isRunning(bundle.path()); }
 
@@ -63,7 +64,7 @@ class LiveSessionProbeTest : public ::testing::Test {
     TemporaryFolder disk;
     const TestBundle bundle{disk / "Sample.app"};
     const uid_t me = geteuid();
-    LiveSessionProbe probe;
+    const std::unique_ptr<SessionProbe> probe = makeLiveSessionProbe();
 };
 
 TEST_F(LiveSessionProbeTest, SeesTheAppOfThatUserWhileItRuns) {
@@ -71,8 +72,8 @@ TEST_F(LiveSessionProbeTest, SeesTheAppOfThatUserWhileItRuns) {
     auto first = startProgram(bundle.executable());
     EXPECT_TRUE(isRunning());
     EXPECT_TRUE(isRunning());
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), me + 1));
-    EXPECT_FALSE(probe.isAppRunning(bundle.path(), 4294967295));
+    EXPECT_FALSE(probe->isAppRunning(bundle.path(), me + 1));
+    EXPECT_FALSE(probe->isAppRunning(bundle.path(), 4294967295));
     first->send(SIGSTOP);
     expectState(*first, "T");
     EXPECT_TRUE(isRunning());
@@ -180,8 +181,7 @@ TEST_F(LiveSessionProbeTest, DoesNotCountADeletedExecutableWhateverIsCalledSo) {
     EXPECT_TRUE(isRunning());
 }
 
-TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPathInAListOfSeveralReadings) {
-    const ShortListings few;
+TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPath) {
     std::string folder = disk.path();
     while (folder.size() < 2500) {
         folder += "/" + std::string(200, 'x');
@@ -189,31 +189,22 @@ TEST_F(LiveSessionProbeTest, FindsAnAppWithALongPathInAListOfSeveralReadings) {
     const TestBundle deep(folder + "/Sample.app");
     deep.writeInfo();
     EXPECT_FALSE(isRunning(deep.path()));
-    std::vector<std::unique_ptr<TestProcess>> processes;
-    for (int i = 0; i < 40; ++i) {
-        processes.push_back(i == 20 ? startProgram(deep.executable())
-                                    : std::make_unique<TestProcess>([] { pause(); }));
-    }
-    EXPECT_TRUE(isRunning(deep.path()));
+    const auto app = startProgram(deep.executable());
     EXPECT_TRUE(isRunning(deep.path()));
 }
 
 TEST_F(LiveSessionProbeTest, AllocatesNothingWhileNothingChanges) {
     const std::string path = bundle.path();
-    EXPECT_FALSE(isRunning());
-    std::size_t before = mallocsMade();
-    for (int turn = 0; turn < 5; ++turn) {
-        EXPECT_FALSE(isRunning(path));
+    std::unique_ptr<TestProcess> app;
+    for (const bool runs : {false, true}) {
+        app = runs ? startProgram(bundle.executable()) : nullptr;
+        EXPECT_EQ(isRunning(path), runs);
+        const std::size_t before = mallocsMade();
+        for (int turn = 0; turn < 5; ++turn) {
+            EXPECT_EQ(isRunning(path), runs);
+        }
+        EXPECT_EQ(mallocsMade(), before) << runs;
     }
-    EXPECT_EQ(mallocsMade(), before) << "while the app does not run";
-
-    const auto app = startProgram(bundle.executable());
-    EXPECT_TRUE(isRunning());
-    before = mallocsMade();
-    for (int turn = 0; turn < 5; ++turn) {
-        EXPECT_TRUE(isRunning(path));
-    }
-    EXPECT_EQ(mallocsMade(), before) << "while the app runs";
 }
 
 TEST(MallocCountTest, CountsEveryAllocation) {
@@ -236,12 +227,12 @@ class LiveSessionProbePrivateMachineTest : public PrivateMachineTest {
     }
 
     [[nodiscard]] bool isRunning(const Person& person) {
-        return probe.isAppRunning(bundle.path(), person.uid);
+        return probe->isAppRunning(bundle.path(), person.uid);
     }
 
     TemporaryFolder disk;
     const TestBundle bundle{disk / "Sample.app"};
-    LiveSessionProbe probe;
+    const std::unique_ptr<SessionProbe> probe = makeLiveSessionProbe();
 };
 
 TEST_F(LiveSessionProbePrivateMachineTest, TellsPeopleApartByTheirEffectiveUser) {
@@ -268,8 +259,8 @@ TEST_F(LiveSessionProbePrivateMachineTest, SeesAnAppThatMayNotBeDumped) {
         const std::string files = "/proc/" + std::to_string(app->pid()) + "/exe";
         ASSERT_EQ(lstat(files.c_str(), &status), 0);
         ASSERT_EQ(status.st_uid, 0U) << "it may be dumped";
-        EXPECT_TRUE(probe.isAppRunning(installed.path(), user.uid));
-        EXPECT_FALSE(probe.isAppRunning(installed.path(), 0));
+        EXPECT_TRUE(probe->isAppRunning(installed.path(), user.uid));
+        EXPECT_FALSE(probe->isAppRunning(installed.path(), 0));
     }
     fs::remove_all(installed.path());
 }
@@ -345,7 +336,7 @@ class LiveSessionProbeSeatPrivateMachineTest : public LiveSessionProbePrivateMac
     void letSomebodySit() {
         session("1", user.uid);
         seat("1", user.uid);
-        ASSERT_EQ(probe.consoleUser(), user.uid);
+        ASSERT_EQ(probe->consoleUser(), user.uid);
     }
 
     inline static const std::string seatFile = "/run/systemd/seats/seat0";
@@ -389,17 +380,17 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsTheUserOfAnActiveSessionOfAPers
         if (!sessionFile.empty()) {
             replaceTestFile(sessions + "/1", sessionFile);
         }
-        LiveSessionProbe fresh;
+        const auto fresh = makeLiveSessionProbe();
         const auto expected = somebody ? std::optional(61000U) : std::nullopt;
-        EXPECT_EQ(fresh.consoleUser(), expected);
-        EXPECT_EQ(fresh.consoleUser(), expected) << "the second time";
+        EXPECT_EQ(fresh->consoleUser(), expected);
+        EXPECT_EQ(fresh->consoleUser(), expected) << "the second time";
     }
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
     const std::string away = "/run/systemd-away";
     fs::rename("/run/systemd", away);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
+    EXPECT_EQ(probe->consoleUser(), std::nullopt);
     fs::rename(away, "/run/systemd");
     letSomebodySit();
 }
@@ -407,35 +398,34 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
 // At the next question, whatever is remembered.
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesEachChange) {
     seat("1", user.uid);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt) << "the seat comes before its session";
-    letSomebodySit();
-    session("2", other.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid) << "a session in the background";
-    seat("2", other.uid);
-    EXPECT_EQ(probe.consoleUser(), other.uid);
-    letSomebodySit();
-    seat("");
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    letSomebodySit();
-    fs::remove(seatFile);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    letSomebodySit();
-    session("1", user.uid, "user", "closing");
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    letSomebodySit();
-    fs::remove(sessions + "/1");
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
-    letSomebodySit();
-    session("1", other.uid);
-    EXPECT_EQ(probe.consoleUser(), other.uid) << "another person in a session of the same name";
-    letSomebodySit();
-    std::string text = readTestFile(sessions + "/1");
-    const std::string before = std::to_string(user.uid);
-    text.replace(text.find(before), before.size(), std::to_string(other.uid));
-    letTheFileClockTick();
-    overwriteTestFile(sessions + "/1", text);
-    EXPECT_EQ(probe.consoleUser(), other.uid) << "a file that is changed in its place";
+    EXPECT_EQ(probe->consoleUser(), std::nullopt) << "the seat comes before its session";
+    const std::string file = sessions + "/1";
+    const std::pair<std::function<void()>, std::optional<uid_t>> changes[] = {
+        // In the background, and then in front.
+        {[&] { session("2", other.uid); }, user.uid},
+        {[&] { seat("2", other.uid); }, other.uid},
+        {[&] { seat(""); }, std::nullopt},
+        {[&] { fs::remove(seatFile); }, std::nullopt},
+        {[&] { session("1", user.uid, "user", "closing"); }, std::nullopt},
+        {[&] { fs::remove(file); }, std::nullopt},
+        // Another person in a session of the same name.
+        {[&] { session("1", other.uid); }, other.uid},
+        // A file that is changed in its place.
+        {[&] {
+             std::string text = readTestFile(file);
+             const std::string before = std::to_string(user.uid);
+             text.replace(text.find(before), before.size(), std::to_string(other.uid));
+             letTheFileClockTick();
+             overwriteTestFile(file, text);
+         },
+         other.uid},
+    };
+    for (const auto& [change, there] : changes) {
+        letSomebodySit();
+        change();
+        EXPECT_EQ(probe->consoleUser(), there);
+        EXPECT_EQ(probe->consoleUser(), there) << "the second time";
+    }
 }
 
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChanges) {
@@ -443,11 +433,11 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChang
         session("1", user.uid, sessionClass);
         seat("1", user.uid);
         std::size_t before = mallocsMade();
-        const auto answer = probe.consoleUser();
+        const auto answer = probe->consoleUser();
         EXPECT_GT(mallocsMade(), before) << "that it looks again is seen";
         before = mallocsMade();
         for (int turn = 0; turn < 5; ++turn) {
-            EXPECT_EQ(probe.consoleUser(), answer);
+            EXPECT_EQ(probe->consoleUser(), answer);
         }
         EXPECT_EQ(mallocsMade(), before) << sessionClass;
     }
@@ -459,70 +449,78 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest,
     TimePassing clock;
     letSomebodySit();
     session("1", user.uid, "user", "closing");
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
+    EXPECT_EQ(probe->consoleUser(), std::nullopt);
     clock.pass(Seconds{89});
     const std::size_t before = mallocsMade();
-    EXPECT_EQ(probe.consoleUser(), std::nullopt);
+    EXPECT_EQ(probe->consoleUser(), std::nullopt);
     clock.pass(Seconds{1});
-    EXPECT_EQ(probe.consoleUser(), user.uid) << "though no file has changed";
+    EXPECT_EQ(probe->consoleUser(), user.uid) << "though no file has changed";
     clock.pass(Seconds{86400});
-    EXPECT_EQ(probe.consoleUser(), user.uid);
+    EXPECT_EQ(probe->consoleUser(), user.uid);
     EXPECT_EQ(mallocsMade(), before);
 }
 
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, DoesNotCountAnewForEachSessionThatCloses) {
-    TimePassing clock;
-    letSomebodySit();
-    for (int turn = 0; turn < 3; ++turn) {
-        session("1", user.uid, "user", "closing");
-        seat("1", user.uid);
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-        clock.pass(Seconds{15});
-        session("2", user.uid, "user", "closing");
-        seat("2", user.uid);
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-        // Nor does it help to have somebody else there for a moment, or nobody.
-        session("3", other.uid, "user", turn == 0 ? "active" : "closing");
-        seat("3", other.uid);
-        EXPECT_EQ(probe.consoleUser(), turn == 0 ? std::optional(other.uid) : std::nullopt);
-        session("4", 110, "greeter");
-        seat("4", 110);
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-        seat("");
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-        clock.pass(Seconds{15});
-    }
-    seat("2", user.uid);
-    EXPECT_EQ(probe.consoleUser(), user.uid);
-    seat("3", other.uid);
-    EXPECT_EQ(probe.consoleUser(), std::nullopt) << "whose own 90 seconds began later";
-}
-
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsAnewOnceThePersonHasASessionAgain) {
-    TimePassing clock;
-    letSomebodySit();
-    for (int turn = 0; turn < 3; ++turn) {
-        const std::string name = std::to_string(turn);
-        session(name, user.uid);
-        seat(name, user.uid);
-        EXPECT_EQ(probe.consoleUser(), user.uid);
-        session(name, user.uid, "user", "closing");
-        EXPECT_EQ(probe.consoleUser(), std::nullopt);
-        clock.pass(Seconds{turn == 1 ? 3600 : 80});
-        EXPECT_EQ(probe.consoleUser(), turn == 1 ? std::optional(user.uid) : std::nullopt);
-    }
-}
-
 TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsASessionThatClosesOnceWhoeverGoesToAndFro) {
-    TimePassing clock;
-    letSomebodySit();
-    session("2", user.uid, "user", "closing");
-    for (int turn = 0; turn < 3; ++turn) {
-        seat("2", user.uid);
-        EXPECT_EQ(probe.consoleUser(), turn < 2 ? std::nullopt : std::optional(user.uid));
-        clock.pass(Seconds{60});
-        seat("1", user.uid);
-        EXPECT_EQ(probe.consoleUser(), user.uid);
+    struct Step {
+        const char* session;
+        uid_t person;
+        const char* state;
+        bool isThere;
+        // Then so many seconds pass.
+        double pass;
+    };
+
+    constexpr const char* active = "active";
+    constexpr const char* closing = "closing";
+    const uid_t ann = user.uid;
+    const uid_t ben = other.uid;
+    const std::vector<Step> stories[] = {
+        // Nor does it help to have another session close, or somebody else there for a moment,
+        // whose own 90 seconds begin later.
+        {{"1", ann, active, true, 0},
+         {"1", ann, closing, false, 15},
+         {"2", ann, closing, false, 15},
+         {"3", ben, active, true, 0},
+         {"1", ann, closing, false, 15},
+         {"3", ben, closing, false, 15},
+         {"2", ann, closing, false, 15},
+         {"3", ben, closing, false, 14.9},
+         {"2", ann, closing, false, 0.1},
+         {"2", ann, closing, true, 0},
+         {"3", ben, closing, false, 0}},
+        // Anew once the person has a session again.
+        {{"1", ann, active, true, 0},
+         {"1", ann, closing, false, 80},
+         {"1", ann, closing, false, 3600},
+         {"1", ann, closing, true, 0},
+         {"2", ann, active, true, 0},
+         {"2", ann, closing, false, 80},
+         {"2", ann, closing, false, 0}},
+        // Not of a session that was closing all the while.
+        {{"1", ann, active, true, 0},
+         {"2", ann, closing, false, 60},
+         {"1", ann, active, true, 0},
+         {"2", ann, closing, false, 60},
+         {"1", ann, active, true, 0},
+         {"2", ann, closing, true, 0}},
+    };
+    for (const auto& story : stories) {
+        SCOPED_TRACE(&story - stories);
+        const auto fresh = makeLiveSessionProbe();
+        TimePassing clock;
+        for (const auto& [name, person, state, isThere, seconds] : story) {
+            session(name, person, "user", state);
+            seat(name, person);
+            EXPECT_EQ(fresh->consoleUser(), isThere ? std::optional(person) : std::nullopt)
+                << name << " " << state;
+            // A login screen in between changes nothing, nor does nobody.
+            session("greeter", 110, "greeter");
+            seat("greeter", 110);
+            EXPECT_EQ(fresh->consoleUser(), std::nullopt);
+            seat("");
+            EXPECT_EQ(fresh->consoleUser(), std::nullopt);
+            clock.pass(Seconds{seconds});
+        }
     }
 }
 

@@ -1,26 +1,28 @@
-// The mode as a process. What it decides without the system: HalvoHelper/OpenAsUserTest.cpp.
+// What the mode becomes on Linux, as a process. What it decides without the system:
+// HalvoHelper/OpenAsUserTest.cpp.
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <ostream>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "HalvoHelper/Linux/OpenAsUser.hpp"
 #include "HalvoHelper/LiveOpener.hpp"
+#include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/FaultInjection.hpp"
@@ -30,154 +32,6 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestBundle.hpp"
 #include "tests/Support/TestProcess.hpp"
-
-namespace halvo::OpenAsUser {
-
-void PrintTo(const Command& command, std::ostream* stream) {
-    *stream << command.path << " " << ::testing::PrintToString(command.arguments) << " "
-            << ::testing::PrintToString(command.environment) << " " << command.secondsAtMost;
-}
-
-namespace {
-
-using ::testing::Contains;
-using ::testing::ElementsAre;
-
-using Words = std::vector<std::string>;
-
-const std::string app = "/Applications/Halvo.app";
-const std::string helper = "/usr/libexec/HalvoHelper";
-const std::string executable = app + "/Contents/MacOS/Halvo";
-const User ann{501, 20, "ann", "/Users/ann"};
-const Words annsEnvironment{"HOME=/Users/ann", "USER=ann", "LOGNAME=ann",
-                            "PATH=/usr/bin:/bin:/usr/sbin:/sbin"};
-
-// What no path is likely to hold, and every path may.
-const std::string oddApp = "/Appli cations/$HOME \"quoted\" 'single' %i \\n \xC3\xA9 * ; & |.app";
-
-TEST(OpenAsUserOnLinuxTest, StartsTheModeDirectlyOnLinux) {
-    EXPECT_EQ(helperCommand(helper, {501, app, false}),
-              (Command{helper, {helper, "--open-as-user", "501", app}, {}}));
-    EXPECT_EQ(helperCommand(helper, {501, oddApp, true}),
-              (Command{helper, {helper, "--open-as-user", "501", oddApp, "--after-quit"}, {}}));
-}
-
-TEST(OpenAsUserOnLinuxTest, StartsTheModeInAUnitOfItsOwnWhereSystemdRunsTheMachine) {
-    EXPECT_EQ(
-        systemCommand(helper, {501, app, true, true}, "1a/2b"),
-        (Command{"/usr/bin/systemd-run",
-                 {"/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
-                  "--description=Opens the app for user 501", "--unit=halvo-open-1a_2b.service",
-                  "--property=ExitType=cgroup", "--property=IgnoreSIGPIPE=no",
-                  "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper,
-                  "--open-as-user", "501", app, "--after-quit", "--directly"},
-                 {}}));
-}
-
-TEST(OpenAsUserOnLinuxTest, RunsTheExecutableItselfWithoutAManager) {
-    EXPECT_EQ(directCommand({501, app, false}, ann, executable),
-              (Command{executable, {executable}, annsEnvironment}));
-    EXPECT_EQ(
-        directCommand({501, app, true}, ann, executable),
-        (Command{executable, {executable, "-halvoRelaunchedAfterQuit", "YES"}, annsEnvironment}));
-}
-
-Words managerArguments(const std::string& unit, const std::string& program) {
-    const std::string option = "--unit=" + unit;
-    return {"/usr/bin/systemd-run",
-            "--user",
-            "--quiet",
-            "--collect",
-            "--service-type=exec",
-            "--slice=app.slice",
-            "--property=ExitType=cgroup",
-            option,
-            "--",
-            program};
-}
-
-Words managerEnvironment(const std::string& uid) {
-    Words list = annsEnvironment;
-    list.push_back("XDG_RUNTIME_DIR=/run/user/" + uid);
-    return list;
-}
-
-TEST(OpenAsUserOnLinuxTest, RunsTheExecutableInTheUsersManager) {
-    EXPECT_EQ(managerCommand({501, app, false}, ann, executable, "com.example.app", "1a2b"),
-              (Command{"/usr/bin/systemd-run",
-                       managerArguments("app-halvo-com.example.app@1a2b.service", executable),
-                       managerEnvironment("501"), 30}));
-    Words arguments = managerArguments("app-halvo-com.example.app@0.service", executable);
-    arguments.insert(arguments.end(), {"-halvoRelaunchedAfterQuit", "YES"});
-    EXPECT_EQ(managerCommand({501, app, true}, ann, executable, "com.example.app", "0"),
-              (Command{"/usr/bin/systemd-run", arguments, managerEnvironment("501"), 30}));
-    // That of the user, not of the request.
-    const User last{4294967295, 20, "ann", "/Users/ann"};
-    EXPECT_EQ(managerCommand({501, app, false}, last, executable, "x", "0").environment,
-              managerEnvironment("4294967295"));
-}
-
-// The manager makes one "$" of two, but systemd-run(1) looks for the first word as it stands.
-TEST(OpenAsUserOnLinuxTest, HandsTheExecutableOverAsItIs) {
-    const std::string odd = "/a $HOME/${x} $$%i";
-    EXPECT_THAT(managerCommand({501, app, false}, ann, odd, "x", "0").arguments.back(), odd);
-    EXPECT_THAT(systemCommand(odd, {501, app, false}, "0").arguments, Contains(odd));
-    EXPECT_THAT(directCommand({501, oddApp, false}, ann, odd).arguments, ElementsAre(odd));
-}
-
-TEST(OpenAsUserOnLinuxTest, LetsTheManagerExpandNothing) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"/a b/c", "/a b/c"},
-        {"$", "$$"},
-        {"/$HOME/x", "/$$HOME/x"},
-        {"/${HOME}/x", "/$${HOME}/x"},
-        {"/$$", "/$$$$"},
-        {"/a$", "/a$$"},
-        {"/$a$b$", "/$$a$$b$$"},
-        {"/%i\\x20\"';|&*", "/%i\\x20\"';|&*"},
-        {"-x", "-x"},
-        {"/a\nb", "/a\nb"},
-        {"/\xC3\xA9", "/\xC3\xA9"},
-    };
-    for (const auto& [path, argument] : rows) {
-        EXPECT_EQ(systemCommand(helper, {501, path, false}, "0").arguments.back(), argument);
-    }
-}
-
-TEST(OpenAsUserOnLinuxTest, GivesUnitsSafeNames) {
-    const struct {
-        const char* appID;
-        const char* suffix;
-        const char* unit;
-    } rows[] = {
-        {"com.example.app", "0", "app-halvo-com.example.app@0.service"},
-        {"AZaz09.", "AZaz09.", "app-halvo-AZaz09.@AZaz09..service"},
-        // "-" would nest slices, "@" and "/" would be read as something else.
-        {"com.a-b", "0", "app-halvo-com.a_b@0.service"},
-        {"a@b/c d%i$x\\", "-/@", "app-halvo-a_b_c_d_i_x_@___.service"},
-        {"\xC3\xA9", "0", "app-halvo-__@0.service"},
-        {"[`{:^", "0", "app-halvo-_____@0.service"},
-        {"", "", "app-halvo-@.service"},
-    };
-
-    for (const auto& [appID, suffix, unit] : rows) {
-        EXPECT_EQ(managerCommand({501, app, false}, ann, executable, appID, suffix).arguments,
-                  managerArguments(unit, executable));
-    }
-}
-
-TEST(RandomUnitSuffixTest, IsAnotherEachTime) {
-    std::set<std::string> suffixes;
-    for (int turn = 0; turn < 10; ++turn) {
-        const std::string suffix = randomUnitSuffix();
-        EXPECT_THAT(suffix, ::testing::MatchesRegex("[0-9a-f]{8}"));
-        suffixes.insert(suffix);
-    }
-    EXPECT_EQ(suffixes.size(), 10U);
-}
-
-}  // namespace
-}  // namespace halvo::OpenAsUser
 
 namespace halvo::testing {
 namespace {
@@ -197,49 +51,8 @@ using ::testing::UnorderedElementsAre;
 
 using Words = std::vector<std::string>;
 
-constexpr Person nobody{65534, 65534};
-
 // A process that gave its privileges up cannot be looked at for leaks.
 const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0", "LEFT=over", "HOME=/root"};
-
-// How the helper at `helper` ends when `person` calls it with these words.
-int statusOf(const std::string& helper, const Person& person, const Words& words) {
-    TestProcess process([&] {
-        if (person.uid != geteuid()) {
-            become(person);
-        }
-        close_range(STDERR_FILENO + 1, ~0U, 0);
-        execute(helper, words, helperEnvironment);
-    });
-    const int status = process.wait();
-    EXPECT_EQ(process.readAll(), "") << "it says nothing, whatever happens";
-    return status;
-}
-
-TEST(OpenAsUserModeTest, RefusesBadWords) {
-    const Words rows[] = {{"--open-as-user"},
-                          {"--open-as-user", "0", "/Applications/Halvo.app"},
-                          // Not in the account files.
-                          {"--open-as-user", "61999", "/Applications/Halvo.app"},
-                          {"--open-as-user", "4294967294", "/Applications/Halvo.app"}};
-    for (const Words& words : rows) {
-        EXPECT_EQ(statusOf(HALVO_HELPER, {geteuid(), getegid()}, words), 64);
-    }
-}
-
-// Takes the privileges of whoever runs it for what they are.
-TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {
-    // Where everybody can reach it.
-    TemporaryFolder disk;
-    fs::permissions(disk.path(), fs::perms{0755});
-    const std::string helper = disk / "helper";
-    copyProgram(HALVO_HELPER, helper);
-    const Person person = geteuid() == 0 ? nobody : Person{geteuid(), getegid()};
-    EXPECT_EQ(statusOf(helper, person, {"--open-as-user", "1", disk / "Halvo.app"}), 77);
-    EXPECT_EQ(statusOf(helper, person,
-                       {"--open-as-user", std::to_string(person.uid), disk / "Halvo.app"}),
-              77);
-}
 
 // The manager's place in the folder of the user's session.
 std::string managerSocket(const Person& user) {
@@ -264,37 +77,6 @@ std::string managerSocket(const Person& user) {
 
 void answerTruly(const Descriptor& listener) { answer(listener, nullptr); }
 
-void answerWithAnError(const Descriptor& listener) {
-    answer(listener, [](sd_bus_message* message, void*, sd_bus_error*) {
-        return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "not now");
-    });
-}
-
-// Lets the caller authenticate, but no more.
-void swallowMessages(const Descriptor& listener) {
-    answer(listener, [](sd_bus_message*, void*, sd_bus_error*) { return 1; });
-}
-
-void acceptInSilence(const Descriptor& listener) {
-    const Descriptor connection(accept(listener.get(), nullptr, nullptr));
-    pause();
-}
-
-void hangUp(const Descriptor& listener) {
-    while (true) {
-        const Descriptor connection(accept(listener.get(), nullptr, nullptr));
-    }
-}
-
-void talkNonsense(const Descriptor& listener) {
-    constexpr std::string_view nonsense =
-        "HTTP/1.1 400 Bad Request\r\nServer: x\r\nDate: y\r\n\r\n";
-    while (true) {
-        const int connection = accept(listener.get(), nullptr, nullptr);
-        EXPECT_GT(write(connection, nonsense.data(), nonsense.size()), 0);
-    }
-}
-
 class OpenAsUserPrivateMachineTest : public PrivateMachineTest {
   protected:
     void cleanUp() override {
@@ -304,21 +86,28 @@ class OpenAsUserPrivateMachineTest : public PrivateMachineTest {
         fs::remove_all(fs::path(managerSocket(user)).parent_path());
     }
 
-    [[nodiscard]] Words request(const std::string& app) const {
-        return {"--open-as-user", std::to_string(user.uid), app};
+    [[nodiscard]] Words request(const std::string& app, const Words& more = {}) const {
+        Words words{"--open-as-user", std::to_string(user.uid), app};
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
     }
 
     // Opens the bundle as root, and returns how that ended.
     int open(const std::string& app = "/Applications/Sample.app", const Words& more = {}) {
-        Words words = request(app);
-        words.insert(words.end(), more.begin(), more.end());
-        return statusOf(HALVO_HELPER, {0, 0}, words);
+        TestProcess process([&] {
+            close_range(STDERR_FILENO + 1, ~0U, 0);
+            execute(HALVO_HELPER, request(app, more), helperEnvironment);
+        });
+        const int status = process.wait();
+        EXPECT_EQ(process.readAll(), "") << "it says nothing, whatever happens";
+        return status;
     }
 
     // A bundle with an Info.plist.
-    static TestBundle makeBundle() {
-        TestBundle bundle("/Applications/Sample.app");
-        bundle.writeInfo("com.exa-mple.app");
+    static TestBundle makeBundle(const std::string& executable = "Sample",
+                                 const std::string& identifier = "com.exa-mple.app") {
+        TestBundle bundle("/Applications/Sample.app", executable);
+        bundle.writeInfo(identifier);
         return bundle;
     }
 
@@ -357,6 +146,38 @@ TEST_F(OpenAsUserPrivateMachineTest, RunsTheAppAsTheUserWithTheUsersGroupsAndNon
     EXPECT_THAT(app["executable"], ElementsAre(executable));
     EXPECT_EQ(app["environment"], usersEnvironment());
     EXPECT_THAT(app["umask"], ElementsAre("22"));
+}
+
+TEST_F(OpenAsUserPrivateMachineTest, RunsNothingUnlessThePrivilegesAreProvenGone) {
+    makeBundle();
+    using F = Fault;
+    const std::function<Fault()> faults[] = {
+        // A call says that it failed.
+        [] { return F::denying(SystemCall::setgid, EPERM); },
+        [] { return F::denying(SystemCall::initgroups, EPERM); },
+        [] { return F::denying(SystemCall::setuid, EPERM); },
+        // A call did nothing, though it says otherwise.
+        [] { return F::returning(SystemCall::setgid, 0); },
+        [] { return F::returning(SystemCall::setuid, 0); },
+        // The process is somebody else's.
+        [] { return F::returning(SystemCall::getuid, 0); },
+        [] { return F::returning(SystemCall::geteuid, 0); },
+        [] { return F::returning(SystemCall::getgid, 502); },
+        // Root can be had back.
+        [] { return F::returning(SystemCall::setuid, 0, 1); },
+    };
+    for (const auto& make : faults) {
+        SCOPED_TRACE(&make - faults);
+        const ChildResult result = runInChild([&] {
+            std::atexit([] { prctl(PR_SET_DUMPABLE, 1); });
+            const Fault fault = make();
+            OpenAsUser::run(Words{std::to_string(user.uid), "/Applications/Sample.app"});
+        });
+        EXPECT_EQ(result, (ChildResult{77, ""}));
+    }
+    EXPECT_FALSE(fs::exists(appReport));
+    EXPECT_EQ(open(), 0);
+    expectDirectRun();
 }
 
 TEST_F(OpenAsUserPrivateMachineTest, RunsTheUsualExecutableOfABundleThatNamesNone) {
@@ -433,40 +254,61 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, AsksAManagerThatAnswersToRunTheApp) 
     EXPECT_FALSE(fs::exists(appReport)) << "the app was run twice";
 }
 
-TEST_F(OpenAsUserManagerPrivateMachineTest, NamesTheUnitOfABundleWithoutAnIdentifier) {
-    fs::remove("/Applications/Sample.app/Contents/Info.plist");
+TEST_F(OpenAsUserManagerPrivateMachineTest, NamesTheUnitSafelyAndHandsTheExecutableOverAsItIs) {
     const auto manager = startManager(answerTruly);
-    EXPECT_EQ(open("/Applications/Sample.app", {"other", "--after-quit"}), 0);
-    const Words arguments = readReport(systemdRunReport)["argument"];
-    ASSERT_EQ(arguments.size(), 12U);
-    EXPECT_THAT(arguments[7], MatchesRegex("--unit=app-halvo-app@[0-9a-f]{8}\\.service"));
-    EXPECT_THAT(Words(arguments.begin() + 9, arguments.end()),
-                ElementsAre("/Applications/Sample.app/Contents/MacOS/Halvo",
+    // "-" would nest slices, "@" and "/" would be read as something else. The manager makes one "$"
+    // of two, but systemd-run(1) looks for the program as it stands.
+    const std::string odd = "a $HOME ${x} $$%i";
+    makeBundle(odd, "AZaz09.-@/b c%$\\\xC3\xA9[`{:^");
+    const auto unitAndProgram = [this] {
+        fs::remove(systemdRunReport);
+        EXPECT_EQ(open("/Applications/Sample.app", {"other", "--after-quit"}), 0);
+        const Words arguments = readReport(systemdRunReport)["argument"];
+        EXPECT_EQ(arguments.size(), 12U);
+        return Words(arguments.begin() + 7, arguments.end());
+    };
+    const std::string folder = "/Applications/Sample.app/Contents/MacOS/";
+    const std::string anyUnit = "@[0-9a-f]{8}\\.service";
+    EXPECT_THAT(unitAndProgram(),
+                ElementsAre(MatchesRegex("--unit=app-halvo-AZaz09\\.___b_c__________" + anyUnit),
+                            "--", folder + odd, "-halvoRelaunchedAfterQuit", "YES"));
+    fs::remove("/Applications/Sample.app/Contents/Info.plist");
+    EXPECT_THAT(unitAndProgram(),
+                ElementsAre(MatchesRegex("--unit=app-halvo-app" + anyUnit), "--", folder + "Halvo",
                             "-halvoRelaunchedAfterQuit", "YES"));
 }
 
 // LiveOpener's own tests run where there is no stand-in.
 TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMachine) {
-    const ChildResult result = runInChild([this] {
+    const std::string path = "/Applications/$ $HOME ${x} $$ %i \\x20\"';|&*\xC3\xA9$.app";
+    const std::string asTold = "/Applications/$$ $$HOME $${x} $$$$ %i \\x20\"';|&*\xC3\xA9$$.app";
+    fs::create_directory(path);
+    const ChildResult result = runInChild([&] {
         const BootedBySystemd booted;
         const LogCapture log;
-        LiveOpener opener("/usr/libexec/helper");
-        opener.open("/Applications/Sample.app", 501, true);
+        LiveOpener opener("/usr/libexec/$helper");
+        opener.open(path, 501, true);
         TestReport run = readReport(systemdRunReport);
-        const Words arguments = run["argument"];
-        ASSERT_GE(arguments.size(), 6U);
-        EXPECT_THAT(arguments[5], MatchesRegex("--unit=halvo-open-[0-9a-f]{8}\\.service"));
-        EXPECT_EQ(arguments, OpenAsUser::systemCommand("/usr/libexec/helper",
-                                                       {501, "/Applications/Sample.app", true},
-                                                       arguments[5].substr(18, 8))
-                                 .arguments);
+        const Words first = run["argument"];
+        EXPECT_THAT(
+            first,
+            ElementsAre("/usr/bin/systemd-run", "--quiet", "--collect", "--no-ask-password",
+                        "--description=Opens the app for user 501",
+                        MatchesRegex("--unit=halvo-open-[0-9a-f]{8}\\.service"),
+                        "--property=ExitType=cgroup", "--property=IgnoreSIGPIPE=no",
+                        "--property=TasksMax=4096", "--property=MemoryMax=50%", "--",
+                        "/usr/libexec/$helper", "--open-as-user", "501", asTold, "--after-quit"));
         EXPECT_THAT(run["descriptor"],
                     ElementsAre("0 /dev/null rw", "1 /dev/null rw",
                                 AllOf(StartsWith("2 "), Not(StartsWith("2 /dev/null")))));
         EXPECT_THAT(run["environment"], IsEmpty());
         EXPECT_THAT(run["user"], ElementsAre("0", "0", "0"));
-        opener.open("/Applications/Sample.app", 501, true);
-        opener.open("/Applications/Sample.app", 501, true);
+        fs::remove(systemdRunReport);
+        opener.open(path, 501, true);
+        const Words second = readReport(systemdRunReport)["argument"];
+        EXPECT_EQ(second.back(), "--directly");
+        EXPECT_NE(second.at(5), first.at(5)) << "two units of one name clash";
+        opener.open(path, 501, true);
         EXPECT_THAT(log.errors(),
                     ElementsAre("Opened Halvo 2 times in a row, and it didn't stay; its own "
                                 "messages: journalctl -u 'halvo-open-*' -u user@501.service"));
@@ -474,6 +316,7 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, IsStartedBySystemdWhereThatRunsTheMa
         EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
     });
     EXPECT_EQ(result.status, 0) << result.output;
+    fs::remove(path);
 }
 
 // The app itself may take all day.
@@ -516,11 +359,40 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenTheManagerIsOfNo
         bool endsAtOnce;
     } rows[] = {
         {"never accepts", [](const Descriptor&) { pause(); }, false},
-        {"accepts in silence", acceptInSilence, false},
-        {"swallows messages", swallowMessages, false},
-        {"hangs up", hangUp, true},
-        {"talks nonsense", talkNonsense, true},
-        {"answers with an error", answerWithAnError, true},
+        {"accepts in silence",
+         [](const Descriptor& listener) {
+             const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+             pause();
+         },
+         false},
+        {"authenticates and swallows messages",
+         [](const Descriptor& listener) {
+             answer(listener, [](sd_bus_message*, void*, sd_bus_error*) { return 1; });
+         },
+         false},
+        {"hangs up",
+         [](const Descriptor& listener) {
+             while (true) {
+                 const Descriptor connection(accept(listener.get(), nullptr, nullptr));
+             }
+         },
+         true},
+        {"talks nonsense",
+         [](const Descriptor& listener) {
+             constexpr std::string_view nonsense = "HTTP/1.1 400 Bad Request\r\nServer: x\r\n\r\n";
+             while (true) {
+                 const int connection = accept(listener.get(), nullptr, nullptr);
+                 EXPECT_GT(write(connection, nonsense.data(), nonsense.size()), 0);
+             }
+         },
+         true},
+        {"answers with an error",
+         [](const Descriptor& listener) {
+             answer(listener, [](sd_bus_message*, void*, sd_bus_error* error) {
+                 return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "not now");
+             });
+         },
+         true},
     };
 
     for (const auto& [name, behaviour, endsAtOnce] : rows) {

@@ -1,4 +1,4 @@
-// The helper's executable where root alone can change it, for a bundle that is somebody else's:
+// The helper's executable where root alone can change it, for a bundle that is another user's:
 // what lies in such a bundle is never started as root.
 #pragma once
 

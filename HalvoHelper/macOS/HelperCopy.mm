@@ -59,11 +59,10 @@ namespace {
 // Several times what it takes, for both architectures.
 constexpr std::size_t longestExecutable = 16777216;
 
-// Takes the folder away when the process ends.
-void removeAtExit(const std::string& path) {
-    static std::string& place = *new std::string;
+// Takes the folder away when the process ends, which has one identity only.
+void removeAtExit(const std::string& folder) {
+    static const std::string& place = *new std::string(folder);
     [[maybe_unused]] static const int once = std::atexit([] { std::ignore = removeItem(place); });
-    place = path;
 }
 
 }  // namespace

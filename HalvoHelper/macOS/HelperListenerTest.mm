@@ -10,12 +10,10 @@
 #include <vector>
 
 #include "HalvoHelper/HelperService.hpp"
-#include "HalvoHelperCore/macOS/HalvoHelperXPC.h"
 #include "HalvoPlatform/MainQueue.hpp"
-#include "HalvoPlatform/macOS/FoundationText.hpp"
+#include "tests/FakeDarwin/FakeCaller.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/FakeDarwin/FakeFoundation.hpp"
-#include "tests/FakeDarwin/FakeXPC.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {
@@ -29,10 +27,10 @@ using ::testing::SizeIs;
 
 const std::string machService = "com.example.app.helper";
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-constexpr pid_t caller = 300;
+constexpr pid_t process = 300;
 constexpr std::uint32_t ann = 501;
 constexpr std::uint32_t ben = 502;
-constexpr Seconds hour{3600};
+constexpr double hour = 3600;
 
 constexpr const char* notTheirs = "Refused a begin for a bundle that isn't the caller's own";
 
@@ -45,9 +43,9 @@ class XPCListenerTest : public ::testing::Test {
     XPCListenerTest() { world.session.console = ann; }
 
     // The caller runs the executable at `path`, which is not told when it is empty.
-    static void runs(const std::string& path) { fake::world().processes = {{caller, ann, path}}; }
+    static void runs(const std::string& path) { fake::world().processes = {{process, ann, path}}; }
 
-    static NSXPCConnection* connect() { return fake::connect(machService, caller, ann); }
+    static NSXPCConnection* connect() { return fake::connect(machService, process, ann); }
 
     void serve() { listener->serve(identity, service); }
 
@@ -55,63 +53,15 @@ class XPCListenerTest : public ::testing::Test {
     void serveApp() {
         serve();
         runs(app + "/Contents/MacOS/Halvo");
-        connection = connect();
+        caller.connection = connect();
     }
 
     [[nodiscard]] WallDate now() const { return world.clock.now().wall; }
 
-    // A block that notes the reply to `request`.
-    void (^noting(std::string request))(BOOL) {
-        return ^(BOOL ok) {
-          replies.push_back(request + (ok ? " yes" : " no"));
-        };
-    }
-
-    // The requests on `connection`. Each notes its reply.
-
-    void begin(NSString* path, NSDate* until, NSDate* started) {
-        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
-          [helper beginWithAppPath:path until:until started:started reply:noting("begin")];
-        });
-    }
-
-    void begin(const std::string& path) {
-        begin(foundationText(path), dateOf(now() + hour), dateOf(now()));
-    }
-
-    void begin() { begin(app); }
-
-    void heartbeat(BOOL sessionEnding = NO) {
-        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
-          [helper heartbeatWithSessionEnding:sessionEnding reply:noting("heartbeat")];
-        });
-    }
-
-    void end() {
-        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
-          [helper endWithReply:noting("end")];
-        });
-    }
-
-    // The reply is noted with the end as seconds from now.
-    void status() {
-        fake::request(connection, ^(id<HalvoHelperXPC> helper) {
-          [helper statusWithReply:^(BOOL holding, NSDate* until, BOOL locked) {
-            replies.push_back(std::string("status ") + (holding ? "holding" : "idle") +
-                              (until == nil ? "" : " until " + fromNow(until)) +
-                              (locked ? " locked" : ""));
-          }];
-        });
-    }
-
-    [[nodiscard]] std::string fromNow(NSDate* date) const {
-        return std::to_string((wallDate(date.timeIntervalSince1970) - now()).count());
-    }
-
     // Whether a caller that connects now may commit the bundle at `path`.
     bool owns(const std::string& path) {
-        connection = connect();
-        begin(path);
+        caller.connection = connect();
+        caller.begin(path, hour);
         fake::serve(0);
         return engine.commitment() && engine.commitment()->appPath == path;
     }
@@ -126,8 +76,8 @@ class XPCListenerTest : public ::testing::Test {
                           *listener,
                           liveMainQueue()};
     HelperEngine& engine = service.engine();
-    NSXPCConnection* connection = nil;
     std::vector<std::string> replies;
+    FakeCaller caller{replies, [this] { return secondsSince1970(now()); }};
 };
 
 TEST_F(XPCListenerTest, KnowsWhoMayComeInAndWhoAdmitsThemBeforeItIsResumed) {
@@ -161,8 +111,9 @@ TEST_F(XPCListenerTest, KeepsItsDelegateForAsLongAsItLives) {
 
 TEST_F(XPCListenerTest, ExportsTheRequestsAndHearsOfTheEndBeforeItResumes) {
     serveApp();
-    EXPECT_THAT(fake::steps(connection), ElementsAre("interface", "object", "handler", "resume"));
-    EXPECT_EQ(fake::exportedProtocol(connection), "HalvoHelperXPC");
+    EXPECT_THAT(fake::steps(caller.connection),
+                ElementsAre("interface", "object", "handler", "resume"));
+    EXPECT_EQ(fake::exportedProtocol(caller.connection), "HalvoHelperXPC");
 }
 
 TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
@@ -172,7 +123,7 @@ TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
     EXPECT_EQ(service.connections(), 0);
     fake::serve(0);
     EXPECT_EQ(service.connections(), 2);
-    fake::invalidate(connection);
+    fake::invalidate(caller.connection);
     EXPECT_EQ(service.connections(), 2);
     fake::serve(0);
     fake::serve(10);
@@ -185,12 +136,12 @@ TEST_F(XPCListenerTest, CountsOnTheMainQueue) {
 
 TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
     serveApp();
-    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+    fake::request(caller.connection, ^(id<HalvoHelperXPC> helper) {
       [helper endWithReply:^(BOOL) {
         replies.push_back(std::to_string(service.connections()));
       }];
     });
-    fake::invalidate(connection);
+    fake::invalidate(caller.connection);
     fake::serve(0);
     EXPECT_THAT(replies, ElementsAre("1"));
     EXPECT_EQ(service.connections(), 0);
@@ -198,7 +149,7 @@ TEST_F(XPCListenerTest, CountsAConnectionBeforeItsFirstRequestIsServed) {
 
 TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
     serve();
-    EXPECT_NE(fake::connect(machService, caller + 1, 4294967295), nil) << "an unknown process";
+    EXPECT_NE(fake::connect(machService, process + 1, 4294967295), nil) << "an unknown process";
     // Nothing, what is in no bundle, and another bundle.
     for (const std::string& path :
          {std::string(), app + "/Halvo",
@@ -210,10 +161,10 @@ TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
         EXPECT_EQ(fake::errors().back(), notTheirs) << path;
     }
     // Of a name that is longer than the buffer, as much as fits. The user is the connection's.
-    fake::world().processes = {{caller, ben, app + "/Contents/MacOS/" + std::string(5000, 'a')}};
-    connection = connect();
+    fake::world().processes = {{process, ben, app + "/Contents/MacOS/" + std::string(5000, 'a')}};
+    caller.connection = connect();
     runs("/usr/bin/tool");
-    begin();
+    caller.begin(app, hour);
     fake::serve(0);
     EXPECT_THAT(replies.back(), "begin yes");
     EXPECT_EQ(engine.commitment()->uid, ann);
@@ -221,62 +172,58 @@ TEST_F(XPCListenerTest, FindsTheCallersUserAndBundleWhenItAdmits) {
 
 TEST_F(XPCListenerTest, PassesEachRequestOnAndItsResultBackInTheirOrder) {
     serveApp();
-    heartbeat();
-    end();
-    status();
-    begin();
-    heartbeat();
-    status();
-    end();
+    caller.heartbeat();
+    caller.end();
+    caller.status();
+    caller.begin("/Applications/Other.app", hour);
+    caller.begin(app, hour);
+    caller.heartbeat();
+    caller.status();
+    caller.end();
     EXPECT_THAT(replies, IsEmpty());
     EXPECT_THAT(world.calls.changes(), IsEmpty()) << "it touched the engine on another queue";
     fake::serve(0);
     fake::serve(10);
-    EXPECT_THAT(replies,
-                ElementsAre("heartbeat no", "end no", "status idle", "begin yes", "heartbeat yes",
-                            "status holding until 3600.000000 locked", "end yes"));
+    EXPECT_THAT(replies, ElementsAre("heartbeat no", "end no", "idle", "begin no", "begin yes",
+                                     "heartbeat yes", "holding for 3600 s, locked", "end yes"));
+    EXPECT_THAT(fake::errors(), ElementsAre(notTheirs));
 }
 
-TEST_F(XPCListenerTest, PassesTheDatesOfABeginToTheLastBitAndWhatTheEngineSaysOfIt) {
+TEST_F(XPCListenerTest, PassesDatesToTheLastBit) {
     serveApp();
     const WallDate until = wallDate(1'760'000'600.123456);
     const WallDate started = wallDate(1'759'999'999.654321);
     world.flags.failsToLock = true;
-    begin("/Applications/Other.app");
-    begin(foundationText(app), dateOf(until), dateOf(started));
-    status();
+    caller.begin(foundationText(app), dateOf(until), dateOf(started));
+    caller.status();
     fake::serve(0);
-    EXPECT_THAT(replies,
-                ElementsAre("begin no", "begin yes",
-                            "status holding until " + std::to_string((until - now()).count())));
+    EXPECT_THAT(replies, ElementsAre("begin yes", "holding for 600 s"));
+    EXPECT_EQ(caller.toldUntil, secondsSince1970(until));
     ASSERT_TRUE(engine.commitment());
     EXPECT_EQ(engine.commitment()->remaining, until - now());
     EXPECT_EQ(engine.commitment()->startedWall, started);
-    EXPECT_THAT(fake::errors().front(), notTheirs);
 }
 
 TEST_F(XPCListenerTest, PassesTheAnnouncementThatTheSessionEnds) {
     serveApp();
-    begin();
+    caller.begin(app, hour);
     fake::serve(0);
     engine.tick();
-    heartbeat(YES);
-    fake::serve(0);
-    world.clock.advance(Seconds{60});
-    engine.tick();
-    EXPECT_THAT(world.opener.openings, IsEmpty());
-    heartbeat(NO);
-    fake::serve(0);
-    world.clock.advance(Seconds{10});
-    engine.tick();
-    EXPECT_EQ(world.opener.openings.size(), 1U);
+    // A plain sign of life takes it back.
+    for (const bool ending : {true, false}) {
+        caller.heartbeat(ending);
+        fake::serve(0);
+        world.clock.advance(Seconds{60});
+        engine.tick();
+        EXPECT_THAT(world.opener.openings, SizeIs(ending ? 0 : 1));
+    }
 }
 
 TEST_F(XPCListenerTest, ResolvesThePathWhenTheRequestComes) {
     serveApp();
     const std::string link = std::filesystem::path(app).parent_path() / "Link.app";
     std::filesystem::create_directory_symlink(app, link);
-    begin(link);
+    caller.begin(link, hour);
     std::filesystem::remove(link);
     fake::serve(0);
     EXPECT_THAT(replies, ElementsAre("begin yes"));
@@ -289,11 +236,12 @@ TEST_F(XPCListenerTest, TakesWhatIsMissingForNoBundlePathAndNoDate) {
     const std::string path = app + std::string("\0.app", 5);
     NSString* noText = nil;
     NSDate* noDate = nil;
+    NSDate* date = dateOf(now());
     for (NSString* text : {noText, fake::loneSurrogate(), foundationText(path)}) {
-        begin(text, dateOf(now() + hour), dateOf(now()));
+        caller.begin(text, date, date);
     }
-    begin(foundationText(app), noDate, dateOf(now()));
-    begin(foundationText(app), dateOf(now() + hour), noDate);
+    caller.begin(foundationText(app), noDate, date);
+    caller.begin(foundationText(app), date, noDate);
     fake::serve(0);
     EXPECT_THAT(replies, AllOf(SizeIs(5), Each("begin no")));
     EXPECT_THAT(fake::errors(), ElementsAre(notTheirs, notTheirs, notTheirs,
@@ -306,9 +254,9 @@ TEST_F(XPCListenerTest, ServesARequestWithoutAReply) {
     serveApp();
     void (^none)(BOOL) = nil;
     void (^noStatus)(BOOL, NSDate*, BOOL) = nil;
-    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+    fake::request(caller.connection, ^(id<HalvoHelperXPC> helper) {
       [helper beginWithAppPath:foundationText(app)
-                         until:dateOf(now() + hour)
+                         until:dateOf(now() + Seconds{hour})
                        started:dateOf(now())
                          reply:none];
       [helper heartbeatWithSessionEnding:NO reply:none];
@@ -316,7 +264,7 @@ TEST_F(XPCListenerTest, ServesARequestWithoutAReply) {
     });
     fake::serve(0);
     EXPECT_FALSE(engine.isIdle());
-    fake::request(connection, ^(id<HalvoHelperXPC> helper) {
+    fake::request(caller.connection, ^(id<HalvoHelperXPC> helper) {
       [helper endWithReply:none];
     });
     fake::serve(0);
@@ -329,18 +277,17 @@ TEST_F(XPCListenerTest, LetsGoOfWhatItExportedAfterTheInvalidationButAnswersWhat
     const long connections = fake::liveObjects("NSXPCConnection");
     @autoreleasepool {
         serveApp();
-        status();
+        caller.status();
         fake::serve(0);
         EXPECT_EQ(fake::liveObjects("HelperConnection"), exported + 1);
-        begin();
-        status();
-        fake::invalidate(connection);
-        connection = nil;
+        caller.begin(app, hour);
+        caller.status();
+        fake::invalidate(caller.connection);
+        caller.connection = nil;
     }
     EXPECT_EQ(fake::liveObjects("HelperConnection"), exported);
     fake::serve(0);
-    EXPECT_THAT(replies,
-                ElementsAre("status idle", "begin yes", "status holding until 3600.000000 locked"));
+    EXPECT_THAT(replies, ElementsAre("idle", "begin yes", "holding for 3600 s, locked"));
     EXPECT_EQ(service.connections(), 0);
     EXPECT_EQ(fake::liveObjects("NSXPCConnection"), connections);
 }

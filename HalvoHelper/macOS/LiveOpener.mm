@@ -72,13 +72,6 @@ std::expected<std::string, std::string> rootsProgram(const std::string& executab
     return HelperCopy::make(executable, *identity);
 }
 
-void setHandler(int signal, void (*handler)(int)) {
-    struct sigaction action{};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    sigaction(signal, &action, nullptr);
-}
-
 // Launches `task` with every signal at its default and none blocked, whatever NSTask does about
 // them: the helper ignores SIGTERM, and Dispatch's threads block all they can. Why it failed, or
 // nothing.
@@ -92,7 +85,7 @@ std::optional<std::string> launch(NSTask* task) {
         struct sigaction action{};
         if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
             ignored.push_back(signal);
-            setHandler(signal, [](int) {});
+            std::signal(signal, [](int) {});
         }
     }
     sigset_t none;
@@ -103,12 +96,12 @@ std::optional<std::string> launch(NSTask* task) {
     const bool launched = [task launchAndReturnError:&error];
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     for (const int signal : ignored) {
-        setHandler(signal, SIG_IGN);
+        std::signal(signal, SIG_IGN);
     }
     return launched ? std::nullopt : std::optional(textOf(error.localizedDescription).value_or(""));
 }
 
-// Who reads it types it into a shell: a path that could end the quotes is not in it.
+// To be pasted into a shell: without a path that could end the quotes.
 std::string unifiedLogOf(const std::string& appPath) {
     const bool isPlain = appPath.find_first_of("'\"\\") == std::string::npos;
     return "log show --last 10m --predicate 'processImagePath CONTAINS \"" +
@@ -116,6 +109,14 @@ std::string unifiedLogOf(const std::string& appPath) {
 }
 
 }  // namespace
+
+OpenAsUser::Command OpenAsUser::commandFor(const Request& request) {
+    Command command{{"/usr/bin/open", "-g", "-a", request.appPath}, {}};
+    if (request.afterQuit) {
+        command.arguments.emplace_back("--args");
+    }
+    return command;
+}
 
 LiveOpener::LiveOpener(std::string helperExecutable)
     : helperExecutable_(std::move(helperExecutable)) {

@@ -13,8 +13,34 @@
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
+namespace {
 
-struct LiveSessionProbe::State {
+class LiveSessionProbe final : public SessionProbe {
+  public:
+    std::optional<std::uint32_t> consoleUser() override {
+        @autoreleasepool {
+            uid_t uid = 0;
+            NSString* name =
+                CFBridgingRelease(SCDynamicStoreCopyConsoleUser(nullptr, &uid, nullptr));
+            // While nobody is logged in the login window has the console.
+            if (name.length == 0 || [name isEqualToString:@"loginwindow"] || uid == 0) {
+                return std::nullopt;
+            }
+            return uid;
+        }
+    }
+
+    // Looks at all processes in one pass, with buffers that stay.
+    bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override {
+        const std::string& executable = executableOf(bundlePath);
+        listProcesses(processes_);
+        return std::ranges::any_of(processes_, [&](pid_t process) {
+            return process > 0 && isProcessOf(uid, process) &&
+                   executablePath(process, path_) == executable;
+        });
+    }
+
+  private:
     // The executable of the bundle last asked about. A bundle is looked into again only when
     // another one is asked about, or its executable is gone.
     const std::string& executableOf(const std::string& bundlePath) {
@@ -27,41 +53,16 @@ struct LiveSessionProbe::State {
         return executable_;
     }
 
-    // Whether a process with the effective user `uid` runs the executable at the path `executable`.
-    // Looks at all processes in one pass, with buffers that stay.
-    bool isRun(const std::string& executable, std::uint32_t uid) {
-        listProcesses(processes_);
-        return std::ranges::any_of(processes_, [&](pid_t process) {
-            return process > 0 && isProcessOf(uid, process) &&
-                   executablePath(process, path_) == executable;
-        });
-    }
-
-  private:
     std::string bundlePath_;
     std::string executable_;
     std::vector<pid_t> processes_;
     PathBuffer path_{};
 };
 
-LiveSessionProbe::LiveSessionProbe() : state_(std::make_unique<State>()) {}
+}  // namespace
 
-LiveSessionProbe::~LiveSessionProbe() = default;
-
-std::optional<std::uint32_t> LiveSessionProbe::consoleUser() {
-    @autoreleasepool {
-        uid_t uid = 0;
-        NSString* name = CFBridgingRelease(SCDynamicStoreCopyConsoleUser(nullptr, &uid, nullptr));
-        // While nobody is logged in the login window has the console.
-        if (name.length == 0 || [name isEqualToString:@"loginwindow"] || uid == 0) {
-            return std::nullopt;
-        }
-        return uid;
-    }
-}
-
-bool LiveSessionProbe::isAppRunning(const std::string& bundlePath, std::uint32_t uid) {
-    return state_->isRun(state_->executableOf(bundlePath), uid);
+std::unique_ptr<SessionProbe> makeLiveSessionProbe() {
+    return std::make_unique<LiveSessionProbe>();
 }
 
 }  // namespace halvo

@@ -12,7 +12,7 @@
 namespace halvo::RootOwnedPath {
 namespace {
 
-// Whether somebody is allowed something by the access-control list of the item, acl(3). One that
+// Whether the access-control list of the item allows anything, acl(3). One that
 // cannot be read may allow anything.
 bool hasGenerousList(const std::string& path) {
     const std::unique_ptr<std::remove_pointer_t<acl_t>, int (*)(void*)> list(

@@ -26,8 +26,6 @@ class FakeOpen {
     // How it was started, by somebody who may not write into /usr/bin.
     [[nodiscard]] TestReport report() const { return readReport(place); }
 
-    [[nodiscard]] bool wasStarted() const { return std::filesystem::exists(place); }
-
   private:
     static constexpr const char* place = "/tmp/open.report";
 

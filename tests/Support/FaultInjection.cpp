@@ -1,15 +1,14 @@
 #include "tests/Support/FaultInjection.hpp"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -21,7 +20,6 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
-#include <limits>
 #include <map>
 #include <ratio>
 #include <stdexcept>
@@ -86,8 +84,6 @@ timespec stoppedTime{};
 // By how much CLOCK_BOOTTIME is ahead.
 std::chrono::nanoseconds passed{};
 
-constexpr std::size_t wholeListing = std::numeric_limits<std::size_t>::max();
-std::size_t longestListing = wholeListing;
 std::map<BeforeNext::Call, std::function<void()>> workBefore;
 bool isBooted = false;
 
@@ -111,7 +107,7 @@ auto attempt(SystemCall call, Real real) -> decltype(real()) {
         static_cast<void>(real());
     }
     errno = static_cast<int>(plan.value);
-    return -1;
+    return static_cast<decltype(real())>(-1);
 }
 
 // The same for a transfer of `count` bytes, which may also be cut short.
@@ -180,11 +176,6 @@ void TimePassing::pass(Seconds span) {
     passed += std::chrono::duration_cast<std::chrono::nanoseconds>(span);
 }
 
-ShortListings::ShortListings() : Change([] { longestListing = wholeListing; }) {
-    // Room for a few entries of any kind.
-    longestListing = 512;
-}
-
 BeforeNext::BeforeNext(Call call, std::function<void()> work)
     : Change([call] { EXPECT_EQ(workBefore.erase(call), 0U) << "there was no such call"; }) {
     workBefore[call] = std::move(work);
@@ -220,22 +211,26 @@ WRAP(int, chmod, (const char* path, mode_t mode), path, mode);
 WRAP(int, eventfd, (unsigned int count, int flags), count, flags);
 WRAP(int, fchmod, (int file, mode_t mode), file, mode);
 WRAP(int, fstat, (int file, struct stat* status), file, status);
+WRAP(uid_t, geteuid, ());
+WRAP(gid_t, getgid, ());
 WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* size), socket,
      level, option, value, size);
+WRAP(uid_t, getuid, ());
+WRAP(int, initgroups, (const char* user, gid_t group), user, group);
 WRAP(int, lstat, (const char* path, struct stat* status), path, status);
 WRAP(ssize_t, readlink, (const char* path, char* buffer, size_t size), path, buffer, size);
 WRAP(int, sd_bus_start, (sd_bus * bus), bus);
 WRAP(int, sd_event_default, (sd_event * *loop), loop);
 WRAP(int, sd_event_loop, (sd_event * loop), loop);
+WRAP(int, setgid, (gid_t group), group);
+WRAP(int, setuid, (uid_t user), user);
 WRAP(int, stat, (const char* path, struct stat* status), path, status);
 WRAP(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* status),
      folder, path, flags, mask, status);
 WRAP(int, unlinkat, (int folder, const char* path, int flags), folder, path, flags);
 
 REAL(int, clock_gettime, (clockid_t clock, timespec* time));
-REAL(int, flock, (int file, int operation));
 REAL(int, fsync, (int file));
-REAL(ssize_t, getdents64, (int folder, void* entries, size_t size));
 REAL(int, ioctl, (int file, unsigned long request, void* argument));
 REAL(int, mkdir, (const char* path, mode_t mode));
 REAL(int, open, (const char* path, int flags, mode_t mode));
@@ -267,19 +262,10 @@ int __wrap_clock_gettime(clockid_t clock, timespec* time) {
     return result;
 }
 
-int __wrap_flock(int file, int operation) {
-    doWorkBefore(BeforeNext::Call::flock);
-    return __real_flock(file, operation);
-}
-
 int __wrap_fsync(int file) {
     const int result = attempt(SystemCall::fsync, [&] { return __real_fsync(file); });
     noteCall(result == 0, "fsync", file);
     return result;
-}
-
-ssize_t __wrap_getdents64(int folder, void* entries, size_t size) {
-    return __real_getdents64(folder, entries, std::min(size, longestListing));
 }
 
 int __wrap_ioctl(int file, unsigned long request, ...) {

@@ -27,7 +27,11 @@ enum class SystemCall {
     fchmod,
     fstat,
     fsync,
+    geteuid,
+    getgid,
     getsockopt,
+    getuid,
+    initgroups,
     ioctl,
     lstat,
     mkdir,
@@ -42,6 +46,8 @@ enum class SystemCall {
     sd_event_default,
     sd_event_loop,
     sd_event_source_set_time,
+    setgid,
+    setuid,
     stat,
     statx,
     unlinkat,
@@ -172,16 +178,10 @@ class TimePassing : Change {
     void pass(Seconds span);
 };
 
-// A listing of a folder (getdents64(2)) brings a few entries at a time.
-class ShortListings : Change {
-  public:
-    ShortListings();
-};
-
 // The next call of one kind first does `work`. Fails the test when there was none.
 class BeforeNext : Change {
   public:
-    enum class Call { flock, poll };
+    enum class Call { poll };
 
     BeforeNext(Call call, std::function<void()> work);
 };

@@ -360,7 +360,9 @@ class ManualMainQueue final : public MainQueue {
         bool operator==(const TimerRequest&) const = default;
     };
 
-    explicit ManualMainQueue(SimulatedClock& clock) : clock_(clock) {}
+    // What is asked of it is noted in `calls`, if any: "repeat", "handle SIGTERM".
+    explicit ManualMainQueue(SimulatedClock& clock, CallLog* calls = nullptr)
+        : clock_(clock), calls_(calls) {}
 
     void async(Work work) override {
         const std::lock_guard lock(mutex_);
@@ -368,6 +370,7 @@ class ManualMainQueue final : public MainQueue {
     }
 
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
+        note("repeat");
         requests_.push_back({first, interval, leeway});
         timers_.push_back({now() + first, interval, std::move(work)});
     }
@@ -378,7 +381,10 @@ class ManualMainQueue final : public MainQueue {
         timers_.push_back({now() + (isDelay ? delay : Seconds{0}), std::nullopt, std::move(work)});
     }
 
-    void onTermination(Work work) override { termination_ = std::move(work); }
+    void onTermination(Work work) override {
+        note("handle SIGTERM");
+        termination_ = std::move(work);
+    }
 
     [[nodiscard]] Seconds now() const override { return clock_.now().sinceBoot; }
 
@@ -449,6 +455,12 @@ class ManualMainQueue final : public MainQueue {
 
     using Timers = std::vector<Timer>;
 
+    void note(std::string_view call) {
+        if (calls_ != nullptr) {
+            calls_->enter(call);
+        }
+    }
+
     // The timer that is due first, of two the one made first; the end when there is none.
     Timers::iterator nextDue() { return std::ranges::min_element(timers_, {}, &Timer::due); }
 
@@ -466,6 +478,7 @@ class ManualMainQueue final : public MainQueue {
     }
 
     SimulatedClock& clock_;
+    CallLog* calls_;
     std::mutex mutex_;
     std::vector<Work> waiting_;
     std::vector<TimerRequest> requests_;

@@ -54,7 +54,7 @@ control::Outcome runTool(const std::vector<std::string>& words) {
     SystemHelperClock clock;
     ChflagsFileFlags flags{ItemFlag::systemImmutable};
     FileCommitmentStore store{identity->stateFolder()};
-    LiveSessionProbe session;
+    const auto session = makeLiveSessionProbe();
     const auto processes = control::liveProcesses(helper);
     const auto service = control::liveService({*identity, helper, *processes, waiter});
     control::Machine machine{.identity = *identity,
@@ -65,7 +65,7 @@ control::Outcome runTool(const std::vector<std::string>& words) {
                              .clock = clock,
                              .flags = flags,
                              .store = store,
-                             .session = session,
+                             .session = *session,
                              .processes = *processes,
                              .service = *service,
                              .waiter = waiter,
