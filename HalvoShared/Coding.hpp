@@ -3,24 +3,28 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <numeric>
-#include <span>
-#include <tuple>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "HalvoShared/JSON.hpp"
+#include "HalvoShared/RFC3339.hpp"
 #include "HalvoShared/UUID.hpp"
 
 namespace halvo::JSON {
+
+// --- The document
 
 // An object that keeps all members of a key that comes more than once, in their order.
 template <class Key, class Value, class... Rest>
@@ -32,255 +36,358 @@ class Members : public std::multimap<Key, Value, Rest...> {
 
 using Json = nlohmann::basic_json<Members>;
 
-struct Document {
-    // Throws Error.
-    explicit Document(std::string_view text);
+// The library's own builder of a document, but for what it would round.
+class Builder : public nlohmann::detail::json_sax_dom_parser<Json> {
+  public:
+    using json_sax_dom_parser::json_sax_dom_parser;
 
-    Json root;
-    // The library needs memory to free a document, and ends the process when there is none: this is
-    // freed before it, as the last member.
-    std::vector<char> reserve;
+    // A whole number that 64 bits do not hold is rounded, perhaps to one that they do.
+    bool number_float(double number, const std::string& text) {
+        const bool isWhole = text.find_first_of(".eE") == std::string::npos;
+        return json_sax_dom_parser::number_float(
+            isWhole ? std::nextafter(number, number * 2) : number, text);
+    }
 };
 
-template <class T>
-concept Record = requires { T::members; };
+// Throws an Error without a path.
+[[noreturn]] inline void fail(Error::Kind kind, std::string problem) {
+    // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
+    throw Error{kind, "", std::move(problem)};
+}
 
-template <class T>
-concept Enumeration = std::is_enum_v<T>;
+// What the library says is wrong with a text.
+inline std::string problemOf(const Json::exception& exception) {
+    // "[json.exception.parse_error.101] parse error at line 1, column 5: ..."
+    std::string text = exception.what();
+    text.erase(0, std::min(text.size(), text.find("] ") + 2));
+    // It quotes what it last read, of any length and whatever it is.
+    constexpr std::size_t longest = 200;
+    const char* end = text.size() > longest ? "…" : "";
+    using nlohmann::json;
+    const auto readable =
+        json(text.substr(0, longest)).dump(-1, ' ', false, json::error_handler_t::ignore);
+    return json::parse(readable).get<std::string>() + end;
+}
 
-// The way through a record.
-class Way {
-  public:
-    // Throws the Error of what is wrong here.
-    [[noreturn]] void fail(Error::Kind kind, std::string problem) const;
+// Parses `text` into `root`; throws Error. The library needs memory to free a document, and ends
+// the process when there is none: what is returned must be freed before `root`.
+inline std::vector<char> parse(std::string_view text, Json& root) {
+    const std::string notJSON = "This is not JSON: ";
+    // The library takes it for the end of the text, whatever follows.
+    if (text.contains('\0')) {
+        fail(Error::Kind::Malformed, notJSON + "it holds a zero byte");
+    }
+    std::vector<char> reserve;
+    // For a list of all values, two bytes each, that grows to twice its size.
+    reserve.reserve(3 * sizeof(Json) * text.size() / 2);
+    try {
+        Builder builder(root);
+        Json::sax_parse(text, &builder);
+    } catch (const Json::exception& exception) {
+        fail(Error::Kind::Malformed, notJSON + problemOf(exception));
+    }
+    return reserve;
+}
 
-  protected:
-    // A member, or where that is empty an element of a list.
-    struct Step {
-        std::string_view member;
-        std::size_t element = 0;
-    };
+// --- What is there, and what was expected
 
-    // Does `action` one step further.
-    template <class Action>
-    void within(const Step& step, Action action) {
-        steps_.push_back(step);
+inline std::string described(const Json& json) {
+    constexpr std::size_t longestQuote = 60;
+    if (json.is_structured()) {
+        return json.is_object() ? "an object" : "a list";
+    }
+    const auto* text = json.get_ptr<const std::string*>();
+    return text != nullptr && text->size() > longestQuote
+               ? "a text of " + std::to_string(text->size()) + " bytes"
+               : json.dump();
+}
+
+// Fails with `expected` and what was found in its place, unless `isRight`.
+inline void expect(bool isRight, std::string_view expected, const Json& found,
+                   Error::Kind kind = Error::Kind::TypeMismatch) {
+    if (!isRight) {
+        fail(kind, "Expected " + std::string(expected) + ", found " + described(found));
+    }
+}
+
+// Sets `value` to what `parse` makes of a text.
+template <class Parse, class T>
+void readText(const Json& json, std::string_view expected, Parse parse, T& value) {
+    expect(json.is_string(), expected, json);
+    const auto parsed = parse(json.get_ref<const std::string&>());
+    expect(parsed.has_value(), expected, json, Error::Kind::BadValue);
+    value = *parsed;  // NOLINT(bugprone-unchecked-optional-access): expect() throws.
+}
+
+// The number, if 64 bits hold it, however it is spelled: 5, 5.0 and 0.5e1 are the same.
+inline std::optional<std::int64_t> wholeNumber(const Json& json) {
+    if (json.is_number_float()) {
+        constexpr double end = 0x1p63;
+        const auto number = json.get<double>();
+        const bool fits = number >= -end && number < end && std::trunc(number) == number;
+        return fits ? std::optional(static_cast<std::int64_t>(number)) : std::nullopt;
+    }
+    const bool fits =
+        !json.is_number_unsigned() || std::in_range<std::int64_t>(json.get<std::uint64_t>());
+    return fits ? std::optional(json.get<std::int64_t>()) : std::nullopt;
+}
+
+// Does `action` one step further on the path, in a member or in the element of an index.
+template <class Step, class Action>
+void within(const Step& step, Action action) {
+    try {
         action();
-        steps_.pop_back();
+    } catch (Error& error) {
+        const bool isLast = error.path.empty() || error.path.starts_with('[');
+        if constexpr (std::integral<Step>) {
+            error.path.insert(0, "[" + std::to_string(step) + (isLast ? "]" : "]."));
+        } else {
+            error.path.insert(0, std::string(step) + (isLast ? "" : "."));
+        }
+        throw;
+    }
+}
+
+// --- What records declare
+
+template <class T>
+concept Record = requires { T::memberNames; };
+
+// The names<T>, one by one.
+template <class T>
+inline constexpr auto nameList = [] {
+    constexpr std::string_view all = names<T>;
+    std::array<std::string_view, all.empty() ? 0 : std::ranges::count(all, ',') + 1> list;
+    std::size_t begin = 0;
+    for (std::string_view& name : list) {
+        name = all.substr(begin, all.find(',', begin) - begin);
+        begin += name.size() + 2;
+    }
+    return list;
+}();
+
+// The places of a record's members in the order of their keys' bytes.
+template <Record T>
+inline constexpr auto sortedPlaces = [] {
+    std::array<std::size_t, nameList<T>.size()> places{};
+    std::iota(places.begin(), places.end(), 0);
+    std::ranges::sort(places, {}, [](std::size_t place) { return nameList<T>[place]; });
+    return places;
+}();
+
+// Whether the member may be missing or null though it is not optional.
+template <class Owner>
+constexpr bool mayBeMissing(std::string_view key) {
+    if constexpr (requires { Owner::mayBeMissing; }) {
+        return std::ranges::find(Owner::mayBeMissing, key) != Owner::mayBeMissing.end();
+    }
+    return false;
+}
+
+// --- The overloads for each type, which throw Error
+
+struct Coder {
+    static void read(const Json& json, bool& value) {
+        expect(json.is_boolean(), "true or false", json);
+        value = json.get<bool>();
     }
 
-  private:
-    std::vector<Step> steps_;
-};
+    static void write(std::string& text, bool value) { text += value ? "true" : "false"; }
 
-// Reads values from a document; throws Error.
-class Decoder : Way {
-  public:
-    void read(const Json& json, bool& value);
-    void read(const Json& json, std::string& value);
-    void read(const Json& json, WallDate& value);
-    void read(const Json& json, UUID& value);
+    static void read(const Json& json, std::string& value) {
+        expect(json.is_string(), "a text", json);
+        value = json.get_ref<const std::string&>();
+    }
+
+    static void write(std::string& text, std::string_view value) {
+        const auto isPlain = [](unsigned char byte) {
+            return byte >= ' ' && byte < 0x80 && byte != '"' && byte != '\\';
+        };
+        if (std::ranges::all_of(value, isPlain)) {
+            // Nearly every text, and the library's writer costs many times as much.
+            text.append("\"").append(value).append("\"");
+        } else if (isUTF8(value)) {
+            text += Json(value).dump();
+        } else {
+            fail(Error::Kind::BadValue, "is not UTF-8 text");
+        }
+    }
+
+    static void read(const Json& json, WallDate& value) {
+        readText(json, "a date such as \"2026-11-20T09:30:00Z\"", RFC3339::parse, value);
+    }
+
+    static void write(std::string& text, WallDate value) {
+        text += '"';
+        if (!RFC3339::append(value, text)) {
+            fail(Error::Kind::BadValue, "is not a date of the years 0 to 9999");
+        }
+        text += '"';
+    }
+
+    static void read(const Json& json, UUID& value) {
+        constexpr auto* expected = "a UUID such as \"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\"";
+        readText(json, expected, UUID::fromText, value);
+    }
+
+    static void write(std::string& text, const UUID& value) { write(text, value.text()); }
 
     template <std::integral T>
-    void read(const Json& json, T& value) {
-        static const std::string expected =
-            "a whole number of " + std::to_string(sizeof(T) * 8) + " bits";
+    static void read(const Json& json, T& value) {
+        constexpr auto* expected =
+            sizeof(T) == 8 ? "a whole number of 64 bits" : "a whole number of 32 bits";
         expect(json.is_number(), expected, json);
         const auto number = wholeNumber(json);
-        const bool fits = number && std::in_range<T>(*number);
-        expect(fits, expected, json, Error::Kind::BadValue);
-        value = static_cast<T>(number.value_or(0));
+        expect(number && std::in_range<T>(*number), expected, json, Error::Kind::BadValue);
+        value = static_cast<T>(*number);  // NOLINT(bugprone-unchecked-optional-access): as above.
     }
 
-    template <Enumeration T>
-    void read(const Json& json, T& value) {
-        static const std::string expected = oneOf(names<T>);
+    template <std::integral T>
+    static void write(std::string& text, T value) {
+        text += std::to_string(value);
+    }
+
+    template <class T>
+        requires std::is_enum_v<T>
+    static void read(const Json& json, T& value) {
+        static const std::string expected = [] {
+            std::string all = "one of";
+            for (const std::string_view name : nameList<T>) {
+                all.append(all.ends_with("of") ? " \"" : ", \"").append(name).append("\"");
+            }
+            return all;
+        }();
         expect(json.is_string(), expected, json);
-        const auto found = std::ranges::find(names<T>, json.get_ref<const std::string&>());
-        expect(found != names<T>.end(), expected, json, Error::Kind::BadValue);
-        value = static_cast<T>(found - names<T>.begin());
+        const auto found = std::ranges::find(nameList<T>, json.get_ref<const std::string&>());
+        expect(found != nameList<T>.end(), expected, json, Error::Kind::BadValue);
+        value = static_cast<T>(found - nameList<T>.begin());
     }
 
     template <class T>
-    void read(const Json& json, std::optional<T>& value) {
-        read(json, value.emplace());
+        requires std::is_enum_v<T>
+    static void write(std::string& text, T value) {
+        const auto index = static_cast<std::size_t>(value);
+        if (index >= nameList<T>.size()) {
+            fail(Error::Kind::BadValue, "is none of the values that have a name");
+        }
+        write(text, nameList<T>[index]);
     }
 
     template <class T>
-    void read(const Json& json, std::vector<T>& list) {
+    static void read(const Json& json, std::vector<T>& list) {
         expect(json.is_array(), "a list", json);
         list.clear();
         for (const Json& element : json) {
-            within({{}, list.size()}, [&] { read(element, list.emplace_back()); });
+            within(list.size(), [&] { read(element, list.emplace_back()); });
         }
     }
 
+    template <class T>
+    static void write(std::string& text, const std::vector<T>& list) {
+        text += '[';
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            separate(text, '[');
+            within(i, [&] { write(text, list[i]); });
+        }
+        text += ']';
+    }
+
     template <Record T>
-    void read(const Json& json, T& record) {
+    static void read(const Json& json, T& record) {
         expect(json.is_object(), "an object", json);
         record = {};
-        std::apply([&](const auto&... member) { (readMember(json, member, record), ...); },
-                   T::members);
+        const auto* name = nameList<T>.begin();
+        std::apply([&](auto&... member) { (readMember<T>(json, *name++, member), ...); },
+                   record.members());
+    }
+
+    template <Record T>
+    static void write(std::string& text, const T& record) {
+        text += '{';
+        [&]<std::size_t... Place>(std::index_sequence<Place...>) {
+            (writeMember(text, nameList<T>[sortedPlaces<T>[Place]],
+                         std::get<sortedPlaces<T>[Place]>(record.members())),
+             ...);
+        }(std::make_index_sequence<sortedPlaces<T>.size()>());
+        text += '}';
     }
 
     template <Record... Cases>
-    void read(const Json& json, std::variant<Cases...>& variant) {
-        constexpr auto& keys = names<std::variant<Cases...>>;
-        const std::size_t chosen = onlyOne(keys, json);
-        std::size_t index = 0;
-        const auto readCase = [&]<class Case>(std::in_place_type_t<Case>) {
-            if (index++ == chosen) {
-                readAll(json, keys[chosen], true,
-                        [&](const Json& body) { read(body, variant.template emplace<Case>()); });
+    static void read(const Json& json, std::variant<Cases...>& variant) {
+        constexpr auto& keys = nameList<std::variant<Cases...>>;
+        expect(json.is_object(), "an object", json);
+        const auto isThere = [&](std::string_view key) { return json.contains(key); };
+        if (std::ranges::count_if(keys, isThere) != 1) {
+            fail(Error::Kind::TypeMismatch, "Invalid number of keys found, expected one.");
+        }
+        const auto* key = keys.begin();
+        const auto readCase = [&]<class Case>(Case* /*type*/) {
+            if (isThere(*key)) {
+                readMember<std::variant<Cases...>>(json, *key, variant.template emplace<Case>());
             }
+            ++key;
         };
-        (readCase(std::in_place_type<Cases>), ...);
+        (readCase(static_cast<Cases*>(nullptr)), ...);
+    }
+
+    template <Record... Cases>
+    static void write(std::string& text, const std::variant<Cases...>& variant) {
+        const std::string_view name = nameList<std::variant<Cases...>>[variant.index()];
+        text += '{';
+        std::visit([&](const auto& chosen) { writeMember(text, name, chosen); }, variant);
+        text += '}';
     }
 
   private:
-    using Names = std::span<const std::string_view>;
-
-    template <class T, class Value>
-    void readMember(const Json& object, const Member<T, Value>& member, T& record) {
-        readAll(object, member.key, !member.isMissable, [&](const Json& json) {
-            if (member.isMissable && json.is_null()) {
-                record.*member.place = T{}.*member.place;
-            } else {
-                read(json, record.*member.place);
-            }
-        });
-    }
-
-    // Reads each member of the key with `action`, so that the last counts.
-    template <class Action>
-    void readAll(const Json& object, std::string_view key, bool isRequired, Action action) {
-        const auto [begin, end] = object.get_ref<const Json::object_t&>().equal_range(key);
-        within({key}, [&, first = begin, last = end] {
-            if (isRequired && first == last) {
+    // Reads each member of the key, so that the last counts, into `value`, as new as its owner.
+    template <class Owner, class Value>
+    static void readMember(const Json& object, std::string_view key, Value& value) {
+        constexpr bool isOptional = requires { value.has_value(); };
+        const bool isMissable = isOptional || mayBeMissing<Owner>(key);
+        const auto [first, last] = object.get_ref<const Json::object_t&>().equal_range(key);
+        within(key, [&, member = first, end = last]() mutable {
+            if (member == end && !isMissable) {
                 fail(Error::Kind::MissingMember, "This is missing");
             }
-            std::for_each(first, last, [&](const auto& member) { action(member.second); });
+            const Value initial = value;
+            for (; member != end; ++member) {
+                if (isMissable && member->second.is_null()) {
+                    value = initial;
+                } else if constexpr (isOptional) {
+                    read(member->second, value.emplace());
+                } else {
+                    read(member->second, value);
+                }
+            }
         });
     }
 
-    // What `parse` makes of a text.
-    template <class Parse>
-    auto readText(const Json& json, std::string_view expected, Parse parse) {
-        expect(json.is_string(), expected, json);
-        auto parsed = parse(json.get_ref<const std::string&>());
-        expect(parsed.has_value(), expected, json, Error::Kind::BadValue);
-        return *std::move(parsed);  // NOLINT(bugprone-unchecked-optional-access): expect() throws.
-    }
-
-    // The number, if it is a whole one, however it is spelled: 5, 5.0 and 0.5e1 are the same.
-    static std::optional<std::int64_t> wholeNumber(const Json& json);
-    static std::string oneOf(Names texts);
-    // The place of the only one of the keys that `json`, an object, has.
-    [[nodiscard]] std::size_t onlyOne(Names keys, const Json& json) const;
-    void expect(bool isRight, std::string_view expected, const Json& found,
-                Error::Kind kind = Error::Kind::TypeMismatch) const;
-};
-
-// Writes values to a text; throws Error.
-class Encoder : Way {
-  public:
-    [[nodiscard]] std::string& text() { return text_; }
-
-    void write(bool value);
-    void write(std::string_view value);
-    void write(WallDate value);
-    void write(const UUID& value);
-
-    template <std::integral T>
-    void write(T value) {
-        text_ += std::to_string(value);
-    }
-
-    template <Enumeration T>
-    void write(T value) {
-        const auto index = static_cast<std::size_t>(value);
-        if (index >= names<T>.size()) {
-            fail(Error::Kind::BadValue, "is none of the values that have a name");
-        }
-        write(names<T>[index]);
-    }
-
-    // Not for one that is absent: such a member is left out.
-    template <class T>
-    void write(const std::optional<T>& value) {
-        write(*value);  // NOLINT(bugprone-unchecked-optional-access)
-    }
-
-    template <class T>
-    void write(const std::vector<T>& list) {
-        text_ += '[';
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            separate('[');
-            within({{}, i}, [&] { write(list[i]); });
-        }
-        text_ += ']';
-    }
-
-    template <Record T>
-    void write(const T& record) {
-        text_ += '{';
-        [&]<std::size_t... Place>(std::index_sequence<Place...>) {
-            (writeMember(std::get<sortedPlaces<T>[Place]>(T::members), record), ...);
-        }(std::make_index_sequence<sortedPlaces<T>.size()>());
-        text_ += '}';
-    }
-
-    template <Record... Cases>
-    void write(const std::variant<Cases...>& variant) {
-        const std::string_view name = names<std::variant<Cases...>>[variant.index()];
-        text_ += '{';
-        std::visit([&](const auto& chosen) { writeMember(name, chosen); }, variant);
-        text_ += '}';
-    }
-
-  private:
-    // The places of a record's members in the order of their keys' bytes.
-    template <Record T>
-    static constexpr auto sortedPlaces = std::apply(
-        [](const auto&... member) {
-            const std::array<std::string_view, sizeof...(member)> keys{member.key...};
-            std::array<std::size_t, sizeof...(member)> places{};
-            std::iota(places.begin(), places.end(), 0);
-            std::ranges::sort(places, {}, [&](std::size_t place) { return keys[place]; });
-            return places;
-        },
-        T::members);
-
-    template <class T, class Value>
-    void writeMember(const Member<T, Value>& member, const T& record) {
-        const Value& value = record.*member.place;
-        if constexpr (isOptional<Value>) {
-            if (!value) {
-                return;
+    template <class Value>
+    static void writeMember(std::string& text, std::string_view key, const Value& value) {
+        if constexpr (requires { value.has_value(); }) {
+            if (value) {
+                writeMember(text, key, *value);
             }
+        } else {
+            separate(text, '{');
+            text.append("\"").append(key).append("\":");
+            within(key, [&] { write(text, value); });
         }
-        writeMember(member.key, value);
-    }
-
-    template <class T>
-    void writeMember(std::string_view key, const T& value) {
-        separate('{');
-        text_.append("\"").append(key).append("\":");
-        within({key}, [&] { write(value); });
     }
 
     // Writes the comma that stands before all but the first of what `bracket` opens.
-    void separate(char bracket) { text_ += text_.ends_with(bracket) ? "" : ","; }
-
-    std::string text_;
+    static void separate(std::string& text, char bracket) {
+        text += text.ends_with(bracket) ? "" : ",";
+    }
 };
 
 template <class T>
 std::expected<T, Error> decode(std::string_view json) {
     try {
-        const Document document(json);
+        Json root;
+        const auto reserve = parse(json, root);
         T value{};
-        Decoder().read(document.root, value);
+        Coder::read(root, value);
         return value;
     } catch (const Error& error) {
         return std::unexpected(error);
@@ -290,9 +397,9 @@ std::expected<T, Error> decode(std::string_view json) {
 template <class T>
 std::expected<std::string, Error> encode(const T& value) {
     try {
-        Encoder encoder;
-        encoder.write(value);
-        return std::move(encoder.text());
+        std::string text;
+        Coder::write(text, value);
+        return text;
     } catch (const Error& error) {
         return std::unexpected(error);
     }

@@ -38,18 +38,11 @@ bool hasPathGluedToHost(const urls::url_view& url) {
 
 // `text` with everything encoded that a URL may hold only so.
 std::string encoded(std::string_view text) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
     std::string result;
     result.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (urlCharacters(byte) || isEscape(text.substr(i))) {
-            result += text[i];
-        } else {
-            result += '%';
-            result += digits[byte >> 4U];
-            result += digits[byte & 0xFU];
-        }
+        const std::string_view one = text.substr(i, 1);
+        result += isEscape(text.substr(i)) ? std::string(one) : urls::encode(one, urlCharacters);
     }
     return result;
 }

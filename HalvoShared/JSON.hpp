@@ -1,16 +1,13 @@
 // Records as JSON: one object without blanks, its keys in the order of their bytes, dates as in
-// InternetDate.hpp. A record declares its members in its class, once for both directions:
+// RFC3339.hpp. A record names its members in its class, once for both directions:
 //
 //     struct Person {
 //         std::string name;
 //         std::optional<WallDate> born;
 //         std::int64_t visits = 1;
 //
-//         static constexpr std::tuple members{
-//             JSON::Member{"name", &Person::name},
-//             JSON::Member{"born", &Person::born},
-//             JSON::Member{"visits", &Person::visits, JSON::mayBeMissing},
-//         };
+//         HALVO_RECORD(Person, name, born, visits)
+//         static constexpr auto mayBeMissing = std::to_array<std::string_view>({"visits"});
 //     };
 //
 // A member is a bool, a std::int32_t, a std::int64_t, a std::string, a WallDate, a UUID, a record,
@@ -19,7 +16,11 @@
 // key, the name of the alternative.
 //
 //     template <>
-//     inline constexpr auto JSON::names<Level> = JSON::list("gentle", "firm");
+//     inline constexpr std::string_view JSON::names<Level> = "gentle, firm";
+//
+// A member that is missing or null is what a new record has in its place, if it is optional or
+// listed in `mayBeMissing`. An optional member is left out while it is absent; the others are
+// always written.
 //
 // The source of a record includes Coding.hpp and instantiates decode() and encode() for it; this
 // header is enough for their callers.
@@ -27,7 +28,6 @@
 
 #include <array>
 #include <expected>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -57,7 +57,9 @@ struct Error {
 };
 
 // For a person: "PATH: PROBLEM", or the problem alone where it concerns the whole.
-std::string description(const Error& error);
+inline std::string description(const Error& error) {
+    return (error.path.empty() ? "" : error.path + ": ") + error.problem;
+}
 
 // The record that `json` holds. Members that it does not declare are passed over; of a key that
 // comes twice the last counts, though each must be right. A NUL byte is no part of JSON, not even
@@ -72,29 +74,28 @@ std::expected<T, Error> decode(std::string_view json);
 template <class T>
 std::expected<std::string, Error> encode(const T& value);
 
+// The names, separated by ", ", of an enumeration's enumerators from 0 on, of a variant's
+// alternatives, or of a record's members.
 template <class T>
-inline constexpr bool isOptional = false;
+inline constexpr std::string_view names{};
+
 template <class T>
-inline constexpr bool isOptional<std::optional<T>> = true;
-
-// A member that is missing or null is what a new record has in its place. An optional member always
-// may be, and is left out while it is absent; the others are always written.
-inline constexpr bool mayBeMissing = true;
-
-template <class Record, class Value>
-struct Member {
-    std::string_view key;
-    Value Record::* place;
-    bool isMissable = isOptional<Value>;
-};
-
-// The names of an enumeration's enumerators from 0 on, or of a variant's alternatives.
-template <class T>
-inline constexpr std::array<std::string_view, 0> names{};
-
-template <class... Text>
-constexpr std::array<std::string_view, sizeof...(Text)> list(Text... texts) {
-    return {texts...};
-}
+    requires requires { T::memberNames; }
+inline constexpr std::string_view names<T> = T::memberNames;
 
 }  // namespace halvo::JSON
+
+// NOLINTBEGIN(cppcoreguidelines-macro-usage,bugprone-macro-parentheses): no function knows the
+// names of its arguments.
+
+// Makes the class `Type` a record: names its members that are stored, and compares all of them.
+#define HALVO_RECORD(Type, ...) HALVO_RECORD_WITH_KEYS(Type, #__VA_ARGS__, __VA_ARGS__)
+
+// The same, the members under the keys `keys`, which are separated by ", ".
+#define HALVO_RECORD_WITH_KEYS(Type, keys, ...)                          \
+    static constexpr std::string_view memberNames = keys;                \
+    auto members() { return std::tie(__VA_ARGS__); }                     \
+    [[nodiscard]] auto members() const { return std::tie(__VA_ARGS__); } \
+    bool operator==(const Type&) const = default;
+
+// NOLINTEND(cppcoreguidelines-macro-usage,bugprone-macro-parentheses)

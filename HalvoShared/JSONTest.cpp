@@ -32,21 +32,14 @@ struct Parcel {
     std::vector<std::string> labels;
     Size size{};
 
-    bool operator==(const Parcel&) const = default;
-    static constexpr std::tuple members{
-        JSON::Member{"name", &Parcel::name},
-        JSON::Member{"count", &Parcel::count},
-        JSON::Member{"weight", &Parcel::weight},
-        JSON::Member{"fragile", &Parcel::fragile, JSON::mayBeMissing},
-        JSON::Member{"labels", &Parcel::labels},
-        JSON::Member{"size", &Parcel::size},
-    };
+    HALVO_RECORD(Parcel, name, count, weight, fragile, labels, size)
+    static constexpr auto mayBeMissing = std::to_array<std::string_view>({"fragile"});
 };
 
 }  // namespace
 
 template <>
-inline constexpr auto JSON::names<Size> = JSON::list("small", "large");
+inline constexpr std::string_view JSON::names<Size> = "small, large";
 
 namespace {
 

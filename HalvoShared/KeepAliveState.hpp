@@ -1,10 +1,11 @@
 // What the app leaves behind about itself, for whoever finds it gone.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <tuple>
+#include <string_view>
 
 #include "HalvoPlatform/Time.hpp"
 #include "HalvoShared/JSON.hpp"
@@ -32,17 +33,10 @@ struct KeepAliveState {
     // When this was written.
     WallDate updatedAt;
 
-    bool operator==(const KeepAliveState&) const = default;
-    static constexpr std::tuple members{
-        JSON::Member{"pid", &KeepAliveState::pid},
-        JSON::Member{"appPath", &KeepAliveState::appPath},
-        JSON::Member{"clean", &KeepAliveState::clean},
-        JSON::Member{"commitmentUntil", &KeepAliveState::commitmentUntil},
-        JSON::Member{"ultraHard", &KeepAliveState::ultraHard},
-        JSON::Member{"appReleased", &KeepAliveState::appReleased, JSON::mayBeMissing},
-        JSON::Member{"bypassNoted", &KeepAliveState::bypassNoted, JSON::mayBeMissing},
-        JSON::Member{"updatedAt", &KeepAliveState::updatedAt},
-    };
+    HALVO_RECORD(KeepAliveState, pid, appPath, clean, commitmentUntil, ultraHard, appReleased,
+                 bypassNoted, updatedAt)
+    static constexpr auto mayBeMissing =
+        std::to_array<std::string_view>({"appReleased", "bypassNoted"});
 
     static constexpr const char* fileName = "keepalive.json";
 

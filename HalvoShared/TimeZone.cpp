@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
+#include <functional>
 #include <system_error>
 
 #include "HalvoPlatform/Files.hpp"
@@ -17,79 +17,34 @@ namespace {
 
 using namespace std::chrono;
 
-constexpr seconds defaultTimeOfChange = hours{2};
+// A change that comes in every year.
+using YearlyChange = std::function<OffsetChange(year)>;
 
-// "Mm.w.d", "Jn" or "n" and a time: when the clock changes, every year.
-struct YearlyChange {
-    // "M" if not 0.
-    int month = 0;
-    // From Sunday as 0, and the how many-th of them in the month: 5 is the last.
-    int weekday = 0;
-    int week = 0;
-    // "J": from 1, 29 February is not counted. "n": days after 1 January.
-    bool isJulian = false;
-    int day = 0;
-    // After the midnight at which the day begins, on the clock as it is before the change.
-    seconds time = defaultTimeOfChange;
-
-    [[nodiscard]] local_days dayIn(year year) const {
-        constexpr int lastOfFebruary = 31 + 28;
-        if (month != 0) {
-            const auto inMonth = year / month;
-            const std::chrono::weekday ofWeek{static_cast<unsigned>(weekday)};
-            return week == 5 ? local_days{inMonth / ofWeek[std::chrono::last]}
-                             : local_days{inMonth / ofWeek[static_cast<unsigned>(week)]};
-        }
-        const bool countsFromOne = isJulian && (!year.is_leap() || day <= lastOfFebruary);
-        return local_days{year / 1 / 1} + days{day - (countsFromOne ? 1 : 0)};
-    }
-
-    // `before` is the offset before the change.
-    [[nodiscard]] sys_seconds instantIn(year year, seconds before) const {
-        return sys_seconds{dayIn(year).time_since_epoch() + time - before};
-    }
-};
-
-// What the TZ variable of tzset(3) says, and the last line of a file of tzfile(5), with the times
-// of day from -167 to 167 hours that RFC 8536 (3.3.1) adds.
-struct Rule {
-    seconds standard{};
-    bool hasSummer = false;
-    // The part of the year with another offset; it may be winter, with a smaller one.
-    seconds summer{};
-    YearlyChange begin;
-    YearlyChange end;
-};
-
-// Reads a rule from the front. Once something was not as it must be, `failed_` stays true and what
-// is read means nothing.
+// Reads what the TZ variable of tzset(3) says, and the last line of a file of tzfile(5), with the
+// times of day from -167 to 167 hours that RFC 8536 (3.3.1) adds. Once something was not as it must
+// be, `failed_` stays true and what is read means nothing.
 class RuleReader {
   public:
     explicit RuleReader(std::string_view text) : rest_(text) {}
 
-    // Nothing when the text is no rule: also when it names a summer time and not its days, for
-    // which there is no agreed rule.
-    std::optional<Rule> rule() {
-        Rule rule;
+    // How the part of the year with another offset ends, and how it begins; it may be winter, with
+    // a smaller one. None where the offset is the same all year. Nothing when the text is no rule:
+    // also when it names a summer time and not its days, for which there is no agreed rule.
+    std::optional<std::vector<YearlyChange>> changes() {
+        std::vector<YearlyChange> changes;
         skipName();
-        // The text counts westward, as POSIX does.
-        rule.standard = -time(mostHoursOfOffset);
-        rule.hasSummer = !failed_ && !rest_.empty();
-        if (rule.hasSummer) {
+        const seconds standard = offset();
+        if (!failed_ && !rest_.empty()) {
             skipName();
-            rule.summer =
-                rest_.starts_with(',') ? rule.standard + hours{1} : -time(mostHoursOfOffset);
-            rule.begin = change();
-            rule.end = change();
+            const seconds summer = rest_.starts_with(',') ? standard + hours{1} : offset();
+            const YearlyChange begin = change(standard, summer);
+            changes = {change(summer, standard), begin};
         }
         require(rest_.empty());
-        return failed_ ? std::nullopt : std::optional(rule);
+        return failed_ ? std::nullopt : std::optional(changes);
     }
 
   private:
-    static constexpr int mostHoursOfOffset = 24;
-    static constexpr int mostHoursOfChange = 167;
-
     void require(bool isSo) { failed_ = failed_ || !isSo; }
 
     bool skip(char c) {
@@ -98,17 +53,16 @@ class RuleReader {
         return found;
     }
 
-    int number(int least, int most) {
-        int value = 0;
+    unsigned number(unsigned least, unsigned most) {
+        unsigned value = 0;
         const auto [end, error] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), value);
-        // A sign is none of the number's characters here.
-        require(error == std::errc{} && rest_.front() != '-' && value >= least && value <= most);
+        require(error == std::errc{} && value >= least && value <= most);
         rest_.remove_prefix(static_cast<std::size_t>(end - rest_.data()));
         return value;
     }
 
     // "[+-]hh[:mm[:ss]]"
-    seconds time(int mostHours) {
+    seconds time(unsigned mostHours) {
         const int sign = skip('-') ? -1 : 1;
         if (sign > 0) {
             skip('+');
@@ -119,6 +73,9 @@ class RuleReader {
         }
         return sign * span;
     }
+
+    // The text counts westward, as POSIX does.
+    seconds offset() { return -time(24); }
 
     // An abbreviation, which is not needed: three letters or more, or as many of anything in "<>".
     void skipName() {
@@ -133,23 +90,35 @@ class RuleReader {
         require(!isQuoted || skip('>'));
     }
 
-    YearlyChange change() {
-        YearlyChange change;
+    // ",Mm.w.d", ",Jn" or ",n", and a time after the midnight at which the day begins: on the clock
+    // as it is before the change, when offsets go from `before` to `after`.
+    YearlyChange change(seconds before, seconds after) {
+        std::function<local_days(year)> dayIn;
         require(skip(','));
         if (skip('M')) {
-            change.month = number(1, 12);
+            const month inMonth{number(1, 12)};
             require(skip('.'));
-            change.week = number(1, 5);
+            const unsigned week = number(1, 5);
             require(skip('.'));
-            change.weekday = number(0, 6);
+            const weekday day{number(0, 6)};
+            dayIn = [=](year year) {
+                return week == 5 ? local_days{year / inMonth / day[std::chrono::last]}
+                                 : local_days{year / inMonth / day[week]};
+            };
         } else {
-            change.isJulian = skip('J');
-            change.day = number(change.isJulian ? 1 : 0, 365);
+            // Counted from 1, without 29 February; else from 0.
+            const bool isJulian = skip('J');
+            const days day{number(isJulian ? 1 : 0, 365)};
+            dayIn = [=](year year) {
+                const bool isAfterLeapDay = year.is_leap() && day > days{31 + 28};
+                return local_days{year / 1 / 1} + day - days{isJulian && !isAfterLeapDay ? 1 : 0};
+            };
         }
-        if (skip('/')) {
-            change.time = time(mostHoursOfChange);
-        }
-        return change;
+        const seconds timeOfDay = skip('/') ? time(167) : hours{2};
+        return [=](year year) {
+            const auto midnight = dayIn(year).time_since_epoch();
+            return OffsetChange{sys_seconds{midnight + timeOfDay - before}, after};
+        };
     }
 
     std::string_view rest_;
@@ -166,23 +135,21 @@ void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     }
 }
 
-// Appends what `rule`, which has a summer, makes of the years after `last`, the last change listed,
-// until they come again.
-void appendYears(TimeZone& zone, const Rule& rule, sys_seconds last) {
+// Appends what the rule makes of the years after `last`, the last change listed, until they come
+// again.
+void appendYears(TimeZone& zone, const std::vector<YearlyChange>& rule, sys_seconds last) {
     const sys_days known =
         std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{year{10'000} / 1 / 1});
     const year begin = year_month_day{known}.year();
-    std::vector<OffsetChange> begins;
-    std::vector<OffsetChange> ends;
-    // Changes may fall some days outside of the year to which they belong.
-    for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
-        begins.push_back({rule.begin.instantIn(y, rule.standard), rule.summer});
-        ends.push_back({rule.end.instantIn(y, rule.summer), rule.standard});
-    }
     std::vector<OffsetChange> ruled;
-    // When a summer begins as the one before ends, the beginning comes last and counts.
-    std::ranges::merge(ends, begins, std::back_inserter(ruled), {}, &OffsetChange::begin,
-                       &OffsetChange::begin);
+    for (const YearlyChange& change : rule) {
+        // Changes may fall some days outside of the year to which they belong.
+        for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
+            ruled.push_back(change(y));
+        }
+    }
+    // Stable, so that where a summer begins as the one before ends, the beginning counts.
+    std::ranges::stable_sort(ruled, {}, &OffsetChange::begin);
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
             append(zone.changes, change);
@@ -274,16 +241,6 @@ std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
                                                                     : std::optional(offsets);
 }
 
-// RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends. Nothing
-// when `rest`, what follows the tables, is anything else.
-std::optional<std::string_view> footerOf(std::string_view rest) {
-    if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
-        return std::nullopt;
-    }
-    const std::string_view footer = rest.substr(1, rest.size() - 2);
-    return isPrintable(footer) ? std::optional(footer) : std::nullopt;
-}
-
 }  // namespace
 
 std::expected<TimeZone, std::string> TimeZone::read(const std::string& name) {
@@ -344,16 +301,18 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
         append(zone.changes, {time, (*offsets)[kind]});
     }
     if (hasSecondPart) {
-        const auto footer = footerOf(rest);
-        if (!footer) {
+        // RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends.
+        const std::string_view footer = rest.substr(rest.empty() ? 0 : 1, rest.size() - 2);
+        if (rest.size() < 2 || rest.front() != '\n' || rest.back() != '\n' ||
+            !isPrintable(footer)) {
             return damaged;
         }
-        const auto rule = RuleReader(*footer).rule();
-        if (!rule && !footer->empty()) {
+        const auto rule = RuleReader(footer).changes();
+        if (!rule && !footer.empty()) {
             return std::unexpected("the time zone \"" + name +
-                                   "\" has a rule that cannot be read: " + std::string(*footer));
+                                   "\" has a rule that cannot be read: " + std::string(footer));
         }
-        if (rule && rule->hasSummer) {
+        if (rule && !rule->empty()) {
             appendYears(zone, *rule, last);
         }
     }
@@ -374,19 +333,17 @@ std::optional<std::string> timeZoneOfMachine() {
     constexpr int mostLinks = 40;  // as many as Linux follows
     constexpr std::size_t limit = 4096;
     std::filesystem::path path = "/etc/localtime";
-    std::error_code error;
-    if (!std::filesystem::is_symlink(path, error)) {
-        const auto lines = readFile("/etc/timezone", limit);
-        return lines ? std::optional(lines->substr(0, lines->find('\n'))) : std::nullopt;
-    }
     for (int i = 0; i < mostLinks; ++i) {
-        const std::filesystem::path target = std::filesystem::read_symlink(path, error);
+        std::error_code error;
+        const std::string target = std::filesystem::read_symlink(path, error);
         if (error) {
-            break;
+            const auto lines = readFile("/etc/timezone", limit);
+            const bool isLink = i > 0;
+            return lines && !isLink ? std::optional(lines->substr(0, lines->find('\n')))
+                                    : std::nullopt;
         }
-        const std::string& text = target.native();
-        if (const std::size_t found = text.rfind(folder); found != std::string::npos) {
-            return text.substr(found + folder.size());
+        if (const std::size_t found = target.rfind(folder); found != std::string::npos) {
+            return target.substr(found + folder.size());
         }
         path = path.parent_path() / target;
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,6 +11,8 @@ namespace halvo {
 
 // 128 bits that name something for good; all zero unless made from a text. A value.
 struct UUID {
+    static constexpr std::size_t textSize = 36;
+
     std::array<std::uint8_t, 16> bytes{};
 
     bool operator==(const UUID&) const = default;

@@ -28,32 +28,31 @@ constexpr WallDate endOfTime = wallDate(std::numeric_limits<double>::infinity())
 // No two instants of one calendar day are farther apart: clocks are less than 26 hours from UTC.
 constexpr Seconds longestDay{76 * 3600};
 
-// For each of the dates, which ascend, the last record of its day, or one of nothing done.
-std::vector<Day> recordsOf(const std::vector<WallDate>& dates, const std::vector<Day>& days,
-                           const Calendar& calendar) {
-    std::vector<Day> records;
-    std::ranges::transform(dates, std::back_inserter(records),
-                           [](WallDate date) { return Day{date, 0, 0, 0}; });
-    std::vector<WallDate> starts(dates.size());
-    std::ranges::transform(dates, starts.begin(),
-                           [&](WallDate date) { return calendar.startOfDay(date); });
-    std::vector<bool> isFound(dates.size());
-    for (const Day& day : std::views::reverse(days)) {
+// The week that ends with the day that begins at `today`: for each day the last of its records, or
+// one of nothing done. Empty outside the calendar's range, where no day can be told from another.
+std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days, const Calendar& calendar) {
+    std::vector<Day> week;
+    std::vector<WallDate> starts;
+    for (int offset = 1 - daysInWeek; offset <= 0; ++offset) {
+        if (const auto date = calendar.addingDays(offset, today)) {
+            week.push_back({*date, 0, 0, 0});
+            starts.push_back(calendar.startOfDay(*date));
+        }
+    }
+    for (const Day& day : days) {
         // Nearly all records are passed over by this alone.
-        if (day.start < starts.front() || day.start > dates.back() + longestDay) {
+        if (starts.empty() || day.start < starts.front() ||
+            day.start > starts.back() + longestDay) {
             continue;
         }
         // Nearly all begin with their day.
         const bool isStart = std::ranges::find(starts, day.start) != starts.end();
         const WallDate start = isStart ? day.start : calendar.startOfDay(day.start);
-        for (std::size_t i = 0; i < dates.size(); ++i) {
-            if (!isFound[i] && starts[i] == start) {
-                records[i] = day;
-                isFound[i] = true;
-            }
+        for (std::size_t i = 0; i < starts.size(); ++i) {
+            week[i] = starts[i] == start ? day : week[i];
         }
     }
-    return records;
+    return week;
 }
 
 // The earliest dates of all that were added, each once.
@@ -63,15 +62,14 @@ class EarliestDates {
     explicit EarliestDates(std::size_t limit) : limit_(limit) {}
 
     // Whether adding `date`, or any later one, could still change anything.
-    [[nodiscard]] bool wants(WallDate date) const { return date < bound_; }
+    [[nodiscard]] bool wants(WallDate date) const {
+        return date < (dates_.size() < limit_ ? endOfTime : *dates_.rbegin());
+    }
 
     void add(WallDate date) {
         dates_.insert(date);
         if (dates_.size() > limit_) {
             dates_.erase(std::prev(dates_.end()));
-        }
-        if (dates_.size() == limit_) {
-            bound_ = *dates_.rbegin();
         }
     }
 
@@ -80,8 +78,6 @@ class EarliestDates {
   private:
     std::size_t limit_;
     std::set<WallDate> dates_;
-    // All dates before it are wanted.
-    WallDate bound_ = endOfTime;
 };
 
 // Adds what lies from `begin` to `last` of the whole minutes before `runEnd`, and after `from`.
@@ -140,17 +136,8 @@ const Running* WidgetSnapshot::countdown(const State& state) {
 
 WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) const {
     const WallDate dayStart = calendar.startOfDay(date);
-    std::vector<WallDate> dates;
-    dates.reserve(daysInWeek);
-    for (int offset = 1 - daysInWeek; offset <= 0; ++offset) {
-        if (const auto start = calendar.addingDays(offset, dayStart)) {
-            dates.push_back(*start);
-        }
-    }
-    // Outside the calendar's range, where no day can be told from another.
-    const bool hasDays = !dates.empty();
-    std::vector<Day> week = hasDays ? recordsOf(dates, days, calendar) : std::vector<Day>();
-    const Day today = hasDays ? week.back() : Day{dayStart, 0, 0, 0};
+    std::vector<Day> week = weekOf(dayStart, days, calendar);
+    const Day today = week.empty() ? Day{dayStart, 0, 0, 0} : week.back();
     return {.date = date,
             .state = state(date),
             .isRunning = isRunning,

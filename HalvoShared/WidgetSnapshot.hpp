@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -19,11 +18,9 @@ namespace halvo {
 class Calendar;
 struct WidgetMoment;
 
-// The parts of a WidgetSnapshot, known by their names there. Not within it, because a class has no
+// The states of a WidgetSnapshot, known by their names there. Not within it, because a class has no
 // default values before its end, where a variant of its members would need them.
 namespace widget_snapshot {
-
-using JSON::Member;
 
 // How hard a block is to get out of.
 enum class Level { gentle, firm, ultraHard };
@@ -32,17 +29,14 @@ struct Look {
     std::string color;
     std::string symbol;
 
-    bool operator==(const Look&) const = default;
-    static constexpr std::tuple members{Member{"color", &Look::color},
-                                        Member{"symbol", &Look::symbol}};
+    HALVO_RECORD(Look, color, symbol)
 };
 
 struct Unlock {
     std::string name;
     WallDate end;
 
-    bool operator==(const Unlock&) const = default;
-    static constexpr std::tuple members{Member{"name", &Unlock::name}, Member{"end", &Unlock::end}};
+    HALVO_RECORD(Unlock, name, end)
 };
 
 // Something that runs.
@@ -57,15 +51,7 @@ struct Running {
     std::vector<std::string> listNames;
     std::optional<Unlock> unlock;
 
-    bool operator==(const Running&) const = default;
-    static constexpr std::tuple members{Member{"name", &Running::name},
-                                        Member{"names", &Running::names},
-                                        Member{"look", &Running::look},
-                                        Member{"start", &Running::start},
-                                        Member{"end", &Running::end},
-                                        Member{"level", &Running::level},
-                                        Member{"listNames", &Running::listNames},
-                                        Member{"unlock", &Running::unlock}};
+    HALVO_RECORD(Running, name, names, look, start, end, level, listNames, unlock)
 };
 
 // Something that runs later.
@@ -76,11 +62,7 @@ struct Upcoming {
     WallDate end;
     Level level{};
 
-    bool operator==(const Upcoming&) const = default;
-    static constexpr std::tuple members{
-        Member{"name", &Upcoming::name}, Member{"look", &Upcoming::look},
-        Member{"start", &Upcoming::start}, Member{"end", &Upcoming::end},
-        Member{"level", &Upcoming::level}};
+    HALVO_RECORD(Upcoming, name, look, start, end, level)
 };
 
 // A state in which something runs; `number` tells the kinds apart.
@@ -88,8 +70,7 @@ template <int number>
 struct RunningState {
     Running running;
 
-    bool operator==(const RunningState&) const = default;
-    static constexpr std::tuple members{Member{"_0", &RunningState::running}};
+    HALVO_RECORD_WITH_KEYS(RunningState, "_0", running)
 };
 
 using Block = RunningState<0>;
@@ -99,96 +80,26 @@ using FocusFilter = RunningState<2>;
 struct Next {
     Upcoming upcoming;
 
-    bool operator==(const Next&) const = default;
-    static constexpr std::tuple members{Member{"_0", &Next::upcoming}};
+    HALVO_RECORD_WITH_KEYS(Next, "_0", upcoming)
 };
 
 struct NothingScheduled {
-    bool operator==(const NothingScheduled&) const = default;
-    static constexpr std::tuple<> members{};
+    HALVO_RECORD(NothingScheduled)
 };
 
 struct NoBlocks {
-    bool operator==(const NoBlocks&) const = default;
-    static constexpr std::tuple<> members{};
+    HALVO_RECORD(NoBlocks)
 };
 
 using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;
 
-// From `start` on, until the next phase, the state is this.
-struct Phase {
-    WallDate start;
-    State state;
-
-    bool operator==(const Phase&) const = default;
-    static constexpr std::tuple members{Member{"start", &Phase::start},
-                                        Member{"state", &Phase::state}};
-};
-
-// What was done on the day that begins at `start`.
-struct Day {
-    WallDate start;
-    std::int64_t breaths{};
-    std::int64_t minutesBreathed{};
-    std::int64_t stayedOff{};
-
-    bool operator==(const Day&) const = default;
-    static constexpr std::tuple members{
-        Member{"start", &Day::start}, Member{"breaths", &Day::breaths},
-        Member{"minutesBreathed", &Day::minutesBreathed}, Member{"stayedOff", &Day::stayedOff}};
-
-    // Whether nothing was.
-    [[nodiscard]] bool isEmpty() const {
-        return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
-    }
-};
-
-// The settings of the breathing exercise.
-struct Breath {
-    std::string style;
-    std::int64_t minutes{};
-
-    bool operator==(const Breath&) const = default;
-    static constexpr std::tuple members{Member{"style", &Breath::style},
-                                        Member{"minutes", &Breath::minutes}};
-};
-
-struct ListItem {
-    UUID id;
-    std::string name;
-    Look look;
-
-    bool operator==(const ListItem&) const = default;
-    static constexpr std::tuple members{Member{"id", &ListItem::id},
-                                        Member{"name", &ListItem::name},
-                                        Member{"look", &ListItem::look}};
-};
-
-struct BlockItem {
-    UUID id;
-    std::string name;
-    Look look;
-    Level level{};
-    bool isEnabled{};
-    bool isRunning{};
-
-    bool operator==(const BlockItem&) const = default;
-    static constexpr std::tuple members{Member{"id", &BlockItem::id},
-                                        Member{"name", &BlockItem::name},
-                                        Member{"look", &BlockItem::look},
-                                        Member{"level", &BlockItem::level},
-                                        Member{"isEnabled", &BlockItem::isEnabled},
-                                        Member{"isRunning", &BlockItem::isRunning}};
-};
-
 }  // namespace widget_snapshot
 
 template <>
-inline constexpr auto JSON::names<widget_snapshot::Level> =
-    JSON::list("gentle", "firm", "ultraHard");
+inline constexpr std::string_view JSON::names<widget_snapshot::Level> = "gentle, firm, ultraHard";
 template <>
-inline constexpr auto JSON::names<widget_snapshot::State> =
-    JSON::list("block", "focus", "focusFilter", "next", "nothingScheduled", "noBlocks");
+inline constexpr std::string_view JSON::names<widget_snapshot::State> =
+    "block, focus, focusFilter, next, nothingScheduled, noBlocks";
 
 // A schedule as phases, what was done on recent days, and the person's lists and blocks. A value.
 struct WidgetSnapshot {
@@ -212,11 +123,56 @@ struct WidgetSnapshot {
     using NothingScheduled = widget_snapshot::NothingScheduled;
     using NoBlocks = widget_snapshot::NoBlocks;
     using State = widget_snapshot::State;
-    using Phase = widget_snapshot::Phase;
-    using Day = widget_snapshot::Day;
-    using Breath = widget_snapshot::Breath;
-    using ListItem = widget_snapshot::ListItem;
-    using BlockItem = widget_snapshot::BlockItem;
+
+    // From `start` on, until the next phase, the state is this.
+    struct Phase {
+        WallDate start;
+        State state;
+
+        HALVO_RECORD(Phase, start, state)
+    };
+
+    // What was done on the day that begins at `start`.
+    struct Day {
+        WallDate start;
+        std::int64_t breaths{};
+        std::int64_t minutesBreathed{};
+        std::int64_t stayedOff{};
+
+        HALVO_RECORD(Day, start, breaths, minutesBreathed, stayedOff)
+
+        // Whether nothing was.
+        [[nodiscard]] bool isEmpty() const {
+            return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
+        }
+    };
+
+    // The settings of the breathing exercise.
+    struct Breath {
+        std::string style;
+        std::int64_t minutes{};
+
+        HALVO_RECORD(Breath, style, minutes)
+    };
+
+    struct ListItem {
+        UUID id;
+        std::string name;
+        Look look;
+
+        HALVO_RECORD(ListItem, id, name, look)
+    };
+
+    struct BlockItem {
+        UUID id;
+        std::string name;
+        Look look;
+        Level level{};
+        bool isEnabled{};
+        bool isRunning{};
+
+        HALVO_RECORD(BlockItem, id, name, look, level, isEnabled, isRunning)
+    };
 
     WallDate writtenAt;
     // Whether anything runs, as the app has it.
@@ -232,17 +188,8 @@ struct WidgetSnapshot {
     std::vector<ListItem> lists;
     std::vector<BlockItem> blocks;
 
-    bool operator==(const WidgetSnapshot&) const = default;
-    static constexpr std::tuple members{JSON::Member{"writtenAt", &WidgetSnapshot::writtenAt},
-                                        JSON::Member{"isRunning", &WidgetSnapshot::isRunning},
-                                        JSON::Member{"blockCount", &WidgetSnapshot::blockCount},
-                                        JSON::Member{"phases", &WidgetSnapshot::phases},
-                                        JSON::Member{"horizon", &WidgetSnapshot::horizon},
-                                        JSON::Member{"days", &WidgetSnapshot::days},
-                                        JSON::Member{"breathe", &WidgetSnapshot::breathe},
-                                        JSON::Member{"focusMinutes", &WidgetSnapshot::focusMinutes},
-                                        JSON::Member{"lists", &WidgetSnapshot::lists},
-                                        JSON::Member{"blocks", &WidgetSnapshot::blocks}};
+    HALVO_RECORD(WidgetSnapshot, writtenAt, isRunning, blockCount, phases, horizon, days, breathe,
+                 focusMinutes, lists, blocks)
 
     static constexpr const char* fileName = "widgets.json";
 

@@ -3,7 +3,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -27,16 +26,11 @@ fs::path pathIn(const char* name) {
 // The home folder of the account that this process runs as; the root folder when it has none.
 fs::path homeOfAccount() {
     // Far more than any line of passwd(5) has.
-    constexpr std::size_t limit = std::size_t{1} << 20U;
-    for (std::vector<char> buffer(1024); buffer.size() <= limit; buffer.resize(buffer.size() * 2)) {
-        passwd entry{};
-        passwd* found = nullptr;
-        const int error = getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found);
-        if (error != ERANGE) {
-            return found != nullptr && *entry.pw_dir == '/' ? entry.pw_dir : "/";
-        }
-    }
-    return "/";
+    std::vector<char> buffer(std::size_t{1} << 20U);
+    passwd entry{};
+    passwd* found = nullptr;
+    getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found);
+    return found != nullptr && *entry.pw_dir == '/' ? entry.pw_dir : "/";
 }
 
 // Where the apps of the user keep their data, by the XDG Base Directory rules.

@@ -2,34 +2,42 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
+#include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <expected>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <ranges>
 #include <system_error>
+#include <utility>
 #include <variant>
 
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/AppGroup.hpp"
+#include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/HalvoLink.hpp"
-#include "HalvoShared/InternetDate.hpp"
-#include "tools/HalvoRecords/Record.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "HalvoShared/KeepAliveState.hpp"
+#include "HalvoShared/RFC3339.hpp"
+#include "HalvoShared/WidgetSnapshot.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::records {
 namespace {
 
 namespace ExitStatus = tools::ExitStatus;
 
-constexpr const char* exitStatus = R"(
-Exit status: 0 when all is fine, 1 when a file is not what it should be (missing,
-damaged), 64 after a usage error, 71 when memory ran out, 74 when the output could
-not be written.)";
+using Json = nlohmann::ordered_json;
+using Record = std::variant<KeepAliveState, WidgetSnapshot>;
+
+// Stands for standard input among the names of files.
+constexpr const char* standardInput = "-";
 
 // What the words say, and what has come of them.
 struct Call {
@@ -39,9 +47,8 @@ struct Call {
     std::istream& input;
     // To the second, so that a date which was printed, given as --from, prints the same again.
     WallDate now;
-    // The files or URLs before "--" and after it, then the options.
+    // The files or URLs, then the options.
     std::vector<std::string> operands;
-    std::vector<std::string> operandsAfterOptions;
     std::string kind;
     GregorianCalendar calendar = GregorianCalendar::system();
     std::optional<std::string> group;
@@ -50,8 +57,9 @@ struct Call {
     std::optional<std::string> style;
     std::optional<std::int64_t> minutes;
     std::optional<std::string> scheme;
-    TimelineRequest timeline{.from = now};
+    WallDate from = now;
     std::int64_t span = 3600;
+    std::size_t limit = 60;
     tools::Outcome outcome;
 
     void fail(const std::string& problem) {
@@ -79,10 +87,82 @@ std::vector<std::string> filesOf(const Call& call, const std::vector<std::string
     return files;
 }
 
+// What messages call `file`.
+std::string title(const std::string& file) {
+    return file == standardInput ? "standard input" : printable(file);
+}
+
+std::expected<std::string, std::string> readAll(std::istream& input) {
+    std::string bytes(shared_file::sizeLimit + 1, '\0');
+    input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(input.gcount()));
+    if (input.bad() || bytes.size() > shared_file::sizeLimit) {
+        return std::unexpected(title(standardInput) + (input.bad()
+                                                           ? ": This cannot be read"
+                                                           : ": This is longer than any record"));
+    }
+    return bytes;
+}
+
+template <class T>
+std::expected<Record, std::string> decodeAs(const std::string& bytes, const std::string& file) {
+    auto record = JSON::decode<T>(bytes);
+    if (!record) {
+        return std::unexpected(title(file) + ": " + printable(JSON::description(record.error())));
+    }
+    return *std::move(record);
+}
+
+// Reads the record in `file` as SharedFile does. Fails with a line that begins with the file's
+// title and ends without a full stop: "widgets.json: phases[3].start: ...".
+std::expected<Record, std::string> load(const Call& call, const std::string& file) {
+    const std::string name =
+        call.kind.empty() ? file.substr(file.rfind('/') + 1) : call.kind + ".json";
+    const bool isKeepAlive = name == KeepAliveState::fileName;
+    if (!isKeepAlive && name != WidgetSnapshot::fileName) {
+        return std::unexpected(title(file) +
+                               ": The name does not tell which record this is; --kind does");
+    }
+    const auto bytes = file == standardInput ? readAll(call.input) : shared_file::load(file);
+    if (!bytes) {
+        return std::unexpected(printable(bytes.error()));
+    }
+    return isKeepAlive ? decodeAs<KeepAliveState>(*bytes, file)
+                       : decodeAs<WidgetSnapshot>(*bytes, file);
+}
+
+// The kind of the record and how much it holds: "a widget snapshot of 1 phase, 2 days, ...".
+std::string summary(const Record& record) {
+    if (const auto* state = std::get_if<KeepAliveState>(&record)) {
+        return "a keep-alive state of process " + std::to_string(state->pid);
+    }
+    const auto& snapshot = std::get<WidgetSnapshot>(record);
+    return "a widget snapshot of " + counted(snapshot.phases.size(), "phase") + ", " +
+           counted(snapshot.days.size(), "day") + ", " + counted(snapshot.lists.size(), "list") +
+           " and " + counted(snapshot.blocks.size(), "block");
+}
+
+// The record's JSON over several lines; with `clocks`, the time on these follows each date:
+// "2026-11-20T09:00:00Z (2026-11-20 10:00:00 +01:00)".
+std::string asJSON(const Record& record, const GregorianCalendar* clocks = nullptr) {
+    // What was decoded can be encoded: that fails only for what no JSON can have given.
+    const std::string text =
+        std::visit([](const auto& value) { return *JSON::encode(value); }, record);
+    const auto addLocalTime = [clocks](int /*depth*/, Json::parse_event_t event, Json& value) {
+        auto* held = event == Json::parse_event_t::value ? value.get_ptr<std::string*>() : nullptr;
+        const auto date = held != nullptr ? RFC3339::parse(*held) : std::nullopt;
+        if (date && clocks != nullptr) {
+            *held += " (" + zonedDate(*date, *clocks) + ")";
+        }
+        return true;
+    };
+    return indented(Json::parse(text, addLocalTime).dump());
+}
+
 void show(Call& call) {
     std::string& output = call.outcome.output;
     for (const auto& file : filesOf(call, {KeepAliveState::fileName, WidgetSnapshot::fileName})) {
-        const auto record = load(file, call.kind, call.input);
+        const auto record = load(call, file);
         if (!record) {
             call.fail(record.error());
         } else if (call.isJSON) {
@@ -94,6 +174,63 @@ void show(Call& call) {
     }
 }
 
+// What a state shows: a run, or what comes next.
+struct Shown {
+    std::string name;
+    std::optional<WallDate> end;
+};
+
+std::optional<Shown> shownIn(const WidgetSnapshot::State& state) {
+    return std::visit(
+        [](const auto& chosen) -> std::optional<Shown> {
+            if constexpr (requires { chosen.running; }) {
+                return Shown{chosen.running.name, chosen.running.end};
+            } else if constexpr (requires { chosen.upcoming; }) {
+                return Shown{chosen.upcoming.name, chosen.upcoming.end};
+            } else {
+                return std::nullopt;
+            }
+        },
+        state);
+}
+
+std::string at(const char* list, std::size_t index) {
+    return std::string(list) + "[" + std::to_string(index) + "]";
+}
+
+// What can be read and is suspicious all the same, in the order of the record's members, which are
+// named as in the messages of load(): "phases[3] starts before phases[2]".
+std::vector<std::string> remarks(const Record& record) {
+    std::vector<std::string> all;
+    const auto* snapshot = std::get_if<WidgetSnapshot>(&record);
+    if (snapshot == nullptr) {
+        return all;
+    }
+    const auto& phases = snapshot->phases;
+    for (std::size_t i = 0; i < phases.size(); ++i) {
+        if (i > 0 && phases[i].start <= phases[i - 1].start) {
+            const bool together = phases[i].start == phases[i - 1].start;
+            all.push_back(at("phases", i) + " starts " + (together ? "together with " : "before ") +
+                          at("phases", i - 1));
+        }
+        const auto shown = shownIn(phases[i].state);
+        if (shown && shown->end && *shown->end < phases[i].start) {
+            all.push_back(at("phases", i) + " shows what ended before it starts");
+        }
+    }
+    if (snapshot->horizon < snapshot->writtenAt) {
+        all.emplace_back("horizon is before writtenAt");
+    }
+    std::map<WallDate, std::size_t> firstWith;
+    for (std::size_t i = 0; i < snapshot->days.size(); ++i) {
+        const auto [first, isNew] = firstWith.emplace(snapshot->days[i].start, i);
+        if (!isNew) {
+            all.push_back(at("days", i) + " has the same start as " + at("days", first->second));
+        }
+    }
+    return all;
+}
+
 void check(Call& call) {
     // Of more remarks on one file only the number is told.
     constexpr std::size_t mostRemarks = 20;
@@ -103,7 +240,7 @@ void check(Call& call) {
     }
     std::string& output = call.outcome.output;
     for (const std::string& file : files) {
-        const auto record = load(file, call.kind, call.input);
+        const auto record = load(call, file);
         if (!record) {
             output += record.error() + "\n";
             call.outcome.status = ExitStatus::problem;
@@ -173,19 +310,75 @@ void links(Call& call) {
     }
 }
 
+// What the state is and of what, without its times: `block "Deep work"`.
+std::string shortText(const WidgetSnapshot::State& state) {
+    constexpr std::array<const char*, std::variant_size_v<WidgetSnapshot::State>> kinds{
+        "block", "focus", "focus filter", "next", "nothing scheduled", "no blocks"};
+    const auto shown = shownIn(state);
+    return kinds.at(state.index()) + (shown ? " " + inQuotes(shown->name) : "");
+}
+
+// Why `date` is in the timeline: "start, phase". `end` is that of the countdown, if there is one.
+std::string reasons(const Call& call, const WidgetSnapshot& snapshot, WallDate date,
+                    std::optional<WallDate> end) {
+    const bool isMinute = end && date > call.from &&
+                          date <= std::min(*end, call.from + std::chrono::seconds{call.span}) &&
+                          std::fmod(Seconds(*end - date).count(), 60) == 0;
+    const auto phase = std::ranges::find(snapshot.phases, date, &WidgetSnapshot::Phase::start);
+    std::string all;
+    for (const auto& [isSo, reason] :
+         {std::pair(date == call.from, "start"), std::pair(phase != snapshot.phases.end(), "phase"),
+          std::pair(call.calendar.startOfDay(date) == date, "midnight"),
+          std::pair(isMinute, "minute")}) {
+        all += isSo ? (all.empty() ? "" : ", ") + std::string(reason) : "";
+    }
+    // What nothing else explains is a minute of a phase that another one overlaps.
+    return all.empty() ? "minute" : all;
+}
+
+// A table with a line for each date: the time, why it is there, what is left, the state.
+std::string timelineText(const Call& call, const WidgetSnapshot& snapshot,
+                         const std::vector<WallDate>& dates, WallDate reload) {
+    std::vector<std::vector<std::string>> rows{{"DATE", "WHY", "LEFT", "STATE"}};
+    for (const WallDate date : dates) {
+        const auto state = snapshot.state(date);
+        const auto* running = WidgetSnapshot::countdown(state);
+        const auto end = running == nullptr ? std::nullopt : running->end;
+        rows.push_back({zonedDate(date, call.calendar), reasons(call, snapshot, date, end),
+                        end ? countdown(*end - date) : "-", shortText(state)});
+    }
+    rows.push_back({zonedDate(reload, call.calendar), "reload"});
+    return table(rows, "");
+}
+
+// Each date as in the records, or null where the records have no text for it.
+std::string timelineJSON(const std::vector<WallDate>& dates, WallDate reload) {
+    const auto inJSON = [](WallDate date) {
+        std::string text;
+        return RFC3339::append(date, text) ? Json(text) : Json();
+    };
+    Json object{{"dates", Json::array()}, {"reload", inJSON(reload)}};
+    std::ranges::transform(dates, std::back_inserter(object["dates"]), inJSON);
+    return object.dump(2) + "\n";
+}
+
 void timeline(Call& call) {
     const auto files = filesOf(call, {WidgetSnapshot::fileName});
     if (files.size() > 1) {
         throw CLI::ExtrasError({files[1]});
     }
-    const auto record = load(files.front(), "widgets", call.input);
+    call.kind = "widgets";
+    const auto record = load(call, files.front());
     if (!record) {
         call.fail(record.error());
         return;
     }
-    call.timeline.countdownSpan = std::chrono::seconds{call.span};
-    call.outcome.output = (call.isJSON ? timelineJSON : timelineText)(
-        std::get<WidgetSnapshot>(*record), call.timeline, call.calendar);
+    const auto& snapshot = std::get<WidgetSnapshot>(*record);
+    const auto dates = snapshot.timelineDates(call.from, call.calendar,
+                                              std::chrono::seconds{call.span}, call.limit);
+    const WallDate reload = snapshot.reloadDate(dates, call.from);
+    call.outcome.output =
+        call.isJSON ? timelineJSON(dates, reload) : timelineText(call, snapshot, dates, reload);
 }
 
 // What follows declares the words of the commands.
@@ -234,13 +427,13 @@ void addLinkOptions(CLI::App& command, Call& call) {
 
 void addTimelineOptions(CLI::App& command, Call& call) {
     const auto readFrom = [&call](const std::string& word) -> std::expected<WallDate, std::string> {
-        if (const auto date = word == "now" ? call.now : InternetDate::parse(word)) {
+        if (const auto date = word == "now" ? call.now : RFC3339::parse(word)) {
             return *date;
         }
         return std::unexpected("Expected a date such as 2026-11-20T09:30:00Z, or now, found '" +
                                word + "'");
     };
-    addRead(command, "--from", "DATE", call.timeline.from, readFrom,
+    addRead(command, "--from", "DATE", call.from, readFrom,
             "from when on: 2026-11-20T09:30:00Z or now, which it is else");
     // A hundred years: more than any countdown, and still few enough seconds.
     constexpr std::int64_t longestSpan = 3155760000;
@@ -253,43 +446,56 @@ void addTimelineOptions(CLI::App& command, Call& call) {
         ->check(CLI::Range(std::int64_t{0}, longestSpan).description(""))
         ->type_name("SPAN");
     constexpr std::size_t mostDates = 10000;
-    command
-        .add_option("--limit", call.timeline.limit,
-                    "at most so many dates, from 1 to 10000; else 60")
+    command.add_option("--limit", call.limit, "at most so many dates, from 1 to 10000; else 60")
         ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
         ->type_name("N");
 }
 
-// A command with its operands, and what --help says after its options.
-struct Command {
-    const char* name;
-    const char* help;
-    void (*action)(Call&);
-    const char* operand;
-    const char* operandHelp;
-    std::string more;
-    bool hasKind;
-    // Whether it prints dates, and of the app group's own files where none is named.
-    bool hasZoneAndGroup;
-    // What --json prints; null for a command without it.
-    const char* jsonHelp;
-    void (*addOptions)(CLI::App&, Call&);
-};
+void addZoneAndGroup(CLI::App& command, Call& call) {
+    addRead(command, "--zone", "ZONE", call.calendar, GregorianCalendar::named,
+            "the zone of the days and of local times, such as\nEurope/Berlin; else the system's");
+    command
+        .add_option("--group", call.group,
+                    "the app group whose folder is meant, when no FILE is named")
+        ->type_name("GROUP");
+}
 
-const std::vector<Command>& commands() {
-    static const std::vector<Command> all{
-        {"show", "Prints records as JSON.", show, "FILE",
-         "the records; else both in the app group's folder, or the one of\n--kind",
-         R"(Members that the app does not know are left out.
+void addKind(CLI::App& command, Call& call) {
+    command.add_option("--kind", call.kind, "which record it is: keepalive or widgets")
+        ->check(CLI::IsMember({"keepalive", "widgets"}).description(""))
+        ->type_name("KIND");
+}
+
+void addJSON(CLI::App& command, Call& call, const std::string& help) {
+    command.add_flag("--json", call.isJSON, help)->disable_flag_override();
+}
+
+constexpr const char* exitStatus = R"(
+Exit status: 0 when all is fine, 1 when a file is not what it should be (missing,
+damaged), 64 after a usage error, 71 when memory ran out, 74 when the output could
+not be written.)";
+
+constexpr const char* programFooter =
+    R"(A FILE is named keepalive.json or widgets.json, or --kind tells which record it
+is. "-" is standard input. "--" ends the options.
+
+Examples:
+  halvo-records show
+  halvo-records check ~/.local/share/*/widgets.json
+  halvo-records link 'halvo://breathe?style=box&minutes=5'
+  halvo-records timeline widgets.json --zone Europe/Berlin
+)";
+
+constexpr const char* showFooter = R"(Members that the app does not know are left out.
 
 Examples:
   halvo-records show --group com.example.app
   halvo-records show widgets.json --zone UTC
   ssh laptop cat widgets.json | halvo-records show - --kind widgets
-)",
-         true, true, "the JSON alone, without titles and local times", nullptr},
-        {"check", "Says of each FILE whether it is a record.", check, "FILE", "at least one",
-         R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
+)";
+
+constexpr const char* checkFooter =
+    R"(Prints a line for each FILE: which record it holds, or where it is wrong. What
 can be read and is suspicious all the same follows as remarks, which do not change
 the exit status: phases that are not in order, runs that end before their phase
 starts, a horizon before the writing, two days with the same start.
@@ -297,58 +503,22 @@ starts, a horizon before the writing, two days with the same start.
 Examples:
   halvo-records check keepalive.json widgets.json
   halvo-records check backup.json --kind widgets
-)",
-         true, false, nullptr, nullptr},
-        {"link", "Says what deep links lead to, or prints one.", links, "URL",
-         "a text that leads nowhere leads to main", R"(Examples:
+)";
+
+constexpr const char* linkFooter = R"(Examples:
   halvo-records link 'halvo://breathe?style=box&minutes=5'
   halvo-records link --to breathe --style box --minutes 5
-)",
-         false, false, "one object on a line for each URL", addLinkOptions},
-        {"timeline", "Prints the dates at which a widget's picture changes.", timeline, "FILE",
-         "one widget snapshot; else the app group's own",
-         R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
+)";
+
+constexpr const char* timelineFooter =
+    R"(Prints a line for each date, and when to ask for a new timeline. WHY is any of
 start (what was asked for), phase (one begins), midnight (a day begins), minute (of
 a countdown); LEFT is what a block or focus still counts down.
 
 Examples:
   halvo-records timeline --span 15m
   halvo-records timeline widgets.json --from 2026-11-20T09:30:00Z --zone UTC
-)",
-         false, true, R"(an object with the list "dates" and with "reload")", addTimelineOptions}};
-    return all;
-}
-
-void add(const Command& command, CLI::App& app, Call& call) {
-    CLI::App& added = *app.add_subcommand(command.name, command.help);
-    added.add_option(command.operand, call.operands, command.operandHelp)->type_name("");
-    if (command.hasKind) {
-        added.add_option("--kind", call.kind, "which record it is: keepalive or widgets")
-            ->check(CLI::IsMember({"keepalive", "widgets"}).description(""))
-            ->type_name("KIND");
-    }
-    if (command.addOptions != nullptr) {
-        command.addOptions(added, call);
-    }
-    if (command.hasZoneAndGroup) {
-        addRead(
-            added, "--zone", "ZONE", call.calendar, GregorianCalendar::named,
-            "the zone of the days and of local times, such as\nEurope/Berlin; else the system's");
-        added
-            .add_option("--group", call.group,
-                        "the app group whose folder is meant, when no FILE is named")
-            ->type_name("GROUP");
-    }
-    if (command.jsonHelp != nullptr) {
-        added.add_flag("--json", call.isJSON, command.jsonHelp)->disable_flag_override();
-    }
-    added.footer(command.more + exitStatus);
-    added.callback([&call, action = command.action] {
-        const auto& after = call.operandsAfterOptions;
-        call.operands.insert(call.operands.end(), after.begin(), after.end());
-        action(call);
-    });
-}
+)";
 
 }  // namespace
 
@@ -358,21 +528,42 @@ tools::Outcome run(const std::vector<std::string>& words, std::istream& input, W
                  "halvo-records"};
     app.set_version_flag("--version", std::string("halvo-records ") + version);
     app.require_subcommand(1);
-    app.footer(R"(A FILE is named keepalive.json or widgets.json, or --kind tells which record it
-is. "-" is standard input. "--" ends the options.
-
-Examples:
-  halvo-records show
-  halvo-records check ~/.local/share/*/widgets.json
-  halvo-records link 'halvo://breathe?style=box&minutes=5'
-  halvo-records timeline widgets.json --zone Europe/Berlin
-)" + std::string(exitStatus));
-    for (const Command& command : commands()) {
-        add(command, app, call);
-    }
+    app.footer(std::string(programFooter) + exitStatus);
     // What the parser itself makes of "--" depends on the operands before it.
     const auto end = std::ranges::find(words, "--");
-    call.operandsAfterOptions.assign(end == words.end() ? end : end + 1, words.end());
+    const std::vector<std::string> rest(end == words.end() ? end : end + 1, words.end());
+    const auto add = [&](const char* name, const char* help, void (*action)(Call&),
+                         const char* operand, const char* operandHelp,
+                         const char* footer) -> CLI::App& {
+        CLI::App& command = *app.add_subcommand(name, help);
+        command.add_option(operand, call.operands, operandHelp)->type_name("");
+        command.footer(std::string(footer) + exitStatus);
+        command.callback([&call, &rest, action] {
+            call.operands.insert(call.operands.end(), rest.begin(), rest.end());
+            action(call);
+        });
+        return command;
+    };
+    CLI::App& showing = add("show", "Prints records as JSON.", show, "FILE",
+                            "the records; else both in the app group's folder, or the one of\n"
+                            "--kind",
+                            showFooter);
+    addKind(showing, call);
+    addZoneAndGroup(showing, call);
+    addJSON(showing, call, "the JSON alone, without titles and local times");
+    addKind(add("check", "Says of each FILE whether it is a record.", check, "FILE", "at least one",
+                checkFooter),
+            call);
+    CLI::App& linking = add("link", "Says what deep links lead to, or prints one.", links, "URL",
+                            "a text that leads nowhere leads to main", linkFooter);
+    addLinkOptions(linking, call);
+    addJSON(linking, call, "one object on a line for each URL");
+    CLI::App& planning =
+        add("timeline", "Prints the dates at which a widget's picture changes.", timeline, "FILE",
+            "one widget snapshot; else the app group's own", timelineFooter);
+    addTimelineOptions(planning, call);
+    addZoneAndGroup(planning, call);
+    addJSON(planning, call, R"(an object with the list "dates" and with "reload")");
     return tools::parse(app, {words.begin(), end}).value_or(call.outcome);
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/JSON.hpp"
+#include "HalvoShared/SharedFile.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -38,11 +40,14 @@ using testing::ChildResult;
 using ::testing::HasSubstr;
 using testing::nineOClock;
 using testing::readTestFile;
+using testing::sampleRun;
 using testing::sampleSnapshot;
 using ::testing::StartsWith;
 using testing::writeTestFile;
 using tools::Outcome;
+using S = WidgetSnapshot;
 using Words = std::vector<std::string>;
+using namespace std::string_literals;
 
 const std::string keepAliveFile = HALVO_GOLDEN "/keepalive.json";
 const std::string widgetsFile = HALVO_GOLDEN "/widgets.json";
@@ -186,6 +191,34 @@ TEST(ToolTest, ShowsARecordAsJSON) {
               runWith({"show", widgetsFile, "--json"}));
 }
 
+TEST(ToolTest, ShowsLocalTimesBesideDates) {
+    const Words words{"show", "--kind", "keepalive", "--zone", "Europe/Berlin", "-"};
+    const std::string json =
+        R"({"pid":4711,"appPath":"\u001b]0;x\u0007\u009b\r","clean":false,"ultraHard":false,)"
+        R"("commitmentUntil":"2026-11-20T10:00:00Z","updatedAt":"2026-11-20T10:00:00+01:00"})";
+    EXPECT_EQ(runWith(words, json), fine(R"J(standard input: a keep-alive state of process 4711
+{
+  "appPath": "\u001b]0;x\u0007\u009b\r",
+  "appReleased": false,
+  "bypassNoted": false,
+  "clean": false,
+  "commitmentUntil": "2026-11-20T10:00:00Z (2026-11-20 11:00:00 +01:00)",
+  "pid": 4711,
+  "ultraHard": false,
+  "updatedAt": "2026-11-20T09:00:00Z (2026-11-20 10:00:00 +01:00)"
+}
+)J")) << "and no control character comes through";
+    std::string text = runWith({"show", widgetsFile, "--zone", "Europe/Berlin"}).output;
+    text.erase(0, text.find('\n') + 1);
+    const std::string local = " (2026-11-20 10:10:30 +01:00)";
+    EXPECT_THAT(text, HasSubstr("\"end\": \"2026-11-20T09:10:30Z" + local + "\""));
+    for (std::size_t at = text.find("Z ("); at != std::string::npos; at = text.find("Z (")) {
+        text.erase(at + 1, local.size());
+    }
+    EXPECT_EQ(fine(text), runWith({"show", widgetsFile, "--json"}));
+    EXPECT_EQ(JSON::decode<WidgetSnapshot>(text), sampleSnapshot());
+}
+
 TEST(ToolTest, ShowsTheFilesOfAGroupAndMakesNone) {
     const testing::TemporaryFolder folder;
     setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
@@ -212,31 +245,122 @@ TEST(ToolTest, ShowsTheFilesOfAGroupAndMakesNone) {
     unsetenv("XDG_DATA_HOME");
 }
 
-TEST(ToolTest, SaysWhereAFileIsWrongAndChecksTheOthers) {
-    EXPECT_EQ(runWith({"check", "-", "--kind", "keepalive", keepAliveFile}, R"({"pid":"x"})"),
-              (Outcome{ExitStatus::problem,
-                       "standard input: pid: Expected a whole number of 32 bits, found \"x\"\n" +
-                           keepAliveFile + ": fine, a keep-alive state of process 4711\n",
-                       ""}));
+// What `check` says of `file`, or of standard input, without the end of the line.
+std::string checked(const std::string& file, const std::string& kind,
+                    const std::string& input = "") {
+    Words words{"check", file};
+    if (!kind.empty()) {
+        words.insert(words.end(), {"--kind", kind});
+    }
+    std::string output = runWith(words, input).output;
+    return output.substr(0, output.find('\n'));
 }
 
-TEST(ToolTest, RemarksOnWhatIsSuspiciousWithoutFailingOrEnd) {
-    WidgetSnapshot snapshot = sampleSnapshot();
-    snapshot.days.assign(23, snapshot.days.front());
-    std::string output =
-        "standard input: fine, a widget snapshot of 6 phases, 23 days, 1 list and 1 block\n";
-    for (int i = 1; i <= 20; ++i) {
-        output += "standard input: remark: days[" + std::to_string(i) +
-                  "] has the same start as days[0]\n";
-    }
-    const auto check = [&snapshot] {
-        return runWith({"check", "-", "--kind", "widgets"}, JSON::encode(snapshot).value());
+TEST(ToolTest, ReadsARecordAsTheNameOfItsFileOrThePersonSays) {
+    const testing::TemporaryFolder folder;
+    const std::string keepAlive = readTestFile(keepAliveFile);
+    const std::string widgets = readTestFile(widgetsFile);
+    const std::string state = "fine, a keep-alive state of process 4711";
+    const std::string snapshot = "fine, a widget snapshot of 6 phases, 2 days, 1 list and 1 block";
+    const std::string unknownName = "The name does not tell which record this is; --kind does";
+
+    const struct {
+        std::string name;
+        std::string kind;
+        std::string bytes;
+        std::string said;
+    } rows[] = {
+        {"widgets.json", "", widgets, snapshot},
+        {"keepalive.json", "", keepAlive, state},
+        {"backup", "widgets", widgets, snapshot},
+        {"widgets.json", "keepalive", keepAlive, state},
+        {"keepalive.json", "", widgets, "pid: This is missing"},
+        {"widgets.json", "keepalive", widgets, "pid: This is missing"},
+        {"widgets.json", "", "{}", "writtenAt: This is missing"},
+        {"widgets.json", "", JSON::encode(WidgetSnapshot()).value(),
+         "fine, a widget snapshot of 0 phases, 0 days, 0 lists and 0 blocks"},
+        {"keepalive.json", "keepalive", "{\"pid\":\"\xC2\x9B\"}",
+         R"(pid: Expected a whole number of 32 bits, found "\u009b")"},
+        {"backup", "", widgets, unknownName},
+        {"my-widgets.json", "", widgets, unknownName},
+        {"widgets.json.old", "", widgets, unknownName},
+        {"Widgets.json", "", widgets, unknownName},
     };
-    EXPECT_EQ(check(), fine(output + "standard input: and 2 more remarks\n"));
-    snapshot.days.resize(22);
-    EXPECT_THAT(check().output, ::testing::EndsWith("and 1 more remark\n"));
-    snapshot.days.resize(21);
-    EXPECT_THAT(check().output, ::testing::EndsWith("days[20] has the same start as days[0]\n"));
+
+    for (const auto& [name, kind, bytes, said] : rows) {
+        const std::string file = folder / name;
+        writeTestFile(file, bytes);
+        EXPECT_EQ(checked(file, kind), file + ": " + said);
+        EXPECT_EQ(checked("-", kind, bytes),
+                  "standard input: " + (kind.empty() ? unknownName : said));
+    }
+}
+
+TEST(ToolTest, SaysWhyAFileIsNoRecord) {
+    const testing::TemporaryFolder folder;
+    const std::string file = folder / "widgets.json";
+    EXPECT_EQ(checked(file, ""), file + ": No such file or directory");
+    EXPECT_EQ(checked(folder.path(), "widgets"), folder.path() + ": Invalid argument");
+    EXPECT_EQ(checked("no\x1B[2J\xFF", "widgets"), "no\\u001b[2J\\xff: No such file or directory");
+    std::string bytes = readTestFile(widgetsFile);
+    bytes.resize(shared_file::sizeLimit, ' ');
+    EXPECT_THAT(checked("-", "widgets", bytes), StartsWith("standard input: fine, "));
+    EXPECT_EQ(checked("-", "widgets", bytes + ' '),
+              "standard input: This is longer than any record");
+}
+
+// What `check` prints of `snapshot` after the line that sums it up.
+std::string remarksOn(const S& snapshot) {
+    const Outcome outcome =
+        runWith({"check", "-", "--kind", "widgets"}, JSON::encode(snapshot).value());
+    EXPECT_EQ(outcome.status, ExitStatus::fine);
+    return outcome.output.substr(outcome.output.find('\n') + 1);
+}
+
+TEST(ToolTest, RemarksOnWhatIsSuspiciousWithoutFailing) {
+    const std::string remark = "standard input: remark: ";
+    const std::string isOver = remark + "phases[0] shows what ended before it starts\n";
+    const WallDate early = nineOClock - Seconds{1};
+    const S::Running over = sampleRun(early);
+    const S::Upcoming missed{"", std::nullopt, early, early, S::Level::firm};
+
+    const std::pair<std::vector<S::Phase>, std::string> rows[] = {
+        {{}, ""},
+        {sampleSnapshot().phases, ""},
+        {{{nineOClock, S::NoBlocks{}}, {early, S::NoBlocks{}}, {early, S::NothingScheduled{}}},
+         remark + "phases[1] starts before phases[0]\n" + remark +
+             "phases[2] starts together with phases[1]\n"},
+        {{{nineOClock, S::Block{over}}}, isOver},
+        {{{nineOClock, S::Focus{over}}}, isOver},
+        {{{nineOClock, S::FocusFilter{over}}}, isOver},
+        {{{nineOClock, S::Next{missed}}}, isOver},
+        {{{nineOClock, S::Block{sampleRun(nineOClock)}}}, ""}};
+    S snapshot = sampleSnapshot();
+    for (const auto& [phases, remarks] : rows) {
+        snapshot.phases = phases;
+        EXPECT_EQ(remarksOn(snapshot), remarks);
+    }
+    snapshot.horizon = snapshot.writtenAt;
+    EXPECT_EQ(remarksOn(snapshot), "");
+    snapshot.horizon = snapshot.writtenAt - Seconds{1};
+    std::string all = remark + "horizon is before writtenAt\n";
+    for (int i = 1; i < 20; ++i) {
+        all += remark + "days[" + std::to_string(i) + "] has the same start as days[0]\n";
+    }
+    for (const auto& [days, rest] : {std::pair{20, ""s},
+                                     {21, "standard input: and 1 more remark\n"},
+                                     {22, "standard input: and 2 more remarks\n"}}) {
+        snapshot.days.assign(static_cast<std::size_t>(days), sampleSnapshot().days.front());
+        EXPECT_EQ(remarksOn(snapshot), all + rest);
+    }
+}
+
+TEST(ToolTest, SaysWhereAFileIsWrongAndChecksTheOthers) {
+    EXPECT_EQ(runWith({"check", "-", "--kind", "keepalive", keepAliveFile}, "{}"),
+              (Outcome{ExitStatus::problem,
+                       "standard input: pid: This is missing\n" + keepAliveFile +
+                           ": fine, a keep-alive state of process 4711\n",
+                       ""}));
 }
 
 TEST(ToolTest, SaysWhatLinksLeadTo) {
@@ -281,20 +405,79 @@ TEST(ToolTest, PrintsLinks) {
     }
 }
 
+// What the timeline command prints for `snapshot`, in UTC unless told otherwise.
+std::string timelineOf(const S& snapshot, const Words& options) {
+    Words words{"timeline", "-"};
+    words.insert(words.end(), options.begin(), options.end());
+    if (std::ranges::count(options, "--zone") == 0) {
+        words.insert(words.end(), {"--zone", "UTC"});
+    }
+    return runWith(words, JSON::encode(snapshot).value()).output;
+}
+
+TEST(ToolTest, SaysWhyEachDateIsInATimeline) {
+    constexpr Seconds minute{60};
+    const WallDate midnight = nineOClock + minute * 15 * 60;
+
+    const struct {
+        std::vector<S::Phase> phases;
+        Words options;
+        std::string reasons;
+    } rows[] = {{sampleSnapshot().phases,
+                 {"--from", "2026-11-20T10:00:00Z", "--span", "0", "--zone", "Asia/Tokyo"},
+                 "WHY|start, phase|phase|midnight|phase|phase|reload|"},
+                {{{midnight - minute * 2, S::Block{sampleRun(midnight + minute)}},
+                  {midnight + minute, S::NothingScheduled{}}},
+                 {"--from", "2026-11-20T23:58:00Z"},
+                 "WHY|start, phase|minute|midnight, minute|phase|reload|"},
+                // No minutes past the span.
+                {{{nineOClock, S::Block{sampleRun(midnight + minute)}}},
+                 {"--span", "1m"},
+                 "WHY|start, phase|minute|midnight|reload|"},
+                // A minute of a phase that another one overlaps.
+                {{{nineOClock, S::Block{sampleRun(nineOClock + minute * 3)}},
+                  {nineOClock + minute * 2, S::NothingScheduled{}},
+                  {nineOClock - minute, S::NoBlocks{}}},
+                 {},
+                 "WHY|start, phase|minute|phase|midnight|reload|"}};
+
+    for (const auto& row : rows) {
+        S snapshot = sampleSnapshot();
+        snapshot.phases = row.phases;
+        std::istringstream lines(timelineOf(snapshot, row.options));
+        std::string reasons;
+        for (std::string line; std::getline(lines, line);) {
+            // The second column: after the date, which is of 26 characters but in the heading.
+            const std::string why = line.substr(28);
+            reasons += why.substr(0, why.find("  ")) + "|";
+        }
+        EXPECT_EQ(reasons, row.reasons);
+    }
+}
+
 TEST(ToolTest, PrintsATimelineFromTheSecondThatNowLiesIn) {
-    EXPECT_EQ(runWith({"timeline", widgetsFile, "--zone", "UTC", "--limit", "2", "--from",
-                       "2026-11-20T10:09:00+01:00"}),
-              fine(R"(DATE                        WHY     LEFT  STATE
-2026-11-20 09:09:00 +00:00  start   1:30  block "Deep work"
-2026-11-20 09:09:30 +00:00  minute  1:00  block "Deep work"
-2026-11-20 09:09:30 +00:00  reload
-)"));
+    const Words options{"--from",       "2026-11-20T10:09:00+01:00", "--span", "2m", "--zone",
+                        "Europe/Berlin"};
+    EXPECT_EQ(timelineOf(sampleSnapshot(), options),
+              R"(DATE                        WHY       LEFT   STATE
+2026-11-20 10:09:00 +01:00  start     1:30   block "Deep work"
+2026-11-20 10:09:30 +01:00  minute    1:00   block "Deep work"
+2026-11-20 10:10:30 +01:00  phase     49:30  focus "Deep work"
+2026-11-20 10:11:00 +01:00  minute    49:00  focus "Deep work"
+2026-11-20 11:00:00 +01:00  phase     -      focus filter "Deep work"
+2026-11-20 12:00:00 +01:00  phase     -      next "Evening \"off\"\n\\ ☾"
+2026-11-20 22:00:00 +01:00  phase     -      nothing scheduled
+2026-11-20 23:53:20 +01:00  phase     -      no blocks
+2026-11-21 00:00:00 +01:00  midnight  -      no blocks
+2026-11-21 00:00:00 +01:00  reload
+)");
     const std::string dates =
         R"({"dates":["2026-11-20T09:00:00Z","2026-11-20T09:00:30Z"],"reload":"2026-11-20T09:00:30Z"})";
     EXPECT_EQ(datesOf({"--limit", "2"}), dates);
     EXPECT_EQ(datesOf({"--limit", "2", "--from", "now"}), dates);
-    EXPECT_EQ(runWith({"timeline", "-", "--json"}, readTestFile(widgetsFile)),
-              runWith({"timeline", widgetsFile, "--json"}));
+    EXPECT_EQ(timelineOf({}, {"--from", "9999-12-31T23:59:59Z", "--json"}),
+              "{\n  \"dates\": [\n    \"9999-12-31T23:59:59Z\"\n  ],\n  \"reload\": null\n}\n")
+        << "the records have no text for a later date";
     EXPECT_EQ(runWith({"timeline", keepAliveFile}),
               (Outcome{ExitStatus::problem, "",
                        "halvo-records: " + keepAliveFile + ": writtenAt: This is missing\n"}));

@@ -1,10 +1,10 @@
-#include "HalvoShared/InternetDate.hpp"
+#include "HalvoShared/RFC3339.hpp"
 
 #include <algorithm>
 #include <cstddef>
 #include <utility>
 
-namespace halvo::InternetDate {
+namespace halvo::RFC3339 {
 namespace {
 
 using namespace std::chrono;
@@ -79,4 +79,4 @@ std::optional<WallDate> parse(std::string_view text) {
     return instant < first || instant > last ? std::nullopt : std::optional(WallDate{instant});
 }
 
-}  // namespace halvo::InternetDate
+}  // namespace halvo::RFC3339

@@ -1,15 +1,15 @@
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "HalvoPlatform/Paths.hpp"
-#include "HalvoShared/InternetDate.hpp"
+#include "HalvoShared/RFC3339.hpp"
 
 namespace halvo::records {
 namespace {
@@ -23,38 +23,27 @@ bool isObeyed(char32_t code) {
            isIn(0x2028, 0x202E) || isIn(0x2066, 0x2069) || code == 0xFEFF;
 }
 
-// The character with which a text begins, or where it begins with none a byte.
-struct First {
-    std::size_t length;
-    bool isText;
-    unsigned code;
-};
-
-First firstOf(std::string_view text) {
-    std::size_t length = 1;
-    while (length < 4 && !isUTF8(text.substr(0, length))) {
-        ++length;
-    }
-    const bool isText = isUTF8(text.substr(0, length));
-    length = isText ? length : 1;
-    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
-    unsigned code = static_cast<unsigned char>(text.front()) & (isText ? 0xFFU >> length : 0xFFU);
-    for (const char byte : text.substr(1, length - 1)) {
-        code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
-    }
-    return {length, isText, code};
-}
-
 // `text` with what is obeyed and what is no text escaped, the characters of `kept` as they are, and
 // those of `marked` behind a backslash.
 std::string escaped(std::string_view text, std::string_view kept, std::string_view marked) {
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
-        const auto [length, isText, code] = firstOf(text);
-        const char lead = text.front();
+        // The first character, or where the text begins with none the first byte.
+        std::size_t length = 1;
+        while (length < 4 && !isUTF8(text.substr(0, length))) {
+            ++length;
+        }
+        const bool isText = isUTF8(text.substr(0, length));
+        const std::string_view first = text.substr(0, isText ? length : 1);
+        const char lead = first.front();
+        // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
+        unsigned code = static_cast<unsigned char>(lead) & (isText ? 0xFFU >> length : 0xFFU);
+        for (const char byte : first.substr(1)) {
+            code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
+        }
         if (kept.contains(lead) || (isText && !isObeyed(code))) {
-            result.append(marked.contains(lead) ? "\\" : "").append(text.substr(0, length));
+            result.append(marked.contains(lead) ? "\\" : "").append(first);
         } else if (code == '\n' || code == '\t') {
             result += code == '\n' ? "\\n" : "\\t";
         } else {
@@ -62,7 +51,7 @@ std::string escaped(std::string_view text, std::string_view kept, std::string_vi
             std::snprintf(escape.data(), escape.size(), isText ? "\\u%04x" : "\\x%02x", code);
             result += escape.data();
         }
-        text.remove_prefix(length);
+        text.remove_prefix(first.size());
     }
     return result;
 }
@@ -74,13 +63,11 @@ std::size_t widthOf(std::string_view text) {
 
 // "+01:00", and with seconds where there are any, as before there were time zones.
 std::string offsetText(std::int64_t offset) {
-    const std::chrono::hh_mm_ss time{std::chrono::seconds{offset}};
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%c%02jd:%02jd:%02jd", time.is_negative() ? '-' : '+',
-                  intmax_t{time.hours().count()}, intmax_t{time.minutes().count()},
-                  intmax_t{time.seconds().count()});
-    const std::string_view result = text.data();
-    return std::string(time.seconds().count() == 0 ? result.substr(0, result.size() - 3) : result);
+    const intmax_t span = std::abs(offset);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%c%02jd:%02jd:%02jd", offset < 0 ? '-' : '+',
+                  span / 3600, span / 60 % 60, span % 60);
+    return {text.data(), span % 60 == 0 ? std::size_t{6} : std::size_t{9}};
 }
 
 }  // namespace
@@ -102,20 +89,21 @@ std::string countdown(Seconds span) {
     // More than any date of a record, and few enough seconds to count.
     constexpr double farthest = 1e12;
     const bool isCounted = span.count() > 0 && span.count() < farthest;
-    const std::chrono::hh_mm_ss left{
-        std::chrono::seconds{isCounted ? wholeSeconds(Seconds{std::ceil(span.count())}) : 0}};
+    const intmax_t left = isCounted ? wholeSeconds(Seconds{std::ceil(span.count())}) : 0;
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%jd:%02jd:%02jd", intmax_t{left.hours().count()},
-                  intmax_t{left.minutes().count()}, intmax_t{left.seconds().count()});
-    const std::string result = text.data();
-    // Below an hour, without the hours and a zero in front.
-    return left.hours().count() > 0 ? result : result.substr(result[2] == '0' ? 3 : 2);
+    if (left < 3600) {
+        std::snprintf(text.data(), text.size(), "%jd:%02jd", left / 60, left % 60);
+    } else {
+        std::snprintf(text.data(), text.size(), "%jd:%02jd:%02jd", left / 3600, left / 60 % 60,
+                      left % 60);
+    }
+    return text.data();
 }
 
 std::string zonedDate(WallDate date, const GregorianCalendar& calendar) {
     const Seconds offset = calendar.offset(date);
     std::string text;
-    if (!InternetDate::append(date + offset, text)) {
+    if (!RFC3339::append(date + offset, text)) {
         return "an unknown time";
     }
     text[text.find('T')] = ' ';

@@ -3,7 +3,7 @@
 #include <limits>
 #include <utility>
 
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::records {
 namespace {

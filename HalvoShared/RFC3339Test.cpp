@@ -8,18 +8,18 @@
 #include <string>
 #include <utility>
 
-#include "HalvoShared/InternetDate.hpp"
+#include "HalvoShared/RFC3339.hpp"
 
 namespace halvo {
 namespace {
 
 std::string textOf(double seconds) {
     std::string text;
-    return InternetDate::append(wallDate(seconds), text) ? text : "none";
+    return RFC3339::append(wallDate(seconds), text) ? text : "none";
 }
 
 std::optional<double> secondsOf(const std::string& text) {
-    const auto date = InternetDate::parse(text);
+    const auto date = RFC3339::parse(text);
     return date ? std::optional(secondsSince1970(*date)) : std::nullopt;
 }
 
@@ -33,7 +33,7 @@ std::string libraryTextOf(std::int64_t seconds) {
     return text;
 }
 
-TEST(InternetDateTest, IsWrittenInUTCCutToTheSecond) {
+TEST(RFC3339Test, IsWrittenInUTCCutToTheSecond) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     const std::pair<double, const char*> rows[] = {{0, "1970-01-01T00:00:00Z"},
                                                    {1795165200, "2026-11-20T09:00:00Z"},
@@ -54,13 +54,13 @@ TEST(InternetDateTest, IsWrittenInUTCCutToTheSecond) {
         EXPECT_EQ(textOf(seconds), text) << seconds;
     }
     std::string text = "before";
-    EXPECT_FALSE(InternetDate::append(wallDate(std::nan("")), text));
+    EXPECT_FALSE(RFC3339::append(wallDate(std::nan("")), text));
     EXPECT_EQ(text, "before");
-    EXPECT_TRUE(InternetDate::append(wallDate(0), text));
+    EXPECT_TRUE(RFC3339::append(wallDate(0), text));
     EXPECT_EQ(text, "before1970-01-01T00:00:00Z");
 }
 
-TEST(InternetDateTest, IsReadWithAnOffset) {
+TEST(RFC3339Test, IsReadWithAnOffset) {
     const std::pair<const char*, double> rows[] = {{"1970-01-01T00:00:00Z", 0},
                                                    {"2026-11-20T09:00:00Z", 1795165200},
                                                    {"2024-02-29T23:59:59Z", 1709251199},
@@ -76,7 +76,7 @@ TEST(InternetDateTest, IsReadWithAnOffset) {
     }
 }
 
-TEST(InternetDateTest, IsReadFromNothingElse) {
+TEST(RFC3339Test, IsReadFromNothingElse) {
     std::istringstream texts(
         "|Z|2026-11-20|2026-11-20T09:00:00|2026-11-20T09:00Z|2026-11-20 09:00:00Z|"
         "2026-11-20T09:00:00.000Z|2026-11-20T09:00:00,5Z|2026-11-20t09:00:00Z|"
@@ -95,7 +95,7 @@ TEST(InternetDateTest, IsReadFromNothingElse) {
     EXPECT_EQ(secondsOf(std::string("2026-11-20T09:00:00\0", 20)), std::nullopt);
 }
 
-TEST(InternetDateTest, AgreesWithTheCLibrary) {
+TEST(RFC3339Test, AgreesWithTheCLibrary) {
     std::mt19937_64 random(20261120);
     std::uniform_int_distribution<std::int64_t> instants(-30'000'000'000, 253'402'300'799);
     for (int i = 0; i < 20'000; ++i) {
