@@ -37,26 +37,6 @@ int tryToConnect(int socket, const sockaddr_un& address) {
     return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
-struct Answer {
-    BusMessage reply;
-    bool broken = false;
-};
-
-int takeAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    auto* answer = static_cast<Answer*>(userdata);
-    // While a connection closes sd-bus answers its pending calls itself, with an error.
-    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) > 0) {
-        answer->reply.reset(sd_bus_message_ref(reply));
-    } else {
-        answer->broken = true;
-    }
-    return 0;
-}
-
-struct SlotRelease {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-
 // Gives 0 or a negative errno, as sd-bus does.
 int waitForMore(sd_bus& bus, Deadline deadline) {
     const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
@@ -111,59 +91,54 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
 std::expected<BusHandle, int> openBus(Descriptor socket) {
     sd_bus* raw = nullptr;
     int result = sd_bus_new(&raw);
-    if (result < 0) {
-        return std::unexpected(-result);
-    }
     BusHandle bus(raw);
-    result = sd_bus_negotiate_fds(bus.get(), 0);
     if (result >= 0) {
-        result = sd_bus_set_fd(bus.get(), socket.get(), socket.get());
+        result = sd_bus_negotiate_fds(raw, 0);
     }
-    if (result < 0) {
-        return std::unexpected(-result);
+    if (result >= 0) {
+        result = sd_bus_set_fd(raw, socket.get(), socket.get());
     }
-    [[maybe_unused]] const int owned = socket.release();
-    result = sd_bus_start(bus.get());
+    if (result >= 0) {
+        [[maybe_unused]] const int owned = socket.release();
+        result = sd_bus_start(raw);
+    }
     if (result < 0) {
         return std::unexpected(-result);
     }
     return bus;
 }
 
-std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
-                                               sd_bus_message& request) {
+std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus_message& request) {
     bool authenticated = sd_bus_is_ready(&bus) > 0;
     const auto broken = [&authenticated] {
-        return std::unexpected(authenticated ? BusFault::Broken : BusFault::Unauthenticated);
+        return std::unexpected(authenticated ? ECONNRESET : EPERM);
     };
     // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
     // steps, and the time limit is kept here alone.
-    constexpr std::uint64_t noLimit = UINT64_MAX;
     if (Clock::now() >= deadline) {
-        return std::unexpected(BusFault::TimedOut);
+        return std::unexpected(ETIMEDOUT);
     }
-    Answer answer;
-    sd_bus_slot* raw = nullptr;
-    if (sd_bus_call_async(&bus, &raw, &request, takeAnswer, &answer, noLimit) < 0) {
+    std::uint64_t cookie = 0;
+    if (sd_bus_send(&bus, &request, &cookie) < 0) {
         return broken();
     }
-    const std::unique_ptr<sd_bus_slot, SlotRelease> slot(raw);
     // The clock is looked at also while there is progress: a peer that never stops sending must not
     // hold us. And before it: authentication that ends too late must send nothing.
     while (Clock::now() < deadline) {
-        const int progress = sd_bus_process(&bus, nullptr);
+        sd_bus_message* raw = nullptr;
+        const int progress = sd_bus_process(&bus, &raw);
+        BusMessage message(raw);
         authenticated = authenticated || sd_bus_is_ready(&bus) > 0;
-        if (answer.reply != nullptr) {
-            return std::move(answer.reply);
+        std::uint64_t answered = 0;
+        if (message != nullptr && sd_bus_message_get_reply_cookie(raw, &answered) >= 0 &&
+            answered == cookie) {
+            return message;
         }
-        if (progress < 0 || answer.broken) {
-            return broken();
-        }
-        if (progress == 0 && waitForMore(bus, deadline) < 0) {
+        if (progress < 0 || (progress == 0 && waitForMore(bus, deadline) < 0)) {
             return broken();
         }
     }
-    return std::unexpected(BusFault::TimedOut);
+    return std::unexpected(ETIMEDOUT);
 }
 
 }  // namespace halvo

@@ -119,7 +119,7 @@ class Conversation {
         }
         auto reply = callWithin(deadline_, *bus_, *request);
         if (!reply) {
-            fail(reply.error() == BusFault::TimedOut ? ETIMEDOUT : ECONNRESET);
+            fail(reply.error() == ETIMEDOUT ? ETIMEDOUT : ECONNRESET);
             return nullptr;
         }
         if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
