@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
-#include "HalvoHelperCore/ItemFlags.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -83,8 +82,7 @@ TEST_F(DarwinItemFlagsTest, OfTheLockAreChangedAloneAndAnyOfThemIsALock) {
     };
 
     for (const Row& row : {Row{immutable, 0, LockState::unlocked, immutable, 0},
-                           Row{immutable, hidden | ItemFlag::noDump, LockState::unlocked,
-                               hidden | ItemFlag::noDump | immutable, hidden | ItemFlag::noDump},
+                           Row{immutable, hidden, LockState::unlocked, hidden | immutable, hidden},
                            Row{immutable | user, user, LockState::locked, immutable | user, 0}}) {
         ChflagsFileFlags several(row.flag);
         fake::world().flags[path] = row.before;
