@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 
@@ -16,16 +17,19 @@
 namespace halvo {
 namespace {
 
-using Clock = Deadline::clock;
+using Microseconds = std::chrono::microseconds;
+
+// The time left, rounded up; none once the deadline has passed.
+Microseconds timeLeft(Deadline deadline) {
+    return std::max(std::chrono::ceil<Microseconds>(deadline - sinceBoot()), Microseconds{0});
+}
 
 // Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer;
 // socket(7). Only who waits in it has a turn there: a socket that never blocks has to come back by
 // chance. Says whether the kernel took it.
 bool limitWait(int socket, Deadline deadline) {
     // Zero would be no limit.
-    const auto left =
-        std::max(std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()),
-                 std::chrono::microseconds{1});
+    const Microseconds left = std::max(timeLeft(deadline), Microseconds{1});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timeval limit{.tv_sec = seconds.count(), .tv_usec = (left - seconds).count()};
     return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
@@ -39,28 +43,22 @@ int tryToConnect(int socket, const sockaddr_un& address) {
 
 // Gives 0 or a negative errno, as sd-bus does.
 int waitForMore(sd_bus& bus, Deadline deadline) {
-    const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
-    const int result =
-        sd_bus_wait(&bus, static_cast<std::uint64_t>(std::max(left.count(), std::int64_t{0})));
+    const int result = sd_bus_wait(&bus, static_cast<std::uint64_t>(timeLeft(deadline).count()));
     return result == -EINTR ? 0 : std::min(result, 0);
 }
 
 }  // namespace
 
-BootClock::time_point BootClock::now() {
-    return time_point{std::chrono::round<duration>(sinceBoot())};
-}
-
 Deadline deadlineAfter(Seconds limit) {
     constexpr Seconds longest = std::chrono::hours{24};
     // Written so that not-a-number means at once.
-    const Seconds span = limit > Seconds{0} ? std::min(limit, longest) : Seconds{0};
-    return Clock::now() + std::chrono::ceil<Clock::duration>(span);
+    return sinceBoot() + (limit > Seconds{0} ? std::min(limit, longest) : Seconds{0});
 }
 
 bool waitBefore(Deadline deadline, Seconds span) {
-    std::this_thread::sleep_until(std::min(deadline, deadlineAfter(span)));
-    return Clock::now() < deadline;
+    std::this_thread::sleep_for(
+        std::min(timeLeft(deadline), std::chrono::ceil<Microseconds>(span)));
+    return sinceBoot() < deadline;
 }
 
 std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline) {
@@ -78,7 +76,7 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
             return std::unexpected(errno);
         }
         code = tryToConnect(socket.get(), *address);
-    } while ((code == EAGAIN || code == EINTR) && Clock::now() < deadline);
+    } while ((code == EAGAIN || code == EINTR) && sinceBoot() < deadline);
     if (code == EAGAIN || code == EINTR) {
         return std::unexpected(ETIMEDOUT);
     }
@@ -115,7 +113,7 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
     };
     // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
     // steps, and the time limit is kept here alone.
-    if (Clock::now() >= deadline) {
+    if (sinceBoot() >= deadline) {
         return std::unexpected(ETIMEDOUT);
     }
     std::uint64_t cookie = 0;
@@ -124,7 +122,7 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
     }
     // The clock is looked at also while there is progress: a peer that never stops sending must not
     // hold us. And before it: authentication that ends too late must send nothing.
-    while (Clock::now() < deadline) {
+    while (sinceBoot() < deadline) {
         sd_bus_message* raw = nullptr;
         const int progress = sd_bus_process(&bus, &raw);
         BusMessage message(raw);

@@ -5,7 +5,6 @@
 
 #include <systemd/sd-bus.h>
 
-#include <chrono>
 #include <expected>
 #include <memory>
 #include <string>
@@ -15,19 +14,9 @@
 
 namespace halvo {
 
-// The clock of sinceBoot(): nobody can set it, and it counts while the machine sleeps, as
-// std::chrono::steady_clock does not.
-struct BootClock {
-    using duration = std::chrono::nanoseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<BootClock>;
-    static constexpr bool is_steady = true;
-
-    static time_point now();
-};
-
-using Deadline = BootClock::time_point;
+// An instant on the clock of sinceBoot(), which nobody can set and which counts while the machine
+// sleeps, as std::chrono::steady_clock does not.
+using Deadline = Seconds;
 
 // The instant `limit` from now: at least now, at most a day ahead.
 Deadline deadlineAfter(Seconds limit);

@@ -160,6 +160,7 @@ HelperClient::Result<BusMessage> HelperClient::ask(Deadline deadline, const char
         }
         bus_.reset();
         const int code = reply.error();
+        // What another attempt may cure, if there was none for the same reason.
         const bool isFirst = (code == EPERM && !std::exchange(refusedBefore, true)) ||
                              (code == ECONNRESET && !std::exchange(brokenBefore, true));
         if (!isFirst) {
