@@ -472,43 +472,32 @@ TEST_F(FilesTest, SyncsAFileAndAFolderOrSaysWhyNot) {
     EXPECT_EQ(syncToDisk(null.get()), EINVAL) << "it is on no disk";
 }
 
-class DescriptorTest : public ::testing::Test {
-  protected:
-    static int openNull() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
-
-    static bool isOpenFile(int number) { return fcntl(number, F_GETFD) != -1; }
-
+TEST(DescriptorTest, OwnsWhatItIsGivenUntilItsEndMovesWithoutClosingAndNeverCopies) {
+    static_assert(!std::is_copy_constructible_v<Descriptor>);
+    static_assert(!std::is_copy_assignable_v<Descriptor>);
+    const auto openNull = [] { return open("/dev/null", O_RDONLY | O_CLOEXEC); };
+    const auto isOpenFile = [](int number) { return fcntl(number, F_GETFD) != -1; };
     const int number = openNull();
-};
-
-TEST_F(DescriptorTest, OwnsWhatItIsGivenUntilItsEnd) {
+    const int other = openNull();
     {
-        const Descriptor owner(number);
-        EXPECT_TRUE(owner.isOpen());
-        EXPECT_EQ(owner.get(), number);
+        Descriptor first(number);
+        EXPECT_TRUE(first.isOpen());
+        Descriptor second(std::move(first));
+        Descriptor& same = second;
+        second = std::move(same);
+        EXPECT_EQ(second.get(), number);
+        EXPECT_TRUE(isOpenFile(number)) << "given itself";
+        second = Descriptor(other);
+        EXPECT_FALSE(isOpenFile(number)) << "what it held is closed";
+        EXPECT_TRUE(isOpenFile(other));
     }
-    EXPECT_FALSE(isOpenFile(number));
+    EXPECT_FALSE(isOpenFile(other));
     EXPECT_FALSE(Descriptor().isOpen());
     EXPECT_FALSE(Descriptor(-1).isOpen()) << "a call that failed";
     Descriptor zero(0);
     EXPECT_TRUE(zero.isOpen());
     EXPECT_EQ(zero.release(), 0);
     EXPECT_FALSE(zero.isOpen());
-}
-
-TEST_F(DescriptorTest, MovesWithoutClosingAndNeverCopies) {
-    static_assert(!std::is_copy_constructible_v<Descriptor>);
-    static_assert(!std::is_copy_assignable_v<Descriptor>);
-    Descriptor first(number);
-    Descriptor second(std::move(first));
-    Descriptor& same = second;
-    second = std::move(same);
-    EXPECT_EQ(second.get(), number);
-    EXPECT_TRUE(isOpenFile(number)) << "given itself";
-    const int other = openNull();
-    second = Descriptor(other);
-    EXPECT_FALSE(isOpenFile(number)) << "what it held is closed";
-    EXPECT_TRUE(isOpenFile(other));
 }
 
 }  // namespace

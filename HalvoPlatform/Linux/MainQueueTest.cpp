@@ -316,35 +316,28 @@ TEST(MainQueueTest, IsMadeAndServedOnTheMainThreadOnly) {
     }
 }
 
-// What a child says that makes the queue, sets a timer and serves it, when `call` fails.
-std::string fatalErrorWhen(SystemCall call, int code) {
-    const auto result = testing::runInChild([&] {
-        // The fault outlives the body: nothing after a fatal error is of interest.
-        const Fault fault = call == SystemCall::eventfd ? Fault::failing(call, code)
-                                                        : Fault::returning(call, -code);
-        MainQueue& queue = liveMainQueue();
-        queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, [] {});
-        queue.run();
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    return result.output;
-}
-
 TEST(MainQueueTest, EndsTheProcessWhenThereCanBeNoLoop) {
     struct Row {
         SystemCall call;
-        int code;
-        std::string error;
+        std::string name;
     };
 
-    const std::string noMemory = ": Cannot allocate memory\n";
     for (const Row& row :
-         std::vector<Row>{{SystemCall::eventfd, EMFILE, "eventfd: Too many open files\n"},
-                          {SystemCall::sd_event_default, ENOMEM, "sd_event_default" + noMemory},
-                          {SystemCall::sd_event_add_time_relative, ENOMEM,
-                           "sd_event_add_time_relative" + noMemory},
-                          {SystemCall::sd_event_loop, ENOMEM, "sd_event_loop" + noMemory}}) {
-        EXPECT_EQ(fatalErrorWhen(row.call, row.code), "Fatal error: " + row.error);
+         {Row{SystemCall::eventfd, "eventfd"},
+          Row{SystemCall::sd_event_default, "sd_event_default"},
+          Row{SystemCall::sd_event_add_time_relative, "sd_event_add_time_relative"},
+          Row{SystemCall::sd_event_loop, "sd_event_loop"}}) {
+        const auto result = testing::runInChild([&row] {
+            // The fault outlives the body: nothing after a fatal error is of interest.
+            const Fault fault = row.call == SystemCall::eventfd
+                                    ? Fault::failing(row.call, ENOMEM)
+                                    : Fault::returning(row.call, -ENOMEM);
+            MainQueue& queue = liveMainQueue();
+            queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, [] {});
+            queue.run();
+        });
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_EQ(result.output, "Fatal error: " + row.name + ": Cannot allocate memory\n");
     }
 }
 
