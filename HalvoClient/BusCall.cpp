@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 
@@ -16,16 +17,19 @@
 namespace halvo {
 namespace {
 
-using Clock = Deadline::clock;
+using Microseconds = std::chrono::microseconds;
+
+// The time left, rounded up; none once the deadline has passed.
+Microseconds timeLeft(Deadline deadline) {
+    return std::max(std::chrono::ceil<Microseconds>(deadline - sinceBoot()), Microseconds{0});
+}
 
 // Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer;
 // socket(7). Only who waits in it has a turn there: a socket that never blocks has to come back by
 // chance. Says whether the kernel took it.
 bool limitWait(int socket, Deadline deadline) {
     // Zero would be no limit.
-    const auto left =
-        std::max(std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()),
-                 std::chrono::microseconds{1});
+    const Microseconds left = std::max(timeLeft(deadline), Microseconds{1});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timeval limit{.tv_sec = seconds.count(), .tv_usec = (left - seconds).count()};
     return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
@@ -37,50 +41,24 @@ int tryToConnect(int socket, const sockaddr_un& address) {
     return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
-struct Answer {
-    BusMessage reply;
-    bool broken = false;
-};
-
-int takeAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    auto* answer = static_cast<Answer*>(userdata);
-    // While a connection closes sd-bus answers its pending calls itself, with an error.
-    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) > 0) {
-        answer->reply.reset(sd_bus_message_ref(reply));
-    } else {
-        answer->broken = true;
-    }
-    return 0;
-}
-
-struct SlotRelease {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-
 // Gives 0 or a negative errno, as sd-bus does.
 int waitForMore(sd_bus& bus, Deadline deadline) {
-    const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
-    const int result =
-        sd_bus_wait(&bus, static_cast<std::uint64_t>(std::max(left.count(), std::int64_t{0})));
+    const int result = sd_bus_wait(&bus, static_cast<std::uint64_t>(timeLeft(deadline).count()));
     return result == -EINTR ? 0 : std::min(result, 0);
 }
 
 }  // namespace
 
-BootClock::time_point BootClock::now() {
-    return time_point{std::chrono::round<duration>(sinceBoot())};
-}
-
 Deadline deadlineAfter(Seconds limit) {
     constexpr Seconds longest = std::chrono::hours{24};
     // Written so that not-a-number means at once.
-    const Seconds span = limit > Seconds{0} ? std::min(limit, longest) : Seconds{0};
-    return Clock::now() + std::chrono::ceil<Clock::duration>(span);
+    return sinceBoot() + (limit > Seconds{0} ? std::min(limit, longest) : Seconds{0});
 }
 
 bool waitBefore(Deadline deadline, Seconds span) {
-    std::this_thread::sleep_until(std::min(deadline, deadlineAfter(span)));
-    return Clock::now() < deadline;
+    std::this_thread::sleep_for(
+        std::min(timeLeft(deadline), std::chrono::ceil<Microseconds>(span)));
+    return sinceBoot() < deadline;
 }
 
 std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline) {
@@ -98,7 +76,7 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
             return std::unexpected(errno);
         }
         code = tryToConnect(socket.get(), *address);
-    } while ((code == EAGAIN || code == EINTR) && Clock::now() < deadline);
+    } while ((code == EAGAIN || code == EINTR) && sinceBoot() < deadline);
     if (code == EAGAIN || code == EINTR) {
         return std::unexpected(ETIMEDOUT);
     }
@@ -111,59 +89,54 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
 std::expected<BusHandle, int> openBus(Descriptor socket) {
     sd_bus* raw = nullptr;
     int result = sd_bus_new(&raw);
-    if (result < 0) {
-        return std::unexpected(-result);
-    }
     BusHandle bus(raw);
-    result = sd_bus_negotiate_fds(bus.get(), 0);
     if (result >= 0) {
-        result = sd_bus_set_fd(bus.get(), socket.get(), socket.get());
+        result = sd_bus_negotiate_fds(raw, 0);
     }
-    if (result < 0) {
-        return std::unexpected(-result);
+    if (result >= 0) {
+        result = sd_bus_set_fd(raw, socket.get(), socket.get());
     }
-    [[maybe_unused]] const int owned = socket.release();
-    result = sd_bus_start(bus.get());
+    if (result >= 0) {
+        [[maybe_unused]] const int owned = socket.release();
+        result = sd_bus_start(raw);
+    }
     if (result < 0) {
         return std::unexpected(-result);
     }
     return bus;
 }
 
-std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
-                                               sd_bus_message& request) {
+std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus_message& request) {
     bool authenticated = sd_bus_is_ready(&bus) > 0;
     const auto broken = [&authenticated] {
-        return std::unexpected(authenticated ? BusFault::Broken : BusFault::Unauthenticated);
+        return std::unexpected(authenticated ? ECONNRESET : EPERM);
     };
     // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
     // steps, and the time limit is kept here alone.
-    constexpr std::uint64_t noLimit = UINT64_MAX;
-    if (Clock::now() >= deadline) {
-        return std::unexpected(BusFault::TimedOut);
+    if (sinceBoot() >= deadline) {
+        return std::unexpected(ETIMEDOUT);
     }
-    Answer answer;
-    sd_bus_slot* raw = nullptr;
-    if (sd_bus_call_async(&bus, &raw, &request, takeAnswer, &answer, noLimit) < 0) {
+    std::uint64_t cookie = 0;
+    if (sd_bus_send(&bus, &request, &cookie) < 0) {
         return broken();
     }
-    const std::unique_ptr<sd_bus_slot, SlotRelease> slot(raw);
     // The clock is looked at also while there is progress: a peer that never stops sending must not
     // hold us. And before it: authentication that ends too late must send nothing.
-    while (Clock::now() < deadline) {
-        const int progress = sd_bus_process(&bus, nullptr);
+    while (sinceBoot() < deadline) {
+        sd_bus_message* raw = nullptr;
+        const int progress = sd_bus_process(&bus, &raw);
+        BusMessage message(raw);
         authenticated = authenticated || sd_bus_is_ready(&bus) > 0;
-        if (answer.reply != nullptr) {
-            return std::move(answer.reply);
+        std::uint64_t answered = 0;
+        if (message != nullptr && sd_bus_message_get_reply_cookie(raw, &answered) >= 0 &&
+            answered == cookie) {
+            return message;
         }
-        if (progress < 0 || answer.broken) {
-            return broken();
-        }
-        if (progress == 0 && waitForMore(bus, deadline) < 0) {
+        if (progress < 0 || (progress == 0 && waitForMore(bus, deadline) < 0)) {
             return broken();
         }
     }
-    return std::unexpected(BusFault::TimedOut);
+    return std::unexpected(ETIMEDOUT);
 }
 
 }  // namespace halvo

@@ -5,7 +5,6 @@
 
 #include <systemd/sd-bus.h>
 
-#include <chrono>
 #include <expected>
 #include <memory>
 #include <string>
@@ -15,19 +14,9 @@
 
 namespace halvo {
 
-// The clock of sinceBoot(): nobody can set it, and it counts while the machine sleeps, as
-// std::chrono::steady_clock does not.
-struct BootClock {
-    using duration = std::chrono::nanoseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<BootClock>;
-    static constexpr bool is_steady = true;
-
-    static time_point now();
-};
-
-using Deadline = BootClock::time_point;
+// An instant on the clock of sinceBoot(), which nobody can set and which counts while the machine
+// sleeps, as std::chrono::steady_clock does not.
+using Deadline = Seconds;
 
 // The instant `limit` from now: at least now, at most a day ahead.
 Deadline deadlineAfter(Seconds limit);
@@ -60,21 +49,13 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
 // errno, ENOMEM when that is the reason.
 std::expected<BusHandle, int> openBus(Descriptor socket);
 
-// Why a call got no reply.
-enum class BusFault {
-    // The other side closed the connection, or said no, before authentication was finished.
-    Unauthenticated,
-    // The connection broke later. The request may have been carried out or not.
-    Broken,
-    // Nothing came before the deadline. The request may still be carried out.
-    TimedOut,
-};
-
 // Sends `request` and waits for its reply, which may be an error reply. Once `deadline` has passed,
 // nothing is sent any more and no reply is taken for one in time, also when this process was
-// stopped or the machine slept meanwhile. After a fault the connection is of no more use, and a
-// late reply to it is lost.
-std::expected<BusMessage, BusFault> callWithin(Deadline deadline, sd_bus& bus,
-                                               sd_bus_message& request);
+// stopped or the machine slept meanwhile. Fails with EPERM when the other side closed the
+// connection, or said no, before authentication was finished; with ECONNRESET when the connection
+// broke later: the request may have been carried out or not; with ETIMEDOUT when nothing came
+// before the deadline: it may still be carried out. After a failure the connection is of no more
+// use, and a late reply to it is lost.
+std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus_message& request);
 
 }  // namespace halvo

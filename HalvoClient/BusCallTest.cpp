@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,7 +12,6 @@
 #include "HalvoClient/BusCall.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
-#include "tests/Support/TestProcess.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -48,41 +45,15 @@ void send(const Descriptor& end, std::string_view bytes) {
               static_cast<ssize_t>(bytes.size()));
 }
 
-TEST(DeadlineTest, IsNeverInThePastAndAtMostADayAhead) {
+TEST(DeadlineTest, IsNeverInThePastNorMoreThanADayAheadAndEndsAWait) {
     const Deadline before = deadlineAfter(Seconds{0});
     EXPECT_GE(deadlineAfter(Seconds{-5}), before);
     const Deadline farthest = deadlineAfter(Seconds{1e300});
-    EXPECT_LE(farthest, Deadline::clock::now() + std::chrono::hours{24});
-}
-
-TEST(DeadlineTest, EndsAWaitThatWouldTakeLonger) {
+    EXPECT_LE(farthest, sinceBoot() + std::chrono::hours{24});
     EXPECT_TRUE(waitBefore(deadlineAfter(Seconds{60}), Seconds{0}));
     const Deadline deadline = deadlineAfter(Seconds{0.01});
     EXPECT_FALSE(waitBefore(deadline, Seconds{60}));
-    EXPECT_LT(Deadline::clock::now(), deadline + std::chrono::seconds{30});
-}
-
-TEST(DeadlineTest, CountsSleep) {
-    constexpr int needsNamespace = 77;
-    // Sleep is what the two clocks of the kernel differ by; time_namespaces(7). It holds for
-    // children.
-    const ChildResult child = runInChild([] {
-        if (unshare(CLONE_NEWTIME) != 0) {
-            std::exit(needsNamespace);
-        }
-        if (!(std::ofstream("/proc/self/timens_offsets") << "boottime 100000 0\n" << std::flush)) {
-            std::exit(needsNamespace);
-        }
-        const ChildResult asleep = runInChild([] {
-            const auto monotonic = std::chrono::steady_clock::now().time_since_epoch();
-            EXPECT_GE(Deadline::clock::now().time_since_epoch() - monotonic, Seconds{90000});
-        });
-        EXPECT_EQ(asleep.status, 0) << asleep.output;
-    });
-    if (child.status == needsNamespace) {
-        GTEST_SKIP() << "needs root that may set the time, and a kernel with time namespaces";
-    }
-    EXPECT_EQ(child.status, 0) << child.output;
+    EXPECT_LT(sinceBoot(), deadline + Seconds{30});
 }
 
 TEST(BusCallTest, SendsNothingOnceTheDeadlineHasPassed) {
@@ -99,7 +70,7 @@ TEST(BusCallTest, SendsNothingOnceTheDeadlineHasPassed) {
     };
     EXPECT_GT(received(), 0) << "the authentication";
     const BusMessage request = statusRequest(**bus);
-    EXPECT_EQ(callWithin(deadlineAfter(Seconds{0}), **bus, *request).error(), BusFault::TimedOut);
+    EXPECT_EQ(callWithin(deadlineAfter(Seconds{0}), **bus, *request).error(), ETIMEDOUT);
     EXPECT_EQ(received(), -1);
 }
 
@@ -110,8 +81,7 @@ TEST(BusCallTest, TakesAPeerThatIsGoneForOneThatDidNotAuthenticate) {
     // Whether the first bytes already fail is up to the version of sd-bus.
     if (bus) {
         const BusMessage request = statusRequest(**bus);
-        EXPECT_EQ(callWithin(deadlineAfter(limit), **bus, *request).error(),
-                  BusFault::Unauthenticated);
+        EXPECT_EQ(callWithin(deadlineAfter(limit), **bus, *request).error(), EPERM);
     } else {
         EXPECT_EQ(bus.error(), EPIPE);
     }
@@ -124,17 +94,17 @@ TEST(BusCallTest, EndsWithAFaultByWhatThePeerSays) {
         std::string said;
         bool isGone;
         Seconds limit;
-        BusFault fault;
+        int code;
     };
 
     const Row rows[] = {
         // sd-bus looks at no line before it has two.
-        {"REJECTED EXTERNAL\r\nREJECTED EXTERNAL\r\n", false, limit, BusFault::Unauthenticated},
-        {"HTTP/1.1 400 Bad Request\r\n\r\n", false, limit, BusFault::Unauthenticated},
-        {"DA", false, shortLimit, BusFault::TimedOut},
+        {"REJECTED EXTERNAL\r\nREJECTED EXTERNAL\r\n", false, limit, EPERM},
+        {"HTTP/1.1 400 Bad Request\r\n\r\n", false, limit, EPERM},
+        {"DA", false, shortLimit, ETIMEDOUT},
         {std::string(welcome) + "This is no message of D-Bus, whatever else it may be.", false,
-         limit, BusFault::Broken},
-        {std::string(welcome), true, limit, BusFault::Broken},
+         limit, ECONNRESET},
+        {std::string(welcome), true, limit, ECONNRESET},
     };
     for (const Row& row : rows) {
         Pair pair;
@@ -145,7 +115,7 @@ TEST(BusCallTest, EndsWithAFaultByWhatThePeerSays) {
         const auto bus = openBus(std::move(pair.ours));
         ASSERT_TRUE(bus.has_value());
         const BusMessage request = statusRequest(**bus);
-        EXPECT_EQ(callWithin(deadlineAfter(row.limit), **bus, *request).error(), row.fault)
+        EXPECT_EQ(callWithin(deadlineAfter(row.limit), **bus, *request).error(), row.code)
             << row.said;
     }
 }

@@ -1,6 +1,7 @@
 #include "HalvoClient/HelperClient.hpp"
 
 #include <sysexits.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,14 +28,6 @@ using HelperFailures::TimedOut;
 // How long a helper that was killed while it accepted gets to be replaced.
 constexpr Seconds pauseAfterRefusal{0.1};
 
-// No connection could be made, or no request: the errno.
-struct CannotAsk {
-    int code;
-};
-
-// What an attempt ended in: a fault that another attempt may cure, or an end to all attempts.
-using Trouble = std::variant<BusFault, CannotAsk>;
-
 Refused refused() {
     // The kernel's mark of a file that is gone; proc_pid_exe(5).
     constexpr std::string_view mark = " (deleted)";
@@ -44,8 +37,8 @@ Refused refused() {
             std::string_view(path.data(), static_cast<std::size_t>(length)).ends_with(mark)};
 }
 
-HelperFailure failureOf(CannotAsk trouble) {
-    switch (trouble.code) {
+HelperFailure failureOf(int code) {
+    switch (code) {
         case EACCES:
         case EPERM:
             return refused();
@@ -55,21 +48,21 @@ HelperFailure failureOf(CannotAsk trouble) {
         case ENFILE:
         case ENOBUFS:
         case ENOMEM:
-            return NoResources{trouble.code};
+            return NoResources{code};
         default:
-            return NotRunning{trouble.code};
+            return NotRunning{code};
     }
 }
 
 // Connects where there is no connection yet.
-std::expected<void, Trouble> connectIfNeeded(BusHandle& bus, const std::string& path,
-                                             Deadline deadline) {
+std::expected<void, int> connectIfNeeded(BusHandle& bus, const std::string& path,
+                                         Deadline deadline) {
     if (bus != nullptr) {
         return {};
     }
     auto socket = connectAsApp(path, deadline);
     if (!socket) {
-        return std::unexpected(CannotAsk{socket.error()});
+        return std::unexpected(socket.error());
     }
     auto made = openBus(std::move(*socket));
     if (made) {
@@ -77,30 +70,20 @@ std::expected<void, Trouble> connectIfNeeded(BusHandle& bus, const std::string& 
         return {};
     }
     // A helper that closes at once can be seen here already, by the first bytes we send.
-    if (made.error() == EPIPE || made.error() == ECONNRESET) {
-        return std::unexpected(BusFault::Unauthenticated);
-    }
-    return std::unexpected(CannotAsk{made.error()});
+    const int code = made.error();
+    return std::unexpected(code == EPIPE || code == ECONNRESET ? EPERM : code);
 }
 
-using Append = std::function<int(sd_bus_message*)>;
-
-// Over this connection and no other.
-std::expected<BusMessage, Trouble> attemptOn(sd_bus& bus, const char* member, const Append& append,
-                                             Deadline deadline) {
+// Over this connection and no other; the arguments are those of sd_bus_message_append(3).
+template <class... Arguments>
+std::expected<BusMessage, int> attemptOn(sd_bus& bus, Deadline deadline, const char* member,
+                                         const char* types, Arguments... arguments) {
     sd_bus_message* raw = nullptr;
     int result = sd_bus_message_new_method_call(&bus, &raw, nullptr, HelperBus::object,
                                                 HelperBus::interface, member);
     const BusMessage request(raw);
-    result = result >= 0 ? append(raw) : result;
-    if (result < 0) {
-        return std::unexpected(CannotAsk{-result});
-    }
-    auto reply = callWithin(deadline, bus, *request);
-    if (!reply) {
-        return std::unexpected(reply.error());
-    }
-    return std::move(*reply);
+    result = result >= 0 ? sd_bus_message_append(raw, types, arguments...) : result;
+    return result < 0 ? std::unexpected(-result) : callWithin(deadline, bus, *request);
 }
 
 HelperFailure notUnderstood(const char* member) {
@@ -130,33 +113,26 @@ HelperClient::Result<bool> yesOrNo(const char* member,
     return yes != 0;
 }
 
-int appendNothing(sd_bus_message*) { return 0; }
+}  // namespace
 
-struct Describe {
-    std::string operator()(const NotRunning& failure) const {
-        return "The helper is not running: " + errorText(failure.code) + ".";
+std::string description(const HelperFailure& failure) {
+    if (const auto* gone = std::get_if<NotRunning>(&failure)) {
+        return "The helper is not running: " + errorText(gone->code) + ".";
     }
-
-    std::string operator()(const Refused& failure) const {
-        return failure.wasReplaced
+    if (const auto* refused = std::get_if<Refused>(&failure)) {
+        return refused->wasReplaced
                    ? "The helper refused the connection: this app was replaced since it started."
                    : "The helper refused the connection before reading a request.";
     }
-
-    std::string operator()(const TimedOut&) const { return "The helper did not answer in time."; }
-
-    std::string operator()(const Rejected& failure) const {
-        return "The helper rejected the request: " + failure.message + " (" + failure.name + ").";
+    if (const auto* rejected = std::get_if<Rejected>(&failure)) {
+        return "The helper rejected the request: " + rejected->message + " (" + rejected->name +
+               ").";
     }
-
-    std::string operator()(const NoResources& failure) const {
-        return "The helper cannot be asked: " + errorText(failure.code) + ".";
+    if (const auto* resources = std::get_if<NoResources>(&failure)) {
+        return "The helper cannot be asked: " + errorText(resources->code) + ".";
     }
-};
-
-}  // namespace
-
-std::string description(const HelperFailure& failure) { return std::visit(Describe{}, failure); }
+    return "The helper did not answer in time.";
+}
 
 int exitStatus(const HelperFailure& failure) {
     // In the order of the variant.
@@ -169,6 +145,32 @@ HelperClient::HelperClient(const HelperIdentity& identity)
     : HelperClient(HelperBus::socketPath(identity.helperBundleID())) {}
 
 HelperClient::HelperClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
+
+template <class... Arguments>
+HelperClient::Result<BusMessage> HelperClient::ask(Deadline deadline, const char* member,
+                                                   const char* types, Arguments... arguments) {
+    bool refusedBefore = false;
+    bool brokenBefore = false;
+    while (true) {
+        const auto connected = connectIfNeeded(bus_, socketPath_, deadline);
+        auto reply = connected ? attemptOn(*bus_, deadline, member, types, arguments...)
+                               : std::unexpected(connected.error());
+        if (reply) {
+            return answerOf(std::move(*reply));
+        }
+        bus_.reset();
+        const int code = reply.error();
+        // What another attempt may cure, if there was none for the same reason.
+        const bool isFirst = (code == EPERM && !std::exchange(refusedBefore, true)) ||
+                             (code == ECONNRESET && !std::exchange(brokenBefore, true));
+        if (!isFirst) {
+            return std::unexpected(failureOf(code));
+        }
+        if (code == EPERM && !waitBefore(deadline, pauseAfterRefusal)) {
+            return std::unexpected(TimedOut{});
+        }
+    }
+}
 
 HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const Decision& decide,
                                                Seconds limit) {
@@ -187,25 +189,18 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
         if (!span) {
             return held->holding;
         }
-        auto reply = attemptOn(
-            *bus_, member,
-            [&](sd_bus_message* request) {
-                return sd_bus_message_append(request, "sdd", appPath.c_str(),
-                                             secondsSince1970(span->until),
-                                             secondsSince1970(span->started));
-            },
-            deadline);
+        auto reply = attemptOn(*bus_, deadline, member, "sdd", appPath.c_str(),
+                               secondsSince1970(span->until), secondsSince1970(span->started));
         if (reply) {
             return yesOrNo(member, answerOf(std::move(*reply)));
         }
         bus_.reset();
-        if (const auto* trouble = std::get_if<CannotAsk>(&reply.error())) {
-            return std::unexpected(failureOf(*trouble));
-        }
         // A connection that broke has been an authenticated one. The pause is for a helper that
         // breaks each.
-        if (std::get<BusFault>(reply.error()) == BusFault::TimedOut ||
-            !waitBefore(deadline, pauseAfterRefusal)) {
+        if (reply.error() != ECONNRESET) {
+            return std::unexpected(failureOf(reply.error()));
+        }
+        if (!waitBefore(deadline, pauseAfterRefusal)) {
             return std::unexpected(TimedOut{});
         }
     }
@@ -213,15 +208,12 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
 
 HelperClient::Result<bool> HelperClient::heartbeat(bool sessionEnding, Seconds limit) {
     constexpr const char* member = "Heartbeat";
-    const auto append = [sessionEnding](sd_bus_message* request) {
-        return sd_bus_message_append(request, "b", static_cast<int>(sessionEnding));
-    };
-    return yesOrNo(member, ask(member, append, deadlineAfter(limit)));
+    return yesOrNo(member, ask(deadlineAfter(limit), member, "b", int{sessionEnding}));
 }
 
 HelperClient::Result<bool> HelperClient::end(Seconds limit) {
     constexpr const char* member = "End";
-    return yesOrNo(member, ask(member, appendNothing, deadlineAfter(limit)));
+    return yesOrNo(member, ask(deadlineAfter(limit), member, ""));
 }
 
 HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
@@ -230,7 +222,7 @@ HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
 
 HelperClient::Result<HelperStatus> HelperClient::statusBefore(Deadline deadline) {
     constexpr const char* member = "Status";
-    const auto reply = ask(member, appendNothing, deadline);
+    const auto reply = ask(deadline, member, "");
     if (!reply) {
         return std::unexpected(reply.error());
     }
@@ -249,41 +241,6 @@ HelperClient::Result<HelperStatus> HelperClient::statusBefore(Deadline deadline)
         status.until = wallDate(*static_cast<const double*>(dates));
     }
     return status;
-}
-
-HelperClient::Result<BusMessage> HelperClient::ask(const char* member, const Append& append,
-                                                   Deadline deadline) {
-    bool refusedBefore = false;
-    bool brokenBefore = false;
-    while (true) {
-        const auto connected = connectIfNeeded(bus_, socketPath_, deadline);
-        auto reply = connected ? attemptOn(*bus_, member, append, deadline)
-                               : std::unexpected(connected.error());
-        if (reply) {
-            return answerOf(std::move(*reply));
-        }
-        bus_.reset();
-        if (const auto* trouble = std::get_if<CannotAsk>(&reply.error())) {
-            return std::unexpected(failureOf(*trouble));
-        }
-        switch (std::get<BusFault>(reply.error())) {
-            case BusFault::Unauthenticated:
-                if (std::exchange(refusedBefore, true)) {
-                    return std::unexpected(refused());
-                }
-                if (!waitBefore(deadline, pauseAfterRefusal)) {
-                    return std::unexpected(TimedOut{});
-                }
-                break;
-            case BusFault::Broken:
-                if (std::exchange(brokenBefore, true)) {
-                    return std::unexpected(NotRunning{ECONNRESET});
-                }
-                break;
-            case BusFault::TimedOut:
-                return std::unexpected(TimedOut{});
-        }
-    }
 }
 
 }  // namespace halvo

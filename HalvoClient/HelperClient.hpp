@@ -1,8 +1,6 @@
 // The app's side of the helper on Linux: its four requests, asked one after the other.
 #pragma once
 
-#include <systemd/sd-bus.h>
-
 #include <expected>
 #include <functional>
 #include <optional>
@@ -137,9 +135,9 @@ class HelperClient {
     Result<HelperStatus> status(Seconds limit = usualLimit);
 
   private:
-    using Append = std::function<int(sd_bus_message* request)>;
-
-    Result<BusMessage> ask(const char* member, const Append& append, Deadline deadline);
+    template <class... Arguments>
+    Result<BusMessage> ask(Deadline deadline, const char* member, const char* types,
+                           Arguments... arguments);
     Result<HelperStatus> statusBefore(Deadline deadline);
 
     std::string socketPath_;

@@ -8,7 +8,6 @@
 
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "HalvoPlatform/MainActor.hpp"
 
 namespace halvo {
 namespace {
@@ -63,10 +62,10 @@ StoredCommitment LoggedStore::load() {
 }
 
 // The context first, so that it is in the line of a failure too.
-void LoggedStore::save(const HelperCommitment& commitment) {
+bool LoggedStore::save(const HelperCommitment& commitment) {
     isRemoved_ = false;
     logContextOf(commitment);
-    store_.save(commitment);
+    return store_.save(commitment);
 }
 
 void LoggedStore::remove() {

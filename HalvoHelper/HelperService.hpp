@@ -52,7 +52,7 @@ class LoggedStore final : public CommitmentStore {
     LoggedStore(CommitmentStore& store, MainQueue& queue) : store_(store), queue_(queue) {}
 
     StoredCommitment load() override;
-    void save(const HelperCommitment& commitment) override;
+    bool save(const HelperCommitment& commitment) override;
     void remove() override;
 
   private:

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -16,53 +17,40 @@ using testing::TemporaryFolder;
 using testing::writeTestFile;
 
 TEST(AppLocationTest, KnowsABundlePath) {
-    struct Row {
-        std::string path;
-        bool isBundlePath;
-    };
-
-    const std::vector<Row> rows{
-        {"/Applications/Halvo.app", true},
-        {"/Users/anna/Applications/Halvo.app", true},
-        {"/Applications/Sub/Halvo.app", true},
-        {"/Halvo.app", true},
-        {"/Applications/Two Words.app", true},
-        {"/Applications/Hälvö 🍎.app", true},
-        {"/Applications/Outer.app/Inner.app", true},
-        {"/Applications/.Hidden.app", true},
-        {"/Applications/..app", true},
-        {"/Applications/...app", true},
-        {"/Applications/.app", true},
-        {"/Applications/..Sub/Halvo.app", true},
-        {"/Applications/Sub../Halvo.app", true},
-        // macOS has its own mind about those that exist: HalvoPlatform/macOS/PathsTest.mm.
-        {"/private/Applications/None.app", true},
-        {"", false},
-        {"/", false},
-        {".app", false},
-        {"Halvo.app", false},
-        {"Applications/Halvo.app", false},
-        {" /Applications/Halvo.app", false},
-        {"/Applications/Halvo", false},
-        {"/Applications/Halvo.App", false},
-        {"/Applications/Halvo.app/", false},
-        {"/Applications/Halvo.app ", false},
-        {"/Applications/Halvo.app\n", false},
-        {"/Applications/Halvo.apps", false},
-        {"/Applications/Xapp", false},
-        {"/Applications/Halvo.app/Contents", false},
-        {"/Applications/../Halvo.app", false},
-        {"/../Halvo.app", false},
-        {"/Applications/./Halvo.app", false},
-        {"/./Halvo.app", false},
-        {"/Applications//Halvo.app", false},
-        {"//Applications/Halvo.app", false},
-        {"/Applications/Halvo\0.app"s, false},
-        {"/Applications/Halvo.app\0"s, false},
-        {"/Applications/Halvo\xFF.app", false},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(AppLocation::isBundlePath(row.path), row.isBundlePath) << row.path;
+    for (const char* path :
+         {"/Applications/Halvo.app", "/Users/anna/Applications/Halvo.app",
+          "/Applications/Sub/Halvo.app", "/Halvo.app", "/Applications/Two Words.app",
+          "/Applications/Hälvö 🍎.app", "/Applications/Outer.app/Inner.app",
+          "/Applications/.Hidden.app", "/Applications/..app", "/Applications/...app",
+          "/Applications/.app", "/Applications/..Sub/Halvo.app", "/Applications/Sub../Halvo.app",
+          // macOS has its own mind about those that exist: HalvoPlatform/macOS/PathsTest.mm.
+          "/private/Applications/None.app"}) {
+        EXPECT_TRUE(AppLocation::isBundlePath(path)) << path;
+    }
+    for (const std::string& path : {""s,
+                                    "/"s,
+                                    ".app"s,
+                                    "Halvo.app"s,
+                                    "Applications/Halvo.app"s,
+                                    " /Applications/Halvo.app"s,
+                                    "/Applications/Halvo"s,
+                                    "/Applications/Halvo.App"s,
+                                    "/Applications/Halvo.app/"s,
+                                    "/Applications/Halvo.app "s,
+                                    "/Applications/Halvo.app\n"s,
+                                    "/Applications/Halvo.apps"s,
+                                    "/Applications/Xapp"s,
+                                    "/Applications/Halvo.app/Contents"s,
+                                    "/Applications/../Halvo.app"s,
+                                    "/../Halvo.app"s,
+                                    "/Applications/./Halvo.app"s,
+                                    "/./Halvo.app"s,
+                                    "/Applications//Halvo.app"s,
+                                    "//Applications/Halvo.app"s,
+                                    "/Applications/Halvo\0.app"s,
+                                    "/Applications/Halvo.app\0"s,
+                                    "/Applications/Halvo\xFF.app"s}) {
+        EXPECT_FALSE(AppLocation::isBundlePath(path)) << path;
     }
 }
 
@@ -108,42 +96,37 @@ TEST(AppLocationTest, LocksABundleDirectlyInAFolderNamedApplications) {
 }
 
 TEST(AppLocationTest, FindsTheBundleOfAnExecutable) {
-    struct Row {
-        std::string executable;
-        std::optional<std::string> bundle;
-    };
-
-    const std::vector<Row> rows{
-        {"/Applications/Halvo.app/Contents/MacOS/Halvo", "/Applications/Halvo.app"},
-        {"/Applications/Halvo.app/Contents/MacOS/Two Words", "/Applications/Halvo.app"},
-        {"/Users/anna/Halvo.app/Contents/MacOS/Halvo", "/Users/anna/Halvo.app"},
-        {"/Applications/A.app/Contents/B.app/Contents/MacOS/B",
-         "/Applications/A.app/Contents/B.app"},
-        {"/usr/bin/python3", std::nullopt},
-        {"", std::nullopt},
-        {"Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents/MacOS", std::nullopt},
-        {"/Applications/Halvo.app/Contents/MacOS/", std::nullopt},
-        {"/Applications/Halvo.app/Contents/MacOS/Sub/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents/Helpers/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents/macOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/contents/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents/XMacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/XContents/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Halvo", std::nullopt},
-        {"/Applications/Halvo/Contents/MacOS/Halvo", std::nullopt},
-        {"/Contents/MacOS/Halvo", std::nullopt},
-        {"Halvo.app/Contents/MacOS/Halvo", std::nullopt},
-        {"/Applications/../Halvo.app/Contents/MacOS/Halvo", std::nullopt},
-        {"/Applications//Halvo.app/Contents/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app//Contents/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents//MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo\xFF.app/Contents/MacOS/Halvo", std::nullopt},
-        {"/Applications/Halvo.app/Contents/MacOS/Halvo (deleted)", "/Applications/Halvo.app"},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(AppLocation::bundlePath(row.executable), row.bundle) << row.executable;
+    const std::string app = "/Applications/Halvo.app";
+    for (const auto& [executable, bundle] :
+         {std::pair(app + "/Contents/MacOS/Halvo", app),
+          std::pair(app + "/Contents/MacOS/Two Words", app),
+          std::pair(app + "/Contents/MacOS/Halvo (deleted)", app),
+          std::pair("/Users/anna/Halvo.app/Contents/MacOS/Halvo"s, "/Users/anna/Halvo.app"s),
+          std::pair(app + "/Contents/B.app/Contents/MacOS/B", app + "/Contents/B.app")}) {
+        EXPECT_EQ(AppLocation::bundlePath(executable), bundle) << executable;
+    }
+    for (const std::string& executable : {"/usr/bin/python3"s,
+                                          ""s,
+                                          "Halvo"s,
+                                          app + "/Contents/MacOS",
+                                          app + "/Contents/MacOS/",
+                                          app + "/Contents/MacOS/Sub/Halvo",
+                                          app + "/Contents/Helpers/Halvo",
+                                          app + "/Contents/macOS/Halvo",
+                                          app + "/contents/MacOS/Halvo",
+                                          app + "/Contents/XMacOS/Halvo",
+                                          app + "/XContents/MacOS/Halvo",
+                                          app + "/MacOS/Halvo",
+                                          app + "/Halvo",
+                                          "/Applications/Halvo/Contents/MacOS/Halvo"s,
+                                          "/Contents/MacOS/Halvo"s,
+                                          "Halvo.app/Contents/MacOS/Halvo"s,
+                                          "/Applications/../Halvo.app/Contents/MacOS/Halvo"s,
+                                          "/Applications//Halvo.app/Contents/MacOS/Halvo"s,
+                                          app + "//Contents/MacOS/Halvo",
+                                          app + "/Contents//MacOS/Halvo",
+                                          "/Applications/Halvo\xFF.app/Contents/MacOS/Halvo"s}) {
+        EXPECT_EQ(AppLocation::bundlePath(executable), std::nullopt) << executable;
     }
 }
 

@@ -1,27 +1,53 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
-#include "HalvoHelperCore/ItemFlags.hpp"
+#include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {
 
+using namespace std::string_literals;
 using testing::Fault;
 using testing::LogCapture;
+using testing::PrivateMount;
 using testing::SystemCall;
 using testing::TemporaryFolder;
 using testing::writeTestFile;
 using Lines = std::vector<std::string>;
+
+constexpr const char* needsMount = "needs the permission to mount a file system";
+
+// The flags of the inode, as the kernel keeps them.
+int inodeFlags(const std::string& path) {
+    const Descriptor item(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    int flags = 0;
+    EXPECT_EQ(ioctl(item.get(), FS_IOC_GETFLAGS, &flags), 0);
+    return flags;
+}
+
+bool setInodeFlags(const std::string& path, int flags) {
+    const Descriptor item(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ioctl(item.get(), FS_IOC_SETFLAGS, &flags) == 0;
+}
 
 // On the real kernel.
 class ChflagsFileFlagsTest : public ::testing::Test {
@@ -31,11 +57,8 @@ class ChflagsFileFlagsTest : public ::testing::Test {
         if (setItemFlags(path, ItemFlag::systemImmutable).refused != 0) {
             GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
         }
-        setFlags(0);
+        ASSERT_EQ(setItemFlags(path, 0).refused, 0);
     }
-
-    // The item has these flags.
-    void setFlags(std::uint32_t wanted) const { ASSERT_EQ(setItemFlags(path, wanted).refused, 0); }
 
     LogCapture log;
     TemporaryFolder folder;
@@ -66,7 +89,10 @@ TEST_F(ChflagsFileFlagsTest, LocksAFolderOrAFileAndNothingElse) {
         EXPECT_EQ(flags.state(item), LockState::locked);
         EXPECT_EQ(flags.state(inside), LockState::unlocked);
         EXPECT_EQ(flags.state(folder.path()), LockState::unlocked);
-        EXPECT_TRUE(flags.setLocked(false, item));
+        // Any bit of several is a lock, and no longer after an unlock.
+        ChflagsFileFlags several(ItemFlag::systemImmutable | ItemFlag::userImmutable);
+        EXPECT_EQ(several.state(item), LockState::locked);
+        EXPECT_TRUE(several.setLocked(false, item));
         EXPECT_EQ(flags.state(item), LockState::unlocked);
     }
     EXPECT_TRUE(log.isEmpty());
@@ -84,37 +110,6 @@ TEST_F(ChflagsFileFlagsTest, ALockedItemCanBeNeitherRemovedNorRenamedNorChanged)
     EXPECT_EQ(rmdir(path.c_str()), 0);
 }
 
-TEST_F(ChflagsFileFlagsTest, ChangesOnlyItsOwnBitsAndAnyOfThemIsALock) {
-    constexpr std::uint32_t immutable = ItemFlag::systemImmutable;
-    constexpr std::uint32_t noDump = ItemFlag::noDump;
-
-    struct Row {
-        std::uint32_t flag;
-        std::uint32_t before;
-        LockState state;
-        std::uint32_t locked;
-        std::uint32_t unlocked;
-    };
-
-    for (const Row& row :
-         {Row{immutable, noDump, LockState::unlocked, noDump | immutable, noDump},
-          Row{immutable | noDump, 0, LockState::unlocked, immutable | noDump, 0},
-          Row{immutable | noDump, noDump, LockState::locked, immutable | noDump, 0}}) {
-        ChflagsFileFlags several(row.flag);
-        setFlags(row.before);
-        EXPECT_EQ(several.state(path), row.state);
-        EXPECT_TRUE(several.setLocked(true, path));
-        EXPECT_EQ(itemFlags(path), row.locked);
-        EXPECT_TRUE(several.setLocked(false, path));
-        EXPECT_EQ(itemFlags(path), row.unlocked);
-        setFlags(row.before);
-        EXPECT_TRUE(several.setLocked(false, path));
-        EXPECT_EQ(itemFlags(path), row.unlocked);
-    }
-    setFlags(immutable);
-    EXPECT_EQ(ChflagsFileFlags(immutable | noDump).state(path), LockState::locked);
-}
-
 TEST_F(ChflagsFileFlagsTest, ARefusalIsLoggedWithVerbAndNumber) {
     struct Row {
         bool locked;
@@ -129,7 +124,7 @@ TEST_F(ChflagsFileFlagsTest, ARefusalIsLoggedWithVerbAndNumber) {
           Row{false, SystemCall::ioctl, EIO, 1, "Couldn't unlock Halvo: errno 5"},
           // It vanishes between look and change.
           Row{true, SystemCall::open, ENOENT, 0, "Couldn't lock Halvo: errno 2"}}) {
-        setFlags(row.locked ? 0 : ItemFlag::systemImmutable);
+        ASSERT_TRUE(flags.setLocked(!row.locked, path));
         const Fault fault = Fault::failing(row.call, row.code, row.skip);
         EXPECT_FALSE(flags.setLocked(row.locked, path));
         EXPECT_EQ(log.errors(), Lines{row.message});
@@ -159,15 +154,131 @@ TEST_F(ChflagsFileFlagsTest, AChangeThatDoesNotReachTheDiskIsLoggedAndStandsAllT
     }
 }
 
-TEST_F(ChflagsFileFlagsTest, ASymbolicLinkIsLookedAtItself) {
+TEST_F(ChflagsFileFlagsTest, ASymbolicLinkIsLookedAtItselfAndNotLocked) {
     const std::string link = folder / "Link.app";
     ASSERT_EQ(symlink("Halvo.app", link.c_str()), 0);
+    EXPECT_EQ(setItemFlags(link, ItemFlag::systemImmutable).refused, ELOOP);
+    EXPECT_EQ(flags.state(path), LockState::unlocked);
     ASSERT_TRUE(flags.setLocked(true, path));
     EXPECT_EQ(flags.state(link), LockState::unlocked);
     EXPECT_TRUE(flags.setLocked(false, link)) << "as it is unlocked already";
     EXPECT_EQ(flags.state(path), LockState::locked);
     ASSERT_EQ(symlink("Missing.app", (folder / "Nowhere.app").c_str()), 0);
     EXPECT_EQ(flags.state(folder / "Nowhere.app"), LockState::unlocked);
+}
+
+TEST_F(ChflagsFileFlagsTest, ChangesTheOneFlagThatLinuxHasAndKeepsAllOthers) {
+    ASSERT_TRUE(setInodeFlags(path, inodeFlags(path) | FS_NOATIME_FL | FS_NODUMP_FL));
+    const int before = inodeFlags(path);
+    EXPECT_EQ(itemFlags(path), 0U);
+    ASSERT_EQ(setItemFlags(path, ItemFlag::systemImmutable).refused, 0);
+    EXPECT_EQ(itemFlags(path), ItemFlag::systemImmutable);
+    EXPECT_EQ(inodeFlags(path), before | FS_IMMUTABLE_FL);
+    ASSERT_EQ(setItemFlags(path, 0).refused, 0);
+    EXPECT_EQ(inodeFlags(path), before);
+    for (const std::uint32_t others : {0U, ItemFlag::systemImmutable}) {
+        EXPECT_EQ(setItemFlags(path, ItemFlag::userImmutable | others).refused, EOPNOTSUPP);
+    }
+    EXPECT_EQ(inodeFlags(path), before) << "and sets none of them";
+}
+
+TEST_F(ChflagsFileFlagsTest, NeverWaitsForAPipeNorTakesAPathWithAZeroByte) {
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(itemFlags(folder / "pipe"), 0U);
+    EXPECT_NE(setItemFlags(folder / "pipe", ItemFlag::systemImmutable).refused, 0);
+    // The kernel would take the path for what stands before the zero byte.
+    EXPECT_EQ(itemFlags(path + "\0.app"s), std::nullopt);
+}
+
+TEST_F(ChflagsFileFlagsTest, ReportsARefusalOnceTheFlagIsNotAsWanted) {
+    {
+        const Fault fault = Fault::failing(SystemCall::ioctl, EIO);
+        EXPECT_EQ(setItemFlags(path, ItemFlag::systemImmutable).refused, EIO);
+    }
+    // It is carried out all the same, as an overlay does now and then.
+    const Fault fault = Fault::denying(SystemCall::ioctl, EXDEV, 1);
+    EXPECT_EQ(setItemFlags(path, ItemFlag::systemImmutable).refused, 0);
+    EXPECT_EQ(itemFlags(path), ItemFlag::systemImmutable);
+}
+
+// CAP_LINUX_IMMUTABLE taken away from this process for good.
+void dropImmutableCapability() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> sets{};
+    ASSERT_EQ(syscall(SYS_capget, &header, sets.data()), 0);
+    for (auto* set : {&sets[0].effective, &sets[0].permitted, &sets[0].inheritable}) {
+        *set &= ~(1U << CAP_LINUX_IMMUTABLE);
+    }
+    ASSERT_EQ(syscall(SYS_capset, &header, sets.data()), 0);
+}
+
+TEST_F(ChflagsFileFlagsTest, WithoutTheCapabilityBothVerbsAreRefusedAndLogged) {
+    const auto result = testing::runInChild([this] {
+        const std::string locked = folder / "Locked.app";
+        ASSERT_EQ(mkdir(locked.c_str(), 0755), 0);
+        ASSERT_TRUE(flags.setLocked(true, locked));
+        dropImmutableCapability();
+        EXPECT_FALSE(flags.setLocked(true, path));
+        EXPECT_FALSE(flags.setLocked(false, locked));
+        EXPECT_EQ(log.errors(),
+                  (Lines{"Couldn't lock Halvo: errno 1", "Couldn't unlock Halvo: errno 1"}));
+        EXPECT_EQ(flags.state(path), LockState::unlocked);
+        EXPECT_EQ(flags.state(locked), LockState::locked);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+// A folder on a file system of its own is locked, seen locked, held, and unlocked.
+void expectLockable(const std::string& disk) {
+    const std::string path = disk + "/Halvo.app";
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+    ChflagsFileFlags flags(ItemFlag::systemImmutable);
+    EXPECT_TRUE(flags.setLocked(true, path));
+    EXPECT_EQ(flags.state(path), LockState::locked);
+    EXPECT_EQ(rmdir(path.c_str()), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_TRUE(flags.setLocked(false, path));
+    EXPECT_EQ(rmdir(path.c_str()), 0);
+}
+
+TEST_F(ChflagsFileFlagsTest, LocksOnTmpfs) {
+    const PrivateMount mount("tmpfs", "tmpfs", path);
+    if (!mount.isMounted()) {
+        GTEST_SKIP() << needsMount;
+    }
+    if (setItemFlags(path, ItemFlag::systemImmutable).refused != 0) {
+        GTEST_SKIP() << "needs a kernel (6.6) whose tmpfs has file flags";
+    }
+    ASSERT_EQ(setItemFlags(path, 0).refused, 0);
+    expectLockable(path);
+}
+
+TEST_F(ChflagsFileFlagsTest, LocksOnExt4) {
+    const std::string image = folder / "image";
+    const std::string make = "truncate -s 2M " + image + " && mkfs.ext4 -q -F " + image;
+    ASSERT_EQ(std::system(make.c_str()), 0) << "mkfs.ext4 of the package e2fsprogs";
+    // Only to enter a mount namespace of our own.
+    const PrivateMount own("tmpfs", "tmpfs", path);
+    const std::string mount = "mount -o loop " + image + " " + path;
+    if (!own.isMounted() || std::system(mount.c_str()) != 0) {
+        GTEST_SKIP() << needsMount << " from an image";
+    }
+    expectLockable(path);
+    EXPECT_EQ(std::system(("umount " + path).c_str()), 0);
+}
+
+TEST_F(ChflagsFileFlagsTest, AnItemOnAFileSystemWithoutFlagsIsUnlockedAndCannotBeLocked) {
+    const PrivateMount mount("ramfs", "ramfs", path);
+    if (!mount.isMounted()) {
+        GTEST_SKIP() << needsMount;
+    }
+    for (const std::string& item : {path, "/proc/self"s + "/task"}) {
+        log.clear();
+        EXPECT_EQ(flags.state(item), LockState::unlocked);
+        EXPECT_TRUE(flags.setLocked(false, item)) << "as it is unlocked already";
+        EXPECT_FALSE(flags.setLocked(true, item));
+        EXPECT_EQ(log.errors(), Lines{"Couldn't lock Halvo: errno 25"});
+    }
 }
 
 }  // namespace

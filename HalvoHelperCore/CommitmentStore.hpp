@@ -40,22 +40,13 @@ class CommitmentStore {
     // What is stored. Never fails: what cannot be read at all is no commitment.
     virtual StoredCommitment load() = 0;
 
-    // Stores `commitment` in the place of what was there. A failure leaves what was there, and is
+    // Stores `commitment` in the place of what was there. True when it is what the disk holds,
+    // whatever happens next; false when the disk may also hold what was there before. A failure is
     // logged by the implementation.
-    virtual void save(const HelperCommitment& commitment) = 0;
+    virtual bool save(const HelperCommitment& commitment) = 0;
 
     // Deletes what is stored. A failure leaves what was there, and is logged by the implementation.
     virtual void remove() = 0;
-};
-
-// A store that can say whether what it was given outlives a loss of power.
-class DurableCommitmentStore : public CommitmentStore {
-  public:
-    // save(). True when `commitment` is what the disk holds, whatever happens next; false when it
-    // may also hold what was there before.
-    virtual bool saveDurably(const HelperCommitment& commitment) = 0;
-
-    void save(const HelperCommitment& commitment) final { saveDurably(commitment); }
 };
 
 }  // namespace halvo

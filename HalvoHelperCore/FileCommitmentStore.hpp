@@ -15,7 +15,7 @@ namespace halvo {
 // The file is one object, pretty-printed, with its keys sorted; dates are seconds since 1970, and
 // every double reads back to the same bits. Readers accept any order and unknown members, and for a
 // double a whole number of any length; a file with a zero byte is not JSON, wherever it is.
-class FileCommitmentStore final : public DurableCommitmentStore {
+class FileCommitmentStore final : public CommitmentStore {
   public:
     // `folder` need not exist; save() makes it (0700) with the folders above it.
     explicit FileCommitmentStore(std::string folder) : folder_(std::move(folder)) {}
@@ -28,7 +28,7 @@ class FileCommitmentStore final : public DurableCommitmentStore {
     // number that is not finite, a text that is not UTF-8), logs "Couldn't save the state:
     // %{public}s" and leaves the file that was there; where only the folder's sync failed, the disk
     // may have either.
-    bool saveDurably(const HelperCommitment& commitment) override;
+    bool save(const HelperCommitment& commitment) override;
 
     // Removes the file, and the folder with anything left inside, for good when this returns. Where
     // the folder is a symbolic link only the link goes. The first failure logs "Couldn't remove the

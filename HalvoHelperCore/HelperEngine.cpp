@@ -1,35 +1,19 @@
 #include "HalvoHelperCore/HelperEngine.hpp"
 
 #include <algorithm>
-#include <limits>
+#include <array>
+#include <cstddef>
 #include <utility>
 #include <variant>
 
 #include "HalvoHelperCore/AppLocation.hpp"
-#include "HalvoPlatform/MainActor.hpp"
+#include "HalvoPlatform/MainQueue.hpp"
 
 namespace halvo {
 namespace {
 
-// The log's word for a reason.
-const char* nameOf(HelperEngine::Lift reason) {
-    switch (reason) {
-        case HelperEngine::Lift::ended:
-            return "ended";
-        case HelperEngine::Lift::deadline:
-            return "deadline";
-        case HelperEngine::Lift::expiredAtStartup:
-            return "expiredAtStartup";
-        case HelperEngine::Lift::unreadableAtStartup:
-            return "unreadableAtStartup";
-    }
-    std::unreachable();
-}
-
-// A time that has not happened yet counts as infinitely long ago.
-Seconds orLongAgo(std::optional<Seconds> time) {
-    return time.value_or(Seconds{-std::numeric_limits<double>::infinity()});
-}
+// The log's words for the reasons, in their order.
+constexpr std::array liftNames{"ended", "deadline", "expiredAtStartup", "unreadableAtStartup"};
 
 }  // namespace
 
@@ -67,7 +51,7 @@ void HelperEngine::startup() {
     }
     commitment_ = commitment->rebased(now);
     store_.save(*commitment_);
-    lastCheckpoint_ = now.sinceBoot;
+    watch_.checkpoint = now.sinceBoot;
     if (commitment_->locked) {
         relockIfNeeded(*commitment_);
     }
@@ -110,21 +94,19 @@ bool HelperEngine::begin(const std::string& appPath, WallDate until, WallDate st
         }
         return false;
     }
-    HelperCommitment next{appPath, peer.uid, startedWall, requested, cap, now, false};
-    const bool samePath = current && current->appPath == appPath;
-    if (samePath) {
-        next.locked = current->locked;
-    } else if (current && current->locked) {
+    const bool staysLocked = current && current->locked && current->appPath == appPath;
+    if (current && current->locked && !staysLocked) {
         flags_.setLocked(false, current->appPath);
     }
-    if (!next.locked) {
+    HelperCommitment next{appPath, peer.uid, startedWall, requested, cap, now, staysLocked};
+    if (!staysLocked) {
         tryToLock(next);
     }
     store_.save(next);
     commitment_ = std::move(next);
-    lastCheckpoint_ = now.sinceBoot;
-    lastHeartbeat_ = now.sinceBoot;
-    sessionEndingAt_.reset();
+    watch_.checkpoint = now.sinceBoot;
+    watch_.heartbeat = now.sinceBoot;
+    watch_.sessionEnding = never;
     HALVO_LOG_DEFAULT(log_, "Holding Ultra Hard mode for %{public}ld s",
                       long{wholeSeconds(granted)});
     return true;
@@ -171,8 +153,8 @@ bool HelperEngine::heartbeat(bool sessionEnding, const HelperPeer& peer) {
         lift(Lift::deadline);
         return false;
     }
-    lastHeartbeat_ = now.sinceBoot;
-    sessionEndingAt_ = sessionEnding ? std::optional(now.sinceBoot) : std::nullopt;
+    watch_.heartbeat = now.sinceBoot;
+    watch_.sessionEnding = sessionEnding ? now.sinceBoot : never;
     return true;
 }
 
@@ -185,10 +167,10 @@ void HelperEngine::tick() {
         lift(Lift::deadline);
         return;
     }
-    if (!lastCheckpoint_ || now.sinceBoot - *lastCheckpoint_ >= Timing::checkpoint) {
+    if (now.sinceBoot - watch_.checkpoint >= Timing::checkpoint) {
         commitment_ = commitment_->rebased(now);
         store_.save(*commitment_);
-        lastCheckpoint_ = now.sinceBoot;
+        watch_.checkpoint = now.sinceBoot;
     }
     if (commitment_->locked) {
         relockIfNeeded(*commitment_);
@@ -209,19 +191,19 @@ void HelperEngine::keepAppOpen(Seconds now, const HelperCommitment& commitment) 
     if (!isCommittedPersonPresent(now, commitment.uid) || isSessionEnding(now)) {
         return;
     }
-    const Seconds heardOrSeen = std::max(orLongAgo(lastHeartbeat_), orLongAgo(lastSeenRunning_));
+    const Seconds heardOrSeen = std::max(watch_.heartbeat, watch_.seenRunning);
     const Seconds alive = std::max({heardOrSeen, consoleSince_, startedAt_});
     if (now - alive < Timing::silence) {
         return;
     }
     if (session_.isAppRunning(commitment.appPath, commitment.uid)) {
-        lastSeenRunning_ = now;
+        watch_.seenRunning = now;
         return;
     }
-    if (lastOpen_ && now - *lastOpen_ < Timing::reopenGap) {
+    if (now - watch_.opening < Timing::reopenGap) {
         return;
     }
-    lastOpen_ = now;
+    watch_.opening = now;
     HALVO_LOG_DEFAULT(log_, "Halvo isn't running during Ultra Hard mode; opening it");
     const bool afterQuit = consoleSince_ <= heardOrSeen;
     opener_.open(commitment.appPath, commitment.uid, afterQuit);
@@ -236,7 +218,7 @@ bool HelperEngine::isCommittedPersonPresent(Seconds now, std::uint32_t uid) {
         console_ = probe;
         consoleSince_ = now;
         if (!present) {
-            sessionEndingAt_.reset();
+            watch_.sessionEnding = never;
         }
     }
     return present;
@@ -244,11 +226,10 @@ bool HelperEngine::isCommittedPersonPresent(Seconds now, std::uint32_t uid) {
 
 // Whether the person's session was announced to end and may still be doing so.
 bool HelperEngine::isSessionEnding(Seconds now) {
-    if (sessionEndingAt_ && now - *sessionEndingAt_ < Timing::sessionEndGrace) {
-        return true;
+    if (now - watch_.sessionEnding >= Timing::sessionEndGrace) {
+        watch_.sessionEnding = never;
     }
-    sessionEndingAt_.reset();
-    return false;
+    return watch_.sessionEnding != never;
 }
 
 // The only way from holding to idle.
@@ -262,12 +243,9 @@ void HelperEngine::lift(Lift reason) {
     commitment_.reset();
     store_.remove();
     lastLift_ = reason;
-    lastHeartbeat_.reset();
-    lastSeenRunning_.reset();
-    sessionEndingAt_.reset();
-    lastOpen_.reset();
-    lastCheckpoint_.reset();
-    HALVO_LOG_DEFAULT(log_, "Ultra Hard mode let go: %{public}s", nameOf(reason));
+    watch_ = {};
+    HALVO_LOG_DEFAULT(log_, "Ultra Hard mode let go: %{public}s",
+                      liftNames.at(static_cast<std::size_t>(reason)));
 }
 
 int HelperEngine::terminate() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -104,15 +105,22 @@ class HelperEngine {
     AppOpener& opener_;
     Logger log_ = helperLog;
 
-    // All of these are times since boot.
+    // All of these are times since boot; what never happened is infinitely long ago.
+    static constexpr Seconds never{-std::numeric_limits<double>::infinity()};
+
+    // What is remembered of the commitment that is held.
+    struct Watch {
+        Seconds heartbeat = never;
+        Seconds seenRunning = never;
+        Seconds sessionEnding = never;
+        Seconds opening = never;
+        Seconds checkpoint = never;
+    };
+
+    Watch watch_;
     Seconds startedAt_;
-    std::optional<Seconds> lastHeartbeat_;
-    std::optional<Seconds> lastSeenRunning_;
     std::optional<std::uint32_t> console_;
     Seconds consoleSince_;
-    std::optional<Seconds> sessionEndingAt_;
-    std::optional<Seconds> lastOpen_;
-    std::optional<Seconds> lastCheckpoint_;
 };
 
 }  // namespace halvo

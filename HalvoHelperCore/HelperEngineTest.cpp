@@ -21,7 +21,6 @@ namespace halvo {
 namespace {
 
 using namespace std::string_literals;
-using testing::Crash;
 using testing::LogCapture;
 using testing::SimulatedWorld;
 using Lift = HelperEngine::Lift;
@@ -423,13 +422,6 @@ TEST_F(HelperEngineTest, NeverClearsAFlagThatItDidNotSet) {
     begin(app, hour);
     engine->tick();
     end();
-    EXPECT_TRUE(world.flags.isSet(app));
-}
-
-TEST_F(HelperEngineTest, ABeginIsHeldEvenIfItCannotBeSaved) {
-    world.store.failsToSave = true;
-    EXPECT_TRUE(begin(app, hour));
-    EXPECT_TRUE(status().holding);
     EXPECT_TRUE(world.flags.isSet(app));
 }
 
@@ -922,48 +914,19 @@ TEST_F(HelperEngineTest, TerminatingWhileHoldingSavesUnlocksAndAsksToBeStartedAg
     EXPECT_EQ(engine->terminate(), 75) << "whatever becomes of the unlock";
 }
 
-TEST_F(HelperEngineTest, TerminatingWithoutALockTouchesNoFlag) {
+TEST_F(HelperEngineTest, TerminatingTouchesNoFlagThatIsNotOwedAndLiftsNothing) {
     begin(deepApp, hour);
     forget();
     EXPECT_EQ(engine->terminate(), 75);
     EXPECT_EQ(changes(), "save unlocked");
-}
-
-TEST_F(HelperEngineTest, TerminatingJustAfterTheTimeRanOutIsZeroAndDoesNotLift) {
     begin(app, minute);
     world.clock.advance(minute);
     forget();
-    EXPECT_EQ(engine->terminate(), 0);
+    EXPECT_EQ(engine->terminate(), 0) << "just after the time ran out";
     EXPECT_EQ(changes(), "save locked, unlock Halvo.app");
     EXPECT_EQ(world.store.commitment()->remaining, second * 0);
     EXPECT_FALSE(engine->isIdle());
     EXPECT_EQ(said(), "");
-}
-
-// --- Crashes
-
-TEST_F(HelperEngineTest, ACrashBetweenSaveAndLockLeavesARecordThatOwesTheUnlock) {
-    // reading, state, save, and then the lock.
-    world.calls.crashAt(4);
-    EXPECT_THROW(begin(app, hour), Crash);
-    EXPECT_FALSE(world.flags.isSet(app));
-    ASSERT_NE(world.store.commitment(), nullptr);
-    EXPECT_TRUE(world.store.commitment()->locked);
-    restart();
-    EXPECT_TRUE(world.flags.isSet(app));
-    end();
-    EXPECT_FALSE(world.flags.isSet(app));
-}
-
-TEST_F(HelperEngineTest, ACrashWhileLettingGoLeavesNoFlagBehindTheNextStart) {
-    beginAndExpire();
-    // reading, unlock, and then the removal.
-    world.calls.crashAt(3);
-    EXPECT_THROW(engine->tick(), Crash);
-    restart();
-    expectIdle();
-    EXPECT_FALSE(world.flags.isSet(app));
-    EXPECT_EQ(engine->lastLift(), Lift::expiredAtStartup);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@ namespace halvo {
 namespace {
 
 // Spelled out: the character classes of <cctype> depend on the locale.
-constexpr const char* capitalsAndDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+constexpr const char* inTeamIDs = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 constexpr const char* inBundleIDs =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-";
 
@@ -18,8 +18,7 @@ bool isBundleID(std::string_view text) {
 
 bool isTeamID(std::string_view text) {
     constexpr std::size_t length = 10;
-    return text.size() == length &&
-           text.find_first_not_of(capitalsAndDigits) == std::string_view::npos;
+    return text.size() == length && text.find_first_not_of(inTeamIDs) == std::string_view::npos;
 }
 
 // Neither value can hold a double quote or a backslash, so neither needs escaping.
@@ -31,12 +30,12 @@ std::string requirement(const std::string& identifier, const std::string& teamID
 }  // namespace
 
 std::optional<HelperIdentity> HelperIdentity::helper(const std::optional<InfoDictionary>& info) {
-    return info ? app(info, infoString(*info, appBundleIDKey)) : std::nullopt;
+    return app(info, infoString(info, appBundleIDKey));
 }
 
 std::optional<HelperIdentity> HelperIdentity::app(const std::optional<InfoDictionary>& info,
                                                   const std::optional<std::string>& bundleID) {
-    const auto teamID = info ? infoString(*info, teamKey) : std::nullopt;
+    const auto teamID = infoString(info, teamKey);
     if (!bundleID || !teamID || !isBundleID(*bundleID) || !isTeamID(*teamID)) {
         return std::nullopt;
     }
@@ -44,7 +43,7 @@ std::optional<HelperIdentity> HelperIdentity::app(const std::optional<InfoDictio
 }
 
 std::optional<HelperIdentity> HelperIdentity::ofBundle(const std::optional<InfoDictionary>& info) {
-    return app(info, info ? infoString(*info, "CFBundleIdentifier") : std::nullopt);
+    return app(info, infoString(info, "CFBundleIdentifier"));
 }
 
 std::string HelperIdentity::helperBundleID() const { return appBundleID + ".helper"; }

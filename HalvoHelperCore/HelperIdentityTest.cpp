@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "HalvoHelperCore/HelperIdentity.hpp"
 
@@ -40,33 +39,17 @@ TEST(HelperIdentityTest, OfAnAppNeedsItsOwnIdentifierAndATeam) {
 }
 
 TEST(HelperIdentityTest, ChecksLengthAndDotsOfBothValues) {
-    struct Row {
-        std::string bundleID;
-        std::string teamID;
-        bool isValid;
-    };
-
-    const std::vector<Row> rows{
-        {"com.Example-2.APP-09", teamID, true},
-        {"com.example.", teamID, true},
-        {"a", teamID, true},
-        {"-", teamID, true},
-        {std::string(200, 'a'), teamID, true},
-        {std::string(201, 'a'), teamID, false},
-        {"", teamID, false},
-        {".", teamID, false},
-        {".com.example", teamID, false},
-        {"com..example", teamID, false},
-        {"com.example..", teamID, false},
-        {"com...example", teamID, false},
-        {bundleID, "7QX4KD19M", false},
-        {bundleID, "7QX4KD19MTA", false},
-        {bundleID, "", false},
-        {bundleID, "7QX4KD1\xEF\xBC\x91", false},  // ten bytes
-    };
-    for (const Row& row : rows) {
-        const auto result = HelperIdentity::helper(infoWith(row.bundleID, row.teamID));
-        EXPECT_EQ(result.has_value(), row.isValid) << row.bundleID << " " << row.teamID;
+    for (const std::string& good :
+         {"com.Example-2.APP-09"s, "com.example."s, "a"s, "-"s, std::string(200, 'a')}) {
+        EXPECT_TRUE(HelperIdentity::helper(infoWith(good, teamID))) << good;
+    }
+    for (const std::string& bad : {""s, "."s, ".com.example"s, "com..example"s, "com.example.."s,
+                                   "com...example"s, std::string(201, 'a')}) {
+        EXPECT_FALSE(HelperIdentity::helper(infoWith(bad, teamID))) << bad;
+    }
+    // The last has ten bytes.
+    for (const char* bad : {"7QX4KD19M", "7QX4KD19MTA", "", "7QX4KD1\xEF\xBC\x91"}) {
+        EXPECT_FALSE(HelperIdentity::helper(infoWith(bundleID, bad))) << bad;
     }
 }
 

@@ -12,58 +12,46 @@ namespace {
 
 constexpr std::uint32_t ann = 501;
 
-class HelperPeerTest : public ::testing::Test {
-  protected:
-    static std::optional<std::string> bundlePathOf(const std::string& executable) {
-        return HelperPeer::ofProcess(ann, executable).bundlePath;
+TEST(HelperPeerTest, RecordsTheUserAndTheCanonicalPathOfTheBundleOfTheCaller) {
+    const TemporaryFolder disk;
+    for (const char* name : {"Halvo.app", "Other.app"}) {
+        std::filesystem::create_directories(disk / name + "/Contents/MacOS");
     }
-
-    // The folder of a bundle that is there, as "disk/Halvo.app".
-    std::string makeBundle(const std::string& name) {
-        const std::string path = disk / name;
-        std::filesystem::create_directories(path + "/Contents/MacOS");
-        return path;
-    }
-
-    TemporaryFolder disk;
-};
-
-TEST_F(HelperPeerTest, RecordsTheUserAndTheBundleOfTheCaller) {
-    const std::string bundle = makeBundle("Halvo.app");
-    for (const std::uint32_t uid : {0U, ann, 4294967295U}) {
-        EXPECT_EQ(HelperPeer::ofProcess(uid, bundle + "/Contents/MacOS/Halvo"),
-                  (HelperPeer{uid, bundle}));
-    }
-}
-
-TEST_F(HelperPeerTest, ResolvesSymbolicLinksInTheBundlesPath) {
-    const std::string bundle = makeBundle("Real.app");
+    const std::string bundle = disk / "Halvo.app";
+    const std::string other = disk / "Other.app/Contents/MacOS/Other";
+    writeTestFile(other, "");
     std::filesystem::create_directory_symlink(disk.path(), disk / "folder");
-    std::filesystem::create_directory_symlink("Real.app", disk / "Link.app");
-    EXPECT_EQ(bundlePathOf(disk / "folder/Real.app/Contents/MacOS/Halvo"), bundle);
-    EXPECT_EQ(bundlePathOf(disk / "Link.app/Contents/MacOS/Halvo"), bundle);
-    EXPECT_EQ(bundlePathOf(disk / "folder/Link.app/Contents/MacOS/Halvo"), bundle);
+    std::filesystem::create_directory_symlink("Halvo.app", disk / "Link.app");
+    std::filesystem::create_directory_symlink("missing", disk / "Lost.app");
+    std::filesystem::create_symlink(other, bundle + "/Contents/MacOS/Halvo");
+    std::filesystem::create_symlink(other, disk / "tool");
+
+    struct Row {
+        std::string executable;
+        std::optional<std::string> bundle;
+    };
+
+    const Row rows[] = {
+        // The path that the caller was started by says whose it is, not where its executable
+        // really lies.
+        {bundle + "/Contents/MacOS/Halvo", bundle},
+        {disk / "tool", std::nullopt},
+        {disk / "folder/Halvo.app/Contents/MacOS/Halvo", bundle},
+        {disk / "Link.app/Contents/MacOS/Halvo", bundle},
+        {disk / "folder/Link.app/Contents/MacOS/Halvo", bundle},
+        // A bundle that is not there keeps its path.
+        {"/nowhere/Halvo.app/Contents/MacOS/Halvo", "/nowhere/Halvo.app"},
+        {disk / "Lost.app/Contents/MacOS/Halvo", disk / "Lost.app"},
+    };
+    for (const std::uint32_t uid : {0U, ann, 4294967295U}) {
+        for (const Row& row : rows) {
+            EXPECT_EQ(HelperPeer::ofProcess(uid, row.executable), (HelperPeer{uid, row.bundle}))
+                << row.executable;
+        }
+    }
 }
 
-// The path that the caller was started by says whose it is, not where its executable really lies.
-TEST_F(HelperPeerTest, FindsTheBundleBeforeItResolvesLinks) {
-    const std::string bundle = makeBundle("Halvo.app");
-    const std::string other = makeBundle("Other.app");
-    std::filesystem::create_symlink(other + "/Contents/MacOS/Other",
-                                    bundle + "/Contents/MacOS/Halvo");
-    writeTestFile(other + "/Contents/MacOS/Other", "");
-    EXPECT_EQ(bundlePathOf(bundle + "/Contents/MacOS/Halvo"), bundle);
-    std::filesystem::create_symlink(other + "/Contents/MacOS/Other", disk / "tool");
-    EXPECT_EQ(bundlePathOf(disk / "tool"), std::nullopt);
-}
-
-TEST_F(HelperPeerTest, KeepsThePathOfABundleThatIsNotThere) {
-    EXPECT_EQ(bundlePathOf("/nowhere/Halvo.app/Contents/MacOS/Halvo"), "/nowhere/Halvo.app");
-    std::filesystem::create_directory_symlink(disk / "missing", disk / "Link.app");
-    EXPECT_EQ(bundlePathOf(disk / "Link.app/Contents/MacOS/Halvo"), disk / "Link.app");
-}
-
-TEST_F(HelperPeerTest, HasNoBundleOutsideOfOne) {
+TEST(HelperPeerTest, HasNoBundleOutsideOfOne) {
     // Which executables lie in a bundle AppLocationTest knows.
     const std::optional<std::string> executables[] = {
         std::nullopt,

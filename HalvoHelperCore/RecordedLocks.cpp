@@ -20,11 +20,12 @@ StoredCommitment RecordedLocks::load() {
     return stored;
 }
 
-void RecordedLocks::save(const HelperCommitment& commitment) {
-    const bool isDurable = store_.saveDurably(commitment);
+bool RecordedLocks::save(const HelperCommitment& commitment) {
+    const bool isDurable = store_.save(commitment);
     auto next = owedBy(commitment);
     // After a failure the record before may be there as well: what counts is what both owe.
     owed_ = isDurable || next == owed_ ? std::move(next) : std::nullopt;
+    return isDurable;
 }
 
 void RecordedLocks::remove() {

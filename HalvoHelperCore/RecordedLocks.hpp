@@ -14,10 +14,10 @@ namespace halvo {
 // for ever. The engine need not know: a lock may always fail. Borrows both; main queue only.
 class RecordedLocks final : public CommitmentStore, public FileFlags {
   public:
-    RecordedLocks(DurableCommitmentStore& store, FileFlags& flags) : store_(store), flags_(flags) {}
+    RecordedLocks(CommitmentStore& store, FileFlags& flags) : store_(store), flags_(flags) {}
 
     StoredCommitment load() override;
-    void save(const HelperCommitment& commitment) override;
+    bool save(const HelperCommitment& commitment) override;
     void remove() override;
 
     LockState state(const std::string& path) override { return flags_.state(path); }
@@ -27,7 +27,7 @@ class RecordedLocks final : public CommitmentStore, public FileFlags {
     bool setLocked(bool locked, const std::string& path) override;
 
   private:
-    DurableCommitmentStore& store_;
+    CommitmentStore& store_;
     FileFlags& flags_;
     // The bundle whose unlock is owed by whichever record a loss of power may leave.
     std::optional<std::string> owed_;

@@ -5,9 +5,9 @@
 
 namespace halvo {
 
-std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key) {
-    const auto member = info.find(key);
-    return member == info.end() ? std::nullopt : std::optional(member->second);
+std::optional<std::string> infoString(const std::optional<InfoDictionary>& info,
+                                      const std::string& key) {
+    return info && info->contains(key) ? std::optional(info->at(key)) : std::nullopt;
 }
 
 Bundle::Bundle(std::string path)

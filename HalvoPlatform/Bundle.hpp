@@ -10,8 +10,9 @@ namespace halvo {
 // The strings at the top level of an Info.plist; members of other types are left out.
 using InfoDictionary = std::map<std::string, std::string>;
 
-// The string that `info` holds under `key`, if any.
-std::optional<std::string> infoString(const InfoDictionary& info, const std::string& key);
+// The string under `key` in the Info.plist `info`, if there are both.
+std::optional<std::string> infoString(const std::optional<InfoDictionary>& info,
+                                      const std::string& key);
 
 // A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
 // thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count

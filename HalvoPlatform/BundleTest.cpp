@@ -14,13 +14,12 @@ TEST(BundleTest, FindsAString) {
     EXPECT_EQ(infoString(info, "Name"), "Halvo");
     EXPECT_EQ(infoString(info, "Empty"), "");
     EXPECT_EQ(infoString(info, "name"), std::nullopt);
-    EXPECT_EQ(infoString({}, "Name"), std::nullopt);
+    EXPECT_EQ(infoString(std::nullopt, "Name"), std::nullopt);
 }
 
 TEST(BundleTest, HasItsInfoPlistInContents) {
-    const Bundle bundle("/Applications/Halvo.app");
-    EXPECT_EQ(bundle.path(), "/Applications/Halvo.app");
-    EXPECT_EQ(bundle.infoPath(), "/Applications/Halvo.app/Contents/Info.plist");
+    EXPECT_EQ(Bundle("/Applications/Halvo.app").path(), "/Applications/Halvo.app");
+    EXPECT_EQ(Bundle("/A.app").infoPath(), "/A.app/Contents/Info.plist");
 }
 
 TEST(BundleTest, OfAProcessIsTheFolderAroundItsProgramOrTheProgramsOwn) {

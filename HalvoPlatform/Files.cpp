@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -20,30 +22,14 @@ std::unexpected<FileError> failure(int code, const std::string& path) {
     return std::unexpected(FileError{code, path + ": " + errorText(code)});
 }
 
-// Gives 0 or the errno.
-int writeAll(int file, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = write(file, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (count > 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        }
-    }
-    return 0;
-}
+// For files that are new: nobody else reads them before they have their final permissions.
+constexpr mode_t ownerOnly = 0600;
 
 // Opens the temporary file, new. A left-over of a process that was killed is removed first.
 Descriptor createTemporary(int folder, const std::string& name) {
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    // Nobody else reads it before it has its final permissions.
-    constexpr mode_t ownerOnly = 0600;
     Descriptor file(openat(folder, name.c_str(), flags, ownerOnly));
-    if (!file.isOpen() && errno == EEXIST) {
-        if (unlinkat(folder, name.c_str(), 0) != 0) {
-            return {};
-        }
+    if (!file.isOpen() && errno == EEXIST && unlinkat(folder, name.c_str(), 0) == 0) {
         file = Descriptor(openat(folder, name.c_str(), flags, ownerOnly));
     }
     return file;
@@ -54,8 +40,12 @@ int fill(int file, std::string_view bytes, mode_t mode) {
     if (fchmod(file, mode) != 0) {
         return errno;
     }
-    if (const int code = writeAll(file, bytes); code != 0) {
-        return code;
+    while (!bytes.empty()) {
+        const ssize_t count = write(file, bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR) {
+            return errno;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
     return syncToDisk(file);
 }
@@ -69,10 +59,12 @@ std::string folderOf(const std::string& path) {
     return path.substr(0, name == 0 ? 1 : name);
 }
 
-std::expected<void, FileError> syncFolder(const std::string& path) {
-    const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+// Syncs the folder that the item at `path` is in.
+std::expected<void, FileError> syncAbove(const std::string& path) {
+    const std::string above = folderOf(path);
+    const Descriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const int code = folder.isOpen() ? syncToDisk(folder.get()) : errno;
-    return code == 0 ? std::expected<void, FileError>() : failure(code, path);
+    return code == 0 ? std::expected<void, FileError>() : failure(code, above);
 }
 
 // Makes one folder, and syncs it into the one above.
@@ -80,7 +72,7 @@ std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) 
     if (mkdir(path.c_str(), mode) != 0) {
         return failure(errno, path);
     }
-    auto synced = syncFolder(folderOf(path));
+    auto synced = syncAbove(path);
     if (!synced) {
         // The next call would find it there, and take it for synced.
         rmdir(path.c_str());
@@ -118,11 +110,8 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
     }
     // O_NONBLOCK: opening a pipe must not wait for its other end.
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file.isOpen()) {
-        return failure(errno, path);
-    }
     struct stat status{};
-    if (fstat(file.get(), &status) != 0) {
+    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         return failure(errno, path);
     }
     if (!S_ISREG(status.st_mode)) {
@@ -131,46 +120,32 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
     if (std::cmp_greater(status.st_size, limit)) {
         return failure(EFBIG, path);
     }
-    std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
-    std::size_t used = 0;
-    while (true) {
-        const ssize_t count = read(file.get(), bytes.data() + used, bytes.size() - used);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
+    std::string bytes;
+    std::array<char, 16384> part{};
+    ssize_t count = 0;
+    while ((count = read(file.get(), part.data(), part.size())) != 0) {
+        if (count < 0 && errno != EINTR) {
             return failure(errno, path);
         }
-        used += static_cast<std::size_t>(count);
-        if (used > limit) {
+        bytes.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (bytes.size() > limit) {
             return failure(EFBIG, path);
         }
-        if (count == 0) {
-            bytes.resize(used);
-            return bytes;
-        }
-        if (used == bytes.size()) {  // it grew while we read
-            bytes.resize(bytes.size() * 2);
-        }
     }
+    return bytes;
 }
 
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode) {
     auto made = makeFolders(path, mode);
-    if (made) {
-        return chmod(path.c_str(), mode) == 0 ? made : failure(errno, path);
-    }
-    if (made.error().code != EEXIST) {
+    if (!made && made.error().code != EEXIST) {
         return made;
     }
     struct stat status{};
-    if (stat(path.c_str(), &status) != 0) {
+    if ((made ? chmod(path.c_str(), mode) : stat(path.c_str(), &status)) != 0) {
         return failure(errno, path);
     }
-    if (!S_ISDIR(status.st_mode)) {
-        return failure(ENOTDIR, path);
-    }
-    return {};
+    return made || S_ISDIR(status.st_mode) ? std::expected<void, FileError>()
+                                           : failure(ENOTDIR, path);
 }
 
 // By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
@@ -186,7 +161,7 @@ std::expected<void, FileError> removeItem(const std::string& path) {
     if (code == ENOENT || code == ENOTDIR) {
         return {};
     }
-    return code == 0 ? syncFolder(folderOf(path)) : failure(code, path);
+    return code == 0 ? syncAbove(path) : failure(code, path);
 }
 
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
@@ -213,17 +188,13 @@ std::expected<void, FileError> replaceFile(const std::string& folder, const std:
         unlinkat(place.get(), temporary.c_str(), 0);
         return failure(code, path);
     }
-    if (const int unsynced = syncToDisk(place.get()); unsynced != 0) {
-        return failure(unsynced, folder);
-    }
-    return {};
+    code = syncToDisk(place.get());
+    return code == 0 ? std::expected<void, FileError>() : failure(code, folder);
 }
 
 std::expected<Descriptor, FileError> takeLockFile(const std::string& path) {
-    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-    constexpr mode_t ownerOnly = 0600;
     while (true) {
-        Descriptor file(open(path.c_str(), flags, ownerOnly));
+        Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
         if (!file.isOpen() || flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
             return failure(errno, path);
         }

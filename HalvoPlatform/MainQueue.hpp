@@ -3,6 +3,7 @@
 
 #include <functional>
 
+#include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
@@ -25,10 +26,9 @@ class MainQueue {
     // process could not run are not made up for. Main queue or before run().
     virtual void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) = 0;
 
-    // Runs `work` once, when `delay` has passed on the clock of now(), without leeway: later only
-    // when the queue is busy or the machine sleeps, which no delay ends. A delay that is negative
-    // or not-a-number is none; one of more than a century counts as a century. Even without a delay
-    // the work runs only after this has returned. Main queue or before run().
+    // Runs `work` once, when `delay`, from zero to a century, has passed on the clock of now(),
+    // without leeway: later only when the queue is busy or the machine sleeps, which no delay ends.
+    // Even without a delay the work runs only after this has returned. Main queue or before run().
     virtual void after(Seconds delay, Work work) = 0;
 
     // Runs `work` on the queue whenever the process receives SIGTERM, which no longer ends it by
@@ -51,5 +51,18 @@ class MainQueue {
 // The process's own main queue, made at the first call, which must come from the main thread. A
 // system that cannot give an event loop (no memory, no descriptors left) is a fatal error.
 MainQueue& liveMainQueue();
+
+// Whether the caller runs on the main queue. Costs no system call after a thread's first question.
+// On Linux the main queue is the process's initial thread; on macOS it is that until
+// dispatch_main(3), and whichever thread Dispatch has serve it from then on.
+bool onMainActor();
+
+// Checks that the caller runs on the main queue, and otherwise ends the process with the fatal
+// error "Incorrect actor executor assumption; Expected same executor as MainActor."
+inline void assumeMainActor() {
+    if (!onMainActor()) {
+        fatal("Incorrect actor executor assumption; Expected same executor as MainActor.");
+    }
+}
 
 }  // namespace halvo

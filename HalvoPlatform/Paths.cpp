@@ -5,53 +5,38 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
 
 namespace halvo {
-namespace {
-
-// The well-formed sequences of the Unicode Standard (table 3-7): the range of the first byte, that
-// of the second, and how many follow the first. All that follow the second are 0x80 to 0xBF.
-struct Form {
-    unsigned char first;
-    unsigned char last;
-    unsigned char lowest;
-    unsigned char highest;
-    std::size_t following;
-};
-
-constexpr std::array forms{
-    Form{0x00, 0x7F, 0x00, 0x00, 0}, Form{0xC2, 0xDF, 0x80, 0xBF, 1},
-    Form{0xE0, 0xE0, 0xA0, 0xBF, 2}, Form{0xE1, 0xEC, 0x80, 0xBF, 2},
-    Form{0xED, 0xED, 0x80, 0x9F, 2}, Form{0xEE, 0xEF, 0x80, 0xBF, 2},
-    Form{0xF0, 0xF0, 0x90, 0xBF, 3}, Form{0xF1, 0xF3, 0x80, 0xBF, 3},
-    Form{0xF4, 0xF4, 0x80, 0x8F, 3},
-};
-
-bool isIn(char character, unsigned char first, unsigned char last) {
-    const auto byte = static_cast<unsigned char>(character);
-    return byte >= first && byte <= last;
-}
-
-}  // namespace
-
 bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 bool isUTF8(std::string_view text) {
+    // The least code point that takes so many bytes; a single byte begins with a zero bit.
+    constexpr std::array<char32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
+    constexpr char32_t last = 0x10FFFF;
     while (!text.empty()) {
-        const auto* form = std::ranges::find_if(
-            forms, [&text](const Form& each) { return isIn(text.front(), each.first, each.last); });
-        if (form == forms.end() || text.size() <= form->following) {
+        const auto lead = static_cast<unsigned char>(text.front());
+        const auto ones = static_cast<std::size_t>(std::countl_one(lead));
+        const std::size_t size = std::max<std::size_t>(ones, 1);
+        if (ones == 1 || ones >= least.size() || text.size() < size) {
             return false;
         }
-        for (std::size_t i = 1; i <= form->following; ++i) {
-            if (!isIn(text[i], i == 1 ? form->lowest : 0x80, i == 1 ? form->highest : 0xBF)) {
+        char32_t code = lead & (0xFFU >> (ones + 1));
+        for (const char each : text.substr(1, size - 1)) {
+            const auto byte = static_cast<unsigned char>(each);
+            if (std::countl_one(byte) != 1) {
                 return false;
             }
+            code = code << 6U | (byte & 0x3FU);
         }
-        text.remove_prefix(form->following + 1);
+        const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
+        if (code < least.at(ones) || code > last || isSurrogate) {
+            return false;
+        }
+        text.remove_prefix(size);
     }
     return true;
 }

@@ -18,57 +18,36 @@ using testing::TemporaryFolder;
 using testing::writeTestFile;
 
 TEST(PathsTest, TellsUTF8FromOtherBytes) {
+    // The first and the last of each number of bytes, and what is next to the surrogates.
+    for (const std::string& text :
+         {""s, "/Applications/Halvo.app"s, "a\0b"s, "\x7F"s, "\xC2\x80"s, "\xDF\xBF"s,
+          "\xE0\xA0\x80"s, "\xEF\xBF\xBF"s, "\xED\x9F\xBF"s, "\xEE\x80\x80"s, "\xF0\x90\x80\x80"s,
+          "\xF4\x8F\xBF\xBF"s, "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x8D\x8E.app"s}) {
+        EXPECT_TRUE(isUTF8(text)) << text;
+    }
+
     struct Row {
         const char* what;
-        std::string text;
-        bool isUTF8;
+        std::vector<std::string> texts;
     };
 
     const std::vector<Row> rows{
-        {"nothing", "", true},
-        {"ASCII", "/Applications/Halvo.app", true},
-        {"a zero byte", "a\0b"s, true},
-        {"the last of one byte", "\x7F", true},
-        {"the first of two bytes", "\xC2\x80", true},
-        {"the last of two bytes", "\xDF\xBF", true},
-        {"the first of three bytes", "\xE0\xA0\x80", true},
-        {"the last of three bytes", "\xEF\xBF\xBF", true},
-        {"the last before the surrogates", "\xED\x9F\xBF", true},
-        {"the first after the surrogates", "\xEE\x80\x80", true},
-        {"the first of four bytes", "\xF0\x90\x80\x80", true},
-        {"the last of all", "\xF4\x8F\xBF\xBF", true},
-        {"several after one another", "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x8D\x8E.app", true},
-        {"a byte that only follows", "\x80", false},
-        {"the last byte that only follows", "\xBF", false},
-        {"a follower too many", "\xC3\xA4\xA4", false},
-        {"two bytes, cut off", "\xC3", false},
-        {"three bytes, cut off after one", "\xE2", false},
-        {"three bytes, cut off after two", "\xE2\x82", false},
-        {"four bytes, cut off after three", "\xF0\x9F\x8D", false},
-        {"two bytes, broken off by ASCII", "\xC3.app", false},
-        {"three bytes, broken off by a lead", "\xE2\x82\xC3\xA4", false},
-        {"a follower that is a lead", "\xC3\xC3", false},
-        {"ASCII in two bytes, the first", "\xC0\x80", false},
-        {"ASCII in two bytes, the last", "\xC1\xBF", false},
-        {"a slash in two bytes", "\xC0\xAF", false},
-        {"the last of two bytes in three", "\xE0\x9F\xBF", false},
-        {"a slash in three bytes", "\xE0\x80\xAF", false},
-        {"the last of three bytes in four", "\xF0\x8F\xBF\xBF", false},
-        {"the first surrogate", "\xED\xA0\x80", false},
-        {"the last surrogate", "\xED\xBF\xBF", false},
-        {"a pair of surrogates", "\xED\xA0\xBC\xED\xBD\x8E", false},
-        {"the first past the last", "\xF4\x90\x80\x80", false},
-        {"a lead past the last", "\xF5\x80\x80\x80", false},
-        {"the last lead of four bytes", "\xF7\xBF\xBF\xBF", false},
-        {"five bytes", "\xF8\x88\x80\x80\x80", false},
-        {"six bytes", "\xFC\x84\x80\x80\x80\x80", false},
-        {"a byte that never occurs", "\xFE", false},
-        {"another byte that never occurs", "\xFF", false},
-        {"Latin-1", "Caf\xE9.app", false},
-        {"an error behind good text", "/Applications/Halvo\xFF", false},
+        {"a byte that only follows", {"\x80", "\xBF", "\xC3\xA4\xA4"}},
+        {"cut off", {"\xC3", "\xE2", "\xE2\x82", "\xF0\x9F\x8D"}},
+        {"broken off", {"\xC3.app", "\xE2\x82\xC3\xA4", "\xC3\xC3"}},
+        {"one byte in two", {"\xC0\x80", "\xC1\xBF", "\xC0\xAF"}},
+        {"fewer bytes in three", {"\xE0\x9F\xBF", "\xE0\x80\xAF"}},
+        {"three bytes in four", {"\xF0\x8F\xBF\xBF"}},
+        {"surrogates", {"\xED\xA0\x80", "\xED\xBF\xBF", "\xED\xA0\xBC\xED\xBD\x8E"}},
+        {"past the last", {"\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xF7\xBF\xBF\xBF"}},
+        {"five and six bytes", {"\xF8\x88\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80"}},
+        {"bytes that never occur", {"\xFE", "\xFF", "/Applications/Halvo\xFF"}},
+        {"Latin-1", {"Caf\xE9.app"}},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(isUTF8(row.text), row.isUTF8) << row.what;
+    for (const auto& [what, texts] : rows) {
+        for (const std::string& text : texts) {
+            EXPECT_FALSE(isUTF8(text)) << what << ": " << text;
+        }
     }
 }
 

@@ -1,7 +1,6 @@
 // Spans and instants as the whole system counts them.
 #pragma once
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -27,13 +26,6 @@ WallDate wallNow();
 // process never goes back. One source per system: on Linux CLOCK_BOOTTIME (clock_gettime(2)), on
 // macOS CLOCK_MONOTONIC (clock_gettime_nsec_np(3)), whose steps back are held up. Any thread.
 Seconds sinceBoot();
-
-// `delay` as any timer takes it: none where it is negative or not-a-number, a century at most.
-inline Seconds withinACentury(Seconds delay) {
-    constexpr Seconds century = std::chrono::years{100};
-    const bool isDelay = delay > Seconds{0};
-    return isDelay ? std::min(delay, century) : Seconds{0};
-}
 
 // `span` as a whole number of seconds, truncated toward zero. A span that is not finite, or lies
 // outside the signed 64-bit range, is a fatal error (see Fatal.hpp).

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
-#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
@@ -25,16 +24,9 @@ constexpr const char* cannotConvert =
     "Fatal error: A span of seconds cannot be converted to a whole number";
 
 TEST(TimeTest, AWallDateGivesBackTheBitsItWasMadeOf) {
-    constexpr std::array seconds{0.0,
-                                 -0.0,
-                                 1763249012.482193,
-                                 -1.5,
-                                 Limits::denorm_min(),
-                                 Limits::max(),
-                                 Limits::lowest(),
-                                 Limits::infinity(),
-                                 Limits::quiet_NaN()};
-    for (const double value : seconds) {
+    for (const double value :
+         {0.0, -0.0, 1763249012.482193, -1.5, Limits::denorm_min(), Limits::max(), Limits::lowest(),
+          Limits::infinity(), Limits::quiet_NaN()}) {
         EXPECT_EQ(std::bit_cast<std::uint64_t>(secondsSince1970(wallDate(value))),
                   std::bit_cast<std::uint64_t>(value))
             << value;
@@ -74,27 +66,14 @@ TEST(TimeTest, TheWallClockFollowsWhoeverSetsIt) {
 }
 
 TEST(TimeTest, WholeSecondsAreTruncatedTowardZero) {
-    struct Row {
-        double seconds;
-        std::int64_t whole;
-    };
-
-    constexpr std::array rows{
-        Row{0, 0},
-        Row{-0.0, 0},
-        Row{0.999, 0},
-        Row{-0.999, 0},
-        Row{1.5, 1},
-        Row{-1.5, -1},
-        Row{7200, 7200},
-        Row{86399.9999, 86399},
-        Row{Limits::denorm_min(), 0},
-        Row{9007199254740993.0, 9007199254740992},
-        Row{9223372036854774784.0, 9223372036854774784},
-        Row{-9223372036854775808.0, std::numeric_limits<std::int64_t>::min()},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(wholeSeconds(Seconds{row.seconds}), row.whole) << row.seconds;
+    constexpr double least = -9223372036854775808.0;
+    for (const auto& [seconds, whole] :
+         {std::pair(0.0, 0L), std::pair(-0.0, 0L), std::pair(0.999, 0L), std::pair(-0.999, 0L),
+          std::pair(1.5, 1L), std::pair(-1.5, -1L), std::pair(86399.9999, 86399L),
+          std::pair(Limits::denorm_min(), 0L), std::pair(9007199254740993.0, 9007199254740992L),
+          std::pair(9223372036854774784.0, 9223372036854774784L),
+          std::pair(least, std::numeric_limits<long>::min())}) {
+        EXPECT_EQ(wholeSeconds(Seconds{seconds}), whole) << seconds;
     }
 }
 
@@ -135,18 +114,6 @@ TEST(BootTimeTest, CountsTheTimeAsleep) {
         GTEST_SKIP() << "needs root and a kernel with time namespaces";
     }
     EXPECT_EQ(result.status, 0) << result.output;
-}
-
-TEST(WithinACenturyTest, IsNoDelayThatATimerCannotTake) {
-    constexpr double century = 100 * 31'556'952.0;
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    for (const auto& [delay, expected] :
-         {std::pair(0.0, 0.0), std::pair(-1.0, 0.0), std::pair(-infinity, 0.0),
-          std::pair(std::numeric_limits<double>::quiet_NaN(), 0.0), std::pair(1e-9, 1e-9),
-          std::pair(century, century), std::pair(century * 2, century),
-          std::pair(infinity, century)}) {
-        EXPECT_EQ(withinACentury(Seconds{delay}).count(), expected) << delay;
-    }
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <type_traits>
 #include <vector>
 
-#include "HalvoPlatform/MainActor.hpp"
 #include "HalvoShared/IntentHosting.hpp"
 #include "tests/Support/BundledProgram.hpp"
 #include "tests/Support/SimulatedWorld.hpp"

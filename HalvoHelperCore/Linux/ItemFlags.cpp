@@ -1,55 +1,26 @@
-#include "HalvoHelperCore/ItemFlags.hpp"
-
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/stat.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
 
-// One flag in the three spellings: BSD's, the inode's and statx(2)'s.
-struct FlagName {
-    std::uint32_t item;
-    std::uint64_t inode;
-    std::uint64_t attribute;
-};
-
-constexpr std::array flagNames{
-    FlagName{ItemFlag::systemImmutable, FS_IMMUTABLE_FL, STATX_ATTR_IMMUTABLE},
-    FlagName{ItemFlag::systemAppendOnly, FS_APPEND_FL, STATX_ATTR_APPEND},
-    FlagName{ItemFlag::noDump, FS_NODUMP_FL, STATX_ATTR_NODUMP},
-};
-
-// The BSD flags of those in `flags`, which are spelled as `spelling` says.
-std::uint32_t itemFlagsOf(std::uint64_t flags, std::uint64_t FlagName::* spelling) {
-    std::uint32_t result = 0;
-    for (const FlagName& name : flagNames) {
-        result |= (flags & name.*spelling) != 0 ? name.item : 0;
-    }
-    return result;
-}
-
 // Gives 0 or the errno.
-int change(int item, std::uint32_t wanted) {
+int change(int item, bool isImmutable) {
     unsigned flags = 0;
     if (ioctl(item, FS_IOC_GETFLAGS, &flags) != 0) {
         return errno;
     }
-    for (const FlagName& name : flagNames) {
-        const auto inode = static_cast<unsigned>(name.inode);
-        flags = (wanted & name.item) != 0 ? flags | inode : flags & ~inode;
-    }
-    if (itemFlagsOf(flags, &FlagName::inode) != wanted) {
-        return EOPNOTSUPP;
-    }
+    constexpr unsigned immutable = FS_IMMUTABLE_FL;
+    flags = isImmutable ? flags | immutable : flags & ~immutable;
     if (ioctl(item, FS_IOC_SETFLAGS, &flags) == 0) {
         return 0;
     }
@@ -57,7 +28,7 @@ int change(int item, std::uint32_t wanted) {
     // An overlay can refuse the change and carry it out all the same: what counts is what is so.
     unsigned after = 0;
     const bool asWanted =
-        ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && itemFlagsOf(after, &FlagName::inode) == wanted;
+        ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && ((after & immutable) != 0) == isImmutable;
     return asWanted ? 0 : code;
 }
 
@@ -71,15 +42,18 @@ std::optional<std::uint32_t> itemFlags(const std::string& path) {
         statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
         return std::nullopt;
     }
-    return itemFlagsOf(status.stx_attributes, &FlagName::attribute);
+    return (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0 ? ItemFlag::systemImmutable : 0;
 }
 
 FlagsChange setItemFlags(const std::string& path, std::uint32_t wanted) {
+    if ((wanted & ~ItemFlag::systemImmutable) != 0) {
+        return {.refused = EOPNOTSUPP};
+    }
     // The ioctl needs a descriptor that is open for reading (O_PATH gives EBADF). O_NONBLOCK: a
     // pipe in the item's place must not make the helper wait.
     const Descriptor item(
         open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    const int refused = item.isOpen() ? change(item.get(), wanted) : errno;
+    const int refused = item.isOpen() ? change(item.get(), wanted != 0) : errno;
     return {refused, refused == 0 ? syncToDisk(item.get()) : 0};
 }
 

@@ -1,11 +1,10 @@
-#include "HalvoHelperCore/ItemFlags.hpp"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 

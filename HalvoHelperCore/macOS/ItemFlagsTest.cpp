@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
-#include "HalvoHelperCore/ItemFlags.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
@@ -83,8 +82,7 @@ TEST_F(DarwinItemFlagsTest, OfTheLockAreChangedAloneAndAnyOfThemIsALock) {
     };
 
     for (const Row& row : {Row{immutable, 0, LockState::unlocked, immutable, 0},
-                           Row{immutable, hidden | ItemFlag::noDump, LockState::unlocked,
-                               hidden | ItemFlag::noDump | immutable, hidden | ItemFlag::noDump},
+                           Row{immutable, hidden, LockState::unlocked, hidden | immutable, hidden},
                            Row{immutable | user, user, LockState::locked, immutable | user, 0}}) {
         ChflagsFileFlags several(row.flag);
         fake::world().flags[path] = row.before;
@@ -106,22 +104,12 @@ TEST_F(DarwinItemFlagsTest, AreOnTheDiskOnceTheyAreChanged) {
     EXPECT_EQ(fake::world().fullSyncCalls, 2);
     fake::world().fullSyncError = EIO;
     EXPECT_TRUE(flags.setLocked(true, path)) << "they are as asked all the same";
-    EXPECT_EQ(fake::errors(), std::vector<std::string>{"Couldn't sync Halvo: errno 5"});
-}
-
-TEST_F(DarwinItemFlagsTest, WhenRefusedAreLoggedWithVerbAndNumber) {
     fake::world().lchflagsError = EPERM;
-    EXPECT_FALSE(flags.setLocked(true, path));
-    EXPECT_EQ(flags.state(path), LockState::unlocked);
-    fake::world().flags[path] = ItemFlag::systemImmutable;
-    fake::world().lchflagsError = EROFS;
     EXPECT_FALSE(flags.setLocked(false, path));
     EXPECT_EQ(flags.state(path), LockState::locked);
-    EXPECT_EQ(fake::world().log,
-              (std::vector<fake::LogEntry>{
-                  {"app.halvo", "Helper", true, "Couldn't lock Halvo: errno 1"},
-                  {"app.halvo", "Helper", true, "Couldn't unlock Halvo: errno 30"}}));
-    EXPECT_EQ(fake::world().fullSyncCalls, 0);
+    EXPECT_EQ(fake::world().fullSyncCalls, 3);
+    EXPECT_EQ(fake::errors(), (std::vector<std::string>{"Couldn't sync Halvo: errno 5",
+                                                        "Couldn't unlock Halvo: errno 1"}));
 }
 
 }  // namespace

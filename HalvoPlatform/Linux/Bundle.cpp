@@ -21,9 +21,6 @@ namespace {
 // libplist follows nested members on the stack: what fits in here cannot exhaust it.
 constexpr std::size_t infoLimit = std::size_t{1} << 17U;
 
-// libplist hands out memory of malloc(3).
-using Text = std::unique_ptr<char, decltype(&std::free)>;
-
 // `bytes` are at most infoLimit.
 std::optional<InfoDictionary> parsePropertyList(const std::string& bytes) {
     plist_t raw = nullptr;
@@ -40,15 +37,13 @@ std::optional<InfoDictionary> parsePropertyList(const std::string& bytes) {
         char* rawKey = nullptr;
         plist_t value = nullptr;
         plist_dict_next_item(root.get(), position.get(), &rawKey, &value);
-        const Text key(rawKey, &std::free);
+        const std::unique_ptr<char, decltype(&std::free)> key(rawKey, &std::free);
         if (key == nullptr || value == nullptr) {
             return info;
         }
-        // Gives nothing of a node of another type.
-        char* rawText = nullptr;
-        plist_get_string_val(value, &rawText);
-        if (const Text text(rawText, &std::free); text != nullptr) {
-            info.insert_or_assign(key.get(), text.get());
+        // Null for a node of another type.
+        if (const char* text = plist_get_string_ptr(value, nullptr)) {
+            info.insert_or_assign(key.get(), text);
         }
     }
 }
@@ -82,10 +77,9 @@ std::optional<std::string> Bundle::executablePath() const {
     if (ownExecutable_) {
         return ownExecutable_->empty() ? std::nullopt : ownExecutable_;
     }
-    const auto members = info();
-    const auto name = members ? infoString(*members, "CFBundleExecutable") : std::nullopt;
+    const auto name = infoString(info(), "CFBundleExecutable");
     // A name with a slash would lead out of the folder.
-    if (!name || name->empty() || name->find('/') != std::string::npos) {
+    if (!name || name->empty() || name->contains('/')) {
         return std::nullopt;
     }
     std::string path = path_ + "/Contents/MacOS/" + *name;

@@ -97,10 +97,6 @@ TEST_F(BundleOnDiskTest, ReadsPropertyListsInXMLAndBinary) {
 
 TEST_F(BundleOnDiskTest, HasNoInfoWithoutAFile) {
     EXPECT_EQ(bundle.info(), std::nullopt);
-    EXPECT_EQ(Bundle(folder / "Missing.app").info(), std::nullopt);
-    ASSERT_EQ(mkdir(bundle.infoPath().c_str(), 0755), 0);
-    EXPECT_EQ(bundle.info(), std::nullopt);
-    ASSERT_EQ(rmdir(bundle.infoPath().c_str()), 0);
     ASSERT_EQ(mkfifo(bundle.infoPath().c_str(), 0644), 0);
     EXPECT_EQ(bundle.info(), std::nullopt);
 }
@@ -183,22 +179,14 @@ TEST_F(BundleOnDiskTest, SurvivesTheDeepestNesting) {
 
 TEST_F(BundleOnDiskTest, NamesItsExecutable) {
     const std::string name = "<string>Halvo</string>";
+    EXPECT_EQ(bundle.executablePath(), std::nullopt) << "no Info.plist";
     EXPECT_EQ(executableOf(name), std::nullopt) << "it is missing";
     ASSERT_EQ(symlink("Real", executable.c_str()), 0);
     EXPECT_EQ(executableOf(name), std::nullopt) << "a link that leads nowhere";
     writeTestFile(path + "/Contents/MacOS/Real", "");
-    EXPECT_EQ(executableOf(name), executable);
-    writeTestFile(bundle.infoPath(), binary(dictionary("<key>CFBundleExecutable</key>" + name)));
-    EXPECT_EQ(bundle.executablePath(), executable);
-    writeTestFile(bundle.infoPath(), xml("<dict/>"));
-    EXPECT_EQ(bundle.executablePath(), std::nullopt);
-    std::filesystem::remove(bundle.infoPath());
-    EXPECT_EQ(bundle.executablePath(), std::nullopt);
-}
-
-TEST_F(BundleOnDiskTest, HasNoExecutableWhoseNameIsNoneOrLeadsOutOfItsFolder) {
     writeTestFile(path + "/Contents/Other", "");
-    writeTestFile(executable, "");
+    EXPECT_EQ(executableOf(name), executable);
+    // No name, or one that leads out of the folder.
     for (const char* value :
          {"<integer>1</integer>", "<array><string>Halvo</string></array>", "<string></string>",
           "<string>../Other</string>", "<string>./Halvo</string>", "<string>/bin/sh</string>"}) {
@@ -206,21 +194,16 @@ TEST_F(BundleOnDiskTest, HasNoExecutableWhoseNameIsNoneOrLeadsOutOfItsFolder) {
     }
 }
 
-TEST(MainBundleTest, IsTheProcessItself) {
-    const Bundle main = Bundle::main();
+TEST(MainBundleTest, IsTheProcessItselfWhereTheSystemTells) {
     const std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe");
-    EXPECT_EQ(main.executablePath(), executable);
-    EXPECT_EQ(main.path(), executable.parent_path());
-    EXPECT_EQ(main.infoPath(), executable.parent_path() / "Info.plist");
-}
-
-TEST(MainBundleTest, HasNoExecutableWhenTheSystemDoesNotTellOrThePathMayBeCutOff) {
+    EXPECT_EQ(Bundle::main().executablePath(), executable);
+    EXPECT_EQ(Bundle::main().path(), executable.parent_path());
     {
         const Fault fault = Fault::failing(SystemCall::readlink, EACCES);
         EXPECT_EQ(Bundle::main().executablePath(), std::nullopt);
     }
     const Fault fault = Fault::returning(SystemCall::readlink, PATH_MAX);
-    EXPECT_EQ(Bundle::main().executablePath(), std::nullopt);
+    EXPECT_EQ(Bundle::main().executablePath(), std::nullopt) << "it may be cut off";
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <ctime>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -32,34 +34,15 @@ std::vector<std::string> contextFields;
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the same.
 bool isForTerminal = false;
 
-// A path may hold anything: the lines of somebody else, what a terminal takes for a command.
-void appendPrintable(std::string& message, std::string_view text) {
-    constexpr unsigned char firstPrintable = 0x20;
-    constexpr unsigned char deletion = 0x7F;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        message += byte < firstPrintable || byte == deletion ? ' ' : character;
-    }
-}
-
-std::string formatted(std::string_view format, const detail::LogArgument* arguments) {
+// The arguments in the places of their placeholders, each of which ends with its first 's' or 'd'.
+std::string formatted(std::string_view format, std::initializer_list<std::string> arguments) {
     std::string message;
-    while (!format.empty()) {
-        const detail::LogPlaceholder* placeholder = detail::placeholderAt(format);
-        if (placeholder == nullptr) {
-            message += format.front();
-            format.remove_prefix(1);
-            continue;
-        }
-        if (arguments->kind == detail::LogArgument::Kind::Text) {
-            appendPrintable(message, arguments->text);
-        } else {
-            message += std::to_string(arguments->number);
-        }
-        ++arguments;
-        format.remove_prefix(placeholder->spelling.size());
+    for (const std::string& argument : arguments) {
+        const std::size_t place = format.find('%');
+        message.append(format.substr(0, place)).append(argument);
+        format.remove_prefix(format.find_first_of("sd", place) + 1);
     }
-    return message;
+    return message.append(format);
 }
 
 // Whether the journal took the line. sd_journal_sendv() succeeds silently where none listens, so it
@@ -70,12 +53,11 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
     }
     // Those of syslog(3): an error, and a notice, which "default" of the unified log is.
     std::vector<std::string> fields = contextFields;
-    fields.push_back("MESSAGE=" + std::string(message));
-    fields.emplace_back(level == LogLevel::Error ? "PRIORITY=3" : "PRIORITY=5");
-    fields.push_back(std::string("SUBSYSTEM=") + logger.subsystem);
-    fields.push_back(std::string("CATEGORY=") + logger.category);
+    fields.insert(
+        fields.end(),
+        {"MESSAGE=" + std::string(message), level == LogLevel::Error ? "PRIORITY=3" : "PRIORITY=5",
+         std::string("SUBSYSTEM=") + logger.subsystem, std::string("CATEGORY=") + logger.category});
     std::vector<iovec> parts;
-    parts.reserve(fields.size());
     for (std::string& field : fields) {
         parts.push_back({field.data(), field.size()});
     }
@@ -86,14 +68,12 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
 void writeToTerminal(const std::string& line) {
     const Descriptor terminal(
         open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!terminal.isOpen()) {
+    if (terminal.isOpen()) {
+        writeUndisturbed(terminal.get(), line);
+    } else if (errno == EACCES) {
         // The terminal of another user, for a process that is not root and so ends at once.
-        if (errno == EACCES) {
-            writeUndisturbed(STDERR_FILENO, line);
-        }
-        return;
+        writeUndisturbed(STDERR_FILENO, line);
     }
-    writeUndisturbed(terminal.get(), line);
 }
 
 void writeToSystem(const Logger& logger, LogLevel level, std::string_view message) {
@@ -102,10 +82,9 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
     if (isLogged && !isTerminal) {
         return;
     }
-    std::string line = std::string(logger.subsystem) + " " + logger.category + ": ";
-    line += level == LogLevel::Error ? "error: " : "";
-    line += message;
-    line += '\n';
+    const std::string line = std::string(logger.subsystem) + " " + logger.category + ": " +
+                             (level == LogLevel::Error ? "error: " : "") + std::string(message) +
+                             "\n";
     if (isTerminal) {
         writeToTerminal(line);
     } else {
@@ -153,8 +132,22 @@ std::vector<std::string> logFields() { return contextFields; }
 
 void logToTerminalToo() { isForTerminal = true; }
 
+// A path may hold anything: the lines of somebody else, what a terminal takes for a command.
+std::string detail::printed(const char* value) {
+    constexpr unsigned char firstPrintable = 0x20;
+    constexpr char deletion = 0x7F;
+    std::string text = value;
+    std::ranges::replace_if(
+        text,
+        [](char character) {
+            return static_cast<unsigned char>(character) < firstPrintable || character == deletion;
+        },
+        ' ');
+    return text;
+}
+
 void detail::writeLog(const Logger& logger, LogLevel level, std::string_view format,
-                      const LogArgument* arguments) {
+                      std::initializer_list<std::string> arguments) {
     const LogSink sink = installedSink != nullptr ? installedSink : writeToSystem;
     sink(logger, level, formatted(format, arguments));
 }

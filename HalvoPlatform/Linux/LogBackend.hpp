@@ -3,8 +3,9 @@
 // known; else one line on standard error.
 #pragma once
 
+#include <algorithm>
 #include <array>
-#include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -28,69 +29,34 @@ std::vector<std::string> logFields();
 
 namespace detail {
 
-struct LogArgument {
-    enum class Kind { Text, Long, Int } kind;
+// What stands for an argument of each type in a format.
+constexpr std::string_view placeholderOf(const char*) { return "%{public}s"; }
 
-    union {
-        const char* text;
-        long number;
-    };
+constexpr std::string_view placeholderOf(long) { return "%{public}ld"; }
 
-    constexpr LogArgument(const char* value) : kind(Kind::Text), text(value) {}
+constexpr std::string_view placeholderOf(int) { return "%d"; }
 
-    constexpr LogArgument(long value) : kind(Kind::Long), number(value) {}
+// What a line has in the place of `value`.
+std::string printed(const char* value);
 
-    constexpr LogArgument(int value) : kind(Kind::Int), number(value) {}
-};
+inline std::string printed(long value) { return std::to_string(value); }
 
-struct LogPlaceholder {
-    std::string_view spelling;
-    LogArgument::Kind kind;
-};
-
-inline constexpr std::array logPlaceholders{
-    LogPlaceholder{"%{public}s", LogArgument::Kind::Text},
-    LogPlaceholder{"%{public}ld", LogArgument::Kind::Long},
-    LogPlaceholder{"%d", LogArgument::Kind::Int},
-};
-
-// The placeholder that `text` begins with, or null.
-constexpr const LogPlaceholder* placeholderAt(std::string_view text) {
-    for (const LogPlaceholder& placeholder : logPlaceholders) {
-        if (text.starts_with(placeholder.spelling)) {
-            return &placeholder;
-        }
-    }
-    return nullptr;
-}
-
-// A format that has been checked against the types of its arguments by the compiler.
+// A format that the compiler has checked against the types of its arguments.
 template <class... Arguments>
-class LogFormat {
-  public:
+struct LogFormat {
     consteval LogFormat(const char* format) : text(format) {
-        constexpr std::array<LogArgument::Kind, sizeof...(Arguments)> kinds{
-            LogArgument(Arguments{}).kind...};
-        std::size_t used = 0;
+        const std::array<std::string_view, sizeof...(Arguments)> placeholders{
+            placeholderOf(Arguments{})...};
+        bool agrees = true;
         std::string_view rest = text;
-        while (!rest.empty()) {
-            if (rest.front() != '%') {
-                rest.remove_prefix(1);
-                continue;
-            }
-            const LogPlaceholder* placeholder = placeholderAt(rest);
-            // A throw is not a constant expression: it stops the compilation here.
-            if (placeholder == nullptr) {
-                throw "unknown placeholder";
-            }
-            if (used == kinds.size() || kinds[used] != placeholder->kind) {
-                throw "placeholder and argument do not agree";
-            }
-            ++used;
-            rest.remove_prefix(placeholder->spelling.size());
+        for (const std::string_view placeholder : placeholders) {
+            rest.remove_prefix(std::min(rest.find('%'), rest.size()));
+            agrees = agrees && rest.starts_with(placeholder);
+            rest.remove_prefix(std::min(placeholder.size(), rest.size()));
         }
-        if (used != kinds.size()) {
-            throw "more arguments than placeholders";
+        if (!agrees || rest.contains('%')) {
+            // Not a constant expression: it stops the compilation here.
+            throw "placeholders and arguments do not agree";
         }
     }
 
@@ -98,16 +64,14 @@ class LogFormat {
 };
 
 void writeLog(const Logger& logger, LogLevel level, std::string_view format,
-              const LogArgument* arguments);
+              std::initializer_list<std::string> arguments);
 
 }  // namespace detail
 
 template <class... Arguments>
 void log(const Logger& logger, LogLevel level,
          detail::LogFormat<std::type_identity_t<Arguments>...> format, Arguments... arguments) {
-    const std::array<detail::LogArgument, sizeof...(Arguments) + 1> list{
-        detail::LogArgument(arguments)..., detail::LogArgument(0)};
-    detail::writeLog(logger, level, format.text, list.data());
+    detail::writeLog(logger, level, format.text, {detail::printed(arguments)...});
 }
 
 }  // namespace halvo

@@ -36,15 +36,12 @@ using testing::PrivateMount;
 using testing::runInChild;
 using testing::SystemCall;
 
-LogLevel receivedLevel;
-
 // What `say` says to the log, in place of the system's.
 std::string saidBy(void (*say)()) {
     static std::string received;
     received = "nothing";
     const LogSink sink = [](const Logger&, LogLevel level, std::string_view message) {
-        received = message;
-        receivedLevel = level;
+        received = (level == LogLevel::Error ? "error: " : "") + std::string(message);
     };
     const LogSink before = replaceLogSink(sink);
     say();
@@ -53,39 +50,32 @@ std::string saidBy(void (*say)()) {
 }
 
 TEST(LogTest, PutsArgumentsInThePlacesOfTheirPlaceholders) {
+    using Longs = std::numeric_limits<long>;
+    using Ints = std::numeric_limits<int>;
+
     struct Row {
         void (*say)();
         const char* said;
     };
 
-    using Longs = std::numeric_limits<long>;
-    using Ints = std::numeric_limits<int>;
-    for (const Row& row : {
-             Row{[] { HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again"); },
-                 "Locked Halvo's app again"},
-             Row{[] { HALVO_LOG_DEFAULT(helperLog, "let go: %{public}s", "ended"); },
-                 "let go: ended"},
+    for (const auto& [say, said] : {
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "Locked again"); }, "Locked again"},
+             Row{[] { HALVO_LOG_ERROR(helperLog, "Locked again"); }, "error: Locked again"},
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "let go: %{public}s!", "ended"); },
+                 "let go: ended!"},
              Row{[] { HALVO_LOG_DEFAULT(helperLog, "%{public}s", ""); }, ""},
-             Row{[] { HALVO_LOG_DEFAULT(helperLog, "for %{public}ld s", 7200L); }, "for 7200 s"},
-             Row{[] { HALVO_LOG_DEFAULT(helperLog, "%{public}ld", Longs::min()); },
-                 "-9223372036854775808"},
-             Row{[] { HALVO_LOG_ERROR(helperLog, "%d", Ints::min()); }, "-2147483648"},
-             Row{[] { HALVO_LOG_ERROR(helperLog, "%d%{public}ld%{public}s%d", 1, 2L, "3", 4); },
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "for %{public}ld s", Longs::min()); },
+                 "for -9223372036854775808 s"},
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "%d", Ints::min()); }, "-2147483648"},
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "%d%{public}ld%{public}s%d", 1, 2L, "3", 4); },
                  "1234"},
-             Row{[] { HALVO_LOG_ERROR(helperLog, "Couldn't: %{public}s", "%d %{public}s %n"); },
-                 "Couldn't: %d %{public}s %n"},
-             Row{[] { HALVO_LOG_ERROR(helperLog, "Couldn't: %{public}s", "a\nb\r\nc\x1B\x7F"); },
-                 "Couldn't: a b  c  "},
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "%{public}s", "%d %{public}s %n"); },
+                 "%d %{public}s %n"},
+             Row{[] { HALVO_LOG_DEFAULT(helperLog, "%{public}s", "a\nb\r\nc\x1B\x7F é"); },
+                 "a b  c   é"},
          }) {
-        EXPECT_EQ(saidBy(row.say), row.said);
+        EXPECT_EQ(saidBy(say), said);
     }
-}
-
-TEST(LogTest, KnowsTheTwoLevels) {
-    saidBy([] { HALVO_LOG_ERROR(helperLog, "a refusal"); });
-    EXPECT_EQ(receivedLevel, LogLevel::Error);
-    saidBy([] { HALVO_LOG_DEFAULT(helperLog, "a change"); });
-    EXPECT_EQ(receivedLevel, LogLevel::Default);
 }
 
 TEST(LogWithoutJournalTest, WritesToStandardErrorAndNeverFailsTowardsItsCaller) {
@@ -138,35 +128,29 @@ bool has(const std::string& entry, const std::string& part) {
     return entry.find(part) != std::string::npos;
 }
 
-TEST_F(LogToJournalTest, SendsTheMessageWithItsFields) {
+TEST_F(LogToJournalTest, SendsTheMessageWithItsFieldsAndWhatIsKnownOfTheCommitment) {
     const Descriptor journal = listen();
+    const auto expectEntry = [&journal](const std::vector<std::string>& fields) {
+        const std::string entry = nextEntry(journal);
+        for (const std::string& field : fields) {
+            EXPECT_TRUE(has(entry, "\n" + field + "\n")) << entry;
+        }
+        EXPECT_FALSE(has(entry, "CODE_FILE")) << entry;
+        return entry;
+    };
     HALVO_LOG_ERROR(helperLog, "Couldn't: %{public}s", "a\nPRIORITY=0\x1B[31m");
-    const std::string error = nextEntry(journal);
-    for (const char* field : {"MESSAGE=Couldn't: a PRIORITY=0 [31m", "PRIORITY=3",
-                              "SUBSYSTEM=app.halvo", "CATEGORY=Helper"}) {
-        EXPECT_TRUE(has(error, "\n" + std::string(field) + "\n")) << error;
-    }
-    EXPECT_FALSE(has(error, "CODE_FILE")) << error;
-    HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
-    const std::string notice = nextEntry(journal);
-    EXPECT_TRUE(has(notice, "\nMESSAGE=Locked Halvo's app again\n")) << notice;
-    EXPECT_TRUE(has(notice, "\nPRIORITY=5\n")) << notice;
-    EXPECT_EQ(nextEntry(journal), "nothing");
-}
-
-TEST_F(LogToJournalTest, SendsWhatIsKnownOfTheCommitment) {
-    const Descriptor journal = listen();
+    expectEntry({"MESSAGE=Couldn't: a PRIORITY=0 [31m", "PRIORITY=3", "SUBSYSTEM=app.halvo",
+                 "CATEGORY=Helper"});
     const LogContext context{1000, "/Applications/My\nApp.app", wallDate(1e9 + 0.5)};
     setLogContext(&context);
     HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
-    const std::string entry = nextEntry(journal);
-    EXPECT_TRUE(has(entry, "\nMESSAGE=Locked Halvo's app again\n")) << entry;
-    EXPECT_TRUE(has(entry, "\nHALVO_UID=1000\n")) << entry;
+    const std::string entry = expectEntry({"MESSAGE=Locked Halvo's app again", "PRIORITY=5",
+                                           "HALVO_UID=1000", "HALVO_END=2001-09-09T01:46:41Z"});
     EXPECT_TRUE(has(entry, "/Applications/My\nApp.app\n")) << entry;
-    EXPECT_TRUE(has(entry, "\nHALVO_END=2001-09-09T01:46:41Z\n")) << entry;
     setLogContext(nullptr);
     HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again");
     EXPECT_FALSE(has(nextEntry(journal), "HALVO_"));
+    EXPECT_EQ(nextEntry(journal), "nothing");
 }
 
 TEST(LogContextTest, LeavesOutAnEndThatIsNoDate) {
@@ -208,12 +192,6 @@ class LogToTerminalTest : public LogToJournalTest {
         return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
     }
 
-    static void logMuch() {
-        for (int i = 0; i < 5000; ++i) {
-            HALVO_LOG_ERROR(helperLog, "errno %d", i);
-        }
-    }
-
     Descriptor master_{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)};
     Descriptor terminal_;
 };
@@ -232,21 +210,20 @@ TEST_F(LogToTerminalTest, WritesEachLineThereAndToTheJournalIfThereIsOne) {
     }
 }
 
-TEST_F(LogToTerminalTest, WaitsForNoTerminalThatIsStopped) {
+TEST_F(LogToTerminalTest, NeitherWaitsForATerminalThatIsStoppedNorEndsWithOneThatIsGone) {
     ASSERT_EQ(tcflow(terminal_.get(), TCOOFF), 0);
-    EXPECT_EQ(onTerminal([] {
-                  alarm(30);
-                  logMuch();
-              }).status,
-              0);
-}
-
-TEST_F(LogToTerminalTest, OutlivesATerminalThatIsGone) {
-    EXPECT_EQ(onTerminal([this] {
-                  master_ = Descriptor{};
-                  logMuch();
-              }).status,
-              0);
+    for (const bool isGone : {false, true}) {
+        if (isGone) {
+            master_ = Descriptor{};
+        }
+        EXPECT_EQ(onTerminal([] {
+                      alarm(30);
+                      for (int i = 0; i < 5000; ++i) {
+                          HALVO_LOG_ERROR(helperLog, "errno %d", i);
+                      }
+                  }).status,
+                  0);
+    }
 }
 
 TEST_F(LogToTerminalTest, IsNotStoppedInTheBackground) {

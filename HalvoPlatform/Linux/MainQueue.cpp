@@ -16,7 +16,6 @@
 
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Fatal.hpp"
-#include "HalvoPlatform/MainActor.hpp"
 
 namespace halvo {
 namespace {
@@ -59,20 +58,20 @@ class EventLoopQueue final : public MainQueue {
 
     void async(Work work) override {
         const std::lock_guard lock(mutex_);
+        // Work that waits has woken the loop already.
+        if (waiting_.empty()) {
+            eventfd_write(wakeUp_, 1);
+        }
         waiting_.push_back(std::move(work));
-        eventfd_write(wakeUp_, 1);
     }
 
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
-        sd_event_source* source =
-            addTimer(CLOCK_MONOTONIC, first, std::max(microseconds(leeway), noLeeway), fire,
-                     new Timer{std::move(work), microseconds(interval)});
-        require(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
+        addTimer(CLOCK_MONOTONIC, first, std::max(microseconds(leeway), noLeeway), fire,
+                 new Timer{std::move(work), microseconds(interval)});
     }
 
     void after(Seconds delay, Work work) override {
-        addTimer(CLOCK_BOOTTIME, withinACentury(delay), noLeeway, fireOnce,
-                 new Work(std::move(work)));
+        addTimer(CLOCK_BOOTTIME, delay, noLeeway, fireOnce, new Work(std::move(work)));
     }
 
     void onTermination(Work work) override {
@@ -103,15 +102,14 @@ class EventLoopQueue final : public MainQueue {
         std::uint64_t interval;
     };
 
-    sd_event_source* addTimer(clockid_t clock, Seconds first, std::uint64_t accuracy,
-                              sd_event_time_handler_t handler, void* userdata) {
+    void addTimer(clockid_t clock, Seconds first, std::uint64_t accuracy,
+                  sd_event_time_handler_t handler, void* userdata) {
         sd_event_source* source = nullptr;
         require(sd_event_add_time_relative(loop_, &source, clock, microseconds(first), accuracy,
                                            handler, userdata),
                 "sd_event_add_time_relative");
         require(sd_event_source_set_priority(source, timerPriority),
                 "sd_event_source_set_priority");
-        return source;
     }
 
     static int fire(sd_event_source* source, std::uint64_t due, void* userdata) {
@@ -119,11 +117,9 @@ class EventLoopQueue final : public MainQueue {
         std::uint64_t now = 0;
         sd_event_now(sd_event_source_get_event(source), CLOCK_MONOTONIC, &now);
         // Keep to the grid, but do not make up for turns that were missed.
-        std::uint64_t next = due + timer->interval;
-        if (next <= now) {
-            next += (now - next) / timer->interval * timer->interval + timer->interval;
-        }
-        sd_event_source_set_time(source, next);
+        const std::uint64_t turns = (now - due) / timer->interval + 1;
+        sd_event_source_set_time(source, due + turns * timer->interval);
+        sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
         timer->work();
         return 0;
     }

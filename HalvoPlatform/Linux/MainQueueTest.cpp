@@ -8,20 +8,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
-#include <limits>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "HalvoPlatform/Descriptor.hpp"
-#include "HalvoPlatform/MainActor.hpp"
 #include "HalvoPlatform/MainQueue.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -79,7 +76,7 @@ TEST(MainQueueTest, RunsWorkLaterAndInOrder) {
     });
 }
 
-TEST(MainQueueTest, RunsTheWorkOfEveryThreadInItsOrder) {
+TEST(MainQueueTest, WakesUpForTheWorkOfEveryThreadAndRunsItInItsOrder) {
     serve([](MainQueue& queue) {
         static constexpr std::size_t threadCount = 4;
         static constexpr int workCount = 500;
@@ -88,6 +85,8 @@ TEST(MainQueueTest, RunsTheWorkOfEveryThreadInItsOrder) {
         for (std::size_t index = 0; index < threadCount; ++index) {
             threads.emplace_back([&queue, index] {
                 for (int number = 0; number < workCount; ++number) {
+                    // Long enough, at times, for the loop to have gone to sleep.
+                    std::this_thread::sleep_for(number % 100 == 0 ? 10ms : 0ms);
                     queue.async([index, number] {
                         EXPECT_TRUE(onMainActor());
                         EXPECT_EQ(done[index], number);
@@ -103,20 +102,6 @@ TEST(MainQueueTest, RunsTheWorkOfEveryThreadInItsOrder) {
     });
 }
 
-TEST(MainQueueTest, WakesUpForTheWorkOfAThread) {
-    serve([](MainQueue& queue) {
-        static std::thread thread;
-        thread = std::thread([&queue] {
-            // Long enough for the loop to have gone to sleep.
-            std::this_thread::sleep_for(50ms);
-            queue.async([] {
-                thread.join();
-                finish();
-            });
-        });
-    });
-}
-
 TEST(MainQueueTest, RunsWorkBeforeATimerThatIsDueAtOnce) {
     serve([](MainQueue& queue) {
         static std::string order;
@@ -128,22 +113,6 @@ TEST(MainQueueTest, RunsWorkBeforeATimerThatIsDueAtOnce) {
             std::this_thread::sleep_for(30ms);
             order += 'a';
             queue.async([] { order += 'b'; });
-        });
-    });
-}
-
-TEST(MainQueueTest, TurnsATimerNeverBeforeItIsDue) {
-    serve([](MainQueue& queue) {
-        static int turns = 0;
-        const Seconds start = queue.now();
-        queue.repeat(Seconds{0.04}, Seconds{0.02}, Seconds{0}, [&queue, start] {
-            EXPECT_TRUE(onMainActor());
-            // The loop counts whole microseconds.
-            const Seconds passed = queue.now() - start + Seconds{2e-6};
-            EXPECT_GE(passed.count(), 0.04 + 0.02 * turns);
-            if (++turns == 5) {
-                finish();
-            }
         });
     });
 }
@@ -175,17 +144,17 @@ TEST(MainQueueTest, KeepsATimerOnItsGridAndMakesUpForNoMissedTurn) {
 }
 
 // In which order is nobody's promise: on a busy machine all are due when the loop first looks.
-TEST(MainQueueTest, TurnsSeveralTimersEachWhenItIsDue) {
+TEST(MainQueueTest, TurnsSeveralTimersEachNeverBeforeItIsDue) {
     serve([](MainQueue& queue) {
-        static std::set<double> turned;
+        static std::map<double, int> turns;
         const Seconds start = queue.now();
-        for (const double first : {0.06, 0.03, 0.09}) {
-            queue.repeat(Seconds{first}, Seconds{3600}, Seconds{0}, [&queue, start, first] {
+        for (const double interval : {0.06, 0.03, 0.09}) {
+            queue.repeat(Seconds{interval}, Seconds{interval}, Seconds{0}, [&, start, interval] {
+                EXPECT_TRUE(onMainActor());
                 // The loop counts whole microseconds.
                 const Seconds passed = queue.now() - start + Seconds{2e-6};
-                EXPECT_GE(passed.count(), first);
-                EXPECT_TRUE(turned.insert(first).second);
-                if (turned.size() == 3) {
+                EXPECT_GE(passed.count(), interval * ++turns[interval]);
+                if (turns.size() == 3 && turns[0.03] >= 3) {
                     finish();
                 }
             });
@@ -204,63 +173,41 @@ TEST(MainQueueTest, LetsTheSystemDelayATurnByTheLeewayAndNoMore) {
     });
 }
 
-TEST(MainQueueTest, RunsDelayedWorkOnceAndNeverBeforeItIsDue) {
+// What the work holds is let go when it has run, not when the process ends.
+TEST(MainQueueTest, RunsDelayedWorkOnceNeverBeforeItIsDueAndLetsGoOfIt) {
     serve([](MainQueue& queue) {
         static int runs = 0;
         const Seconds start = queue.now();
-        queue.after(Seconds{0.02}, [&queue, start] {
+        auto held = std::make_shared<int>(1);
+        const std::weak_ptr<int> seen = held;
+        queue.after(Seconds{0.02}, [&queue, start, held = std::move(held), seen] {
             EXPECT_TRUE(onMainActor());
             // The loop counts whole microseconds.
             const Seconds passed = queue.now() - start + Seconds{2e-6};
             EXPECT_GE(passed.count(), 0.02);
             ++runs;
-            queue.after(Seconds{0.05}, [] {
+            queue.after(Seconds{0.05}, [seen] {
                 EXPECT_EQ(runs, 1);
-                finish();
-            });
-        });
-        EXPECT_EQ(runs, 0);
-    });
-}
-
-// What the work holds is let go when it has run, not when the process ends.
-TEST(MainQueueTest, LetsGoOfDelayedWorkThatHasRun) {
-    serve([](MainQueue& queue) {
-        auto held = std::make_shared<int>(1);
-        const std::weak_ptr<int> seen = held;
-        queue.after(Seconds{0.01}, [&queue, held = std::move(held), seen] {
-            EXPECT_EQ(held.use_count(), 1);
-            queue.after(Seconds{0}, [seen] {
                 EXPECT_TRUE(seen.expired());
                 finish();
             });
         });
+        EXPECT_EQ(runs, 0);
         EXPECT_FALSE(seen.expired());
     });
 }
 
-TEST(MainQueueTest, CountsAnyDelayOnTheClockThatCountsSleepWithoutLeeway) {
+TEST(MainQueueTest, CountsADelayOnTheClockThatCountsSleepWithoutLeeway) {
     serve([](MainQueue& queue) {
-        static int runs = 0;
-        constexpr double infinity = std::numeric_limits<double>::infinity();
-        const auto expectAsked = [](std::uint64_t delay) {
-            EXPECT_EQ(testing::lastTimerAsked(), (testing::TimerAsked{delay, 1, CLOCK_BOOTTIME}));
-        };
-        queue.after(Seconds{0.05}, [] {});
-        expectAsked(50'000);
-        for (const double delay : {infinity, 1e300, 1e10}) {
-            queue.after(Seconds{delay}, [] { ADD_FAILURE() << "due in a century"; });
-            expectAsked(3'155'695'200'000'000);
-        }
-        for (const double delay : {0.0, -1.0, -infinity, std::nan("")}) {
-            queue.after(Seconds{delay}, [] {
-                if (++runs == 4) {
-                    finish();
-                }
+        for (const double delay : {3'155'695'200.0, 0.05, 0.0}) {
+            queue.after(Seconds{delay}, [delay] {
+                EXPECT_EQ(delay, 0);
+                finish();
             });
-            expectAsked(0);
+            const auto microseconds = static_cast<std::uint64_t>(delay * 1e6);
+            EXPECT_EQ(testing::lastTimerAsked(),
+                      (testing::TimerAsked{microseconds, 1, CLOCK_BOOTTIME}));
         }
-        EXPECT_EQ(runs, 0);
     });
 }
 
@@ -369,35 +316,28 @@ TEST(MainQueueTest, IsMadeAndServedOnTheMainThreadOnly) {
     }
 }
 
-// What a child says that makes the queue, sets a timer and serves it, when `call` fails.
-std::string fatalErrorWhen(SystemCall call, int code) {
-    const auto result = testing::runInChild([&] {
-        // The fault outlives the body: nothing after a fatal error is of interest.
-        const Fault fault = call == SystemCall::eventfd ? Fault::failing(call, code)
-                                                        : Fault::returning(call, -code);
-        MainQueue& queue = liveMainQueue();
-        queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, [] {});
-        queue.run();
-    });
-    EXPECT_EQ(result.signal, SIGABRT);
-    return result.output;
-}
-
 TEST(MainQueueTest, EndsTheProcessWhenThereCanBeNoLoop) {
     struct Row {
         SystemCall call;
-        int code;
-        std::string error;
+        std::string name;
     };
 
-    const std::string noMemory = ": Cannot allocate memory\n";
     for (const Row& row :
-         std::vector<Row>{{SystemCall::eventfd, EMFILE, "eventfd: Too many open files\n"},
-                          {SystemCall::sd_event_default, ENOMEM, "sd_event_default" + noMemory},
-                          {SystemCall::sd_event_add_time_relative, ENOMEM,
-                           "sd_event_add_time_relative" + noMemory},
-                          {SystemCall::sd_event_loop, ENOMEM, "sd_event_loop" + noMemory}}) {
-        EXPECT_EQ(fatalErrorWhen(row.call, row.code), "Fatal error: " + row.error);
+         {Row{SystemCall::eventfd, "eventfd"},
+          Row{SystemCall::sd_event_default, "sd_event_default"},
+          Row{SystemCall::sd_event_add_time_relative, "sd_event_add_time_relative"},
+          Row{SystemCall::sd_event_loop, "sd_event_loop"}}) {
+        const auto result = testing::runInChild([&row] {
+            // The fault outlives the body: nothing after a fatal error is of interest.
+            const Fault fault = row.call == SystemCall::eventfd
+                                    ? Fault::failing(row.call, ENOMEM)
+                                    : Fault::returning(row.call, -ENOMEM);
+            MainQueue& queue = liveMainQueue();
+            queue.repeat(Seconds{1}, Seconds{1}, Seconds{0}, [] {});
+            queue.run();
+        });
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_EQ(result.output, "Fatal error: " + row.name + ": Cannot allocate memory\n");
     }
 }
 

@@ -107,54 +107,30 @@ TEST_F(MainBundleTest, LeavesNothingBehind) {
     EXPECT_EQ(fake::liveObjects("NSBundle"), bundles);
 }
 
-class BundleOnDiskTest : public ::testing::Test {
-  protected:
-    BundleOnDiskTest() {
-        fake::reset();
+// Any other bundle, which the system reads: one that is there has an -infoDictionary in any case.
+TEST(OtherBundleTest, HasWhatTheSystemFindsInItsFolder) {
+    fake::reset();
+    const TemporaryFolder folder;
+    for (const std::string& path : {folder / "Halvo.app", folder / "\xFF.app"}) {
+        const bool isText = path.ends_with("Halvo.app");
+        const Bundle bundle(path);
+        EXPECT_EQ(bundle.info(), std::nullopt) << "no folder";
+        EXPECT_EQ(bundle.executablePath(), std::nullopt);
         std::filesystem::create_directories(path + "/Contents/MacOS");
+        for (const char* bytes : {"", "not a property list"}) {
+            writeTestFile(bundle.infoPath(), bytes);
+            EXPECT_EQ(bundle.info(), isText ? std::optional(InfoDictionary{}) : std::nullopt);
+        }
+        writeTestFile(bundle.infoPath(),
+                      plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
+        EXPECT_EQ(bundle.executablePath(), std::nullopt) << "it is missing";
+        const std::string executable = path + "/Contents/MacOS/Halvo";
+        writeTestFile(executable, "");
+        EXPECT_EQ(bundle.executablePath(), isText ? std::optional(executable) : std::nullopt);
+        EXPECT_EQ(Bundle::ofProcess(executable).info(), bundle.info());
     }
-
-    void writeInfo(const std::string& bytes) const { writeTestFile(bundle.infoPath(), bytes); }
-
-    TemporaryFolder folder;
-    std::string path = folder / "Halvo.app";
-    std::string executable = path + "/Contents/MacOS/Halvo";
-    Bundle bundle{path};
-};
-
-// A bundle that is there has an -infoDictionary in any case.
-TEST_F(BundleOnDiskTest, HasTheStringsOfItsInfoPlist) {
-    EXPECT_EQ(bundle.info(), InfoDictionary{});
-    writeInfo("not a property list");
-    EXPECT_EQ(bundle.info(), InfoDictionary{});
-}
-
-TEST_F(BundleOnDiskTest, HasNeitherInfoNorExecutableWithoutAFolderOrAPathThatIsUTF8) {
-    const std::string place = folder / "\xFF.app";
-    std::filesystem::create_directories(place + "/Contents/MacOS");
-    writeTestFile(place + "/Contents/Info.plist",
-                  plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
-    writeTestFile(place + "/Contents/MacOS/Halvo", "");
-    for (const std::string& path : {place, folder / "Missing.app"}) {
-        EXPECT_EQ(Bundle(path).info(), std::nullopt);
-        EXPECT_EQ(Bundle(path).executablePath(), std::nullopt);
-    }
-}
-
-TEST_F(BundleOnDiskTest, NamesItsExecutable) {
-    writeInfo(plist("<key>CFBundleExecutable</key><string>Halvo</string>"));
-    EXPECT_EQ(bundle.executablePath(), std::nullopt) << "it is missing";
-    writeTestFile(executable, "");
-    EXPECT_EQ(bundle.executablePath(), executable);
-}
-
-TEST_F(BundleOnDiskTest, HasTheExecutableOfTheProcessThatItIsMadeFor) {
-    writeInfo(sample);
-    const Bundle ofProcess = Bundle::ofProcess(executable);
-    EXPECT_EQ(ofProcess.path(), path);
-    EXPECT_EQ(ofProcess.executablePath(), executable);
-    EXPECT_EQ(ofProcess.info(), sampleMembers);
-    EXPECT_EQ(bundle.info(), sampleMembers);
+    writeTestFile(folder / "Halvo.app/Contents/Info.plist", sample);
+    EXPECT_EQ(Bundle(folder / "Halvo.app").info(), sampleMembers);
 }
 
 }  // namespace

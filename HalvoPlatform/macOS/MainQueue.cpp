@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "HalvoPlatform/MainActor.hpp"
-
 namespace halvo {
 namespace {
 
@@ -116,9 +114,7 @@ class DispatchQueue final : public MainQueue {
         dispatch_resume(timer);
     }
 
-    void after(Seconds delay, Work work) override {
-        Alarm::set(withinACentury(delay), std::move(work));
-    }
+    void after(Seconds delay, Work work) override { Alarm::set(delay, std::move(work)); }
 
     void onTermination(Work work) override {
         // A source only watches; it is the disposition that would end the process.

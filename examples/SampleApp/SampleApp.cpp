@@ -35,7 +35,7 @@ constexpr Seconds beyondAllDates{253402300800.0};
 // Back to the start of the line, and erase it; console_codes(4).
 constexpr const char* clearLine = "\r\033[2K";
 
-Deadline now() { return Deadline::clock::now(); }
+Deadline now() { return sinceBoot(); }
 
 std::optional<Seconds> parseMinutes(const std::string& word) {
     // Plain decimals only: strtod(3) would also take "inf", "0x1p3", "1e3" and "5.".
@@ -74,7 +74,8 @@ sigset_t endSignals() {
 // Waits for a signal until `until`. Zero when none came.
 int waitForSignal(Deadline until) {
     const sigset_t signals = endSignals();
-    const auto left = std::max(until - now(), Deadline::duration::zero());
+    const auto left = std::max(std::chrono::ceil<std::chrono::nanoseconds>(until - now()),
+                               std::chrono::nanoseconds{0});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timespec span{seconds.count(), (left - seconds).count()};
     return std::max(sigtimedwait(&signals, nullptr, &span), 0);

@@ -157,9 +157,9 @@ class Companion {
     // Nothing holds any more, and the person has been told.
     bool over_ = false;
     // For how long a session that closes counts as one that was open just now.
-    Deadline wasOpenUntil_;
+    Deadline wasOpenUntil_{};
     // When the app ends by itself, unless the helper says that something holds.
-    Deadline leavingAt_;
+    Deadline leavingAt_{};
 };
 
 }  // namespace halvo

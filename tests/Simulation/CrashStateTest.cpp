@@ -14,7 +14,6 @@
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
-#include "HalvoHelperCore/ItemFlags.hpp"
 #include "HalvoHelperCore/RecordedLocks.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"

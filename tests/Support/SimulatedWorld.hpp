@@ -175,7 +175,7 @@ class SimulatedFlags final : public FileFlags {
 };
 
 // The state file, in memory. It outlives the engines that use it, as the file does.
-class SimulatedStore final : public DurableCommitmentStore {
+class SimulatedStore final : public CommitmentStore {
   public:
     explicit SimulatedStore(CallLog& log) : log_(log) {}
 
@@ -184,7 +184,7 @@ class SimulatedStore final : public DurableCommitmentStore {
         return stored;
     }
 
-    bool saveDurably(const HelperCommitment& commitment) override {
+    bool save(const HelperCommitment& commitment) override {
         log_.enter("save", commitment.locked ? "locked" : "unlocked");
         if (!failsToSave) {
             stored = commitment;

@@ -40,7 +40,7 @@ class Conversation {
     // What failed first, as a sentence without a full stop; empty where nothing did.
     [[nodiscard]] const std::string& problem() const { return problem_; }
 
-    [[nodiscard]] Seconds left() const { return deadline_ - Deadline::clock::now(); }
+    [[nodiscard]] Seconds left() const { return deadline_ - sinceBoot(); }
 
     // The property `name` of the unit called `unit`, which the interface of `kind` has; empty after
     // a failure.
@@ -119,7 +119,7 @@ class Conversation {
         }
         auto reply = callWithin(deadline_, *bus_, *request);
         if (!reply) {
-            fail(reply.error() == BusFault::TimedOut ? ETIMEDOUT : ECONNRESET);
+            fail(reply.error() == ETIMEDOUT ? ETIMEDOUT : ECONNRESET);
             return nullptr;
         }
         if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
