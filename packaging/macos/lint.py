@@ -1,11 +1,12 @@
 #!/usr/bin/python3
 """Checks what launchd, the helper and the app must agree on, before it is signed and shipped: the names in the launchd
-property list, in the helper's Info.plist and in the requirement that the app makes of the helper. A mistake in them shows on
-a Mac only as a helper that does not start or is not believed.
+property list, in the helper's Info.plist and in the requirement that the app makes of the helper. A mistake in them shows
+on a Mac only as a helper that does not start or is not believed.
 
 Prints one line for each finding on standard error, all of them, and fails if there is one."""
 
 import argparse
+import json
 import plistlib
 import re
 import sys
@@ -13,10 +14,11 @@ from pathlib import Path
 from xml.etree import ElementTree
 from xml.parsers.expat import ExpatError
 
-ANY_TEXT = [
+# What an Info.plist may have besides, as any text.
+ANY_TEXT = {
     "CFBundleDevelopmentRegion", "CFBundleExecutable", "CFBundleInfoDictionaryVersion", "CFBundleName", "CFBundlePackageType",
     "CFBundleShortVersionString", "CFBundleVersion", "LSMinimumSystemVersion",
-]  # fmt: skip
+}  # fmt: skip
 
 
 class Once(dict):
@@ -43,43 +45,37 @@ def read(path: Path) -> dict:
     return value
 
 
-def places(value, place: str = "") -> dict:
-    """All values by their place, as "KeepAlive/SuccessfulExit" and "AssociatedBundleIdentifiers/0"; of a dictionary or an
-    array, its type."""
-    items = value.items() if isinstance(value, dict) else enumerate(value) if isinstance(value, list) else ()
-    found = {place: type(value) if isinstance(value, (dict, list)) else value}
-    for key, each in items:
-        found |= places(each, f"{place}/{key}" if place else str(key))
-    return found
+def differences(expected, found, place: str = "") -> list[str]:
+    """One for each value that is missing, unknown or another."""
+
+    def described(value) -> str:
+        return json.dumps(value, ensure_ascii=False, default=str)
+
+    if isinstance(expected, list) and isinstance(found, list):
+        expected, found = dict(enumerate(expected)), dict(enumerate(found))
+    if not isinstance(expected, dict) or not isinstance(found, dict):
+        # Not by ==, for which 1 is True.
+        are_same = described(expected) == described(found)
+        return [] if are_same else [f"{place} is {described(found)}; make it {described(expected)}"]
+    findings = []
+    for key in expected | found:
+        inner = f"{place}/{key}" if place else str(key)
+        if key not in found:
+            findings.append(f"{inner} is missing; make it {described(expected[key])}")
+        elif key not in expected:
+            findings.append(f"{inner} is not known here; remove it, or teach packaging/macos/lint.py about it")
+        else:
+            findings += differences(expected[key], found[key], inner)
+    return findings
 
 
-def described(value) -> str:
-    if isinstance(value, bool):
-        return str(value).lower()
-    names = {dict: "a dictionary", Once: "a dictionary", list: "an array"}
-    return names.get(value) or (f'"{value}"' if isinstance(value, str) else str(value))
-
-
-def check_list(path: Path, expected: dict, any_text: list[str]) -> list[str]:
-    """`expected`: at each place the value, and why, as the end of a sentence."""
+def check_list(path: Path, expected: dict, any_text: set[str]) -> list[str]:
     try:
-        found = places(read(path))
+        found = read(path)
     except ValueError as error:
         return [f"{path} cannot be read: {error}; mend the template it is made from"]
-    findings = []
-    for key, (value, why) in expected.items():
-        should = f"make it {described(value)}, {why}"
-        if key not in found:
-            findings.append(f"{path.name}: {key} is missing; {should}")
-        # Not by ==, for which 1 is True.
-        elif described(found[key]) != described(value):
-            findings.append(f"{path.name}: {key} is {described(found[key])}; {should}")
-    for key, value in found.items():
-        if key and key not in expected and not (key in any_text and isinstance(value, str)):
-            findings.append(
-                f"{path.name}: {key} is not known here; remove it, or teach packaging/macos/lint.py about it"
-            )
-    return findings
+    found = {key: value for key, value in found.items() if key not in any_text or not isinstance(value, str)}
+    return [f"{path.name}: {each}" for each in differences(expected, found)]
 
 
 def check_names(app: str, team: str, place: str) -> list[str]:
@@ -105,27 +101,11 @@ def check_names(app: str, team: str, place: str) -> list[str]:
     return findings
 
 
-def check_requirement(path: Path, helper: str, team: str) -> list[str]:
+def check_requirement(path: Path, expected: str) -> list[str]:
     if not path.is_file():
         return [f"{path} cannot be read: there is no such file; configure the build anew"]
-    form = 'anchor apple generic and identifier "{}" and certificate leaf[subject.OU] = "{}"'
-    pattern = re.escape(form).replace(r"\{\}", '([^"]*)')
-    match = re.fullmatch(pattern, path.read_text(encoding="utf-8"))
-    if match is None:
-        return [
-            f"{path.name}: it is no requirement of the one form; make it {form.format(helper, team)}, with nothing before "
-            "and after"
-        ]
-    findings = []
-    if match[1] != helper:
-        findings.append(
-            f'{path.name}: the identifier is "{match[1]}"; make it "{helper}", which the helper is signed with'
-        )
-    if match[2] != team:
-        findings.append(
-            f'{path.name}: the organizational unit is "{match[2]}"; make it "{team}", the team that signs the helper'
-        )
-    return findings
+    found = path.read_text(encoding="utf-8")
+    return [] if found == expected else [f"{path.name}: it is {found!r}; make it {expected!r}"]
 
 
 def lint(app: str, team: str, place: str, launchd: Path, info: Path, requirement: Path) -> list[str]:
@@ -134,44 +114,30 @@ def lint(app: str, team: str, place: str, launchd: Path, info: Path, requirement
     if findings:
         return findings  # all the rest is compared with these
     helper = f"{app}.helper"
-    findings = check_list(
-        launchd,
-        {
-            "Label": (helper, "the name of the app's helper"),
-            "BundleProgram": (place, "where the executable is put"),
-            "MachServices": (dict, "with the one name that the helper listens on"),
-            f"MachServices/{helper}": (True, "the name that the helper listens on"),
-            "AssociatedBundleIdentifiers": (list, "with the app's bundle identifier"),
-            "AssociatedBundleIdentifiers/0": (app, "the app's bundle identifier"),
-            "KeepAlive": (dict, "or launchd does not start a helper again that holds a commitment"),
-            "KeepAlive/SuccessfulExit": (
-                False, "so that launchd starts a helper again that holds a commitment, and lets an idle one rest"
-            ),
-            "ThrottleInterval": (2, "the helper's own pace"),
-            "EnableTransactions": (False, "so that a stop is SIGTERM, never at once SIGKILL"),
-            "ExitTimeOut": (20, "time to save the commitment and to take the lock off"),
-            "SpawnConstraint": (dict, "or launchd starts whatever lies in the helper's place"),
-            "SpawnConstraint/team-identifier": (team, "the team that signs the helper"),
-            "SpawnConstraint/signing-identifier": (helper, "the identifier that the helper is signed with"),
-        },
-        [],
-    )  # fmt: skip
-    if launchd.name != f"{helper}.plist":
-        findings.append(
-            f"the launchd property list is named {launchd.name}; name it {helper}.plist, by which SMAppService finds it"
-        )
-    findings += check_list(
-        info,
-        {
-            "CFBundleIdentifier": (helper, "the name of the app's helper, which it is signed with"),
-            "HalvoAppBundleID": (app, "the app that the helper serves"),
-            "HalvoTeamID": (team, "the team whose app the helper serves"),
-        },
-        ANY_TEXT,
-    )
-    if requirement.name != f"{helper}.requirement":
-        findings.append(f"the requirement's file is named {requirement.name}; name it {helper}.requirement")
-    return findings + check_requirement(requirement, helper, team)
+    for path, name in (launchd, f"{helper}.plist"), (requirement, f"{helper}.requirement"):
+        if path.name != name:
+            findings.append(f"{path} is named {path.name}; name it {name}, by which it is found")
+    # launchd.plist.in says why.
+    job = {
+        "Label": helper,
+        "BundleProgram": place,
+        "MachServices": {helper: True},
+        "AssociatedBundleIdentifiers": [app],
+        "KeepAlive": {"SuccessfulExit": False},
+        "ThrottleInterval": 2,
+        "EnableTransactions": False,
+        "ExitTimeOut": 20,
+        "SpawnConstraint": {"team-identifier": team, "signing-identifier": helper},
+    }
+    return [
+        *findings,
+        *check_list(launchd, job, set()),
+        *check_list(info, {"CFBundleIdentifier": helper, "HalvoAppBundleID": app, "HalvoTeamID": team}, ANY_TEXT),
+        *check_requirement(
+            requirement,
+            f'anchor apple generic and identifier "{helper}" and certificate leaf[subject.OU] = "{team}"',
+        ),
+    ]
 
 
 def main() -> None:

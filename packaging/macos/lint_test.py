@@ -4,7 +4,6 @@
 Needs in its environment what packaging/macos/CMakeLists.txt sets."""
 
 import os
-import plistlib
 import subprocess
 import tempfile
 import time
@@ -50,75 +49,37 @@ class LintTest(FolderTest):
     def test_what_is_generated_has_no_findings(self):
         self.assertEqual(self.findings(), [])
 
-    def test_what_is_generated_is_what_is_meant(self):
-        expected = {
-            "Label": HELPER,
-            "BundleProgram": PLACE,
-            "MachServices": {HELPER: True},
-            "AssociatedBundleIdentifiers": [APP],
-            "KeepAlive": {"SuccessfulExit": False},
-            "ThrottleInterval": 2,
-            "EnableTransactions": False,
-            "ExitTimeOut": 20,
-            "SpawnConstraint": {"team-identifier": TEAM, "signing-identifier": HELPER},
-        }
-        self.assertEqual(plistlib.loads((GENERATED / f"{HELPER}.plist").read_bytes()), expected)
-        # As HelperIdentity::helperRequirement() says it; without an end of line, since it is handed over as it is.
-        self.assertEqual(
-            (GENERATED / f"{HELPER}.requirement").read_text(),
-            f'anchor apple generic and identifier "{HELPER}" and certificate leaf[subject.OU] = "{TEAM}"',
-        )
-
     def test_one_mistake_is_one_finding(self):
         job, info, requirement = 0, 1, 2
         label = f"<key>Label</key>\n    <string>{HELPER}</string>"
         team = f"<key>HalvoTeamID</key>\n    <string>{TEAM}</string>"
         for file, before, after, finding in (
-            (job, label, label.replace(HELPER, APP), f'Label is "{APP}"; make it "{HELPER}"'),
+            (job, label, label.replace(HELPER, APP), f'{HELPER}.plist: Label is "{APP}"; make it "{HELPER}"'),
             (job, label, "", f'Label is missing; make it "{HELPER}"'),
-            (job, f">{PLACE}<", ">Contents/HalvoHelper<", 'BundleProgram is "Contents/HalvoHelper"; make it'),
+            (job, "<key>KeepAlive</key>", "<key>Keep</key><true/><key>KeepAlive</key>", "Keep is not known here; remove it"),
             (job, "<true/>", "<false/>", f"MachServices/{HELPER} is false; make it true"),
-            (job, "<true/>", "<integer>1</integer>", f"MachServices/{HELPER} is 1; make it true"),
             (job, "<true/>", "<true/><key>x</key><true/>", "MachServices/x is not known here; remove it"),
             (job, f"<string>{APP}</string>", "<string>a.b</string>", f'Identifiers/0 is "a.b"; make it "{APP}"'),
             (job, f"<string>{APP}</string>", f"<string>{APP}</string><string>a</string>", "Identifiers/1 is not known"),
-            (job, "<key>SuccessfulExit</key>\n        <false/>", "<key>SuccessfulExit</key><true/>",
-             "KeepAlive/SuccessfulExit is true; make it false"),
-            (job, "<key>SuccessfulExit</key>", "<key>Crashed</key><true/><key>SuccessfulExit</key>",
-             "KeepAlive/Crashed is not known here"),
-            (job, "<integer>2</integer>", "<integer>10</integer>", "ThrottleInterval is 10; make it 2"),
+            (job, "<dict>\n        <key>SuccessfulExit</key>\n        <false/>\n    </dict>", "<true/>",
+             'KeepAlive is true; make it {"SuccessfulExit": false}'),
+            # Of the right type, too.
+            (job, "<true/>", "<integer>1</integer>", f"MachServices/{HELPER} is 1; make it true"),
             (job, "<integer>2</integer>", "<string>2</string>", 'ThrottleInterval is "2"; make it 2'),
             (job, "<integer>2</integer>", "<real>2</real>", "ThrottleInterval is 2.0; make it 2"),
-            (job, "<key>EnableTransactions</key>\n    <false/>", "<key>EnableTransactions</key><true/>",
-             "EnableTransactions is true; make it false"),
-            (job, "<integer>20</integer>", "<integer>1</integer>", "ExitTimeOut is 1; make it 20"),
-            (job, f"<string>{TEAM}</string>", "<string>A</string>", f'team-identifier is "A"; make it "{TEAM}"'),
-            (job, f"signing-identifier</key>\n        <string>{HELPER}", f"signing-identifier</key><string>{APP}",
-             f'SpawnConstraint/signing-identifier is "{APP}"; make it "{HELPER}'),
-            (job, "<key>KeepAlive</key>", "<key>UserName</key><string>x</string><key>KeepAlive</key>",
-             "UserName is not known here; remove it"),
-            (info, f"<string>{HELPER}</string>", "<string>x</string>", f'CFBundleIdentifier is "x"; make it "{HELPER}'),
-            (info, f"<string>{APP}</string>", "<string>a.b</string>", f'HalvoAppBundleID is "a.b"; make it "{APP}"'),
-            (info, f"<string>{TEAM}</string>", "<string>A</string>", f'HalvoTeamID is "A"; make it "{TEAM}"'),
-            (info, team, "", f'Info.plist: HalvoTeamID is missing; make it "{TEAM}"'),
-            (info, team, "<key>HalvoTeamID</key><true/>", "Info.plist: HalvoTeamID is true; make it"),
+            (info, team, team.replace(TEAM, "A"), f'Info.plist: HalvoTeamID is "A"; make it "{TEAM}"'),
             (info, team, f"{team}<key>HalvoTeam</key><string>x</string>", "Info.plist: HalvoTeam is not known here"),
             (info, team, f"{team}<key>LSMinimumSystemVersion</key><integer>26</integer>",
              "Info.plist: LSMinimumSystemVersion is not known here"),
-            (requirement, HELPER, APP, f'the identifier is "{APP}"; make it "{HELPER}"'),
-            (requirement, TEAM, "A", f'the organizational unit is "A"; make it "{TEAM}"'),
-            (requirement, "anchor apple generic and ", "", "it is no requirement of the one form"),
-            (requirement, '" and', '"\nand', "it is no requirement of the one form"),
-            (requirement, f'"{TEAM}"', f'"{TEAM}"\n', "it is no requirement of the one form"),
+            (requirement, HELPER, APP, f'.requirement: it is \'anchor apple generic and identifier "{APP}" '),
+            (requirement, f'"{TEAM}"', f'"{TEAM}"\n', f'"{TEAM}"\\n\'; make it \'anchor apple generic and identifier "{HELPER}'),
             # What cannot be read is a finding by itself; whether the rest is right is then not known.
             (job, "<dict>\n    <!-- The job's", "<true/> <!-- The job's", "cannot be read: "),
             (job, "<!-- The job's", "<!-- -- The job's", "cannot be read: "),
             (job, label, label + label, "cannot be read: the key Label occurs twice"),
             (job, "<integer>2</integer>", "<integer>two</integer>", "cannot be read: "),
-            (job, "</array>", "</dict>", "cannot be read: "),
             (info, f"<string>{TEAM}</string>", "", "cannot be read: "),
             (info, "<key>HalvoTeamID</key>", "", "cannot be read: "),
-            (info, "</dict>\n</plist>", "</plist>", "cannot be read: "),
             (info, "</dict>\n", "</dict>\n<dict/>\n", "cannot be read: it does not hold exactly one value"),
             (info, "</plist>", "</plist><plist>", "cannot be read: "),
         ):  # fmt: skip
@@ -151,7 +112,7 @@ class LintTest(FolderTest):
             [(0, "<true/>", "<false/>"), (0, ">2</integer>", ">3</integer>"), (1, f"<string>{TEAM}<", "<string>A<"),
              (2, "anchor", "")]
         )  # fmt: skip
-        for part, finding in zip(("MachServices/", "ThrottleInterval", "HalvoTeamID", "no requirement"), findings, strict=True):
+        for part, finding in zip(("MachServices/", "ThrottleInterval", "HalvoTeamID", ".requirement: "), findings, strict=True):
             self.assertIn(part, finding)
 
     def test_files_that_are_missing(self):
