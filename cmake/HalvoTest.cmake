@@ -5,6 +5,36 @@ include(GoogleTest)
 add_custom_target(UnitTests)
 add_custom_target(ThreadTests)
 
+# halvo_set_test_options(NAME): how the sources of an executable of tests are compiled.
+#
+# Without optimisation: they are compiled once and run once, and what they test is compiled as ever. With precompiled
+# headers, those that most tests include; a source includes what it uses all the same. One target makes them for all that
+# are compiled with the same options. On the stand-ins for Apple's frameworks there is one executable of tests, in two
+# languages, which makes its own.
+function(halvo_set_test_options name)
+    target_compile_options(${name} PRIVATE
+        -O0
+        # g++ 12 sees an overlap in "text" + std::string(...) where there is none (its bug 105651).
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+        # What ccache(1) needs of each compiler for precompiled headers.
+        $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>
+        "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+    if(HALVO_FAKE_DARWIN OR name STREQUAL HalvoTestHeaders)
+        target_precompile_headers(${name} PRIVATE
+            <algorithm> <chrono> <csignal> <filesystem> <fstream> <functional> <map> <memory> <optional> <string>
+            <thread> <vector> <gmock/gmock.h> <gtest/gtest.h>)
+    else()
+        target_precompile_headers(${name} REUSE_FROM HalvoTestHeaders)
+    endif()
+endfunction()
+
+if(NOT HALVO_FAKE_DARWIN)
+    file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/TestHeaders.cpp CONTENT "int main() {}\n")
+    add_executable(HalvoTestHeaders EXCLUDE_FROM_ALL ${CMAKE_CURRENT_BINARY_DIR}/TestHeaders.cpp)
+    target_link_libraries(HalvoTestHeaders PRIVATE HalvoOptions GTest::gmock GTest::gtest)
+    halvo_set_test_options(HalvoTestHeaders)
+endif()
+
 # halvo_add_tests(NAME SOURCES FILE... [LIBRARIES TARGET...] [DEFINITIONS NAME="VALUE"...] [PROGRAMS TARGET...]
 #     [PRIVATE_MACHINE SUITE...] [THREADS])
 #
@@ -16,11 +46,7 @@ function(halvo_add_tests name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name}
         PRIVATE ${arg_LIBRARIES} HalvoTestSupport GTest::gmock GTest::gtest GTest::gtest_main)
-    # Tests are compiled once and run once: optimising them takes several times what it saves. What they test is compiled
-    # as ever.
-    target_compile_options(${name} PRIVATE -O0)
-    # g++ 12 sees an overlap in "text" + std::string(...) where there is none (its bug 105651).
-    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+    halvo_set_test_options(${name})
     target_compile_definitions(${name} PRIVATE ${arg_DEFINITIONS})
     if(arg_PROGRAMS)
         add_dependencies(${name} ${arg_PROGRAMS})

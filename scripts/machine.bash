@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2016,SC2034,SC2154
+# shellcheck shell=bash disable=SC2034,SC2154
 # What scripts/private-machine and scripts/booted-machine share. Each of them runs several times, each time one step
 # further in: `step` names the variable that says which, as PRIVATE_MACHINE_STEP.
 
@@ -9,8 +9,6 @@ fail() {
     echo "${script##*/}: $*" >&2
     exit 125
 }
-
-# --------------------------------------------------------------------------------------------------- the keeper
 
 # A killed process 1 can be waited for only when every process of its machine is gone.
 take_down() { # SIGNAL_NUMBER
@@ -44,8 +42,6 @@ keep() { # COMMAND...
     leave "$status"
 }
 
-# ------------------------------------------------------------------------------------------------------- inside
-
 # The keeper may have been killed before this process had asked to die with it.
 require_keeper() {
     local own_status
@@ -75,32 +71,4 @@ run_and_exit() { # COMMAND...
     local status=0 errors
     { (exec -- "$@" 2>&"$errors" {errors}>&-) || status=$?; } {errors}>&2 2>/dev/null
     exit "$status"
-}
-
-# -------------------------------------------------------------------------------------------------------- probe
-
-report() { # NAME TRIAL...
-    local name=$1 answer
-    if ((EUID != 0)); then
-        echo "$name: no (needs root)"
-    elif answer=$("${@:2}" 2>&1); then
-        echo "$name: yes"
-        return
-    else
-        echo "$name: no (${answer##*$'\n'})"
-    fi
-    missing=yes
-}
-
-# What a machine of either kind must be able to do, tried inside: a folder that cannot be locked, or unlocked again, says so
-# through chattr.
-report_inside() {
-    local set_group_id='cp "$(type -P id)" /var/tmp/probe && chgrp 12345 /var/tmp/probe && chmod 2755 /var/tmp/probe || exit 1
-        gid=$(setpriv --reuid=1000 --regid=1000 --clear-groups /var/tmp/probe -g) || exit 1
-        [[ $gid == 12345 ]] || { echo "the kernel ignores the bit; is no_new_privs set?"; exit 1; }'
-    local lock='cd "$1" && mkdir probe && chattr +i probe || exit 1
-        rmdir probe 2>/dev/null && { echo "a locked folder could be removed"; exit 1; }
-        chattr -i probe'
-    report "CAP_LINUX_IMMUTABLE" "$script" -- "$BASH" -c "$lock" - "$1"
-    report "set-group-id" "$script" -- "$BASH" -c "$set_group_id"
 }
