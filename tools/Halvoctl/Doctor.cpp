@@ -15,10 +15,6 @@ namespace {
 
 using records::printable;
 
-void append(Checks& checks, const Checks& more) {
-    checks.insert(checks.end(), more.begin(), more.end());
-}
-
 const char* nameOf(Verdict verdict) {
     return std::array{"ok", "problem", "not applicable", "needs root"}.at(
         static_cast<std::size_t>(verdict));
@@ -33,42 +29,30 @@ Check checkLocation(const std::string& app) {
                    printable(app));
 }
 
-Check checkLock(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
-    Check check = judge(seen, app, startCommand);
-    check.finding.pop_back();
-    return check.verdict == Verdict::ok ? isOk(check.name, check.finding) : check;
-}
-
-Check checkRunning(Machine& machine, const Observation& seen) {
+Check checkRunning(const Machine& machine, const Observation& seen) {
     std::string goOn = "Let it go on: kill -CONT";
     for (const pid_t process : seen.stopped) {
         goOn += " " + std::to_string(process);
     }
-    const std::string restart = machine.service.restartCommand();
-    const StateFile file = seen.file;
-    const bool isStored = file == StateFile::damaged || file == StateFile::whole;
+    const std::string& restart = machine.service->restartCommand;
+    const bool isStored = !std::holds_alternative<NoCommitment>(seen.stored);
     return firstOf(
         "helper",
         {{!seen.stopped.empty(), "is stopped (SIGSTOP), and does nothing: " + named(seen.stopped),
           goOn + (restart.empty() ? "" : "; or start another: " + restart)},
          {seen.helpers.empty() && isStored,
           "something is stored, and no helper runs that would hold it",
-          "Start it: " + machine.service.startCommand()}},
-        seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
+          "Start it: " + machine.service->startCommand}},
+        seen.helpers.empty() ? "does not run; " + machine.service->whatStarts()
                              : "runs, " + named(seen.helpers));
 }
 
-Check checkSession(Machine& machine, const Observation& seen,
-                   const std::optional<std::uint32_t>& console) {
-    if (!console) {
-        return isNotApplicable("session",
-                               "nobody is at the console, so the app is opened for nobody");
-    }
-    const std::string whose = person(machine, *console) + " is at the console";
-    const bool isOpen = std::ranges::any_of(seen.apps, [&](const AppFlag& app) {
-        return machine.session.isAppRunning(app.path, *console);
-    });
-    const bool isBound = seen.live() != nullptr && seen.live()->uid == *console;
+// The session of the user `uid`, who is at the console.
+Check checkSession(const Machine& machine, const Observation& seen, std::uint32_t uid) {
+    const std::string whose = person(machine, uid) + " is at the console";
+    const bool isOpen = std::ranges::any_of(
+        seen.apps, [&](const AppFlag& app) { return machine.session.isAppRunning(app.path, uid); });
+    const bool isBound = seen.live() != nullptr && seen.live()->uid == uid;
     return firstOf(
         "session",
         {{isBound && !isOpen, whose + " and bound, but the app does not run for them",
@@ -80,7 +64,7 @@ Check checkSession(Machine& machine, const Observation& seen,
 }  // namespace
 
 Check checkHelperFiles(const HelperFiles& files) {
-    std::vector<Flaw> flaws;
+    std::vector<Case> flaws;
     for (const std::string& path : files.paths) {
         const auto problem = RootOwnedPath::problem(path, RootOwnedPath::Item::file, files.top);
         flaws.push_back(
@@ -137,11 +121,18 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
     if (app) {
         seen.apps = {{*app, machine.flags.state(*app)}};
     }
-    const bool isRoot = machine.isRoot;
-    Checks checks{checkHelperFiles(helperFiles(machine.helper)),
-                  isRoot ? checkRunning(machine, seen) : needsRoot("helper")};
-    append(checks, machine.service.examine());
-    checks.push_back(isRoot ? checkState(machine.stateFile, seen.file) : needsRoot("state"));
+    Checks checks{checkHelperFiles(helperFiles(machine.helper))};
+    const auto add = [&checks](const Checks& more) {
+        checks.insert(checks.end(), more.begin(), more.end());
+    };
+    const auto addRoots = [&](const char* name, const auto& check) {
+        checks.push_back(machine.isRoot
+                             ? check()
+                             : Check{name, Verdict::needsRoot, "only root can look at it", ""});
+    };
+    addRoots("helper", [&] { return checkRunning(machine, seen); });
+    add(machine.service->examine());
+    addRoots("state", [&] { return checkState(machine.stateFile, seen.file); });
     if (seen.apps.empty()) {
         checks.push_back(isProblem(
             "app",
@@ -149,16 +140,16 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
             "Install the app there, as root. One that lies elsewhere can be named: --app PATH"));
     }
     for (const AppFlag& each : seen.apps) {
-        checks.push_back(checkLocation(each.path));
-        checks.push_back(checkIdentity(each.path, machine.identity));
-        append(checks, machine.service.examineApp(each.path, isRoot));
-        checks.push_back(isRoot ? checkLock(seen, each, machine.service.startCommand())
-                                : needsRoot("lock"));
+        add({checkLocation(each.path), checkIdentity(each.path, machine.identity)});
+        add(machine.service->examineApp(each.path));
+        addRoots("lock", [&] { return judge(machine, seen, each); });
     }
-    const auto console = machine.session.consoleUser();
-    checks.push_back(checkSession(machine, seen, console));
-    if (console) {
-        append(checks, machine.service.examineSession(*console));
+    if (const auto console = machine.session.consoleUser()) {
+        checks.push_back(checkSession(machine, seen, *console));
+        add(machine.service->examineSession(*console));
+    } else {
+        checks.push_back(isNotApplicable(
+            "session", "nobody is at the console, so the app is opened for nobody"));
     }
     return checks;
 }
@@ -167,30 +158,26 @@ std::string doctorText(const Checks& checks) {
     std::vector<std::vector<std::string>> rows;
     for (const Check& check : checks) {
         rows.push_back({nameOf(check.verdict), check.name, check.finding});
-        if (!check.advice.empty()) {
+        if (check.verdict == Verdict::problem) {
             rows.push_back({"", "", "-> " + check.advice});
         }
     }
-    const auto problems = std::ranges::count(checks, Verdict::problem, &Check::verdict);
+    const std::size_t problems = problemsOf(checks);
     const bool needsRoot = std::ranges::count(checks, Verdict::needsRoot, &Check::verdict) != 0;
     return records::table(rows, "") +
-           (problems == 0 ? "No problem"
-                          : records::counted(static_cast<std::size_t>(problems), "problem")) +
-           ".\n" +
+           (problems == 0 ? "No problem" : records::counted(problems, "problem")) + ".\n" +
            (needsRoot ? "Some things only root can look at. Type: sudo halvoctl doctor\n" : "");
 }
 
 std::string doctorJSON(const Checks& checks) {
     using Json = nlohmann::json;
-    Json list = Json::array();
-    for (const Check& check : checks) {
-        list.push_back({{"advice", check.advice.empty() ? Json() : Json(check.advice)},
-                        {"finding", check.finding},
-                        {"name", check.name},
-                        {"verdict", nameOf(check.verdict)}});
+    Json root{{"checks", Json::array()}, {"problems", problemsOf(checks)}};
+    for (const auto& [name, verdict, finding, advice] : checks) {
+        root["checks"].push_back({{"advice", verdict == Verdict::problem ? Json(advice) : Json()},
+                                  {"finding", finding},
+                                  {"name", name},
+                                  {"verdict", nameOf(verdict)}});
     }
-    const auto problems = std::ranges::count(checks, Verdict::problem, &Check::verdict);
-    const Json root{{"checks", list}, {"problems", problems}};
     return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 

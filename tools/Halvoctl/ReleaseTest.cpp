@@ -34,9 +34,7 @@ const std::string resumed = "save by resume";
 
 // Beside the bundle at `app` it may have a second one.
 struct Scene : FakeMachine {
-    Outcome released(const ReleaseOptions& options = {}) {
-        return release(machine, options, *GregorianCalendar::named("Europe/Berlin"));
-    }
+    Outcome released(const ReleaseOptions& options = {}) { return release(machine, options); }
 
     void lock(const std::string& path) {
         world.flags.add(path);
@@ -344,27 +342,6 @@ TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {
     EXPECT_EQ(fake.released().status, ExitStatus::fine);
     EXPECT_EQ(fake.world.calls.changes(), (Changes{stopped, resumed}));
     EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
-}
-
-TEST_F(ReleaseTest, MayBeInterruptedAnywhereAndRunAgain) {
-    for (std::size_t call = 1;; ++call) {
-        SCOPED_TRACE(call);
-        fake.hold();
-        fake.world.calls.crashAt(call);
-        try {
-            fake.released();
-        } catch (const testing::Crash&) {
-        }
-        const bool isOver = fake.world.calls.cancelCrash();
-        EXPECT_TRUE(!fake.world.flags.isSet(fake.app) || !fake.world.store.isEmpty());
-        EXPECT_EQ(fake.released().status, ExitStatus::fine);
-        EXPECT_FALSE(fake.world.flags.isSet(fake.app));
-        EXPECT_TRUE(fake.world.store.isEmpty());
-        if (isOver) {
-            EXPECT_GT(call, 4U);
-            return;
-        }
-    }
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
            HelperIdentity::ofBundle(bundle.info()) == identity;
 }
 
-std::string headline(Machine& machine, const Observation& seen) {
+std::string headline(const Machine& machine, const Observation& seen) {
     if (seen.file == StateFile::damaged) {
         return "The state file is damaged: what it held cannot be told.";
     }
@@ -66,38 +66,16 @@ Json date(WallDate date) {
     return InternetDate::append(date, text) ? Json(text) : Json();
 }
 
-Json commitmentJSON(const Machine& machine, const Observation& seen) {
-    const HelperCommitment* commitment = seen.commitment();
-    if (commitment == nullptr) {
-        return nullptr;
+StateFile conditionOf(const StoredCommitment& stored, bool isThere) {
+    if (std::holds_alternative<NoCommitment>(stored)) {
+        return isThere ? StateFile::unreadable : StateFile::none;
     }
-    return {{"app", commitment->appPath},
-            {"holds", seen.live() != nullptr},
-            {"left", commitment->timeLeft(seen.now).count()},
-            {"locked", commitment->locked},
-            {"started", date(commitment->startedWall)},
-            {"uid", commitment->uid},
-            {"until", date(commitment->ends(seen.now))},
-            {"user", orNull(machine.userName(commitment->uid))}};
-}
-
-// Of what the store holds, in which condition its file is.
-StateFile readState(Machine& machine, StoredCommitment& stored) {
-    const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
-    const bool wasThere = isThere();
-    stored = machine.store.load();
-    if (std::holds_alternative<HelperCommitment>(stored)) {
-        return StateFile::whole;
-    }
-    if (std::holds_alternative<UnreadableCommitment>(stored)) {
-        return StateFile::damaged;
-    }
-    return wasThere && isThere() ? StateFile::unreadable : StateFile::none;
+    return std::holds_alternative<HelperCommitment>(stored) ? StateFile::whole : StateFile::damaged;
 }
 
 std::vector<std::string> installedApps(Machine& machine) {
     std::vector<std::string> folders{machine.applications};
-    const std::vector<std::string> others = machine.service.otherApplications();
+    const std::vector<std::string> others = machine.service->otherApplications();
     for (const std::string& folder : std::set(others.begin(), others.end())) {
         // Whose folder it is could lead us astray between two looks.
         if (folder != machine.applications &&
@@ -128,14 +106,12 @@ std::optional<std::string> Observation::named() const {
     if (commitment() != nullptr) {
         return commitment()->appPath;
     }
-    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
-    return damaged != nullptr ? damaged->appPath : std::nullopt;
+    return salvaged() != nullptr ? salvaged()->appPath : std::nullopt;
 }
 
 std::optional<std::string> Observation::owed() const {
-    const auto* damaged = std::get_if<UnreadableCommitment>(&stored);
-    const bool isLocked =
-        commitment() != nullptr ? commitment()->locked : damaged != nullptr && damaged->locked;
+    const bool isLocked = commitment() != nullptr ? commitment()->locked
+                                                  : salvaged() != nullptr && salvaged()->locked;
     const auto path = named();
     return isLocked && path && AppLocation::isLockablePath(*path) ? path : std::nullopt;
 }
@@ -152,7 +128,11 @@ Presence presence(const std::string& path) {
 
 Observation observe(Machine& machine) {
     Observation seen;
-    seen.file = readState(machine, seen.stored);
+    // Only what is there before and after is there and cannot be read.
+    const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
+    const bool wasThere = isThere();
+    seen.stored = machine.store.load();
+    seen.file = conditionOf(seen.stored, wasThere && isThere());
     seen.installed = installedApps(machine);
     const auto named = seen.named();
     for (const std::string& path : named ? std::vector{*named} : seen.installed) {
@@ -174,7 +154,8 @@ Observation observe(Machine& machine) {
     return seen;
 }
 
-Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
+Check judge(const Machine& machine, const Observation& seen, const AppFlag& app) {
+    const std::string& start = machine.service->startCommand;
     const auto named = seen.named();
     const bool isNamed = named == app.path || (!named && seen.file == StateFile::damaged);
     const bool isOwed = seen.owed() == app.path;
@@ -187,47 +168,38 @@ Check judge(const Observation& seen, const AppFlag& app, const std::string& star
                  : clearCommand(app.path);
     const std::string end =
         isRunning ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
-                  : "The helper lets go of it when it starts next: " + startCommand;
-    const std::string unnamed = "The bundle is locked, but no record says that the helper did it.";
-
-    struct Row {
-        bool isSo;
-        bool doAgree;
-        std::string finding;
-        std::string next;
-    };
-
-    const std::vector<Row> rows{
-        {app.state == LockState::missing, !isOwed,
-         "There is nothing at " + printable(app.path) + ".",
-         isOwed ? "The helper locks no other in its place." : ""},
-        {!isNamed && !isLocked, true, "The bundle is not locked.", ""},
-        {!isNamed && isRunning && !named, false, unnamed,
-         "If the helper that runs holds something all the same, it writes the record anew within "
-         "a minute. Else to unlock the bundle: " +
-             unlock},
-        {!isNamed, false, unnamed, "To unlock it: " + unlock},
-        {!isLive && isLocked && !isOwed, false,
-         "The bundle is locked, but the record does not say that the helper did it.",
-         "It stays locked. To unlock it: " + unlock},
-        {!isLive, true, isLocked ? "The bundle is still locked." : "The bundle is not locked.",
-         end},
-        {isOwed && isLocked, true, "The bundle is locked, as the record says.",
-         isRunning ? "" : "No helper runs that would keep it so: " + startCommand},
-        {isOwed, false, "The bundle is not locked, but should be.",
-         isRunning ? "The helper sets it back within 2 seconds."
-                   : "The helper locks it when it starts: " + startCommand},
-        {isLocked, !isOrphan, "The bundle carries a lock that the helper did not set.",
-         "It stays when the commitment ends. To unlock the bundle: " + unlock},
-        {AppLocation::mayLock(app.path), false,
-         "The commitment holds without a lock, though the bundle may be locked.",
-         "The helper's log says why it could not. It tries again when the app begins or extends a "
-         "commitment."},
-        {true, true,
-         "The commitment holds without a lock: the helper does not lock a bundle there.", ""}};
-
-    const auto row = std::ranges::find(rows, true, &Row::isSo);
-    return {"lock", row->doAgree ? Verdict::ok : Verdict::problem, row->finding, row->next};
+                  : "The helper lets go of it when it starts next: " + start;
+    const std::string unnamed = "The bundle is locked, but no record says that the helper did it";
+    const std::string unlocked = "The bundle is not locked";
+    constexpr auto ok = Verdict::ok;
+    return firstOf(
+        "lock",
+        {{app.state == LockState::missing && isOwed, "There is nothing at " + printable(app.path),
+          "The helper locks no other in its place."},
+         {app.state == LockState::missing, "There is nothing at " + printable(app.path), "", ok},
+         {!isNamed && !isLocked, unlocked, "", ok},
+         {!isNamed && isRunning && !named, unnamed,
+          "If the helper that runs holds something all the same, it writes the record anew within "
+          "a minute. Else to unlock the bundle: " +
+              unlock},
+         {!isNamed, unnamed, "To unlock it: " + unlock},
+         {!isLive && isLocked && !isOwed,
+          "The bundle is locked, but the record does not say that the helper did it",
+          "It stays locked. To unlock it: " + unlock},
+         {!isLive, isLocked ? "The bundle is still locked" : unlocked, end, ok},
+         {isOwed && isLocked, "The bundle is locked, as the record says",
+          isRunning ? "" : "No helper runs that would keep it so: " + start, ok},
+         {isOwed, unlocked + ", but should be",
+          isRunning ? "The helper sets it back within 2 seconds."
+                    : "The helper locks it when it starts: " + start},
+         {isLocked, "The bundle carries a lock that the helper did not set",
+          "It stays when the commitment ends. To unlock the bundle: " + unlock,
+          isOrphan ? Verdict::problem : ok},
+         {AppLocation::mayLock(app.path),
+          "The commitment holds without a lock, though the bundle may be locked",
+          "The helper's log says why it could not. It tries again when the app begins or extends a "
+          "commitment."}},
+        "The commitment holds without a lock: the helper does not lock a bundle there");
 }
 
 std::string person(const Machine& machine, std::uint32_t uid) {
@@ -236,28 +208,28 @@ std::string person(const Machine& machine, std::uint32_t uid) {
     return name ? printable(*name) + " (" + number + ")" : number;
 }
 
-std::string statusText(Machine& machine, const Observation& seen,
-                       const GregorianCalendar& calendar) {
+std::string statusText(const Machine& machine, const Observation& seen) {
     std::vector<std::vector<std::string>> rows;
     if (const HelperCommitment* commitment = seen.commitment()) {
         rows.push_back({seen.live() != nullptr ? "until" : "until then",
-                        zonedDate(commitment->ends(seen.now), calendar)});
-        rows.push_back({"started", zonedDate(commitment->startedWall, calendar)});
+                        zonedDate(commitment->ends(seen.now), machine.calendar)});
+        rows.push_back({"started", zonedDate(commitment->startedWall, machine.calendar)});
     }
     std::string notes;
     for (const AppFlag& app : seen.apps) {
         rows.push_back({"app", printable(app.path) + ", " + nameOf(app.state)});
-        const Check agreement = judge(seen, app, machine.service.startCommand());
-        notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + agreement.finding +
-                 (agreement.advice.empty() ? "" : " " + agreement.advice) + "\n";
+        const Check lock = judge(machine, seen, app);
+        notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + lock.finding + "." +
+                 (lock.advice.empty() ? "" : " ") + lock.advice + "\n";
     }
     if (seen.apps.empty()) {
         rows.push_back({"app", "none in " + machine.applications});
     }
     const std::string stopped =
         seen.stopped.empty() ? "" : "; stopped (SIGSTOP): " + named(seen.stopped);
-    rows.push_back({"helper", seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
-                                                   : "runs, " + named(seen.helpers) + stopped});
+    rows.push_back({"helper", seen.helpers.empty()
+                                  ? "does not run; " + machine.service->whatStarts()
+                                  : "runs, " + named(seen.helpers) + stopped});
     const std::string file = printable(machine.stateFile);
     rows.push_back({"state file", seen.file == StateFile::none ? "none (" + file + ")"
                                                                : file + ", " + nameOf(seen.file)});
@@ -266,33 +238,40 @@ std::string statusText(Machine& machine, const Observation& seen,
            records::table(rows, "  ") + notes;
 }
 
-std::string statusJSON(Machine& machine, const Observation& seen) {
-    Json apps = Json::array();
+std::string statusJSON(const Machine& machine, const Observation& seen) {
+    Json root{{"apps", Json::array()},
+              {"commitment", nullptr},
+              {"helper",
+               {{"executable", machine.helper},
+                {"identifier", machine.identity.helperBundleID()},
+                {"pids", seen.helpers},
+                {"starts", seen.helpers.empty() ? Json(machine.service->whatStarts()) : Json()},
+                {"stopped", seen.stopped}}},
+              {"now", date(seen.now.wall)},
+              {"salvaged", nullptr},
+              {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
+              {"version", version}};
     for (const AppFlag& app : seen.apps) {
-        const Check agreement = judge(seen, app, machine.service.startCommand());
-        apps.push_back({{"agrees", agreement.verdict == Verdict::ok},
-                        {"finding", agreement.finding},
-                        {"flag", nameOf(app.state)},
-                        {"next", agreement.advice},
-                        {"path", app.path}});
+        const Check lock = judge(machine, seen, app);
+        root["apps"].push_back({{"agrees", lock.verdict == Verdict::ok},
+                                {"finding", lock.finding + "."},
+                                {"flag", nameOf(app.state)},
+                                {"next", lock.advice},
+                                {"path", app.path}});
     }
-    const auto* damaged = std::get_if<UnreadableCommitment>(&seen.stored);
-    const Json root{
-        {"apps", apps},
-        {"commitment", commitmentJSON(machine, seen)},
-        {"helper",
-         {{"executable", machine.helper},
-          {"identifier", machine.identity.helperBundleID()},
-          {"pids", seen.helpers},
-          {"starts", seen.helpers.empty() ? Json(machine.service.whatStarts()) : Json()},
-          {"stopped", seen.stopped}}},
-        {"now", date(seen.now.wall)},
-        {"salvaged", damaged == nullptr
-                         ? Json()
-                         : Json{{"app", orNull(damaged->appPath)}, {"locked", damaged->locked}}},
-        {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
-        {"version", version},
-    };
+    if (const HelperCommitment* commitment = seen.commitment()) {
+        root["commitment"] = {{"app", commitment->appPath},
+                              {"holds", seen.live() != nullptr},
+                              {"left", commitment->timeLeft(seen.now).count()},
+                              {"locked", commitment->locked},
+                              {"started", date(commitment->startedWall)},
+                              {"uid", commitment->uid},
+                              {"until", date(commitment->ends(seen.now))},
+                              {"user", orNull(machine.userName(commitment->uid))}};
+    }
+    if (const auto* damaged = seen.salvaged()) {
+        root["salvaged"] = {{"app", orNull(damaged->appPath)}, {"locked", damaged->locked}};
+    }
     return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 

@@ -24,9 +24,7 @@ using Words = std::vector<std::string>;
 
 class ToolTest : public ::testing::Test {
   protected:
-    Outcome runWith(const Words& words) {
-        return run(words, machine, *GregorianCalendar::named("UTC"));
-    }
+    Outcome runWith(const Words& words) { return run(words, machine); }
 
     FakeMachine fake;
     std::expected<Machine*, std::string> machine = &fake.machine;
