@@ -90,14 +90,6 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
     EXPECT_EQ(held["apps"][0]["agrees"], true);
     EXPECT_EQ(held["stateFile"]["condition"], "whole");
 
-    helper.process().stop();
-    setLockedByHand(false);
-    held = seen();
-    EXPECT_EQ(held["apps"][0]["agrees"], false);
-    EXPECT_EQ(held["apps"][0]["next"], "The helper sets it back within 2 seconds.");
-    helper.process().goOn();
-    EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
-
     helper.terminate();
     held = seen();
     EXPECT_EQ(held["helper"]["pids"], Json::array());
