@@ -13,7 +13,6 @@ namespace halvo::testing {
 namespace {
 
 using nlohmann::json;
-using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -164,16 +163,6 @@ TEST_F(Administrator, IsToldHowTheHelperGetsTheSocketThatItWasNotHanded) {
 
     machine.sh(remedy);
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
-    EXPECT_THAT(problems(), IsEmpty());
-}
-
-TEST_F(Administrator, FindsTheHelperThatIsStopped) {
-    machine.commit(session);
-    const std::string helper = machine.property(Unit::service, "MainPID");
-    machine.must({"kill", "-STOP", helper});
-    EXPECT_THAT(machine.run({"halvoctl", "doctor"}).output,
-                AllOf(HasSubstr("kill -CONT " + helper), HasSubstr("systemctl restart")));
-    machine.must({"kill", "-CONT", helper});
     EXPECT_THAT(problems(), IsEmpty());
 }
 

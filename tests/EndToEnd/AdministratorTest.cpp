@@ -6,10 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -92,14 +90,6 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
     EXPECT_EQ(held["apps"][0]["agrees"], true);
     EXPECT_EQ(held["stateFile"]["condition"], "whole");
 
-    helper.process().stop();
-    setLockedByHand(false);
-    held = seen();
-    EXPECT_EQ(held["apps"][0]["agrees"], false);
-    EXPECT_EQ(held["apps"][0]["next"], "The helper sets it back within 2 seconds.");
-    helper.process().goOn();
-    EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
-
     helper.terminate();
     held = seen();
     EXPECT_EQ(held["helper"]["pids"], Json::array());
@@ -117,41 +107,6 @@ TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
     const ChildResult persons = control({"doctor"}, world.user);
     EXPECT_EQ(persons.status, 0) << persons.output;
     EXPECT_THAT(persons.output, EndsWith("Type: sudo halvoctl doctor\n"));
-}
-
-TEST_F(AdministratorTest, IsToldWhyTheAppIsRefused) {
-    RunningHelper helper;
-    const auto setMode = [](const std::string& path, unsigned mode) {
-        return [path, mode] { fs::permissions(path, fs::perms{mode}); };
-    };
-
-    struct Row {
-        std::function<void()> spoil;
-        std::string check;
-    };
-
-    const Row rows[] = {
-        {setMode(Place::appExecutable, 0755), "app's files"},
-        {setMode(Place::app, 0775), "app's files"},
-        {[] { put(Place::infoPlist, "damaged"); }, "app"},
-        {[] { fs::remove_all(Place::app); }, "app"},
-        {setMode(Place::helper, 0777), "helper files"},
-        {setMode(Place::socket, 0600), "socket"},
-    };
-    for (const auto& [spoil, name] : rows) {
-        SCOPED_TRACE(name);
-        spoil();
-        const ChildResult answer = control({"doctor", "--json"});
-        EXPECT_EQ(answer.status, 1);
-        const Json checks = Json::parse(answer.output)["checks"];
-        const auto check = std::ranges::find_if(
-            checks, [&name](const Json& each) { return each["name"] == name; });
-        ASSERT_NE(check, checks.end()) << answer.output;
-        EXPECT_EQ((*check)["verdict"], "problem");
-        EXPECT_NE((*check)["advice"], nullptr);
-        world.installApp(Place::app);
-        fs::permissions(Place::app, fs::perms{0755});
-    }
 }
 
 TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
@@ -196,20 +151,6 @@ TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
         EXPECT_THAT(answer.output,
                     HasSubstr(Place::app + " carried a lock that no record owed, and is unlocked"));
         expectNothingLeft();
-    }
-}
-
-TEST_F(AdministratorTest, LeavesTheLockOfABundleThatIsSomebodyElses) {
-    for (const auto& spoil : std::vector<std::function<void()>>{
-             [] { fs::permissions(Place::infoPlist, fs::perms{0666}); },
-             [this] { EXPECT_EQ(chown(Place::infoPlist.c_str(), world.user, 0), 0); },
-             [] { put(Place::infoPlist, readTestFile(Place::helperInfoPlist), 0644); }}) {
-        world.installApp(Place::app);
-        spoil();
-        setLockedByHand(true);
-        EXPECT_EQ(control({"release"}).status, 0);
-        EXPECT_TRUE(isLocked());
-        setLockedByHand(false);
     }
 }
 

@@ -38,6 +38,8 @@ class FakeWaiter final : public Waiter {
 // Processes that end when they are asked to, unless told otherwise.
 class FakeProcesses final : public HelperProcesses {
   public:
+    FakeProcesses() : HelperProcesses("") {}
+
     std::vector<pid_t> running() override { return processes; }
 
     bool isStopped(pid_t process) override {
@@ -64,13 +66,12 @@ class FakeProcesses final : public HelperProcesses {
 // Notes what it was asked in a call log.
 class FakeService final : public Service {
   public:
-    explicit FakeService(testing::CallLog& log) : log_(log) {}
+    explicit FakeService(testing::CallLog& log) : log_(log) {
+        startCommand = "start-helper";
+        restartCommand = "restart-helper";
+    }
 
     std::string whatStarts() override { return "it starts when the app calls"; }
-
-    [[nodiscard]] std::string startCommand() const override { return "start-helper"; }
-
-    [[nodiscard]] std::string restartCommand() const override { return restart; }
 
     std::expected<void, std::string> stop() override {
         log_.enter("save", "by stop");  // the verb of a change
@@ -92,15 +93,12 @@ class FakeService final : public Service {
 
     Checks examine() override { return {isOk("service", "fine")}; }
 
-    Checks examineApp(const std::string& app, bool isRoot) override {
-        return {isOk("bundle", app + (isRoot ? " as root" : ""))};
-    }
+    Checks examineApp(const std::string& app) override { return {isOk("bundle", app)}; }
 
     Checks examineSession(std::uint32_t uid) override {
         return {isOk("person", std::to_string(uid))};
     }
 
-    std::string restart = "restart-helper";
     std::vector<std::string> applications;
     std::function<void()> onStop;
     std::function<void()> onResume;
@@ -150,15 +148,17 @@ struct FakeMachine {
                     .applications = applications,
                     .isRoot = true,
                     .clock = world.clock,
+                    .calendar = *GregorianCalendar::named("Europe/Berlin"),
                     .flags = world.flags,
                     .store = world.store,
                     .session = world.session,
                     .processes = processes,
-                    .service = service,
                     .waiter = waiter,
-                    .userName = [](std::uint32_t uid) {
-                        return uid == ann ? std::optional<std::string>("ann") : std::nullopt;
-                    }};
+                    .userName =
+                        [](std::uint32_t uid) {
+                            return uid == ann ? std::optional<std::string>("ann") : std::nullopt;
+                        },
+                    .service = &service};
 };
 
 }  // namespace halvo::control

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "HalvoShared/GregorianCalendar.hpp"
 #include "tools/CommandLine.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
@@ -21,7 +20,7 @@ inline Outcome failure(int status, const std::string& problem) {
 // why there is none, as a sentence without a full stop; looked at only by a command that needs it.
 // Main thread only. Throws std::bad_alloc alone.
 Outcome run(const std::vector<std::string>& words,
-            const std::expected<Machine*, std::string>& machine, const GregorianCalendar& calendar);
+            const std::expected<Machine*, std::string>& machine);
 
 // ----------------------------------------------- what is so at one moment; looking changes nothing
 
@@ -74,6 +73,11 @@ struct Observation {
         return commitment() != nullptr && commitment()->isLive(now) ? commitment() : nullptr;
     }
 
+    // What can be read of a damaged one.
+    [[nodiscard]] const UnreadableCommitment* salvaged() const {
+        return std::get_if<UnreadableCommitment>(&stored);
+    }
+
     // The bundle that the record names, whole or not.
     [[nodiscard]] std::optional<std::string> named() const;
 
@@ -88,10 +92,9 @@ enum class Presence { there, gone, unknown };
 // Whether something is at `path`, links not followed. What the system cannot look at may be there.
 Presence presence(const std::string& path);
 
-// Whether record and flag of one of the observation's bundles agree, as the check "lock", but in
-// whole sentences; and what happens next, or what to do, also where they do. `startCommand` is what
-// starts a helper now.
-Check judge(const Observation& seen, const AppFlag& app, const std::string& startCommand);
+// Whether record and flag of one of the bundles of `seen` agree, as the check "lock"; the advice is
+// what happens next, or what to do, also where they do.
+Check judge(const Machine& machine, const Observation& seen, const AppFlag& app);
 
 // "ann (uid 1000)", or "uid 1000" when there is no such user.
 std::string person(const Machine& machine, std::uint32_t uid);
@@ -100,9 +103,8 @@ std::string person(const Machine& machine, std::uint32_t uid);
 
 // halvoctl status: what `seen` is, with the calendar's clocks; and as the JSON object with sorted
 // keys that `halvoctl status --help` describes, on lines of its own.
-std::string statusText(Machine& machine, const Observation& seen,
-                       const GregorianCalendar& calendar);
-std::string statusJSON(Machine& machine, const Observation& seen);
+std::string statusText(const Machine& machine, const Observation& seen);
+std::string statusJSON(const Machine& machine, const Observation& seen);
 
 // halvoctl doctor: looks at everything that the helper needs. `app`: the bundle that is meant; else
 // that of the record, else those found. Changes nothing.
@@ -115,12 +117,13 @@ Check checkState(const std::string& file, StateFile condition);
 // What the Info.plist of the bundle at `app` says that it is.
 Check checkIdentity(const std::string& app, const HelperIdentity& identity);
 
-// Whether there is a problem among `checks`.
-inline bool hasProblem(const Checks& checks) {
-    return std::ranges::find(checks, Verdict::problem, &Check::verdict) != checks.end();
+// How many problems there are among `checks`.
+inline std::size_t problemsOf(const Checks& checks) {
+    return static_cast<std::size_t>(std::ranges::count(checks, Verdict::problem, &Check::verdict));
 }
 
-// `checks` as lines of text, and as the JSON object that `halvoctl doctor --help` describes.
+// `checks` as lines of text, and as the JSON object that `halvoctl doctor --help` describes. Advice
+// is given on problems only.
 std::string doctorText(const Checks& checks);
 std::string doctorJSON(const Checks& checks);
 
@@ -135,6 +138,6 @@ struct ReleaseOptions {
 // record, and lets the app call the helper again. The record goes only after the flag was cleared,
 // so that it may be interrupted anywhere and be run again. What cannot be done leaves the record,
 // and is said. One at a time: it waits for another that runs.
-Outcome release(Machine& machine, const ReleaseOptions& options, const GregorianCalendar& calendar);
+Outcome release(Machine& machine, const ReleaseOptions& options);
 
 }  // namespace halvo::control

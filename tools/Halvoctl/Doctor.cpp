@@ -1,8 +1,9 @@
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
-#include <nlohmann/json.hpp>
+#include <filesystem>
+#include <iterator>
+#include <set>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -13,15 +14,50 @@
 namespace halvo::control {
 namespace {
 
+namespace fs = std::filesystem;
 using records::printable;
 
-void append(Checks& checks, const Checks& more) {
-    checks.insert(checks.end(), more.begin(), more.end());
+// Looked at from the bundle downwards: nobody but root can put a folder of root's with that inside
+// into the one above it, nor move one that is locked.
+bool isAppsOwn(const std::string& path, const HelperIdentity& identity) {
+    const Bundle bundle(path);
+    return AppLocation::mayLock(path) &&
+           !RootOwnedPath::problem(bundle.infoPath(), RootOwnedPath::Item::file, path) &&
+           HelperIdentity::ofBundle(bundle.info()) == identity;
 }
 
-const char* nameOf(Verdict verdict) {
-    return std::array{"ok", "problem", "not applicable", "needs root"}.at(
-        static_cast<std::size_t>(verdict));
+StateFile conditionOf(const StoredCommitment& stored, bool isThere) {
+    if (std::holds_alternative<NoCommitment>(stored)) {
+        return isThere ? StateFile::unreadable : StateFile::none;
+    }
+    return std::holds_alternative<HelperCommitment>(stored) ? StateFile::whole : StateFile::damaged;
+}
+
+std::vector<std::string> installedApps(Machine& machine) {
+    std::vector<std::string> folders{machine.applications};
+    const std::vector<std::string> others = machine.service->otherApplications();
+    for (const std::string& folder : std::set(others.begin(), others.end())) {
+        // Whose folder it is could lead us astray between two looks.
+        if (folder != machine.applications &&
+            !RootOwnedPath::problem(folder, RootOwnedPath::Item::folder)) {
+            folders.push_back(folder);
+        }
+    }
+    std::vector<std::string> found;
+    for (const std::string& folder : folders) {
+        std::set<std::string> paths;
+        std::error_code ignored;
+        for (fs::directory_iterator item(folder, ignored), end; item != end;
+             item.increment(ignored)) {
+            const std::string path = folder + "/" + item->path().filename().string();
+            const auto info = AppLocation::isBundlePath(path) ? Bundle(path).info() : std::nullopt;
+            if (info && infoString(*info, "CFBundleIdentifier") == machine.identity.appBundleID) {
+                paths.insert(path);
+            }
+        }
+        found.insert(found.end(), paths.begin(), paths.end());
+    }
+    return found;
 }
 
 Check checkLocation(const std::string& app) {
@@ -33,42 +69,30 @@ Check checkLocation(const std::string& app) {
                    printable(app));
 }
 
-Check checkLock(const Observation& seen, const AppFlag& app, const std::string& startCommand) {
-    Check check = judge(seen, app, startCommand);
-    check.finding.pop_back();
-    return check.verdict == Verdict::ok ? isOk(check.name, check.finding) : check;
-}
-
-Check checkRunning(Machine& machine, const Observation& seen) {
+Check checkRunning(const Machine& machine, const Observation& seen) {
     std::string goOn = "Let it go on: kill -CONT";
     for (const pid_t process : seen.stopped) {
         goOn += " " + std::to_string(process);
     }
-    const std::string restart = machine.service.restartCommand();
-    const StateFile file = seen.file;
-    const bool isStored = file == StateFile::damaged || file == StateFile::whole;
+    const std::string& restart = machine.service->restartCommand;
+    const bool isStored = !std::holds_alternative<NoCommitment>(seen.stored);
     return firstOf(
         "helper",
         {{!seen.stopped.empty(), "is stopped (SIGSTOP), and does nothing: " + named(seen.stopped),
           goOn + (restart.empty() ? "" : "; or start another: " + restart)},
          {seen.helpers.empty() && isStored,
           "something is stored, and no helper runs that would hold it",
-          "Start it: " + machine.service.startCommand()}},
-        seen.helpers.empty() ? "does not run; " + machine.service.whatStarts()
+          "Start it: " + machine.service->startCommand}},
+        seen.helpers.empty() ? "does not run; " + machine.service->whatStarts()
                              : "runs, " + named(seen.helpers));
 }
 
-Check checkSession(Machine& machine, const Observation& seen,
-                   const std::optional<std::uint32_t>& console) {
-    if (!console) {
-        return isNotApplicable("session",
-                               "nobody is at the console, so the app is opened for nobody");
-    }
-    const std::string whose = person(machine, *console) + " is at the console";
-    const bool isOpen = std::ranges::any_of(seen.apps, [&](const AppFlag& app) {
-        return machine.session.isAppRunning(app.path, *console);
-    });
-    const bool isBound = seen.live() != nullptr && seen.live()->uid == *console;
+// The session of the user `uid`, who is at the console.
+Check checkSession(const Machine& machine, const Observation& seen, std::uint32_t uid) {
+    const std::string whose = person(machine, uid) + " is at the console";
+    const bool isOpen = std::ranges::any_of(
+        seen.apps, [&](const AppFlag& app) { return machine.session.isAppRunning(app.path, uid); });
+    const bool isBound = seen.live() != nullptr && seen.live()->uid == uid;
     return firstOf(
         "session",
         {{isBound && !isOpen, whose + " and bound, but the app does not run for them",
@@ -79,8 +103,108 @@ Check checkSession(Machine& machine, const Observation& seen,
 
 }  // namespace
 
+std::optional<std::string> Observation::named() const {
+    if (commitment() != nullptr) {
+        return commitment()->appPath;
+    }
+    return salvaged() != nullptr ? salvaged()->appPath : std::nullopt;
+}
+
+std::optional<std::string> Observation::owed() const {
+    const bool isLocked = commitment() != nullptr ? commitment()->locked
+                                                  : salvaged() != nullptr && salvaged()->locked;
+    const auto path = named();
+    return isLocked && path && AppLocation::isLockablePath(*path) ? path : std::nullopt;
+}
+
+Presence presence(const std::string& path) {
+    struct stat status{};
+    if (lstat(path.c_str(), &status) == 0) {
+        return Presence::there;
+    }
+    const bool isGone =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    return isGone ? Presence::gone : Presence::unknown;
+}
+
+Observation observe(Machine& machine) {
+    Observation seen;
+    // Only what is there before and after is there and cannot be read.
+    const auto isThere = [&] { return presence(machine.stateFile) == Presence::there; };
+    const bool wasThere = isThere();
+    seen.stored = machine.store.load();
+    seen.file = conditionOf(seen.stored, wasThere && isThere());
+    seen.installed = installedApps(machine);
+    const auto named = seen.named();
+    for (const std::string& path : named ? std::vector{*named} : seen.installed) {
+        seen.apps.push_back({path, machine.flags.state(path)});
+    }
+    for (const std::string& path : seen.installed) {
+        if (machine.flags.state(path) == LockState::locked && seen.owed() != path &&
+            isAppsOwn(path, machine.identity)) {
+            seen.orphans.push_back(path);
+            if (std::ranges::find(seen.apps, path, &AppFlag::path) == seen.apps.end()) {
+                seen.apps.push_back({path, LockState::locked});
+            }
+        }
+    }
+    seen.helpers = machine.processes.running();
+    std::ranges::copy_if(seen.helpers, std::back_inserter(seen.stopped),
+                         [&](pid_t process) { return machine.processes.isStopped(process); });
+    seen.now = machine.clock.reading();
+    return seen;
+}
+
+Check judge(const Machine& machine, const Observation& seen, const AppFlag& app) {
+    const std::string& start = machine.service->startCommand;
+    const auto named = seen.named();
+    const bool isNamed = named == app.path || (!named && seen.file == StateFile::damaged);
+    const bool isOwed = seen.owed() == app.path;
+    const bool isLive = seen.live() != nullptr;
+    const bool isLocked = app.state == LockState::locked;
+    const bool isRunning = !seen.helpers.empty();
+    const bool isOrphan = std::ranges::find(seen.orphans, app.path) != seen.orphans.end();
+    const std::string unlock =
+        isOrphan ? std::string("halvoctl release") + (isLive ? " (which also ends what holds)" : "")
+                 : clearCommand(app.path);
+    const std::string end =
+        isRunning ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
+                  : "The helper lets go of it when it starts next: " + start;
+    const std::string unnamed = "The bundle is locked, but no record says that the helper did it";
+    const std::string unlocked = "The bundle is not locked";
+    constexpr auto ok = Verdict::ok;
+    return firstOf(
+        "lock",
+        {{app.state == LockState::missing && isOwed, "There is nothing at " + printable(app.path),
+          "The helper locks no other in its place."},
+         {app.state == LockState::missing, "There is nothing at " + printable(app.path), "", ok},
+         {!isNamed && !isLocked, unlocked, "", ok},
+         {!isNamed && isRunning && !named, unnamed,
+          "If the helper that runs holds something all the same, it writes the record anew within "
+          "a minute. Else to unlock the bundle: " +
+              unlock},
+         {!isNamed, unnamed, "To unlock it: " + unlock},
+         {!isLive && isLocked && !isOwed,
+          "The bundle is locked, but the record does not say that the helper did it",
+          "It stays locked. To unlock it: " + unlock},
+         {!isLive, isLocked ? "The bundle is still locked" : unlocked, end, ok},
+         {isOwed && isLocked, "The bundle is locked, as the record says",
+          isRunning ? "" : "No helper runs that would keep it so: " + start, ok},
+         {isOwed, unlocked + ", but should be",
+          isRunning ? "The helper sets it back within 2 seconds."
+                    : "The helper locks it when it starts: " + start},
+         {isLocked, "The bundle carries a lock that the helper did not set",
+          "It stays when the commitment ends. To unlock the bundle: " + unlock,
+          isOrphan ? Verdict::problem : ok},
+         {AppLocation::mayLock(app.path),
+          "The commitment holds without a lock, though the bundle may be locked",
+          "The helper's log says why it could not. It tries again when the app begins or extends a "
+          "commitment."}},
+        "The commitment holds without a lock: the helper does not lock a bundle there");
+}
+
 Check checkHelperFiles(const HelperFiles& files) {
-    std::vector<Flaw> flaws;
+    std::vector<Case> flaws;
     for (const std::string& path : files.paths) {
         const auto problem = RootOwnedPath::problem(path, RootOwnedPath::Item::file, files.top);
         flaws.push_back(
@@ -137,11 +261,18 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
     if (app) {
         seen.apps = {{*app, machine.flags.state(*app)}};
     }
-    const bool isRoot = machine.isRoot;
-    Checks checks{checkHelperFiles(helperFiles(machine.helper)),
-                  isRoot ? checkRunning(machine, seen) : needsRoot("helper")};
-    append(checks, machine.service.examine());
-    checks.push_back(isRoot ? checkState(machine.stateFile, seen.file) : needsRoot("state"));
+    Checks checks{checkHelperFiles(helperFiles(machine.helper))};
+    const auto add = [&checks](const Checks& more) {
+        checks.insert(checks.end(), more.begin(), more.end());
+    };
+    const auto addRoots = [&](const char* name, const auto& check) {
+        checks.push_back(machine.isRoot
+                             ? check()
+                             : Check{name, Verdict::needsRoot, "only root can look at it", ""});
+    };
+    addRoots("helper", [&] { return checkRunning(machine, seen); });
+    add(machine.service->examine());
+    addRoots("state", [&] { return checkState(machine.stateFile, seen.file); });
     if (seen.apps.empty()) {
         checks.push_back(isProblem(
             "app",
@@ -149,49 +280,18 @@ Checks examine(Machine& machine, const std::optional<std::string>& app) {
             "Install the app there, as root. One that lies elsewhere can be named: --app PATH"));
     }
     for (const AppFlag& each : seen.apps) {
-        checks.push_back(checkLocation(each.path));
-        checks.push_back(checkIdentity(each.path, machine.identity));
-        append(checks, machine.service.examineApp(each.path, isRoot));
-        checks.push_back(isRoot ? checkLock(seen, each, machine.service.startCommand())
-                                : needsRoot("lock"));
+        add({checkLocation(each.path), checkIdentity(each.path, machine.identity)});
+        add(machine.service->examineApp(each.path));
+        addRoots("lock", [&] { return judge(machine, seen, each); });
     }
-    const auto console = machine.session.consoleUser();
-    checks.push_back(checkSession(machine, seen, console));
-    if (console) {
-        append(checks, machine.service.examineSession(*console));
+    if (const auto console = machine.session.consoleUser()) {
+        checks.push_back(checkSession(machine, seen, *console));
+        add(machine.service->examineSession(*console));
+    } else {
+        checks.push_back(isNotApplicable(
+            "session", "nobody is at the console, so the app is opened for nobody"));
     }
     return checks;
-}
-
-std::string doctorText(const Checks& checks) {
-    std::vector<std::vector<std::string>> rows;
-    for (const Check& check : checks) {
-        rows.push_back({nameOf(check.verdict), check.name, check.finding});
-        if (!check.advice.empty()) {
-            rows.push_back({"", "", "-> " + check.advice});
-        }
-    }
-    const auto problems = std::ranges::count(checks, Verdict::problem, &Check::verdict);
-    const bool needsRoot = std::ranges::count(checks, Verdict::needsRoot, &Check::verdict) != 0;
-    return records::table(rows, "") +
-           (problems == 0 ? "No problem"
-                          : records::counted(static_cast<std::size_t>(problems), "problem")) +
-           ".\n" +
-           (needsRoot ? "Some things only root can look at. Type: sudo halvoctl doctor\n" : "");
-}
-
-std::string doctorJSON(const Checks& checks) {
-    using Json = nlohmann::json;
-    Json list = Json::array();
-    for (const Check& check : checks) {
-        list.push_back({{"advice", check.advice.empty() ? Json() : Json(check.advice)},
-                        {"finding", check.finding},
-                        {"name", check.name},
-                        {"verdict", nameOf(check.verdict)}});
-    }
-    const auto problems = std::ranges::count(checks, Verdict::problem, &Check::verdict);
-    const Json root{{"checks", list}, {"problems", problems}};
-    return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 }  // namespace halvo::control

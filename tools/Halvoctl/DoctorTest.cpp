@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "tests/Support/ControlMachine.hpp"
 #include "tools/Halvoctl/Commands.hpp"
@@ -20,6 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
+
+Check needsRoot(const std::string& name) {
+    return {name, Verdict::needsRoot, "only root can look at it", ""};
+}
 
 class DoctorTest : public ::testing::Test {
   protected:
@@ -48,7 +53,7 @@ TEST_F(DoctorTest, LooksAtTheBundlesThatItFindsOrThatAreNamed) {
     expectOk("app's identity", served);
     expectOk("lock", "The bundle is not locked");
     expectOk("service", "fine");
-    expectOk("bundle", fake.app + " as root");
+    expectOk("bundle", fake.app);
     EXPECT_TRUE(fake.world.calls.changes().empty());
 
     const std::string other = fake.disk / "Other.app";
@@ -69,7 +74,7 @@ TEST_F(DoctorTest, LooksAtTheBundlesThatItFindsOrThatAreNamed) {
     EXPECT_EQ(checkIdentity("/nowhere/None.app", fake.machine.identity),
               isProblem("app's identity", "/nowhere/None.app/Contents/Info.plist cannot be read",
                         "Install the app again."));
-    fs::remove_all(fake.app);
+    testing::writeTestFile(fake.app + "/Contents/Info.plist", "damaged");
     expectProblem("app", "no bundle of com.example.app lies in " + fake.applications,
                   "Install the app there, as root. One that lies elsewhere can be named: --app "
                   "PATH");
@@ -77,12 +82,15 @@ TEST_F(DoctorTest, LooksAtTheBundlesThatItFindsOrThatAreNamed) {
 
 TEST_F(DoctorTest, JudgesTheHelperAndTheLock) {
     expectOk("helper", "does not run; it starts when the app calls");
-    fake.hold();
-    expectProblem("helper", "something is stored, and no helper runs that would hold it",
-                  "Start it: start-helper");
-    expectOk("lock", "The bundle is locked, as the record says");
+    for (const StoredCommitment& stored :
+         {StoredCommitment(UnreadableCommitment{}), StoredCommitment(fake.hold())}) {
+        fake.world.store.stored = stored;
+        expectProblem("helper", "something is stored, and no helper runs that would hold it",
+                      "Start it: start-helper");
+    }
     fake.processes.processes = {5};
     expectOk("helper", "runs, pid 5");
+    expectOk("lock", "The bundle is locked, as the record says");
     fake.world.flags.setByHand(fake.app, false);
     expectProblem("lock", "The bundle is not locked, but should be",
                   "The helper sets it back within 2 seconds.");
@@ -91,12 +99,12 @@ TEST_F(DoctorTest, JudgesTheHelperAndTheLock) {
     const std::string stopped = "is stopped (SIGSTOP), and does nothing: pids 5 and 7";
     expectProblem("helper", stopped,
                   "Let it go on: kill -CONT 5 7; or start another: restart-helper");
-    fake.service.restart = "";
+    fake.service.restartCommand = "";
     expectProblem("helper", stopped, "Let it go on: kill -CONT 5 7");
-    fake.processes.processes.clear();
-    fake.processes.stopped.clear();
-    fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(examined("helper").verdict, Verdict::problem) << "which it is to let go of";
+    fake.machine.isRoot = false;
+    for (const char* name : {"helper", "state", "lock"}) {
+        EXPECT_EQ(examined(name), needsRoot(name));
+    }
 }
 
 TEST_F(DoctorTest, JudgesTheSession) {
@@ -122,14 +130,6 @@ TEST_F(DoctorTest, JudgesTheSession) {
     expectOk("session", free);
 }
 
-TEST_F(DoctorTest, SaysWhatOnlyRootCanSee) {
-    fake.machine.isRoot = false;
-    for (const char* name : {"helper", "state", "lock"}) {
-        EXPECT_EQ(examined(name), needsRoot(name));
-    }
-    expectOk("bundle", fake.app);
-}
-
 TEST_F(DoctorTest, JudgesTheFilesOfTheHelperAndItsState) {
     // Nothing in a folder for temporary files is root's alone.
     EXPECT_EQ(examined("helper files").advice,
@@ -153,38 +153,40 @@ TEST_F(DoctorTest, JudgesTheFilesOfTheHelperAndItsState) {
     const std::string closed = "/run/halvo-doctor-test-" + std::to_string(getpid());
     fs::create_directories(closed);
     fs::permissions(closed, fs::perms::owner_all);
-    const auto check = [&](StateFile file) { return checkState(closed + "/state", file); };
-    EXPECT_EQ(check(StateFile::none), isOk("state", "nothing is stored, in " + closed));
-    EXPECT_EQ(check(StateFile::whole), isOk("state", "whole, in " + closed));
-    EXPECT_EQ(check(StateFile::damaged),
+    for (const auto& [file, check] : std::vector<std::pair<StateFile, Check>>{
+             {StateFile::none, isOk("state", "nothing is stored, in " + closed)},
+             {StateFile::whole, isOk("state", "whole, in " + closed)},
+             {StateFile::damaged,
               isProblem("state", closed + "/state is damaged",
                         "The helper lets go of it when it starts next; halvoctl release does so "
-                        "now."));
-    EXPECT_EQ(check(StateFile::unreadable),
+                        "now.")},
+             {StateFile::unreadable,
               isProblem("state", closed + "/state cannot be read",
                         "Look into the kernel's log for the disk; remove what lies there if it is "
-                        "no file."));
+                        "no file.")}}) {
+        EXPECT_EQ(checkState(closed + "/state", file), check);
+    }
     fs::remove(closed);
 }
 
 TEST_F(DoctorTest, TellsWhatItSaw) {
-    const Checks checks{isOk("first", "fine"), isProblem("second", "broken", "Mend it."),
+    const Checks checks{Check{"first", Verdict::ok, "fine", "Go on."},
+                        isProblem("second", "broken", "Mend it."),
                         isNotApplicable("third", "not here")};
-    EXPECT_TRUE(hasProblem(checks));
-    EXPECT_FALSE(hasProblem({checks[0], checks[2], needsRoot("fourth")}));
+    EXPECT_EQ(problemsOf(checks), 1U);
     EXPECT_EQ(doctorText(checks),
               "ok              first   fine\n"
               "problem         second  broken\n"
               "                        -> Mend it.\n"
               "not applicable  third   not here\n"
               "1 problem.\n");
-    EXPECT_EQ(doctorText({checks[0]}), "ok  first  fine\nNo problem.\n");
     EXPECT_EQ(
         doctorText({needsRoot("a")}),
         "needs root  a  only root can look at it\nNo problem.\nSome things only root can look "
         "at. Type: sudo halvoctl doctor\n");
-    EXPECT_EQ(Json::parse(doctorJSON({checks[1], needsRoot("fourth")})),
+    EXPECT_EQ(Json::parse(doctorJSON({checks[0], checks[1], needsRoot("fourth")})),
               Json::parse(R"({"problems": 1, "checks": [
+                  {"name": "first", "verdict": "ok", "finding": "fine", "advice": null},
                   {"name": "second", "verdict": "problem", "finding": "broken",
                    "advice": "Mend it."},
                   {"name": "fourth", "verdict": "needs root",

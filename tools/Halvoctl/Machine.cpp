@@ -53,9 +53,10 @@ std::expected<void, std::string> endAll(HelperProcesses& processes, Waiter& wait
     return {};
 }
 
-Check firstOf(const std::string& name, const std::vector<Flaw>& flaws, const std::string& finding) {
-    const auto flaw = std::ranges::find(flaws, true, &Flaw::isFound);
-    return flaw == flaws.end() ? isOk(name, finding) : isProblem(name, flaw->finding, flaw->advice);
+Check firstOf(const std::string& name, const std::vector<Case>& cases, const std::string& finding) {
+    const auto found = std::ranges::find(cases, true, &Case::isSo);
+    return found == cases.end() ? isOk(name, finding)
+                                : Check{name, found->verdict, found->finding, found->advice};
 }
 
 std::string named(const std::vector<pid_t>& processes) {
@@ -73,17 +74,14 @@ std::string shellWord(const std::string& text) {
     constexpr const char* plain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@,%";
     std::string word = records::printable(text);
-    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) {
-        return word;
+    const bool isPlain = !word.empty() && word.find_first_not_of(plain) == std::string::npos;
+    for (std::size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += 4) {
+        word.replace(at, 1, R"('\'')");
     }
-    std::string quoted = "'";
-    for (const char c : word) {
-        quoted += c == '\'' ? "'\\''" : std::string(1, c);
-    }
-    return quoted + "'";
+    return isPlain ? word : "'" + word + "'";
 }
 
-std::vector<std::string> homeApplications() {
+std::vector<std::string> Service::otherApplications() {
     std::vector<std::string> folders;
     setpwent();
     while (const passwd* entry = getpwent()) {

@@ -16,6 +16,7 @@
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoHelperCore/SessionProbe.hpp"
 #include "HalvoPlatform/Time.hpp"
+#include "HalvoShared/GregorianCalendar.hpp"
 
 namespace halvo::control {
 
@@ -38,24 +39,30 @@ class Waiter {
     virtual void say(const std::string& line);
 };
 
-// The processes of one helper. One source per system.
+// The processes of one helper: those of root that run its executable as the service. The virtual
+// functions are the system's own, but for tests; one source per system.
 class HelperProcesses {
   public:
+    // `executable`: the path of the helper's own.
+    explicit HelperProcesses(std::string executable) : executable_(std::move(executable)) {}
+
     virtual ~HelperProcesses() = default;
 
-    // Those of root that run the helper's executable as the service, in ascending order; also when
-    // the executable was replaced since they started. On Linux not those in the open-as-user mode.
-    virtual std::vector<pid_t> running() = 0;
+    // In ascending order; also those whose executable was replaced since they started. On Linux not
+    // those in the open-as-user mode.
+    virtual std::vector<pid_t> running();
 
     // Whether `process` is stopped, by SIGSTOP or a tracer, and so does nothing until SIGCONT.
-    virtual bool isStopped(pid_t process) = 0;
+    virtual bool isStopped(pid_t process);
 
     // Sends SIGTERM to `process`, if it is still one of those.
-    virtual void terminate(pid_t process) = 0;
-};
+    virtual void terminate(pid_t process);
 
-// The processes of the helper whose executable is at `executable`.
-std::unique_ptr<HelperProcesses> liveProcesses(const std::string& executable);
+  private:
+    [[nodiscard]] bool isHelper(pid_t process) const;
+
+    std::string executable_;
+};
 
 // Asks all of `processes` to end, also those that start meanwhile, and waits for their end, at most
 // ten seconds. Fails with sentences that say what to do.
@@ -63,14 +70,14 @@ std::expected<void, std::string> endAll(HelperProcesses& processes, Waiter& wait
 
 enum class Verdict { ok, problem, notApplicable, needsRoot };
 
-// One thing that doctor looked at.
+// One thing that was looked at.
 struct Check {
     // What was looked at, in a word or two.
     std::string name;
     Verdict verdict{};
     // How it is, without a full stop. One line that a terminal shows and does not obey.
     std::string finding;
-    // Of a problem: what to do. Else empty.
+    // Of a problem: what to do. Else what comes next, or nothing.
     std::string advice;
 
     bool operator==(const Check&) const = default;
@@ -90,19 +97,16 @@ inline Check isNotApplicable(std::string name, std::string finding) {
     return {std::move(name), Verdict::notApplicable, std::move(finding), ""};
 }
 
-inline Check needsRoot(std::string name) {
-    return {std::move(name), Verdict::needsRoot, "only root can look at it", ""};
-}
-
-// What a check may find wrong.
-struct Flaw {
-    bool isFound{};
+// What a check says where `isSo`.
+struct Case {
+    bool isSo{};
     std::string finding;
     std::string advice;
+    Verdict verdict = Verdict::problem;
 };
 
-// The problem of the first of `flaws` that is found; else all is well, which `finding` says.
-Check firstOf(const std::string& name, const std::vector<Flaw>& flaws, const std::string& finding);
+// The first of `cases` that is so; else all is well, which `finding` says.
+Check firstOf(const std::string& name, const std::vector<Case>& cases, const std::string& finding);
 
 // The helper as the system runs it. One implementation per system: systemd's units, or the
 // processes alone where systemd does not run; launchd's job.
@@ -113,13 +117,6 @@ class Service {
     // What starts a helper when none runs, as a sentence without a full stop that begins with "it
     // starts" or "nothing starts".
     virtual std::string whatStarts() = 0;
-
-    // The shell command that starts one now.
-    [[nodiscard]] virtual std::string startCommand() const = 0;
-
-    // The shell command that ends the one that runs and starts another; empty where one was started
-    // by hand.
-    [[nodiscard]] virtual std::string restartCommand() const = 0;
 
     // Sees to it that no helper runs and none is started, which leaves the stored commitment to the
     // caller. Takes no longer than a minute, together with resume(). Fails with sentences that say
@@ -134,44 +131,21 @@ class Service {
     // The folders called Applications, but the machine's first one, in which the helper may have
     // locked a bundle: those of the accounts' homes; on Linux with systemd those that the helper's
     // unit can write to. Not all need exist.
-    virtual std::vector<std::string> otherApplications() = 0;
+    virtual std::vector<std::string> otherApplications();
 
-    // The part of doctor that concerns this system alone: the service, the bundle at `app` (as
-    // `isRoot` or not), and the session of the user `uid`.
+    // The part of doctor that concerns this system alone: the service, the bundle at `app`, and the
+    // session of the user `uid`.
     virtual Checks examine() = 0;
-    virtual Checks examineApp(const std::string& app, bool isRoot) = 0;
-    virtual Checks examineSession(std::uint32_t uid) = 0;
+
+    virtual Checks examineApp(const std::string& /*app*/) { return {}; }
+
+    virtual Checks examineSession(std::uint32_t /*uid*/) { return {}; }
+
+    // The shell command that starts a helper now, and the one that ends the one that runs and
+    // starts another; empty where one was started by hand.
+    std::string startCommand;
+    std::string restartCommand;
 };
-
-// What a service is made of. Borrows the last two.
-struct ServiceParts {
-    HelperIdentity identity;
-    // The path of the helper's own executable.
-    std::string executable;
-    HelperProcesses& processes;
-    Waiter& waiter;
-};
-
-// The service of this system.
-std::unique_ptr<Service> liveService(const ServiceParts& parts);
-
-// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties.
-// One source per system.
-std::string releaseLockPath(const HelperIdentity& identity);
-
-// The shell command with which root clears the flag of the bundle at `path`. One source per system.
-std::string clearCommand(const std::string& path);
-
-// The files that must be root's alone for the helper to be what it is, the first folder above them
-// that counts, and what may happen where they are not, as a sentence.
-struct HelperFiles {
-    std::vector<std::string> paths;
-    std::string top;
-    std::string risk = "Whoever can change the helper becomes root.";
-};
-
-// Those of the helper at `helper`. One source per system.
-HelperFiles helperFiles(const std::string& helper);
 
 // Borrows all, for as long as it is used. Main thread only.
 struct Machine {
@@ -186,15 +160,37 @@ struct Machine {
     std::string applications = "/Applications";
     bool isRoot{};
     HelperClock& clock;
+    // Whose clocks the dates are told on.
+    GregorianCalendar calendar;
     FileFlags& flags;
     CommitmentStore& store;
     SessionProbe& session;
     HelperProcesses& processes;
-    Service& service;
     Waiter& waiter;
     // The name of a user, if there is such a one.
     std::function<std::optional<std::string>(std::uint32_t uid)> userName;
+    Service* service{};
 };
+
+// The service of this system, which borrows `machine`. One source per system, like the others here.
+std::unique_ptr<Service> liveService(const Machine& machine);
+
+// The lock file (takeLockFile()) of the releases of `identity`, in a folder that a boot empties.
+std::string releaseLockPath(const HelperIdentity& identity);
+
+// The shell command with which root clears the flag of the bundle at `path`.
+std::string clearCommand(const std::string& path);
+
+// The files that must be root's alone for the helper to be what it is, the first folder above them
+// that counts, and what may happen where they are not, as a sentence.
+struct HelperFiles {
+    std::vector<std::string> paths;
+    std::string top;
+    std::string risk = "Whoever can change the helper becomes root.";
+};
+
+// Those of the helper at `helper`.
+HelperFiles helperFiles(const std::string& helper);
 
 // "pid 12", "pids 12 and 13".
 std::string named(const std::vector<pid_t>& processes);
@@ -207,8 +203,5 @@ std::string shellWord(const std::string& text);
 inline std::string folderOf(const std::string& path) {
     return path.substr(0, path.find_last_of('/'));
 }
-
-// The folders called Applications in the accounts' homes. Not all need exist.
-std::vector<std::string> homeApplications();
 
 }  // namespace halvo::control

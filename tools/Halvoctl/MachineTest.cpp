@@ -10,7 +10,7 @@ namespace {
 
 const auto never = [] { return false; };
 
-TEST(WaiterTest, WaitsNoLongerThanItMay) {
+TEST(WaiterTest, WaitsNoLongerThanItMayAndSaysOnceAfterASecondWhatFor) {
     FakeWaiter waiter;
     int looks = 0;
     EXPECT_TRUE(waiter.wait([&] { return ++looks == 3; }, Seconds{1}, "Waiting."));
@@ -18,11 +18,6 @@ TEST(WaiterTest, WaitsNoLongerThanItMay) {
     EXPECT_FALSE(waiter.wait(never, Seconds{0.1}, "Waiting."));
     EXPECT_NEAR(waiter.time.count(), 1000.12, 0.02);
     EXPECT_TRUE(waiter.wait([] { return true; }, Seconds{0})) << "looks at least once";
-    EXPECT_TRUE(waiter.said.empty());
-}
-
-TEST(WaiterTest, SaysOnceAfterASecondWhatItWaitsFor) {
-    FakeWaiter waiter;
     EXPECT_FALSE(waiter.wait(never, Seconds{5}));
     EXPECT_TRUE(waiter.said.empty());
     const Seconds start = waiter.time;
@@ -68,13 +63,10 @@ TEST(EndAllTest, AsksEachHelperOnceAlsoThoseThatComeMeanwhile) {
     EXPECT_NEAR(waiter.time.count(), 1010, 0.1);
 }
 
-TEST(WordingTest, NamesProcesses) {
+TEST(WordingTest, NamesProcessesAndMakesOneWordForAShell) {
     EXPECT_EQ(named({12}), "pid 12");
     EXPECT_EQ(named({12, 13}), "pids 12 and 13");
     EXPECT_EQ(named({12, 13, 14}), "pids 12, 13 and 14");
-}
-
-TEST(WordingTest, MakesOneWordForAShell) {
     for (const auto& [text, word] : std::vector<std::pair<std::string, std::string>>{
              {"/Applications/Halvo.app", "/Applications/Halvo.app"},
              {"/Library/Application Support", "'/Library/Application Support'"},

@@ -94,7 +94,7 @@ Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
 }
 
 // What it means that the record is forgotten.
-std::string meaning(Machine& machine, const Observation& seen, const GregorianCalendar& calendar) {
+std::string meaning(const Machine& machine, const Observation& seen) {
     const HelperCommitment* commitment = seen.commitment();
     if (commitment == nullptr) {
         return seen.file == StateFile::damaged ? "Removed a damaged state file"
@@ -102,10 +102,10 @@ std::string meaning(Machine& machine, const Observation& seen, const GregorianCa
     }
     return "Let go of the commitment of " + person(machine, commitment->uid) + " that " +
            (seen.live() != nullptr ? "held until " : "had run out at ") +
-           records::zonedDate(commitment->ends(seen.now), calendar);
+           records::zonedDate(commitment->ends(seen.now), machine.calendar);
 }
 
-Result letGo(Machine& machine, bool isGone, const GregorianCalendar& calendar) {
+Result letGo(Machine& machine, bool isGone) {
     const Observation seen = observe(machine);
     const Result flags = unlockAll(machine, seen, isGone);
     if (!flags) {
@@ -122,17 +122,16 @@ Result letGo(Machine& machine, bool isGone, const GregorianCalendar& calendar) {
                                printable(machine.stateFile));
     }
     HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
-    return meaning(machine, seen, calendar) + *flags + ".";
+    return meaning(machine, seen) + *flags + ".";
 }
 
 // The same as release(), by the one that holds the lock.
-Outcome releaseAlone(Machine& machine, const ReleaseOptions& options,
-                     const GregorianCalendar& calendar) {
+Outcome releaseAlone(Machine& machine, const ReleaseOptions& options) {
     Outcome outcome;
     // A helper that runs would undo the rest: it locks again, and stores what it remembers.
-    if (const auto stopped = machine.service.stop(); !stopped) {
+    if (const auto stopped = machine.service->stop(); !stopped) {
         outcome = failure(ExitStatus::system, stopped.error());
-    } else if (const auto done = letGo(machine, options.isBundleGone, calendar); !done) {
+    } else if (const auto done = letGo(machine, options.isBundleGone); !done) {
         outcome = failure(ExitStatus::system, done.error());
     } else {
         outcome.output = machine.identity.appBundleID + ": " + *done + "\n";
@@ -140,7 +139,7 @@ Outcome releaseAlone(Machine& machine, const ReleaseOptions& options,
             return outcome;
         }
     }
-    if (const auto resumed = machine.service.resume(); !resumed) {
+    if (const auto resumed = machine.service->resume(); !resumed) {
         outcome.status = ExitStatus::system;
         outcome.errors += failure(ExitStatus::system, resumed.error()).errors;
     } else if (!resumed->empty()) {
@@ -152,8 +151,7 @@ Outcome releaseAlone(Machine& machine, const ReleaseOptions& options,
 }  // namespace
 
 // Two at once would each start what the other has stopped.
-Outcome release(Machine& machine, const ReleaseOptions& options,
-                const GregorianCalendar& calendar) {
+Outcome release(Machine& machine, const ReleaseOptions& options) {
     std::expected<Descriptor, FileError> lock;
     const auto isOver = [&] {
         lock = takeLockFile(machine.releaseLock);
@@ -171,7 +169,7 @@ Outcome release(Machine& machine, const ReleaseOptions& options,
                                                errorText(lock.error().code) +
                                                ". Mend that and try again.");
     }
-    Outcome outcome = releaseAlone(machine, options, calendar);
+    Outcome outcome = releaseAlone(machine, options);
     unlink(machine.releaseLock.c_str());
     return outcome;
 }

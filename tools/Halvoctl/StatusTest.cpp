@@ -2,9 +2,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Version.hpp"
@@ -16,69 +18,34 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
-using Apps = std::vector<AppFlag>;
+using Words = std::vector<std::string>;
 
 class StatusTest : public ::testing::Test {
   protected:
     Observation seen() { return observe(fake.machine); }
 
-    std::string text() {
-        return statusText(fake.machine, seen(), *GregorianCalendar::named("Europe/Berlin"));
-    }
+    std::string text() { return statusText(fake.machine, seen()); }
 
-    void says(const std::string& part) {
-        const std::string whole = text();
-        EXPECT_NE(whole.find(part), std::string::npos) << part << "not in\n" << whole;
-    }
-
-    std::string jsonText() { return statusJSON(fake.machine, seen()); }
-
-    Json json() { return Json::parse(jsonText()); }
+    std::string json() { return statusJSON(fake.machine, seen()); }
 
     // What is judged of the `nth` bundle: "agree: ..." or "disagree: ...", and what comes next.
     std::string judged(std::size_t nth = 0) {
         const Observation observation = seen();
-        const Check check = judge(observation, observation.apps.at(nth), "start-helper");
+        const Check check = judge(fake.machine, observation, observation.apps.at(nth));
         return (check.verdict == Verdict::ok ? "agree: " : "disagree: ") + check.finding +
                (check.advice.empty() ? "" : " -> ") + check.advice;
     }
 
     FakeMachine fake;
+    StoredCommitment& stored = fake.world.store.stored;
 };
-
-// ------------------------------------------------------------------------------ what is so
-
-TEST_F(StatusTest, SeesTheRecordAndTheBundleThatItNames) {
-    Observation now = seen();
-    EXPECT_EQ(now.file, StateFile::none);
-    EXPECT_EQ(now.apps, (Apps{{fake.app, LockState::unlocked}}));
-    EXPECT_EQ(now.now, fake.world.clock.now());
-    fake.hold();
-    fake.processes.processes = {12};
-    now = seen();
-    EXPECT_EQ(now.file, StateFile::whole);
-    EXPECT_EQ(now.stored, fake.world.store.stored);
-    EXPECT_EQ(now.apps, (Apps{{fake.app, LockState::locked}}));
-    EXPECT_EQ(now.helpers, std::vector<pid_t>{12});
-    EXPECT_TRUE(fake.world.calls.changes().empty());
-
-    fake.hold().appPath = "/Elsewhere/Other.app";
-    fake.world.flags.setByHand(fake.app, false);
-    EXPECT_EQ(seen().apps, (Apps{{"/Elsewhere/Other.app", LockState::missing}}));
-    fake.world.store.stored = UnreadableCommitment{"/Elsewhere/Third.app", true};
-    EXPECT_EQ(seen().apps, (Apps{{"/Elsewhere/Third.app", LockState::missing}}));
-    EXPECT_EQ(seen().file, StateFile::damaged);
-    fake.world.store.stored = UnreadableCommitment{};
-    EXPECT_EQ(seen().apps, (Apps{{fake.app, LockState::unlocked}}));
-}
 
 TEST_F(StatusTest, FindsTheBundlesOfTheApp) {
     FakeMachine::writeInfo(fake.applications + "/Another.app", "com.example.app", "ANYTEAM123");
     FakeMachine::writeInfo(fake.applications + "/Other.app", "com.example.other", "7QX4KD19MT");
     FakeMachine::writeInfo(fake.applications + "/Halvo.old", "com.example.app", "7QX4KD19MT");
     fs::create_directories(fake.applications + "/Empty.app");
-    EXPECT_EQ(seen().installed,
-              (std::vector<std::string>{fake.applications + "/Another.app", fake.app}));
+    EXPECT_EQ(seen().installed, (Words{fake.applications + "/Another.app", fake.app}));
     fake.service.applications = {fake.applications, "/nowhere", fake.applications};
     EXPECT_EQ(seen().installed.size(), 2U) << "each once";
     fake.machine.applications = "/nowhere";
@@ -96,13 +63,15 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     EXPECT_TRUE(seen().orphans.empty());
     fake.hold();
     fake.world.flags.setByHand(second, true);
-    EXPECT_EQ(seen().orphans, std::vector<std::string>{second});
-    EXPECT_EQ(seen().apps, (Apps{{fake.app, LockState::locked}, {second, LockState::locked}}));
+    EXPECT_EQ(seen().orphans, Words{second});
+    EXPECT_EQ(seen().apps,
+              (std::vector<AppFlag>{{fake.app, LockState::locked}, {second, LockState::locked}}));
     fake.processes.processes = {7};
     EXPECT_EQ(judged(0).substr(0, 6), "agree:");
     EXPECT_EQ(judged(1),
-              "disagree: The bundle is locked, but no record says that the helper did it. -> To "
+              "disagree: The bundle is locked, but no record says that the helper did it -> To "
               "unlock it: halvoctl release (which also ends what holds)");
+    EXPECT_NE(text().find("\n" + second + ": The bundle is locked, but no"), std::string::npos);
 
     const auto expectNotOwn = [&](const char* why) { EXPECT_TRUE(seen().orphans.empty()) << why; };
     fs::permissions(info, fs::perms{0664});
@@ -119,14 +88,12 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     expectNotOwn("a link is no bundle");
 }
 
-// -------------------------------------------------------------- whether record and flag agree
-
 TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
     const auto record = [this](Seconds left, bool isLocked) -> StoredCommitment {
         fake.hold(left).locked = isLocked;
-        return fake.world.store.stored;
+        return stored;
     };
-    const StoredCommitment none;
+    const StoredCommitment none = NoCommitment{};
     const StoredCommitment live = record(Seconds{3725}, true);
     const StoredCommitment bare = record(Seconds{3725}, false);
     const StoredCommitment over = record(Seconds{0}, true);
@@ -138,11 +105,16 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
     const std::string unlock = isRoot ? "halvoctl release" : clearCommand(fake.app);
     const std::string ends = isRoot ? " (which also ends what holds)" : "";
     const std::string unnamed =
-        "disagree: The bundle is locked, but no record says that the helper did it. -> ";
+        "disagree: The bundle is locked, but no record says that the helper did it -> ";
     const std::string unsaid =
-        "disagree: The bundle is locked, but the record does not say that the helper did it. -> It "
+        "disagree: The bundle is locked, but the record does not say that the helper did it -> It "
         "stays locked. To unlock it: ";
+    const std::string unlocked = "agree: The bundle is not locked";
     const std::string starts = " -> The helper lets go of it when it starts next: start-helper";
+    const std::string bareHolds = "The commitment holds without a lock";
+    const std::string nothing = ": There is nothing at " + fake.app;
+    const std::string noOther =
+        "disagree" + nothing + " -> The helper locks no other in its place.";
     constexpr bool isLocked = true;
     constexpr bool isRunning = true;
 
@@ -152,71 +124,60 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
         bool isRunning;
         std::string judgement;
     } const rows[] = {
-        {NoCommitment{}, false, false, "agree: The bundle is not locked."},
-        {NoCommitment{}, isLocked, false, unnamed + "To unlock it: " + unlock},
-        {NoCommitment{}, isLocked, isRunning,
+        {none, false, false, unlocked},
+        {none, isLocked, false, unnamed + "To unlock it: " + unlock},
+        {none, isLocked, isRunning,
          unnamed +
              "If the helper that runs holds something all the same, it writes the record anew "
              "within a minute. Else to unlock the bundle: " +
              unlock},
-        {live, isLocked, isRunning, "agree: The bundle is locked, as the record says."},
+        {live, isLocked, isRunning, "agree: The bundle is locked, as the record says"},
         {live, isLocked, false,
-         "agree: The bundle is locked, as the record says. -> No helper runs that would keep it "
-         "so: start-helper"},
+         "agree: The bundle is locked, as the record says -> No helper runs that would keep it so: "
+         "start-helper"},
         {live, false, isRunning,
-         "disagree: The bundle is not locked, but should be. -> The helper sets it back within 2 "
+         "disagree: The bundle is not locked, but should be -> The helper sets it back within 2 "
          "seconds."},
         {live, false, false,
-         "disagree: The bundle is not locked, but should be. -> The helper locks it when it "
-         "starts: "
+         "disagree: The bundle is not locked, but should be -> The helper locks it when it starts: "
          "start-helper"},
         {bare, false, false,
-         "disagree: The commitment holds without a lock, though the bundle may be locked. -> The "
-         "helper's log says why it could not. It tries again when the app begins or extends a "
-         "commitment."},
+         "disagree: " + bareHolds +
+             ", though the bundle may be locked -> The helper's log says why it could not. It "
+             "tries again when the app begins or extends a commitment."},
         {bare, isLocked, false,
          std::string(isRoot ? "disagree" : "agree") +
-             ": The bundle carries a lock that the helper did not set. -> It stays when the "
+             ": The bundle carries a lock that the helper did not set -> It stays when the "
              "commitment ends. To unlock the bundle: " +
              unlock + ends},
-        {over, isLocked, false, "agree: The bundle is still locked." + starts},
-        {over, false, false, "agree: The bundle is not locked." + starts},
+        {over, isLocked, false, "agree: The bundle is still locked" + starts},
+        {over, false, false, unlocked + starts},
         {over, false, isRunning,
-         "agree: The bundle is not locked. -> The helper lets go of it within 2 seconds, unless it "
-         "has forgotten the record."},
+         unlocked +
+             " -> The helper lets go of it within 2 seconds, unless it has forgotten the record."},
         {overBare, isLocked, false, unsaid + unlock},
-        {damaged, isLocked, false, "agree: The bundle is still locked." + starts},
+        {damaged, isLocked, false, "agree: The bundle is still locked" + starts},
         {damagedBare, isLocked, false, unsaid + unlock},
-        {UnreadableCommitment{}, false, false, "agree: The bundle is not locked." + starts}};
+        {UnreadableCommitment{}, false, false, unlocked + starts}};
 
     for (const auto& row : rows) {
-        fake.world.store.stored = row.stored;
+        stored = row.stored;
         fake.world.flags.setByHand(fake.app, row.isLocked);
         fake.processes.processes = row.isRunning ? std::vector<pid_t>{7} : std::vector<pid_t>{};
         EXPECT_EQ(judged(), row.judgement) << "row " << &row - rows;
     }
-}
-
-TEST_F(StatusTest, JudgesABundleThatIsGoneOrThatTheHelperDoesNotLock) {
     const std::string elsewhere = fake.disk / "Elsewhere.app";
     fs::create_directories(elsewhere);
     fake.world.flags.add(elsewhere);
     fake.hold().appPath = elsewhere;
-    fake.world.flags.setByHand(fake.app, false);
-    EXPECT_EQ(judged(),
-              "agree: The commitment holds without a lock: the helper does not lock a bundle "
-              "there.");
-    fake.hold();
     fake.world.flags.erase(fake.app);
-    const std::string gone = "There is nothing at " + fake.app + ".";
-    EXPECT_EQ(judged(), "disagree: " + gone + " -> The helper locks no other in its place.");
-    fake.world.store.stored = UnreadableCommitment{fake.app, true};
-    EXPECT_EQ(judged(), "disagree: " + gone + " -> The helper locks no other in its place.");
-    fake.world.store.stored = UnreadableCommitment{fake.app, false};
-    EXPECT_EQ(judged(), "agree: " + gone);
+    EXPECT_EQ(judged(), "agree: " + bareHolds + ": the helper does not lock a bundle there");
+    for (const auto& [missing, judgement] : std::vector<std::pair<StoredCommitment, std::string>>{
+             {live, noOther}, {damaged, noOther}, {damagedBare, "agree" + nothing}}) {
+        stored = missing;
+        EXPECT_EQ(judged(), judgement);
+    }
 }
-
-// ------------------------------------------------------------------------------ the texts
 
 TEST_F(StatusTest, SaysWhatHolds) {
     const std::string end = ", whole\n  version     " + std::string(version) +
@@ -230,43 +191,6 @@ TEST_F(StatusTest, SaysWhatHolds) {
               "  app         " +
                   fake.app + ", locked\n  helper      runs, pid 12\n  state file  " +
                   fake.machine.stateFile + end);
-    fake.world.clock.advance(Seconds{125});
-    says("for another 1:00:00.\n  until       2025-10-09 11:55:25 ");
-}
-
-TEST_F(StatusTest, SaysHowThingsStand) {
-    const std::string named = "com.example.app: ";
-    const std::string file = "\n  state file  " + fake.machine.stateFile;
-    says(named + "Nothing holds.\n  app         " + fake.app +
-         ", unlocked\n  helper      does not run; it starts when the app calls\n  state file  none "
-         "(" +
-         fake.machine.stateFile + ")\n  version     " + version + "\nThe bundle is not locked.\n");
-    fake.hold(Seconds{100}).uid = 4711;
-    fake.world.clock.advance(Seconds{200});
-    says(named +
-         "Nothing holds: the time of uid 4711 has run out, but the record is still there.\n"
-         "  until then  2025-10-09 10:55:00 +02:00\n");
-    says("The helper lets go of it when it starts next: start-helper\n");
-    fake.hold().appPath = "/Applications/\x1B[2J\n.app";
-    fake.machine.userName = [](std::uint32_t) { return std::string("a\x07"); };
-    says("/Applications/\\u001b[2J\\n.app, missing\n");
-    says("a\\u0007 (uid 1000)");
-    fake.world.store.stored = UnreadableCommitment{};
-    says(named + "The state file is damaged: what it held cannot be told.\n");
-    says(file + ", damaged\n");
-    fake.world.store.stored = NoCommitment{};
-    fs::create_directories(fake.machine.stateFile);
-    says(named + "The state file cannot be read; the helper takes that for nothing.\n");
-    says(file + ", unreadable\n");
-    fs::remove_all(fake.app);
-    says("\n  app         none in " + fake.applications + "\n");
-    fake.processes.processes = {12, 13};
-    fake.processes.stopped = {13};
-    says("\n  helper      runs, pids 12 and 13; stopped (SIGSTOP): pid 13\n");
-}
-
-TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
-    fake.hold();
     fake.processes.processes = {12, 13};
     const Json expected{
         {"apps", Json::array({{{"agrees", true},
@@ -293,37 +217,90 @@ TEST_F(StatusTest, IsOneObjectWithSortedKeys) {
         {"salvaged", nullptr},
         {"stateFile", {{"condition", "whole"}, {"path", fake.machine.stateFile}}},
         {"version", version}};
-    EXPECT_EQ(jsonText(), expected.dump(2) + "\n");
+    EXPECT_EQ(json(), expected.dump(2) + "\n");
+    EXPECT_TRUE(fake.world.calls.changes().empty());
 }
 
-TEST_F(StatusTest, HasInJSONAlsoWhatIsNotSo) {
-    EXPECT_EQ(json()["commitment"], nullptr);
-    EXPECT_EQ(json()["helper"]["starts"], "it starts when the app calls");
-    EXPECT_EQ(json()["stateFile"]["condition"], "none");
-    EXPECT_EQ(json()["apps"][0]["flag"], "unlocked");
-    fake.hold().uid = 4711;
-    EXPECT_EQ(json()["commitment"]["user"], nullptr);
-    auto& endless = fake.hold();
-    endless.remaining = endless.capRemaining = Seconds{std::numeric_limits<double>::infinity()};
-    EXPECT_EQ(json()["commitment"]["until"], nullptr);
-    EXPECT_EQ(json()["commitment"]["left"], nullptr);
-    fake.hold(Seconds{0}).appPath = "/Applications/\x1B[2J\n.app";
-    EXPECT_EQ(json()["commitment"]["holds"], false);
-    EXPECT_EQ(json()["commitment"]["app"], "/Applications/\x1B[2J\n.app");
-    EXPECT_EQ(jsonText().find('\x1B'), std::string::npos);
-    EXPECT_EQ(json()["apps"][0]["flag"], "missing");
-    fake.world.store.stored = UnreadableCommitment{std::nullopt, true};
-    EXPECT_EQ(json()["salvaged"], (Json{{"app", nullptr}, {"locked", true}}));
-    fake.world.store.stored = UnreadableCommitment{fake.app, false};
-    EXPECT_EQ(json()["salvaged"], (Json{{"app", fake.app}, {"locked", false}}));
-    EXPECT_EQ(json()["stateFile"]["condition"], "damaged");
-    fake.world.store.stored = NoCommitment{};
-    fs::create_directories(fake.machine.stateFile);
-    EXPECT_EQ(json()["stateFile"]["condition"], "unreadable");
-    fs::remove_all(fake.app);
-    EXPECT_EQ(json()["apps"], Json::array());
-    fake.processes.processes = fake.processes.stopped = {13};
-    EXPECT_EQ(json()["helper"]["stopped"], Json::array({13}));
+TEST_F(StatusTest, SaysHowThingsStandInTextAndJSON) {
+    const std::string named = "com.example.app: ";
+    const std::string file = "\n  state file  " + fake.machine.stateFile;
+    const std::string odd = "/Applications/\x1B[2J\n.app";
+
+    // Steps that follow each other, what the text then holds, and members of the object.
+    struct {
+        std::function<void()> change;
+        Words texts;
+        Json members;
+    } const rows[] = {
+        {[] {},
+         {named + "Nothing holds.\n  app         " + fake.app +
+          ", unlocked\n  helper      does not run; it starts when the app calls\n  state file  "
+          "none (" +
+          fake.machine.stateFile + ")\n  version     " + version + "\nThe bundle is not locked.\n"},
+         {{"/commitment", nullptr},
+          {"/helper/starts", "it starts when the app calls"},
+          {"/stateFile/condition", "none"},
+          {"/apps/0/flag", "unlocked"}}},
+        {[&] {
+             fake.hold(Seconds{100}).uid = 4711;
+             fake.world.clock.advance(Seconds{200});
+         },
+         {named +
+              "Nothing holds: the time of uid 4711 has run out, but the record is still there.\n"
+              "  until then  2025-10-09 10:55:00 +02:00\n",
+          "The bundle is still locked. The helper lets go of it when it starts next: "
+          "start-helper\n"},
+         {{"/commitment/user", nullptr}, {"/commitment/holds", false}}},
+        {[&] {
+             auto& endless = fake.hold();
+             endless.remaining = endless.capRemaining =
+                 Seconds{std::numeric_limits<double>::infinity()};
+         },
+         {"until       an unknown time\n"},
+         {{"/commitment/until", nullptr}, {"/commitment/left", nullptr}}},
+        {[&] {
+             fake.hold().appPath = odd;
+             fake.machine.userName = [](std::uint32_t) { return std::string("a\x07"); };
+         },
+         {"/Applications/\\u001b[2J\\n.app, missing\n", "a\\u0007 (uid 1000)"},
+         {{"/commitment/app", odd}, {"/apps/0/path", odd}, {"/apps/0/flag", "missing"}}},
+        {[&] { stored = UnreadableCommitment{"/Elsewhere/Third.app", false}; },
+         {"/Elsewhere/Third.app, missing\n"},
+         {{"/salvaged", {{"app", "/Elsewhere/Third.app"}, {"locked", false}}},
+          {"/apps/0/path", "/Elsewhere/Third.app"}}},
+        {[&] { stored = UnreadableCommitment{std::nullopt, true}; },
+         {named + "The state file is damaged: what it held cannot be told.\n",
+          file + ", damaged\n"},
+         {{"/salvaged", {{"app", nullptr}, {"locked", true}}},
+          {"/apps/0/path", fake.app},
+          {"/stateFile/condition", "damaged"}}},
+        {[&] {
+             stored = NoCommitment{};
+             fs::create_directories(fake.machine.stateFile);
+         },
+         {named + "The state file cannot be read; the helper takes that for nothing.\n",
+          file + ", unreadable\n"},
+         {{"/stateFile/condition", "unreadable"}}},
+        {[&] {
+             fs::remove_all(fake.app);
+             fake.processes.processes = {12, 13};
+             fake.processes.stopped = {13};
+         },
+         {"\n  app         none in " + fake.applications + "\n",
+          "\n  helper      runs, pids 12 and 13; stopped (SIGSTOP): pid 13\n"},
+         {{"/apps", Json::array()}, {"/helper/stopped", {13}}}}};
+
+    for (const auto& [change, texts, members] : rows) {
+        change();
+        for (const std::string& part : texts) {
+            EXPECT_NE(text().find(part), std::string::npos) << part << "not in\n" << text();
+        }
+        const Json root = Json::parse(json());
+        for (const auto& [where, value] : members.items()) {
+            EXPECT_EQ(root.at(Json::json_pointer(where)), value) << where;
+        }
+        EXPECT_EQ(json().find('\x1B'), std::string::npos);
+    }
 }
 
 }  // namespace

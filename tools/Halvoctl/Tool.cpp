@@ -80,8 +80,7 @@ std::string problemOfBundlePath(const std::string& path) {
 }  // namespace
 
 Outcome run(const std::vector<std::string>& words,
-            const std::expected<Machine*, std::string>& machine,
-            const GregorianCalendar& calendar) {
+            const std::expected<Machine*, std::string>& machine) {
     bool asJSON = false;
     std::optional<std::string> app;
     ReleaseOptions releaseOptions;
@@ -118,7 +117,7 @@ Outcome run(const std::vector<std::string>& words,
             machine
                 ? examine(**machine, app)
                 : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
-        return {hasProblem(checks) ? ExitStatus::problem : ExitStatus::fine,
+        return {problemsOf(checks) != 0 ? ExitStatus::problem : ExitStatus::fine,
                 asJSON ? doctorJSON(checks) : doctorText(checks), ""};
     }
     if (!machine) {
@@ -131,11 +130,11 @@ Outcome run(const std::vector<std::string>& words,
                            : "The state can only be read as root. Type: sudo halvoctl status");
     }
     if (release->parsed()) {
-        return control::release(**machine, releaseOptions, calendar);
+        return control::release(**machine, releaseOptions);
     }
     const Observation seen = observe(**machine);
-    return {ExitStatus::fine,
-            asJSON ? statusJSON(**machine, seen) : statusText(**machine, seen, calendar), ""};
+    return {ExitStatus::fine, asJSON ? statusJSON(**machine, seen) : statusText(**machine, seen),
+            ""};
 }
 
 }  // namespace halvo::control

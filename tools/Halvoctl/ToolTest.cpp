@@ -24,9 +24,7 @@ using Words = std::vector<std::string>;
 
 class ToolTest : public ::testing::Test {
   protected:
-    Outcome runWith(const Words& words) {
-        return run(words, machine, *GregorianCalendar::named("UTC"));
-    }
+    Outcome runWith(const Words& words) { return run(words, machine); }
 
     FakeMachine fake;
     std::expected<Machine*, std::string> machine = &fake.machine;
@@ -105,19 +103,16 @@ TEST_F(ToolTest, NeedsRootAndTheIdentityOfTheApp) {
     fake.machine.isRoot = false;
     fake.hold();
     EXPECT_EQ(runWith({"status"}),
-              (Outcome{ExitStatus::noPermission, "",
-                       "halvoctl: The state can only be read as root. Type: sudo halvoctl "
-                       "status\n"}));
+              failure(ExitStatus::noPermission,
+                      "The state can only be read as root. Type: sudo halvoctl status"));
     EXPECT_EQ(runWith({"release"}),
-              (Outcome{ExitStatus::noPermission, "",
-                       "halvoctl: Only root can let go of what holds. Type: sudo halvoctl "
-                       "release\n"}));
+              failure(ExitStatus::noPermission,
+                      "Only root can let go of what holds. Type: sudo halvoctl release"));
     EXPECT_TRUE(fake.world.calls.calls().empty());
     machine = std::unexpected("It is missing");
     for (const char* command : {"status", "release"}) {
         EXPECT_EQ(runWith({command}),
-                  (Outcome{ExitStatus::config, "",
-                           "halvoctl: It is missing. Install the helper again.\n"}));
+                  failure(ExitStatus::config, "It is missing. Install the helper again."));
     }
     const Outcome outcome = runWith({"doctor"});
     EXPECT_EQ(outcome.status, ExitStatus::problem);

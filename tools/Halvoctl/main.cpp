@@ -22,55 +22,46 @@ std::optional<std::string> userName(std::uint32_t uid) {
     return entry == nullptr ? std::nullopt : std::optional<std::string>(entry->pw_name);
 }
 
-// A release that has begun is finished: what is typed or sent meanwhile ends the program after it.
-// It waits for nothing without end.
-void holdSignals() {
-    sigset_t signals{};
-    sigemptyset(&signals);
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
-        sigaddset(&signals, signal);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-}
-
 // On this machine.
 control::Outcome runTool(const std::vector<std::string>& words) {
+    // A release that has begun is finished, whatever is typed or sent meanwhile. It waits for
+    // nothing without end.
     if (!words.empty() && words.front() == "release") {
-        holdSignals();
+        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+            std::signal(signal, SIG_IGN);
+        }
     }
-    const auto calendar = GregorianCalendar::system();
     const Bundle bundle = Bundle::main();
     const auto identity = HelperIdentity::helper(bundle.info());
     if (!identity) {
-        return control::run(
-            words,
-            std::unexpected(records::printable(bundle.infoPath()) + " names no team or no app"),
-            calendar);
+        return control::run(words, std::unexpected(records::printable(bundle.infoPath()) +
+                                                   " names no team or no app"));
     }
     // The helper's executable and its Info.plist lie with ours.
     const std::string helper =
         control::folderOf(bundle.executablePath().value_or("/")) + "/HalvoHelper";
     control::Waiter waiter;
+    control::HelperProcesses processes{helper};
     SystemHelperClock clock;
     ChflagsFileFlags flags{ItemFlag::systemImmutable};
     FileCommitmentStore store{identity->stateFolder()};
     const auto session = makeLiveSessionProbe();
-    const auto processes = control::liveProcesses(helper);
-    const auto service = control::liveService({*identity, helper, *processes, waiter});
     control::Machine machine{.identity = *identity,
                              .helper = helper,
                              .stateFile = store.path(),
                              .releaseLock = control::releaseLockPath(*identity),
                              .isRoot = geteuid() == 0,
                              .clock = clock,
+                             .calendar = GregorianCalendar::system(),
                              .flags = flags,
                              .store = store,
                              .session = *session,
-                             .processes = *processes,
-                             .service = *service,
+                             .processes = processes,
                              .waiter = waiter,
                              .userName = userName};
-    return control::run(words, &machine, calendar);
+    const auto service = control::liveService(machine);
+    machine.service = service.get();
+    return control::run(words, &machine);
 }
 
 }  // namespace

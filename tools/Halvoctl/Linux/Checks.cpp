@@ -30,8 +30,14 @@ struct stat statusOf(const std::string& path) {
     return status;
 }
 
+// What `name` could not be looked at for.
+Check noAnswer(const std::string& name, const std::string& problem) {
+    return isProblem(name, problem, "Look whether systemctl works at all.");
+}
+
 // One unit, which must be loaded, and unless that is to be left open, enabled and active.
-Check checkUnit(const std::string& name, const Unit& unit, bool mustBeEnabled, bool mustBeActive) {
+Check checkUnit(const Unit& unit, bool mustBeEnabled, bool mustBeActive) {
+    const std::string& name = unit.name;
     const std::string result = printable(unit.result);
     const std::string finding = name + " is " + printable(unit.load);
     return firstOf(
@@ -62,19 +68,6 @@ bool isListening(const std::string& path) {
     return isFound;
 }
 
-// In the order of the kinds.
-std::string adviceFor(GroupFlaw::Kind kind, const std::string& group) {
-    return std::array<std::string, 6>{
-        "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755.",
-        "Whoever makes that group next could pass for the app. Install the app again, or put the "
-        "group into /etc/group.",
-        "Take them out: gpasswd --delete USER " + group,
-        "Give the app a group that is nobody's.",
-        "They can make anybody a member. Take them out: gpasswd --administrators '' " + group,
-        "Lock it: gpasswd --restrict " + group}
-        .at(static_cast<std::size_t>(kind));
-}
-
 bool isWithin(const std::string& path, const std::string& folder) {
     return (path + "/").starts_with(folder.ends_with('/') ? folder : folder + "/");
 }
@@ -91,17 +84,12 @@ std::string unitWord(const std::string& mark, const std::string& path) {
 
 }  // namespace
 
-Check noAnswer(const std::string& name, const std::string& problem) {
-    return isProblem(name, problem, "Look whether systemctl works at all.");
-}
-
-Checks checkUnits(const HelperIdentity& identity, const std::expected<Units, std::string>& units) {
+Checks checkUnits(const Answer& units) {
     if (!units) {
         return {noAnswer("systemd", units.error())};
     }
-    return {checkUnit(socketUnit(identity), units->socket, true, true),
-            checkUnit(serviceUnit(identity), units->service, false, false),
-            checkUnit(resumeUnit(identity), units->resume, true, false)};
+    return {checkUnit(units->socket, true, true), checkUnit(units->service, false, false),
+            checkUnit(units->resume, true, false)};
 }
 
 Check checkSocket(const std::string& path, bool isExpected, const std::string& remedy) {
@@ -196,46 +184,45 @@ Check checkUserManager(const std::string& path) {
 Check checkGroup(const GroupFacts& facts) {
     const std::string group = printable(facts.name.value_or(""));
     if (const auto flaw = flawOf(facts)) {
+        // In the order of the kinds.
+        const std::array<std::string, 6> advice{
+            "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755.",
+            "Whoever makes that group next could pass for the app. Install the app again, or put "
+            "the group into /etc/group.",
+            "Take them out: gpasswd --delete USER " + group,
+            "Give the app a group that is nobody's.",
+            "They can make anybody a member. Take them out: gpasswd --administrators '' " + group,
+            "Lock it: gpasswd --restrict " + group};
         return isProblem("app's group",
                          printable(flaw->finding) + ", so the helper refuses the app",
-                         adviceFor(flaw->kind, group));
+                         advice.at(static_cast<std::size_t>(flaw->kind)));
     }
     return isOk("app's group", group + " (" + std::to_string(facts.gid) + ") is nobody's" +
                                    (facts.hasShadow ? "" : ", as far as can be seen without root"));
 }
 
-Check checkSandbox(const HelperIdentity& identity, const std::string& app, const Sandbox& sandbox) {
-    const std::string service = serviceUnit(identity);
+Check checkSandbox(const Answer& units, const std::string& app) {
+    if (!units) {
+        return noAnswer("sandbox", units.error());
+    }
+    const std::string& service = units->service.name;
     const std::string place = folderOf(app);
     const std::string shown = printable(place);
     const auto holdsPlace = [&place](const std::string& each) { return isWithin(place, each); };
-    const bool mayWrite = !sandbox.isStrict || std::ranges::any_of(sandbox.writable, holdsPlace);
-    std::vector<Flaw> flaws;
-    const std::string finding =
-        service + " may not write to " + shown + ", so the helper cannot lock there";
+    const bool mayWrite = !units->writable || std::ranges::any_of(*units->writable, holdsPlace);
     // ProtectHome= and PrivateTmp= put others in their place.
-    for (const std::string hidden : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
-        flaws.push_back({!mayWrite && holdsPlace(hidden), finding,
-                         "What lies below " + hidden +
-                             " it cannot see at all. Install the app into /Applications."});
-    }
-    flaws.push_back({!mayWrite, finding,
-                     "systemctl edit " + service +
-                         ", with the lines [Service], ReadWritePaths=" + unitWord("-", place) +
-                         ", [Unit], RequiresMountsFor=" + unitWord("", place) +
-                         "; then systemctl restart " + service});
-    return firstOf("sandbox", flaws, "the helper can lock what lies in " + shown);
-}
-
-std::vector<std::string> lockableFolders(const Sandbox& sandbox) {
-    if (!sandbox.isStrict) {
-        return homeApplications();
-    }
-    std::vector<std::string> folders = sandbox.writable;
-    for (std::string& each : folders) {
-        each += each.ends_with("/Applications") ? "" : "/Applications";
-    }
-    return folders;
+    const std::array<std::string, 5> hidden{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
+    const auto* above = std::ranges::find_if(hidden, holdsPlace);
+    return firstOf(
+        "sandbox",
+        {{!mayWrite, service + " may not write to " + shown + ", so the helper cannot lock there",
+          above != hidden.end()
+              ? "What lies below " + *above +
+                    " it cannot see at all. Install the app into /Applications."
+              : "systemctl edit " + service + ", with the lines [Service], ReadWritePaths=" +
+                    unitWord("-", place) + ", [Unit], RequiresMountsFor=" + unitWord("", place) +
+                    "; then systemctl restart " + service}},
+        "the helper can lock what lies in " + shown);
 }
 
 HelperFiles helperFiles(const std::string& helper) {

@@ -19,107 +19,43 @@ namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string refused = ", so the helper refuses the app";
 
-TEST(UnitChecksTest, SayWhatIsWrongWithAUnit) {
-    const std::string socket = "com.example.app.helper.socket";
-    const std::string service = "com.example.app.helper.service";
-    const std::string resume = "com.example.app.helper-resume.service";
-    const Unit socketUp{"loaded", "active", "enabled", "success", ""};
-    const Unit serviceUp{"loaded", "inactive", "static", "success", ""};
-    const Unit resumeUp{"loaded", "inactive", "enabled", "success", ""};
-    const auto problem = [](const std::string& finding, const std::string& advice) {
-        return isProblem("systemd", finding, advice);
-    };
-    EXPECT_EQ(checkUnits(identity, Units{socketUp, serviceUp, resumeUp, {}}),
-              (Checks{isOk("systemd", socket + " is enabled, active"),
-                      isOk("systemd", service + " is static, inactive"),
-                      isOk("systemd", resume + " is enabled, inactive")}));
-    EXPECT_EQ(checkUnits(identity, std::unexpected("It is stuck")),
-              Checks{problem("It is stuck", "Look whether systemctl works at all.")});
-
-    struct {
-        Unit socket;
-        Check check;
-    } const sockets[] = {{{"masked", "inactive", "masked", "", ""},
-                          problem(socket + " is masked", "systemctl unmask " + socket)},
-                         {{"not-found", "inactive", "", "", ""},
-                          problem(socket + " is not-found", "Install the helper's package again.")},
-                         {{"loaded", "active", "disabled", "success", ""},
-                          problem(socket + " is not enabled", "systemctl enable " + socket)},
-                         {{"loaded", "inactive", "enabled", "success", ""},
-                          problem(socket + " is not active", "systemctl start " + socket)}};
-
-    for (const auto& row : sockets) {
-        EXPECT_EQ(checkUnits(identity, Units{row.socket, serviceUp, resumeUp, {}})[0], row.check);
-    }
-
-    struct {
-        Unit service;
-        Check check;
-    } const services[] = {
-        {{"loaded", "failed", "static", "exit-code", ""},
-         problem(service + " has failed: exit-code",
-                 "Look into systemctl status " + service +
-                     ", mend what it names, then: systemctl reset-failed " + service)},
-        {{"loaded", "activating", "static", "exit-code", "auto-restart"},
-         problem(service + " ended, and systemd starts it again: exit-code",
-                 "Look again. If it stays so, the journal says why: journalctl --unit=" + service)},
-        {{"loaded", "active", "", "", ""}, isOk("systemd", service + " is active")}};
-
-    for (const auto& row : services) {
-        EXPECT_EQ(checkUnits(identity, Units{socketUp, row.service, resumeUp, {}})[1], row.check);
-    }
-    EXPECT_EQ(
-        checkUnits(identity, Units{socketUp, serviceUp, {"loaded", "", "disabled", "", ""}, {}})[2],
-        problem(resume + " is not enabled", "systemctl enable " + resume));
-}
-
 TEST(SandboxTest, LetsTheHelperLockWhereItMayWrite) {
-    const Sandbox sandbox{true, {"/Applications", "/srv/", "/data/Applications2"}};
+    Units units;
+    units.service.name = "x.service";
+    units.writable = {"/Applications", "/srv/", "/data/Applications2"};
+    const auto check = [&](const std::string& folder) {
+        return checkSandbox(units, folder + "/Halvo.app");
+    };
     for (const std::string folder :
          {"/Applications", "/Applications/Sub/Applications", "/srv", "/srv/Applications"}) {
-        EXPECT_EQ(checkSandbox(identity, folder + "/Halvo.app", sandbox),
-                  isOk("sandbox", "the helper can lock what lies in " + folder));
+        EXPECT_EQ(check(folder), isOk("sandbox", "the helper can lock what lies in " + folder));
     }
-    EXPECT_EQ(checkSandbox(identity, "/Other/Halvo.app", Sandbox{false, {}}).verdict, Verdict::ok);
-    const std::string advice =
-        "systemctl edit com.example.app.helper.service, with the lines [Service], ";
-    const std::string restart = "; then systemctl restart com.example.app.helper.service";
-    EXPECT_EQ(checkSandbox(identity, "/data/Applications/Halvo.app", sandbox),
+    EXPECT_EQ(checkSandbox(Units{}, "/Other/Halvo.app").verdict, Verdict::ok);
+    const std::string advice = "systemctl edit x.service, with the lines [Service], ";
+    const std::string restart = "; then systemctl restart x.service";
+    EXPECT_EQ(check("/data/Applications"),
               isProblem("sandbox",
-                        "com.example.app.helper.service may not write to /data/Applications, so "
-                        "the helper cannot lock there",
+                        "x.service may not write to /data/Applications, so the helper cannot lock "
+                        "there",
                         advice +
                             "ReadWritePaths=-/data/Applications, [Unit], "
                             "RequiresMountsFor=/data/Applications" +
                             restart));
-    EXPECT_EQ(checkSandbox(identity, "/data/100% mine/Applications/Halvo.app", sandbox).advice,
+    EXPECT_EQ(check("/data/100% mine/Applications").advice,
               advice +
                   "ReadWritePaths=\"-/data/100%% mine/Applications\", [Unit], "
                   "RequiresMountsFor=\"/data/100%% mine/Applications\"" +
                   restart);
     for (const std::string folder : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
-        EXPECT_EQ(checkSandbox(identity, folder + "/anna/Applications/Halvo.app", sandbox).advice,
+        EXPECT_EQ(check(folder + "/anna/Applications").advice,
                   "What lies below " + folder +
                       " it cannot see at all. Install the app into /Applications.");
     }
-}
-
-TEST(SandboxTest, LetsTheHelperLockInFoldersForApplications) {
-    EXPECT_EQ(
-        lockableFolders({true,
-                         {"/Applications", "/Library/Application Support", "/srv/Applications",
-                          "/srv/MyApplications"}}),
-        (std::vector<std::string>{"/Applications", "/Library/Application Support/Applications",
-                                  "/srv/Applications", "/srv/MyApplications/Applications"}));
-    EXPECT_EQ(lockableFolders({false, {"/Applications"}}), homeApplications());
-    EXPECT_THAT(homeApplications(), Contains("/root/Applications"));
 }
 
 TEST(GroupTest, HasAdviceForEachFlaw) {

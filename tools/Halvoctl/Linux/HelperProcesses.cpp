@@ -12,10 +12,13 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
+// By /proc; proc(5).
 namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
+
+std::string processFolder(pid_t process) { return "/proc/" + std::to_string(process); }
 
 // Where the link at `path` leads to; empty where it cannot be told.
 fs::path linkAt(const std::string& path) {
@@ -29,79 +32,60 @@ bool isSame(const std::string& path, const std::string& other) {
     return fs::equivalent(path, other, ignored);
 }
 
-// The second word of the command line; proc_pid_cmdline(5).
-std::string firstArgument(const std::string& process) {
-    std::ifstream file(process + "/cmdline");
-    std::string word;
-    std::getline(std::getline(file, word, '\0'), word, '\0');
-    return word;
-}
-
-// By /proc; proc(5).
-class ProcProcesses final : public HelperProcesses {
-  public:
-    explicit ProcProcesses(std::string executable) : executable_(std::move(executable)) {}
-
-    std::vector<pid_t> running() override {
-        std::vector<pid_t> found;
-        std::error_code ignored;
-        for (fs::directory_iterator item("/proc", ignored), end; item != end;
-             item.increment(ignored)) {
-            const std::string name = item->path().filename();
-            pid_t process = 0;
-            const char* last = name.data() + name.size();
-            const auto parsed = std::from_chars(name.data(), last, process);
-            if (parsed.ec == std::errc{} && parsed.ptr == last && isHelper(process)) {
-                found.push_back(process);
-            }
-        }
-        std::ranges::sort(found);
-        return found;
-    }
-
-    // proc_pid_status(5).
-    bool isStopped(pid_t process) override {
-        std::ifstream file("/proc/" + std::to_string(process) + "/status");
-        std::string line;
-        while (std::getline(file, line) && !line.starts_with("State:")) {
-        }
-        return line.starts_with("State:\tT") || line.starts_with("State:\tt");
-    }
-
-    // By a descriptor, which cannot come to mean another process; pidfd_open(2).
-    void terminate(pid_t process) override {
-        const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-        if (pidfd.isOpen() && isHelper(process)) {
-            syscall(SYS_pidfd_send_signal, pidfd.get(), SIGTERM, nullptr, 0);
-        }
-    }
-
-  private:
-    [[nodiscard]] bool isHelper(pid_t process) const {
-        const std::string folder = "/proc/" + std::to_string(process);
-        const std::string exe = folder + "/exe";
-        const fs::path program = linkAt(exe);
-        // The kernel's mark for a file that is no longer at its path; proc_pid_exe(5).
-        const bool isReplaced = program == executable_ + " (deleted)";
-        if (!isReplaced && (program != executable_ || !isSame(exe, executable_))) {
-            return false;
-        }
-        struct stat status{};
-        // A container's own helper, or the machine's where this is a change root, may have the same
-        // path. The sandbox of the unit keeps the root folder; proc_pid_root(5).
-        return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 &&
-               isSame(folder + "/root", "/") &&
-               linkAt(folder + "/ns/pid") == linkAt("/proc/self/ns/pid") &&
-               firstArgument(folder) != OpenAsUser::modeWord;
-    }
-
-    std::string executable_;
-};
-
 }  // namespace
 
-std::unique_ptr<HelperProcesses> liveProcesses(const std::string& executable) {
-    return std::make_unique<ProcProcesses>(executable);
+std::vector<pid_t> HelperProcesses::running() {
+    std::vector<pid_t> found;
+    std::error_code ignored;
+    for (fs::directory_iterator item("/proc", ignored), end; item != end; item.increment(ignored)) {
+        // Of all names there only those of processes begin with a digit.
+        const std::string name = item->path().filename();
+        pid_t process = 0;
+        std::from_chars(name.data(), name.data() + name.size(), process);
+        if (process > 0 && isHelper(process)) {
+            found.push_back(process);
+        }
+    }
+    std::ranges::sort(found);
+    return found;
+}
+
+// proc_pid_status(5).
+bool HelperProcesses::isStopped(pid_t process) {
+    std::ifstream file(processFolder(process) + "/status");
+    std::string line;
+    while (std::getline(file, line) && !line.starts_with("State:")) {
+    }
+    return line.starts_with("State:\tT") || line.starts_with("State:\tt");
+}
+
+// By a descriptor, which cannot come to mean another process; pidfd_open(2).
+void HelperProcesses::terminate(pid_t process) {
+    const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+    if (pidfd.isOpen() && isHelper(process)) {
+        syscall(SYS_pidfd_send_signal, pidfd.get(), SIGTERM, nullptr, 0);
+    }
+}
+
+bool HelperProcesses::isHelper(pid_t process) const {
+    const std::string folder = processFolder(process);
+    const fs::path program = linkAt(folder + "/exe");
+    // The kernel's mark for a file that is no longer at its path; proc_pid_exe(5).
+    const bool isReplaced = program == executable_ + " (deleted)";
+    if (!isReplaced && (program != executable_ || !isSame(folder + "/exe", executable_))) {
+        return false;
+    }
+    // The second word of the command line; proc_pid_cmdline(5).
+    std::ifstream file(folder + "/cmdline");
+    std::string word;
+    std::getline(std::getline(file, word, '\0'), word, '\0');
+    struct stat status{};
+    // A container's own helper, or the machine's where this is a change root, may have the same
+    // path. The sandbox of the unit keeps the root folder; proc_pid_root(5).
+    return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 &&
+           isSame(folder + "/root", "/") &&
+           linkAt(folder + "/ns/pid") == linkAt("/proc/self/ns/pid") &&
+           word != OpenAsUser::modeWord;
 }
 
 }  // namespace halvo::control

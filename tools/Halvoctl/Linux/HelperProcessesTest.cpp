@@ -7,7 +7,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,6 @@ class HelperProcessesTest : public ::testing::Test {
         }
         testing::copyProgram("/bin/sleep", helper);
         ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
-        processes = liveProcesses(helper);
     }
 
     static TestProcess start(const std::string& program) {
@@ -48,52 +46,52 @@ class HelperProcessesTest : public ::testing::Test {
 
     const testing::TemporaryFolder folder;
     const std::string helper = folder / "HalvoHelper";
-    std::unique_ptr<HelperProcesses> processes;
+    HelperProcesses processes{helper};
 };
 
 TEST_F(HelperProcessesTest, AreThoseThatRunTheHelper) {
-    EXPECT_THAT(processes->running(), IsEmpty());
+    EXPECT_THAT(processes.running(), IsEmpty());
     testing::copyProgram("/bin/sleep", helper + "2");
     const TestProcess other = start(helper + "2");
     const TestProcess one = start(helper);
-    EXPECT_THAT(processes->running(), ElementsAre(one.pid()));
+    EXPECT_THAT(processes.running(), ElementsAre(one.pid()));
     const TestProcess two = start(helper);
-    EXPECT_THAT(processes->running(),
+    EXPECT_THAT(processes.running(),
                 ElementsAre(std::min(one.pid(), two.pid()), std::max(one.pid(), two.pid())));
 }
 
 TEST_F(HelperProcessesTest, MayBeStopped) {
     const TestProcess goesOn = start(helper);
     const TestProcess stops = start(helper);
-    EXPECT_FALSE(processes->isStopped(stops.pid()));
+    EXPECT_FALSE(processes.isStopped(stops.pid()));
     stops.stop();
-    EXPECT_TRUE(processes->isStopped(stops.pid()));
-    EXPECT_FALSE(processes->isStopped(goesOn.pid()));
-    EXPECT_FALSE(processes->isStopped(-1)) << "which is gone by now";
+    EXPECT_TRUE(processes.isStopped(stops.pid()));
+    EXPECT_FALSE(processes.isStopped(goesOn.pid()));
+    EXPECT_FALSE(processes.isStopped(-1)) << "which is gone by now";
 }
 
 TEST_F(HelperProcessesTest, AreAskedToEndAlsoWhenTheirProgramWasReplaced) {
     const TestProcess one = start(helper);
     TestProcess two = start(helper);
-    processes->terminate(two.pid());
+    processes.terminate(two.pid());
     EXPECT_EQ(two.wait(), ended);
-    EXPECT_THAT(processes->running(), ElementsAre(one.pid()));
-    processes->terminate(two.pid());
+    EXPECT_THAT(processes.running(), ElementsAre(one.pid()));
+    processes.terminate(two.pid());
 
     TestProcess old = start(helper);
-    processes->terminate(one.pid());
+    processes.terminate(one.pid());
     testing::copyProgram("/bin/sleep", folder / "new");
     fs::rename(folder / "new", helper);
-    EXPECT_THAT(processes->running(), Contains(old.pid()));
-    processes->terminate(old.pid());
+    EXPECT_THAT(processes.running(), Contains(old.pid()));
+    processes.terminate(old.pid());
     EXPECT_EQ(old.wait(), ended);
 }
 
 TEST_F(HelperProcessesTest, AreNobodysButRoots) {
     constexpr uid_t nobody = 65534;
     TestProcess theirs({.words = {helper, "60"}, .person = nobody});
-    EXPECT_THAT(processes->running(), IsEmpty());
-    processes->terminate(theirs.pid());
+    EXPECT_THAT(processes.running(), IsEmpty());
+    processes.terminate(theirs.pid());
     EXPECT_TRUE(testing::always(Seconds{0.1}, [&] { return theirs.isRunning(); }));
 }
 
@@ -106,7 +104,7 @@ TEST_F(HelperProcessesTest, AreNotThoseOfAnotherRoot) {
     });
     ASSERT_TRUE(testing::eventually([this] { return fs::exists(folder / "there"); }));
     // Other tests may run beside this one.
-    EXPECT_THAT(liveProcesses(self)->running(),
+    EXPECT_THAT(HelperProcesses(self).running(),
                 AllOf(Contains(getpid()), Not(Contains(elsewhere.pid()))));
 }
 
@@ -124,7 +122,7 @@ TEST_F(HelperProcessesTest, AreNotThoseOfAnotherFileAtTheSamePath) {
     if (!process.isRunning()) {
         GTEST_SKIP() << "needs to mount a file over another";
     }
-    EXPECT_THAT(processes->running(), IsEmpty());
+    EXPECT_THAT(processes.running(), IsEmpty());
 }
 
 TEST_F(HelperProcessesTest, AreNotThoseThatOpenTheApp) {
@@ -139,7 +137,7 @@ TEST_F(HelperProcessesTest, AreNotThoseThatOpenTheApp) {
     const TestProcess plain = wait("--open");
     EXPECT_EQ(testing::processWords(opening.pid()),
               (std::vector<std::string>{helper, OpenAsUser::modeWord}));
-    EXPECT_THAT(processes->running(), ElementsAre(plain.pid()));
+    EXPECT_THAT(processes.running(), ElementsAre(plain.pid()));
     EXPECT_TRUE(opening.isRunning());
 }
 

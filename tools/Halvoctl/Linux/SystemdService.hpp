@@ -7,21 +7,8 @@
 
 namespace halvo::control {
 
-// The names of the helper's units.
-inline std::string socketUnit(const HelperIdentity& identity) {
-    return identity.helperBundleID() + ".socket";
-}
-
-inline std::string serviceUnit(const HelperIdentity& identity) {
-    return identity.helperBundleID() + ".service";
-}
-
-// Starts the service at boot while a commitment is stored.
-inline std::string resumeUnit(const HelperIdentity& identity) {
-    return identity.helperBundleID() + "-resume.service";
-}
-
 struct Unit {
+    std::string name;
     // "loaded", "not-found", "masked", ...
     std::string load;
     // "active", "inactive", "failed", ...
@@ -45,42 +32,21 @@ struct Unit {
 
     // It ended, and systemd starts it again in a moment; active too.
     [[nodiscard]] bool isRestarting() const { return sub.starts_with("auto-restart"); }
-
-    bool operator==(const Unit&) const = default;
-};
-
-// What the service's unit says of files; systemd.exec(5). A unit that is not loaded says nothing.
-struct Sandbox {
-    // ProtectSystem=strict: all is read-only but for `writable`.
-    bool isStrict{};
-    // The folders of ReadWritePaths=, without the "-" and "+" in front.
-    std::vector<std::string> writable;
-
-    bool operator==(const Sandbox&) const = default;
 };
 
 // The helper's units.
 struct Units {
     Unit socket;
     Unit service;
+    // Starts the service at boot while a commitment is stored.
     Unit resume;
-    Sandbox sandbox;
+    // The folders of the service's ReadWritePaths=, without the "-" and "+" in front; absent where
+    // ProtectSystem= is not "strict", and it can write everywhere (systemd.exec(5)).
+    std::optional<std::vector<std::string>> writable;
 };
 
-// systemd, as it is asked.
-struct Systemd {
-    enum class Job { stop, start };
-
-    // The units of the helper. Takes at most 10 seconds. Fails with a sentence without a full stop.
-    std::function<std::expected<Units, std::string>(const HelperIdentity& identity)> units;
-
-    // Stops, or starts, the units called `names`, and waits until they are inactive, or active: at
-    // most for `limit`; says `line` when that takes a second. Fails with a sentence without a full
-    // stop.
-    std::function<std::expected<void, std::string>(Job job, const std::vector<std::string>& names,
-                                                   Seconds limit, const std::string& line)>
-        run;
-};
+// What systemd says of them, or why it says nothing, as a sentence without a full stop.
+using Answer = std::expected<Units, std::string>;
 
 // A bus on which systemd is reached.
 struct BusAddress {
@@ -90,21 +56,14 @@ struct BusAddress {
     bool isBroker{};
 };
 
-// The machine's own, which connects for each call. Borrows `waiter`. `buses`: those to try, in
-// order. `limit`: of units().
-Systemd liveSystemd(Waiter& waiter, const std::vector<BusAddress>& buses, Seconds limit);
-
-// The service, which asks systemd once about the units. `systemd`: nothing where it is not the
-// machine's init system (sd_booted(3)).
-std::unique_ptr<Service> systemdService(const ServiceParts& parts, std::optional<Systemd> systemd);
+// The service, which asks systemd once about the units, within `limit`, on the first of `buses`
+// that answers. Without any systemd is not the machine's init system (sd_booted(3)).
+std::unique_ptr<Service> systemdService(const Machine& machine, std::vector<BusAddress> buses,
+                                        Seconds limit = Seconds{10});
 
 // ------------------------------------------------------------------------------ parts of doctor
 
-// What `name` could not be looked at for: systemd did not answer, as `problem` says.
-Check noAnswer(const std::string& name, const std::string& problem);
-
-// The helper's units.
-Checks checkUnits(const HelperIdentity& identity, const std::expected<Units, std::string>& units);
+Checks checkUnits(const Answer& units);
 
 // The socket at `path`. `isExpected`: systemd listens, or should, or a helper that runs. `remedy`:
 // what makes it anew.
@@ -123,12 +82,8 @@ Check checkGroup(const GroupFacts& facts);
 // in this machine or container may set it (CAP_LINUX_IMMUTABLE, capabilities(7)).
 Check checkFlagSupport(const std::string& app, bool mayLock);
 
-// Whether the helper can lock the bundle at `app` from within `sandbox`.
-Check checkSandbox(const HelperIdentity& identity, const std::string& app, const Sandbox& sandbox);
-
-// The folders of `sandbox` in which the helper can lock bundles; without a strict one, those of
-// homeApplications().
-std::vector<std::string> lockableFolders(const Sandbox& sandbox);
+// Whether the helper can lock the bundle at `app` from within the sandbox of its unit.
+Check checkSandbox(const Answer& units, const std::string& app);
 
 // The journal's socket at `path`.
 Check checkLog(const std::string& path);

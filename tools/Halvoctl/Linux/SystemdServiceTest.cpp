@@ -4,7 +4,9 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,364 +23,364 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Field;
-using Job = Systemd::Job;
-using Words = std::vector<std::string>;
+using Texts = std::map<std::string, std::string>;
 
-const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-const std::string socketName = "com.example.app.helper.socket";
-const std::string serviceName = "com.example.app.helper.service";
+const std::string helper = "com.example.app.helper";
+const std::string socketName = helper + ".socket";
+const std::string serviceName = helper + ".service";
 
-// What systemd is asked, and what it answers.
-struct Script {
-    std::expected<Units, std::string> units =
-        Units{{"loaded", "active", "enabled", "success", "listening"},
-              {"loaded", "active", "static", "success", "running"},
-              {"loaded", "inactive", "enabled", "success", "dead"},
-              {true, {"/Applications", "/srv"}}};
-    std::expected<void, std::string> stopped;
-    std::expected<void, std::string> started;
-    Words calls;
-    Words lines;
-    Seconds limits{0};
-
-    Systemd systemd() {
-        return {[this](const HelperIdentity& of) {
-                    EXPECT_EQ(of, identity);
-                    calls.push_back("units");
-                    limits += Seconds{10};
-                    return units;
-                },
-                [this](Job job, const Words& names, Seconds limit, const std::string& line) {
-                    std::string& call = calls.emplace_back(job == Job::stop ? "stop" : "start");
-                    for (const std::string& name : names) {
-                        call += " " + name;
-                    }
-                    lines.push_back(line);
-                    limits += limit;
-                    return job == Job::stop ? stopped : started;
-                }};
-    }
-};
-
-class SystemdServiceTest : public ::testing::Test {
-  protected:
-    std::unique_ptr<Service> service(bool isBooted = true) {
-        return systemdService({identity, "/libexec/HalvoHelper", processes, waiter},
-                              isBooted ? std::optional(script.systemd()) : std::nullopt);
-    }
-
-    Script script;
-    FakeProcesses processes;
-    FakeWaiter waiter;
-};
-
-const std::string stopBoth = "stop " + socketName + " " + serviceName;
-const std::string stopService = "stop " + serviceName;
-const std::string startSocket = "start " + socketName;
-
-TEST_F(SystemdServiceTest, StopsWhatThereIsAndStartsTheSocketAgain) {
-    const Unit none{"not-found", "inactive", "", "", ""};
-    const Units all = *script.units;
-    const std::string notCalled = "The app cannot call the helper";
-
-    struct {
-        std::function<void(Units&)> change;
-        Words calls;
-        std::string resumed;
-    } const rows[] = {
-        {[](Units&) {}, {"units", stopBoth, startSocket}, ""},
-        {[](Units& units) { units.socket.active = "inactive"; },
-         {"units", stopBoth},
-         notCalled + ": " + socketName +
-             " was stopped before, and stays so. To start it: systemctl start " + socketName},
-        {[&](Units& units) { units.socket = none; }, {"units", stopService}, ""},
-        {[&](Units& units) { units.socket = units.service = none; }, {"units"}, ""},
-        {[](Units& units) {
-             units.socket.load = "masked";
-             units.service.load = "not-found";
-         },
-         {"units", stopBoth},
-         notCalled + " any more: " + socketName + " is masked, and was stopped."}};
-
-    for (const auto& row : rows) {
-        script.calls.clear();
-        row.change(*(script.units = all));
-        processes.processes = {7};
-        const auto systemd = service();
-        EXPECT_TRUE(systemd->stop());
-        EXPECT_TRUE(processes.processes.empty()) << "also one that was started by hand";
-        EXPECT_EQ(systemd->resume(), row.resumed);
-        EXPECT_EQ(script.calls, row.calls);
-    }
-    EXPECT_EQ(script.lines[0], "Waiting for systemd to stop the helper, at most 30 seconds.");
-    EXPECT_EQ(script.lines[1],
-              "Waiting for systemd to start the helper's socket, at most 10 seconds.");
-    script.calls.clear();
-    processes.processes = {8};
-    EXPECT_TRUE(service(false)->stop());
-    EXPECT_EQ(service(false)->resume(), "");
-    EXPECT_TRUE(processes.processes.empty());
-    EXPECT_TRUE(script.calls.empty());
-}
-
-TEST_F(SystemdServiceTest, WaitsAtMostAMinute) {
-    processes.processes = {7};
-    processes.areStuck = true;
-    const auto systemd = service();
-    EXPECT_FALSE(systemd->stop());
-    EXPECT_TRUE(systemd->resume());
-    EXPECT_LT(script.limits + (waiter.time - Seconds{1000}), Seconds{61});
-}
-
-TEST_F(SystemdServiceTest, SaysWhatSystemdDidNotDo) {
-    processes.processes = {7};
-    script.started = std::unexpected("it takes too long");
-    script.stopped = std::unexpected("Access denied");
-    const auto systemd = service();
-    EXPECT_EQ(systemd->stop(),
-              std::unexpected("systemd did not stop the helper: Access denied. Look into systemctl "
-                              "status com.example.app.helper.service, and try again."));
-    EXPECT_EQ(systemd->resume(),
-              std::unexpected("The helper's socket could not be started again: it takes too long. "
-                              "Start it: systemctl start com.example.app.helper.socket"));
-    EXPECT_THAT(script.calls, ElementsAre("units", stopBoth, startSocket));
-
-    script.units = std::unexpected("systemd does not answer: Connection timed out");
-    script.calls.clear();
-    const auto mute = service();
-    EXPECT_EQ(mute->stop(),
-              std::unexpected("systemd does not answer: Connection timed out. Try again when "
-                              "systemd answers."));
-    EXPECT_EQ(mute->resume(), "");
-    EXPECT_TRUE(processes.terminated.empty());
-    EXPECT_THAT(script.calls, ElementsAre("units"));
-}
-
-TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
-    const auto starts = [this] { return service()->whatStarts(); };
-    EXPECT_EQ(starts(), "it starts when the app calls, and at boot while a commitment is stored");
-    script.units->resume.enabled = "disabled";
-    EXPECT_EQ(starts(), "it starts when the app calls");
-    script.units->socket.active = "inactive";
-    EXPECT_EQ(starts(), "nothing starts it, since " + socketName +
-                            " is not active: systemctl enable --now " + socketName);
-    script.units->service = {"loaded", "activating", "static", "exit-code", "auto-restart"};
-    EXPECT_EQ(starts(),
-              "it starts again in a moment, since it ended (exit-code); if it stays so: journalctl "
-              "--unit=com.example.app.helper.service");
-    script.units = std::unexpected("systemd is stuck");
-    EXPECT_EQ(starts(), "nothing is known of what starts it: systemd is stuck");
-    EXPECT_EQ(service(false)->whatStarts(),
-              "nothing starts it, since systemd does not run here; start it by hand: "
-              "/libexec/HalvoHelper");
-    EXPECT_EQ(service()->startCommand(), "systemctl start " + serviceName);
-    EXPECT_EQ(service(false)->startCommand(), "/libexec/HalvoHelper");
-    EXPECT_EQ(service()->restartCommand(), "systemctl restart " + serviceName);
-    EXPECT_EQ(service(false)->restartCommand(), "");
-}
-
-TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
-    const std::string app = "/srv/Applications/Halvo.app";
-    const auto hasSandbox = Contains(Field(&Check::name, "sandbox"));
-    script.units->resume.enabled = "disabled";
-    const auto systemd = service();
-    EXPECT_THAT(
-        systemd->examine(),
-        Contains(isProblem("systemd", "com.example.app.helper-resume.service is not enabled",
-                           "systemctl enable com.example.app.helper-resume.service")));
-    EXPECT_THAT(systemd->examineApp(app, true),
-                Contains(isOk("sandbox", "the helper can lock what lies in /srv/Applications")));
-    EXPECT_THAT(systemd->examineApp("/srv/Halvo.app", true), Not(hasSandbox));
-    EXPECT_THAT(systemd->otherApplications(), ElementsAre("/Applications", "/srv/Applications"));
-    EXPECT_THAT(script.calls, ElementsAre("units")) << "asked once";
-
-    script.units = std::unexpected("It is stuck");
-    const std::string advice = "Look whether systemctl works at all.";
-    EXPECT_THAT(service()->examine(), Contains(isProblem("systemd", "It is stuck", advice)));
-    EXPECT_THAT(service()->examineApp(app, true),
-                Contains(isProblem("sandbox", "It is stuck", advice)));
-    EXPECT_EQ(service()->otherApplications(), homeApplications());
-
-    const auto bare = service(false);
-    EXPECT_THAT(bare->examine(), Contains(isNotApplicable("systemd",
-                                                          "does not run here; start the helper by "
-                                                          "hand: /libexec/HalvoHelper")));
-    const std::string path = "/run/com.example.app.helper.sock";
-    EXPECT_THAT(bare->examine(),
-                Contains(isNotApplicable("socket", "the helper makes " + path + " when it runs")));
-    processes.processes = {7};
-    EXPECT_THAT(bare->examine(), Contains(isProblem("socket", "there is none at " + path,
-                                                    "Stop the helper and start it again.")));
-    EXPECT_THAT(bare->examineApp(app, true), Not(hasSandbox));
-    EXPECT_EQ(bare->otherApplications(), homeApplications());
-    EXPECT_EQ(releaseLockPath(identity), "/run/com.example.app.helper.release.lock");
-}
-
-TEST(UnitTest, IsJudgedByItsStates) {
-    const Unit restarts{"loaded", "activating", "", "", "auto-restart"};
-    EXPECT_TRUE(restarts.isActive() && restarts.isRestarting());
-    EXPECT_FALSE((Unit{"loaded", "active", "", "", "running"}).isRestarting());
-    EXPECT_FALSE((Unit{"loaded", "failed", "", "", ""}).isActive());
-    const Unit ends{"masked", "deactivating", "", "", ""};
-    EXPECT_TRUE(ends.isUp() && !ends.isLoaded());
-    for (const char* active : {"", "inactive", "failed"}) {
-        EXPECT_FALSE((Unit{"loaded", active, "", "", ""}).isUp());
-    }
-}
-
-// The other side of the bus, which is systemd, for one conversation. Allows `method` of the
-// manager, which makes a unit `state` a tenth of a second later; hangs up where that is empty.
+// systemd on the other side of the bus. Writes down who connects and which jobs it is given.
 struct Peer {
-    std::string method;
-    std::string state;
+    // By interface and property: those of every unit. And by unit too, without the helper's name.
+    Texts texts{{"Unit.LoadState", "loaded"},       {"Unit.ActiveState", "active"},
+                {"Unit.UnitFileState", "enabled"},  {"Unit.SubState", "running"},
+                {"Socket.Result", "success"},       {"Service.Result", "success"},
+                {"Service.ProtectSystem", "strict"}};
+    // What it does instead of what it is asked: "refuses" jobs or "hangs up" on them, leaves units
+    // "stuck"; gives a property of an "odd" type, or a "mute" error.
+    std::string flaw{};
     // A broker answers nothing before it is greeted.
-    bool isGreeted = true;
-    Seconds managed{0};
+    bool isBroker = false;
+    bool isGreeted = false;
+    // How many looks at a unit a job still takes.
+    int looksLeft = 0;
 };
 
-// Each property tells of which unit and interface it is, until there was a job.
+int startJob(Peer& peer, sd_bus_message* call, const std::string& unit) {
+    const std::string method = sd_bus_message_get_member(call);
+    dprintf(STDOUT_FILENO, "%s %s\n", method.c_str(), unit.c_str());
+    if (peer.flaw == "hangs up") {
+        return shutdown(sd_bus_get_fd(sd_bus_message_get_bus(call)), SHUT_RDWR) + 1;
+    }
+    if (peer.flaw == "refuses") {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Access\ndenied");
+    }
+    peer.looksLeft = peer.flaw == "stuck" ? 1'000'000 : 3;
+    peer.texts[unit + " Unit.ActiveState"] = method == "StopUnit" ? "inactive" : "active";
+    return sd_bus_reply_method_return(call, "o", "/job/7");
+}
+
+int tell(Peer& peer, sd_bus_message* call, const std::string& property) {
+    if (property.ends_with("SubState") && peer.flaw == "odd") {
+        return sd_bus_reply_method_return(call, "v", "b", 1);
+    }
+    if (property.ends_with("SubState") && peer.flaw == "mute") {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, nullptr);
+    }
+    if (property == ".service Service.ReadWritePaths") {
+        return sd_bus_reply_method_return(call, "v", "as", 4, "/Applications",
+                                          "/Library/Application Support", "-/srv/B C",
+                                          "-+/srv/MyApplications");
+    }
+    const auto own = peer.texts.find(property);
+    const std::string& text =
+        own != peer.texts.end() ? own->second : peer.texts[property.substr(property.find(' ') + 1)];
+    const bool isChanging = property.ends_with("ActiveState") && peer.looksLeft-- > 0;
+    return sd_bus_reply_method_return(call, "v", "s", isChanging ? "changing" : text.c_str());
+}
+
 int answer(sd_bus_message* call, void* data, sd_bus_error*) {
     if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
         return 0;
     }
     auto& peer = *static_cast<Peer*>(data);
-    const std::string member = sd_bus_message_get_member(call);
-    const char* first = nullptr;
+    const char* first = "";
     const char* second = "";
     sd_bus_message_read(call, "ss", &first, &second);
-    if (member == "Hello" && !std::exchange(peer.isGreeted, true)) {
+    const std::string method = sd_bus_message_get_member(call);
+    const bool isJob = second == std::string("replace");
+    if (method == "Hello" && !std::exchange(peer.isGreeted, true)) {
         return sd_bus_reply_method_return(call, "s", ":1.7");
     }
-    const std::string name = peer.isGreeted ? second : "nothing";
-    if (member != "Get" && peer.state.empty()) {
-        _exit(0);
+    if (!peer.isGreeted || (method != "Get" && !isJob)) {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "What?");
     }
-    if (member != "Get" && (member != peer.method || name != "replace")) {
-        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Access\ndenied");
-    }
-    if (member != "Get") {
-        peer.managed = testing::timeNow();
-        return sd_bus_reply_method_return(call, "o", "/job/7");
-    }
-    if (name == "SubState" && peer.method == "odd") {
-        return sd_bus_reply_method_return(call, "v", "b", 1);
-    }
-    if (name == "SubState" && peer.method == "mute") {
-        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, nullptr);
-    }
-    if (name == "ReadWritePaths") {
-        return sd_bus_reply_method_return(call, "v", "as", 4, "/Applications",
-                                          "/Library/Application Support", "-/srv/B C", "-+/srv/D");
+    if (isJob) {
+        return startJob(peer, call, std::string(first).substr(helper.size()));
     }
     char* unit = nullptr;
     sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &unit);
-    std::string text = std::string(unit) + " " + first + " " + name;
+    const std::string interface =
+        std::string(first).substr(std::string("org.freedesktop.systemd1.").size());
+    const std::string property =
+        std::string(unit).substr(helper.size()) + " " + interface + "." + second;
     std::free(unit);
-    if (name == "ProtectSystem") {
-        text = "strict";
-    } else if (peer.managed > Seconds{0}) {
-        text = testing::timeNow() - peer.managed > Seconds{0.1} ? peer.state : "changing";
-    }
-    return sd_bus_reply_method_return(call, "v", "s", text.c_str());
+    return tell(peer, call, property);
 }
 
-class SystemdTest : public ::testing::Test {
+class SystemdServiceTest : public ::testing::Test {
   protected:
-    SystemdTest() {
+    SystemdServiceTest() {
         const sockaddr_un address = *socketAddress(path);
         bind(listener.get(), generic(address), sizeof address);
         listen(listener.get(), 1);
+        fake.machine.helper = "/libexec/HalvoHelper";
     }
 
-    Systemd systemd(Seconds limit = Seconds{10}, bool isBroker = false) {
-        return liveSystemd(waiter, {{"/nowhere/bus", false}, {path, isBroker}}, limit);
-    }
-
+    // Serves one connection after another.
     [[nodiscard]] testing::TestProcess start(Peer peer) const {
         return testing::TestProcess([&] {
-            sd_bus* bus =
-                testing::newServerBus(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            sd_bus_add_filter(bus, nullptr, answer, &peer);
-            sd_bus_start(bus);
-            while (sd_bus_process(bus, nullptr) >= 0 && sd_bus_wait(bus, UINT64_MAX) >= 0) {
+            while (true) {
+                const int client = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
+                dprintf(STDOUT_FILENO, "connected\n");
+                peer.isGreeted = !peer.isBroker;
+                sd_bus* bus = testing::newServerBus(client);
+                sd_bus_add_filter(bus, nullptr, answer, &peer);
+                sd_bus_start(bus);
+                while (sd_bus_process(bus, nullptr) >= 0 && sd_bus_wait(bus, UINT64_MAX) >= 0) {
+                }
+                sd_bus_unref(bus);
             }
-            sd_bus_unref(bus);
         });
     }
 
-    const testing::TemporaryFolder folder;
-    const std::string path = folder / "bus";
+    [[nodiscard]] testing::TestProcess start(const Texts& changes) const {
+        Peer peer;
+        for (const auto& [property, text] : changes) {
+            peer.texts[property] = text;
+        }
+        return start(peer);
+    }
+
+    std::unique_ptr<Service> service(bool isBroker = false, Seconds limit = Seconds{10}) {
+        return systemdService(fake.machine, {{"/nowhere/bus", false}, {path, isBroker}}, limit);
+    }
+
+    std::unique_ptr<Service> bare() { return systemdService(fake.machine, {}); }
+
+    FakeMachine fake;
+    std::vector<pid_t>& processes = fake.processes.processes;
+    const std::string path = fake.disk / "bus";
     Descriptor listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    Waiter waiter;
 };
 
-TEST_F(SystemdTest, TellsOfTheUnits) {
-    const auto expected = [](const std::string& name, const std::string& kind) {
-        const std::string unit = name + " org.freedesktop.systemd1.Unit ";
-        return Unit{unit + "LoadState", unit + "ActiveState", unit + "UnitFileState",
-                    name + " org.freedesktop.systemd1." + kind + " Result", unit + "SubState"};
-    };
-    const Sandbox sandbox{true,
-                          {"/Applications", "/Library/Application Support", "/srv/B C", "/srv/D"}};
-    for (const bool isBroker : {false, true}) {
-        const auto peer = start({"", "", !isBroker});
-        const auto units = systemd(Seconds{10}, isBroker).units(identity);
-        ASSERT_TRUE(units) << units.error();
-        EXPECT_EQ(units->socket, expected(socketName, "Socket"));
-        EXPECT_EQ(units->service, expected(serviceName, "Service"));
-        EXPECT_EQ(units->resume, expected("com.example.app.helper-resume.service", "Service"));
-        EXPECT_EQ(units->sandbox, sandbox);
-    }
-    for (const auto& [method, problem] :
-         {std::pair{"odd", "systemd does not answer: No such device or address"},
-          std::pair{"mute", "org.freedesktop.DBus.Error.AccessDenied"}}) {
-        const auto peer = start({method, ""});
-        EXPECT_EQ(systemd().units(identity).error(), problem);
-    }
-    EXPECT_EQ(liveSystemd(waiter, {{"/nowhere/bus", true}}, Seconds{1}).units(identity).error(),
-              "systemd does not answer: No such file or directory");
-}
+TEST_F(SystemdServiceTest, StopsWhatThereIsAndStartsTheSocketAgain) {
+    const std::string asked = "connected\n";
+    const std::string stopsService = "connected\nStopUnit .service\n";
+    const std::string stopsBoth = "connected\nStopUnit .socket\nStopUnit .service\n";
+    const std::string starts = "connected\nStartUnit .socket\n";
+    const std::string notCalled = "The app cannot call the helper";
+    const Texts noSocket{{".socket Unit.LoadState", "not-found"},
+                         {".socket Unit.ActiveState", "inactive"}};
+    Texts nothing = noSocket;
+    nothing.insert({{".service Unit.LoadState", "not-found"}, {".service Unit.ActiveState", ""}});
 
-TEST_F(SystemdTest, RunsJobsAndWaitsForTheirEnd) {
     struct {
-        const char* allowed;
-        const char* state;
-        Job job;
-        Seconds limit;
-        std::expected<void, std::string> result;
+        Texts changes;
+        std::string calls;
+        std::string resumed;
     } const rows[] = {
-        {"StopUnit", "inactive", Job::stop, Seconds{10}, {}},
-        {"StartUnit", "active", Job::start, Seconds{10}, {}},
-        {"StartUnit", "failed", Job::start, Seconds{1},
-         std::unexpected("it takes too long, and is still failed")},
-        {"StartUnit", "inactive", Job::stop, Seconds{10}, std::unexpected("Access\\ndenied")},
-        {"StopUnit", "", Job::stop, Seconds{10},
-         std::unexpected("systemd does not answer: Connection reset by peer")}};
+        {{}, asked + stopsBoth + starts, ""},
+        {{{".socket Unit.ActiveState", "inactive"}},
+         asked + stopsBoth,
+         notCalled + ": " + socketName +
+             " was stopped before, and stays so. To start it: systemctl start " + socketName},
+        {{{".service Unit.ActiveState", "failed"}}, asked + stopsBoth + starts, ""},
+        {noSocket, asked + stopsService, ""},
+        {nothing, asked, ""},
+        {{{".socket Unit.LoadState", "masked"},
+          {".service Unit.LoadState", "not-found"},
+          {".service Unit.ActiveState", "deactivating"}},
+         asked + stopsBoth,
+         notCalled + " any more: " + socketName + " is masked, and was stopped."}};
 
     for (const auto& row : rows) {
-        const auto peer = start({row.allowed, row.state});
-        const Seconds start = testing::timeNow();
-        EXPECT_EQ(systemd().run(row.job, {"a.socket", "b.service"}, row.limit, ""), row.result);
-        EXPECT_TRUE(!row.result || testing::timeNow() - start >= Seconds{0.1});
+        const auto peer = start(row.changes);
+        processes = {7};
+        const auto systemd = service();
+        EXPECT_TRUE(systemd->stop());
+        EXPECT_TRUE(processes.empty()) << "also one that was started by hand";
+        EXPECT_EQ(systemd->resume(), row.resumed);
+        EXPECT_EQ(peer.output(), row.calls);
     }
+    processes = {8};
+    EXPECT_TRUE(bare()->stop());
+    EXPECT_EQ(bare()->resume(), "");
+    EXPECT_TRUE(processes.empty());
 }
 
-TEST_F(SystemdTest, IsNotWaitedForWithoutEnd) {
-    const auto expectTimeOut = [this] {
+TEST_F(SystemdServiceTest, SaysWhatSystemdDidNotDo) {
+    for (const auto& [flaw, problem] :
+         {std::pair{"refuses", "Access\\ndenied"},
+          std::pair{"hangs up", "systemd does not answer: Connection reset by peer"},
+          std::pair{"stuck", "it takes too long, and is still changing"}}) {
+        const auto peer = start(Peer{.flaw = flaw});
+        processes = {7};
+        const auto systemd = service();
+        EXPECT_EQ(
+            systemd->stop().error(),
+            std::string("systemd did not stop the helper: ") + problem +
+                ". Look into systemctl status com.example.app.helper.service, and try again.");
+        EXPECT_EQ(systemd->resume().error(),
+                  std::string("The helper's socket could not be started again: ") + problem +
+                      ". Start it: systemctl start com.example.app.helper.socket");
+    }
+    EXPECT_THAT(fake.waiter.said,
+                ElementsAre("Waiting for systemd to stop the helper, at most 30 seconds.",
+                            "Waiting for systemd to start the helper's socket, at most 10 "
+                            "seconds."));
+    // Ten for what the units are and ten for the processes make a minute.
+    EXPECT_NEAR((fake.waiter.time - Seconds{1000}).count(), 39.6, 0.5);
+}
+
+TEST_F(SystemdServiceTest, SaysThatSystemdDoesNotAnswer) {
+    const std::string unknown = "nothing is known of what starts it: ";
+    const std::string mute = "systemd does not answer: ";
+    const auto expectTimeOut = [&] {
         const Seconds start = testing::timeNow();
-        EXPECT_EQ(systemd(Seconds{0.3}).units(identity).error(),
-                  "systemd does not answer: Connection timed out");
+        EXPECT_EQ(service(false, Seconds{0.3})->whatStarts(),
+                  unknown + mute + "Connection timed out");
         EXPECT_GE(testing::timeNow() - start, Seconds{0.3});
         EXPECT_LT(testing::timeNow() - start, Seconds{5});
     };
-    // Which takes no connection, then one that it does not answer, then some calls of.
+    EXPECT_EQ(systemdService(fake.machine, {{"/nowhere/bus", true}})->whatStarts(),
+              unknown + mute + "No such file or directory");
+    for (const auto& [flaw, problem] :
+         {std::pair{"odd", mute + "No such device or address"},
+          std::pair<const char*, std::string>{"mute", "org.freedesktop.DBus.Error.AccessDenied"}}) {
+        const auto peer = start(Peer{.flaw = flaw});
+        EXPECT_EQ(service()->whatStarts(), unknown + problem);
+    }
+    {
+        const auto peer = start(Peer{.flaw = "mute", .isBroker = true});
+        const auto systemd = service();
+        processes = {7};
+        EXPECT_EQ(systemd->stop(), std::unexpected("What?. Try again when systemd answers."));
+        EXPECT_EQ(systemd->resume(), "");
+        EXPECT_TRUE(fake.processes.terminated.empty());
+        EXPECT_EQ(peer.output(), "connected\n");
+    }
+    // It takes no connection, then one that it does not answer, then some calls of.
     expectTimeOut();
-    const testing::TestProcess mute([this] {
+    const testing::TestProcess silent([this] {
         accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
         accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
         pause();
     });
     expectTimeOut();
+}
+
+TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
+    struct {
+        Texts changes;
+        std::string starts;
+    } const rows[] = {
+        {{}, "it starts when the app calls, and at boot while a commitment is stored"},
+        {{{"-resume.service Unit.UnitFileState", "disabled"}}, "it starts when the app calls"},
+        {{{".socket Unit.ActiveState", "inactive"}},
+         "nothing starts it, since " + socketName + " is not active: systemctl enable --now " +
+             socketName},
+        {{{".socket Unit.ActiveState", "inactive"},
+          {".service Unit.SubState", "auto-restart-queued"},
+          {".service Service.Result", "exit-code"}},
+         "it starts again in a moment, since it ended (exit-code); if it stays so: journalctl "
+         "--unit=com.example.app.helper.service"}};
+
+    for (const auto& row : rows) {
+        const auto peer = start(row.changes);
+        EXPECT_EQ(service()->whatStarts(), row.starts);
+    }
+    EXPECT_EQ(bare()->whatStarts(),
+              "nothing starts it, since systemd does not run here; start it by hand: "
+              "/libexec/HalvoHelper");
+    EXPECT_EQ(service()->startCommand, "systemctl start " + serviceName);
+    EXPECT_EQ(bare()->startCommand, "/libexec/HalvoHelper");
+    EXPECT_EQ(service()->restartCommand, "systemctl restart " + serviceName);
+    EXPECT_EQ(bare()->restartCommand, "");
+}
+
+TEST_F(SystemdServiceTest, ExaminesEachUnit) {
+    const std::string resume = "-resume.service";
+
+    // In the advice, "@" stands for the unit's name.
+    struct {
+        std::string unit;
+        Texts changes;
+        std::string finding;
+        std::string advice;
+    } const rows[] = {
+        {".socket", {{"LoadState", "masked"}}, "is masked", "systemctl unmask @"},
+        {resume,
+         {{"LoadState", "not-found"}},
+         "is not-found",
+         "Install the helper's package again."},
+        {".socket", {{"UnitFileState", "disabled"}}, "is not enabled", "systemctl enable @"},
+        {resume, {{"UnitFileState", "disabled"}}, "is not enabled", "systemctl enable @"},
+        {".socket", {{"ActiveState", "inactive"}}, "is not active", "systemctl start @"},
+        {".socket", {{"ActiveState", "activating"}}, "is enabled, activating", ""},
+        {resume, {{"ActiveState", "inactive"}}, "is enabled, inactive", ""},
+        {".service", {{"ActiveState", "inactive"}}, "is enabled, inactive", ""},
+        {".service", {{"UnitFileState", ""}}, "is active", ""},
+        {".service",
+         {{"ActiveState", "failed"}},
+         "has failed: success",
+         "Look into systemctl status @, mend what it names, then: systemctl reset-failed @"},
+        {".service",
+         {{"ActiveState", "activating"}, {"SubState", "auto-restart"}},
+         "ended, and systemd starts it again: success",
+         "Look again. If it stays so, the journal says why: journalctl --unit=@"}};
+
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.unit + " " + row.finding);
+        const std::string name = helper + row.unit;
+        std::string advice = row.advice;
+        for (std::size_t at = 0; (at = advice.find('@')) != std::string::npos;) {
+            advice.replace(at, 1, name);
+        }
+        Texts changes;
+        for (const auto& [property, text] : row.changes) {
+            changes[row.unit + " Unit." + property] = text;
+        }
+        const auto peer = start(changes);
+        const Checks checks = service()->examine();
+        for (const std::string unit : {".socket", ".service", "-resume.service"}) {
+            const Check well = isOk("systemd", helper + unit + " is enabled, active");
+            const Check odd{"systemd", advice.empty() ? Verdict::ok : Verdict::problem,
+                            name + " " + row.finding, advice};
+            EXPECT_THAT(checks, Contains(unit == row.unit ? odd : well));
+        }
+    }
+}
+
+TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
+    const std::string app = "/srv/B C/Applications/Halvo.app";
+    const auto hasSandbox = Contains(Field(&Check::name, "sandbox"));
+    {
+        const auto peer = start(Peer{.isBroker = true});
+        const auto systemd = service(true);
+        EXPECT_THAT(
+            systemd->examineApp(app),
+            Contains(isOk("sandbox", "the helper can lock what lies in /srv/B C/Applications")));
+        EXPECT_THAT(systemd->examineApp("/srv/Halvo.app"), Not(hasSandbox));
+        EXPECT_THAT(systemd->otherApplications(),
+                    ElementsAre("/Applications", "/Library/Application Support/Applications",
+                                "/srv/B C/Applications", "/srv/MyApplications/Applications"));
+        EXPECT_EQ(peer.output(), "connected\n") << "asked once";
+    }
+    const auto homes = bare()->otherApplications();
+    EXPECT_THAT(homes, Contains("/root/Applications"));
+    {
+        const auto peer = start(Texts{{".service Service.ProtectSystem", "full"}});
+        EXPECT_EQ(service()->otherApplications(), homes);
+    }
+    const auto mute = systemdService(fake.machine, {{"/nowhere/bus", false}});
+    const std::string finding = "systemd does not answer: No such file or directory";
+    const std::string advice = "Look whether systemctl works at all.";
+    EXPECT_THAT(mute->examine(), Contains(isProblem("systemd", finding, advice)));
+    EXPECT_THAT(mute->examineApp(app), Contains(isProblem("sandbox", finding, advice)));
+    EXPECT_EQ(mute->otherApplications(), homes);
+
+    EXPECT_THAT(bare()->examine(), Contains(isNotApplicable("systemd",
+                                                            "does not run here; start the helper "
+                                                            "by hand: /libexec/HalvoHelper")));
+    const std::string socket = "/run/com.example.app.helper.sock";
+    EXPECT_THAT(bare()->examine(), Contains(isNotApplicable(
+                                       "socket", "the helper makes " + socket + " when it runs")));
+    processes = {7};
+    EXPECT_THAT(bare()->examine(), Contains(isProblem("socket", "there is none at " + socket,
+                                                      "Stop the helper and start it again.")));
+    EXPECT_THAT(bare()->examineApp(app), Not(hasSandbox));
+    EXPECT_EQ(releaseLockPath(fake.machine.identity), "/run/com.example.app.helper.release.lock");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,16 +18,16 @@ class HelperProcessesTest : public ::testing::Test {
   protected:
     HelperProcessesTest() { fake::reset(); }
 
-    const std::unique_ptr<HelperProcesses> processes = liveProcesses(helper);
+    HelperProcesses processes{helper};
 };
 
 TEST_F(HelperProcessesTest, AreThoseOfRootThatRunTheHelper) {
-    EXPECT_TRUE(processes->running().empty());
+    EXPECT_TRUE(processes.running().empty());
     fake::world().processes = {{0, 0, helper},    {90, 0, helper},       {1, 0, "/sbin/launchd"},
                                {70, 501, helper}, {80, 0, helper + "2"}, {60, 0, helper}};
-    EXPECT_EQ(processes->running(), (std::vector<pid_t>{60, 90}));
+    EXPECT_EQ(processes.running(), (std::vector<pid_t>{60, 90}));
     fake::world().processes = {{0, 0, helper}, {1, 0, helper}};
-    EXPECT_EQ(processes->running(), std::vector<pid_t>{1}) << "as in a machine of its own";
+    EXPECT_EQ(processes.running(), std::vector<pid_t>{1}) << "as in a machine of its own";
 }
 
 TEST_F(HelperProcessesTest, MayBeStopped) {
@@ -36,19 +35,19 @@ TEST_F(HelperProcessesTest, MayBeStopped) {
     fake::world().processes[1].isStopped = true;
     fake::world().processes[2].isStopped = true;
     fake::world().processes[2].infoSize = 63;
-    EXPECT_FALSE(processes->isStopped(60));
-    EXPECT_TRUE(processes->isStopped(70));
-    EXPECT_FALSE(processes->isStopped(80)) << "of which the system does not say all";
-    EXPECT_FALSE(processes->isStopped(90)) << "which is gone by now";
+    EXPECT_FALSE(processes.isStopped(60));
+    EXPECT_TRUE(processes.isStopped(70));
+    EXPECT_FALSE(processes.isStopped(80)) << "of which the system does not say all";
+    EXPECT_FALSE(processes.isStopped(90)) << "which is gone by now";
 }
 
 TEST_F(HelperProcessesTest, AreAskedToEndButNoOthers) {
     testing::TestProcess child([] { pause(); });
     fake::world().processes = {{child.pid(), 501, helper}};
-    processes->terminate(child.pid());
+    processes.terminate(child.pid());
     EXPECT_TRUE(testing::always(Seconds{0.1}, [&] { return child.isRunning(); }));
     fake::world().processes = {{child.pid(), 0, helper}};
-    processes->terminate(child.pid());
+    processes.terminate(child.pid());
     EXPECT_EQ(child.wait(), 128 + SIGTERM);
 }
 

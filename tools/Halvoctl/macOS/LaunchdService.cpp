@@ -23,6 +23,8 @@ using records::printable;
 
 // Starts a program as liveLaunchctl() says. Gives 0 or an errno.
 int spawn(const std::vector<std::string>& words, pid_t& child) {
+    const ArgumentVector arguments(words);
+    const ArgumentVector environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
     posix_spawn_file_actions_t actions{};
     posix_spawnattr_t attributes{};
     posix_spawn_file_actions_init(&actions);
@@ -33,16 +35,14 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
     sigfillset(&all);
     constexpr short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
     // 0, or the errno of one that failed.
-    int code = std::max(
-        {posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDWR, 0),
-         posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDOUT_FILENO),
-         posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDERR_FILENO),
-         posix_spawnattr_setpgroup(&attributes, 0), posix_spawnattr_setsigmask(&attributes, &none),
-         posix_spawnattr_setsigdefault(&attributes, &all),
-         posix_spawnattr_setflags(&attributes, flags)});
+    int code =
+        std::max({posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDWR, 0),
+                  posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDOUT_FILENO),
+                  posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDERR_FILENO),
+                  posix_spawnattr_setsigmask(&attributes, &none),
+                  posix_spawnattr_setsigdefault(&attributes, &all),
+                  posix_spawnattr_setflags(&attributes, flags)});
     if (code == 0) {
-        const ArgumentVector arguments(words);
-        const ArgumentVector environment({"PATH=/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C"});
         code = posix_spawn(&child, words.front().c_str(), &actions, &attributes, arguments.data(),
                            environment.data());
     }
@@ -53,8 +53,11 @@ int spawn(const std::vector<std::string>& words, pid_t& child) {
 
 class LaunchdService final : public Service {
   public:
-    LaunchdService(ServiceParts parts, Launchctl launchctl)
-        : parts_(std::move(parts)), launchctl_(std::move(launchctl)) {}
+    LaunchdService(const Machine& machine, Launchctl launchctl)
+        : machine_(machine), launchctl_(std::move(launchctl)) {
+        startCommand = "launchctl kickstart " + job_;
+        restartCommand = "launchctl kickstart -k " + job_;
+    }
 
     std::string whatStarts() override {
         const auto printed = printJob();
@@ -64,14 +67,6 @@ class LaunchdService final : public Service {
         return *printed == 0
                    ? "it starts when the app calls, and at boot"
                    : "nothing starts it until the app registers it anew, or the next boot";
-    }
-
-    [[nodiscard]] std::string startCommand() const override {
-        return "launchctl kickstart " + job_;
-    }
-
-    [[nodiscard]] std::string restartCommand() const override {
-        return "launchctl kickstart -k " + job_;
     }
 
     // Takes the job out of launchd: SIGTERM alone would have it start the helper again.
@@ -96,10 +91,10 @@ class LaunchdService final : public Service {
                                        ". Try again.");
             }
         }
-        auto ended = endAll(parts_.processes, parts_.waiter);
+        auto ended = endAll(machine_.processes, machine_.waiter);
         if (ended) {
             // One that was killed leaves it.
-            HelperCopy::remove(parts_.identity);
+            HelperCopy::remove(machine_.identity);
         }
         return ended;
     }
@@ -110,14 +105,8 @@ class LaunchdService final : public Service {
                       : "";
     }
 
-    std::vector<std::string> otherApplications() override { return homeApplications(); }
-
     // What launchd has is said where the helper does not run.
-    Checks examine() override { return {checkOpening(parts_.executable, parts_.identity)}; }
-
-    Checks examineApp(const std::string&, bool) override { return {}; }
-
-    Checks examineSession(std::uint32_t) override { return {}; }
+    Checks examine() override { return {checkOpening(machine_.helper, machine_.identity)}; }
 
   private:
     // 0 when launchd has the job.
@@ -125,9 +114,9 @@ class LaunchdService final : public Service {
         return launchctl_({"print", job_}, Seconds{10}, "");
     }
 
-    ServiceParts parts_;
+    const Machine& machine_;
     Launchctl launchctl_;
-    std::string job_ = "system/" + parts_.identity.helperBundleID();
+    std::string job_ = "system/" + machine_.identity.helperBundleID();
     // stop() took the job out.
     bool isOut_ = false;
 };
@@ -135,13 +124,11 @@ class LaunchdService final : public Service {
 }  // namespace
 
 Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
-    return [&waiter, program = std::string(program)](
-               const std::vector<std::string>& words, Seconds limit,
-               const std::string& line) -> std::expected<int, std::string> {
-        std::vector<std::string> all{program};
-        all.insert(all.end(), words.begin(), words.end());
+    return [&waiter, program](std::vector<std::string> words, Seconds limit,
+                              const std::string& line) -> std::expected<int, std::string> {
+        words.insert(words.begin(), program);
         pid_t child = 0;
-        if (const int code = spawn(all, child); code != 0) {
+        if (const int code = spawn(words, child); code != 0) {
             return std::unexpected(program + " cannot be started: " + errorText(code));
         }
         int status = 0;
@@ -156,16 +143,16 @@ Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
     };
 }
 
-std::unique_ptr<Service> launchdService(const ServiceParts& parts, const Launchctl& launchctl) {
-    return std::make_unique<LaunchdService>(parts, launchctl);
+std::unique_ptr<Service> launchdService(const Machine& machine, const Launchctl& launchctl) {
+    return std::make_unique<LaunchdService>(machine, launchctl);
 }
 
 std::string releaseLockPath(const HelperIdentity& identity) {
     return "/var/run/" + identity.helperBundleID() + ".release.lock";
 }
 
-std::unique_ptr<Service> liveService(const ServiceParts& parts) {
-    return launchdService(parts, liveLaunchctl(parts.waiter));
+std::unique_ptr<Service> liveService(const Machine& machine) {
+    return launchdService(machine, liveLaunchctl(machine.waiter));
 }
 
 // From the bundle downwards: /Applications itself belongs to the administrators there.

@@ -25,36 +25,33 @@ using Status = std::expected<int, std::string>;
 using Words = std::vector<std::string>;
 
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-const std::string print = "print system/com.example.app.helper";
-const std::string bootout = "bootout system/com.example.app.helper";
 const std::string copyFolder = "/Library/Application Support/com.example.app.helper.copy";
 
 // A service whose launchctl ends as `answers` say; the last of several stays.
-struct LaunchdMachine {
-    LaunchdMachine() { fake::reset(); }
-
-    Status run(const Words& words, Seconds limit, const std::string& line) {
-        const std::string& call = calls.emplace_back(words.at(0) + " " + words.at(1));
-        limits.push_back(limit);
-        lines.push_back(line);
-        std::deque<Status>& list = answers.at(call);
-        const Status answer = list.front();
-        if (list.size() > 1) {
-            list.pop_front();
-        }
-        return answer;
+struct LaunchdMachine : FakeMachine {
+    LaunchdMachine(std::deque<Status> print, const Status& bootout)
+        : answers{{"print", std::move(print)}, {"bootout", {bootout}}} {
+        fake::reset();
+        machine.helper = "/anywhere/HalvoHelper";
+        processes.processes = {7};
     }
 
     std::map<std::string, std::deque<Status>> answers;
     Words calls;
     std::vector<Seconds> limits;
     Words lines;
-    FakeProcesses processes;
-    FakeWaiter waiter;
-    const ServiceParts parts{identity, "/anywhere/HalvoHelper", processes, waiter};
-    std::unique_ptr<Service> service =
-        launchdService(parts, [this](const Words& words, Seconds limit, const std::string& line) {
-            return run(words, limit, line);
+    std::unique_ptr<Service> launchd =
+        launchdService(machine, [this](const Words& words, Seconds limit, const std::string& line) {
+            EXPECT_EQ(words.at(1), "system/com.example.app.helper");
+            calls.push_back(words.at(0));
+            limits.push_back(limit);
+            lines.push_back(line);
+            std::deque<Status>& list = answers.at(words.at(0));
+            const Status answer = list.front();
+            if (list.size() > 1) {
+                list.pop_front();
+            }
+            return answer;
         });
 };
 
@@ -65,6 +62,7 @@ TEST(LaunchdServiceTest, TakesTheJobOut) {
     const std::string stays =
         "launchd did not stop the helper: launchctl bootout system/com.example.app.helper ended "
         "with 1. Try again.";
+    const Words all{"print", "bootout", "print"};
 
     struct {
         std::deque<Status> print;
@@ -73,57 +71,48 @@ TEST(LaunchdServiceTest, TakesTheJobOut) {
         std::string problem;
         std::string resumed;
     } const rows[] = {
-        {{0, 113}, 0, {print, bootout, print}, "", back},
-        {{0, 113}, 36, {print, bootout, print}, "", back},
-        {{113}, mute, {print}, "", ""},
-        {{mute}, mute, {print}, "launchctl is stuck. Try again when launchd answers.", ""},
-        {{0}, mute, {print, bootout}, "launchctl is stuck. Try again.", ""},
-        {{0}, 1, {print, bootout, print}, stays, ""},
-        {{0, mute}, 1, {print, bootout, print}, stays, ""}};
+        {{0, 113}, 0, all, "", back},
+        {{0, 113}, 36, all, "", back},
+        {{113}, mute, {"print"}, "", ""},
+        {{mute}, mute, {"print"}, "launchctl is stuck. Try again when launchd answers.", ""},
+        {{0}, mute, {"print", "bootout"}, "launchctl is stuck. Try again.", ""},
+        {{0}, 1, all, stays, ""},
+        {{0, mute}, 1, all, stays, ""}};
 
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
-        LaunchdMachine machine;
-        machine.answers = {{print, row.print}, {bootout, {row.bootout}}};
-        machine.processes.processes = {7};
-        EXPECT_EQ(machine.service->resume(), "");
-        const auto stopped = machine.service->stop();
+        LaunchdMachine mac(row.print, row.bootout);
+        EXPECT_EQ(mac.launchd->resume(), "");
+        const auto stopped = mac.launchd->stop();
         EXPECT_EQ(stopped ? "" : stopped.error(), row.problem);
-        EXPECT_EQ(machine.calls, row.calls);
-        EXPECT_EQ(machine.service->resume(), row.resumed);
-        EXPECT_EQ(machine.processes.processes.empty(), stopped.has_value())
+        EXPECT_EQ(mac.calls, row.calls);
+        EXPECT_EQ(mac.launchd->resume(), row.resumed);
+        EXPECT_EQ(mac.processes.processes.empty(), stopped.has_value())
             << "also one that no job started";
-    }
-    LaunchdMachine machine;
-    machine.answers = {{print, {0, 113}}, {bootout, {0}}};
-    EXPECT_TRUE(machine.service->stop());
-    EXPECT_THAT(machine.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
-    EXPECT_THAT(machine.lines,
+        if (row.calls == all) {
+            EXPECT_THAT(mac.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
+            EXPECT_THAT(
+                mac.lines,
                 ElementsAre("", "Waiting for launchd to stop the helper, at most 30 seconds.", ""));
+        }
+    }
 }
 
-TEST(LaunchdServiceTest, SaysWhatStartsTheHelper) {
-    LaunchdMachine machine;
-    machine.answers = {{print, {0, 113, std::unexpected("launchctl is stuck")}}};
-    const auto starts = [&] { return machine.service->whatStarts(); };
+TEST(LaunchdServiceTest, SaysWhatStartsTheHelperAndHasLittleToExamine) {
+    LaunchdMachine mac({0, 113, std::unexpected("launchctl is stuck")}, 0);
+    const auto starts = [&] { return mac.launchd->whatStarts(); };
     EXPECT_EQ(starts(), "it starts when the app calls, and at boot");
     EXPECT_EQ(starts(), "nothing starts it until the app registers it anew, or the next boot");
     EXPECT_EQ(starts(), "nothing is known of what starts it: launchctl is stuck");
-    EXPECT_EQ(machine.service->startCommand(), "launchctl kickstart system/com.example.app.helper");
-    EXPECT_EQ(machine.service->restartCommand(),
-              "launchctl kickstart -k system/com.example.app.helper");
-    const auto live = liveService(machine.parts);
-    EXPECT_EQ(live->whatStarts(),
+    EXPECT_EQ(mac.launchd->startCommand, "launchctl kickstart system/com.example.app.helper");
+    EXPECT_EQ(mac.launchd->restartCommand, "launchctl kickstart -k system/com.example.app.helper");
+    EXPECT_EQ(liveService(mac.machine)->whatStarts(),
               "nothing is known of what starts it: /bin/launchctl cannot be started: No such file "
               "or directory");
-}
-
-TEST(LaunchdServiceTest, HasLittleToExamine) {
-    LaunchdMachine machine;
-    EXPECT_EQ(machine.service->examine(), Checks{checkOpening("/anywhere/HalvoHelper", identity)});
-    EXPECT_THAT(machine.service->examineApp("/Applications/Halvo.app", true), IsEmpty());
-    EXPECT_THAT(machine.service->examineSession(501), IsEmpty());
-    EXPECT_THAT(machine.service->otherApplications(), Contains("/root/Applications"));
+    EXPECT_EQ(mac.launchd->examine(), Checks{checkOpening("/anywhere/HalvoHelper", identity)});
+    EXPECT_THAT(mac.launchd->examineApp("/Applications/Halvo.app"), IsEmpty());
+    EXPECT_THAT(mac.launchd->examineSession(501), IsEmpty());
+    EXPECT_THAT(mac.launchd->otherApplications(), Contains("/root/Applications"));
     EXPECT_EQ(clearCommand("/Applications/My App.app"),
               "chflags noschg '/Applications/My App.app'");
     EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
@@ -206,14 +195,12 @@ class LaunchdServicePrivateMachineTest : public testing::PrivateMachineTest {
 };
 
 TEST_F(LaunchdServicePrivateMachineTest, TakesAwayTheCopyOfAHelperThatWasKilled) {
-    LaunchdMachine machine;
-    machine.answers = {{print, {113}}};
-    machine.processes.processes = {7};
-    machine.processes.areStuck = true;
-    EXPECT_EQ(machine.service->stop().error().substr(0, 18), "The helper (pid 7)");
+    LaunchdMachine mac({113}, 0);
+    mac.processes.areStuck = true;
+    EXPECT_EQ(mac.launchd->stop().error().substr(0, 18), "The helper (pid 7)");
     EXPECT_TRUE(fs::exists(copyFolder)) << "it may use it";
-    machine.processes.areStuck = false;
-    EXPECT_TRUE(machine.service->stop());
+    mac.processes.areStuck = false;
+    EXPECT_TRUE(mac.launchd->stop());
     EXPECT_FALSE(fs::exists(copyFolder));
 }
 
