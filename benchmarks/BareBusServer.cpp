@@ -1,11 +1,13 @@
 // The least that answers a status call over peer-to-peer D-Bus: sd-bus and nothing else. It checks
-// no caller, keeps nothing, and does not end by itself. Usage: BareBusServer SOCKET
+// no caller, keeps nothing, serves one connection at a time and does not end by itself. Usage:
+// BareBusServer SOCKET
 
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
@@ -21,7 +23,8 @@ void check(int result) {
 }
 
 // The reply of a helper that holds nothing.
-int onStatus(sd_bus_message* message, void*, sd_bus_error*) {
+int onStatus(sd_bus_message* message, void* isAnswered, sd_bus_error*) {
+    *static_cast<bool*>(isAnswered) = true;
     return sd_bus_reply_method_return(message, "badb", 0, 0, 0);
 }
 
@@ -34,43 +37,32 @@ const sd_bus_vtable table[] = {
     SD_BUS_VTABLE_END,
 };
 
-// libsystemd 252 needs it; see BusConnection in the helper. A one-shot event source would be less
-// to run, but nothing runs less often than this.
-int onConnected(sd_bus_message* signal, void*, sd_bus_error*) {
-    sd_event_add_defer(
-        sd_bus_get_event(sd_bus_message_get_bus(signal)), nullptr,
-        [](sd_event_source*, void* bus) {
-            while (sd_bus_process(static_cast<sd_bus*>(bus), nullptr) > 0) {
-            }
-            return 0;
-        },
-        sd_bus_message_get_bus(signal));
-    return 0;
-}
-
-int onDisconnected(sd_bus_message* signal, void*, sd_bus_error*) {
-    sd_bus_close(sd_bus_message_get_bus(signal));
-    return 0;
-}
-
-int onIncoming(sd_event_source* source, int listening, std::uint32_t, void*) {
-    const int socket = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+// Until the other side closes.
+void serve(int socket) {
     check(socket);
+    bool isAnswered = false;
     sd_bus* bus = halvo::testing::newServerBus(socket);
     check(sd_bus_set_trusted(bus, 1));
-    check(sd_bus_set_connected_signal(bus, 1));
+    check(sd_bus_set_exit_on_disconnect(bus, 1));
     check(sd_bus_add_object_vtable(bus, nullptr, halvo::HelperBus::object,
-                                   halvo::HelperBus::interface, table, nullptr));
-    const auto match = [bus](const char* member, sd_bus_message_handler_t handler) {
-        constexpr const char* local = "org.freedesktop.DBus.Local";
-        check(sd_bus_match_signal_async(bus, nullptr, local, "/org/freedesktop/DBus/Local", local,
-                                        member, handler, nullptr, nullptr));
-    };
-    match("Connected", onConnected);
-    match("Disconnected", onDisconnected);
+                                   halvo::HelperBus::interface, table, &isAnswered));
     check(sd_bus_start(bus));
-    check(sd_bus_attach_event(bus, sd_event_source_get_event(source), 0));
-    return 0;
+    // The first call without the loop: libsystemd 252 needs it; see BusConnection in the helper.
+    int progress = 0;
+    while (progress >= 0 && !isAnswered) {
+        progress = sd_bus_process(bus, nullptr);
+        if (progress == 0) {
+            sd_bus_wait(bus, UINT64_MAX);
+        }
+    }
+    if (isAnswered) {
+        sd_event* loop = nullptr;
+        check(sd_event_new(&loop));
+        check(sd_bus_attach_event(bus, loop, 0));
+        sd_event_loop(loop);
+        sd_event_unref(loop);
+    }
+    sd_bus_close_unref(bus);
 }
 
 }  // namespace
@@ -81,15 +73,14 @@ int main(int count, char** words) {
         return EXIT_FAILURE;
     }
     unlink(words[1]);
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    check(socket);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    check(listener);
     // Everybody may connect.
     umask(0);
-    check(bind(socket, halvo::generic(*address), sizeof *address));
+    check(bind(listener, halvo::generic(*address), sizeof *address));
     constexpr int backlog = 16;
-    check(listen(socket, backlog));
-    sd_event* loop = nullptr;
-    check(sd_event_default(&loop));
-    check(sd_event_add_io(loop, nullptr, socket, EPOLLIN, onIncoming, nullptr));
-    return sd_event_loop(loop);
+    check(listen(listener, backlog));
+    while (true) {
+        serve(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    }
 }

@@ -1,43 +1,32 @@
 // The engine on the live system, ticking between marks that a trace of its system calls shows:
-// access(2) to "/mark/NAME" and "/mark/end/ALLOCATIONS", which do not exist. Usage: TickProbe
-// BUNDLE UID
+// access(2) to "/mark/NAME" and "/mark/end/ALLOCATIONS", which do not exist. Fails unless it holds
+// an app that is locked and runs. Usage: TickProbe BUNDLE UID
 
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "HalvoHelper/LiveSessionProbe.hpp"
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
-#include "HalvoPlatform/Fatal.hpp"
 #include "tests/Support/MallocCount.hpp"
+#include "tests/Support/SimulatedWorld.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace {
 
 using namespace halvo;
 
-// The app runs all the time, so it must not be opened.
-class NoOpener final : public AppOpener {
-  public:
-    void open(const std::string&, std::uint32_t, bool) override {
-        fatal("the engine opens an app that runs");
-    }
-};
-
-void traced(HelperEngine& engine, const std::string& name) {
+void markedTick(HelperEngine& engine, const std::string& name) {
     access(("/mark/" + name).c_str(), F_OK);
-    const std::size_t before = testing::mallocsMade();
+    const std::size_t before = halvo::testing::mallocsMade();
     engine.tick();
-    const std::size_t allocations = testing::mallocsMade() - before;
+    const std::size_t allocations = halvo::testing::mallocsMade() - before;
     access(("/mark/end/" + std::to_string(allocations)).c_str(), F_OK);
 }
-
-void outlastSilence() { std::this_thread::sleep_for(HelperEngine::Timing::silence + Seconds{0.2}); }
 
 }  // namespace
 
@@ -45,30 +34,28 @@ int main(int count, char** words) {
     if (count != 3) {
         return EXIT_FAILURE;
     }
-    const HelperPeer app{static_cast<std::uint32_t>(std::strtoul(words[2], nullptr, 10)),
-                         std::string(words[1])};
+    const std::string bundle = words[1];
+    const HelperPeer app{static_cast<std::uint32_t>(std::stoul(words[2])), bundle};
     SystemHelperClock clock;
     ChflagsFileFlags flags(ItemFlag::systemImmutable);
-    FileCommitmentStore store("/tmp/TickProbe");
+    FileCommitmentStore store("/tmp/tick");
     const auto session = makeLiveSessionProbe();
-    NoOpener opener;
-    HelperEngine engine(clock, flags, store, *session, opener);
+    // Of it only the opener, which opens nothing.
+    halvo::testing::SimulatedWorld world;
+    HelperEngine engine(clock, flags, store, *session, world.opener);
     engine.startup();
-    const WallDate now = wallNow();
-    if (!engine.begin(*app.bundlePath, now + std::chrono::hours{1}, now, app) ||
-        flags.state(*app.bundlePath) != LockState::locked) {
-        fatal("the engine does not hold and lock the app");
-    }
+    const WallDate started = wallNow();
+    const bool holds = engine.begin(bundle, started + Seconds{3600}, started, app);
     engine.tick();
     engine.heartbeat(false, app);
-    traced(engine, "quiet");
-    traced(engine, "quiet");
+    markedTick(engine, "quiet");
+    markedTick(engine, "quiet");
     // Silent, the app is looked for. The first time, the place of its executable is looked up.
-    outlastSilence();
-    traced(engine, "first-search");
-    outlastSilence();
-    traced(engine, "search");
-    const bool stillLocked = flags.state(*app.bundlePath) == LockState::locked;
+    for (const char* search : {"first-search", "search"}) {
+        halvo::testing::sleepFor(HelperEngine::Timing::silence + Seconds{0.2});
+        markedTick(engine, search);
+    }
+    const bool locked = flags.state(bundle) == LockState::locked;
     engine.end(app);
-    return stillLocked ? EXIT_SUCCESS : EXIT_FAILURE;
+    return holds && locked && world.opener.openings.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,146 +1,95 @@
-// Runs the measurements inside a private machine, and says on standard output, as JSON, what each
-// round took; benchmarks/run starts it and makes a table of that. Usage: Benchmark BUILD-FOLDER
-// full|quick [NAME]
+// Does for benchmarks/run what only a program in C++ can: see Benchmark.hpp. Usage: Benchmark GROUP
+// [ARGUMENT]...
 
 #include <sched.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
-#include <nlohmann/json.hpp>
-#include <string_view>
 #include <system_error>
-#include <utility>
 
+#include "HalvoClient/HelperClient.hpp"
+#include "HalvoClient/OwnBundle.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
-#include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "benchmarks/Benchmark.hpp"
-#include "tests/Support/TestBundle.hpp"
 
 namespace halvo::benchmark {
 namespace {
 
-constexpr std::array<std::pair<std::string_view, void (*)(Run&)>, 7> measurements{
-    {{"search", measureAppSearch},
-     {"status", measureStatusCall},
-     {"save", measureSave},
-     {"tick", measureTick},
-     {"memory", measureMemory},
-     {"ready", measureReady},
-     {"records", measureRecords}}};
+auto now() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
-unsigned idFromEnvironment(const char* name) {
-    const char* text = std::getenv(name);
-    return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10))
-                           : throw CannotMeasure(std::string(name) +
-                                                 " is not set: start this with benchmarks/run");
-}
-
-// The helper serves the app's own executable only. So this program installs itself as the app, and
-// goes on from there, in the app's private group.
-void becomeTheApp(const std::string& path, char** arguments) {
-    const testing::TestBundle app(path, "Halvo");
-    app.writeInfo(HALVO_APP_BUNDLE_ID, HALVO_TEAM_ID);
-    app.install(idFromEnvironment("HALVO_APP_GID"));
-    execv(app.executable().c_str(), arguments);
-    require(false, app.executable());
-}
-
-nlohmann::json report(const Run& run) {
-    nlohmann::json list = nlohmann::json::array();
-    for (const Row& row : run.rows) {
-        auto& object = list.emplace_back(
-            nlohmann::json{{"what", row.what}, {"unit", row.unit}, {"ours", row.ours}});
-        if (!row.peer.empty()) {
-            object["peer"] = row.peer;
-            object["theirs"] = row.theirs;
+// Asks in a tight loop until there is a reply: a server that is measured must not be charged for
+// our sleep.
+std::size_t awaitReply(HelperClient client) {
+    const auto end = now() + std::chrono::seconds{20};
+    while (now() < end) {
+        if (client.status()) {
+            return 1;
         }
-        if (row.ratioAtMost) {
-            object["ratioAtMost"] = *row.ratioAtMost;
-        }
-        if (row.oursAtMost) {
-            object["oursAtMost"] = *row.oursAtMost;
-        }
+        sched_yield();
     }
-    return {{"rows", list}, {"notes", run.notes}};
+    return 0;
 }
+
+// PEER-SOCKET: requests of the app that this program is, to its helper and to the bare server.
+void serveClient(const std::vector<std::string>& words) {
+    HelperClient ours(ownBundle().value().identity);
+    HelperClient theirs(words.at(0));
+    const auto status = [](HelperClient& client) -> Work {
+        return [&client] { return client.status() ? 1 : 0; };
+    };
+    const auto begin = [&] {
+        const auto span = [](const HelperStatus&) {
+            const WallDate started = wallNow();
+            return CommitmentSpan{started + Seconds{3600}, started};
+        };
+        return ours.begin(ownBundle().value().path, span) == true ? 1 : 0;
+    };
+    serve({{"status", status(ours)},
+           {"statusBarely", status(theirs)},
+           {"reply", [&] { return awaitReply(HelperClient(ownBundle().value().identity)); }},
+           {"replyBarely", [&] { return awaitReply(HelperClient(words.at(0))); }},
+           {"begin", begin},
+           {"end", [&] { return ours.end() == true ? 1 : 0; }}});
+}
+
+const std::map<std::string, void (*)(const std::vector<std::string>&)> groups{
+    {"search", serveSearch},
+    {"save", serveSave},
+    {"records", serveRecords},
+    {"client", serveClient}};
 
 }  // namespace
 
+void serve(const std::map<std::string, Work>& works) {
+    std::string name;
+    for (std::size_t times = 0; std::cin >> name >> times;) {
+        const Work& work = works.at(name);
+        std::size_t done = 0;
+        const auto start = now();
+        for (std::size_t i = 0; i < times; ++i) {
+            done += work();
+        }
+        std::cout << start.count() << ' ' << now().count() << ' ' << done << std::endl;
+    }
+}
+
 void require(bool ok, const std::string& what) {
     if (!ok) {
-        throw CannotMeasure(what + ": " + std::generic_category().message(errno));
+        throw std::system_error(errno, std::generic_category(), what);
     }
-}
-
-void progress(const std::string& what) { std::cerr << "benchmarks: " << what << std::endl; }
-
-double medianOf(std::vector<double> values) {
-    const auto middle = values.begin() + std::ssize(values) / 2;
-    std::ranges::nth_element(values, middle);
-    return *middle;
-}
-
-void Run::add(const Row& row) {
-    const auto known = std::ranges::find(rows, row.what, &Row::what);
-    if (known == rows.end() || known->peer != row.peer) {
-        rows.push_back(row);
-        return;
-    }
-    known->ours.insert(known->ours.end(), row.ours.begin(), row.ours.end());
-    known->theirs.insert(known->theirs.end(), row.theirs.begin(), row.theirs.end());
-}
-
-void Run::compare(const std::string& what, const std::string& peer, std::size_t rounds,
-                  const Measure& ours, const Measure& theirs, std::optional<double> ratioAtMost) {
-    constexpr double longest = 20e6;
-    constexpr std::size_t fewest = 20;
-    const std::size_t most = isQuick ? rounds / 8 : rounds;
-    Row row{.what = what, .unit = "us", .peer = peer, .ratioAtMost = ratioAtMost};
-    double taken = 0;
-    for (std::size_t round = 0; round < most && (round < fewest || taken < longest); ++round) {
-        taken += microsecondsOf(1, [&] {
-            const bool oursFirst = round % 2 == 0;
-            const double first = oursFirst ? ours() : theirs();
-            const double second = oursFirst ? theirs() : ours();
-            row.ours.push_back(oursFirst ? first : second);
-            row.theirs.push_back(oursFirst ? second : first);
-        });
-    }
-    add(row);
 }
 
 }  // namespace halvo::benchmark
 
 int main(int count, char** arguments) {
-    using namespace halvo;
-    using namespace halvo::benchmark;
-    PrivateGroup::setAside();
+    halvo::PrivateGroup::setAside();
+    const std::vector<std::string> words(arguments, arguments + count);
     try {
-        const std::vector<std::string> words(arguments, arguments + count);
-        Run run{.build = words.at(1),
-                .isQuick = words.at(2) == "quick",
-                .person = idFromEnvironment("HALVO_UID"),
-                .socket = HelperBus::socketPath(HALVO_APP_BUNDLE_ID ".helper")};
-        if (!std::filesystem::read_symlink("/proc/self/exe").string().starts_with(run.bundle)) {
-            becomeTheApp(run.bundle, arguments);
-        }
-        // Lets the machine's other work wait, for this process and all that it starts, ours and
-        // peers alike. Where that is refused the rounds only differ more.
-        const sched_param lowest{.sched_priority = 1};
-        sched_setscheduler(0, SCHED_RR, &lowest);
-        for (const auto& [name, measure] : measurements) {
-            if (words.size() < 4 || words[3] == name) {
-                measure(run);
-            }
-        }
-        std::cout << report(run) << "\n";
+        halvo::benchmark::groups.at(words.at(1))({words.begin() + 2, words.end()});
     } catch (const std::exception& failure) {
-        std::cerr << "benchmarks: cannot measure: " << failure.what() << std::endl;
+        std::cerr << "Benchmark: " << failure.what() << std::endl;
         return EXIT_FAILURE;
     }
 }

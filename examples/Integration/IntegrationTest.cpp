@@ -2,18 +2,13 @@
 // Swift.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <array>
-#include <atomic>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
+#include <optional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "HalvoHelperCore/HelperEngine.hpp"
@@ -31,101 +26,88 @@
 namespace halvo::testing {
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 class IntegrationTest : public ::testing::Test {
   protected:
-    void TearDown() override {
-        if (program_.joinable()) {
-            pthread_kill(program_.native_handle(), SIGTERM);
-            program_.join();
-        }
-    }
-
-    // The program, from its first question on.
-    void start(int minutes) {
-        program_ = std::thread([this, minutes] {
-            // Before the program does: the end of a test must not end the tests.
-            endSignals();
-            isReady_ = true;
+    // The program, from its first question on, in a process of its own.
+    TestProcess start(long minutes) const {
+        return TestProcess(Start{.body = [this, minutes] {
             HelperClient client(path_);
-            status_ = run(client, "/Applications/A.app", minutes);
-        });
-        ASSERT_TRUE(eventually([this] { return isReady_.load(); }));
-    }
-
-    // Its exit status.
-    int end() {
-        program_.join();
-        return status_;
+            return ::run(client, "/Applications/A.app", minutes);
+        }});
     }
 
     TemporaryFolder folder_;
     std::string path_ = folder_ / "helper.sock";
-    std::atomic<bool> isReady_ = false;
-    int status_ = -1;
-    std::thread program_;
 };
 
-TEST_F(IntegrationTest, CommitsAndLeavesWhenItIsOver) {
-    const FakeHelper helper(path_, {Conduct::Answer});
-    start(5);
-    // Status, begin, status, and at least one heartbeat.
-    ASSERT_TRUE(eventually([&] { return helper.record().requests >= 4; }));
-    helper.record().yes = false;
-    EXPECT_EQ(end(), EX_OK);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
-    EXPECT_EQ(helper.record().connections, 1);
+TEST_F(IntegrationTest, CommitsAndStaysForAsLongAsTheHelperSays) {
+    struct Row {
+        long minutes;
+        // What the helper says at first; as long as it says yes, the app stays.
+        bool yes;
+        bool holding;
+        // Says no after that many requests; without, the program is told to end.
+        bool letsGo;
+        int requests;
+        int status;
+        std::string lastRequest;
+    };
+
+    const Row rows[] = {
+        // Status, begin, status, and at least one heartbeat.
+        {5, true, false, true, 4, EX_OK, "Heartbeat false"},
+        {5, false, false, true, 2, EXIT_FAILURE, "Begin /Applications/A.app"},
+        {0, false, false, true, 1, EX_OK, "Status"},
+        // Nothing new begins while something holds; and being told to end is no end of the session.
+        {5, true, true, false, 2, EX_OK, "Heartbeat false"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.lastRequest);
+        const FakeHelper helper(path_, {Conduct::Answer});
+        FakeHelper::Record& record = helper.record();
+        record.yes = row.yes;
+        record.holding = row.holding;
+        TestProcess program = start(row.minutes);
+        ASSERT_TRUE(eventually([&] { return record.requests >= row.requests; }));
+        if (row.letsGo) {
+            record.yes = false;
+        } else {
+            program.send(SIGTERM);
+        }
+        EXPECT_EQ(program.wait(), row.status) << program.output();
+        EXPECT_THAT(record.lastRequest.data(), StartsWith(row.lastRequest));
+        EXPECT_EQ(record.connections, 1);
+        EXPECT_EQ(record.begins, row.minutes > 0 && !row.holding ? 1 : 0);
+    }
 }
 
-TEST_F(IntegrationTest, CommitsForTheMinutesGivenAndTakesANo) {
+TEST_F(IntegrationTest, CommitsForTheMinutesGiven) {
     const FakeHelper helper(path_, {Conduct::Answer});
     helper.record().yes = false;
-    start(5);
-    EXPECT_EQ(end(), EXIT_FAILURE);
-    std::array<char, 64> path{};
+    start(5).wait();
     double until = 0;
     double started = 0;
-    ASSERT_EQ(std::sscanf(helper.record().lastRequest.data(), "Begin %63s %lf %lf", path.data(),
+    ASSERT_EQ(std::sscanf(helper.record().lastRequest.data(), "Begin /Applications/A.app %lf %lf",
                           &until, &started),
-              3);
-    EXPECT_STREQ(path.data(), "/Applications/A.app");
+              2);
     EXPECT_NEAR(until - started, 300, 0.001);
 }
 
-TEST_F(IntegrationTest, LeavesAtOnceWhenNothingHolds) {
-    const FakeHelper helper(path_, {Conduct::Answer});
-    start(0);
-    EXPECT_EQ(end(), EX_OK);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Status");
-    EXPECT_EQ(helper.record().requests, 1);
-}
-
-TEST_F(IntegrationTest, BeginsNothingNewWhileSomethingHoldsAndAnnouncesNoEnd) {
-    const FakeHelper helper(path_, {Conduct::Answer});
-    helper.record().holding = true;
-    start(5);
-    ASSERT_TRUE(eventually([&] { return helper.record().requests >= 2; }));
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
-    // Being told to end is no end of the session, which it would announce.
-    pthread_kill(program_.native_handle(), SIGTERM);
-    EXPECT_EQ(end(), EX_OK);
-    EXPECT_STREQ(helper.record().lastRequest.data(), "Heartbeat false");
-}
-
 TEST_F(IntegrationTest, StaysWhileTheHelperIsAway) {
-    auto helper = std::make_unique<FakeHelper>(path_, std::vector{Conduct::Answer});
+    std::optional<FakeHelper> helper(std::in_place, path_, std::vector{Conduct::Answer});
     helper->record().holding = true;
-    start(0);
+    TestProcess program = start(0);
     ASSERT_TRUE(eventually([&] { return helper->record().requests >= 2; }));
     helper.reset();
     // More than a heartbeat.
-    std::this_thread::sleep_for(3s);
-    helper = std::make_unique<FakeHelper>(path_, std::vector{Conduct::Answer});
+    sleepFor(Seconds{3});
+    helper.emplace(path_, std::vector{Conduct::Answer});
     helper->record().yes = false;
-    EXPECT_EQ(end(), EX_OK);
+    EXPECT_EQ(program.wait(), EX_OK);
     EXPECT_EQ(helper->record().requests, 1);
 }
 
@@ -170,70 +152,55 @@ std::vector<std::string> selectorsOf(const std::string& header) {
     return selectors;
 }
 
-// No compiler for Swift is at hand; that the names are those of the helper can be checked without.
-class GuideTest : public ::testing::Test {
-  protected:
-    const std::string text_ = readTestFile(HALVO_GUIDE);
-    const std::string swift_ = text_.substr(text_.find("\n```swift\n"),
-                                            text_.find("\n```cpp\n") - text_.find("\n```swift\n"));
-
-    // As digits, the way the text writes them.
-    static std::string wholeNumber(Seconds span) { return std::to_string(wholeSeconds(span)); }
-};
-
-TEST_F(GuideTest, NamesTheSelectorsOfTheProtocol) {
-    EXPECT_THAT(swift_, HasSubstr("@objc(HalvoHelperXPC)\nnonisolated protocol"));
-    const std::vector<std::string> selectors = selectorsOf(readTestFile(HALVO_XPC_PROTOCOL));
+// No compiler for Swift is at hand; that its names are those of the helper can be checked without.
+TEST(GuideTest, NamesWhatTheHelperHas) {
+    using Timing = HelperEngine::Timing;
+    const auto digits = [](Seconds span) { return std::to_string(wholeSeconds(span)); };
+    const std::string text = readTestFile(HALVO_GUIDE);
+    const auto start = text.find("\n```swift\n");
+    const std::string swift = text.substr(start, text.find("\n```cpp\n") - start);
+    const HelperIdentity identity{"\\#(appBundleID)", "\\#(teamID)"};
+    const std::string helper = HelperIdentity{"\\(appBundleID)", ""}.helperBundleID();
+    const std::string relaunch = LaunchReason::relaunchArgument;
+    std::vector<std::string> inSwift{
+        "@objc(HalvoHelperXPC)\nnonisolated protocol",
+        // What the helper is signed with.
+        "#\"" + identity.helperRequirement() + "\"#",
+        std::string("forInfoDictionaryKey: \"") + HelperIdentity::teamKey + "\"",
+        "machService = \"" + helper + "\"\n",
+        "launchdPlist = \"" + helper + ".plist\"\n",
+        "[\"" + relaunch.substr(1) + "\"] as? String == \"YES\"",
+        "let deadline = ContinuousClock.now + .seconds(5)\n",
+        "Task.sleep(for: .seconds(" + digits(Timing::sessionEndGrace) + "))",
+        "beat = Duration.seconds(" + std::to_string(beat) + ")",
+    };
+    const auto selectors = selectorsOf(readTestFile(HALVO_XPC_PROTOCOL));
     EXPECT_THAT(selectors, ElementsAre("beginWithAppPath:until:started:reply:",
                                        "heartbeatWithSessionEnding:reply:", "endWithReply:",
                                        "statusWithReply:"));
     for (const std::string& selector : selectors) {
-        EXPECT_THAT(swift_, HasSubstr("@objc(" + selector + ")\n    func "));
+        inSwift.push_back("@objc(" + selector + ")\n    func ");
     }
-}
-
-TEST_F(GuideTest, DemandsOfTheHelperWhatItIsSignedWith) {
-    const HelperIdentity identity{"\\#(appBundleID)", "\\#(teamID)"};
-    EXPECT_THAT(swift_, HasSubstr("#\"" + identity.helperRequirement() + "\"#"));
-    EXPECT_THAT(swift_, HasSubstr(std::string("forInfoDictionaryKey: \"") +
-                                  HelperIdentity::teamKey + "\""));
-    const HelperIdentity plain{"\\(appBundleID)", ""};
-    EXPECT_THAT(swift_, HasSubstr("machService = \"" + plain.helperBundleID() + "\"\n"));
-    EXPECT_THAT(swift_, HasSubstr("launchdPlist = \"" + plain.helperBundleID() + ".plist\"\n"));
-}
-
-TEST_F(GuideTest, DemandsItBeforeTheConnectionIsResumed) {
-    const auto demanded = swift_.find(".setCodeSigningRequirement(HelperNames.requirement)");
-    ASSERT_NE(demanded, std::string::npos);
-    EXPECT_LT(demanded, swift_.find(".resume()\n"));
-}
-
-TEST_F(GuideTest, SendsABeginOverTheConnectionOfItsStatusWithinTheirDeadline) {
-    EXPECT_THAT(swift_, HasSubstr("let deadline = ContinuousClock.now + .seconds(5)\n"));
-    const auto status = swift_.find("await askStatus(over: which, before: deadline)");
-    const auto begin = swift_.find("await ask(over: which, before: deadline)");
-    ASSERT_NE(begin, std::string::npos);
-    EXPECT_LT(status, begin);
-    const auto look = swift_.find("if ContinuousClock.now >= deadline {\n");
-    ASSERT_NE(look, std::string::npos);
-    EXPECT_LT(look, swift_.find("request(helper, once)\n"));
-}
-
-TEST_F(GuideTest, ReadsTheArgumentOfARelaunch) {
-    const std::string argument = LaunchReason::relaunchArgument;
-    EXPECT_THAT(text_, HasSubstr("`" + argument + " YES`"));
-    EXPECT_THAT(swift_, HasSubstr("[\"" + argument.substr(1) + "\"] as? String == \"YES\""));
-}
-
-TEST_F(GuideTest, KeepsToTheTimesOfTheEngine) {
-    using Timing = HelperEngine::Timing;
-    const std::string grace = wholeNumber(Timing::sessionEndGrace);
-    EXPECT_THAT(swift_, HasSubstr("Task.sleep(for: .seconds(" + grace + "))"));
-    EXPECT_THAT(text_, HasSubstr("for " + grace + " seconds after"));
-    EXPECT_THAT(text_, HasSubstr("after " + wholeNumber(Timing::silence) + " seconds without one"));
-    EXPECT_THAT(text_, HasSubstr("every " + wholeNumber(Timing::reopenGap) + " seconds"));
+    for (const std::string& part : inSwift) {
+        EXPECT_THAT(swift, HasSubstr(part));
+    }
+    for (const std::string& part :
+         {"`" + relaunch + " YES`", "for " + digits(Timing::sessionEndGrace) + " seconds after",
+          "after " + digits(Timing::silence) + " seconds without one",
+          "every " + digits(Timing::reopenGap) + " seconds"}) {
+        EXPECT_THAT(text, HasSubstr(part));
+    }
     EXPECT_LE(Seconds{beat} * 3, Timing::silence);
-    EXPECT_THAT(swift_, HasSubstr("beat = Duration.seconds(" + std::to_string(beat) + ")"));
+    // The requirement is set before the connection is used, a begin follows its status over the
+    // same connection, and the deadline is looked at before it is sent.
+    for (const auto& [first, second] :
+         {std::pair{".setCodeSigningRequirement(HelperNames.requirement)", ".resume()\n"},
+          {"await askStatus(over: which, before: deadline)",
+           "await ask(over: which, before: deadline)"},
+          {"if ContinuousClock.now >= deadline {\n", "request(helper, once)\n"}}) {
+        ASSERT_THAT(swift, HasSubstr(second));
+        EXPECT_LT(swift.find(first), swift.find(second)) << first;
+    }
 }
 
 }  // namespace
