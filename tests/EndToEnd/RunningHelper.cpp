@@ -1,11 +1,8 @@
 #include "tests/EndToEnd/RunningHelper.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/ptrace.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -64,7 +61,7 @@ RunningHelper::~RunningHelper() {
 
 void RunningHelper::checkLog() const {
     for (const std::string& line : linesOf(process_.output())) {
-        // A sanitizer's remark on the memory that withMemory() does not grant.
+        // A sanitizer's remark on memory that is not granted.
         const bool expected =
             isSanitized && line.find("Sanitizer failed to allocate") != std::string::npos;
         EXPECT_TRUE(line.starts_with(logPrefix) || expected) << "the helper said: " << line;
@@ -122,37 +119,6 @@ Memory RunningHelper::memory() const {
     }
     EXPECT_GT(memory.resident, 0) << path;
     return memory;
-}
-
-Seconds RunningHelper::processorTime() const {
-    // After the name, which may hold anything and ends with ")", the times are words 12 and 13.
-    const std::string stat = readTestFile("/proc/" + std::to_string(process_.pid()) + "/stat");
-    std::istringstream words(stat.substr(stat.rfind(')') + 1));
-    const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
-    const double ticks = std::stod(fields.at(11)) + std::stod(fields.at(12));
-    return Seconds{ticks / static_cast<double>(sysconf(_SC_CLK_TCK))};
-}
-
-Start withMemory(unsigned long long mebibytes) {
-    if (isSanitized) {
-        // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
-        return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
-                                std::to_string(mebibytes)}};
-    }
-    return {.prepare = [bytes = mebibytes << 20U] {
-        const rlimit bound{bytes, bytes};
-        if (setrlimit(RLIMIT_DATA, &bound) != 0) {
-            _exit(1);
-        }
-    }};
-}
-
-Start withoutCapability(int capability) {
-    return {.prepare = [capability] {
-        if (prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) {
-            _exit(1);
-        }
-    }};
 }
 
 Stepper::Stepper(TestProcess& process) : process_(process) {

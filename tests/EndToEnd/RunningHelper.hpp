@@ -60,8 +60,6 @@ class RunningHelper {
 
     [[nodiscard]] std::size_t descriptors() const;
     [[nodiscard]] Memory memory() const;
-    // Spent in the program and in the kernel.
-    [[nodiscard]] Seconds processorTime() const;
 
   private:
     void checkLog() const;
@@ -72,12 +70,6 @@ class RunningHelper {
 // Whether the process, which runs the helper's program, serves: the helper takes SIGTERM into its
 // own hands as the last thing before its timer.
 bool serves(pid_t helper);
-
-// A start with so much memory and no more.
-Start withMemory(unsigned long long mebibytes);
-
-// A start without the capability, and without any way to get it.
-Start withoutCapability(int capability);
 
 // Whether the helper was built with a sanitizer, which takes memory of its own.
 constexpr bool isSanitized = HALVO_IS_SANITIZED;
