@@ -1,6 +1,6 @@
 // How the helper starts and ends. What keeps it from starting is held by the tests of its entry, of
-// the listener and of the Info.plist; what it takes up again by those of the engine, by KillTest, and
-// by those of the service on a booted machine.
+// the listener and of the Info.plist; what it takes up again by those of the engine, by KillTest,
+// and by those of the service on a booted machine.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,5 +1,6 @@
 // What the person at the console may try to pass for the app, as far as it takes file systems and
-// namespaces of their own, or the app itself; each rule by itself is held by the tests of CallerRules.
+// namespaces of their own, or the app itself; each rule by itself is held by the tests of
+// CallerRules.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// What of the stand-ins would let tests of the macOS layer pass where it fails; what would make them
-// fail needs no test here.
+// What of the stand-ins would let tests of the macOS layer pass where it fails; what would make
+// them fail needs no test here.
 #import <Foundation/Foundation.h>
 #include <dispatch/dispatch.h>
 #include <gtest/gtest.h>

@@ -275,10 +275,15 @@ int show(const char* word, sd_bus_message* call) {
 int begin(const Words& words, double offset) {
     std::filesystem::path app = words.at(0);
     if (app == ".") {
-        app = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path();
+        app = std::filesystem::read_symlink("/proc/self/exe")
+                  .parent_path()
+                  .parent_path()
+                  .parent_path();
     }
     // Takes what std::stod() would refuse: numbers that are too large or too small.
-    const auto date = [&](std::size_t i) { return offset + std::strtod(words.at(i).c_str(), nullptr); };
+    const auto date = [&](std::size_t i) {
+        return offset + std::strtod(words.at(i).c_str(), nullptr);
+    };
     return show("begin", newCall(connect(), "Begin", "sdd", app.c_str(), date(1), date(2)));
 }
 
@@ -291,7 +296,8 @@ sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
     const std::string begin = "begin=";
     if (request.starts_with(begin)) {
         const double started = now();
-        return newCall(bus, "Begin", "sdd", request.c_str() + begin.size(), started + 3600, started);
+        return newCall(bus, "Begin", "sdd", request.c_str() + begin.size(), started + 3600,
+                       started);
     }
     return request == "heartbeat" ? newCall(bus, "Heartbeat", "b", 0)
                                   : newCall(bus, request == "end" ? "End" : "Status");
@@ -311,7 +317,8 @@ int ask(const Words& requests) {
     sd_bus* bus = connect();
     for (const std::string& request : requests) {
         if (request.starts_with('~')) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(request.substr(1))));
+            std::this_thread::sleep_for(
+                std::chrono::duration<double>(std::stod(request.substr(1))));
             continue;
         }
         sd_bus_error error{};
@@ -336,8 +343,7 @@ int flood(int count) {
     // Without one that is asked for, sd_bus_send(3) wants no reply.
     std::uint64_t cookie = 0;
     while (count-- > 0) {
-        if (sd_bus_send(bus, newCall(bus, "Status"), &cookie) < 0 ||
-            sd_bus_flush(bus) < 0) {
+        if (sd_bus_send(bus, newCall(bus, "Status"), &cookie) < 0 || sd_bus_flush(bus) < 0) {
             throw Failure{"disconnected", EX_PROTOCOL};
         }
     }
@@ -412,9 +418,7 @@ const std::map<std::string, Command> commands{
     {"--socket", at(run)},
 };
 
-int run(const Words& words) {
-    return commands.at(words.at(0))({words.begin() + 1, words.end()});
-}
+int run(const Words& words) { return commands.at(words.at(0))({words.begin() + 1, words.end()}); }
 
 }  // namespace
 
