@@ -32,7 +32,7 @@ class CrowdTest : public ::testing::Test {
             ASSERT_EQ(world.ask({"status"}).status, Reply::no);
         }
         // Nobody for whom the app would be opened, which takes a place and asks, too.
-        world.console({"nobody"});
+        world.leaveConsole();
         sleepFor(Seconds{0.5});
         descriptorsBefore = helper.descriptors();
         memoryBefore = helper.memory();

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -41,7 +42,7 @@ void fill(const std::string& folder) {
 TEST_F(DiskTest, ThatIsFullLocksNothingAndIsTriedAgainEveryMinute) {
     const std::string couldNotSave =
         "error: Couldn't save the state: " + Place::stateFile + ": No space left on device";
-    const Mount disk(Place::support, "size=64k");
+    ASSERT_EQ(mount("test", Place::support.c_str(), "tmpfs", 0, "size=64k"), 0);
     fill(Place::support);
     RunningHelper helper;
     // Held and told, though each of the two saves failed: nothing is locked that a crash could
@@ -72,6 +73,7 @@ TEST_F(DiskTest, ThatIsFullLocksNothingAndIsTriedAgainEveryMinute) {
     EXPECT_TRUE(isLocked());
     EXPECT_EQ(world.end(), Reply::yes);
     EXPECT_FALSE(exists(Place::stateFolder));
+    umount2(Place::support.c_str(), MNT_DETACH);
 }
 
 TEST_F(DiskTest, WithoutTheRightToLockHolds) {

@@ -22,7 +22,7 @@ namespace {
 
 class KillTest : public ::testing::Test {
   protected:
-    void SetUp() override { world.console({"nobody"}); }
+    void SetUp() override { world.leaveConsole(); }
 
     // What must be so whenever no helper runs.
     [[nodiscard]] std::optional<State> expectConsistent() const {

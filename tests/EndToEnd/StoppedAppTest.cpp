@@ -58,7 +58,7 @@ class StoppedApp {
 class StoppedAppTest : public ::testing::Test {
   protected:
     // Nobody for whom the app would be opened.
-    void SetUp() override { world.console({"nobody"}); }
+    void SetUp() override { world.leaveConsole(); }
 
     // Ten, half of them at either place.
     std::list<StoppedApp> stopTen() {
