@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <vector>
@@ -79,6 +78,7 @@ class EmptyManager {
         EXPECT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
         EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
         process_.emplace(Start{.body = [&] {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             // systemd-run(1) wants to know which process listens, and of one that is not in the
             // machine the kernel does not tell.
             const Descriptor inside(open(processes.c_str(), O_RDONLY | O_CLOEXEC));

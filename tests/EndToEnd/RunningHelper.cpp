@@ -56,10 +56,6 @@ RunningHelper::~RunningHelper() {
         constexpr int holding = 75;
         EXPECT_TRUE(status == 0 || status == holding) << "the helper ended with " << status;
     }
-    checkLog();
-}
-
-void RunningHelper::checkLog() const {
     for (const std::string& line : linesOf(process_.output())) {
         // A sanitizer's remark on memory that is not granted.
         const bool expected =
@@ -73,9 +69,8 @@ int RunningHelper::terminate() {
     return process_.wait();
 }
 
-const std::string RunningHelper::started = std::string("Halvo helper ") + version + " started";
-
 std::vector<std::string> RunningHelper::log() const {
+    const std::string started = std::string("Halvo helper ") + version + " started";
     std::vector<std::string> lines;
     for (const std::string& line : linesOf(process_.output())) {
         const bool isOurs = line.starts_with(logPrefix);
@@ -101,24 +96,6 @@ std::size_t RunningHelper::descriptors() const {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(process_.pid()) +
                                                   "/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
-Memory RunningHelper::memory() const {
-    Memory memory;
-    const std::string path = "/proc/" + std::to_string(process_.pid()) + "/smaps_rollup";
-    for (const std::string& line : linesOf(readTestFile(path))) {
-        std::istringstream words(line);
-        std::string name;
-        long kibibytes = 0;
-        words >> name >> kibibytes;
-        if (name == "Rss:") {
-            memory.resident = kibibytes;
-        } else if (name == "Private_Clean:" || name == "Private_Dirty:") {
-            memory.unshared += kibibytes;
-        }
-    }
-    EXPECT_GT(memory.resident, 0) << path;
-    return memory;
 }
 
 Stepper::Stepper(TestProcess& process) : process_(process) {

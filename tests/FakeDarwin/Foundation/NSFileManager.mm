@@ -17,9 +17,8 @@
     const fake::World& world = fake::world();
     const std::string name = fake::textOf(group);
     const auto found = world.groupContainers.find(name);
-    const std::string path = found == world.groupContainers.end()
-                                 ? "/proc/Group Containers/" + name
-                                 : found->second;
+    const std::string path =
+        found == world.groupContainers.end() ? "/proc/Group Containers/" + name : found->second;
     return [NSURL fileURLWithPath:fake::stringOf(path)];
 }
 
