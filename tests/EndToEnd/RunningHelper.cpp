@@ -12,7 +12,6 @@
 #include <string_view>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
