@@ -56,7 +56,7 @@ TEST_F(DiskTest, ThatIsFullLocksNothingAndIsTriedAgainEveryMinute) {
     EXPECT_TRUE(told.holding);
     EXPECT_FALSE(told.locked);
     EXPECT_FALSE(isLocked());
-    EXPECT_EQ(world.heartbeat(), Reply::yes);
+    EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::yes);
     EXPECT_TRUE(fs::is_empty(Place::stateFolder)) << "half a file was left";
 
     fs::remove(Place::support + "/filler");

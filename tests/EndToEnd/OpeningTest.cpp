@@ -6,7 +6,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <array>
@@ -31,7 +30,6 @@ namespace fs = std::filesystem;
 
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";

@@ -2,7 +2,6 @@
 // the listener and of the Info.plist; what it takes up again by those of the engine, by KillTest,
 // and by those of the service on a booted machine.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/Limits.hpp"
 #include "tests/EndToEnd/RunningHelper.hpp"
 #include "tests/EndToEnd/World.hpp"
 

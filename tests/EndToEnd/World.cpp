@@ -120,12 +120,10 @@ TestProcess World::startApp() const {
     return TestProcess({.words = {Place::appExecutable}, .person = user});
 }
 
-int World::begin(Seconds span, std::optional<uid_t> person) const {
-    return ask({"begin", ".", text(span.count()), "0"}, person).status;
-}
+int World::begin(Seconds span) const { return ask({"begin", ".", text(span.count()), "0"}).status; }
 
-Told World::status(std::optional<uid_t> person) const {
-    const ChildResult answer = ask({"status"}, person);
+Told World::status() const {
+    const ChildResult answer = ask({"status"});
     Told told;
     std::istringstream words(answer.output);
     std::string word;
