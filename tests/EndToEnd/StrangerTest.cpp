@@ -1,6 +1,5 @@
-// What the person at the console may try to pass for the app, as far as it takes file systems and
-// namespaces of their own, or the app itself; each rule by itself is held by the tests of
-// CallerRules.
+// Attacks on the admission of callers that need file systems or namespaces of one's own, or the app
+// itself. The rules one by one are tested by CallerRulesTest.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

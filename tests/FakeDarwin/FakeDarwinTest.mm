@@ -1,5 +1,4 @@
-// What of the stand-ins would let tests of the macOS layer pass where it fails; what would make
-// them fail needs no test here.
+// Tests of the stand-ins whose failure would let tests of the macOS layer pass unnoticed.
 #import <Foundation/Foundation.h>
 #include <dispatch/dispatch.h>
 #include <gtest/gtest.h>

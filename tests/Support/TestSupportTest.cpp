@@ -1,4 +1,4 @@
-// What would let other tests pass where it fails; what would make them fail needs no test here.
+// Tests of the test facilities whose failure would let other tests pass unnoticed.
 
 #include <fcntl.h>
 #include <gtest/gtest-spi.h>
