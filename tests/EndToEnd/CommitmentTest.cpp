@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,59 @@ TEST_F(CommitmentTest, KeepsRootItselfFromMovingTheApp) {
 
     ASSERT_EQ(world.end(), Reply::yes);
     EXPECT_EQ(rename(Place::app.c_str(), moved.c_str()), 0);
+}
+
+TEST_F(CommitmentTest, IsLetGoAtTheFirstTickAfterItsDeadline) {
+    const Seconds begun = timeNow();
+    ASSERT_EQ(world.begin(Seconds{5}), Reply::yes);
+    EXPECT_TRUE(isLocked());
+    EXPECT_TRUE(helper.says("Ultra Hard mode let go: deadline", Seconds{15}));
+    EXPECT_THAT((timeNow() - begun).count(), AllOf(Ge(5), Le(9)));
+    EXPECT_TRUE(eventually(Seconds{1}, [] { return !exists(Place::stateFolder); }));
+    EXPECT_FALSE(isLocked());
+    EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::no);
+}
+
+TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    for (int times = 1; times <= 2; ++times) {
+        setLockedByHand(false);
+        const Seconds cleared = timeNow();
+        EXPECT_TRUE(eventually(Seconds{10}, [] { return isLocked(); }));
+        EXPECT_LT(timeNow() - cleared, Seconds{3});
+        EXPECT_TRUE(eventually(Seconds{1},
+                               [&] { return helper.count("Locked Halvo's app again") == times; }));
+    }
+}
+
+TEST_F(CommitmentTest, BelongsToOnePerson) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    EXPECT_EQ(world.begin(Seconds{1200}, world.other), Reply::no);
+    EXPECT_EQ(helper.count("error: Refused a begin while another person's Ultra Hard mode runs"),
+              1);
+    EXPECT_EQ(world.ask({"end"}, world.other).status, Reply::no);
+    EXPECT_EQ(world.ask({"heartbeat"}, world.other).status, Reply::no);
+    EXPECT_FALSE(world.status(world.other).holding);
+    EXPECT_TRUE(world.status().holding);
+    EXPECT_TRUE(isLocked());
+    ASSERT_EQ(world.end(), Reply::yes);
+    EXPECT_EQ(world.begin(Seconds{600}, world.other), Reply::yes);
+    EXPECT_EQ(world.state()->uid, world.other);
+}
+
+TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnlyByWhateverPath) {
+    world.installApp(Place::applications + "/Other.app");
+    for (const char* path : {"/Applications/Other.app", "/Applications/Missing.app", "",
+                             "Halvo.app", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
+        const ChildResult answer = world.ask({"begin", path, "600", "0"});
+        EXPECT_EQ(answer.status, Reply::no) << path << ": " << answer.output;
+    }
+    EXPECT_FALSE(isLocked("/Applications/Other.app"));
+    EXPECT_FALSE(exists(Place::stateFolder));
+    std::filesystem::create_directory_symlink(Place::applications, "/tmp/Apps");
+    EXPECT_EQ(world.ask({"begin", "/tmp//Apps/./Halvo.app/", "600", "0"}).status, Reply::yes);
+    EXPECT_EQ(world.state()->appPath, Place::app);
+    std::filesystem::remove("/tmp/Apps");
 }
 
 using RequestTest = CommitmentTest;

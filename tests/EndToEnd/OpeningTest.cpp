@@ -114,6 +114,16 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     })) << inherited;
 }
 
+TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    TestProcess app = world.startApp();
+    // It gave a sign of life; then it is quit.
+    sleepFor(Seconds{3});
+    app.kill();
+    EXPECT_THAT(processWords(waitForApp()),
+                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
+}
+
 TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();

@@ -120,10 +120,12 @@ TestProcess World::startApp() const {
     return TestProcess({.words = {Place::appExecutable}, .person = user});
 }
 
-int World::begin(Seconds span) const { return ask({"begin", ".", text(span.count()), "0"}).status; }
+int World::begin(Seconds span, std::optional<uid_t> person) const {
+    return ask({"begin", ".", text(span.count()), "0"}, person).status;
+}
 
-Told World::status() const {
-    const ChildResult answer = ask({"status"});
+Told World::status(std::optional<uid_t> person) const {
+    const ChildResult answer = ask({"status"}, person);
     Told told;
     std::istringstream words(answer.output);
     std::string word;

@@ -102,12 +102,12 @@ class World {
     [[nodiscard]] TestProcess startApp() const;
 
     // The exit status of a begin for the app, from now until `span` from now.
-    [[nodiscard]] int begin(Seconds span) const;
+    [[nodiscard]] int begin(Seconds span, std::optional<uid_t> person = {}) const;
 
     [[nodiscard]] int end() const { return ask({"end"}).status; }
 
     // Fails the test when there is no reply.
-    [[nodiscard]] Told status() const;
+    [[nodiscard]] Told status(std::optional<uid_t> person = {}) const;
 
     // What the state file holds. Nothing when there is none; fails the test when it is not whole.
     [[nodiscard]] std::optional<State> state() const;
