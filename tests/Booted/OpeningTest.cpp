@@ -7,13 +7,12 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,35 +77,23 @@ class EmptyManager {
         const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
         EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
-        process_ = fork();
-        if (process_ == 0) {
+        process_.emplace(Start{.body = [&] {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             // systemd-run(1) wants to know which process listens, and of one that is not in the
             // machine the kernel does not tell.
             const Descriptor inside(open(processes.c_str(), O_RDONLY | O_CLOEXEC));
-            if (setns(inside.get(), CLONE_NEWPID) != 0) {
-                _exit(EXIT_FAILURE);
-            }
-            if (fork() != 0) {
-                wait(nullptr);
-                _exit(EXIT_FAILURE);
-            }
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            listen(listener.get(), 16);
-            sd_event* loop = nullptr;
-            sd_event_default(&loop);
-            sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve,
-                            acceptsStarts ? &acceptsStarts : nullptr);
-            _exit(sd_event_loop(loop));
-        }
-    }
-
-    EmptyManager(const EmptyManager&) = delete;
-    EmptyManager& operator=(const EmptyManager&) = delete;
-
-    ~EmptyManager() {
-        EXPECT_EQ(kill(process_, SIGKILL), 0);
-        EXPECT_EQ(waitpid(process_, nullptr, 0), process_);
+            EXPECT_EQ(setns(inside.get(), CLONE_NEWPID), 0);
+            TestProcess manager({.body = [&] {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                listen(listener.get(), 16);
+                sd_event* loop = nullptr;
+                sd_event_default(&loop);
+                sd_event_add_io(loop, nullptr, listener.get(), EPOLLIN, serve,
+                                acceptsStarts ? &acceptsStarts : nullptr);
+                return sd_event_loop(loop);
+            }});
+            return manager.wait(Seconds{3600});
+        }});
     }
 
   private:
@@ -129,7 +116,7 @@ class EmptyManager {
         return sd_bus_attach_event(bus, sd_event_source_get_event(source), 0);
     }
 
-    pid_t process_ = -1;
+    std::optional<TestProcess> process_;
 };
 
 // What a person can do to keep their own manager from starting the app.

@@ -193,8 +193,7 @@ TEST_F(Restart, StartsNoHelperWhenNothingIsHeld) {
     EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
-// That the machine is one: what the other tests stand on.
-
+// What the tests of restarts stand on.
 TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
     BootedMachine machine;
     const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
@@ -206,27 +205,6 @@ TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
     // The start is known to a second.
     EXPECT_LE(sinceBoot(), (timeNow() - before).count() + 1);
     EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
-    // Process 1 counts by it too.
-    const Seconds timer = timeNow();
-    machine.sh(
-        "systemd-run --quiet --on-boot=8s --timer-property=AccuracySec=100ms touch /root/soon");
-    EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.exists("/root/soon"); }));
-    EXPECT_GE(sinceBoot(), 8);
-    EXPECT_LT(timeNow() - timer, Seconds{30});
-}
-
-TEST(BootedMachineTest, KeepsFilesAndJournalOverARestartAndAPowerCut) {
-    BootedMachine machine;
-    machine.write("/root/kept", "yes");
-    machine.sh("logger --id=1 first && journalctl --sync");
-    machine.restart();
-    // Or the power goes before anything of this start is on the disk.
-    machine.sh("journalctl --flush && journalctl --sync");
-    machine.cutPower();
-    machine.switchOn();
-    EXPECT_EQ(machine.read("/root/kept"), "yes");
-    EXPECT_NE(machine.sh("journalctl --list-boots --no-pager").find(" -2 "), std::string::npos);
-    EXPECT_EQ(machine.journal({"--boot=-2", "MESSAGE=first"}).size(), 1U);
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
-// What a commitment does, from its begin to its end. The rules themselves are held by the tests of
-// the engine, of the connection and of the store: here each is seen once where all of it is real.
+// A commitment from its begin to its end. The rules are held by the tests of the engine, of the
+// connection and of the store: here they are seen together where all of it is real.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -20,10 +18,7 @@
 namespace halvo::testing {
 namespace {
 
-namespace fs = std::filesystem;
-
 using ::testing::AllOf;
-using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::Le;
 
@@ -33,7 +28,7 @@ class CommitmentTest : public ::testing::Test {
     RunningHelper helper;
 };
 
-TEST_F(CommitmentTest, IsHeldSavedAndLocked) {
+TEST_F(CommitmentTest, IsHeldSavedAndLockedUntilItIsLetGo) {
     const Told before = world.status();
     EXPECT_FALSE(before.holding);
     EXPECT_EQ(before.until, std::nullopt);
@@ -48,13 +43,6 @@ TEST_F(CommitmentTest, IsHeldSavedAndLocked) {
     EXPECT_NEAR(after.until.value_or(0), asked + 600, 5);
     EXPECT_TRUE(isLocked());
 
-    EXPECT_EQ(modeOf(Place::stateFolder), 0700);
-    EXPECT_EQ(modeOf(Place::stateFile), 0600);
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(Place::stateFolder)) {
-        names.push_back(entry.path().filename());
-    }
-    EXPECT_THAT(names, ElementsAre("commitment.json"));
     const auto state = world.state();
     ASSERT_TRUE(state);
     EXPECT_EQ(state->appPath, Place::app);
@@ -63,6 +51,12 @@ TEST_F(CommitmentTest, IsHeldSavedAndLocked) {
     EXPECT_THAT(state->remaining, AllOf(Ge(595), Le(600)));
     EXPECT_THAT(state->capRemaining, AllOf(Ge(86395), Le(86400)));
     EXPECT_TRUE(state->locked);
+
+    EXPECT_EQ(world.end(), Reply::yes);
+    EXPECT_EQ(helper.count("Ultra Hard mode let go: ended"), 1);
+    EXPECT_FALSE(world.status().holding);
+    EXPECT_FALSE(isLocked());
+    EXPECT_FALSE(exists(Place::stateFolder));
 }
 
 TEST_F(CommitmentTest, KeepsRootItselfFromMovingTheApp) {
@@ -80,17 +74,6 @@ TEST_F(CommitmentTest, KeepsRootItselfFromMovingTheApp) {
     EXPECT_EQ(rename(Place::app.c_str(), moved.c_str()), 0);
 }
 
-TEST_F(CommitmentTest, IsLetGoByAnEnd) {
-    EXPECT_EQ(world.end(), Reply::no);
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_EQ(world.end(), Reply::yes);
-    EXPECT_EQ(helper.count("Ultra Hard mode let go: ended"), 1);
-    EXPECT_FALSE(world.status().holding);
-    EXPECT_FALSE(isLocked());
-    EXPECT_FALSE(exists(Place::stateFolder));
-    EXPECT_EQ(world.end(), Reply::no);
-}
-
 TEST_F(CommitmentTest, IsLetGoAtTheFirstTickAfterItsDeadline) {
     const Seconds begun = timeNow();
     ASSERT_EQ(world.begin(Seconds{5}), Reply::yes);
@@ -99,42 +82,7 @@ TEST_F(CommitmentTest, IsLetGoAtTheFirstTickAfterItsDeadline) {
     EXPECT_THAT((timeNow() - begun).count(), AllOf(Ge(5), Le(9)));
     EXPECT_TRUE(eventually(Seconds{1}, [] { return !exists(Place::stateFolder); }));
     EXPECT_FALSE(isLocked());
-    EXPECT_FALSE(world.status().holding);
-    EXPECT_EQ(world.heartbeat(), Reply::no);
-}
-
-TEST_F(CommitmentTest, BelongsToOnePerson) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_EQ(world.begin(Seconds{1200}, world.other), Reply::no);
-    EXPECT_EQ(helper.count("error: Refused a begin while another person's Ultra Hard mode runs"),
-              1);
-    EXPECT_EQ(world.ask({"end"}, world.other).status, Reply::no);
-    EXPECT_EQ(world.ask({"heartbeat"}, world.other).status, Reply::no);
-    EXPECT_FALSE(world.status(world.other).holding);
-    EXPECT_TRUE(world.status().holding);
-    EXPECT_EQ(world.state()->uid, world.user);
-    EXPECT_TRUE(isLocked());
-    ASSERT_EQ(world.end(), Reply::yes);
-    EXPECT_EQ(world.begin(Seconds{600}, world.other), Reply::yes);
-    EXPECT_EQ(world.state()->uid, world.other);
-}
-
-TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnly) {
-    world.installApp(Place::applications + "/Other.app");
-    for (const char* path : {"/Applications/Other.app", "/Applications/Missing.app", "/", "",
-                             "Halvo.app", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
-        const ChildResult answer = world.ask({"begin", path, "600", "0"});
-        EXPECT_EQ(answer.status, Reply::no) << path << ": " << answer.output;
-    }
-    EXPECT_EQ(helper.count("error: Refused a begin for a bundle that isn't the caller's own"), 6);
-    EXPECT_FALSE(isLocked("/Applications/Other.app"));
-    EXPECT_FALSE(exists(Place::stateFolder));
-
-    // By whatever path it is named.
-    fs::create_directory_symlink(Place::applications, "/tmp/Apps");
-    EXPECT_EQ(world.ask({"begin", "/tmp//Apps/./Halvo.app/", "600", "0"}).status, Reply::yes);
-    EXPECT_EQ(world.state()->appPath, Place::app);
-    fs::remove("/tmp/Apps");
+    EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::no);
 }
 
 TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
@@ -149,9 +97,37 @@ TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
     }
 }
 
-// What no app asks.
+TEST_F(CommitmentTest, BelongsToOnePerson) {
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    EXPECT_EQ(world.begin(Seconds{1200}, world.other), Reply::no);
+    EXPECT_EQ(helper.count("error: Refused a begin while another person's Ultra Hard mode runs"),
+              1);
+    EXPECT_EQ(world.ask({"end"}, world.other).status, Reply::no);
+    EXPECT_EQ(world.ask({"heartbeat"}, world.other).status, Reply::no);
+    EXPECT_FALSE(world.status(world.other).holding);
+    EXPECT_TRUE(world.status().holding);
+    EXPECT_TRUE(isLocked());
+    ASSERT_EQ(world.end(), Reply::yes);
+    EXPECT_EQ(world.begin(Seconds{600}, world.other), Reply::yes);
+    EXPECT_EQ(world.state()->uid, world.other);
+}
 
-class RequestTest : public CommitmentTest {};
+TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnlyByWhateverPath) {
+    world.installApp(Place::applications + "/Other.app");
+    for (const char* path : {"/Applications/Other.app", "/Applications/Missing.app", "",
+                             "Halvo.app", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
+        const ChildResult answer = world.ask({"begin", path, "600", "0"});
+        EXPECT_EQ(answer.status, Reply::no) << path << ": " << answer.output;
+    }
+    EXPECT_FALSE(isLocked("/Applications/Other.app"));
+    EXPECT_FALSE(exists(Place::stateFolder));
+    std::filesystem::create_directory_symlink(Place::applications, "/tmp/Apps");
+    EXPECT_EQ(world.ask({"begin", "/tmp//Apps/./Halvo.app/", "600", "0"}).status, Reply::yes);
+    EXPECT_EQ(world.state()->appPath, Place::app);
+    std::filesystem::remove("/tmp/Apps");
+}
+
+using RequestTest = CommitmentTest;
 
 TEST_F(RequestTest, MustHaveFiniteDatesAndAStartThatCanBeCounted) {
     const std::string notFinite = " is not a finite number";
@@ -174,19 +150,6 @@ TEST_F(RequestTest, MustHaveFiniteDatesAndAStartThatCanBeCounted) {
     EXPECT_FALSE(exists(Place::stateFolder));
     EXPECT_EQ(helper.count("Holding*"), 0);
     EXPECT_EQ(helper.count("error: Refused a begin for a bundle that isn't the caller's own"), 4);
-}
-
-TEST_F(RequestTest, IsAnsweredOnAConnectionThatHadAnErrorBefore) {
-    const ChildResult answer = world.ask(
-        {"talk", "Status", "Begin:udd", "End:b", "Missing", "Heartbeat:b", "Begin:sdd", "Status"});
-    EXPECT_EQ(answer.output,
-              "badb\n"
-              "org.freedesktop.DBus.Error.InvalidArgs\n"
-              "org.freedesktop.DBus.Error.InvalidArgs\n"
-              "org.freedesktop.DBus.Error.UnknownMethod\n"
-              "b\n"
-              "b\n"
-              "badb\n");
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ namespace {
 
 class KillTest : public ::testing::Test {
   protected:
-    void SetUp() override { world.console({"nobody"}); }
+    void SetUp() override { world.leaveConsole(); }
 
     // What must be so whenever no helper runs.
     [[nodiscard]] std::optional<State> expectConsistent() const {
@@ -64,34 +64,69 @@ class KillTest : public ::testing::Test {
         return world.state().value_or(State{});
     }
 
-    // Kills a helper at each of its system calls while it carries out a caller's `words`, and calls
-    // `check` with the record and with whether the caller was answered.
-    void killWhileAsked(const std::vector<std::string>& words, bool committed,
-                        const std::function<void(const std::optional<State>&, bool)>& check) {
+    // What a helper does while it is killed at each of its system calls.
+    struct Deed {
+        // How it is started. One that is `stopped` is followed from the call on that makes it the
+        // only helper, until it serves.
+        Start start{};
+        // What it is asked meanwhile. Without, and not stopped, it is to end.
+        std::vector<std::string> request{};
+        // What is so before each helper.
+        std::function<void()> prepare = [] {};
+        // Looks at the record that is left, and whether the caller was answered.
+        std::function<void(const std::optional<State>&, bool)> check;
+    };
+
+    void killDuring(const Deed& deed) {
         for (int call = 1;; ++call) {
             SCOPED_TRACE("killed at system call " + std::to_string(call));
-            if (committed) {
-                before = commit();
-            }
+            deed.prepare();
             bool killed = false;
             bool answered = false;
             {
-                RunningHelper helper;
+                RunningHelper helper(deed.start);
                 Stepper stepper(helper.process());
-                TestProcess caller = world.startCaller(words);
-                killed = stepper.goTo(call, {}, [&] { return !caller.isRunning(); });
+                if (deed.start.stopped) {
+                    killed = stepper.goTo(call, SYS_flock, isQuiet(helper));
+                } else if (deed.request.empty()) {
+                    helper.process().send(SIGTERM);
+                    killed = stepper.goTo(call, {}, [] { return false; });
+                } else {
+                    TestProcess caller = world.startCaller(deed.request);
+                    killed = stepper.goTo(call, {}, [&] { return !caller.isRunning(); });
+                    helper.kill();
+                    answered = caller.wait() == Reply::yes;
+                }
                 helper.kill();
-                answered = caller.wait() == Reply::yes;
             }
-            const auto state = expectConsistent();
-            check(state, answered);
-            expectRecovery(state);
+            deed.check(expectConsistent(), answered);
+            expectRecovery(world.state());
             if (!killed || HasFailure()) {
-                EXPECT_GE(call, 20) << "that few system calls cannot be all";
+                EXPECT_GE(call, 15) << "that few system calls cannot be all";
                 return;
             }
         }
     }
+
+    // Whether it waits for callers, and makes no more calls.
+    static std::function<bool()> isQuiet(RunningHelper& helper) {
+        return [&helper, since = std::optional<Seconds>()]() mutable {
+            if (serves(helper.process().pid()) && !since) {
+                since = timeNow();
+            }
+            return since && timeNow() - *since > Seconds{0.05};
+        };
+    }
+
+    // Whether it is the commitment from before, with as much time left.
+    void expectAsBefore(const std::optional<State>& state) const {
+        ASSERT_TRUE(state) << "the commitment is gone";
+        EXPECT_TRUE(state->locked);
+        EXPECT_EQ(state->startedWall, before.startedWall);
+        EXPECT_NEAR(state->wall + state->remaining, before.wall + before.remaining, 1);
+    }
+
+    const std::function<void()> commits = [this] { before = commit(); };
 
     World world;
     // The record before the helper that is killed.
@@ -101,141 +136,82 @@ class KillTest : public ::testing::Test {
 TEST_F(KillTest, DuringABegin) {
     int whole = 0;
     int none = 0;
-    killWhileAsked({"begin", ".", "600", "0"}, false,
-                   [&](const std::optional<State>& state, bool answered) {
-                       EXPECT_TRUE(state || !answered) << "what was promised is gone";
-                       ++(state ? whole : none);
-                   });
+    killDuring({.request = {"begin", ".", "600", "0"},
+                .check = [&](const std::optional<State>& state, bool answered) {
+                    EXPECT_TRUE(state || !answered) << "what was promised is gone";
+                    ++(state ? whole : none);
+                }});
     EXPECT_GE(whole, 1);
     EXPECT_GE(none, 1);
 }
 
 TEST_F(KillTest, DuringAnExtension) {
-    killWhileAsked({"begin", ".", "1200", "0"}, true,
-                   [&](const std::optional<State>& state, bool answered) {
-                       ASSERT_TRUE(state) << "the commitment is gone";
-                       EXPECT_TRUE(state->locked);
-                       EXPECT_TRUE(isLocked());
-                       EXPECT_EQ(state->startedWall, before.startedWall);
-                       const double end = state->wall + state->remaining;
-                       if (answered || end > before.wall + 900) {
-                           EXPECT_NEAR(end, before.wall + 1200, 30);
-                       } else {
-                           EXPECT_NEAR(end, before.wall + before.remaining, 1);
-                       }
-                   });
+    killDuring({.request = {"begin", ".", "1200", "0"},
+                .prepare = commits,
+                .check = [&](std::optional<State> state, bool answered) {
+                    EXPECT_TRUE(isLocked());
+                    const double end = before.wall + 1200;
+                    if (state && (answered || state->wall + state->remaining > end - 300)) {
+                        EXPECT_NEAR(state->wall + state->remaining, end, 30);
+                        state->wall = before.wall;
+                        state->remaining = before.remaining;
+                    }
+                    expectAsBefore(state);
+                }});
 }
 
 TEST_F(KillTest, DuringAnEnd) {
-    killWhileAsked({"end"}, true, [&](const std::optional<State>& state, bool answered) {
-        EXPECT_FALSE(state && answered) << "what was let go is back";
-        if (state) {
-            EXPECT_EQ(state->startedWall, before.startedWall);
-            EXPECT_NEAR(state->wall + state->remaining, before.wall + before.remaining, 1);
-        }
-    });
+    killDuring({.request = {"end"},
+                .prepare = commits,
+                .check = [&](const std::optional<State>& state, bool answered) {
+                    EXPECT_FALSE(state && answered) << "what was let go is back";
+                    if (state) {
+                        expectAsBefore(state);
+                    }
+                }});
 }
 
 TEST_F(KillTest, DuringItsEnd) {
-    for (int call = 1;; ++call) {
-        SCOPED_TRACE("killed at system call " + std::to_string(call));
-        before = commit();
-        bool killed = false;
-        {
-            // Leaks cannot be looked for in a process that is traced when it ends.
-            RunningHelper helper({.environment = {"ASAN_OPTIONS=detect_leaks=0"}});
-            Stepper stepper(helper.process());
-            helper.process().send(SIGTERM);
-            killed = stepper.goTo(call, {}, [] { return false; });
-            helper.kill();
-        }
-        const auto state = expectConsistent();
-        ASSERT_TRUE(state);
-        EXPECT_TRUE(state->locked);
-        EXPECT_EQ(state->startedWall, before.startedWall);
-        expectRecovery(state);
-        if (!killed || HasFailure()) {
-            EXPECT_GE(call, 15);
-            return;
-        }
-    }
-}
-
-// Kills one that starts at each system call from the one on that makes it the only helper.
-void killWhileStarting(const std::function<void()>& prepare, const std::function<void()>& check) {
-    constexpr Seconds quiet{0.05};
-    for (int call = 1;; ++call) {
-        SCOPED_TRACE("killed at system call " + std::to_string(call));
-        prepare();
-        bool killed = false;
-        {
-            RunningHelper helper({.stopped = true});
-            Stepper stepper(helper.process());
-            std::optional<Seconds> quietSince;
-            // It waits for callers, and makes no more calls.
-            killed = stepper.goTo(call, SYS_flock, [&] {
-                if (serves(helper.process().pid()) && !quietSince) {
-                    quietSince = timeNow();
-                }
-                return quietSince && timeNow() - *quietSince > quiet;
-            });
-            helper.kill();
-        }
-        check();
-        if (!killed || ::testing::Test::HasFailure()) {
-            EXPECT_GE(call, 25);
-            return;
-        }
-    }
+    // Leaks cannot be looked for in a process that is traced when it ends.
+    killDuring({.start = {.environment = {"ASAN_OPTIONS=detect_leaks=0"}},
+                .prepare = commits,
+                .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
 TEST_F(KillTest, WhileItTakesUpACommitment) {
-    killWhileStarting([this] { before = commit(); },
-                      [this] {
-                          const auto state = expectConsistent();
-                          ASSERT_TRUE(state);
-                          EXPECT_TRUE(state->locked);
-                          EXPECT_EQ(state->startedWall, before.startedWall);
-                          EXPECT_NEAR(state->wall + state->remaining,
-                                      before.wall + before.remaining, 1);
-                          expectRecovery(state);
-                      });
+    killDuring({.start = {.stopped = true},
+                .prepare = commits,
+                .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
 TEST_F(KillTest, WhileItLocksWhatAnEndedOneUnlocked) {
-    killWhileStarting(
-        [this] {
-            before = commit();
-            RunningHelper helper;
-            helper.terminate();
-            ASSERT_FALSE(isLocked());
-        },
-        [this] {
-            const auto state = expectConsistent();
-            ASSERT_TRUE(state);
-            EXPECT_TRUE(state->locked);
-            expectRecovery(state);
-        });
+    killDuring({.start = {.stopped = true},
+                .prepare =
+                    [&] {
+                        commits();
+                        RunningHelper().terminate();
+                        ASSERT_FALSE(isLocked());
+                    },
+                .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
 TEST_F(KillTest, WhileItLetsGoWhatRanOut) {
-    killWhileStarting(
-        [this] {
-            before = commit();
-            auto record = nlohmann::json::parse(readTestFile(Place::stateFile));
-            record["remaining"] = 0.0;
-            put(Place::stateFile, record.dump(), 0600);
-        },
-        [this] {
-            const auto state = expectConsistent();
-            {
-                RunningHelper next;
-                EXPECT_EQ(next.count("error: *"), 0);
-                EXPECT_EQ(next.count("Ultra Hard mode let go: expiredAtStartup"), state ? 1 : 0);
-                EXPECT_FALSE(isLocked());
-            }
-            expectRecovery(std::nullopt);
-        });
+    killDuring({.start = {.stopped = true},
+                .prepare =
+                    [&] {
+                        commits();
+                        auto record = nlohmann::json::parse(readTestFile(Place::stateFile));
+                        record["remaining"] = 0.0;
+                        put(Place::stateFile, record.dump(), 0600);
+                    },
+                .check =
+                    [&](const std::optional<State>& state, bool) {
+                        const RunningHelper next;
+                        EXPECT_EQ(next.count("error: *"), 0);
+                        EXPECT_EQ(next.count("Ultra Hard mode let go: expiredAtStartup"),
+                                  state ? 1 : 0);
+                        EXPECT_FALSE(isLocked());
+                    }});
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include "tests/EndToEnd/RunningHelper.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/ptrace.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -15,7 +12,6 @@
 #include <string_view>
 
 #include "HalvoPlatform/Version.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -59,12 +55,8 @@ RunningHelper::~RunningHelper() {
         constexpr int holding = 75;
         EXPECT_TRUE(status == 0 || status == holding) << "the helper ended with " << status;
     }
-    checkLog();
-}
-
-void RunningHelper::checkLog() const {
     for (const std::string& line : linesOf(process_.output())) {
-        // A sanitizer's remark on the memory that withMemory() does not grant.
+        // A sanitizer's remark on memory that is not granted.
         const bool expected =
             isSanitized && line.find("Sanitizer failed to allocate") != std::string::npos;
         EXPECT_TRUE(line.starts_with(logPrefix) || expected) << "the helper said: " << line;
@@ -76,9 +68,8 @@ int RunningHelper::terminate() {
     return process_.wait();
 }
 
-const std::string RunningHelper::started = std::string("Halvo helper ") + version + " started";
-
 std::vector<std::string> RunningHelper::log() const {
+    const std::string started = std::string("Halvo helper ") + version + " started";
     std::vector<std::string> lines;
     for (const std::string& line : linesOf(process_.output())) {
         const bool isOurs = line.starts_with(logPrefix);
@@ -104,55 +95,6 @@ std::size_t RunningHelper::descriptors() const {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(process_.pid()) +
                                                   "/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
-Memory RunningHelper::memory() const {
-    Memory memory;
-    const std::string path = "/proc/" + std::to_string(process_.pid()) + "/smaps_rollup";
-    for (const std::string& line : linesOf(readTestFile(path))) {
-        std::istringstream words(line);
-        std::string name;
-        long kibibytes = 0;
-        words >> name >> kibibytes;
-        if (name == "Rss:") {
-            memory.resident = kibibytes;
-        } else if (name == "Private_Clean:" || name == "Private_Dirty:") {
-            memory.unshared += kibibytes;
-        }
-    }
-    EXPECT_GT(memory.resident, 0) << path;
-    return memory;
-}
-
-Seconds RunningHelper::processorTime() const {
-    // After the name, which may hold anything and ends with ")", the times are words 12 and 13.
-    const std::string stat = readTestFile("/proc/" + std::to_string(process_.pid()) + "/stat");
-    std::istringstream words(stat.substr(stat.rfind(')') + 1));
-    const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
-    const double ticks = std::stod(fields.at(11)) + std::stod(fields.at(12));
-    return Seconds{ticks / static_cast<double>(sysconf(_SC_CLK_TCK))};
-}
-
-Start withMemory(unsigned long long mebibytes) {
-    if (isSanitized) {
-        // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
-        return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
-                                std::to_string(mebibytes)}};
-    }
-    return {.prepare = [bytes = mebibytes << 20U] {
-        const rlimit bound{bytes, bytes};
-        if (setrlimit(RLIMIT_DATA, &bound) != 0) {
-            _exit(1);
-        }
-    }};
-}
-
-Start withoutCapability(int capability) {
-    return {.prepare = [capability] {
-        if (prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) {
-            _exit(1);
-        }
-    }};
 }
 
 Stepper::Stepper(TestProcess& process) : process_(process) {

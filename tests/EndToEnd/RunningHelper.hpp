@@ -13,13 +13,6 @@
 
 namespace halvo::testing {
 
-// In KiB.
-struct Memory {
-    long resident{};
-    // What nobody else uses too: what would be free if the helper ended.
-    long unshared{};
-};
-
 // The helper, installed where the world has it. At the end it is asked to stop, and a test fails
 // whose helper did not do so properly, or said anything that is not a line of its log.
 class RunningHelper {
@@ -46,10 +39,8 @@ class RunningHelper {
     // The exit status of one that ends by itself.
     int wait(Seconds limit = Seconds{10}) { return process_.wait(limit); }
 
-    // What it logs first once it serves.
-    static const std::string started;
-
-    // The log's other lines, of errors with "error: " before the message.
+    // The lines of the log after the one that it has started, of errors with "error: " before the
+    // message.
     [[nodiscard]] std::vector<std::string> log() const;
 
     // How many lines of the log are exactly `line`, or begin with it when it ends in "*".
@@ -58,26 +49,16 @@ class RunningHelper {
     // Whether such a line is in the log, or comes before `limit` has passed.
     [[nodiscard]] bool says(const std::string& line, Seconds limit = Seconds{5}) const;
 
+    // How many it has open.
     [[nodiscard]] std::size_t descriptors() const;
-    [[nodiscard]] Memory memory() const;
-    // Spent in the program and in the kernel.
-    [[nodiscard]] Seconds processorTime() const;
 
   private:
-    void checkLog() const;
-
     TestProcess process_;
 };
 
 // Whether the process, which runs the helper's program, serves: the helper takes SIGTERM into its
 // own hands as the last thing before its timer.
 bool serves(pid_t helper);
-
-// A start with so much memory and no more.
-Start withMemory(unsigned long long mebibytes);
-
-// A start without the capability, and without any way to get it.
-Start withoutCapability(int capability);
 
 // Whether the helper was built with a sanitizer, which takes memory of its own.
 constexpr bool isSanitized = HALVO_IS_SANITIZED;

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "HalvoHelper/Linux/Limits.hpp"
 #include "tests/EndToEnd/RunningHelper.hpp"
 #include "tests/EndToEnd/World.hpp"
 
@@ -58,7 +57,7 @@ class StoppedApp {
 class StoppedAppTest : public ::testing::Test {
   protected:
     // Nobody for whom the app would be opened.
-    void SetUp() override { world.console({"nobody"}); }
+    void SetUp() override { world.leaveConsole(); }
 
     // Ten, half of them at either place.
     std::list<StoppedApp> stopTen() {
@@ -127,22 +126,20 @@ TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
 }
 
 TEST_F(StoppedAppTest, BegunElsewhereDisconnectsThePersonsProcessesThatWereToldOtherwise) {
-    const auto talk = [](const char* word, uid_t person) {
-        return TestProcess({.words = {Place::caller, "talk", word, "~10", word}, .person = person});
+    const auto ask = [this](const char* request, uid_t person) {
+        return world.startCaller({"ask", Place::socket, request, "~10", request}, person);
     };
-    TestProcess told = talk("Status", world.user);
-    TestProcess notTold = talk("Heartbeat:b", world.user);
-    TestProcess somebodyElse = talk("Status", world.other);
-    for (TestProcess* each : {&told, &notTold, &somebodyElse}) {
-        ASSERT_TRUE(eventually(Seconds{5}, [&] { return !each->output().empty(); }));
-    }
+    TestProcess told = ask("status", world.user);
+    TestProcess notTold = ask("heartbeat", world.user);
+    TestProcess somebodyElse = ask("status", world.other);
+    const std::string idle = "idle without end unlocked";
+    EXPECT_EQ(told.readLine(), idle);
+    EXPECT_EQ(notTold.readLine(), "no");
+    EXPECT_EQ(somebodyElse.readLine(), idle);
     EXPECT_EQ(world.begin(shortSpan), Reply::yes);
-    for (TestProcess* each : {&told, &notTold, &somebodyElse}) {
-        EXPECT_EQ(each->wait(), 0);
-    }
-    EXPECT_EQ(told.output(), "badb\ndisconnected\n");
-    EXPECT_EQ(notTold.output(), "b\nb\n");
-    EXPECT_EQ(somebodyElse.output(), "badb\nbadb\n");
+    EXPECT_EQ(told.readLine(), "disconnected");
+    EXPECT_EQ(notTold.readLine(), "yes");
+    EXPECT_EQ(somebodyElse.readLine(), idle);
 }
 
 }  // namespace

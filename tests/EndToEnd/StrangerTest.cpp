@@ -1,11 +1,9 @@
-// Who is not let in: everything that the person at the console may try to pass for the app.
+// Attacks on the admission of callers that need file systems or namespaces of one's own, or the app
+// itself. The rules one by one are tested by CallerRulesTest.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,10 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,12 +26,7 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
 constexpr mode_t setGroupID = 02755;
-const std::string copyOfApp = Place::applications + "/Copy.app";
 const std::string inBundle = "/Contents/MacOS/TestCaller";
-
-std::string changeable(const std::string& path) {
-    return "somebody besides root can change " + path;
-}
 
 std::string withoutGroup(const std::string& path) {
     return "it does not run with the private group of " + path;
@@ -72,89 +62,10 @@ class StrangerTest : public ::testing::Test {
         return path;
     }
 
-    // Makes what follows happen between a caller's connecting and the helper's look at it.
-    void whileTheHelperLooksAway(const std::function<void()>& act) {
-        helper.process().stop();
-        act();
-        helper.process().goOn();
-    }
-
     World world;
     RunningHelper helper;
     std::map<std::string, int> expected;
 };
-
-TEST_F(StrangerTest, IsACopyThatIsNotTheInstalledApp) {
-    const std::string mine = copyOfThePersonsOwn();
-    // The files of it are root's and set-group-id, yet the person can move its folder away.
-    const std::string atHome = world.home + "/Applications/Halvo.app";
-    world.installApp(atHome);
-    const std::string outside = "/Library/TestCaller";
-    const std::string inside = Place::app + "/Contents/Helpers/TestCaller";
-    fs::create_directories(Place::app + "/Contents/Helpers");
-    for (const std::string& copy : {outside, inside}) {
-        copyFile(HALVO_TEST_CALLER, copy, world.appGroup, setGroupID);
-    }
-    world.installApp(copyOfApp);
-    expectRefusal({mine, "status"}, changeable(mine));
-    expectRefusal({atHome + inBundle, "status"}, changeable(atHome + inBundle));
-    for (const std::string& copy : {outside, inside}) {
-        expectRefusal({copy, "status"}, copy + " is not in a bundle of this app and team");
-    }
-    ASSERT_EQ(world.run({copyOfApp + inBundle, "status"}).status, Reply::no)
-        << "a second installation";
-    put(copyOfApp + "/Contents/Info.plist", "");
-    expectRefusal({copyOfApp + inBundle, "status"},
-                  copyOfApp + inBundle + " is not in a bundle of this app and team");
-    ASSERT_EQ(chmod((copyOfApp + inBundle).c_str(), 0755), 0);
-    expectRefusal({copyOfApp + inBundle, "status"}, withoutGroup(copyOfApp + inBundle));
-    fs::remove(outside);
-}
-
-TEST_F(StrangerTest, BecomesTheAppAfterItConnected) {
-    const std::string mine = copyOfThePersonsOwn();
-    std::optional<TestProcess> caller;
-    whileTheHelperLooksAway([&] {
-        caller.emplace(
-            Start{.words = {mine, "connect-then-exec", Place::caller, "use-fd", "3", "status"},
-                  .person = world.user});
-        // By now it is the app as far as its executable goes.
-        EXPECT_TRUE(
-            eventually(Seconds{5}, [] { return processesRunning(Place::caller).size() == 1; }));
-    });
-    EXPECT_EQ(caller->wait(), Reply::refused) << caller->output();
-    expectRule(withoutGroup(Place::caller));
-}
-
-TEST_F(StrangerTest, KeepsAConnectionWhoseProcessNumberTheAppHasNow) {
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    constexpr int peerPidfd = 77;  // SO_PEERPIDFD
-    int number = -1;
-    socklen_t size = sizeof number;
-    if (getsockopt(socket, SOL_SOCKET, peerPidfd, &number, &size) != 0 && errno == ENOPROTOOPT) {
-        GTEST_SKIP() << "needs SO_PEERPIDFD, Linux 6.5";
-    }
-    close(socket);
-    std::optional<TestProcess> honest;
-    whileTheHelperLooksAway([&] {
-        // The app connects, and leaves the connection to somebody who outlives it.
-        TestProcess first = world.startCaller(
-            {"connect-then-exec", "/bin/sh", "-c", "sleep 60 <&3 >/dev/null 2>&1 & exit 0"});
-        ASSERT_EQ(first.wait(), 0);
-        // The next process gets the number after this one.
-        std::ofstream("/proc/sys/kernel/ns_last_pid") << first.pid() - 1;
-        honest.emplace(world.startCaller({"wait"}));
-        ASSERT_EQ(honest->pid(), first.pid());
-        EXPECT_EQ(honest->readLine(), "waiting");
-    });
-    // In one way or the other, as kernels have it.
-    EXPECT_TRUE(eventually(Seconds{5}, [this] {
-        return helper.count("error: Refused a caller: it ended meanwhile") +
-                   helper.count(
-                       "error: Refused a caller: it cannot be told whether it still lives") >
-               0;
-    })) << helper.process().output();
-}
 
 class NamespaceTest : public StrangerTest {
   protected:
@@ -285,20 +196,18 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
     mountImage(world.user, fuse + "nosuid");
     const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
     ASSERT_EQ(servers.size(), 1);
-    std::optional<TestProcess> caller;
-    whileTheHelperLooksAway([&] {
-        caller.emplace(
-            Start{.words = {callerOnDisk, "connect", Place::socket}, .person = world.user});
-        EXPECT_EQ(caller->readLine(), "connected");
-        ::kill(servers[0], SIGSTOP);
-        // For a second the kernel answers in its place; fuse(8), attr_timeout.
-        sleepFor(Seconds{1.5});
-    });
+    helper.process().stop();
+    TestProcess caller({.words = {callerOnDisk, "connect", Place::socket}, .person = world.user});
+    EXPECT_EQ(caller.readLine(), "connected");
+    ::kill(servers[0], SIGSTOP);
+    // For a second the kernel answers in its place; fuse(8), attr_timeout.
+    sleepFor(Seconds{1.5});
+    helper.process().goOn();
     const ChildResult answer = world.ask({"status"});
     ::kill(servers[0], SIGCONT);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
     expectRule(withoutSetGroupID);
-    caller->kill();
+    caller.kill();
 }
 
 // Nor with a program that has, in a mount namespace of its own, the path of the app that the helper
@@ -329,15 +238,12 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStallsAtThePathOfTheApp) {
 }
 
 // What somebody might do to the app itself.
+using IntruderTest = StrangerTest;
 
-class IntruderTest : public StrangerTest {
-  protected:
+TEST_F(IntruderTest, CannotSlipALibraryIntoTheApp) {
     const std::string mark = "/tmp/mark";
     const std::vector<std::string> intrusion{"LD_PRELOAD=/tmp/intruder.so",
                                              "HALVO_INJECTION_MARK=" + mark};
-};
-
-TEST_F(IntruderTest, CannotSlipALibraryIntoTheApp) {
     fs::copy_file(HALVO_INTRUDER, "/tmp/intruder.so", fs::copy_options::overwrite_existing);
     fs::remove(mark);
     const std::string mine = copyOfThePersonsOwn();

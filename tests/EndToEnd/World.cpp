@@ -5,7 +5,6 @@
 #include <linux/fs.h>
 #include <linux/stat.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,7 +17,6 @@
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <utility>
 
 #include "HalvoPlatform/Descriptor.hpp"
 
@@ -29,8 +27,7 @@ namespace fs = std::filesystem;
 
 // scripts/private-machine tells who lives in it.
 unsigned numberFrom(const char* variable) {
-    const char* text = std::getenv(variable);
-    return text == nullptr ? 0 : static_cast<unsigned>(std::stoul(text));
+    return static_cast<unsigned>(std::stoul(std::getenv(variable)));
 }
 
 // Ends everything that the persons run; pid 1 collects it.
@@ -56,6 +53,11 @@ void removeAllIn(const std::string& folder) {
 std::vector<std::string> callerCommand(std::vector<std::string> words) {
     words.insert(words.begin(), Place::caller);
     return words;
+}
+
+// A script on the machine's own PATH.
+void runOnMachine(const std::string& command) {
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 
 // Every digit counts: the dates are compared later.
@@ -87,7 +89,7 @@ World::World()
     fs::copy_file(HALVO_CONTROL_FILE, Place::control);
     fs::copy_file(fs::path(HALVO_HELPER_FILE).parent_path() / "Info.plist", Place::helperInfoPlist);
     installApp(Place::app);
-    console(user);
+    runOnMachine("console-session user " + std::to_string(user));
 }
 
 void World::installApp(const std::string& path) const {
@@ -159,14 +161,7 @@ std::optional<State> World::state() const {
     }
 }
 
-void World::console(const std::vector<std::string>& words) const {
-    // Which is a script on the machine's own PATH.
-    std::string command = "console-session";
-    for (const std::string& word : words) {
-        command += " " + word;
-    }
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-}
+void World::leaveConsole() const { runOnMachine("console-session nobody"); }
 
 bool isLocked(const std::string& path) {
     struct statx status{};
@@ -206,13 +201,6 @@ mode_t modeOf(const std::string& path) {
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status.st_mode & permissions;
 }
-
-Mount::Mount(std::string path, const std::string& options) : path_(std::move(path)) {
-    EXPECT_EQ(mount("test", path_.c_str(), "tmpfs", 0, options.c_str()), 0)
-        << path_ << ": " << strerror(errno);
-}
-
-Mount::~Mount() { umount2(path_.c_str(), MNT_DETACH); }
 
 }  // namespace halvo::testing
 

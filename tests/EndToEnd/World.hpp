@@ -106,18 +106,14 @@ class World {
 
     [[nodiscard]] int end() const { return ask({"end"}).status; }
 
-    [[nodiscard]] int heartbeat() const { return ask({"heartbeat"}).status; }
-
     // Fails the test when there is no reply.
     [[nodiscard]] Told status(std::optional<uid_t> person = {}) const;
 
     // What the state file holds. Nothing when there is none; fails the test when it is not whole.
     [[nodiscard]] std::optional<State> state() const;
 
-    // Words of console-session: who sits at the console from now on.
-    void console(const std::vector<std::string>& words) const;
-
-    void console(uid_t person) const { console({"user", std::to_string(person)}); }
+    // Nobody sits at the console from now on.
+    void leaveConsole() const;
 };
 
 // Whether the folder carries the flag that makes it immutable.
@@ -137,17 +133,5 @@ void copyFile(const std::string& from, const std::string& to, gid_t group, mode_
 
 // Permissions of the item itself, with the bits for set-user-id and set-group-id.
 mode_t modeOf(const std::string& path);
-
-// Mounts a tmpfs for as long as it lives; fails the test when it cannot be.
-class Mount {
-  public:
-    Mount(std::string path, const std::string& options);
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-    ~Mount();
-
-  private:
-    std::string path_;
-};
 
 }  // namespace halvo::testing

@@ -11,13 +11,11 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
-#include <iomanip>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -289,11 +287,7 @@ class Expectation {
 
 // --- The simulation
 
-std::string inWords(Seconds span) {
-    std::ostringstream text;
-    text << std::setprecision(15) << span.count() << " s";
-    return text.str();
-}
+std::string inWords(Seconds span) { return std::to_string(span.count()) + " s"; }
 
 std::string nameOf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 

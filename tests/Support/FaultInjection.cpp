@@ -251,8 +251,7 @@ int __wrap_clock_gettime(clockid_t clock, timespec* time) {
         *time = stoppedTime;
         return 0;
     }
-    const int result =
-        attempt(SystemCall::clock_gettime, [&] { return __real_clock_gettime(clock, time); });
+    const int result = __real_clock_gettime(clock, time);
     if (result == 0 && clock == CLOCK_BOOTTIME) {
         constexpr std::int64_t second = std::nano::den;
         const std::int64_t total = time->tv_nsec + passed.count();
@@ -341,8 +340,7 @@ int __wrap_sd_event_add_time_relative(sd_event* loop, sd_event_source** source, 
 
 int __wrap_sd_event_source_set_time(sd_event_source* source, std::uint64_t time) {
     turnAsked = time;
-    return attempt(SystemCall::sd_event_source_set_time,
-                   [&] { return __real_sd_event_source_set_time(source, time); });
+    return __real_sd_event_source_set_time(source, time);
 }
 
 ssize_t __wrap_write(int file, const void* bytes, size_t count) {

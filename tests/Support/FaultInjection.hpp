@@ -22,7 +22,6 @@ enum class SystemCall {
     access,
     chdir,
     chmod,
-    clock_gettime,
     eventfd,
     fchmod,
     fstat,
@@ -45,13 +44,12 @@ enum class SystemCall {
     sd_event_add_time_relative,
     sd_event_default,
     sd_event_loop,
-    sd_event_source_set_time,
     setgid,
     setuid,
     stat,
     statx,
     unlinkat,
-    write,
+    write
 };
 
 // Makes one call go wrong, while it lives. At most one for each kind of call at a time. A fault

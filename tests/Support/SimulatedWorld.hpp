@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -312,19 +311,9 @@ class SimulatedWorld {
     // Makes a bundle at `relativePath`, as "Applications/Halvo.app", and returns its whole path.
     std::string addBundle(const std::string& relativePath) {
         std::string path = disk_ / relativePath;
-        restoreBundle(path);
-        return path;
-    }
-
-    // Deletes the bundle, which must carry no flag, or brings it back.
-    void deleteBundle(const std::string& path) {
-        std::filesystem::remove(path);
-        flags.erase(path);
-    }
-
-    void restoreBundle(const std::string& path) {
         std::filesystem::create_directories(path);
         flags.add(path);
+        return path;
     }
 
     // An engine that has not started up.
@@ -335,8 +324,7 @@ class SimulatedWorld {
     const TemporaryFolder& disk_;
 };
 
-// ----------------------------------------------------------------------------------- the main
-// queue
+// ---------------------------------------------------------------------------------- the main queue
 
 // Thrown in the place of the end of the process.
 struct ProcessExit {
@@ -388,10 +376,7 @@ class ManualMainQueue final : public MainQueue {
 
     [[nodiscard]] Seconds now() const override { return clock_.now().sinceBoot; }
 
-    [[noreturn]] void run() override {
-        served_ = true;
-        throw QueueServed{};
-    }
+    [[noreturn]] void run() override { throw QueueServed{}; }
 
     [[noreturn]] void exit(int status) override { throw ProcessExit{status}; }
 
@@ -425,13 +410,9 @@ class ManualMainQueue final : public MainQueue {
         }
     }
 
-    // Sends the process SIGTERM. Without a handler that ends it (with the status a shell would
-    // give, 143).
+    // Delivers SIGTERM, for which there must be a handler.
     void terminate() {
         runPending();
-        if (termination_ == nullptr) {
-            exit(128 + SIGTERM);
-        }
         termination_();
         runPending();
     }
@@ -440,10 +421,6 @@ class ManualMainQueue final : public MainQueue {
 
     // Every delay that after() was asked for.
     [[nodiscard]] const std::vector<Seconds>& delays() const { return delays_; }
-
-    [[nodiscard]] bool handlesTermination() const { return termination_ != nullptr; }
-
-    [[nodiscard]] bool isServed() const { return served_; }
 
   private:
     struct Timer {
@@ -485,7 +462,6 @@ class ManualMainQueue final : public MainQueue {
     std::vector<Seconds> delays_;
     Timers timers_;
     Work termination_;
-    bool served_ = false;
 };
 
 }  // namespace halvo::testing

@@ -3,20 +3,14 @@
 // sanitizers, most of which refuse to run set-group-id, and without HalvoClient, so that it can ask
 // what no client would.
 //
-//     [--socket PATH] WORDS        of the helper at PATH; without, of that of the app of this build
-//
-// What an app asks
+// What an app asks, of the helper of the app of this build
 //     status                       "status holding=true until=1732199527.000000 locked=true"
-//     begin APP UNTIL STARTED      dates in seconds from now; "." is the bundle that the program
-//     lies in begin-at APP UNTIL STARTED   dates in seconds since 1970: 1e9, nan, inf, -1e300
+//     begin APP UNTIL STARTED      dates in seconds from now; "." is the bundle of this program
+//     begin-at APP UNTIL STARTED   dates in seconds since 1970: 1e9, nan, inf, -1e300
 //     heartbeat [--ending]         alive, or the session is ending
 //     end                          let the commitment go
-//     talk CALL...                 several calls on one connection, METHOD or METHOD:SIGNATURE;
-//     "~2" waits two seconds.
-//                                  A line for each: the reply's signature, or the error's name
-//     ask SOCKET REQUEST...        each of status, heartbeat, end, begin=PATH, and a line in words
-//     for each reply; keeps
-//                                  the connection
+//     ask SOCKET REQUEST...        status, heartbeat, end or begin=PATH on one connection, which it
+//                                  keeps; "~2" waits two seconds. A line for each reply
 //     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; "asked"
 //
 // What no app does
@@ -26,25 +20,20 @@
 //     connect SOCKET               connects and says nothing but "connected"; keeps the connection
 //     connect-many SOCKET COUNT    the same with several connections
 //     connect-say SOCKET TEXT      the same after it has sent TEXT
-//     connect-share SOCKET         connects, leaves the connection to a child, says "connected",
-//     ends connect-run SOCKET PROGRAM ARGUMENTS...
-//                                  connects, becomes the program with the connection as descriptor
-//                                  3
-//     connect-then-exec PROGRAM ARGUMENTS...
-//                                  the same with the usual socket
+//     connect-share SOCKET         leaves the connection to a child, says "connected" and ends
+//     connect-run SOCKET PROGRAM ARGUMENTS...
+//                                  becomes the program with the connection as descriptor 3
 //     use-fd NUMBER WORD           status or end on a connection that is already there
-//     drop-group WORDS             the same as WORDS without the group of its executable
 //     forge FORGERY PATH WORDS     becomes PATH with these words, where only it sees FORGERY
 //     wait                         "waiting"
 //
-// What is kept is kept until standard input ends; "closed" says when the helper closes one. Without
-// words, or with other options, it reports its start; see TestBundle.hpp.
+// Before all of these: "drop-group" takes the group of its executable off, "--socket PATH" names
+// another helper. What is kept is kept until standard input ends; "closed" says when the helper
+// closes one. Without words, or with other options, it reports its start; see TestBundle.hpp.
 //
-// Exit status: 0 reply true, 1 reply false, 64 usage error, 65 rejected ("rejected NAME: MESSAGE"),
-// 69 not running
-// ("not-running"), 75 timed out ("timed-out"), 76 disconnected after authentication
-// ("disconnected"), 77 refused
-// ("refused"), or all that was kept is closed.
+// Exit status: 0 reply true; 1 reply false; 64 usage error; 65 "rejected NAME: MESSAGE";
+// 69 "not-running"; 75 "timed-out"; 76 "disconnected", after authentication; 77 "refused", or all
+// that was kept is closed.
 
 #include <poll.h>
 #include <sched.h>
@@ -55,7 +44,6 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -113,7 +101,7 @@ int connection() {
     address.sun_family = AF_UNIX;
     helperSocket.copy(address.sun_path, sizeof address.sun_path - 1);
     const int number = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw Failure{"not-running", EX_UNAVAILABLE};
     }
     return number;
@@ -139,6 +127,8 @@ sd_bus* authenticated(int number) {
     }
     return bus;
 }
+
+sd_bus* connect() { return authenticated(connection()); }
 
 // Keeps the connections until standard input ends, or the helper has closed all of them.
 int keep(const std::vector<int>& numbers) {
@@ -178,7 +168,7 @@ int connectOften(int count, const std::string& said = {}) {
 int hold(std::size_t count) {
     std::vector<int> numbers;
     while (numbers.size() < count) {
-        numbers.push_back(sd_bus_get_fd(authenticated(connection())));
+        numbers.push_back(sd_bus_get_fd(connect()));
     }
     print("holding " + std::to_string(count));
     return keep(numbers);
@@ -204,29 +194,12 @@ int connectThenBecome(const Words& words) {
 
 // ------------------------------------------------------------------------------------------- calls
 
-sd_bus_message* newCall(sd_bus* bus, const std::string& method, const std::string& signature,
-                        const Words& arguments) {
+template <class... Values>
+sd_bus_message* newCall(sd_bus* bus, const char* method, const char* types = "", Values... values) {
     sd_bus_message* call = nullptr;
-    int code = sd_bus_message_new_method_call(bus, &call, nullptr, "/app/halvo/Helper",
-                                              "app.halvo.HalvoHelperXPC", method.c_str());
-    for (std::size_t i = 0; i < signature.size() && code >= 0; ++i) {
-        const std::string& word = arguments.at(i);
-        switch (signature[i]) {
-            case 'b':
-                code = sd_bus_message_append(call, "b", word == "true");
-                break;
-            case 'u':
-                code = sd_bus_message_append(call, "u", static_cast<unsigned>(std::stoul(word)));
-                break;
-            case 'd':
-                // Takes what std::stod() would refuse: numbers that are too large or too small.
-                code = sd_bus_message_append(call, "d", std::strtod(word.c_str(), nullptr));
-                break;
-            default:
-                code = sd_bus_message_append_basic(call, signature[i], word.c_str());
-        }
-    }
-    if (code < 0) {
+    if (sd_bus_message_new_method_call(bus, &call, nullptr, "/app/halvo/Helper",
+                                       "app.halvo.HalvoHelperXPC", method) < 0 ||
+        sd_bus_message_append(call, types, values...) < 0) {
         throw std::invalid_argument("no such message can be made");
     }
     return call;
@@ -248,11 +221,10 @@ sd_bus_message* replyTo(sd_bus_message* call, sd_bus_error& error) {
     return reply;
 }
 
-sd_bus_message* replyOn(int number, const std::string& method, const std::string& signature = {},
-                        const Words& arguments = {}) {
+// The same, where only a reply will do.
+sd_bus_message* replyTo(sd_bus_message* call) {
     sd_bus_error error{};
-    sd_bus_message* reply =
-        replyTo(newCall(authenticated(number), method, signature, arguments), error);
+    sd_bus_message* reply = replyTo(call, error);
     if (reply == nullptr) {
         throw Failure{std::string("rejected ") + error.name + ": " + error.message, EX_DATAERR};
     }
@@ -287,31 +259,32 @@ bool truthOf(sd_bus_message* reply) {
     return flag != 0;
 }
 
-int showStatus(int number) {
-    const Status status(replyOn(number, "Status"));
+int showStatus(sd_bus* bus) {
+    const Status status(replyTo(newCall(bus, "Status")));
     print(std::string("status holding=") + text(status.holding) + " until=" + status.until +
           " locked=" + text(status.locked));
     return status.holding ? 0 : 1;
 }
 
-int show(const char* word, sd_bus_message* reply) {
-    const bool yes = truthOf(reply);
+int show(const char* word, sd_bus_message* call) {
+    const bool yes = truthOf(replyTo(call));
     print(std::string(word) + " " + text(yes));
     return yes ? 0 : 1;
 }
 
-int begin(Words words, double offset) {
-    if (words.at(0) == ".") {
-        const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
-        words[0] = program.parent_path().parent_path().parent_path();
+int begin(const Words& words, double offset) {
+    std::filesystem::path app = words.at(0);
+    if (app == ".") {
+        app = std::filesystem::read_symlink("/proc/self/exe")
+                  .parent_path()
+                  .parent_path()
+                  .parent_path();
     }
-    for (const std::size_t date : {1, 2}) {
-        std::array<char, 400> decimal{};
-        std::snprintf(decimal.data(), decimal.size(), "%.6f",
-                      offset + std::strtod(words.at(date).c_str(), nullptr));
-        words[date] = decimal.data();
-    }
-    return show("begin", replyOn(connection(), "Begin", "sdd", words));
+    // Takes what std::stod() would refuse: numbers that are too large or too small.
+    const auto date = [&](std::size_t i) {
+        return offset + std::strtod(words.at(i).c_str(), nullptr);
+    };
+    return show("begin", newCall(connect(), "Begin", "sdd", app.c_str(), date(1), date(2)));
 }
 
 double now() {
@@ -319,45 +292,15 @@ double now() {
         .count();
 }
 
-int talk(const Words& words) {
-    sd_bus* bus = authenticated(connection());
-    for (const std::string& word : words) {
-        if (word.starts_with('~')) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(word.substr(1))));
-            continue;
-        }
-        const std::size_t colon = std::min(word.find(':'), word.size());
-        const std::string signature = word.substr(std::min(colon + 1, word.size()));
-        sd_bus_error error{};
-        sd_bus_message* reply = nullptr;
-        try {
-            reply = replyTo(
-                newCall(bus, word.substr(0, colon), signature, Words(signature.size(), "1")),
-                error);
-        } catch (const Failure& failure) {
-            print(failure.line);
-            continue;
-        }
-        print(reply == nullptr ? error.name : sd_bus_message_get_signature(reply, 1));
-    }
-    return 0;
-}
-
-// ------------------------------------------------------------------------------- for unit tests
-
 sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
-    if (request == "status") {
-        return newCall(bus, "Status", "", {});
+    const std::string begin = "begin=";
+    if (request.starts_with(begin)) {
+        const double started = now();
+        return newCall(bus, "Begin", "sdd", request.c_str() + begin.size(), started + 3600,
+                       started);
     }
-    if (request == "end") {
-        return newCall(bus, "End", "", {});
-    }
-    if (request == "heartbeat") {
-        return newCall(bus, "Heartbeat", "b", {"false"});
-    }
-    return newCall(bus, "Begin", "sdd",
-                   {request.substr(std::strlen("begin=")), std::to_string(now() + 3600),
-                    std::to_string(now())});
+    return request == "heartbeat" ? newCall(bus, "Heartbeat", "b", 0)
+                                  : newCall(bus, request == "end" ? "End" : "Status");
 }
 
 std::string inWords(sd_bus_message* reply) {
@@ -371,8 +314,13 @@ std::string inWords(sd_bus_message* reply) {
 }
 
 int ask(const Words& requests) {
-    sd_bus* bus = authenticated(connection());
+    sd_bus* bus = connect();
     for (const std::string& request : requests) {
+        if (request.starts_with('~')) {
+            std::this_thread::sleep_for(
+                std::chrono::duration<double>(std::stod(request.substr(1))));
+            continue;
+        }
         sd_bus_error error{};
         sd_bus_message* reply = replyTo(newRequest(bus, request), error);
         print(reply == nullptr ? error.name : inWords(reply));
@@ -382,20 +330,20 @@ int ask(const Words& requests) {
 
 int askOften(int count) {
     while (count-- > 0) {
-        sd_bus_message* reply = replyOn(connection(), "Status");
-        sd_bus_close(sd_bus_message_get_bus(reply));
+        sd_bus* bus = connect();
+        replyTo(newCall(bus, "Status"));
+        sd_bus_close(bus);
     }
     print("asked");
     return EXIT_SUCCESS;
 }
 
 int flood(int count) {
-    sd_bus* bus = authenticated(connection());
+    sd_bus* bus = connect();
     // Without one that is asked for, sd_bus_send(3) wants no reply.
     std::uint64_t cookie = 0;
     while (count-- > 0) {
-        if (sd_bus_send(bus, newCall(bus, "Status", "", {}), &cookie) < 0 ||
-            sd_bus_flush(bus) < 0) {
+        if (sd_bus_send(bus, newCall(bus, "Status"), &cookie) < 0 || sd_bus_flush(bus) < 0) {
             throw Failure{"disconnected", EX_PROTOCOL};
         }
     }
@@ -422,23 +370,32 @@ Command at(const Command& command) {
     };
 }
 
+int run(const Words& words);
+
+int dropGroup(const Words& words) {
+    if (setresgid(getgid(), getgid(), getgid()) != 0) {
+        giveUp("setresgid");
+    }
+    return run(words);
+}
+
 const std::map<std::string, Command> commands{
-    {"status", [](const Words&) { return showStatus(connection()); }},
+    {"status", [](const Words&) { return showStatus(connect()); }},
     {"begin", [](const Words& words) { return begin(words, now()); }},
     {"begin-at", [](const Words& words) { return begin(words, 0); }},
     {"heartbeat",
      [](const Words& words) {
-         return show("heartbeat", replyOn(connection(), "Heartbeat", "b", {text(!words.empty())}));
+         const int ending = words.empty() ? 0 : 1;
+         return show("heartbeat", newCall(connect(), "Heartbeat", "b", ending));
      }},
-    {"end", [](const Words&) { return show("end", replyOn(connection(), "End")); }},
-    {"talk", talk},
+    {"end", [](const Words&) { return show("end", newCall(connect(), "End")); }},
     {"ask", at(ask)},
     {"ask-often", at([](const Words& words) { return askOften(std::stoi(words.at(0))); })},
     {"hold", [](const Words& words) { return hold(std::stoul(words.at(0))); }},
     {"huge",
      [](const Words& words) {
          const std::string path(std::stoul(words.at(0)) << 20U, 'x');
-         return show("begin", replyOn(connection(), "Begin", "sdd", {path, "2", "1"}));
+         return show("begin", newCall(connect(), "Begin", "sdd", path.c_str(), 2.0, 1.0));
      }},
     {"flood", [](const Words& words) { return flood(std::stoi(words.at(0))); }},
     {"connect", at([](const Words&) { return connectOften(1); })},
@@ -446,11 +403,10 @@ const std::map<std::string, Command> commands{
     {"connect-say", at([](const Words& words) { return connectOften(1, words.at(0)); })},
     {"connect-share", at([](const Words&) { return connectAndShare(); })},
     {"connect-run", at(connectThenBecome)},
-    {"connect-then-exec", connectThenBecome},
     {"use-fd",
      [](const Words& words) {
-         const int number = std::stoi(words.at(0));
-         return words.at(1) == "end" ? show("end", replyOn(number, "End")) : showStatus(number);
+         sd_bus* bus = authenticated(std::stoi(words.at(0)));
+         return words.at(1) == "end" ? show("end", newCall(bus, "End")) : showStatus(bus);
      }},
     {"forge", [](const Words& words) -> int { forge(words); }},
     {"wait",
@@ -458,21 +414,11 @@ const std::map<std::string, Command> commands{
          print("waiting");
          return keep({});
      }},
+    {"drop-group", dropGroup},
+    {"--socket", at(run)},
 };
 
-int run(Words words) {
-    if (words.at(0) == "drop-group") {
-        if (setresgid(getgid(), getgid(), getgid()) != 0) {
-            giveUp("setresgid");
-        }
-        words.erase(words.begin());
-    }
-    if (words.at(0) == "--socket") {
-        helperSocket = words.at(1);
-        words.erase(words.begin(), words.begin() + 2);
-    }
-    return commands.at(words.at(0))({words.begin() + 1, words.end()});
-}
+int run(const Words& words) { return commands.at(words.at(0))({words.begin() + 1, words.end()}); }
 
 }  // namespace
 
