@@ -895,7 +895,7 @@ constexpr const char* seedSetting = "HALVO_SIMULATION_SEED";
 constexpr const char* runsSetting = "HALVO_SIMULATION_RUNS";
 
 // One run of a failing seed is enough to see it fail again.
-std::uint64_t defaultRuns() { return std::getenv(seedSetting) != nullptr ? 1 : 2000; }
+std::uint64_t defaultRuns() { return std::getenv(seedSetting) != nullptr ? 1 : 1000; }
 
 class EngineSimulationTest : public ::testing::Test {
   protected:

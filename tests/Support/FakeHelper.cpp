@@ -61,15 +61,25 @@ void note(Record& record, sd_bus_message* request) {
     }
 }
 
+int replyWithDates(sd_bus_message* request, const Record& record,
+                   const std::vector<double>& dates) {
+    sd_bus_message* reply = nullptr;
+    sd_bus_message_new_method_return(request, &reply);
+    sd_bus_message_append(reply, "b", static_cast<int>(record.holding));
+    sd_bus_message_append_array(reply, 'd', dates.data(), dates.size() * sizeof(double));
+    sd_bus_message_append(reply, "b", static_cast<int>(record.locked));
+    const int result = sd_bus_send(nullptr, reply, nullptr);
+    sd_bus_message_unref(reply);
+    return result;
+}
+
 int answer(sd_bus_message* request, const Record& record) {
     if (std::strcmp(sd_bus_message_get_member(request), "Status") != 0) {
         return sd_bus_reply_method_return(request, "b", static_cast<int>(record.yes));
     }
-    const int holding = record.holding ? 1 : 0;
-    const int locked = record.locked ? 1 : 0;
     const double until = record.until;
-    return until == 0 ? sd_bus_reply_method_return(request, "badb", holding, 0, locked)
-                      : sd_bus_reply_method_return(request, "badb", holding, 1, until, locked);
+    return replyWithDates(request, record,
+                          until == 0 ? std::vector<double>{} : std::vector<double>{until});
 }
 
 int answerForLogind(sd_bus_message* request, const Record& record) {
@@ -87,6 +97,9 @@ int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
     note(serving.record, request);
     int result = 0;
     switch (serving.conduct) {
+        case Conduct::AnswerLate:
+            usleep(300'000);
+            [[fallthrough]];
         case Conduct::Answer:
         case Conduct::AnswerOnce:
             result = answer(request, serving.record);
@@ -98,6 +111,9 @@ int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
             break;
         case Conduct::AnswerText:
             result = sd_bus_reply_method_return(request, "s", "yes");
+            break;
+        case Conduct::AnswerTwoDates:
+            result = replyWithDates(request, serving.record, {1, 2});
             break;
         case Conduct::AnswerForLogind:
             result = answerForLogind(request, serving.record);

@@ -20,10 +20,14 @@ enum class Conduct {
     Answer,
     // Answers the first request, then closes.
     AnswerOnce,
+    // Answers 0.3 s after the request.
+    AnswerLate,
     // Replies with a D-Bus error.
     Reject,
     // Replies with a string.
     AnswerText,
+    // Replies to a status request with two dates.
+    AnswerTwoDates,
     // Is the system's bus, with a logind on it that says `FakeHelper::Record::yes`.
     AnswerForLogind,
     // Closes before a byte is read.
