@@ -17,11 +17,12 @@ constexpr const char* refused = "Didn't lock Halvo: no record on the disk owes t
 
 class RecordedLocksTest : public ::testing::Test {
   protected:
-    void save(const std::string& path, bool locked) {
+    // Whether the save lasts.
+    bool save(const std::string& path, bool locked) {
         HelperCommitment commitment;
         commitment.appPath = path;
         commitment.locked = locked;
-        locks.save(commitment);
+        return locks.save(commitment);
     }
 
     // Whether `path` can be locked now. Where it cannot, the log says why, and nothing else.
@@ -69,9 +70,9 @@ TEST_F(RecordedLocksTest, AfterAFailedSaveLocksOnlyWhatBothRecordsOwe) {
                                                {app, false, app, true, false},
                                                {otherApp, true, app, true, false}}) {
             world.store.*fault = false;
-            save(row.before, row.owedBefore);
+            EXPECT_TRUE(save(row.before, row.owedBefore));
             world.store.*fault = true;
-            save(row.after, row.owedAfter);
+            EXPECT_FALSE(save(row.after, row.owedAfter));
             EXPECT_EQ(locksNow(app), row.locks);
             EXPECT_FALSE(locksNow(otherApp));
         }

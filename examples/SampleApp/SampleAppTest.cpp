@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -161,6 +163,19 @@ TEST(SessionTest, IsClosingAsItsOwnStateSaysElseThePersons) {
         EXPECT_EQ(isClosing(none, state), state == std::string("closing")) << state;
         EXPECT_EQ(isClosing(state, none), state == std::string("closing")) << state;
     }
+}
+
+// This process's session, as logind is made to tell of it; null: there is none.
+const char* sessionState = nullptr;
+bool hasSeat = false;
+
+TEST(SessionTest, CountsOnlyWhereItHasASeat) {
+    sessionState = "closing";
+    EXPECT_FALSE(isClosing()) << "a remote login";
+    hasSeat = true;
+    EXPECT_TRUE(isClosing());
+    sessionState = nullptr;
+    EXPECT_FALSE(isClosing());
 }
 
 struct RecordKeeperTest : ::testing::Test {
@@ -467,4 +482,24 @@ TEST_F(CompanionTest, AnnouncesTheEndOfASessionThatWasOpenBefore) {
 }
 
 }  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names for what replaces a function.
+extern "C" {
+int __wrap_sd_pid_get_session(pid_t, char** session) {
+    *session = sessionState == nullptr ? nullptr : strdup("c1");
+    return *session == nullptr ? -ENODATA : 0;
+}
+
+int __wrap_sd_session_get_seat(const char*, char** seat) {
+    *seat = hasSeat ? strdup("seat0") : nullptr;
+    return hasSeat ? 0 : -ENODATA;
+}
+
+int __wrap_sd_session_get_state(const char*, char** state) {
+    *state = strdup(sessionState);
+    return 0;
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
 }  // namespace halvo::testing
