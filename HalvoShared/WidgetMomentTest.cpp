@@ -97,44 +97,26 @@ TEST(WidgetMomentTest, HasTheSnapshotsStateAndFacts) {
     EXPECT_EQ(moment.focusMinutes, snapshot.focusMinutes);
 }
 
-TEST(WidgetMomentTest, HasZerosWhereNothingWasRecorded) {
-    const WidgetMoment moment = S().moment(nineOClock, utc);
-    EXPECT_EQ(moment.today, (S::Day{today, 0, 0, 0}));
-    ASSERT_EQ(moment.week.size(), 7U);
-    for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(moment.week[static_cast<std::size_t>(i)],
-                  (S::Day{today - aDay * (6 - i), 0, 0, 0}));
-    }
-}
-
-TEST(WidgetMomentTest, HasTheSevenDaysThatEndToday) {
+TEST(WidgetMomentTest, HasTheSevenDaysThatEndTodayAndZerosWhereNothingWasRecorded) {
     S snapshot;
-    for (int i = -10; i <= 3; ++i) {
-        snapshot.days.push_back({today + aDay * i, 10 + i, 0, 0});
-    }
+    snapshot.days = {{today - aDay * 7, 1, 0, 0},           // too old
+                     {today - aDay * 6, 2, 0, 0},           //
+                     {today - aDay * 2, 3, 0, 0},           //
+                     {today - Seconds{0.001}, 4, 0, 0},     // at any time of its day
+                     {today, 5, 0, 0},                      // not the last of its day
+                     {today - aDay * 4, 6, 0, 0},           // in any order
+                     {today + aDay - Seconds{1}, 7, 0, 0},  //
+                     {today + aDay, 8, 0, 0}};
     const WidgetMoment moment = snapshot.moment(nineOClock, utc);
-    EXPECT_EQ(moment.today, (S::Day{today, 10, 0, 0}));
-    ASSERT_EQ(moment.week.size(), 7U);
-    for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(moment.week[static_cast<std::size_t>(i)].breaths, 4 + i);
-    }
-}
-
-TEST(WidgetMomentTest, TakesARecordThatBeganAtAnyTimeOfItsDay) {
-    S snapshot;
-    snapshot.days = {{today - Seconds{0.001}, 1, 0, 0}, {today + aDay - Seconds{1}, 2, 0, 0}};
-    const WidgetMoment moment = snapshot.moment(today, utc);
-    EXPECT_EQ(moment.today, snapshot.days[1]);
-    EXPECT_EQ(moment.week[5], snapshot.days[0]);
-}
-
-TEST(WidgetMomentTest, TakesTheLastOfTwoRecordsOfADay) {
-    S snapshot;
-    snapshot.days = {{today, 1, 0, 0}, {today - aDay, 7, 0, 0}, {today + hour, 2, 0, 0}};
-    const WidgetMoment moment = snapshot.moment(nineOClock, utc);
-    EXPECT_EQ(moment.today, snapshot.days[2]);
-    EXPECT_EQ(moment.week[6], snapshot.days[2]);
-    EXPECT_EQ(moment.week[5], snapshot.days[1]);
+    EXPECT_EQ(moment.week, (std::vector<S::Day>{snapshot.days[1],
+                                                {today - aDay * 5, 0, 0, 0},
+                                                snapshot.days[5],
+                                                {today - aDay * 3, 0, 0, 0},
+                                                snapshot.days[2],
+                                                snapshot.days[3],
+                                                snapshot.days[6]}));
+    EXPECT_EQ(moment.today, snapshot.days[6]);
+    EXPECT_EQ(S().moment(nineOClock, utc).today, (S::Day{today, 0, 0, 0}));
 }
 
 TEST(WidgetMomentTest, AsksTheCalendarNoMoreForManyDaysThanForOne) {
