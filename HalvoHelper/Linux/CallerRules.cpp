@@ -47,16 +47,6 @@ std::string fileOf(pid_t process, const char* name) {
     return "/proc/" + std::to_string(process) + "/" + name;
 }
 
-// Of a file of proc(5); the longest, of the mounts, has some hundred bytes for each.
-constexpr std::size_t longestFile = 64UL * 1024 * 1024;
-
-// Takes what is before the next `end`, or all, off `text`, and the `end` too.
-std::string_view take(std::string_view& text, char end) {
-    const std::string_view taken = text.substr(0, text.find(end));
-    text.remove_prefix(std::min(text.size(), taken.size() + 1));
-    return taken;
-}
-
 // The path that the link `link` in /proc names, or the errno.
 std::expected<std::string, int> targetOf(const std::string& link) {
     std::array<char, PATH_MAX> buffer{};
@@ -70,6 +60,44 @@ std::expected<std::string, int> targetOf(const std::string& link) {
     return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
+// The options of the mount `number` as process 1 sees it, as "rw,nosuid"; empty where it sees none;
+// or the errno. In pieces: who can mount anything at a path of their own can make a line as long as
+// they like. Of a line's words the first six are the kernel's alone to choose the form of.
+std::expected<std::string, int> mountOptions(std::uint64_t number) {
+    const Descriptor mounts(open("/proc/1/mountinfo", O_RDONLY | O_CLOEXEC));
+    std::string id;
+    std::string options;
+    int word = 0;
+    std::array<char, 4096> piece{};
+    while (mounts.isOpen()) {
+        const ssize_t count = read(mounts.get(), piece.data(), piece.size());
+        if (count == 0) {
+            return "";
+        }
+        if (count < 0 && errno != EINTR) {
+            break;
+        }
+        for (const char c :
+             std::span(piece).first(static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
+            if (c == '\n') {
+                if (id == std::to_string(number)) {
+                    return options;
+                }
+                id.clear();
+                options.clear();
+                word = 0;
+            } else if (c == ' ') {
+                ++word;
+            } else if (word == 0) {
+                id += c;
+            } else if (word == 5) {
+                options += c;
+            }
+        }
+    }
+    return std::unexpected(errno);
+}
+
 // What keeps the kernel from honouring the set-group-id bit of the file that `file` holds. Process
 // 1 is asked, whose mounts are the machine's: in the unit's sandbox every mount is nosuid, and a
 // caller may have mounts of its own, from which the kernel gives nobody else anything.
@@ -77,30 +105,18 @@ Problem problemOfMount(const struct statx& file) {
     if ((file.stx_mask & STATX_MNT_ID) == 0) {
         return "it cannot be told on which mount its executable lies; that needs Linux 5.8";
     }
-    const auto mounts = readFile("/proc/1/mountinfo", longestFile);
-    if (!mounts) {
-        return failed("the machine's mounts cannot be read in /proc/1/mountinfo",
-                      mounts.error().code);
+    const auto options = mountOptions(file.stx_mnt_id);
+    if (!options) {
+        return failed("the machine's mounts cannot be read in /proc/1/mountinfo", options.error());
     }
-    const std::string number = std::to_string(file.stx_mnt_id);
-    for (std::string_view lines = *mounts; !lines.empty();) {
-        std::string_view line = take(lines, '\n');
-        if (take(line, ' ') != number) {
-            continue;
-        }
-        // Only the first six of a line's words are the kernel's alone to choose the form of; the
-        // source may be anything.
-        for (int others = 0; others < 4; ++others) {
-            take(line, ' ');
-        }
-        const std::string options = "," + std::string(take(line, ' ')) + ",";
-        return options.find(",nosuid,") == std::string::npos
-                   ? std::nullopt
-                   : Problem(
-                         "its executable lies on a file system mounted with nosuid, where the "
-                         "kernel gives nobody its group");
+    if (options->empty()) {
+        return "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
     }
-    return "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
+    return ("," + *options + ",").contains(",nosuid,")
+               ? Problem(
+                     "its executable lies on a file system mounted with nosuid, where the kernel "
+                     "gives nobody its group")
+               : std::nullopt;
 }
 
 // What keeps the caller's effective group from being one that it has from `executable` alone: its
@@ -114,7 +130,8 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
     if (getsockopt(connection, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size) != 0) {
         return failed(cannotBeRead, errno);
     }
-    const auto status = readFile(fileOf(caller.pid, "status"), longestFile);
+    constexpr std::size_t longest = 1024 * 1024;
+    const auto status = readFile(fileOf(caller.pid, "status"), longest);
     constexpr std::string_view field = "\nGid:\t";
     const std::size_t at = status ? status->find(field) : std::string::npos;
     if (at == std::string::npos) {

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -202,6 +204,38 @@ TEST(ScarcityTest, OfMemoryCostsOnlyTheCallerThatWantsIt) {
         EXPECT_FALSE(held.hasLine()) << held.output();
     }
     EXPECT_EQ(world.end(), Reply::yes);
+}
+
+// Whoever may mount something at a path of their own choice makes the table of mounts as long as
+// they like, and the helper looks into it for each caller.
+TEST(ScarcityTest, OfMemoryIsNotMadeByALongTableOfMounts) {
+    const World world;
+    RunningHelper helper(withMemory(16));
+    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
+    // Each space is four bytes in the table.
+    std::string folder = "/tmp";
+    for (int depth = 0; depth < 15; ++depth) {
+        folder += "/" + std::string(255, ' ');
+    }
+    std::filesystem::create_directories(folder);
+    constexpr int mounts = 1500;
+    for (int i = 0; i < mounts; ++i) {
+        ASSERT_EQ(mount("long", folder.c_str(), "tmpfs", MS_NOSUID, "size=4k"), 0);
+    }
+    ASSERT_GT(readTestFile("/proc/1/mountinfo").size(), 20'000'000);
+    EXPECT_EQ(world.ask({"status"}).status, Reply::yes);
+    // On mounts of its own, so that all of the table is looked through.
+    EXPECT_EQ(runInChild({.words = {"/usr/bin/unshare", "--mount", HALVO_TEST_CALLER, "--socket",
+                                    Place::socket, "status"}})
+                  .status,
+              Reply::refused);
+    EXPECT_TRUE(helper.says("error: Refused a caller: its executable lies on no mount*"));
+    EXPECT_TRUE(helper.isRunning());
+    EXPECT_EQ(world.end(), Reply::yes);
+    for (int i = 0; i < mounts; ++i) {
+        umount2(folder.c_str(), MNT_DETACH);
+    }
+    std::filesystem::remove_all("/tmp/" + std::string(255, ' '));
 }
 
 }  // namespace
