@@ -140,6 +140,7 @@ class OwnFileSystemTest : public StrangerTest {
         fs::remove(image);
         world.installApp(tree + "/Halvo.app");
         copyFile(HALVO_TEST_CALLER, tree + "/Halvo.app" + inBundle, group, setGroupID);
+        copyFile("/bin/sleep", tree + "/sleep", 0, 0755);
         fs::create_directories(disk);
         must("mke2fs -q -t ext4 -d " + tree + " " + image + " 200M >/dev/null");
         must(mount + " " + image + " " + disk);
@@ -221,8 +222,8 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStallsAtThePathOfTheApp) {
     ASSERT_EQ(servers.size(), 1);
     TestProcess stranger(
         {.words = {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
-                   "mount --bind " + disk + "/Halvo.app " + Place::app + " && exec " +
-                       Place::appExecutable},
+                   "mount --bind " + disk + "/sleep " + Place::appExecutable + " && exec " +
+                       Place::appExecutable + " 60"},
          .person = world.user});
     ASSERT_TRUE(eventually(Seconds{5}, [] {
         return processesRunning(Place::appExecutable).size() == 1;
@@ -233,6 +234,7 @@ TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStallsAtThePathOfTheApp) {
         helper.says("Halvo isn't running during Ultra Hard mode; opening it", Seconds{12});
     ::kill(servers[0], SIGCONT);
     EXPECT_TRUE(isOpened) << helper.process().output();
+    EXPECT_TRUE(stranger.isRunning()) << stranger.output();
     EXPECT_EQ(world.end(), Reply::yes);
     stranger.kill();
 }
