@@ -157,7 +157,7 @@ concept Record = requires { T::memberNames; };
 template <class T>
 inline constexpr auto nameList = [] {
     constexpr std::string_view all = names<T>;
-    std::array<std::string_view, all.empty() ? 0 : std::ranges::count(all, ',') + 1> list;
+    std::array<std::string_view, all.empty() ? 0 : std::ranges::count(all, ',') + 1> list{};
     std::size_t begin = 0;
     for (std::string_view& name : list) {
         name = all.substr(begin, all.find(',', begin) - begin);
@@ -170,7 +170,7 @@ inline constexpr auto nameList = [] {
 template <Record T>
 inline constexpr auto sortedPlaces = [] {
     std::array<std::size_t, nameList<T>.size()> places{};
-    std::iota(places.begin(), places.end(), 0);
+    std::iota(places.begin(), places.end(), 0);  // NOLINT(modernize-use-ranges): not in g++ 12.
     std::ranges::sort(places, {}, [](std::size_t place) { return nameList<T>[place]; });
     return places;
 }();

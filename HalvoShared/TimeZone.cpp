@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <system_error>
 
 #include "HalvoPlatform/Files.hpp"
@@ -141,15 +142,18 @@ void appendYears(TimeZone& zone, const std::vector<YearlyChange>& rule, sys_seco
     const sys_days known =
         std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{year{10'000} / 1 / 1});
     const year begin = year_month_day{known}.year();
-    std::vector<OffsetChange> ruled;
+    std::vector<std::vector<OffsetChange>> lists;
     for (const YearlyChange& change : rule) {
+        lists.emplace_back();
         // Changes may fall some days outside of the year to which they belong.
         for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
-            ruled.push_back(change(y));
+            lists.back().push_back(change(y));
         }
     }
-    // Stable, so that where a summer begins as the one before ends, the beginning counts.
-    std::ranges::stable_sort(ruled, {}, &OffsetChange::begin);
+    std::vector<OffsetChange> ruled;
+    // When a summer begins as the one before ends, the beginning comes last and counts.
+    std::ranges::merge(lists.front(), lists.back(), std::back_inserter(ruled), {},
+                       &OffsetChange::begin, &OffsetChange::begin);
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
             append(zone.changes, change);
@@ -241,6 +245,16 @@ std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
                                                                     : std::optional(offsets);
 }
 
+// RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends. Nothing
+// when `rest`, what follows the tables, is anything else.
+std::optional<std::string_view> footerOf(std::string_view rest) {
+    if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
+        return std::nullopt;
+    }
+    const std::string_view footer = rest.substr(1, rest.size() - 2);
+    return isPrintable(footer) ? std::optional(footer) : std::nullopt;
+}
+
 }  // namespace
 
 std::expected<TimeZone, std::string> TimeZone::read(const std::string& name) {
@@ -301,16 +315,14 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
         append(zone.changes, {time, (*offsets)[kind]});
     }
     if (hasSecondPart) {
-        // RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends.
-        const std::string_view footer = rest.substr(rest.empty() ? 0 : 1, rest.size() - 2);
-        if (rest.size() < 2 || rest.front() != '\n' || rest.back() != '\n' ||
-            !isPrintable(footer)) {
+        const auto footer = footerOf(rest);
+        if (!footer) {
             return damaged;
         }
-        const auto rule = RuleReader(footer).changes();
-        if (!rule && !footer.empty()) {
+        const auto rule = RuleReader(*footer).changes();
+        if (!rule && !footer->empty()) {
             return std::unexpected("the time zone \"" + name +
-                                   "\" has a rule that cannot be read: " + std::string(footer));
+                                   "\" has a rule that cannot be read: " + std::string(*footer));
         }
         if (rule && !rule->empty()) {
             appendYears(zone, *rule, last);

@@ -84,11 +84,11 @@ struct Next {
 };
 
 struct NothingScheduled {
-    HALVO_RECORD(NothingScheduled)
+    HALVO_RECORD(NothingScheduled)  // NOLINT(readability-redundant-string-init)
 };
 
 struct NoBlocks {
-    HALVO_RECORD(NoBlocks)
+    HALVO_RECORD(NoBlocks)  // NOLINT(readability-redundant-string-init)
 };
 
 using State = std::variant<Block, Focus, FocusFilter, Next, NothingScheduled, NoBlocks>;

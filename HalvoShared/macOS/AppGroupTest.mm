@@ -37,17 +37,6 @@ TEST_F(DarwinAppGroupTest, HasTheFolderThatTheSystemHasForIt) {
     EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
     EXPECT_TRUE(fs::is_directory(groups + "/group.a")) << "made when it is missing";
     EXPECT_FALSE(fs::exists(noGroup));
-    fake::world().groupContainers.clear();
-    writeTestFile(groups + "/group.a/keepalive.json", "{}");
-    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup) << "looked for again on each use";
-    fake::world().groupContainers["group.a"] = groups + "/group.a";
-    EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
-    EXPECT_EQ(testing::readTestFile(groups + "/group.a/keepalive.json"), "{}");
-    fs::remove_all(noGroup);
-    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
-    EXPECT_TRUE(fs::is_directory(noGroup));
-    fake::world().applicationSupport = home / "Hälvö";
-    EXPECT_EQ(AppGroup::containerOf(std::nullopt), home / "Hälvö/Halvo-NoGroup");
 }
 
 TEST_F(DarwinAppGroupTest, HasAPathWithoutItsFolderBeingMade) {
@@ -89,6 +78,24 @@ TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
     EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
     fs::remove(groups + "/group.a");
     EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
+}
+
+TEST_F(DarwinAppGroupTest, KeepsWhatIsInTheFolderAlready) {
+    fs::create_directories(noGroup);
+    writeTestFile(noGroup + "/keepalive.json", "{}");
+    EXPECT_EQ(AppGroup::containerOf(std::nullopt), noGroup);
+    EXPECT_EQ(testing::readTestFile(noGroup + "/keepalive.json"), "{}");
+}
+
+TEST_F(DarwinAppGroupTest, LooksAgainOnEachUse) {
+    EXPECT_EQ(AppGroup::containerOf("group.a"), groups + "/group.a");
+    fake::world().groupContainers.clear();
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    fs::remove_all(noGroup);
+    EXPECT_EQ(AppGroup::containerOf("group.a"), noGroup);
+    EXPECT_TRUE(fs::is_directory(noGroup));
+    fake::world().applicationSupport = home / "Hälvö";
+    EXPECT_EQ(AppGroup::containerOf("group.a"), home / "Hälvö/Halvo-NoGroup");
 }
 
 // Where records lie must not change with the state of the disk: others would look elsewhere.
