@@ -58,6 +58,7 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
         {"MESSAGE=" + std::string(message), level == LogLevel::Error ? "PRIORITY=3" : "PRIORITY=5",
          std::string("SUBSYSTEM=") + logger.subsystem, std::string("CATEGORY=") + logger.category});
     std::vector<iovec> parts;
+    parts.reserve(fields.size());
     for (std::string& field : fields) {
         parts.push_back({field.data(), field.size()});
     }

@@ -117,8 +117,8 @@ class EventLoopQueue final : public MainQueue {
         std::uint64_t now = 0;
         sd_event_now(sd_event_source_get_event(source), CLOCK_MONOTONIC, &now);
         // Keep to the grid, but do not make up for turns that were missed.
-        const std::uint64_t turns = (now - due) / timer->interval + 1;
-        sd_event_source_set_time(source, due + turns * timer->interval);
+        const std::uint64_t turns = ((now - due) / timer->interval) + 1;
+        sd_event_source_set_time(source, due + (turns * timer->interval));
         sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
         timer->work();
         return 0;
