@@ -24,6 +24,8 @@ struct Process {
     std::string path{};
     // How many bytes proc_pidinfo() returns; 64 is all of them.
     int infoSize = 64;
+    // What proc_pidpath() returns in place of the number of bytes that it wrote.
+    std::optional<int> pathSize = std::nullopt;
     // SIGSTOP reached it.
     bool isStopped = false;
 };
