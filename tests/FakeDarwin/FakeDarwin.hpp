@@ -24,6 +24,8 @@ struct Process {
     std::string path{};
     // How many bytes proc_pidinfo() returns; 64 is all of them.
     int infoSize = 64;
+    // What proc_pidpath() returns in place of the number of bytes that it wrote.
+    std::optional<int> pathSize = std::nullopt;
     // SIGSTOP reached it.
     bool isStopped = false;
 };
@@ -120,6 +122,7 @@ struct World {
     // containerURLForSecurityApplicationGroupIdentifier macOS gives a URL for every group; that of
     // one that the process may not use is a place where nobody can make a folder.
     std::map<std::string, std::string> groupContainers;
+    std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
 
     // Tasks: those launched, what happens then, and why none can be launched. A task without an

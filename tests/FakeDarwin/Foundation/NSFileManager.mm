@@ -17,9 +17,10 @@
     const fake::World& world = fake::world();
     const std::string name = fake::textOf(group);
     const auto found = world.groupContainers.find(name);
-    const std::string path =
-        found == world.groupContainers.end() ? "/proc/Group Containers/" + name : found->second;
-    return [NSURL fileURLWithPath:fake::stringOf(path)];
+    const std::string other = world.otherGroupContainers + "/" + name;
+    return
+        [NSURL fileURLWithPath:fake::stringOf(
+                                   found == world.groupContainers.end() ? other : found->second)];
 }
 
 - (NSArray<NSURL*>*)URLsForDirectory:(NSSearchPathDirectory)directory

@@ -140,7 +140,7 @@ int proc_pidpath(int pid, void* buffer, std::uint32_t size) {
     }
     const std::size_t told = std::min<std::size_t>(found->path.size(), size);
     std::memcpy(buffer, found->path.data(), told);
-    return static_cast<int>(told);
+    return found->pathSize.value_or(static_cast<int>(told));
 }
 
 // Of the program alone, which is the first image.
