@@ -15,7 +15,6 @@
 #include <expected>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <string>
 #include <utility>
 #include <variant>
@@ -87,11 +86,13 @@ struct Arguments {
 };
 
 std::optional<Seconds> parseMinutes(const std::string& word) {
-    // std::strtod() alone would also take "inf", "0x1p3", "1e3" and "5.".
-    static const std::regex plain("[0-9]+([.][0-9]+)?");
-    const bool isPlain = std::regex_match(word, plain);
-    const Seconds span = Seconds{60} * (isPlain ? std::strtod(word.c_str(), nullptr) : 0);
-    const bool isTaken = span > Seconds{0} && span <= HelperCommitment::maximum;
+    // Plain decimals only: strtod(3) would also take "inf", "0x1p3", "1e3" and "5.".
+    const bool isPlain = word.find_first_not_of("0123456789.") == std::string::npos &&
+                         !word.starts_with('.') && !word.ends_with('.');
+    char* end = nullptr;
+    const Seconds span = Seconds{60} * std::strtod(word.c_str(), &end);
+    const bool isTaken =
+        isPlain && *end == '\0' && span > Seconds{0} && span <= HelperCommitment::maximum;
     return isTaken ? std::optional(span) : std::nullopt;
 }
 
@@ -175,32 +176,39 @@ std::string advice(const HelperFailure& failure) {
 }
 
 // Borrows a stream. A write that fails is ignored, since the app must outlive its terminal.
-struct Display {
+class Display {
+  public:
+    Display(std::FILE* stream, bool isTerminal) : stream_(stream), isTerminal_(isTerminal) {}
+
+    [[nodiscard]] bool isTerminal() const { return isTerminal_; }
+
     // Shows how things stand: on a terminal as one line that is written over, with `passing`, which
     // may change with every call; elsewhere as a new line each time that `lasting` changes.
     void show(const std::string& lasting, const std::string& passing) {
-        const std::string text = isTerminal ? lasting + passing : lasting;
-        if (text != std::exchange(shown, text)) {
-            write(isTerminal ? clearLine + text : text + "\n");
+        const std::string text = isTerminal_ ? lasting + passing : lasting;
+        if (text != std::exchange(shown_, text)) {
+            write(isTerminal_ ? clearLine + text : text + "\n");
         }
     }
 
     // Says something once, on a line of its own that stays. An empty text is left out.
     void say(const std::string& text) {
         if (!text.empty()) {
-            write((isTerminal && !std::exchange(shown, "").empty() ? clearLine : "") + text + "\n");
+            write((isTerminal_ && !std::exchange(shown_, "").empty() ? clearLine : "") + text +
+                  "\n");
         }
     }
 
+  private:
     void write(const std::string& text) const {
-        std::fputs(text.c_str(), stream);
-        std::fflush(stream);
-        std::clearerr(stream);
+        std::fputs(text.c_str(), stream_);
+        std::fflush(stream_);
+        std::clearerr(stream_);
     }
 
-    std::FILE* stream;
-    bool isTerminal;
-    std::string shown{};
+    std::FILE* stream_;
+    bool isTerminal_;
+    std::string shown_;
 };
 
 // ------------------------------------------------------------------------- the end of the session
@@ -259,7 +267,8 @@ bool isShuttingDown(Seconds limit) {
 // What the widgets show of a commitment that this app knows of since `since`, or of none.
 WidgetSnapshot snapshotOf(const HelperStatus& status, WallDate since, WallDate now) {
     using S = WidgetSnapshot;
-    const UUID block = UUID::fromText("6F0A4B9E-2D53-4C6C-9A57-51C8D3E7A210").value();
+    constexpr UUID block{{0x6F, 0x0A, 0x4B, 0x9E, 0x2D, 0x53, 0x4C, 0x6C, 0x9A, 0x57, 0x51, 0xC8,
+                          0xD3, 0xE7, 0xA2, 0x10}};
     const std::string name = "Ultra Hard mode";
     const S::Look look{"red", "lock"};
     S snapshot;
@@ -282,58 +291,66 @@ WidgetSnapshot snapshotOf(const HelperStatus& status, WallDate since, WallDate n
 
 // Keeps the records that the app's other processes read: what its widgets show, and what is to be
 // done when it is found gone.
-struct RecordKeeper {
-    // The app lives, and the helper says `said`. Writes both when something has changed since the
-    // last call, and at least every half minute. Gives a sentence for the person when a file cannot
-    // be written, once for as long as the reason stays the same; else an empty one.
-    std::string update(const HelperStatus& said, WallDate now) {
+class RecordKeeper {
+  public:
+    // For the app in the bundle `appPath`. Writes nothing yet.
+    RecordKeeper(SharedFile<KeepAliveState> keepAlive, SharedFile<WidgetSnapshot> widgets,
+                 std::string appPath)
+        : keepAlive_(std::move(keepAlive)),
+          widgets_(std::move(widgets)),
+          appPath_(std::move(appPath)) {}
+
+    // The app lives, and the helper says `status`. Writes both when something has changed since
+    // the last call, and at least every half minute. Gives a sentence for the person when a file
+    // cannot be written, once for as long as the reason stays the same; else an empty one.
+    std::string update(const HelperStatus& status, WallDate now) {
         // Well below the two minutes of silence that count as a bypass.
         constexpr Seconds longestSilence{30};
         // A clock that was set back must not keep the record from being written.
-        const bool isOld = !writtenAt || now - *writtenAt >= longestSilence || now < *writtenAt;
-        if (!isOld && said == status) {
+        const bool isOld = !writtenAt_ || now - *writtenAt_ >= longestSilence || now < *writtenAt_;
+        if (!isOld && status == status_) {
             return "";
         }
-        if (!writtenAt || said.holding != status.holding) {
-            since = now;
+        if (!writtenAt_ || status.holding != status_.holding) {
+            since_ = now;
         }
-        status = said;
+        status_ = status;
         return write(now, /*clean=*/false);
     }
 
     // The app ends as it should. As update(), if that ever wrote anything.
-    std::string end(WallDate now) { return writtenAt ? write(now, /*clean=*/true) : ""; }
+    std::string end(WallDate now) { return writtenAt_ ? write(now, /*clean=*/true) : ""; }
 
+  private:
     std::string write(WallDate now, bool clean) {
-        writtenAt = now;
+        writtenAt_ = now;
         std::string problem;
         try {
-            keepAliveFile.write({.pid = getpid(),
-                                 .appPath = appPath,
-                                 .clean = clean,
-                                 .commitmentUntil = status.until,
-                                 .ultraHard = status.holding,
-                                 .updatedAt = now});
-            widgetsFile.write(snapshotOf(status, since, now));
+            keepAlive_.write({.pid = getpid(),
+                              .appPath = appPath_,
+                              .clean = clean,
+                              .commitmentUntil = status_.until,
+                              .ultraHard = status_.holding,
+                              .updatedAt = now});
+            widgets_.write(snapshotOf(status_, since_, now));
         } catch (const SharedFileError& error) {
             problem =
                 "What the widgets show could not be written: " + std::string(error.what()) + ".";
         }
-        return problem == std::exchange(trouble, problem) ? "" : problem;
+        return problem == std::exchange(trouble_, problem) ? "" : problem;
     }
 
-    SharedFile<KeepAliveState> keepAliveFile;
-    SharedFile<WidgetSnapshot> widgetsFile;
-    // The bundle that the app runs from.
-    std::string appPath;
+    SharedFile<KeepAliveState> keepAlive_;
+    SharedFile<WidgetSnapshot> widgets_;
+    std::string appPath_;
 
     // What was written last, and when; absent when nothing was yet.
-    HelperStatus status{};
-    std::optional<WallDate> writtenAt{};
+    HelperStatus status_;
+    std::optional<WallDate> writtenAt_;
     // Since when something holds, or nothing.
-    WallDate since{};
+    WallDate since_;
     // What was last said.
-    std::string trouble{};
+    std::string trouble_;
 };
 
 // ------------------------------------------------------------------------------------ the
@@ -360,14 +377,6 @@ int waitForSignal(Deadline until) {
     return std::max(sigtimedwait(&signals, nullptr, &span), 0);
 }
 
-// The rule that the app keeps for the person: a commitment never gets shorter. The end to ask the
-// helper for when `held` is what holds and the person wants `wanted`; nothing when what holds ends
-// no earlier. The helper itself would take an earlier end.
-std::optional<WallDate> laterEnd(const HelperStatus& held, WallDate wanted) {
-    const bool keep = held.holding && held.until && *held.until >= wanted;
-    return keep ? std::nullopt : std::optional(wanted);
-}
-
 // How fast the app lives.
 struct Pace {
     // Well below the silence after which the helper looks whether the app runs.
@@ -381,7 +390,16 @@ struct Pace {
 // The app while it runs: begins a commitment if asked to, then sends heartbeats, shows what holds
 // and keeps the records. It has no way to end a commitment. Borrows the client, the display and the
 // records.
-struct Companion {
+class Companion {
+  public:
+    Companion(HelperClient& client, Display& display, RecordKeeper& records, std::string appPath,
+              Pace pace = {})
+        : client_(client),
+          display_(display),
+          records_(records),
+          appPath_(std::move(appPath)),
+          pace_(pace) {}
+
     // Returns the process's exit status once nothing holds any more, a signal came, or the helper
     // could not be asked to begin with. Blocks SIGINT, SIGTERM and SIGHUP in its thread, so it is
     // called before there is another.
@@ -389,53 +407,57 @@ struct Companion {
         const sigset_t signals = endSignals();
         sigprocmask(SIG_BLOCK, &signals, nullptr);
         if (arguments.broughtBack) {
-            display.say("The helper opened Halvo again after it was quit.");
+            display_.say("The helper opened Halvo again after it was quit.");
         }
-        const auto status = arguments.commitment ? begin(*arguments.commitment) : client.status();
+        const auto status = arguments.commitment ? begin(*arguments.commitment) : client_.status();
         if (!status && !arguments.broughtBack) {
-            display.say(advice(status.error()));
+            display_.say(advice(status.error()));
             return halvo::exitStatus(status.error());
         }
         if (status && !status->holding) {
-            display.say(
+            display_.say(
                 arguments.commitment
                     ? "The helper did not take the commitment. Another person's may hold, or " +
-                          appPath + " is not where the helper sees this app."
+                          appPath_ + " is not where the helper sees this app."
                     : "Nothing holds. Commit yourself with: Halvo MINUTES");
             return arguments.commitment ? 1 : 0;
         }
         if (status) {
             holds(*status);
         } else {
-            leavingAt = deadlineAfter(pace.searching);
+            leavingAt_ = deadlineAfter(pace_.searching);
             isInTrouble(status.error());
         }
         const int exitStatus = stay();
-        display.say(records.end(wallNow()));
+        display_.say(records_.end(wallNow()));
         return exitStatus;
     }
 
+  private:
     // The status once the helper has taken the commitment; idle when it has not. What to ask for is
     // decided in here only: the client asks what holds and sends the begin over one connection.
     HelperClient::Result<HelperStatus> begin(Seconds span) {
         std::optional<WallDate> until;
         const auto decide = [&](const HelperStatus& held) -> std::optional<CommitmentSpan> {
             const WallDate started = wallNow();
-            until = laterEnd(held, started + span);
+            // The rule that the app keeps for the person: a commitment never gets shorter. The
+            // helper itself would take an earlier end.
+            const bool endsLater = held.holding && held.until >= started + span;
+            until = endsLater ? std::nullopt : std::optional(started + span);
             return until ? std::optional(CommitmentSpan{*until, started}) : std::nullopt;
         };
-        const auto taken = client.begin(appPath, decide);
+        const auto taken = client_.begin(appPath_, decide);
         if (!taken) {
             return std::unexpected(taken.error());
         }
         if (!*taken) {
             return HelperStatus::idle;
         }
-        const auto status = client.status();
+        const auto status = client_.status();
         if (!until) {
-            display.say("What holds already ends later; the later end stays.");
-        } else if (status && status->until && *status->until < *until - hair) {
-            display.say("The helper allows no later end: a day after the first beginning.");
+            display_.say("What holds already ends later; the later end stays.");
+        } else if (status && status->until.value_or(*until) < *until - hair) {
+            display_.say("The helper allows no later end: a day after the first beginning.");
         }
         return status;
     }
@@ -444,18 +466,18 @@ struct Companion {
         Deadline nextBeat = now();
         while (true) {
             if (now() >= nextBeat) {
-                nextBeat = deadlineAfter(pace.heartbeat);
+                nextBeat = deadlineAfter(pace_.heartbeat);
                 if (const auto exitStatus = beat()) {
                     return *exitStatus;
                 }
-                display.say(records.update(shown, wallNow()));
+                display_.say(records_.update(shown_, wallNow()));
             }
-            const bool isCounting = shown.holding && shown.until;
-            display.show(holding(shown),
-                         isCounting ? ", " + timeLeft(*shown.until - wallNow()) + " left" : "");
+            const bool isCounting = shown_.holding && shown_.until;
+            display_.show(holding(shown_),
+                          isCounting ? ", " + timeLeft(*shown_.until - wallNow()) + " left" : "");
             // The clock on a terminal goes by seconds.
             const auto wake =
-                display.isTerminal ? std::min(nextBeat, deadlineAfter(Seconds{1})) : nextBeat;
+                display_.isTerminal() ? std::min(nextBeat, deadlineAfter(Seconds{1})) : nextBeat;
             if (const int signal = waitForSignal(wake); signal != 0) {
                 leave(signal);
                 return 0;
@@ -466,49 +488,49 @@ struct Companion {
     // One heartbeat, and what follows from its answer: the exit status when it is time to end.
     std::optional<int> beat() {
         if (!isClosing()) {
-            wasOpenUntil = deadlineAfter(someBeats);
+            wasOpenUntil_ = deadlineAfter(someBeats);
         }
-        const auto alive = client.heartbeat(/*sessionEnding=*/false, heartbeatLimit);
+        const auto alive = client_.heartbeat(/*sessionEnding=*/false, heartbeatLimit);
         const auto status =
-            alive ? client.status(heartbeatLimit)
+            alive ? client_.status(heartbeatLimit)
                   : HelperClient::Result<HelperStatus>(std::unexpected(alive.error()));
         if (!status) {
             return isInTrouble(status.error());
         }
-        if (!std::exchange(trouble, "").empty()) {
-            display.say("The helper is back.");
+        if (!std::exchange(trouble_, "").empty()) {
+            display_.say("The helper is back.");
         }
         if (status->holding) {
             holds(*status);
             return std::nullopt;
         }
-        display.say("Ultra Hard mode is over. Halvo ends by itself in " +
-                    std::to_string(wholeSeconds(pace.lingering)) + " seconds.");
-        display.say(records.update(HelperStatus::idle, wallNow()));
-        display.show(holding(HelperStatus::idle), "");
-        waitForSignal(deadlineAfter(pace.lingering));
+        display_.say("Ultra Hard mode is over. Halvo ends by itself in " +
+                     std::to_string(wholeSeconds(pace_.lingering)) + " seconds.");
+        display_.say(records_.update(HelperStatus::idle, wallNow()));
+        display_.show(holding(HelperStatus::idle), "");
+        waitForSignal(deadlineAfter(pace_.lingering));
         return 0;
     }
 
     void holds(const HelperStatus& status) {
-        const auto before = std::exchange(shown, status).until;
-        if (before && shown.until && std::chrono::abs(*shown.until - *before) < hair) {
-            shown.until = before;
+        const auto before = std::exchange(shown_, status).until;
+        if (before && shown_.until && std::chrono::abs(*shown_.until - *before) < hair) {
+            shown_.until = before;
         }
         // Without the helper, the app goes some time after the end that was last known.
-        const Seconds left = shown.until ? *shown.until - wallNow() : Seconds{0};
-        leavingAt = deadlineAfter(left + pace.lingering);
+        const Seconds left = shown_.until ? *shown_.until - wallNow() : Seconds{0};
+        leavingAt_ = deadlineAfter(left + pace_.lingering);
     }
 
     std::optional<int> isInTrouble(const HelperFailure& failure) {
         const std::string text = advice(failure);
-        if (text != std::exchange(trouble, text)) {
-            display.say(text + " Halvo keeps trying.");
+        if (text != std::exchange(trouble_, text)) {
+            display_.say(text + " Halvo keeps trying.");
         }
-        if (now() < leavingAt) {
+        if (now() < leavingAt_) {
             return std::nullopt;
         }
-        display.say("Halvo ends: the helper has been away for too long.");
+        display_.say("Halvo ends: the helper has been away for too long.");
         return halvo::exitStatus(failure);
     }
 
@@ -517,28 +539,28 @@ struct Companion {
     // not count: a program that is left behind keeps it so, and the app could be started in it
     // again and again only to have its end announced. Ctrl-C is never the session's end.
     void leave(int signal) {
-        const bool wasOpen = now() < wasOpenUntil;
+        const bool wasOpen = now() < wasOpenUntil_;
         if (signal != SIGINT && (isClosing() ? wasOpen : isShuttingDown(farewellLimit))) {
-            const auto told = client.heartbeat(/*sessionEnding=*/true, farewellLimit);
-            display.say(told ? "The session is ending; the helper knows." : advice(told.error()));
-        } else if (shown.holding) {
-            display.say("Halvo ends. As long as the commitment holds the helper opens it again.");
+            const auto told = client_.heartbeat(/*sessionEnding=*/true, farewellLimit);
+            display_.say(told ? "The session is ending; the helper knows." : advice(told.error()));
+        } else if (shown_.holding) {
+            display_.say("Halvo ends. As long as the commitment holds the helper opens it again.");
         }
     }
 
-    HelperClient& client;
-    Display& display;
-    RecordKeeper& records;
-    std::string appPath;
-    Pace pace{};
+    HelperClient& client_;
+    Display& display_;
+    RecordKeeper& records_;
+    std::string appPath_;
+    Pace pace_;
 
-    HelperStatus shown{};
+    HelperStatus shown_;
     // What is the matter with the helper, as it was last said.
-    std::string trouble{};
+    std::string trouble_;
     // For how long a session that closes counts as one that was open just now.
-    Deadline wasOpenUntil{};
+    Deadline wasOpenUntil_;
     // When the app ends by itself, unless the helper says that something holds.
-    Deadline leavingAt{};
+    Deadline leavingAt_;
 };
 
 }  // namespace
@@ -566,7 +588,7 @@ int main(int count, char** arguments) {
         return EX_CONFIG;
     }
     HelperClient client(bundle->identity);
-    Display display{stdout, isatty(STDOUT_FILENO) == 1};
-    RecordKeeper records{KeepAliveState::file(), WidgetSnapshot::file(), bundle->path};
-    return Companion{client, display, records, bundle->path}.run(*parsed);
+    Display display(stdout, isatty(STDOUT_FILENO) == 1);
+    RecordKeeper records(KeepAliveState::file(), WidgetSnapshot::file(), bundle->path);
+    return Companion(client, display, records, bundle->path).run(*parsed);
 }

@@ -72,13 +72,6 @@ TEST(ArgumentsTest, AreUnderstoodOrRefusedWithTheReason) {
     }
 }
 
-TEST(LaterEndTest, NeverShortensWhatHolds) {
-    EXPECT_EQ(laterEnd(HelperStatus::idle, noon), noon);
-    EXPECT_EQ(laterEnd({true, noon, true}, noon + hour), noon + hour);
-    EXPECT_EQ(laterEnd({true, noon, true}, noon - hour), std::nullopt);
-    EXPECT_EQ(laterEnd({true, noon, false}, noon), std::nullopt);
-}
-
 TEST(WordingTest, SaysHowThingsStandAndWhatToDo) {
     namespace F = HelperFailures;
     setenv("TZ", "UTC", 1);
@@ -121,7 +114,7 @@ std::string displayed(bool terminal, const std::function<void(Display&)>& use) {
     char* text = nullptr;
     std::size_t size = 0;
     std::FILE* stream = open_memstream(&text, &size);
-    Display display{stream, terminal};
+    Display display(stream, terminal);
     use(display);
     std::fclose(stream);
     const std::unique_ptr<char, decltype(&std::free)> owned(text, &std::free);
@@ -148,7 +141,7 @@ TEST(DisplayTest, WritesALineForEachChangeToAFileAndOverTheLineOfATerminal) {
 TEST(DisplayTest, GoesOnWhenItsStreamIsFull) {
     std::FILE* full = std::fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
-    Display display{full, false};
+    Display display(full, false);
     display.say("The helper is back.");
     EXPECT_EQ(std::ferror(full), 0);
     std::fclose(full);
@@ -182,7 +175,7 @@ struct RecordKeeperTest : ::testing::Test {
     TemporaryFolder folder;
     SharedFile<KeepAliveState> keepAlive{"keepalive.json", folder.path()};
     SharedFile<WidgetSnapshot> widgets{"widgets.json", folder.path()};
-    RecordKeeper keeper{keepAlive, widgets, app};
+    RecordKeeper keeper = RecordKeeper(keepAlive, widgets, app);
 };
 
 TEST_F(RecordKeeperTest, WritesWhatHoldsSinceWhenAndHowItEnded) {
@@ -244,7 +237,7 @@ TEST_F(RecordKeeperTest, WritesWhatHoldsSinceWhenAndHowItEnded) {
 TEST_F(RecordKeeperTest, SaysOnceWhyItCannotWriteAndAgainAfterItHasGoneWell) {
     const std::string place = folder / "later";
     const std::string file = place + "/keepalive.json";
-    RecordKeeper lost{SharedFile<KeepAliveState>(file), widgets, app};
+    RecordKeeper lost(SharedFile<KeepAliveState>(file), widgets, app);
     const std::string trouble =
         "What the widgets show could not be written: " + file + ": No such file or directory.";
     EXPECT_EQ(lost.update(HelperStatus::idle, noon), trouble);
@@ -262,10 +255,11 @@ class CompanionTest : public ::testing::Test {
 
     void TearDown() override { unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
 
-    // A helper that holds for `span`, or nothing.
-    void startHelper(std::optional<Seconds> span) {
-        helper_.emplace(path_, std::vector{Conduct::Answer});
+    // A helper that has never said anything else than that it holds for `span`.
+    void startHelper(Seconds span) {
+        helper_.emplace(path_ + ".new", std::vector{Conduct::Answer});
         hold(span);
+        std::filesystem::rename(path_ + ".new", path_);
     }
 
     void hold(std::optional<Seconds> span) const {
@@ -286,18 +280,17 @@ class CompanionTest : public ::testing::Test {
         const std::function<void(TestProcess& app)>& meanwhile = [](TestProcess&) {}) {
         TestProcess process(Start{.body = [&] {
             HelperClient client(path_);
-            Display display{stdout, /*isTerminal=*/false};
-            RecordKeeper records{keepAlive_, widgets_, app};
+            Display display(stdout, /*isTerminal=*/false);
+            RecordKeeper records(keepAlive_, widgets_, app);
             const Pace hurried{Seconds{0.05}, Seconds{0.2}, Seconds{0.4}};
-            return Companion{client, display, records, app, hurried}.run(arguments);
+            return Companion(client, display, records, app, hurried).run(arguments);
         }});
         meanwhile(process);
         const int status = process.wait();
         return {status, process.output()};
     }
 
-    // The end of the session that an app announces which `signal` ends while ten minutes hold, if
-    // it does.
+    // Whether an app that `signal` ends while ten minutes hold announces the end of the session.
     bool announcesAt(int signal, const std::function<void()>& justBefore = [] {}) {
         startHelper(Seconds{600});
         const ChildResult ended = run({}, [&](TestProcess& process) {
