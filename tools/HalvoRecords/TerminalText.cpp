@@ -23,27 +23,38 @@ bool isObeyed(char32_t code) {
            isIn(0x2028, 0x202E) || isIn(0x2066, 0x2069) || code == 0xFEFF;
 }
 
+// The character with which a text begins, or where it begins with none a byte.
+struct First {
+    std::size_t length;
+    bool isText;
+    unsigned code;
+};
+
+First firstOf(std::string_view text) {
+    std::size_t length = 1;
+    while (length < 4 && !isUTF8(text.substr(0, length))) {
+        ++length;
+    }
+    const bool isText = isUTF8(text.substr(0, length));
+    length = isText ? length : 1;
+    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
+    unsigned code = static_cast<unsigned char>(text.front()) & (isText ? 0xFFU >> length : 0xFFU);
+    for (const char byte : text.substr(1, length - 1)) {
+        code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
+    }
+    return {length, isText, code};
+}
+
 // `text` with what is obeyed and what is no text escaped, the characters of `kept` as they are, and
 // those of `marked` behind a backslash.
 std::string escaped(std::string_view text, std::string_view kept, std::string_view marked) {
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
-        // The first character, or where the text begins with none the first byte.
-        std::size_t length = 1;
-        while (length < 4 && !isUTF8(text.substr(0, length))) {
-            ++length;
-        }
-        const bool isText = isUTF8(text.substr(0, length));
-        const std::string_view first = text.substr(0, isText ? length : 1);
-        const char lead = first.front();
-        // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
-        unsigned code = static_cast<unsigned char>(lead) & (isText ? 0xFFU >> length : 0xFFU);
-        for (const char byte : first.substr(1)) {
-            code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
-        }
+        const auto [length, isText, code] = firstOf(text);
+        const char lead = text.front();
         if (kept.contains(lead) || (isText && !isObeyed(code))) {
-            result.append(marked.contains(lead) ? "\\" : "").append(first);
+            result.append(marked.contains(lead) ? "\\" : "").append(text.substr(0, length));
         } else if (code == '\n' || code == '\t') {
             result += code == '\n' ? "\\n" : "\\t";
         } else {
@@ -51,7 +62,7 @@ std::string escaped(std::string_view text, std::string_view kept, std::string_vi
             std::snprintf(escape.data(), escape.size(), isText ? "\\u%04x" : "\\x%02x", code);
             result += escape.data();
         }
-        text.remove_prefix(first.size());
+        text.remove_prefix(length);
     }
     return result;
 }
