@@ -10,7 +10,7 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::tools {
 

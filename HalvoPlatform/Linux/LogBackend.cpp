@@ -94,7 +94,7 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
 }
 
 // "2026-11-20T09:30:00Z", to the nearest second; empty where that has no such form.
-std::string internetDate(WallDate date) {
+std::string rfc3339(WallDate date) {
     // Cut off below, not by std::floor(): nothing else of the helper uses pages of libm.
     const double seconds = secondsSince1970(date) + 0.5;
     constexpr double year10000 = 253402300800;
@@ -124,7 +124,7 @@ void setLogContext(const LogContext* context) {
     }
     contextFields = {"HALVO_UID=" + std::to_string(context->uid),
                      "HALVO_BUNDLE=" + context->bundle};
-    if (const std::string end = internetDate(context->end); !end.empty()) {
+    if (const std::string end = rfc3339(context->end); !end.empty()) {
         contextFields.push_back("HALVO_END=" + end);
     }
 }

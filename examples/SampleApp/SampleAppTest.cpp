@@ -72,7 +72,7 @@ TEST(ArgumentsTest, AreUnderstoodOrRefusedWithTheReason) {
     }
 }
 
-TEST(WordingTest, SaysHowThingsStandAndWhatToDo) {
+TEST(TextTest, SaysHowThingsStandAndWhatToDo) {
     namespace F = HelperFailures;
     setenv("TZ", "UTC", 1);
     tzset();

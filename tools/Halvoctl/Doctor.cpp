@@ -8,7 +8,7 @@
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {

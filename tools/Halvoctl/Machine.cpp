@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::control {
 

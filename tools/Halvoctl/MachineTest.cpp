@@ -63,7 +63,7 @@ TEST(EndAllTest, AsksEachHelperOnceAlsoThoseThatComeMeanwhile) {
     EXPECT_NEAR(waiter.time.count(), 1010, 0.1);
 }
 
-TEST(WordingTest, NamesProcessesAndMakesOneWordForAShell) {
+TEST(TextTest, NamesProcessesAndMakesOneWordForAShell) {
     EXPECT_EQ(named({12}), "pid 12");
     EXPECT_EQ(named({12, 13}), "pids 12 and 13");
     EXPECT_EQ(named({12, 13, 14}), "pids 12, 13 and 14");

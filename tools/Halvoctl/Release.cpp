@@ -6,7 +6,7 @@
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Log.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {

@@ -2,8 +2,8 @@
 #include <nlohmann/json.hpp>
 
 #include "HalvoPlatform/Version.hpp"
-#include "HalvoShared/InternetDate.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "HalvoShared/RFC3339.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace halvo::control {
@@ -49,7 +49,7 @@ Json orNull(const std::optional<std::string>& value) { return value ? Json(*valu
 
 Json date(WallDate date) {
     std::string text;
-    return InternetDate::append(date, text) ? Json(text) : Json();
+    return RFC3339::append(date, text) ? Json(text) : Json();
 }
 
 std::string linesOf(const Json& root) {

@@ -10,7 +10,7 @@
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 #include "tools/Halvoctl/Commands.hpp"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Descriptor.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 #include "tools/Halvoctl/Linux/SystemdService.hpp"
 
 namespace halvo::control {

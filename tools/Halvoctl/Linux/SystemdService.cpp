@@ -15,7 +15,7 @@
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::control {
 namespace {

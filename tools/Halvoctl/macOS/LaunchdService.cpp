@@ -14,7 +14,7 @@
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelper/macOS/HelperCopy.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
-#include "tools/HalvoRecords/Wording.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
 
 namespace halvo::control {
 namespace {

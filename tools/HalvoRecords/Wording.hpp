@@ -1,4 +1,0 @@
-// The earlier name of TerminalText.hpp.
-#pragma once
-
-#include "tools/HalvoRecords/TerminalText.hpp"
