@@ -130,7 +130,7 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
     if (getsockopt(connection, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size) != 0) {
         return failed(cannotBeRead, errno);
     }
-    constexpr std::size_t longest = 1024 * 1024;
+    constexpr std::size_t longest = 1024UL * 1024;
     const auto status = readFile(fileOf(caller.pid, "status"), longest);
     constexpr std::string_view field = "\nGid:\t";
     const std::size_t at = status ? status->find(field) : std::string::npos;
