@@ -12,7 +12,7 @@ namespace halvo::AppGroup {
 
 // The string under "HalvoAppGroup", as it stands there; nothing when there is none.
 inline std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& info) {
-    return info ? infoString(*info, "HalvoAppGroup") : std::nullopt;
+    return infoString(info, "HalvoAppGroup");
 }
 
 // Which group the main bundle belongs to: identifierIn() its Info.plist.

@@ -128,7 +128,7 @@ std::string HalvoLink::url(const std::string& scheme) const {
 std::string HalvoLink::scheme() { return schemeIn(Bundle::main().info()); }
 
 std::string HalvoLink::schemeIn(const std::optional<InfoDictionary>& info) {
-    return (info ? infoString(*info, "HalvoURLScheme") : std::nullopt).value_or("halvo");
+    return infoString(info, "HalvoURLScheme").value_or("halvo");
 }
 
 }  // namespace halvo

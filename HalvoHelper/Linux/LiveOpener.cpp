@@ -158,9 +158,7 @@ bool managerAnswers(const std::string& sessionFolder) {
 // The identifier of the bundle with all but ASCII letters, digits and "." as "_", which leaves what
 // is safe in a unit's name.
 std::string unitNameOf(const Bundle& bundle) {
-    const auto info = bundle.info();
-    std::string name =
-        (info ? infoString(*info, "CFBundleIdentifier") : std::nullopt).value_or("app");
+    std::string name = infoString(bundle.info(), "CFBundleIdentifier").value_or("app");
     const auto isUnsafe = [](unsigned char c) { return c != '.' && std::isalnum(c) == 0; };
     std::ranges::replace_if(name, isUnsafe, '_');
     return name;

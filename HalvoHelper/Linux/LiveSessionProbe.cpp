@@ -151,7 +151,8 @@ class LiveSessionProbe final : public SessionProbe {
               std::uint32_t uid) {
         const int proc = dirfd(proc_.get());
         name_.assign(process).append("/exe");
-        const ssize_t target = readlinkat(proc, name_.c_str(), link_.data(), link_.size());
+        const ssize_t target =
+            proc < 0 ? -1 : readlinkat(proc, name_.c_str(), link_.data(), link_.size());
         if (target < 0 ||
             std::string_view(link_.data(), static_cast<std::size_t>(target)) != executable) {
             return false;

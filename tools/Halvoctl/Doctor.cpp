@@ -51,7 +51,7 @@ std::vector<std::string> installedApps(Machine& machine) {
              item.increment(ignored)) {
             const std::string path = folder + "/" + item->path().filename().string();
             const auto info = AppLocation::isBundlePath(path) ? Bundle(path).info() : std::nullopt;
-            if (info && infoString(*info, "CFBundleIdentifier") == machine.identity.appBundleID) {
+            if (infoString(info, "CFBundleIdentifier") == machine.identity.appBundleID) {
                 paths.insert(path);
             }
         }
@@ -242,7 +242,7 @@ Check checkIdentity(const std::string& app, const HelperIdentity& identity) {
     const Bundle bundle(app);
     const auto info = bundle.info();
     const auto shown = [&](const std::string& key) {
-        const auto text = info ? infoString(*info, key) : std::nullopt;
+        const auto text = infoString(info, key);
         return key + " " + (text ? records::inQuotes(*text) : "nothing");
     };
     const std::string path = printable(bundle.infoPath());
