@@ -558,9 +558,9 @@ class Companion {
     // What is the matter with the helper, as it was last said.
     std::string trouble_;
     // For how long a session that closes counts as one that was open just now.
-    Deadline wasOpenUntil_;
+    Deadline wasOpenUntil_{};
     // When the app ends by itself, unless the helper says that something holds.
-    Deadline leavingAt_;
+    Deadline leavingAt_{};
 };
 
 }  // namespace

@@ -209,7 +209,8 @@ Check checkSandbox(const Answer& units, const std::string& app) {
     const std::string place = folderOf(app);
     const std::string shown = printable(place);
     const auto holdsPlace = [&place](const std::string& each) { return isWithin(place, each); };
-    const bool mayWrite = !units->writable || std::ranges::any_of(*units->writable, holdsPlace);
+    const auto& writable = units->writable;
+    const bool mayWrite = !writable || std::ranges::any_of(*writable, holdsPlace);
     // ProtectHome= and PrivateTmp= put others in their place.
     const std::array<std::string, 5> hidden{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
     const auto* above = std::ranges::find_if(hidden, holdsPlace);

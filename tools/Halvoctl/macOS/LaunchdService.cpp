@@ -124,23 +124,24 @@ class LaunchdService final : public Service {
 }  // namespace
 
 Launchctl liveLaunchctl(Waiter& waiter, const std::string& program) {
-    return [&waiter, program](std::vector<std::string> words, Seconds limit,
-                              const std::string& line) -> std::expected<int, std::string> {
-        words.insert(words.begin(), program);
-        pid_t child = 0;
-        if (const int code = spawn(words, child); code != 0) {
-            return std::unexpected(program + " cannot be started: " + errorText(code));
-        }
-        int status = 0;
-        const auto hasEnded = [&] { return waitpid(child, &status, WNOHANG) == child; };
-        if (!waiter.wait(hasEnded, limit, line)) {
-            kill(-child, SIGKILL);
-            waitpid(child, &status, 0);
-            return std::unexpected(program + " takes too long; it was stopped");
-        }
-        constexpr int signalled = 128;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
-    };
+    return
+        [&waiter, program = program](std::vector<std::string> words, Seconds limit,
+                                     const std::string& line) -> std::expected<int, std::string> {
+            words.insert(words.begin(), program);
+            pid_t child = 0;
+            if (const int code = spawn(words, child); code != 0) {
+                return std::unexpected(program + " cannot be started: " + errorText(code));
+            }
+            int status = 0;
+            const auto hasEnded = [&] { return waitpid(child, &status, WNOHANG) == child; };
+            if (!waiter.wait(hasEnded, limit, line)) {
+                kill(-child, SIGKILL);
+                waitpid(child, &status, 0);
+                return std::unexpected(program + " takes too long; it was stopped");
+            }
+            constexpr int signalled = 128;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : signalled + WTERMSIG(status);
+        };
 }
 
 std::unique_ptr<Service> launchdService(const Machine& machine, const Launchctl& launchctl) {
