@@ -400,15 +400,15 @@ std::optional<std::string> CallerRules::problemOfBundle(const std::string& execu
                                                               : failed(cannotBeRead, code);
     }
     const auto file = FileStamp::of(infoPath.c_str());
-    if (!file || file != info_) {
+    Info& known = infos_[infoPath];
+    if (!file || file != known.file) {
         const auto info = readInfoFile(infoPath);
         if (!info) {
             return failed(cannotBeRead, info.error().code);
         }
-        info_ = file && file->isSettled() ? file : std::nullopt;
-        infoIdentity_ = HelperIdentity::ofBundle(*info);
+        known = {file && file->isSettled() ? file : std::nullopt, HelperIdentity::ofBundle(*info)};
     }
-    return infoIdentity_ == identity_ ? std::nullopt : std::optional(isOther);
+    return known.identity == identity_ ? std::nullopt : std::optional(isOther);
 }
 
 }  // namespace halvo

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <expected>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -108,9 +109,15 @@ class CallerRules {
 
     HelperIdentity identity_;
     PrivateGroups groups_;
-    // The Info.plist that was read last, and what it says, as long as that is the same file.
-    std::optional<FileStamp> info_;
-    std::optional<HelperIdentity> infoIdentity_;
+
+    // What an Info.plist says, as long as it is the same file.
+    struct Info {
+        std::optional<FileStamp> file;
+        std::optional<HelperIdentity> identity;
+    };
+
+    // By path. Only root makes such files, so they are few.
+    std::map<std::string, Info> infos_;
 };
 
 }  // namespace halvo

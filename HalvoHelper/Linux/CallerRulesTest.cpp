@@ -669,10 +669,18 @@ TEST_F(CallerRulesPrivateMachineTest, TellBundlesApartFromOneCallerToTheNext) {
     stranger.writeInfo("com.example.other");
     stranger.install(appGroup);
     sleep(3);  // until each is remembered
+    std::size_t opened = 0;
+    const auto admit = [&](const Descriptor& connection) {
+        const std::size_t before = callsMade(SystemCall::open);
+        const bool isAdmitted = rules.check(connection.get()).has_value();
+        opened = callsMade(SystemCall::open) - before;
+        return isAdmitted;
+    };
     for (int round = 0; round < 2; ++round) {
-        EXPECT_TRUE(rules.check(connectionOfApp().get()));
-        EXPECT_FALSE(rules.check(connectionOf(stranger.executable()).get()));
+        EXPECT_TRUE(admit(connectionOfApp()));
+        EXPECT_FALSE(admit(connectionOf(stranger.executable())));
     }
+    EXPECT_EQ(opened, 3U) << "an Info.plist is read again";
 }
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgramAndOneThatBecameTheApp) {
