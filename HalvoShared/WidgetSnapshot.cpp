@@ -39,10 +39,14 @@ std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days, const Cale
             starts.push_back(calendar.startOfDay(*date));
         }
     }
+    if (starts.empty()) {
+        return week;
+    }
+    const WallDate first = starts.front();
+    const WallDate last = starts.back() + longestDay;
     for (const Day& day : days) {
         // Nearly all records are passed over by this alone.
-        if (starts.empty() || day.start < starts.front() ||
-            day.start > starts.back() + longestDay) {
+        if (day.start < first || day.start > last) {
             continue;
         }
         // Nearly all begin with their day.
