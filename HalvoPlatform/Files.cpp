@@ -121,7 +121,7 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
         return failure(EFBIG, path);
     }
     std::string bytes;
-    std::array<char, 16384> part{};
+    std::array<char, 4096> part{};
     ssize_t count = 0;
     while ((count = read(file.get(), part.data(), part.size())) != 0) {
         if (count < 0 && errno != EINTR) {
