@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 #include <utility>
-#include <variant>
 
 #include "HalvoPlatform/Fatal.hpp"
 #include "HalvoPlatform/Log.hpp"
@@ -12,7 +11,7 @@
 namespace halvo {
 namespace {
 
-// What is wrong with the first of the dates that the engine cannot reckon with; null if nothing is.
+// Why the engine cannot compute with the first invalid date; null where both are valid.
 const char* problemOfDates(double until, double started) {
     // 10000-01-01, in seconds since 1970. A commitment is granted a day from its start at the most,
     // so that of any earlier start the engine can count in whole seconds.
@@ -24,12 +23,6 @@ const char* problemOfDates(double until, double started) {
         return "started is not a finite number";
     }
     return started >= pastLastStart ? "started is after the year 9999" : nullptr;
-}
-
-void logContextOf(const HelperCommitment& commitment) {
-    const LogContext context{commitment.uid, commitment.appPath,
-                             commitment.ends(commitment.checkpoint)};
-    setLogContext(&context);
 }
 
 }  // namespace
@@ -53,42 +46,12 @@ std::expected<bool, std::string> HelperConnection::begin(const std::string& appP
     return engine.begin(appPath, until, started, peer_);
 }
 
-StoredCommitment LoggedStore::load() {
-    StoredCommitment stored = store_.load();
-    if (const auto* commitment = std::get_if<HelperCommitment>(&stored)) {
-        logContextOf(*commitment);
-    }
-    return stored;
-}
-
-// The context first, so that it is in the line of a failure too.
-bool LoggedStore::save(const HelperCommitment& commitment) {
-    isRemoved_ = false;
-    logContextOf(commitment);
-    return store_.save(commitment);
-}
-
-void LoggedStore::remove() {
-    store_.remove();
-    isRemoved_ = true;
-    queue_.async([this] {
-        if (isRemoved_) {
-            setLogContext(nullptr);
-        }
-    });
-}
-
-HelperService::HelperService(HelperIdentity identity, HelperEngine engine, HelperListener& listener,
-                             MainQueue& queue)
-    : identity_(std::move(identity)),
-      queue_(queue),
-      engine_(std::move(engine)),
-      listener_(listener),
-      busySince_(queue.now()) {}
+HelperService::HelperService(HelperEngine engine, HelperListener& listener, MainQueue& queue)
+    : queue_(queue), engine_(std::move(engine)), listener_(listener), busySince_(queue.now()) {}
 
 void HelperService::start() {
     engine_.startup();
-    listener_.serve(identity_, *this);
+    listener_.serve(*this);
     queue_.onTermination([this] { terminate(); });
     queue_.repeat(HelperEngine::Timing::tick, HelperEngine::Timing::tick, tickLeeway,
                   [this] { tick(); });

@@ -1,4 +1,4 @@
-// The life of the service, the requests that it answers and the commitment that its log tells of.
+// The life cycle of the service, and the requests that it answers.
 #pragma once
 
 #include <cstdint>
@@ -12,15 +12,16 @@
 namespace halvo {
 
 // The four requests of one caller, answered by the engine, which must outlive the connection. The
-// peer is fixed at admission. Requests are served on the main queue only, which each checks.
+// peer is fixed at admission. Main queue only, which each request checks.
 class HelperConnection {
   public:
     HelperConnection(HelperPeer peer, HelperEngine& engine)
         : peer_(std::move(peer)), engine_(engine) {}
 
-    // Commits the caller to keep its own bundle. `appPath` is that of resolvedPath(). Whether a
-    // commitment is now held; for the caller's own bundle a sentence that names the bad argument,
-    // which is logged: a date that is not finite, or a `started` after the year 9999.
+    // Commits the caller to keep its own bundle, at `appPath` (of resolvedPath()). Returns whether
+    // a commitment is now held. Fails, for the caller's own bundle, with a sentence that names the
+    // invalid argument, which is logged: a date that is not finite, or a `started` after the year
+    // 9999.
     [[nodiscard]] std::expected<bool, std::string> begin(const std::string& appPath, WallDate until,
                                                          WallDate started) const;
 
@@ -44,26 +45,9 @@ class HelperConnection {
     HelperEngine& engine_;
 };
 
-// Hands everything on to a store, and gives the log its context (Log.hpp): the commitment loaded
-// or saved last, until the main queue's current work has ended that removes it, so that what is
-// logged of its end tells of it too. Borrows both; main queue only.
-class LoggedStore final : public CommitmentStore {
-  public:
-    LoggedStore(CommitmentStore& store, MainQueue& queue) : store_(store), queue_(queue) {}
-
-    StoredCommitment load() override;
-    bool save(const HelperCommitment& commitment) override;
-    void remove() override;
-
-  private:
-    CommitmentStore& store_;
-    MainQueue& queue_;
-    // Removed, and no other saved since.
-    bool isRemoved_ = false;
-};
-
-// Owns the engine, drives its periodic check, counts connections, ends the process when it has been
-// idle long enough or is told to. One per process; main queue only, which each entry checks.
+// Owns the engine, drives its periodic check, counts connections, and ends the process when it has
+// been idle long enough or receives SIGTERM. One per process; main queue only, which each member
+// function checks.
 class HelperService {
   public:
     // How long the helper stays without a commitment and without a connection.
@@ -72,30 +56,28 @@ class HelperService {
     static constexpr Seconds tickLeeway{0.2};
 
     // Borrows the listener and the queue. `engine` has not started up.
-    HelperService(HelperIdentity identity, HelperEngine engine, HelperListener& listener,
-                  MainQueue& queue);
+    HelperService(HelperEngine engine, HelperListener& listener, MainQueue& queue);
 
-    // Takes the stored commitment up, then serves: the engine has started up before any caller can
-    // reach it. Called once.
+    // Starts the engine up, which recovers the stored commitment, and only then serves callers.
+    // Called once.
     void start();
 
     // One periodic check: the engine's, then the idle rule, by which the process exits with 0.
     void tick();
 
-    // Ends the process with the engine's word on it.
+    // Ends the process with the status that HelperEngine::terminate() returns.
     void terminate();
 
     // Each connection that the listener admits is counted from the one call to the other.
     void connectionOpened();
     void connectionClosed();
 
-    // What answers requests. May be asked for on any thread, and used on the main queue.
+    // What answers requests. The reference may be taken on any thread, and used on the main queue.
     [[nodiscard]] HelperEngine& engine() { return engine_; }
 
     [[nodiscard]] std::int64_t connections() const { return connections_; }
 
   private:
-    HelperIdentity identity_;
     MainQueue& queue_;
     HelperEngine engine_;
     HelperListener& listener_;

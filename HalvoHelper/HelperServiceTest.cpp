@@ -29,13 +29,11 @@ class FakeListener final : public HelperListener {
   public:
     explicit FakeListener(CallLog& calls) : calls_(calls) {}
 
-    void serve(const HelperIdentity& required, HelperService& service) override {
+    void serve(HelperService& service) override {
         calls_.enter("serve");
-        identity = required;
         served = &service;
     }
 
-    std::optional<HelperIdentity> identity;
     HelperService* served = nullptr;
 
   private:
@@ -86,12 +84,9 @@ class HelperServiceTest : public ::testing::Test {
     std::string app = world.addBundle("Applications/Halvo.app");
     ManualMainQueue queue{world.clock, &world.calls};
     FakeListener listener{world.calls};
-    const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
     const Seconds madeAt = queue.now();
-    HelperService service{identity,
-                          {world.clock, world.flags, world.store, world.session, world.opener},
-                          listener,
-                          queue};
+    HelperService service{
+        {world.clock, world.flags, world.store, world.session, world.opener}, listener, queue};
 };
 
 // The stored commitment is taken up before a caller can reach it.
@@ -106,7 +101,6 @@ TEST_F(HelperServiceTest, StartsUpThenListensThenHandlesTerminationThenTicks) {
     EXPECT_THAT(world.calls.calls(),
                 ElementsAre("reading", "load", "save locked", "state Halvo.app", "lock Halvo.app",
                             "serve", "handle SIGTERM", "repeat"));
-    EXPECT_EQ(listener.identity, identity);
     EXPECT_EQ(listener.served, &service);
     EXPECT_THAT(queue.timers(),
                 ElementsAre(ManualMainQueue::TimerRequest{Seconds{2}, Seconds{2}, Seconds{0.2}}));
@@ -361,69 +355,6 @@ TEST_F(HelperServiceDeathTest, IsCalledOnTheMainQueueOnly) {
         EXPECT_DEATH(std::thread(call).join(),
                      "Incorrect actor executor assumption; Expected same executor as MainActor\\.");
     }
-}
-
-struct Line {
-    std::string message;
-    std::vector<std::string> fields;
-};
-
-std::vector<Line> lines;
-
-// What an engine says on such a store, with the fields of each line.
-class LoggedStoreTest : public ::testing::Test {
-  protected:
-    LoggedStoreTest()
-        : before_(replaceLogSink([](const Logger&, LogLevel, std::string_view message) {
-              lines.push_back({std::string(message), logFields()});
-          })) {}
-
-    ~LoggedStoreTest() override {
-        replaceLogSink(before_);
-        setLogContext(nullptr);
-        lines.clear();
-    }
-
-    static std::vector<std::string> lastFields(const std::string& message) {
-        EXPECT_EQ(lines.back().message, message);
-        return lines.back().fields;
-    }
-
-    SimulatedWorld world;
-    ManualMainQueue queue{world.clock};
-    LoggedStore store{world.store, queue};
-    HelperEngine engine{world.clock, world.flags, store, world.session, world.opener};
-    const std::string app = world.addBundle("Applications/Halvo.app");
-    const HelperPeer peer{1000, app};
-
-  private:
-    LogSink before_;
-};
-
-TEST_F(LoggedStoreTest, HasTheLogTellOfTheCommitmentFromItsBeginToItsEnd) {
-    const WallDate now = world.clock.now().wall;
-    ASSERT_TRUE(engine.begin(app, now + Seconds{600.4}, now, peer));
-    const auto fields =
-        ElementsAre("HALVO_UID=1000", "HALVO_BUNDLE=" + app, "HALVO_END=2025-10-09T09:03:20Z");
-    EXPECT_THAT(lastFields("Holding Ultra Hard mode for 600 s"), fields);
-    ASSERT_TRUE(engine.end(peer));
-    EXPECT_THAT(lastFields("Ultra Hard mode let go: ended"), fields);
-    // And of what follows at once.
-    ASSERT_TRUE(engine.begin(app, now + Seconds{300}, now, peer));
-    queue.runPending();
-    EXPECT_EQ(logFields().at(2), "HALVO_END=2025-10-09T08:58:20Z");
-    ASSERT_TRUE(engine.end(peer));
-    queue.runPending();
-    EXPECT_FALSE(engine.begin("/Elsewhere.app", now, now, peer));
-    EXPECT_THAT(lastFields(notTheirs), IsEmpty());
-}
-
-TEST_F(LoggedStoreTest, HasTheLogTellOfWhatRanOutMeanwhile) {
-    world.store.stored =
-        HelperCommitment{app, 7, {}, Seconds{1}, Seconds{1}, world.clock.now(), true};
-    world.clock.advance(Seconds{2});
-    engine.startup();
-    EXPECT_EQ(lastFields("Ultra Hard mode let go: expiredAtStartup").front(), "HALVO_UID=7");
 }
 
 }  // namespace

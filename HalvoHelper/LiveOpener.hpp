@@ -10,21 +10,20 @@
 
 namespace halvo {
 
-// How often in a row the app was opened and did not stay. The engine asks for an opening 15 seconds
-// after the last at the earliest, and as soon as it may while the app is not there; so being asked
-// again soon says that the last opening did not bring the app, or that it is gone already. Main
-// queue only.
+// Counts how often in a row the app was opened and did not stay. The engine asks for an opening 15
+// seconds after the last at the earliest, and as soon as it may while the app does not run; so a
+// request soon after the last means that the app did not start, or has ended already. Main queue
+// only.
 class OpeningStreak {
   public:
-    // How soon "soon" is: reopenGap of HelperEngine::Timing and its silence, and a machine that is
-    // busy.
+    // How soon is soon: HelperEngine::Timing's reopenGap and silence, and slack for a busy machine.
     static constexpr Seconds soon{40};
 
-    // Notes that the app at `appPath` is about to be opened for `uid`, at `now` since boot. Gives
-    // how many openings of that app for that user before this one did not bring it, one soon after
-    // another. At the 2nd, 4th, 8th and so on, logs that number with `whereItsMessagesAre`, which
-    // says how to read what the app itself has to say: "Opened Halvo %{public}ld times in a row,
-    // and it didn't stay; its own messages: %{public}s".
+    // Notes that the app at `appPath` is about to be opened for `uid`, at `now` since boot. Returns
+    // how many openings of that app for that user, one soon after another, failed before this one.
+    // At the 2nd, 4th, 8th and so on, logs that number with `whereItsMessagesAre`, the command that
+    // shows the app's own log: "Opened Halvo %{public}ld times in a row, and it didn't stay; its
+    // own messages: %{public}s".
     long next(const std::string& appPath, std::uint32_t uid, Seconds now,
               const std::string& whereItsMessagesAre) {
         const bool isAgain =
@@ -52,29 +51,29 @@ class OpeningStreak {
 };
 
 // Starts the helper's own executable in its open-as-user mode and does not wait for it. The child
-// has an empty environment and is reaped without a wait. (Its umask is the open-as-user mode's to
-// set.) Main queue only; one source per system.
+// has an empty environment and is reaped without a wait. (The open-as-user mode sets its umask.)
+// Main queue only; one source per system.
 //
-// On macOS NSTask starts it through `launchctl asuser`, in the login session of the person, with
-// every signal at its default and none blocked. Where not root alone decides what lies at the
-// helper's path, a checked copy of it is started instead (macOS/HelperCopy.hpp), and without one
-// nothing. On Linux with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, and
-// has the helper's standard error to say why it cannot. The child inherits nothing else either: no
-// descriptor beyond 0 to 2 (which are /dev/null), no signal mask or disposition, no session, "/" as
-// its folder; and from the first opening on the kernel reaps the children of this process
-// (SA_NOCLDWAIT, sigaction(2)), while SIGCHLD keeps its default disposition.
+// On macOS NSTask starts it through `launchctl asuser`, in the login session of the user, with
+// every signal at its default and none blocked. Where the helper's path is not root's alone, a
+// checked copy of it is started instead (macOS/HelperCopy.hpp), and without one nothing. On Linux
+// with systemd (sd_booted(3)) systemd-run(1) starts it, in a unit of its own, with the helper's
+// standard error for its errors. The child inherits nothing else either: no descriptor beyond 0 to
+// 2 (which are /dev/null), no signal mask or disposition, no session, "/" as its working directory;
+// and from the first opening on the kernel reaps the children of this process (SA_NOCLDWAIT,
+// sigaction(2)), while SIGCHLD keeps its default disposition.
 //
-// Openings that do not bring the app are counted and told as OpeningStreak says. On Linux, where
-// the person's own systemd manager does as that person tells it, each that comes soon after one
-// that brought nothing goes the other way: directly, then by that manager again, in turns.
+// Openings that fail are counted and logged as OpeningStreak says. On Linux, where the user
+// controls their own systemd manager, each that comes soon after one that failed goes the other
+// way: directly, then by that manager again, in turns.
 class LiveOpener final : public AppOpener {
   public:
-    // `helperExecutable`: the path of the helper's own executable. On macOS takes away the copy
-    // that an earlier process may have left.
+    // `helperExecutable`: the path of the helper's own executable. On macOS removes the copy that
+    // an earlier process may have left.
     explicit LiveOpener(std::string helperExecutable);
 
-    // Does nothing when there is nothing at `appPath`. A child that cannot be started, or on
-    // macOS may not be, logs "Couldn't open Halvo: %{public}s".
+    // Does nothing when no item exists at `appPath`. A child that cannot be started, or on macOS
+    // may not be, logs "Couldn't open Halvo: %{public}s".
     void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) override;
 
   private:

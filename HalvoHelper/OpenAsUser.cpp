@@ -17,26 +17,6 @@
 namespace halvo::OpenAsUser {
 namespace {
 
-// A user as the password file has it.
-struct User {
-    uid_t uid{};
-    gid_t gid{};
-    std::string name;
-    std::string home;
-};
-
-std::optional<User> lookUp(uid_t uid) {
-    // Single-threaded: the shared buffer of getpwuid(3) is ours alone.
-    const passwd* entry = getpwuid(uid);
-    if (entry == nullptr) {
-        return std::nullopt;
-    }
-    if (entry->pw_name == nullptr || entry->pw_dir == nullptr) {
-        fatal("A user without a name or a home directory");
-    }
-    return User{uid, entry->pw_gid, entry->pw_name, entry->pw_dir};
-}
-
 std::optional<std::uint32_t> parseUserID(const std::string& word) {
     const char* first = word.data() + (word.starts_with('+') ? 1 : 0);
     const char* last = word.data() + word.size();
@@ -47,16 +27,16 @@ std::optional<std::uint32_t> parseUserID(const std::string& word) {
 
 // initgroups(3), whose group is an int on macOS and a gid_t elsewhere.
 template <class Group>
-bool setGroupsOf(int (*call)(const char*, Group), const User& user) {
-    return call(user.name.c_str(), static_cast<Group>(user.gid)) == 0;
+bool setGroupsOf(int (*call)(const char*, Group), const std::string& user, gid_t group) {
+    return call(user.c_str(), static_cast<Group>(group)) == 0;
 }
 
-// Becomes `user` for good, and proves it: the groups go first, because only root may set them; then
-// the identities are read back; then becoming root again must fail. False at the first thing that
-// is not as it must be.
-bool dropPrivileges(const User& user) {
-    return setgid(user.gid) == 0 && setGroupsOf(initgroups, user) && setuid(user.uid) == 0 &&
-           getuid() == user.uid && geteuid() == user.uid && getgid() == user.gid && setuid(0) != 0;
+// Becomes the user `uid`, called `name`, with the primary group `gid`, for good, and proves it: the
+// groups go first, because only root may set them; then the identities are read back; then becoming
+// root again must fail. Returns false at the first step that fails.
+bool dropPrivileges(uid_t uid, gid_t gid, const std::string& name) {
+    return setgid(gid) == 0 && setGroupsOf(initgroups, name, gid) && setuid(uid) == 0 &&
+           getuid() == uid && geteuid() == uid && getgid() == gid && setuid(0) != 0;
 }
 
 }  // namespace
@@ -87,22 +67,27 @@ std::optional<Request> parse(std::span<const std::string> words) {
 
 void run(std::span<const std::string> words) {
     const auto request = parse(words);
-    const auto user = request ? lookUp(request->uid) : std::nullopt;
-    if (!user) {
+    // Single-threaded: until the next look-up the static buffer of getpwuid(3) is unchanged.
+    const passwd* user = request ? getpwuid(request->uid) : nullptr;
+    if (user == nullptr) {
         std::exit(EX_USAGE);
     }
-    if (!dropPrivileges(*user)) {
+    if (user->pw_name == nullptr || user->pw_dir == nullptr) {
+        fatal("A user without a name or a home directory");
+    }
+    const std::string name = user->pw_name;
+    const std::string home = user->pw_dir;
+    if (!dropPrivileges(request->uid, user->pw_gid, name)) {
         std::exit(EX_NOPERM);
     }
     Command command = commandFor(*request);
     if (request->afterQuit) {
         command.arguments.insert(command.arguments.end(), {LaunchReason::relaunchArgument, "YES"});
     }
-    command.environment.insert(command.environment.begin(),
-                               {"HOME=" + user->home, "USER=" + user->name, "LOGNAME=" + user->name,
-                                "PATH=/usr/bin:/bin:/usr/sbin:/sbin"});
-    // Where the program is the app itself, its files are made as in any other session of the
-    // person.
+    command.environment.insert(
+        command.environment.begin(),
+        {"HOME=" + home, "USER=" + name, "LOGNAME=" + name, "PATH=/usr/bin:/bin:/usr/sbin:/sbin"});
+    // Where the program is the app itself, it creates files as in any other session of the user.
     constexpr mode_t usual = 022;
     umask(usual);
     const ArgumentVector arguments(command.arguments);

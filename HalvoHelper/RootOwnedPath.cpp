@@ -11,32 +11,32 @@ namespace halvo::RootOwnedPath {
 namespace {
 
 // What is wrong with the very item at `path`.
-std::optional<Problem> problemAt(const std::string& path, Item item) {
+std::optional<FileError> problemAt(const std::string& path, Item item) {
     struct stat status{};
     if (lstat(path.c_str(), &status) != 0) {
         const int code = errno;
-        return Problem{path + ": " + errorText(code), code};
+        return FileError{code, path + ": " + errorText(code)};
     }
     const bool isOfKind = item == Item::folder ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode);
     if (!isOfKind) {
-        return Problem{path + (S_ISLNK(status.st_mode) ? " is a symbolic link"
-                               : item == Item::folder  ? " is no folder"
-                                                       : " is no regular file")};
+        return FileError{0, path + (S_ISLNK(status.st_mode) ? " is a symbolic link"
+                                    : item == Item::folder  ? " is no folder"
+                                                            : " is no regular file")};
     }
     if (status.st_uid != 0) {
-        return Problem{path + " belongs to user " + std::to_string(status.st_uid)};
+        return FileError{0, path + " belongs to user " + std::to_string(status.st_uid)};
     }
     // On Linux an access-control list that lets others write shows in the group's bits; acl(5).
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return Problem{"others than its owner can write to " + path};
+        return FileError{0, "others than its owner can write to " + path};
     }
     auto beyond = problemBeyondMode(path);
-    return beyond ? std::optional(Problem{*std::move(beyond)}) : std::nullopt;
+    return beyond ? std::optional(FileError{0, *std::move(beyond)}) : std::nullopt;
 }
 
 }  // namespace
 
-std::optional<Problem> examine(const std::string& path, Item item, const std::string& top) {
+std::optional<FileError> examine(const std::string& path, Item item, const std::string& top) {
     for (std::size_t slash = path.find('/'); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
         const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
@@ -52,7 +52,7 @@ std::optional<Problem> examine(const std::string& path, Item item, const std::st
 
 std::optional<std::string> problem(const std::string& path, Item item, const std::string& top) {
     const auto found = examine(path, item, top);
-    return found ? std::optional(found->what) : std::nullopt;
+    return found ? std::optional(found->message) : std::nullopt;
 }
 
 }  // namespace halvo::RootOwnedPath

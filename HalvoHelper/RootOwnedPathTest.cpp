@@ -50,7 +50,7 @@ TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemThatSomebodyBesidesRootCanChang
     for (const mode_t mode : {0664U, 0646U}) {
         change(file, mode);
         EXPECT_EQ(problem(file), "others than its owner can write to " + file);
-        EXPECT_EQ(RootOwnedPath::examine(file)->failure, 0);
+        EXPECT_EQ(RootOwnedPath::examine(file)->code, 0);
     }
     change(folder, 0755, user.uid);
     EXPECT_EQ(problem(file), folder + theirs);
@@ -72,7 +72,7 @@ TEST_F(RootOwnedPathPrivateMachineTest, IsAnItemOfAnotherKind) {
 TEST_F(RootOwnedPathPrivateMachineTest, IsWhatCannotBeLookedAt) {
     EXPECT_EQ(problem(folder + "/gone"), folder + "/gone: No such file or directory");
     EXPECT_EQ(problem(folder + "/gone/file"), folder + "/gone: No such file or directory");
-    EXPECT_EQ(RootOwnedPath::examine(folder + "/gone")->failure, ENOENT);
+    EXPECT_EQ(RootOwnedPath::examine(folder + "/gone")->code, ENOENT);
 }
 
 TEST_F(RootOwnedPathPrivateMachineTest, IsNotLookedForAboveTheTop) {

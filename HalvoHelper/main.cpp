@@ -41,19 +41,18 @@ void runService(const std::string& firstWord) {
         std::exit(EX_CONFIG);
     }
     MainQueue& queue = liveMainQueue();
-    // All this lives as long as the process, and so not on the stack of a thread that the main
-    // queue may end: dispatch_main(3).
-    auto& listener = *makeListener(identity->helperBundleID()).release();
+    // All this lives as long as the process, so not on the stack of the main thread, which
+    // dispatch_main(3) may end.
+    auto& listener = *makeListener(*identity).release();
     HALVO_LOG_DEFAULT(helperLog, "Halvo helper %{public}s started", version);
     auto& clock = *new SystemHelperClock;
     auto& flags = *new ChflagsFileFlags(ItemFlag::systemImmutable);
     auto& files = *new FileCommitmentStore(identity->stateFolder());
     auto& locks = *new RecordedLocks(files, flags);
-    auto& store = *new LoggedStore(locks, queue);
     auto& session = *makeLiveSessionProbe().release();
     auto& opener = *new LiveOpener(bundle.executablePath().value_or(firstWord));
-    auto& service = *new HelperService(
-        *identity, HelperEngine(clock, locks, store, session, opener), listener, queue);
+    auto& service =
+        *new HelperService(HelperEngine(clock, locks, locks, session, opener), listener, queue);
     service.start();
     queue.run();
 }

@@ -9,9 +9,8 @@
 namespace halvo::AppLocation {
 
 bool isBundlePath(const std::string& path) {
-    // With these excluded nothing is left for a lexical normalisation to change: the last
-    // component ends in ".app" and so is neither "." nor ".." nor empty. What the system makes of a
-    // path besides is its own.
+    // With these excluded a lexical normalisation changes nothing: the last component ends in
+    // ".app" and so is neither "." nor ".." nor empty. The rest depends on the system.
     return path.starts_with('/') && path.ends_with(".app") && !path.contains("/../") &&
            !path.contains("/./") && !path.contains("//") && !hasZeroByte(path) && isUTF8(path) &&
            isStandardizedPath(path);

@@ -1,4 +1,4 @@
-// How the app comes back.
+// Opening the app, as the engine sees it.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +10,9 @@ class AppOpener {
   public:
     virtual ~AppOpener() = default;
 
-    // Opens the app at `appPath` for the user `uid`, inside that user's session. `afterQuit` tells
-    // the app that it is brought back after it was quit. Returns at once; a failure is logged by
-    // the implementation and nobody waits for the outcome.
+    // Opens the app at `appPath` for the user `uid`, inside that user's session. `afterQuit`: tells
+    // the app that it is opened again after it was quit. Returns at once, without the outcome; a
+    // failure is logged by the implementation.
     virtual void open(const std::string& appPath, std::uint32_t uid, bool afterQuit) = 0;
 };
 

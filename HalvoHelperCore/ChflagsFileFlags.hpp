@@ -12,8 +12,8 @@ namespace halvo {
 // File flags as <sys/stat.h> of BSD systems numbers them. (Not by their names there, which are
 // macros on macOS.)
 struct ItemFlag {
-    // SF_IMMUTABLE: only root sets and clears it. Nobody renames, removes or moves the item, nor
-    // adds or removes entries of a folder.
+    // SF_IMMUTABLE: only root sets and clears it. The item cannot be renamed, removed or moved, nor
+    // can entries of a folder be added or removed.
     static constexpr std::uint32_t systemImmutable = 0x20000;
     // UF_IMMUTABLE: the same, but the owner may clear it. Not used by the helper.
     static constexpr std::uint32_t userImmutable = 0x2;
@@ -24,9 +24,9 @@ struct ItemFlag {
 // read with statx(2); an item on a file system without flags has none set.
 std::optional<std::uint32_t> itemFlags(const std::string& path);
 
-// What became of a change of flags, as errno has it; 0 is success.
+// The result of a change of flags, as errno values; 0 is success.
 struct FlagsChange {
-    // Why the system refused it; nothing is changed then.
+    // Why the system refused it, in which case nothing is changed.
     int refused{};
     // Why it may not be on the disk (syncToDisk() in HalvoPlatform/Files.hpp).
     int unsynced{};
@@ -40,19 +40,19 @@ struct FlagsChange {
 // EOPNOTSUPP.
 FlagsChange setItemFlags(const std::string& path, std::uint32_t wanted);
 
-// Locks an item by setting flag bits on it, and only on it: nothing is recursive, no symbolic link
-// is followed, and all other flags are kept. Keeps no state. Main queue only.
+// Locks an item by setting flag bits on the item itself: not recursive, no symbolic link is
+// followed, and all other flags are kept. Stateless. Main queue only.
 class ChflagsFileFlags final : public FileFlags {
   public:
-    // `flag`: the bits that mean locked. Any one of them makes an item locked; locking sets all.
+    // `flag`: the bits that mean locked. An item with any of them is locked; locking sets all.
     explicit ChflagsFileFlags(std::uint32_t flag) : flag_(flag) {}
 
     LockState state(const std::string& path) override;
 
-    // Makes no change, and succeeds, where the flags are as asked already. False without a word
-    // when there is no item; false with "Couldn't %{public}s Halvo: errno %d" in the log when the
-    // system refuses. A change is on the disk when this returns; where it cannot be brought there,
-    // "Couldn't sync Halvo: errno %d" is logged and the change stands.
+    // Succeeds without a change where the flags are already as asked. Returns false without a log
+    // line when there is no item; false with "Couldn't %{public}s Halvo: errno %d" when the system
+    // refuses. A change is on the disk when this returns; where the sync fails, "Couldn't sync
+    // Halvo: errno %d" is logged and the change stands.
     bool setLocked(bool locked, const std::string& path) override;
 
   private:

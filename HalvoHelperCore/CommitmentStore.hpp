@@ -1,4 +1,4 @@
-// Where the commitment survives the process.
+// Persistence of the commitment, as the engine sees it.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace halvo {
 
-// A file that is there but does not hold a commitment, and what could be saved of it.
+// A damaged record, and what could be salvaged of it.
 struct UnreadableCommitment {
     std::optional<std::string> appPath;
     bool locked{};
@@ -25,8 +25,8 @@ struct NoCommitment {
 // What a store holds.
 using StoredCommitment = std::variant<HelperCommitment, UnreadableCommitment, NoCommitment>;
 
-// The bundle whose lock has to be taken off before `unreadable` is forgotten, if any: what stands
-// in a damaged file is believed only of a bundle that the helper may lock.
+// The bundle to unlock before `unreadable` is deleted, if any: a damaged record is trusted only of
+// a bundle that the helper may lock.
 inline std::optional<std::string> lockOwed(const UnreadableCommitment& unreadable) {
     const bool isOwed =
         unreadable.locked && unreadable.appPath && AppLocation::mayLock(*unreadable.appPath);
@@ -37,15 +37,14 @@ class CommitmentStore {
   public:
     virtual ~CommitmentStore() = default;
 
-    // What is stored. Never fails: what cannot be read at all is no commitment.
+    // What is stored. Never fails: a record that cannot be read at all is NoCommitment.
     virtual StoredCommitment load() = 0;
 
-    // Stores `commitment` in the place of what was there. True when it is what the disk holds,
-    // whatever happens next; false when the disk may also hold what was there before. A failure is
-    // logged by the implementation.
+    // Replaces what is stored by `commitment`. Returns true when it is durable; false, logged by
+    // the implementation, when the disk may also hold what was stored before.
     virtual bool save(const HelperCommitment& commitment) = 0;
 
-    // Deletes what is stored. A failure leaves what was there, and is logged by the implementation.
+    // Deletes what is stored. A failure leaves it, and is logged by the implementation.
     virtual void remove() = 0;
 };
 

@@ -22,9 +22,9 @@ constexpr const char* fileName = "commitment.json";
 
 double number(const Json& object, const char* name) { return object.at(name).get<double>(); }
 
-// Nothing, or Json::exception, where a member is missing, of another type or out of its range.
+// Nothing, or Json::exception, where a member is missing, of another type or out of range.
 std::optional<HelperCommitment> commitmentFrom(const Json& root) {
-    // Any JSON number that is a whole one in range, however it is spelled.
+    // Any JSON number whose value is an integer in range, in any notation.
     const double uid = number(root, "uid");
     const bool fits = uid >= 0 && uid <= std::numeric_limits<std::uint32_t>::max();
     const auto user = static_cast<std::uint32_t>(fits ? uid : 0);
@@ -46,7 +46,7 @@ std::optional<HelperCommitment> commitmentFrom(const Json& root) {
 
 StoredCommitment decode(const std::string& bytes) {
     UnreadableCommitment salvaged;
-    // The library takes a zero byte for the end of the text, whatever follows.
+    // The library takes a zero byte for the end of the text, and ignores what follows.
     const Json root = bytes.contains('\0') ? Json() : Json::parse(bytes, nullptr, false);
     if (!root.is_object()) {
         return salvaged;
@@ -63,8 +63,8 @@ StoredCommitment decode(const std::string& bytes) {
     }
 }
 
-// The bytes of the state file, or why there can be none. JSON has no number for infinity and the
-// library would write null, which could not be read back.
+// The bytes of the state file, or why there are none. JSON has no infinity: the library would write
+// null, which could not be read back.
 std::expected<std::string, std::string> encode(const HelperCommitment& commitment) {
     const ClockReading& checkpoint = commitment.checkpoint;
     const Json root{
@@ -123,7 +123,7 @@ bool FileCommitmentStore::save(const HelperCommitment& commitment) {
 
 void FileCommitmentStore::remove() {
     const auto file = removeItem(path());
-    // Even so: what is left of the file goes with its folder.
+    // Even after a failure: the rest is removed with the folder.
     const auto folder = removeItem(folder_);
     if (!file || !folder) {
         const FileError& first = file ? folder.error() : file.error();

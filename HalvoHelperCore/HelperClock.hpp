@@ -1,4 +1,4 @@
-// Readings of the clocks, and the engine's only source of them.
+// Clock readings, and the engine's only source of them.
 #pragma once
 
 #include <functional>
@@ -11,11 +11,11 @@
 
 namespace halvo {
 
-// The name of one boot of the machine: a text that never changes, equal by content. Copies share
+// The identifier of one boot of the machine: an immutable text, compared by content. Copies share
 // it, so that a clock reading, taken at every tick, allocates nothing. Any thread.
 class BootID {
   public:
-    // The empty name.
+    // The empty identifier.
     BootID() = default;
 
     BootID(std::string text) : text_(std::make_shared<const std::string>(std::move(text))) {}
@@ -36,9 +36,9 @@ class BootID {
 struct ClockReading {
     // Which boot of the machine; another one after every boot.
     BootID bootID;
-    // Time since that boot. Nobody can set it, and it counts while the machine sleeps.
+    // Time since that boot. It cannot be set, and counts while the machine sleeps.
     Seconds sinceBoot{};
-    // The wall clock, which anybody may set.
+    // The wall clock, which can be set.
     WallDate wall;
 
     bool operator==(const ClockReading&) const = default;

@@ -15,29 +15,29 @@ struct HelperCommitment {
 
     // The app bundle that is held.
     std::string appPath;
-    // The person bound; nobody else may extend, end or ask about it.
+    // The user bound: the only one who can extend, end or query it.
     std::uint32_t uid{};
     // When it started; an extension keeps it.
     WallDate startedWall;
-    // The time asked for that is still to run, as of `checkpoint`.
+    // What remains of the requested time, as of `checkpoint`.
     Seconds remaining{};
-    // The time that `maximum` still allows, as of `checkpoint`.
+    // What remains of `maximum`, as of `checkpoint`.
     Seconds capRemaining{};
-    // When the two were last brought up to date.
+    // When the two were last updated.
     ClockReading checkpoint;
     // The helper set the lock on `appPath` and owes its removal.
     bool locked{};
 
     bool operator==(const HelperCommitment&) const = default;
 
-    // The time passed between `checkpoint` and `now`. The monotonic clock decides while it can be
+    // The time passed between `checkpoint` and `now`. By the monotonic clock while it can be
     // trusted: within one boot, and never backwards. Otherwise the larger of the wall clock's span
-    // and the time since the new boot counts, and never less than nothing, so that neither a
-    // reboot nor a clock set back gives time away.
+    // and the time since the new boot, never negative, so that neither a reboot nor a clock that is
+    // set back shortens what is charged.
     [[nodiscard]] Seconds elapsed(const ClockReading& now) const;
 
     // The budget left at `now`, zero or negative once spent. Where the monotonic clock cannot be
-    // trusted it also ends `maximum` after `startedWall`.
+    // trusted, it ends `maximum` after `startedWall` at the latest.
     [[nodiscard]] Seconds timeLeft(const ClockReading& now) const;
 
     // Whether any budget is left at `now`.

@@ -12,8 +12,15 @@
 namespace halvo {
 namespace {
 
-// The log's words for the reasons, in their order.
+// The log's names of the reasons, in the order of Lift.
 constexpr std::array liftNames{"ended", "deadline", "expiredAtStartup", "unreadableAtStartup"};
+
+// Makes `commitment` the context of the log.
+void nameInLog(const HelperCommitment& commitment) {
+    const LogContext context{commitment.uid, commitment.appPath,
+                             commitment.ends(commitment.checkpoint)};
+    setLogContext(&context);
+}
 
 }  // namespace
 
@@ -44,13 +51,14 @@ void HelperEngine::startup() {
     if (commitment == nullptr) {
         return;
     }
+    nameInLog(*commitment);
     if (!commitment->isLive(now)) {
         commitment_ = *commitment;
         lift(Lift::expiredAtStartup);
         return;
     }
     commitment_ = commitment->rebased(now);
-    store_.save(*commitment_);
+    save(*commitment_);
     watch_.checkpoint = now.sinceBoot;
     if (commitment_->locked) {
         relockIfNeeded(*commitment_);
@@ -102,7 +110,7 @@ bool HelperEngine::begin(const std::string& appPath, WallDate until, WallDate st
     if (!staysLocked) {
         tryToLock(next);
     }
-    store_.save(next);
+    save(next);
     commitment_ = std::move(next);
     watch_.checkpoint = now.sinceBoot;
     watch_.heartbeat = now.sinceBoot;
@@ -121,7 +129,7 @@ void HelperEngine::tryToLock(HelperCommitment& next) {
     // Saved before the flag is touched, so that a crash in between leaves a record that owes the
     // unlock.
     next.locked = true;
-    store_.save(next);
+    save(next);
     if (!flags_.setLocked(true, next.appPath)) {
         next.locked = false;
         HALVO_LOG_ERROR(log_, "Couldn't lock Halvo's app");
@@ -169,7 +177,7 @@ void HelperEngine::tick() {
     }
     if (now.sinceBoot - watch_.checkpoint >= Timing::checkpoint) {
         commitment_ = commitment_->rebased(now);
-        store_.save(*commitment_);
+        save(*commitment_);
         watch_.checkpoint = now.sinceBoot;
     }
     if (commitment_->locked) {
@@ -178,8 +186,8 @@ void HelperEngine::tick() {
     keepAppOpen(now.sinceBoot, *commitment_);
 }
 
-// A bundle that is gone is not chased. The message stands even when setting the flag failed: the
-// next tick tries again.
+// A bundle that is missing is ignored. Logged even when setting the flag failed: the next tick
+// tries again.
 void HelperEngine::relockIfNeeded(const HelperCommitment& commitment) {
     if (flags_.state(commitment.appPath) == LockState::unlocked) {
         flags_.setLocked(true, commitment.appPath);
@@ -209,8 +217,8 @@ void HelperEngine::keepAppOpen(Seconds now, const HelperCommitment& commitment) 
     opener_.open(commitment.appPath, commitment.uid, afterQuit);
 }
 
-// Whether `uid` is at the console, after noting who is. A change away from that person forgets an
-// announced end of the session.
+// Updates the console user, and returns whether that is `uid`. A change away from that user
+// discards an announced end of the session.
 bool HelperEngine::isCommittedPersonPresent(Seconds now, std::uint32_t uid) {
     const std::optional<std::uint32_t> probe = session_.consoleUser();
     const bool present = probe == uid;
@@ -224,7 +232,7 @@ bool HelperEngine::isCommittedPersonPresent(Seconds now, std::uint32_t uid) {
     return present;
 }
 
-// Whether the person's session was announced to end and may still be doing so.
+// Whether an announced end of the session is still within its grace time.
 bool HelperEngine::isSessionEnding(Seconds now) {
     if (now - watch_.sessionEnding >= Timing::sessionEndGrace) {
         watch_.sessionEnding = never;
@@ -246,6 +254,13 @@ void HelperEngine::lift(Lift reason) {
     watch_ = {};
     HALVO_LOG_DEFAULT(log_, "Ultra Hard mode let go: %{public}s",
                       liftNames.at(static_cast<std::size_t>(reason)));
+    setLogContext(nullptr);
+}
+
+// The context first, so that the line of a failure has it too.
+void HelperEngine::save(const HelperCommitment& commitment) {
+    nameInLog(commitment);
+    store_.save(commitment);
 }
 
 int HelperEngine::terminate() {
@@ -254,7 +269,7 @@ int HelperEngine::terminate() {
     }
     const ClockReading now = clock_.reading();
     const HelperCommitment saved = commitment_->rebased(now);
-    store_.save(saved);
+    save(saved);
     // The record still owes the unlock, so that the next start sets the lock again.
     if (saved.locked) {
         flags_.setLocked(false, saved.appPath);

@@ -1,4 +1,4 @@
-// Ultra Hard mode: the one object that decides.
+// The engine of Ultra Hard mode.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +19,10 @@
 namespace halvo {
 
 // Holds at most one commitment, keeps it stored, keeps the app locked and open, and answers the
-// requests. Borrows its five collaborators, which must outlive it. Main queue only; begin() checks
-// that. Nothing throws out of it, and no failure of a collaborator stops it: what a collaborator
-// cannot do it reports itself, and the next tick sees what is so.
+// requests. Borrows its five collaborators, which must outlive it. Throws nothing, and no failure
+// of a collaborator stops it: the collaborator logs it, and the next tick acts on the actual state.
+// The context of the log (Log.hpp) is the commitment held, up to the line of its end included. Main
+// queue only; begin() checks that.
 class HelperEngine {
   public:
     // Why a commitment was let go.
@@ -32,9 +33,9 @@ class HelperEngine {
         static constexpr Seconds tick{2};
         // Least time between two saves made by tick().
         static constexpr Seconds checkpoint{60};
-        // How long after the announced end of the session the app is not opened again.
+        // How long after an announced end of the session the app is not opened.
         static constexpr Seconds sessionEndGrace{90};
-        // How long the app must have given no sign of life before anybody looks for it.
+        // How long the app must have given no sign of life before its process is looked for.
         static constexpr Seconds silence{6};
         // Least time between two openings of the app.
         static constexpr Seconds reopenGap{15};
@@ -46,8 +47,8 @@ class HelperEngine {
     HelperEngine(HelperClock& clock, FileFlags& flags, CommitmentStore& store,
                  SessionProbe& session, AppOpener& opener);
 
-    // Takes the stored commitment up again, or lets it go when its time ran out meanwhile or its
-    // record cannot be read. Called once, before any request.
+    // Resumes the stored commitment, or lets it go when it has expired or its record is damaged.
+    // Called once, before any request.
     void startup();
 
     // Whether `appPath` is the caller's own bundle: the only one that it can commit.
@@ -65,19 +66,19 @@ class HelperEngine {
     // end, which keeps the app closed for a while. True while the caller's commitment is live.
     bool heartbeat(bool sessionEnding, const HelperPeer& peer);
 
-    // Lets the caller's commitment go. True when there was one.
+    // Lets the caller's commitment go. Returns whether there was one.
     bool end(const HelperPeer& peer);
 
-    // What holds for the caller. Changes nothing.
+    // What is held for the caller. Changes nothing.
     [[nodiscard]] HelperStatus status(const HelperPeer& peer) const;
 
-    // The periodic check: lets a spent commitment go, saves the budget, sets the lock again, opens
-    // the app again. With nothing to do it allocates nothing; with nothing held it does not even
-    // look at the clock.
+    // The periodic check: lets an expired commitment go, saves the budget, restores the lock, opens
+    // the app. Allocates nothing while there is nothing to do; with nothing held it does not even
+    // read the clock.
     void tick();
 
-    // Saves the commitment and takes the lock off for as long as no helper runs. Returns the status
-    // to exit with. The engine is not used afterwards.
+    // Saves the commitment and removes the lock for as long as no helper runs. Returns the exit
+    // status. The engine is not used afterwards.
     int terminate();
 
     // Whether no commitment is held.
@@ -90,6 +91,7 @@ class HelperEngine {
 
   private:
     void lift(Lift reason);
+    void save(const HelperCommitment& commitment);
     void tryToLock(HelperCommitment& next);
     void relockIfNeeded(const HelperCommitment& commitment);
     void keepAppOpen(Seconds now, const HelperCommitment& commitment);
@@ -105,10 +107,10 @@ class HelperEngine {
     AppOpener& opener_;
     Logger log_ = helperLog;
 
-    // All of these are times since boot; what never happened is infinitely long ago.
+    // All of these are times since boot; an event that never happened is infinitely long ago.
     static constexpr Seconds never{-std::numeric_limits<double>::infinity()};
 
-    // What is remembered of the commitment that is held.
+    // When things last happened to the commitment that is held.
     struct Watch {
         Seconds heartbeat = never;
         Seconds seenRunning = never;

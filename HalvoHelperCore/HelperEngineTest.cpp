@@ -8,8 +8,10 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
+#include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/MallocCount.hpp"
@@ -892,6 +894,32 @@ TEST_F(HelperEngineTest, TheFirstLookNeverComesBeforeTheStartEvenByAClockThatWen
 }
 
 // --- Termination
+
+TEST_F(HelperEngineTest, TheLogNamesTheCommitmentInEachLineFromItsBeginToItsEnd) {
+    static std::vector<std::vector<std::string>> fields;
+    fields.clear();
+    setLogContext(nullptr);  // an engine of another test may have been left holding
+    const LogSink before = std::exchange(
+        logSink, [](const Logger&, LogLevel, std::string_view) { fields.push_back(logFields()); });
+    FileCommitmentStore unwritable("/dev/null/state");
+    HelperEngine failing(world.clock, world.flags, unwritable, world.session, world.opener);
+    const HelperPeer peer{anna, app};
+    EXPECT_FALSE(failing.begin(otherApp, now() + minute, now(), peer));
+    EXPECT_TRUE(failing.begin(app, now() + Seconds{600.4}, now(), peer));
+    EXPECT_TRUE(failing.end(peer));
+    EXPECT_FALSE(failing.begin(otherApp, now() + minute, now(), peer));
+    const std::vector<std::string> none;
+    const std::vector<std::string> named{"HALVO_UID=501", "HALVO_BUNDLE=" + app,
+                                         "HALVO_END=2025-10-09T09:03:20Z"};
+    // Refused; saved twice, in vain; held; let go; refused.
+    EXPECT_EQ(fields, (std::vector{none, named, named, named, named, none}));
+    world.store.stored = HelperCommitment{app, ben, {}, second, second, world.clock.now(), true};
+    world.clock.advance(minute);
+    restart();
+    EXPECT_EQ(fields.back().front(), "HALVO_UID=502") << "expired before the start";
+    EXPECT_EQ(logFields(), none);
+    logSink = before;
+}
 
 TEST_F(HelperEngineTest, TerminatingWhileHoldingSavesUnlocksAndAsksToBeStartedAgain) {
     begin(app, hour);

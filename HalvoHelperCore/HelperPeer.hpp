@@ -1,4 +1,4 @@
-// Who is calling.
+// The identity of a caller.
 #pragma once
 
 #include <cstdint>
@@ -14,9 +14,8 @@ struct HelperPeer {
     // The canonical path of the app bundle that its executable lies in, if any.
     std::optional<std::string> bundlePath;
 
-    // The peer that a process with the effective user `uid` is, which runs the executable at
-    // `executable` (absent when its path cannot be read). Resolves links by system calls. Any
-    // thread.
+    // The peer of a process with the effective user `uid` that runs `executable` (absent when its
+    // path cannot be read). Resolves symbolic links. Any thread.
     static HelperPeer ofProcess(std::uint32_t uid, const std::optional<std::string>& executable);
 
     bool operator==(const HelperPeer&) const = default;

@@ -11,9 +11,9 @@ namespace halvo {
 struct HelperStatus {
     // The caller has a live commitment.
     bool holding{};
-    // When it will end, if so.
+    // When it will end; absent without one.
     std::optional<WallDate> until;
-    // The helper locked the app and owes the unlock.
+    // The helper has locked the app and owes the unlock.
     bool locked{};
 
     bool operator==(const HelperStatus&) const = default;

@@ -23,7 +23,7 @@ StoredCommitment RecordedLocks::load() {
 bool RecordedLocks::save(const HelperCommitment& commitment) {
     const bool isDurable = store_.save(commitment);
     auto next = owedBy(commitment);
-    // After a failure the record before may be there as well: what counts is what both owe.
+    // After a failure the disk may hold the previous record instead: only what both owe counts.
     owed_ = isDurable || next == owed_ ? std::move(next) : std::nullopt;
     return isDurable;
 }

@@ -1,4 +1,4 @@
-// No lock that nobody would remember.
+// Locks only what a durable record owes to unlock.
 #pragma once
 
 #include <optional>
@@ -9,9 +9,9 @@
 
 namespace halvo {
 
-// Stands between the engine and both the state file and the flags, and sets a lock only when the
-// record that is surely on the disk owes its removal. Otherwise a crash would leave the app locked
-// for ever. The engine need not know: a lock may always fail. Borrows both; main queue only.
+// A store and flags for the engine, in front of the state file and the file flags: sets a lock only
+// when the record that is certainly on the disk owes its removal. Otherwise a crash would leave the
+// app locked for ever. To the engine that is a lock that failed. Borrows both. Main queue only.
 class RecordedLocks final : public CommitmentStore, public FileFlags {
   public:
     RecordedLocks(CommitmentStore& store, FileFlags& flags) : store_(store), flags_(flags) {}
@@ -22,8 +22,8 @@ class RecordedLocks final : public CommitmentStore, public FileFlags {
 
     LockState state(const std::string& path) override { return flags_.state(path); }
 
-    // Also false, with "Didn't lock Halvo: no record on the disk owes the unlock" in the log, when
-    // that is so.
+    // Also false, with "Didn't lock Halvo: no record on the disk owes the unlock" in the log, where
+    // no record owes it.
     bool setLocked(bool locked, const std::string& path) override;
 
   private:

@@ -1,4 +1,4 @@
-// What the engine must know of the machine's people and processes.
+// The console user and the app's processes, as the engine sees them.
 #pragma once
 
 #include <cstdint>
@@ -11,12 +11,11 @@ class SessionProbe {
   public:
     virtual ~SessionProbe() = default;
 
-    // The user who sits at the console; nothing while nobody does, or only a login screen. Never
-    // root.
+    // The user at the console; nothing without a login session, or at a login screen. Never root.
     virtual std::optional<std::uint32_t> consoleUser() = 0;
 
-    // Whether the executable of the bundle at `bundlePath` runs with the effective user `uid`. A
-    // question that cannot be answered is false.
+    // Whether a process with the effective user `uid` runs the executable of the bundle at
+    // `bundlePath`. False on failure.
     virtual bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) = 0;
 };
 

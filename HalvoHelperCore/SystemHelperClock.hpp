@@ -7,24 +7,23 @@
 
 namespace halvo {
 
-// Reads the boot's name once per process and the two clocks at every reading: the one that counts
-// from boot, through sleep, and that nobody can set; then the wall clock. Any thread; allocates
-// nothing after the first reading.
+// Reads the boot identifier once per process, and both clocks at every reading: sinceBoot() of
+// Time.hpp, then the wall clock. Allocates nothing after the first reading. Any thread.
 class SystemHelperClock final : public HelperClock {
   public:
     ClockReading reading() override;
 };
 
-// What the boot is called when the system does not tell.
+// The identifier where the system gives none.
 inline constexpr const char* unknownBootID = "unknown";
 
-// The text of the boot's name in the buffer `bytes` that the system filled: all up to the first
-// zero byte, or all of it; "unknown" when that is not UTF-8.
+// The identifier in `bytes`, a buffer that the system filled: up to the first zero byte, or all of
+// it; unknownBootID when that is not UTF-8.
 BootID bootIDFrom(std::string_view bytes);
 
-// The name of this boot, from the system at every call; "unknown" when it does not tell. One per
-// system: on Linux /proc/sys/kernel/random/boot_id (random(4)) without its newline, on macOS the
-// value "kern.bootsessionuuid" of sysctl(3).
+// The identifier of this boot, from the system at every call; unknownBootID when that fails. On
+// Linux /proc/sys/kernel/random/boot_id (random(4)) without its newline, on macOS the value
+// "kern.bootsessionuuid" of sysctl(3). One source per system.
 BootID readBootID();
 
 }  // namespace halvo

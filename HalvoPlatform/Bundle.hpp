@@ -14,12 +14,13 @@ using InfoDictionary = std::map<std::string, std::string>;
 std::optional<std::string> infoString(const std::optional<InfoDictionary>& info,
                                       const std::string& key);
 
-// A folder with an Info.plist and an executable. A value; reads the disk only when asked. Any
-// thread. Files longer than 128 KiB, damaged ones and such whose top level is no dictionary count
-// as missing. On macOS the system reads them instead (-[NSBundle infoDictionary]): of any length,
-// once for each bundle and process; a bundle that is there has members even without an Info.plist,
-// the system's own. There the Info.plist that this program carries inside itself
-// (__TEXT,__info_plist), if it does, is that of its bundle, whatever lies on the disk.
+// A folder with an Info.plist and an executable. A value, which reads the disk in info() and
+// executablePath() only. An Info.plist that is longer than 128 KiB, damaged, or no dictionary at
+// its top level counts as missing. On macOS the system reads it instead (-[NSBundle
+// infoDictionary]): of any length, once for each bundle and process; a bundle that exists has
+// members even without an Info.plist, the system's own. There an Info.plist that is embedded in
+// this program
+// (__TEXT,__info_plist) overrides that of its bundle. Any thread.
 class Bundle {
   public:
     // The bundle at `path`, which need not exist.
@@ -28,13 +29,12 @@ class Bundle {
     // The bundle of this process, as ofProcess() finds it; on macOS the main bundle.
     static Bundle main();
 
-    // The folder of the bundle of an executable: X for X/Contents/MacOS/NAME. Nothing when it does
-    // not lie in one.
+    // The bundle folder of `executable`: X for X/Contents/MacOS/NAME; nothing for any other path.
     static std::optional<std::string> folderOf(const std::string& executable);
 
-    // The bundle of a process that runs the program at the absolute path `executable`: X for a
-    // program at X/Contents/MacOS/NAME; for any other program its own folder, with the Info.plist
-    // beside the program. "" stands for a process that cannot tell its program.
+    // The bundle of a process that runs the program at the absolute path `executable`: folderOf();
+    // for any other program its own folder, with the Info.plist beside the program. "" stands for
+    // an unknown program.
     static Bundle ofProcess(const std::string& executable);
 
     // The bundle's folder. It has no slash at its end unless the bundle was made with one or is the
@@ -45,12 +45,11 @@ class Bundle {
     // a program that lies in no bundle.
     [[nodiscard]] const std::string& infoPath() const { return infoPath_; }
 
-    // The Info.plist's members, or nothing when there is none that can be read.
+    // The Info.plist's members; nothing when it is missing or cannot be read.
     [[nodiscard]] std::optional<InfoDictionary> info() const;
 
     // The path of the executable: for main() the process's own, for ofProcess() the one given, else
-    // the file that "CFBundleExecutable" names in "Contents/MacOS". Nothing when the bundle has
-    // none.
+    // the file in "Contents/MacOS" that "CFBundleExecutable" names. Nothing when there is none.
     [[nodiscard]] std::optional<std::string> executablePath() const;
 
   private:

@@ -17,7 +17,7 @@ void prepareDaemon() {
     }
     constexpr mode_t usual = 022;
     umask(usual);
-    // "/" can always be entered by root; where not, the folder stays, which harms nothing.
+    // Root can always enter "/"; for another user the folder may stay, which does no harm.
     [[maybe_unused]] const int result = chdir("/");
 }
 

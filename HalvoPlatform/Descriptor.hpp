@@ -7,13 +7,13 @@
 
 namespace halvo {
 
-// Owns at most one descriptor and closes it at the end. Moves, never copies. Any thread, one at a
+// Owns at most one descriptor and closes it when destroyed. Movable, not copyable. One thread at a
 // time.
 class Descriptor {
   public:
     Descriptor() = default;
 
-    // Takes over `number`; a negative one, as failed calls return it, means none.
+    // Takes ownership of `number`; a negative one, as failed calls return it, means none.
     explicit Descriptor(int number) : number_(number) {}
 
     Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
@@ -35,7 +35,7 @@ class Descriptor {
 
     [[nodiscard]] int get() const { return number_; }
 
-    // Gives the descriptor away; it is no longer closed here.
+    // Releases ownership of the descriptor, and returns it.
     [[nodiscard]] int release() { return std::exchange(number_, -1); }
 
   private:

@@ -1,4 +1,4 @@
-// The system's errors in words.
+// The system's error messages.
 #pragma once
 
 #include <string>
@@ -6,8 +6,7 @@
 
 namespace halvo {
 
-// What the system says of the errno `code`, as "No such file or directory". Any thread;
-// strerror(3).
+// The message for the errno `code`, as "No such file or directory". Any thread. strerror(3).
 inline std::string errorText(int code) { return std::generic_category().message(code); }
 
 }  // namespace halvo

@@ -23,7 +23,7 @@ void fatal(std::string_view message) noexcept {
 }
 
 void writeUndisturbed(int descriptor, std::string_view text) noexcept {
-    // One that waited before is for whoever had it blocked.
+    // A signal that was pending before is not ours to consume.
     const bool wasPending = isPending(SIGPIPE);
     sigset_t blocked{};
     sigset_t before{};

@@ -22,10 +22,10 @@ std::unexpected<FileError> failure(int code, const std::string& path) {
     return std::unexpected(FileError{code, path + ": " + errorText(code)});
 }
 
-// For files that are new: nobody else reads them before they have their final permissions.
+// For new files: no other user can open them before they have their final permissions.
 constexpr mode_t ownerOnly = 0600;
 
-// Opens the temporary file, new. A left-over of a process that was killed is removed first.
+// Creates the temporary file. One that a killed process has left is removed first.
 Descriptor createTemporary(int folder, const std::string& name) {
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     Descriptor file(openat(folder, name.c_str(), flags, ownerOnly));
@@ -35,7 +35,7 @@ Descriptor createTemporary(int folder, const std::string& name) {
     return file;
 }
 
-// Gives 0 or the errno.
+// Returns 0 or the errno.
 int fill(int file, std::string_view bytes, mode_t mode) {
     if (fchmod(file, mode) != 0) {
         return errno;
@@ -67,20 +67,20 @@ std::expected<void, FileError> syncAbove(const std::string& path) {
     return code == 0 ? std::expected<void, FileError>() : failure(code, above);
 }
 
-// Makes one folder, and syncs it into the one above.
+// Creates one folder, and syncs the one above.
 std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) {
     if (mkdir(path.c_str(), mode) != 0) {
         return failure(errno, path);
     }
     auto synced = syncAbove(path);
     if (!synced) {
-        // The next call would find it there, and take it for synced.
+        // The next call would find it, and assume that it is synced.
         rmdir(path.c_str());
     }
     return synced;
 }
 
-// Makes the folder, and before it those above that are missing.
+// Creates the folder, and before it the missing ones above.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as the path is, whose length the system limits.
 std::expected<void, FileError> makeFolders(const std::string& path, mode_t mode) {
     auto made = makeFolder(path, mode);
@@ -94,7 +94,7 @@ std::expected<void, FileError> makeFolders(const std::string& path, mode_t mode)
     return makeFolder(path, mode);
 }
 
-// Whether `file` is what now lies at `path`.
+// Whether `file` is the file that is at `path` now.
 bool liesAt(const Descriptor& file, const std::string& path) {
     struct stat own{};
     struct stat there{};
@@ -148,10 +148,10 @@ std::expected<void, FileError> createFolder(const std::string& path, mode_t mode
                                            : failure(ENOTDIR, path);
 }
 
-// By the C library alone: std::filesystem brings the whole of the C++ library's streams and locales
-// into the helper, more than half of its code.
+// By the C library alone: std::filesystem would link the C++ library's streams and locales into the
+// helper, more than half of its code.
 std::expected<void, FileError> removeItem(const std::string& path) {
-    // From the leaves upwards. What it gives ends the walk, unless it is 0. nftw(3).
+    // Depth first. A result other than 0 ends the walk; nftw(3).
     const auto removeOne = [](const char* item, const struct stat*, int, FTW*) {
         return std::remove(item) == 0 || errno == ENOENT ? 0 : errno;
     };

@@ -1,4 +1,4 @@
-// Whole files, read, replaced, locked and synced.
+// Reading, replacing, locking and syncing whole files.
 #pragma once
 
 #include <sys/types.h>
@@ -12,55 +12,55 @@
 
 namespace halvo {
 
-// Why a file operation failed: the errno of the call that did, and what a person is told.
+// Why a file operation failed: the errno of the call that did, and a message.
 struct FileError {
     int code;
-    // "PATH: what the system says", without a full stop.
+    // "PATH: No such file or directory", without a full stop.
     std::string message;
 
     bool operator==(const FileError&) const = default;
 };
 
-// The whole content of the regular file at `path`, links followed. Fails with the errno of the
-// call that failed; with EFBIG, without reading on, when the file is longer than `limit` bytes;
-// with EINVAL when it is no regular file (a pipe would make the caller wait), or the path has a
+// The whole content of the regular file at `path`, symbolic links followed. Fails with the errno of
+// the call that failed; with EFBIG, without reading on, when the file is longer than `limit` bytes;
+// with EINVAL when it is no regular file (a pipe would block the caller), or the path contains a
 // zero byte.
 std::expected<std::string, FileError> readFile(const std::string& path, std::size_t limit);
 
-// Makes the folder `path`, with the permissions `mode` whatever the umask, and the folders above it
-// that are missing (0755, less the umask). Each that it made is on the disk (syncToDisk()), in the
-// folder above, when this returns; one that cannot be synced is taken back. A folder that is there
-// already, also behind a symbolic link, keeps its permissions.
+// Creates the folder `path`, with the permissions `mode` whatever the umask, and the missing
+// folders above it (0755, less the umask). Each that it creates is on the disk (syncToDisk()), in
+// the folder above, when this returns; one that cannot be synced is removed again. A folder that
+// exists already, also behind a symbolic link, keeps its permissions. Fails with the errno of the
+// call that failed; with ENOTDIR where something else exists at `path`.
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode);
 
-// Removes the item at `path`, a folder with all that is in it, and syncs the folder that it was in.
-// No symbolic link is followed: it goes, what it leads to stays. Nothing at `path` is no failure.
-// Stops at the first item that cannot be removed.
+// Removes the item at `path`, a folder recursively, and syncs the folder that it was in. A symbolic
+// link is removed, never followed. A missing item is no failure. Stops at the first item that
+// cannot be removed, and fails with its errno.
 std::expected<void, FileError> removeItem(const std::string& path);
 
-// Puts `bytes` in the place of `folder`/`name`, in one step: a reader, and a machine that loses
-// power at any moment, has the old file whole or the new one whole. The new file has the
+// Replaces the file `folder`/`name` by one with `bytes`, atomically: a reader, and a machine that
+// loses power at any moment, has the whole old file or the whole new one. The new file has the
 // permissions `mode` from the start, whatever the umask, and both it and the folder are on the disk
-// (syncToDisk()) when this returns. The temporary file beside it has a fixed name, so that a
-// process killed half-way leaves at most one, which the next call replaces; after a failure none
-// stays. Two writers of one file at a time must each give a name of their own, `writer`, which
-// becomes a part of the temporary file's.
+// (syncToDisk()) when this returns. `writer`: distinguishes concurrent writers of one file, as a
+// part of the temporary file's name. That name is fixed, so that a killed process leaves at most
+// one, which the next call replaces; a failure leaves none. Fails with the errno of the call that
+// failed; with EINVAL where the path contains a zero byte.
 std::expected<void, FileError> replaceFile(const std::string& folder, const std::string& name,
                                            std::string_view bytes, mode_t mode,
                                            const std::string& writer = "");
 
-// Takes the lock (flock(2)) of the file at `path`, which is made, for its owner alone, when it is
-// missing; a symbolic link is refused. It is held for as long as the result is open, and the system
-// releases it with the process however that ends. The holder may remove the file before closing
-// it: what is locked here is always what lies at `path`. Does not wait; fails with the errno of the
-// call that failed, which is EWOULDBLOCK while another holds it.
+// Locks the file at `path` exclusively, without waiting, and creates it (0600) when it is missing;
+// a symbolic link is refused. The lock is held while the result is open, and the kernel releases it
+// with the process. The holder may remove the file before closing it: the locked file is always the
+// one at `path`. Fails with the errno of the call that failed, which is EWOULDBLOCK while another
+// process holds the lock. flock(2).
 std::expected<Descriptor, FileError> takeLockFile(const std::string& path);
 
 // Waits until all that was written to `descriptor`, a file or folder, is on the disk itself.
-// Returns 0 or the errno of the failure. Any thread. One source per system: on Linux that is
-// fsync(2), on macOS F_FULLFSYNC (fcntl(2)), since fsync(2) there leaves the bytes in the drive's
-// cache; where the file system does not know that (ENOTSUP, ENOTTY, EINVAL), it is fsync(2) there
-// too.
+// Returns 0 or the errno. Any thread. On Linux fsync(2); on macOS F_FULLFSYNC (fcntl(2)), since
+// fsync(2) there leaves the bytes in the drive's cache, or fsync(2) where the file system does not
+// support that (ENOTSUP, ENOTTY, EINVAL). One source per system.
 int syncToDisk(int descriptor);
 
 }  // namespace halvo

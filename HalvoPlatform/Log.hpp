@@ -3,9 +3,8 @@
 //     HALVO_LOG_ERROR(helperLog, "Couldn't %{public}s Halvo: errno %d", verb, number);
 //
 // "%{public}s" takes a `const char*`, "%{public}ld" a `long`, "%d" an `int`; anything else does not
-// compile. The two are macros because the unified log takes a format only as a literal at the place
-// of the call; everywhere else they are plain functions. Any thread. Logging never fails towards
-// its caller.
+// compile. They are macros because the unified log takes a format only as a literal at the call
+// site. A failure to log is ignored. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -20,23 +19,23 @@ struct Logger {
     const char* category;
 };
 
-// Where everything that the helper says goes.
+// The helper's only logger.
 inline constexpr Logger helperLog{"app.halvo", "Helper"};
 
-// The commitment that is held, for who filters the log.
+// The commitment that is held, as fields to filter the log by.
 struct LogContext {
     std::uint32_t uid{};
     std::string bundle;
     WallDate end;
 };
 
-// What each line says from now on besides its message, in fields of its own where the system's log
-// has such; on macOS it has none. Null: nothing. Main thread only, and no other logs meanwhile.
+// Sets the fields that each line has from now on besides its message, where the system's log has
+// fields; on macOS it has none. Null: none. Main thread only, while no other thread logs.
 void setLogContext(const LogContext* context);
 
-// Has each line written to standard error too where that is a terminal, for who starts a service by
-// hand. One that is stopped or gone neither delays nor ends the process: the line is lost. On macOS
-// the unified log is all there is, as launchd starts the helper or nobody. Main thread only.
+// Writes each line to standard error too where that is a terminal, for a service that is started by
+// hand. A terminal that is stopped or closed neither delays nor ends the process: the line is lost.
+// Without effect on macOS, where only launchd starts the helper. Main thread only.
 void logToTerminalToo();
 
 }  // namespace halvo

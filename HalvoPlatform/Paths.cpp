@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 namespace halvo {
+
 bool hasZeroByte(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 bool isUTF8(std::string_view text) {
@@ -39,6 +42,15 @@ bool isUTF8(std::string_view text) {
         text.remove_prefix(size);
     }
     return true;
+}
+
+std::expected<std::string, int> linkTarget(const std::string& path) {
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+    if (length < 0 || std::cmp_equal(length, target.size())) {
+        return std::unexpected(length < 0 ? errno : ENAMETOOLONG);
+    }
+    return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
 std::optional<std::string> canonicalPath(const std::string& path) {

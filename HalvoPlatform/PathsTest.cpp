@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <expected>
 #include <optional>
 #include <string>
 #include <utility>
@@ -93,6 +95,14 @@ TEST(PathsTest, KnowsWhereAPathLeadsAndWhatIsThere) {
         EXPECT_EQ(itemExists(row.path), row.exists);
         EXPECT_EQ(hasZeroByte(row.path), row.path.contains('\0'));
     }
+}
+
+TEST(PathsTest, ReadsALinkAsItStands) {
+    const TemporaryFolder folder;
+    ASSERT_EQ(symlink("../not/there", (folder / "link").c_str()), 0);
+    EXPECT_EQ(linkTarget(folder / "link"), "../not/there");
+    EXPECT_EQ(linkTarget(folder / "missing"), std::unexpected(ENOENT));
+    EXPECT_EQ(linkTarget(folder.path()), std::unexpected(EINVAL));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Which version of the project this is.
+// The version of the project.
 #pragma once
 
 namespace halvo {

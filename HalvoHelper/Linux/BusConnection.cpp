@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
-#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -14,17 +13,12 @@
 namespace halvo {
 namespace {
 
-// Ends the conversation from below: sd-bus sees its socket closed, and says so in its own time.
+// Closes the connection below sd-bus, which then sends its Disconnected signal.
 void disconnect(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RDWR); }
 
-// Takes nothing more from the other side, to whom it looks like the end; what has been received is
-// still read and answered, and then sd-bus sees the end, too. shutdown(2), unix(7).
+// Receives nothing more from the peer, which sees the connection closed (EPIPE). What has been
+// received is still read and answered; then sd-bus sees the end of file, too. shutdown(2), unix(7).
 void hangUp(sd_bus* bus) { shutdown(sd_bus_get_fd(bus), SHUT_RD); }
-
-constexpr std::uint64_t microseconds(Seconds span) {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(span).count());
-}
 
 // When the event loop's turn began, on the clock of its timers. No system call.
 std::uint64_t loopTime(sd_bus* bus) {
@@ -33,8 +27,8 @@ std::uint64_t loopTime(sd_bus* bus) {
     return time;
 }
 
-// `values` are as sd_bus_message_append(3) wants them for the D-Bus signature `types`. That the
-// caller may be gone by now is no concern of the helper's. What a handler returns to sd-bus.
+// Replies with `values`, as sd_bus_message_append(3) takes them for the D-Bus signature `types`.
+// Returns what a handler returns to sd-bus; that the caller may be gone by now is ignored.
 template <class... Values>
 int reply(sd_bus_message* request, const char* types, Values... values) {
     sd_bus_reply_method_return(request, types, values...);
@@ -43,7 +37,7 @@ int reply(sd_bus_message* request, const char* types, Values... values) {
 
 }  // namespace
 
-// Each is handed the BusConnection. sd-bus has checked the types of a request's arguments.
+// Each gets the BusConnection as userdata. sd-bus has checked the types of a request's arguments.
 struct BusHandlers {
     static BusConnection& of(void* connection) { return *static_cast<BusConnection*>(connection); }
 
@@ -85,13 +79,13 @@ struct BusHandlers {
     static int status(sd_bus_message* message, void* self, sd_bus_error*) {
         of(self).toldStatus_ = true;
         const HelperStatus status = of(self).requests_.status();
-        // An optional is an array of none or one.
+        // An optional is an array of length 0 or 1.
         return status.until ? reply(message, "badb", int{status.holding}, 1,
                                     secondsSince1970(*status.until), int{status.locked})
                             : reply(message, "badb", int{status.holding}, 0, int{status.locked});
     }
 
-    // Comes before what answers the message, whatever that is.
+    // A filter, which sd-bus calls before the handler of the message.
     static int message(sd_bus_message*, void* self, sd_bus_error*) {
         sd_bus* bus = of(self).bus_;
         of(self).heardAt_ = loopTime(bus);
@@ -112,21 +106,21 @@ struct BusHandlers {
         return 0;
     }
 
-    // One message at a turn, so that a flood leaves the other connections theirs.
+    // One message per iteration of the event loop, so that a flood does not starve the other
+    // connections.
     static int firstMessages(sd_event_source* source, void* self) {
         const int result = sd_bus_process(of(self).bus_, nullptr);
         if (result <= 0) {
             sd_event_source_set_enabled(source, SD_EVENT_OFF);
         }
-        // As sd-bus does itself with what is no message when it comes later.
+        // As sd-bus does itself with a malformed message that comes later.
         if (result < 0) {
             disconnect(of(self).bus_);
         }
         return 0;
     }
 
-    // A message costs the timer nothing: it is set anew only when it fires and finds that there was
-    // one.
+    // A message does not re-arm the timer: that happens when it fires and there was one since.
     static int deadline(sd_event_source* source, std::uint64_t, void* self) {
         sd_bus* bus = of(self).bus_;
         const auto heardAt = of(self).heardAt_;
@@ -152,7 +146,7 @@ struct BusHandlers {
 
 namespace {
 
-// The wire, as introspection shows it.
+// The D-Bus interface, as introspection shows it.
 // NOLINTNEXTLINE(*-avoid-c-arrays): what the macros make.
 const sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
@@ -209,7 +203,7 @@ bool BusConnection::start(Descriptor socket) {
         sd_bus_attach_event(bus_, loop, SD_EVENT_PRIORITY_NORMAL) >= 0;
     sd_event_unref(loop);
     if (started) {
-        // sd-bus asks the kernel for megabytes. Where it will not take them back they stay.
+        // sd-bus asks the kernel for megabytes. Where the kernel refuses to shrink it, it stays.
         setsockopt(sd_bus_get_fd(bus_), SOL_SOCKET, SO_SNDBUF, &Limits::sendBuffer,
                    sizeof Limits::sendBuffer);
     }

@@ -18,7 +18,6 @@
 #include <span>
 #include <string_view>
 #include <tuple>
-#include <utility>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -27,6 +26,7 @@
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Linux/InfoFile.hpp"
+#include "HalvoPlatform/Paths.hpp"
 
 // Newer than the C library's headers.
 #ifndef SO_PEERPIDFD
@@ -42,65 +42,40 @@ using Problem = std::optional<std::string>;
 
 std::string failed(const std::string& what, int code) { return what + ": " + errorText(code); }
 
-// A process by its number.
+// The file `name` of a process in /proc.
 std::string fileOf(pid_t process, const char* name) {
     return "/proc/" + std::to_string(process) + "/" + name;
 }
 
-// The path that the link `link` in /proc names, or the errno.
-std::expected<std::string, int> targetOf(const std::string& link) {
-    std::array<char, PATH_MAX> buffer{};
-    const ssize_t length = readlink(link.c_str(), buffer.data(), buffer.size());
-    if (length < 0) {
-        return std::unexpected(errno);
-    }
-    if (length == 0 || static_cast<std::size_t>(length) >= buffer.size()) {
-        return std::unexpected(ENAMETOOLONG);
-    }
-    return std::string(buffer.data(), static_cast<std::size_t>(length));
+using TextFile = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// The file at `path`, to be read; null with errno set when it cannot be opened.
+TextFile openText(const std::string& path) {
+    return {std::fopen(path.c_str(), "re"), &std::fclose};
 }
 
 // The options of the mount `number` as process 1 sees it, as "rw,nosuid"; empty where it sees none;
-// or the errno. In pieces: who can mount anything at a path of their own can make a line as long as
-// they like. Of a line's words the first six are the kernel's alone to choose the form of.
+// or the errno. fscanf(3) keeps nothing of what it skips: a user who can mount anything makes the
+// paths in a line as long as they like. The form of a line's first six words is the kernel's alone.
 std::expected<std::string, int> mountOptions(std::uint64_t number) {
-    const Descriptor mounts(open("/proc/1/mountinfo", O_RDONLY | O_CLOEXEC));
-    std::string id;
-    std::string options;
-    int word = 0;
-    std::array<char, 4096> piece{};
-    while (mounts.isOpen()) {
-        const ssize_t count = read(mounts.get(), piece.data(), piece.size());
-        if (count == 0) {
-            return "";
-        }
-        if (count < 0 && errno != EINTR) {
-            break;
-        }
-        for (const char c :
-             std::span(piece).first(static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
-            if (c == '\n') {
-                if (id == std::to_string(number)) {
-                    return options;
-                }
-                id.clear();
-                options.clear();
-                word = 0;
-            } else if (c == ' ') {
-                ++word;
-            } else if (word == 0) {
-                id += c;
-            } else if (word == 5) {
-                options += c;
-            }
+    const TextFile mounts = openText("/proc/1/mountinfo");
+    std::array<char, 21> id{};
+    std::array<char, 4096> options{};
+    while (mounts != nullptr && std::fscanf(mounts.get(), "%20s %*s %*s %*s %*s %4095s%*[^\n]",
+                                            id.data(), options.data()) == 2) {
+        if (id.data() == std::to_string(number)) {
+            return options.data();
         }
     }
-    return std::unexpected(errno);
+    if (mounts == nullptr || std::ferror(mounts.get()) != 0) {
+        return std::unexpected(errno);
+    }
+    return "";
 }
 
-// What keeps the kernel from honouring the set-group-id bit of the file that `file` holds. Process
-// 1 is asked, whose mounts are the machine's: in the unit's sandbox every mount is nosuid, and a
-// caller may have mounts of its own, from which the kernel gives nobody else anything.
+// What keeps the kernel from honouring the set-group-id bit of `file`. The mounts are those of
+// process 1, the machine's: in the unit's sandbox every mount is nosuid, and a caller may have a
+// mount namespace of its own, in which no process outside gets a group.
 Problem problemOfMount(const struct statx& file) {
     if ((file.stx_mask & STATX_MNT_ID) == 0) {
         return "it cannot be told on which mount its executable lies; that needs Linux 5.8";
@@ -119,8 +94,8 @@ Problem problemOfMount(const struct statx& file) {
                : std::nullopt;
 }
 
-// What keeps the caller's effective group from being one that it has from `executable` alone: its
-// real group (credentials(7)), or one of the supplementary groups that it had when it connected
+// Whether the caller has its effective group from elsewhere than `executable`: as its real group
+// (credentials(7)), or as one of the supplementary groups that it had when it connected
 // (SO_PEERGROUPS).
 Problem problemOfGroup(int connection, const ucred& caller, const std::string& executable) {
     const std::string cannotBeRead = "its groups cannot be read";
@@ -144,12 +119,12 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
                : std::nullopt;
 }
 
-// What keeps the item at `path` from being root's alone, the file with `status`, and set-group-id
-// to `group`.
+// What keeps the item at `path` from being root's alone, the same file as that of `status`, and
+// set-group-id to `group`.
 Problem problemOfFile(const std::string& path, const struct statx& status, gid_t group) {
     if (const auto problem = RootOwnedPath::examine(path)) {
-        return problem->failure == 0 ? "somebody besides root can change " + path
-                                     : path + " cannot be examined: " + problem->what;
+        return problem->code == 0 ? "somebody besides root can change " + path
+                                  : path + " cannot be examined: " + problem->message;
     }
     struct stat file{};
     if (lstat(path.c_str(), &file) != 0) {
@@ -177,7 +152,7 @@ Problem problemOfPidfd(int connection, Descriptor& pidfd) {
                : Problem(failed("it cannot be told whether it still lives", errno));
 }
 
-// What shows that the process behind `pidfd`, if there is one, has ended; pidfd_open(2).
+// Whether the process of `pidfd`, if that is open, has ended; pidfd_open(2).
 Problem problemOfLife(const Descriptor& pidfd) {
     pollfd ended{pidfd.get(), POLLIN, 0};
     return pidfd.isOpen() && poll(&ended, 1, 0) != 0 ? Problem("it ended meanwhile") : std::nullopt;
@@ -199,41 +174,56 @@ std::string listed(const std::vector<std::string>& names) {
     return text;
 }
 
-// Whether somebody could know a password that fits. "x" in the group file stands for the shadow; to
-// none at all no program lets anybody in who is no member, newgrp(1).
+// Whether a password can match the field. "x" in the group file refers to the shadow; with an empty
+// field newgrp(1) admits members only.
 bool isPassword(const std::string& field) {
     return !field.empty() && field != "x" && !field.starts_with('!') && !field.starts_with('*');
 }
 
 // Gives `use` each entry of the file at `path`, as `next` (fgetgrent(3) and its like) reads them.
-// The errno of what failed, or 0.
+// Returns 0 or the errno.
 template <class Next, class Use>
 int forEachEntry(const std::string& path, Next next, Use use) {
-    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::FILE* raw = descriptor.isOpen() ? fdopen(descriptor.get(), "r") : nullptr;
-    if (raw == nullptr) {
+    const TextFile file = openText(path);
+    if (file == nullptr) {
         return errno;
     }
-    [[maybe_unused]] const int owned = descriptor.release();  // by the file
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(raw, &std::fclose);
-    while (const auto* entry = next(raw)) {
+    while (const auto* entry = next(file.get())) {
         use(*entry);
     }
-    // Nothing is also what these give when they fail.
-    return std::feof(raw) != 0 ? 0 : errno;
+    // `next` gives null at the end and on failure.
+    return std::feof(file.get()) != 0 ? 0 : errno;
 }
 
-constexpr std::array<const char*, 3> files{"/group", "/gshadow", "/passwd"};
+// What keeps the group `gid` from being private, by the account files in `folder`.
+Problem problemOfAccounts(gid_t gid, const std::string& folder) {
+    const auto facts = readGroup(gid, folder);
+    if (!facts) {
+        return "it cannot be told whose the group " + std::to_string(gid) + " is: " + facts.error();
+    }
+    const auto flaw = flawOf(*facts);
+    return flaw ? Problem(flaw->finding) : std::nullopt;
+}
 
-// The errno of what failed, or 0.
-int readShadow(const std::string& path, GroupFacts& facts) {
-    return forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
-        if (facts.name && *facts.name == shadow.sg_namp) {
-            facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
-            append(facts.members, shadow.sg_mem);
-            append(facts.administrators, shadow.sg_adm);
-        }
-    });
+// What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
+Problem problemOfBundle(const std::string& executable, const HelperIdentity& identity) {
+    const std::string isOther = executable + " is not in a bundle of this app and team";
+    const std::string cannotBeRead = "its Info.plist cannot be read";
+    const auto bundle = AppLocation::bundlePath(executable);
+    if (!bundle) {
+        return isOther;
+    }
+    const std::string path = Bundle(*bundle).infoPath();
+    if (const auto problem = RootOwnedPath::examine(path)) {
+        const int code = problem->code;
+        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
+                                                              : failed(cannotBeRead, code);
+    }
+    const auto info = readInfoFile(path);
+    if (!info) {
+        return failed(cannotBeRead, info.error().code);
+    }
+    return HelperIdentity::ofBundle(*info) == identity ? std::nullopt : Problem(isOther);
 }
 
 }  // namespace
@@ -242,7 +232,7 @@ std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& f
     GroupFacts facts;
     facts.gid = gid;
     facts.hasShadow = geteuid() == 0;
-    std::string path = folder + files[0];
+    std::string path = folder + "/group";
     int code = forEachEntry(path, fgetgrent, [&](const group& entry) {
         if (entry.gr_gid != gid) {
             return;
@@ -254,12 +244,18 @@ std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& f
         append(facts.members, entry.gr_mem);
     });
     if (code == 0 && facts.hasShadow) {
-        path = folder + files[1];
-        code = readShadow(path, facts);
+        path = folder + "/gshadow";
+        code = forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
+            if (facts.name && *facts.name == shadow.sg_namp) {
+                facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
+                append(facts.members, shadow.sg_mem);
+                append(facts.administrators, shadow.sg_adm);
+            }
+        });
         code = code == ENOENT ? 0 : code;
     }
     if (code == 0) {
-        path = folder + files[2];
+        path = folder + "/passwd";
         code = forEachEntry(path, fgetpwent, [&](const passwd& entry) {
             if (entry.pw_gid == gid) {
                 facts.owners.emplace_back(entry.pw_name);
@@ -298,43 +294,19 @@ std::optional<GroupFlaw> flawOf(const GroupFacts& facts) {
     return std::nullopt;
 }
 
-std::optional<std::string> PrivateGroups::problem(gid_t gid) {
-    Stamps stamps;
-    std::ranges::transform(files, stamps.begin(), [this](const char* file) {
-        return FileStamp::of((folder_ + file).c_str());
-    });
-    if (gid_ == gid && stamps_ == stamps) {
-        return problem_;
-    }
-    gid_.reset();
-    const auto facts = readGroup(gid, folder_);
-    if (!facts) {
-        return "it cannot be told whose the group " + std::to_string(gid) + " is: " + facts.error();
-    }
-    const auto flaw = flawOf(*facts);
-    problem_ = flaw ? std::optional(flaw->finding) : std::nullopt;
-    if (std::ranges::all_of(stamps,
-                            [](const auto& stamp) { return !stamp || stamp->isSettled(); })) {
-        gid_ = gid;
-        stamps_ = stamps;
-    }
-    return problem_;
-}
-
 std::optional<gid_t> privateGroup(const struct stat& executable) {
     return (executable.st_mode & S_ISGID) != 0 ? std::optional(executable.st_gid) : std::nullopt;
 }
 
-CallerRules::CallerRules(HelperIdentity identity, std::string accounts)
-    : identity_(std::move(identity)), groups_(std::move(accounts)) {}
-
-std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
+std::expected<HelperPeer, std::string> CallerRules::check(int connection,
+                                                          const HelperIdentity& identity,
+                                                          const std::string& accounts) {
     ucred caller{};
     socklen_t size = sizeof caller;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &caller, &size) != 0) {
         return std::unexpected(failed("its credentials cannot be read", errno));
     }
-    // Of a process in another PID namespace, which is not below this one, there is no number.
+    // A process outside this PID namespace and its descendants has no number in it.
     if (caller.pid <= 0) {
         return std::unexpected("its credentials cannot be read");
     }
@@ -342,14 +314,14 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
     if (auto problem = problemOfPidfd(connection, pidfd)) {
         return std::unexpected(*std::move(problem));
     }
-    // The file itself, by a link that leads to it without any path being walked. Held from here on,
-    // with its mount, so that it stays the same one whatever the process becomes meanwhile.
+    // The magic link leads to the file itself without a path being walked. The descriptor pins the
+    // file and its mount, so that they stay the same whatever the process executes meanwhile.
     const Descriptor running(open(fileOf(caller.pid, "exe").c_str(), O_PATH | O_CLOEXEC));
     if (!running.isOpen()) {
         return std::unexpected(failed("its executable cannot be read", errno));
     }
     struct statx status{};
-    // AT_STATX_DONT_SYNC: without asking the file's own, possibly stalling, server.
+    // AT_STATX_DONT_SYNC: does not wait for the server of a FUSE file system, which may stall.
     if (statx(running.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID,
               &status) != 0) {
         return std::unexpected(failed("its executable cannot be examined", errno));
@@ -357,58 +329,30 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
     if (auto problem = problemOfMount(status)) {
         return std::unexpected(*std::move(problem));
     }
-    const auto executable = targetOf("/proc/self/fd/" + std::to_string(running.get()));
+    const auto executable = linkTarget("/proc/self/fd/" + std::to_string(running.get()));
     if (!executable) {
         return std::unexpected(
             failed("the path of its executable cannot be read", executable.error()));
     }
-    // What the kernel writes behind the path of a file that is no longer there; proc_pid_exe(5).
+    // What the kernel appends to the path of a file that was removed; proc_pid_exe(5).
     constexpr std::string_view deletedMark = " (deleted)";
     if (executable->ends_with(deletedMark)) {
         const std::string path = executable->substr(0, executable->size() - deletedMark.size());
         return std::unexpected(
-            !RootOwnedPath::examine(path) && !problemOfBundle(path)
+            !RootOwnedPath::problem(path) && !problemOfBundle(path, identity)
                 ? "the app was replaced since it started; quit it and start it anew"
                 : "its executable was replaced or removed since it started");
     }
-    Problem problem;
-    const auto isNone = [&problem](Problem found) {
-        problem = std::move(found);
-        return !problem;
-    };
-    if (isNone(problemOfFile(*executable, status, caller.gid)) &&
-        isNone(groups_.problem(caller.gid)) &&
-        isNone(problemOfGroup(connection, caller, *executable)) &&
-        isNone(problemOfBundle(*executable)) && isNone(problemOfLife(pidfd))) {
-        return HelperPeer::ofProcess(caller.uid, *executable);
+    const auto problem =
+        problemOfFile(*executable, status, caller.gid)
+            .or_else([&] { return problemOfAccounts(caller.gid, accounts); })
+            .or_else([&] { return problemOfGroup(connection, caller, *executable); })
+            .or_else([&] { return problemOfBundle(*executable, identity); })
+            .or_else([&] { return problemOfLife(pidfd); });
+    if (problem) {
+        return std::unexpected(*problem);
     }
-    return std::unexpected(problem.value_or(""));
-}
-
-// What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
-std::optional<std::string> CallerRules::problemOfBundle(const std::string& executable) {
-    std::string isOther = executable + " is not in a bundle of this app and team";
-    const std::string cannotBeRead = "its Info.plist cannot be read";
-    const auto path = AppLocation::bundlePath(executable);
-    if (!path) {
-        return isOther;
-    }
-    const std::string infoPath = Bundle(*path).infoPath();
-    if (const auto problem = RootOwnedPath::examine(infoPath)) {
-        const int code = problem->failure;
-        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
-                                                              : failed(cannotBeRead, code);
-    }
-    const auto file = FileStamp::of(infoPath.c_str());
-    Info& known = infos_[infoPath];
-    if (!file || file != known.file) {
-        const auto info = readInfoFile(infoPath);
-        if (!info) {
-            return failed(cannotBeRead, info.error().code);
-        }
-        known = {file && file->isSettled() ? file : std::nullopt, HelperIdentity::ofBundle(*info)};
-    }
-    return known.identity == identity_ ? std::nullopt : std::optional(isOther);
+    return HelperPeer::ofProcess(caller.uid, *executable);
 }
 
 }  // namespace halvo

@@ -31,7 +31,7 @@
 namespace halvo {
 namespace {
 
-// Says why there can be no listener, and ends the process; sysexits.h.
+// Logs why there can be no listener, and ends the process; sysexits.h.
 [[noreturn]] void fail(int status, const std::string& message) {
     HALVO_LOG_ERROR(helperLog, "%{public}s", message.c_str());
     std::exit(status);
@@ -44,16 +44,15 @@ constexpr std::int64_t incomingPriority = SD_EVENT_PRIORITY_NORMAL + 10;
 
 class SocketListener final : public HelperListener {
   public:
-    SocketListener(Descriptor socket, Descriptor lock)
-        : socket_(std::move(socket)), lock_(std::move(lock)) {}
+    SocketListener(HelperIdentity identity, Descriptor socket, Descriptor lock)
+        : identity_(std::move(identity)), socket_(std::move(socket)), lock_(std::move(lock)) {}
 
     ~SocketListener() override {
         sd_event_source_disable_unref(incoming_);
         sd_event_source_disable_unref(retry_);
     }
 
-    void serve(const HelperIdentity& identity, HelperService& service) override {
-        rules_ = std::make_unique<CallerRules>(identity);
+    void serve(HelperService& service) override {
         service_ = &service;
         sd_event* loop = nullptr;
         if (listen(socket_.get(), Limits::backlog) != 0 || sd_event_default(&loop) < 0 ||
@@ -79,7 +78,7 @@ class SocketListener final : public HelperListener {
         return 0;
     }
 
-    // One at a turn, so that the connections have theirs in between.
+    // One per iteration of the event loop, so that connections are served in between.
     void acceptOne() {
         Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.isOpen()) {
@@ -91,7 +90,7 @@ class SocketListener final : public HelperListener {
             refusals_.refused(now, "too many connections are open");
             return;
         }
-        auto caller = rules_->check(socket.get());
+        auto caller = CallerRules::check(socket.get(), identity_);
         const auto isTheirs = [&](const auto& other) { return other.uid() == caller->uid; };
         if (!caller) {
             refusals_.refused(now, caller.error());
@@ -107,7 +106,7 @@ class SocketListener final : public HelperListener {
     // When accept() fails for lack of descriptors or memory, or a security module forbids it, the
     // socket stays readable: trying again at once would spin.
     void waitUnlessTheCallersFault(int code) {
-        // The caller is gone already, or there was none; accept(2).
+        // The caller has closed already, or the wake-up was spurious; accept(2).
         if (code == EAGAIN || code == EINTR || code == ECONNABORTED) {
             return;
         }
@@ -130,8 +129,7 @@ class SocketListener final : public HelperListener {
         return true;
     }
 
-    // What holds for the person has changed by a begin on that connection: their others were told
-    // something else.
+    // The begin has changed what statuses on the user's other connections reported.
     void outdateOthers(const BusConnection& begun) {
         for (BusConnection& other : connections_) {
             if (&other != &begun && other.uid() == begun.uid()) {
@@ -140,7 +138,7 @@ class SocketListener final : public HelperListener {
         }
     }
 
-    // Called from within the connection, which therefore goes later.
+    // Called from within the connection, which is therefore destroyed later.
     void forget(const BusConnection& gone) {
         service_->connectionClosed();
         liveMainQueue().async([this, &gone] {
@@ -148,10 +146,10 @@ class SocketListener final : public HelperListener {
         });
     }
 
+    HelperIdentity identity_;
     Descriptor socket_;
     // Held while this helper serves the socket that it made itself.
     Descriptor lock_;
-    std::unique_ptr<CallerRules> rules_;
     HelperService* service_ = nullptr;
     sd_event_source* incoming_ = nullptr;
     sd_event_source* retry_ = nullptr;
@@ -159,8 +157,8 @@ class SocketListener final : public HelperListener {
     std::list<BusConnection> connections_;
 };
 
-// The socket that systemd made (sd_listen_fds(3)), or a descriptor that is not open when it was not
-// systemd that started the helper. In the unit's sandbox it could make none itself.
+// The socket that systemd hands over (sd_listen_fds(3)); not open when the helper was not started
+// by systemd. In the unit's sandbox it could create none itself.
 Descriptor socketFromSystemd(const std::string& name) {
     const int count = sd_listen_fds(/*unset_environment=*/1);
     if (count == 0) {
@@ -207,14 +205,14 @@ std::optional<std::string> startAdvice(const std::string& executable) {
     return "Here systemd starts it, when the app calls; to start it by hand: sudo " + executable;
 }
 
-std::unique_ptr<HelperListener> makeListener(const std::string& name) {
+std::unique_ptr<HelperListener> makeListener(const HelperIdentity& identity) {
+    const std::string name = identity.helperBundleID();
     Descriptor handedOver = socketFromSystemd(name);
     if (handedOver.isOpen()) {
-        return std::make_unique<SocketListener>(std::move(handedOver), Descriptor{});
+        return std::make_unique<SocketListener>(identity, std::move(handedOver), Descriptor{});
     }
     static const std::string path = HelperBus::socketPath(name);
-    // A file of its own, because the socket's own file is no help: it outlives a helper that was
-    // killed.
+    // A file of its own, because the socket's file outlives a helper that was killed.
     static const std::string lockPath = path + ".lock";
     auto lock = takeLockFile(lockPath);
     if (!lock) {
@@ -223,12 +221,12 @@ std::unique_ptr<HelperListener> makeListener(const std::string& name) {
                            : "Couldn't open " + lock.error().message);
     }
     Descriptor socket = bindSocket(path);
-    // The helper ends by exit(3) wherever it is, so what it leaves in /run is taken away there.
+    // The helper always ends by exit(3), so its files in /run are removed there.
     std::atexit([] {
         unlink(path.c_str());
         unlink(lockPath.c_str());
     });
-    return std::make_unique<SocketListener>(std::move(socket), *std::move(lock));
+    return std::make_unique<SocketListener>(identity, std::move(socket), *std::move(lock));
 }
 
 }  // namespace halvo

@@ -108,7 +108,7 @@ class HelperListenerPrivateMachineTest : public PrivateMachineTest {
 void expectNone(const std::function<void()>& prepare, int status, const std::string& message) {
     const ChildResult result = runInChild([&prepare] {
         prepare();
-        makeListener(name);
+        makeListener(identity);
     });
     EXPECT_EQ(result.status, status);
     EXPECT_THAT(result.output, HasSubstr("error: " + message + "\n"));
@@ -117,7 +117,7 @@ void expectNone(const std::function<void()>& prepare, int status, const std::str
 TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilItsProcessExits) {
     inChild([] {
         umask(077);
-        const auto listener = makeListener(name);
+        const auto listener = makeListener(identity);
         EXPECT_EQ(modeOf(socketPath), S_IFSOCK | 0666U);
         EXPECT_EQ(modeOf(lockPath), S_IFREG | 0600U);
         EXPECT_EQ(tryToConnect(socketPath), ECONNREFUSED) << "it serves before its time";
@@ -128,20 +128,20 @@ TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilI
 
 TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsNameAndTakesThePlaceOfOneThatWasKilled) {
     TestProcess first([] {
-        const auto listener = makeListener(name);
+        const auto listener = makeListener(identity);
         std::puts("made");
         std::fflush(stdout);
         pause();
     });
     ASSERT_EQ(first.readLine(), "made");
     expectNone([] {}, 71, "Another helper already runs: it holds " + lockPath);
-    inChild([] { EXPECT_TRUE(makeListener("com.example.other.helper")); });
+    inChild([] { EXPECT_TRUE(makeListener({"com.example.other", "7QX4KD19MT"})); });
     first.kill();
     EXPECT_TRUE(fs::exists(socketPath)) << "the second one took the first one's";
     EXPECT_TRUE(fs::exists(lockPath));
-    inChild([] { EXPECT_TRUE(makeListener(name)); });
+    inChild([] { EXPECT_TRUE(makeListener(identity)); });
     bindTo(socketPath, Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get());
-    inChild([] { EXPECT_TRUE(makeListener(name)) << "in the place of a stale socket"; });
+    inChild([] { EXPECT_TRUE(makeListener(identity)) << "in the place of a stale socket"; });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
@@ -164,11 +164,11 @@ TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
 
 TEST_F(HelperListenerPrivateMachineTest, RefusesANameThatIsTooLong) {
     // sockaddr_un has room for 107 characters and a zero byte.
-    const std::string longest(107 - std::string("/run/.sock").size(), 'x');
-    inChild([&] { EXPECT_TRUE(makeListener(longest)); });
-    expectNone([&] { makeListener(longest + "x"); }, 78,
-               "The app's identifier is too long for a socket: /run/" + longest + "x.sock");
-    fs::remove("/run/" + longest + "x.sock.lock");
+    const std::string longest(107 - std::string("/run/.helper.sock").size(), 'x');
+    inChild([&] { EXPECT_TRUE(makeListener({longest, identity.teamID})); });
+    expectNone([&] { makeListener({longest + "x", identity.teamID}); }, 78,
+               "The app's identifier is too long for a socket: /run/" + longest + "x.helper.sock");
+    fs::remove("/run/" + longest + "x.helper.sock.lock");
 }
 
 TEST_F(HelperListenerPrivateMachineTest, SaysWhatItCannotMake) {
@@ -207,7 +207,7 @@ int boundSocket() {
 TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
     inChild([] {
         handOver({boundSocket()}, getpid());
-        EXPECT_TRUE(makeListener(name));
+        EXPECT_TRUE(makeListener(identity));
         EXPECT_FALSE(fs::exists(lockPath)) << "systemd starts only one";
         EXPECT_EQ(std::getenv("LISTEN_FDS"), nullptr) << "children would believe it";
         EXPECT_NE(fcntl(3, F_GETFL) & O_NONBLOCK, 0);
@@ -221,7 +221,7 @@ TEST_F(HelperListenerPrivateMachineTest, TakesNoSocketThatIsForAnotherProcess) {
     inChild([] {
         handOver({newSocket(AF_UNIX, SOCK_STREAM)}, getpid() + 1);
         ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
-        EXPECT_TRUE(makeListener(name));
+        EXPECT_TRUE(makeListener(identity));
         EXPECT_TRUE(fs::is_socket(socketPath));
         EXPECT_TRUE(fs::exists(lockPath));
     });
@@ -255,13 +255,12 @@ TEST_F(HelperListenerPrivateMachineTest, RefusesWhatSystemdMustNotHandOver) {
 
 // A listener that serves, on a simulated world.
 struct Service {
-    void serve() { listener->serve(identity, helper); }
+    void serve() { listener->serve(helper); }
 
     LogCapture log;
     SimulatedWorld world;
-    std::unique_ptr<HelperListener> listener = makeListener(name);
-    HelperService helper{identity,
-                         {world.clock, world.flags, world.store, world.session, world.opener},
+    std::unique_ptr<HelperListener> listener = makeListener(identity);
+    HelperService helper{{world.clock, world.flags, world.store, world.session, world.opener},
                          *listener,
                          liveMainQueue()};
 };

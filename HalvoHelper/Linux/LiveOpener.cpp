@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -30,15 +29,15 @@ constexpr const char* systemdRun = "/usr/bin/systemd-run";
 // The app may fork and end its first process without being counted as gone.
 constexpr const char* untilAllHaveEnded = "--property=ExitType=cgroup";
 
-// Keeps one unit's name from another's.
+// Makes a unit's name unique.
 std::string randomSuffix() {
     std::array<char, 9> text{};
     std::snprintf(text.data(), text.size(), "%08x", arc4random());
     return text.data();
 }
 
-// A systemd manager expands "$" in what it is told to run (systemd.service(5)); twice it is one.
-// Not so in the first word: there systemd-run(1) looks for that very file.
+// A systemd manager expands "$" in a command's arguments (systemd.service(5)); "$$" stands for one.
+// Not in the first word, which systemd-run(1) takes as the path of a file.
 std::string withoutExpansion(std::string argument) {
     for (std::size_t at = 0; (at = argument.find('$', at)) != std::string::npos; at += 2) {
         argument.insert(at, 1, '$');
@@ -46,9 +45,9 @@ std::string withoutExpansion(std::string argument) {
     return argument;
 }
 
-// Has systemd start the mode in a unit of its own, so that nothing of the helper's sandbox, limits
-// and cgroup reaches the app, and nothing that the user can tell their own manager. Not in the
-// person's slice, whose limits they can use up so that nothing more starts.
+// The command by which systemd starts the mode in a unit of its own, so that nothing of the
+// helper's sandbox, limits and cgroup reaches the app, nor any setting of the user's own manager.
+// Not in the user's slice, whose limits the user can exhaust so that nothing more starts.
 std::vector<std::string> unitOf(const std::string& helper, const OpenAsUser::Request& request) {
     std::vector<std::string> words{
         systemdRun, "--quiet", "--collect", "--no-ask-password",
@@ -56,9 +55,9 @@ std::vector<std::string> unitOf(const std::string& helper, const OpenAsUser::Req
         "--unit=halvo-open-" + randomSuffix() + ".service", untilAllHaveEnded,
         // The app starts with signals as the kernel has them, not as systemd likes.
         "--property=IgnoreSIGPIPE=no",
-        // An app that is run here is out of reach of the limits of the person's slice, and has
-        // these: many times what an app takes, and no more than the machine bears. Not by number
-        // of processes of the user (RLIMIT_NPROC), which that user's other programs can use up.
+        // An app that runs here is outside the limits of the user's slice, and has these: many
+        // times what an app needs, and no more than the machine can bear. No RLIMIT_NPROC, which
+        // the user's other processes can exhaust.
         "--property=TasksMax=4096", "--property=MemoryMax=50%", "--", helper};
     for (const std::string& word : OpenAsUser::withWords({}, request)) {
         words.push_back(withoutExpansion(word));
@@ -66,9 +65,9 @@ std::vector<std::string> unitOf(const std::string& helper, const OpenAsUser::Req
     return words;
 }
 
-// Starts a program with what LiveOpener says of its child; posix_spawn(3). 0, or the errno: also of
-// the calls before, which fail only without memory, since the child would then start with less
-// taken away from it than it should.
+// Starts a program as LiveOpener's contract says of its child; posix_spawn(3). Returns 0 or the
+// errno: also of the calls before, which fail only without memory, since the child would otherwise
+// inherit more than it should.
 int start(std::vector<std::string> words, bool keepsErrorOutput) {
     const ArgumentVector arguments(std::move(words));
     const ArgumentVector environment({});
@@ -108,55 +107,47 @@ int start(std::vector<std::string> words, bool keepsErrorOutput) {
 
 // ------------------------------------------------------------------------- the open-as-user mode
 
-// How long the user's manager may take to answer. One that is stuck must not keep the app closed.
-constexpr std::chrono::seconds managerPatience{2};
+// How long the user's manager may take to answer: one that hangs must not keep the app closed.
+constexpr Seconds managerPatience{2};
 
-// A manager that answers may still leave what asks it to start the app waiting for ever; the next
-// opening that is for it comes after 30 seconds. What it was asked to start stays.
+// A manager that answers may still never reply to systemd-run(1); the next opening by way of it
+// comes after 30 seconds. What it was asked to start stays.
 constexpr unsigned managerSecondsAtMost = 30;
 
-// Whether the manager is well; nothing while it has not replied.
-using Answer = std::optional<bool>;
-
-// Serves `bus` until the reply to the ping sets `answer`, or patience ends.
-void waitForAnswer(sd_bus* bus, const Answer& answer) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + managerPatience;
-    int result = 0;
-    while (!answer && result >= 0 && Clock::now() < end) {
-        const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
-        result = sd_bus_process(bus, nullptr);
-        if (result == 0) {
-            result = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
-        }
-    }
-}
-
-// Whether the user's own systemd manager really answers on the socket in the folder of the user's
-// session that systemd-run(1) would use. A manager that is gone may leave the socket's file behind,
-// and one that is stuck still accepts.
+// Whether the user's own systemd manager replies on the socket in XDG_RUNTIME_DIR that
+// systemd-run(1) would use. A manager that was killed may leave the socket's file behind, and one
+// that hangs still accepts.
 bool managerAnswers(const std::string& sessionFolder) {
     const std::string address = "unix:path=" + sessionFolder + "/systemd/private";
+    // Nothing while it has not replied.
+    using Answer = std::optional<bool>;
     Answer answer;
     // A connection that breaks replies too, with an error that sd-bus makes up.
     const auto onReply = [](sd_bus_message* reply, void* userdata, sd_bus_error*) {
         *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
         return 0;
     };
+    const Seconds end = sinceBoot() + managerPatience;
     sd_bus* bus = nullptr;
-    // Connects without waiting; the kernel says at once when nobody listens.
-    if (sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
+    // Connects without waiting; the kernel refuses at once where there is no listener.
+    bool isOpen =
+        sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
         sd_bus_start(bus) >= 0 &&
         sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
-                                 "org.freedesktop.DBus.Peer", "Ping", onReply, &answer, "") >= 0) {
-        waitForAnswer(bus, answer);
+                                 "org.freedesktop.DBus.Peer", "Ping", onReply, &answer, "") >= 0;
+    Seconds left = managerPatience;
+    while (isOpen && !answer && left > Seconds{0}) {
+        // Processes a message, or waits for one.
+        const int result = sd_bus_process(bus, nullptr);
+        isOpen = result > 0 || (result == 0 && sd_bus_wait(bus, microseconds(left)) >= 0);
+        left = end - sinceBoot();
     }
     sd_bus_close_unref(bus);
     return answer.value_or(false);
 }
 
-// The identifier of the bundle with all but ASCII letters, digits and "." as "_", which leaves what
-// is safe in a unit's name.
+// The identifier of the bundle with "_" for all but ASCII letters, digits and ".", the characters
+// that are safe in a unit's name.
 std::string unitNameOf(const Bundle& bundle) {
     std::string name = infoString(bundle.info(), "CFBundleIdentifier").value_or("app");
     const auto isUnsafe = [](unsigned char c) { return c != '.' && std::isalnum(c) == 0; };
@@ -192,18 +183,18 @@ void LiveOpener::open(const std::string& appPath, std::uint32_t uid, bool afterQ
         return;
     }
     const bool booted = sd_booted() > 0;
-    // What the app says when it is run in a unit of the system's manager, and in one of the user's.
+    // The app's output when it runs in a unit of the system's manager, and in one of the user's.
     const std::string journal =
         "journalctl -u 'halvo-open-*' -u user@" + std::to_string(uid) + ".service";
     const long failed = streak_.next(appPath, uid, sinceBoot(), booted ? journal : "none are kept");
-    // What the signal itself does stays the default: nothing.
+    // The disposition stays the default: ignored.
     struct sigaction reaping{};
     reaping.sa_handler = SIG_DFL;
     reaping.sa_flags = SA_NOCLDWAIT;
     sigaction(SIGCHLD, &reaping, nullptr);
     const bool directly = failed % 2 == 1;
     const OpenAsUser::Request request{uid, appPath, afterQuit, directly};
-    // What systemd-run(1) has to say goes where the helper's own errors go, to the journal.
+    // Errors of systemd-run(1) go to the helper's standard error, the journal.
     const int error = start(booted ? unitOf(helperExecutable_, request)
                                    : OpenAsUser::withWords({helperExecutable_}, request),
                             booted);

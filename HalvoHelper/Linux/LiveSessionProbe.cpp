@@ -15,14 +15,38 @@
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoPlatform/Bundle.hpp"
-#include "HalvoPlatform/Linux/FileStamp.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {
 
-// What sd-login(3) says of the session; empty when it does not.
+// Identifies a version of a file without reading it; stat(2). Taken before the file is read, so
+// that a change in between is seen next time.
+struct FileStamp {
+    dev_t device{};
+    ino_t inode{};
+    off_t size{};
+    // In nanoseconds since 1970.
+    std::int64_t modified{};
+    std::int64_t changed{};
+
+    // Nothing when the look-up fails. Allocates nothing.
+    static std::optional<FileStamp> of(const char* path) {
+        constexpr std::int64_t second = 1'000'000'000;
+        struct stat status{};
+        if (stat(path, &status) != 0) {
+            return std::nullopt;
+        }
+        return FileStamp{status.st_dev, status.st_ino, status.st_size,
+                         (status.st_mtim.tv_sec * second) + status.st_mtim.tv_nsec,
+                         (status.st_ctim.tv_sec * second) + status.st_ctim.tv_nsec};
+    }
+
+    bool operator==(const FileStamp&) const = default;
+};
+
+// The property of the session that `ask`, of sd-login(3), reads; empty when that fails.
 std::string told(int (*ask)(const char*, char**), const std::string& session) {
     char* text = nullptr;
     if (ask(session.c_str(), &text) < 0 || text == nullptr) {
@@ -32,17 +56,15 @@ std::string told(int (*ask)(const char*, char**), const std::string& session) {
     return text;
 }
 
-// The user at seat0. Asking sd-login opens, parses and allocates; so it is asked only when one of
-// the two files behind the last answer is no longer the same; logind replaces files by rename,
-// which gives another inode. Where those files are is logind's own affair: should they lie
-// elsewhere, it is asked every time.
+// The user at seat0. sd-login opens, parses and allocates; so it is asked only when one of the two
+// files behind the last answer has changed: logind replaces files by rename, which gives another
+// inode. Where those files lie is internal to logind: should they move, it is asked every time.
 class Console {
   public:
     std::optional<std::uint32_t> user() {
         auto seat = FileStamp::of("/run/systemd/seats/seat0");
         auto session = sessionPath_.empty() ? std::nullopt : FileStamp::of(sessionPath_.c_str());
         if (!seat || !session || seat != seat_ || session != session_) {
-            // The stamps are taken before the files are read: a change in between shows next time.
             seat_ = seat;
             session_.reset();
             sessionPath_.clear();
@@ -56,7 +78,7 @@ class Console {
     }
 
   private:
-    // The user of the session in front; sets leftUntil_ when it is closing.
+    // The user of the active session; sets leftUntil_ when it is closing.
     std::optional<std::uint32_t> ask() {
         const std::string session = told(
             [](const char* seat, char** text) { return sd_seat_get_active(seat, text, nullptr); },
@@ -89,11 +111,11 @@ class Console {
     std::optional<FileStamp> seat_;
     std::optional<FileStamp> session_;
     std::optional<std::uint32_t> user_;
-    // When user_ counts as there again although their session is closing.
+    // When user_ counts as present again although the session is closing.
     std::optional<Seconds> leftUntil_;
-    // Since when. Of each user: one session that closes after another must not begin it anew, nor
-    // must another user who has the seat for a moment. And of each session, which stays closing
-    // while the user goes to another of theirs and comes back.
+    // Since when each user has been seen closing: a second closing session must not restart the
+    // time, nor another user who takes the seat for a moment. And each session, which stays closing
+    // while its user switches to another one and back.
     std::map<std::uint32_t, Seconds> peopleClosing_;
     std::map<std::string, Seconds> closing_;
 };
@@ -107,8 +129,7 @@ class LiveSessionProbe final : public SessionProbe {
     }
 
   private:
-    // The executable of the bundle last asked about, kept for as long as its Info.plist is the
-    // same.
+    // The executable of the bundle last asked about, cached while its Info.plist is unchanged.
     const std::string& executableOf(const std::string& bundlePath) {
         auto info = FileStamp::of(infoPath_.c_str());
         if (bundlePath == bundlePath_ && info && info == info_ && itemExists(executable_)) {
@@ -120,7 +141,7 @@ class LiveSessionProbe final : public SessionProbe {
         info = FileStamp::of(infoPath_.c_str());
         const auto named = bundle.executablePath();
         executable_ = named.value_or(AppLocation::usualExecutable(bundlePath));
-        // What the Info.plist names may yet appear: without it, look again next time.
+        // An executable that is missing may yet appear: look again next time.
         info_ = named ? info : std::nullopt;
         return executable_;
     }
@@ -145,8 +166,8 @@ class LiveSessionProbe final : public SessionProbe {
         return false;
     }
 
-    // Whether that is what `process` does, by its folder in /proc. Its path is the first question,
-    // because it rules out nearly every process with one call.
+    // Whether `process`, a folder in /proc, does that. The path is compared first, because it rules
+    // out nearly every process with one system call.
     bool runs(const char* process, const std::string& executable, const struct stat& file,
               std::uint32_t uid) {
         const int proc = dirfd(proc_.get());
@@ -160,7 +181,7 @@ class LiveSessionProbe final : public SessionProbe {
         // A process's own folder belongs to its effective user, even when it may not be dumped.
         struct stat folder{};
         struct statx status{};
-        // AT_STATX_DONT_SYNC: the file may lie on a file system that its owner serves, and stalls.
+        // AT_STATX_DONT_SYNC: the file may lie on a FUSE file system whose server stalls.
         return fstatat(proc, process, &folder, 0) == 0 && folder.st_uid == uid &&
                statx(proc, name_.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) == 0 &&
                makedev(status.stx_dev_major, status.stx_dev_minor) == file.st_dev &&
@@ -172,9 +193,9 @@ class LiveSessionProbe final : public SessionProbe {
     std::string infoPath_;
     std::optional<FileStamp> info_;
     std::string executable_;
-    // Opened at the first look, and read anew at each.
+    // Opened at the first scan, rewound at each.
     std::unique_ptr<DIR, int (*)(DIR*)> proc_{nullptr, closedir};
-    // Of what links to the executable of a process, and what that links to.
+    // The name of the link to the executable of a process, and its target.
     std::string name_;
     std::string link_;
 };

@@ -33,14 +33,14 @@ std::expected<void, std::string> checkCodeSignature(const std::string& path,
             SecStaticCodeCreateWithPath((__bridge CFURLRef)place, kSecCSDefaultFlags, &code);
         const id ownedCode = CFBridgingRelease(code);
         SecRequirementRef demand = nullptr;
-        // Without a requirement any signature would do.
+        // Without a requirement any signature would be valid.
         if (status == errSecSuccess) {
             status = SecRequirementCreateWithString(
                 (__bridge CFStringRef)knownFoundationText(requirement), kSecCSDefaultFlags,
                 &demand);
         }
         const id ownedDemand = CFBridgingRelease(demand);
-        // By default only the architecture of this process is looked at, and not all of the file.
+        // By default only the architecture of this process is checked, and not the whole file.
         constexpr SecCSFlags whole = SecCSFlags{kSecCSStrictValidate} |
                                      SecCSFlags{kSecCSCheckAllArchitectures} |
                                      SecCSFlags{kSecCSNoNetworkAccess};
@@ -59,7 +59,7 @@ namespace {
 // Several times what it takes, for both architectures.
 constexpr std::size_t longestExecutable = 16777216;
 
-// Takes the folder away when the process ends, which has one identity only.
+// Removes the folder when the process ends, which has one identity only.
 void removeAtExit(const std::string& folder) {
     static const std::string& place = *new std::string(folder);
     [[maybe_unused]] static const int once = std::atexit([] { std::ignore = removeItem(place); });
@@ -83,8 +83,8 @@ std::expected<std::string, std::string> make(const std::string& executable,
     if (auto problem = RootOwnedPath::problem(place, RootOwnedPath::Item::folder)) {
         return std::unexpected(*std::move(problem));
     }
-    // A new file each time: the system remembers of a file what it has found its signature to be,
-    // and ends what runs from one that is written over.
+    // A new file each time: the kernel caches the signature of a vnode, and kills a process whose
+    // executable was overwritten.
     if (const auto written = replaceFile(place, "HalvoHelper.unchecked", *bytes, 0700); !written) {
         return std::unexpected(written.error().message);
     }
@@ -94,7 +94,7 @@ std::expected<std::string, std::string> make(const std::string& executable,
         std::ignore = removeItem(place);
         return std::unexpected(checked.error());
     }
-    // Only now: what the last opening has started may not yet have come to its execve(2).
+    // Only now: the process of the last opening may not have called execve(2) yet.
     std::string copy = place + "/HalvoHelper";
     if (std::rename(unchecked.c_str(), copy.c_str()) != 0) {
         return std::unexpected(copy + ": " + errorText(errno));
@@ -102,7 +102,7 @@ std::expected<std::string, std::string> make(const std::string& executable,
     return copy;
 }
 
-// What cannot be removed lies in a folder of root's, and is replaced by the next copy.
+// A copy that cannot be removed is in a folder of root's, and replaced by the next one.
 void remove(const HelperIdentity& identity) { std::ignore = removeItem(folder(identity)); }
 
 }  // namespace HelperCopy

@@ -1,5 +1,4 @@
-// NSXPC brings callers and their requests on queues of its own: from here they go on to the main
-// queue.
+// NSXPC delivers connections and requests on queues of its own: they hop to the main queue here.
 #include "HalvoHelper/HelperListener.hpp"
 
 #import <Foundation/Foundation.h>
@@ -20,14 +19,14 @@ namespace {
 using Reply = void (^)(BOOL ok);
 using StatusReply = void (^)(BOOL holding, NSDate* until, BOOL locked);
 
-// NSXPC does not enforce nonnull: any argument may be nil. A date that is nil is not a number,
-// which no begin accepts; a text is empty, which is no bundle path; a reply goes nowhere.
+// NSXPC does not enforce nonnull: any argument may be nil. A nil date becomes not-a-number, which
+// no begin accepts; a nil text becomes empty, which is no bundle path; a nil reply is not called.
 halvo::WallDate wallDateOf(NSDate* date) {
     return halvo::wallDate(date == nil ? std::numeric_limits<double>::quiet_NaN()
                                        : date.timeIntervalSince1970);
 }
 
-// Runs `work` on the main queue, whose thread may keep what is autoreleased for long.
+// Runs `work` on the main queue, in a pool of its own: the thread's may be drained late.
 void onMainQueue(std::function<void()> work) {
     halvo::liveMainQueue().async([work = std::move(work)] {
         @autoreleasepool {
@@ -95,8 +94,8 @@ void answer(Reply reply, std::function<bool()> serve) {
 
 @end
 
-// The delegate of the listener. By then the system has turned away every caller that does not meet
-// the listener's code-signing requirement, so all that reach this are admitted. Called on the
+// The delegate of the listener. The system has refused every caller that does not meet the
+// listener's code-signing requirement, so each connection that gets here is admitted. Called on the
 // listener's own queue.
 @interface ConnectionAcceptor : NSObject <NSXPCListenerDelegate>
 @end
@@ -134,13 +133,15 @@ namespace {
 
 class XPCListener final : public HelperListener {
   public:
-    explicit XPCListener(const std::string& name)
-        : listener_([[NSXPCListener alloc] initWithMachServiceName:knownFoundationText(name)]) {}
+    explicit XPCListener(const HelperIdentity& identity)
+        : listener_([[NSXPCListener alloc]
+              initWithMachServiceName:knownFoundationText(identity.helperBundleID())]) {
+        [listener_
+            setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
+    }
 
-    void serve(const HelperIdentity& identity, HelperService& service) override {
+    void serve(HelperService& service) override {
         @autoreleasepool {
-            [listener_
-                setConnectionCodeSigningRequirement:knownFoundationText(identity.appRequirement())];
             delegate_ = [ConnectionAcceptor new];
             delegate_->service = &service;
             listener_.delegate = delegate_;
@@ -150,7 +151,7 @@ class XPCListener final : public HelperListener {
 
   private:
     NSXPCListener* listener_;
-    // The listener does not keep it.
+    // The listener does not retain it.
     ConnectionAcceptor* delegate_ = nil;
 };
 
@@ -158,9 +159,9 @@ class XPCListener final : public HelperListener {
 
 std::optional<std::string> startAdvice(const std::string&) { return std::nullopt; }
 
-std::unique_ptr<HelperListener> makeListener(const std::string& name) {
+std::unique_ptr<HelperListener> makeListener(const HelperIdentity& identity) {
     @autoreleasepool {
-        return std::make_unique<XPCListener>(name);
+        return std::make_unique<XPCListener>(identity);
     }
 }
 

@@ -47,7 +47,7 @@ class XPCListenerTest : public ::testing::Test {
 
     static NSXPCConnection* connect() { return fake::connect(machService, process, ann); }
 
-    void serve() { listener->serve(identity, service); }
+    void serve() { listener->serve(service); }
 
     // Serves, and connects as the app.
     void serveApp() {
@@ -70,9 +70,8 @@ class XPCListenerTest : public ::testing::Test {
     const int worldReset = (fake::reset(), 0);
     SimulatedWorld world;
     const std::string app = world.addBundle("Applications/Halvo.app");
-    std::unique_ptr<HelperListener> listener = makeListener(machService);
-    HelperService service{identity,
-                          {world.clock, world.flags, world.store, world.session, world.opener},
+    std::unique_ptr<HelperListener> listener = makeListener(identity);
+    HelperService service{{world.clock, world.flags, world.store, world.session, world.opener},
                           *listener,
                           liveMainQueue()};
     HelperEngine& engine = service.engine();

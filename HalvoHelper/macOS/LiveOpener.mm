@@ -32,11 +32,11 @@ NSTask* taskOf(const std::string& program, const OpenAsUser::Request& request) {
     for (const std::string& word :
          OpenAsUser::withWords({"asuser", std::to_string(request.uid), program}, request)) {
         NSString* argument = foundationText(word);
-        // A path that is not UTF-8 leads nowhere; nil would end the process.
+        // A path that is not UTF-8 names nothing; nil would throw.
         [arguments addObject:argument != nil ? argument : @""];
     }
     task.arguments = arguments;
-    // Nothing; without it the child would have ours.
+    // Empty; without it the child would inherit ours.
     task.environment = @{};
     // The child is not waited for.
     task.terminationHandler = ^(NSTask*) {
@@ -44,22 +44,22 @@ NSTask* taskOf(const std::string& program, const OpenAsUser::Request& request) {
     return task;
 }
 
-// Whether `bundle` has the `executable` in it, is root's alone from itself downwards, and
-// is locked: then nobody else can put another in its place, although its folder is not root's alone
-// ("/Applications" is the admin group's); chflags(2), SF_IMMUTABLE.
+// Whether `executable` lies in `bundle`, which is root's alone from itself downwards and locked:
+// then only root can replace it, although its folder is not root's alone ("/Applications" belongs
+// to the admin group); chflags(2), SF_IMMUTABLE.
 bool isPinned(const std::string& executable, const std::string& bundle) {
     const std::filesystem::path folder = std::filesystem::path(bundle).parent_path();
     std::error_code missing;
     return executable.starts_with(bundle + "/") &&
-           // A link could be followed to a folder that others can put in another's place.
+           // A link could lead to a folder that other users can replace.
            std::filesystem::is_directory(std::filesystem::symlink_status(folder, missing)) &&
            !RootOwnedPath::problem(folder.parent_path(), RootOwnedPath::Item::folder) &&
            ChflagsFileFlags(ItemFlag::systemImmutable).state(bundle) == LockState::locked &&
            !RootOwnedPath::problem(executable, RootOwnedPath::Item::file, bundle);
 }
 
-// The program to start as root: the helper's `executable` where root alone decides what lies there,
-// and a copy of it elsewhere. Or why there is none.
+// The program to start as root: the helper's `executable` where its path is root's alone, else a
+// copy of it. Fails with the reason.
 std::expected<std::string, std::string> rootsProgram(const std::string& executable,
                                                      const std::string& appPath) {
     if (!RootOwnedPath::problem(executable) || isPinned(executable, appPath)) {
@@ -73,12 +73,12 @@ std::expected<std::string, std::string> rootsProgram(const std::string& executab
 }
 
 // Launches `task` with every signal at its default and none blocked, whatever NSTask does about
-// them: the helper ignores SIGTERM, and Dispatch's threads block all they can. Why it failed, or
-// nothing.
+// them: the helper ignores SIGTERM, and Dispatch's threads block all they can. Returns why it
+// failed, or nothing.
 //
-// What is ignored is caught meanwhile, by nothing: execve(2) makes that the default in the child,
-// and a SIGTERM that comes just now still does not end the helper, and still reaches the source
-// that watches it (kqueue(2), EVFILT_SIGNAL).
+// Ignored signals get an empty handler meanwhile: execve(2) resets that to the default in the
+// child, and a SIGTERM that arrives just now still does not end the helper, and still reaches the
+// source that watches it (kqueue(2), EVFILT_SIGNAL).
 std::optional<std::string> launch(NSTask* task) {
     std::vector<int> ignored;
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -101,7 +101,8 @@ std::optional<std::string> launch(NSTask* task) {
     return launched ? std::nullopt : std::optional(textOf(error.localizedDescription).value_or(""));
 }
 
-// To be pasted into a shell: without a path that could end the quotes.
+// The command that shows the app's log, to be pasted into a shell: a path that could end the quotes
+// is left out.
 std::string unifiedLogOf(const std::string& appPath) {
     const bool isPlain = appPath.find_first_of("'\"\\") == std::string::npos;
     return "log show --last 10m --predicate 'processImagePath CONTAINS \"" +

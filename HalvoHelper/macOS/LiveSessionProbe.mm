@@ -22,7 +22,7 @@ class LiveSessionProbe final : public SessionProbe {
             uid_t uid = 0;
             NSString* name =
                 CFBridgingRelease(SCDynamicStoreCopyConsoleUser(nullptr, &uid, nullptr));
-            // While nobody is logged in the login window has the console.
+            // Without a login session the console belongs to loginwindow.
             if (name.length == 0 || [name isEqualToString:@"loginwindow"] || uid == 0) {
                 return std::nullopt;
             }
@@ -30,7 +30,7 @@ class LiveSessionProbe final : public SessionProbe {
         }
     }
 
-    // Looks at all processes in one pass, with buffers that stay.
+    // One pass over all processes, with buffers that are kept.
     bool isAppRunning(const std::string& bundlePath, std::uint32_t uid) override {
         const std::string& executable = executableOf(bundlePath);
         listProcesses(processes_);
@@ -41,8 +41,8 @@ class LiveSessionProbe final : public SessionProbe {
     }
 
   private:
-    // The executable of the bundle last asked about. A bundle is looked into again only when
-    // another one is asked about, or its executable is gone.
+    // The executable of the bundle last asked about, cached until another one is asked about or the
+    // executable is removed.
     const std::string& executableOf(const std::string& bundlePath) {
         if (bundlePath != bundlePath_ || !itemExists(executable_)) {
             bundlePath_ = bundlePath;

@@ -12,13 +12,13 @@
 namespace halvo::RootOwnedPath {
 namespace {
 
-// Whether the access-control list of the item allows anything, acl(3). One that
-// cannot be read may allow anything.
+// Whether the access-control list of the item has an entry that allows; acl(3). One that cannot be
+// read counts as such.
 bool hasGenerousList(const std::string& path) {
     const std::unique_ptr<std::remove_pointer_t<acl_t>, int (*)(void*)> list(
         acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED), acl_free);
     if (list == nullptr) {
-        return errno != ENOENT;  // which says that there is none
+        return errno != ENOENT;  // which means that there is no list
     }
     acl_entry_t entry = nullptr;
     for (int which = ACL_FIRST_ENTRY; acl_get_entry(list.get(), which, &entry) == 0;
@@ -38,8 +38,8 @@ std::optional<std::string> problemBeyondMode(const std::string& path) {
     if (statfs(path.c_str(), &volume) != 0) {
         return path + ": " + errorText(errno);
     }
-    // A volume that a person has mounted, or that another machine serves, says of owners what that
-    // person or machine likes; mount(2) sets MNT_NOSUID on the former.
+    // A user who has mounted a volume, or a server of it, can forge owners; mount(2) sets
+    // MNT_NOSUID on the former.
     constexpr std::uint32_t looked = MNT_LOCAL | MNT_NOSUID | MNT_IGNORE_OWNERSHIP;
     if ((static_cast<std::uint32_t>(volume.f_flags) & looked) != MNT_LOCAL) {
         return path + " lies on a volume whose owners cannot be relied on";

@@ -25,7 +25,7 @@ int change(int item, bool isImmutable) {
         return 0;
     }
     const int code = errno;
-    // An overlay can refuse the change and carry it out all the same: what counts is what is so.
+    // An overlay can report a failure and make the change all the same: the flag read back counts.
     unsigned after = 0;
     const bool asWanted =
         ioctl(item, FS_IOC_GETFLAGS, &after) == 0 && ((after & immutable) != 0) == isImmutable;
@@ -36,8 +36,7 @@ int change(int item, bool isImmutable) {
 
 std::optional<std::uint32_t> itemFlags(const std::string& path) {
     struct statx status{};
-    // STATX_TYPE because something must be asked for; the attributes come with anything.
-    // The kernel would take a path with a zero byte inside for what stands before it.
+    // STATX_TYPE because the mask must not be empty; the attributes come with any.
     if (hasZeroByte(path) ||
         statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0) {
         return std::nullopt;

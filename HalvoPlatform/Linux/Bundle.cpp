@@ -1,10 +1,7 @@
 #include "HalvoPlatform/Bundle.hpp"
 
 #include <plist/plist.h>
-#include <unistd.h>
 
-#include <array>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -18,7 +15,7 @@
 namespace halvo {
 namespace {
 
-// libplist follows nested members on the stack: what fits in here cannot exhaust it.
+// libplist recurses for nested members: within this limit they cannot exhaust the stack.
 constexpr std::size_t infoLimit = std::size_t{1} << 17U;
 
 // `bytes` are at most infoLimit.
@@ -48,15 +45,6 @@ std::optional<InfoDictionary> parsePropertyList(const std::string& bytes) {
     }
 }
 
-std::optional<std::string> ownExecutablePath() {
-    std::array<char, PATH_MAX> buffer{};
-    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
-    if (length < 1 || std::cmp_greater_equal(length, buffer.size())) {
-        return std::nullopt;
-    }
-    return std::string(buffer.data(), static_cast<std::size_t>(length));
-}
-
 }  // namespace
 
 std::expected<std::optional<InfoDictionary>, FileError> readInfoFile(const std::string& path) {
@@ -67,7 +55,7 @@ std::expected<std::optional<InfoDictionary>, FileError> readInfoFile(const std::
     return parsePropertyList(*bytes);
 }
 
-Bundle Bundle::main() { return ofProcess(ownExecutablePath().value_or("")); }
+Bundle Bundle::main() { return ofProcess(linkTarget("/proc/self/exe").value_or("")); }
 
 std::optional<InfoDictionary> Bundle::info() const {
     return readInfoFile(infoPath_).value_or(std::nullopt);

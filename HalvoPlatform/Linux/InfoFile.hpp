@@ -1,5 +1,4 @@
-// An Info.plist on the disk, for who must know why it could not be read; Bundle.hpp is for the
-// rest.
+// Reading an Info.plist with the reason of a failure, which Bundle::info() leaves out.
 #pragma once
 
 #include <expected>
@@ -11,8 +10,8 @@
 
 namespace halvo {
 
-// The members of the property list at `path`; nothing when it is damaged or its top level is no
-// dictionary. Fails as readFile() does, with EFBIG past 128 KiB. Any thread.
+// The string members of the property list at `path`; nothing when it is damaged or its top level is
+// no dictionary. Fails as readFile() does, with EFBIG beyond 128 KiB. Any thread.
 std::expected<std::optional<InfoDictionary>, FileError> readInfoFile(const std::string& path);
 
 }  // namespace halvo

@@ -24,17 +24,14 @@
 namespace halvo {
 namespace {
 
-// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): set by tests only.
-LogSink installedSink = nullptr;
-
-// The fields of the log's context, as "NAME=value". Made once for all lines until it changes.
+// The fields of the log's context, as "NAME=value".
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the log is the process's.
 std::vector<std::string> contextFields;
 
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the same.
 bool isForTerminal = false;
 
-// The arguments in the places of their placeholders, each of which ends with its first 's' or 'd'.
+// Substitutes the arguments for their placeholders, each of which ends with its first 's' or 'd'.
 std::string formatted(std::string_view format, std::initializer_list<std::string> arguments) {
     std::string message;
     for (const std::string& argument : arguments) {
@@ -45,13 +42,13 @@ std::string formatted(std::string_view format, std::initializer_list<std::string
     return message.append(format);
 }
 
-// Whether the journal took the line. sd_journal_sendv() succeeds silently where none listens, so it
-// looks first.
+// Returns whether the journal accepted the line. sd_journal_sendv(3) succeeds where there is no
+// journal, so that is checked first.
 bool writeToJournal(const Logger& logger, LogLevel level, std::string_view message) {
     if (access("/run/systemd/journal/socket", W_OK) != 0) {
         return false;
     }
-    // Those of syslog(3): an error, and a notice, which "default" of the unified log is.
+    // The levels of syslog(3): an error; a notice for the unified log's "default".
     std::vector<std::string> fields = contextFields;
     fields.insert(
         fields.end(),
@@ -65,14 +62,16 @@ bool writeToJournal(const Logger& logger, LogLevel level, std::string_view messa
     return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
 }
 
-// By a description of our own, since O_NONBLOCK would be that of all who share the other.
+// Through an open file description of its own: on the inherited one O_NONBLOCK would be shared with
+// other processes.
 void writeToTerminal(const std::string& line) {
     const Descriptor terminal(
         open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (terminal.isOpen()) {
         writeUndisturbed(terminal.get(), line);
     } else if (errno == EACCES) {
-        // The terminal of another user, for a process that is not root and so ends at once.
+        // The terminal of another user: only a process that is not root gets here, and ends at
+        // once.
         writeUndisturbed(STDERR_FILENO, line);
     }
 }
@@ -95,7 +94,7 @@ void writeToSystem(const Logger& logger, LogLevel level, std::string_view messag
 
 // "2026-11-20T09:30:00Z", to the nearest second; empty where that has no such form.
 std::string rfc3339(WallDate date) {
-    // Cut off below, not by std::floor(): nothing else of the helper uses pages of libm.
+    // Truncated below, without std::floor(): nothing else in the helper uses pages of libm.
     const double seconds = secondsSince1970(date) + 0.5;
     constexpr double year10000 = 253402300800;
     const bool fits = seconds >= 0 && seconds < year10000;  // not-a-number does not
@@ -111,11 +110,8 @@ std::string rfc3339(WallDate date) {
 
 }  // namespace
 
-LogSink replaceLogSink(LogSink sink) {
-    const LogSink before = installedSink;
-    installedSink = sink;
-    return before;
-}
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): replaced by tests only.
+LogSink logSink = writeToSystem;
 
 void setLogContext(const LogContext* context) {
     contextFields.clear();
@@ -133,7 +129,7 @@ std::vector<std::string> logFields() { return contextFields; }
 
 void logToTerminalToo() { isForTerminal = true; }
 
-// A path may hold anything: the lines of somebody else, what a terminal takes for a command.
+// A path may contain anything: forged log lines, control sequences of a terminal.
 std::string detail::printed(const char* value) {
     constexpr unsigned char firstPrintable = 0x20;
     constexpr char deletion = 0x7F;
@@ -149,8 +145,7 @@ std::string detail::printed(const char* value) {
 
 void detail::writeLog(const Logger& logger, LogLevel level, std::string_view format,
                       std::initializer_list<std::string> arguments) {
-    const LogSink sink = installedSink != nullptr ? installedSink : writeToSystem;
-    sink(logger, level, formatted(format, arguments));
+    logSink(logger, level, formatted(format, arguments));
 }
 
 }  // namespace halvo

@@ -17,31 +17,30 @@ struct Logger;
 
 enum class LogLevel { Default, Error };
 
-// Receives each finished message in place of the system's log. For tests.
+// Receives each finished message: the system's log, unless a test puts another in its place. Not to
+// be replaced while another thread logs.
 using LogSink = void (*)(const Logger& logger, LogLevel level, std::string_view message);
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): the log is the process's.
+extern LogSink logSink;
 
-// Installs `sink` (null: the system's log again) and returns the one before it. Not to be called
-// while another thread logs.
-LogSink replaceLogSink(LogSink sink);
-
-// The fields of the context that lines have now, as "NAME=value". For tests.
+// The fields of the current context, as "NAME=value". For tests.
 std::vector<std::string> logFields();
 
 namespace detail {
 
-// What stands for an argument of each type in a format.
+// The placeholder of each type of argument.
 constexpr std::string_view placeholderOf(const char*) { return "%{public}s"; }
 
 constexpr std::string_view placeholderOf(long) { return "%{public}ld"; }
 
 constexpr std::string_view placeholderOf(int) { return "%d"; }
 
-// What a line has in the place of `value`.
+// The text of an argument, without control characters.
 std::string printed(const char* value);
 
 inline std::string printed(long value) { return std::to_string(value); }
 
-// A format that the compiler has checked against the types of its arguments.
+// A format that is checked against the types of its arguments at compile time.
 template <class... Arguments>
 struct LogFormat {
     consteval LogFormat(const char* format) : text(format) {
@@ -55,7 +54,7 @@ struct LogFormat {
             rest.remove_prefix(std::min(placeholder.size(), rest.size()));
         }
         if (!agrees || rest.contains('%')) {
-            // Not a constant expression: it stops the compilation here.
+            // Not a constant expression, so the compilation fails here.
             throw "placeholders and arguments do not agree";
         }
     }

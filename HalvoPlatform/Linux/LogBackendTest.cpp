@@ -19,6 +19,7 @@
 #include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HalvoPlatform/Descriptor.hpp"
@@ -40,12 +41,12 @@ using testing::SystemCall;
 std::string saidBy(void (*say)()) {
     static std::string received;
     received = "nothing";
-    const LogSink sink = [](const Logger&, LogLevel level, std::string_view message) {
-        received = (level == LogLevel::Error ? "error: " : "") + std::string(message);
-    };
-    const LogSink before = replaceLogSink(sink);
+    const LogSink before =
+        std::exchange(logSink, [](const Logger&, LogLevel level, std::string_view message) {
+            received = (level == LogLevel::Error ? "error: " : "") + std::string(message);
+        });
     say();
-    EXPECT_EQ(replaceLogSink(before), sink);
+    logSink = before;
     return received;
 }
 

@@ -20,30 +20,24 @@
 namespace halvo {
 namespace {
 
-using Microseconds = std::chrono::duration<std::uint64_t, std::micro>;
-
-std::uint64_t microseconds(Seconds span) {
-    return std::chrono::duration_cast<Microseconds>(span).count();
-}
-
-// sd-event calls fail with a negative errno. Here that means the machine has no memory or
-// descriptors left before the helper has even started.
+// sd-event calls fail with a negative errno: here memory or descriptors ran out before the helper
+// has even started.
 void require(int result, const char* call) {
     if (result < 0) {
         fatal(std::string(call) + ": " + errorText(-result));
     }
 }
 
-// Enqueued work goes before timers, and timers before connections: a connection is counted before
-// the next tick, and no flood of requests holds up a tick. sd_event_source_set_priority(3).
+// Enqueued work outranks timers, and timers outrank connections: a connection is counted before the
+// next tick, and no flood of requests delays a tick. sd_event_source_set_priority(3).
 constexpr std::int64_t workPriority = SD_EVENT_PRIORITY_NORMAL - 20;
 constexpr std::int64_t timerPriority = SD_EVENT_PRIORITY_NORMAL - 10;
 
 // In microseconds. An accuracy of 0 would stand for sd-event's own choice, 250 ms.
 constexpr std::uint64_t noLeeway = 1;
 
-// The default event loop of the main thread (sd_event_default(3)), so that other users of the same
-// loop find it there. It lives as long as the process and is never taken down.
+// The default event loop of the main thread (sd_event_default(3)), which sd-bus connections share.
+// Never destroyed.
 class EventLoopQueue final : public MainQueue {
   public:
     EventLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -58,7 +52,7 @@ class EventLoopQueue final : public MainQueue {
 
     void async(Work work) override {
         const std::lock_guard lock(mutex_);
-        // Work that waits has woken the loop already.
+        // Work that is pending has woken the loop already.
         if (waiting_.empty()) {
             eventfd_write(wakeUp_, 1);
         }
@@ -88,7 +82,7 @@ class EventLoopQueue final : public MainQueue {
 
     void run() override {
         assumeMainActor();
-        // Pings only where systemd has asked for it.
+        // Without effect unless systemd has set a watchdog.
         require(sd_event_set_watchdog(loop_, 1), "sd_event_set_watchdog");
         require(sd_event_loop(loop_), "sd_event_loop");
         std::exit(EXIT_SUCCESS);
@@ -116,7 +110,7 @@ class EventLoopQueue final : public MainQueue {
         auto* timer = static_cast<Timer*>(userdata);
         std::uint64_t now = 0;
         sd_event_now(sd_event_source_get_event(source), CLOCK_MONOTONIC, &now);
-        // Keep to the grid, but do not make up for turns that were missed.
+        // Keeps to the grid of the interval, and skips the turns that were missed.
         const std::uint64_t turns = ((now - due) / timer->interval) + 1;
         sd_event_source_set_time(source, due + (turns * timer->interval));
         sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);

@@ -10,8 +10,8 @@
 
 namespace halvo {
 
-// The address of the socket at `path`; nothing when it does not fit, with a zero byte behind it
-// (unix(7)).
+// The address of the socket at `path`; nothing when that does not fit with its terminating zero
+// byte; unix(7).
 inline std::optional<sockaddr_un> socketAddress(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -16,9 +16,9 @@ NSBundle* foundationBundle(const std::string& path) {
     return place == nil ? nil : [[NSBundle alloc] initWithPath:place];
 }
 
-// A program in no bundle carries its Info.plist inside itself, in the section __TEXT,__info_plist,
-// which its signature covers. The main bundle would have one that lies beside the program instead,
-// if somebody has put it there.
+// A program outside a bundle embeds its Info.plist in the section __TEXT,__info_plist, which its
+// signature covers. The main bundle's infoDictionary would be that of a file beside the program, if
+// there is one.
 NSDictionary<NSString*, id>* ownInfo() {
     unsigned long size = 0;
     const void* program = _dyld_get_image_header(0);

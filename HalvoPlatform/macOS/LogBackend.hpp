@@ -1,5 +1,4 @@
-// The log on macOS: the unified log (os_log(3)). Texts marked public are kept as they are, and so
-// are all numbers.
+// The log on macOS: the unified log (os_log(3)), which redacts texts that are not marked public.
 #pragma once
 
 #include <os/log.h>
@@ -8,8 +7,8 @@ namespace halvo {
 
 struct Logger;
 
-// The system's own object for `logger`. The system keeps one for each subsystem and category for as
-// long as the process lives (os_log_create(3)); nobody needs to release it.
+// The system's object for `logger`. The system keeps one for each subsystem and category for as
+// long as the process lives; it is never released. os_log_create(3).
 os_log_t systemLog(const Logger& logger);
 
 }  // namespace halvo

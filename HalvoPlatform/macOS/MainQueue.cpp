@@ -18,13 +18,8 @@ std::uint64_t nanoseconds(Seconds span) {
     return std::chrono::duration_cast<Nanoseconds>(span).count();
 }
 
-// dispatch_time(3). Its clock stands still while the machine sleeps.
-dispatch_time_t fromNow(Seconds span) {
-    return dispatch_time(DISPATCH_TIME_NOW, static_cast<std::int64_t>(nanoseconds(span)));
-}
-
-// A source whose events are turns of `context` on the main queue (dispatch_source_create(3)); it
-// waits for dispatch_resume(3).
+// A source that calls `turn` with `context` on the main queue for each event, once it is resumed;
+// dispatch_source_create(3).
 dispatch_source_t makeSource(dispatch_source_type_t type, std::uintptr_t handle,
                              std::uintptr_t mask, void* context, dispatch_function_t turn) {
     dispatch_source_t source =
@@ -43,13 +38,13 @@ void runAgain(void* work) { (*static_cast<MainQueue::Work*>(work))(); }
 // Rounded, so that the sum of a time and a span is reached when that much has passed.
 Nanoseconds nanosecondsSinceBoot() { return std::chrono::round<Nanoseconds>(sinceBoot()); }
 
-// A turn of after(). Dispatch has no timer on the clock that counts sleep. One on the wall clock
-// is there at once after a sleep, and too early or too late when somebody sets that clock; one on
-// the clock that stands still in sleep is never early, and late only after a sleep. So the first of
-// the two brings the turn, unless it is too early.
+// A call of after(). Dispatch has no timer on the clock that counts sleep. One on the wall clock
+// fires right after a sleep, but too early or too late when that clock is set; one on the clock
+// that stops in sleep is never early, and late only after a sleep. So the first of the two counts,
+// unless it is too early.
 class Alarm {
   public:
-    // Owns itself until it has rung.
+    // Owns itself until it has fired.
     // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): it deletes itself.
     static void set(Seconds delay, MainQueue::Work work) {
         const Nanoseconds left{nanoseconds(delay)};
@@ -97,7 +92,7 @@ class Alarm {
     dispatch_source_t wall_ = makeTimer();
 };
 
-// The main queue of Dispatch. Nothing here is taken down: sources live as long as the process.
+// The main queue of Dispatch. Sources live as long as the process.
 class DispatchQueue final : public MainQueue {
   public:
     DispatchQueue() { assumeMainActor(); }
@@ -109,15 +104,17 @@ class DispatchQueue final : public MainQueue {
     void repeat(Seconds first, Seconds interval, Seconds leeway, Work work) override {
         dispatch_source_t timer =
             makeSource(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, new Work(std::move(work)), runAgain);
-        dispatch_source_set_timer(timer, fromNow(first), nanoseconds(interval),
-                                  nanoseconds(leeway));
+        // On the clock that stands still while the machine sleeps: dispatch_time(3).
+        const auto wait = static_cast<std::int64_t>(nanoseconds(first));
+        dispatch_source_set_timer(timer, dispatch_time(DISPATCH_TIME_NOW, wait),
+                                  nanoseconds(interval), nanoseconds(leeway));
         dispatch_resume(timer);
     }
 
     void after(Seconds delay, Work work) override { Alarm::set(delay, std::move(work)); }
 
     void onTermination(Work work) override {
-        // A source only watches; it is the disposition that would end the process.
+        // A source only observes the signal; its disposition would end the process.
         std::signal(SIGTERM, SIG_IGN);
         dispatch_resume(makeSource(DISPATCH_SOURCE_TYPE_SIGNAL, SIGTERM, 0,
                                    new Work(std::move(work)), runAgain));
@@ -136,15 +133,15 @@ class DispatchQueue final : public MainQueue {
 }  // namespace
 
 bool onMainActor() {
-    // Which thread serves the main queue says nothing: from dispatch_main(3) on it is any. So the
-    // queue carries a mark, which only its own work sees (dispatch_get_specific(3)).
+    // From dispatch_main(3) on any thread may serve the main queue. So the queue has a mark, which
+    // only its own work sees; dispatch_get_specific(3).
     static char mark = 0;
     [[maybe_unused]] static const bool marked = [] {
         dispatch_queue_set_specific(dispatch_get_main_queue(), &mark, &mark, nullptr);
         return true;
     }();
-    // Until dispatch_main(3) the main queue is the main thread (pthread_main_np(3)), which does
-    // nothing after it.
+    // Until dispatch_main(3) the main queue is the main thread, which runs nothing after it;
+    // pthread_main_np(3).
     return dispatch_get_specific(&mark) != nullptr || pthread_main_np() != 0;
 }
 

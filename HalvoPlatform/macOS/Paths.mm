@@ -7,8 +7,7 @@
 namespace halvo {
 
 bool isStandardizedPath(const std::string& path) {
-    // What else Foundation would change of a plain path: URLByStandardizingPath. Most paths need no
-    // question, which allocates.
+    // The only other change by URLByStandardizingPath. Most paths need no call, which allocates.
     if (!path.starts_with("/private/")) {
         return true;
     }

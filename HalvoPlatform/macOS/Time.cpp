@@ -7,9 +7,9 @@
 namespace halvo {
 namespace {
 
-// `count`, or the greatest that this process has been told before. The system makes this clock of
-// the wall clock and the moment of the boot, which are moved one after the other when the clock is
-// set: a reading may lie a little before the last one, which would be taken for another boot.
+// `count`, or the greatest that this process has read before. The kernel computes this clock from
+// the wall clock and the boot time, which are adjusted one after the other when the clock is set: a
+// reading may lie a little before the last one, which would be taken for another boot.
 std::uint64_t neverBack(std::uint64_t count) {
     static std::mutex mutex;
     static std::uint64_t greatest;

@@ -32,13 +32,14 @@ inline std::ostream& operator<<(std::ostream& stream, const LogMessage& message)
 // receives. The messages may come from any thread, but none while a capture begins or ends.
 class LogCapture {
   public:
-    LogCapture() : outer_(std::exchange(innermost, this)), sinkBefore_(replaceLogSink(&receive)) {}
+    LogCapture()
+        : outer_(std::exchange(innermost, this)), sinkBefore_(std::exchange(logSink, &receive)) {}
 
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     ~LogCapture() {
-        replaceLogSink(sinkBefore_);
+        logSink = sinkBefore_;
         innermost = outer_;
     }
 
