@@ -224,13 +224,6 @@ TEST(HalvoLinkTest, ReadsWhatItWrites) {
     }
 }
 
-TEST(HalvoLinkTest, ReadsItsSchemeFromTheInfoPlist) {
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"HalvoURLScheme", "calm"}}), "calm");
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"HalvoURLScheme", ""}}), "");
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"Other", "calm"}}), "halvo");
-    EXPECT_EQ(HalvoLink::schemeIn(std::nullopt), "halvo");
-}
-
 TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     const BundledProgram calm("Calm.app", "<key>HalvoURLScheme</key><string>calm</string>");
     EXPECT_EQ(calm.says("scheme"), "calm");
