@@ -201,8 +201,8 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
             return yesOrNo(member, answerOf(std::move(*reply)));
         }
         bus_.reset();
-        // Any other error comes before authentication. The pause is for a helper that closes every
-        // connection.
+        // ECONNRESET: an authenticated connection was closed. The pause is for a helper that closes
+        // every connection.
         if (reply.error() != ECONNRESET) {
             return std::unexpected(failureOf(reply.error()));
         }

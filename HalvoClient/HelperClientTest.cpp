@@ -240,7 +240,7 @@ TEST_F(HelperClientTest, FindsNoHelper) {
 
 TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to become somebody else";
+        GTEST_SKIP() << "needs root to become another user";
     }
     FakeHelper const helper(path_, {Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0700), 0);
@@ -423,7 +423,7 @@ TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
     const ChildResult child = runInChild([this, &helper] {
-        // Seen from inside: the folders above may be closed to anybody else.
+        // Seen from inside: the folders above may be closed to other users.
         ASSERT_EQ(chdir(folder_.path().c_str()), 0);
         ASSERT_EQ(setgroups(0, nullptr), 0);
         ASSERT_EQ(setresgid(ownGroup, privateGroup, privateGroup), 0);

@@ -234,7 +234,7 @@ TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     EXPECT_EQ(none.says("url"), "halvo://today");
 }
 
-// Read on every use: the tests' own bundle, which names no scheme, is as good as any other.
+// The tests' own bundle has no scheme.
 TEST(HalvoLinkTest, WritesUnderItsOwnScheme) {
     EXPECT_EQ(HalvoLink::scheme(), "halvo");
     EXPECT_EQ(today.url(), "halvo://today");
