@@ -24,25 +24,25 @@ Microseconds timeLeft(Deadline deadline) {
     return std::max(std::chrono::ceil<Microseconds>(deadline - sinceBoot()), Microseconds{0});
 }
 
-// Lets connect(2) wait for a place in the listener's queue until `deadline` and no longer;
-// socket(7). Only who waits in it has a turn there: a socket that never blocks has to come back by
-// chance. Says whether the kernel took it.
-bool limitWait(int socket, Deadline deadline) {
-    // Zero would be no limit.
+// Sets the time-out of a blocking connect(2), socket(7). It must block: only blocked callers are
+// queued for a place in a full listener; a non-blocking socket would have to poll. False on
+// failure.
+bool setConnectTimeout(int socket, Deadline deadline) {
+    // Zero means no time-out.
     const Microseconds left = std::max(timeLeft(deadline), Microseconds{1});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timeval limit{.tv_sec = seconds.count(), .tv_usec = (left - seconds).count()};
     return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
 }
 
-// Gives 0 or the errno; EAGAIN when the queue had no place in time.
+// Returns 0 or the errno; EAGAIN when the listener's queue was full until the time-out.
 int tryToConnect(int socket, const sockaddr_un& address) {
     const PrivateGroup::InEffect group;
     return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
-// Gives 0 or a negative errno, as sd-bus does.
-int waitForMore(sd_bus& bus, Deadline deadline) {
+// Returns 0 or a negative errno, as sd-bus does.
+int waitForInput(sd_bus& bus, Deadline deadline) {
     const int result = sd_bus_wait(&bus, static_cast<std::uint64_t>(timeLeft(deadline).count()));
     return result == -EINTR ? 0 : std::min(result, 0);
 }
@@ -51,7 +51,7 @@ int waitForMore(sd_bus& bus, Deadline deadline) {
 
 Deadline deadlineAfter(Seconds limit) {
     constexpr Seconds longest = std::chrono::hours{24};
-    // Written so that not-a-number means at once.
+    // Not-a-number means zero.
     return sinceBoot() + (limit > Seconds{0} ? std::min(limit, longest) : Seconds{0});
 }
 
@@ -72,7 +72,7 @@ std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline de
     }
     int code = EAGAIN;
     do {
-        if (!limitWait(socket.get(), deadline)) {
+        if (!setConnectTimeout(socket.get(), deadline)) {
             return std::unexpected(errno);
         }
         code = tryToConnect(socket.get(), *address);
@@ -90,12 +90,8 @@ std::expected<BusHandle, int> openBus(Descriptor socket) {
     sd_bus* raw = nullptr;
     int result = sd_bus_new(&raw);
     BusHandle bus(raw);
-    if (result >= 0) {
-        result = sd_bus_negotiate_fds(raw, 0);
-    }
-    if (result >= 0) {
-        result = sd_bus_set_fd(raw, socket.get(), socket.get());
-    }
+    result = result >= 0 ? sd_bus_negotiate_fds(raw, 0) : result;
+    result = result >= 0 ? sd_bus_set_fd(raw, socket.get(), socket.get()) : result;
     if (result >= 0) {
         [[maybe_unused]] const int owned = socket.release();
         result = sd_bus_start(raw);
@@ -111,8 +107,7 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
     const auto broken = [&authenticated] {
         return std::unexpected(authenticated ? ECONNRESET : EPERM);
     };
-    // sd_bus_call() would wait without a limit for authentication to finish, so it is done in
-    // steps, and the time limit is kept here alone.
+    // sd_bus_call() has no time limit for authentication.
     if (sinceBoot() >= deadline) {
         return std::unexpected(ETIMEDOUT);
     }
@@ -120,8 +115,8 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
     if (sd_bus_send(&bus, &request, &cookie) < 0) {
         return broken();
     }
-    // The clock is looked at also while there is progress: a peer that never stops sending must not
-    // hold us. And before it: authentication that ends too late must send nothing.
+    // Checked also while there is progress, since a peer may send without end, and before
+    // sd_bus_process(), which sends the request once authentication is finished.
     while (sinceBoot() < deadline) {
         sd_bus_message* raw = nullptr;
         const int progress = sd_bus_process(&bus, &raw);
@@ -132,7 +127,7 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
             answered == cookie) {
             return message;
         }
-        if (progress < 0 || (progress == 0 && waitForMore(bus, deadline) < 0)) {
+        if (progress < 0 || (progress == 0 && waitForInput(bus, deadline) < 0)) {
             return broken();
         }
     }

@@ -1,6 +1,5 @@
-// Peer-to-peer D-Bus over a Unix socket, on which nothing waits longer than its caller allows. A
-// thin layer on sd-bus(3) for HelperClient and for programs that ask other things than it does.
-// Each connection belongs to one thread and to the process that made it.
+// Peer-to-peer D-Bus over a Unix socket with deadlines; on sd-bus(3). A connection belongs to one
+// thread and to the process that made it.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -14,18 +13,17 @@
 
 namespace halvo {
 
-// An instant on the clock of sinceBoot(), which nobody can set and which counts while the machine
-// sleeps, as std::chrono::steady_clock does not.
+// An instant of sinceBoot(), which, other than std::chrono::steady_clock, counts while the machine
+// sleeps.
 using Deadline = Seconds;
 
 // The instant `limit` from now: at least now, at most a day ahead.
 Deadline deadlineAfter(Seconds limit);
 
-// Waits until `span` has passed, or until `deadline` if that comes first. Says whether time is
-// left.
+// Sleeps for `span`, at most until `deadline`. Returns whether the deadline has not passed.
 bool waitBefore(Deadline deadline, Seconds span);
 
-// Closes its connection without sending what is still queued.
+// Closes the connection without flushing it.
 struct BusClose {
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
 };
@@ -38,24 +36,23 @@ struct BusMessageRelease {
 
 using BusMessage = std::unique_ptr<sd_bus_message, BusMessageRelease>;
 
-// A stream socket, closed on exec and never blocking, connected to the one at `path` with the
-// private group in effect at that moment, if the process has one. Fails with the errno of
-// socket(2) or connect(2), with ENAMETOOLONG when the path does not fit (unix(7)), and with
-// ETIMEDOUT when the listener's queue had no place until `deadline`.
+// A stream socket, close-on-exec and non-blocking, connected to `path` with the private group in
+// effect, if the process has one. Fails with the errno of socket(2) or connect(2), with
+// ENAMETOOLONG when the path is too long (unix(7)), and with ETIMEDOUT when the listener's queue
+// was full until `deadline`.
 std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline);
 
-// A connection on `socket`, which it owns from now on, also on failure. Authentication is only
-// begun here; callWithin() carries it on. Takes no descriptors from the other side. Fails with an
-// errno, ENOMEM when that is the reason.
+// A connection on `socket`, of which it takes ownership, also on failure. Only begins
+// authentication; callWithin() continues it. Refuses file descriptors from the peer. Fails with an
+// errno.
 std::expected<BusHandle, int> openBus(Descriptor socket);
 
-// Sends `request` and waits for its reply, which may be an error reply. Once `deadline` has passed,
-// nothing is sent any more and no reply is taken for one in time, also when this process was
-// stopped or the machine slept meanwhile. Fails with EPERM when the other side closed the
-// connection, or said no, before authentication was finished; with ECONNRESET when the connection
-// broke later: the request may have been carried out or not; with ETIMEDOUT when nothing came
-// before the deadline: it may still be carried out. After a failure the connection is of no more
-// use, and a late reply to it is lost.
+// Sends `request` and returns its reply, which may be an error reply. After `deadline` nothing is
+// sent and no reply accepted, also when this process was stopped or the machine slept meanwhile.
+// Fails with EPERM when the peer rejected the authentication or closed the connection before that
+// was finished; with ECONNRESET when the connection broke later: the request may have been carried
+// out or not; with ETIMEDOUT at the deadline: it may still be carried out. After a failure the
+// connection must not be used again.
 std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus_message& request);
 
 }  // namespace halvo

@@ -2,39 +2,36 @@
 
 #include <sysexits.h>
 #include <systemd/sd-bus.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstddef>
-#include <string_view>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
+#include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
 namespace {
 
-using HelperFailures::NoResources;
-using HelperFailures::NotRunning;
-using HelperFailures::Refused;
-using HelperFailures::Rejected;
-using HelperFailures::TimedOut;
+using namespace HelperFailures;
 
-// How long a helper that was killed while it accepted gets to be replaced.
+// The link to the executable of this process; proc_pid_exe(5).
+constexpr const char* ownExecutable = "/proc/self/exe";
+
+// Time for a helper that was killed while it accepted to be restarted.
 constexpr Seconds pauseAfterRefusal{0.1};
 
 Refused refused() {
-    // The kernel's mark of a file that is gone; proc_pid_exe(5).
-    constexpr std::string_view mark = " (deleted)";
-    std::array<char, PATH_MAX> path{};
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    return {length > 0 &&
-            std::string_view(path.data(), static_cast<std::size_t>(length)).ends_with(mark)};
+    std::error_code error;
+    const std::string path = std::filesystem::read_symlink(ownExecutable, error);
+    return {path.ends_with(" (deleted)")};
 }
 
 HelperFailure failureOf(int code) {
@@ -54,27 +51,24 @@ HelperFailure failureOf(int code) {
     }
 }
 
-// Connects where there is no connection yet.
+// Connects, unless `bus` is connected.
 std::expected<void, int> connectIfNeeded(BusHandle& bus, const std::string& path,
                                          Deadline deadline) {
     if (bus != nullptr) {
         return {};
     }
     auto socket = connectAsApp(path, deadline);
-    if (!socket) {
-        return std::unexpected(socket.error());
-    }
-    auto made = openBus(std::move(*socket));
+    auto made = socket ? openBus(*std::move(socket)) : std::unexpected(socket.error());
     if (made) {
         bus = std::move(*made);
         return {};
     }
-    // A helper that closes at once can be seen here already, by the first bytes we send.
+    // A helper that closes at once may already fail the first bytes that are sent.
     const int code = made.error();
     return std::unexpected(code == EPIPE || code == ECONNRESET ? EPERM : code);
 }
 
-// Over this connection and no other; the arguments are those of sd_bus_message_append(3).
+// Calls `member` once, over this connection; the arguments are those of sd_bus_message_append(3).
 template <class... Arguments>
 std::expected<BusMessage, int> attemptOn(sd_bus& bus, Deadline deadline, const char* member,
                                          const char* types, Arguments... arguments) {
@@ -141,6 +135,18 @@ int exitStatus(const HelperFailure& failure) {
     return statuses.at(failure.index());
 }
 
+std::optional<OwnBundle> bundleOf(const std::string& executable) {
+    const auto real = canonicalPath(executable);
+    auto path = real ? AppLocation::bundlePath(*real) : std::nullopt;
+    auto identity = path ? HelperIdentity::ofBundle(Bundle(*path).info()) : std::nullopt;
+    if (!path || !identity) {
+        return std::nullopt;
+    }
+    return OwnBundle{*std::move(path), *std::move(identity)};
+}
+
+std::optional<OwnBundle> ownBundle() { return bundleOf(ownExecutable); }
+
 HelperClient::HelperClient(const HelperIdentity& identity)
     : HelperClient(HelperBus::socketPath(identity.helperBundleID())) {}
 
@@ -160,7 +166,7 @@ HelperClient::Result<BusMessage> HelperClient::ask(Deadline deadline, const char
         }
         bus_.reset();
         const int code = reply.error();
-        // What another attempt may cure, if there was none for the same reason.
+        // Try again, once for each reason.
         const bool isFirst = (code == EPERM && !std::exchange(refusedBefore, true)) ||
                              (code == ECONNRESET && !std::exchange(brokenBefore, true));
         if (!isFirst) {
@@ -181,7 +187,7 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
     constexpr const char* member = "Begin";
     const Deadline deadline = deadlineAfter(std::min(limit, usualLimit));
     while (true) {
-        const auto held = statusBefore(deadline);
+        const auto held = status(deadline - sinceBoot());
         if (!held) {
             return std::unexpected(held.error());
         }
@@ -195,8 +201,8 @@ HelperClient::Result<bool> HelperClient::begin(const std::string& appPath, const
             return yesOrNo(member, answerOf(std::move(*reply)));
         }
         bus_.reset();
-        // A connection that broke has been an authenticated one. The pause is for a helper that
-        // breaks each.
+        // ECONNRESET: an authenticated connection was closed. The pause is for a helper that closes
+        // every connection.
         if (reply.error() != ECONNRESET) {
             return std::unexpected(failureOf(reply.error()));
         }
@@ -217,12 +223,8 @@ HelperClient::Result<bool> HelperClient::end(Seconds limit) {
 }
 
 HelperClient::Result<HelperStatus> HelperClient::status(Seconds limit) {
-    return statusBefore(deadlineAfter(limit));
-}
-
-HelperClient::Result<HelperStatus> HelperClient::statusBefore(Deadline deadline) {
     constexpr const char* member = "Status";
-    const auto reply = ask(deadline, member, "");
+    const auto reply = ask(deadlineAfter(limit), member, "");
     if (!reply) {
         return std::unexpected(reply.error());
     }

@@ -240,7 +240,7 @@ TEST_F(HelperClientTest, FindsNoHelper) {
 
 TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to become somebody else";
+        GTEST_SKIP() << "needs root to become another user";
     }
     FakeHelper const helper(path_, {Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0700), 0);
@@ -423,7 +423,7 @@ TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
     const ChildResult child = runInChild([this, &helper] {
-        // Seen from inside: the folders above may be closed to anybody else.
+        // Seen from inside: the folders above may be closed to other users.
         ASSERT_EQ(chdir(folder_.path().c_str()), 0);
         ASSERT_EQ(setgroups(0, nullptr), 0);
         ASSERT_EQ(setresgid(ownGroup, privateGroup, privateGroup), 0);
@@ -464,6 +464,36 @@ TEST(HelperFailureTest, HasASentenceForAPersonAndAnExitStatusForAShell) {
         EXPECT_EQ(description(failure), sentence);
         EXPECT_EQ(exitStatus(failure), status) << sentence;
     }
+}
+
+std::string infoOf(const std::string& bundleID, const std::string& teamID) {
+    return "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + bundleID +
+           "</string><key>HalvoTeamID</key><string>" + teamID + "</string></dict></plist>";
+}
+
+TEST(OwnBundleTest, HasAPathAndAnIdentityOrIsNothing) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "Halvo.app";
+    const std::string executable = path + "/Contents/MacOS/Halvo";
+    const std::string info = path + "/Contents/Info.plist";
+    std::filesystem::create_directories(path + "/Contents/MacOS");
+    writeTestFile(executable, "");
+    writeTestFile(folder / "Halvo", "");
+    std::filesystem::create_symlink(executable, folder / "link");
+    writeTestFile(info, infoOf("com.example.app", "7QX4KD19MT"));
+
+    const OwnBundle expected{path, {"com.example.app", "7QX4KD19MT"}};
+    EXPECT_EQ(bundleOf(executable), expected);
+    EXPECT_EQ(bundleOf(folder / "link"), expected);
+    EXPECT_EQ(bundleOf(path + "/Contents/MacOS/Other"), std::nullopt) << "no such executable";
+    EXPECT_EQ(bundleOf(folder / "Halvo"), std::nullopt) << "in no bundle";
+    EXPECT_EQ(ownBundle(), std::nullopt) << "nor are the tests";
+    writeTestFile(info, infoOf("com.example_app", "7QX4KD19MT"));
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no bundle's identifier";
+    writeTestFile(info, infoOf("com.example.app", "short"));
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no team's identifier";
+    std::filesystem::remove(info);
+    EXPECT_EQ(bundleOf(executable), std::nullopt) << "no Info.plist";
 }
 
 }  // namespace

@@ -8,23 +8,10 @@
 namespace halvo::PrivateGroup {
 namespace {
 
-struct Groups {
-    gid_t real;
-    gid_t effective;
-    gid_t saved;
-};
-
-Groups currentGroups() {
-    Groups groups{};
-    // Fails only for bad addresses.
-    getresgid(&groups.real, &groups.effective, &groups.saved);
-    return groups;
-}
-
-// SYS_setresgid takes groups of 16 bits on most 32-bit systems.
+// SYS_setresgid takes 16-bit groups on most 32-bit systems.
 static_assert(sizeof(long) == 8);
 
-// The system call itself: glibc's setresgid() changes all threads of the process.
+// The system call; setresgid() of the C library changes all threads of the process.
 bool setEffectiveOfThread(gid_t group) {
     constexpr long unchanged = -1;
     return syscall(SYS_setresgid, unchanged, group, unchanged) == 0;
@@ -33,17 +20,21 @@ bool setEffectiveOfThread(gid_t group) {
 }  // namespace
 
 void setAside() {
-    const Groups groups = currentGroups();
-    if (groups.effective != groups.real &&
-        setresgid(groups.real, groups.real, groups.effective) != 0) {
+    const gid_t real = getgid();
+    const gid_t effective = getegid();
+    if (effective != real && setresgid(real, real, effective) != 0) {
         fatal("The app's private group cannot be taken out of effect");
     }
 }
 
 InEffect::InEffect() {
-    const Groups groups = currentGroups();
-    if (groups.saved != groups.effective && setEffectiveOfThread(groups.saved)) {
-        before_ = groups.effective;
+    gid_t real{};
+    gid_t effective{};
+    gid_t saved{};
+    // Fails only for invalid addresses.
+    getresgid(&real, &effective, &saved);
+    if (saved != effective && setEffectiveOfThread(saved)) {
+        before_ = effective;
     }
 }
 

@@ -1,14 +1,13 @@
-// The group of its own to which the app is installed set-group-id. The helper admits only callers
-// with which the kernel has seen this group in effect at connect(2), so it is what tells the app
-// from any other program of the same person.
+// The private group to which the app is installed set-group-id. The helper admits only callers
+// whose effective group was this one at connect(2), which tells the app from other programs of the
+// same person.
 //
-// What stays with a set-group-id process all its life, whatever is done here: it is not dumpable
-// (no core file, no debugger of the same person, and its files in /proc belong to root), and the
-// dynamic linker ignores LD_PRELOAD and its like (ld.so(8)). LeakSanitizer, which needs ptrace(2),
-// aborts in it, and no sanitizer finds its options in the environment; see SanitizerOptions.cpp.
+// A set-group-id process remains not dumpable (no core file, no debugger of the same person, its
+// files in /proc belong to root), and the dynamic linker ignores LD_PRELOAD (ld.so(8)).
+// LeakSanitizer, which needs ptrace(2), aborts in it, and sanitizers ignore their options in the
+// environment; see SanitizerOptions.cpp.
 //
-// Everything works in a process that is not set-group-id as well: there is nothing to set aside and
-// nothing to put in effect.
+// In a process that is not set-group-id all of this does nothing.
 #pragma once
 
 #include <sys/types.h>
@@ -17,19 +16,19 @@
 
 namespace halvo::PrivateGroup {
 
-// Takes the group out of effect in the whole process and keeps it as the saved group only
-// (credentials(7)), so that files are made and checked with the person's own group. A program that
-// is executed from now on does not get it (execve(2)); a child that only forked still has it. To be
-// called first in main(), once, before any thread is started. A kernel that refuses (setresgid(2);
-// it has no reason to) is a fatal error: the process must not go on with the group in effect.
+// Restores the person's own group as the effective one of the process and keeps the private group
+// as the saved one only (credentials(7)), so that files are created and checked with the person's
+// own. Programs that are executed from then on do not inherit it (execve(2)); a forked child does.
+// Called once, first in main(), before any thread is started. Failure (setresgid(2)) is a fatal
+// error.
 void setAside();
 
-// Puts the group in effect for as long as this object lives, for the calling thread alone: to the
-// kernel credentials belong to threads, and only the C library's wrappers carry a change to all of
-// them. To be held around connect(2) and nothing else. Created and destroyed on one thread, one at
-// a time on it. Where the kernel refuses to put the group in effect nothing changes, and the helper
-// then refuses the connection; where it refuses to take it back the process ends with a fatal
-// error. Both changes clear the thread's parent-death signal (PR_SET_PDEATHSIG(2const)).
+// Makes the private group the effective one while this object lives, for the calling thread alone:
+// to the kernel credentials belong to threads, and only the C library's wrappers change those of
+// all of them. For connect(2) only. Created and destroyed on one thread, one at a time on it.
+// Failure to set the group changes nothing, and the helper then refuses the connection; failure to
+// restore the earlier one is a fatal error. Both clear the thread's parent-death signal
+// (PR_SET_PDEATHSIG(2const)).
 class InEffect {
   public:
     InEffect();
@@ -38,7 +37,7 @@ class InEffect {
     InEffect& operator=(const InEffect&) = delete;
 
   private:
-    // The effective group to go back to; nothing when there is nothing to put back.
+    // The effective group to restore, if any.
     std::optional<gid_t> before_;
 };
 

@@ -6,35 +6,32 @@
 
 #include "HalvoPlatform/Bundle.hpp"
 
-// Nothing here is remembered: each call looks again. Any thread, as long as none changes the
-// environment (getenv(3)).
+// Nothing here is cached. Any thread, as long as none changes the environment (getenv(3)).
 namespace halvo::AppGroup {
 
-// The string under "HalvoAppGroup", as it stands there; nothing when there is none.
-inline std::optional<std::string> identifierIn(const std::optional<InfoDictionary>& info) {
-    return infoString(info, "HalvoAppGroup");
+// The group of the main bundle: the string under "HalvoAppGroup" in its Info.plist, if there is
+// one.
+inline std::optional<std::string> identifier() {
+    return infoString(Bundle::main().info(), "HalvoAppGroup");
 }
 
-// Which group the main bundle belongs to: identifierIn() its Info.plist.
-inline std::optional<std::string> identifier() { return identifierIn(Bundle::main().info()); }
-
-// The folder of the group `identifier`. Without a group, or where the system lets the process use
-// no folder of such a group, it is "Halvo-NoGroup" in the folder where the user's apps keep their
-// data. The folder is made when it is missing, with the folders above it. That this failed shows
-// only when a file in it is read or written: the path is the same all the same.
+// The folder of the group `identifier`; without a group, or where the process may not use the
+// group's, "Halvo-NoGroup" in the folder for the data of the user's apps. Creates it when it is
+// missing, with its parents. A failure of that is ignored, so that the path does not depend on the
+// state of the disk: reading or writing a file in it fails then.
 //
-// On macOS it is the group's container (containerURLForSecurityApplicationGroupIdentifier:), as
-// long as the process can make, read and write it, which the system allows to those with the
-// entitlement for it; of others it may ask the person. The user's apps keep their data in
-// Application Support. On Linux no process is kept out of a group.
+// On macOS the group's folder is its container
+// (containerURLForSecurityApplicationGroupIdentifier:), if the process can create, read and write
+// it: the system allows that with the entitlement, and may ask the person without. The folder for
+// the apps' data is Application Support.
 //
-// On Linux the user's apps keep their data in $XDG_DATA_HOME, else in ~/.local/share (XDG Base
-// Directory), a group's folder lies in there under the group's identifier, and a folder made here
-// is its owner's only (0700). An identifier that is no plain name of one folder (empty, ".", "..",
-// with a "/" or a zero byte) has no folder.
+// On Linux the group's folder lies in that for the apps' data, $XDG_DATA_HOME or else
+// ~/.local/share (XDG Base Directory), under the group's identifier, and is created with the
+// permissions 0700. An identifier that is not the name of a folder (empty, ".", "..", with a "/" or
+// a NUL byte) has none.
 std::string containerOf(const std::optional<std::string>& identifier);
 
-// The path that containerOf() returns, or would return once the folder can be made; makes nothing.
+// The path that containerOf() returns; creates nothing.
 std::string pathOf(const std::optional<std::string>& identifier);
 
 // The path of the folder that holds every shared file: containerOf() the identifier().

@@ -44,13 +44,6 @@ class AppGroupTest : public ::testing::Test {
     std::string noGroup = data + "/Halvo-NoGroup";
 };
 
-TEST_F(AppGroupTest, IsTheStringInTheInfoPlist) {
-    EXPECT_EQ(AppGroup::identifierIn(InfoDictionary{{"HalvoAppGroup", "group.a"}}), "group.a");
-    EXPECT_EQ(AppGroup::identifierIn(InfoDictionary{{"HalvoAppGroup", ""}}), "");
-    EXPECT_EQ(AppGroup::identifierIn(InfoDictionary{{"Other", "group.a"}}), std::nullopt);
-    EXPECT_EQ(AppGroup::identifierIn(std::nullopt), std::nullopt);
-}
-
 TEST_F(AppGroupTest, LiesWhereTheEnvironmentSaysNow) {
     const std::string ofAccount = getpwuid(getuid())->pw_dir + std::string("/.local/share/g");
 

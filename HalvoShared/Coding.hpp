@@ -7,6 +7,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -26,22 +27,22 @@ namespace halvo::JSON {
 
 // --- The document
 
-// An object that keeps all members of a key that comes more than once, in their order.
+// A JSON object that keeps every member of a duplicate key, in their order.
 template <class Key, class Value, class... Rest>
 class Members : public std::multimap<Key, Value, Rest...> {
   public:
-    // A new member; what the library's parser calls for each key.
+    // Adds a member; the library's parser calls this for each key.
     Value& operator[](const Key& key) { return this->emplace(key, nullptr)->second; }
 };
 
 using Json = nlohmann::basic_json<Members>;
 
-// The library's own builder of a document, but for what it would round.
+// The library's own builder of a document, except for whole numbers beyond 64 bits: the library
+// rounds them to a double, which may be a whole number of 64 bits.
 class Builder : public nlohmann::detail::json_sax_dom_parser<Json> {
   public:
     using json_sax_dom_parser::json_sax_dom_parser;
 
-    // A whole number that 64 bits do not hold is rounded, perhaps to one that they do.
     bool number_float(double number, const std::string& text) {
         const bool isWhole = text.find_first_of(".eE") == std::string::npos;
         return json_sax_dom_parser::number_float(
@@ -55,30 +56,29 @@ class Builder : public nlohmann::detail::json_sax_dom_parser<Json> {
     throw Error{kind, "", std::move(problem)};
 }
 
-// What the library says is wrong with a text.
+// The message of a parse error, without the library's prefix.
 inline std::string problemOf(const Json::exception& exception) {
     // "[json.exception.parse_error.101] parse error at line 1, column 5: ..."
     std::string text = exception.what();
-    text.erase(0, std::min(text.size(), text.find("] ") + 2));
-    // It quotes what it last read, of any length and whatever it is.
+    text.erase(0, text.find("] ") + 2);
+    // It quotes the last token, which may be long and not UTF-8.
     constexpr std::size_t longest = 200;
     const char* end = text.size() > longest ? "…" : "";
-    using nlohmann::json;
     const auto readable =
-        json(text.substr(0, longest)).dump(-1, ' ', false, json::error_handler_t::ignore);
-    return json::parse(readable).get<std::string>() + end;
+        Json(text.substr(0, longest)).dump(-1, ' ', false, Json::error_handler_t::ignore);
+    return Json::parse(readable).get<std::string>() + end;
 }
 
-// Parses `text` into `root`; throws Error. The library needs memory to free a document, and ends
-// the process when there is none: what is returned must be freed before `root`.
+// Parses `text` into `root`. Returns memory to be freed before `root`: the library allocates to
+// free a document, and ends the process when it cannot. Throws Error.
 inline std::vector<char> parse(std::string_view text, Json& root) {
     const std::string notJSON = "This is not JSON: ";
-    // The library takes it for the end of the text, whatever follows.
+    // The library takes a NUL byte for the end of the text.
     if (text.contains('\0')) {
         fail(Error::Kind::Malformed, notJSON + "it holds a zero byte");
     }
     std::vector<char> reserve;
-    // For a list of all values, two bytes each, that grows to twice its size.
+    // Enough for a list of all values, of at least two bytes each, that doubles its capacity.
     reserve.reserve(3 * sizeof(Json) * text.size() / 2);
     try {
         Builder builder(root);
@@ -89,7 +89,7 @@ inline std::vector<char> parse(std::string_view text, Json& root) {
     return reserve;
 }
 
-// --- What is there, and what was expected
+// --- Errors
 
 inline std::string described(const Json& json) {
     constexpr std::size_t longestQuote = 60;
@@ -110,7 +110,7 @@ inline void expect(bool isRight, std::string_view expected, const Json& found,
     }
 }
 
-// Sets `value` to what `parse` makes of a text.
+// Sets `value` to what `parse` returns for a text.
 template <class Parse, class T>
 void readText(const Json& json, std::string_view expected, Parse parse, T& value) {
     expect(json.is_string(), expected, json);
@@ -119,41 +119,42 @@ void readText(const Json& json, std::string_view expected, Parse parse, T& value
     value = *parsed;  // NOLINT(bugprone-unchecked-optional-access): expect() throws.
 }
 
-// The number, if 64 bits hold it, however it is spelled: 5, 5.0 and 0.5e1 are the same.
-inline std::optional<std::int64_t> wholeNumber(const Json& json) {
+// Whether the number is a T in any notation: 5, 5.0 and 0.5e1 are the same.
+template <std::signed_integral T>
+bool isWhole(const Json& json) {
     if (json.is_number_float()) {
-        constexpr double end = 0x1p63;
+        constexpr auto least = static_cast<double>(std::numeric_limits<T>::min());
         const auto number = json.get<double>();
-        const bool fits = number >= -end && number < end && std::trunc(number) == number;
-        return fits ? std::optional(static_cast<std::int64_t>(number)) : std::nullopt;
+        return number >= least && number < -least && std::trunc(number) == number;
     }
-    const bool fits =
-        !json.is_number_unsigned() || std::in_range<std::int64_t>(json.get<std::uint64_t>());
-    return fits ? std::optional(json.get<std::int64_t>()) : std::nullopt;
+    return json.is_number_unsigned() ? std::in_range<T>(json.get<std::uint64_t>())
+                                     : std::in_range<T>(json.get<std::int64_t>());
 }
 
-// Does `action` one step further on the path, in a member or in the element of an index.
+// Calls `action`, and prepends `step`, the key or index that it descends into, to the path of an
+// Error.
 template <class Step, class Action>
 void within(const Step& step, Action action) {
     try {
         action();
     } catch (Error& error) {
-        const bool isLast = error.path.empty() || error.path.starts_with('[');
+        const bool isEnd = error.path.empty() || error.path.starts_with('[');
+        error.path.insert(0, isEnd ? "" : ".");
         if constexpr (std::integral<Step>) {
-            error.path.insert(0, "[" + std::to_string(step) + (isLast ? "]" : "]."));
+            error.path.insert(0, "[" + std::to_string(step) + "]");
         } else {
-            error.path.insert(0, std::string(step) + (isLast ? "" : "."));
+            error.path.insert(0, step);
         }
         throw;
     }
 }
 
-// --- What records declare
+// --- Declarations of records
 
 template <class T>
 concept Record = requires { T::memberNames; };
 
-// The names<T>, one by one.
+// The names<T> as a list.
 template <class T>
 inline constexpr auto nameList = [] {
     constexpr std::string_view all = names<T>;
@@ -166,7 +167,7 @@ inline constexpr auto nameList = [] {
     return list;
 }();
 
-// The places of a record's members in the order of their keys' bytes.
+// The indices of a record's members, sorted by key.
 template <Record T>
 inline constexpr auto sortedPlaces = [] {
     std::array<std::size_t, nameList<T>.size()> places{};
@@ -175,16 +176,7 @@ inline constexpr auto sortedPlaces = [] {
     return places;
 }();
 
-// Whether the member may be missing or null though it is not optional.
-template <class Owner>
-constexpr bool mayBeMissing(std::string_view key) {
-    if constexpr (requires { Owner::mayBeMissing; }) {
-        return std::ranges::find(Owner::mayBeMissing, key) != Owner::mayBeMissing.end();
-    }
-    return false;
-}
-
-// --- The overloads for each type, which throw Error
+// --- Overloads for each type, which throw Error
 
 struct Coder {
     static void read(const Json& json, bool& value) {
@@ -204,7 +196,7 @@ struct Coder {
             return byte >= ' ' && byte < 0x80 && byte != '"' && byte != '\\';
         };
         if (std::ranges::all_of(value, isPlain)) {
-            // Nearly every text, and the library's writer costs many times as much.
+            // Nearly every text; the library's writer is many times slower.
             text.append("\"").append(value).append("\"");
         } else if (isUTF8(value)) {
             text += Json(value).dump();
@@ -232,17 +224,16 @@ struct Coder {
 
     static void write(std::string& text, const UUID& value) { write(text, value.text()); }
 
-    template <std::integral T>
+    template <std::signed_integral T>
     static void read(const Json& json, T& value) {
         constexpr auto* expected =
             sizeof(T) == 8 ? "a whole number of 64 bits" : "a whole number of 32 bits";
         expect(json.is_number(), expected, json);
-        const auto number = wholeNumber(json);
-        expect(number && std::in_range<T>(*number), expected, json, Error::Kind::BadValue);
-        value = static_cast<T>(*number);  // NOLINT(bugprone-unchecked-optional-access): as above.
+        expect(isWhole<T>(json), expected, json, Error::Kind::BadValue);
+        value = json.get<T>();
     }
 
-    template <std::integral T>
+    template <std::signed_integral T>
     static void write(std::string& text, T value) {
         text += std::to_string(value);
     }
@@ -321,13 +312,9 @@ struct Coder {
             fail(Error::Kind::TypeMismatch, "Invalid number of keys found, expected one.");
         }
         const auto* key = keys.begin();
-        const auto readCase = [&]<class Case>(Case* /*type*/) {
-            if (isThere(*key)) {
-                readMember<std::variant<Cases...>>(json, *key, variant.template emplace<Case>());
-            }
-            ++key;
-        };
-        (readCase(static_cast<Cases*>(nullptr)), ...);
+        ((isThere(*key) ? readMember(json, *key, variant.template emplace<Cases>()) : void(),
+          ++key),
+         ...);
     }
 
     template <Record... Cases>
@@ -339,11 +326,14 @@ struct Coder {
     }
 
   private:
-    // Reads each member of the key, so that the last counts, into `value`, as new as its owner.
-    template <class Owner, class Value>
+    // Reads each member of the key into `value`, which has its default; the last one counts.
+    template <class Owner = void, class Value>
     static void readMember(const Json& object, std::string_view key, Value& value) {
         constexpr bool isOptional = requires { value.has_value(); };
-        const bool isMissable = isOptional || mayBeMissing<Owner>(key);
+        bool isMissable = isOptional;
+        if constexpr (requires { Owner::mayBeMissing(key); }) {
+            isMissable = isMissable || Owner::mayBeMissing(key);
+        }
         const auto [first, last] = object.get_ref<const Json::object_t&>().equal_range(key);
         within(key, [&, member = first, end = last]() mutable {
             if (member == end && !isMissable) {
@@ -375,7 +365,7 @@ struct Coder {
         }
     }
 
-    // Writes the comma that stands before all but the first of what `bracket` opens.
+    // Writes a comma, unless the text ends with `bracket`.
     static void separate(std::string& text, char bracket) {
         text += text.ends_with(bracket) ? "" : ",";
     }

@@ -13,8 +13,8 @@ namespace {
 
 using namespace std::chrono;
 
-// No clock is as much ahead of UTC; see TimeZone.
-constexpr seconds farthestAhead = hours{26};
+// The largest offset from UTC; see TimeZone.
+constexpr seconds largestOffset = hours{26};
 
 constexpr sys_seconds rangeBegin = sys_days{year{1} / 1 / 1};
 constexpr sys_seconds rangeEnd = sys_days{year{10'000} / 1 / 1};
@@ -27,19 +27,19 @@ constexpr sys_seconds instantOf(local_seconds local, seconds offset) {
     return sys_seconds{local.time_since_epoch() - offset};
 }
 
-// False for what is not finite, too.
+// False for dates that are not finite.
 bool isInRange(WallDate date) { return date >= rangeBegin && date < rangeEnd; }
 
 std::optional<WallDate> ifInRange(WallDate date) {
     return isInRange(date) ? std::optional(date) : std::nullopt;
 }
 
-// The whole seconds of a date in range; the fraction is what it is later.
+// A date in range, rounded down to the second.
 sys_seconds wholeSecondsOf(WallDate date) {
     return sys_seconds{seconds{static_cast<seconds::rep>(std::floor(secondsSince1970(date)))}};
 }
 
-// The first instant in `span` or after it at which clocks show `first` or later, but before `end`.
+// The first instant in `span` or later whose local time is in [first, end).
 sys_seconds firstInstant(const TimeZone& zone, OffsetSpan span, local_seconds first,
                          local_seconds end) {
     while (true) {
@@ -65,21 +65,15 @@ std::expected<GregorianCalendar, std::string> GregorianCalendar::named(const std
 }
 
 GregorianCalendar GregorianCalendar::system() {
-    std::optional<std::string> ofProcess;
-    if (const char* value = std::getenv("TZ"); value != nullptr) {
-        ofProcess = value + (*value == ':' ? 1 : 0);
-    }
-    for (const auto& name : {ofProcess, timeZoneOfMachine()}) {
-        if (auto calendar = named(name.value_or(""))) {
+    const char* value = std::getenv("TZ");
+    const std::string ofProcess = value == nullptr ? "" : value + (*value == ':' ? 1 : 0);
+    for (const std::string& name : {ofProcess, timeZoneOfMachine().value_or("")}) {
+        if (auto calendar = named(name)) {
             return *calendar;
         }
     }
-    return GregorianCalendar(
-        {.name = "UTC",
-         .changes = {{sys_seconds::min(), seconds{0}}, {sys_seconds::max(), seconds{0}}}});
+    return GregorianCalendar(TimeZone{});
 }
-
-const std::string& GregorianCalendar::zoneName() const { return zone_->name; }
 
 Seconds GregorianCalendar::offset(WallDate date) const {
     return isInRange(date) ? zone_->at(wholeSecondsOf(date)).offset : Seconds{0};
@@ -91,8 +85,8 @@ WallDate GregorianCalendar::startOfDay(WallDate date) const {
     }
     const sys_seconds instant = wholeSecondsOf(date);
     const local_days day = floor<days>(localTime(instant, zone_->at(instant).offset));
-    // The day may have begun before changes of the clock.
-    return firstInstant(*zone_, zone_->at(instantOf(day, farthestAhead)), day, day + days{1});
+    // The day may have begun before a transition.
+    return firstInstant(*zone_, zone_->at(instantOf(day, largestOffset)), day, day + days{1});
 }
 
 std::optional<WallDate> GregorianCalendar::startOfNextDay(WallDate date) const {
@@ -118,11 +112,11 @@ std::optional<WallDate> GregorianCalendar::addingDays(int count, WallDate date) 
     if (timeOfDay(result) != timeOfDay(whole)) {
         const seconds moved = zone_->at(whole).offset - zone_->at(result).offset;
         const bool isSkipped = timeOfDay(result + moved) != timeOfDay(whole);
-        // A time that the clock skips is later by as much, from whichever side it is reached.
+        // A skipped time is moved later by the length of the gap, whichever way it is reached.
         result += isSkipped ? std::max(moved, seconds{0}) : moved;
     }
     if (const OffsetSpan span = zone_->at(result); count > 0 && span.begin > sys_seconds::min()) {
-        // The clock showed the same time before it went back.
+        // The same local time also came before the clock went back.
         const seconds back = zone_->at(span.begin - seconds{1}).offset - span.offset;
         result -= result - back < span.begin ? back : seconds{0};
     }

@@ -1,4 +1,4 @@
-// Calendar days, as the person at the machine counts them: by the system's own time zone files.
+// Calendar days in a time zone of the system.
 #pragma once
 
 #include <expected>
@@ -11,79 +11,54 @@
 
 namespace halvo {
 
-// Where days begin, and what time it is a number of days later. All members: any thread, never
-// throw.
+// The proleptic Gregorian calendar in one time zone of the IANA database: where days begin, and
+// arithmetic with days. Its range is the years 1 to 9999 in UTC; a date that is not finite is
+// outside of it.
 //
-// A day is all the instants with one calendar date; it may last 23 or 25 hours, or not exist, and
-// where the clock goes back across midnight some of another day may lie within it. To go
-// through days, step from start to start: a span of 24 hours may end on the same day, or pass over
-// one.
-class Calendar {
-  public:
-    Calendar() = default;
-    virtual ~Calendar() = default;
-
-    // The first instant of the calendar day that holds `date`. It is later than midnight when
-    // midnight was skipped, and the first of the two when midnight came twice. A date outside the
-    // calendar's range is given back as it is.
-    [[nodiscard]] virtual WallDate startOfDay(WallDate date) const = 0;
-
-    // The first instant of the next calendar day that exists: the first one after `date` that has a
-    // later calendar date. Nothing when it or `date` is outside the calendar's range.
-    [[nodiscard]] virtual std::optional<WallDate> startOfNextDay(WallDate date) const = 0;
-
-    // The same time of day, `days` calendar days later, earlier when negative; as
-    // -[NSCalendar dateByAddingUnit:value:toDate:options:] does. A time that the clock skips on
-    // that day is later by as much as it skips. Of a time that comes twice it is, on the way
-    // forward, the first; on the way back the one with the offset of `date`, where there is one.
-    // Over a whole day that was skipped, or came twice, it goes by 24 hours for each day, so that
-    // the day after one that was skipped takes its place, or the day before on the way back.
-    // Fractions of a second are kept, as far as a WallDate holds them. Nothing when it or `date` is
-    // outside the calendar's range.
-    [[nodiscard]] virtual std::optional<WallDate> addingDays(int days, WallDate date) const = 0;
-
-  protected:
-    Calendar(const Calendar&) = default;
-    Calendar& operator=(const Calendar&) = default;
-};
-
-// The Gregorian calendar, also before it was introduced, in one time zone of the IANA database. Its
-// range are the years 1 to 9999 in UTC; a date that is not finite is outside of it.
+// A day is all the instants with one calendar date. It may last 23 or 25 hours or not exist, and
+// where the clock goes back across midnight it may be interrupted by another day. To iterate over
+// days, step from start to start: 24 hours may end on the same day, or skip one.
 //
-// An immutable value whose copies share what was read. Making one reads the zone's file, less
-// than a tenth of a millisecond; after that no member reads, waits or allocates. The files are
-// those in /usr/share/zoneinfo (see tzfile(5)); TZDIR does not count. Newer files are seen by the
-// next.
-class GregorianCalendar final : public Calendar {
+// An immutable value; copies share the zone. All members: any thread, never throw, allocate or
+// block. Making one reads the zone's file in /usr/share/zoneinfo (tzfile(5); TZDIR is ignored) in
+// less than a tenth of a millisecond. An update of the file takes effect with the next calendar.
+class GregorianCalendar {
   public:
     explicit GregorianCalendar(TimeZone zone);
 
-    // The calendar of the zone `name`, such as "Europe/Berlin", links such as "Eire" included. Any
-    // thread. Fails as TimeZone::read does, with a sentence for a person, without a full stop:
-    // `no time zone is named "X"`, or why its file cannot be used.
+    // The calendar of the zone `name`, such as "Europe/Berlin"; links such as "Eire" work too.
+    // Fails as TimeZone::read() does. Any thread.
     static std::expected<GregorianCalendar, std::string> named(const std::string& name);
 
-    // The calendar of the system's zone: the one that the environment variable TZ names (a ":" in
-    // front is passed over, see tzset(3)), else the one to which the machine is set (see
-    // timeZoneOfMachine), else UTC. Any thread, as long as no other changes the environment. The
-    // zone stays as it is now when somebody chooses another.
+    // The calendar of the system's zone: the one in the environment variable TZ (without a leading
+    // ":", see tzset(3)), else timeZoneOfMachine(), else UTC. Later changes of either do not affect
+    // it. Any thread, as long as no other changes the environment.
     static GregorianCalendar system();
 
-    // No moves: nothing is cheaper than sharing, and what was moved from would have no zone.
-    GregorianCalendar(const GregorianCalendar&) = default;
-    GregorianCalendar& operator=(const GregorianCalendar&) = default;
-    ~GregorianCalendar() override = default;
+    // The first instant of the calendar day of `date`: later than midnight when midnight was
+    // skipped, the first one when midnight came twice. A date outside the range is returned as it
+    // is.
+    [[nodiscard]] WallDate startOfDay(WallDate date) const;
 
-    // The name it was asked for; that of the system's zone; or "UTC".
-    [[nodiscard]] const std::string& zoneName() const;
+    // The first instant after `date` with a later calendar date. Nothing when it or `date` is
+    // outside the range.
+    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const;
 
-    // How far clocks are ahead of UTC at `date`, negative where they are behind. 0 for a date
-    // outside the calendar's range.
+    // The same time of day, `days` calendar days later, earlier when negative; as
+    // -[NSCalendar dateByAddingUnit:value:toDate:options:] does. A time that is skipped on that day
+    // is moved later by the length of the gap. Of a time that comes twice the result is, going
+    // forward, the first; going back, the one with the offset of `date`, if there is one. Across a
+    // whole day that was skipped, or came twice, each day counts as 24 hours: the next day takes
+    // the place of a skipped one, the previous day when going back. Fractions of a second are kept.
+    // Nothing when the result or `date` is outside the range.
+    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const;
+
+    // The offset from UTC at `date`, positive east of Greenwich; 0 for a date outside the range.
     [[nodiscard]] Seconds offset(WallDate date) const;
 
-    [[nodiscard]] WallDate startOfDay(WallDate date) const override;
-    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override;
-    [[nodiscard]] std::optional<WallDate> addingDays(int count, WallDate date) const override;
+    // Not movable: a moved-from calendar would have no zone.
+    GregorianCalendar(const GregorianCalendar&) = default;
+    GregorianCalendar& operator=(const GregorianCalendar&) = default;
 
   private:
     std::shared_ptr<const TimeZone> zone_;

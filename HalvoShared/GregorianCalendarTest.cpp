@@ -253,8 +253,7 @@ TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
     }
 }
 
-TEST(GregorianCalendarTest, KnowsItsZone) {
-    EXPECT_EQ(calendarOf("Eire").zoneName(), "Eire");
+TEST(GregorianCalendarTest, IsNotMadeOfAZoneThatThereIsNot) {
     EXPECT_EQ(GregorianCalendar::named("Mars/Olympus").error(),
               "no time zone is named \"Mars/Olympus\"");
 }
@@ -267,8 +266,8 @@ TEST(GregorianCalendarTest, IsAValue) {
     EXPECT_EQ(copy.startOfDay(date), at("2024-05-31T22:00"));
     EXPECT_EQ(calendar.startOfDay(date), at("2024-06-01T00:00"));
     const auto moved = std::move(calendar);
-    EXPECT_EQ(moved.zoneName(), "UTC");
-    EXPECT_EQ(calendar.zoneName(), "UTC") << "what was moved from stays";
+    EXPECT_EQ(moved.startOfDay(date), at("2024-06-01T00:00"));
+    EXPECT_EQ(calendar.startOfDay(date), at("2024-06-01T00:00")) << "what was moved from stays";
 }
 
 TEST(GregorianCalendarTest, AllocatesNothingToAnswer) {
@@ -295,10 +294,15 @@ void setTZ(const char* value) {
     tzset();
 }
 
+// The offset of the system's calendar in winter, in hours.
+double systemOffset() {
+    return GregorianCalendar::system().offset(at("2023-12-01T00:00")) / Seconds{hour};
+}
+
 TEST(SystemCalendarTest, IsThatOfTheZoneThatTZNames) {
     for (const auto* value : {"Asia/Kathmandu", ":Asia/Kathmandu"}) {
         setTZ(value);
-        EXPECT_EQ(GregorianCalendar::system().zoneName(), "Asia/Kathmandu") << value;
+        EXPECT_EQ(systemOffset(), 5.75) << value;
     }
 }
 
@@ -312,7 +316,7 @@ TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachineElseUTC) {
     for (const auto* value :
          {static_cast<const char*>(nullptr), "", ":/etc/localtime", "Nowhere"}) {
         setTZ(value);
-        EXPECT_EQ(GregorianCalendar::system().zoneName(), "America/Santiago");
+        EXPECT_EQ(systemOffset(), -3) << "Santiago's";
     }
     setTZ(nullptr);
     for (const char* target : {"", "/nowhere", "/usr/share/zoneinfo/Mars/Olympus", "a file"}) {
@@ -323,7 +327,7 @@ TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachineElseUTC) {
             writeTestFile(link, "not a link");
         }
         const auto calendar = GregorianCalendar::system();
-        EXPECT_EQ(calendar.zoneName(), "UTC") << target;
+        EXPECT_EQ(calendar.offset(at("2023-12-01T00:00")), Seconds{0}) << target;
         EXPECT_EQ(calendar.startOfDay(at("2024-06-01T12:00")), at("2024-06-01T00:00"));
         EXPECT_EQ(calendar.startOfNextDay(at("1500-06-01T12:00")), at("1500-06-02T00:00"));
     }

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/Paths.hpp"
 
 namespace halvo {
@@ -17,10 +18,10 @@ namespace urls = boost::urls;
 constexpr std::string_view styleItem = "style";
 constexpr std::string_view minutesItem = "minutes";
 
-// What separates the items, and an item from its value, must not stand in a value.
+// The separators of query items, and of name and value, must be encoded in a value.
 constexpr auto valueCharacters = urls::pchars + '/' + '?' - '&' - '=';
 
-// "[" and "]" belong into hosts that are no screen of ours: encoded there, they lead to Main too.
+// "[" and "]" are valid only in hosts that are not a screen: encoded, these lead to Main too.
 constexpr auto urlCharacters = urls::pchars + '/' + '?';
 
 constexpr urls::grammar::hexdig_chars_t hexDigits;
@@ -29,14 +30,14 @@ bool isEscape(std::string_view text) {
     return text.size() >= 3 && text[0] == '%' && hexDigits(text[1]) && hexDigits(text[2]);
 }
 
-// Boost.URL 1.81 takes what follows a host or port for the path even without a "/" between them, so
-// that "halvo://today:port" and "halvo://ann@today@x" would lead to today.
-bool hasPathGluedToHost(const urls::url_view& url) {
+// Boost.URL 1.81 accepts a path right after a host or port, without a "/": "halvo://today:port" and
+// "halvo://ann@today@x" would lead to today.
+bool hasPathWithoutSlash(const urls::url_view& url) {
     const std::string_view path = url.encoded_path();
     return url.has_authority() && !path.empty() && !path.starts_with('/');
 }
 
-// `text` with everything encoded that a URL may hold only so.
+// Percent-encodes all that a URL cannot hold otherwise.
 std::string encoded(std::string_view text) {
     std::string result;
     result.reserve(text.size());
@@ -51,7 +52,7 @@ std::optional<std::int64_t> minutesOf(const std::string& text) {
     if (text.starts_with("+-")) {
         return std::nullopt;
     }
-    // from_chars() takes a minus sign only.
+    // from_chars() accepts only a minus sign.
     const char* start = text.data() + (text.starts_with('+') ? 1 : 0);
     const char* end = text.data() + text.size();
     std::int64_t number = 0;
@@ -70,7 +71,7 @@ std::optional<std::string> valueOf(std::string_view name, const urls::url_view& 
     return isUTF8(value) ? std::optional(std::move(value)) : std::nullopt;
 }
 
-// Of the alternatives of a Screen, in their order.
+// The hosts, in the order of Screen's alternatives.
 constexpr std::array<std::string_view, 5> names{"breathe", "focus", "today", "settings", "main"};
 
 }  // namespace
@@ -79,10 +80,10 @@ HalvoLink HalvoLink::reading(std::string_view text) {
     if (text.contains('\0')) {
         return {};
     }
-    // The fragment may hold whatever it likes.
+    // The fragment is ignored, whatever it holds.
     const std::string address = encoded(text.substr(0, text.find('#')));
     const auto parsed = urls::parse_uri_reference(address);
-    if (!parsed || hasPathGluedToHost(*parsed)) {
+    if (!parsed || hasPathWithoutSlash(*parsed)) {
         return {};
     }
     auto screen = screenNamed(parsed->encoded_host()).value_or(Main{});
@@ -125,10 +126,8 @@ std::string HalvoLink::url(const std::string& scheme) const {
     return std::string(url.buffer());
 }
 
-std::string HalvoLink::scheme() { return schemeIn(Bundle::main().info()); }
-
-std::string HalvoLink::schemeIn(const std::optional<InfoDictionary>& info) {
-    return infoString(info, "HalvoURLScheme").value_or("halvo");
+std::string HalvoLink::scheme() {
+    return infoString(Bundle::main().info(), "HalvoURLScheme").value_or("halvo");
 }
 
 }  // namespace halvo

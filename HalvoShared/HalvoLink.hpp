@@ -1,4 +1,4 @@
-// Where in the app a deep link leads.
+// Deep links into the app.
 #pragma once
 
 #include <cstdint>
@@ -7,18 +7,14 @@
 #include <string_view>
 #include <variant>
 
-#include "HalvoPlatform/Bundle.hpp"
-
 namespace halvo {
 
-// A deep link: what a widget, a control or an intent asks the app to show, and its URL. A value.
-// Everything here may be called on any thread.
+// A deep link: the screen that a widget, a control or an intent opens. A value. Any thread.
 //
-// Its URL is SCHEME://SCREEN, and for a breathing exercise ?style=TEXT&minutes=NUMBER with what of
-// the two is given: "halvo://breathe?style=box&minutes=5".
+// Its URL is SCHEME://SCREEN, for a breathing exercise with the query items that are present:
+// "halvo://breathe?style=box&minutes=5".
 struct HalvoLink {
-    // The breathing exercise, of a style and for a number of minutes where they are given. Any text
-    // and any number are taken.
+    // The breathing exercise. Any style and any number of minutes is valid.
     struct Breathe {
         std::optional<std::string> style;
         std::optional<std::int64_t> minutes;
@@ -26,22 +22,17 @@ struct HalvoLink {
         bool operator==(const Breathe&) const = default;
     };
 
-    struct Focus {
-        bool operator==(const Focus&) const = default;
+    // A screen without parameters; `number` makes distinct types.
+    template <int number>
+    struct PlainScreen {
+        bool operator==(const PlainScreen&) const = default;
     };
 
-    struct Today {
-        bool operator==(const Today&) const = default;
-    };
-
-    struct Settings {
-        bool operator==(const Settings&) const = default;
-    };
-
-    // The main window, and what every text that leads nowhere else leads to.
-    struct Main {
-        bool operator==(const Main&) const = default;
-    };
+    using Focus = PlainScreen<0>;
+    using Today = PlainScreen<1>;
+    using Settings = PlainScreen<2>;
+    // The main window; the fallback for all other URLs.
+    using Main = PlainScreen<3>;
 
     using Screen = std::variant<Breathe, Focus, Today, Settings, Main>;
 
@@ -49,41 +40,37 @@ struct HalvoLink {
 
     bool operator==(const HalvoLink&) const = default;
 
-    // The link that `text` is the URL of; never fails, whatever `text` holds. Only the host decides
-    // on the screen, byte for byte as it is written; scheme, user, port, path and fragment are not
-    // looked at. Of several query items of one name the first counts, and an item without "=" has
-    // no value. A "+" is no space. A style that is not UTF-8 once decoded is absent; so are minutes
-    // that are not a decimal number with at most a sign before it, or do not fit.
+    // Parses a URL; never fails. The screen is the host, compared byte for byte as it is written;
+    // scheme, user, port, path and fragment are ignored. Of several query items of one name the
+    // first counts; an item without "=" has no value. A "+" is not decoded as a space. A style that
+    // is not UTF-8 once decoded is absent; so are minutes that are not a decimal number with an
+    // optional sign, or do not fit.
     //
-    // Characters that a URL may hold only percent-encoded (RFC 3986), among them a "%" that encodes
-    // nothing, are read as if they were encoded. Other text that is no URL is Main, and so is all
-    // text with a zero byte.
+    // Characters that must be percent-encoded in a URL (RFC 3986), also a "%" that encodes nothing,
+    // are read as if they were. Text that is still not a URL, or holds a NUL byte, is Main.
     static HalvoLink reading(std::string_view text);
 
-    // The screen whose host in a URL is `name`: "breathe" (of no style and no minutes), "focus",
-    // "today", "settings" or "main". Nothing for any other name.
+    // The screen of the host `name`: "breathe" (without style and minutes), "focus", "today",
+    // "settings" or "main". Nothing for any other name.
     static std::optional<Screen> screenNamed(std::string_view name);
 
-    // The name of this link's screen.
+    // The host of this link's URL.
     [[nodiscard]] std::string_view name() const;
 
-    // What stands for a URL where none can be made.
+    // The result of url() when no URL can be made.
     static constexpr const char* noURL = "file:///";
 
     // The link's URL under scheme().
     [[nodiscard]] std::string url() const;
 
-    // The link's URL under `scheme`, which reading() reads as an equal link. noURL when
-    // `scheme` is none: a letter, then letters, digits, "+", "-" and "." (RFC 3986, 3.1). A style
-    // that is not UTF-8 cannot be told in a URL and is left out.
+    // The link's URL under `scheme`, which reading() parses to an equal link. noURL when `scheme`
+    // is invalid: it is a letter, then letters, digits, "+", "-" and "." (RFC 3986, 3.1). A style
+    // that is not UTF-8 is left out.
     [[nodiscard]] std::string url(const std::string& scheme) const;
 
-    // The scheme of the app's own links: schemeIn() the main bundle's Info.plist, which is read
-    // each time.
+    // The scheme of the app's own links: the string under "HalvoURLScheme" in the main bundle's
+    // Info.plist, which is read each time; "halvo" when there is none.
     static std::string scheme();
-
-    // The string under "HalvoURLScheme", as it stands there; "halvo" when there is none.
-    static std::string schemeIn(const std::optional<InfoDictionary>& info);
 };
 
 }  // namespace halvo

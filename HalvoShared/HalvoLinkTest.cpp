@@ -224,13 +224,6 @@ TEST(HalvoLinkTest, ReadsWhatItWrites) {
     }
 }
 
-TEST(HalvoLinkTest, ReadsItsSchemeFromTheInfoPlist) {
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"HalvoURLScheme", "calm"}}), "calm");
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"HalvoURLScheme", ""}}), "");
-    EXPECT_EQ(HalvoLink::schemeIn(InfoDictionary{{"Other", "calm"}}), "halvo");
-    EXPECT_EQ(HalvoLink::schemeIn(std::nullopt), "halvo");
-}
-
 TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     const BundledProgram calm("Calm.app", "<key>HalvoURLScheme</key><string>calm</string>");
     EXPECT_EQ(calm.says("scheme"), "calm");
@@ -241,7 +234,7 @@ TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     EXPECT_EQ(none.says("url"), "halvo://today");
 }
 
-// Read on every use: the tests' own bundle, which names no scheme, is as good as any other.
+// The tests' own bundle has no scheme.
 TEST(HalvoLinkTest, WritesUnderItsOwnScheme) {
     EXPECT_EQ(HalvoLink::scheme(), "halvo");
     EXPECT_EQ(today.url(), "halvo://today");

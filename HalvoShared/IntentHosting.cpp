@@ -4,17 +4,12 @@
 #include <utility>
 
 namespace halvo {
-namespace {
-
-constexpr Seconds betweenLooks{0.05};
-
-}  // namespace
 
 IntentHosting::IntentHosting(MainQueue& queue, bool isAppProcess, Clock clock)
     : queue_(queue), isAppProcess_(isAppProcess), clock_(std::move(clock)) {}
 
 IntentHosting& IntentHosting::shared() {
-    // Never destroyed: somebody may still wait when the process exits.
+    // Never destroyed: the queue may still call it while the process exits.
     static IntentHosting& hosting = *new IntentHosting(liveMainQueue(), isApp(Bundle::main()));
     return hosting;
 }
@@ -37,7 +32,8 @@ void IntentHosting::current(Seconds waitingUpTo, Completion completion) {
 }
 
 void IntentHosting::look(WallDate deadline, Completion completion) {
-    const bool mayWait = clock_() < deadline;  // never before not-a-number
+    constexpr Seconds betweenLooks{0.05};
+    const bool mayWait = clock_() < deadline;  // false for not-a-number
     if (host_ != nullptr || !mayWait) {
         completion(host_);
         return;

@@ -1,4 +1,4 @@
-// How an intent inside the app's process finds the app, and what the app does for it.
+// How intents inside the app's process reach the app.
 #pragma once
 
 #include <functional>
@@ -13,10 +13,9 @@
 
 namespace halvo {
 
-// The app's side of its intents, which reach it through IntentHosting. The app implements it;
-// nothing in this module calls it. An object has an identity and is never copied; whoever holds it
-// shares in owning it. Every operation is called on the main queue, has been carried out or refused
-// when it returns, and gives whether it was carried out. None throws.
+// The operations that the app implements for its intents; nothing in this module calls them. Not
+// copyable; shared ownership. Each operation is synchronous, called on the main queue, and returns
+// whether it was carried out (true) or refused. None throws.
 class HalvoIntentHost {
   public:
     HalvoIntentHost() = default;
@@ -34,14 +33,14 @@ class HalvoIntentHost {
     // the app does not know.
     virtual bool startBreathing(const HalvoLink::Breathe& exercise) = 0;
 
-    // Turns the block that the app knows as `block` on or off; carried out also when it is so
-    // already. Refused for an unknown block, or one that may not be turned off now.
+    // Turns the block with the identifier `block` on or off; idempotent. Refused for an unknown
+    // block, or one that may not be turned off now.
     virtual bool setBlock(const std::string& block, bool on) = 0;
 };
 
-// Holds the host that the app registers once it is ready, and lets intents that start before that
-// wait for it. There is one for the process, shared(); tests make their own. Main queue only, but
-// for isAppProcess() and current().
+// Holds the host that the app registers once it is ready; intents that start earlier wait for it.
+// One per process, shared(); tests make their own. Main queue only, except isAppProcess() and
+// current().
 class IntentHosting {
   public:
     using Clock = std::function<WallDate()>;
@@ -49,22 +48,21 @@ class IntentHosting {
     // Receives the host; null when there is none.
     using Completion = std::function<void(std::shared_ptr<HalvoIntentHost>)>;
 
-    // Waits on `queue` and measures the waiting with `clock`, which is asked on the main queue.
-    // `queue`, and this object itself, must outlive every waiting.
+    // Waits on `queue` and by `clock`, which is called on the main queue. `queue` and this object
+    // must outlive every pending current().
     IntentHosting(MainQueue& queue, bool isAppProcess, Clock clock = wallNow);
 
     IntentHosting(const IntentHosting&) = delete;
     IntentHosting& operator=(const IntentHosting&) = delete;
 
-    // The process's own, on liveMainQueue(); made at the first call, which must come from the main
-    // thread, and never destroyed.
+    // The process's own, on liveMainQueue(); created by the first call, which must come from the
+    // main thread, and never destroyed.
     static IntentHosting& shared();
 
-    // Whether `bundle`, as a process's own, makes it the app: its path has the extension "app".
+    // Whether a process of `bundle` is the app: the bundle's path has the extension "app".
     static bool isApp(const Bundle& bundle);
 
-    // Keeps `host`, in the place of any earlier one, until another takes its place. Null takes the
-    // host away.
+    // Replaces the host; null removes it.
     void registerHost(std::shared_ptr<HalvoIntentHost> host);
 
     // The host; null when none is registered.
@@ -73,18 +71,16 @@ class IntentHosting {
     // Whether this process is the app, and not one of its extensions. Any thread.
     [[nodiscard]] bool isAppProcess() const { return isAppProcess_; }
 
-    // Hands `completion` the host, as soon as there is one. Absent when `waitingUpTo` has passed
-    // without one on the wall clock (somebody who sets that clock shortens or lengthens the
-    // waiting), and at once outside the app's process, whatever is registered there. Any thread.
+    // Calls `completion` with the host as soon as there is one; with null once `waitingUpTo` has
+    // passed on the wall clock (setting that clock shortens or lengthens the wait), and at once
+    // outside the app's process. Any thread.
     //
-    // It looks when the main queue gets to it and then every 50 ms (asleep or awake, see
-    // MainQueue::after()), for the last time with the first look at or after the deadline. A span
-    // that is zero, negative or not-a-number means one look; an infinite one waits for ever.
+    // Polls on the main queue, first as soon as possible and then every 50 ms (also while the
+    // machine sleeps, see MainQueue::after()); the first poll at or after the deadline is the last.
+    // A span that is zero, negative or not-a-number means one poll, an infinite one no deadline.
     //
-    // `completion`, which must not be empty, is always called exactly once, on the main queue, and
-    // never before that queue has returned from the work that called this. There is no cancelling,
-    // on purpose: a caller that has lost interest is called all the same, at the latest when its
-    // time is out.
+    // `completion`, which must not be empty, is called exactly once, on the main queue, after the
+    // work that called this has returned. There is deliberately no way to cancel.
     void current(Seconds waitingUpTo, Completion completion);
 
   private:

@@ -45,7 +45,7 @@ struct Answer {
 // The simulated clock counts in doubles: steps of 50 ms do not add up to the last bit.
 double rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
 
-// A process whose two clocks go alike until somebody sets one of them.
+// A process whose two clocks go alike until one of them is set.
 class IntentHostingTest : public ::testing::Test {
   protected:
     [[nodiscard]] IntentHosting::Completion keep(std::vector<Answer>& kept) {

@@ -7,7 +7,7 @@
 //         std::int64_t visits = 1;
 //
 //         HALVO_RECORD(Person, name, born, visits)
-//         static constexpr auto mayBeMissing = std::to_array<std::string_view>({"visits"});
+//         static constexpr bool mayBeMissing(std::string_view key) { return key == "visits"; }
 //     };
 //
 // A member is a bool, a std::int32_t, a std::int64_t, a std::string, a WallDate, a UUID, a record,
@@ -18,15 +18,13 @@
 //     template <>
 //     inline constexpr std::string_view JSON::names<Level> = "gentle, firm";
 //
-// A member that is missing or null is what a new record has in its place, if it is optional or
-// listed in `mayBeMissing`. An optional member is left out while it is absent; the others are
-// always written.
+// A member that is optional, or for whose key mayBeMissing() is true, has its default when it is
+// missing or null. An absent optional is not written; all other members are.
 //
 // The source of a record includes Coding.hpp and instantiates decode() and encode() for it; this
 // header is enough for their callers.
 #pragma once
 
-#include <array>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -41,35 +39,34 @@ struct Error {
         Malformed,
         // A required member is missing.
         MissingMember,
-        // A member is of another JSON type, or a variant has not one alternative.
+        // A member is of another JSON type, or a variant has not exactly one alternative.
         TypeMismatch,
-        // A member is of the right type, and its value is none that it can have.
+        // A member is of the right type and its value is invalid.
         BadValue,
     };
 
     Kind kind{};
-    // The way to what is wrong, "phases[3].state.block._0.level"; empty for the whole.
+    // Where the error is, "phases[3].state.block._0.level"; empty for the whole.
     std::string path;
-    // What is wrong with it, a sentence or a part of one without a full stop.
+    // A sentence, or the predicate of one, without a full stop.
     std::string problem;
 
     bool operator==(const Error&) const = default;
 };
 
-// For a person: "PATH: PROBLEM", or the problem alone where it concerns the whole.
+// For a person: "PATH: PROBLEM", or the problem alone when the path is empty.
 inline std::string description(const Error& error) {
     return (error.path.empty() ? "" : error.path + ": ") + error.problem;
 }
 
-// The record that `json` holds. Members that it does not declare are passed over; of a key that
-// comes twice the last counts, though each must be right. A NUL byte is no part of JSON, not even
-// at the end. A whole number is one that 64 bits hold, never one that is rounded to that; with a
-// fraction or an exponent it is read as a double first. Uses no more stack however deep the text is
-// nested. Throws std::bad_alloc.
+// Decodes a record. Unknown members are ignored; of a duplicate key the last member counts, though
+// each must be valid. A NUL byte is an error anywhere. Whole numbers are never rounded to fit; one
+// with a fraction or an exponent is read as a double first. Stack use does not depend on how deep
+// the text is nested. Throws std::bad_alloc.
 template <class T>
 std::expected<T, Error> decode(std::string_view json);
 
-// The JSON of `value`. Fails for texts that are not UTF-8, dates that no text can give, and
+// Encodes a record. Fails for texts that are not UTF-8, dates outside the years 0 to 9999, and
 // enumerators without a name. Throws std::bad_alloc.
 template <class T>
 std::expected<std::string, Error> encode(const T& value);

@@ -33,7 +33,8 @@ struct Parcel {
     Size size{};
 
     HALVO_RECORD(Parcel, name, count, weight, fragile, labels, size)
-    static constexpr auto mayBeMissing = std::to_array<std::string_view>({"fragile"});
+
+    static constexpr bool mayBeMissing(std::string_view key) { return key == "fragile"; }
 };
 
 }  // namespace

@@ -4,14 +4,6 @@
 #include "HalvoShared/Coding.hpp"
 
 namespace halvo {
-namespace {
-
-// A running app writes more often than that.
-constexpr Seconds silence{120};
-
-constexpr const char* trash = "/.Trash/";
-
-}  // namespace
 
 template std::expected<KeepAliveState, JSON::Error> JSON::decode(std::string_view json);
 template std::expected<std::string, JSON::Error> JSON::encode(const KeepAliveState& value);
@@ -26,12 +18,14 @@ bool KeepAliveState::shouldRelaunch(WallDate date) const {
 }
 
 bool KeepAliveState::wasBypassed(bool relaunchedByAgent, WallDate date) const {
+    // A running app writes the record more often.
+    constexpr Seconds silence{120};
     return !clean && ultraHard && !relaunchedByAgent && commitmentUntil &&
            date - updatedAt > silence && updatedAt < *commitmentUntil;
 }
 
 bool KeepAliveState::mayOpen(const std::string& fromBin) const {
-    return fromBin.find(trash) == std::string::npos || (ultraHard && !appReleased);
+    return !fromBin.contains("/.Trash/") || (ultraHard && !appReleased);
 }
 
 }  // namespace halvo

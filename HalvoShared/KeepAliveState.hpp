@@ -1,7 +1,6 @@
-// What the app leaves behind about itself, for whoever finds it gone.
+// The record that the app writes about itself, for processes that find it not running.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,46 +13,47 @@
 namespace halvo {
 
 struct KeepAliveState {
-    // The app's process that wrote this.
+    // The app's process.
     std::int32_t pid{};
-    // The bundle that it ran from.
+    // The app's bundle.
     std::string appPath;
-    // Whether its last run ended as it should.
+    // Whether the app's last run ended cleanly.
     bool clean{};
-    // The end of the commitment that runs; absent when none does.
+    // The end of the running commitment; absent when none runs.
     std::optional<WallDate> commitmentUntil;
     // Whether Ultra Hard mode was on.
     bool ultraHard{};
-    // Whether the app was released from Ultra Hard mode's hold. False in files from before this
-    // was recorded.
+    // Whether the app was released from Ultra Hard mode. False in files older than this member.
     bool appReleased{};
-    // Whether a bypass was noted for this commitment already. False in files from before this was
-    // recorded.
+    // Whether a bypass was already recorded for this commitment. False in files older than this
+    // member.
     bool bypassNoted{};
-    // When this was written.
+    // When the record was written.
     WallDate updatedAt;
 
     HALVO_RECORD(KeepAliveState, pid, appPath, clean, commitmentUntil, ultraHard, appReleased,
                  bypassNoted, updatedAt)
-    static constexpr auto mayBeMissing =
-        std::to_array<std::string_view>({"appReleased", "bypassNoted"});
+
+    static constexpr bool mayBeMissing(std::string_view key) {
+        return key == "appReleased" || key == "bypassNoted";
+    }
 
     static constexpr const char* fileName = "keepalive.json";
 
-    // `fileName` in the app group's container as that was at the first call.
+    // `fileName` in the app group's container, whose path is cached at the first call.
     static const SharedFile<KeepAliveState>& file();
 
-    // Whether the app, found gone at `date`, is to be opened again: it did not end as it should,
-    // and a commitment runs past `date`.
+    // Whether to open the app again, which does not run at `date`: it did not end cleanly, and a
+    // commitment runs past `date`.
     [[nodiscard]] bool shouldRelaunch(WallDate date) const;
 
-    // Whether the app, found gone at `date`, was got rid of to escape Ultra Hard mode: it did not
-    // end as it should, nobody opened it again on purpose, and while the commitment ran it was
-    // silent for more than two minutes.
+    // Whether Ultra Hard mode was bypassed, given that the app did not run until `date`: it did not
+    // end cleanly, was not relaunched by the agent, and last wrote this record while the commitment
+    // ran, more than two minutes before `date`.
     [[nodiscard]] bool wasBypassed(bool relaunchedByAgent, WallDate date) const;
 
-    // Whether the app at the path `fromBin` may be opened. From the Trash only while Ultra Hard
-    // mode holds it. Looks at the text alone, for "/.Trash/".
+    // Whether the app at the path `fromBin` may be opened: from the Trash, a path that contains
+    // "/.Trash/", only while Ultra Hard mode holds it.
     [[nodiscard]] bool mayOpen(const std::string& fromBin) const;
 };
 

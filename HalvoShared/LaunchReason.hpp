@@ -1,14 +1,14 @@
-// Why the app was launched, as its arguments tell it.
+// The launch arguments of the app.
 #pragma once
 
 #include <array>
 
 namespace halvo::LaunchReason {
 
-// Followed by "YES": the app is opened again after it was quit.
+// Followed by "YES": the app was quit and is relaunched.
 inline constexpr const char* relaunchArgument = "-halvoRelaunchedAfterQuit";
 
-// The arguments of what the app leaves running to look after it once it has quit.
+// The arguments of the process that the app leaves running after it has quit.
 inline constexpr std::array<const char*, 1> afterQuitArguments{"--after-quit"};
 
 }  // namespace halvo::LaunchReason

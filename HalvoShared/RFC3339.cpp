@@ -33,7 +33,7 @@ unsigned number(std::string_view digits) {
 }  // namespace
 
 bool append(WallDate date, std::string& text) {
-    // Written so that not-a-number is refused too.
+    // False for not-a-number.
     if (!(date >= first && date < last + seconds{1})) {
         return false;
     }
@@ -41,7 +41,7 @@ bool append(WallDate date, std::string& text) {
     const year_month_day ymd{day};
     const hh_mm_ss time{std::chrono::floor<seconds>(date) - day};
     text += form;
-    // Each with the place behind its last digit.
+    // Each number with the end of its digits.
     for (auto [value, place] :
          {std::pair{static_cast<int>(ymd.year()), text.end() - 15},
           {static_cast<int>(static_cast<unsigned>(ymd.month())), text.end() - 12},

@@ -9,26 +9,24 @@
 #include <string>
 #include <string_view>
 
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoShared/JSON.hpp"
 
 namespace halvo {
 
-// A record that could not be written; the text names the file, and the member where it is one's
-// fault: "/home/ann/widgets.json: No space left on device".
+// A record that could not be written. The text is for a person and begins with the path:
+// "/home/ann/widgets.json: No space left on device".
 class SharedFileError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// What files share whatever their record.
+// What does not depend on the type of the record.
 namespace shared_file {
 
-// A longer file is neither read nor written. The worst of that length takes some hundred times as
-// much memory.
+// A longer file is neither read nor written. Decoding takes at most some hundred times as much
+// memory.
 inline constexpr std::size_t sizeLimit = std::size_t{1} << 20U;
-
-// The whole content of the file, or what a person is told, the path at its beginning.
-std::expected<std::string, std::string> load(const std::string& url);
 
 // Replaces the file; throws SharedFileError.
 void store(const std::string& url, std::string_view bytes);
@@ -38,10 +36,10 @@ void remove(const std::string& url) noexcept;
 
 }  // namespace shared_file
 
-// The file at `url` as a T, a record that JSON.hpp can read and write. A value that keeps
-// nothing but the path: reads and writes go to the disk each time. Any thread, and any process: of
-// several writers the last one counts, and a reader has what one of them wrote, whole. Nobody waits
-// for anybody. A process that is killed while it writes may leave a file ".NAME.PID-COUNT.new".
+// The file at `url` as a T, a record of JSON.hpp. A value that holds only the path; nothing is
+// cached. Any thread and any process, without locks: a reader gets what one writer wrote, whole,
+// and the last write counts. A process that is killed while it writes may leave a file
+// ".NAME.PID-COUNT.new".
 template <class T>
 class SharedFile {
   public:
@@ -55,18 +53,18 @@ class SharedFile {
     // The file's path.
     [[nodiscard]] const std::string& url() const { return url_; }
 
-    // The record, or nothing when there is none that can be read, for whatever reason.
+    // The record, or nothing when the file is missing or cannot be read or decoded.
     [[nodiscard]] std::optional<T> read() const {
         auto loaded = load();
         return loaded ? std::optional<T>(*std::move(loaded)) : std::nullopt;
     }
 
-    // As read(), but says why there is none: "PATH: phases[3].start: Expected a date such as ...".
+    // As read(), or the reason for a person: "PATH: phases[3].start: Expected a date such as ...".
     [[nodiscard]] std::expected<T, std::string> load() const {
         try {
-            const auto bytes = shared_file::load(url_);
+            const auto bytes = readFile(url_, shared_file::sizeLimit);
             if (!bytes) {
-                return std::unexpected(bytes.error());
+                return std::unexpected(bytes.error().message);
             }
             auto record = JSON::decode<T>(*bytes);
             if (!record) {
@@ -78,11 +76,10 @@ class SharedFile {
         }
     }
 
-    // Puts `value` in the place of what was there, readable for the person alone (0600). Throws
-    // SharedFileError when the record has no JSON, is too long, or the disk does not take it. What
-    // was there is then still there, whole; only when the new one is in its place and the disk
-    // cannot promise to keep it so is the new one there, whole. The folder must exist. Throws
-    // std::bad_alloc, before anything else, when there is not the memory.
+    // Replaces the file atomically, with the permissions 0600. The folder must exist. Throws
+    // SharedFileError when the record has no JSON, is too long, or cannot be written; the earlier
+    // file is then still there, unless all that failed is the last step, to sync the folder. Throws
+    // std::bad_alloc before the file is touched.
     void write(const T& value) const {
         const auto json = JSON::encode(value);
         if (!json) {
@@ -91,7 +88,7 @@ class SharedFile {
         shared_file::store(url_, *json);
     }
 
-    // Deletes the file, if there is one and it can be.
+    // Deletes the file; failures are ignored.
     void remove() const noexcept { shared_file::remove(url_); }
 
     bool operator==(const SharedFile&) const = default;

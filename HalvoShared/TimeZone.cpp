@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <system_error>
 
 #include "HalvoPlatform/Files.hpp"
@@ -18,19 +17,19 @@ namespace {
 
 using namespace std::chrono;
 
-// A change that comes in every year.
+// A transition of every year.
 using YearlyChange = std::function<OffsetChange(year)>;
 
-// Reads what the TZ variable of tzset(3) says, and the last line of a file of tzfile(5), with the
-// times of day from -167 to 167 hours that RFC 8536 (3.3.1) adds. Once something was not as it must
-// be, `failed_` stays true and what is read means nothing.
+// Parses a POSIX TZ string (tzset(3)), the footer of a file, with the times from -167 to 167 hours
+// that RFC 8536 (3.3.1) adds. After the first error `failed_` stays true and results are
+// meaningless.
 class RuleReader {
   public:
     explicit RuleReader(std::string_view text) : rest_(text) {}
 
-    // How the part of the year with another offset ends, and how it begins; it may be winter, with
-    // a smaller one. None where the offset is the same all year. Nothing when the text is no rule:
-    // also when it names a summer time and not its days, for which there is no agreed rule.
+    // The end and the begin of daylight saving time, whose offset may also be the smaller one;
+    // empty when the zone has none. Nothing for an invalid text, also for one that names daylight
+    // saving time without its days, since there is no agreed default.
     std::optional<std::vector<YearlyChange>> changes() {
         std::vector<YearlyChange> changes;
         skipName();
@@ -75,10 +74,11 @@ class RuleReader {
         return sign * span;
     }
 
-    // The text counts westward, as POSIX does.
+    // POSIX counts westward.
     seconds offset() { return -time(24); }
 
-    // An abbreviation, which is not needed: three letters or more, or as many of anything in "<>".
+    // An abbreviation, which is not used: three letters or more, or at least three characters in
+    // "<>".
     void skipName() {
         constexpr std::size_t shortest = 3;
         const bool isQuoted = skip('<');
@@ -91,8 +91,7 @@ class RuleReader {
         require(!isQuoted || skip('>'));
     }
 
-    // ",Mm.w.d", ",Jn" or ",n", and a time after the midnight at which the day begins: on the clock
-    // as it is before the change, when offsets go from `before` to `after`.
+    // ",Mm.w.d", ",Jn" or ",n", and a time since midnight, local time with the offset `before`.
     YearlyChange change(seconds before, seconds after) {
         std::function<local_days(year)> dayIn;
         require(skip(','));
@@ -107,7 +106,7 @@ class RuleReader {
                                  : local_days{year / inMonth / day[week]};
             };
         } else {
-            // Counted from 1, without 29 February; else from 0.
+            // Jn counts from 1 and skips 29 February; n counts from 0.
             const bool isJulian = skip('J');
             const days day{number(isJulian ? 1 : 0, 365)};
             dayIn = [=](year year) {
@@ -126,7 +125,7 @@ class RuleReader {
     bool failed_ = false;
 };
 
-// Keeps the promises of TimeZone::changes; `change` begins no earlier than the last.
+// Keeps the invariants of TimeZone::changes; `change` begins no earlier than the last.
 void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     if (!changes.empty() && changes.back().begin == change.begin) {
         changes.pop_back();
@@ -136,30 +135,26 @@ void append(std::vector<OffsetChange>& changes, const OffsetChange& change) {
     }
 }
 
-// Appends what the rule makes of the years after `last`, the last change listed, until they come
-// again.
+// Appends the transitions of the rule after `last`, the last one in the file, until they repeat.
 void appendYears(TimeZone& zone, const std::vector<YearlyChange>& rule, sys_seconds last) {
     const sys_days known =
         std::clamp(floor<days>(last), sys_days{year{1} / 1 / 1}, sys_days{year{10'000} / 1 / 1});
     const year begin = year_month_day{known}.year();
-    std::vector<std::vector<OffsetChange>> lists;
-    for (const YearlyChange& change : rule) {
-        lists.emplace_back();
-        // Changes may fall some days outside of the year to which they belong.
-        for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
-            lists.back().push_back(change(y));
+    std::vector<OffsetChange> ruled;
+    // A transition may lie some days outside of its year.
+    for (year y = begin - years{1}; y <= begin + years{404}; ++y) {
+        for (const YearlyChange& change : rule) {
+            ruled.push_back(change(y));
         }
     }
-    std::vector<OffsetChange> ruled;
-    // When a summer begins as the one before ends, the beginning comes last and counts.
-    std::ranges::merge(lists.front(), lists.back(), std::back_inserter(ruled), {},
-                       &OffsetChange::begin, &OffsetChange::begin);
+    // Where daylight saving time ends and begins at once, the begin comes last and counts.
+    std::ranges::stable_sort(ruled, {}, &OffsetChange::begin);
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
             append(zone.changes, change);
         }
     }
-    // The year before this is the rule's alone; it may have made no change.
+    // The year before is the rule's alone, even if it has no transition.
     const sys_days repeated{(begin + years{2}) / 1 / 1};
     if (last < repeated && repeated < zone.changes.back().begin) {
         zone.repeatsFrom = repeated;
@@ -170,14 +165,13 @@ bool isPrintable(std::string_view text) {
     return std::ranges::all_of(text, [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-// Whether `name` is a path that stays in the folder of zones.
+// Whether `name` is a path that stays in its folder.
 bool isPlainPath(const std::filesystem::path& name) {
     return name.is_relative() && name.native() == name.lexically_normal().native() &&
            !name.native().starts_with("..");
 }
 
-// A number of RFC 8536 (3.2): its most significant byte comes first, negative ones in two's
-// complement.
+// A big-endian number in two's complement, RFC 8536 (3.2).
 std::int64_t numberOf(std::string_view bytes) {
     std::uint64_t number = (static_cast<unsigned char>(bytes[0]) & 0x80U) != 0 ? ~0ULL : 0;
     for (const char byte : bytes) {
@@ -186,10 +180,10 @@ std::int64_t numberOf(std::string_view bytes) {
     return static_cast<std::int64_t>(number);
 }
 
-// RFC 8536 (3.2): an offset, whether it is summer, and where the abbreviation begins.
+// A local time type record, RFC 8536 (3.2): offset, daylight saving, index of the abbreviation.
 constexpr std::size_t bytesOfKind = 6;
 
-// The tables of one part of a file, in their order.
+// The data block of one version in a file, in its order.
 struct Tables {
     std::string_view times;
     std::string_view kindsOfTimes;
@@ -198,8 +192,8 @@ struct Tables {
     std::string_view leapSeconds;
 };
 
-// Takes the tables off the front of `rest`, RFC 8536 (3.1, 3.2). Nothing when it does not begin as
-// it must, or ends before they do.
+// Takes a header and its data block off the front of `rest`, RFC 8536 (3.1, 3.2). Nothing when they
+// are invalid or truncated.
 std::optional<Tables> takeTables(std::string_view& rest, std::size_t bytesOfTime) {
     constexpr std::size_t header = 44;
     constexpr std::size_t firstCount = 20;
@@ -208,7 +202,7 @@ std::optional<Tables> takeTables(std::string_view& rest, std::size_t bytesOfTime
     }
     std::array<std::uint64_t, 6> counts{};
     for (std::size_t i = 0; i < counts.size(); ++i) {
-        // One below zero becomes more than any file holds.
+        // A negative one becomes larger than any file.
         counts[i] = static_cast<std::uint32_t>(numberOf(rest.substr(firstCount + (4 * i), 4)));
     }
     const auto [utc, standard, leaps, times, kinds, characters] = counts;
@@ -229,14 +223,15 @@ std::optional<Tables> takeTables(std::string_view& rest, std::size_t bytesOfTime
     return isWhole ? std::optional(tables) : std::nullopt;
 }
 
-// RFC 8536 (3.2). Nothing when the table is empty, or a number in it leads to nothing.
+// The offsets of the local time types, RFC 8536 (3.2). Nothing when there are none, or a number is
+// out of range.
 std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
-    constexpr seconds farthestAhead = hours{26};
+    constexpr seconds largestOffset = hours{26};
     std::vector<seconds> offsets;
     for (std::size_t i = 0; i < tables.kinds.size(); i += bytesOfKind) {
         offsets.emplace_back(numberOf(tables.kinds.substr(i, 4)));
         const auto abbreviation = static_cast<unsigned char>(tables.kinds[i + 5]);
-        if (std::chrono::abs(offsets.back()) > farthestAhead ||
+        if (std::chrono::abs(offsets.back()) > largestOffset ||
             abbreviation >= tables.abbreviations.size()) {
             return std::nullopt;
         }
@@ -245,8 +240,8 @@ std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
                                                                     : std::optional(offsets);
 }
 
-// RFC 8536 (3.3): the text of the rule, which may be empty, stands between two line ends. Nothing
-// when `rest`, what follows the tables, is anything else.
+// The TZ string, which may be empty, between two newlines, RFC 8536 (3.3). Nothing when `rest`,
+// what follows the data blocks, is anything else.
 std::optional<std::string_view> footerOf(std::string_view rest) {
     if (rest.size() < 2 || !rest.starts_with('\n') || !rest.ends_with('\n')) {
         return std::nullopt;
@@ -269,14 +264,14 @@ std::expected<TimeZone, std::string> TimeZone::read(const std::string& name) {
     }
     const auto bytes = readFile("/usr/share/zoneinfo/" + name, limit);
     if (!bytes) {
-        // Nothing there, below a file, a folder, or longer than a file's name can be.
+        // Missing, below a file, a folder, or with a component that is too long.
         constexpr std::array none{ENOENT, ENOTDIR, EINVAL, ENAMETOOLONG};
         if (std::ranges::find(none, bytes.error().code) != none.end()) {
             return noSuchZone;
         }
         return std::unexpected("the time zone file cannot be read: " + bytes.error().message);
     }
-    // The lists beside the zones ("zone.tab", "leapseconds") all begin with a comment.
+    // The text files beside the zones ("zone.tab", "leapseconds") all begin with a comment.
     return bytes->starts_with('#') ? noSuchZone : parse(*bytes, name);
 }
 
@@ -287,8 +282,8 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
     std::string_view rest = bytes;
     std::size_t bytesOfTime = 4;
     auto tables = takeTables(rest, bytesOfTime);
-    // The version is the byte after the first four. The first had one part and no rule; since the
-    // second, a part in which times have eight bytes says all that the first does, and more.
+    // The byte after the magic is the version. Since version 2 a second data block, with times of
+    // eight bytes, holds all that the first does, and a footer follows.
     const bool hasSecondPart = tables && bytes[4] >= '2';
     if (hasSecondPart) {
         bytesOfTime = 8;
@@ -301,8 +296,8 @@ std::expected<TimeZone, std::string> TimeZone::parse(std::string_view bytes,
     if (!tables->leapSeconds.empty()) {
         return std::unexpected(file + " counts leap seconds");
     }
-    // RFC 8536 (3.2): the first kind is that before the first change.
-    TimeZone zone{.name = name, .changes = {{sys_seconds::min(), offsets->front()}}};
+    // RFC 8536 (3.2): the first type applies before the first transition.
+    TimeZone zone{.changes = {{sys_seconds::min(), offsets->front()}}};
     sys_seconds last = sys_seconds::min();
     for (std::size_t i = 0; i < tables->kindsOfTimes.size(); ++i) {
         const sys_seconds time{

@@ -1,4 +1,4 @@
-// What the system's file of a time zone says, as tzfile(5) and RFC 8536 lay it out.
+// The system's time zone files: TZif, see tzfile(5) and RFC 8536.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@
 
 namespace halvo {
 
-// From `begin` on, clocks are `offset` ahead of UTC.
+// A transition: from `begin` on the offset from UTC is `offset`.
 struct OffsetChange {
     std::chrono::sys_seconds begin;
     std::chrono::seconds offset{};
@@ -18,8 +18,7 @@ struct OffsetChange {
     bool operator==(const OffsetChange&) const = default;
 };
 
-// Clocks are `offset` ahead of UTC from `begin` on until `end`. The spans that lie beside it may
-// have the same offset.
+// The offset from UTC in [begin, end). Adjacent spans may have the same offset.
 struct OffsetSpan {
     std::chrono::sys_seconds begin;
     std::chrono::sys_seconds end;
@@ -28,38 +27,38 @@ struct OffsetSpan {
     bool operator==(const OffsetSpan&) const = default;
 };
 
-// A value; any thread. Failures are sentences for a person, without a full stop.
+// A time zone; UTC by default. A value; any thread.
 struct TimeZone {
-    std::string name;
-    // Those in the file, and those of the rule by which it goes on, for a little more than the 400
-    // years after which the Gregorian calendar repeats itself. Each begins later than the one
-    // before and has another offset, of at most 26 hours. The first begins at sys_seconds::min();
-    // the last, at sys_seconds::max(), only ends the one before.
-    std::vector<OffsetChange> changes;
-    // From here on the changes of 400 years come again and again.
+    // The transitions of the file, then those of its rule for a little more than the 400 years
+    // after which the Gregorian calendar repeats. Ascending; each changes the offset, which is at
+    // most 26 hours. The first begins at sys_seconds::min(); the last, at sys_seconds::max(), only
+    // ends the one before.
+    std::vector<OffsetChange> changes{{.begin = std::chrono::sys_seconds::min()},
+                                      {.begin = std::chrono::sys_seconds::max()}};
+    // From here on the transitions repeat every 400 years.
     std::chrono::sys_seconds repeatsFrom = std::chrono::sys_seconds::max();
 
-    // The span that holds `instant`, which is before sys_seconds::max().
+    // The span of `instant`, which must be before sys_seconds::max().
     [[nodiscard]] OffsetSpan at(std::chrono::sys_seconds instant) const;
 
-    // Reads the file of the zone `name`, /usr/share/zoneinfo/NAME, links followed. Fails with `no
-    // time zone is named "X"` when no file there is called that, or it is one of the texts that
-    // come with the zones; with `that is not the name of a time zone` when the name would only
-    // spoil such a message; or with why the file cannot be used. A name is a relative path that
-    // does not lead out of the folder; whether case counts is up to the file system.
+    // Reads the file of the zone `name`, /usr/share/zoneinfo/NAME, following links. A name is a
+    // relative path that stays in the folder; whether case matters is up to the file system. Fails
+    // with a sentence for a person, without a full stop: `no time zone is named "X"`, also for the
+    // text files beside the zones; `that is not the name of a time zone` for a name that is too
+    // long or not printable; or why the file cannot be used.
     static std::expected<TimeZone, std::string> read(const std::string& name);
 
-    // What the file `bytes` of the zone `name` says. Every number in it is checked, wherever it
-    // leads. Refuses also a file that counts leap seconds, since the clock of the process does not,
-    // and one with a rule that cannot be read: a wrong hour is worse than none.
+    // Parses the file `bytes` of the zone `name`, which only error messages use. Checks every
+    // number. Also refuses a file with leap seconds, which the clock of the process does not count,
+    // and one whose rule cannot be parsed: a wrong hour is worse than none. Fails as read() does.
     static std::expected<TimeZone, std::string> parse(std::string_view bytes,
                                                       const std::string& name);
 };
 
-// The name of the zone to which the machine is set: what follows the last "zoneinfo/" in what
-// /etc/localtime links to (see localtime(5)), on macOS a path in /var/db/timezone/zoneinfo. When it
-// is no link, the first line of /etc/timezone, where Debian repeats the name. Nothing when neither
-// says; whether there is such a zone is for read() to tell. Any thread.
+// The name of the machine's zone: what follows the last "zoneinfo/" in the target of the symbolic
+// link /etc/localtime (localtime(5); on macOS it is in /var/db/timezone/zoneinfo). When that is not
+// a link, the first line of /etc/timezone, Debian's copy of the name. Nothing when neither exists;
+// the zone itself need not. Any thread.
 std::optional<std::string> timeZoneOfMachine();
 
 }  // namespace halvo

@@ -9,7 +9,7 @@
 
 namespace halvo {
 
-// 128 bits that name something for good; all zero unless made from a text. A value.
+// A value; nil by default.
 struct UUID {
     static constexpr std::size_t textSize = 36;
 
@@ -17,7 +17,7 @@ struct UUID {
 
     bool operator==(const UUID&) const = default;
 
-    // From the 36 characters of the hyphenated form, in either case; nothing from any other text.
+    // Parses the 36 characters of the hyphenated form, in either case; nothing for other texts.
     static std::optional<UUID> fromText(const std::string& text);
 
     // The hyphenated form in upper case, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".

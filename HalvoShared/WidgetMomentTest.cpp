@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/RFC3339.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/MallocCount.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 
 namespace halvo {
@@ -24,7 +26,6 @@ using testing::nineOClock;
 using testing::plainDates;
 using testing::sampleRun;
 using testing::sampleSnapshot;
-using testing::UTCCalendar;
 using S = WidgetSnapshot;
 using Dates = std::vector<WallDate>;
 
@@ -32,33 +33,7 @@ constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
 constexpr Seconds minute{60};
 constexpr Seconds hour{3600};
 constexpr WallDate today = nineOClock - hour * 9;
-const UTCCalendar utc;
-
-// Counts what it is asked, and has no day that lies `missing` days from another.
-class CountingCalendar final : public Calendar {
-  public:
-    explicit CountingCalendar(int missing = 0) : missing_(missing) {}
-
-    [[nodiscard]] WallDate startOfDay(WallDate date) const override {
-        ++questions;
-        return utc.startOfDay(date);
-    }
-
-    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
-        ++questions;
-        return utc.startOfNextDay(date);
-    }
-
-    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
-        ++questions;
-        return days == missing_ && days != 0 ? std::nullopt : utc.addingDays(days, date);
-    }
-
-    mutable int questions = 0;
-
-  private:
-    int missing_;
-};
+const GregorianCalendar utc{TimeZone{}};
 
 // A snapshot in which something runs, with a horizon two hours after nine.
 S runningSnapshot(std::vector<S::Phase> phases) {
@@ -119,24 +94,12 @@ TEST(WidgetMomentTest, HasTheSevenDaysThatEndTodayAndZerosWhereNothingWasRecorde
     EXPECT_EQ(S().moment(nineOClock, utc).today, (S::Day{today, 0, 0, 0}));
 }
 
-TEST(WidgetMomentTest, AsksTheCalendarNoMoreForManyDaysThanForOne) {
-    S snapshot;
-    snapshot.days = {{today, 1, 0, 0}};
-    const CountingCalendar one;
-    (void)snapshot.moment(nineOClock, one);
-    for (int i = 0; i < 3650; ++i) {
-        snapshot.days.push_back({today - aDay * i, 1, 0, 0});
-    }
-    const CountingCalendar many;
-    (void)snapshot.moment(nineOClock, many);
-    EXPECT_EQ(many.questions, one.questions);
-}
-
+// The year 1 begins two days before.
 TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
-    const WidgetMoment moment = S().moment(nineOClock, CountingCalendar(-1));
-    ASSERT_EQ(moment.week.size(), 6U);
-    EXPECT_EQ(moment.week[4].start, today - aDay * 2);
-    EXPECT_EQ(moment.week[5].start, today);
+    constexpr WallDate first = wallDate(-62135596800);
+    const auto week = S().moment(first + aDay * 2 + hour, utc).week;
+    EXPECT_EQ(week, (std::vector<S::Day>{
+                        {first, 0, 0, 0}, {first + aDay, 0, 0, 0}, {first + aDay * 2, 0, 0, 0}}));
 }
 
 // What counts down.
@@ -436,17 +399,20 @@ TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdownAndManyPhases) {
     }
 }
 
-TEST(TimelineDatesTest, AskTheCalendarOnlyForWhatTheyHave) {
+TEST(TimelineDatesTest, AllocateNoMoreHoweverFarTheHorizonIs) {
     // 4001-01-01.
     constexpr WallDate farAway = wallDate(64092211200);
     S snapshot = runningSnapshot({blockUntil(nineOClock, farAway)});
-    snapshot.horizon = farAway;
-    const CountingCalendar filled;
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, filled, hour, 60).size(), 60U);
-    EXPECT_LE(filled.questions, 2) << "the minutes come first";
-    const CountingCalendar midnights;
-    EXPECT_EQ(snapshot.timelineDates(nineOClock, midnights, Seconds{0}, 60).size(), 60U);
-    EXPECT_LE(midnights.questions, 62);
+    for (const Seconds span : {hour, Seconds{0}}) {
+        std::set<std::size_t> costs;
+        for (const WallDate horizon : {nineOClock + aDay * 100, farAway}) {
+            snapshot.horizon = horizon;
+            const std::size_t before = testing::mallocsMade();
+            EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, span, 60).size(), 60U);
+            costs.insert(testing::mallocsMade() - before);
+        }
+        EXPECT_EQ(costs.size(), 1U);
+    }
 }
 
 // The reload.

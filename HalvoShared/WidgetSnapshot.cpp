@@ -25,12 +25,13 @@ constexpr int daysInWeek = 7;
 
 constexpr WallDate endOfTime = wallDate(std::numeric_limits<double>::infinity());
 
-// No two instants of one calendar day are farther apart: clocks are less than 26 hours from UTC.
+// Upper bound of a calendar day: offsets from UTC are at most 26 hours.
 constexpr Seconds longestDay{76 * 3600};
 
 // The week that ends with the day that begins at `today`: for each day the last of its records, or
-// one of nothing done. Empty outside the calendar's range, where no day can be told from another.
-std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days, const Calendar& calendar) {
+// one of zeros. Without the days outside the calendar's range.
+std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days,
+                        const GregorianCalendar& calendar) {
     std::vector<Day> week;
     std::vector<WallDate> starts;
     for (int offset = 1 - daysInWeek; offset <= 0; ++offset) {
@@ -45,11 +46,11 @@ std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days, const Cale
     const WallDate first = starts.front();
     const WallDate last = starts.back() + longestDay;
     for (const Day& day : days) {
-        // Nearly all records are passed over by this alone.
+        // Skips nearly all records without a look-up.
         if (day.start < first || day.start > last) {
             continue;
         }
-        // Nearly all begin with their day.
+        // Nearly always the start of its day, which needs no look-up.
         const bool isStart = std::ranges::find(starts, day.start) != starts.end();
         const WallDate start = isStart ? day.start : calendar.startOfDay(day.start);
         for (std::size_t i = 0; i < starts.size(); ++i) {
@@ -59,35 +60,28 @@ std::vector<Day> weekOf(WallDate today, const std::vector<Day>& days, const Cale
     return week;
 }
 
-// The earliest dates of all that were added, each once.
-class EarliestDates {
-  public:
-    // `limit` is at least 1.
-    explicit EarliestDates(std::size_t limit) : limit_(limit) {}
-
-    // Whether adding `date`, or any later one, could still change anything.
+// The earliest `limit` dates, at least one, of all that were added, each once.
+struct EarliestDates {
+    // Whether adding `date` would change anything; if not, neither would any later date.
     [[nodiscard]] bool wants(WallDate date) const {
-        return date < (dates_.size() < limit_ ? endOfTime : *dates_.rbegin());
+        return date < (all.size() < limit ? endOfTime : *all.rbegin());
     }
 
     void add(WallDate date) {
-        dates_.insert(date);
-        if (dates_.size() > limit_) {
-            dates_.erase(std::prev(dates_.end()));
+        all.insert(date);
+        if (all.size() > limit) {
+            all.erase(std::prev(all.end()));
         }
     }
 
-    [[nodiscard]] std::vector<WallDate> ascending() const { return {dates_.begin(), dates_.end()}; }
-
-  private:
-    std::size_t limit_;
-    std::set<WallDate> dates_;
+    std::size_t limit;
+    std::set<WallDate> all;
 };
 
-// Adds what lies from `begin` to `last` of the whole minutes before `runEnd`, and after `from`.
+// Adds the whole minutes before `runEnd` that lie from `begin` to `last`, and after `from`.
 void addMinutes(EarliestDates& dates, WallDate runEnd, WallDate begin, WallDate last,
                 WallDate from) {
-    // Where a double tells seconds apart no longer, there are no minutes to count.
+    // Beyond this a double does not resolve seconds.
     constexpr double countable = 9e15;
     const auto isCountable = [](WallDate date) {
         return std::abs(secondsSince1970(date)) < countable;
@@ -138,7 +132,7 @@ const Running* WidgetSnapshot::countdown(const State& state) {
     return focus == nullptr ? nullptr : &focus->running;
 }
 
-WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) const {
+WidgetMoment WidgetSnapshot::moment(WallDate date, const GregorianCalendar& calendar) const {
     const WallDate dayStart = calendar.startOfDay(date);
     std::vector<Day> week = weekOf(dayStart, days, calendar);
     const Day today = week.empty() ? Day{dayStart, 0, 0, 0} : week.back();
@@ -152,7 +146,8 @@ WidgetMoment WidgetSnapshot::moment(WallDate date, const Calendar& calendar) con
             .focusMinutes = focusMinutes};
 }
 
-std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calendar& calendar,
+std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from,
+                                                    const GregorianCalendar& calendar,
                                                     Seconds countdownSpan,
                                                     std::size_t limit) const {
     if (!isRunning) {
@@ -161,14 +156,13 @@ std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calenda
     if (limit == 0) {
         return {};
     }
-    EarliestDates dates(limit);
-    dates.add(from);
+    EarliestDates dates{limit, {from}};
     const WallDate end = std::max(from, horizon);
-    // In this order a span that is no number gives no minutes.
+    // In this order a not-a-number span gives no minutes.
     const WallDate countdownLimit = std::min(from + countdownSpan, end);
     for (std::size_t index = 0; index < phases.size(); ++index) {
         const Phase& phase = phases[index];
-        // Nothing of this phase is earlier, but for what rounding takes off a minute.
+        // No date of this phase is earlier, except that a minute may be rounded down.
         if (!dates.wants(std::max(from, phase.start) - minute)) {
             continue;
         }
@@ -185,12 +179,12 @@ std::vector<WallDate> WidgetSnapshot::timelineDates(WallDate from, const Calenda
         addMinutes(dates, *running->end, std::max(from, phase.start),
                    std::min(countdownLimit, countdownEnd), from);
     }
-    // Last, because each costs a question to the calendar: most are later than what is there.
+    // Last, because each costs a calendar look-up and most are too late by then.
     for (auto day = calendar.startOfNextDay(from); day && *day <= end && dates.wants(*day);
          day = calendar.startOfNextDay(*day)) {
         dates.add(*day);
     }
-    return dates.ascending();
+    return {dates.all.begin(), dates.all.end()};
 }
 
 WallDate WidgetSnapshot::reloadDate(const std::vector<WallDate>& dates, WallDate now) const {

@@ -1,4 +1,4 @@
-// What the widgets and controls draw from, written by the app whenever that may have changed.
+// The record that the widgets and controls draw from. The app writes it after each change.
 #pragma once
 
 #include <cstddef>
@@ -15,14 +15,15 @@
 
 namespace halvo {
 
-class Calendar;
+class GregorianCalendar;
 struct WidgetMoment;
 
-// The states of a WidgetSnapshot, known by their names there. Not within it, because a class has no
-// default values before its end, where a variant of its members would need them.
+// The types that a state of a WidgetSnapshot consists of, which has aliases for them. Not nested in
+// it: a variant needs the default member initializers of its alternatives, and those of nested
+// classes are available only once the enclosing class is complete.
 namespace widget_snapshot {
 
-// How hard a block is to get out of.
+// How hard it is to end a block early.
 enum class Level { gentle, firm, ultraHard };
 
 struct Look {
@@ -45,7 +46,7 @@ struct Running {
     std::vector<std::string> names;
     std::optional<Look> look;
     WallDate start;
-    // Absent when it runs until somebody ends it.
+    // Absent when it is open-ended.
     std::optional<WallDate> end;
     Level level{};
     std::vector<std::string> listNames;
@@ -65,7 +66,7 @@ struct Upcoming {
     HALVO_RECORD(Upcoming, name, look, start, end, level)
 };
 
-// A state in which something runs; `number` tells the kinds apart.
+// A state in which something runs; `number` makes distinct types.
 template <int number>
 struct RunningState {
     Running running;
@@ -101,7 +102,7 @@ template <>
 inline constexpr std::string_view JSON::names<widget_snapshot::State> =
     "block, focus, focusFilter, next, nothingScheduled, noBlocks";
 
-// A schedule as phases, what was done on recent days, and the person's lists and blocks. A value.
+// The schedule as phases, the activity of recent days, and the person's lists and blocks. A value.
 struct WidgetSnapshot {
     // The identifiers of the widgets and controls.
     struct Kind {
@@ -124,7 +125,7 @@ struct WidgetSnapshot {
     using NoBlocks = widget_snapshot::NoBlocks;
     using State = widget_snapshot::State;
 
-    // From `start` on, until the next phase, the state is this.
+    // The state from `start` until the next phase.
     struct Phase {
         WallDate start;
         State state;
@@ -132,7 +133,7 @@ struct WidgetSnapshot {
         HALVO_RECORD(Phase, start, state)
     };
 
-    // What was done on the day that begins at `start`.
+    // The activity of the day that begins at `start`.
     struct Day {
         WallDate start;
         std::int64_t breaths{};
@@ -141,7 +142,7 @@ struct WidgetSnapshot {
 
         HALVO_RECORD(Day, start, breaths, minutesBreathed, stayedOff)
 
-        // Whether nothing was.
+        // Whether all counts are zero.
         [[nodiscard]] bool isEmpty() const {
             return breaths == 0 && minutesBreathed == 0 && stayedOff == 0;
         }
@@ -175,12 +176,12 @@ struct WidgetSnapshot {
     };
 
     WallDate writtenAt;
-    // Whether anything runs, as the app has it.
+    // Whether anything runs, as the app reports it.
     bool isRunning{};
     std::int64_t blockCount{};
-    // In the order of their starts.
+    // Ascending by start.
     std::vector<Phase> phases;
-    // So far the phases are planned.
+    // The phases are planned up to here.
     WallDate horizon;
     std::vector<Day> days;
     Breath breathe;
@@ -193,57 +194,55 @@ struct WidgetSnapshot {
 
     static constexpr const char* fileName = "widgets.json";
 
-    // `fileName` in the app group's container as that was at the first call.
+    // `fileName` in the app group's container, whose path is cached at the first call.
     static const SharedFile<WidgetSnapshot>& file();
 
-    // The state at `date`: that of the last phase which has started. Before the first phase the
-    // first phase's, so that there is something to show; without any phase NoBlocks.
+    // The state at `date`: that of the last phase which has started, or of the first phase when
+    // none has, so that there is something to show; NoBlocks when there are no phases.
     [[nodiscard]] State state(WallDate date) const;
 
-    // The run whose end is counted down to in `state`: a block or a focus, not one that a focus
-    // filter began; null for any other state. Borrowed from `state`. It may have no end.
+    // The run of a block or focus, which is counted down; null for any other state. It may be
+    // open-ended. Points into `state`.
     static const Running* countdown(const State& state);
 
-    // The three questions of a widget's timeline.
+    // What a widget shows at `date`. Days are those of `calendar`; of several records of one day
+    // the last counts.
+    [[nodiscard]] WidgetMoment moment(WallDate date, const GregorianCalendar& calendar) const;
 
-    // What there is to show at `date`. The days are those of `calendar`; of several records of one
-    // day the last counts.
-    [[nodiscard]] WidgetMoment moment(WallDate date, const Calendar& calendar) const;
-
-    // The dates from `from` on at which the picture changes, ascending, each once, at most `limit`
-    // of the earliest: `from` itself, the starts of phases and of days up to the horizon, and each
-    // minute of a countdown to the end of a block or focus run within `countdownSpan` of `from`.
-    // Only `from`, whatever the limit, when nothing runs. Costs one pass over the phases, when
-    // they are in order, and what the answer costs, however far the horizon is.
-    [[nodiscard]] std::vector<WallDate> timelineDates(WallDate from, const Calendar& calendar,
+    // The dates of the timeline's entries: `from` itself, the starts of phases and of days up to
+    // the horizon, and each minute of a countdown to the end of a block or focus run within
+    // `countdownSpan` of `from`. Ascending and distinct; the earliest `limit` of them. Only `from`,
+    // whatever the limit, when nothing runs. The cost is one pass over the phases, when they are
+    // sorted, and proportional to the result; it does not depend on the horizon.
+    [[nodiscard]] std::vector<WallDate> timelineDates(WallDate from,
+                                                      const GregorianCalendar& calendar,
                                                       Seconds countdownSpan,
                                                       std::size_t limit) const;
 
-    // When to ask for a new timeline after one of `dates`: at its last date or else at the horizon,
-    // if that is still to come; else in six hours, so that a stale snapshot is looked at again.
+    // When to request a new timeline after one of `dates`: at its last date or else at the horizon,
+    // whichever is in the future; else in six hours, so that a stale snapshot is read again.
     [[nodiscard]] WallDate reloadDate(const std::vector<WallDate>& dates, WallDate now) const;
 };
 
-// What a widget shows from one date of its timeline to the next.
+// An entry of a widget's timeline.
 struct WidgetMoment {
     WallDate date;
     // The schedule's state at `date`.
     WidgetSnapshot::State state;
     bool isRunning{};
     std::int64_t blockCount{};
-    // The day that holds `date`.
+    // The day of `date`.
     WidgetSnapshot::Day today;
-    // The seven days that end with it, the oldest first; a day without a record has counts of
-    // zero. Where a day was skipped they begin a day earlier. Outside the calendar's range there
-    // are none.
+    // The seven days up to `today`, the oldest first; a day without a record has counts of zero. A
+    // day that the zone skipped is not among them. Days outside the calendar's range are left out.
     std::vector<WidgetSnapshot::Day> week;
     WidgetSnapshot::Breath breathe;
     std::int64_t focusMinutes{};
 
     bool operator==(const WidgetMoment&) const = default;
 
-    // The focus run that counts down at `date`; absent when nothing runs, and when what does is no
-    // focus run, has no end or is over.
+    // The focus run that counts down at `date`; absent when nothing runs, and when the state is not
+    // a focus, is open-ended or over.
     [[nodiscard]] std::optional<WidgetSnapshot::Running> focus() const;
 };
 

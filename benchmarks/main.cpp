@@ -10,7 +10,6 @@
 #include <system_error>
 
 #include "HalvoClient/HelperClient.hpp"
-#include "HalvoClient/OwnBundle.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
 #include "benchmarks/Benchmark.hpp"
 

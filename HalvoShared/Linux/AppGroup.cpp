@@ -56,7 +56,7 @@ std::string pathOf(const std::optional<std::string>& identifier) {
 
 std::string containerOf(const std::optional<std::string>& identifier) {
     std::string folder = pathOf(identifier);
-    // Whoever reads or writes there learns why there is no folder.
+    // A failure shows when a file in it is read or written.
     std::ignore = createFolder(folder, 0700);
     return folder;
 }

@@ -9,7 +9,7 @@
 namespace halvo::AppGroup {
 namespace {
 
-// Whoever reads or writes in the folder learns why there is none.
+// A failure shows when a file in the folder is read or written.
 void make(NSURL* folder) {
     [NSFileManager.defaultManager createDirectoryAtURL:folder
                            withIntermediateDirectories:YES
@@ -17,8 +17,8 @@ void make(NSURL* folder) {
                                                  error:nil];
 }
 
-// That a group has a URL does not say that the process may use it: Apple's documentation of the
-// method has its caller test that.
+// A group's URL does not mean that the process may use it: Apple's documentation of the method has
+// the caller test that.
 bool isUsable(NSURL* folder) {
     const std::string path = textOf(folder.path).value_or("");
     return isFolder(path) && access(path.c_str(), R_OK | W_OK | X_OK) == 0;

@@ -61,7 +61,7 @@ TEST_F(DarwinAppGroupTest, TakesAGroupThatTheProcessMayNotUseForNone) {
 }
 
 TEST_F(DarwinAppGroupTest, TakesAGroupWhoseFolderCannotBeUsedForNone) {
-    // One that may only be looked at.
+    // Read-only for others than root.
     fake::world().groupContainers["group.a"] = "/";
     const testing::ChildResult person = testing::runInChild([&] {
         if (getuid() == 0) {

@@ -22,7 +22,6 @@
 
 #include "HalvoClient/BusCall.hpp"
 #include "HalvoClient/HelperClient.hpp"
-#include "HalvoClient/OwnBundle.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
 #include "HalvoHelperCore/HelperCommitment.hpp"
 #include "HalvoShared/KeepAliveState.hpp"

@@ -80,31 +80,9 @@ inline WidgetSnapshot longSnapshot(std::size_t phases) {
     return snapshot;
 }
 
-// The calendar of UTC, whose days are all alike.
-class UTCCalendar final : public Calendar {
-  public:
-    [[nodiscard]] WallDate startOfDay(WallDate date) const override {
-        return WallDate{day * std::floor(date.time_since_epoch() / day)};
-    }
-
-    [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const override {
-        return addingDays(1, startOfDay(date));
-    }
-
-    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const override {
-        // As far as a double tells one second from the next.
-        constexpr double range = 1e15;
-        return std::abs(secondsSince1970(date)) < range ? std::optional(date + day * days)
-                                                        : std::nullopt;
-    }
-
-  private:
-    static constexpr Seconds day{86400};
-};
-
 // WidgetSnapshot::timelineDates() as its rule is told, with no regard to what it costs.
 inline std::vector<WallDate> plainDates(const WidgetSnapshot& snapshot, WallDate from,
-                                        const Calendar& calendar, Seconds countdownSpan,
+                                        const GregorianCalendar& calendar, Seconds countdownSpan,
                                         std::size_t limit) {
     std::set<WallDate> dates{from};
     if (!snapshot.isRunning) {

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
 
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoShared/RFC3339.hpp"
@@ -14,8 +16,8 @@
 namespace halvo::records {
 namespace {
 
-// What a terminal, or an editor, obeys instead of showing it. None is past U+FFFF.
-bool isObeyed(char32_t code) {
+// Whether a terminal or an editor would interpret the character. None is past U+FFFF.
+bool isControl(char32_t code) {
     const auto isIn = [code](char32_t first, char32_t last) {
         return code >= first && code <= last;
     };
@@ -23,46 +25,43 @@ bool isObeyed(char32_t code) {
            isIn(0x2028, 0x202E) || isIn(0x2066, 0x2069) || code == 0xFEFF;
 }
 
-// The character with which a text begins, or where it begins with none a byte.
-struct First {
-    std::size_t length;
-    bool isText;
-    unsigned code;
-};
-
-First firstOf(std::string_view text) {
+// The first character of a text and its code point; its first byte, and nothing, where that is not
+// UTF-8.
+std::pair<std::string_view, std::optional<unsigned>> firstOf(std::string_view text) {
     std::size_t length = 1;
     while (length < 4 && !isUTF8(text.substr(0, length))) {
         ++length;
     }
-    const bool isText = isUTF8(text.substr(0, length));
-    length = isText ? length : 1;
-    // Before the bits of the code a lead byte has a bit set for each byte, and one that is not.
-    unsigned code = static_cast<unsigned char>(text.front()) & (isText ? 0xFFU >> length : 0xFFU);
-    for (const char byte : text.substr(1, length - 1)) {
+    const std::string_view character = text.substr(0, length);
+    if (!isUTF8(character)) {
+        return {text.substr(0, 1), std::nullopt};
+    }
+    // A lead byte begins with a set bit for each byte, and a clear one.
+    unsigned code = static_cast<unsigned char>(text.front()) & (0xFFU >> length);
+    for (const char byte : character.substr(1)) {
         code = code << 6U | (static_cast<unsigned char>(byte) & 0x3FU);
     }
-    return {length, isText, code};
+    return {character, code};
 }
 
-// `text` with what is obeyed and what is no text escaped, the characters of `kept` as they are, and
-// those of `marked` behind a backslash.
+// `text` with controls and invalid bytes escaped, except the characters of `kept`, and a backslash
+// before those of `marked`.
 std::string escaped(std::string_view text, std::string_view kept, std::string_view marked) {
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
-        const auto [length, isText, code] = firstOf(text);
-        const char lead = text.front();
-        if (kept.contains(lead) || (isText && !isObeyed(code))) {
-            result.append(marked.contains(lead) ? "\\" : "").append(text.substr(0, length));
-        } else if (code == '\n' || code == '\t') {
-            result += code == '\n' ? "\\n" : "\\t";
+        const auto [character, code] = firstOf(text);
+        if (kept.contains(character) || (code && !isControl(*code))) {
+            result.append(marked.contains(character) ? "\\" : "").append(character);
+        } else if (character == "\n" || character == "\t") {
+            result += character == "\n" ? "\\n" : "\\t";
         } else {
             std::array<char, 16> escape{};
-            std::snprintf(escape.data(), escape.size(), isText ? "\\u%04x" : "\\x%02x", code);
+            std::snprintf(escape.data(), escape.size(), code ? "\\u%04x" : "\\x%02x",
+                          code.value_or(static_cast<unsigned char>(text.front())));
             result += escape.data();
         }
-        text.remove_prefix(length);
+        text.remove_prefix(character.size());
     }
     return result;
 }
@@ -72,7 +71,7 @@ std::size_t widthOf(std::string_view text) {
         text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80; }));
 }
 
-// "+01:00", and with seconds where there are any, as before there were time zones.
+// "+01:00"; with seconds where there are any, as in local mean times.
 std::string offsetText(std::int64_t offset) {
     const intmax_t span = std::abs(offset);
     std::array<char, 64> text{};
@@ -97,9 +96,9 @@ std::string counted(std::size_t number, const std::string& noun) {
 }
 
 std::string countdown(Seconds span) {
-    // More than any date of a record, and few enough seconds to count.
-    constexpr double farthest = 1e12;
-    const bool isCounted = span.count() > 0 && span.count() < farthest;
+    // Longer than the dates of records allow; fits an integer.
+    constexpr double longest = 1e12;
+    const bool isCounted = span.count() > 0 && span.count() < longest;
     const intmax_t left = isCounted ? wholeSeconds(Seconds{std::ceil(span.count())}) : 0;
     std::array<char, 64> text{};
     if (left < 3600) {

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -18,6 +19,7 @@
 #include <utility>
 #include <variant>
 
+#include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Version.hpp"
 #include "HalvoShared/AppGroup.hpp"
@@ -36,16 +38,16 @@ namespace ExitStatus = tools::ExitStatus;
 using Json = nlohmann::ordered_json;
 using Record = std::variant<KeepAliveState, WidgetSnapshot>;
 
-// Stands for standard input among the names of files.
+// Standard input as a FILE.
 constexpr const char* standardInput = "-";
 
-// What the words say, and what has come of them.
+// The arguments, and the outcome.
 struct Call {
     Call(std::istream& source, WallDate date)
         : input(source), now(std::chrono::floor<std::chrono::seconds>(date)) {}
 
     std::istream& input;
-    // To the second, so that a date which was printed, given as --from, prints the same again.
+    // Whole seconds, so that a printed date, given as --from, prints the same.
     WallDate now;
     // The files or URLs, then the options.
     std::vector<std::string> operands;
@@ -68,7 +70,7 @@ struct Call {
     }
 };
 
-// The files that are named, else those of `names` in the folder of the app group.
+// The FILE arguments, else the files `names` in the folder of the app group.
 std::vector<std::string> filesOf(const Call& call, const std::vector<std::string>& names = {}) {
     if (call.group && !call.operands.empty()) {
         throw CLI::ExcludesError("--group", "FILE");
@@ -87,19 +89,20 @@ std::vector<std::string> filesOf(const Call& call, const std::vector<std::string
     return files;
 }
 
-// What messages call `file`.
+// The name of `file` in messages.
 std::string title(const std::string& file) {
     return file == standardInput ? "standard input" : printable(file);
 }
 
-std::expected<std::string, std::string> readAll(std::istream& input) {
+std::expected<std::string, FileError> readAll(std::istream& input) {
     std::string bytes(shared_file::sizeLimit + 1, '\0');
     input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     bytes.resize(static_cast<std::size_t>(input.gcount()));
-    if (input.bad() || bytes.size() > shared_file::sizeLimit) {
-        return std::unexpected(title(standardInput) + (input.bad()
-                                                           ? ": This cannot be read"
-                                                           : ": This is longer than any record"));
+    if (input.bad()) {
+        return std::unexpected(FileError{EIO, "standard input: This cannot be read"});
+    }
+    if (bytes.size() > shared_file::sizeLimit) {
+        return std::unexpected(FileError{EFBIG, "standard input: This is longer than any record"});
     }
     return bytes;
 }
@@ -113,8 +116,8 @@ std::expected<Record, std::string> decodeAs(const std::string& bytes, const std:
     return *std::move(record);
 }
 
-// Reads the record in `file` as SharedFile does. Fails with a line that begins with the file's
-// title and ends without a full stop: "widgets.json: phases[3].start: ...".
+// Reads the record in `file` as SharedFile does. Fails with "TITLE: PROBLEM", without a full stop:
+// "widgets.json: phases[3].start: ...".
 std::expected<Record, std::string> load(const Call& call, const std::string& file) {
     const std::string name =
         call.kind.empty() ? file.substr(file.rfind('/') + 1) : call.kind + ".json";
@@ -123,15 +126,16 @@ std::expected<Record, std::string> load(const Call& call, const std::string& fil
         return std::unexpected(title(file) +
                                ": The name does not tell which record this is; --kind does");
     }
-    const auto bytes = file == standardInput ? readAll(call.input) : shared_file::load(file);
+    const auto bytes =
+        file == standardInput ? readAll(call.input) : readFile(file, shared_file::sizeLimit);
     if (!bytes) {
-        return std::unexpected(printable(bytes.error()));
+        return std::unexpected(printable(bytes.error().message));
     }
     return isKeepAlive ? decodeAs<KeepAliveState>(*bytes, file)
                        : decodeAs<WidgetSnapshot>(*bytes, file);
 }
 
-// The kind of the record and how much it holds: "a widget snapshot of 1 phase, 2 days, ...".
+// "a widget snapshot of 1 phase, 2 days, ...".
 std::string summary(const Record& record) {
     if (const auto* state = std::get_if<KeepAliveState>(&record)) {
         return "a keep-alive state of process " + std::to_string(state->pid);
@@ -142,17 +146,17 @@ std::string summary(const Record& record) {
            " and " + counted(snapshot.blocks.size(), "block");
 }
 
-// The record's JSON over several lines; with `clocks`, the time on these follows each date:
+// The record as indented JSON; with `calendar`, local time follows each date:
 // "2026-11-20T09:00:00Z (2026-11-20 10:00:00 +01:00)".
-std::string asJSON(const Record& record, const GregorianCalendar* clocks = nullptr) {
-    // What was decoded can be encoded: that fails only for what no JSON can have given.
+std::string asJSON(const Record& record, const GregorianCalendar* calendar = nullptr) {
+    // Cannot fail for a record that was decoded.
     const std::string text =
         std::visit([](const auto& value) { return *JSON::encode(value); }, record);
-    const auto addLocalTime = [clocks](int /*depth*/, Json::parse_event_t event, Json& value) {
+    const auto addLocalTime = [calendar](int /*depth*/, Json::parse_event_t event, Json& value) {
         auto* held = event == Json::parse_event_t::value ? value.get_ptr<std::string*>() : nullptr;
         const auto date = held != nullptr ? RFC3339::parse(*held) : std::nullopt;
-        if (date && clocks != nullptr) {
-            *held += " (" + zonedDate(*date, *clocks) + ")";
+        if (date && calendar != nullptr) {
+            *held += " (" + zonedDate(*date, *calendar) + ")";
         }
         return true;
     };
@@ -174,7 +178,7 @@ void show(Call& call) {
     }
 }
 
-// What a state shows: a run, or what comes next.
+// A run, or what comes next.
 struct Shown {
     std::string name;
     std::optional<WallDate> end;
@@ -198,8 +202,8 @@ std::string at(const char* list, std::size_t index) {
     return std::string(list) + "[" + std::to_string(index) + "]";
 }
 
-// What can be read and is suspicious all the same, in the order of the record's members, which are
-// named as in the messages of load(): "phases[3] starts before phases[2]".
+// What is valid but suspicious, in the order of the record's members, with their paths: "phases[3]
+// starts before phases[2]".
 std::vector<std::string> remarks(const Record& record) {
     std::vector<std::string> all;
     const auto* snapshot = std::get_if<WidgetSnapshot>(&record);
@@ -232,7 +236,7 @@ std::vector<std::string> remarks(const Record& record) {
 }
 
 void check(Call& call) {
-    // Of more remarks on one file only the number is told.
+    // Of more remarks on one file only the number is printed.
     constexpr std::size_t mostRemarks = 20;
     const auto files = filesOf(call);
     if (files.empty()) {
@@ -277,8 +281,8 @@ void makeLink(Call& call) {
     call.outcome.output = url + "\n";
 }
 
-// `breathe, style "box", 5 minutes`, or {"screen":"breathe","style":"box","minutes":5}. What the
-// link does not give is left out.
+// `breathe, style "box", 5 minutes`, or {"screen":"breathe","style":"box","minutes":5}, without
+// what is absent.
 std::string linkText(const HalvoLink& link, bool isJSON) {
     std::string text(link.name());
     nlohmann::ordered_json object{{"screen", text}};
@@ -310,7 +314,7 @@ void links(Call& call) {
     }
 }
 
-// What the state is and of what, without its times: `block "Deep work"`.
+// The kind of the state and its name: `block "Deep work"`.
 std::string shortText(const WidgetSnapshot::State& state) {
     constexpr std::array<const char*, std::variant_size_v<WidgetSnapshot::State>> kinds{
         "block", "focus", "focus filter", "next", "nothing scheduled", "no blocks"};
@@ -318,7 +322,8 @@ std::string shortText(const WidgetSnapshot::State& state) {
     return kinds.at(state.index()) + (shown ? " " + inQuotes(shown->name) : "");
 }
 
-// Why `date` is in the timeline: "start, phase". `end` is that of the countdown, if there is one.
+// Why `date` is in the timeline: "start, phase". `end` is the end of the countdown, if there is
+// one.
 std::string reasons(const Call& call, const WidgetSnapshot& snapshot, WallDate date,
                     std::optional<WallDate> end) {
     const bool isMinute = end && date > call.from &&
@@ -332,11 +337,11 @@ std::string reasons(const Call& call, const WidgetSnapshot& snapshot, WallDate d
           std::pair(isMinute, "minute")}) {
         all += isSo ? (all.empty() ? "" : ", ") + std::string(reason) : "";
     }
-    // What nothing else explains is a minute of a phase that another one overlaps.
+    // Else a minute of a phase that overlaps another one.
     return all.empty() ? "minute" : all;
 }
 
-// A table with a line for each date: the time, why it is there, what is left, the state.
+// A table with a line for each date: time, reason, time left, state.
 std::string timelineText(const Call& call, const WidgetSnapshot& snapshot,
                          const std::vector<WallDate>& dates, WallDate reload) {
     std::vector<std::vector<std::string>> rows{{"DATE", "WHY", "LEFT", "STATE"}};
@@ -351,7 +356,7 @@ std::string timelineText(const Call& call, const WidgetSnapshot& snapshot,
     return table(rows, "");
 }
 
-// Each date as in the records, or null where the records have no text for it.
+// Each date as in the records; null for one outside the years 0 to 9999.
 std::string timelineJSON(const std::vector<WallDate>& dates, WallDate reload) {
     const auto inJSON = [](WallDate date) {
         std::string text;
@@ -381,10 +386,10 @@ void timeline(Call& call) {
         call.isJSON ? timelineJSON(dates, reload) : timelineText(call, snapshot, dates, reload);
 }
 
-// What follows declares the words of the commands.
+// From here on: the command line.
 
-// Adds the option `name`, whose value `type` in the help is what `read` makes of a word, or why it
-// makes nothing of it.
+// Adds the option `name`, whose value `type` in the help `read` parses; it returns the value or an
+// error.
 template <class Target, class Read>
 CLI::Option* addRead(CLI::App& command, const std::string& name, const std::string& type,
                      Target& target, Read read, const std::string& help) {
@@ -398,7 +403,7 @@ CLI::Option* addRead(CLI::App& command, const std::string& name, const std::stri
     return command.add_option_function<std::string>(name, store, help)->type_name(type);
 }
 
-// CLI11 itself takes a number that is too large for the largest there is.
+// CLI11 itself clamps a number that is too large.
 std::expected<std::int64_t, std::string> readNumber(const std::string& word) {
     std::int64_t number{};
     const char* end = word.data() + word.size();
@@ -435,7 +440,7 @@ void addTimelineOptions(CLI::App& command, Call& call) {
     };
     addRead(command, "--from", "DATE", call.from, readFrom,
             "from when on: 2026-11-20T09:30:00Z or now, which it is else");
-    // A hundred years: more than any countdown, and still few enough seconds.
+    // A hundred years: longer than any countdown.
     constexpr std::int64_t longestSpan = 3155760000;
     const std::map<std::string, std::int64_t> units{{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
     const CLI::AsNumberWithUnit asSeconds(units, CLI::AsNumberWithUnit::CASE_SENSITIVE);
@@ -529,7 +534,7 @@ tools::Outcome run(const std::vector<std::string>& words, std::istream& input, W
     app.set_version_flag("--version", std::string("halvo-records ") + version);
     app.require_subcommand(1);
     app.footer(std::string(programFooter) + exitStatus);
-    // What the parser itself makes of "--" depends on the operands before it.
+    // How CLI11 treats "--" depends on the operands before it.
     const auto end = std::ranges::find(words, "--");
     const std::vector<std::string> rest(end == words.end() ? end : end + 1, words.end());
     const auto add = [&](const char* name, const char* help, void (*action)(Call&),

@@ -1,4 +1,4 @@
-// The commands of the program, apart from the process that it runs in.
+// The commands of halvo-records.
 #pragma once
 
 #include <istream>
@@ -10,9 +10,9 @@
 
 namespace halvo::records {
 
-// Does what `words`, those after the program's own name, ask for at the date `now`; reads `input`
-// where they name standard input. Changes nothing. Any thread, as long as no other changes the
-// environment (getenv(3)). Throws std::bad_alloc alone.
+// Runs the command of `words`, the arguments after the program's name, at the date `now`; `input`
+// is standard input. Changes nothing. Any thread, as long as no other changes the environment
+// (getenv(3)). Throws only std::bad_alloc.
 tools::Outcome run(const std::vector<std::string>& words, std::istream& input, WallDate now);
 
 }  // namespace halvo::records
