@@ -20,7 +20,7 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 
-// The app, but for its beginning.
+// All of the app but main().
 #define main sampleAppMain
 #include "examples/SampleApp/SampleApp.cpp"
 #undef main
@@ -40,9 +40,9 @@ constexpr Seconds hour{3600};
 constexpr WallDate noon = wallDate(1795165200);
 const std::string app = "/Applications/Halvo.app";
 
-TEST(ArgumentsTest, AreUnderstoodOrRefusedWithTheReason) {
+TEST(ArgumentsTest, AreParsedOrAUsageError) {
     const std::string again = LaunchReason::relaunchArgument;
-    const std::unexpected onlyYes(again + " is followed by YES and nothing else.");
+    const std::unexpected onlyYes(again + " must be followed by YES.");
     std::vector<std::pair<std::vector<std::string>, std::expected<Arguments, std::string>>> rows{
         {{}, {}},
         {{"25"}, Arguments{Seconds{1500}}},
@@ -53,7 +53,7 @@ TEST(ArgumentsTest, AreUnderstoodOrRefusedWithTheReason) {
         {{again, "YES", "5"}, Arguments{Seconds{300}, true}},
         {{"--help"}, Arguments{std::nullopt, false, true}},
         {{"5", "-h"}, Arguments{Seconds{300}, false, true}},
-        {{"5", "6"}, std::unexpected("One number of minutes is enough: there is 6 too.")},
+        {{"5", "6"}, std::unexpected("Only one number of minutes is allowed, not 6 as well.")},
         {{again}, onlyYes},
         {{again, "NO"}, onlyYes},
         {{again, "5"}, onlyYes},
@@ -65,14 +65,14 @@ TEST(ArgumentsTest, AreUnderstoodOrRefusedWithTheReason) {
           "5m",  "--minutes", "end",   "stop"}) {
         rows.emplace_back(
             std::vector{word},
-            std::unexpected("'" + word + "' is no number of minutes above 0, up to 1440."));
+            std::unexpected("'" + word + "' is not a number of minutes above 0, up to 1440."));
     }
     for (const auto& [words, expected] : rows) {
         EXPECT_EQ(parseArguments(words), expected) << ::testing::PrintToString(words);
     }
 }
 
-TEST(TextTest, SaysHowThingsStandAndWhatToDo) {
+TEST(TextTest, SaysWhatHoldsAndWhatToDo) {
     namespace F = HelperFailures;
     setenv("TZ", "UTC", 1);
     tzset();
@@ -95,7 +95,7 @@ TEST(TextTest, SaysHowThingsStandAndWhatToDo) {
         {advice(F::NotRunning{ENOENT}),
          description(F::NotRunning{ENOENT}) + " Is it installed, and is its service started?"},
         {advice(F::Refused{true}),
-         description(F::Refused{true}) + " Quit Halvo and start it anew."},
+         description(F::Refused{true}) + " Quit Halvo and start it again."},
         {advice(F::TimedOut{}),
          description(F::TimedOut{}) + " It may be stopped, or the machine may be very busy."},
         {advice(F::Rejected{"a", "b"}),
@@ -147,41 +147,71 @@ TEST(DisplayTest, GoesOnWhenItsStreamIsFull) {
     std::fclose(full);
 }
 
-TEST(SessionTest, IsClosingAsItsOwnStateSaysElseThePersons) {
-    constexpr std::nullopt_t none = std::nullopt;
-    EXPECT_FALSE(isClosing(none, none)) << "without logind";
-    EXPECT_TRUE(isClosing("closing", "active"));
-    EXPECT_FALSE(isClosing("active", "closing"));
-    for (const char* state : {"closing", "offline", "lingering", "online", "active", "opening"}) {
-        EXPECT_EQ(isClosing(none, state), state == std::string("closing")) << state;
-        EXPECT_EQ(isClosing(state, none), state == std::string("closing")) << state;
-    }
-}
-
-// This process's session, as logind is made to tell of it; null: there is none.
-const char* sessionState = nullptr;
-bool hasSeat = false;
-
-TEST(SessionTest, CountsOnlyWhereItHasASeat) {
-    sessionState = "closing";
-    EXPECT_FALSE(isClosing()) << "a remote login";
-    hasSeat = true;
-    EXPECT_TRUE(isClosing());
-    sessionState = nullptr;
-    EXPECT_FALSE(isClosing());
-}
-
-struct RecordKeeperTest : ::testing::Test {
-    TemporaryFolder folder;
-    SharedFile<KeepAliveState> keepAlive{"keepalive.json", folder.path()};
-    SharedFile<WidgetSnapshot> widgets{"widgets.json", folder.path()};
-    RecordKeeper keeper = RecordKeeper(keepAlive, widgets, app);
+// What logind says of the session of this process and of the user; null: it fails.
+struct Login {
+    const char* session;
+    const char* seat;
+    const char* user;
 };
 
-TEST_F(RecordKeeperTest, WritesWhatHoldsSinceWhenAndHowItEnded) {
+// Absent: logind itself is asked.
+std::optional<Login> login;
+
+TEST(SessionTest, IsClosingByItsOwnStateWhereItHasASeatElseByTheUsers) {
+    struct Row {
+        Login login;
+        bool isClosing;
+    };
+
+    const Row rows[] = {
+        {{nullptr, nullptr, nullptr}, false},
+        {{"closing", "seat0", "active"}, true},
+        {{"active", "seat0", "closing"}, false},
+        {{nullptr, "seat0", "closing"}, true},
+        // A remote login.
+        {{"closing", nullptr, "active"}, false},
+        {{"active", nullptr, "closing"}, true},
+        {{nullptr, nullptr, "closing"}, true},
+        {{nullptr, nullptr, "offline"}, false},
+        {{nullptr, nullptr, "lingering"}, false},
+        {{nullptr, nullptr, "online"}, false},
+        {{nullptr, nullptr, "active"}, false},
+    };
+    for (const Row& row : rows) {
+        login = row.login;
+        EXPECT_EQ(isClosing(), row.isClosing) << &row - rows;
+    }
+    login.reset();
+}
+
+// The app group's folder, empty. All tests have the same, since a process keeps its path. Not a
+// TemporaryFolder, which each child process would remove at its exit.
+class RecordsTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { setenv("XDG_DATA_HOME", dataFolder().c_str(), 1); }
+
+    RecordsTest() { std::filesystem::create_directories(group()); }
+
+    ~RecordsTest() override { std::filesystem::remove_all(dataFolder()); }
+
+    static const std::string& dataFolder() {
+        static const std::string path = ::testing::TempDir() + "halvo-" + std::to_string(getpid());
+        return path;
+    }
+
+    static std::string group() {
+        return std::filesystem::path(KeepAliveState::file().url()).parent_path();
+    }
+
+    const SharedFile<KeepAliveState>& keepAlive_ = KeepAliveState::file();
+    const SharedFile<WidgetSnapshot>& widgets_ = WidgetSnapshot::file();
+    const std::string writeFailure_ =
+        "What the widgets show could not be written: " + keepAlive_.url() +
+        ": No such file or directory.";
+};
+
+TEST_F(RecordsTest, SayWhatHoldsSinceWhenAndHowTheAppEnded) {
     using S = WidgetSnapshot;
-    EXPECT_EQ(keeper.end(noon), "");
-    EXPECT_EQ(keepAlive.read(), std::nullopt) << "of nothing that it knows";
 
     struct Row {
         // What the helper says; absent at the end.
@@ -206,18 +236,20 @@ TEST_F(RecordKeeperTest, WritesWhatHoldsSinceWhenAndHowItEnded) {
         {HelperStatus::idle, hour, hour, hour, 1},
         {{}, hour * 2, hour * 2, hour, 1},
     };
+    RecordKeeper keeper(app);
+    EXPECT_EQ(keepAlive_.read(), std::nullopt);
     HelperStatus last;
     for (const auto& [said, at, writtenAt, since, phases] : rows) {
         SCOPED_TRACE(at.count());
         last = said.value_or(last);
         EXPECT_EQ(said ? keeper.update(*said, noon + at) : keeper.end(noon + at), "");
-        EXPECT_EQ(keepAlive.read(), (KeepAliveState{.pid = getpid(),
-                                                    .appPath = app,
-                                                    .clean = !said,
-                                                    .commitmentUntil = last.until,
-                                                    .ultraHard = last.holding,
-                                                    .updatedAt = noon + writtenAt}));
-        const S shown = widgets.read().value();
+        EXPECT_EQ(keepAlive_.read(), (KeepAliveState{.pid = getpid(),
+                                                     .appPath = app,
+                                                     .clean = !said,
+                                                     .commitmentUntil = last.until,
+                                                     .ultraHard = last.holding,
+                                                     .updatedAt = noon + writtenAt}));
+        const S shown = widgets_.read().value();
         EXPECT_EQ(shown.writtenAt, noon + writtenAt);
         EXPECT_GT(shown.horizon, noon + hour);
         EXPECT_EQ(shown.isRunning, last.holding);
@@ -234,23 +266,20 @@ TEST_F(RecordKeeperTest, WritesWhatHoldsSinceWhenAndHowItEnded) {
     }
 }
 
-TEST_F(RecordKeeperTest, SaysOnceWhyItCannotWriteAndAgainAfterItHasGoneWell) {
-    const std::string place = folder / "later";
-    const std::string file = place + "/keepalive.json";
-    RecordKeeper lost(SharedFile<KeepAliveState>(file), widgets, app);
-    const std::string trouble =
-        "What the widgets show could not be written: " + file + ": No such file or directory.";
-    EXPECT_EQ(lost.update(HelperStatus::idle, noon), trouble);
-    EXPECT_EQ(lost.update(HelperStatus::idle, noon + hour), "");
-    std::filesystem::create_directory(place);
-    EXPECT_EQ(lost.update(HelperStatus::idle, noon + hour * 2), "");
-    std::filesystem::remove_all(place);
-    EXPECT_EQ(lost.end(noon + hour * 3), trouble);
+TEST_F(RecordsTest, ThatCannotBeWrittenAreReportedOnceAndAgainAfterASuccess) {
+    RecordKeeper keeper(app);
+    std::filesystem::remove_all(group());
+    EXPECT_EQ(keeper.update(HelperStatus::idle, noon), writeFailure_);
+    EXPECT_EQ(keeper.update(HelperStatus::idle, noon + hour), "");
+    std::filesystem::create_directory(group());
+    EXPECT_EQ(keeper.update(HelperStatus::idle, noon + hour * 2), "");
+    std::filesystem::remove_all(group());
+    EXPECT_EQ(keeper.end(noon + hour * 3), writeFailure_);
 }
 
-class CompanionTest : public ::testing::Test {
+class CompanionTest : public RecordsTest {
   protected:
-    // So that no test asks the logind of this machine.
+    // A system bus of the test's own.
     void SetUp() override { setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + bus_).c_str(), 1); }
 
     void TearDown() override { unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
@@ -281,9 +310,8 @@ class CompanionTest : public ::testing::Test {
         TestProcess process(Start{.body = [&] {
             HelperClient client(path_);
             Display display(stdout, /*isTerminal=*/false);
-            RecordKeeper records(keepAlive_, widgets_, app);
             const Pace hurried{Seconds{0.05}, Seconds{0.2}, Seconds{0.4}};
-            return Companion(client, display, records, app, hurried).run(arguments);
+            return Companion(client, display, app, hurried).run(arguments);
         }});
         meanwhile(process);
         const int status = process.wait();
@@ -309,8 +337,6 @@ class CompanionTest : public ::testing::Test {
     TemporaryFolder folder_;
     std::string path_ = folder_ / "helper.sock";
     std::string bus_ = folder_ / "bus";
-    SharedFile<KeepAliveState> keepAlive_{"keepalive.json", folder_.path()};
-    SharedFile<WidgetSnapshot> widgets_{"widgets.json", folder_.path()};
     std::optional<FakeHelper> helper_;
 };
 
@@ -347,33 +373,29 @@ TEST_F(CompanionTest, EndsAtOnceWhereNothingHolds) {
 }
 
 TEST_F(CompanionTest, StaysUntilTheHelperLetsGo) {
-    const std::string elsewhere = folder_ / "none";
-
     struct Row {
         std::optional<Seconds> commitment;
-        std::string records;
+        bool writesRecords;
         int begins;
         std::string says;
     };
 
     const Row rows[] = {
         {{},
-         folder_.path(),
+         true,
          0,
          "Ultra Hard mode holds until .*, the app is locked\n"
-         "Ultra Hard mode is over. Halvo ends by itself in 0 seconds.\nNothing holds\n"},
-        {minute, folder_.path(), 0, "What holds already ends later; the later end stays.\n.*"},
-        {Seconds{900}, folder_.path(), 1, "The helper allows no later end: a day after the .*"},
-        {{},
-         elsewhere,
-         0,
-         ".*What the widgets show could not be written: " + elsewhere +
-             "/keepalive.json: No such file or directory.\n.*"},
+         "Ultra Hard mode is over. Halvo exits in 0 seconds.\nNothing holds\n"},
+        {minute, true, 0, "What holds already ends later; the later end stays.\n.*"},
+        {Seconds{900}, true, 1, "The helper allows no later end: a day after the .*"},
+        {{}, false, 0, ".*" + writeFailure_ + "\n.*"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.says);
         startHelper(Seconds{600});
-        keepAlive_ = SharedFile<KeepAliveState>("keepalive.json", row.records);
+        if (!row.writesRecords) {
+            std::filesystem::remove_all(group());
+        }
         const ChildResult result = run({row.commitment}, [&](TestProcess&) {
             awaitRequests(8);
             hold(std::nullopt);
@@ -381,7 +403,7 @@ TEST_F(CompanionTest, StaysUntilTheHelperLetsGo) {
         EXPECT_EQ(result.status, 0);
         EXPECT_THAT(result.output, MatchesRegex(row.says));
         EXPECT_EQ(helper_->record().begins, row.begins);
-        if (row.records != elsewhere) {
+        if (row.writesRecords) {
             EXPECT_TRUE(keepAlive_.read()->clean);
             EXPECT_EQ(keepAlive_.read()->commitmentUntil, std::nullopt);
             EXPECT_FALSE(widgets_.read()->isRunning);
@@ -389,7 +411,7 @@ TEST_F(CompanionTest, StaysUntilTheHelperLetsGo) {
     }
 }
 
-TEST_F(CompanionTest, ShowsAnEndThatMovesByLessThanAHairOnce) {
+TEST_F(CompanionTest, ShowsAnEndOnceThatMovesByLessThanTheTolerance) {
     startHelper(Seconds{600});
     const ChildResult result = run({}, [&](TestProcess& process) {
         awaitRequests(4);
@@ -401,7 +423,7 @@ TEST_F(CompanionTest, ShowsAnEndThatMovesByLessThanAHairOnce) {
         process.send(SIGINT);
     });
     const std::string line = "Ultra Hard mode holds until [^\n]*\n";
-    EXPECT_THAT(result.output, MatchesRegex(line + line + "Halvo ends[^\n]*\n"));
+    EXPECT_THAT(result.output, MatchesRegex(line + line + "Halvo exits[^\n]*\n"));
 }
 
 TEST_F(CompanionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
@@ -422,14 +444,14 @@ TEST_F(CompanionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
         helper_.reset();
     });
     EXPECT_EQ(alone.status, 69);
-    EXPECT_THAT(alone.output, EndsWith("Halvo ends: the helper has been away for too long.\n"));
+    EXPECT_THAT(alone.output, EndsWith("Halvo exits: the helper has been away for too long.\n"));
 }
 
-TEST_F(CompanionTest, LooksForTheHelperThatBroughtItBack) {
-    const ChildResult alone = run({std::nullopt, /*broughtBack=*/true});
+TEST_F(CompanionTest, LooksForTheHelperThatOpenedIt) {
+    const ChildResult alone = run({std::nullopt, /*isReopened=*/true});
     EXPECT_EQ(alone.status, 69);
     EXPECT_THAT(alone.output, StartsWith("The helper opened Halvo again after it was quit.\n"));
-    const ChildResult result = run({std::nullopt, /*broughtBack=*/true}, [&](TestProcess&) {
+    const ChildResult result = run({std::nullopt, /*isReopened=*/true}, [&](TestProcess&) {
         sleepFor(Seconds{0.15});
         startHelper(Seconds{600});
         awaitRequests(4);
@@ -439,7 +461,7 @@ TEST_F(CompanionTest, LooksForTheHelperThatBroughtItBack) {
     EXPECT_THAT(result.output, HasSubstr("The helper is back.\nUltra Hard mode holds until "));
 }
 
-TEST_F(CompanionTest, AnnouncesAShutdownButNoInterrupt) {
+TEST_F(CompanionTest, AnnouncesAShutdownButNotAnInterrupt) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         EXPECT_FALSE(announcesAt(signal)) << "without logind, " << signal;
     }
@@ -476,21 +498,32 @@ TEST_F(CompanionTest, AnnouncesTheEndOfASessionThatWasOpenBefore) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names for what replaces a function.
+namespace {
+
+// As sd-login(3): a copy of `text`.
+int answer(const char* text, char** copy) {
+    *copy = text == nullptr ? nullptr : strdup(text);
+    return text == nullptr ? -ENODATA : 0;
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names; ld(1), --wrap.
 extern "C" {
-int __wrap_sd_pid_get_session(pid_t, char** session) {
-    *session = sessionState == nullptr ? nullptr : strdup("c1");
-    return *session == nullptr ? -ENODATA : 0;
+int __real_sd_session_get_seat(const char* session, char** seat);
+int __real_sd_session_get_state(const char* session, char** state);
+int __real_sd_uid_get_state(uid_t user, char** state);
+
+int __wrap_sd_session_get_seat(const char* session, char** seat) {
+    return login ? answer(login->seat, seat) : __real_sd_session_get_seat(session, seat);
 }
 
-int __wrap_sd_session_get_seat(const char*, char** seat) {
-    *seat = hasSeat ? strdup("seat0") : nullptr;
-    return hasSeat ? 0 : -ENODATA;
+int __wrap_sd_session_get_state(const char* session, char** state) {
+    return login ? answer(login->session, state) : __real_sd_session_get_state(session, state);
 }
 
-int __wrap_sd_session_get_state(const char*, char** state) {
-    *state = strdup(sessionState);
-    return 0;
+int __wrap_sd_uid_get_state(uid_t user, char** state) {
+    return login ? answer(login->user, state) : __real_sd_uid_get_state(user, state);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
