@@ -38,12 +38,11 @@ std::vector<std::string> linesOf(const std::string& text) {
 // right before one that they cannot is what they see right before the next that they can.
 bool isNoticed(long call) {
     constexpr std::array unnoticed{
-        SYS_brk,    SYS_clock_gettime,  SYS_epoll_ctl, SYS_epoll_wait,   SYS_fstat,
-        SYS_futex,  SYS_getdents64,     SYS_getpid,    SYS_getrandom,    SYS_getsockopt,
-        SYS_gettid, SYS_lseek,          SYS_madvise,   SYS_mmap,         SYS_mprotect,
-        SYS_munmap, SYS_newfstatat,     SYS_poll,      SYS_ppoll,        SYS_pread64,
-        SYS_read,   SYS_readlink,       SYS_recvmsg,   SYS_rt_sigaction, SYS_rt_sigprocmask,
-        SYS_statx,  SYS_timerfd_settime};
+        SYS_brk,        SYS_clock_gettime, SYS_epoll_ctl,      SYS_fstat,      SYS_futex,
+        SYS_getdents64, SYS_getpid,        SYS_getrandom,      SYS_getsockopt, SYS_gettid,
+        SYS_lseek,      SYS_madvise,       SYS_mmap,           SYS_mprotect,   SYS_munmap,
+        SYS_newfstatat, SYS_ppoll,         SYS_pread64,        SYS_read,       SYS_readlinkat,
+        SYS_recvmsg,    SYS_rt_sigaction,  SYS_rt_sigprocmask, SYS_statx,      SYS_timerfd_settime};
     return std::ranges::find(unnoticed, call) == unnoticed.end();
 }
 
