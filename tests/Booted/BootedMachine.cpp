@@ -296,6 +296,12 @@ void BootedMachine::commit(const std::string& session, const std::string& minute
         << "the commitment is not held";
 }
 
+std::string BootedMachine::logInAndCommit(const std::string& minutes) const {
+    const std::string session = logIn("alice");
+    commit(session, minutes);
+    return session;
+}
+
 std::string controlGroup(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/cgroup");
     std::string line;

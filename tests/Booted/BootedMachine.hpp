@@ -154,6 +154,8 @@ class BootedMachine {
     // Begins a commitment with the app in that session; the app keeps running. Returns once it is
     // stored and the app is locked.
     void commit(const std::string& session, const std::string& minutes = "25") const;
+    // The same for alice, whom it logs in first; the id of the session.
+    std::string logInAndCommit(const std::string& minutes = "25") const;
 
   private:
     void power(const std::string& word);

@@ -55,8 +55,7 @@ TEST_F(Installation, CreatesAPrivateGroupWithoutMembersForTheApp) {
 }
 
 TEST_F(Installation, ConfinesTheRunningService) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     const ChildResult answer =
         machine.run({"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
     EXPECT_EQ(answer.status, 0) << answer.output;
@@ -69,8 +68,7 @@ TEST_F(Installation, ConfinesTheRunningService) {
 }
 
 TEST_F(Installation, LogsToTheJournal) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     ASSERT_TRUE(machine.says("Holding Ultra Hard mode for *"));
     const auto entries = machine.journal({"SUBSYSTEM=app.halvo", "CATEGORY=Helper"});
     ASSERT_THAT(entries, SizeIs(2));
@@ -144,8 +142,7 @@ TEST_F(Installation, RefusesTheAppOnAUsersFileSystem) {
 }
 
 TEST_F(Installation, UpgradesDuringACommitment) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     const pid_t app = machine.waitFor(Place::appExecutable, Seconds{5});
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     const double left = machine.state()->remaining;

@@ -120,8 +120,6 @@ class EmptyManager {
 
 // What a user can do to keep the user manager from starting the app.
 struct OpeningDespite : Opening {
-    OpeningDespite() { machine.commit(session); }
-
     // Runs `commands` in the folder of the user's units.
     void configure(const std::string& commands) const {
         const ChildResult answer = machine.runIn(
@@ -159,12 +157,11 @@ struct OpeningDespite : Opening {
 
     // 6 s of silence, an opening in vain, 15 s, a direct opening, and a busy machine.
     static constexpr Seconds directLimit{45};
-    const std::string session = machine.logIn("alice");
+    const std::string session = machine.logInAndCommit();
 };
 
 TEST_F(Opening, IsDoneByTheUserManagerInTheSession) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    const std::string session = machine.logInAndCommit();
     EXPECT_EQ(
         machine
             .runIn(session, {"systemctl", "--user", "set-environment", "WAYLAND_DISPLAY=wayland-7"})
@@ -185,8 +182,7 @@ TEST_F(Opening, IsDoneByTheUserManagerInTheSession) {
 }
 
 TEST_F(Opening, IsDoneOutsideTheSandboxWithoutAUserManager) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     machine.sh("systemctl mask --runtime --now user@1000.service");
     quit(app());
     const pid_t opened = app();
@@ -231,8 +227,7 @@ TEST_F(Opening, TakesAPathWithSpecialCharactersLiterally) {
 }
 
 TEST_F(Opening, WaitsForTheNextLogin) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    const std::string session = machine.logInAndCommit();
     machine.logOut(session);
     ASSERT_TRUE(eventually(Seconds{60}, [&] {
         return machine.running(Place::appExecutable).empty() &&
@@ -249,8 +244,7 @@ TEST_F(Opening, WaitsForTheNextLogin) {
 }
 
 TEST_F(Opening, IsForTheActiveSessionOnly) {
-    const std::string alice = machine.logIn("alice");
-    machine.commit(alice);
+    const std::string alice = machine.logInAndCommit();
     const std::string bob = machine.logIn("bob");
     quit(app());
     EXPECT_TRUE(staysClosed(wellAfter));
@@ -268,8 +262,7 @@ TEST_F(Opening, IsForTheActiveSessionOnly) {
 }
 
 TEST_F(Opening, IsCountedWhenTheAppExitsAndTheLogNamesItsMessages) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     const pid_t first = app();
     machine.sh("cp --remove-destination /usr/bin/echo " + Place::appExecutable);
     quit(first);
@@ -332,8 +325,7 @@ TEST_F(OpeningDespite, ASessionKeptInStateClosing) {
 }
 
 TEST_F(Opening, WaitsNinetySecondsForAnEndingSession) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    const std::string session = machine.logInAndCommit();
     // The app announces the end of the session when a shutdown is prepared; an inhibitor delays
     // that.
     machine.sh(

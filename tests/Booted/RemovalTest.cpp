@@ -67,8 +67,7 @@ struct Removal : ::testing::Test {
 // The helper gives a lock up with a record that it cannot parse.
 TEST_F(Removal, ClearsTheLockOfADamagedRecord) {
     machine.install();
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     machine.must({"kill", "-KILL", machine.property(Unit::service, "MainPID")});
     machine.write(Place::stateFile, "damaged");
     ASSERT_TRUE(eventually(Seconds{20}, [&] { return !machine.exists(Place::stateFile); }));
@@ -85,7 +84,7 @@ TEST_F(Removal, ClearsTheLockOfADamagedRecord) {
 // helper.
 TEST_F(Removal, OfTheHelperAloneEndsACommitment) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     const std::string said =
         machine.sh("dpkg --remove --force-depends " HALVO_BOOTED_PACKAGE "-helper 2>&1");
     EXPECT_THAT(said, HasSubstr("Let go of the commitment of alice"));
@@ -100,7 +99,7 @@ TEST_F(Removal, OfTheHelperAloneEndsACommitment) {
 
 TEST_F(Removal, OfTheAppAloneLeavesTheHelper) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     machine.sh("dpkg --remove " HALVO_BOOTED_PACKAGE "-sample-app");
     EXPECT_FALSE(machine.exists(Place::app));
     EXPECT_FALSE(machine.exists(Place::stateFolder));
@@ -151,7 +150,7 @@ TEST_F(Removal, KeepsTheGroupWhileAFileHasIt) {
 // groups of a process count, and supplementary ones.
 TEST_F(Removal, KeepsTheGroupWhileAProcessHasIt) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     const std::vector<pid_t> apps = machine.running(Place::appExecutable);
     ASSERT_EQ(apps.size(), 1U);
     EXPECT_THAT(processField(apps.front(), "Gid"), HasSubstr(gid()));

@@ -130,7 +130,7 @@ struct Restart : ::testing::Test {
 };
 
 TEST_F(Restart, ResumesTheCommitmentBeforeAnyLogin) {
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     const Seconds begun = timeNow();
     machine.shutDown();
     EXPECT_FALSE(machine.isLocked()) << "a shutdown unlocks";
@@ -154,7 +154,7 @@ TEST_F(Restart, ResumesTheCommitmentBeforeAnyLogin) {
 }
 
 TEST_F(Restart, ResumesTheCommitmentAfterAPowerCut) {
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     machine.cutPower();
     EXPECT_TRUE(machine.isLocked()) << "a power cut leaves the lock";
     machine.switchOn();
@@ -165,7 +165,7 @@ TEST_F(Restart, ResumesTheCommitmentAfterAPowerCut) {
 }
 
 TEST_F(Restart, EndsACommitmentThatExpiredMeanwhile) {
-    machine.commit(machine.logIn("alice"), "0.25");
+    machine.logInAndCommit("0.25");
     const Seconds end = timeNow() + Seconds{16};
     machine.cutPower();
     EXPECT_TRUE(machine.isLocked());
@@ -178,7 +178,7 @@ TEST_F(Restart, EndsACommitmentThatExpiredMeanwhile) {
 }
 
 TEST_F(Restart, StartsNoHelperWithoutACommitment) {
-    machine.commit(machine.logIn("alice"), "0.1");
+    machine.logInAndCommit("0.1");
     ASSERT_TRUE(machine.says("Ultra Hard mode let go: deadline", Seconds{40}));
     EXPECT_FALSE(machine.exists(Place::stateFolder));
     machine.restart();
