@@ -24,14 +24,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The screen without a graphical system: logind counts what logs in there through PAM.
+// A session on seat0 without a display server: PAM registers it with logind.
 const std::string sessionUnit = R"([Service]
 User=%i
 PAMName=login
 Environment=XDG_SEAT=seat0 XDG_SESSION_TYPE=wayland XDG_SESSION_CLASS=)";
 const std::string sessionUnitEnd = "\nExecStart=/bin/sleep infinity\n";
 
-// Generous: eight machines may start at a time on two processors.
+// Generous: several machines may boot at a time on two processors.
 constexpr Seconds loginLimit{60};
 
 const char* treePath() { return std::getenv("BOOTED_MACHINE_TREE"); }
@@ -42,8 +42,8 @@ std::string trimmed(const std::string& text) {
     return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
-// The journal gives a value that is no UTF-8 as a list of numbers, and one that is too long as
-// null.
+// journalctl(1) prints a value that is not UTF-8 as an array of numbers, and one that is too long
+// as null.
 std::string fieldText(const nlohmann::json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
@@ -58,7 +58,7 @@ BootedMachine::BootedMachine() {
     switchOn();
 }
 
-// What it said is what a person needs who looks into a failure.
+// After a failure, prints the end of the journal.
 BootedMachine::~BootedMachine() {
     if (isOn_ && ::testing::Test::HasFailure()) {
         std::printf("%s\n", run({"journalctl", "--no-pager", "--quiet", "--output=short-monotonic",
@@ -69,7 +69,7 @@ BootedMachine::~BootedMachine() {
 
 ChildResult BootedMachine::handle(const Words& words, const Words& more) const {
     constexpr Seconds limit{120};
-    // It is on the PATH, and is told of the machine by the environment.
+    // The command "machine" is on the PATH, and finds the machine by environment variables.
     Words command{"/bin/sh", "-c", R"(exec machine "$@")", "-"};
     command.insert(command.end(), words.begin(), words.end());
     command.insert(command.end(), more.begin(), more.end());
@@ -80,7 +80,7 @@ ChildResult BootedMachine::handle(const Words& words, const Words& more) const {
     return runInChild({.words = command, .environment = environment}, limit);
 }
 
-// Without its machine, a test has nothing to go on with.
+// Throws: without its machine, a test cannot continue.
 void BootedMachine::power(const std::string& word) {
     isOn_ = false;
     const ChildResult answer = handle({word});
@@ -205,7 +205,7 @@ void BootedMachine::logOut(const std::string& session) const {
     must({"loginctl", "terminate-session", session});
     EXPECT_TRUE(eventually(loginLimit,
                            [&] { return run({"loginctl", "show-session", session}).status != 0; }))
-        << "session " << session << " does not end";
+        << "session " << session << " is still there";
 }
 
 void BootedMachine::activate(const std::string& session) const {
@@ -216,7 +216,7 @@ void BootedMachine::activate(const std::string& session) const {
                        return read("/run/systemd/seats/seat0").find("\nACTIVE=" + session + "\n") !=
                               std::string::npos;
                    }))
-        << "session " << session << " has not got the screen";
+        << "session " << session << " is not active";
 }
 
 pid_t BootedMachine::waitFor(const std::string& executable, Seconds limit,
@@ -232,6 +232,15 @@ pid_t BootedMachine::waitFor(const std::string& executable, Seconds limit,
                            }))
         << executable << " does not run";
     return found;
+}
+
+bool BootedMachine::serves(pid_t app) const {
+    const std::string group = "/home/alice/.local/share/group." + Place::appID;
+    return eventually([&] {
+        const auto record = nlohmann::json::parse(read(group + "/keepalive.json"), nullptr, false);
+        return record.is_object() && record.value("pid", 0) == idInside(app) &&
+               record.value("ultraHard", false);
+    });
 }
 
 std::string BootedMachine::property(const std::string& unit, const std::string& name) const {
@@ -287,6 +296,12 @@ void BootedMachine::commit(const std::string& session, const std::string& minute
         << "the commitment is not held";
 }
 
+std::string BootedMachine::logInAndCommit(const std::string& minutes) const {
+    const std::string session = logIn("alice");
+    commit(session, minutes);
+    return session;
+}
+
 std::string controlGroup(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/cgroup");
     std::string line;
@@ -307,6 +322,11 @@ std::string processNamespace(pid_t process, const std::string& kind) {
 
 bool isAlive(pid_t process) { return !processField(process, "State").empty(); }
 
+pid_t idInside(pid_t process) {
+    const auto ids = processNumbers(process, "NSpid");
+    return ids.empty() ? -1 : static_cast<pid_t>(ids.back());
+}
+
 }  // namespace halvo::testing
 
 int main(int count, char** words) {
@@ -320,7 +340,7 @@ int main(int count, char** words) {
     }
     if (!::testing::GTEST_FLAG(list_tests) && access(HALVO_BOOTED_HELPER, R_OK) != 0) {
         std::fputs("BootedTests: needs the packages, which could not be built here\n", stderr);
-        // What ctest takes for a test that cannot run here.
+        // SKIP_RETURN_CODE of ctest.
         constexpr int skipped = 125;
         return skipped;
     }

@@ -1,5 +1,5 @@
-// A machine with systemd as process 1 that a test switches on and off: the one that
-// scripts/booted-machine keeps beside it. What happens inside reaches no other machine.
+// A machine with systemd as process 1 that a test switches on and off: a container of
+// scripts/booted-machine. Nothing inside affects another machine.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +13,7 @@
 
 namespace halvo::testing {
 
-// Where things are once the packages are installed, as paths of the machine.
+// Installed paths, inside the machine.
 namespace Place {
 
 inline const std::string appID = HALVO_BOOTED_APP;
@@ -36,7 +36,7 @@ inline const std::string resume = Place::appID + ".helper-resume.service";
 
 }  // namespace Unit
 
-// What the state file holds.
+// The contents of the state file.
 struct State {
     double remaining{};
     bool locked{};
@@ -47,11 +47,11 @@ using Entry = std::map<std::string, std::string>;
 
 class BootedMachine {
   public:
-    // Two people with accounts.
+    // Two users with accounts.
     static constexpr uid_t alice = 1000;
     static constexpr uid_t bob = 1001;
 
-    // Switched on, with nothing of ours installed and nobody logged in.
+    // Switched on, without the packages and without a session.
     BootedMachine();
     ~BootedMachine();
     BootedMachine(const BootedMachine&) = delete;
@@ -63,7 +63,7 @@ class BootedMachine {
     // An orderly shutdown.
     void shutDown();
     void restart();
-    // As when the plug is pulled.
+    // SIGKILL for everything inside, without a shutdown.
     void cutPower();
 
     // --- Commands inside. One that takes longer than two minutes fails the test.
@@ -77,18 +77,17 @@ class BootedMachine {
         return handle({"run", "--session", session}, words);
     }
 
-    // As root; fails the test unless it ends with 0. What it wrote.
+    // As root; fails the test unless it exits with 0. Its output.
     std::string must(const Words& words) const;
 
     // The same for a line of shell.
     std::string sh(const std::string& line) const { return must({"sh", "-c", line}); }
 
-    // Starts the unit; a second time where systemd had removed its control group meanwhile, which
-    // it may do on a busy machine to a unit that was stopped shortly before.
+    // Starts the unit; once more when systemd had just removed its control group, which on a busy
+    // machine happens to a unit that was stopped shortly before.
     void start(const std::string& unit) const;
 
-    // Starts a program within the session and does not wait for it; its output goes to the file
-    // "output" of the person's home.
+    // Starts a program in the session without waiting for it; its output goes to ~/output.
     void startIn(const std::string& session, const Words& words) const;
 
     // --- Files, also while the machine is off, but for those in /run and /tmp.
@@ -100,29 +99,32 @@ class BootedMachine {
     void write(const std::string& inside, const std::string& bytes) const;
     // Whether the item carries the immutable flag.
     [[nodiscard]] bool isLocked(const std::string& inside = Place::app) const;
-    // What the helper has stored; nothing when there is no whole record.
+    // The stored state; nothing without a record that can be parsed.
     [[nodiscard]] std::optional<State> state() const;
 
-    // --- People at the screen.
+    // --- Sessions.
 
-    // A session on seat0 that has the screen when this returns: its id.
+    // Logs the user in on seat0, with a session that is active when this returns; its id.
     [[nodiscard]] std::string logIn(const std::string& person) const;
-    // The login screen has it.
+    // A session of class "greeter", active; its id.
     [[nodiscard]] std::string showLoginScreen() const;
-    // Ends a session and all that runs in it. Returns when it is gone.
+    // Terminates a session and its processes; returns when it is gone.
     void logOut(const std::string& session) const;
-    // Gives the screen to a session, as a switch of users does.
+    // Makes a session the active one of its seat, as fast user switching does.
     void activate(const std::string& session) const;
 
-    // --- What runs. Processes are known by their ids on the real machine, whose /proc shows them.
+    // --- Processes, by their ids outside the machine.
 
     [[nodiscard]] static std::vector<pid_t> running(const std::string& executable) {
         return processesRunning(executable);
     }
 
-    // Waits for one to run that is none of `except`. Fails the test without, and gives -1.
+    // Waits for a process other than `except`; fails the test without one, and returns -1.
     [[nodiscard]] pid_t waitFor(const std::string& executable, Seconds limit,
                                 const std::vector<pid_t>& except = {}) const;
+    // Waits until the helper has admitted that app of alice's, and told it that a commitment holds:
+    // then the app says so in its record. Whether it does within `timeLimit`.
+    [[nodiscard]] bool serves(pid_t app) const;
     // A unit's property, from systemctl show.
     [[nodiscard]] std::string property(const std::string& unit, const std::string& name) const;
 
@@ -139,19 +141,21 @@ class BootedMachine {
 
     // The entries that match, words as journalctl(1) takes them, oldest first.
     [[nodiscard]] std::vector<Entry> journal(const Words& matches) const;
-    // How many lines the helper has logged, since the machine was made, that are `line`, or begin
-    // with it when it ends in "*".
+    // The number of the helper's log lines, in all boots of the machine, that equal `line`, or
+    // begin with it when it ends in "*".
     [[nodiscard]] int count(const std::string& line) const;
     [[nodiscard]] bool says(const std::string& line, Seconds limit = Seconds{20}) const;
 
     // --- The packages.
 
-    // Installs the packages, both in one run of dpkg.
+    // Installs the packages in one run of dpkg(1).
     void install(const Words& files = {HALVO_BOOTED_HELPER, HALVO_BOOTED_SAMPLE_APP}) const;
 
-    // Begins a commitment of the person of that session with the app, which goes on to run. Returns
-    // when it is held and the app is locked.
+    // Begins a commitment with the app in that session; the app keeps running. Returns once it is
+    // stored and the app is locked.
     void commit(const std::string& session, const std::string& minutes = "25") const;
+    // The same for alice, whom it logs in first; the id of the session.
+    std::string logInAndCommit(const std::string& minutes = "25") const;
 
   private:
     void power(const std::string& word);
@@ -161,12 +165,15 @@ class BootedMachine {
     bool isOn_ = false;
 };
 
-// Below the machine's own root.
+// The control group, relative to the machine's root.
 std::string controlGroup(pid_t process);
 
-// What a link in /proc/PID/ns points to.
+// The target of /proc/PID/ns/`kind`.
 std::string processNamespace(pid_t process, const std::string& kind);
 
 bool isAlive(pid_t process);
+
+// The id of the process inside the machine.
+pid_t idInside(pid_t process);
 
 }  // namespace halvo::testing

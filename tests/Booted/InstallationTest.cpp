@@ -1,4 +1,4 @@
-// What is there once the packages are installed, and when they are upgraded.
+// The packages after installation and upgrade.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ struct Installation : ::testing::Test {
     BootedMachine machine;
 };
 
-TEST_F(Installation, StartsTheSocketAndTheFirstCallTheHelper) {
+TEST_F(Installation, StartsTheSocketAndOnTheFirstCallTheHelper) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
     EXPECT_EQ(machine.activeState(Unit::service), "inactive");
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
@@ -41,7 +41,7 @@ TEST_F(Installation, StartsTheSocketAndTheFirstCallTheHelper) {
     EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
-TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
+TEST_F(Installation, CreatesAPrivateGroupWithoutMembersForTheApp) {
     struct stat status{};
     ASSERT_EQ(stat(machine.path(Place::appExecutable).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 02755U);
@@ -54,9 +54,8 @@ TEST_F(Installation, MakesAGroupThatNobodyIsInAndTheAppCarries) {
     EXPECT_EQ(machine.sh("awk -F: '$4 == " + gid + "' /etc/passwd"), "");
 }
 
-TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Installation, ConfinesTheRunningService) {
+    machine.logInAndCommit();
     const ChildResult answer =
         machine.run({"systemd-analyze", "security", "--no-pager", "--threshold=18", Unit::service});
     EXPECT_EQ(answer.status, 0) << answer.output;
@@ -68,9 +67,8 @@ TEST_F(Installation, LeavesLittleOpenOfTheRunningUnit) {
     EXPECT_EQ(processField(helper, "CapEff"), "0000000000080200");
 }
 
-TEST_F(Installation, WritesItsLogToTheJournal) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Installation, LogsToTheJournal) {
+    machine.logInAndCommit();
     ASSERT_TRUE(machine.says("Holding Ultra Hard mode for *"));
     const auto entries = machine.journal({"SUBSYSTEM=app.halvo", "CATEGORY=Helper"});
     ASSERT_THAT(entries, SizeIs(2));
@@ -85,26 +83,26 @@ TEST_F(Installation, WritesItsLogToTheJournal) {
     EXPECT_EQ(entry["_UID"], "0");
 }
 
-TEST_F(Installation, TurnsStrangersAway) {
+TEST_F(Installation, RefusesOtherCallers) {
     const std::string session = machine.logIn("alice");
     const std::string peer = "--peer=unix:path=" + Place::socket;
     const std::vector<std::string> words{
         "dbus-send", "--print-reply",     "--reply-timeout=5000",
         peer,        "/app/halvo/Helper", "org.freedesktop.DBus.Introspectable.Introspect"};
     EXPECT_NE(machine.runIn(session, words).status, 0);
-    const std::string stranger =
+    const std::string refusal =
         "Refused a caller: it does not run with the private group of /usr/bin/dbus-send";
-    EXPECT_TRUE(machine.says(stranger));
-    // Root is none of its callers either.
+    EXPECT_TRUE(machine.says(refusal));
+    // Root is refused, too.
     EXPECT_NE(machine.run(words).status, 0);
-    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count(stranger) == 2; }));
-    // Nor is a copy of the app, which the bit is lost of.
+    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.count(refusal) == 2; }));
+    // And a copy of the app, which lost the set-group-id bit.
     const ChildResult copied = machine.runIn(
         session,
         {"sh", "-c",
          "cp -rp " + Place::app + " ~ && ~/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo 25"});
     EXPECT_EQ(copied.status, 77) << copied.output;
-    // Whose home it need not even look into.
+    // The sandbox does not even let it look into the user's home.
     EXPECT_TRUE(machine.says("Refused a caller: /home/alice/" HALVO_BOOTED_APP
                              ".app/Contents/MacOS/Halvo cannot be "
                              "examined: /home/alice: Permission denied"));
@@ -114,9 +112,9 @@ TEST_F(Installation, TurnsStrangersAway) {
     EXPECT_FALSE(machine.exists(Place::stateFile));
 }
 
-// A copy of the app that is root's in everything, as on a medium that a person wrote and had
-// mounted. The helper looks from within its sandbox, in which every mount is nosuid.
-TEST_F(Installation, TurnsTheAppAwayOnAFileSystemOfAPersonsOwn) {
+// A copy of the app, owned by root, as on a medium that a user wrote and had mounted. The helper
+// must not go by the mounts of its sandbox, which all are nosuid.
+TEST_F(Installation, RefusesTheAppOnAUsersFileSystem) {
     const std::string session = machine.logIn("alice");
     const std::string copy = "/mnt/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo";
     const auto mountCopy = [&](const std::string& option, const std::string& group) {
@@ -137,15 +135,14 @@ TEST_F(Installation, TurnsTheAppAwayOnAFileSystemOfAPersonsOwn) {
     EXPECT_EQ(ask(), 77);
     EXPECT_TRUE(machine.says("Refused a caller: the group alice is the own group of alice"));
     EXPECT_FALSE(machine.exists(Place::stateFile));
-    // Both as they must be: the copy would have passed.
+    // With suid and the private group the copy is admitted.
     mountCopy("suid", "_org_example_focus");
     EXPECT_NE(machine.runIn(session, {copy}).status, 77);
     machine.sh("umount /mnt");
 }
 
-TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Installation, UpgradesDuringACommitment) {
+    machine.logInAndCommit();
     const pid_t app = machine.waitFor(Place::appExecutable, Seconds{5});
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
     const double left = machine.state()->remaining;
@@ -161,15 +158,13 @@ TEST_F(Installation, IsUpgradedWhileACommitmentIsHeld) {
     EXPECT_LE(machine.state()->remaining, left);
     EXPECT_GT(machine.state()->remaining, left - 60);
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
-    EXPECT_EQ(machine.property(Unit::service, "MainPID"),
-              processField(later, "NSpid").substr(processField(later, "NSpid").rfind('\t') + 1));
-    // What is installed anew is the app still.
+    EXPECT_EQ(machine.property(Unit::service, "MainPID"), std::to_string(idInside(later)));
+    // The upgraded app is set-group-id again.
     struct stat status{};
     ASSERT_EQ(stat(machine.path(Place::appExecutable).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 02755U);
     kill(app, SIGKILL);
-    const pid_t opened = machine.waitFor(Place::appExecutable, Seconds{60}, {app});
-    EXPECT_TRUE(always(Seconds{12}, [&] { return isAlive(opened); }));
+    EXPECT_TRUE(machine.serves(machine.waitFor(Place::appExecutable, Seconds{60}, {app})));
 }
 
 }  // namespace

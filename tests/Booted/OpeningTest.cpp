@@ -1,4 +1,4 @@
-// How the app is held open in real sessions.
+// How the helper opens the app in real sessions.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -31,15 +31,15 @@ using ::testing::StartsWith;
 
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
 
-// Six seconds of silence, at most fifteen since the last opening, a tick, and a busy machine.
+// 6 s of silence, up to 15 s since the last opening, a tick, and a busy machine.
 constexpr Seconds openingLimit{60};
-// Clear of any opening that would come.
-constexpr Seconds wellAfter{14};
+// By then a silent app would have been opened again.
+constexpr Seconds wellAfter{10};
 
 struct Opening : ::testing::Test {
     Opening() { machine.install(); }
 
-    // The app is gone when this returns.
+    // Kills the app and waits for its end.
     void quit(pid_t app) const {
         kill(app, SIGKILL);
         ASSERT_TRUE(eventually(Seconds{10}, [&] { return !isAlive(app); }));
@@ -51,26 +51,25 @@ struct Opening : ::testing::Test {
         return always(span, [&] { return machine.running(Place::appExecutable).empty(); });
     }
 
-    // The helper takes it for its app: it hears from it, and so does not open another.
-    [[nodiscard]] bool isServed(pid_t process) const {
-        const int before = machine.count(opening);
-        return always(wellAfter, [&] { return isAlive(process); }) &&
-               machine.count(opening) == before && machine.count("Refused a caller*") == 0 &&
-               machine.running(Place::appExecutable) == std::vector<pid_t>{process};
+    // It runs, is the only one, and the helper has admitted it.
+    void expectServed(pid_t process) const {
+        EXPECT_TRUE(machine.serves(process));
+        EXPECT_EQ(machine.count("Refused a caller*"), 0);
+        EXPECT_EQ(machine.running(Place::appExecutable), std::vector<pid_t>{process});
     }
 
     BootedMachine machine;
 };
 
-// In the place of the person's own systemd manager: replies to a ping, and to nothing else; or also
-// says that a job to start the unit is under way, and no more of it.
+// Replaces a user's systemd manager: replies to Ping only, or also to StartTransientUnit with a job
+// that never runs.
 class EmptyManager {
   public:
-    // In place of whatever is there.
+    // Replaces the manager's private socket.
     EmptyManager(const BootedMachine& machine, uid_t owner, bool acceptsStarts) {
         const std::string path =
             machine.path("/run/user/" + std::to_string(owner) + "/systemd/private");
-        // Of /proc/PID/root/run.
+        // The path is /proc/PID/root/run/...
         const std::string processes = path.substr(0, path.find("/root/")) + "/ns/pid";
         const auto address = socketAddress(path).value();
         unlink(path.c_str());
@@ -79,8 +78,8 @@ class EmptyManager {
         EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
         process_.emplace(Start{.body = [&] {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            // systemd-run(1) wants to know which process listens, and of one that is not in the
-            // machine the kernel does not tell.
+            // systemd-run(1) reads SO_PEERCRED, which has no pid for a process outside the
+            // machine's pid namespace.
             const Descriptor inside(open(processes.c_str(), O_RDONLY | O_CLOEXEC));
             EXPECT_EQ(setns(inside.get(), CLONE_NEWPID), 0);
             TestProcess manager({.body = [&] {
@@ -100,7 +99,7 @@ class EmptyManager {
     static int serve(sd_event_source* source, int listener, std::uint32_t, void* acceptsStarts) {
         const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         sd_bus* bus = newServerBus(connection);
-        // sd-bus itself replies to what is not swallowed here.
+        // sd-bus replies by itself to what is not swallowed here.
         const auto swallow = [](sd_bus_message* message, void* accepts, sd_bus_error*) {
             if (accepts != nullptr &&
                 sd_bus_message_is_method_call(message, "org.freedesktop.systemd1.Manager",
@@ -119,11 +118,9 @@ class EmptyManager {
     std::optional<TestProcess> process_;
 };
 
-// What a person can do to keep their own manager from starting the app.
+// What a user can do to keep the user manager from starting the app.
 struct OpeningDespite : Opening {
-    OpeningDespite() { machine.commit(session); }
-
-    // In the folder of the person's own units.
+    // Runs `commands` in the folder of the user's units.
     void configure(const std::string& commands) const {
         const ChildResult answer = machine.runIn(
             session, {"sh", "-ec",
@@ -132,41 +129,39 @@ struct OpeningDespite : Opening {
         EXPECT_EQ(answer.status, 0) << answer.output;
     }
 
-    // As a drop-in for the unit that the app is opened in.
+    // Adds a drop-in for the unit in which the app is opened.
     void configureUnit(const std::string& settings) const {
         const std::string folder = "app-halvo-" + Place::appID + "@.service.d";
         configure("mkdir " + folder + "\nprintf '[Service]\\n" + settings + "' >" + folder +
                   "/own.conf");
     }
 
-    void expectItBack() const {
+    void expectDirectOpening() const {
         quit(app());
         pid_t opened = -1;
-        EXPECT_TRUE(eventually(backLimit, [&] {
+        EXPECT_TRUE(eventually(directLimit, [&] {
             for (const pid_t process : machine.running(Place::appExecutable)) {
                 const bool isDirect =
                     controlGroup(process).starts_with("/system.slice/halvo-open-");
                 opened = isDirect ? process : opened;
             }
             return opened > 0;
-        })) << "the app is not opened without the person's manager";
-        EXPECT_TRUE(always(Seconds{10}, [&] { return isAlive(opened); }));
+        })) << "the app is not opened without the user manager";
+        expectServed(opened);
         EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
-        // Limits of its own, in place of those of the person's slice.
+        // The unit's own limits, in place of those of the user's slice.
         const std::string unit = controlGroup(opened).substr(std::string("/system.slice/").size());
         EXPECT_EQ(machine.property(unit, "TasksMax"), "4096");
         EXPECT_NE(machine.property(unit, "MemoryMax"), "infinity");
-        EXPECT_EQ(machine.running(Place::appExecutable), std::vector<pid_t>{opened});
     }
 
-    // Six seconds of silence, a try that brings nothing, fifteen seconds, one that does.
-    static constexpr Seconds backLimit{45};
-    const std::string session = machine.logIn("alice");
+    // 6 s of silence, an opening in vain, 15 s, a direct opening, and a busy machine.
+    static constexpr Seconds directLimit{45};
+    const std::string session = machine.logInAndCommit();
 };
 
-TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Opening, IsDoneByTheUserManagerInTheSession) {
+    const std::string session = machine.logInAndCommit();
     EXPECT_EQ(
         machine
             .runIn(session, {"systemctl", "--user", "set-environment", "WAYLAND_DISPLAY=wayland-7"})
@@ -182,13 +177,12 @@ TEST_F(Opening, IsDoneByThePersonsOwnManagerInTheSession) {
                 StartsWith("/user.slice/user-1000.slice/user@1000.service/app.slice/app-halvo-" +
                            Place::appID + "@"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
-    EXPECT_TRUE(isServed(opened));
+    expectServed(opened);
     EXPECT_EQ(machine.failedUnits(), "");
 }
 
-TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Opening, IsDoneOutsideTheSandboxWithoutAUserManager) {
+    machine.logInAndCommit();
     machine.sh("systemctl mask --runtime --now user@1000.service");
     quit(app());
     const pid_t opened = app();
@@ -197,7 +191,7 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
     EXPECT_THAT(controlGroup(opened), StartsWith("/system.slice/halvo-open-"));
     EXPECT_EQ(processField(opened, "Uid"), "1000\t1000\t1000\t1000");
     const pid_t helper = machine.waitFor(Place::helper, Seconds{5});
-    // What it is allowed is what any program of the person is; the machine itself takes some away.
+    // It has the privileges of any program of the user, less what the machine itself takes away.
     const pid_t ordinary = machine.running("/usr/bin/sleep").front();
     for (const std::string field : {"NoNewPrivs", "Seccomp_filters", "CapEff", "CapBnd"}) {
         EXPECT_EQ(processField(opened, field), processField(ordinary, field)) << field;
@@ -207,14 +201,16 @@ TEST_F(Opening, IsDoneOutsideTheHelpersSandboxWithoutTheManagerOfThePerson) {
         EXPECT_EQ(processNamespace(opened, kind), processNamespace(ordinary, kind)) << kind;
     }
     EXPECT_NE(processNamespace(opened, "net"), processNamespace(helper, "net"));
-    EXPECT_TRUE(isServed(opened));
-    // It outlives the helper that had it opened.
+    expectServed(opened);
+    // It outlives the helper that opened it, and the next one admits it: its heartbeats, every 2 s,
+    // are not refused.
     machine.must({"systemctl", "restart", Unit::service});
-    EXPECT_TRUE(isServed(opened));
+    EXPECT_TRUE(always(Seconds{5}, [&] { return isAlive(opened); }));
+    EXPECT_EQ(machine.count("Refused a caller*"), 0);
 }
 
-// systemd-run(1) and systemd have their own meanings for some of these characters.
-TEST_F(Opening, FindsTheAppAtAnOddPath) {
+// systemd-run(1) and systemd expand some of these characters.
+TEST_F(Opening, TakesAPathWithSpecialCharactersLiterally) {
     const std::string odd = "/Applications/Foc$us %n ${x}.app";
     const std::string executable = odd + "/Contents/MacOS/Halvo";
     machine.must({"cp", "--archive", Place::app, odd});
@@ -230,9 +226,8 @@ TEST_F(Opening, FindsTheAppAtAnOddPath) {
                 StartsWith("/system.slice/halvo-open-"));
 }
 
-TEST_F(Opening, WaitsUntilThePersonLogsInAgain) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Opening, WaitsForTheNextLogin) {
+    const std::string session = machine.logInAndCommit();
     machine.logOut(session);
     ASSERT_TRUE(eventually(Seconds{60}, [&] {
         return machine.running(Place::appExecutable).empty() &&
@@ -248,15 +243,14 @@ TEST_F(Opening, WaitsUntilThePersonLogsInAgain) {
     EXPECT_THAT(processWords(opened), ElementsAre(Place::appExecutable));
 }
 
-TEST_F(Opening, IsForThePersonAtTheScreenOnly) {
-    const std::string alice = machine.logIn("alice");
-    machine.commit(alice);
+TEST_F(Opening, IsForTheActiveSessionOnly) {
+    const std::string alice = machine.logInAndCommit();
     const std::string bob = machine.logIn("bob");
     quit(app());
     EXPECT_TRUE(staysClosed(wellAfter));
-    // Whom nothing holds.
+    // The other user has no commitment.
     EXPECT_THAT(machine.runIn(bob, {Place::appExecutable}).output, HasSubstr("Nothing holds"));
-    // The login screen is nobody.
+    // A greeter's session is no user's.
     const std::string greeter = machine.showLoginScreen();
     EXPECT_TRUE(staysClosed(wellAfter));
     EXPECT_EQ(machine.count(opening), 0);
@@ -267,9 +261,8 @@ TEST_F(Opening, IsForThePersonAtTheScreenOnly) {
     EXPECT_EQ(machine.count(opening), 1);
 }
 
-TEST_F(Opening, IsCountedOfAnAppThatDoesNotStayAndItsMessagesAreWhereTheLogSays) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+TEST_F(Opening, IsCountedWhenTheAppExitsAndTheLogNamesItsMessages) {
+    machine.logInAndCommit();
     const pid_t first = app();
     machine.sh("cp --remove-destination /usr/bin/echo " + Place::appExecutable);
     quit(first);
@@ -281,42 +274,42 @@ TEST_F(Opening, IsCountedOfAnAppThatDoesNotStayAndItsMessagesAreWhereTheLogSays)
         const std::string& message = entry["MESSAGE"];
         command = message.starts_with(line) ? message.substr(line.size()) : command;
     }
-    // Once from the person's manager, once from the machine's.
+    // Once by the user manager, once by the system manager.
     EXPECT_GE(std::stoi(machine.sh(command + " --output=cat | grep --count --line-regexp --regexp="
                                              "'-halvoRelaunchedAfterQuit YES'")),
               2)
         << machine.sh(command);
 }
 
-TEST_F(OpeningDespite, ADropInThatRunsSomethingElse) {
+TEST_F(OpeningDespite, ADropInThatReplacesExecStart) {
     configureUnit("ExecStart=\\nExecStart=/bin/true\\n");
-    expectItBack();
+    expectDirectOpening();
 }
 
-TEST_F(OpeningDespite, ALimitThatLeavesTheAppNoMemory) {
+TEST_F(OpeningDespite, AnAddressSpaceLimit) {
     configureUnit("LimitAS=1M\\n");
-    expectItBack();
+    expectDirectOpening();
 }
 
 TEST_F(OpeningDespite, AMaskedSlice) {
     configure("ln -s /dev/null app.slice\nsystemctl --user stop app.slice");
-    expectItBack();
+    expectDirectOpening();
 }
 
 TEST_F(OpeningDespite, AManagerThatOnlyAnswersPings) {
     const EmptyManager manager(machine, BootedMachine::alice, false);
-    expectItBack();
+    expectDirectOpening();
 }
 
-TEST_F(OpeningDespite, AManagerThatAcceptsTheStartAndForgetsIt) {
+TEST_F(OpeningDespite, AManagerThatNeverRunsTheJob) {
     const EmptyManager manager(machine, BootedMachine::alice, true);
-    expectItBack();
+    expectDirectOpening();
     EXPECT_TRUE(eventually(Seconds{45}, [&] {
         return machine.running("/usr/bin/systemd-run").empty();
-    })) << "what asked the manager waits for ever";
+    })) << "systemd-run waits for ever";
 }
 
-TEST_F(OpeningDespite, ASessionThatIsKeptClosing) {
+TEST_F(OpeningDespite, ASessionKeptInStateClosing) {
     machine.startIn(session, {"sleep", "infinity"});
     machine.sh("kill -KILL $(loginctl show-session --value --property=Leader " + session + ")");
     ASSERT_TRUE(eventually(Seconds{20}, [&] {
@@ -326,15 +319,15 @@ TEST_F(OpeningDespite, ASessionThatIsKeptClosing) {
     const Seconds closedAt = timeNow();
     quit(app());
     EXPECT_TRUE(staysClosed(Seconds{84} - (timeNow() - closedAt)));
-    const pid_t opened = machine.waitFor(Place::appExecutable, Seconds{6} + backLimit);
-    EXPECT_TRUE(always(Seconds{10}, [&] { return isAlive(opened); }));
+    const pid_t opened = machine.waitFor(Place::appExecutable, Seconds{6} + directLimit);
+    expectServed(opened);
     EXPECT_EQ(machine.sh("loginctl show-session --value --property=State " + session), "closing\n");
 }
 
-TEST_F(Opening, WaitsNinetySecondsForASessionThatWasToEnd) {
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
-    // To the app the session ends when the machine is about to go down, which somebody delays.
+TEST_F(Opening, WaitsNinetySecondsForAnEndingSession) {
+    const std::string session = machine.logInAndCommit();
+    // The app announces the end of the session when a shutdown is prepared; an inhibitor delays
+    // that.
     machine.sh(
         "mkdir -p /run/systemd/logind.conf.d && printf '[Login]\\nInhibitDelayMaxSec=600\\n' "
         ">/run/systemd/logind.conf.d/delay.conf && systemctl restart systemd-logind && "

@@ -1,4 +1,4 @@
-// What is left when the packages are removed.
+// What the removal of the packages leaves.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ using ::testing::IsEmpty;
 
 const std::string group = "_org_example_focus";
 
-// What a machine is: each command's output is to be as it was before.
+// Commands that describe the machine's state; a purge restores their output.
 const std::vector<std::string> probes{
     // Each item of the disk with its kind, owner, mode, size or target. Left out, because every run
     // of dpkg and every start writes there whatever is installed: logs, caches, dpkg's own
@@ -31,9 +31,9 @@ const std::vector<std::string> probes{
     "-name '.pwd.lock' -o -path /etc/group -o -path /etc/gshadow -o "
     "-path /etc/ld.so.cache \\) -o -type d -printf '%p %y %u:%g %m\\n' -o "
     "-printf '%p %y %u:%g %m %s %l\\n' | sort",
-    // What carries the immutable flag.
+    // Items with the immutable flag.
     "lsattr -R / 2>/dev/null | grep -E '^[-a-zA-Z]*i[-a-zA-Z]* /' || true",
-    // What files hold.
+    // Contents of files.
     "find /etc /usr /lib/systemd /var/lib/systemd /opt /srv -xdev -type f "
     "! -name '*-' ! -path /etc/ld.so.cache ! -path /etc/group ! -path /etc/gshadow "
     "! -path '/var/lib/systemd/timers/*' ! -path '/var/lib/systemd/catalog/*' "
@@ -43,9 +43,9 @@ const std::vector<std::string> probes{
     "/var/lib/systemd/deb-systemd-helper-enabled 2>/dev/null || true"};
 
 struct Removal : ::testing::Test {
-    // What is left of ours that is not on the disk. systemd may remember for a while that there was
-    // a unit, as "not-found".
-    [[nodiscard]] std::string ours() const {
+    // Remains of the packages outside the probed folders. systemd may list a removed unit for a
+    // while, as "not-found".
+    [[nodiscard]] std::string remains() const {
         return machine.sh(
             "{ ls /run /Library /Applications; systemctl list-units --all --no-legend; "
             "} 2>/dev/null | grep -iE 'org.example|halvo' | "
@@ -64,11 +64,10 @@ struct Removal : ::testing::Test {
     BootedMachine machine;
 };
 
-// As after a crash of the disk: the helper gives the lock up with the record.
-TEST_F(Removal, LeavesNoLockOfARecordThatWasDamaged) {
+// The helper gives a lock up with a record that it cannot parse.
+TEST_F(Removal, ClearsTheLockOfADamagedRecord) {
     machine.install();
-    const std::string session = machine.logIn("alice");
-    machine.commit(session);
+    machine.logInAndCommit();
     machine.must({"kill", "-KILL", machine.property(Unit::service, "MainPID")});
     machine.write(Place::stateFile, "damaged");
     ASSERT_TRUE(eventually(Seconds{20}, [&] { return !machine.exists(Place::stateFile); }));
@@ -77,14 +76,15 @@ TEST_F(Removal, LeavesNoLockOfARecordThatWasDamaged) {
     remove("purge");
     EXPECT_FALSE(machine.exists(Place::app));
     EXPECT_NE(machine.run({"getent", "group", group}).status, 0);
-    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(remains(), "");
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
 }
 
-// The app's package lets go as well, and is removed first where dpkg has its way.
-TEST_F(Removal, EndsACommitmentAlsoWhereTheAppStays) {
+// The app's package ends a commitment as well; dpkg(1) removes it first, as it depends on the
+// helper.
+TEST_F(Removal, OfTheHelperAloneEndsACommitment) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     const std::string said =
         machine.sh("dpkg --remove --force-depends " HALVO_BOOTED_PACKAGE "-helper 2>&1");
     EXPECT_THAT(said, HasSubstr("Let go of the commitment of alice"));
@@ -97,9 +97,9 @@ TEST_F(Removal, EndsACommitmentAlsoWhereTheAppStays) {
     EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
 }
 
-TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
+TEST_F(Removal, OfTheAppAloneLeavesTheHelper) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     machine.sh("dpkg --remove " HALVO_BOOTED_PACKAGE "-sample-app");
     EXPECT_FALSE(machine.exists(Place::app));
     EXPECT_FALSE(machine.exists(Place::stateFolder));
@@ -107,8 +107,8 @@ TEST_F(Removal, TakesTheAppAwayAloneAndLeavesTheHelper) {
     EXPECT_NE(machine.activeState(Unit::service), "failed");
 }
 
-TEST_F(Removal, EndsACommitmentAndLeavesTheMachineAsItWasBeforeOncePurged) {
-    // Makes her folders, once.
+TEST_F(Removal, EndsACommitmentAndAPurgeRestoresTheMachine) {
+    // The first login creates the user's folders.
     const std::string session = machine.logIn("alice");
     std::vector<std::string> before;
     for (const std::string& probe : probes) {
@@ -117,18 +117,18 @@ TEST_F(Removal, EndsACommitmentAndLeavesTheMachineAsItWasBeforeOncePurged) {
     machine.install();
     machine.commit(session);
     for (std::size_t i = 0; i < probes.size(); ++i) {
-        EXPECT_NE(machine.sh(probes[i]), before[i]) << probes[i] << " would see nothing";
+        EXPECT_NE(machine.sh(probes[i]), before[i]) << "not a useful probe: " << probes[i];
     }
     remove("remove");
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
     EXPECT_THAT(machine.running(Place::helper + " (deleted)"), IsEmpty());
-    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(remains(), "");
     EXPECT_EQ(machine.failedUnits(), "");
     EXPECT_EQ(machine.sh("dpkg --audit"), "");
-    // Its process keeps the group.
+    // The group stays as long as a process has it.
     machine.sh("pkill --exact Halvo");
     remove("purge");
-    EXPECT_EQ(ours(), "");
+    EXPECT_EQ(remains(), "");
     for (std::size_t i = 0; i < probes.size(); ++i) {
         machine.write("/root/before", before[i]);
         machine.write("/root/after", machine.sh(probes[i]));
@@ -137,7 +137,7 @@ TEST_F(Removal, EndsACommitmentAndLeavesTheMachineAsItWasBeforeOncePurged) {
     EXPECT_EQ(machine.sh("dpkg --list | grep -i org.example || true"), "");
 }
 
-TEST_F(Removal, KeepsTheGroupAsLongAsAFileCarriesIt) {
+TEST_F(Removal, KeepsTheGroupWhileAFileHasIt) {
     machine.install();
     machine.sh("touch /srv/kept && chgrp " + group + " /srv/kept");
     machine.sh("dpkg --purge " HALVO_BOOTED_PACKAGE "-sample-app");
@@ -146,11 +146,11 @@ TEST_F(Removal, KeepsTheGroupAsLongAsAFileCarriesIt) {
     EXPECT_EQ(machine.run({"getent", "group", group}).status, 0);
 }
 
-// The next group that gets the number would be that process's too. A real or effective group is in
-// the saved one's place for a program that has not begun; supplementary ones root hands out.
-TEST_F(Removal, KeepsTheGroupAsLongAsAProcessHasIt) {
+// Otherwise the process would be in the next group that gets the number. Real, effective and saved
+// groups of a process count, and supplementary ones.
+TEST_F(Removal, KeepsTheGroupWhileAProcessHasIt) {
     machine.install();
-    machine.commit(machine.logIn("alice"));
+    machine.logInAndCommit();
     const std::vector<pid_t> apps = machine.running(Place::appExecutable);
     ASSERT_EQ(apps.size(), 1U);
     EXPECT_THAT(processField(apps.front(), "Gid"), HasSubstr(gid()));

@@ -1,4 +1,4 @@
-// The helper as a service: stopped, killed, hung, idle, and over restarts of the machine.
+// The service when it is stopped, killed, hung or idle, and across restarts of the machine.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ struct Service : ::testing::Test {
 
     [[nodiscard]] double remaining() const {
         const auto state = machine.state();
-        EXPECT_TRUE(state.has_value()) << "nothing is stored";
+        EXPECT_TRUE(state.has_value()) << "no commitment is stored";
         return state ? state->remaining : -1;
     }
 
@@ -32,7 +32,7 @@ struct Service : ::testing::Test {
     std::string session;
 };
 
-TEST_F(Service, LetsGoOfTheLockWhileItIsStoppedAndNeitherLosesNorGivesTime) {
+TEST_F(Service, UnlocksWhileStoppedAndCountsThatTime) {
     machine.commit(session);
     const Seconds begun = timeNow();
     machine.must({"systemctl", "stop", Unit::socket, Unit::service});
@@ -41,9 +41,9 @@ TEST_F(Service, LetsGoOfTheLockWhileItIsStoppedAndNeitherLosesNorGivesTime) {
     EXPECT_EQ(machine.property(Unit::service, "ExecMainStatus"), "75");
     EXPECT_FALSE(machine.isLocked());
     const double stored = remaining();
-    // Long enough to be told from what the test itself takes.
+    // Well above the tolerances below.
     EXPECT_TRUE(always(Seconds{8}, [&] { return !machine.isLocked(); }));
-    EXPECT_EQ(remaining(), stored) << "somebody wrote while nothing ran";
+    EXPECT_EQ(remaining(), stored) << "the record changed while no helper ran";
     machine.start(Unit::service);
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
     const double taken = 1500 - remaining();
@@ -53,7 +53,7 @@ TEST_F(Service, LetsGoOfTheLockWhileItIsStoppedAndNeitherLosesNorGivesTime) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
 }
 
-TEST_F(Service, SetsTheLockBackThatRootTookOff) {
+TEST_F(Service, LocksAgainAfterRootUnlocked) {
     machine.commit(session);
     EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
     EXPECT_NE(machine.run({"mv", Place::app, "/Applications/Other.app"}).status, 0);
@@ -63,10 +63,10 @@ TEST_F(Service, SetsTheLockBackThatRootTookOff) {
     EXPECT_TRUE(machine.says("Locked Halvo's app again"));
 }
 
-TEST_F(Service, IsStartedAgainAfterASignalWhileItHolds) {
+TEST_F(Service, RestartsAfterSIGTERMWhileHolding) {
     machine.commit(session);
     const pid_t first = helper();
-    // The app would have the socket start it.
+    // The app would start it through the socket.
     for (const pid_t app : machine.running(Place::appExecutable)) {
         kill(app, SIGKILL);
     }
@@ -79,7 +79,7 @@ TEST_F(Service, IsStartedAgainAfterASignalWhileItHolds) {
     EXPECT_GT(remaining(), 1400);
 }
 
-TEST_F(Service, EndsForGoodAfterASignalWhenItHoldsNothing) {
+TEST_F(Service, StaysInactiveAfterSIGTERMWhenIdle) {
     EXPECT_EQ(machine.runIn(session, {Place::appExecutable}).status, 0);
     kill(helper(), SIGTERM);
     EXPECT_TRUE(
@@ -89,7 +89,7 @@ TEST_F(Service, EndsForGoodAfterASignalWhenItHoldsNothing) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
 }
 
-TEST_F(Service, ComesBackHoweverOftenItIsKilled) {
+TEST_F(Service, RestartsAfterEachOfTenKills) {
     machine.commit(session);
     pid_t last = helper();
     for (int time = 0; time < 10; ++time) {
@@ -106,7 +106,7 @@ TEST_F(Service, ComesBackHoweverOftenItIsKilled) {
     EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
 }
 
-TEST_F(Service, IsStartedAgainWhenItHangs) {
+TEST_F(Service, IsRestartedByTheWatchdogWhenItHangs) {
     machine.commit(session);
     const pid_t hung = helper();
     kill(hung, SIGSTOP);
@@ -114,7 +114,7 @@ TEST_F(Service, IsStartedAgainWhenItHangs) {
     const pid_t next = machine.waitFor(Place::helper, Seconds{120}, {hung});
     EXPECT_NE(next, hung);
     EXPECT_FALSE(isAlive(hung));
-    EXPECT_GT(timeNow() - since, Seconds{10}) << "it was not the watchdog";
+    EXPECT_GT(timeNow() - since, Seconds{10}) << "sooner than the watchdog";
     EXPECT_TRUE(eventually(Seconds{20}, [&] {
         return machine.isLocked() && machine.activeState(Unit::service) == "active";
     }));
@@ -122,23 +122,21 @@ TEST_F(Service, IsStartedAgainWhenItHangs) {
               std::string::npos);
 }
 
-// The machine is restarted.
-
+// Of the machine.
 struct Restart : ::testing::Test {
     Restart() { machine.install(); }
 
     BootedMachine machine;
 };
 
-TEST_F(Restart, TakesTheCommitmentUpAgainBeforeAnybodyLogsIn) {
-    machine.commit(machine.logIn("alice"));
+TEST_F(Restart, ResumesTheCommitmentBeforeAnyLogin) {
+    machine.logInAndCommit();
     const Seconds begun = timeNow();
     machine.shutDown();
-    EXPECT_FALSE(machine.isLocked()) << "an orderly end takes the lock off";
+    EXPECT_FALSE(machine.isLocked()) << "a shutdown unlocks";
     ASSERT_TRUE(machine.state().has_value());
-    // A while that only the clock on the wall knows of.
-    const Seconds off = timeNow();
-    EXPECT_TRUE(eventually(Seconds{20}, [&] { return timeNow() - off >= Seconds{10}; }));
+    // Time that only the wall clock counts.
+    sleepFor(Seconds{10});
     machine.switchOn();
     EXPECT_TRUE(eventually(Seconds{30}, [&] { return machine.isLocked(); }));
     (void)machine.waitFor(Place::helper, Seconds{10});
@@ -148,17 +146,17 @@ TEST_F(Restart, TakesTheCommitmentUpAgainBeforeAnybodyLogsIn) {
     const double passed = (timeNow() - begun).count();
     EXPECT_GT(taken, passed - 5);
     EXPECT_LT(taken, passed + 5);
-    // Who logs in gets the app, and not as one that was quit.
+    // The app is opened at login, and not as after a quit.
     const std::string session = machine.logIn("alice");
     const pid_t app = machine.waitFor(Place::appExecutable, Seconds{60});
     EXPECT_THAT(processWords(app), ::testing::ElementsAre(Place::appExecutable));
     EXPECT_EQ(machine.failedUnits(), "");
 }
 
-TEST_F(Restart, HoldsOnAfterAPowerCut) {
-    machine.commit(machine.logIn("alice"));
+TEST_F(Restart, ResumesTheCommitmentAfterAPowerCut) {
+    machine.logInAndCommit();
     machine.cutPower();
-    EXPECT_TRUE(machine.isLocked()) << "nobody could take the lock off";
+    EXPECT_TRUE(machine.isLocked()) << "a power cut leaves the lock";
     machine.switchOn();
     (void)machine.waitFor(Place::helper, Seconds{30});
     EXPECT_TRUE(machine.says("Holding Ultra Hard mode for another *"));
@@ -166,12 +164,12 @@ TEST_F(Restart, HoldsOnAfterAPowerCut) {
     EXPECT_GT(machine.state()->remaining, 1400);
 }
 
-TEST_F(Restart, LetsGoOfWhatRanOutMeanwhile) {
-    machine.commit(machine.logIn("alice"), "0.25");
+TEST_F(Restart, EndsACommitmentThatExpiredMeanwhile) {
+    machine.logInAndCommit("0.25");
+    const Seconds end = timeNow() + Seconds{16};
     machine.cutPower();
     EXPECT_TRUE(machine.isLocked());
-    const Seconds off = timeNow();
-    EXPECT_TRUE(eventually(Seconds{30}, [&] { return timeNow() - off >= Seconds{16}; }));
+    sleepFor(end - timeNow());
     machine.switchOn();
     EXPECT_TRUE(machine.says("Ultra Hard mode let go: expiredAtStartup"));
     EXPECT_FALSE(machine.isLocked());
@@ -179,8 +177,8 @@ TEST_F(Restart, LetsGoOfWhatRanOutMeanwhile) {
     EXPECT_EQ(machine.sh("rm -r " + Place::app + " && echo gone"), "gone\n");
 }
 
-TEST_F(Restart, StartsNoHelperWhenNothingIsHeld) {
-    machine.commit(machine.logIn("alice"), "0.1");
+TEST_F(Restart, StartsNoHelperWithoutACommitment) {
+    machine.logInAndCommit("0.1");
     ASSERT_TRUE(machine.says("Ultra Hard mode let go: deadline", Seconds{40}));
     EXPECT_FALSE(machine.exists(Place::stateFolder));
     machine.restart();
@@ -188,18 +186,18 @@ TEST_F(Restart, StartsNoHelperWhenNothingIsHeld) {
     EXPECT_EQ(machine.property(Unit::service, "ActiveEnterTimestamp"), "");
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
     EXPECT_THAT(machine.running(Place::helper), IsEmpty());
-    // It is one call away.
+    // The first call starts it.
     EXPECT_EQ(machine.runIn(machine.logIn("alice"), {Place::appExecutable}).status, 0);
     EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
-// What the tests of restarts stand on.
+// A premise of the tests of restarts.
 TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
     BootedMachine machine;
     const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
     const std::string bootID = machine.sh("cat /proc/sys/kernel/random/boot_id");
     ASSERT_TRUE(eventually(Seconds{30}, [&] { return sinceBoot() > 5; }));
-    EXPECT_LT(sinceBoot(), 120) << "this is the real machine's";
+    EXPECT_LT(sinceBoot(), 120) << "the uptime of the real machine";
     const Seconds before = timeNow();
     machine.restart();
     // The start is known to a second.

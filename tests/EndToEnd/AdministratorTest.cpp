@@ -1,5 +1,5 @@
-// What root sees of the helper, and the way out, with halvoctl; each kind of state is held by its
-// own tests.
+// halvoctl with a real helper: status, doctor and release. The tests of halvoctl cover each state
+// in detail.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 
-// What says which app it is about.
+// What halvoctl's lines begin with.
 const std::string named = HALVO_APP_BUNDLE_ID ": ";
 
 ChildResult control(std::vector<std::string> words, std::optional<uid_t> person = {}) {
@@ -37,7 +37,7 @@ ChildResult control(std::vector<std::string> words, std::optional<uid_t> person 
     return runInChild({.words = std::move(words), .person = person});
 }
 
-Json seen() {
+Json statusJSON() {
     const ChildResult answer = control({"status", "--json"});
     EXPECT_EQ(answer.status, 0) << answer.output;
     return Json::parse(answer.output, nullptr, false);
@@ -53,14 +53,6 @@ class AdministratorTest : public ::testing::Test {
         EXPECT_FALSE(isLocked());
     }
 
-    // A commitment of ten minutes whose helper was killed.
-    void commit() const {
-        RunningHelper helper;
-        EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
-        helper.kill();
-        EXPECT_TRUE(isLocked());
-    }
-
     [[nodiscard]] std::string person() const {
         return world.userName + " (uid " + std::to_string(world.user) + ")";
     }
@@ -68,11 +60,11 @@ class AdministratorTest : public ::testing::Test {
     World world;
 };
 
-TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
+TEST_F(AdministratorTest, ShowsTheStatusBeforeDuringAndAfterTheHelperRuns) {
     EXPECT_THAT(control({"status"}).output, StartsWith(named + "Nothing holds.\n"));
-    EXPECT_EQ(seen()["commitment"], nullptr);
-    EXPECT_EQ(seen()["apps"][0]["path"], Place::app);
-    EXPECT_EQ(seen()["apps"][0]["flag"], "unlocked");
+    EXPECT_EQ(statusJSON()["commitment"], nullptr);
+    EXPECT_EQ(statusJSON()["apps"][0]["path"], Place::app);
+    EXPECT_EQ(statusJSON()["apps"][0]["flag"], "unlocked");
 
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
@@ -82,7 +74,7 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
         AllOf(StartsWith(named + "Ultra Hard mode holds for " + person() + ", for another "),
               HasSubstr("runs, pid " + std::to_string(pid) + "\n"),
               HasSubstr("The bundle is locked, as the record says.\n")));
-    Json held = seen();
+    Json held = statusJSON();
     EXPECT_EQ(held["helper"]["pids"], Json::array({pid}));
     EXPECT_EQ(held["commitment"]["user"], world.userName);
     EXPECT_NEAR(held["commitment"]["left"], 600, 30);
@@ -91,13 +83,13 @@ TEST_F(AdministratorTest, SeesWhatIsSoAtEachStage) {
     EXPECT_EQ(held["stateFile"]["condition"], "whole");
 
     helper.terminate();
-    held = seen();
+    held = statusJSON();
     EXPECT_EQ(held["helper"]["pids"], Json::array());
     EXPECT_EQ(held["apps"][0]["flag"], "unlocked");
     EXPECT_EQ(held["apps"][0]["next"], "The helper locks it when it starts: " + Place::helper);
 }
 
-TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
+TEST_F(AdministratorTest, FindsNoProblemInASoundInstallation) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess app = world.startApp();
@@ -109,7 +101,7 @@ TEST_F(AdministratorTest, IsToldThatEverythingIsInstalledAsItMustBe) {
     EXPECT_THAT(persons.output, EndsWith("Type: sudo halvoctl doctor\n"));
 }
 
-TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
+TEST_F(AdministratorTest, ReleasesTheCommitmentOfARunningHelper) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const ChildResult answer = control({"release"});
@@ -124,12 +116,12 @@ TEST_F(AdministratorTest, LetsGoOfWhatARunningHelperHolds) {
     expectNothingLeft();
 }
 
-// What the rules give up with its record: one that is damaged beyond telling, and one that is
-// larger than is read. And one that a helper takes for none, which leaves it there.
-TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
+// The helper gives a lock up with a record that it cannot parse or that is too large. It leaves a
+// record in place that it cannot read at all.
+TEST_F(AdministratorTest, ReleaseClearsALockThatNoRecordOwes) {
     const std::string tooLarge(std::size_t{2} << 20U, ' ');
     for (const std::string& bytes : {std::string("damaged"), tooLarge, std::string("unreadable")}) {
-        commit();
+        leaveCommitment(world);
         fs::remove(Place::stateFile);
         if (bytes == "unreadable") {
             fs::create_directory(Place::stateFile);
@@ -140,7 +132,7 @@ TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
         EXPECT_FALSE(world.status().holding);
         helper.terminate();
         ASSERT_TRUE(isLocked());
-        Json app = seen()["apps"][0];
+        Json app = statusJSON()["apps"][0];
         EXPECT_EQ(app["path"], Place::app);
         EXPECT_EQ(app["agrees"], false);
         EXPECT_THAT(app["next"], EndsWith(": halvoctl release"));
@@ -154,17 +146,17 @@ TEST_F(AdministratorTest, TakesOffTheLockThatNoRecordOwes) {
     }
 }
 
-TEST_F(AdministratorTest, MayBeInterruptedAnywhereAndRunAgain) {
+TEST_F(AdministratorTest, ReleaseMayBeKilledAnywhereAndRunAgain) {
     for (int call = 1;; ++call) {
         SCOPED_TRACE("killed at system call " + std::to_string(call));
-        commit();
+        leaveCommitment(world);
         TestProcess release({.words = {Place::control, "release"}, .stopped = true});
         Stepper stepper(release);
-        // Before it has its lock it only reads.
+        // Before it takes its lock file it only reads.
         const bool killed = stepper.goTo(call, SYS_flock, [] { return false; });
         release.kill();
         if (isLocked()) {
-            EXPECT_TRUE(world.state()) << "locked, and nothing owes its removal";
+            EXPECT_TRUE(world.state()) << "locked, and no record owes the unlock";
         }
         EXPECT_EQ(control({"release"}).status, 0);
         EXPECT_FALSE(isLocked());
@@ -176,7 +168,7 @@ TEST_F(AdministratorTest, MayBeInterruptedAnywhereAndRunAgain) {
     }
 }
 
-TEST_F(AdministratorTest, FinishesAReleaseWhateverSignalComes) {
+TEST_F(AdministratorTest, ReleaseIsNotInterruptedByTerminationSignals) {
     RunningHelper helper;
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     helper.process().stop();
@@ -192,10 +184,10 @@ TEST_F(AdministratorTest, FinishesAReleaseWhateverSignalComes) {
     expectNothingLeft();
 }
 
-TEST_F(AdministratorTest, KnowsTheAppWhateverLinkItWasCalledBy) {
+TEST_F(AdministratorTest, KnowsTheAppWhenCalledThroughASymlink) {
     fs::create_directories("/tmp/sbin");
     fs::create_symlink(Place::control, "/tmp/sbin/halvoctl");
-    commit();
+    leaveCommitment(world);
     TestProcess status({.words = {"/tmp/sbin/halvoctl", "status"}});
     EXPECT_EQ(status.wait(), 0);
     EXPECT_THAT(status.output(), StartsWith(named + "Ultra Hard mode holds for " + person()));

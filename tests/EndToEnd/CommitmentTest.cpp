@@ -1,5 +1,5 @@
-// A commitment from its begin to its end. The rules are held by the tests of the engine, of the
-// connection and of the store: here they are seen together where all of it is real.
+// A commitment from begin to end with all parts real. The tests of the engine, of the connection
+// and of the store cover the rules one by one.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -28,8 +28,8 @@ class CommitmentTest : public ::testing::Test {
     RunningHelper helper;
 };
 
-TEST_F(CommitmentTest, IsHeldSavedAndLockedUntilItIsLetGo) {
-    const Told before = world.status();
+TEST_F(CommitmentTest, IsHeldSavedAndLockedUntilItEnds) {
+    const Status before = world.status();
     EXPECT_FALSE(before.holding);
     EXPECT_EQ(before.until, std::nullopt);
     EXPECT_FALSE(before.locked);
@@ -37,7 +37,7 @@ TEST_F(CommitmentTest, IsHeldSavedAndLockedUntilItIsLetGo) {
     const double asked = secondsSince1970(wallNow());
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_EQ(helper.count("Holding Ultra Hard mode for 59*"), 1);
-    const Told after = world.status();
+    const Status after = world.status();
     EXPECT_TRUE(after.holding);
     EXPECT_TRUE(after.locked);
     EXPECT_NEAR(after.until.value_or(0), asked + 600, 5);
@@ -59,7 +59,7 @@ TEST_F(CommitmentTest, IsHeldSavedAndLockedUntilItIsLetGo) {
     EXPECT_FALSE(exists(Place::stateFolder));
 }
 
-TEST_F(CommitmentTest, KeepsRootItselfFromMovingTheApp) {
+TEST_F(CommitmentTest, KeepsEvenRootFromMovingTheApp) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const std::string moved = Place::applications + "/Moved.app";
     EXPECT_EQ(rename(Place::app.c_str(), moved.c_str()), -1);
@@ -74,7 +74,7 @@ TEST_F(CommitmentTest, KeepsRootItselfFromMovingTheApp) {
     EXPECT_EQ(rename(Place::app.c_str(), moved.c_str()), 0);
 }
 
-TEST_F(CommitmentTest, IsLetGoAtTheFirstTickAfterItsDeadline) {
+TEST_F(CommitmentTest, EndsAtTheFirstTickAfterItsDeadline) {
     const Seconds begun = timeNow();
     ASSERT_EQ(world.begin(Seconds{5}), Reply::yes);
     EXPECT_TRUE(isLocked());
@@ -85,7 +85,7 @@ TEST_F(CommitmentTest, IsLetGoAtTheFirstTickAfterItsDeadline) {
     EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::no);
 }
 
-TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
+TEST_F(CommitmentTest, LocksAgainWithinATick) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     for (int times = 1; times <= 2; ++times) {
         setLockedByHand(false);
@@ -97,7 +97,7 @@ TEST_F(CommitmentTest, SetsTheLockAgainWithinATick) {
     }
 }
 
-TEST_F(CommitmentTest, BelongsToOnePerson) {
+TEST_F(CommitmentTest, BelongsToOneUser) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_EQ(world.begin(Seconds{1200}, world.other), Reply::no);
     EXPECT_EQ(helper.count("error: Refused a begin while another person's Ultra Hard mode runs"),
@@ -112,7 +112,7 @@ TEST_F(CommitmentTest, BelongsToOnePerson) {
     EXPECT_EQ(world.state()->uid, world.other);
 }
 
-TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnlyByWhateverPath) {
+TEST_F(CommitmentTest, BindsOnlyTheCallersOwnBundleAlsoThroughASymlink) {
     world.installApp(Place::applications + "/Other.app");
     for (const char* path : {"/Applications/Other.app", "/Applications/Missing.app", "",
                              "Halvo.app", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
@@ -129,7 +129,7 @@ TEST_F(CommitmentTest, BindsTheCallersOwnBundleOnlyByWhateverPath) {
 
 using RequestTest = CommitmentTest;
 
-TEST_F(RequestTest, MustHaveFiniteDatesAndAStartThatCanBeCounted) {
+TEST_F(RequestTest, MustHaveFiniteDatesAndAStartBeforeTheYearTenThousand) {
     const std::string notFinite = " is not a finite number";
     const auto expectRejection = [this](const std::vector<std::string>& words,
                                         const std::string& why) {

@@ -1,4 +1,4 @@
-// What callers, let in or not, can take of the helper: connections, time, memory, lines of its log.
+// Resource limits: how many connections, how much time, memory and log a client can consume.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,24 +23,24 @@ namespace {
 
 using ::testing::AnyOf;
 
-// A sanitizer keeps what was freed for a while.
+// AddressSanitizer's quarantine keeps freed memory.
 constexpr long smallGrowth = isSanitized ? 400'000 : 2'048;  // KiB
 
 class CrowdTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        // The first connections make the helper load and allocate what stays.
+        // The first connections cause one-time loads and allocations.
         for (int i = 0; i < 5; ++i) {
             ASSERT_EQ(world.ask({"status"}).status, Reply::no);
         }
-        // Nobody for whom the app would be opened, which takes a place and asks, too.
+        // No console user, or the helper would open the app, which connects too.
         world.leaveConsole();
         sleepFor(Seconds{0.5});
         descriptorsBefore = helper.descriptors();
         memoryBefore = memory();
     }
 
-    // The app is served, and nothing that the crowd took is still taken.
+    // The app is served, and all descriptors and memory of the other clients are released.
     void TearDown() override {
         EXPECT_TRUE(helper.isRunning());
         EXPECT_EQ(world.ask({"status"}).status, Reply::no);
@@ -50,7 +50,7 @@ class CrowdTest : public ::testing::Test {
         EXPECT_LE(memory() - memoryBefore, smallGrowth);
     }
 
-    // In KiB, without what other processes use too.
+    // Anonymous resident memory, in KiB.
     [[nodiscard]] long memory() const {
         return std::stol(processField(helper.process().pid(), "RssAnon"));
     }
@@ -61,28 +61,29 @@ class CrowdTest : public ::testing::Test {
     long memoryBefore = 0;
 };
 
-// Connects over and over as a stranger, a hundred times at once, until it cannot.
-int connectWithoutEnd() {
+// Opens a hundred unauthorized connections at a time, again and again. Returns when one is admitted
+// or cannot be opened.
+int keepConnecting() {
     const auto address = socketAddress(Place::socket).value();
     while (true) {
-        std::vector<Descriptor> strangers(100);
-        for (Descriptor& stranger : strangers) {
-            stranger = Descriptor(::socket(AF_UNIX, SOCK_STREAM, 0));
-            if (connect(stranger.get(), generic(address), sizeof address) != 0) {
+        std::vector<Descriptor> sockets(100);
+        for (Descriptor& socket : sockets) {
+            socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM, 0));
+            if (connect(socket.get(), generic(address), sizeof address) != 0) {
                 return 1;
             }
         }
-        // Until the helper has closed each.
+        // Until the helper has closed all of them.
         char byte = 0;
-        for (const Descriptor& stranger : strangers) {
-            if (recv(stranger.get(), &byte, 1, 0) > 0) {
+        for (const Descriptor& socket : sockets) {
+            if (recv(socket.get(), &byte, 1, 0) > 0) {
                 return 1;
             }
         }
     }
 }
 
-TEST_F(CrowdTest, OfStrangersWithoutEndHoldsUpNobodyWhoIsConnected) {
+TEST_F(CrowdTest, RefusedConnectionsDoNotDelayAnAdmittedOne) {
     constexpr int turns = 20;
     std::vector<std::string> words{"ask", Place::socket, "status"};
     for (int i = 0; i < turns; ++i) {
@@ -90,36 +91,36 @@ TEST_F(CrowdTest, OfStrangersWithoutEndHoldsUpNobodyWhoIsConnected) {
     }
     TestProcess connected = world.startCaller(words);
     ASSERT_EQ(connected.readLine(), "idle without end unlocked");
-    std::vector<TestProcess> strangers;
+    std::vector<TestProcess> refused;
     for (int i = 0; i < 3; ++i) {
-        strangers.emplace_back(Start{.person = world.user, .body = connectWithoutEnd});
+        refused.emplace_back(Start{.person = world.user, .body = keepConnecting});
     }
     const Seconds begun = timeNow();
     for (int i = 0; i < turns; ++i) {
         EXPECT_EQ(connected.readLine(), "no");
     }
     EXPECT_LE(timeNow() - begun, Seconds{10});
-    // Nor is the app kept out.
+    // New connections of the app are admitted too.
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(world.ask({"status"}).status, Reply::no);
     }
     EXPECT_EQ(helper.log().size(), Limits::refusalLines);
 }
 
-// One account's, which stops them all.
-TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
+// They are stopped processes of one user.
+TEST_F(CrowdTest, ConnectionsOfOneUserLeaveRoomForOthers) {
     std::vector<TestProcess> crowd;
     for (std::size_t i = 0; i < Limits::connections; ++i) {
         crowd.push_back(world.startCaller({"hold", "1"}));
     }
-    std::size_t held = 0;
+    std::size_t admitted = 0;
     for (TestProcess& caller : crowd) {
         if (caller.readLine() == "holding 1") {
             caller.stop();
-            ++held;
+            ++admitted;
         }
     }
-    EXPECT_EQ(held, Limits::connectionsOfUser);
+    EXPECT_EQ(admitted, Limits::connectionsOfUser);
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(world.ask({"status"}, world.other).status, Reply::no);
     }
@@ -128,9 +129,9 @@ TEST_F(CrowdTest, OfOneUserTakesNoPlaceFromOthers) {
               1);
 }
 
-TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
+TEST_F(CrowdTest, UnauthenticatedConnectionsAreClosedAfterTenSeconds) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    // Several people, each of whom opens as many connections as one may.
+    // Several users, each with as many connections as one user may have.
     const std::vector<std::string> words{"connect-many", Place::socket,
                                          std::to_string(Limits::connectionsOfUser)};
     std::vector<TestProcess> crowd;
@@ -139,12 +140,13 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
         EXPECT_EQ(crowd.back().readLine(), "connected");
     }
     const Seconds full = timeNow();
-    // No place for anybody, but the helper lives on.
+    // No further connection is admitted, but the helper runs on.
     EXPECT_EQ(world.ask({"status"}).status, Reply::refused);
     EXPECT_LE(helper.descriptors(), descriptorsBefore + Limits::connections);
     setLockedByHand(false);
     EXPECT_TRUE(eventually(Seconds{4}, [] { return isLocked(); }));
-    EXPECT_LT(timeNow() - full, Limits::authentication) << "a tick during the crowd";
+    EXPECT_LT(timeNow() - full, Limits::authentication)
+        << "no tick came while all connections were taken";
 
     for (TestProcess& caller : crowd) {
         EXPECT_EQ(caller.wait(), Reply::refused);
@@ -157,7 +159,7 @@ TEST_F(CrowdTest, ThatTakesEveryPlaceAndSaysNothingIsSentAwayAfterTenSeconds) {
     EXPECT_GE(helper.count("error: Refused a caller: too many connections are open"), 1);
 }
 
-TEST_F(CrowdTest, OfOneThatNeverReadsIsSentAwayAndHoldsUpNoTick) {
+TEST_F(CrowdTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoTick) {
     EXPECT_EQ(world.ask({"flood", "100000"}).status, Reply::disconnected);
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess flood(
@@ -173,10 +175,10 @@ TEST_F(CrowdTest, OfOneThatNeverReadsIsSentAwayAndHoldsUpNoTick) {
     EXPECT_EQ(world.end(), Reply::yes);
 }
 
-// A start with so much memory and no more.
+// Limits the memory of the helper.
 Start withMemory(unsigned long long mebibytes) {
     if (isSanitized) {
-        // AddressSanitizer reserves more address space than any limit; it keeps the bound itself.
+        // AddressSanitizer reserves too much address space for RLIMIT_DATA, and has its own limit.
         return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +
                                 std::to_string(mebibytes)}};
     }
@@ -188,16 +190,16 @@ Start withMemory(unsigned long long mebibytes) {
     }};
 }
 
-TEST(ScarcityTest, OfMemoryCostsOnlyTheCallerThatWantsIt) {
+TEST(MemoryLimitTest, AHugeRequestFailsForItsOwnCallerOnly) {
     const World world;
     RunningHelper helper(withMemory(64));
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     for (const char* megabytes : {"100", "30", "10"}) {
-        // A new one each time, which is not silent for as long as a connection may be.
+        // A new one each time: Limits::silence closes idle connections.
         TestProcess held = world.startCaller({"hold", "1"});
         EXPECT_EQ(held.readLine(), "holding 1");
         const ChildResult answer = world.ask({"huge", megabytes});
-        // Told so, or sent away when there was no memory to receive it.
+        // An error reply, or a disconnection when there was no memory to receive the request.
         EXPECT_THAT(answer.status, AnyOf(Reply::rejected, Reply::disconnected)) << answer.output;
         EXPECT_TRUE(helper.isRunning()) << megabytes;
         EXPECT_TRUE(world.status().holding);
@@ -206,13 +208,13 @@ TEST(ScarcityTest, OfMemoryCostsOnlyTheCallerThatWantsIt) {
     EXPECT_EQ(world.end(), Reply::yes);
 }
 
-// Whoever may mount something at a path of their own choice makes the table of mounts as long as
-// they like, and the helper looks into it for each caller.
-TEST(ScarcityTest, OfMemoryIsNotMadeByALongTableOfMounts) {
+// A user who can mount at a path of their choice controls the size of /proc/1/mountinfo, which the
+// helper reads for each caller.
+TEST(MemoryLimitTest, ReadsALongMountTableInBoundedMemory) {
     const World world;
     RunningHelper helper(withMemory(16));
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    // Each space is four bytes in the table.
+    // mountinfo writes a space as four bytes (\040).
     std::string folder = "/tmp";
     for (int depth = 0; depth < 15; ++depth) {
         folder += "/" + std::string(255, ' ');
@@ -224,7 +226,7 @@ TEST(ScarcityTest, OfMemoryIsNotMadeByALongTableOfMounts) {
     }
     ASSERT_GT(readTestFile("/proc/1/mountinfo").size(), 20'000'000);
     EXPECT_EQ(world.ask({"status"}).status, Reply::yes);
-    // On mounts of its own, so that all of the table is looked through.
+    // In its own mount namespace, so the helper reads the table to the end.
     EXPECT_EQ(runInChild({.words = {"/usr/bin/unshare", "--mount", HALVO_TEST_CALLER, "--socket",
                                     Place::socket, "status"}})
                   .status,

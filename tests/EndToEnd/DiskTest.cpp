@@ -1,5 +1,5 @@
-// What becomes of a commitment that cannot be saved, or not locked. What is done with each kind of
-// damage and failure is held by the tests of the store and of the engine.
+// Commitments that cannot be saved or locked. The tests of the store and of the engine cover each
+// kind of damage and failure.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ struct DiskTest : ::testing::Test {
     World world;
 };
 
-// Takes all the room there is at `folder`.
+// Fills the file system at `folder`.
 void fill(const std::string& folder) {
     std::ofstream file(folder + "/filler", std::ios::binary);
     const std::string block(4096, 'x');
@@ -39,25 +39,25 @@ void fill(const std::string& folder) {
     ASSERT_TRUE(exists(folder + "/filler"));
 }
 
-TEST_F(DiskTest, ThatIsFullLocksNothingAndIsTriedAgainEveryMinute) {
+TEST_F(DiskTest, AFullDiskMeansNoLockAndASaveRetriedEachMinute) {
     const std::string couldNotSave =
         "error: Couldn't save the state: " + Place::stateFile + ": No space left on device";
     ASSERT_EQ(mount("test", Place::support.c_str(), "tmpfs", 0, "size=64k"), 0);
     fill(Place::support);
     RunningHelper helper;
-    // Held and told, though each of the two saves failed: nothing is locked that a crash could
-    // leave locked for ever.
+    // Held although both saves failed, but not locked: after a crash no record would owe the
+    // unlock.
     EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
     EXPECT_THAT(
         helper.log(),
         ElementsAre(couldNotSave, "error: Didn't lock Halvo: no record on the disk owes the unlock",
                     "error: Couldn't lock Halvo's app", couldNotSave, StartsWith("Holding")));
-    const Told told = world.status();
-    EXPECT_TRUE(told.holding);
-    EXPECT_FALSE(told.locked);
+    const Status status = world.status();
+    EXPECT_TRUE(status.holding);
+    EXPECT_FALSE(status.locked);
     EXPECT_FALSE(isLocked());
     EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::yes);
-    EXPECT_TRUE(fs::is_empty(Place::stateFolder)) << "half a file was left";
+    EXPECT_TRUE(fs::is_empty(Place::stateFolder)) << "a partial file was left";
 
     fs::remove(Place::support + "/filler");
     EXPECT_TRUE(eventually(Seconds{66}, [] { return exists(Place::stateFile); }));
@@ -76,7 +76,7 @@ TEST_F(DiskTest, ThatIsFullLocksNothingAndIsTriedAgainEveryMinute) {
     umount2(Place::support.c_str(), MNT_DETACH);
 }
 
-TEST_F(DiskTest, ThatDamagedTheRecordMakesTheUnlockThatItStillOwesAndNoOther) {
+TEST_F(DiskTest, ADamagedRecordUnlocksOnlyTheBundleThatItNames) {
     const std::string other = "/Library/Other.app";
     fs::create_directories(other);
     fs::create_directory_symlink(other, Place::applications + "/Link.app");
@@ -92,7 +92,7 @@ TEST_F(DiskTest, ThatDamagedTheRecordMakesTheUnlockThatItStillOwesAndNoOther) {
         {owing(Place::app) + R"(, "uid": -1, "remaining": "600"})", true},
         {owing(Place::app), false},
         {"", false},
-        // Longer than is read.
+        // Larger than the store reads.
         {std::string(20'000'000, ' ') + owing(Place::app) + "}", false},
         {owing(other) + "}", false},
         {owing(Place::applications + "/Link.app") + "}", false},
@@ -116,9 +116,9 @@ TEST_F(DiskTest, ThatDamagedTheRecordMakesTheUnlockThatItStillOwesAndNoOther) {
     fs::remove_all(other);
 }
 
-TEST_F(DiskTest, WithoutTheRightToLockHolds) {
+TEST_F(DiskTest, HoldsWithoutTheCapabilityToLock) {
     const RunningHelper helper({.prepare = [] {
-        // The capability, and any way to get it.
+        // From the bounding set, so execve(2) does not grant it: capabilities(7).
         if (prctl(PR_CAPBSET_DROP, CAP_LINUX_IMMUTABLE, 0, 0, 0) != 0) {
             _exit(1);
         }
@@ -127,9 +127,9 @@ TEST_F(DiskTest, WithoutTheRightToLockHolds) {
     EXPECT_THAT(helper.log(), ElementsAre("error: Couldn't lock Halvo: errno 1",
                                           "error: Couldn't lock Halvo's app",
                                           StartsWith("Holding Ultra Hard mode for 59")));
-    const Told told = world.status();
-    EXPECT_TRUE(told.holding);
-    EXPECT_FALSE(told.locked);
+    const Status status = world.status();
+    EXPECT_TRUE(status.holding);
+    EXPECT_FALSE(status.locked);
     ASSERT_TRUE(world.state());
     EXPECT_FALSE(world.state()->locked);
     // No tick tries again.

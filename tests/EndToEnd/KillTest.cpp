@@ -1,5 +1,5 @@
-// A helper that is killed at any moment comes back to the commitment it had, and a lock is never
-// left without the record that owes its removal.
+// After SIGKILL at any moment the next helper resumes the commitment, and no bundle is locked
+// without a record that owes the unlock.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,11 +24,11 @@ class KillTest : public ::testing::Test {
   protected:
     void SetUp() override { world.leaveConsole(); }
 
-    // What must be so whenever no helper runs.
+    // The invariants while no helper runs.
     [[nodiscard]] std::optional<State> expectConsistent() const {
         auto state = world.state();
         if (isLocked()) {
-            EXPECT_TRUE(state && state->locked) << "locked, and nothing owes its removal";
+            EXPECT_TRUE(state && state->locked) << "locked, and no record owes the unlock";
         }
         if (state) {
             EXPECT_EQ(state->appPath, Place::app);
@@ -37,17 +37,17 @@ class KillTest : public ::testing::Test {
         return state;
     }
 
-    // The next helper holds what the record says, and lets go of all of it.
+    // The next helper holds what the record says, and can end it.
     void expectRecovery(const std::optional<State>& state) {
         RunningHelper next;
         EXPECT_EQ(next.count("error: *"), 0) << next.process().output();
-        const Told told = world.status();
-        EXPECT_EQ(told.holding, state.has_value());
+        const Status status = world.status();
+        EXPECT_EQ(status.holding, state.has_value());
         EXPECT_EQ(isLocked(), state.has_value() && state->locked);
         if (state) {
-            EXPECT_NEAR(told.until.value_or(0), state->wall + state->remaining, 1);
+            EXPECT_NEAR(status.until.value_or(0), state->wall + state->remaining, 1);
         } else {
-            // What was left of an empty folder goes with the next commitment.
+            // A folder left empty is removed with the next commitment.
             ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
         }
         EXPECT_EQ(world.end(), Reply::yes);
@@ -55,60 +55,52 @@ class KillTest : public ::testing::Test {
         EXPECT_FALSE(exists(Place::stateFolder));
     }
 
-    // A machine with a commitment of ten minutes, whose helper was killed.
-    [[nodiscard]] State commit() const {
-        RunningHelper helper;
-        EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
-        helper.kill();
-        EXPECT_TRUE(isLocked());
-        return world.state().value_or(State{});
-    }
-
-    // What a helper does while it is killed at each of its system calls.
-    struct Deed {
-        // How it is started. One that is `stopped` is followed from the call on that makes it the
-        // only helper, until it serves.
+    // An operation of the helper, during which it is killed at each of its system calls that other
+    // processes can notice.
+    struct Operation {
+        // How the helper is started. With `stopped`, the operation is its start-up, from flock(2)
+        // of its lock file until it serves.
         Start start{};
-        // What it is asked meanwhile. Without, and not stopped, it is to end.
+        // The caller's request. Without one, and not stopped, the operation is SIGTERM.
         std::vector<std::string> request{};
-        // What is so before each helper.
+        // Runs before each helper is started.
         std::function<void()> prepare = [] {};
-        // Looks at the record that is left, and whether the caller was answered.
+        // Checks the record that is left, given whether the caller got a yes.
         std::function<void(const std::optional<State>&, bool)> check;
     };
 
-    void killDuring(const Deed& deed) {
+    void killDuring(const Operation& operation) {
         for (int call = 1;; ++call) {
             SCOPED_TRACE("killed at system call " + std::to_string(call));
-            deed.prepare();
+            operation.prepare();
             bool killed = false;
             bool answered = false;
             {
-                RunningHelper helper(deed.start);
+                RunningHelper helper(operation.start);
                 Stepper stepper(helper.process());
-                if (deed.start.stopped) {
+                if (operation.start.stopped) {
                     killed = stepper.goTo(call, SYS_flock, isQuiet(helper));
-                } else if (deed.request.empty()) {
+                } else if (operation.request.empty()) {
                     helper.process().send(SIGTERM);
                     killed = stepper.goTo(call, {}, [] { return false; });
                 } else {
-                    TestProcess caller = world.startCaller(deed.request);
+                    TestProcess caller = world.startCaller(operation.request);
                     killed = stepper.goTo(call, {}, [&] { return !caller.isRunning(); });
                     helper.kill();
                     answered = caller.wait() == Reply::yes;
                 }
                 helper.kill();
             }
-            deed.check(expectConsistent(), answered);
+            operation.check(expectConsistent(), answered);
             expectRecovery(world.state());
             if (!killed || HasFailure()) {
-                EXPECT_GE(call, 15) << "that few system calls cannot be all";
+                EXPECT_GE(call, 15) << "too few system calls for the operation";
                 return;
             }
         }
     }
 
-    // Whether it waits for callers, and makes no more calls.
+    // Whether it serves, and has made no system call for a while.
     static std::function<bool()> isQuiet(RunningHelper& helper) {
         return [&helper, since = std::optional<Seconds>()]() mutable {
             if (serves(helper.process().pid()) && !since) {
@@ -118,18 +110,21 @@ class KillTest : public ::testing::Test {
         };
     }
 
-    // Whether it is the commitment from before, with as much time left.
+    // It is the commitment `before`, with the time left that it should have.
     void expectAsBefore(const std::optional<State>& state) const {
-        ASSERT_TRUE(state) << "the commitment is gone";
+        ASSERT_TRUE(state) << "the commitment is lost";
         EXPECT_TRUE(state->locked);
         EXPECT_EQ(state->startedWall, before.startedWall);
         EXPECT_NEAR(state->wall + state->remaining, before.wall + before.remaining, 1);
     }
 
-    const std::function<void()> commits = [this] { before = commit(); };
+    const std::function<void()> commits = [this] {
+        leaveCommitment(world);
+        before = world.state().value_or(State{});
+    };
 
     World world;
-    // The record before the helper that is killed.
+    // The stored state when the killed helper is started.
     State before;
 };
 
@@ -138,7 +133,7 @@ TEST_F(KillTest, DuringABegin) {
     int none = 0;
     killDuring({.request = {"begin", ".", "600", "0"},
                 .check = [&](const std::optional<State>& state, bool answered) {
-                    EXPECT_TRUE(state || !answered) << "what was promised is gone";
+                    EXPECT_TRUE(state || !answered) << "an acknowledged commitment is lost";
                     ++(state ? whole : none);
                 }});
     EXPECT_GE(whole, 1);
@@ -164,27 +159,27 @@ TEST_F(KillTest, DuringAnEnd) {
     killDuring({.request = {"end"},
                 .prepare = commits,
                 .check = [&](const std::optional<State>& state, bool answered) {
-                    EXPECT_FALSE(state && answered) << "what was let go is back";
+                    EXPECT_FALSE(state && answered) << "an ended commitment is back";
                     if (state) {
                         expectAsBefore(state);
                     }
                 }});
 }
 
-TEST_F(KillTest, DuringItsEnd) {
-    // Leaks cannot be looked for in a process that is traced when it ends.
+TEST_F(KillTest, DuringTermination) {
+    // LeakSanitizer cannot run in a traced process.
     killDuring({.start = {.environment = {"ASAN_OPTIONS=detect_leaks=0"}},
                 .prepare = commits,
                 .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
-TEST_F(KillTest, WhileItTakesUpACommitment) {
+TEST_F(KillTest, DuringAStartUpThatResumes) {
     killDuring({.start = {.stopped = true},
                 .prepare = commits,
                 .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
-TEST_F(KillTest, WhileItLocksWhatAnEndedOneUnlocked) {
+TEST_F(KillTest, DuringAStartUpThatLocksAgain) {
     killDuring({.start = {.stopped = true},
                 .prepare =
                     [&] {
@@ -195,7 +190,7 @@ TEST_F(KillTest, WhileItLocksWhatAnEndedOneUnlocked) {
                 .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
-TEST_F(KillTest, WhileItLetsGoWhatRanOut) {
+TEST_F(KillTest, DuringAStartUpThatExpires) {
     killDuring({.start = {.stopped = true},
                 .prepare =
                     [&] {

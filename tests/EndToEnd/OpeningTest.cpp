@@ -1,5 +1,5 @@
-// How the helper keeps the app open. When it is opened, and when not, is held by the tests of the
-// engine, of the probe of sessions, and in real sessions by those on a booted machine.
+// How the helper opens the app. When it does is covered by the tests of the engine, of
+// LiveSessionProbe and, in real sessions, of tests/Booted.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -35,12 +35,14 @@ using ::testing::UnorderedElementsAre;
 const std::string opening = "Halvo isn't running during Ultra Hard mode; opening it";
 
 constexpr Seconds silence{6};
-// A tick comes every 2 seconds, and a busy machine is late.
+// A tick comes every 2 s, and a busy machine is late.
 constexpr Seconds late{5};
+// By then a silent app would have been opened again.
+constexpr Seconds wellAfter = silence + Seconds{4};
 
 class OpeningTest : public ::testing::Test {
   protected:
-    // Waits for the app to run; the time until then is `since` to now. Fails the test without it.
+    // Waits for the app to run, and fails the test unless it does within `limit`.
     pid_t waitForApp(Seconds limit = silence + late) const {
         EXPECT_TRUE(eventually(limit, [] {
             return !processesRunning(Place::appExecutable).empty();
@@ -49,7 +51,7 @@ class OpeningTest : public ::testing::Test {
         return processes.empty() ? -1 : processes.front();
     }
 
-    // The app is gone when this returns, as after a quit.
+    // Kills the app and waits for its end.
     static void quit(pid_t app) {
         ASSERT_GT(app, 0);
         kill(app, SIGKILL);
@@ -57,8 +59,19 @@ class OpeningTest : public ::testing::Test {
             eventually(Seconds{5}, [] { return processesRunning(Place::appExecutable).empty(); }));
     }
 
+    // Waits until the helper has admitted that app, and told it that a commitment holds: then the
+    // app says so in its record.
+    void expectServed(pid_t app) const {
+        EXPECT_TRUE(eventually(Seconds{10}, [&] {
+            const auto state = keepAlive.read();
+            return state && state->pid == app && state->ultraHard;
+        })) << "the helper does not serve the app";
+    }
+
     World world;
     std::optional<RunningHelper> helper{std::in_place};
+    const std::string group = world.home + "/.local/share/group." HALVO_APP_BUNDLE_ID;
+    const SharedFile<KeepAliveState> keepAlive{"keepalive.json", group};
 };
 
 TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
@@ -69,14 +82,12 @@ TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
     EXPECT_GE(timeNow() - before, silence);
     EXPECT_LE(timeNow() - begun, silence + late);
     EXPECT_EQ(helper->count(opening), 1);
-    // It tells the helper that it is alive, and so stays the only one.
-    EXPECT_TRUE(always(Seconds{4}, [app] {
-        return processesRunning(Place::appExecutable) == std::vector<pid_t>{app};
-    }));
+    expectServed(app);
+    EXPECT_EQ(processesRunning(Place::appExecutable), std::vector<pid_t>{app});
 }
 
-TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
-    // A helper with groups, variables and descriptors that the app is not to have.
+TEST_F(OpeningTest, RunsTheAppAsTheUserAndInheritsNothing) {
+    // A helper with groups, variables and descriptors that the app must not inherit.
     helper.reset();
     helper.emplace(Start{.environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}, .prepare = [] {
                              constexpr std::array<gid_t, 3> groups{0, 4, 27};
@@ -86,7 +97,7 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
     EXPECT_THAT(processNumbers(app, "Uid"), Each(world.user));
-    // Real, effective, saved (by which it can call the helper), and of the file system.
+    // Real, effective, saved (which admits it to the helper) and file-system group.
     EXPECT_TRUE(eventually(Seconds{5}, [&] {
         return processNumbers(app, "Gid") ==
                std::vector<unsigned long long>{world.user, world.user, world.appGroup, world.user};
@@ -98,7 +109,7 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
         UnorderedElementsAre("HOME=" + world.home, "USER=" + world.userName,
                              "LOGNAME=" + world.userName, "PATH=/usr/bin:/bin:/usr/sbin:/sbin"));
     const std::string folder = "/proc/" + std::to_string(app);
-    // What it opens itself, to save its record, it closes again.
+    // The app itself opens files for a moment, to save its records.
     std::string inherited;
     EXPECT_TRUE(eventually(Seconds{5}, [&] {
         inherited.clear();
@@ -114,21 +125,18 @@ TEST_F(OpeningTest, IsDoneAsThePersonWithNothingOfTheHelpers) {
     })) << inherited;
 }
 
-TEST_F(OpeningTest, TellsTheAppThatItWasQuit) {
+TEST_F(OpeningTest, PassesTheRelaunchArgumentAfterAQuit) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess app = world.startApp();
-    // It gave a sign of life; then it is quit.
-    sleepFor(Seconds{3});
+    expectServed(app.pid());
     app.kill();
     EXPECT_THAT(processWords(waitForApp()),
                 ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
 }
 
-TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
+TEST_F(OpeningTest, LetsTheAppKeepItsRecordsAsTheUser) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
-    const std::string group = world.home + "/.local/share/group." HALVO_APP_BUNDLE_ID;
-    const SharedFile<KeepAliveState> keepAlive("keepalive.json", group);
     const SharedFile<WidgetSnapshot> widgets("widgets.json", group);
     ASSERT_TRUE(eventually(Seconds{10}, [&] { return widgets.read().has_value(); }))
         << widgets.load().error();
@@ -142,41 +150,40 @@ TEST_F(OpeningTest, GivesAnAppThatKeepsItsRecordsAsThePerson) {
         struct stat status{};
         ASSERT_EQ(stat(path.c_str(), &status), 0) << path;
         EXPECT_EQ(status.st_uid, world.user) << path;
-        EXPECT_NE(status.st_gid, world.appGroup) << "the private group is for the helper alone";
+        EXPECT_NE(status.st_gid, world.appGroup)
+            << "the private group is only for calls of the helper";
         EXPECT_EQ(status.st_mode & 077, 0U) << path;
     }
     quit(app);
-    EXPECT_TRUE(keepAlive.read()->shouldRelaunch(wallNow())) << "it was killed";
+    EXPECT_TRUE(keepAlive.read()->shouldRelaunch(wallNow())) << "the record after SIGKILL";
 }
 
-TEST_F(OpeningTest, IsNotDoneToAnAppThatRunsInSilence) {
+TEST_F(OpeningTest, LeavesARunningAppAloneThatIsSilent) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     TestProcess app = world.startApp();
-    sleepFor(Seconds{1});
+    expectServed(app.pid());
     app.stop();
-    // Clear of any opening that would come.
-    EXPECT_TRUE(always(Seconds{13}, [&] {
+    EXPECT_TRUE(always(wellAfter, [&] {
         return helper->count(opening) == 0 && processesRunning(Place::appExecutable).size() == 1;
     }));
     app.kill();
     waitForApp();
 }
 
-// The app is replaced while it runs.
+// The app's executable is replaced while it runs.
 class UpgradeTest : public OpeningTest {
   protected:
-    // Puts a new version in the place of the executable, as installers do it.
+    // Replaces the executable by rename(2), as installers do.
     void upgrade() const {
         const std::string next = Place::appExecutable + ".new";
         copyFile(HALVO_APP_BUNDLE "/Contents/MacOS/Halvo", next, world.appGroup, 02755);
         ASSERT_EQ(rename(next.c_str(), Place::appExecutable.c_str()), 0);
     }
 
-    // A running app of the version before, which tells the helper that it is alive.
-    TestProcess startFormerApp() const {
+    // A running app whose executable was replaced after the helper had admitted it.
+    TestProcess startOldApp() const {
         TestProcess app = world.startApp();
-        EXPECT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
-        sleepFor(Seconds{1});
+        expectServed(app.pid());
         upgrade();
         EXPECT_TRUE(processesRunning(Place::appExecutable).empty());
         EXPECT_EQ(processesRunning(Place::appExecutable + " (deleted)").size(), 1);
@@ -184,24 +191,23 @@ class UpgradeTest : public OpeningTest {
     }
 };
 
-TEST_F(UpgradeTest, LeavesTheFormerAppItsConnectionAndCountsItForNothingOnceItIsSilent) {
+TEST_F(UpgradeTest, KeepsTheConnectionOfTheOldAppUntilItIsSilent) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    TestProcess former = startFormerApp();
-    // It is heard of, so that none is opened.
-    EXPECT_TRUE(always(Seconds{12}, [&] { return helper->count(opening) == 0; }));
-    EXPECT_TRUE(former.isRunning());
+    TestProcess old = startOldApp();
+    // Its heartbeats are taken, so no app is opened.
+    EXPECT_TRUE(always(wellAfter, [&] { return helper->count(opening) == 0; }));
+    EXPECT_TRUE(old.isRunning());
     EXPECT_TRUE(world.status().holding);
-    former.stop();
+    old.stop();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
-    waitForApp(Seconds{3});
-    // The new one is let in and heard of.
-    EXPECT_TRUE(always(Seconds{8}, [&] { return helper->count(opening) == 1; }));
+    expectServed(waitForApp(Seconds{3}));
+    EXPECT_EQ(helper->count(opening), 1);
     EXPECT_EQ(helper->count("error: *"), 0);
 }
 
-TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
+TEST_F(UpgradeTest, RefusesNewConnectionsOfTheOldApp) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    TestProcess former = startFormerApp();
+    TestProcess old = startOldApp();
     helper->kill();
     helper.emplace();
     EXPECT_TRUE(
@@ -210,23 +216,23 @@ TEST_F(UpgradeTest, KeepsTheFormerAppFromConnectingAgain) {
                      Seconds{10}))
         << helper->process().output();
     EXPECT_TRUE(eventually(Seconds{10}, [&] {
-        return former.output().find("start it anew") != std::string::npos;
-    })) << former.output();
+        return old.output().find("start it anew") != std::string::npos;
+    })) << old.output();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
     waitForApp(Seconds{3});
     EXPECT_EQ(world.ask({"status"}).status, Reply::yes);
 }
 
-TEST_F(UpgradeTest, IsDoneByTheInstallerWhileTheAppIsLocked) {
+TEST_F(UpgradeTest, InstallerReplacesALockedApp) {
     const std::string next = "/tmp/next/Halvo.app";
     fs::remove_all("/tmp/next");
     fs::create_directory("/tmp/next");
     fs::copy(HALVO_APP_BUNDLE, next, fs::copy_options::recursive);
-    // Another version, which works as well.
+    // Another version: bytes after the end of an ELF file are ignored.
     std::ofstream(next + "/Contents/MacOS/Halvo", std::ios::binary | std::ios::app) << "next";
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    TestProcess former = world.startApp();
-    EXPECT_TRUE(eventually(Seconds{5}, [&] { return !former.output().empty(); }));
+    TestProcess old = world.startApp();
+    EXPECT_TRUE(eventually(Seconds{5}, [&] { return !old.output().empty(); }));
     const auto size = fs::file_size(Place::appExecutable);
 
     TestProcess installer({.words = {HALVO_SOURCE_FOLDER "/examples/SampleApp/install", "--group",
@@ -234,11 +240,11 @@ TEST_F(UpgradeTest, IsDoneByTheInstallerWhileTheAppIsLocked) {
     EXPECT_EQ(installer.wait(), 0) << installer.output();
     EXPECT_EQ(fs::file_size(Place::appExecutable), size + 4);
     EXPECT_TRUE(isLocked());
-    EXPECT_TRUE(former.isRunning());
-    former.kill();
+    EXPECT_TRUE(old.isRunning());
+    old.kill();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
-    waitForApp(Seconds{3});
-    EXPECT_TRUE(always(Seconds{8}, [&] { return helper->count(opening) == 1; }));
+    expectServed(waitForApp(Seconds{3}));
+    EXPECT_EQ(helper->count(opening), 1);
     EXPECT_EQ(helper->count("error: *"), 0);
 }
 

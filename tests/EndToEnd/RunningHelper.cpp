@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <iterator>
@@ -32,6 +34,18 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
+// Whether other processes can notice the system call, or nothing is known of it. What they see
+// right before one that they cannot is what they see right before the next that they can.
+bool isNoticed(long call) {
+    constexpr std::array unnoticed{
+        SYS_brk,        SYS_clock_gettime, SYS_epoll_ctl,      SYS_fstat,      SYS_futex,
+        SYS_getdents64, SYS_getpid,        SYS_getrandom,      SYS_getsockopt, SYS_gettid,
+        SYS_lseek,      SYS_madvise,       SYS_mmap,           SYS_mprotect,   SYS_munmap,
+        SYS_newfstatat, SYS_ppoll,         SYS_pread64,        SYS_read,       SYS_readlinkat,
+        SYS_recvmsg,    SYS_rt_sigaction,  SYS_rt_sigprocmask, SYS_statx,      SYS_timerfd_settime};
+    return std::ranges::find(unnoticed, call) == unnoticed.end();
+}
+
 }  // namespace
 
 bool serves(pid_t helper) {
@@ -45,7 +59,7 @@ RunningHelper::RunningHelper(const Start& start) : process_(ofHelper(start)) {
         return;
     }
     EXPECT_TRUE(eventually([this] { return !isRunning() || serves(process_.pid()); }))
-        << "the helper neither serves nor ends: " << process_.output();
+        << "the helper neither serves nor exits: " << process_.output();
 }
 
 RunningHelper::~RunningHelper() {
@@ -53,13 +67,13 @@ RunningHelper::~RunningHelper() {
         process_.goOn();
         const int status = terminate();
         constexpr int holding = 75;
-        EXPECT_TRUE(status == 0 || status == holding) << "the helper ended with " << status;
+        EXPECT_TRUE(status == 0 || status == holding) << "the helper's exit status is " << status;
     }
     for (const std::string& line : linesOf(process_.output())) {
-        // A sanitizer's remark on memory that is not granted.
+        // A sanitizer reports allocations that fail.
         const bool expected =
             isSanitized && line.find("Sanitizer failed to allocate") != std::string::npos;
-        EXPECT_TRUE(line.starts_with(logPrefix) || expected) << "the helper said: " << line;
+        EXPECT_TRUE(line.starts_with(logPrefix) || expected) << "the helper printed: " << line;
     }
 }
 
@@ -97,6 +111,13 @@ std::size_t RunningHelper::descriptors() const {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
+void leaveCommitment(const World& world) {
+    RunningHelper helper;
+    EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
+    helper.kill();
+    EXPECT_TRUE(isLocked());
+}
+
 Stepper::Stepper(TestProcess& process) : process_(process) {
     EXPECT_EQ(ptrace(PTRACE_SEIZE, process.pid(), 0, PTRACE_O_TRACESYSGOOD), 0);
     process.goOn();
@@ -126,12 +147,12 @@ bool Stepper::goTo(int count, std::optional<long> first, const std::function<boo
             process_.noteEnd(status);
             return false;
         }
-        // Signals are handed on; stops that ptrace(2) makes are not signals.
+        // Signals are passed on; ptrace(2)'s own stops are no signals.
         int signal = status >> eventShift == PTRACE_EVENT_STOP ? 0 : WSTOPSIG(status);
         if (signal == systemCall) {
             signal = 0;
             const auto entered = enteredCall();
-            if (entered && (seen > 0 || !first || *entered == *first)) {
+            if (entered && (seen == 0 && first ? *entered == *first : isNoticed(*entered))) {
                 ++seen;
             }
             if (seen == count) {
@@ -145,7 +166,7 @@ bool Stepper::goTo(int count, std::optional<long> first, const std::function<boo
 
 void Stepper::leave() { EXPECT_EQ(ptrace(PTRACE_DETACH, process_.pid(), 0, 0), 0); }
 
-// The number of the system call that it is about to make; nothing when it comes back from one.
+// The number of the system call at its entry; nothing at its exit.
 std::optional<long> Stepper::enteredCall() const {
     __ptrace_syscall_info info{};
     EXPECT_GT(ptrace(PTRACE_GET_SYSCALL_INFO, process_.pid(), sizeof info, &info), 0);

@@ -1,5 +1,4 @@
-// A helper that runs, what can be seen of it from outside, and how to follow it from system call to
-// system call.
+// A running helper, observed from outside, and a tracer that stops it at its system calls.
 #pragma once
 
 #include <cstddef>
@@ -13,12 +12,12 @@
 
 namespace halvo::testing {
 
-// The helper, installed where the world has it. At the end it is asked to stop, and a test fails
-// whose helper did not do so properly, or said anything that is not a line of its log.
+// The installed helper as a child process. The destructor sends SIGTERM; the test fails when the
+// exit status is neither 0 nor 75, or when the helper printed anything but lines of its log.
 class RunningHelper {
   public:
-    // Returns when it serves or has ended, or is stopped. The words of `start` are what follows the
-    // program's path.
+    // Returns once it serves, has exited or, with `start.stopped`, is stopped. `start.words` follow
+    // the program's path.
     explicit RunningHelper(const Start& start = {});
     ~RunningHelper();
     RunningHelper(const RunningHelper&) = delete;
@@ -36,53 +35,56 @@ class RunningHelper {
     // SIGKILL.
     void kill() { process_.kill(); }
 
-    // The exit status of one that ends by itself.
+    // Waits for an exit without a signal; the exit status.
     int wait(Seconds limit = Seconds{10}) { return process_.wait(limit); }
 
-    // The lines of the log after the one that it has started, of errors with "error: " before the
-    // message.
+    // The lines of the log except the start message; those of errors begin with "error: ".".
     [[nodiscard]] std::vector<std::string> log() const;
 
-    // How many lines of the log are exactly `line`, or begin with it when it ends in "*".
+    // The number of log lines that equal `line`, or begin with it when it ends in "*".
     [[nodiscard]] std::ptrdiff_t count(const std::string& line) const;
 
-    // Whether such a line is in the log, or comes before `limit` has passed.
+    // Waits up to `limit` for such a line; whether there is one.
     [[nodiscard]] bool says(const std::string& line, Seconds limit = Seconds{5}) const;
 
-    // How many it has open.
+    // The number of its open descriptors.
     [[nodiscard]] std::size_t descriptors() const;
 
   private:
     TestProcess process_;
 };
 
-// Whether the process, which runs the helper's program, serves: the helper takes SIGTERM into its
-// own hands as the last thing before its timer.
+// Whether the process, which runs the helper's program, serves: blocking SIGTERM is the helper's
+// last step before it starts its timer.
 bool serves(pid_t helper);
 
-// Whether the helper was built with a sanitizer, which takes memory of its own.
+// Begins a commitment of ten minutes and kills its helper, which leaves the app locked.
+void leaveCommitment(const World& world);
+
+// Whether the helper was built with a sanitizer, which needs extra memory.
 constexpr bool isSanitized = HALVO_IS_SANITIZED;
 
-// Traces a running process, which then stops at each system call that it is about to make. Only
-// system calls change what others see, so what holds at each of them holds at every moment.
+// Traces a process with ptrace(2) and stops it right before its system calls. Only these change
+// what other processes see, so what holds at each of them holds at every moment.
 class Stepper {
   public:
-    // A process that was started stopped goes on.
+    // Continues a process that was started stopped.
     explicit Stepper(TestProcess& process);
 
-    // Lets it go on until right before its system call number `count`, counted from the next one,
-    // or from the next that has the number `first` (SYS_*). False when `isOver`, or the process has
-    // ended, before there are so many; true when it waits there, until the next call or leave().
+    // Continues it until right before the `count`th of the system calls that other processes can
+    // notice, counted from the next one, or from the next call with the number `first` (SYS_*).
+    // True when it is stopped there, until the next goTo() or leave(); false when `isOver` holds or
+    // the process ends before that.
     bool goTo(int count, std::optional<long> first, const std::function<bool()>& isOver);
 
-    // Lets it go on untraced.
+    // Detaches; the process continues.
     void leave();
 
   private:
     [[nodiscard]] std::optional<long> enteredCall() const;
 
     TestProcess& process_;
-    // At a system call that goTo() was asked for.
+    // Stopped by goTo().
     bool waits_ = false;
 };
 

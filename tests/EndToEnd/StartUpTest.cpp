@@ -1,6 +1,6 @@
-// How the helper starts and ends. What keeps it from starting is held by the tests of its entry, of
-// the listener and of the Info.plist; what it takes up again by those of the engine, by KillTest,
-// and by those of the service on a booted machine.
+// Start-up and exit of the helper. Failures of the start-up are covered by the tests of main(), of
+// the listener and of the Info.plist; what is resumed by those of the engine, KillTest and
+// tests/Booted.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,10 +30,10 @@ class StartUpTest : public ::testing::Test {
     World world;
 };
 
-TEST_F(StartUpTest, YieldsToAHelperThatBeganWhileAnotherEnded) {
+TEST_F(StartUpTest, ExitsWhenAnotherHelperIsFasterToReplaceTheLast) {
     std::optional<RunningHelper> first(std::in_place);
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    // The late one has opened the first one's lock, and takes it when the first has ended.
+    // It has opened the lock file of the first helper, and calls flock(2) after that has exited.
     RunningHelper late({.stopped = true});
     Stepper stepper(late.process());
     ASSERT_TRUE(stepper.goTo(1, SYS_flock, [] { return false; }));
@@ -49,7 +49,7 @@ TEST_F(StartUpTest, YieldsToAHelperThatBeganWhileAnotherEnded) {
     EXPECT_FALSE(exists(Place::socket));
 }
 
-TEST_F(StartUpTest, TakesUpTheCommitmentThatTheOneBeforeKeptWithTheLockOff) {
+TEST_F(StartUpTest, ResumesTheCommitmentOfATerminatedHelper) {
     std::optional<RunningHelper> helper(std::in_place);
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const auto before = world.state();
@@ -67,7 +67,7 @@ TEST_F(StartUpTest, TakesUpTheCommitmentThatTheOneBeforeKeptWithTheLockOff) {
     EXPECT_NEAR(world.status().until.value_or(0), before->wall + before->remaining, 2);
 }
 
-TEST_F(StartUpTest, OutlivesTheReaderOfItsLog) {
+TEST_F(StartUpTest, SurvivesAClosedLogPipe) {
     RunningHelper helper({.prepare = [] {
         std::array<int, 2> ends{};
         if (pipe(ends.data()) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
@@ -77,11 +77,11 @@ TEST_F(StartUpTest, OutlivesTheReaderOfItsLog) {
         close(ends[1]);
     }});
     EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_TRUE(world.status().holding) << "it ended when it said so";
+    EXPECT_TRUE(world.status().holding) << "it exited when it logged that";
     EXPECT_EQ(helper.terminate(), exitWhileHolding);
 }
 
-TEST_F(StartUpTest, ServesAndEndsOnSIGTERMWhateverItInherited) {
+TEST_F(StartUpTest, ResetsInheritedSignalsAndDescriptors) {
     RunningHelper helper({.prepare = [] {
         close_range(STDIN_FILENO, STDERR_FILENO, 0);
         for (const int signal : {SIGTERM, SIGCHLD, SIGPIPE, SIGHUP}) {
@@ -91,7 +91,7 @@ TEST_F(StartUpTest, ServesAndEndsOnSIGTERMWhateverItInherited) {
         sigfillset(&all);
         sigprocmask(SIG_SETMASK, &all, nullptr);
     }});
-    // With everything blocked from the start, nothing tells from outside when it serves.
+    // serves() cannot tell here: SIGTERM is blocked from the start.
     ASSERT_TRUE(
         eventually(Seconds{10}, [this] { return world.ask({"status"}).status == Reply::no; }));
     const std::string folder = "/proc/" + std::to_string(helper.process().pid()) + "/fd/";
@@ -101,16 +101,16 @@ TEST_F(StartUpTest, ServesAndEndsOnSIGTERMWhateverItInherited) {
     EXPECT_EQ(helper.terminate(), 0);
 }
 
-TEST_F(StartUpTest, EndsThirtySecondsAfterTheLastConnectionWhateverStrangersDo) {
+TEST_F(StartUpTest, ExitsAfterThirtyIdleSecondsDespiteRefusedCallers) {
     RunningHelper helper;
     EXPECT_EQ(world.ask({"status"}).status, Reply::no);
     const Seconds before = timeNow();
-    TestProcess strangers({.words = {"/bin/sh", "-c",
-                                     "while sleep 1; do " HALVO_TEST_CALLER " --socket " +
-                                         Place::socket + " status; done"},
-                           .person = world.user});
+    TestProcess refused({.words = {"/bin/sh", "-c",
+                                   "while sleep 1; do " HALVO_TEST_CALLER " --socket " +
+                                       Place::socket + " status; done"},
+                         .person = world.user});
     constexpr Seconds idleLimit{30};
-    // One tick, and what a busy machine adds.
+    // A tick, and a busy machine.
     constexpr Seconds late{4};
     EXPECT_EQ(helper.wait(idleLimit + late), 0);
     EXPECT_GE(timeNow() - before, idleLimit - Seconds{1});

@@ -1,4 +1,4 @@
-// An app that is stopped after it was told what holds, and goes on when something else does.
+// An app that is stopped with SIGSTOP after it has read the status, and continues with a stale one.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,11 +17,11 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// What the person commits to elsewhere, and what the stopped app decided on.
+// The commitment of another process meanwhile, and the one that the stopped app is about to begin.
 constexpr Seconds longSpan{1500};
 constexpr Seconds shortSpan{60};
 
-// The app, stopped on its way from the status to its begin.
+// The app, stopped between the status reply and its begin.
 class StoppedApp {
   public:
     enum class At { UnreadStatus, UnsentBegin };
@@ -30,17 +30,16 @@ class StoppedApp {
         : app_({.words = {Place::appExecutable, "1"}, .person = world.user, .stopped = true}),
           stepper_(app_) {
         const auto isOver = [limit = timeNow() + Seconds{20}] { return timeNow() >= limit; };
-        // It sends its authentication, the status request, and the begin.
+        // The messages it sends: authentication, status request, begin.
         const int status = 2;
         for (int sent = 0; sent < status; ++sent) {
             EXPECT_TRUE(stepper_.goTo(1, SYS_sendmsg, isOver)) << app_.output();
         }
-        EXPECT_TRUE(at == At::UnreadStatus ? stepper_.goTo(1, {}, isOver)
-                                           : stepper_.goTo(1, SYS_sendmsg, isOver))
+        EXPECT_TRUE(stepper_.goTo(1, at == At::UnreadStatus ? SYS_recvmsg : SYS_sendmsg, isOver))
             << app_.output();
     }
 
-    // Lets it go on until it says what came of it.
+    // Continues it until it prints the result.
     void goOn() {
         stepper_.leave();
         EXPECT_TRUE(eventually(Seconds{20},
@@ -56,10 +55,10 @@ class StoppedApp {
 
 class StoppedAppTest : public ::testing::Test {
   protected:
-    // Nobody for whom the app would be opened.
+    // No console user, or the helper would open the app.
     void SetUp() override { world.leaveConsole(); }
 
-    // Ten, half of them at either place.
+    // Five stopped at each point.
     std::list<StoppedApp> stopTen() {
         std::list<StoppedApp> apps;
         for (int i = 0; i < 5; ++i) {
@@ -69,8 +68,8 @@ class StoppedAppTest : public ::testing::Test {
         return apps;
     }
 
-    // Lets them go on one by one, while a long commitment holds. How many of them ended it.
-    int endedBy(std::list<StoppedApp>& apps) {
+    // Continues them one by one while a long commitment holds; how many of them shortened it.
+    int shortenedBy(std::list<StoppedApp>& apps) {
         int count = 0;
         for (StoppedApp& app : apps) {
             EXPECT_EQ(world.begin(longSpan), Reply::yes);
@@ -85,23 +84,23 @@ class StoppedAppTest : public ::testing::Test {
     RunningHelper helper;
 };
 
-TEST_F(StoppedAppTest, EndsNoLaterCommitment) {
+TEST_F(StoppedAppTest, DoesNotShortenALaterCommitment) {
     std::list<StoppedApp> apps = stopTen();
     EXPECT_FALSE(exists(Place::stateFile));
-    EXPECT_EQ(endedBy(apps), 0);
+    EXPECT_EQ(shortenedBy(apps), 0);
 }
 
-TEST_F(StoppedAppTest, EndsNoLaterCommitmentHoweverLongItWasStopped) {
+TEST_F(StoppedAppTest, DoesNotShortenALaterCommitmentAfterTheSilenceLimit) {
     const std::size_t before = helper.descriptors();
     std::list<StoppedApp> apps = stopTen();
     EXPECT_EQ(helper.descriptors(), before + apps.size());
     EXPECT_TRUE(eventually(Seconds{40}, [&] { return helper.descriptors() == before; }))
-        << "who says nothing keeps its place";
-    EXPECT_EQ(endedBy(apps), 0);
+        << "silent connections are not closed";
+    EXPECT_EQ(shortenedBy(apps), 0);
 }
 
-// Which shows that the others are stopped where they could.
-TEST_F(StoppedAppTest, CommitsWhenNothingElseHappened) {
+// Shows that the apps above are stopped where they still could begin.
+TEST_F(StoppedAppTest, BeginsWhenNothingElseHappened) {
     for (const auto at : {StoppedApp::At::UnreadStatus, StoppedApp::At::UnsentBegin}) {
         StoppedApp app(world, at);
         EXPECT_FALSE(exists(Place::stateFile));
@@ -111,8 +110,8 @@ TEST_F(StoppedAppTest, CommitsWhenNothingElseHappened) {
     }
 }
 
-// Another process of the app begins: what this one was told is no longer so, and it asks anew.
-TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
+// Begins of another process make its status stale; it is disconnected and reconnects.
+TEST_F(StoppedAppTest, BeginsElsewhereDoNotDisturbARunningApp) {
     ASSERT_EQ(world.begin(shortSpan), Reply::yes);
     TestProcess app = world.startApp();
     ASSERT_TRUE(eventually(Seconds{5}, [&] { return !app.output().empty(); }));
@@ -125,21 +124,24 @@ TEST_F(StoppedAppTest, BegunElsewhereTroublesNoAppThatRuns) {
     EXPECT_THAT(app.output(), Not(HasSubstr("keeps trying")));
 }
 
-TEST_F(StoppedAppTest, BegunElsewhereDisconnectsThePersonsProcessesThatWereToldOtherwise) {
+TEST_F(StoppedAppTest, ABeginDisconnectsTheUsersConnectionsWithAStaleStatus) {
     const auto ask = [this](const char* request, uid_t person) {
-        return world.startCaller({"ask", Place::socket, request, "~10", request}, person);
+        return world.startCaller({"ask", Place::socket, request, "?", request}, person);
     };
-    TestProcess told = ask("status", world.user);
-    TestProcess notTold = ask("heartbeat", world.user);
-    TestProcess somebodyElse = ask("status", world.other);
+    TestProcess stale = ask("status", world.user);
+    TestProcess withoutStatus = ask("heartbeat", world.user);
+    TestProcess ofOtherUser = ask("status", world.other);
     const std::string idle = "idle without end unlocked";
-    EXPECT_EQ(told.readLine(), idle);
-    EXPECT_EQ(notTold.readLine(), "no");
-    EXPECT_EQ(somebodyElse.readLine(), idle);
+    EXPECT_EQ(stale.readLine(), idle);
+    EXPECT_EQ(withoutStatus.readLine(), "no");
+    EXPECT_EQ(ofOtherUser.readLine(), idle);
     EXPECT_EQ(world.begin(shortSpan), Reply::yes);
-    EXPECT_EQ(told.readLine(), "disconnected");
-    EXPECT_EQ(notTold.readLine(), "yes");
-    EXPECT_EQ(somebodyElse.readLine(), idle);
+    for (const TestProcess* caller : {&stale, &withoutStatus, &ofOtherUser}) {
+        caller->tell("");
+    }
+    EXPECT_EQ(stale.readLine(), "disconnected");
+    EXPECT_EQ(withoutStatus.readLine(), "yes");
+    EXPECT_EQ(ofOtherUser.readLine(), idle);
 }
 
 }  // namespace

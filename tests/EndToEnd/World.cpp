@@ -25,12 +25,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// scripts/private-machine tells who lives in it.
+// scripts/private-machine sets these variables.
 unsigned numberFrom(const char* variable) {
     return static_cast<unsigned>(std::stoul(std::getenv(variable)));
 }
 
-// Ends everything that the persons run; pid 1 collects it.
+// Kills all processes of a user; process 1 reaps them.
 void killAllOf(uid_t person) {
     runInChild({.person = person, .body = [] { return ::kill(-1, SIGKILL); }});
 }
@@ -55,12 +55,12 @@ std::vector<std::string> callerCommand(std::vector<std::string> words) {
     return words;
 }
 
-// A script on the machine's own PATH.
+// Runs a command of the machine, which is on its PATH.
 void runOnMachine(const std::string& command) {
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 
-// Every digit counts: the dates are compared later.
+// With all digits: the dates are compared later.
 std::string text(double number) {
     std::ostringstream stream;
     stream << std::setprecision(17) << number;
@@ -124,9 +124,9 @@ int World::begin(Seconds span, std::optional<uid_t> person) const {
     return ask({"begin", ".", text(span.count()), "0"}, person).status;
 }
 
-Told World::status(std::optional<uid_t> person) const {
+Status World::status(std::optional<uid_t> person) const {
     const ChildResult answer = ask({"status"}, person);
-    Told told;
+    Status status;
     std::istringstream words(answer.output);
     std::string word;
     words >> word;
@@ -134,14 +134,14 @@ Told World::status(std::optional<uid_t> person) const {
     while (words >> word) {
         const std::string value = word.substr(word.find('=') + 1);
         if (word.starts_with("holding=")) {
-            told.holding = value == "true";
+            status.holding = value == "true";
         } else if (word.starts_with("locked=")) {
-            told.locked = value == "true";
+            status.locked = value == "true";
         } else if (word.starts_with("until=") && value != "none") {
-            told.until = std::stod(value);
+            status.until = std::stod(value);
         }
     }
-    return told;
+    return status;
 }
 
 std::optional<State> World::state() const {
@@ -156,7 +156,7 @@ std::optional<State> World::state() const {
                      json.at("capRemaining"), json.at("checkpoint").at("wall"),
                      json.at("locked")};
     } catch (const nlohmann::json::exception& error) {
-        ADD_FAILURE() << "the state file is not whole: " << error.what() << "\n" << bytes;
+        ADD_FAILURE() << "the state file cannot be parsed: " << error.what() << "\n" << bytes;
         return std::nullopt;
     }
 }
@@ -190,7 +190,7 @@ void put(const std::string& path, const std::string& bytes, mode_t mode) {
 void copyFile(const std::string& from, const std::string& to, gid_t group, mode_t mode,
               uid_t owner) {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
-    // In this order: a change of the owner takes the set-group-id bit away.
+    // In this order: chown(2) clears the set-group-id bit.
     ASSERT_EQ(chown(to.c_str(), owner, group), 0) << to;
     ASSERT_EQ(chmod(to.c_str(), mode), 0) << to;
 }
@@ -206,8 +206,7 @@ mode_t modeOf(const std::string& path) {
 
 namespace {
 
-// scripts/private-machine sets the variable, and starts the command in a pid namespace of its own,
-// whose process 1 is the script itself.
+// scripts/private-machine sets the variable, and is process 1 of a new pid namespace.
 bool isPrivateMachine() {
     struct stat status{};
     return std::getenv("HALVO_APP_GID") != nullptr && stat("/.machine", &status) == 0 &&
@@ -217,8 +216,8 @@ bool isPrivateMachine() {
 
 }  // namespace
 
-// The tests lock folders, kill processes and mount file systems; they refuse to do so on a machine
-// that anybody uses.
+// The tests lock folders, kill processes and mount file systems; they refuse to run on a machine in
+// use.
 int main(int count, char** words) {
     ::testing::InitGoogleTest(&count, words);
     if (!::testing::GTEST_FLAG(list_tests) && !isPrivateMachine()) {

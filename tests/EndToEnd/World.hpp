@@ -1,5 +1,5 @@
-// The machine of one end-to-end test: the installed app, its state, who sits at the console. It is
-// the private one that scripts/private-machine makes, so a test does with it what it likes.
+// The machine of one end-to-end test: the installed app, the stored state, the console session. It
+// is a scripts/private-machine, so a test may change anything.
 #pragma once
 
 #include <sys/types.h>
@@ -14,14 +14,14 @@
 
 namespace halvo::testing {
 
-// Where things are once installed.
+// Installed paths.
 namespace Place {
 
 inline const std::string applications = "/Applications";
 inline const std::string app = applications + "/Halvo.app";
-// What the helper opens and looks for.
+// The executable that the helper opens, and whose processes it looks for.
 inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
-// A program of the same bundle that asks the helper what a test wants it to.
+// The test caller (tests/Support/TestApp.cpp), in the same bundle.
 inline const std::string caller = app + "/Contents/MacOS/TestCaller";
 inline const std::string infoPlist = app + "/Contents/Info.plist";
 
@@ -32,25 +32,24 @@ inline const std::string socket = "/run/" HALVO_APP_BUNDLE_ID ".helper.sock";
 inline const std::string lock = socket + ".lock";
 
 inline const std::string helper = "/Library/PrivilegedHelperTools/HalvoHelper";
-// The administrator's program.
 inline const std::string control = "/Library/PrivilegedHelperTools/halvoctl";
 inline const std::string helperInfoPlist = "/Library/PrivilegedHelperTools/Info.plist";
 
 }  // namespace Place
 
-// The caller's exit statuses.
+// Exit statuses of the test caller.
 namespace Reply {
 
 inline constexpr int yes = 0;
 inline constexpr int no = 1;
 inline constexpr int rejected = 65;
-// After it was let in.
+// After authentication.
 inline constexpr int disconnected = 76;
 inline constexpr int refused = 77;
 
 }  // namespace Reply
 
-// What the state file holds.
+// The contents of the state file.
 struct State {
     std::string appPath;
     uid_t uid{};
@@ -61,8 +60,8 @@ struct State {
     bool locked{};
 };
 
-// What the caller was told by a status request.
-struct Told {
+// The reply to a status request.
+struct Status {
     bool holding{};
     std::optional<double> until;
     bool locked{};
@@ -70,12 +69,11 @@ struct Told {
 
 class World {
   public:
-    // Puts everything in its place, also after a test before this one in the same machine: the
-    // helper and the app are installed and do not run, nothing is committed, `user` is at the
-    // console.
+    // Resets the machine, also after another test in it: the helper and the app are installed and
+    // not running, no commitment is stored, `user` is the console user.
     World();
 
-    // The person at the console, and another one.
+    // The console user, and another user.
     uid_t user;
     uid_t other;
     std::string userName;
@@ -86,11 +84,11 @@ class World {
     // Installs a bundle like the app's at `path`.
     void installApp(const std::string& path) const;
 
-    // Runs the caller with `words` as `person` (`user` without) to its end.
+    // Runs the test caller with `words` to its end, as `person` or else as `user`.
     [[nodiscard]] ChildResult ask(const std::vector<std::string>& words,
                                   std::optional<uid_t> person = {}) const;
 
-    // The same, to run beside the test.
+    // The same, without waiting for it.
     [[nodiscard]] TestProcess startCaller(const std::vector<std::string>& words,
                                           std::optional<uid_t> person = {}) const;
 
@@ -98,40 +96,40 @@ class World {
     [[nodiscard]] ChildResult run(const std::vector<std::string>& words,
                                   const std::vector<std::string>& environment = {}) const;
 
-    // Starts the app as a person does.
+    // Starts the app as `user`.
     [[nodiscard]] TestProcess startApp() const;
 
-    // The exit status of a begin for the app, from now until `span` from now.
+    // Begins a commitment of the app for `span` from now; the caller's exit status.
     [[nodiscard]] int begin(Seconds span, std::optional<uid_t> person = {}) const;
 
     [[nodiscard]] int end() const { return ask({"end"}).status; }
 
     // Fails the test when there is no reply.
-    [[nodiscard]] Told status(std::optional<uid_t> person = {}) const;
+    [[nodiscard]] Status status(std::optional<uid_t> person = {}) const;
 
-    // What the state file holds. Nothing when there is none; fails the test when it is not whole.
+    // The contents of the state file; nothing without one. Fails the test when it cannot be parsed.
     [[nodiscard]] std::optional<State> state() const;
 
-    // Nobody sits at the console from now on.
+    // Ends the console session.
     void leaveConsole() const;
 };
 
-// Whether the folder carries the flag that makes it immutable.
+// Whether the item has the immutable flag.
 bool isLocked(const std::string& path = Place::app);
 
-// Sets or clears the flag as root does by hand.
+// Sets or clears the immutable flag, as chattr(1) does.
 void setLockedByHand(bool locked, const std::string& path = Place::app);
 
 bool exists(const std::string& path);
 
-// Makes the file at `path` hold `bytes`, as a file of root's with mode `mode`.
+// Replaces the file at `path` with one of root's, with these contents and this mode.
 void put(const std::string& path, const std::string& bytes, mode_t mode = 0644);
 
-// Copies the file, as a file of `owner` and the group `group` with mode `mode`.
+// Copies a file; the copy has this group, mode and owner.
 void copyFile(const std::string& from, const std::string& to, gid_t group, mode_t mode,
               uid_t owner = 0);
 
-// Permissions of the item itself, with the bits for set-user-id and set-group-id.
+// The permission bits of the item itself, including set-user-id and set-group-id.
 mode_t modeOf(const std::string& path);
 
 }  // namespace halvo::testing

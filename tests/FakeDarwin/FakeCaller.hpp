@@ -1,4 +1,4 @@
-// A caller of the helper over NSXPC in a test. For Objective-C++ sources only.
+// A client of the helper over NSXPC. For Objective-C++ sources only.
 #pragma once
 
 #import <Foundation/Foundation.h>
@@ -15,8 +15,8 @@
 
 namespace halvo::testing {
 
-// Makes the requests on `connection`. Each appends its reply to `replies`, in words: "begin yes",
-// "idle", "holding for 600 s, locked".
+// Makes the requests on `connection`, and appends each reply to `replies`: "begin yes", "idle",
+// "holding for 600 s, locked".
 class FakeCaller {
   public:
     // `wallClock` gives the seconds since 1970.
@@ -29,7 +29,7 @@ class FakeCaller {
         });
     }
 
-    // From now on.
+    // A begin from now for `seconds`.
     void begin(const std::string& path, double seconds) {
         const double now = wallClock_();
         begin(foundationText(path), [NSDate dateWithTimeIntervalSince1970:now + seconds],
@@ -61,7 +61,7 @@ class FakeCaller {
     }
 
     NSXPCConnection* connection = nil;
-    // In seconds since 1970; 0 when the last status told none.
+    // The end in the last status, in seconds since 1970; 0 for none.
     double toldUntil = 0;
 
   private:

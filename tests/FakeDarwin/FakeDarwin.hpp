@@ -1,8 +1,8 @@
-// A Darwin that does what a test tells it: stand-ins of the frameworks and system calls that the
-// macOS layer uses, on simulated time, with what they were asked for written down.
+// Fakes of the frameworks and system calls of Darwin that the macOS layer uses, on simulated time.
+// They behave as World says, and record how they are called in it.
 //
-// Everything here may be called from any thread that the test or Dispatch runs, one at a time: the
-// stand-ins run one thread while all others wait for it.
+// May be used on any thread, as only one runs at a time: the fakes start a thread and wait for its
+// end.
 #pragma once
 
 #include <sys/types.h>
@@ -16,17 +16,17 @@
 
 namespace fake {
 
-// A process as libproc tells of it.
+// A process as libproc reports it.
 struct Process {
     pid_t pid{};
     std::uint32_t uid{};
-    // What proc_pidpath() writes, byte for byte; it fails when this is empty.
+    // The bytes that proc_pidpath() writes; empty makes it fail.
     std::string path{};
-    // How many bytes proc_pidinfo() returns; 64 is all of them.
+    // The size that proc_pidinfo() returns; 64 is the whole struct.
     int infoSize = 64;
-    // What proc_pidpath() returns in place of the number of bytes that it wrote.
+    // The size that proc_pidpath() returns, unless that is what it wrote.
     std::optional<int> pathSize = std::nullopt;
-    // SIGSTOP reached it.
+    // Stopped by SIGSTOP.
     bool isStopped = false;
 };
 
@@ -39,7 +39,7 @@ struct LogEntry {
     bool operator==(const LogEntry&) const = default;
 };
 
-// A look at a code signature: SecStaticCodeCheckValidity(), with its flags.
+// A call of SecStaticCodeCheckValidity().
 struct SignatureCheck {
     std::string path;
     std::uint32_t flags{};
@@ -47,7 +47,7 @@ struct SignatureCheck {
     bool operator==(const SignatureCheck&) const = default;
 };
 
-// A task that was launched.
+// A launched NSTask.
 struct Launch {
     std::string executable;
     std::vector<std::string> arguments;
@@ -58,80 +58,79 @@ struct Launch {
 };
 
 struct World {
-    // libproc: the processes in the order in which they are listed (pid 0, the kernel, only when it
-    // is here); what proc_listallpids() returns without a buffer, and with one, in place of the
-    // truth; how often proc_pidinfo() and proc_pidpath() were called.
+    // libproc: the processes in listing order (pid 0, the kernel, only if it is here); what
+    // proc_listallpids() returns without a buffer, and with one, unless the true number; the number
+    // of calls of proc_pidinfo() and proc_pidpath().
     std::vector<Process> processes;
     std::optional<int> announcedProcesses;
     std::optional<int> listedProcesses;
     int infoCalls = 0;
     int pathCalls = 0;
 
-    // SystemConfiguration: nobody has the console when there is no name.
+    // SystemConfiguration: without a name there is no console user.
     std::optional<std::string> consoleUser;
     std::uint32_t consoleUID = 0;
 
-    // lchflags(2): the flags by path, any other item that exists has none; its errno when it fails;
-    // how often it was called. lstat(2) itself is the real one.
+    // lchflags(2): the flags by path, none for other items; its errno when it fails; the number of
+    // calls. lstat(2) itself is the real one.
     std::map<std::string, std::uint32_t> flags;
     std::optional<int> lchflagsError;
     int lchflagsCalls = 0;
 
-    // statfs(2): the flags of the volume by path; all else lies on the machine's own. Whether it
-    // fails.
+    // statfs(2): the volume's flags by path, MNT_LOCAL for other paths; whether it fails.
     std::map<std::string, std::uint32_t> volumes;
     bool statfsFails = false;
 
-    // acl(3): the lists by path: "a" is an entry that allows, "d" one that denies, "?" one that
-    // cannot be read. And the errno where the system does not tell.
+    // acl(3): the lists by path, where "a" is an entry that allows, "d" one that denies, "?" one
+    // that cannot be read; the errno when acl_get_link_np() fails.
     std::map<std::string, std::string> accessLists;
     std::optional<int> accessListError;
 
-    // Security: files as they must be, by their bytes, with the requirement that their signature
-    // meets. The bytes are read at the very check, before which `onSignatureCheck` is called. A
-    // requirement is text that begins as all of ours do.
+    // Security: the contents of signed files, with the requirement that their signature meets. A
+    // check calls `onSignatureCheck`, then reads the file. A requirement is valid when it begins as
+    // those of the product do.
     std::map<std::string, std::string> signedFiles;
     std::vector<SignatureCheck> signatureChecks;
     std::function<void()> onSignatureCheck;
     bool errorsHaveTexts = true;
 
-    // The clocks: nanoseconds since boot, which Dispatch moves as a script goes on; the wall
-    // clock's seconds since 1970 at boot; how many nanoseconds clock_gettime_nsec_np(3) takes after
-    // its look.
+    // The clocks: nanoseconds since boot, which Dispatch advances as a script runs; the wall clock
+    // at boot, in seconds since 1970; how many nanoseconds each clock_gettime_nsec_np(3) takes.
     std::uint64_t sinceBoot = 1'000'000'000'000;
     double bootedAt = 1'800'000'000;
     std::uint64_t readingTakes = 0;
 
     // sysctl(3) "kern.bootsessionuuid": its bytes, without which the call for the size fails;
-    // whether that for the value does.
+    // whether the call for the value fails.
     std::optional<std::string> bootSession =
         std::string("9F0C6A5E-0000-4000-8000-00000000B007") + '\0';
     bool bootSessionReadFails = false;
     int sysctlCalls = 0;
 
-    // The main bundle: its executable; its Info.plist as XML, as Foundation finds it; and the
-    // section __TEXT,__info_plist of the running program, when it has one. Other bundles are read
-    // from the disk, Contents/Info.plist, each time anew; Foundation may remember what it has read.
+    // The main bundle: its executable; its Info.plist as XML, as Foundation finds it; the section
+    // __TEXT,__info_plist of the running program, if any. The Info.plist of other bundles is read
+    // from the disk each time; Foundation may cache it.
     std::optional<std::string> mainExecutable =
         "/Applications/Halvo.app/Contents/Helpers/HalvoHelper";
     std::string mainInfo;
     std::optional<std::string> carriedInfo;
 
-    // Foundation's folders: the containers of groups that the process may use, and Application
-    // Support (none when empty). By Apple's documentation of
-    // containerURLForSecurityApplicationGroupIdentifier macOS gives a URL for every group; that of
-    // one that the process may not use is a place where nobody can make a folder.
+    // Foundation's folders: the containers of the process's app groups, and Application Support
+    // (none when empty). By Apple's documentation of
+    // containerURLForSecurityApplicationGroupIdentifier macOS returns a URL for every group; that
+    // of another group lies where no folder can be made.
     std::map<std::string, std::string> groupContainers;
     std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
 
-    // Tasks: those launched, what happens then, and why none can be launched. A task without an
-    // environment of its own has the process's. A program that this machine has is run to its end.
+    // NSTask: the launched tasks, a callback for each, and the error that prevents a launch.
+    // Without an environment a task inherits that of the process. A program that exists is run to
+    // its end.
     std::vector<Launch> launches;
     std::function<void(const Launch&)> onLaunch;
     std::optional<std::string> launchError;
 
-    // fcntl(2) F_FULLFSYNC and fsync(2): their errno when they fail; how often they were called.
+    // fcntl(2) F_FULLFSYNC and fsync(2): their errno when they fail; the number of calls.
     std::optional<int> fullSyncError;
     std::optional<int> syncError;
     int fullSyncCalls = 0;
@@ -143,48 +142,46 @@ struct World {
 
 World& world();
 
-// Everything as in a new process: the world, the queues, the sources, the listeners. Only what was
-// set on the main queue by dispatch_queue_set_specific(3) stays, as static variables do.
+// Resets the world, queues, sources and listeners to those of a new process. Values of
+// dispatch_queue_set_specific(3) stay, as the static variables do that they belong to.
 void reset();
 
-// The texts of the log at one level, in order.
+// The log messages of one level, in order.
 std::vector<std::string> errors();
 std::vector<std::string> notices();
 
-// Dispatch. Timers go by the wall clock, or by one that passes with World::sinceBoot but stands
-// still when a test moves that: then the machine was asleep. Time passes only inside
-// dispatch_main(), which serves the main queue on a thread of its own until the script is over, and
-// then throws Over.
+// Dispatch. Timers use the wall clock, or a clock that advances with World::sinceBoot, but not when
+// a test moves that, which simulates sleep. Time passes only inside dispatch_main(), which serves
+// the main queue on a new thread until the script is over, and then throws Over.
 struct Over {};
 
-// Calls `event` on a thread that is no queue's when `seconds` have passed from now on.
+// Calls `event` `seconds` from now, on a thread of no queue.
 void at(double seconds, std::function<void()> event);
 
-// When the script is over, counted from now on. Without it dispatch_main() is over when nothing is
-// left to come but timers.
+// Ends the script `seconds` from now. Without it dispatch_main() ends when only timers are left.
 void endAt(double seconds);
 
-// Serves the main queue for `seconds` (0: only what is due) on a thread of its own, and returns.
+// Serves the main queue for `seconds` (0: only what is due) on a new thread, and returns.
 void serve(double seconds);
 
-// What a kernel does with `signal`: tells the sources that watch it. False when there is none.
+// Delivers `signal` to the signal sources that monitor it. False when there is none.
 bool raise(int signal);
 
-// The timers that were made and not released, in the order of their making: what each was set to,
-// in nanoseconds. `first` counts from when it was set.
+// The settings of the timers that are not released, in order of creation, in nanoseconds. `first`
+// counts from dispatch_source_set_timer(3).
 struct Timer {
     std::uint64_t first{};
     std::uint64_t interval{};
     std::uint64_t leeway{};
     bool isStrict{};
-    // It goes by the wall clock.
+    // It uses the wall clock.
     bool isWall{};
 };
 
 std::vector<Timer> timers();
 
-// Objective-C objects of the class `name` and its subclasses that are alive. What was autoreleased
-// lives until its pool ends, so a test that counts has a pool of its own.
+// The number of live objects of the class `name` and its subclasses. Autoreleased objects live
+// until their pool is drained, so a test that counts needs its own pool.
 long liveObjects(const char* name);
 
 }  // namespace fake

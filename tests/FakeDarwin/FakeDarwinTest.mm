@@ -1,4 +1,4 @@
-// Tests of the stand-ins whose failure would let tests of the macOS layer pass unnoticed.
+// Tests of the fakes, where a defect would let tests of the macOS layer pass wrongly.
 #import <Foundation/Foundation.h>
 #include <dispatch/dispatch.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 
 @interface Door : NSObject <NSXPCListenerDelegate> {
   @public
-    // Called whenever NSXPC calls.
+    // Called by each method that NSXPC calls.
     std::function<void()> called;
 }
 @end
@@ -53,7 +53,7 @@ struct FakeDarwinTest : ::testing::Test {
     }
 };
 
-TEST_F(FakeDarwinTest, CountsTheObjectsThatAreAlive) {
+TEST_F(FakeDarwinTest, CountsLiveObjects) {
     @autoreleasepool {
         Door* door = [Door new];
         __weak Door* weak = door;
@@ -67,7 +67,7 @@ TEST_F(FakeDarwinTest, CountsTheObjectsThatAreAlive) {
     }
 }
 
-TEST_F(FakeDarwinTest, RefusesNilWhereFoundationThrows) {
+TEST_F(FakeDarwinTest, AbortsOnNilWhereFoundationThrows) {
     @autoreleasepool {
         NSString* nothing = nil;
         EXPECT_DEATH([[NSMutableArray array] addObject:nothing], "nil as an element");
@@ -81,7 +81,7 @@ TEST_F(FakeDarwinTest, RefusesNilWhereFoundationThrows) {
     }
 }
 
-TEST_F(FakeDarwinTest, GivesATaskTheEnvironmentOfTheProcessWithoutAnother) {
+TEST_F(FakeDarwinTest, ATaskInheritsTheEnvironmentByDefault) {
     @autoreleasepool {
         setenv("HALVO_TASK", "yes", 1);
         NSTask* task = [[NSTask alloc] init];
@@ -93,18 +93,18 @@ TEST_F(FakeDarwinTest, GivesATaskTheEnvironmentOfTheProcessWithoutAnother) {
 }
 
 // os_log(3).
-TEST_F(FakeDarwinTest, LogsTextsWhereTheyArePublicAndNumbersUnlessTheyArePrivate) {
+TEST_F(FakeDarwinTest, RedactsPrivateLogArguments) {
     os_log_with_type(os_log_create("app.halvo", "Test"), OS_LOG_TYPE_DEFAULT,
                      "%s|%{private}d|%{public}s|%{public}ld %d", "secret", 5, "text", LONG_MIN, -7);
     EXPECT_EQ(fake::notices(),
               std::vector<std::string>{"<private>|<private>|text|-9223372036854775808 -7"});
 }
 
-TEST_F(FakeDarwinTest, RefusesAClockThatDoesNotCountSleep) {
+TEST_F(FakeDarwinTest, AbortsOnAClockThatDoesNotCountSleep) {
     EXPECT_DEATH(clock_gettime_nsec_np(CLOCK_REALTIME), "a clock that does not count sleep");
 }
 
-TEST_F(FakeDarwinTest, RefusesASourceThatIsUsedAgainstTheRules) {
+TEST_F(FakeDarwinTest, AbortsOnMisuseOfADispatchSource) {
     dispatch_source_t source =
         dispatch_source_create(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, dispatch_get_main_queue());
     EXPECT_DEATH(dispatch_release(source), "a suspended source is released");
@@ -114,7 +114,7 @@ TEST_F(FakeDarwinTest, RefusesASourceThatIsUsedAgainstTheRules) {
     EXPECT_DEATH(dispatch_source_cancel(source), "was released");
 }
 
-TEST_F(FakeDarwinTest, NoticesWhatAListenerIsToldTooLateAndDoesNotKeepItsDelegate) {
+TEST_F(FakeDarwinTest, RecordsAListenersStateAtResumeAndHasAWeakDelegate) {
     @autoreleasepool {
         NSXPCListener* listener = [[NSXPCListener alloc] initWithMachServiceName:@"service"];
         [listener resume];
@@ -129,7 +129,7 @@ TEST_F(FakeDarwinTest, NoticesWhatAListenerIsToldTooLateAndDoesNotKeepItsDelegat
     }
 }
 
-TEST_F(FakeDarwinTest, CallsFromNSXPCOnQueuesOfItsOwnAndLetsGoOfAnInvalidConnection) {
+TEST_F(FakeDarwinTest, CallsOnNSXPCsOwnQueuesAndReleasesAnInvalidatedConnection) {
     static char mark = 0;
     dispatch_queue_set_specific(dispatch_get_main_queue(), &mark, &mark, nullptr);
     const auto test = std::this_thread::get_id();
@@ -161,7 +161,7 @@ TEST_F(FakeDarwinTest, CallsFromNSXPCOnQueuesOfItsOwnAndLetsGoOfAnInvalidConnect
     }
 }
 
-TEST_F(FakeDarwinTest, EndsTheProcessForARequestThatCannotArrive) {
+TEST_F(FakeDarwinTest, AbortsOnARequestThatNSXPCWouldNotDeliver) {
     @autoreleasepool {
         NSXPCConnection* connection = [[NSXPCConnection alloc] init];
         const auto request = [&] {
@@ -173,7 +173,7 @@ TEST_F(FakeDarwinTest, EndsTheProcessForARequestThatCannotArrive) {
             [NSXPCInterface interfaceWithProtocol:@protocol(NSXPCListenerDelegate)];
         connection.exportedObject = [NSObject new];
         [connection resume];
-        EXPECT_DEATH(request(), "none of the exported interface");
+        EXPECT_DEATH(request(), "does not conform to the exported interface");
         fake::invalidate(connection);
     }
 }

@@ -1,14 +1,14 @@
-// Foundation in a test. For Objective-C++ sources only.
+// Test access to the fake Foundation. For Objective-C++ sources only.
 #pragma once
 
 #import <Foundation/Foundation.h>
 
 namespace fake {
 
-// Half of a surrogate pair: one character of UTF-16 that UTF-8 cannot hold.
+// A string of one unpaired surrogate, which has no UTF-8 encoding.
 NSString* loneSurrogate();
 
-// What the main bundle's -infoDictionary is from now on, in the place of World::mainInfo.
+// Sets the main bundle's -infoDictionary, in place of World::mainInfo.
 void setMainInfo(NSDictionary<NSString*, id>* info);
 
 }  // namespace fake

@@ -10,7 +10,7 @@
 
 namespace halvo::testing {
 
-// While it lives /usr/bin holds nothing but an `open` that reports how it was started.
+// While it lives, /usr/bin contains only an `open` that reports how it was started.
 class FakeOpen {
   public:
     FakeOpen() {
@@ -23,7 +23,7 @@ class FakeOpen {
 
     ~FakeOpen() { std::filesystem::remove(place); }
 
-    // How it was started, by somebody who may not write into /usr/bin.
+    // The report, which a user without write permission on /usr/bin leaves in /tmp.
     [[nodiscard]] TestReport report() const { return readReport(place); }
 
   private:

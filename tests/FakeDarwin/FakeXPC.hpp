@@ -1,4 +1,4 @@
-// The other end of NSXPC in a test. For Objective-C++ sources only.
+// The peer's side of NSXPC connections. For Objective-C++ sources only.
 #pragma once
 
 #import <Foundation/Foundation.h>
@@ -9,7 +9,7 @@
 
 namespace fake {
 
-// What a listener was made and told, by its Mach service name. Nothing when there is none.
+// The state of the listener of a Mach service; nothing when there is none.
 struct ListenerState {
     std::string requirement;
     bool isResumed{};
@@ -19,24 +19,24 @@ struct ListenerState {
 
 std::optional<ListenerState> listener(const std::string& service);
 
-// Connects to the service as a process that meets the requirement, which is the system's to check
-// and is not checked here; nor are the classes of arguments, which NSXPC takes from the protocol.
-// As NSXPC does it: the delegate is asked on the listener's own queue, a thread that is not the
-// main queue's. Nil when nothing listens or the delegate refuses.
+// Connects to the service as a process that meets the code-signing requirement, which is not
+// checked here; nor are the classes of arguments, which NSXPC takes from the protocol. As in NSXPC,
+// the delegate is called on the listener's own queue, not on the main thread. Nil when nothing
+// listens or the delegate refuses.
 NSXPCConnection* connect(const std::string& service, pid_t pid, uid_t uid);
 
-// The protocol of a connection's exported interface; and what it had when it was resumed:
-// "interface", "object", "handler", and "resume" itself.
+// The protocol of a connection's exported interface; and which members were set when it was
+// resumed: "interface", "object", "handler", and at last "resume".
 std::string exportedProtocol(NSXPCConnection* connection);
 std::vector<std::string> steps(NSXPCConnection* connection);
 
-// Has `work` call the exported object on the connection's own queue, a thread that is not the main
-// queue's, and waits for it. Ends the process when the connection is not resumed, or its exported
-// object does not conform to the exported interface's protocol.
+// Runs `work`, which calls the exported object, on the connection's own queue and waits for it.
+// Aborts when the connection is not resumed, or its exported object does not conform to the
+// exported interface's protocol.
 void request(NSXPCConnection* connection, void (^work)(id exported));
 
-// The other end goes away: the invalidation handler runs on the connection's queue, once, and the
-// connection lets go of what it held.
+// The peer disconnects: the invalidation handler runs once, on the connection's queue, and the
+// connection releases its handler, object and interface.
 void invalidate(NSXPCConnection* connection);
 
 }  // namespace fake

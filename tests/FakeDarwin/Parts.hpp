@@ -1,4 +1,4 @@
-// Between the stand-ins: threads, what reset() undoes, and Foundation's text as C++'s.
+// Internal to the fakes: threads, parts of reset(), and conversion of Foundation's values.
 #pragma once
 
 #include <functional>
@@ -6,8 +6,8 @@
 
 namespace fake {
 
-// Runs `work` on a new thread, under an autorelease pool that lasts as long as the thread, and
-// waits for it. What it throws is thrown on.
+// Runs `work` on a new thread with an autorelease pool, waits for its end, and rethrows its
+// exception.
 void runElsewhere(const std::function<void()>& work);
 
 void resetDispatch();
@@ -21,7 +21,7 @@ void resetMainBundle();
 
 namespace fake {
 
-// In UTF-8; ends the process when it has none. Empty for nil.
+// In UTF-8; aborts when it cannot be encoded. Empty for nil.
 std::string textOf(NSString* text);
 
 // Nil when it is not UTF-8.
@@ -31,7 +31,7 @@ NSData* dataOf(const std::string& bytes);
 
 NSError* errorOf(const std::string& description);
 
-// Ends the process: what Foundation does is throw an exception that nothing catches.
+// Aborts, where Foundation throws an exception that is not caught.
 [[noreturn]] void refuse(const std::string& what);
 
 }  // namespace fake

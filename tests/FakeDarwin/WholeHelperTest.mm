@@ -1,8 +1,8 @@
-// The whole helper of macOS, from main() to its end, on simulated time: how the parts are put
-// together. The rules of each part are tested beside it.
+// The whole helper of macOS, from main() to exit, on simulated time: how main() assembles the
+// parts, whose own tests cover their rules.
 //
-// Each run is a process of its own. Before it calls main() it writes a script: what happens when,
-// in seconds since the start. The helper checks at 2, 4, 6 s and so on; the script acts in between.
+// Each run is a child process, which schedules the events of a script, in seconds since the start,
+// and then calls main(). The helper ticks at 2, 4, 6 s and so on; the script acts in between.
 #import <Foundation/Foundation.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,7 +47,7 @@ const std::string helperPath = "/Applications/Halvo.app/Contents/Helpers/HalvoHe
 const std::string app = "/Applications/Halvo.app";
 const std::string executable = app + "/Contents/MacOS/Halvo";
 const std::string stateFolder = "/Library/Application Support/com.example.app.helper";
-// The exit status of a run whose script is over before the helper has ended.
+// The exit status of a run whose script ends before the helper exits.
 constexpr int stillRuns = 200;
 
 std::string infoOf(const std::map<std::string, std::string>& members) {
@@ -60,15 +60,15 @@ std::string infoOf(const std::map<std::string, std::string>& members) {
 
 Json stored() { return Json::parse(readTestFile(stateFolder + "/commitment.json")); }
 
-// What it logs first once it serves.
+// Its first log message, once it serves.
 const std::string startLine = std::string("Halvo helper ") + version + " started";
 const std::string holdingLine = "Holding Ultra Hard mode for 600 s";
 const std::string openingLine = "Halvo isn't running during Ultra Hard mode; opening it";
 
-// ---------------------------------------------------------------------- in the process of a helper
+// ------------------------------------------------------------------------- in the child process
 
-// What a process leaves to the test when it ends: what the script noted, what was said to the log,
-// what was launched (program, arguments, environment) and how many seconds it lasted.
+// What the child passes to the test at exit: the script's notes, the log, the launched tasks
+// (program, arguments, environment) and the time that it ran.
 std::ofstream record;
 std::vector<std::string> notes;
 std::uint64_t startedAt = 0;
@@ -88,7 +88,7 @@ bool isLocked(const fake::World& world) {
 }
 
 void writeRecord() {
-    // Leaks are looked for with ptrace(2), to which a process that changed its user is closed.
+    // LeakSanitizer needs ptrace(2), which setuid(2) disables.
     prctl(PR_SET_DUMPABLE, 1);
     Json log = Json::array();
     for (const fake::LogEntry& entry : fake::world().log) {
@@ -110,7 +110,7 @@ void writeRecord() {
     record.close();
 }
 
-// Ends as the helper ends.
+// Runs main(); exits as the helper does.
 [[noreturn]] void callMain(const Words& words) {
     const ArgumentVector arguments(words);
     try {
@@ -122,7 +122,7 @@ void writeRecord() {
     std::exit(EXIT_FAILURE);
 }
 
-// The app of the person at the console: a process, and its connection to the helper.
+// The app of the console user: a process, and its connection to the helper.
 FakeCaller caller{notes, wallClock};
 constexpr pid_t appProcess = 300;
 
@@ -139,7 +139,7 @@ void quitApp() {
     caller.connection = nil;
 }
 
-// Has the app hold ten minutes from the age of 1 s on.
+// Starts the app after 1 s and begins a commitment of ten minutes.
 void hold() {
     fake::at(1, [] {
         startApp();
@@ -147,7 +147,7 @@ void hold() {
     });
 }
 
-// ------------------------------------------------------------------------------- in the test
+// ----------------------------------------------------------------------------------- in the test
 
 class WholeHelperPrivateMachineTest : public PrivateMachineTest {
   protected:
@@ -170,8 +170,8 @@ class WholeHelperPrivateMachineTest : public PrivateMachineTest {
         fs::remove_all(stateFolder);
     }
 
-    // Runs the helper in a process of its own, on the machine as it is by then, and returns its
-    // record with its status. The file flags and the time since boot carry over to the next run.
+    // Runs the helper in a child process with `machine` as its world; returns its record and exit
+    // status. File flags and the time since boot carry over to the next run.
     Json run(const std::function<void()>& script, const Words& words = {helperPath}) {
         const std::string file = disk / "record.json";
         const ChildResult child = runInChild([&] {
@@ -197,14 +197,14 @@ class WholeHelperPrivateMachineTest : public PrivateMachineTest {
     TemporaryFolder disk;
 };
 
-TEST_F(WholeHelperPrivateMachineTest, RunsOnlyAsRootAndSaysSoBeforeItLooksForItsIdentity) {
+TEST_F(WholeHelperPrivateMachineTest, RunsOnlyAsRootAndChecksThatFirst) {
     machine.mainInfo = "";
     const Json helper = run([this] { become(user); });
     EXPECT_EQ(helper["status"], 77);
     EXPECT_THAT(helper["log"], ElementsAre("error: The helper runs only as root, from launchd"));
 }
 
-TEST_F(WholeHelperPrivateMachineTest, EndsAtOnceWithoutAnIdentityInItsInfo) {
+TEST_F(WholeHelperPrivateMachineTest, ExitsWithoutAnIdentityInItsInfoPlist) {
     for (const std::string& info :
          {std::string(), infoOf({{"HalvoAppBundleID", "com.example.app"}}),
           infoOf({{"HalvoTeamID", "7QX4KD19MT"}})}) {
@@ -249,7 +249,7 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAsAUserOnlyWithThatWordInFront) {
     }
 }
 
-TEST_F(WholeHelperPrivateMachineTest, ListensForTheAppAloneAndChecksEveryTwoSeconds) {
+TEST_F(WholeHelperPrivateMachineTest, ListensWithARequirementAndTicksEveryTwoSeconds) {
     const Json helper = run([] {
         fake::at(0.5, [] {
             const auto listener = fake::listener(service);
@@ -270,7 +270,7 @@ TEST_F(WholeHelperPrivateMachineTest, ListensForTheAppAloneAndChecksEveryTwoSeco
     EXPECT_THAT(helper["log"], IsEmpty());
 }
 
-TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequestsLockingTheAppMeanwhile) {
+TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequestsAndLocksTheApp) {
     const Json helper = run([] {
         hold();
         fake::at(1.5, [] {
@@ -296,11 +296,11 @@ TEST_F(WholeHelperPrivateMachineTest, ServesTheFourRequestsLockingTheAppMeanwhil
     EXPECT_FALSE(fs::exists(stateFolder));
 }
 
-// launchctl runs the words that follow the user as a program in that user's session.
-TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuitThroughItsOtherMode) {
+// launchctl(1), asuser: runs the program that follows in the session of that user.
+TEST_F(WholeHelperPrivateMachineTest, OpensAQuitAppThroughItsOpenAsUserMode) {
     const Json helper = run([] {
         hold();
-        // Last looked for, and seen, at 8 s; the silence lasts 6 s.
+        // Last seen running at 8 s; then 6 s of silence.
         fake::at(11, quitApp);
         fake::world().onLaunch = [](const fake::Launch&) {
             note("open at " + std::to_string(std::lround(10 * age())));
@@ -327,8 +327,8 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppAgainThatWasQuitThroughItsOtherM
     EXPECT_THAT(report["user"], ElementsAre(uid, uid, uid));
 }
 
-// What the helper ignores, and what the thread of its main queue blocks, is its own affair.
-TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithEverySignalAsItIsByDefault) {
+// The helper ignores signals, and the thread of its main queue blocks them.
+TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithDefaultSignals) {
     const FakeOpen programs;
     copyProgram(HALVO_TEST_APP, "/bin/launchctl");
     const Json helper = run([] {
@@ -338,7 +338,7 @@ TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithEverySignalAsItIsByDefa
         fake::at(9, [] {
             struct sigaction action{};
             sigaction(SIGTERM, nullptr, &action);
-            EXPECT_EQ(action.sa_handler, SIG_IGN) << "as before";
+            EXPECT_EQ(action.sa_handler, SIG_IGN) << "the helper itself still ignores it";
             note("survived");
         });
         fake::endAt(9.5);
@@ -350,8 +350,8 @@ TEST_F(WholeHelperPrivateMachineTest, StartsLaunchctlWithEverySignalAsItIsByDefa
     EXPECT_THAT(report["environment"], IsEmpty());
 }
 
-// As it is when it was dragged into place.
-TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACheckedCopy) {
+// As after a drag to /Applications.
+TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatTheUserOwnsThroughACheckedCopy) {
     ASSERT_EQ(chown(app.c_str(), user.uid, user.gid), 0);
     machine.signedFiles["the helper"] =
         "anchor apple generic and identifier \"com.example.app.helper\" and certificate "
@@ -361,7 +361,7 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACh
         hold();
         fake::at(3, quitApp);
         fake::world().onLaunch = [&](const fake::Launch&) { note(readTestFile(copy)); };
-        // Between two openings they put something else in its place.
+        // Between two openings the user replaces it.
         fake::at(9, [] { writeTestFile(helperPath, "a way to root"); });
         fake::at(25, [] { fake::raise(SIGTERM); });
     });
@@ -371,10 +371,10 @@ TEST_F(WholeHelperPrivateMachineTest, OpensAnAppThatBelongsToThePersonThroughACh
     EXPECT_THAT(helper["log"], ElementsAre(holdingLine, openingLine, openingLine,
                                            "error: Couldn't open Halvo: " + copy +
                                                ".unchecked: code object is not signed at all"));
-    EXPECT_FALSE(fs::exists(stateFolder + ".copy")) << "nothing is left of it";
+    EXPECT_FALSE(fs::exists(stateFolder + ".copy")) << "the copy was not removed";
 }
 
-TEST_F(WholeHelperPrivateMachineTest, StartsItselfByItsFirstWordWhenTheBundleKnowsNoExecutable) {
+TEST_F(WholeHelperPrivateMachineTest, StartsItselfByArgvZeroWithoutABundleExecutable) {
     machine.mainExecutable = std::nullopt;
     const std::string elsewhere = app + "/Contents/HalvoHelper";
     writeTestFile(elsewhere, "");
@@ -386,7 +386,7 @@ TEST_F(WholeHelperPrivateMachineTest, StartsItselfByItsFirstWordWhenTheBundleKno
     EXPECT_EQ(run(script, {elsewhere})["launches"].at(0)[1][2], elsewhere);
 }
 
-TEST_F(WholeHelperPrivateMachineTest, EndsWithZeroAfterThirtyIdleSecondsOrWhenItIsTerminated) {
+TEST_F(WholeHelperPrivateMachineTest, ExitsWithZeroAfterThirtyIdleSecondsOrSIGTERM) {
     for (const double terminated : {60, 3}) {
         const Json helper = run([=] {
             fake::at(terminated, [] { EXPECT_TRUE(fake::raise(SIGTERM)); });
@@ -398,7 +398,7 @@ TEST_F(WholeHelperPrivateMachineTest, EndsWithZeroAfterThirtyIdleSecondsOrWhenIt
     }
 }
 
-TEST_F(WholeHelperPrivateMachineTest, IsTakenUpByTheNextWhenItIsTerminatedHolding) {
+TEST_F(WholeHelperPrivateMachineTest, ExitsWithTempfailWhileHoldingAndTheNextResumes) {
     const Json first = run([] {
         hold();
         fake::at(11, [] { fake::raise(SIGTERM); });

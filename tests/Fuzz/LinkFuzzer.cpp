@@ -1,6 +1,6 @@
-// Whatever a link's text is, reading it does not crash, and what was read can be written and comes
-// back the same. The first line is the scheme to write under, the rest the text to read; the rest
-// is also a style to write.
+// Parsing any text as a link does not crash, and the parsed link survives a round trip. The first
+// line of the input is the scheme to write with, the rest the text to parse; the rest also serves
+// as a style to write.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Whatever the files of the records hold, reading them does not crash, what is read can be written,
-// and a widget can draw from a snapshot.
+// Decoding any bytes as a record does not crash, a decoded record can be encoded, and a widget can
+// draw a decoded snapshot.
 
 #include <algorithm>
 #include <cstddef>
@@ -20,7 +20,7 @@ void require(bool isSo) {
     }
 }
 
-// The T that `bytes` hold, if they do, which can be written and read again as the same.
+// Decodes a T, which must survive a round trip; nothing when `bytes` are none.
 template <class T>
 std::optional<T> readRecord(std::string_view bytes) {
     const auto record = halvo::JSON::decode<T>(bytes);

@@ -1,5 +1,5 @@
-// Whatever the state file holds, reading it neither crashes nor invents a commitment: one that is
-// read can be stored, and comes back the same.
+// Loading any bytes as the state file does not crash, and a loaded commitment survives a round
+// trip.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// In memory where there is such a place: the fuzzer writes the file a thousand times a second.
+// On a tmpfs if there is one: the fuzzer writes the file a thousand times a second.
 std::string makeFolder() {
     const bool inMemory = std::filesystem::is_directory("/dev/shm");
     std::string name = inMemory ? "/dev/shm/halvo-fuzz-XXXXXX" : "/tmp/halvo-fuzz-XXXXXX";
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     halvo::FileCommitmentStore store(folder);
     const halvo::StoredCommitment loaded = store.load();
     if (std::holds_alternative<halvo::NoCommitment>(loaded)) {
-        std::abort();  // the file is there
+        std::abort();  // the file exists
     }
     if (const auto* commitment = std::get_if<halvo::HelperCommitment>(&loaded)) {
         store.save(*commitment);

@@ -1,5 +1,5 @@
-// Whatever the file of a time zone holds, reading it does not crash, and what is read keeps its
-// promises; a calendar of it steps forward.
+// Parsing any bytes as a time-zone file does not crash, a parsed zone has the documented
+// invariants, and its calendar moves forward.
 
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,4 @@
-// What a loss of power at any moment can leave on the disks.
+// The possible contents of the disk after a power loss at any moment.
 
 #include <gtest/gtest.h>
 
@@ -25,31 +25,31 @@ namespace {
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
 
-// A call of the helper's that changed a disk, or synced something.
+// A call that changed the disk, or an fsync(2).
 struct Step {
     std::string verb;
     std::string path;
     std::string bytes;
 
-    // What has to be synced before the change is sure.
+    // The item whose fsync(2) makes the change durable.
     [[nodiscard]] std::string syncedBy() const {
         const bool isOfFolder = verb == "mkdir" || verb == "rename" || verb == "remove";
         return isOfFolder ? folderOf(path) : path;
     }
 };
 
-// The disks after a loss of power.
-struct Remains {
+// The disk after a power loss.
+struct DiskState {
     std::map<std::string, std::string> items;
     std::set<std::string> locked;
 };
 
-// The strictest disks that POSIX allows: of the changes that nothing has synced each may be there
-// or not, whatever became of the others. All that kinder ones leave, alone or as two that keep
-// their own order, is among it.
-class Disks {
+// The weakest durability that POSIX allows: each change that was not synced is present or lost,
+// independently of the others. The possible states of file systems that keep an order are among
+// these.
+class CrashStates {
   public:
-    explicit Disks(const CallTrace& trace) {
+    explicit CrashStates(const CallTrace& trace) {
         std::size_t writes = 0;
         for (const std::string& call : trace.calls()) {
             const std::size_t blank = call.find(' ');
@@ -58,20 +58,20 @@ class Disks {
         }
     }
 
-    // Calls `check` with all that the first `count` steps can leave.
-    void visit(std::size_t count, const std::function<void(const Remains&)>& check) const {
-        std::vector<std::size_t> unsure;
+    // Calls `check` with each possible state after the first `count` steps.
+    void visit(std::size_t count, const std::function<void(const DiskState&)>& check) const {
+        std::vector<std::size_t> unsynced;
         for (std::size_t i = 0; i < count; ++i) {
             if (steps_[i].verb != "fsync" && !isSynced(i, count)) {
-                unsure.push_back(i);
+                unsynced.push_back(i);
             }
         }
-        ASSERT_LE(unsure.size(), 10);
-        for (std::size_t choice = 0; choice < std::size_t{1} << unsure.size(); ++choice) {
+        ASSERT_LE(unsynced.size(), 10);
+        for (std::size_t choice = 0; choice < std::size_t{1} << unsynced.size(); ++choice) {
             std::set<std::size_t> lost;
-            for (std::size_t bit = 0; bit < unsure.size(); ++bit) {
+            for (std::size_t bit = 0; bit < unsynced.size(); ++bit) {
                 if ((choice >> bit & 1U) != 0) {
-                    lost.insert(unsure[bit]);
+                    lost.insert(unsynced[bit]);
                 }
             }
             check(after(count, lost));
@@ -90,8 +90,8 @@ class Disks {
         return false;
     }
 
-    [[nodiscard]] Remains after(std::size_t count, const std::set<std::size_t>& lost) const {
-        Remains left;
+    [[nodiscard]] DiskState after(std::size_t count, const std::set<std::size_t>& lost) const {
+        DiskState left;
         std::string bytes;
         for (std::size_t i = 0; i < count; ++i) {
             const auto& [verb, path, written] = steps_[i];
@@ -135,12 +135,12 @@ class CrashStateTest : public ::testing::Test {
         ended.insert(trace->calls().size());
     }
 
-    // No lock without a record that owes it, no record that cannot be read, and none of what the
-    // caller was told is over.
+    // In each state: no lock without a record that owes the unlock, no torn record, and no
+    // commitment whose end was acknowledged.
     void check() const {
-        const Disks disks(*trace);
-        for (std::size_t count = 0; count <= disks.count(); ++count) {
-            disks.visit(count, [&](const Remains& left) {
+        const CrashStates states(*trace);
+        for (std::size_t count = 0; count <= states.count(); ++count) {
+            states.visit(count, [&](const DiskState& left) {
                 const auto found = left.items.find(store.path());
                 const bool isThere =
                     left.items.contains(folderOf(store.path())) && found != left.items.end();
@@ -148,11 +148,12 @@ class CrashStateTest : public ::testing::Test {
                 const std::string where = "after step " + std::to_string(count) + ": " +
                                           (count == 0 ? "" : trace->calls()[count - 1]);
                 EXPECT_EQ(isThere, record.ends_with("\n}\n")) << "a torn record, " << where;
-                EXPECT_FALSE(isThere && ended.contains(count)) << "held once more, " << where;
+                EXPECT_FALSE(isThere && ended.contains(count))
+                    << "an ended commitment is back, " << where;
                 for (const std::string& path : left.locked) {
                     const bool isOwed =
                         record.contains("\"" + path + "\"") && record.contains("\"locked\": true");
-                    EXPECT_TRUE(isOwed) << path << " is locked for ever, " << where;
+                    EXPECT_TRUE(isOwed) << path << " is locked without a record, " << where;
                 }
             });
         }
@@ -171,7 +172,7 @@ class CrashStateTest : public ::testing::Test {
     std::set<std::size_t> ended;
 };
 
-TEST_F(CrashStateTest, ALossOfPowerLeavesNoLockForEverAndBringsNothingBack) {
+TEST_F(CrashStateTest, PowerLossLeavesNoStaleLockAndNoEndedCommitment) {
     begin(app);
     end();
     begin(app);
@@ -181,8 +182,8 @@ TEST_F(CrashStateTest, ALossOfPowerLeavesNoLockForEverAndBringsNothingBack) {
     EXPECT_TRUE(log.errors().empty());
 }
 
-TEST_F(CrashStateTest, NorDoesItWhenASaveFails) {
-    // Of the two folders that the first save makes, of the file, of its folder.
+TEST_F(CrashStateTest, PowerLossAfterAFailedSaveLeavesNoStaleLock) {
+    // The fsync of the two folders that the first save makes, of the file, of its folder.
     for (const int skip : {0, 1, 2, 3}) {
         const Fault fault = Fault::failing(SystemCall::fsync, EIO, skip);
         begin(app);

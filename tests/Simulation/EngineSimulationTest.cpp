@@ -1,4 +1,4 @@
-// An engine in a simulated world, through events that nobody would think of.
+// The engine in a simulated world, under random sequences of events.
 
 #include <gtest/gtest.h>
 
@@ -39,21 +39,21 @@ constexpr Seconds day{24 * 60 * 60};
 constexpr Seconds checkpointGap{60};
 constexpr std::size_t eighthsPerHour = std::size_t{8} * 60 * 60;
 
-// --- What must be so, told from the rules and not from the engine.
+// --- The expected behaviour, by the rules and independent of the engine.
 
 constexpr Seconds silence{6};
 constexpr Seconds reopenGap{15};
 constexpr Seconds sessionEndGrace{90};
 constexpr int temporaryFailure = 75;
 
-// By its text alone; the bundles of the simulation have no other traps in their paths.
+// By the text of the path only, which suffices for the paths of the simulation.
 bool isBundle(const std::string& path) { return path.starts_with('/') && path.ends_with(".app"); }
 
 bool isInApplications(const std::string& path) {
     return std::filesystem::path(path).parent_path().filename() == "Applications";
 }
 
-// The commitment that must be held, with both budgets counted down as time passes.
+// The expected commitment, with both budgets counted down as time passes.
 struct ExpectedCommitment {
     std::string appPath;
     std::uint32_t uid{};
@@ -68,33 +68,32 @@ struct ExpectedCommitment {
 
     [[nodiscard]] bool isLive() const { return left() > Seconds{0}; }
 
-    // Whether `record`, as of `now`, is this commitment with this time left. Its lock is not
-    // looked at.
+    // Whether `record`, as of `now`, is this commitment with this time left, apart from `locked`.
     [[nodiscard]] bool matches(const HelperCommitment& record, const ClockReading& now) const;
 };
 
-// What a stored record is worth at `now`: within one boot the time since its checkpoint is charged.
-// After a reboot it is the larger of what the wall clock says and the time that the machine has
-// been up, and a day after the start by the wall clock everything is over.
-ExpectedCommitment worthOf(const HelperCommitment& record, const ClockReading& now) {
-    ExpectedCommitment worth{record.appPath,   record.uid,          record.startedWall,
-                             record.remaining, record.capRemaining, record.locked};
+// The commitment of a stored record as of `now`. Within one boot the time since its checkpoint is
+// charged; after a reboot the time by the wall clock or the uptime, whichever is larger, and the
+// commitment ends a day after its start by the wall clock.
+ExpectedCommitment asOf(const HelperCommitment& record, const ClockReading& now) {
+    ExpectedCommitment held{record.appPath,   record.uid,          record.startedWall,
+                            record.remaining, record.capRemaining, record.locked};
     const bool sameBoot = record.checkpoint.bootID == now.bootID;
     const Seconds charged =
         sameBoot ? now.sinceBoot - record.checkpoint.sinceBoot
                  : std::max({now.wall - record.checkpoint.wall, now.sinceBoot, nothing});
-    worth.remaining -= charged;
-    worth.cap -= charged;
+    held.remaining -= charged;
+    held.cap -= charged;
     if (!sameBoot) {
-        worth.cap = std::min(worth.cap, record.startedWall + day - now.wall);
+        held.cap = std::min(held.cap, record.startedWall + day - now.wall);
     }
-    return worth;
+    return held;
 }
 
 bool ExpectedCommitment::matches(const HelperCommitment& record, const ClockReading& now) const {
-    ExpectedCommitment worth = worthOf(record, now);
-    worth.locked = locked;
-    return worth == *this;
+    ExpectedCommitment stored = asOf(record, now);
+    stored.locked = locked;
+    return stored == *this;
 }
 
 struct BeginRequest {
@@ -104,8 +103,8 @@ struct BeginRequest {
     HelperPeer peer;
 };
 
-// Follows an engine through its operations and says what each must bring about. Reads the world as
-// it is before the operation. Every time is exact: spans are multiples of an eighth of a second.
+// A model of the engine: predicts the outcome of each operation from the world as it is before.
+// Times are exact, as all spans are multiples of an eighth of a second.
 class Expectation {
   public:
     explicit Expectation(const SimulatedWorld& world) : world_(world) {}
@@ -129,7 +128,7 @@ class Expectation {
         console_ = world_.session.console;
         heard_ = seen_ = opened_ = announced_ = std::nullopt;
         if (const auto* record = world_.store.commitment()) {
-            held = worthOf(*record, world_.clock.now());
+            held = asOf(*record, world_.clock.now());
             if (!held->isLive()) {
                 lift(Lift::expiredAtStartup);
             }
@@ -272,10 +271,10 @@ class Expectation {
 
     const SimulatedWorld& world_;
 
-    // A flag that the operation clears before it looks at the flags again.
+    // The flag that the operation clears before it reads the flags again.
     std::string unlockedPath_;
 
-    // When each thing that keeps the app from being opened last happened.
+    // The last time of each event that delays an opening.
     Seconds started_{};
     std::optional<Seconds> heard_;
     std::optional<Seconds> seen_;
@@ -297,21 +296,21 @@ std::string inWords(const std::optional<ExpectedCommitment>& held) {
                 : "nothing";
 }
 
-// Something that must always be so was not. The text says what, and what happened before.
+// A broken invariant, with the events that led to it.
 struct Violation : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// How much came up in one or more runs, so that nobody takes an idle simulation for a good one.
+// How often each event occurred, to show that the runs are not idle.
 using Tally = std::map<std::string, std::size_t>;
 
-// One run: a sequence of events that its seed decides, with everything that must hold checked after
-// each of them. Every second seed is one of foul weather, in which the store and the flags fail
-// too.
+// One run: a sequence of events that its seed determines, with all invariants checked after each.
+// With an odd seed ("foul weather") the store and the flags fail, too.
 //
-// Two people begin, extend, end and quit; both clocks and the console do what they do; the flag is
-// set and cleared by others; bundles come and go; the helper is terminated, killed between any two
-// calls of a collaborator, and started again; the machine is rebooted and cut off from power.
+// Two users begin, extend and end commitments and quit the app; the clocks and the console user
+// change; other processes set and clear flags; bundles are moved; the helper is terminated, killed
+// between any two calls of a collaborator, and started again; the machine is rebooted or loses
+// power.
 class EngineSimulation {
   public:
     EngineSimulation(std::uint64_t seed, const TemporaryFolder& disk, Tally& tally)
@@ -328,7 +327,7 @@ class EngineSimulation {
         while (events_ < eventsPerRun) {
             happen();
         }
-        // Whatever is still broken off is started once more, so that no run ends unseen.
+        // After a crash the engine is started once more, so that its last state is checked.
         world_.calls.cancelCrash();
         while (!engine_) {
             restart();
@@ -337,7 +336,7 @@ class EngineSimulation {
     }
 
   private:
-    // A flag as it was, and whether anybody had set it with the promise to clear it.
+    // The value of a flag, and whether a record or the engine owes its removal.
     struct Flag {
         bool isSet{};
         bool isOwed{};
@@ -361,7 +360,7 @@ class EngineSimulation {
 
     std::string anyBundle() { return bundles_[below(bundles_.size())]; }
 
-    std::uint32_t anybody() { return chance(75) ? anna : ben; }
+    std::uint32_t anyUser() { return chance(75) ? anna : ben; }
 
     // --- Events
 
@@ -461,7 +460,7 @@ class EngineSimulation {
         request.appPath = chance(3) ? "/Applications/NoBundle" : anyBundle();
         request.until = now().wall + oneOf(lengths) + eighths(16);
         request.started = now().wall + oneOf(starts);
-        request.peer = {anybody(), chance(95) ? std::optional(request.appPath) : std::nullopt};
+        request.peer = {anyUser(), chance(95) ? std::optional(request.appPath) : std::nullopt};
         operate(
             "begin " + nameOf(request.appPath) + " by " + std::to_string(request.peer.uid) +
                 " for " + inWords(request.until - now().wall) + " from " +
@@ -487,14 +486,14 @@ class EngineSimulation {
     }
 
     void end() {
-        const std::uint32_t uid = anybody();
+        const std::uint32_t uid = anyUser();
         operate(
             "end by " + std::to_string(uid), [&] { return expectation_.end(uid); },
             [&] { return engine_->end({uid, std::nullopt}); });
     }
 
     void heartbeat() {
-        const std::uint32_t uid = anybody();
+        const std::uint32_t uid = anyUser();
         const bool ending = chance(15);
         operate(
             "heartbeat of " + std::to_string(uid) + (ending ? ", session ending" : ""),
@@ -518,13 +517,13 @@ class EngineSimulation {
         engine_.reset();
     }
 
-    // What the next engine will find.
+    // The commitment that the next engine will find.
     std::optional<ExpectedCommitment> onDisk() const {
         const auto* record = world_.store.commitment();
-        return record == nullptr ? std::nullopt : std::optional(worthOf(*record, now()));
+        return record == nullptr ? std::nullopt : std::optional(asOf(*record, now()));
     }
 
-    // The time from the last save to the cut is lost, where the wall clock does not tell of it.
+    // The time since the last save is lost, unless the wall clock tells of it.
     void powerCut() {
         const Seconds off = chance(50) ? eighths(800) : eighths(20 * eighthsPerHour);
         const Seconds up = eighths(2000);
@@ -532,7 +531,7 @@ class EngineSimulation {
         engine_.reset();
         const auto* record = world_.store.commitment();
         const bool isFresh = record != nullptr && record->checkpoint.bootID == now().bootID;
-        // Of a boot in which nothing was saved all is lost.
+        // All of the uptime is lost when nothing was saved in this boot.
         const Seconds lost = now().sinceBoot - (isFresh ? record->checkpoint.sinceBoot : nothing);
         const auto before = onDisk();
         world_.clock.reboot(off, up);
@@ -541,7 +540,7 @@ class EngineSimulation {
             setWallClock();
         }
         require(!isFresh || onDisk()->left() <= before->left() + lost - up,
-                "a reboot gave more time back than was lost with the power");
+                "a reboot restored more time than was lost with the power");
         if (age_) {
             *age_ += up - lost;
         }
@@ -585,7 +584,7 @@ class EngineSimulation {
         }
     }
 
-    // As the flags see it: the real folder stays, which saves thousands of visits to the disk.
+    // In the simulated flags only: the real folder stays, which saves thousands of system calls.
     void moveBundle() {
         const std::string path = anyBundle();
         if (!world_.flags.exists(path)) {
@@ -605,7 +604,7 @@ class EngineSimulation {
 
     void startOrQuitApp() {
         const std::string path = anyBundle();
-        const std::uint32_t uid = anybody();
+        const std::uint32_t uid = anyUser();
         if (world_.session.runs(path, uid)) {
             note("quits: " + nameOf(path) + " of " + std::to_string(uid));
             world_.session.quit(path, uid);
@@ -632,7 +631,7 @@ class EngineSimulation {
         note(failing);
     }
 
-    // In fair weather the path and the lock can still be read.
+    // In fair weather path and lock can still be parsed.
     void damageFile() {
         const auto* record = world_.store.commitment();
         if (record == nullptr) {
@@ -652,8 +651,8 @@ class EngineSimulation {
 
     // --- One operation
 
-    // Runs `actual` on the engine, which must give what `expected` gives. Now and then it is broken
-    // off at some call of a collaborator.
+    // Runs `actual` on the engine, which must return what `expected` returns. Now and then it
+    // crashes at some call of a collaborator.
     template <class Expected, class Actual>
     void operate(const std::string& what, Expected expected, Actual actual) {
         note(what);
@@ -662,7 +661,7 @@ class EngineSimulation {
         }
         const auto flagsBefore = flagsNow();
         const auto before = expectation_.held;
-        // First: what is expected is told from the world as it is before the operation.
+        // First: the model reads the world as it is before the operation.
         const auto reply = expected();
         bool isBroken = false;
         try {
@@ -675,7 +674,7 @@ class EngineSimulation {
         followFlags(flagsBefore);
         absorbTrace();
         if (isBroken) {
-            breakOff(before, expectation_.held);
+            checkCrash(before, expectation_.held);
         } else {
             check();
         }
@@ -689,7 +688,7 @@ class EngineSimulation {
         return flags;
     }
 
-    // What the operation set is ours; what it cleared it must have owed.
+    // The operation may set flags only with a record on the disk, and clear only those it owed.
     void followFlags(const std::map<std::string, Flag>& before) {
         for (const auto& [path, flag] : before) {
             const bool isSet = world_.flags.isSet(path);
@@ -701,15 +700,14 @@ class EngineSimulation {
                         "a lock was set that no record on the disk owes: " + nameOf(path));
             } else if (!isSet && flag.isSet) {
                 ours_.erase(path);
-                require(flag.isOwed, "a flag was cleared that nobody owed");
+                require(flag.isOwed, "a flag was cleared that no record owed");
             }
         }
     }
 
-    // The helper was killed within an operation: what is on the disk is the commitment as it was
-    // before or the one that the operation was about to bring about.
-    void breakOff(const std::optional<ExpectedCommitment>& before,
-                  const std::optional<ExpectedCommitment>& after) {
+    // After a crash within an operation the disk has the commitment from before or from after it.
+    void checkCrash(const std::optional<ExpectedCommitment>& before,
+                    const std::optional<ExpectedCommitment>& after) {
         note("broken-off");
         checkFlags();
         if (isFoul_) {
@@ -729,7 +727,7 @@ class EngineSimulation {
                     ", after: " + inWords(after));
     }
 
-    // --- What must hold
+    // --- Invariants
 
     bool owes(const std::string& path) const {
         const auto isOwedBy = [&path](const HelperCommitment* record) {
@@ -758,11 +756,11 @@ class EngineSimulation {
         require(held.has_value() == expected.has_value(),
                 held ? "something is held" : "nothing is held");
         require(engine_->isIdle() == !expected, "whether it is idle");
-        require(engine_->lastLift() == expectation_.lastLift, "why it was last let go");
+        require(engine_->lastLift() == expectation_.lastLift, "the reason of the last end");
         if (expected) {
             require(expected->matches(*held, now()),
-                    "what is held: " + inWords(worthOf(*held, now())));
-            require(held->locked == expected->locked, "whether the lock is owed");
+                    "what is held: " + inWords(asOf(*held, now())));
+            require(held->locked == expected->locked, "whether the unlock is owed");
         }
         for (const std::uint32_t uid : {anna, ben}) {
             require(engine_->status({uid, std::nullopt}) == expectation_.status(uid),
@@ -772,13 +770,14 @@ class EngineSimulation {
 
     void checkFlags() {
         for (const std::string& path : foreign_) {
-            require(world_.flags.isSet(path), "somebody else's flag was cleared");
+            require(world_.flags.isSet(path), "a flag of another process was cleared");
         }
         const auto* record = world_.store.commitment();
         for (const std::string& path : isFoul_ ? std::set<std::string>() : ours_) {
-            require(owes(path), "a flag of ours is left that nobody owes: " + nameOf(path));
+            require(owes(path),
+                    "a flag of the helper is left that no record owes: " + nameOf(path));
             require(record == nullptr || record->appPath == path,
-                    "the record on the disk owes another");
+                    "the record on the disk owes another bundle");
         }
     }
 
@@ -789,10 +788,10 @@ class EngineSimulation {
         const auto* record = world_.store.commitment();
         require(world_.store.isEmpty() == engine_->isIdle(), "whether anything is on the disk");
         require(record == nullptr || *record == *engine_->commitment(),
-                "what is on the disk is not what is held");
+                "the record on the disk is not the held commitment");
     }
 
-    // The record is up to date and owes the lock as before, and the flags are off.
+    // The record is up to date and still owes the lock, and the flag is cleared.
     void checkTerminated() {
         if (isFoul_) {
             return;
@@ -808,7 +807,7 @@ class EngineSimulation {
         }
     }
 
-    // No commitment outlives a day from its start, whatever the wall clock shows.
+    // No commitment lasts longer than a day from its start, whatever the wall clock shows.
     void checkDay() {
         if (!expectation_.held) {
             age_.reset();
@@ -871,13 +870,13 @@ class EngineSimulation {
     std::optional<HelperEngine> engine_;
     Expectation expectation_{world_};
 
-    // Flags that others set while nobody owed them: nobody may clear them but others.
+    // Flags that other processes set, and that no record owed: the helper must not clear them.
     std::set<std::string> foreign_;
-    // Flags that are set because the helper set them.
+    // Flags that the helper set.
     std::set<std::string> ours_;
 
-    // Of the commitment since its first begin: how long it has run, by the clock that counts from
-    // boot, at most as much as was lost with the power; and how old it was when it began.
+    // The age of the commitment since its first begin: what it had at the begin, plus the uptime
+    // since then, less what was lost with the power.
     std::optional<Seconds> age_;
 
     std::size_t trace_ = 0;
@@ -894,7 +893,7 @@ std::uint64_t setting(const char* name, std::uint64_t otherwise) {
 constexpr const char* seedSetting = "HALVO_SIMULATION_SEED";
 constexpr const char* runsSetting = "HALVO_SIMULATION_RUNS";
 
-// One run of a failing seed is enough to see it fail again.
+// One run replays a given seed.
 std::uint64_t defaultRuns() { return std::getenv(seedSetting) != nullptr ? 1 : 1000; }
 
 class EngineSimulationTest : public ::testing::Test {
@@ -905,7 +904,7 @@ class EngineSimulationTest : public ::testing::Test {
     Tally tally;
 };
 
-TEST_F(EngineSimulationTest, WhateverHappensTheRulesHold) {
+TEST_F(EngineSimulationTest, RandomHistoriesKeepTheInvariants) {
     const std::uint64_t first = setting(seedSetting, 1);
     const std::uint64_t runs = setting(runsSetting, defaultRuns());
     std::cout << runs << " runs from seed " << first << "\n";
@@ -920,7 +919,7 @@ TEST_F(EngineSimulationTest, WhateverHappensTheRulesHold) {
     for (const auto& [what, count] : tally) {
         std::cout << what << " " << count << ", ";
     }
-    std::cout << "and no rule was broken\n";
+    std::cout << "and no invariant was broken\n";
     if (runs < 1000) {
         return;
     }
@@ -929,7 +928,7 @@ TEST_F(EngineSimulationTest, WhateverHappensTheRulesHold) {
           "end",    "file-damaged", "flag-cleared",  "flag-set",   "heartbeat", "kill",
           "opened", "power-cut",    "quits:",        "start",      "starts:",   "terminate",
           "tick",   "wall-clock",   "weather:"}) {
-        EXPECT_GT(tally[what], runs / 10) << what << " hardly ever happened";
+        EXPECT_GT(tally[what], runs / 10) << what << " hardly ever occurred";
     }
 }
 

@@ -1,4 +1,4 @@
-// A program in a bundle of its own, which tells what it finds there.
+// A test program inside an app bundle, which prints what it finds there.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,11 +12,12 @@
 
 namespace halvo::testing {
 
-// A bundle on the disk, with an Info.plist and the program of BundledProgramMain.cpp. Goes with the
-// object.
+// A bundle on the disk with an Info.plist and the program of BundledProgramMain.cpp. Removed by the
+// destructor.
 class BundledProgram {
   public:
-    // At `place` below a folder of its own; the Info.plist holds the XML `members`.
+    // The bundle lies at `place` in a new temporary folder. `members` is the XML of the
+    // Info.plist's dictionary.
     BundledProgram(const std::string& place, const std::string& members)
         : path_(folder_ / place), program_(path_ + "/Contents/MacOS/Program") {
         std::filesystem::create_directories(path_ + "/Contents/MacOS");
@@ -28,8 +29,8 @@ class BundledProgram {
     // The path of the bundle.
     [[nodiscard]] const std::string& path() const { return path_; }
 
-    // What the program says of `question`, in the environment of the lines `environment`
-    // ("NAME=value"). Fails the test when the program fails. Not while another thread runs.
+    // What the program prints for `question`, run with the variables `environment` ("NAME=value").
+    // Fails the test when the program fails. Only while no other thread runs (it forks).
     [[nodiscard]] std::string says(const std::string& question,
                                    const std::vector<std::string>& environment = {}) const {
         const ChildResult result =

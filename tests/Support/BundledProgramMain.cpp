@@ -1,5 +1,4 @@
-// Says on standard output what it finds of itself: the answer to the question that its one argument
-// names.
+// Prints one property of its own process or bundle; its only argument names which.
 
 #include <cstdlib>
 #include <fstream>

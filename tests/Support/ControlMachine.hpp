@@ -1,4 +1,4 @@
-// The machine that halvoctl looks at, as a test tells it to be.
+// A fake of the machine that halvoctl examines.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 
 namespace halvo::control {
 
-// Waits without taking time, and notes what it says.
+// Advances simulated time instead of sleeping, and records its messages.
 class FakeWaiter final : public Waiter {
   public:
     Seconds now() override { return time; }
@@ -35,7 +35,7 @@ class FakeWaiter final : public Waiter {
     void say(const std::string& line) override { said.push_back(line); }
 };
 
-// Processes that end when they are asked to, unless told otherwise.
+// Processes that end on terminate(), unless `areStuck`.
 class FakeProcesses final : public HelperProcesses {
   public:
     FakeProcesses() : HelperProcesses("") {}
@@ -63,7 +63,7 @@ class FakeProcesses final : public HelperProcesses {
     std::function<void()> onTerminate;
 };
 
-// Notes what it was asked in a call log.
+// Records stop() and resume() in a CallLog.
 class FakeService final : public Service {
   public:
     explicit FakeService(testing::CallLog& log) : log_(log) {
@@ -74,7 +74,7 @@ class FakeService final : public Service {
     std::string whatStarts() override { return "it starts when the app calls"; }
 
     std::expected<void, std::string> stop() override {
-        log_.enter("save", "by stop");  // the verb of a change
+        log_.enter("save", "by stop");  // a verb that CallLog::changes() selects
         if (onStop) {
             onStop();
         }
@@ -109,7 +109,7 @@ class FakeService final : public Service {
     testing::CallLog& log_;
 };
 
-// A machine with the app of com.example.app in its folder for apps, and nothing stored.
+// A machine with the app com.example.app installed and no commitment stored.
 struct FakeMachine {
     FakeMachine() {
         writeInfo(app, "com.example.app", "7QX4KD19MT");
@@ -124,7 +124,7 @@ struct FakeMachine {
                                testing::infoText("Sample", identifier, team));
     }
 
-    // What the store holds: a commitment of ann's with `left` to run, whose lock is owed.
+    // Stores a commitment of ann's with `left` remaining, and locks its bundle.
     HelperCommitment& hold(Seconds left = Seconds{3725}) {
         world.store.stored =
             HelperCommitment{app, ann, world.clock.now().wall, left, left, world.clock.now(), true};

@@ -124,7 +124,7 @@ int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
         case Conduct::NeverAnswer:
             break;
     }
-    // A client that has given up is none of our business.
+    // A client that disconnected early is no error.
     serving.over = result < 0 || serving.conduct == Conduct::AnswerOnce ||
                    serving.conduct == Conduct::CloseOnRequest;
     return 1;
@@ -186,13 +186,13 @@ FakeHelper::FakeHelper(std::string path, const std::vector<Conduct>& conducts)
     unlink(path_.c_str());
     const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     constexpr int queue = 16;
-    // Clients without root's rights connect too, hence the permissions.
+    // Unprivileged clients connect too; connect(2) needs write permission.
     require(bind(listener.get(), generic(*address), sizeof *address) == 0 &&
                 chmod(path_.c_str(), 0666) == 0 && listen(listener.get(), queue) == 0,
             "listening");
     process_.emplace(Start{.body = [&, test = getpid()]() -> int {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        // The test may have died before the line above.
+        // The test may have died before prctl(2).
         if (getppid() != test) {
             return EXIT_FAILURE;
         }

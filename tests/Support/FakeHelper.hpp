@@ -1,4 +1,4 @@
-// A helper for tests: a process of its own that serves a socket the way each test tells it to.
+// A scripted helper: a child process that serves the helper's socket as a test prescribes.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@
 
 namespace halvo::testing {
 
-// What it does with one connection.
+// How it handles one connection.
 enum class Conduct {
     // Answers as `FakeHelper::Record` says.
     Answer,
@@ -28,40 +28,40 @@ enum class Conduct {
     AnswerText,
     // Replies to a status request with two dates.
     AnswerTwoDates,
-    // Is the system's bus, with a logind on it that says `FakeHelper::Record::yes`.
+    // Acts as the system bus, with a logind that answers `FakeHelper::Record::yes`.
     AnswerForLogind,
     // Closes before a byte is read.
     CloseAtAccept,
-    // Closes when the first request has come.
+    // Closes when it has received the first request.
     CloseOnRequest,
-    // Reads and says nothing at all.
+    // Reads and never writes a byte.
     NeverAuthenticate,
     // Authenticates, then never answers.
     NeverAnswer,
 };
 
-// One connection at a time, in the order in which they come. Killed at the end, or when the test
-// dies.
+// Serves one connection at a time, in the order of arrival. Killed by the destructor, or when the
+// test's process dies.
 class FakeHelper {
   public:
-    // Listens on `path`, in the place of whatever is there. `conducts` are those of the first
-    // connections; the last one is that of all that follow.
+    // Listens on `path`, replacing what is there. `conducts` apply to the connections in order, the
+    // last one to all further connections.
     FakeHelper(std::string path, const std::vector<Conduct>& conducts);
     ~FakeHelper();
     FakeHelper(const FakeHelper&) = delete;
     FakeHelper& operator=(const FakeHelper&) = delete;
 
-    // Shared with the process: what it saw, and what it answers.
+    // In memory shared with the child: what it received, and what it answers.
     struct Record {
         std::atomic<int> connections;
         std::atomic<int> requests;
-        // Of these, how many were a Begin.
+        // The Begin requests among them.
         std::atomic<int> begins;
-        // Of the last connection.
+        // The peer's group of the last connection (SO_PEERCRED).
         std::atomic<gid_t> group;
-        // Of the last request: the member and its arguments, "Begin /a/b.app 1.5 2".
+        // The member and the arguments of the last request: "Begin /a/b.app 1.5 2".
         std::array<char, 512> lastRequest{};
-        // What it answers.
+        // The answers.
         std::atomic<bool> yes{true};
         std::atomic<bool> holding;
         // As seconds since 1970; zero means absent.
@@ -71,7 +71,7 @@ class FakeHelper {
 
     [[nodiscard]] Record& record() const { return *record_; }
 
-    // SIGSTOP, which has taken effect when this returns; SIGCONT.
+    // SIGSTOP, returning once it has taken effect; SIGCONT.
     void stop() const { process_->stop(); }
 
     void resume() const { process_->goOn(); }
@@ -82,7 +82,7 @@ class FakeHelper {
     std::optional<TestProcess> process_;
 };
 
-// A bus that serves the client behind the socket `connection`, which it owns; not started.
+// A server-side bus on the socket `connection`, which it takes over; not started (sd_bus_start(3)).
 inline sd_bus* newServerBus(int connection) {
     sd_bus* bus = nullptr;
     sd_id128_t id{};

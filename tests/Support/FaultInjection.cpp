@@ -27,10 +27,10 @@
 
 namespace halvo::testing {
 
-// What is to happen to one kind of call.
+// The fault that is planned for one system call.
 struct FaultPlan {
     std::atomic<std::size_t> calls{0};
-    // Calls to go until the fault, this one included; 0: none is planned, or it has happened.
+    // Calls until the fault, including the faulty one; 0: none is planned, or it has triggered.
     std::atomic<int> countdown{0};
     bool isMade = false;
     Fault::Kind kind{};
@@ -38,7 +38,7 @@ struct FaultPlan {
 
     using Kind = Fault::Kind;
 
-    // Notes a call. Whether this is the one that goes wrong.
+    // Counts a call; true for the one that is to fail.
     bool isNext() {
         ++calls;
         return countdown > 0 && --countdown == 0;
@@ -55,14 +55,14 @@ FaultPlan& planFor(SystemCall call) { return plans[static_cast<std::size_t>(call
 
 CallTrace* trace = nullptr;
 
-// Notes a call on the item at `path`, if it was carried out.
+// Records a successful call on the item at `path`.
 void noteCall(bool isDone, const char* what, const std::string& path) {
     if (trace != nullptr && isDone) {
         trace->note(std::string(what) + " " + path);
     }
 }
 
-// The same of an open item, or of the member `name` of an open folder.
+// The same for an open item, or for the member `name` of an open folder.
 void noteCall(bool isDone, const char* what, int file, const char* name = nullptr) {
     if (trace != nullptr && isDone) {
         std::error_code error;
@@ -93,7 +93,7 @@ void doWorkBefore(BeforeNext::Call call) {
     }
 }
 
-// Makes the call, or lets it go wrong. `real` makes it.
+// Makes the call with `real`, or injects the planned fault.
 template <class Real>
 auto attempt(SystemCall call, Real real) -> decltype(real()) {
     FaultPlan& plan = planFor(call);
@@ -140,7 +140,7 @@ Fault::Fault(SystemCall call, Kind kind, long value, int skip) : call_(call) {
 
 Fault::~Fault() {
     FaultPlan& plan = planFor(call_);
-    EXPECT_EQ(plan.countdown, 0) << "the system call that was to go wrong was not made (number "
+    EXPECT_EQ(plan.countdown, 0) << "the fault was not triggered: no such call (SystemCall "
                                  << static_cast<int>(call_) << ")";
     plan.countdown = 0;
     plan.isMade = false;
@@ -187,10 +187,9 @@ BootedBySystemd::BootedBySystemd() : Change([] { isBooted = false; }) { isBooted
 
 using namespace halvo::testing;
 
-// The linker's names: __wrap_x is called in the place of x, which is called __real_x.
+// ld(1), --wrap: a call of x becomes a call of __wrap_x; __real_x is the original.
 //
-// REAL declares what is called in the end; WRAP also defines the one in its place, where that only
-// goes wrong at times.
+// REAL declares the original; WRAP also defines a replacement that only injects faults.
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
 #define REAL(result, call, parameters) result __real_##call parameters
 #define WRAP(result, call, parameters, ...)                                           \
@@ -355,7 +354,7 @@ ssize_t __wrap_write(int file, const void* bytes, size_t count) {
 
 }  // extern "C"
 
-// std::chrono::system_clock::now(), whose name the compiler spells so.
+// std::chrono::system_clock::now(), by its mangled name.
 std::chrono::system_clock::time_point realNow() asm("__real__ZNSt6chrono3_V212system_clock3nowEv");
 std::chrono::system_clock::time_point wrappedNow() asm(
     "__wrap__ZNSt6chrono3_V212system_clock3nowEv");

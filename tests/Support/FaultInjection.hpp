@@ -1,8 +1,8 @@
-// System calls that fail when a test wants them to.
+// System calls that fail on demand.
 //
-// The linker puts this in the place of the calls named below (--wrap), in test executables that
-// link HalvoFaultInjection and there only for code linked statically: the libraries under test, and
-// the tests. What shared libraries call stays as it is.
+// The linker replaces the calls named below (ld(1), --wrap) in test executables that link
+// HalvoFaultInjection, for statically linked code only: the libraries under test and the tests.
+// Calls made by shared libraries are not affected.
 #pragma once
 
 #include <cstddef>
@@ -52,18 +52,18 @@ enum class SystemCall {
     write
 };
 
-// Makes one call go wrong, while it lives. At most one for each kind of call at a time. A fault
-// that never happens fails the test: the branch it was made for was not reached. May be made on any
-// thread while no other makes the calls; happens on any.
+// Injects one fault while it lives. At most one per system call at a time. A fault that was not
+// triggered fails the test, which did not reach the branch it is for. May be created on any thread
+// while no other thread makes the call; triggers on any thread.
 class Fault {
   public:
-    // The next call fails with `code` in errno and has no effect. With `skip`, that many calls are
-    // carried out first.
+    // The next call fails with `code` in errno and has no effect. With `skip`, that many calls
+    // succeed first.
     static Fault failing(SystemCall call, int code, int skip = 0) {
         return {call, Kind::fail, code, skip};
     }
 
-    // The next call is carried out, but says that it failed with `code`.
+    // The next call takes effect, but reports failure with `code`.
     static Fault denying(SystemCall call, int code, int skip = 0) {
         return {call, Kind::deny, code, skip};
     }
@@ -92,13 +92,13 @@ class Fault {
     friend struct FaultPlan;
 };
 
-// How often the call was made in the whole life of the process.
+// Number of calls since the process started.
 std::size_t callsMade(SystemCall call);
 
-// Notes, while it lives, what was done to the file system, in order and in words: "mkdir PATH",
-// "write PATH", "fsync PATH", "rename PATH" (the new one), "remove PATH", and "lock PATH" or
-// "unlock PATH" for a change of flags. What failed was not done. One at a time, on the thread that
-// makes the calls.
+// Records the changes of the file system while it lives, in order: "mkdir PATH", "write PATH",
+// "fsync PATH", "rename PATH" (the new one), "remove PATH", and "lock PATH" or "unlock PATH" for a
+// change of the immutable flag. Calls that failed are left out. At most one at a time, on the
+// thread that makes the calls.
 class CallTrace {
   public:
     CallTrace();
@@ -120,10 +120,10 @@ class CallTrace {
     std::vector<std::string> written_;
 };
 
-// The last timer that anybody asked the event loop for, in microseconds.
+// The last timer that was added to the event loop, in microseconds.
 struct TimerAsked {
     std::uint64_t first{};
-    // How much later the system may let it turn.
+    // The accuracy: how much later it may fire.
     std::uint64_t leeway{};
     clockid_t clock = CLOCK_MONOTONIC;
 
@@ -132,10 +132,10 @@ struct TimerAsked {
 
 TimerAsked lastTimerAsked();
 
-// When a timer is to turn next, as it was last asked for after a turn, in microseconds.
+// The next expiry that was last set on a repeating timer after it fired, in microseconds.
 std::uint64_t lastTurnAsked();
 
-// Something that is otherwise than usual while it lives. At most one of a kind at a time.
+// A change of the environment, undone by the destructor. At most one of a kind at a time.
 class Change {
   public:
     Change(const Change&) = delete;
@@ -162,21 +162,20 @@ class SlowClock : Change {
     explicit SlowClock(Seconds each);
 };
 
-// Makes every clock_gettime(2) give this time.
+// Makes every clock_gettime(2) return this time.
 class StoppedClock : Change {
   public:
     StoppedClock(long seconds, long nanoseconds);
 };
 
-// The clock that counts from boot, through sleep (CLOCK_BOOTTIME), is ahead by what has passed
-// here.
+// Moves CLOCK_BOOTTIME ahead by the sum of all pass() calls.
 class TimePassing : Change {
   public:
     TimePassing();
     void pass(Seconds span);
 };
 
-// The next call of one kind first does `work`. Fails the test when there was none.
+// Runs `work` right before the next call of one kind. Fails the test when there was no call.
 class BeforeNext : Change {
   public:
     enum class Call { poll };
@@ -184,8 +183,8 @@ class BeforeNext : Change {
     BeforeNext(Call call, std::function<void()> work);
 };
 
-// systemd runs the machine (sd_booted(3)). Otherwise it never does, or tests would start units on
-// the machine they run on.
+// Makes sd_booted(3) return 1. Without it the call returns 0, or tests would start units on the
+// machine they run on.
 class BootedBySystemd : Change {
   public:
     BootedBySystemd();

@@ -1,6 +1,5 @@
-// A library that somebody might slip into the app by LD_PRELOAD (ld.so(8)). Into whatever program
-// it is loaded, it appends that program's path as a line to the file that HALVO_INJECTION_MARK
-// names.
+// A library that an attacker would inject into the app with LD_PRELOAD (ld.so(8)). Appends the path
+// of the program that loads it as a line to the file that HALVO_INJECTION_MARK names.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -24,7 +23,7 @@ namespace {
     }
     line[static_cast<std::size_t>(length)] = '\n';
     const int file = open(mark, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    // Without a mark, whoever looks for it finds out.
+    // A failed write shows in the test, which reads the file.
     [[maybe_unused]] const ssize_t written =
         write(file, line.data(), static_cast<std::size_t>(length) + 1);
     close(file);

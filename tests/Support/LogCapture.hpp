@@ -1,4 +1,4 @@
-// What the code under test says to the log.
+// Captures the log messages of the code under test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,9 +27,9 @@ inline std::ostream& operator<<(std::ostream& stream, const LogMessage& message)
     return stream << (message.level == LogLevel::Error ? "error: " : "notice: ") << message.text;
 }
 
-// Receives every message in place of the system's log for as long as it lives. A message of another
-// subsystem or category than the helper's fails the test. Captures may nest; the innermost
-// receives. The messages may come from any thread, but none while a capture begins or ends.
+// Receives every message in place of the system's log while it lives. A message with another
+// subsystem or category than the helper's fails the test. Captures may nest; the innermost one
+// receives. Messages may come from any thread, but not while a capture is created or destroyed.
 class LogCapture {
   public:
     LogCapture()
@@ -43,18 +43,18 @@ class LogCapture {
         innermost = outer_;
     }
 
-    // Everything since the start or the last clear(), in order.
+    // All messages since the construction or the last clear(), in order.
     [[nodiscard]] std::vector<LogMessage> messages() const {
         const std::lock_guard lock(mutex_);
         return messages_;
     }
 
-    // The texts at one level, in order.
+    // The texts of one level, in order.
     [[nodiscard]] std::vector<std::string> errors() const { return texts(LogLevel::Error); }
 
     [[nodiscard]] std::vector<std::string> notices() const { return texts(LogLevel::Default); }
 
-    // How often exactly `text` was said, at either level.
+    // The number of messages, of either level, that equal `text`.
     [[nodiscard]] std::size_t count(std::string_view text) const {
         return static_cast<std::size_t>(std::ranges::count(messages(), text, &LogMessage::text));
     }
@@ -84,7 +84,7 @@ class LogCapture {
         return result;
     }
 
-    // A log sink is a plain function and finds its capture here.
+    // A log sink is a plain function without context.
     static inline LogCapture* innermost = nullptr;
 
     LogCapture* outer_;

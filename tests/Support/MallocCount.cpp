@@ -22,7 +22,7 @@ std::atomic<std::size_t> allocations{0};
 
 namespace {
 
-// The sanitizers have an allocator of their own, and tell who wants to know.
+// The sanitizers replace the allocator, and call hooks.
 [[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(
     [](const volatile void*, std::size_t) { ++allocations; }, [](const volatile void*) {});
 
@@ -32,7 +32,7 @@ namespace {
 
 #include <malloc.h>
 
-// The executable's functions come before the C library's, also for shared libraries: ld.so(8).
+// Symbols of the executable take precedence, also in shared libraries: ld.so(8).
 extern "C" {
 
 void* __libc_malloc(std::size_t size);

@@ -1,15 +1,15 @@
-// Whether anything allocates, and how much it keeps: C++ code, the C library and other shared
-// libraries. An executable that asks has MallocCount.cpp among its own sources.
+// Counts the allocations of the process: those of C++ code, of the C library and of other shared
+// libraries. MallocCount.cpp must be among the executable's own sources.
 #pragma once
 
 #include <cstddef>
 
 namespace halvo::testing {
 
-// How often memory was allocated so far in this process, by whomever, also what was freed at once.
+// The number of allocations since the process started, including those already freed.
 std::size_t mallocsMade();
 
-// How many bytes are allocated at this moment, by whomever.
+// The number of bytes that are allocated now.
 std::size_t bytesAllocated();
 
 }  // namespace halvo::testing

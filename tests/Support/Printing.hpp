@@ -1,4 +1,4 @@
-// How failed expectations show the helper's records.
+// How failed expectations print the helper's records.
 #pragma once
 
 #include <ostream>

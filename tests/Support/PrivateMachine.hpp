@@ -1,5 +1,5 @@
-// Tests that need a machine of their own: people, an /Applications folder in which set-group-id
-// counts, sessions at the console. scripts/private-machine gives them one.
+// Tests that need user accounts, an /Applications folder where set-group-id is honoured, and
+// console sessions: scripts/private-machine provides them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,9 +12,9 @@
 
 namespace halvo::testing {
 
-// What scripts/private-machine says of the machine. Suites of this kind have "PrivateMachine" in
-// their name, by which ctest runs them inside one; elsewhere they are skipped, and neither
-// prepare() nor cleanUp() touches the machine.
+// A test inside scripts/private-machine, with what its environment says of the machine. Derived
+// suites have "PrivateMachine" in their name, by which ctest runs them inside one; elsewhere they
+// are skipped, and neither prepare() nor cleanUp() is called.
 class PrivateMachineTest : public ::testing::Test {
   protected:
     // Before and after each test.
@@ -22,7 +22,7 @@ class PrivateMachineTest : public ::testing::Test {
 
     virtual void cleanUp() {}
 
-    // The two people, of whom the first sits at the console at the beginning.
+    // Two users; the first is the console user at the start.
     Person user;
     Person other;
     std::string userName;
@@ -34,7 +34,7 @@ class PrivateMachineTest : public ::testing::Test {
         if (std::getenv("HALVO_APP_GID") == nullptr || access("/.machine", F_OK) != 0) {
             GTEST_SKIP() << "needs scripts/private-machine";
         }
-        // People's groups are numbered as they are.
+        // The primary group of each user has the user's number.
         user = {number("HALVO_UID"), number("HALVO_UID")};
         other = {number("HALVO_OTHER_UID"), number("HALVO_OTHER_UID")};
         userName = std::getenv("HALVO_USER");

@@ -1,4 +1,4 @@
-// File systems of a test's own.
+// Mounts in a private mount namespace.
 #pragma once
 
 #include <sched.h>
@@ -8,8 +8,8 @@
 
 namespace halvo::testing {
 
-// Mounts `source` of file system `type` on the folder `path` while it lives, in a mount namespace
-// of the process's own: nobody else sees it, and nothing is left of it when the process is killed.
+// Mounts `source`, of file-system type `type`, on the folder `path` while it lives, in a private
+// mount namespace of the process: no other process sees it, and it ends with the process.
 class PrivateMount {
   public:
     PrivateMount(const char* type, const std::string& source, const std::string& path,
@@ -27,17 +27,17 @@ class PrivateMount {
         }
     }
 
-    // Whether the system let us.
+    // False without the privileges that mount(2) needs.
     [[nodiscard]] bool isMounted() const { return mounted_; }
 
-    // Makes the mount read-only from now on. Whether that worked.
+    // Remounts it read-only; false when that fails.
     [[nodiscard]] bool makeReadOnly() const {
         return mounted_ && mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY,
                                  nullptr) == 0;
     }
 
   private:
-    // Once for the whole process. Whether it worked.
+    // Once per process; false when it fails.
     static bool enterOwnNamespace() {
         static const bool entered = unshare(CLONE_NEWNS) == 0 &&
                                     mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;

@@ -1,4 +1,4 @@
-// Widget snapshots to test and measure with, and the rule of their timeline to hold it against.
+// Widget snapshots for tests and benchmarks, and a reference implementation of their timeline.
 #pragma once
 
 #include <algorithm>
@@ -31,7 +31,7 @@ inline WidgetSnapshot::Running sampleRun(std::optional<WallDate> end) {
             .unlock = WidgetSnapshot::Unlock{"Five minutes", nineOClock + Seconds{600}}};
 }
 
-// Every kind of state, every optional member present and absent, and texts that JSON must escape.
+// Every kind of state, every optional member both present and absent, and texts that JSON escapes.
 inline WidgetSnapshot sampleSnapshot() {
     using S = WidgetSnapshot;
     const UUID first = UUID::fromText("E621E1F8-C36C-495A-93FC-0C247A3E6E5F").value();
@@ -64,7 +64,7 @@ inline WidgetSnapshot sampleSnapshot() {
             .blocks = {{second, "Deep work", {"indigo", "brain"}, S::Level::firm, true, false}}};
 }
 
-// `phases` runs of an hour each, one after the other, from nine on.
+// `phases` consecutive runs of an hour each, from nine on.
 inline WidgetSnapshot longSnapshot(std::size_t phases) {
     using S = WidgetSnapshot;
     constexpr Seconds hour{3600};
@@ -80,7 +80,7 @@ inline WidgetSnapshot longSnapshot(std::size_t phases) {
     return snapshot;
 }
 
-// WidgetSnapshot::timelineDates() as its rule is told, with no regard to what it costs.
+// Reference implementation of WidgetSnapshot::timelineDates(), without regard to cost.
 inline std::vector<WallDate> plainDates(const WidgetSnapshot& snapshot, WallDate from,
                                         const GregorianCalendar& calendar, Seconds countdownSpan,
                                         std::size_t limit) {

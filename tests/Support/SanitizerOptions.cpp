@@ -2,9 +2,9 @@
 
 extern "C" {
 
-// Called by AddressSanitizer. Leaks are looked for with ptrace(2), which is refused in such a
-// process, and the environment's ASAN_OPTIONS are not seen there: they are read from
-// /proc/self/environ, which belongs to root.
+// Called by AddressSanitizer. LeakSanitizer needs ptrace(2), which the kernel refuses for such a
+// process; ASAN_OPTIONS are not seen there, as they are read from /proc/self/environ, which root
+// owns.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*,readability-identifier-naming)
 const char* __asan_default_options();
 

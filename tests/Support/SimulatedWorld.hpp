@@ -1,5 +1,5 @@
-// A simulated machine: everything that the engine knows of the world, without the world; and a main
-// queue that runs when told to, on simulated time.
+// A simulated machine: fakes of the engine's collaborators, and a main queue on simulated time that
+// the test drives.
 #pragma once
 
 #include <algorithm>
@@ -30,15 +30,15 @@
 
 namespace halvo::testing {
 
-// Thrown out of the collaborator call at which the world was told to crash. Of no standard type, so
-// that nothing catches it by accident.
+// Thrown instead of the call at which CallLog::crashAt() simulates a crash. Not derived from
+// std::exception, so that no handler catches it by accident.
 struct Crash {};
 
-// Every call of a collaborator, in order, in words: "save locked", "lock Halvo.app".
+// Records the calls of the collaborators in order: "save locked", "lock Halvo.app".
 class CallLog {
   public:
-    // Notes a call, of a path its last component; throws Crash instead when this is the one to
-    // crash at.
+    // Records a call, with the last component of a path; throws Crash instead at the call that
+    // crashAt() chose.
     void enter(std::string_view verb, std::string_view object = {}) {
         if (untilCrash_ != 0 && --untilCrash_ == 0) {
             throw Crash{};
@@ -64,21 +64,20 @@ class CallLog {
         return result;
     }
 
-    // How many calls were noted in exactly these words.
+    // The number of recorded calls that equal `call`.
     [[nodiscard]] std::size_t count(std::string_view call) const {
         return static_cast<std::size_t>(std::ranges::count(calls_, call));
     }
 
     void clear() { calls_.clear(); }
 
-    // The call number `nth` from now (the next one is number 1) is not carried out: it throws
-    // Crash.
+    // The `nth` call from now (the next one is number 1) throws Crash instead of being made.
     void crashAt(std::size_t nth) { untilCrash_ = nth; }
 
-    // No crash any more. Returns whether the one asked for was still to come.
+    // Cancels crashAt(). True when the crash had not happened yet.
     bool cancelCrash() { return std::exchange(untilCrash_, 0) != 0; }
 
-    // Notes nothing any more, so that no call allocates.
+    // Stops recording, so that no call allocates.
     void stopRecording() { recording_ = false; }
 
   private:
@@ -87,7 +86,7 @@ class CallLog {
     bool recording_ = true;
 };
 
-// The clocks of a machine that stands still until told otherwise.
+// Clocks that only the test moves.
 class SimulatedClock final : public HelperClock {
   public:
     explicit SimulatedClock(CallLog& log) : log_(log) {}
@@ -97,21 +96,21 @@ class SimulatedClock final : public HelperClock {
         return now_;
     }
 
-    // The reading, not counted as a call.
+    // The reading; not recorded as a call.
     [[nodiscard]] const ClockReading& now() const { return now_; }
 
-    // Lets time pass, awake or asleep: both clocks move.
+    // Time passes, awake or asleep: both clocks advance.
     void advance(Seconds span) {
         now_.sinceBoot += span;
         now_.wall += span;
     }
 
-    // Somebody sets the wall clock.
+    // The wall clock is set (clock_settime(2)).
     void setWallClock(WallDate date) { now_.wall = date; }
 
     void moveWallClock(Seconds by) { now_.wall += by; }
 
-    // A clock that misbehaves: the time since boot becomes `time`.
+    // A faulty clock: the time since boot becomes `time`.
     void setSinceBoot(Seconds time) { now_.sinceBoot = time; }
 
     // Another boot: the machine was off for `off`, and has been up for `up`.
@@ -127,7 +126,7 @@ class SimulatedClock final : public HelperClock {
     ClockReading now_{"boot 1", Seconds{1000}, wallDate(1'760'000'000)};
 };
 
-// The items of a disk and which of them carry the lock flag.
+// The items on a disk, and which of them have the lock flag.
 class SimulatedFlags final : public FileFlags {
   public:
     explicit SimulatedFlags(CallLog& log) : log_(log) {}
@@ -141,7 +140,7 @@ class SimulatedFlags final : public FileFlags {
 
     bool setLocked(bool locked, const std::string& path) override {
         log_.enter(locked ? "lock" : "unlock", path);
-        // Flags that are as asked need no change, which could fail.
+        // A flag that already has the wanted value is not set, which cannot fail.
         if (!exists(path) || (isSet(path) != locked && (locked ? failsToLock : failsToUnlock))) {
             return false;
         }
@@ -149,11 +148,11 @@ class SimulatedFlags final : public FileFlags {
         return true;
     }
 
-    // The system refuses to set, or to clear, any flag.
+    // Setting, or clearing, any flag fails.
     bool failsToLock = false;
     bool failsToUnlock = false;
 
-    // What is there, as anybody may see it.
+    // The items as they are; not recorded as calls.
     [[nodiscard]] bool exists(const std::string& path) const { return items_.contains(path); }
 
     [[nodiscard]] bool isSet(const std::string& path) const {
@@ -161,7 +160,7 @@ class SimulatedFlags final : public FileFlags {
         return item != items_.end() && item->second;
     }
 
-    // What others do.
+    // Changes by other processes.
     void add(const std::string& path) { items_.emplace(path, false); }
 
     void erase(const std::string& path) { items_.erase(path); }
@@ -173,7 +172,7 @@ class SimulatedFlags final : public FileFlags {
     std::map<std::string, bool> items_;
 };
 
-// The state file, in memory. It outlives the engines that use it, as the file does.
+// The state file, in memory; it outlives the engines that use it.
 class SimulatedStore final : public CommitmentStore {
   public:
     explicit SimulatedStore(CallLog& log) : log_(log) {}
@@ -199,14 +198,14 @@ class SimulatedStore final : public CommitmentStore {
     }
 
     bool failsToSave = false;
-    // A save gets to the disk, but says that it may not have.
+    // A save reaches the disk, but reports failure, as when fsync(2) fails.
     bool failsToSync = false;
     bool failsToRemove = false;
 
-    // What is on the disk.
+    // The contents of the disk.
     StoredCommitment stored = NoCommitment{};
 
-    // The commitment on the disk, if that is what is there.
+    // The stored commitment; null when there is none that can be read.
     [[nodiscard]] const HelperCommitment* commitment() const {
         return std::get_if<HelperCommitment>(&stored);
     }
@@ -217,7 +216,7 @@ class SimulatedStore final : public CommitmentStore {
     CallLog& log_;
 };
 
-// Who sits at the console and which apps run.
+// The console user and the running apps.
 class SimulatedSession final : public SessionProbe {
   public:
     explicit SimulatedSession(CallLog& log) : log_(log) {}
@@ -242,7 +241,7 @@ class SimulatedSession final : public SessionProbe {
 
     void quitAll() { running_.clear(); }
 
-    // The answer of isAppRunning(), not counted as a call.
+    // What isAppRunning() returns; not recorded as a call.
     [[nodiscard]] bool runs(const std::string& bundlePath, std::uint32_t uid) const {
         const auto users = running_.find(bundlePath);
         return users != running_.end() && users->second.contains(uid);
@@ -263,7 +262,7 @@ struct Opening {
     bool operator==(const Opening&) const = default;
 };
 
-// Remembers what was opened. Whether the app then comes up is for the test to say.
+// Records the openings. The app starts only with `startsApps`, or when the test starts it.
 class SimulatedOpener final : public AppOpener {
   public:
     SimulatedOpener(CallLog& log, const SimulatedClock& clock, SimulatedSession& session)
@@ -278,7 +277,7 @@ class SimulatedOpener final : public AppOpener {
     }
 
     std::vector<Opening> openings;
-    // An app that is opened runs from then on.
+    // An opened app runs from then on.
     bool startsApps = false;
 
   private:
@@ -287,13 +286,13 @@ class SimulatedOpener final : public AppOpener {
     SimulatedSession& session_;
 };
 
-// One machine. The fakes are silent: they write nothing to the log, so that what is in the log the
-// engine said. Where apps may lie is asked of the real disk, so bundles are real, empty folders.
+// One machine. The fakes log nothing, so every log message is the engine's. AppLocation examines
+// the real disk, so bundles are real, empty folders.
 class SimulatedWorld {
   public:
     SimulatedWorld() : own_(std::in_place), disk_(*own_) {}
 
-    // A machine whose bundles lie in `disk`, which outlives it.
+    // A machine whose bundles lie in `disk`, which must outlive it.
     explicit SimulatedWorld(const TemporaryFolder& disk) : disk_(disk) {}
 
     SimulatedWorld(const SimulatedWorld&) = delete;
@@ -303,12 +302,12 @@ class SimulatedWorld {
     SimulatedClock clock{calls};
     SimulatedFlags flags{calls};
     SimulatedStore store{calls};
-    // Store and flags as the helper puts them together.
+    // Store and flags combined as in the helper.
     RecordedLocks locks{store, flags};
     SimulatedSession session{calls};
     SimulatedOpener opener{calls, clock, session};
 
-    // Makes a bundle at `relativePath`, as "Applications/Halvo.app", and returns its whole path.
+    // Makes a bundle at `relativePath`, such as "Applications/Halvo.app"; returns its full path.
     std::string addBundle(const std::string& relativePath) {
         std::string path = disk_ / relativePath;
         std::filesystem::create_directories(path);
@@ -316,7 +315,7 @@ class SimulatedWorld {
         return path;
     }
 
-    // An engine that has not started up.
+    // An engine before startup().
     [[nodiscard]] HelperEngine makeEngine() { return {clock, locks, locks, session, opener}; }
 
   private:
@@ -326,20 +325,20 @@ class SimulatedWorld {
 
 // ---------------------------------------------------------------------------------- the main queue
 
-// Thrown in the place of the end of the process.
+// Thrown instead of exiting the process.
 struct ProcessExit {
     int status;
 };
 
-// Thrown by run(), which must not return: from here on the test serves the queue.
+// Thrown by run(), which must not return: from then on the test drives the queue.
 struct QueueServed {};
 
-// Everything happens on the thread that calls advance(), runPending() or terminate(), in the order
-// that the live queue promises; only async() may be called from any thread. Time is that of a
-// simulated clock, which advance() moves; it may be moved otherwise too (the machine slept).
+// Runs all work on the thread that calls advance(), runPending() or terminate(), in the order that
+// the live queue promises; only async() may be called from any thread. Its time is a simulated
+// clock, which advance() moves; moving that directly simulates sleep.
 class ManualMainQueue final : public MainQueue {
   public:
-    // A timer as it was asked for.
+    // The arguments of repeat().
     struct TimerRequest {
         Seconds first{};
         Seconds interval{};
@@ -348,7 +347,7 @@ class ManualMainQueue final : public MainQueue {
         bool operator==(const TimerRequest&) const = default;
     };
 
-    // What is asked of it is noted in `calls`, if any: "repeat", "handle SIGTERM".
+    // Records in `calls`, if given: "repeat", "handle SIGTERM".
     explicit ManualMainQueue(SimulatedClock& clock, CallLog* calls = nullptr)
         : clock_(clock), calls_(calls) {}
 
@@ -380,8 +379,8 @@ class ManualMainQueue final : public MainQueue {
 
     [[noreturn]] void exit(int status) override { throw ProcessExit{status}; }
 
-    // Lets `span` pass: work that waits runs first, then each timer whenever it is due, and after
-    // each turn what that turn enqueued. Every turn is on the dot.
+    // Lets `span` pass: runs the pending work first, then each timer exactly when it is due, and
+    // after each the work that it enqueued.
     void advance(Seconds span) {
         runPending();
         const Seconds end = now() + span;
@@ -393,7 +392,7 @@ class ManualMainQueue final : public MainQueue {
         clock_.advance(std::max(end - now(), Seconds{0}));
     }
 
-    // Runs the work that waits, also what it enqueues, without letting time pass.
+    // Runs the pending work, also what it enqueues, without letting time pass.
     void runPending() {
         while (true) {
             std::vector<Work> batch;
@@ -410,7 +409,7 @@ class ManualMainQueue final : public MainQueue {
         }
     }
 
-    // Delivers SIGTERM, for which there must be a handler.
+    // Delivers SIGTERM; a handler must be set.
     void terminate() {
         runPending();
         termination_();
@@ -419,13 +418,13 @@ class ManualMainQueue final : public MainQueue {
 
     [[nodiscard]] const std::vector<TimerRequest>& timers() const { return requests_; }
 
-    // Every delay that after() was asked for.
+    // The delays of all after() calls.
     [[nodiscard]] const std::vector<Seconds>& delays() const { return delays_; }
 
   private:
     struct Timer {
         Seconds due;
-        // Absent for one that turns once.
+        // Absent for a one-shot timer.
         std::optional<Seconds> interval;
         Work work;
     };
@@ -438,12 +437,12 @@ class ManualMainQueue final : public MainQueue {
         }
     }
 
-    // The timer that is due first, of two the one made first; the end when there is none.
+    // The timer that is due first, the older one of two; end() when there is none.
     Timers::iterator nextDue() { return std::ranges::min_element(timers_, {}, &Timer::due); }
 
-    // The timer keeps to its grid; turns that were missed are not made up for.
+    // A repeating timer keeps its grid; missed expirations are skipped.
     void fire(Timers::iterator timer) {
-        // A copy: the work may add timers, which moves this one.
+        // A copy: the work may add timers, which invalidates `timer`.
         const Work work = timer->work;
         if (timer->interval) {
             const double missed = std::floor((now() - timer->due) / *timer->interval);

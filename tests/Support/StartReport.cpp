@@ -98,7 +98,7 @@ int reportStart(int count, char** words, char** environment) {
     const std::string path = ownPath();
     std::ostringstream text;
     writeReport(count, words, environment, text);
-    // Moved into place, so that nobody sees half of it.
+    // Renamed into place, so that no reader sees a partial report.
     for (const std::string& place : {path, "/tmp" + path.substr(path.find_last_of('/'))}) {
         const std::string part = place + ".part";
         std::ofstream file(part);
@@ -116,7 +116,7 @@ int reportStart(int count, char** words, char** environment) {
 
 }  // namespace halvo::testing
 
-// Of a program that does nothing else; any other has its own.
+// For a program that only reports its start; other programs define their own.
 [[gnu::weak]] int main(int count, char** words, char** environment) {
     return halvo::testing::reportStart(count, words, environment);
 }

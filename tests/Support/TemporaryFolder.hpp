@@ -19,8 +19,8 @@
 
 namespace halvo::testing {
 
-// A new, empty folder inside the folder for temporary files of the tests (::testing::TempDir()),
-// removed with everything inside at the end, also what carries file flags. Its path is canonical.
+// A new, empty folder in ::testing::TempDir(). The destructor removes it with its contents,
+// including items with the immutable or append-only flag. Its path is canonical.
 class TemporaryFolder {
   public:
     TemporaryFolder() {
@@ -69,9 +69,9 @@ class TemporaryFolder {
     std::string path_;
 };
 
-// Makes the file at `path` hold `bytes`, and fails the test when that cannot be.
+// Replaces the file at `path` with a new one of `bytes`; fails the test when it cannot.
 inline void writeTestFile(const std::string& path, std::string_view bytes) {
-    // A new file: what is written over an old one some file systems bring to the disk at once.
+    // Removed first: some file systems flush a file that is truncated and rewritten at close(2).
     std::filesystem::remove(path);
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -79,7 +79,7 @@ inline void writeTestFile(const std::string& path, std::string_view bytes) {
     ASSERT_TRUE(file.good()) << "cannot write " << path;
 }
 
-// What the file at `path` holds; empty when there is none.
+// The contents of the file at `path`; empty when there is none.
 inline std::string readTestFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

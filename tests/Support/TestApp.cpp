@@ -1,39 +1,43 @@
-// The app, and whatever else the helper meets in tests and in the demo: asks what an app asks,
-// misbehaves in the ways that a caller can, and reports how it was started. Built without
-// sanitizers, most of which refuse to run set-group-id, and without HalvoClient, so that it can ask
-// what no client would.
+// The app in tests and in the demo: makes the requests of an app, misbehaves as a hostile client
+// can, and reports how it was started. Built without sanitizers, most of which refuse to run
+// set-group-id, and without HalvoClient, so that it can send what HalvoClient never would.
 //
-// What an app asks, of the helper of the app of this build
+// Requests of an app, to the helper of this build's app
 //     status                       "status holding=true until=1732199527.000000 locked=true"
 //     begin APP UNTIL STARTED      dates in seconds from now; "." is the bundle of this program
 //     begin-at APP UNTIL STARTED   dates in seconds since 1970: 1e9, nan, inf, -1e300
 //     heartbeat [--ending]         alive, or the session is ending
-//     end                          let the commitment go
+//     end                          ends the commitment
 //     ask SOCKET REQUEST...        status, heartbeat, end or begin=PATH on one connection, which it
-//                                  keeps; "~2" waits two seconds. A line for each reply
-//     ask-often SOCKET COUNT       connects, asks for the status and disconnects, as often; "asked"
+//                                  keeps. A line for each reply. "~2" waits two seconds, "?" for a
+//                                  line of standard input
+//     ask-often SOCKET COUNT       connects, requests the status and disconnects, COUNT times;
+//     "asked"
 //
-// What no app does
-//     hold COUNT                   keeps as many authenticated connections, "holding COUNT"
+// Misbehaviour
+//     hold COUNT                   keeps that many authenticated connections, "holding COUNT"
 //     huge MEGABYTES               a begin with a path of that size
-//     flood COUNT                  as many status calls without reading a reply
-//     connect SOCKET               connects and says nothing but "connected"; keeps the connection
+//     flood COUNT                  that many status calls without reading a reply
+//     connect SOCKET               connects, "connected"; sends nothing and keeps the connection
 //     connect-many SOCKET COUNT    the same with several connections
-//     connect-say SOCKET TEXT      the same after it has sent TEXT
+//     connect-say SOCKET TEXT      the same, but sends TEXT first
 //     connect-share SOCKET         leaves the connection to a child, says "connected" and ends
 //     connect-run SOCKET PROGRAM ARGUMENTS...
 //                                  becomes the program with the connection as descriptor 3
-//     use-fd NUMBER WORD           status or end on a connection that is already there
-//     forge FORGERY PATH WORDS     becomes PATH with these words, where only it sees FORGERY
+//     use-fd NUMBER WORD           status or end on the inherited connection NUMBER
+//     forge FORGERY PATH WORDS     executes PATH with these words, with FORGERY bind-mounted over
+//     it
+//                                  in a private mount namespace
 //     wait                         "waiting"
 //
-// Before all of these: "drop-group" takes the group of its executable off, "--socket PATH" names
-// another helper. What is kept is kept until standard input ends; "closed" says when the helper
-// closes one. Without words, or with other options, it reports its start; see TestBundle.hpp.
+// Before any of these: "drop-group" drops the group of the executable, "--socket PATH" selects
+// another helper. Connections are kept until end-of-file on standard input; "closed" is printed for
+// each that the helper closes. Without words, or with other options, reports its start; see
+// TestBundle.hpp.
 //
 // Exit status: 0 reply true; 1 reply false; 64 usage error; 65 "rejected NAME: MESSAGE";
-// 69 "not-running"; 75 "timed-out"; 76 "disconnected", after authentication; 77 "refused", or all
-// that was kept is closed.
+// 69 "not-running"; 75 "timed-out"; 76 "disconnected", after authentication; 77 "refused", or the
+// helper has closed all kept connections.
 
 #include <poll.h>
 #include <sched.h>
@@ -53,6 +57,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -66,18 +71,18 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// For authentication, and for each call, which may take the helper long on purpose.
+// For authentication, and for each call; some tests delay the helper on purpose.
 constexpr std::chrono::seconds limit{60};
 
 std::string helperSocket = "/run/" HALVO_APP_BUNDLE_ID ".helper.sock";
 
-// Ends the program with a last line.
+// Thrown to exit with a last line.
 struct Failure {
     std::string line;
     int status;
 };
 
-// A line, out at once for the program that reads it.
+// Prints a line, flushed for a reader at the other end of a pipe.
 void print(const std::string& line) {
     std::puts(line.c_str());
     std::fflush(stdout);
@@ -107,7 +112,7 @@ int connection() {
     return number;
 }
 
-// A bus on the connection `number`, once the helper has let it in.
+// A bus on the connection `number`, once the helper has admitted it.
 sd_bus* authenticated(int number) {
     sd_bus* bus = nullptr;
     int code = sd_bus_new(&bus);
@@ -205,7 +210,7 @@ sd_bus_message* newCall(sd_bus* bus, const char* method, const char* types = "",
     return call;
 }
 
-// The reply; an error reply fills `error` instead.
+// The reply; null for an error reply, which fills `error`.
 sd_bus_message* replyTo(sd_bus_message* call, sd_bus_error& error) {
     sd_bus* bus = sd_bus_message_get_bus(call);
     sd_bus_message* reply = nullptr;
@@ -214,14 +219,14 @@ sd_bus_message* replyTo(sd_bus_message* call, sd_bus_error& error) {
     if (code == -ETIMEDOUT) {
         throw Failure{"timed-out", EX_TEMPFAIL};
     }
-    // sd-bus fills in errors of its own, too.
+    // sd-bus reports local errors the same way.
     if (code < 0 && sd_bus_is_open(bus) <= 0) {
         throw Failure{"disconnected", EX_PROTOCOL};
     }
     return reply;
 }
 
-// The same, where only a reply will do.
+// The reply; exits for an error reply.
 sd_bus_message* replyTo(sd_bus_message* call) {
     sd_bus_error error{};
     sd_bus_message* reply = replyTo(call, error);
@@ -280,7 +285,7 @@ int begin(const Words& words, double offset) {
                   .parent_path()
                   .parent_path();
     }
-    // Takes what std::stod() would refuse: numbers that are too large or too small.
+    // strtod(3): std::stod() throws for numbers out of range.
     const auto date = [&](std::size_t i) {
         return offset + std::strtod(words.at(i).c_str(), nullptr);
     };
@@ -316,6 +321,11 @@ std::string inWords(sd_bus_message* reply) {
 int ask(const Words& requests) {
     sd_bus* bus = connect();
     for (const std::string& request : requests) {
+        if (request == "?") {
+            std::string line;
+            std::getline(std::cin, line);
+            continue;
+        }
         if (request.starts_with('~')) {
             std::this_thread::sleep_for(
                 std::chrono::duration<double>(std::stod(request.substr(1))));
@@ -340,7 +350,7 @@ int askOften(int count) {
 
 int flood(int count) {
     sd_bus* bus = connect();
-    // Without one that is asked for, sd_bus_send(3) wants no reply.
+    // sd_bus_send(3) expects no reply unless a cookie is asked for.
     std::uint64_t cookie = 0;
     while (count-- > 0) {
         if (sd_bus_send(bus, newCall(bus, "Status"), &cookie) < 0 || sd_bus_flush(bus) < 0) {
@@ -433,7 +443,7 @@ int main(int count, char** words, char** environment) {
         print(failure.line);
         return failure.status;
     } catch (const std::logic_error& error) {
-        // A word that is missing, unknown, or no number.
+        // A word is missing, unknown, or no number.
         std::fprintf(stderr, "%s: %s\n", first.c_str(), error.what());
         return EX_USAGE;
     }

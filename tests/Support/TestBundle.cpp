@@ -29,7 +29,7 @@ void TestBundle::writeInfo(const std::string& identifier, const std::string& tea
 }
 
 void TestBundle::install(gid_t group) const {
-    // The other way round would lose the bit: chown(2).
+    // In this order: chown(2) clears the set-group-id bit.
     ASSERT_EQ(chown(executable().c_str(), 0, group), 0);
     ASSERT_EQ(chmod(executable().c_str(), 02755), 0);
 }
@@ -70,7 +70,7 @@ void copyProgram(const std::string& from, const std::string& to) {
 }
 
 std::string copyProgramAsNumber(const std::string& from, const std::string& folder, ino_t number) {
-    // A file system in memory numbers its files one after the other.
+    // tmpfs assigns inode numbers in sequence.
     constexpr int most = 200'000;
     const std::string path = folder + "/program";
     for (int count = 0; count < most; ++count) {
@@ -83,7 +83,7 @@ std::string copyProgramAsNumber(const std::string& from, const std::string& fold
             return path;
         }
     }
-    ADD_FAILURE() << "no file with the number " << number << " in " << folder;
+    ADD_FAILURE() << "no file with the inode number " << number << " in " << folder;
     return path;
 }
 

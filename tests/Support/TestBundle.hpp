@@ -1,4 +1,4 @@
-// App bundles on a real disk, and how their program was started.
+// App bundles on the real disk, and reports of how their program was started.
 #pragma once
 
 #include <sys/types.h>
@@ -10,15 +10,15 @@
 
 namespace halvo::testing {
 
-// A bundle made for a test, with the test app as its executable. Folders are 0755, files 0644, and
-// the executable 0755, whatever the umask; all belong to whoever runs the tests.
+// A bundle with the test app as its executable. Folders and the executable have mode 0755, files
+// 0644, whatever the umask; the owner is the user of the test process.
 class TestBundle {
   public:
-    // At `path`, with the executable `name`. No Info.plist yet. The folders above must be there.
+    // At `path`, with the executable `name` and no Info.plist yet. Parent folders are created.
     explicit TestBundle(std::string path, std::string name = "Sample");
 
-    // Writes an Info.plist that names the executable, and the identity as the caller rules read it.
-    // Replaces one that is there, as installers do.
+    // Writes an Info.plist with the executable's name and the identity that CallerRules reads.
+    // Replaces an existing one by rename(2), as installers do.
     void writeInfo(const std::string& identifier = "com.example.app",
                    const std::string& team = "7QX4KD19MT") const;
 
@@ -42,14 +42,14 @@ class TestBundle {
 std::string infoText(const std::string& executable, const std::string& identifier,
                      const std::string& team);
 
-// Puts `bytes` in the place of the file at `path` by rename(2).
+// Replaces the file at `path` with a new one of `bytes` by rename(2).
 void replaceTestFile(const std::string& path, const std::string& bytes);
 
-// Makes the file that is at `path` hold `bytes`, which stays the same file.
+// Rewrites the file at `path` in place: its inode stays.
 void overwriteTestFile(const std::string& path, const std::string& bytes);
 
-// Copies the program at `from` into the folder of a file system of its own at `folder`, as a file
-// that has the number `number` there. The path of the copy.
+// Copies the program at `from` into `folder`, the root of a tmpfs, as a file with the inode number
+// `number`. Returns the path of the copy.
 std::string copyProgramAsNumber(const std::string& from, const std::string& folder, ino_t number);
 
 // Copies the program at `from` to `to`, with the permissions 0755.
@@ -59,27 +59,27 @@ void copyProgram(const std::string& from, const std::string& to);
 
 // The lines "key=value" of a report, by key, in order. The keys: pid, executable, argument,
 // environment ("NAME=value"), user and group (real, effective, saved), supplementary, descriptor
-// ("NUMBER TARGET rw", or "-" when it is not for reading and writing), SigBlk, SigIgn and SigCgt
-// (proc(5)), folder, umask, session ("own" when it leads one).
+// ("NUMBER TARGET rw", or "-" unless opened with O_RDWR), SigBlk, SigIgn and SigCgt (proc(5)),
+// folder, umask, alarm (seconds left), session ("own" for a session leader).
 using TestReport = std::map<std::string, std::vector<std::string>>;
 
-// Where the program at `executable` leaves its report: beside it, or in /tmp when it may not write
-// there. While there is a file `executable`.hold the program does not end.
+// Where the program at `executable` writes its report: beside it, or in /tmp when it has no
+// permission there. The program does not exit while the file `executable`.hold exists.
 inline std::string reportBeside(const std::string& executable) { return executable + ".report"; }
 
 inline std::string reportInTmp(const std::string& executable) {
     return "/tmp" + executable.substr(executable.find_last_of('/')) + ".report";
 }
 
-// The report at `path`, for which it waits up to 20 s. Empty when none comes.
+// The report at `path`; waits up to `timeLimit` for it. Empty without one, which fails the test.
 TestReport readReport(const std::string& path);
 
-// The set of ignored signals that `report` tells of, less the two that the C library keeps for
-// itself and ignores in all that it spawns: nptl(7), posix_spawn(3).
+// The ignored signals of `report` as a bit set, without the two that the C library reserves and
+// ignores in spawned processes: nptl(7), posix_spawn(3).
 std::uint64_t ignoredSignals(const TestReport& report);
 
-// For main() of a program that tests start: leaves the report of its start. The status to exit
-// with.
+// For main() of a program that tests start: writes the report of its start. Returns the exit
+// status.
 int reportStart(int count, char** words, char** environment);
 
 }  // namespace halvo::testing

@@ -29,10 +29,10 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-// Between two looks at a condition.
+// Between two polls of a condition.
 constexpr Seconds shortestPause = 5ms;
 
-// What a shell reports of a program that cannot be run.
+// The exit status of shells for a program that cannot be executed.
 constexpr int cannotRun = 127;
 
 struct Pipe {
@@ -51,7 +51,7 @@ struct Pipe {
 
 Descriptor fileInMemory() {
     Descriptor file(memfd_create("output", MFD_CLOEXEC));
-    // Two descriptors of the child share it, and what it starts has copies.
+    // Several descriptors, of the child and of its children, write to it.
     if (!file.isOpen() || fcntl(file.get(), F_SETFL, O_APPEND) != 0) {
         throw std::system_error(errno, std::generic_category(), "memfd_create");
     }
@@ -67,7 +67,7 @@ void setEnvironment(const Start& start) {
     clearenv();
     setenv("PATH", "/usr/bin:/bin:/usr/sbin:/sbin", 1);
     if (start.stopped) {
-        // LeakSanitizer aborts in a process that is traced.
+        // LeakSanitizer aborts in a traced process.
         setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     }
     for (const std::string& variable : start.environment) {
@@ -83,7 +83,7 @@ void setEnvironment(const Start& start) {
         _exit(cannotRun);
     }
     if (!start.body) {
-        // Also what the test itself has open, and the other ends of these.
+        // Descriptors of the test, and the other ends of the pipes.
         close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
         setEnvironment(start);
     }
@@ -104,7 +104,7 @@ void setEnvironment(const Start& start) {
     started = Descriptor();
     const int status = start.body();
     std::fflush(nullptr);
-    // Not _exit(2): what watches the run (coverage, sanitizers) reports at the end.
+    // Not _exit(2): coverage and sanitizers report in exit handlers.
     std::exit(status);
 }
 
@@ -133,7 +133,7 @@ bool eventually(Seconds limit, const std::function<bool()>& condition) {
         if (timeNow() >= end) {
             return false;
         }
-        // A look that runs a program must not keep the machine busy.
+        // A poll that runs a program must not keep the machine busy.
         sleepFor(std::max(shortestPause, 3 * (timeNow() - before)));
     }
 }
@@ -162,7 +162,7 @@ TestProcess::TestProcess(const Start& start) {
     Pipe input;
     Pipe started;
     output_ = fileInMemory();
-    // What is still buffered would be written twice.
+    // Buffered output would be written twice.
     std::fflush(nullptr);
     pid_ = fork();
     if (pid_ < 0) {
@@ -333,7 +333,7 @@ std::vector<pid_t> processesRunning(const std::string& path) {
 }
 
 FewDescriptors::FewDescriptors(rlim_t count) {
-    // The first time the sanitizer of undefined behaviour needs one to look at the object.
+    // UndefinedBehaviorSanitizer opens a descriptor the first time that it checks such an object.
     EXPECT_FALSE(std::generic_category().message(EMFILE).empty());
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
     const int next = dup(STDERR_FILENO);

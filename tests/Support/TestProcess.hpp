@@ -1,5 +1,4 @@
-// Processes that a test runs beside itself, what the system says of processes, and waiting for what
-// they do.
+// Child processes of a test, look-ups in proc(5), and waiting for conditions.
 #pragma once
 
 #include <sys/resource.h>
@@ -16,35 +15,35 @@
 
 namespace halvo::testing {
 
-// How long a test waits for what should come soon. A machine that is busy with other tests may be
-// late.
+// How long a test waits for a condition that should hold soon: generous, as other tests run at the
+// same time.
 inline constexpr Seconds timeLimit{20};
 
-// A monotonic time, which begins anywhere.
+// The time of a monotonic clock.
 Seconds timeNow();
 
 void sleepFor(Seconds span);
 
-// Whether `condition` comes true before `limit` has passed. It is looked at every few milliseconds,
-// or, when a look takes long, for a quarter of the time.
+// Polls `condition` until it holds or `limit` has passed; whether it held. Pauses a few
+// milliseconds between polls, or three times as long as the poll took.
 bool eventually(Seconds limit, const std::function<bool()>& condition);
 
 inline bool eventually(const std::function<bool()>& condition) {
     return eventually(timeLimit, condition);
 }
 
-// Whether `condition` is true at every look for as long as `span`.
+// Polls `condition` for `span`; whether it always held.
 bool always(Seconds span, const std::function<bool()>& condition);
 
 // --------------------------------------------------------------------------------------- processes
 
-// A user and the user's only group.
+// A user with one group.
 struct Person {
     constexpr Person() = default;
 
     constexpr Person(uid_t user, gid_t group) : uid(user), gid(group) {}
 
-    // On a private machine a person's group has the number of the person.
+    // On a private machine a user's group has the user's number.
     constexpr Person(uid_t user) : Person(user, user) {}
 
     bool operator==(const Person&) const = default;
@@ -53,39 +52,39 @@ struct Person {
     gid_t gid{};
 };
 
-// Makes this process `person`'s, without any other group, for good; ends it when that cannot be.
-// For the bodies of child processes.
+// Switches this process to `person` for good, without supplementary groups; exits with 127 when it
+// cannot. For the bodies of child processes.
 void become(const Person& person);
 
-// Puts the program at `path` in the place of this process. Ends it when that cannot be.
+// execve(2); exits with 127 when it fails.
 [[noreturn]] void execute(const std::string& path, std::vector<std::string> arguments,
                           std::vector<std::string> environment = {});
 
-// What a child process is to be: a program, or a function.
+// How to start a child process: a program, or a function.
 struct Start {
     // The program's path and its arguments.
     std::vector<std::string> words{};
-    // Whose process it becomes; without, it stays the test's.
+    // The user it switches to; without, that of the test.
     std::optional<Person> person{};
-    // The program's environment, as "NAME=VALUE"; with the usual PATH unless it has another.
+    // The program's environment, as "NAME=VALUE"; a default PATH is added.
     std::vector<std::string> environment{};
-    // Runs in the new process, with that environment, before it becomes the person's.
+    // Runs in the new process, with that environment, before it switches to `person`.
     std::function<void()> prepare{};
-    // Stops right before the program begins, until goOn(): for a tracer.
+    // Raises SIGSTOP right before execve(2), until goOn(): for a tracer.
     bool stopped = false;
-    // Runs in place of a program, with the environment of the test; returns the exit status.
+    // Runs instead of a program, with the environment of the test; returns the exit status.
     std::function<int()> body{};
 };
 
-// A child process, which the test talks to while it runs. Killed at the end, should it still run.
-// Not to be made while another thread runs.
+// A running child process with pipes to the test. Killed by the destructor. Must not be created
+// while another thread runs (it forks).
 class TestProcess {
   public:
-    // Returns once the program has been started, or has ended because it could not be (127); with a
-    // body, once that begins. Throws when there can be no process.
+    // Returns once execve(2) has succeeded, or the child has exited because it failed (127); with a
+    // body, once that begins. Throws std::system_error when fork(2) fails.
     explicit TestProcess(const Start& start);
 
-    // Runs `body`; when it returns the child exits with 0, or with 1 when it failed an expectation.
+    // Runs `body`; the child then exits with 0, or with 1 after a failed expectation.
     explicit TestProcess(const std::function<void()>& body);
 
     TestProcess(TestProcess&& other) noexcept;
@@ -96,42 +95,42 @@ class TestProcess {
 
     [[nodiscard]] pid_t pid() const { return pid_; }
 
-    // Sends the signal, unless the child is known to have ended.
+    // Sends the signal, unless the child was reaped.
     void send(int signal) const;
 
-    // Sends SIGKILL and waits for the end.
+    // Sends SIGKILL and reaps the child.
     void kill();
 
-    // SIGSTOP, which has taken effect when this returns; SIGCONT.
+    // SIGSTOP, returning once it has taken effect; SIGCONT.
     void stop() const;
     void goOn() const;
 
-    // Writes `line` and its end to the child's standard input, which closeInput() ends.
+    // Writes `line` and a newline to the child's standard input, which closeInput() closes.
     void tell(const std::string& line) const;
 
     void closeInput() { input_ = Descriptor(); }
 
-    // All that the child, and what it started, has written so far to standard output and error.
+    // What the child and its descendants have written to standard output and error so far.
     [[nodiscard]] std::string output() const;
 
-    // The next line of the output, without its end; what there is of it when the child ends, or
-    // stays silent for `timeLimit`.
+    // The next line of the output, without its newline. A partial line when the child ends, or
+    // after `timeLimit`.
     std::string readLine();
 
-    // Whether there is a line to be read without waiting.
+    // Whether readLine() would return without waiting.
     [[nodiscard]] bool hasLine() const;
 
-    // The output after the lines that were read, up to the child's end.
+    // Waits for the child's end; the output after the lines already read.
     std::string readAll();
 
-    // Whether it has not ended.
+    // Whether it still runs; reaps it otherwise.
     bool isRunning();
 
-    // Waits for the end. The exit status, or 128+N after signal N, as shells have it. A child that
-    // takes longer than `limit` is killed and fails the test.
+    // Waits for the end; the exit status, or 128+N after signal N, as in shells. A child that
+    // exceeds `limit` is killed and fails the test.
     int wait(Seconds limit = Seconds{60});
 
-    // Takes what waitpid(2) said of its end, for a caller that waits for it by itself.
+    // Takes over a status from waitpid(2), for a tracer that reaped the child itself.
     void noteEnd(int waitStatus) { waitStatus_ = waitStatus; }
 
     // The signal that ended it, or 0.
@@ -147,12 +146,12 @@ class TestProcess {
     pid_t pid_ = -1;
     std::optional<int> waitStatus_;
     Descriptor input_;
-    // A file in memory, which takes any amount without a reader.
+    // memfd_create(2): unlike a pipe, takes any amount without a reader.
     Descriptor output_;
     std::size_t read_ = 0;
 };
 
-// How a child process ended and what it said.
+// How a child process ended, and its output.
 struct ChildResult {
     // The exit status, or -1 when a signal ended it.
     int status = -1;
@@ -164,27 +163,27 @@ struct ChildResult {
     bool operator==(const ChildResult&) const = default;
 };
 
-// Runs the child, with nothing on its standard input, to its end; see TestProcess.
+// Runs the child to its end, with an empty standard input; see TestProcess.
 ChildResult runInChild(const Start& start, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
-// ------------------------------------------------------------------- what the system says: proc(5)
+// ---------------------------------------------------------------------------------------- proc(5)
 
-// A field of /proc/PID/status, without blanks around it; empty when there is no such process.
+// A field of /proc/PID/status, trimmed; empty when there is no such process.
 std::string processField(pid_t process, const std::string& field);
 
 // The numbers in such a field, in base `base`.
 std::vector<unsigned long long> processNumbers(pid_t process, const std::string& field,
                                                int base = 10);
 
-// The words of a process's command line, or of its environment. A process that execve(2) is about
-// to give its words, after its executable, is waited for.
+// The arguments of a process, or its environment. Retries while they are empty: during execve(2)
+// the executable changes before they do.
 std::vector<std::string> processWords(pid_t process, const char* file = "cmdline");
 
-// All processes whose executable is the file at `path`, in the order of their numbers.
+// The processes whose /proc/PID/exe is `path`, sorted.
 std::vector<pid_t> processesRunning(const std::string& path);
 
-// Leaves this process room for `count` descriptors more while it lives.
+// Limits this process to `count` more descriptors while it lives (RLIMIT_NOFILE).
 class FewDescriptors {
   public:
     explicit FewDescriptors(rlim_t count);

@@ -1,4 +1,4 @@
-// Tests of the test facilities whose failure would let other tests pass unnoticed.
+// Tests of the test support, where a defect would let other tests pass wrongly.
 
 #include <fcntl.h>
 #include <gtest/gtest-spi.h>
@@ -21,13 +21,13 @@
 namespace halvo::testing {
 namespace {
 
-TEST(TestProcessTest, TellsOfAFailureInAChild) {
+TEST(TestProcessTest, ReportsAFailedExpectationOfTheChild) {
     const ChildResult failed = runInChild([] { EXPECT_EQ(1, 2) << "this is why"; });
     EXPECT_EQ(failed.status, 1);
     EXPECT_NE(failed.output.find("this is why"), std::string::npos);
 }
 
-TEST(TestProcessTest, FailsAndKillsWhatTakesTooLong) {
+TEST(TestProcessTest, KillsAChildThatExceedsTheLimitAndFails) {
     ChildResult result;
     EXPECT_NONFATAL_FAILURE(
         result =
@@ -36,7 +36,7 @@ TEST(TestProcessTest, FailsAndKillsWhatTakesTooLong) {
     EXPECT_EQ(result, (ChildResult{-1, "begun\n", SIGKILL}));
 }
 
-TEST(TestProcessTest, IsKilledWithItsObject) {
+TEST(TestProcessTest, IsKilledByTheDestructor) {
     pid_t pid = 0;
     {
         const TestProcess process([] { pause(); });
@@ -46,7 +46,7 @@ TEST(TestProcessTest, IsKilledWithItsObject) {
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
-TEST(WaitingTest, LooksUntilTheConditionHoldsOrTheTimeIsUp) {
+TEST(WaitingTest, PollsUntilTheConditionHoldsOrTheLimitHasPassed) {
     int looks = 0;
     EXPECT_TRUE(eventually([&] { return ++looks == 3; }));
     EXPECT_EQ(looks, 3);
@@ -56,7 +56,7 @@ TEST(WaitingTest, LooksUntilTheConditionHoldsOrTheTimeIsUp) {
 }
 
 struct FaultInjectionTest : ::testing::Test {
-    // 0 or the errno.
+    // 0, or errno.
     [[nodiscard]] int makeFolder(const char* name) const {
         return mkdir((folder / name).c_str(), 0700) == 0 ? 0 : errno;
     }
@@ -64,13 +64,13 @@ struct FaultInjectionTest : ::testing::Test {
     TemporaryFolder folder;
 };
 
-TEST_F(FaultInjectionTest, AFaultThatDoesNotHappenFailsTheTestAndIsOver) {
+TEST_F(FaultInjectionTest, AFaultThatIsNotTriggeredFailsTheTestAndIsRemoved) {
     EXPECT_NONFATAL_FAILURE(
-        { const Fault fault = Fault::failing(SystemCall::mkdir, ENOSPC); }, "was not made");
+        { const Fault fault = Fault::failing(SystemCall::mkdir, ENOSPC); }, "was not triggered");
     EXPECT_EQ(makeFolder("a"), 0);
 }
 
-TEST_F(FaultInjectionTest, OneCallHasNoEffectOrIsDenied) {
+TEST_F(FaultInjectionTest, AFailingCallHasNoEffectAndADenyingOneHas) {
     {
         const Fault fault = Fault::failing(SystemCall::mkdir, ENOSPC, 1);
         EXPECT_EQ(makeFolder("a"), 0);
@@ -89,7 +89,7 @@ TEST_F(FaultInjectionTest, ATransferIsCutShortOnce) {
     EXPECT_EQ(write(file.get(), "12345", 5), 5);
 }
 
-TEST_F(FaultInjectionTest, ATraceTellsOnlyWhatWasDone) {
+TEST_F(FaultInjectionTest, ATraceLeavesOutFailedCalls) {
     const CallTrace trace;
     const Descriptor file(open((folder / "a").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     const Fault lost = Fault::failing(SystemCall::fsync, EIO);
@@ -101,13 +101,13 @@ TEST_F(FaultInjectionTest, ATraceTellsOnlyWhatWasDone) {
     EXPECT_TRUE(trace.written().empty());
 }
 
-TEST(LogCaptureTest, AMessageUnderAnotherNameFailsTheTest) {
+TEST(LogCaptureTest, AnotherSubsystemOrCategoryFailsTheTest) {
     const LogCapture log;
     EXPECT_NONFATAL_FAILURE(HALVO_LOG_ERROR(Logger({"app.halvo", "Other"}), "one"), "Other");
     EXPECT_NONFATAL_FAILURE(HALVO_LOG_ERROR(Logger({"other", "Helper"}), "one"), "other");
 }
 
-TEST(SimulatedWorldTest, CrashesInThePlaceOfACall) {
+TEST(SimulatedWorldTest, CrashesInsteadOfACall) {
     SimulatedWorld world;
     const std::string app = world.addBundle("Applications/Halvo.app");
     world.calls.crashAt(2);
@@ -118,7 +118,7 @@ TEST(SimulatedWorldTest, CrashesInThePlaceOfACall) {
 }
 
 struct ManualMainQueueTest : ::testing::Test {
-    // Notes when `name` runs: "a2" for a, two seconds after the start.
+    // Work that records `name` and the seconds since the start: "a2".
     MainQueue::Work note(const char* name) {
         return [this, name] {
             order += name + std::to_string(static_cast<int>((queue.now() - start).count()));
@@ -132,7 +132,7 @@ struct ManualMainQueueTest : ::testing::Test {
     std::string order;
 };
 
-TEST_F(ManualMainQueueTest, RunsWhatWaitsBeforeTimersAndBetweenTheirTurns) {
+TEST_F(ManualMainQueueTest, RunsEnqueuedWorkBeforeAndBetweenTimers) {
     std::thread([this] { queue.async([this] { queue.async(note("c")); }); }).join();
     queue.async(note("a"));
     queue.repeat(Seconds{2}, Seconds{2}, Seconds{0}, [this] {
@@ -146,7 +146,7 @@ TEST_F(ManualMainQueueTest, RunsWhatWaitsBeforeTimersAndBetweenTheirTurns) {
     EXPECT_EQ(queue.now() - start, Seconds{5});
 }
 
-TEST_F(ManualMainQueueTest, MakesUpForNoTurnThatWasMissed) {
+TEST_F(ManualMainQueueTest, DoesNotMakeUpForMissedExpirations) {
     queue.repeat(Seconds{2}, Seconds{2}, Seconds{0}, note("a"));
     clock.advance(Seconds{7});
     queue.advance(Seconds{0});

@@ -1,5 +1,5 @@
-// What of Core Foundation the macOS layer uses, declared from Apple's public documentation. All of
-// this folder is for checking without a Mac only: on a Mac the real headers are used.
+// The part of Core Foundation that the macOS layer uses, declared from Apple's public
+// documentation. These headers are for checking without a Mac only; a Mac has the real ones.
 #pragma once
 
 #if __has_include(<Foundation/NSObjCRuntime.h>)
@@ -13,5 +13,5 @@ typedef const void* CFTypeRef;
 typedef const struct __attribute__((objc_bridge(NSString))) __CFString* CFStringRef;
 typedef const struct __attribute__((objc_bridge(NSURL))) __CFURL* CFURLRef;
 
-// Of <MacTypes.h>, which Core Foundation includes.
+// From <MacTypes.h>, which Core Foundation includes.
 typedef int OSStatus;

@@ -1,4 +1,4 @@
-// What of Foundation the macOS layer uses, declared from Apple's public documentation.
+// The part of Foundation that the macOS layer uses, declared from Apple's public documentation.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -147,7 +147,7 @@ typedef struct {
 - (void)resume;
 @end
 
-// Takes over what a function of Core Foundation has made (its "Create Rule").
+// Takes ownership of the result of a Core Foundation function (the "Create Rule").
 static inline id _Nullable CFBridgingRelease(CFTypeRef _Nullable CF_CONSUMED object) {
     return (__bridge_transfer id)object;
 }

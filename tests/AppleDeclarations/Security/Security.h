@@ -1,4 +1,4 @@
-// What of Security the macOS layer uses, declared from Apple's public documentation.
+// The part of Security that the macOS layer uses, declared from Apple's public documentation.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>

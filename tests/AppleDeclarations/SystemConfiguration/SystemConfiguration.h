@@ -1,4 +1,5 @@
-// What of SystemConfiguration the macOS layer uses, declared from Apple's public documentation.
+// The part of SystemConfiguration that the macOS layer uses, declared from Apple's public
+// documentation.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>

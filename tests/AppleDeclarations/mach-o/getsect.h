@@ -1,4 +1,4 @@
-// What of the sections of Mach-O images the macOS layer uses, declared from Apple's documentation.
+// The part of getsect(3) that the macOS layer uses, declared from Apple's documentation.
 #pragma once
 
 #include <stdint.h>

@@ -1,5 +1,5 @@
-// What of the unified log the macOS layer uses, declared from Apple's public documentation and the
-// compiler's own support for it (__builtin_os_log_format).
+// The part of the unified log that the macOS layer uses, declared from Apple's public documentation
+// and the compiler's built-in support (__builtin_os_log_format).
 #pragma once
 
 #include <os/object.h>
@@ -27,7 +27,7 @@ void _os_log_impl(void* dso, os_log_t log, os_log_type_t type, const char* forma
 
 __END_DECLS
 
-// The compiler checks `format`, which must be a literal, against the arguments, and lays these out
+// The compiler checks `format`, which must be a literal, against the arguments, and encodes these
 // for the log.
 #define os_log_with_type(log, type, format, ...)                                              \
     __extension__({                                                                           \

@@ -1,4 +1,4 @@
-// NSArray and NSDictionary, with what a literal makes of them.
+// NSArray and NSDictionary, with the methods that literals call.
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -18,7 +18,7 @@
     return _elements.empty() ? nil : _elements.front();
 }
 
-// Gives away the elements where they lie, all at once.
+// Returns the elements in place, in one batch.
 - (NSUInteger)countByEnumeratingWithState:(NSFastEnumerationState*)state
                                   objects:(id __unsafe_unretained[])buffer
                                     count:(NSUInteger)length {
@@ -40,7 +40,7 @@
     _elements.push_back(object);
 }
 
-// Of its own, so that later changes do not reach it.
+// Not the same object, as this one is mutable.
 - (id)copy {
     NSArray* copy = [NSArray array];
     copy->_elements = _elements;
@@ -50,7 +50,7 @@
 @end
 
 @implementation NSDictionary {
-    // In the order of its making; equal keys are not looked for, literals have none.
+    // In order of insertion; duplicate keys are not checked for.
     std::vector<std::pair<id, id>> _members;
 }
 
@@ -84,7 +84,7 @@
 
 @end
 
-// What the compiler loads for the literal @{} (from macOS 10.11 on).
+// The compiler loads this variable for the literal @{} (macOS 10.11 and later).
 @interface FakeEmptyDictionary : NSDictionary
 @end
 
@@ -95,7 +95,7 @@ extern "C" {
 id __NSDictionary0__ = nil;
 }
 
-// Before the variables of other sources, and after the classes.
+// After the registration of the classes, before other static initialisers.
 __attribute__((constructor(103))) static void makeEmptyDictionary() {
     __NSDictionary0__ = [[FakeEmptyDictionary alloc] init];
 }

@@ -13,7 +13,7 @@
 
 namespace {
 
-// A string of a property list is an NSString, everything else a plain object.
+// A string of a property list becomes an NSString, any other value a plain object.
 id objectOf(plist_t node) {
     if (plist_get_node_type(node) != PLIST_STRING) {
         return [[NSObject alloc] init];
@@ -23,7 +23,7 @@ id objectOf(plist_t node) {
     return fake::stringOf({text, length});
 }
 
-// The dictionary in a property list of any form; nil when there is none.
+// The dictionary of a property list in any format; nil when it has none.
 NSDictionary<NSString*, id>* dictionaryOf(const std::string& propertyList) {
     plist_t root = nullptr;
     plist_from_memory(propertyList.data(), static_cast<std::uint32_t>(propertyList.size()), &root);
@@ -50,7 +50,7 @@ NSDictionary<NSString*, id>* dictionaryOf(const std::string& propertyList) {
 
 NSDictionary<NSString*, id>* __strong mainInfo = nil;
 
-// A bundle without an Info.plist that can be read has an empty dictionary (-infoDictionary).
+// Without a readable Info.plist -infoDictionary is empty.
 NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
     NSDictionary<NSString*, id>* info = dictionaryOf(propertyList);
     return info != nil ? info : @{};
@@ -59,7 +59,7 @@ NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
 }  // namespace
 
 @implementation NSBundle {
-    // Of another bundle than the main one: its folder, and the one with its Info.plist.
+    // Unless it is the main bundle: its folder, and the folder of its Info.plist.
     std::string _path;
     std::string _contents;
     BOOL _isMain;
@@ -109,7 +109,7 @@ NSDictionary<NSString*, id>* infoIn(const std::string& propertyList) {
 
 @end
 
-// Knows dictionaries alone.
+// Supports dictionaries only.
 @implementation NSPropertyListSerialization
 
 + (id)propertyListWithData:(NSData*)data

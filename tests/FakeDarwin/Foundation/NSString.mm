@@ -8,9 +8,9 @@
 
 namespace {
 
-// `bytes` in another encoding, iconv(3); nothing when they are not well-formed in their own.
+// Converts `bytes` with iconv(3); nothing when they are not well-formed.
 std::optional<std::string> converted(std::string bytes, const char* from, const char* to) {
-    // Whichever way it goes, it takes at most twice the room.
+    // All conversions here need at most twice the size.
     std::string result(2 * bytes.size(), '\0');
     char* input = bytes.data();
     char* output = result.data();
@@ -25,10 +25,10 @@ std::optional<std::string> converted(std::string bytes, const char* from, const 
 
 }  // namespace
 
-// A text made at run time.
+// A string created at run time.
 @interface FakeString : NSString {
   @public
-    // In UTF-16, as it may be no text at all.
+    // UTF-16, not necessarily well-formed.
     std::string _units;
 }
 @end
@@ -36,8 +36,7 @@ std::optional<std::string> converted(std::string bytes, const char* from, const 
 @implementation FakeString
 @end
 
-// A literal. The compiler lays these out: behind the class, what kind of text it is, the text and
-// its length in characters.
+// A literal, as the compiler emits it: the class, flags, the text and its length in characters.
 @interface FakeConstantString : NSString {
   @public
     int _flags;
@@ -49,7 +48,7 @@ std::optional<std::string> converted(std::string bytes, const char* from, const 
 @implementation FakeConstantString
 @end
 
-// The class of literals, as the compiler names it.
+// The name by which the compiler refers to the class of literals.
 __asm__(R"(
 .globl __CFConstantStringClassReference
 .set __CFConstantStringClassReference, "OBJC_CLASS_$_FakeConstantString"
@@ -62,7 +61,7 @@ std::string unitsOf(NSString* text) {
     if ([text isKindOfClass:[FakeString class]]) {
         return static_cast<FakeString*>(text)->_units;
     }
-    // Which of two representations the compiler chose; the other one is ASCII.
+    // The flag of a UTF-16 literal; other literals are ASCII.
     constexpr int isUTF16 = 0x10;
     const auto* literal = static_cast<FakeConstantString*>(text);
     const auto length = static_cast<std::size_t>(literal->_length);
@@ -113,7 +112,7 @@ std::string textOf(NSString* text) {
     @autoreleasepool {
         NSData* bytes = [text dataUsingEncoding:NSUTF8StringEncoding];
         if (text != nil && bytes == nil) {
-            refuse("a text that has no UTF-8");
+            refuse("a string without a UTF-8 encoding");
         }
         return {static_cast<const char*>(bytes.bytes), bytes.length};
     }

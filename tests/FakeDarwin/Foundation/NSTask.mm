@@ -13,7 +13,7 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
     for (NSString* name in task.environment) {
         environment[fake::textOf(name)] = fake::textOf(task.environment[name]);
     }
-    // What the child has when a task names no environment.
+    // Without an environment the child inherits that of the process.
     for (char** each = environ; task.environment == nil && *each != nullptr; ++each) {
         const std::string variable = *each;
         const auto sign = variable.find('=');
@@ -22,9 +22,9 @@ std::map<std::string, std::string> environmentOf(NSTask* task) {
     return environment;
 }
 
-// Runs the program, where this machine has it, to its end. Apple's documentation of NSTask says
-// nothing of signals, so the child has them as posix_spawn(2) leaves them: ignored and blocked as
-// in the thread that launches.
+// Runs the program, if it exists, to its end. Apple's documentation of NSTask does not specify
+// signals, so the child inherits the ignored and blocked ones of the launching thread, as with
+// posix_spawn(2).
 void runChild(const fake::Launch& launch) {
     std::vector<std::string> words = launch.arguments;
     words.insert(words.begin(), launch.executable);
@@ -62,7 +62,7 @@ void runChild(const fake::Launch& launch) {
     }
     runChild(launch);
     if (self.terminationHandler != nil) {
-        // The task is over at once; its end is told on a queue of the system's.
+        // Called on a thread of the system, as by NSTask.
         fake::runElsewhere([self] { self.terminationHandler(self); });
     }
     return YES;

@@ -7,13 +7,13 @@
 
 namespace {
 
-// A listener lives as long as who made it wants.
+// A listener is owned by its creator.
 std::map<std::string, NSXPCListener * __weak>& listeners() {
     static auto& all = *new std::map<std::string, NSXPCListener * __weak>;
     return all;
 }
 
-// A connection that was resumed lives until it is invalid.
+// A resumed connection lives until it is invalidated.
 std::vector<NSXPCConnection*>& connections() {
     static auto& all = *new std::vector<NSXPCConnection*>;
     return all;
@@ -125,7 +125,7 @@ void request(NSXPCConnection* connection, void (^work)(id exported)) {
             objc::fail("a request on a connection that is not resumed");
         }
         if (![exported conformsToProtocol:connection.exportedInterface.protocol]) {
-            objc::fail("the exported object is none of the exported interface");
+            objc::fail("the exported object does not conform to the exported interface");
         }
         work(exported);
     });

@@ -1,4 +1,4 @@
-// What Foundation wraps a plain value in: NSData, NSDate, NSError and NSURL.
+// Foundation's wrappers of plain values: NSData, NSDate, NSError and NSURL.
 #include <unistd.h>
 
 #include "../Parts.hpp"
@@ -38,7 +38,7 @@
 }
 @end
 
-// Of files only.
+// For file URLs only.
 @implementation NSURL
 
 + (NSURL*)fileURLWithPath:(NSString*)path {
@@ -50,8 +50,8 @@
     return url;
 }
 
-// Of a path that is plain already. Apple's documentation: an initial "/private" goes if what is
-// left leads to something that exists.
+// For paths without ".." and symlinks. Apple's documentation: an initial "/private" is removed if
+// the rest names an existing file.
 - (NSURL*)URLByStandardizingPath {
     const std::string prefix = "/private";
     const std::string path = fake::textOf(_path);

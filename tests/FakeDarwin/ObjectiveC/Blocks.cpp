@@ -1,4 +1,4 @@
-// Blocks, after clang's "Block Implementation Specification"; without variables marked __block.
+// Blocks, as in clang's "Block Implementation Specification"; without __block variables.
 #include <cstdlib>
 #include <cstring>
 
@@ -22,7 +22,7 @@ struct Block : Object {
     const Descriptor* descriptor;
 };
 
-// In the flags: the count of references in steps of two, and marks.
+// The flags: the reference count in steps of two, and marks.
 constexpr int referencesMask = 0xfffe;
 constexpr int oneReference = 2;
 constexpr int onHeap = 1 << 24;
@@ -30,7 +30,7 @@ constexpr int hasHelpers = 1 << 25;
 // A block that captures nothing; it is never copied.
 constexpr int isGlobal = 1 << 28;
 
-// What a captured variable is, as helpers say it.
+// The kinds of captured variables that the helpers pass.
 constexpr int objectKind = 3;
 constexpr int blockKind = 7;
 

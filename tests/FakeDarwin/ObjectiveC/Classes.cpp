@@ -1,4 +1,4 @@
-// Classes and protocols, as the compiler left them in the sections of the executable.
+// Registers the classes and protocols that the compiler placed in sections of the executable.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -12,7 +12,7 @@
 namespace fake::objc {
 namespace {
 
-// The names of the sections are C identifiers, for which the linker makes these (ld(1)).
+// ld(1) defines these symbols for sections whose names are C identifiers.
 extern "C" {
 extern Class* __start_objc_classlist[] __attribute__((weak, visibility("hidden")));
 extern Class* __stop_objc_classlist[] __attribute__((weak, visibility("hidden")));
@@ -33,7 +33,7 @@ void prepare(Class* type) {
         return;
     }
     prepare(type->superclass);
-    // The compiler places a class's variables behind those of the superclass that it sees.
+    // The compiler places instance variables after those of the superclass that it sees.
     if (type->superclass != nullptr &&
         type->superclass->data->instanceSize > type->data->instanceStart) {
         fail("%s is not beside its superclass, which has variables", type->data->name);
@@ -130,7 +130,7 @@ using namespace fake::objc;
 
 extern "C" {
 
-// What the compiler puts where the runtime keeps its own.
+// Referenced by every class that the compiler emits.
 struct {
     void* words[2];
 } _objc_empty_cache;

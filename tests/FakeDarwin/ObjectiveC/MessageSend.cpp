@@ -1,10 +1,10 @@
-// objc_msgSend and its sisters: finds the method and jumps to it, with every register that may hold
-// an argument as it was (System V ABI for AMD64: six integers, eight vectors, and in %al how many
-// vectors a variadic function is given). A message to nil gives zero.
+// objc_msgSend and objc_msgSendSuper2: find the method and jump to it with all argument registers
+// preserved (System V ABI for AMD64: six integers, eight vectors, and in %al the number of vectors
+// of a variadic call). A message to nil returns zero.
 //
-// To super, what is handed over is not the receiver but a pointer to it and to the class in which
-// the caller's method is written, whose second word is its superclass. No method of ours has a
-// result that does not fit into registers.
+// A message to super passes, in place of the receiver, a pointer to the receiver and to the class
+// that defines the calling method, whose second word is its superclass. No method here returns a
+// value that does not fit into registers.
 
 __asm__(R"(
 .text

@@ -1,6 +1,6 @@
-// Objects: the root class and those of protocols and blocks; their making and end, reference
-// counts, autorelease pools, weak references, properties. The functions are those of clang's
-// "Automatic Reference Counting" document. Without ARC, which this is the ground of.
+// Objects: the root class and the classes of protocols and blocks; allocation and deallocation,
+// reference counts, autorelease pools, weak references, properties. The functions are those of
+// clang's "Automatic Reference Counting" document. Compiled without ARC, which it implements.
 #include <objc/NSObject.h>
 
 #include <cstdlib>
@@ -14,7 +14,7 @@
 namespace fake::objc {
 namespace {
 
-// In front of every object.
+// Precedes every object in memory.
 struct alignas(16) Header {
     long references = 1;
 };
@@ -25,7 +25,7 @@ bool isImmortal(const Object* object) {
     return (object->isa->data->flags & metaclassFlag) != 0 || object->isa->table->immortal;
 }
 
-// Makes or destroys the C++ members of one class of the object's.
+// Constructs or destroys the C++ members of one of the object's classes.
 void runOwn(const Class* type, Object* object, const char* name) {
     const auto found = type->table->methods.find(intern(name));
     if (found != type->table->methods.end()) {
@@ -33,7 +33,7 @@ void runOwn(const Class* type, Object* object, const char* name) {
     }
 }
 
-// From the root class on downwards.
+// From the root class downwards.
 void constructMembers(const Class* type, Object* object) {
     if (type != nullptr) {
         constructMembers(type->superclass, object);
@@ -42,7 +42,7 @@ void constructMembers(const Class* type, Object* object) {
     }
 }
 
-// What waits for its release on one thread. What no pool holds goes with the thread.
+// The autoreleased objects of one thread; drained at the latest with the thread.
 struct AutoreleasePool {
     ~AutoreleasePool() { drain(0); }
 
@@ -63,10 +63,10 @@ AutoreleasePool& pool() {
     return own;
 }
 
-// An address that the leak sanitizer does not take for a reference: it finds cycles then.
+// Hidden from LeakSanitizer, which must not take it for a strong reference.
 std::uintptr_t hidden(const void* address) { return ~reinterpret_cast<std::uintptr_t>(address); }
 
-// Which variable refers weakly to which object: (object, variable), both hidden.
+// The weak references: (object, variable), both hidden.
 std::set<std::pair<std::uintptr_t, std::uintptr_t>>& weakReferences() {
     static auto& all = *new std::set<std::pair<std::uintptr_t, std::uintptr_t>>;
     return all;
@@ -95,7 +95,7 @@ id objc_alloc(id type) { return [type alloc]; }
 
 id objc_alloc_init(id type) { return [[type alloc] init]; }
 
-// A block on the stack is not retained but copied, by objc_retainBlock() only.
+// A block on the stack cannot be retained; only objc_retainBlock() copies it.
 Object* objc_retain(Object* object) {
     if (object == nullptr) {
         return object;
@@ -140,14 +140,14 @@ Object* objc_autorelease(Object* object) {
     return object;
 }
 
-// The token is the size of the thread's pool before, and never null.
+// The token is the previous size of the thread's pool plus one, and so never null.
 void* objc_autoreleasePoolPush() { return reinterpret_cast<void*>(pool().objects.size() + 1); }
 
 void objc_autoreleasePoolPop(void* token) {
     pool().drain(reinterpret_cast<std::size_t>(token) - 1);
 }
 
-// Apple's runtime may skip the pool between these pairs; that it does is no promise.
+// Apple's runtime may bypass the pool between these pairs; that is an optimisation only.
 Object* objc_autoreleaseReturnValue(Object* object) { return objc_autorelease(object); }
 
 Object* objc_retainAutorelease(Object* object) { return objc_autorelease(objc_retain(object)); }
@@ -173,7 +173,7 @@ Object* objc_initWeak(Object** variable, Object* object) {
 
 void objc_destroyWeak(Object** variable) { objc_storeWeak(variable, nullptr); }
 
-// An object on its way out has no weak references any more.
+// Weak references are cleared before deallocation.
 Object* objc_loadWeakRetained(Object** variable) { return objc_retain(*variable); }
 
 void objc_copyWeak(Object** to, Object** from) { objc_initWeak(to, *from); }
@@ -228,7 +228,7 @@ namespace objc = fake::objc;
     std::free(&objc::headerOf(object));
 }
 
-// Nothing but what cannot change is copied here, and blocks.
+// Only immutable objects, and blocks, are copied.
 - (id)copy {
     return reinterpret_cast<id>(objc_retain(reinterpret_cast<objc::Object*>(self)));
 }
@@ -264,7 +264,7 @@ namespace objc = fake::objc;
 
 @end
 
-// The names under which the compiler knows the classes of blocks.
+// The names by which the compiler refers to the classes of blocks.
 __asm__(R"(
 .globl _NSConcreteStackBlock
 .set _NSConcreteStackBlock, "OBJC_CLASS_$_FakeBlock"

@@ -1,8 +1,8 @@
-// A small Objective-C runtime for ELF on x86_64: what clang calls and lays out when it compiles for
-// Apple's runtime (-fobjc-runtime=macosx). The layouts are those of Apple's published objc4 and of
-// clang's CGObjCMac.cpp; only what the compiler emits for our sources is here. There are no
-// categories, no forwarding, no key-value coding, no +load and +initialize, no @try. One thread at
-// a time.
+// A small Objective-C runtime for ELF on x86_64: the functions and data structures of Apple's
+// runtime
+// (-fobjc-runtime=macosx), with the layouts of Apple's published objc4 and of clang's
+// CGObjCMac.cpp, as far as clang emits them for the macOS layer. Without categories, forwarding,
+// key-value coding, +load, +initialize and @try. One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@
 
 namespace fake::objc {
 
-// Names of which there is one copy each (see intern()), so that they compare as pointers.
+// Interned names (see intern()), which compare as pointers.
 using Selector = const char*;
 using Implementation = void (*)();
 
-// ---- What the compiler lays out ----
+// ---- Data structures that the compiler emits ----
 
 struct Method {
     Selector name;
@@ -57,19 +57,19 @@ struct ClassData {
     ProtocolList* protocols;
 };
 
-// In ClassData::flags: the class of a class, which holds its "+" methods.
+// In ClassData::flags: a metaclass, which has the "+" methods.
 constexpr std::uint32_t metaclassFlag = 1;
 
-// What this runtime knows of a class besides.
+// This runtime's own data of a class.
 struct ClassTable {
     std::unordered_map<Selector, Implementation> methods;
-    // Of literals and the like: retaining and releasing them does nothing.
+    // For literals: retain and release have no effect.
     bool immortal = false;
-    // Instances that are alive, those of subclasses included.
+    // The number of live instances, including those of subclasses.
     long alive = 0;
 };
 
-// The two words after the superclass are the runtime's; the compiler fills them with
+// The two words after the superclass belong to the runtime; the compiler initialises them to
 // _objc_empty_cache and zero.
 struct Class {
     Class* isa;
@@ -83,16 +83,16 @@ struct Object {
     Class* isa;
 };
 
-// The entries of a list, which may be none.
+// The entries of a list, which may be null.
 template <typename List>
 auto entriesOf(const List* list) {
     using Entries = std::span<const std::remove_extent_t<decltype(List::entries)>>;
     return list == nullptr ? Entries() : Entries(list->entries, list->count);
 }
 
-// ---- Between the parts of the runtime ----
+// ---- Internal functions ----
 
-// The one copy of `name`.
+// The interned copy of `name`.
 Selector intern(const char* name);
 
 // nullptr when there is none.
@@ -108,13 +108,13 @@ bool conforms(const Class* type, const Protocol* protocol);
 bool isBlock(const Object* object);
 bool isHeapBlock(const Object* object);
 
-// Ends the process.
+// Prints the message and aborts.
 [[noreturn]] void fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace fake::objc
 
 extern "C" {
-// What objc_msgSend (MessageSend.cpp) jumps to.
+// The method that objc_msgSend (MessageSend.cpp) jumps to.
 void* fakeLookUp(const fake::objc::Class* type, fake::objc::Selector selector);
 
 fake::objc::Object* objc_retain(fake::objc::Object* object);

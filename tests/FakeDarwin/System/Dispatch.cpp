@@ -1,5 +1,5 @@
-// Dispatch on simulated time: one main queue, timers and signals. dispatch(3) and the pages that it
-// names say what is promised here.
+// Dispatch on simulated time: the main queue, timer and signal sources, as in dispatch(3) and the
+// pages that it refers to.
 #include <dispatch/dispatch.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -32,8 +32,8 @@ const dispatch_source_type_s _dispatch_source_type_signal{false};
 namespace fake {
 namespace {
 
-// The clock of timers, which stands still while the machine sleeps (dispatch_time(3)); in
-// nanoseconds. A test that moves World::sinceBoot by hand has let the machine sleep.
+// The clock of timers, which stops during sleep (dispatch_time(3)), in nanoseconds. A test
+// simulates sleep by moving World::sinceBoot.
 using Uptime = std::uint64_t;
 
 constexpr Uptime never = DISPATCH_TIME_FOREVER;
@@ -43,14 +43,13 @@ struct Source : dispatch_source_s {
     bool isTimer{};
     std::uintptr_t handle{};
     Timer timer;
-    // Of a timer on the wall clock: its nanoseconds since 1970, negated, by which it may be told
-    // from the others.
+    // On the wall clock: the nanoseconds since 1970, negated, as dispatch_walltime(3) encodes them.
     dispatch_time_t due = never;
     dispatch_function_t handler = nullptr;
     void* context = nullptr;
     bool isResumed = false;
     bool isCancelled = false;
-    // Of a signal: however many came since its handler last ran, it runs once for them all.
+    // Signals that arrive before the handler runs are coalesced.
     bool isPending = false;
 
     [[nodiscard]] bool isActive() const { return isResumed && !isCancelled && handler != nullptr; }
@@ -62,7 +61,7 @@ using Work = std::function<void()>;
 struct State {
     std::deque<Work> waiting;
     std::vector<SourcePointer> sources;
-    // The script.
+    // The test's script.
     std::multimap<Uptime, Work> events;
     std::optional<Uptime> end;
     Uptime uptime = 500'000'000'000;
@@ -75,13 +74,13 @@ State& state() {
 
 dispatch_queue_s mainQueue;
 
-// The marks of the main queue. Whoever sets one keeps that in a static variable, so they stay.
+// Values of dispatch_queue_set_specific(3). Never reset: the product sets them once per process.
 std::map<const void*, void*>& marks() {
     static auto& all = *new std::map<const void*, void*>;
     return all;
 }
 
-// The main queue's work runs on this thread.
+// This thread runs the main queue.
 thread_local bool isOnMainQueue = false;
 
 void enqueue(const SourcePointer& source) {
@@ -111,12 +110,12 @@ std::uint64_t wallNanoseconds() {
 std::uint64_t later(std::uint64_t now, std::int64_t delta) {
     const std::uint64_t time = now + static_cast<std::uint64_t>(delta);
     if (delta < 0 || static_cast<std::int64_t>(time) < 0) {
-        objc::fail("a time of Dispatch's that has passed, or is too far away");
+        objc::fail("a dispatch_time_t in the past, or out of range");
     }
     return time;
 }
 
-// When a timer is due on the clock of timers, if the wall clock is not set until then.
+// When a timer is due on the clock of timers, provided the wall clock is not set before.
 Uptime dueOf(const SourcePointer& source) {
     if (!source->isActive() || !source->timer.isWall) {
         return source->isActive() ? source->due : never;
@@ -125,7 +124,7 @@ Uptime dueOf(const SourcePointer& source) {
     return state().uptime + (-source->due > wall ? -source->due - wall : 0);
 }
 
-// Turns that were missed are not made up for.
+// Missed expirations are skipped.
 void fire(const SourcePointer& source) {
     const std::uint64_t interval = source->timer.interval;
     source->due = interval == never
@@ -135,8 +134,8 @@ void fire(const SourcePointer& source) {
     enqueue(source);
 }
 
-// Brings about what comes next and is due by `last`: an event of the script, and before any timer
-// of the same instant. False when there is nothing.
+// Advances time to the next event of the script or timer that is due by `last`, events first. False
+// when there is none.
 bool passTime(Uptime last) {
     const auto event = state().events.begin();
     const auto timer = std::ranges::min_element(state().sources, {}, dueOf);
@@ -154,8 +153,8 @@ bool passTime(Uptime last) {
     return true;
 }
 
-// Runs what waits, also what that enqueues; then time passes to the next thing that is due by what
-// `last` says, which the script may change.
+// Runs the pending work, also what that enqueues, then advances time to the next event, until there
+// is none by `last`, which the script may change.
 void serveUntil(const std::function<Uptime()>& last) {
     runElsewhere([&] {
         isOnMainQueue = true;
@@ -175,7 +174,7 @@ SourcePointer& sourceOf(dispatch_object_t object) {
             return each;
         }
     }
-    objc::fail("a Dispatch object is used that is none, or was released");
+    objc::fail("a Dispatch object is used that is invalid or was released");
 }
 
 }  // namespace
@@ -183,7 +182,7 @@ SourcePointer& sourceOf(dispatch_object_t object) {
 void runElsewhere(const std::function<void()>& work) {
     std::exception_ptr thrown;
     std::thread([&] {
-        // As Dispatch's threads do.
+        // As Dispatch's worker threads do.
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, nullptr);
@@ -201,8 +200,8 @@ void runElsewhere(const std::function<void()>& work) {
 }
 
 void resetDispatch() {
-    // What a process leaves behind stays where the leak sanitizer sees it: the contexts of sources
-    // that live as long as the process are never taken down.
+    // Kept reachable for LeakSanitizer: the contexts of sources that live as long as the process
+    // are never freed.
     static auto& left = *new std::vector<State>;
     state().events.clear();
     left.push_back(std::exchange(state(), State()));
@@ -250,7 +249,7 @@ using namespace fake;
 
 extern "C" {
 
-// Whether this is the process's initial thread; in a child of fork(2) that is the one that forked.
+// Whether this is the initial thread; in a child of fork(2), the thread that forked.
 int pthread_main_np() { return getpid() == gettid() ? 1 : 0; }
 
 dispatch_queue_t dispatch_get_main_queue() { return &mainQueue; }
@@ -264,20 +263,20 @@ void dispatch_queue_set_specific(dispatch_queue_t, const void* key, void* contex
     marks()[key] = context;
 }
 
-// Of the main thread before dispatch_main() nothing is promised: here it is on no queue.
+// Before dispatch_main() the main thread is on no queue here; Dispatch specifies nothing.
 void* dispatch_get_specific(const void* key) {
     const auto found = marks().find(key);
     return isOnMainQueue && found != marks().end() ? found->second : nullptr;
 }
 
 void dispatch_main() {
-    // Without an end the script is over with its last event.
+    // Without endAt() the script ends with its last event.
     serveUntil([] { return state().end.value_or(state().events.empty() ? 0 : never); });
     moveClock(state().end.value_or(0));
     throw Over{};
 }
 
-// These two are here for times to come only, which have 63 bits.
+// Only for times in the future, of 63 bits.
 dispatch_time_t dispatch_time(dispatch_time_t, std::int64_t delta) {
     return later(state().uptime, delta);
 }
@@ -315,7 +314,7 @@ void dispatch_set_context(dispatch_object_t object, void* context) {
     sourceOf(object)->context = context;
 }
 
-// Too many of these end the process, as they do in Dispatch.
+// Resuming too often aborts, as in Dispatch.
 void dispatch_resume(dispatch_object_t object) {
     if (std::exchange(sourceOf(object)->isResumed, true)) {
         objc::fail("a source is resumed that is not suspended");

@@ -1,6 +1,7 @@
-// What Darwin knows of a file that Linux does not: flags, chflags(2); access-control lists, acl(3);
-// how its volume is mounted, statfs(2); and F_FULLFSYNC, fcntl(2). What begins with __wrap_ the
-// linker puts in the place of the system's own (ld(1), --wrap).
+// Darwin's additions to files: flags, chflags(2); access-control lists, acl(3); mount flags,
+// statfs(2); F_FULLFSYNC, fcntl(2). The linker replaces system calls by the functions that begin
+// with
+// __wrap_ (ld(1), --wrap).
 #include <fcntl.h>
 #include <sys/acl.h>
 #include <sys/mount.h>
@@ -21,7 +22,7 @@ struct _acl {
 
 namespace {
 
-// As a system call fails.
+// Returns as a failed system call.
 int failure(int code) {
     errno = code;
     return -1;
@@ -71,7 +72,7 @@ int __wrap_statfs(const char* path, struct statfs* volume) {
     return result;
 }
 
-// acl_get(3): an item without a list is an error like any other.
+// acl_get(3): an item without a list gives ENOENT.
 acl_t acl_get_link_np(const char* path, acl_type_t type) {
     const fake::World& world = fake::world();
     const auto found = world.accessLists.find(path);
@@ -114,7 +115,7 @@ int __wrap_fcntl(int descriptor, int command, ...) {
         const auto& error = fake::world().fullSyncError;
         return error ? failure(*error) : __real_fsync(descriptor);
     }
-    // The third argument, where there is one, is an int or a pointer; both arrive whole this way.
+    // The third argument, if any, is an int or a pointer; va_arg of a pointer reads both.
     va_list arguments;
     va_start(arguments, command);
     void* argument = va_arg(arguments, void*);

@@ -1,5 +1,5 @@
-// Security and SystemConfiguration: code signatures, and who has the console. A file is signed when
-// a test says so of its bytes, which are read when the signature is checked, and not before.
+// Security and SystemConfiguration: code signatures, and the console user. A file is signed when
+// World::signedFiles has its contents, which are read at the check and not before.
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
 #import <SystemConfiguration/SystemConfiguration.h>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// What Security hands out: the path of the code, or the text of the requirement.
+// Security's objects are strings here: the path of the code, or the text of the requirement.
 std::string handedOut(const void* object) { return fake::textOf((__bridge NSString*)object); }
 
 }  // namespace
@@ -38,7 +38,7 @@ OSStatus SecRequirementCreateWithString(CFStringRef text, SecCSFlags,
     return errSecSuccess;
 }
 
-// Without a requirement it is enough that the code is signed by anybody.
+// Without a requirement any valid signature suffices.
 OSStatus SecStaticCodeCheckValidity(SecStaticCodeRef code, SecCSFlags flags,
                                     SecRequirementRef requirement) {
     fake::World& world = fake::world();

@@ -1,5 +1,5 @@
-// The unified log. What is not public in a message is not recorded, as in the real one: texts are
-// private unless marked, numbers are public (os_log(3)).
+// The unified log. Private arguments are redacted, as in os_log(3): strings are private unless
+// marked public, numbers are public unless marked private.
 #include <os/log.h>
 
 #include <cstdarg>
@@ -23,7 +23,7 @@
 
 namespace {
 
-// The next of `arguments`, for a placeholder like "{public}ld".
+// Formats the next of `arguments`, for a placeholder like "{public}ld".
 std::string valueFor(const std::string& options, const std::string& conversion,
                      va_list& arguments) {
     std::string value;
@@ -44,7 +44,7 @@ std::string valueFor(const std::string& options, const std::string& conversion,
 
 extern "C" {
 
-// One object for each subsystem and category, for as long as the process lives.
+// One object per subsystem and category, never freed.
 os_log_t os_log_create(const char* subsystem, const char* category) {
     static auto& all = *new std::map<std::pair<std::string, std::string>, FakeLog*>;
     FakeLog* __strong& log = all[{subsystem, category}];

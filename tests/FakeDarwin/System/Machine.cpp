@@ -1,5 +1,5 @@
-// The world of a test, and the machine as its kernel tells of it: the clocks, the boot, sysctl(3),
-// the processes, libproc.h, and the image of the program, dyld(3).
+// The world of a test, and the kernel's interfaces: clocks, sysctl(3), processes (libproc.h) and
+// the image of the program, dyld(3).
 #include <libproc.h>
 #include <mach-o/dyld.h>
 #include <mach-o/getsect.h>
@@ -62,7 +62,7 @@ std::vector<std::string> notices() { return texts(false); }
 
 using std::chrono::system_clock;
 
-// system_clock::now(), in the place of which the linker puts this (ld(1), --wrap).
+// Replaces system_clock::now() (ld(1), --wrap).
 system_clock::time_point now() __asm__("__wrap__ZNSt6chrono3_V212system_clock3nowEv");
 
 system_clock::time_point now() {
@@ -81,9 +81,9 @@ struct mach_header {};
 extern "C" {
 
 std::uint64_t clock_gettime_nsec_np(clockid_t clock) {
-    // The other clocks stand still in sleep, or can be set.
+    // The other clocks stop during sleep, or can be set.
     if (clock != CLOCK_MONOTONIC) {
-        objc::fail("clock_gettime_nsec_np() is asked for a clock that does not count sleep");
+        objc::fail("clock_gettime_nsec_np() of a clock that does not count sleep");
     }
     const std::uint64_t time = world().sinceBoot;
     world().sinceBoot += world().readingTakes;
@@ -143,7 +143,7 @@ int proc_pidpath(int pid, void* buffer, std::uint32_t size) {
     return found->pathSize.value_or(static_cast<int>(told));
 }
 
-// Of the program alone, which is the first image.
+// Only the main program, which is image 0.
 const mach_header* _dyld_get_image_header(std::uint32_t index) {
     static const mach_header program;
     return index == 0 ? &program : nullptr;

@@ -1,4 +1,4 @@
-// What of libproc the macOS layer uses.
+// The part of libproc that the macOS layer uses.
 #pragma once
 
 #include <stdint.h>

@@ -1,5 +1,5 @@
-// The smallest program that takes something from each framework. Each definition but
-// HALVO_ProbeSound puts one fault in it, or into what it is built with.
+// A minimal program that uses each framework. Each definition but HALVO_ProbeSound puts one fault
+// into it, or into its build.
 #import <Foundation/Foundation.h>
 #import <SystemConfiguration/SystemConfiguration.h>
 #include <os/log.h>

@@ -1,11 +1,11 @@
-// What of Dispatch the macOS layer uses: the main queue, timers and signals, with functions instead
-// of blocks. For C++, where its objects are plain pointers (dispatch_object(3)).
+// The part of Dispatch that the macOS layer uses: the main queue, timer and signal sources, with
+// functions instead of blocks. For C++, where its objects are plain pointers (dispatch_object(3)).
 #pragma once
 
 #include <stdint.h>
 #include <time.h>
 
-// Empty bases, as in Apple's header: so a queue and a source go where any object may.
+// Empty bases, as in Apple's header: a queue or a source converts to dispatch_object_t.
 struct dispatch_object_s {};
 
 struct dispatch_queue_s : dispatch_object_s {};

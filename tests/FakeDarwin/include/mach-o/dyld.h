@@ -1,4 +1,4 @@
-// What of dyld(3) the macOS layer uses.
+// The part of dyld(3) that the macOS layer uses.
 #pragma once
 
 #include <stdint.h>

@@ -1,5 +1,5 @@
-// The basic types of Objective-C as Apple's headers declare them for x86_64, and the root class as
-// far as the stand-ins have it.
+// The basic types of Objective-C as in Apple's headers for x86_64, and the root class as far as the
+// fakes implement it.
 #pragma once
 
 #include <stdbool.h>

@@ -1,5 +1,5 @@
-// The unified log. The compiler checks each format, which must be a literal, as it does for Apple's
-// header; it is filled in at once, where the real one leaves that to whoever reads the log.
+// The unified log. The compiler checks each format, which must be a literal, as with Apple's
+// header. Messages are formatted at once; Apple's log formats them when they are read.
 #pragma once
 
 #include <stdint.h>
@@ -8,7 +8,7 @@ typedef uint8_t os_log_type_t;
 
 enum : os_log_type_t { OS_LOG_TYPE_DEFAULT = 0x00, OS_LOG_TYPE_ERROR = 0x10 };
 
-// An object in Objective-C++ and a plain pointer in C++, to the same thing.
+// In Objective-C++ an object, in C++ a plain pointer to it.
 #ifdef __OBJC__
 #include <objc/NSObject.h>
 @protocol OS_os_log <NSObject>
@@ -26,5 +26,5 @@ void fakeOSLog(os_log_t log, os_log_type_t type, const char* format, ...)
     __attribute__((format(os_log, 3, 4)));
 }
 
-// The empty literal lets nothing but another literal stand beside it.
+// Only another literal can follow the empty literal.
 #define os_log_with_type(log, type, format, ...) fakeOSLog(log, type, "" format, ##__VA_ARGS__)

@@ -1,4 +1,4 @@
-// acl(3), the access-control lists of Darwin: what of it the macOS layer uses.
+// The part of acl(3), Darwin's access-control lists, that the macOS layer uses.
 #pragma once
 
 typedef struct _acl* acl_t;

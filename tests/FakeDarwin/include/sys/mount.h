@@ -1,4 +1,4 @@
-// statfs(2) with the flags of volumes that Darwin has.
+// statfs(2) with Darwin's mount flags.
 #pragma once
 
 #include_next <sys/mount.h>

@@ -1,4 +1,4 @@
-// How a process is, as proc_pidinfo() tells it.
+// Process states, as in proc_pidinfo().
 #pragma once
 
 #define SRUN 2

@@ -1,4 +1,4 @@
-// What proc_pidinfo() tells.
+// The result of proc_pidinfo().
 #pragma once
 
 #include <stdint.h>

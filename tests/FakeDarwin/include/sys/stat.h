@@ -4,7 +4,7 @@
 #include <stdint.h>
 #include_next <sys/stat.h>
 
-// A spare word of Linux's own struct, which lstat() here fills in (see System/FileFlags.cpp).
+// A spare member of glibc's struct, which the fake lstat(2) sets (System/Files.cpp).
 #define st_flags __glibc_reserved[0]
 
 #define UF_IMMUTABLE 0x00000002

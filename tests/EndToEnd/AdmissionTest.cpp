@@ -1,5 +1,5 @@
-// Attacks on the admission of callers that need file systems or namespaces of one's own, or the app
-// itself. The rules one by one are tested by CallerRulesTest.
+// Attacks on the admission of callers, with user-mounted file systems, namespaces or the app
+// itself. CallerRulesTest covers the rules one by one.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,14 +32,14 @@ std::string withoutGroup(const std::string& path) {
     return "it does not run with the private group of " + path;
 }
 
-class StrangerTest : public ::testing::Test {
+class AdmissionTest : public ::testing::Test {
   protected:
-    // The app is let in before and after, by the same helper.
+    // The same helper admits the app before and after.
     void SetUp() override { ASSERT_EQ(world.ask({"status"}).status, Reply::no); }
 
     void TearDown() override { EXPECT_EQ(world.ask({"status"}).status, Reply::no); }
 
-    // Asks with `words`, which the helper must refuse because of `rule`.
+    // Runs `words`, which the helper must refuse by `rule`.
     void expectRefusal(const std::vector<std::string>& words, const std::string& rule,
                        const std::vector<std::string>& environment = {}) {
         const ChildResult answer = world.run(words, environment);
@@ -47,7 +47,7 @@ class StrangerTest : public ::testing::Test {
         expectRule(rule);
     }
 
-    // As often as it is expected.
+    // The log has a refusal by `rule` for each one expected so far.
     void expectRule(const std::string& rule) {
         const int times = ++expected[rule];
         EXPECT_TRUE(eventually(
@@ -56,7 +56,7 @@ class StrangerTest : public ::testing::Test {
             << helper.process().output();
     }
 
-    [[nodiscard]] std::string copyOfThePersonsOwn() const {
+    [[nodiscard]] std::string copyOwnedByTheUser() const {
         const std::string path = world.home + "/TestCaller";
         copyFile(HALVO_TEST_CALLER, path, world.user, 0755, world.user);
         return path;
@@ -67,17 +67,17 @@ class StrangerTest : public ::testing::Test {
     std::map<std::string, int> expected;
 };
 
-class NamespaceTest : public StrangerTest {
+class NamespaceTest : public AdmissionTest {
   protected:
     void SetUp() override {
-        StrangerTest::SetUp();
+        AdmissionTest::SetUp();
         if (world.run({"/usr/bin/unshare", "--user", "true"}).status != 0) {
-            GTEST_SKIP() << "needs user namespaces for everybody";
+            GTEST_SKIP() << "needs unprivileged user namespaces";
         }
     }
 };
 
-TEST_F(NamespaceTest, OfUsersTakesTheGroupFromTheApp) {
+TEST_F(NamespaceTest, AUserNamespaceLosesThePrivateGroup) {
     for (const char* map : {"--map-root-user", "--map-current-user"}) {
         expectRefusal({"/usr/bin/unshare", "--user", map, Place::caller, "status"},
                       withoutGroup(Place::caller));
@@ -86,8 +86,8 @@ TEST_F(NamespaceTest, OfUsersTakesTheGroupFromTheApp) {
               Reply::refused);
 }
 
-TEST_F(NamespaceTest, OfMountsForgesNeitherTheAppNorItsInfoPlist) {
-    const std::string mine = copyOfThePersonsOwn();
+TEST_F(NamespaceTest, ABindMountForgesNeitherTheAppNorItsInfoPlist) {
+    const std::string mine = copyOwnedByTheUser();
     const std::string plist = world.home + "/Info.plist";
     put(plist, readTestFile(Place::infoPlist));
     const auto expectRefusalWith = [this](const std::string& forgery, const std::string& place) {
@@ -102,7 +102,7 @@ TEST_F(NamespaceTest, OfMountsForgesNeitherTheAppNorItsInfoPlist) {
     copyFile(HALVO_APP_BUNDLE "/Contents/Info.plist", Place::infoPlist, 0, 0644);
 }
 
-// ---------------------------------------------------------------- file systems of one's own
+// ---------------------------------------------------------------- file systems of a user's making
 
 const std::string disk = "/run/media/disk";
 const std::string callerOnDisk = disk + "/Halvo.app" + inBundle;
@@ -110,29 +110,32 @@ const std::string callerOnDisk = disk + "/Halvo.app" + inBundle;
 const std::string loop = "mount -o loop,ro,nodev,";
 const std::string fuse = "fuse2fs -o ro,allow_other,nodev,";
 
-// A file system in which everything says that it is the installed app: a person can write any owner
-// and any bit into an image, and have it mounted without a password, with nosuid.
-class OwnFileSystemTest : public StrangerTest {
+// A file system with a copy of the installed app: a user can write any owner and mode into an
+// image, and have it mounted without a password, with nosuid.
+class UserFileSystemTest : public AdmissionTest {
   protected:
     void SetUp() override {
-        StrangerTest::SetUp();
+        AdmissionTest::SetUp();
         if (!exists("/dev/loop-control")) {
             GTEST_SKIP() << "needs loop devices";
         }
     }
 
-    static bool hasFuse() { return exists("/dev/fuse") && exists("/usr/bin/fuse2fs"); }
+    static void skipWithoutFUSE() {
+        if (!exists("/dev/fuse") || !exists("/usr/bin/fuse2fs")) {
+            GTEST_SKIP() << "needs /dev/fuse and the package fuse2fs";
+        }
+    }
 
     void TearDown() override {
-        // Not before nobody runs from it any more.
+        // Busy until the last process that runs from it has exited.
         EXPECT_TRUE(IsSkipped() || eventually(Seconds{5}, [] {
                         return std::system(("umount " + disk + " 2>/dev/null").c_str()) == 0;
                     }));
-        StrangerTest::TearDown();
+        AdmissionTest::TearDown();
     }
 
-    // An image in which the caller is set-group-id to `group`; `mount` is the beginning of a
-    // command.
+    // Makes an image in which the caller is set-group-id to `group`, and mounts it with `mount`.
     void mountImage(gid_t group, const std::string& mount) {
         const std::string tree = "/tmp/tree";
         const std::string image = "/tmp/image";
@@ -144,7 +147,7 @@ class OwnFileSystemTest : public StrangerTest {
         fs::create_directories(disk);
         must("mke2fs -q -t ext4 -d " + tree + " " + image + " 200M >/dev/null");
         must(mount + " " + image + " " + disk);
-        ASSERT_EQ(modeOf(callerOnDisk), setGroupID) << "the image is not what it should be";
+        ASSERT_EQ(modeOf(callerOnDisk), setGroupID) << "the image does not have the wanted mode";
     }
 
     static void must(const std::string& command) {
@@ -157,115 +160,120 @@ class OwnFileSystemTest : public StrangerTest {
         "its group";
 };
 
-class OwnFileSystemKindTest : public OwnFileSystemTest,
-                              public ::testing::WithParamInterface<std::string> {
+class UserFileSystemKindTest : public UserFileSystemTest,
+                               public ::testing::WithParamInterface<std::string> {
   protected:
     void SetUp() override {
-        OwnFileSystemTest::SetUp();
-        if (GetParam() == fuse && !hasFuse()) {
-            GTEST_SKIP() << "needs /dev/fuse and the package fuse2fs";
+        UserFileSystemTest::SetUp();
+        if (GetParam() == fuse) {
+            skipWithoutFUSE();
         }
     }
 };
 
-TEST_P(OwnFileSystemKindTest, IsNoWayIn) {
+TEST_P(UserFileSystemKindTest, IsRefused) {
     mountImage(world.user, GetParam() + "nosuid");
     expectRefusal(ask, withoutSetGroupID);
 }
 
-// Each rule by itself would have been enough.
-TEST_P(OwnFileSystemKindTest, IsNoWayInWithAGroupOfThePersonsOwnThoughTheKernelHonoursItsBits) {
+// The rule about groups refuses it by itself, too.
+TEST_P(UserFileSystemKindTest, IsRefusedForTheUsersOwnGroupEvenWithoutNosuid) {
     mountImage(world.user, GetParam() + "suid");
     expectRefusal(ask, "the group " + world.userName + " is the own group of " + world.userName);
 }
 
-// And so what is refused above is all that is wrong with the image.
-TEST_P(OwnFileSystemKindTest, IsTheAppWhereRootMountedItAndTheGroupIsNobodys) {
+// Shows that nothing else is wrong with the image.
+TEST_P(UserFileSystemKindTest, IsAdmittedWithoutNosuidWithThePrivateGroup) {
     mountImage(world.appGroup, GetParam() + "suid");
     const ChildResult answer = world.run(ask);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, OwnFileSystemKindTest, ::testing::Values(loop, fuse),
+INSTANTIATE_TEST_SUITE_P(Kinds, UserFileSystemKindTest, ::testing::Values(loop, fuse),
                          [](const auto& test) { return test.param == loop ? "Loop" : "FUSE"; });
 
-// Nor does one whose server answers nobody hold up the helper, and with it everybody.
-TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStalls) {
-    if (!hasFuse()) {
-        GTEST_SKIP() << "needs /dev/fuse and the package fuse2fs";
+// A FUSE server that stops answering must not block the helper.
+class StalledFileSystemTest : public UserFileSystemTest {
+  protected:
+    void SetUp() override {
+        UserFileSystemTest::SetUp();
+        skipWithoutFUSE();
+        if (IsSkipped()) {
+            return;
+        }
+        mountImage(world.user, fuse + "nosuid");
+        const auto servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
+        ASSERT_EQ(servers.size(), 1);
+        server = servers.front();
     }
-    mountImage(world.user, fuse + "nosuid");
-    const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
-    ASSERT_EQ(servers.size(), 1);
+
+    pid_t server = -1;
+};
+
+TEST_F(StalledFileSystemTest, OfTheCallerDoesNotBlockTheHelper) {
     helper.process().stop();
     TestProcess caller({.words = {callerOnDisk, "connect", Place::socket}, .person = world.user});
     EXPECT_EQ(caller.readLine(), "connected");
-    ::kill(servers[0], SIGSTOP);
-    // For a second the kernel answers in its place; fuse(8), attr_timeout.
+    ::kill(server, SIGSTOP);
+    // For a second the kernel answers from its cache; fuse(8), attr_timeout.
     sleepFor(Seconds{1.5});
     helper.process().goOn();
     const ChildResult answer = world.ask({"status"});
-    ::kill(servers[0], SIGCONT);
+    ::kill(server, SIGCONT);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
     expectRule(withoutSetGroupID);
     caller.kill();
 }
 
-// Nor with a program that has, in a mount namespace of its own, the path of the app that the helper
-// looks for.
-TEST_F(OwnFileSystemTest, HoldsUpNobodyWhenItStallsAtThePathOfTheApp) {
-    if (!hasFuse()) {
-        GTEST_SKIP() << "needs /dev/fuse and the package fuse2fs";
-    }
-    mountImage(world.user, fuse + "nosuid");
-    const std::vector<pid_t> servers = processesRunning(fs::canonical("/usr/bin/fuse2fs"));
-    ASSERT_EQ(servers.size(), 1);
-    TestProcess stranger(
+// A process that runs from it, in a mount namespace where its path is that of the app.
+TEST_F(StalledFileSystemTest, AtThePathOfTheAppDoesNotBlockTheHelper) {
+    TestProcess imposter(
         {.words = {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
                    "mount --bind " + disk + "/sleep " + Place::appExecutable + " && exec " +
                        Place::appExecutable + " 60"},
          .person = world.user});
     ASSERT_TRUE(eventually(Seconds{5}, [] {
         return processesRunning(Place::appExecutable).size() == 1;
-    })) << stranger.output();
+    })) << imposter.output();
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    ::kill(servers[0], SIGSTOP);
+    ::kill(server, SIGSTOP);
     const bool isOpened =
         helper.says("Halvo isn't running during Ultra Hard mode; opening it", Seconds{12});
-    ::kill(servers[0], SIGCONT);
+    ::kill(server, SIGCONT);
     EXPECT_TRUE(isOpened) << helper.process().output();
-    EXPECT_TRUE(stranger.isRunning()) << stranger.output();
+    EXPECT_TRUE(imposter.isRunning()) << imposter.output();
     EXPECT_EQ(world.end(), Reply::yes);
-    stranger.kill();
+    imposter.kill();
 }
 
-// What somebody might do to the app itself.
-using IntruderTest = StrangerTest;
+// Attacks on a process of the app.
+using TamperingTest = AdmissionTest;
 
-TEST_F(IntruderTest, CannotSlipALibraryIntoTheApp) {
+TEST_F(TamperingTest, TheAppIgnoresLDPreload) {
     const std::string mark = "/tmp/mark";
-    const std::vector<std::string> intrusion{"LD_PRELOAD=/tmp/intruder.so",
+    const std::vector<std::string> injection{"LD_PRELOAD=/tmp/injected.so",
                                              "HALVO_INJECTION_MARK=" + mark};
-    fs::copy_file(HALVO_INTRUDER, "/tmp/intruder.so", fs::copy_options::overwrite_existing);
+    fs::copy_file(HALVO_INJECTED_LIBRARY, "/tmp/injected.so", fs::copy_options::overwrite_existing);
     fs::remove(mark);
-    const std::string mine = copyOfThePersonsOwn();
-    ASSERT_EQ(world.run({mine, "--help"}, intrusion).status, 0);
-    ASSERT_THAT(readTestFile(mark), HasSubstr(mine)) << "the intruder does not even work";
+    const std::string mine = copyOwnedByTheUser();
+    ASSERT_EQ(world.run({mine, "--help"}, injection).status, 0);
+    ASSERT_THAT(readTestFile(mark), HasSubstr(mine))
+        << "the library is not even loaded into an ordinary program";
 
     fs::remove(mark);
-    const ChildResult answer = world.run({Place::caller, "status"}, intrusion);
+    const ChildResult answer = world.run({Place::caller, "status"}, injection);
     EXPECT_EQ(answer.status, Reply::no) << answer.output;
     EXPECT_FALSE(exists(mark)) << readTestFile(mark);
 }
 
-// Tries to trace a child that runs `words`, as `person`; gives 0 or the errno.
+// ptrace(2) of a child that runs `words`, as `person`; 0 or errno.
 int trace(const std::vector<std::string>& words, uid_t person) {
     TestProcess tracer({.person = person, .body = [words] {
                             const pid_t child = fork();
                             if (child == 0) {
                                 execute(words[0], {words.begin() + 1, words.end()});
                             }
-                            // The app is what it is from its exec on.
+                            // Protected from execve(2) on.
                             eventually([&] { return processWords(child).at(0) == words[0]; });
                             const int code =
                                 ptrace(PTRACE_SEIZE, child, nullptr, nullptr) == 0 ? 0 : errno;
@@ -276,12 +284,13 @@ int trace(const std::vector<std::string>& words, uid_t person) {
     return tracer.wait();
 }
 
-TEST_F(IntruderTest, CannotTraceTheApp) {
-    ASSERT_EQ(trace({"/bin/sleep", "60"}, world.user), 0) << "nothing may be traced here";
+TEST_F(TamperingTest, TheAppCannotBeTraced) {
+    ASSERT_EQ(trace({"/bin/sleep", "60"}, world.user), 0)
+        << "ptrace(2) is not permitted at all here";
     EXPECT_EQ(trace({Place::caller, "wait"}, world.user), EPERM);
 }
 
-TEST_F(IntruderTest, CannotLookIntoTheApp) {
+TEST_F(TamperingTest, TheAppsMemoryAndFilesCannotBeRead) {
     TestProcess app = world.startCaller({"wait"});
     ASSERT_EQ(app.readLine(), "waiting");
     const std::string folder = "/proc/" + std::to_string(app.pid());
@@ -292,7 +301,7 @@ TEST_F(IntruderTest, CannotLookIntoTheApp) {
     }
 }
 
-TEST_F(IntruderTest, TakesTheGroupFromTheAppThatItTracesFromTheStart) {
+TEST_F(TamperingTest, TheAppStartedUnderATracerHasNoPrivateGroup) {
     TestProcess tracer(
         {.person = world.user, .body = [] {
              const pid_t child = fork();
