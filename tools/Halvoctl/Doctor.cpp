@@ -77,7 +77,7 @@ Check checkSession(const Machine& machine, const Observation& seen, std::uint32_
     const std::string user = userText(machine, uid) + " is at the console";
     const bool isOpen = std::ranges::any_of(
         seen.apps, [&](const AppFlag& app) { return machine.session.isAppRunning(app.path, uid); });
-    const bool isBound = seen.isLive() && seen.commitment->uid == uid;
+    const bool isBound = seen.commitment && seen.commitment->uid == uid && seen.isLive();
     return firstOf("session",
                    {{isBound && !isOpen, user + " and bound, but the app does not run for them",
                      "A helper that runs opens it within 15 seconds. If it does not come up, look "

@@ -45,6 +45,7 @@ std::string leftAlone(Machine& machine, const std::string& path) {
 // Unlocks the bundle that the record owes, and the orphans; other bundles stay as they are. Returns
 // a description of each, with "; " in front.
 Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
+    const std::string stays = seen.isStored() ? ", so the commitment stays stored" : "";
     std::string done;
     std::vector<std::string> locked = seen.orphans;
     if (seen.owed && AppLocation::mayLock(*seen.owed)) {
@@ -58,8 +59,7 @@ Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
     for (const std::string& path : locked) {
         if (!machine.flags.setLocked(false, path)) {
             return std::unexpected(
-                "The lock of " + printable(path) + " cannot be taken off" +
-                (seen.isStored() ? ", so the commitment stays stored" : "") +
+                "The lock of " + printable(path) + " cannot be taken off" + stays +
                 ". The helper's log says why. Is its file system mounted read-only, or does this "
                 "container lack CAP_LINUX_IMMUTABLE? Mend that and try again.");
         }
