@@ -15,7 +15,8 @@
 namespace halvo::tools {
 
 std::optional<Outcome> parse(CLI::App& parser, const std::vector<std::string>& words) {
-    // The last one first. For an empty value after "=" CLI11 would take the next word.
+    // In reverse order, as CLI11 takes them. After "--name=" it would take the next word as the
+    // value.
     std::vector<std::string> stack;
     for (const std::string& word : std::views::reverse(words)) {
         const bool hasEmptyValue = word.starts_with("--") && word.ends_with('=');
@@ -44,9 +45,9 @@ std::optional<Outcome> parse(CLI::App& parser, const std::vector<std::string>& w
 int runProgram(const std::string& name, int count, char** arguments,
                const std::function<Outcome(const std::vector<std::string>&)>& run) {
     try {
-        // A reader that goes away shows as a write that fails.
+        // A closed pipe becomes a failed write.
         std::signal(SIGPIPE, SIG_IGN);
-        // Only so does a failed read of standard input show.
+        // Otherwise a failed read of standard input would look like its end.
         std::ios::sync_with_stdio(false);
         const Outcome outcome = run({arguments + (count > 0 ? 1 : 0), arguments + count});
         std::cout << outcome.output << std::flush;

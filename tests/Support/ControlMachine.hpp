@@ -114,6 +114,7 @@ struct FakeMachine {
     FakeMachine() {
         writeInfo(app, "com.example.app", "7QX4KD19MT");
         world.flags.add(app);
+        service.releaseLock = disk / "release.lock";
     }
 
     static void writeInfo(const std::string& bundle, const std::string& identifier,
@@ -144,7 +145,6 @@ struct FakeMachine {
     Machine machine{.identity = {"com.example.app", "7QX4KD19MT"},
                     .helper = disk / "libexec/HalvoHelper",
                     .stateFile = disk / "state/commitment.json",
-                    .releaseLock = disk / "release.lock",
                     .applications = applications,
                     .isRoot = true,
                     .clock = world.clock,

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tests/Support/ControlMachine.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 
@@ -34,7 +34,6 @@ class DoctorTest : public ::testing::Test {
         return found == checks.end() ? Check{} : *found;
     }
 
-    // Of this name it finds that all is well, or that it is not.
     void expectOk(const std::string& name, const std::string& finding) {
         EXPECT_EQ(examined(name), isOk(name, finding));
     }
@@ -47,7 +46,7 @@ class DoctorTest : public ::testing::Test {
     FakeMachine fake;
 };
 
-TEST_F(DoctorTest, LooksAtTheBundlesThatItFindsOrThatAreNamed) {
+TEST_F(DoctorTest, ChecksInstalledAndNamedBundles) {
     const std::string served = "com.example.app of team 7QX4KD19MT";
     expectOk("app's place", fake.app);
     expectOk("app's identity", served);
@@ -80,7 +79,7 @@ TEST_F(DoctorTest, LooksAtTheBundlesThatItFindsOrThatAreNamed) {
                   "PATH");
 }
 
-TEST_F(DoctorTest, JudgesTheHelperAndTheLock) {
+TEST_F(DoctorTest, ChecksTheHelperAndTheLock) {
     expectOk("helper", "does not run; it starts when the app calls");
     for (const StoredCommitment& stored :
          {StoredCommitment(UnreadableCommitment{}), StoredCommitment(fake.hold())}) {
@@ -107,10 +106,9 @@ TEST_F(DoctorTest, JudgesTheHelperAndTheLock) {
     }
 }
 
-TEST_F(DoctorTest, JudgesTheSession) {
-    EXPECT_EQ(
-        examined("session"),
-        isNotApplicable("session", "nobody is at the console, so the app is opened for nobody"));
+TEST_F(DoctorTest, ChecksTheSession) {
+    EXPECT_EQ(examined("session"),
+              isNotApplicable("session", "no user is at the console, so the app is not opened"));
     fake.world.session.console = FakeMachine::ann;
     const std::string ann = "ann (uid 1000) is at the console";
     const std::string free = ann + "; the app does not run for them";
@@ -130,25 +128,23 @@ TEST_F(DoctorTest, JudgesTheSession) {
     expectOk("session", free);
 }
 
-TEST_F(DoctorTest, JudgesTheFilesOfTheHelperAndItsState) {
-    // Nothing in a folder for temporary files is root's alone.
-    EXPECT_EQ(examined("helper files").advice,
-              helperFiles("").risk +
-                  " Install it again, in folders of root that nobody else can "
-                  "write.");
-    EXPECT_EQ(checkHelperFiles({{"/usr/bin/env"}, "/"}),
+TEST_F(DoctorTest, ChecksTheFilesOfTheHelperAndItsState) {
+    // A folder for temporary files is writable for all users, or another user's.
+    EXPECT_EQ(checkHelperFiles({"/usr/bin/env", fake.machine.helper}, "/", "They can.").advice,
+              "They can. Install it again, in folders that only root can write to.");
+    EXPECT_EQ(checkHelperFiles({"/usr/bin/env"}, "/", "They can."),
               isOk("helper files", "root's alone, in /usr/bin"));
 
     const std::string none = "/root-none-here";
     EXPECT_EQ(checkState(none + "/commitment.json", StateFile::none),
               isOk("state", "nothing is stored, in " + none));
     EXPECT_EQ(checkState(fake.disk / "commitment.json", StateFile::whole).advice,
-              "Whoever can change what is stored decides what holds. Give it to root, and take the "
-              "right to write from all others.");
+              "A user who can change it can end a commitment. Give it to root, and take the right "
+              "to write from all others.");
     EXPECT_EQ(checkState("/usr/commitment.json", StateFile::whole),
               isProblem("state", "others than root can look into /usr", "chmod 700 /usr"));
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, for a folder that is root's alone";
+        GTEST_SKIP() << "needs root, to make a folder that only root can change";
     }
     const std::string closed = "/run/halvo-doctor-test-" + std::to_string(getpid());
     fs::create_directories(closed);
@@ -169,22 +165,23 @@ TEST_F(DoctorTest, JudgesTheFilesOfTheHelperAndItsState) {
     fs::remove(closed);
 }
 
-TEST_F(DoctorTest, TellsWhatItSaw) {
+TEST_F(DoctorTest, ReportsAsTextAndJSON) {
     const Checks checks{Check{"first", Verdict::ok, "fine", "Go on."},
                         isProblem("second", "broken", "Mend it."),
                         isNotApplicable("third", "not here")};
-    EXPECT_EQ(problemsOf(checks), 1U);
-    EXPECT_EQ(doctorText(checks),
-              "ok              first   fine\n"
-              "problem         second  broken\n"
-              "                        -> Mend it.\n"
-              "not applicable  third   not here\n"
-              "1 problem.\n");
-    EXPECT_EQ(
-        doctorText({needsRoot("a")}),
-        "needs root  a  only root can look at it\nNo problem.\nSome things only root can look "
-        "at. Type: sudo halvoctl doctor\n");
-    EXPECT_EQ(Json::parse(doctorJSON({checks[0], checks[1], needsRoot("fourth")})),
+    EXPECT_EQ(report(checks, false), (Outcome{ExitStatus::problem,
+                                              "ok              first   fine\n"
+                                              "problem         second  broken\n"
+                                              "                        -> Mend it.\n"
+                                              "not applicable  third   not here\n"
+                                              "1 problem.\n",
+                                              ""}));
+    EXPECT_EQ(report({needsRoot("a")}, false),
+              (Outcome{ExitStatus::fine,
+                       "needs root  a  only root can look at it\nNo problem.\n"
+                       "Some things only root can look at. Type: sudo halvoctl doctor\n",
+                       ""}));
+    EXPECT_EQ(Json::parse(report({checks[0], checks[1], needsRoot("fourth")}, true).output),
               Json::parse(R"({"problems": 1, "checks": [
                   {"name": "first", "verdict": "ok", "finding": "fine", "advice": null},
                   {"name": "second", "verdict": "problem", "finding": "broken",

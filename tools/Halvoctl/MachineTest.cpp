@@ -10,14 +10,14 @@ namespace {
 
 const auto never = [] { return false; };
 
-TEST(WaiterTest, WaitsNoLongerThanItMayAndSaysOnceAfterASecondWhatFor) {
+TEST(WaiterTest, KeepsItsLimitAndPrintsOnceAfterASecond) {
     FakeWaiter waiter;
     int looks = 0;
     EXPECT_TRUE(waiter.wait([&] { return ++looks == 3; }, Seconds{1}, "Waiting."));
     EXPECT_NEAR(waiter.time.count(), 1000.02, 0.001);
     EXPECT_FALSE(waiter.wait(never, Seconds{0.1}, "Waiting."));
     EXPECT_NEAR(waiter.time.count(), 1000.12, 0.02);
-    EXPECT_TRUE(waiter.wait([] { return true; }, Seconds{0})) << "looks at least once";
+    EXPECT_TRUE(waiter.wait([] { return true; }, Seconds{0})) << "calls it at least once";
     EXPECT_FALSE(waiter.wait(never, Seconds{5}));
     EXPECT_TRUE(waiter.said.empty());
     const Seconds start = waiter.time;
@@ -39,7 +39,7 @@ TEST(WaiterTest, WaitsInRealTime) {
     EXPECT_LT(waiter.now() - start, Seconds{5});
 }
 
-TEST(EndAllTest, AsksEachHelperOnceAlsoThoseThatComeMeanwhile) {
+TEST(EndAllTest, SignalsEachProcessOnceIncludingNewOnes) {
     FakeProcesses processes;
     FakeWaiter waiter;
     EXPECT_TRUE(endAll(processes, waiter));
@@ -63,10 +63,10 @@ TEST(EndAllTest, AsksEachHelperOnceAlsoThoseThatComeMeanwhile) {
     EXPECT_NEAR(waiter.time.count(), 1010, 0.1);
 }
 
-TEST(TextTest, NamesProcessesAndMakesOneWordForAShell) {
-    EXPECT_EQ(named({12}), "pid 12");
-    EXPECT_EQ(named({12, 13}), "pids 12 and 13");
-    EXPECT_EQ(named({12, 13, 14}), "pids 12, 13 and 14");
+TEST(TextTest, FormatsProcessesAndShellWords) {
+    EXPECT_EQ(pidText({12}), "pid 12");
+    EXPECT_EQ(pidText({12, 13}), "pids 12 and 13");
+    EXPECT_EQ(pidText({12, 13, 14}), "pids 12, 13 and 14");
     for (const auto& [text, word] : std::vector<std::pair<std::string, std::string>>{
              {"/Applications/Halvo.app", "/Applications/Halvo.app"},
              {"/Library/Application Support", "'/Library/Application Support'"},

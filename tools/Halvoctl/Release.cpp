@@ -1,36 +1,40 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Log.hpp"
 #include "tools/HalvoRecords/TerminalText.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {
 
 using records::printable;
+using std::filesystem::file_type;
 
-// What was done, in words, or what failed and what to do.
+// What was done, in words; or what failed and what to do.
 using Result = std::expected<std::string, std::string>;
 
-// Takes the lock off the bundle at `path`, and returns what `done` says of it. `isStored`: a
-// failure keeps a record.
-Result unlock(Machine& machine, const std::string& path, const std::string& done, bool isStored) {
-    if (machine.flags.setLocked(false, path)) {
-        return printable(path) + done;
-    }
-    return std::unexpected(
-        "The lock of " + printable(path) + " cannot be taken off" +
-        (isStored ? ", so the commitment stays stored" : "") +
-        ". The helper's log says why. Is its file system mounted read-only, or does this container "
-        "lack CAP_LINUX_IMMUTABLE? Mend that and try again.");
+// Why the lock is kept that the record owes to the missing bundle at `path`: another file system
+// may be mounted over it, or its own may not be mounted.
+std::string outOfReach(const std::string& path) {
+    const std::string shown = printable(path);
+    return (statusOf(path).type() == file_type::none
+                ? shown +
+                      " cannot be looked at, so the commitment stays stored. Mend its disk and try "
+                      "again."
+                : "The bundle that the helper locked is not at " + shown +
+                      ", so its lock cannot be taken off, and the commitment stays stored. If it "
+                      "lies on a disk that is not mounted, or below another mount, make it "
+                      "reachable and run halvoctl release again.") +
+           " If the bundle is gone for good: halvoctl release --bundle-gone";
 }
 
-// Of a bundle whose lock the record does not owe, and that is not the app's own.
+// Describes a bundle that was not to be unlocked.
 std::string leftAlone(Machine& machine, const std::string& path) {
     return printable(path) + (machine.flags.state(path) == LockState::locked
                                   ? " keeps a lock that the helper did not set (to take it off: " +
@@ -38,74 +42,60 @@ std::string leftAlone(Machine& machine, const std::string& path) {
                                   : " was not locked");
 }
 
-// Takes the lock off the bundle at `path` that a record says it owes. A lock outlives that its
-// bundle is out of reach: another file system may lie over it, or its own not be mounted.
-Result settle(Machine& machine, const std::string& path, bool isGone) {
-    if (AppLocation::mayLock(path)) {
-        return unlock(machine, path, " is unlocked", true);
-    }
-    const std::string shown = printable(path);
-    if (isGone) {
-        return "the lock of " + shown + " is forgotten with the bundle, which is not there";
-    }
-    return std::unexpected(
-        (presence(path) == Presence::unknown
-             ? shown +
-                   " cannot be looked at, so the commitment stays stored. Mend its disk and try "
-                   "again."
-             : "The bundle that the helper locked is not at " + shown +
-                   ", so its lock cannot be taken off, and the commitment stays stored. If it lies "
-                   "on a disk that is not mounted, or below another mount, make it reachable and "
-                   "run halvoctl release again.") +
-        " If the bundle is gone for good: halvoctl release --bundle-gone");
-}
-
-// Takes off the lock that the record owes, and those of the app's own bundles that it does not owe;
-// a lock that another bundle has stays. What to say of them, each after a "; ".
+// Unlocks the bundle that the record owes, and the orphans; other bundles stay as they are. Returns
+// a description of each, with "; " in front.
 Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
-    std::string said;
-    if (const auto owed = seen.owed()) {
-        const Result flag = settle(machine, *owed, isGone);
-        if (!flag) {
-            return flag;
-        }
-        said = "; " + *flag;
+    const std::string stays = seen.isStored() ? ", so the commitment stays stored" : "";
+    std::string done;
+    std::vector<std::string> locked = seen.orphans;
+    if (seen.owed && AppLocation::mayLock(*seen.owed)) {
+        locked.insert(locked.begin(), *seen.owed);
+    } else if (seen.owed && isGone) {
+        done = "; the lock of " + printable(*seen.owed) +
+               " is forgotten with the bundle, which is not there";
+    } else if (seen.owed) {
+        return std::unexpected(outOfReach(*seen.owed));
     }
-    for (const std::string& path : seen.orphans) {
-        const Result flag =
-            unlock(machine, path, " carried a lock that no record owed, and is unlocked",
-                   !std::holds_alternative<NoCommitment>(seen.stored));
-        if (!flag) {
-            return flag;
+    for (const std::string& path : locked) {
+        if (!machine.flags.setLocked(false, path)) {
+            return std::unexpected(
+                "The lock of " + printable(path) + " cannot be taken off" + stays +
+                ". The helper's log says why. Is its file system mounted read-only, or does this "
+                "container lack CAP_LINUX_IMMUTABLE? Mend that and try again.");
         }
-        said += "; " + *flag;
-        HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
+        done += "; " + printable(path);
+        if (path == seen.owed) {
+            done += " is unlocked";
+        } else {
+            done += " carried a lock that no record owed, and is unlocked";
+            HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
+        }
     }
     for (const std::string& path : seen.installed) {
         if (machine.flags.state(path) == LockState::locked) {
-            said += "; " + leftAlone(machine, path);
+            done += "; " + leftAlone(machine, path);
         }
     }
-    if (said.empty() && seen.file != StateFile::none) {
-        const auto app = seen.named();
-        said = "; " + (app ? leftAlone(machine, *app) : "no lock is known that it owed");
+    if (done.empty() && seen.file != StateFile::none) {
+        const auto& app = seen.record.appPath;
+        done = "; " + (app ? leftAlone(machine, *app) : "no lock is known that it owed");
     }
-    return said;
+    return done;
 }
 
-// What it means that the record is forgotten.
-std::string meaning(const Machine& machine, const Observation& seen) {
-    const HelperCommitment* commitment = seen.commitment();
-    if (commitment == nullptr) {
+// Describes the state file that was removed.
+std::string removedFile(const Machine& machine, const Observation& seen) {
+    if (!seen.commitment) {
         return seen.file == StateFile::damaged ? "Removed a damaged state file"
                                                : "Removed a state file that could not be read";
     }
-    return "Let go of the commitment of " + person(machine, commitment->uid) + " that " +
-           (seen.live() != nullptr ? "held until " : "had run out at ") +
-           records::zonedDate(commitment->ends(seen.now), machine.calendar);
+    return "Let go of the commitment of " + userText(machine, seen.commitment->uid) + " that " +
+           (seen.isLive() ? "held until " : "had run out at ") +
+           records::zonedDate(seen.commitment->ends(seen.now), machine.calendar);
 }
 
-Result letGo(Machine& machine, bool isGone) {
+// Clears the locks, then removes the state file.
+Result clear(Machine& machine, bool isGone) {
     const Observation seen = observe(machine);
     const Result flags = unlockAll(machine, seen, isGone);
     if (!flags) {
@@ -115,62 +105,56 @@ Result letGo(Machine& machine, bool isGone) {
         return "Nothing was held" + *flags + ".";
     }
     machine.store.remove();
-    if (presence(machine.stateFile) != Presence::gone) {
+    if (statusOf(machine.stateFile).type() != file_type::not_found) {
         return std::unexpected(flags->substr(2) +
                                ", but the state file cannot be removed, and the helper would take "
                                "the commitment up again. Remove it: " +
                                printable(machine.stateFile));
     }
     HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
-    return meaning(machine, seen) + *flags + ".";
-}
-
-// The same as release(), by the one that holds the lock.
-Outcome releaseAlone(Machine& machine, const ReleaseOptions& options) {
-    Outcome outcome;
-    // A helper that runs would undo the rest: it locks again, and stores what it remembers.
-    if (const auto stopped = machine.service->stop(); !stopped) {
-        outcome = failure(ExitStatus::system, stopped.error());
-    } else if (const auto done = letGo(machine, options.isBundleGone); !done) {
-        outcome = failure(ExitStatus::system, done.error());
-    } else {
-        outcome.output = machine.identity.appBundleID + ": " + *done + "\n";
-        if (options.staysStopped) {
-            return outcome;
-        }
-    }
-    if (const auto resumed = machine.service->resume(); !resumed) {
-        outcome.status = ExitStatus::system;
-        outcome.errors += failure(ExitStatus::system, resumed.error()).errors;
-    } else if (!resumed->empty()) {
-        outcome.output += *resumed + "\n";
-    }
-    return outcome;
+    return removedFile(machine, seen) + *flags + ".";
 }
 
 }  // namespace
 
-// Two at once would each start what the other has stopped.
 Outcome release(Machine& machine, const ReleaseOptions& options) {
+    // Without the lock one release would start what another has stopped.
     std::expected<Descriptor, FileError> lock;
-    const auto isOver = [&] {
-        lock = takeLockFile(machine.releaseLock);
+    const auto isTaken = [&] {
+        lock = takeLockFile(machine.service->releaseLock);
         return lock || lock.error().code != EWOULDBLOCK;
     };
-    // The other one may take a minute.
-    if (!machine.waiter.wait(isOver, Seconds{60},
+    // One that runs may take a minute.
+    if (!machine.waiter.wait(isTaken, Seconds{60},
                              "Waiting for another halvoctl release, at most a minute.")) {
         return failure(ExitStatus::system,
                        "Another halvoctl release runs and does not end. Wait for it, or kill it, "
                        "and try again.");
     }
     if (!lock) {
-        return failure(ExitStatus::system, printable(machine.releaseLock) + " cannot be locked: " +
-                                               errorText(lock.error().code) +
-                                               ". Mend that and try again.");
+        return failure(ExitStatus::system,
+                       printable(machine.service->releaseLock) + " cannot be locked: " +
+                           errorText(lock.error().code) + ". Mend that and try again.");
     }
-    Outcome outcome = releaseAlone(machine, options);
-    unlink(machine.releaseLock.c_str());
+    // A helper that runs would lock the bundle again, and store the commitment that it remembers.
+    const auto stopped = machine.service->stop();
+    const Result done =
+        stopped ? clear(machine, options.isBundleGone) : std::unexpected(stopped.error());
+    Outcome outcome{ExitStatus::fine,
+                    machine.identity.appBundleID + ": " + done.value_or("") + "\n", ""};
+    if (!done) {
+        outcome = failure(ExitStatus::system, done.error());
+    }
+    if (!done || !options.staysStopped) {
+        const Result resumed = machine.service->resume();
+        if (!resumed) {
+            outcome.status = ExitStatus::system;
+            outcome.errors += failure(ExitStatus::system, resumed.error()).errors;
+        } else if (!resumed->empty()) {
+            outcome.output += *resumed + "\n";
+        }
+    }
+    unlink(machine.service->releaseLock.c_str());
     return outcome;
 }
 

@@ -10,7 +10,7 @@
 #include "HalvoPlatform/Files.hpp"
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::tools {
 
@@ -28,15 +28,14 @@ namespace {
 namespace fs = std::filesystem;
 using Changes = std::vector<std::string>;
 
-// What FakeService notes.
+// The call log of FakeService.
 const std::string stopped = "save by stop";
 const std::string resumed = "save by resume";
 
-// Beside the bundle at `app` it may have a second one.
+// A machine with room for a second bundle.
 struct Scene : FakeMachine {
     Outcome released(const ReleaseOptions& options = {}) { return release(machine, options); }
 
-    // The failure that says so.
     [[nodiscard]] Outcome failed(const std::string& problem) const {
         return failure(ExitStatus::system, withPaths(problem));
     }
@@ -46,12 +45,12 @@ struct Scene : FakeMachine {
         world.flags.setByHand(path, true);
     }
 
-    // `text` with this machine's paths.
+    // `text` with the marks replaced by this machine's paths.
     [[nodiscard]] std::string withPaths(std::string text) const {
         for (const auto& [mark, path] :
              {std::pair{"@app", app}, std::pair{"@second", second},
               std::pair{"@clear", clearCommand(app)}, std::pair{"@file", machine.stateFile},
-              std::pair{"@lock", machine.releaseLock}}) {
+              std::pair{"@lock", service.releaseLock}}) {
             for (std::size_t at = 0; (at = text.find(mark)) != std::string::npos;) {
                 text.replace(at, std::string(mark).size(), path);
             }
@@ -62,7 +61,7 @@ struct Scene : FakeMachine {
     const std::string second = applications + "/Second.app";
 };
 
-// What is done to it.
+// Changes of the scene.
 using Steps = std::vector<void (*)(Scene&)>;
 constexpr auto hold = [](Scene& m) { m.hold(); };
 constexpr auto holdBare = [](Scene& m) { m.hold().locked = false; };
@@ -99,22 +98,22 @@ constexpr auto allow = [](Scene& m) { m.world.flags.failsToUnlock = false; };
 constexpr auto stick = [](Scene& m) { m.service.stopped = std::unexpected("It stays."); };
 constexpr auto loosen = [](Scene& m) { m.service.stopped = {}; };
 
-// After the steps it is released, which says so.
+// A release after the steps, and its message.
 struct Row {
     Steps steps;
-    std::string said;
+    std::string message;
     ReleaseOptions options{};
     bool staysLocked = false;
 };
 
 void expectReleased(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.said);
+        SCOPED_TRACE(row.message);
         Scene machine;
         std::ranges::for_each(row.steps, [&](auto step) { step(machine); });
         EXPECT_EQ(machine.released(row.options),
                   (Outcome{ExitStatus::fine,
-                           machine.withPaths("com.example.app: " + row.said + ".\n"), ""}));
+                           machine.withPaths("com.example.app: " + row.message + ".\n"), ""}));
         EXPECT_EQ(machine.world.flags.isSet(machine.app), row.staysLocked);
         EXPECT_FALSE(machine.world.flags.isSet(machine.second));
         EXPECT_TRUE(machine.world.store.isEmpty());
@@ -122,7 +121,7 @@ void expectReleased(const std::vector<Row>& rows) {
     }
 }
 
-// After the steps it cannot be released, for that reason, until `mend` is done.
+// A release that fails after the steps, and succeeds after `mend`.
 struct Failure {
     Steps steps;
     std::string problem;
@@ -139,17 +138,17 @@ const std::string ofAnn = "Let go of the commitment of ann (uid 1000) that ";
 const std::string held = ofAnn + "held until 2025-10-09 11:55:25 +02:00; ";
 const std::string damaged = "Removed a damaged state file; ";
 
-TEST_F(ReleaseTest, UnlocksThenForgetsThenLetsTheAppCallAgain) {
+TEST_F(ReleaseTest, UnlocksThenDeletesThenResumes) {
     fake.hold();
     EXPECT_EQ(fake.released().status, ExitStatus::fine);
     EXPECT_EQ(fake.world.calls.changes(),
               (Changes{stopped, "unlock Halvo.app", "remove", resumed}));
     EXPECT_TRUE(fake.waiter.said.empty());
-    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
+    EXPECT_FALSE(fs::exists(fake.service.releaseLock));
     EXPECT_EQ(log.notices(), Changes{"An administrator let go of what was stored"});
 }
 
-TEST_F(ReleaseTest, LetsGoOfWhatIsStored) {
+TEST_F(ReleaseTest, ClearsWhatIsStored) {
     const std::string kept =
         "@app keeps a lock that the helper did not set (to take it off: @clear)";
     const std::string forgotten =
@@ -169,12 +168,12 @@ TEST_F(ReleaseTest, LetsGoOfWhatIsStored) {
          {{holdBare, unlock}, held + "@app was not locked"},
          {{giveAway, lock}, "Nothing was held; " + kept, {}, true},
          {{giveAway, holdBare}, held + kept, {}, true}});
-    EXPECT_EQ(log.notices().size(), 11U) << "not where nothing was stored";
+    EXPECT_EQ(log.notices().size(), 11U) << "not without a stored record";
 }
 
-TEST_F(ReleaseTest, TakesOffTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
+TEST_F(ReleaseTest, UnlocksOrphans) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, whose the bundles must be";
+        GTEST_SKIP() << "needs root, to whom the bundles must belong";
     }
     const std::string off = " carried a lock that no record owed, and is unlocked";
     const std::string both = "@app" + off + "; @second" + off;
@@ -185,7 +184,7 @@ TEST_F(ReleaseTest, TakesOffTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
                     {{addSecond, damageAll, lock, lockSecond}, damaged + both}});
 }
 
-TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
+TEST_F(ReleaseTest, KeepsTheRecordWhenUnlockingFails) {
     const std::string locked = "The lock of @app cannot be taken off";
     const std::string why =
         ". The helper's log says why. Is its file system mounted read-only, or does this container "
@@ -223,7 +222,7 @@ TEST_F(ReleaseTest, KeepsTheRecordOfALockThatCannotBeTakenOff) {
     }
 }
 
-TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
+TEST_F(ReleaseTest, KeepsLocksWhereTheHelperMayNotLock) {
     const std::string elsewhere = fake.disk / "Elsewhere.app";
     fs::create_directories(elsewhere);
     fake.lock(elsewhere);
@@ -237,17 +236,16 @@ TEST_F(ReleaseTest, TouchesNothingThatTheHelperMayNotLock) {
     }
 }
 
-TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
+TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeAccessed) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to be somebody else";
+        GTEST_SKIP() << "needs root, to become another user";
     }
     constexpr uid_t nobody = 65534;
-    const testing::TemporaryFolder everybodys;
-    fs::permissions(everybodys.path(), fs::perms::all);
-    fake.machine.releaseLock = everybodys / "lock";
+    const testing::TemporaryFolder shared;
+    fs::permissions(shared.path(), fs::perms::all);
+    fake.service.releaseLock = shared / "lock";
     for (const bool isWhole : {true, false}) {
         isWhole ? hold(fake) : damage(fake);
-        // Whose way to the bundle ends at a closed folder.
         ASSERT_EQ(seteuid(nobody), 0);
         const Outcome outcome = fake.released();
         ASSERT_EQ(seteuid(0), 0);
@@ -259,7 +257,7 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeLookedAt) {
     }
 }
 
-TEST_F(ReleaseTest, SaysThatTheRecordCannotBeRemoved) {
+TEST_F(ReleaseTest, ReportsAStateFileThatCannotBeRemoved) {
     const std::string stays =
         ", but the state file cannot be removed, and the helper would take the commitment up "
         "again. Remove it: @file";
@@ -268,12 +266,12 @@ TEST_F(ReleaseTest, SaysThatTheRecordCannotBeRemoved) {
     testing::writeTestFile(fake.machine.stateFile, "");
     EXPECT_EQ(fake.released(), fake.failed("@app is unlocked" + stays));
     EXPECT_EQ(fake.released(), fake.failed("no lock is known that it owed" + stays))
-        << "of a file that cannot be read";
+        << "the file cannot be read";
     EXPECT_EQ(fake.world.calls.changes(), (Changes{stopped, "unlock Halvo.app", "remove", resumed,
                                                    stopped, "remove", resumed}));
 }
 
-TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
+TEST_F(ReleaseTest, ReportsTheResultOfResume) {
     fake.hold();
     fake.service.resumed = "It is back later.";
     EXPECT_TRUE(fake.released().output.ends_with(" is unlocked.\nIt is back later.\n"));
@@ -285,7 +283,7 @@ TEST_F(ReleaseTest, SaysHowTheAppCanCallAgain) {
     EXPECT_EQ(outcome.errors, "halvoctl: Start it.\n");
 }
 
-TEST_F(ReleaseTest, LeavesTheHelperStoppedWhenToldSo) {
+TEST_F(ReleaseTest, LeavesTheHelperStoppedOnRequest) {
     fake.service.resumed = "It is back later.";
     fake.hold();
     const Outcome outcome = fake.released({.staysStopped = true});
@@ -296,11 +294,11 @@ TEST_F(ReleaseTest, LeavesTheHelperStoppedWhenToldSo) {
     fake.hold();
     fake.world.flags.failsToUnlock = true;
     EXPECT_EQ(fake.released({.staysStopped = true}).status, ExitStatus::system);
-    EXPECT_EQ(fake.world.calls.changes().back(), resumed) << "what is not removed goes on";
+    EXPECT_EQ(fake.world.calls.changes().back(), resumed) << "after a failure the service goes on";
 }
 
-TEST_F(ReleaseTest, WaitsForAnother) {
-    Descriptor other = *takeLockFile(fake.machine.releaseLock);
+TEST_F(ReleaseTest, WaitsForAnotherRelease) {
+    Descriptor other = *takeLockFile(fake.service.releaseLock);
     fake.waiter.onPause = [&] {
         if (fake.waiter.time >= Seconds{1030}) {
             other = Descriptor();
@@ -312,33 +310,33 @@ TEST_F(ReleaseTest, WaitsForAnother) {
     EXPECT_NEAR(fake.waiter.time.count(), 1030, 0.1);
 }
 
-TEST_F(ReleaseTest, TouchesNothingWithoutTheLock) {
+TEST_F(ReleaseTest, ChangesNothingWithoutTheLock) {
     fake.hold();
     const auto expectFailure = [this](const std::string& problem) {
         EXPECT_EQ(fake.released(), fake.failed(problem));
         EXPECT_TRUE(fake.world.calls.changes().empty());
-        EXPECT_TRUE(fs::exists(fake.machine.releaseLock));
+        EXPECT_TRUE(fs::exists(fake.service.releaseLock));
     };
     {
-        const auto other = takeLockFile(fake.machine.releaseLock);
+        const auto other = takeLockFile(fake.service.releaseLock);
         expectFailure(
             "Another halvoctl release runs and does not end. Wait for it, or kill it, and try "
             "again.");
         EXPECT_NEAR(fake.waiter.time.count(), 1060, 0.1);
     }
-    fs::remove(fake.machine.releaseLock);
-    fs::create_directory(fake.machine.releaseLock);
+    fs::remove(fake.service.releaseLock);
+    fs::create_directory(fake.service.releaseLock);
     expectFailure("@lock cannot be locked: Is a directory. Mend that and try again.");
 }
 
 TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {
-    testing::writeTestFile(fake.machine.releaseLock, "");  // of one that was killed
-    const auto expectLocked = [this] { EXPECT_FALSE(takeLockFile(fake.machine.releaseLock)); };
+    testing::writeTestFile(fake.service.releaseLock, "");  // left by a killed release
+    const auto expectLocked = [this] { EXPECT_FALSE(takeLockFile(fake.service.releaseLock)); };
     fake.service.onStop = expectLocked;
     fake.service.onResume = expectLocked;
     EXPECT_EQ(fake.released().status, ExitStatus::fine);
     EXPECT_EQ(fake.world.calls.changes(), (Changes{stopped, resumed}));
-    EXPECT_FALSE(fs::exists(fake.machine.releaseLock));
+    EXPECT_FALSE(fs::exists(fake.service.releaseLock));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 
 #include "HalvoPlatform/Version.hpp"
 #include "tests/Support/ControlMachine.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {
@@ -24,14 +24,14 @@ class StatusTest : public ::testing::Test {
   protected:
     Observation seen() { return observe(fake.machine); }
 
-    std::string text() { return statusText(fake.machine, seen()); }
+    std::string text() { return run({"status"}, &fake.machine).output; }
 
-    std::string json() { return statusJSON(fake.machine, seen()); }
+    std::string json() { return run({"status", "--json"}, &fake.machine).output; }
 
-    // What is judged of the `nth` bundle: "agree: ..." or "disagree: ...", and what comes next.
-    std::string judged(std::size_t nth = 0) {
+    // The check of the `nth` bundle as "agree: finding -> advice" or "disagree: ...".
+    std::string checked(std::size_t nth = 0) {
         const Observation observation = seen();
-        const Check check = judge(fake.machine, observation, observation.apps.at(nth));
+        const Check check = checkLock(fake.machine, observation, observation.apps.at(nth));
         return (check.verdict == Verdict::ok ? "agree: " : "disagree: ") + check.finding +
                (check.advice.empty() ? "" : " -> ") + check.advice;
     }
@@ -47,14 +47,14 @@ TEST_F(StatusTest, FindsTheBundlesOfTheApp) {
     fs::create_directories(fake.applications + "/Empty.app");
     EXPECT_EQ(seen().installed, (Words{fake.applications + "/Another.app", fake.app}));
     fake.service.applications = {fake.applications, "/nowhere", fake.applications};
-    EXPECT_EQ(seen().installed.size(), 2U) << "each once";
+    EXPECT_EQ(seen().installed.size(), 2U) << "without duplicates";
     fake.machine.applications = "/nowhere";
-    EXPECT_TRUE(seen().installed.empty()) << "in another folder, which is not root's";
+    EXPECT_TRUE(seen().installed.empty()) << "other folders must be root's";
 }
 
 TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, whose the bundles must be";
+        GTEST_SKIP() << "needs root, to whom the bundles must belong";
     }
     const std::string second = fake.applications + "/Second.app";
     const std::string info = second + "/Contents/Info.plist";
@@ -67,8 +67,8 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     EXPECT_EQ(seen().apps,
               (std::vector<AppFlag>{{fake.app, LockState::locked}, {second, LockState::locked}}));
     fake.processes.processes = {7};
-    EXPECT_EQ(judged(0).substr(0, 6), "agree:");
-    EXPECT_EQ(judged(1),
+    EXPECT_EQ(checked(0).substr(0, 6), "agree:");
+    EXPECT_EQ(checked(1),
               "disagree: The bundle is locked, but no record says that the helper did it -> To "
               "unlock it: halvoctl release (which also ends what holds)");
     EXPECT_NE(text().find("\n" + second + ": The bundle is locked, but no"), std::string::npos);
@@ -78,7 +78,7 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     expectNotOwn("others can write its Info.plist");
     fs::permissions(info, fs::perms{0644});
     ASSERT_EQ(chown(second.c_str(), FakeMachine::ann, 0), 0);
-    expectNotOwn("it belongs to somebody else");
+    expectNotOwn("it belongs to another user");
     ASSERT_EQ(chown(second.c_str(), 0, 0), 0);
     FakeMachine::writeInfo(second, "com.example.app", "ANYTEAM123");
     expectNotOwn("it is another team's");
@@ -88,7 +88,7 @@ TEST_F(StatusTest, FindsTheLocksOfTheAppsOwnBundlesThatNoRecordOwes) {
     expectNotOwn("a link is no bundle");
 }
 
-TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
+TEST_F(StatusTest, ComparesRecordAndFlag) {
     const auto record = [this](Seconds left, bool isLocked) -> StoredCommitment {
         fake.hold(left).locked = isLocked;
         return stored;
@@ -100,7 +100,7 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
     const StoredCommitment overBare = record(Seconds{0}, false);
     const StoredCommitment damaged = UnreadableCommitment{fake.app, true};
     const StoredCommitment damagedBare = UnreadableCommitment{fake.app, false};
-    // A bundle that is the app's own, as root makes it, halvoctl unlocks.
+    // halvoctl unlocks only bundles that belong to root.
     const bool isRoot = geteuid() == 0;
     const std::string unlock = isRoot ? "halvoctl release" : clearCommand(fake.app);
     const std::string ends = isRoot ? " (which also ends what holds)" : "";
@@ -112,9 +112,8 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
     const std::string unlocked = "agree: The bundle is not locked";
     const std::string starts = " -> The helper lets go of it when it starts next: start-helper";
     const std::string bareHolds = "The commitment holds without a lock";
-    const std::string nothing = ": There is nothing at " + fake.app;
-    const std::string noOther =
-        "disagree" + nothing + " -> The helper locks no other in its place.";
+    const std::string gone = ": There is nothing at " + fake.app;
+    const std::string noOther = "disagree" + gone + " -> The helper locks no other in its place.";
     constexpr bool isLocked = true;
     constexpr bool isRunning = true;
 
@@ -122,7 +121,7 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
         StoredCommitment stored;
         bool isLocked;
         bool isRunning;
-        std::string judgement;
+        std::string result;
     } const rows[] = {
         {none, false, false, unlocked},
         {none, isLocked, false, unnamed + "To unlock it: " + unlock},
@@ -164,22 +163,22 @@ TEST_F(StatusTest, JudgesWhetherRecordAndFlagAgree) {
         stored = row.stored;
         fake.world.flags.setByHand(fake.app, row.isLocked);
         fake.processes.processes = row.isRunning ? std::vector<pid_t>{7} : std::vector<pid_t>{};
-        EXPECT_EQ(judged(), row.judgement) << "row " << &row - rows;
+        EXPECT_EQ(checked(), row.result) << "row " << &row - rows;
     }
     const std::string elsewhere = fake.disk / "Elsewhere.app";
     fs::create_directories(elsewhere);
     fake.world.flags.add(elsewhere);
     fake.hold().appPath = elsewhere;
     fake.world.flags.erase(fake.app);
-    EXPECT_EQ(judged(), "agree: " + bareHolds + ": the helper does not lock a bundle there");
-    for (const auto& [missing, judgement] : std::vector<std::pair<StoredCommitment, std::string>>{
-             {live, noOther}, {damaged, noOther}, {damagedBare, "agree" + nothing}}) {
+    EXPECT_EQ(checked(), "agree: " + bareHolds + ": the helper does not lock a bundle there");
+    for (const auto& [missing, result] : std::vector<std::pair<StoredCommitment, std::string>>{
+             {live, noOther}, {damaged, noOther}, {damagedBare, "agree" + gone}}) {
         stored = missing;
-        EXPECT_EQ(judged(), judgement);
+        EXPECT_EQ(checked(), result);
     }
 }
 
-TEST_F(StatusTest, SaysWhatHolds) {
+TEST_F(StatusTest, PrintsALiveCommitment) {
     const std::string end = ", whole\n  version     " + std::string(version) +
                             "\nThe bundle is locked, as the record says.\n";
     fake.hold();
@@ -221,12 +220,12 @@ TEST_F(StatusTest, SaysWhatHolds) {
     EXPECT_TRUE(fake.world.calls.changes().empty());
 }
 
-TEST_F(StatusTest, SaysHowThingsStandInTextAndJSON) {
+TEST_F(StatusTest, PrintsEachStateAsTextAndJSON) {
     const std::string named = "com.example.app: ";
     const std::string file = "\n  state file  " + fake.machine.stateFile;
     const std::string odd = "/Applications/\x1B[2J\n.app";
 
-    // Steps that follow each other, what the text then holds, and members of the object.
+    // Successive changes; what the text then contains; members of the JSON object.
     struct {
         std::function<void()> change;
         Words texts;

@@ -1,11 +1,20 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
 
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoPlatform/Version.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "HalvoShared/RFC3339.hpp"
+#include "tools/HalvoRecords/TerminalText.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {
+
+using Json = nlohmann::json;
+using records::printable;
+using records::zonedDate;
 
 constexpr const char* purpose =
     R"(For the administrator of a machine on which the Halvo helper is installed, the
@@ -58,9 +67,9 @@ with "name"; "verdict", which is ok, problem, not applicable, or needs root;
 Example: sudo halvoctl doctor --app /srv/Applications/Halvo.app)";
 
 constexpr const char* releaseFooter =
-    R"(Lets go of what holds, for everybody: stops the helper, unlocks the app's bundle,
-removes what is stored, and lets the app call the helper again. Where nothing holds it
-says so, and that is no failure. When it is interrupted, run it again.
+    R"(Ends the commitment of any user: stops the helper, unlocks the app's bundle, removes
+what is stored, and lets the app call the helper again. Where nothing holds it says
+so, and that is no failure. When it is interrupted, run it again.
 
 A lock that no record owes goes too, from each bundle in /Applications, or in another
 folder of root's called Applications where the helper may lock, that is the app's own:
@@ -68,7 +77,7 @@ root's, not writable by others, of the app and team of the helper. The record of
 bundle that cannot be reached is kept without --bundle-gone: its disk may come back,
 and the lock with it. When release fails, all is as without --and-stop.
 
-Needs root. Who is bound by Ultra Hard mode should not have it.)";
+Needs root, which a person bound by Ultra Hard mode should not have.)";
 
 std::string problemOfBundlePath(const std::string& path) {
     return AppLocation::isBundlePath(path)
@@ -77,7 +86,145 @@ std::string problemOfBundlePath(const std::string& path) {
                      path + "'";
 }
 
+const char* nameOf(StateFile file) {
+    return std::array{"whole", "damaged", "none", "unreadable"}.at(static_cast<std::size_t>(file));
+}
+
+const char* nameOf(LockState state) {
+    return std::array{"locked", "unlocked", "missing"}.at(static_cast<std::size_t>(state));
+}
+
+const char* nameOf(Verdict verdict) {
+    return std::array{"ok", "problem", "not applicable", "needs root"}.at(
+        static_cast<std::size_t>(verdict));
+}
+
+std::string headline(const Machine& machine, const Observation& seen) {
+    if (seen.file == StateFile::damaged) {
+        return "The state file is damaged: what it held cannot be told.";
+    }
+    if (seen.file == StateFile::unreadable) {
+        return "The state file cannot be read; the helper takes that for nothing.";
+    }
+    if (!seen.commitment) {
+        return "Nothing holds.";
+    }
+    const std::string user = userText(machine, seen.commitment->uid);
+    return seen.isLive() ? "Ultra Hard mode holds for " + user + ", for another " +
+                               records::countdown(seen.commitment->timeLeft(seen.now)) + "."
+                         : "Nothing holds: the time of " + user +
+                               " has run out, but the record is still there.";
+}
+
+// `value`, or null if it is absent.
+Json orNull(const std::optional<std::string>& value) { return value ? Json(*value) : Json(); }
+
+Json date(WallDate date) {
+    std::string text;
+    return RFC3339::append(date, text) ? Json(text) : Json();
+}
+
+std::string linesOf(const Json& root) {
+    return records::indented(root.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+std::string statusText(const Machine& machine, const Observation& seen) {
+    std::vector<std::vector<std::string>> rows;
+    if (const auto& commitment = seen.commitment) {
+        rows.push_back({seen.isLive() ? "until" : "until then",
+                        zonedDate(commitment->ends(seen.now), machine.calendar)});
+        rows.push_back({"started", zonedDate(commitment->startedWall, machine.calendar)});
+    }
+    std::string notes;
+    for (const AppFlag& app : seen.apps) {
+        rows.push_back({"app", printable(app.path) + ", " + nameOf(app.state)});
+        const Check lock = checkLock(machine, seen, app);
+        notes += (seen.apps.size() > 1 ? printable(app.path) + ": " : "") + lock.finding + "." +
+                 (lock.advice.empty() ? "" : " ") + lock.advice + "\n";
+    }
+    if (seen.apps.empty()) {
+        rows.push_back({"app", "none in " + machine.applications});
+    }
+    const std::string stopped =
+        seen.stopped.empty() ? "" : "; stopped (SIGSTOP): " + pidText(seen.stopped);
+    rows.push_back({"helper", seen.helpers.empty()
+                                  ? "does not run; " + machine.service->whatStarts()
+                                  : "runs, " + pidText(seen.helpers) + stopped});
+    const std::string file = printable(machine.stateFile);
+    rows.push_back({"state file", seen.file == StateFile::none ? "none (" + file + ")"
+                                                               : file + ", " + nameOf(seen.file)});
+    rows.push_back({"version", version});
+    return machine.identity.appBundleID + ": " + headline(machine, seen) + "\n" +
+           records::table(rows, "  ") + notes;
+}
+
+std::string statusJSON(const Machine& machine, const Observation& seen) {
+    Json root{{"apps", Json::array()},
+              {"commitment", nullptr},
+              {"helper",
+               {{"executable", machine.helper},
+                {"identifier", machine.identity.helperBundleID()},
+                {"pids", seen.helpers},
+                {"starts", seen.helpers.empty() ? Json(machine.service->whatStarts()) : Json()},
+                {"stopped", seen.stopped}}},
+              {"now", date(seen.now.wall)},
+              {"salvaged", nullptr},
+              {"stateFile", {{"condition", nameOf(seen.file)}, {"path", machine.stateFile}}},
+              {"version", version}};
+    for (const AppFlag& app : seen.apps) {
+        const Check lock = checkLock(machine, seen, app);
+        root["apps"].push_back({{"agrees", lock.verdict == Verdict::ok},
+                                {"finding", lock.finding + "."},
+                                {"flag", nameOf(app.state)},
+                                {"next", lock.advice},
+                                {"path", app.path}});
+    }
+    if (const auto& commitment = seen.commitment) {
+        root["commitment"] = {{"app", commitment->appPath},
+                              {"holds", seen.isLive()},
+                              {"left", commitment->timeLeft(seen.now).count()},
+                              {"locked", commitment->locked},
+                              {"started", date(commitment->startedWall)},
+                              {"uid", commitment->uid},
+                              {"until", date(commitment->ends(seen.now))},
+                              {"user", orNull(machine.userName(commitment->uid))}};
+    }
+    if (seen.file == StateFile::damaged) {
+        root["salvaged"] = {{"app", orNull(seen.record.appPath)}, {"locked", seen.record.locked}};
+    }
+    return linesOf(root);
+}
+
 }  // namespace
+
+Outcome report(const Checks& checks, bool asJSON) {
+    Json root{{"checks", Json::array()}};
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [name, verdict, finding, advice] : checks) {
+        const bool isProblem = verdict == Verdict::problem;
+        root["checks"].push_back({{"advice", isProblem ? Json(advice) : Json()},
+                                  {"finding", finding},
+                                  {"name", name},
+                                  {"verdict", nameOf(verdict)}});
+        rows.push_back({nameOf(verdict), name, finding});
+        if (isProblem) {
+            rows.push_back({"", "", "-> " + advice});
+        }
+    }
+    const auto count = [&](Verdict verdict) {
+        return static_cast<std::size_t>(std::ranges::count(checks, verdict, &Check::verdict));
+    };
+    const std::size_t problems = count(Verdict::problem);
+    root["problems"] = problems;
+    const std::string text =
+        records::table(rows, "") +
+        (problems == 0 ? "No problem" : records::counted(problems, "problem")) + ".\n" +
+        (count(Verdict::needsRoot) == 0
+             ? ""
+             : "Some things only root can look at. Type: sudo halvoctl doctor\n");
+    return {problems == 0 ? ExitStatus::fine : ExitStatus::problem, asJSON ? linesOf(root) : text,
+            ""};
+}
 
 Outcome run(const std::vector<std::string>& words,
             const std::expected<Machine*, std::string>& machine) {
@@ -113,12 +260,10 @@ Outcome run(const std::vector<std::string>& words,
     }
 
     if (doctor->parsed()) {
-        const Checks checks =
-            machine
-                ? examine(**machine, app)
-                : Checks{isProblem("helper files", machine.error(), "Install the helper again.")};
-        return {problemsOf(checks) != 0 ? ExitStatus::problem : ExitStatus::fine,
-                asJSON ? doctorJSON(checks) : doctorText(checks), ""};
+        return report(machine ? examine(**machine, app)
+                              : Checks{isProblem("helper files", machine.error(),
+                                                 "Install the helper again.")},
+                      asJSON);
     }
     if (!machine) {
         return failure(ExitStatus::config, machine.error() + ". Install the helper again.");

@@ -11,7 +11,7 @@
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/TestProcess.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
 namespace {
@@ -31,7 +31,7 @@ class ToolTest : public ::testing::Test {
     testing::LogCapture log;
 };
 
-TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
+TEST_F(ToolTest, PrintsHelpForEachCommand) {
     struct {
         Words words;
         Words texts;
@@ -56,7 +56,7 @@ TEST_F(ToolTest, HelpsWithEachCommandAndItsOptions) {
     }
 }
 
-TEST_F(ToolTest, RefusesACommandLineThatItDoesNotKnow) {
+TEST_F(ToolTest, RejectsUsageErrors) {
     const std::string unknown = "Unknown command or option ";
     const std::string path =
         "--app: the absolute path of a bundle is needed, as /Applications/Halvo.app, not ";
@@ -89,7 +89,8 @@ TEST_F(ToolTest, RunsTheCommands) {
     EXPECT_THAT(runWith({"doctor", "--json"}).output, StartsWith("{\n  \"checks\": ["));
     EXPECT_THAT(runWith({"doctor", "--app", "/A/B.app"}).output,
                 HasSubstr("/A/B.app/Contents/Info.plist cannot be read"));
-    EXPECT_EQ(runWith({"doctor"}).status, ExitStatus::problem) << "the helper is nowhere";
+    EXPECT_EQ(runWith({"doctor"}).status, ExitStatus::fine);
+    EXPECT_EQ(runWith({"doctor", "--app", "/A/B.app"}).status, ExitStatus::problem);
     fake.service.resumed = "It is back.";
     EXPECT_EQ(runWith({"release"}).output, "com.example.app: Nothing was held.\nIt is back.\n");
     EXPECT_EQ(runWith({"release", "--and-stop"}).output, "com.example.app: Nothing was held.\n");
@@ -119,17 +120,17 @@ TEST_F(ToolTest, NeedsRootAndTheIdentityOfTheApp) {
     EXPECT_THAT(outcome.output, HasSubstr("It is missing\n"));
 }
 
-// The program as it is built. That it needs root is shown end to end.
-TEST(ControlProgramTest, TellsItsVersionAndEndsAsItWasAskedTo) {
-    const std::string told = std::string("halvoctl ") + version + "\n";
+// The built program. End-to-end tests show that it needs root.
+TEST(ControlProgramTest, PrintsItsVersionAndReturnsExitStatuses) {
+    const std::string versionLine = std::string("halvoctl ") + version + "\n";
     EXPECT_EQ(testing::runInChild({.words = {HALVO_CONTROL, "--version"}}),
-              (ChildResult{ExitStatus::fine, told}));
+              (ChildResult{ExitStatus::fine, versionLine}));
     EXPECT_EQ(testing::runInChild({.words = {HALVO_CONTROL, "stauts"}}).status, ExitStatus::usage);
     const auto bare = testing::runInChild([] {
         char* const none[] = {nullptr};
         execv(HALVO_CONTROL, none);
     });
-    EXPECT_EQ(bare.status, ExitStatus::usage) << "without a name of its own";
+    EXPECT_EQ(bare.status, ExitStatus::usage) << "argc is 0";
     EXPECT_THAT(bare.output, StartsWith("halvoctl: A subcommand is required."));
     const auto full = testing::runInChild([] {
         dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);

@@ -1,4 +1,4 @@
-// For the administrator: what holds, whether all is well, and the way out.
+// For administrators: shows the commitment, checks the installation, and releases the app.
 
 #include <pwd.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "tools/HalvoRecords/TerminalText.hpp"
-#include "tools/Halvoctl/Commands.hpp"
+#include "tools/Halvoctl/Machine.hpp"
 
 namespace {
 
@@ -22,10 +22,8 @@ std::optional<std::string> userName(std::uint32_t uid) {
     return entry == nullptr ? std::nullopt : std::optional<std::string>(entry->pw_name);
 }
 
-// On this machine.
 control::Outcome runTool(const std::vector<std::string>& words) {
-    // A release that has begun is finished, whatever is typed or sent meanwhile. It waits for
-    // nothing without end.
+    // Signals do not interrupt a release. All its waits have limits.
     if (!words.empty() && words.front() == "release") {
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
             std::signal(signal, SIG_IGN);
@@ -37,7 +35,7 @@ control::Outcome runTool(const std::vector<std::string>& words) {
         return control::run(words, std::unexpected(records::printable(bundle.infoPath()) +
                                                    " names no team or no app"));
     }
-    // The helper's executable and its Info.plist lie with ours.
+    // The helper is installed beside this program.
     const std::string helper =
         control::folderOf(bundle.executablePath().value_or("/")) + "/HalvoHelper";
     control::Waiter waiter;
@@ -49,7 +47,6 @@ control::Outcome runTool(const std::vector<std::string>& words) {
     control::Machine machine{.identity = *identity,
                              .helper = helper,
                              .stateFile = store.path(),
-                             .releaseLock = control::releaseLockPath(*identity),
                              .isRoot = geteuid() == 0,
                              .clock = clock,
                              .calendar = GregorianCalendar::system(),
@@ -66,4 +63,4 @@ control::Outcome runTool(const std::vector<std::string>& words) {
 
 }  // namespace
 
-int main(int count, char** words) { return tools::runProgram("halvoctl", count, words, runTool); }
+int main(int argc, char** argv) { return tools::runProgram("halvoctl", argc, argv, runTool); }

@@ -22,20 +22,13 @@ namespace {
 using records::printable;
 
 // lstat(2) of `path`; all zero when it fails.
-struct stat statusOf(const std::string& path) {
+struct stat lstatOf(const std::string& path) {
     struct stat status{};
-    if (lstat(path.c_str(), &status) != 0) {
-        return {};
-    }
-    return status;
+    struct stat none{};
+    return lstat(path.c_str(), &status) == 0 ? status : none;
 }
 
-// What `name` could not be looked at for.
-Check noAnswer(const std::string& name, const std::string& problem) {
-    return isProblem(name, problem, "Look whether systemctl works at all.");
-}
-
-// One unit, which must be loaded, and unless that is to be left open, enabled and active.
+// A unit must be loaded; some must also be enabled, and active.
 Check checkUnit(const Unit& unit, bool mustBeEnabled, bool mustBeActive) {
     const std::string& name = unit.name;
     const std::string result = printable(unit.result);
@@ -56,8 +49,8 @@ Check checkUnit(const Unit& unit, bool mustBeEnabled, bool mustBeActive) {
             printable(unit.active));
 }
 
-// Whether a socket listens that was bound to `path`; proc_net(5). Calling it would start the
-// helper. Of what cannot be read, nothing is said.
+// Whether a socket bound to `path` listens (proc_net(5)), without connecting, which would start the
+// helper. If that cannot be read, it counts as listening.
 bool isListening(const std::string& path) {
     std::ifstream sockets("/proc/net/unix");
     bool isFound = !sockets;
@@ -72,8 +65,8 @@ bool isWithin(const std::string& path, const std::string& folder) {
     return (path + "/").starts_with(folder.ends_with('/') ? folder : folder + "/");
 }
 
-// `path` behind `mark` as a unit file has it; systemd.unit(5), "Specifiers", and systemd.syntax(7),
-// "Quoting".
+// `mark` and `path` as one word of a unit file; systemd.unit(5), "Specifiers", and
+// systemd.syntax(7), "Quoting".
 std::string unitWord(const std::string& mark, const std::string& path) {
     std::string word = mark;
     for (const char c : printable(path)) {
@@ -84,63 +77,59 @@ std::string unitWord(const std::string& mark, const std::string& path) {
 
 }  // namespace
 
-Checks checkUnits(const Answer& units) {
-    if (!units) {
-        return {noAnswer("systemd", units.error())};
-    }
-    return {checkUnit(units->socket, true, true), checkUnit(units->service, false, false),
-            checkUnit(units->resume, true, false)};
+Checks checkUnits(const Units& units) {
+    return {checkUnit(units.socket, true, true), checkUnit(units.service, false, false),
+            checkUnit(units.resume, true, false)};
 }
 
 Check checkSocket(const std::string& path, bool isExpected, const std::string& remedy) {
-    const mode_t mode = statusOf(path).st_mode;
+    const mode_t mode = lstatOf(path).st_mode;
     if (mode == 0 && !isExpected) {
         return isNotApplicable("socket", "the helper makes " + path + " when it runs");
     }
     constexpr mode_t permissions = 0777;
-    constexpr mode_t everybody = 0666;
+    constexpr mode_t allUsers = 0666;
     return firstOf("socket",
                    {{mode == 0, "there is none at " + path, remedy},
                     {!S_ISSOCK(mode), path + " is no socket", "Remove it, then: " + remedy},
-                    {statusOf(path).st_uid != 0 || (mode & permissions) != everybody,
-                     path + " is not root's with mode 666, as everybody may call", remedy},
-                    {!isListening(path), "nobody listens at " + path, remedy}},
+                    {lstatOf(path).st_uid != 0 || (mode & permissions) != allUsers,
+                     path + " is not root's with mode 666, which lets all users call", remedy},
+                    {!isListening(path), "no process listens at " + path, remedy}},
                    path);
 }
 
-std::optional<gid_t> groupOfApp(const std::string& app) {
-    return privateGroup(statusOf(Bundle(app).executablePath().value_or("")));
-}
-
-Check checkAppFiles(const std::string& app) {
-    const std::string name = "app's files";
+Checks checkAppFiles(const std::string& app) {
     const std::string refused = ", so the helper refuses the app";
     const Bundle bundle(app);
-    const auto executable = bundle.executablePath();
-    if (!executable) {
-        return isProblem(name, printable(app) + " has no executable that its Info.plist names",
-                         "Install the app again.");
-    }
-    for (const std::string& path : {*executable, bundle.infoPath()}) {
-        if (const auto problem = RootOwnedPath::problem(path)) {
-            return isProblem(
-                name, printable(*problem) + refused,
-                "Install the app as root, in folders of root that nobody else can write.");
-        }
-    }
-    // Only now: statvfs(2) may block on a file system that an ordinary user has mounted.
+    const std::string executable = bundle.executablePath().value_or("");
+    const std::string shown = printable(executable);
+    const std::string word = shellWord(executable);
+    const auto flaw = RootOwnedPath::problem(executable);
+    const auto problem = flaw ? flaw : RootOwnedPath::problem(bundle.infoPath());
     struct statvfs mounted{};
-    statvfs(executable->c_str(), &mounted);
-    const std::string word = shellWord(*executable);
-    return firstOf(name,
-                   {{!groupOfApp(app), printable(*executable) + " is not set-group-id" + refused,
-                     "Give it a group of its own, and the bit: chgrp GROUP " + word +
-                         " && chmod 2755 " + word},
-                    {(mounted.f_flag & ST_NOSUID) != 0,
-                     printable(*executable) + " lies on a file system mounted with nosuid, where "
-                                              "the kernel ignores the set-group-id bit",
-                     "Mount it without nosuid, or install the app elsewhere."}},
-                   "root's alone, the executable set-group-id");
+    // May block on a file system that an ordinary user has mounted.
+    if (!problem) {
+        statvfs(executable.c_str(), &mounted);
+    }
+    const auto gid = privateGroup(lstatOf(executable));
+    Checks checks{firstOf(
+        "app's files",
+        {{executable.empty(), printable(app) + " has no executable that its Info.plist names",
+          "Install the app again."},
+         {problem.has_value(), printable(problem.value_or("")) + refused,
+          "Install the app as root, in folders that only root can write to."},
+         {!gid, shown + " is not set-group-id" + refused,
+          "Give it a group of its own, and the bit: chgrp GROUP " + word + " && chmod 2755 " +
+              word},
+         {(mounted.f_flag & ST_NOSUID) != 0,
+          shown + " lies on a file system mounted with nosuid, where the kernel ignores the "
+                  "set-group-id bit",
+          "Mount it without nosuid, or install the app elsewhere."}},
+        "root's alone, the executable set-group-id")};
+    if (gid) {
+        checks.push_back(checkGroup(readGroup(*gid)));
+    }
+    return checks;
 }
 
 Check checkFlagSupport(const std::string& app, bool mayLock) {
@@ -166,52 +155,43 @@ Check checkFlagSupport(const std::string& app, bool mayLock) {
         "has the immutable flag");
 }
 
-Check checkLog(const std::string& path) {
-    return statusOf(path).st_mode != 0
-               ? isOk("log", "journalctl SUBSYSTEM=app.halvo CATEGORY=Helper")
-               : isNotApplicable("log",
-                                 "there is no journal; the helper writes to its standard error");
+Check checkOptionalSocket(const std::string& name, const std::string& path,
+                          const std::string& present, const std::string& absent) {
+    return S_ISSOCK(lstatOf(path).st_mode) ? isOk(name, present) : isNotApplicable(name, absent);
 }
 
-Check checkUserManager(const std::string& path) {
-    return S_ISSOCK(statusOf(path).st_mode)
-               ? isOk("user manager", "their own systemd is there, and opens the app")
-               : isNotApplicable(
-                     "user manager",
-                     "they have no systemd of their own; the helper opens the app itself");
-}
-
-Check checkGroup(const GroupFacts& facts) {
-    const std::string group = printable(facts.name.value_or(""));
-    if (const auto flaw = flawOf(facts)) {
-        // In the order of the kinds.
+Check checkGroup(const std::expected<GroupFacts, std::string>& facts) {
+    const std::string name = "app's group";
+    if (!facts) {
+        return isProblem(name, printable(facts.error()),
+                         "The helper must read it too: mend that file.");
+    }
+    const std::string group = printable(facts->name.value_or(""));
+    if (const auto flaw = flawOf(*facts)) {
+        // In the order of GroupFlaw::Kind.
         const std::array<std::string, 6> advice{
             "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755.",
-            "Whoever makes that group next could pass for the app. Install the app again, or put "
-            "the group into /etc/group.",
+            "A new group may get this number, and its members could pass for the app. Install the "
+            "app again, or put the group into /etc/group.",
             "Take them out: gpasswd --delete USER " + group,
-            "Give the app a group that is nobody's.",
-            "They can make anybody a member. Take them out: gpasswd --administrators '' " + group,
+            "Give the app a group of its own.",
+            "They can add members. Take them out: gpasswd --administrators '' " + group,
             "Lock it: gpasswd --restrict " + group};
-        return isProblem("app's group",
-                         printable(flaw->finding) + ", so the helper refuses the app",
+        return isProblem(name, printable(flaw->finding) + ", so the helper refuses the app",
                          advice.at(static_cast<std::size_t>(flaw->kind)));
     }
-    return isOk("app's group", group + " (" + std::to_string(facts.gid) + ") is nobody's" +
-                                   (facts.hasShadow ? "" : ", as far as can be seen without root"));
+    return isOk(name, group + " (" + std::to_string(facts->gid) + ") is the app's alone" +
+                          (facts->hasShadow ? "" : ", as far as can be seen without root"));
 }
 
-Check checkSandbox(const Answer& units, const std::string& app) {
-    if (!units) {
-        return noAnswer("sandbox", units.error());
-    }
-    const std::string& service = units->service.name;
+Check checkSandbox(const Units& units, const std::string& app) {
+    const std::string& service = units.service.name;
     const std::string place = folderOf(app);
     const std::string shown = printable(place);
     const auto holdsPlace = [&place](const std::string& each) { return isWithin(place, each); };
-    const auto& writable = units->writable;
+    const auto& writable = units.writable;
     const bool mayWrite = !writable || std::ranges::any_of(*writable, holdsPlace);
-    // ProtectHome= and PrivateTmp= put others in their place.
+    // ProtectHome= and PrivateTmp= mount other folders over these.
     const std::array<std::string, 5> hidden{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
     const auto* above = std::ranges::find_if(hidden, holdsPlace);
     return firstOf(
@@ -224,11 +204,6 @@ Check checkSandbox(const Answer& units, const std::string& app) {
                     unitWord("-", place) + ", [Unit], RequiresMountsFor=" + unitWord("", place) +
                     "; then systemctl restart " + service}},
         "the helper can lock what lies in " + shown);
-}
-
-HelperFiles helperFiles(const std::string& helper) {
-    const std::string folder = folderOf(helper);
-    return {{helper, folder + "/halvoctl", folder + "/Info.plist"}, "/"};
 }
 
 std::string clearCommand(const std::string& path) { return "chattr -i " + shellWord(path); }

@@ -19,8 +19,18 @@ namespace halvo::control {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::Field;
 using ::testing::HasSubstr;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
+
+Descriptor boundSocket(const std::string& path) {
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = *socketAddress(path);
+    EXPECT_EQ(bind(socket.get(), generic(address), sizeof address), 0);
+    return socket;
+}
 
 const std::string refused = ", so the helper refuses the app";
 
@@ -67,11 +77,14 @@ TEST(GroupTest, HasAdviceForEachFlaw) {
                           .administrators = {},
                           .owners = {},
                           .hasShadow = true};
-    EXPECT_EQ(checkGroup(fine), isOk("app's group", "halvo-app (990) is nobody's"));
+    EXPECT_EQ(checkGroup(fine), isOk("app's group", "halvo-app (990) is the app's alone"));
+    EXPECT_EQ(checkGroup(std::unexpected("/etc/group: Input/output\nerror")),
+              isProblem("app's group", "/etc/group: Input/output\\nerror",
+                        "The helper must read it too: mend that file."));
     GroupFacts facts = fine;
     facts.hasShadow = false;
     EXPECT_EQ(checkGroup(facts).finding,
-              "halvo-app (990) is nobody's, as far as can be seen without root");
+              "halvo-app (990) is the app's alone, as far as can be seen without root");
 
     struct {
         void (*spoil)(GroupFacts&);
@@ -82,15 +95,15 @@ TEST(GroupTest, HasAdviceForEachFlaw) {
          "the group halvo-app has members: ann, ben\\u001b",
          "Take them out: gpasswd --delete USER halvo-app"},
         {[](GroupFacts& f) { f.owners = {"ann"}; }, "the group halvo-app is the own group of ann",
-         "Give the app a group that is nobody's."},
+         "Give the app a group of its own."},
         {[](GroupFacts& f) { f.administrators = {"ann"}; },
          "the group halvo-app has administrators: ann",
-         "They can make anybody a member. Take them out: gpasswd --administrators '' halvo-app"},
+         "They can add members. Take them out: gpasswd --administrators '' halvo-app"},
         {[](GroupFacts& f) { f.shadowPassword = "$6$hash"; }, "the group halvo-app has a password",
          "Lock it: gpasswd --restrict halvo-app"},
         {[](GroupFacts& f) { f.name.reset(); }, "the group 990 has no name",
-         "Whoever makes that group next could pass for the app. Install the app again, or put the "
-         "group into /etc/group."},
+         "A new group may get this number, and its members could pass for the app. Install the app "
+         "again, or put the group into /etc/group."},
         {[](GroupFacts& f) { f.gid = 0; }, "the group 0 is root's",
          "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755."}};
 
@@ -101,7 +114,7 @@ TEST(GroupTest, HasAdviceForEachFlaw) {
     }
 }
 
-TEST(SocketCheckTest, WantsASocketThatEverybodyMayCall) {
+TEST(SocketCheckTest, RequiresASocketOfRootThatAllUsersMayCall) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
@@ -118,25 +131,28 @@ TEST(SocketCheckTest, WantsASocketThatEverybodyMayCall) {
     EXPECT_EQ(check(), isProblem("socket", path + " is no socket", "Remove it, then: Restart."));
     fs::remove(path);
 
-    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = *socketAddress(path);
-    ASSERT_EQ(bind(socket.get(), generic(address), sizeof address), 0);
+    const Descriptor socket = boundSocket(path);
     ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    const std::string closed = path + " is not root's with mode 666, as everybody may call";
+    const std::string closed = path + " is not root's with mode 666, which lets all users call";
     EXPECT_EQ(check(), problem(closed));
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-    EXPECT_EQ(check(), problem("nobody listens at " + path));
+    EXPECT_EQ(check(), problem("no process listens at " + path));
     ASSERT_EQ(listen(socket.get(), 1), 0);
     EXPECT_EQ(check(), isOk("socket", path));
     ASSERT_EQ(chown(path.c_str(), FakeMachine::ann, 0), 0);
     EXPECT_EQ(check(), problem(closed));
 }
 
-TEST(ChecksTest, LookForTheJournalAndTheUserManager) {
-    EXPECT_EQ(checkLog("/").verdict, Verdict::ok);
-    EXPECT_EQ(checkLog("/nowhere/socket").verdict, Verdict::notApplicable);
-    EXPECT_EQ(checkUserManager("/run/nowhere").verdict, Verdict::notApplicable);
-    EXPECT_EQ(checkUserManager("/run").verdict, Verdict::notApplicable);
+TEST(ChecksTest, FindOptionalSocketsAndTheFlag) {
+    const testing::TemporaryFolder folder;
+    const std::string path = folder / "s";
+    const auto check = [](const std::string& socket) {
+        return checkOptionalSocket("log", socket, "there", "not there");
+    };
+    EXPECT_EQ(check(path), isNotApplicable("log", "not there"));
+    EXPECT_EQ(check(folder.path()), isNotApplicable("log", "not there")) << "it is a folder";
+    const Descriptor socket = boundSocket(path);
+    EXPECT_EQ(check(path), isOk("log", "there"));
     EXPECT_EQ(clearCommand("/Applications/My App.app"), "chattr -i '/Applications/My App.app'");
     EXPECT_THAT(checkFlagSupport("/nowhere/Halvo.app", true).finding,
                 StartsWith("/nowhere/Halvo.app: No such file"));
@@ -164,20 +180,21 @@ class ChecksPrivateMachineTest : public testing::PrivateMachineTest {
 };
 
 TEST_F(ChecksPrivateMachineTest, RefuseWhatTheHelperWouldRefuse) {
-    EXPECT_EQ(checkAppFiles(app), isOk("app's files", "root's alone, the executable set-group-id"));
-    EXPECT_EQ(groupOfApp(app), appGroup);
+    EXPECT_THAT(checkAppFiles(app),
+                ElementsAre(isOk("app's files", "root's alone, the executable set-group-id"),
+                            Field(&Check::name, "app's group")));
+    const auto finding = [&] { return checkAppFiles(app).front().finding; };
     ASSERT_EQ(chmod(executable.c_str(), 0755), 0);
-    EXPECT_EQ(checkAppFiles(app).finding, executable + " is not set-group-id" + refused);
-    EXPECT_EQ(groupOfApp(app), std::nullopt);
+    EXPECT_EQ(finding(), executable + " is not set-group-id" + refused);
+    EXPECT_THAT(checkAppFiles(app), SizeIs(1));
     ASSERT_EQ(chmod((app + "/Contents/Info.plist").c_str(), 0666), 0);
-    EXPECT_EQ(checkAppFiles(app).finding,
+    EXPECT_EQ(finding(),
               "others than its owner can write to " + app + "/Contents/Info.plist" + refused);
     ASSERT_EQ(chown(app.c_str(), user.uid, 0), 0);
-    EXPECT_EQ(checkAppFiles(app).finding,
-              app + " belongs to user " + std::to_string(user.uid) + refused);
+    EXPECT_EQ(finding(), app + " belongs to user " + std::to_string(user.uid) + refused);
     fs::remove(executable);
-    EXPECT_EQ(checkAppFiles(app).finding, app + " has no executable that its Info.plist names");
-    EXPECT_EQ(groupOfApp(app), std::nullopt);
+    EXPECT_EQ(finding(), app + " has no executable that its Info.plist names");
+    EXPECT_THAT(checkAppFiles(app), SizeIs(1));
 }
 
 TEST_F(ChecksPrivateMachineTest, SeeWhetherTheHelperCanLock) {
@@ -187,10 +204,10 @@ TEST_F(ChecksPrivateMachineTest, SeeWhetherTheHelperCanLock) {
     EXPECT_THAT(check.advice, HasSubstr("CAP_LINUX_IMMUTABLE"));
     ASSERT_EQ(mount(app.c_str(), app.c_str(), nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(mount(nullptr, app.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID, nullptr), 0);
-    EXPECT_THAT(checkAppFiles(app).finding, HasSubstr("mounted with nosuid"));
+    EXPECT_THAT(checkAppFiles(app).front().finding, HasSubstr("mounted with nosuid"));
     ASSERT_EQ(mount(nullptr, app.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
     EXPECT_EQ(checkFlagSupport(app, true).finding, "that of " + app + " is mounted read-only");
-    EXPECT_EQ(checkAppFiles(app).verdict, Verdict::ok);
+    EXPECT_EQ(checkAppFiles(app).front().verdict, Verdict::ok);
     ASSERT_EQ(umount(app.c_str()), 0);
 }
 

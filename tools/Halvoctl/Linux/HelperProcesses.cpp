@@ -12,7 +12,7 @@
 #include "HalvoPlatform/Descriptor.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
-// By /proc; proc(5).
+// Reads /proc; proc(5).
 namespace halvo::control {
 namespace {
 
@@ -20,13 +20,7 @@ namespace fs = std::filesystem;
 
 std::string processFolder(pid_t process) { return "/proc/" + std::to_string(process); }
 
-// Where the link at `path` leads to; empty where it cannot be told.
-fs::path linkAt(const std::string& path) {
-    std::error_code ignored;
-    return fs::read_symlink(path, ignored);
-}
-
-// Whether both paths lead to the same item.
+// Whether both paths lead to the same file.
 bool isSame(const std::string& path, const std::string& other) {
     std::error_code ignored;
     return fs::equivalent(path, other, ignored);
@@ -38,7 +32,7 @@ std::vector<pid_t> HelperProcesses::running() {
     std::vector<pid_t> found;
     std::error_code ignored;
     for (fs::directory_iterator item("/proc", ignored), end; item != end; item.increment(ignored)) {
-        // Of all names there only those of processes begin with a digit.
+        // Only the names of processes begin with a digit.
         const std::string name = item->path().filename();
         pid_t process = 0;
         std::from_chars(name.data(), name.data() + name.size(), process);
@@ -59,7 +53,7 @@ bool HelperProcesses::isStopped(pid_t process) {
     return line.starts_with("State:\tT") || line.starts_with("State:\tt");
 }
 
-// By a descriptor, which cannot come to mean another process; pidfd_open(2).
+// By a descriptor, since the id may be reused; pidfd_open(2).
 void HelperProcesses::terminate(pid_t process) {
     const Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     if (pidfd.isOpen() && isHelper(process)) {
@@ -69,8 +63,9 @@ void HelperProcesses::terminate(pid_t process) {
 
 bool HelperProcesses::isHelper(pid_t process) const {
     const std::string folder = processFolder(process);
-    const fs::path program = linkAt(folder + "/exe");
-    // The kernel's mark for a file that is no longer at its path; proc_pid_exe(5).
+    std::error_code ignored;
+    const fs::path program = fs::read_symlink(folder + "/exe", ignored);
+    // The kernel's mark of a file that was unlinked; proc_pid_exe(5).
     const bool isReplaced = program == executable_ + " (deleted)";
     if (!isReplaced && (program != executable_ || !isSame(folder + "/exe", executable_))) {
         return false;
@@ -80,11 +75,10 @@ bool HelperProcesses::isHelper(pid_t process) const {
     std::string word;
     std::getline(std::getline(file, word, '\0'), word, '\0');
     struct stat status{};
-    // A container's own helper, or the machine's where this is a change root, may have the same
-    // path. The sandbox of the unit keeps the root folder; proc_pid_root(5).
+    // The helper of a container, or of the host of this chroot, may have the same path. The unit's
+    // sandbox keeps the root folder; proc_pid_root(5).
     return stat(folder.c_str(), &status) == 0 && status.st_uid == 0 &&
-           isSame(folder + "/root", "/") &&
-           linkAt(folder + "/ns/pid") == linkAt("/proc/self/ns/pid") &&
+           isSame(folder + "/root", "/") && isSame(folder + "/ns/pid", "/proc/self/ns/pid") &&
            word != OpenAsUser::modeWord;
 }
 

@@ -49,7 +49,7 @@ class HelperProcessesTest : public ::testing::Test {
     HelperProcesses processes{helper};
 };
 
-TEST_F(HelperProcessesTest, AreThoseThatRunTheHelper) {
+TEST_F(HelperProcessesTest, FindsProcessesOfTheExecutable) {
     EXPECT_THAT(processes.running(), IsEmpty());
     testing::copyProgram("/bin/sleep", helper + "2");
     const TestProcess other = start(helper + "2");
@@ -60,17 +60,17 @@ TEST_F(HelperProcessesTest, AreThoseThatRunTheHelper) {
                 ElementsAre(std::min(one.pid(), two.pid()), std::max(one.pid(), two.pid())));
 }
 
-TEST_F(HelperProcessesTest, MayBeStopped) {
+TEST_F(HelperProcessesTest, DetectsStoppedProcesses) {
     const TestProcess goesOn = start(helper);
     const TestProcess stops = start(helper);
     EXPECT_FALSE(processes.isStopped(stops.pid()));
     stops.stop();
     EXPECT_TRUE(processes.isStopped(stops.pid()));
     EXPECT_FALSE(processes.isStopped(goesOn.pid()));
-    EXPECT_FALSE(processes.isStopped(-1)) << "which is gone by now";
+    EXPECT_FALSE(processes.isStopped(-1)) << "no such process";
 }
 
-TEST_F(HelperProcessesTest, AreAskedToEndAlsoWhenTheirProgramWasReplaced) {
+TEST_F(HelperProcessesTest, TerminatesAlsoAfterTheExecutableWasReplaced) {
     const TestProcess one = start(helper);
     TestProcess two = start(helper);
     processes.terminate(two.pid());
@@ -87,7 +87,7 @@ TEST_F(HelperProcessesTest, AreAskedToEndAlsoWhenTheirProgramWasReplaced) {
     EXPECT_EQ(old.wait(), ended);
 }
 
-TEST_F(HelperProcessesTest, AreNobodysButRoots) {
+TEST_F(HelperProcessesTest, IgnoresOtherUsers) {
     constexpr uid_t nobody = 65534;
     TestProcess theirs({.words = {helper, "60"}, .person = nobody});
     EXPECT_THAT(processes.running(), IsEmpty());
@@ -95,7 +95,7 @@ TEST_F(HelperProcessesTest, AreNobodysButRoots) {
     EXPECT_TRUE(testing::always(Seconds{0.1}, [&] { return theirs.isRunning(); }));
 }
 
-TEST_F(HelperProcessesTest, AreNotThoseOfAnotherRoot) {
+TEST_F(HelperProcessesTest, IgnoresAChangedRoot) {
     const std::string self = fs::read_symlink("/proc/self/exe");
     const TestProcess elsewhere([this] {
         ASSERT_EQ(chroot(folder.path().c_str()), 0);
@@ -108,7 +108,7 @@ TEST_F(HelperProcessesTest, AreNotThoseOfAnotherRoot) {
                 AllOf(Contains(getpid()), Not(Contains(elsewhere.pid()))));
 }
 
-TEST_F(HelperProcessesTest, AreNotThoseOfAnotherFileAtTheSamePath) {
+TEST_F(HelperProcessesTest, IgnoresAnotherFileMountedAtThePath) {
     const std::string other = folder / "Other";
     testing::copyProgram("/bin/sleep", other);
     TestProcess process({.words = {helper, "60"}, .prepare = [&] {
@@ -125,9 +125,8 @@ TEST_F(HelperProcessesTest, AreNotThoseOfAnotherFileAtTheSamePath) {
     EXPECT_THAT(processes.running(), IsEmpty());
 }
 
-TEST_F(HelperProcessesTest, AreNotThoseThatOpenTheApp) {
-    // The loader waits for somebody to write the library, so any program keeps running, whatever it
-    // would make of its arguments.
+TEST_F(HelperProcessesTest, IgnoresOpenAsUserMode) {
+    // The loader blocks while it opens the FIFO, so the program runs whatever its arguments are.
     const std::string library = folder / "library";
     ASSERT_EQ(mkfifo(library.c_str(), 0600), 0);
     const auto wait = [&](const std::string& argument) {

@@ -4,7 +4,6 @@
 #include <sys/prctl.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,48 +20,41 @@ namespace halvo::control {
 namespace {
 
 using records::printable;
+// Errors are sentences without a full stop.
 using Done = std::expected<void, std::string>;
+using UnitsOrError = std::expected<Units, std::string>;
 
-// One conversation with systemd, which ends by its deadline. After a failure nothing more is asked,
-// and all that is told is empty.
-class Conversation {
+// A connection to systemd with one deadline for all calls. After the first failure no call is made,
+// and every result is empty.
+class Connection {
   public:
-    // On the first of `buses` that answers.
-    Conversation(const std::vector<BusAddress>& buses, Seconds limit)
-        : deadline_(deadlineAfter(limit)) {
-        for (const auto& [path, isBroker] : buses) {
-            problem_.clear();
-            auto socket = connectAsApp(path, deadline_);
-            auto bus = socket ? openBus(std::move(*socket)) : std::unexpected(socket.error());
-            note(bus ? 0 : -bus.error());
-            bus_ = bus ? std::move(*bus) : nullptr;
-            if (isBroker) {
-                ask("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                    "Hello", "");
-            }
-            if (problem_.empty()) {
-                return;
-            }
+    Connection(const BusAddress& address, Seconds limit) : deadline_(deadlineAfter(limit)) {
+        auto socket = connectAsApp(address.path, deadline_);
+        auto bus = socket ? openBus(std::move(*socket)) : std::unexpected(socket.error());
+        check(bus ? 0 : -bus.error());
+        bus_ = bus ? std::move(*bus) : nullptr;
+        if (address.isBroker) {
+            call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello");
         }
     }
 
-    // What failed first, as a sentence without a full stop; empty where nothing did.
+    // The first failure, as a sentence without a full stop; empty without one.
     [[nodiscard]] const std::string& problem() const { return problem_; }
 
     [[nodiscard]] Seconds left() const { return deadline_ - sinceBoot(); }
 
-    // The list of texts that is the property `name` of the unit called `unit`, which the interface
-    // of `kind` has; or the one text.
-    std::vector<std::string> texts(const std::string& unit, const std::string& kind,
-                                   const char* name, const char* type = "as") {
+    // Returns the property `name`, a list of strings, of `unit`; `kind` is the interface that has
+    // it. With the `type` "s" the property is one string.
+    std::vector<std::string> strings(const std::string& unit, const std::string& kind,
+                                     const char* name, const char* type = "as") {
         char* path = nullptr;
         sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
         const std::unique_ptr<char, decltype(&std::free)> owner(path, &std::free);
-        const BusMessage reply = ask(systemd, path, "org.freedesktop.DBus.Properties", "Get", "ss",
-                                     (systemd + ("." + kind)).c_str(), name);
-        note(sd_bus_message_enter_container(reply.get(), 'v', type));
+        const BusMessage reply = call(systemd, path, "org.freedesktop.DBus.Properties", "Get",
+                                      (systemd + ("." + kind)).c_str(), name);
+        check(sd_bus_message_enter_container(reply.get(), 'v', type));
         if (*type == 'a') {
-            note(sd_bus_message_enter_container(reply.get(), 'a', "s"));
+            check(sd_bus_message_enter_container(reply.get(), 'a', "s"));
         }
         std::vector<std::string> found;
         for (const char* each = nullptr; sd_bus_message_read(reply.get(), "s", &each) > 0;) {
@@ -71,42 +63,43 @@ class Conversation {
         return found;
     }
 
-    std::string text(const std::string& unit, const std::string& kind, const char* name) {
-        const auto found = texts(unit, kind, name, "s");
+    std::string string(const std::string& unit, const std::string& kind, const char* name) {
+        const auto found = strings(unit, kind, name, "s");
         return found.empty() ? "" : found.front();
     }
 
-    // Calls `method` of the manager for the unit `name`.
-    void call(const char* method, const std::string& name) {
-        ask(systemd, "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", method, "ss",
-            name.c_str(), "replace");
+    // Calls `method` of the manager, StopUnit or StartUnit, for `unit`.
+    void startJob(const char* method, const std::string& unit) {
+        call(systemd, "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", method,
+             unit.c_str(), "replace");
     }
 
   private:
     static constexpr const char* systemd = "org.freedesktop.systemd1";
 
-    // What a function of libsystemd gave, which refuses what an earlier one could not make.
-    void note(int result) {
+    // Takes the result of a function of libsystemd. All of them refuse the null pointers that
+    // earlier failures leave.
+    void check(int result) {
         if (result < 0 && problem_.empty()) {
             problem_ = "systemd does not answer: " + errorText(-result);
         }
     }
 
-    // The reply to a call with arguments of `types`; null after a failure.
-    template <typename... Arguments>
-    BusMessage ask(const char* destination, const char* path, const char* interface,
-                   const char* member, const char* types, Arguments... arguments) {
+    // Calls `member`, with two strings unless they are null, and returns the reply; null after a
+    // failure.
+    BusMessage call(const char* destination, const char* path, const char* interface,
+                    const char* member, const char* first = nullptr, const char* second = nullptr) {
         sd_bus_message* raw = nullptr;
-        note(
+        check(
             sd_bus_message_new_method_call(bus_.get(), &raw, destination, path, interface, member));
         const BusMessage request(raw);
-        note(sd_bus_message_append(raw, types, arguments...));
+        check(sd_bus_message_append(raw, first == nullptr ? "" : "ss", first, second));
         if (!problem_.empty()) {
             return nullptr;
         }
         auto reply = callWithin(deadline_, *bus_, *request);
         if (!reply) {
-            note(reply.error() == ETIMEDOUT ? -ETIMEDOUT : -ECONNRESET);
+            check(reply.error() == ETIMEDOUT ? -ETIMEDOUT : -ECONNRESET);
             return nullptr;
         }
         if (const sd_bus_error* error = sd_bus_message_get_error(reply->get())) {
@@ -121,23 +114,23 @@ class Conversation {
     std::string problem_;
 };
 
-// Those of the helper called `helper`.
-Answer readUnits(Conversation systemd, const std::string& helper) {
+// Reads those of the helper `helper`.
+UnitsOrError readUnits(Connection systemd, const std::string& helper) {
     const auto unit = [&](const std::string& name, const char* kind) -> Unit {
         return {.name = name,
-                .load = systemd.text(name, "Unit", "LoadState"),
-                .active = systemd.text(name, "Unit", "ActiveState"),
-                .enabled = systemd.text(name, "Unit", "UnitFileState"),
-                .result = systemd.text(name, kind, "Result"),
-                .sub = systemd.text(name, "Unit", "SubState")};
+                .load = systemd.string(name, "Unit", "LoadState"),
+                .active = systemd.string(name, "Unit", "ActiveState"),
+                .enabled = systemd.string(name, "Unit", "UnitFileState"),
+                .result = systemd.string(name, kind, "Result"),
+                .sub = systemd.string(name, "Unit", "SubState")};
     };
     Units units{unit(helper + ".socket", "Socket"),
                 unit(helper + ".service", "Service"),
                 unit(helper + "-resume.service", "Service"),
                 {}};
     const std::string& service = units.service.name;
-    if (systemd.text(service, "Service", "ProtectSystem") == "strict") {
-        units.writable = systemd.texts(service, "Service", "ReadWritePaths");
+    if (systemd.string(service, "Service", "ProtectSystem") == "strict") {
+        units.writable = systemd.strings(service, "Service", "ReadWritePaths");
         for (std::string& folder : *units.writable) {
             folder.erase(0, folder.find_first_not_of("-+"));
         }
@@ -150,14 +143,15 @@ Answer readUnits(Conversation systemd, const std::string& helper) {
 
 class SystemdService final : public Service {
   public:
-    SystemdService(const Machine& machine, std::vector<BusAddress> buses, Seconds limit)
-        : machine_(machine), buses_(std::move(buses)), limit_(limit) {
-        startCommand = isBooted() ? "systemctl start " + service_ : machine.helper;
-        restartCommand = isBooted() ? "systemctl restart " + service_ : "";
+    SystemdService(const Machine& machine, std::optional<BusAddress> bus, Seconds limit)
+        : machine_(machine), bus_(std::move(bus)), limit_(limit) {
+        startCommand = bus_ ? "systemctl start " + service_ : machine.helper;
+        restartCommand = bus_ ? "systemctl restart " + service_ : "";
+        releaseLock = "/run/" + helper_ + ".release.lock";
     }
 
     std::string whatStarts() override {
-        if (!isBooted()) {
+        if (!bus_) {
             return "nothing starts it, since systemd does not run here; start it by hand: " +
                    machine_.helper;
         }
@@ -181,14 +175,14 @@ class SystemdService final : public Service {
         if (!units()) {
             return std::unexpected(units().error() + ". Try again when systemd answers.");
         }
-        // The socket with the service: the app calls every 2 seconds, which would start it again.
+        // The socket too: the app calls every 2 seconds, which would start the service again.
         std::vector<std::string> names;
         for (const Unit& unit : {units()->socket, units()->service}) {
             if (unit.isLoaded() || unit.isUp()) {
                 names.push_back(unit.name);
             }
         }
-        // systemd gives the service time to end, and kills it after that.
+        // systemd kills the service if it has not ended in time.
         const Done stopped =
             names.empty() ? Done()
                           : run("StopUnit", names, Seconds{30},
@@ -197,7 +191,7 @@ class SystemdService final : public Service {
             return std::unexpected("systemd did not stop the helper: " + stopped.error() +
                                    ". Look into systemctl status " + service_ + ", and try again.");
         }
-        // One that was started by hand, or that runs where there is no systemd.
+        // Helpers that were started by hand.
         return endAll(machine_.processes, machine_.waiter);
     }
 
@@ -222,7 +216,7 @@ class SystemdService final : public Service {
         return "";
     }
 
-    // A helper in the unit's sandbox can lock nowhere else; else anywhere.
+    // Outside of these the unit's sandbox prevents locking.
     std::vector<std::string> otherApplications() override {
         auto folders = units().value_or(Units{}).writable;
         if (!folders) {
@@ -235,72 +229,76 @@ class SystemdService final : public Service {
     }
 
     Checks examine() override {
+        const std::string folder = folderOf(machine_.helper);
         Checks checks{isNotApplicable("systemd", "does not run here; start the helper by hand: " +
                                                      printable(machine_.helper))};
-        if (isBooted()) {
-            checks = checkUnits(units());
+        if (bus_) {
+            checks = units() ? checkUnits(*units()) : Checks{noAnswer("systemd")};
         }
+        checks.insert(
+            checks.begin(),
+            checkHelperFiles({machine_.helper, folder + "/halvoctl", folder + "/Info.plist"}, "/",
+                             "A user who can change the helper can become root."));
         checks.push_back(checkSocket(
-            HelperBus::socketPath(machine_.identity.helperBundleID()),
-            isBooted() || !machine_.processes.running().empty(),
-            isBooted() ? "systemctl restart " + socket_ : "Stop the helper and start it again."));
-        checks.push_back(checkLog("/run/systemd/journal/socket"));
+            HelperBus::socketPath(helper_), bus_ || !machine_.processes.running().empty(),
+            bus_ ? "systemctl restart " + socket_ : "Stop the helper and start it again."));
+        checks.push_back(checkOptionalSocket(
+            "log", "/run/systemd/journal/socket", "journalctl SUBSYSTEM=app.halvo CATEGORY=Helper",
+            "there is no journal; the helper writes to its standard error"));
         return checks;
     }
 
     Checks examineApp(const std::string& app) override {
-        Checks checks{checkAppFiles(app)};
-        if (const auto gid = groupOfApp(app)) {
-            const auto facts = readGroup(*gid);
-            checks.push_back(facts ? checkGroup(*facts)
-                                   : isProblem("app's group", printable(facts.error()),
-                                               "The helper must read it too: mend that file."));
-        }
+        Checks checks = checkAppFiles(app);
         const bool mayLock = prctl(PR_CAPBSET_READ, CAP_LINUX_IMMUTABLE, 0, 0, 0) == 1;
         checks.push_back(checkFlagSupport(app, !machine_.isRoot || mayLock));
-        // Of what it does not lock anywhere, the app's place says so.
-        if (isBooted() && AppLocation::isLockablePath(app)) {
-            checks.push_back(checkSandbox(units(), app));
+        // Other paths are a problem of the app's place.
+        if (bus_ && AppLocation::isLockablePath(app)) {
+            checks.push_back(units() ? checkSandbox(*units(), app) : noAnswer("sandbox"));
         }
         return checks;
     }
 
     Checks examineSession(std::uint32_t uid) override {
-        return {checkUserManager("/run/user/" + std::to_string(uid) + "/systemd/private")};
+        return {checkOptionalSocket(
+            "user manager", "/run/user/" + std::to_string(uid) + "/systemd/private",
+            "their own systemd is there, and opens the app",
+            "they have no systemd of their own; the helper opens the app itself")};
     }
 
   private:
-    [[nodiscard]] bool isBooted() const { return !buses_.empty(); }
-
-    // Empty ones where systemd does not run.
-    const Answer& units() {
+    // Empty without systemd.
+    const UnitsOrError& units() {
         if (!units_) {
-            units_ = isBooted() ? readUnits(Conversation(buses_, limit_), helper_) : Units{};
+            units_ = bus_ ? readUnits(Connection(*bus_, limit_), helper_) : Units{};
         }
         return *units_;
     }
 
-    // Calls `method` of the manager, StopUnit or StartUnit, for the units called `names`, and waits
-    // until they are inactive, or active: at most for `limit`; says `line` when that takes a
-    // second. Fails with a sentence without a full stop.
+    Check noAnswer(const char* name) {
+        return isProblem(name, units().error(), "Look whether systemctl works at all.");
+    }
+
+    // Calls `method` of the manager, StopUnit or StartUnit, for the units `names`, and waits until
+    // they are inactive, or active: at most for `limit`; prints `line` after a second.
     Done run(const char* method, const std::vector<std::string>& names, Seconds limit,
              const std::string& line) {
-        Conversation systemd(buses_, limit);
+        Connection systemd(*bus_, limit);
         for (const std::string& name : names) {
-            systemd.call(method, name);
+            systemd.startJob(method, name);
         }
         Unit unit;
         const auto areDone = [&] {
             return std::ranges::all_of(names, [&](const std::string& name) {
-                unit.active = systemd.text(name, "Unit", "ActiveState");
+                unit.active = systemd.string(name, "Unit", "ActiveState");
                 const bool isDone =
                     method == std::string("StopUnit") ? !unit.isUp() : unit.active == "active";
                 return isDone || !systemd.problem().empty();
             });
         };
-        // Leaves time for an answer to the last question.
-        constexpr Seconds lastAnswer{0.2};
-        const bool isOver = machine_.waiter.wait(areDone, systemd.left() - lastAnswer, line);
+        // Leaves time for the last reply.
+        constexpr Seconds lastReply{0.2};
+        const bool isOver = machine_.waiter.wait(areDone, systemd.left() - lastReply, line);
         if (!systemd.problem().empty()) {
             return std::unexpected(systemd.problem());
         }
@@ -311,35 +309,26 @@ class SystemdService final : public Service {
     }
 
     const Machine& machine_;
-    std::vector<BusAddress> buses_;
+    std::optional<BusAddress> bus_;
     Seconds limit_;
     std::string helper_ = machine_.identity.helperBundleID();
     std::string socket_ = helper_ + ".socket";
     std::string service_ = helper_ + ".service";
-    std::optional<Answer> units_;
+    std::optional<UnitsOrError> units_;
 };
 
 }  // namespace
 
-std::unique_ptr<Service> systemdService(const Machine& machine, std::vector<BusAddress> buses,
+std::unique_ptr<Service> systemdService(const Machine& machine, std::optional<BusAddress> bus,
                                         Seconds limit) {
-    return std::make_unique<SystemdService>(machine, std::move(buses), limit);
+    return std::make_unique<SystemdService>(machine, std::move(bus), limit);
 }
 
-std::string releaseLockPath(const HelperIdentity& identity) {
-    return "/run/" + identity.helperBundleID() + ".release.lock";
-}
-
+// As systemctl(1) does: root talks to systemd itself, which needs no broker.
 std::unique_ptr<Service> liveService(const Machine& machine) {
-    if (sd_booted() <= 0) {
-        return systemdService(machine, {});
-    }
-    // systemd's own socket needs no broker, and is root's.
-    std::vector<BusAddress> buses{{"/run/dbus/system_bus_socket", true}};
-    if (machine.isRoot) {
-        buses.insert(buses.begin(), {"/run/systemd/private", false});
-    }
-    return systemdService(machine, std::move(buses));
+    const BusAddress bus = machine.isRoot ? BusAddress{"/run/systemd/private", false}
+                                          : BusAddress{"/run/dbus/system_bus_socket", true};
+    return systemdService(machine, sd_booted() > 0 ? std::optional(bus) : std::nullopt);
 }
 
 }  // namespace halvo::control

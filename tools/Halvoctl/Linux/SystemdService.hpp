@@ -1,5 +1,5 @@
-// The helper under systemd (org.freedesktop.systemd1(5)), or started by hand where that does not
-// run, and what doctor looks at on Linux.
+// The helper's systemd units (org.freedesktop.systemd1(5)), or a helper started by hand where
+// systemd is not the init system; and what doctor checks on Linux only.
 #pragma once
 
 #include "HalvoHelper/Linux/CallerRules.hpp"
@@ -7,13 +7,14 @@
 
 namespace halvo::control {
 
+// The properties of one unit, as systemd names their values.
 struct Unit {
     std::string name;
     // "loaded", "not-found", "masked", ...
     std::string load;
     // "active", "inactive", "failed", ...
     std::string active;
-    // "enabled", "disabled", "static", ...; empty when there is no file.
+    // "enabled", "disabled", "static", ...; empty without a unit file.
     std::string enabled;
     // "success", or why it failed.
     std::string result;
@@ -22,15 +23,14 @@ struct Unit {
 
     [[nodiscard]] bool isLoaded() const { return load == "loaded"; }
 
-    // It runs, or is about to.
     [[nodiscard]] bool isActive() const { return active == "active" || active == "activating"; }
 
-    // There is something to stop, also of a unit whose file is gone or masked since it was started.
+    // Whether it has to be stopped. A unit whose file was removed or masked may still be active.
     [[nodiscard]] bool isUp() const {
         return !active.empty() && active != "inactive" && active != "failed";
     }
 
-    // It ended, and systemd starts it again in a moment; active too.
+    // Whether it ended and systemd is about to start it again; it counts as active meanwhile.
     [[nodiscard]] bool isRestarting() const { return sub.starts_with("auto-restart"); }
 };
 
@@ -40,55 +40,48 @@ struct Units {
     Unit service;
     // Starts the service at boot while a commitment is stored.
     Unit resume;
-    // The folders of the service's ReadWritePaths=, without the "-" and "+" in front; absent where
-    // ProtectSystem= is not "strict", and it can write everywhere (systemd.exec(5)).
+    // The service's ReadWritePaths=, without "-" and "+" in front; absent unless ProtectSystem= is
+    // "strict": then it can write everywhere (systemd.exec(5)).
     std::optional<std::vector<std::string>> writable;
 };
 
-// What systemd says of them, or why it says nothing, as a sentence without a full stop.
-using Answer = std::expected<Units, std::string>;
-
-// A bus on which systemd is reached.
+// The Unix socket on which systemd is reached.
 struct BusAddress {
-    // Of a Unix socket.
     std::string path;
-    // A message broker's; else systemd itself is the other side.
+    // A message broker listens there, not systemd itself.
     bool isBroker{};
 };
 
-// The service, which asks systemd once about the units, within `limit`, on the first of `buses`
-// that answers. Without any systemd is not the machine's init system (sd_booted(3)).
-std::unique_ptr<Service> systemdService(const Machine& machine, std::vector<BusAddress> buses,
+// The service, which asks systemd on `bus` once about the units, within `limit`. Without a bus
+// systemd is not the machine's init system (sd_booted(3)).
+std::unique_ptr<Service> systemdService(const Machine& machine, std::optional<BusAddress> bus,
                                         Seconds limit = Seconds{10});
 
-// ------------------------------------------------------------------------------ parts of doctor
+// ------------------------------------------------------------------------------- checks of doctor
 
-Checks checkUnits(const Answer& units);
+Checks checkUnits(const Units& units);
 
-// The socket at `path`. `isExpected`: systemd listens, or should, or a helper that runs. `remedy`:
-// what makes it anew.
+// The socket at `path`. `isExpected`: without it, a missing socket is no problem. `remedy`: what
+// makes a new one.
 Check checkSocket(const std::string& path, bool isExpected, const std::string& remedy);
 
-// The files of the bundle at `app` that the helper judges a caller by, and the mount below them.
-Check checkAppFiles(const std::string& app);
+// The files of the bundle at `app` by which the helper admits it, and their mount; then, for a
+// set-group-id executable, its group (checkGroup()).
+Checks checkAppFiles(const std::string& app);
 
-// The group that the executable of the bundle at `app` carries, if it carries one.
-std::optional<gid_t> groupOfApp(const std::string& app);
+// The app's private group, of which `facts` may be an error. The helper refuses an app with a group
+// that other processes could have.
+Check checkGroup(const std::expected<GroupFacts, std::string>& facts);
 
-// The app's private group. The helper refuses an app whose group others could have.
-Check checkGroup(const GroupFacts& facts);
-
-// Whether the file system of the bundle at `app` has the flag, and can be written. `mayLock`: root
-// in this machine or container may set it (CAP_LINUX_IMMUTABLE, capabilities(7)).
+// Whether the file system of the bundle at `app` has the immutable flag and is writable. `mayLock`:
+// root has CAP_LINUX_IMMUTABLE (capabilities(7)).
 Check checkFlagSupport(const std::string& app, bool mayLock);
 
 // Whether the helper can lock the bundle at `app` from within the sandbox of its unit.
-Check checkSandbox(const Answer& units, const std::string& app);
+Check checkSandbox(const Units& units, const std::string& app);
 
-// The journal's socket at `path`.
-Check checkLog(const std::string& path);
-
-// The socket at `path` of a person's own systemd manager.
-Check checkUserManager(const std::string& path);
+// A socket that need not exist. `present`, `absent`: the finding if it does, and if it does not.
+Check checkOptionalSocket(const std::string& name, const std::string& path,
+                          const std::string& present, const std::string& absent);
 
 }  // namespace halvo::control

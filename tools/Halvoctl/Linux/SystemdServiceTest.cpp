@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
@@ -20,6 +21,7 @@
 namespace halvo::control {
 namespace {
 
+namespace fs = std::filesystem;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Field;
@@ -29,21 +31,22 @@ const std::string helper = "com.example.app.helper";
 const std::string socketName = helper + ".socket";
 const std::string serviceName = helper + ".service";
 
-// systemd on the other side of the bus. Writes down who connects and which jobs it is given.
+// systemd as a D-Bus peer. Prints each connection and each job.
 struct Peer {
-    // By interface and property: those of every unit. And by unit too, without the helper's name.
+    // By "INTERFACE.PROPERTY", for all units; or by "UNIT INTERFACE.PROPERTY", with the unit's name
+    // after that of the helper.
     Texts texts{{"Unit.LoadState", "loaded"},       {"Unit.ActiveState", "active"},
                 {"Unit.UnitFileState", "enabled"},  {"Unit.SubState", "running"},
                 {"Socket.Result", "success"},       {"Service.Result", "success"},
                 {"Service.ProtectSystem", "strict"}};
-    // What it does instead of what it is asked: "refuses" jobs or "hangs up" on them, leaves units
-    // "stuck"; gives a property of an "odd" type, or a "mute" error.
+    // "refuses": an error for jobs; "hangs up": disconnects at a job; "stuck": jobs do not finish;
+    // "odd": a property of another type; "mute": an error without a message.
     std::string flaw{};
-    // A broker answers nothing before it is greeted.
+    // A broker requires Hello first.
     bool isBroker = false;
     bool isGreeted = false;
-    // How many looks at a unit a job still takes.
-    int looksLeft = 0;
+    // How many reads of ActiveState a job still takes.
+    int readsLeft = 0;
 };
 
 int startJob(Peer& peer, sd_bus_message* call, const std::string& unit) {
@@ -55,12 +58,12 @@ int startJob(Peer& peer, sd_bus_message* call, const std::string& unit) {
     if (peer.flaw == "refuses") {
         return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Access\ndenied");
     }
-    peer.looksLeft = peer.flaw == "stuck" ? 1'000'000 : 3;
+    peer.readsLeft = peer.flaw == "stuck" ? 1'000'000 : 3;
     peer.texts[unit + " Unit.ActiveState"] = method == "StopUnit" ? "inactive" : "active";
     return sd_bus_reply_method_return(call, "o", "/job/7");
 }
 
-int tell(Peer& peer, sd_bus_message* call, const std::string& property) {
+int getProperty(Peer& peer, sd_bus_message* call, const std::string& property) {
     if (property.ends_with("SubState") && peer.flaw == "odd") {
         return sd_bus_reply_method_return(call, "v", "b", 1);
     }
@@ -75,7 +78,7 @@ int tell(Peer& peer, sd_bus_message* call, const std::string& property) {
     const auto own = peer.texts.find(property);
     const std::string& text =
         own != peer.texts.end() ? own->second : peer.texts[property.substr(property.find(' ') + 1)];
-    const bool isChanging = property.ends_with("ActiveState") && peer.looksLeft-- > 0;
+    const bool isChanging = property.ends_with("ActiveState") && peer.readsLeft-- > 0;
     return sd_bus_reply_method_return(call, "v", "s", isChanging ? "changing" : text.c_str());
 }
 
@@ -105,7 +108,7 @@ int answer(sd_bus_message* call, void* data, sd_bus_error*) {
     const std::string property =
         std::string(unit).substr(helper.size()) + " " + interface + "." + second;
     std::free(unit);
-    return tell(peer, call, property);
+    return getProperty(peer, call, property);
 }
 
 class SystemdServiceTest : public ::testing::Test {
@@ -143,10 +146,10 @@ class SystemdServiceTest : public ::testing::Test {
     }
 
     std::unique_ptr<Service> service(bool isBroker = false, Seconds limit = Seconds{10}) {
-        return systemdService(fake.machine, {{"/nowhere/bus", false}, {path, isBroker}}, limit);
+        return systemdService(fake.machine, BusAddress{path, isBroker}, limit);
     }
 
-    std::unique_ptr<Service> bare() { return systemdService(fake.machine, {}); }
+    std::unique_ptr<Service> bare() { return systemdService(fake.machine, std::nullopt); }
 
     FakeMachine fake;
     std::vector<pid_t>& processes = fake.processes.processes;
@@ -154,7 +157,7 @@ class SystemdServiceTest : public ::testing::Test {
     Descriptor listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
-TEST_F(SystemdServiceTest, StopsWhatThereIsAndStartsTheSocketAgain) {
+TEST_F(SystemdServiceTest, StopsLoadedUnitsAndStartsTheSocketAgain) {
     const std::string asked = "connected\n";
     const std::string stopsService = "connected\nStopUnit .service\n";
     const std::string stopsBoth = "connected\nStopUnit .socket\nStopUnit .service\n";
@@ -189,7 +192,7 @@ TEST_F(SystemdServiceTest, StopsWhatThereIsAndStartsTheSocketAgain) {
         processes = {7};
         const auto systemd = service();
         EXPECT_TRUE(systemd->stop());
-        EXPECT_TRUE(processes.empty()) << "also one that was started by hand";
+        EXPECT_TRUE(processes.empty()) << "helpers started by hand are stopped too";
         EXPECT_EQ(systemd->resume(), row.resumed);
         EXPECT_EQ(peer.output(), row.calls);
     }
@@ -199,7 +202,7 @@ TEST_F(SystemdServiceTest, StopsWhatThereIsAndStartsTheSocketAgain) {
     EXPECT_TRUE(processes.empty());
 }
 
-TEST_F(SystemdServiceTest, SaysWhatSystemdDidNotDo) {
+TEST_F(SystemdServiceTest, ReportsFailedJobs) {
     for (const auto& [flaw, problem] :
          {std::pair{"refuses", "Access\\ndenied"},
           std::pair{"hangs up", "systemd does not answer: Connection reset by peer"},
@@ -219,11 +222,11 @@ TEST_F(SystemdServiceTest, SaysWhatSystemdDidNotDo) {
                 ElementsAre("Waiting for systemd to stop the helper, at most 30 seconds.",
                             "Waiting for systemd to start the helper's socket, at most 10 "
                             "seconds."));
-    // Ten for what the units are and ten for the processes make a minute.
+    // With 10 for reading the units and 10 for the processes at most a minute.
     EXPECT_NEAR((fake.waiter.time - Seconds{1000}).count(), 39.6, 0.5);
 }
 
-TEST_F(SystemdServiceTest, SaysThatSystemdDoesNotAnswer) {
+TEST_F(SystemdServiceTest, ReportsThatSystemdDoesNotAnswer) {
     const std::string unknown = "nothing is known of what starts it: ";
     const std::string mute = "systemd does not answer: ";
     const auto expectTimeOut = [&] {
@@ -233,7 +236,7 @@ TEST_F(SystemdServiceTest, SaysThatSystemdDoesNotAnswer) {
         EXPECT_GE(testing::timeNow() - start, Seconds{0.3});
         EXPECT_LT(testing::timeNow() - start, Seconds{5});
     };
-    EXPECT_EQ(systemdService(fake.machine, {{"/nowhere/bus", true}})->whatStarts(),
+    EXPECT_EQ(systemdService(fake.machine, BusAddress{"/nowhere/bus", true})->whatStarts(),
               unknown + mute + "No such file or directory");
     for (const auto& [flaw, problem] :
          {std::pair{"odd", mute + "No such device or address"},
@@ -250,7 +253,7 @@ TEST_F(SystemdServiceTest, SaysThatSystemdDoesNotAnswer) {
         EXPECT_TRUE(fake.processes.terminated.empty());
         EXPECT_EQ(peer.output(), "connected\n");
     }
-    // It takes no connection, then one that it does not answer, then some calls of.
+    // First the connection is not accepted, then nothing is answered.
     expectTimeOut();
     const testing::TestProcess silent([this] {
         accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
@@ -260,7 +263,7 @@ TEST_F(SystemdServiceTest, SaysThatSystemdDoesNotAnswer) {
     expectTimeOut();
 }
 
-TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
+TEST_F(SystemdServiceTest, DescribesWhatStartsTheHelper) {
     struct {
         Texts changes;
         std::string starts;
@@ -289,7 +292,7 @@ TEST_F(SystemdServiceTest, SaysWhatStartsTheHelper) {
     EXPECT_EQ(bare()->restartCommand, "");
 }
 
-TEST_F(SystemdServiceTest, ExaminesEachUnit) {
+TEST_F(SystemdServiceTest, ChecksEachUnit) {
     const std::string resume = "-resume.service";
 
     // In the advice, "@" stands for the unit's name.
@@ -334,15 +337,15 @@ TEST_F(SystemdServiceTest, ExaminesEachUnit) {
         const auto peer = start(changes);
         const Checks checks = service()->examine();
         for (const std::string unit : {".socket", ".service", "-resume.service"}) {
-            const Check well = isOk("systemd", helper + unit + " is enabled, active");
-            const Check odd{"systemd", advice.empty() ? Verdict::ok : Verdict::problem,
-                            name + " " + row.finding, advice};
-            EXPECT_THAT(checks, Contains(unit == row.unit ? odd : well));
+            const Check ok = isOk("systemd", helper + unit + " is enabled, active");
+            const Check changed{"systemd", advice.empty() ? Verdict::ok : Verdict::problem,
+                                name + " " + row.finding, advice};
+            EXPECT_THAT(checks, Contains(unit == row.unit ? changed : ok));
         }
     }
 }
 
-TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
+TEST_F(SystemdServiceTest, ChecksWithAndWithoutAnswersOfSystemd) {
     const std::string app = "/srv/B C/Applications/Halvo.app";
     const auto hasSandbox = Contains(Field(&Check::name, "sandbox"));
     {
@@ -355,7 +358,7 @@ TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
         EXPECT_THAT(systemd->otherApplications(),
                     ElementsAre("/Applications", "/Library/Application Support/Applications",
                                 "/srv/B C/Applications", "/srv/MyApplications/Applications"));
-        EXPECT_EQ(peer.output(), "connected\n") << "asked once";
+        EXPECT_EQ(peer.output(), "connected\n") << "one connection";
     }
     const auto homes = bare()->otherApplications();
     EXPECT_THAT(homes, Contains("/root/Applications"));
@@ -363,7 +366,7 @@ TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
         const auto peer = start(Texts{{".service Service.ProtectSystem", "full"}});
         EXPECT_EQ(service()->otherApplications(), homes);
     }
-    const auto mute = systemdService(fake.machine, {{"/nowhere/bus", false}});
+    const auto mute = systemdService(fake.machine, BusAddress{"/nowhere/bus", false});
     const std::string finding = "systemd does not answer: No such file or directory";
     const std::string advice = "Look whether systemctl works at all.";
     EXPECT_THAT(mute->examine(), Contains(isProblem("systemd", finding, advice)));
@@ -380,7 +383,26 @@ TEST_F(SystemdServiceTest, IsExaminedWithAndWithoutWhatSystemdSays) {
     EXPECT_THAT(bare()->examine(), Contains(isProblem("socket", "there is none at " + socket,
                                                       "Stop the helper and start it again.")));
     EXPECT_THAT(bare()->examineApp(app), Not(hasSandbox));
-    EXPECT_EQ(releaseLockPath(fake.machine.identity), "/run/com.example.app.helper.release.lock");
+    EXPECT_EQ(bare()->releaseLock, "/run/com.example.app.helper.release.lock");
+}
+
+TEST_F(SystemdServiceTest, ChecksTheHelperHalvoctlAndTheInfoPlist) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to make a folder that only root can change";
+    }
+    const std::string folder = "/run/halvo-service-test-" + std::to_string(getpid());
+    fs::create_directory(folder);
+    fake.machine.helper = folder + "/HalvoHelper";
+    for (const char* name : {"/HalvoHelper", "/halvoctl", "/Info.plist"}) {
+        EXPECT_EQ(bare()->examine().front(),
+                  isProblem("helper files", folder + name + ": No such file or directory",
+                            "A user who can change the helper can become root. Install it again, "
+                            "in folders that only root can write to."));
+        testing::writeTestFile(folder + name, "");
+        fs::permissions(folder + name, fs::perms{0644});
+    }
+    EXPECT_EQ(bare()->examine().front(), isOk("helper files", "root's alone, in " + folder));
+    fs::remove_all(folder);
 }
 
 }  // namespace

@@ -31,8 +31,8 @@ void HelperProcesses::terminate(pid_t process) {
     }
 }
 
-// The open-as-user mode, which is root's for a moment in the same executable, counts here: libproc
-// does not tell the words of a process.
+// Counts processes in open-as-user mode, which run the same executable as root for a moment:
+// libproc does not report the arguments of a process.
 bool HelperProcesses::isHelper(pid_t process) const {
     PathBuffer path{};
     return process > 0 && isProcessOf(0, process) && executablePath(process, path) == executable_;

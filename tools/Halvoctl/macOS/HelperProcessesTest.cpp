@@ -21,27 +21,27 @@ class HelperProcessesTest : public ::testing::Test {
     HelperProcesses processes{helper};
 };
 
-TEST_F(HelperProcessesTest, AreThoseOfRootThatRunTheHelper) {
+TEST_F(HelperProcessesTest, FindsProcessesOfTheExecutableThatRootRuns) {
     EXPECT_TRUE(processes.running().empty());
     fake::world().processes = {{0, 0, helper},    {90, 0, helper},       {1, 0, "/sbin/launchd"},
                                {70, 501, helper}, {80, 0, helper + "2"}, {60, 0, helper}};
     EXPECT_EQ(processes.running(), (std::vector<pid_t>{60, 90}));
     fake::world().processes = {{0, 0, helper}, {1, 0, helper}};
-    EXPECT_EQ(processes.running(), std::vector<pid_t>{1}) << "as in a machine of its own";
+    EXPECT_EQ(processes.running(), std::vector<pid_t>{1}) << "process 1 may be the helper";
 }
 
-TEST_F(HelperProcessesTest, MayBeStopped) {
+TEST_F(HelperProcessesTest, DetectsStoppedProcesses) {
     fake::world().processes = {{60, 0, helper}, {70, 0, helper}, {80, 0, helper}};
     fake::world().processes[1].isStopped = true;
     fake::world().processes[2].isStopped = true;
     fake::world().processes[2].infoSize = 63;
     EXPECT_FALSE(processes.isStopped(60));
     EXPECT_TRUE(processes.isStopped(70));
-    EXPECT_FALSE(processes.isStopped(80)) << "of which the system does not say all";
-    EXPECT_FALSE(processes.isStopped(90)) << "which is gone by now";
+    EXPECT_FALSE(processes.isStopped(80)) << "the system returned less than asked for";
+    EXPECT_FALSE(processes.isStopped(90)) << "no such process";
 }
 
-TEST_F(HelperProcessesTest, AreAskedToEndButNoOthers) {
+TEST_F(HelperProcessesTest, TerminatesOnlyHelpers) {
     testing::TestProcess child([] { pause(); });
     fake::world().processes = {{child.pid(), 501, helper}};
     processes.terminate(child.pid());

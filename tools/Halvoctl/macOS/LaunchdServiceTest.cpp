@@ -27,7 +27,7 @@ using Words = std::vector<std::string>;
 const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 const std::string copyFolder = "/Library/Application Support/com.example.app.helper.copy";
 
-// A service whose launchctl ends as `answers` say; the last of several stays.
+// A service whose launchctl returns `answers`, the last of them repeatedly.
 struct LaunchdMachine : FakeMachine {
     LaunchdMachine(std::deque<Status> print, const Status& bootout)
         : answers{{"print", std::move(print)}, {"bootout", {bootout}}} {
@@ -40,13 +40,15 @@ struct LaunchdMachine : FakeMachine {
     Words calls;
     std::vector<Seconds> limits;
     Words lines;
-    std::unique_ptr<Service> launchd =
-        launchdService(machine, [this](const Words& words, Seconds limit, const std::string& line) {
-            EXPECT_EQ(words.at(1), "system/com.example.app.helper");
-            calls.push_back(words.at(0));
+    std::unique_ptr<Service> launchd = launchdService(
+        machine, [this](Waiter& used, const Words& words, Seconds limit, const std::string& line) {
+            EXPECT_EQ(&used, &waiter);
+            EXPECT_EQ(words.at(0), "/bin/launchctl");
+            EXPECT_EQ(words.at(2), "system/com.example.app.helper");
+            calls.push_back(words.at(1));
             limits.push_back(limit);
             lines.push_back(line);
-            std::deque<Status>& list = answers.at(words.at(0));
+            std::deque<Status>& list = answers.at(words.at(1));
             const Status answer = list.front();
             if (list.size() > 1) {
                 list.pop_front();
@@ -55,7 +57,7 @@ struct LaunchdMachine : FakeMachine {
         });
 };
 
-TEST(LaunchdServiceTest, TakesTheJobOut) {
+TEST(LaunchdServiceTest, RemovesTheJob) {
     const Status mute = std::unexpected("launchctl is stuck");
     const std::string back =
         "The helper is back at the next boot, or when the app registers it anew.";
@@ -88,7 +90,7 @@ TEST(LaunchdServiceTest, TakesTheJobOut) {
         EXPECT_EQ(mac.calls, row.calls);
         EXPECT_EQ(mac.launchd->resume(), row.resumed);
         EXPECT_EQ(mac.processes.processes.empty(), stopped.has_value())
-            << "also one that no job started";
+            << "helpers started by hand are stopped too";
         if (row.calls == all) {
             EXPECT_THAT(mac.limits, ElementsAre(Seconds{10}, Seconds{30}, Seconds{10}));
             EXPECT_THAT(
@@ -98,7 +100,7 @@ TEST(LaunchdServiceTest, TakesTheJobOut) {
     }
 }
 
-TEST(LaunchdServiceTest, SaysWhatStartsTheHelperAndHasLittleToExamine) {
+TEST(LaunchdServiceTest, DescribesWhatStartsTheHelperAndChecksItsFiles) {
     LaunchdMachine mac({0, 113, std::unexpected("launchctl is stuck")}, 0);
     const auto starts = [&] { return mac.launchd->whatStarts(); };
     EXPECT_EQ(starts(), "it starts when the app calls, and at boot");
@@ -109,34 +111,19 @@ TEST(LaunchdServiceTest, SaysWhatStartsTheHelperAndHasLittleToExamine) {
     EXPECT_EQ(liveService(mac.machine)->whatStarts(),
               "nothing is known of what starts it: /bin/launchctl cannot be started: No such file "
               "or directory");
-    EXPECT_EQ(mac.launchd->examine(), Checks{checkOpening("/anywhere/HalvoHelper", identity)});
+    EXPECT_EQ(mac.launchd->examine().at(1), checkOpening("/anywhere/HalvoHelper", identity));
     EXPECT_THAT(mac.launchd->examineApp("/Applications/Halvo.app"), IsEmpty());
     EXPECT_THAT(mac.launchd->examineSession(501), IsEmpty());
     EXPECT_THAT(mac.launchd->otherApplications(), Contains("/root/Applications"));
     EXPECT_EQ(clearCommand("/Applications/My App.app"),
               "chflags noschg '/Applications/My App.app'");
-    EXPECT_EQ(releaseLockPath(identity), "/var/run/com.example.app.helper.release.lock");
+    EXPECT_EQ(mac.launchd->releaseLock, "/var/run/com.example.app.helper.release.lock");
 }
 
-TEST(HelperFilesTest, AreLookedAtFromTheirBundleDownwards) {
-    const std::string bundle = "/Applications/Contents/Halvo.app";
-    for (const auto& [folder, top] :
-         {std::pair{bundle + "/Contents/Helpers", bundle},
-          std::pair<std::string, std::string>{"/usr/local/libexec", "/usr/local/libexec"}}) {
-        const HelperFiles files = helperFiles(folder + "/HalvoHelper");
-        EXPECT_EQ(files.paths, (Words{folder + "/HalvoHelper", folder + "/halvoctl"}));
-        EXPECT_EQ(files.top, top);
-        EXPECT_EQ(files.risk,
-                  "Whoever can change the helper can keep it from starting, and whoever can change "
-                  "halvoctl becomes root when an administrator runs it.");
-    }
-}
-
-// Another program in launchctl's place.
-class LaunchctlTest : public ::testing::Test {
+class RunAndWaitTest : public ::testing::Test {
   protected:
     Status shell(const std::string& script, Seconds limit = Seconds{20}) {
-        return liveLaunchctl(waiter, "/bin/sh")({"-c", script}, limit, "Waiting.");
+        return runAndWait(waiter, {"/bin/sh", "-c", script}, limit, "Waiting.");
     }
 
     const testing::TemporaryFolder folder;
@@ -144,10 +131,10 @@ class LaunchctlTest : public ::testing::Test {
     Waiter waiter;
 };
 
-TEST_F(LaunchctlTest, EndsAsItEndsAndSaysNothing) {
+TEST_F(RunAndWaitTest, ReturnsTheExitStatusAndPrintsNothing) {
     EXPECT_EQ(shell("exit 3"), 3);
     EXPECT_EQ(shell("kill -TERM $$"), 128 + SIGTERM);
-    EXPECT_EQ(liveLaunchctl(waiter, "/nowhere/launchctl")({"print"}, Seconds{20}, ""),
+    EXPECT_EQ(runAndWait(waiter, {"/nowhere/launchctl", "print"}, Seconds{20}, ""),
               std::unexpected("/nowhere/launchctl cannot be started: No such file or directory"));
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
@@ -156,7 +143,7 @@ TEST_F(LaunchctlTest, EndsAsItEndsAndSaysNothing) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(LaunchctlTest, GetsWhatIsItsOwn) {
+TEST_F(RunAndWaitTest, HasItsOwnEnvironmentSignalsAndProcessGroup) {
     EXPECT_EQ(shell("exec >" + seen + "; cat; env | grep -v '^PWD=\\|^_=' | sort"), 0);
     EXPECT_EQ(testing::readTestFile(seen), "LC_ALL=C\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n");
 
@@ -165,7 +152,7 @@ TEST_F(LaunchctlTest, GetsWhatIsItsOwn) {
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, &before);
     const auto ignored = std::signal(SIGPIPE, SIG_IGN);
-    // But for signals 32 and 33, which are the C library's own.
+    // Without signals 32 and 33, which the C library uses.
     EXPECT_EQ(shell("exec >" + seen +
                     "; grep -E 'Sig(Blk|Ign)' /proc/self/status | sed 's/18\\(0*\\)$/00\\1/'; "
                     "test $(ps -o pgid= -p $$) = $$ && echo own"),
@@ -176,13 +163,13 @@ TEST_F(LaunchctlTest, GetsWhatIsItsOwn) {
               "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\nown\n");
 }
 
-TEST_F(LaunchctlTest, IsKilledWithWhatItStartedWhenItTakesTooLong) {
+TEST_F(RunAndWaitTest, KillsTheProcessGroupAfterTheLimit) {
     const Seconds start = testing::timeNow();
     EXPECT_EQ(shell("(sleep 2; touch " + seen + ") & sleep 30", Seconds{0.2}),
               std::unexpected("/bin/sh takes too long; it was stopped"));
     EXPECT_LT(testing::timeNow() - start, Seconds{2});
     FakeWaiter fast;
-    EXPECT_FALSE(liveLaunchctl(fast, "/bin/sh")({"-c", "sleep 30"}, Seconds{2}, "Waiting for it."));
+    EXPECT_FALSE(runAndWait(fast, {"/bin/sh", "-c", "sleep 30"}, Seconds{2}, "Waiting for it."));
     EXPECT_THAT(fast.said, ElementsAre("Waiting for it."));
     EXPECT_TRUE(testing::always(Seconds{2.3}, [this] { return !fs::exists(seen); }));
 }
@@ -194,17 +181,17 @@ class LaunchdServicePrivateMachineTest : public testing::PrivateMachineTest {
     void cleanUp() override { fs::remove_all(copyFolder); }
 };
 
-TEST_F(LaunchdServicePrivateMachineTest, TakesAwayTheCopyOfAHelperThatWasKilled) {
+TEST_F(LaunchdServicePrivateMachineTest, RemovesTheCopyOfAHelperThatWasKilled) {
     LaunchdMachine mac({113}, 0);
     mac.processes.areStuck = true;
     EXPECT_EQ(mac.launchd->stop().error().substr(0, 18), "The helper (pid 7)");
-    EXPECT_TRUE(fs::exists(copyFolder)) << "it may use it";
+    EXPECT_TRUE(fs::exists(copyFolder)) << "the helper may use it";
     mac.processes.areStuck = false;
     EXPECT_TRUE(mac.launchd->stop());
     EXPECT_FALSE(fs::exists(copyFolder));
 }
 
-// What the helper does for an opening: HalvoHelper/macOS/LiveOpener.mm.
+// How the helper opens the app: HalvoHelper/macOS/LiveOpener.mm.
 class ChecksPrivateMachineTest : public testing::PrivateMachineTest {
   protected:
     void prepare() override {
@@ -225,7 +212,7 @@ class ChecksPrivateMachineTest : public testing::PrivateMachineTest {
     const std::string helper = bundle + "/HalvoHelper";
 };
 
-TEST_F(ChecksPrivateMachineTest, SayHowTheAppIsOpened) {
+TEST_F(ChecksPrivateMachineTest, DescribeHowTheAppIsOpened) {
     EXPECT_EQ(opening(), isOk("opening", "by the helper's own executable, which is root's alone"));
     ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
     const std::string owner = " belongs to user " + std::to_string(user.uid);
@@ -245,6 +232,34 @@ TEST_F(ChecksPrivateMachineTest, SayHowTheAppIsOpened) {
                                        "opened again, since " +
                                        bundle + owner,
                                    "Install the app again."));
+}
+
+TEST_F(ChecksPrivateMachineTest, RequireRootOwnedFilesFromTheBundleDownwards) {
+    const testing::TemporaryFolder disk;
+    const std::string app = disk / "Contents/Halvo.app";
+    for (const std::string& folder : {app + "/Contents/Helpers", disk / "libexec"}) {
+        LaunchdMachine mac({0}, 0);
+        mac.machine.helper = folder + "/HalvoHelper";
+        fs::create_directories(folder);
+        fs::permissions(disk / "Contents", fs::perms::all);
+        fs::permissions(disk.path(), fs::perms::all);
+        for (const char* name : {"/HalvoHelper", "/halvoctl"}) {
+            EXPECT_EQ(mac.launchd->examine().front(),
+                      isProblem("helper files", folder + name + ": No such file or directory",
+                                "A user who can change the helper can keep it from starting, and "
+                                "one who can change halvoctl becomes root when an administrator "
+                                "runs it. Install it again, in folders that only root can write "
+                                "to."));
+            testing::writeTestFile(folder + name, "");
+        }
+        EXPECT_EQ(mac.launchd->examine().front(),
+                  isOk("helper files", "root's alone, in " + folder));
+    }
+    ASSERT_EQ(chown(app.c_str(), user.uid, 0), 0);
+    LaunchdMachine mac({0}, 0);
+    mac.machine.helper = app + "/Contents/Helpers/HalvoHelper";
+    EXPECT_EQ(mac.launchd->examine().front().finding,
+              app + " belongs to user " + std::to_string(user.uid));
 }
 
 }  // namespace
