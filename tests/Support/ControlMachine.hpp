@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,23 @@
 #include "tests/Support/TestBundle.hpp"
 #include "tools/Halvoctl/Machine.hpp"
 
+namespace halvo::tools {
+
+// How gtest prints what differs.
+inline void PrintTo(const Outcome& outcome, std::ostream* stream) {
+    *stream << "status " << outcome.status << ", output:\n"
+            << outcome.output << "errors:\n"
+            << outcome.errors;
+}
+
+}  // namespace halvo::tools
+
 namespace halvo::control {
+
+inline void PrintTo(const Check& check, std::ostream* stream) {
+    *stream << check.name << ": " << static_cast<int>(check.verdict) << ", " << check.finding
+            << " -> " << check.advice;
+}
 
 // Advances simulated time instead of sleeping, and records its messages.
 class FakeWaiter final : public Waiter {

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,12 +10,6 @@
 #include "tools/Halvoctl/Machine.hpp"
 
 namespace halvo::control {
-
-void PrintTo(const Check& check, std::ostream* stream) {
-    *stream << check.name << ": " << static_cast<int>(check.verdict) << ", " << check.finding
-            << " -> " << check.advice;
-}
-
 namespace {
 
 namespace fs = std::filesystem;

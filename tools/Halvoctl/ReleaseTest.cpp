@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,16 +10,6 @@
 #include "tests/Support/ControlMachine.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tools/Halvoctl/Machine.hpp"
-
-namespace halvo::tools {
-
-void PrintTo(const Outcome& outcome, std::ostream* stream) {
-    *stream << "status " << outcome.status << ", output:\n"
-            << outcome.output << "errors:\n"
-            << outcome.errors;
-}
-
-}  // namespace halvo::tools
 
 namespace halvo::control {
 namespace {
