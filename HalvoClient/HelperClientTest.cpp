@@ -373,6 +373,18 @@ TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) 
     EXPECT_EQ(helper.record().begins, 0);
 }
 
+TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
+    const FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::NeverAnswer});
+    constexpr Seconds limit{2.5};
+    Decided decided;
+    decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), limit - Seconds{0.3}); };
+    const Seconds taken = durationOf([&] {
+        EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), limit),
+                  std::unexpected(HelperFailure(TimedOut{})));
+    });
+    EXPECT_LT(taken, limit + lateness);
+}
+
 TEST_F(HelperClientTest, NeedsAStatusForABegin) {
     Decided decided;
     EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()),
