@@ -168,6 +168,10 @@ struct ChildResult {
 ChildResult runInChild(const Start& start, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
+// Runs `body` in a process that is started anew (execve(2)), and expects no failure in it: for what
+// happens once per process.
+void expectInNewProcess(void (*body)());
+
 // ------------------------------------------------------------------- what the system says: proc(5)
 
 // A field of /proc/PID/status, without blanks around it; empty when there is no such process.
