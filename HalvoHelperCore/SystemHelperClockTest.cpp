@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {
@@ -46,6 +50,35 @@ TEST(SystemHelperClockTest, TakesTheWallClockAfterTheOther) {
     const WallDate before = wallNow();
     const testing::SlowClock slow(Seconds{3600});
     EXPECT_GE(SystemHelperClock().reading().wall, before + Seconds{3600});
+}
+
+TEST(SystemHelperClockDeathTest, ABootThatWasUnknownAtFirstStaysUnknownForTheProcess) {
+    testing::expectInNewProcess([] {
+        SystemHelperClock clock;
+        {
+            const auto fault = testing::Fault::failing(testing::SystemCall::open, ENOENT);
+            EXPECT_EQ(clock.reading().bootID, "unknown");
+        }
+        EXPECT_EQ(clock.reading().bootID, "unknown");
+        EXPECT_EQ(SystemHelperClock().reading().bootID, "unknown");
+        EXPECT_NE(readBootID(), "unknown");
+    });
+}
+
+TEST(SystemHelperClockDeathTest, AsksForTheBootOncePerProcessHoweverManyThreadsBegin) {
+    testing::expectInNewProcess([] {
+        std::vector<ClockReading> readings(8);
+        std::vector<std::thread> threads;
+        const std::size_t before = testing::callsMade(testing::SystemCall::open);
+        for (ClockReading& reading : readings) {
+            threads.emplace_back([&reading] { reading = SystemHelperClock().reading(); });
+        }
+        std::ranges::for_each(threads, &std::thread::join);
+        EXPECT_EQ(testing::callsMade(testing::SystemCall::open), before + 1);
+        for (const ClockReading& reading : readings) {
+            EXPECT_EQ(reading.bootID, readBootID());
+        }
+    });
 }
 
 TEST(BootIDFromTest, IsTheTextUpToTheFirstZeroByte) {

@@ -26,15 +26,15 @@ using Words = std::vector<std::string>;
 
 constexpr Person nobody{65534, 65534};
 
-// Who gave privileges up cannot be looked at for leaks; and the sanitizers' remarks on that would
-// be taken for the helper's.
+// A process that dropped its privileges cannot be traced for leaks, and the sanitizer's error about
+// that would be taken for the helper's.
 const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0"};
 
 constexpr const char* onlyAsRoot = "error: The helper runs only as root, from launchd\n";
 constexpr const char* noIdentity =
     "error: The helper has no team or app identifier in its Info.plist\n";
 
-// A helper in a folder that everybody can reach.
+// A helper in a folder that every user can reach.
 class MainTest : public ::testing::Test {
   protected:
     MainTest() {
@@ -42,8 +42,7 @@ class MainTest : public ::testing::Test {
         copyProgram(HALVO_HELPER, helper);
     }
 
-    // How the helper ends when somebody who is not root calls it with these words, and what it
-    // says.
+    // The exit status and output of a helper that another user than root starts with these words.
     std::pair<int, std::string> runAsNobody(const Words& words) {
         TestProcess process([&] {
             if (geteuid() == 0) {
@@ -99,8 +98,8 @@ class MainPrivateMachineTest : public PrivateMachineTest {
         return started ? std::move(process) : nullptr;
     }
 
-    // Nearly the last thing that it does to start. Such a signal is blocked, to be read as a file:
-    // signalfd(2). While a process forks, or a sanitizer starts, all signals are.
+    // Whether the process handles SIGTERM, nearly the last step of its start: the signal is blocked
+    // for signalfd(2). During fork(2), or the start of a sanitizer, all signals are.
     static bool handlesTermination(pid_t pid) {
         const auto blocked = processNumbers(pid, "SigBlk", 16);
         const auto isBlocked = [&](int signal) { return (blocked[0] >> (signal - 1) & 1) != 0; };
@@ -127,9 +126,10 @@ TEST_F(MainPrivateMachineTest, EndsWithoutAnIdentity) {
         if (*app != '\0') {
             writeInfo(app, team);
         }
+        SCOPED_TRACE(app);
         TestProcess process([&] { execute(helper, {}, helperEnvironment); });
-        EXPECT_EQ(process.wait(), 78) << app;
-        EXPECT_THAT(process.readAll(), HasSubstr(noIdentity)) << app;
+        EXPECT_EQ(process.wait(), 78);
+        EXPECT_THAT(process.readAll(), HasSubstr(noIdentity));
     }
 }
 

@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 
 #include "HalvoHelperCore/SystemHelperClock.hpp"
 #include "HalvoPlatform/Time.hpp"
 #include "tests/FakeDarwin/FakeDarwin.hpp"
+#include "tests/Support/TestProcess.hpp"
 
 namespace halvo {
 namespace {
@@ -45,25 +45,13 @@ TEST_F(DarwinClockTest, DoesNotKnowTheBootWhenTheSystemDoesNotTell) {
     EXPECT_TRUE(fake::world().log.empty());
 }
 
-// What a process has read before counts: `body` runs in one that is started anew.
-void expectInNewProcess(void (*body)()) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto run = [body] {
-        body();
-        std::exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
-    };
-    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
-}
-
 TEST(DarwinClockDeathTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
-    expectInNewProcess([] {
+    testing::expectInNewProcess([] {
         // The count is unsigned: half of its range is more than a signed one holds.
         for (const std::uint64_t nanoseconds :
              {0UL, 1'500'000'000UL, 51'873'204'417'375UL, 0x8000'0000'0000'0000UL}) {
             fake::world().sinceBoot = nanoseconds;
-            const double seconds = static_cast<double>(nanoseconds) / 1'000'000'000.0;
-            EXPECT_EQ(sinceBoot().count(), seconds);
-            EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), seconds);
+            EXPECT_EQ(sinceBoot().count(), static_cast<double>(nanoseconds) / 1'000'000'000.0);
         }
     });
 }
@@ -71,7 +59,7 @@ TEST(DarwinClockDeathTest, CountsSinceBootInSecondsAndKeepsTheFraction) {
 // It is the wall clock less the moment of the boot, which do not change at once when the clock is
 // set.
 TEST(DarwinClockDeathTest, NeverGoesBackWithinAProcessAlsoWhereTheSystemsClockDoes) {
-    expectInNewProcess([] {
+    testing::expectInNewProcess([] {
         fake::world().sinceBoot = 5'000'000'003'000;
         EXPECT_EQ(SystemHelperClock().reading().sinceBoot.count(), 5'000.000'003);
         fake::world().sinceBoot -= 3'000;
@@ -79,22 +67,6 @@ TEST(DarwinClockDeathTest, NeverGoesBackWithinAProcessAlsoWhereTheSystemsClockDo
         EXPECT_EQ(sinceBoot().count(), 5'000.000'003);
         fake::world().sinceBoot += 4'000;
         EXPECT_EQ(sinceBoot().count(), 5'000.000'004) << "and goes on from there";
-    });
-}
-
-TEST(DarwinClockDeathTest, ReadsBothClocksAtEveryReadingTheWallClockLast) {
-    expectInNewProcess([] {
-        SystemHelperClock clock;
-        const ClockReading before = clock.reading();
-        EXPECT_EQ(before.sinceBoot.count(), 1'000);
-        EXPECT_EQ(before.wall, wallDate(1'800'001'000));
-        fake::world().bootedAt -= 7'200;
-        fake::serve(0.5);
-        fake::world().readingTakes = 5'000'000'000;
-        const ClockReading after = clock.reading();
-        EXPECT_EQ(after.sinceBoot.count(), 1'000.5);
-        EXPECT_EQ(after.wall, wallDate(1'799'993'805.5)) << "somebody set the wall clock";
-        EXPECT_EQ(after.bootID, before.bootID);
     });
 }
 

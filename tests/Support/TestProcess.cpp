@@ -285,6 +285,15 @@ ChildResult runInChild(const Start& start, Seconds limit) {
 
 ChildResult runInChild(const std::function<void()>& body) { return runInChild(startOf(body)); }
 
+void expectInNewProcess(void (*body)()) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto run = [body] {
+        body();
+        std::exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
+}
+
 std::string processField(pid_t process, const std::string& field) {
     std::ifstream status(folderOf(process) / "status");
     for (std::string line; std::getline(status, line);) {

@@ -167,6 +167,10 @@ struct ChildResult {
 ChildResult runInChild(const Start& start, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
+// Runs `body` in a process that is started anew (execve(2)), and expects no failure in it: for what
+// happens once per process.
+void expectInNewProcess(void (*body)());
+
 // ---------------------------------------------------------------------------------------- proc(5)
 
 // A field of /proc/PID/status, trimmed; empty when there is no such process.
