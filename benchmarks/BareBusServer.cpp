@@ -1,6 +1,5 @@
-// The least that answers a status call over peer-to-peer D-Bus: sd-bus and nothing else. It checks
-// no caller, keeps nothing, serves one connection at a time and does not end by itself. Usage:
-// BareBusServer SOCKET
+// The least that replies to a status call over peer-to-peer D-Bus: sd-bus and nothing else. Without
+// authorisation or state, one connection at a time, until it is killed. Usage: BareBusServer SOCKET
 
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
@@ -53,15 +52,15 @@ void serve(int socket) {
 
 }  // namespace
 
-int main(int count, char** words) {
-    const auto address = halvo::socketAddress(count == 2 ? words[1] : "");
-    if (count != 2 || !address) {
+int main(int argc, char** argv) {
+    const auto address = halvo::socketAddress(argc == 2 ? argv[1] : "");
+    if (argc != 2 || !address) {
         return EXIT_FAILURE;
     }
-    unlink(words[1]);
+    unlink(argv[1]);
     const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     check(listener);
-    // Everybody may connect.
+    // All users may connect.
     umask(0);
     check(bind(listener, halvo::generic(*address), sizeof *address));
     constexpr int backlog = 16;

@@ -53,7 +53,7 @@
 namespace halvo::benchmark {
 namespace {
 
-using Words = std::vector<std::string>;
+using Arguments = std::vector<std::string>;
 // What can be asked for, by name. Each does it once and returns how much was done; it throws
 // std::exception when that is not possible.
 using Works = std::map<std::string, std::function<std::size_t()>>;
@@ -106,14 +106,14 @@ std::size_t bareLoop() {
 }
 
 // UID BUNDLE: for the app BUNDLE, which UID does not run.
-void serveSearch(const Words& words) {
-    const auto user = static_cast<uid_t>(std::stoul(words.at(0)));
-    const std::string& bundle = words.at(1);
+void serveSearch(const Arguments& arguments) {
+    const auto user = static_cast<uid_t>(std::stoul(arguments.at(0)));
+    const std::string& bundle = arguments.at(1);
     const std::string executable = bundle + "/Contents/MacOS/Halvo";
     // Without it there would be nothing to look for.
     require(access(executable.c_str(), X_OK) == 0, executable);
     const auto probe = makeLiveSessionProbe();
-    const std::string command = "exec pgrep -u " + words.at(0) + " -f " + executable;
+    const std::string command = "exec pgrep -u " + arguments.at(0) + " -f " + executable;
     constexpr int nothingFound = 1;
     serve({{"search", [&] { return probe->isAppRunning(bundle, user) ? 0 : 1; }},
            {"searchBarely", bareLoop},
@@ -174,11 +174,11 @@ void bareLock(const std::string& folder, bool locked) {
 }
 
 // DISK MEMORY: two folders, made when missing.
-void serveSave(const Words& words) {
+void serveSave(const Arguments& arguments) {
     const std::string bundle = "/Applications/Halvo.app";
-    const std::string ours = newFolder(words.at(0) + "/ours", bundle);
-    const std::string theirs = newFolder(words.at(0) + "/theirs", bundle);
-    const std::string memory = newFolder(words.at(1), "");
+    const std::string ours = newFolder(arguments.at(0) + "/ours", bundle);
+    const std::string theirs = newFolder(arguments.at(0) + "/theirs", bundle);
+    const std::string memory = newFolder(arguments.at(1), "");
     const std::string state = theirs + "/state";
     FileCommitmentStore onDisk(ours);
     FileCommitmentStore inMemory(memory);
@@ -238,9 +238,9 @@ void mark(const std::string& name, const std::function<void()>& work) {
 // BUNDLE UID: marks ticks of the engine on the live system, and beside them the least that asks the
 // kernel the same. Reads no input. Fails unless the engine holds the app BUNDLE, locked and run by
 // UID.
-void markTicks(const Words& words) {
-    const std::string& bundle = words.at(0);
-    const HelperPeer app{static_cast<std::uint32_t>(std::stoul(words.at(1))), bundle};
+void markTicks(const Arguments& arguments) {
+    const std::string& bundle = arguments.at(0);
+    const HelperPeer app{static_cast<std::uint32_t>(std::stoul(arguments.at(1))), bundle};
     SystemHelperClock clock;
     ChflagsFileFlags flags(ItemFlag::systemImmutable);
     FileCommitmentStore store("/tmp/tick");
@@ -293,7 +293,7 @@ using testing::nineOClock;
 }
 
 // The peers are "library", "plain..." and "walk".
-void serveRecords(const Words&) {
+void serveRecords(const Arguments&) {
     constexpr Seconds hour{3600};
     constexpr std::size_t limit = 60;
     const GregorianCalendar calendar = GregorianCalendar::named("Europe/Berlin").value();
@@ -356,9 +356,9 @@ std::size_t awaitReply(HelperClient client) {
 }
 
 // PEER-SOCKET: requests of the app that this program is, to its helper and to the bare server.
-void serveClient(const Words& words) {
+void serveClient(const Arguments& arguments) {
     const OwnBundle bundle = ownBundle().value();
-    const std::string& peer = words.at(0);
+    const std::string& peer = arguments.at(0);
     HelperClient ours(bundle.identity);
     HelperClient theirs(peer);
     const auto anHour = [](const HelperStatus&) {
@@ -376,17 +376,17 @@ void serveClient(const Words& words) {
 }  // namespace
 }  // namespace halvo::benchmark
 
-int main(int count, char** arguments) {
+int main(int argc, char** argv) {
     using namespace halvo::benchmark;
     halvo::PrivateGroup::setAside();
-    const std::map<std::string, void (*)(const Words&)> groups{{"search", serveSearch},
-                                                               {"save", serveSave},
-                                                               {"tick", markTicks},
-                                                               {"records", serveRecords},
-                                                               {"client", serveClient}};
-    const Words words(arguments, arguments + count);
+    const std::map<std::string, void (*)(const Arguments&)> groups{{"search", serveSearch},
+                                                                   {"save", serveSave},
+                                                                   {"tick", markTicks},
+                                                                   {"records", serveRecords},
+                                                                   {"client", serveClient}};
+    const Arguments arguments(argv, argv + argc);
     try {
-        groups.at(words.at(1))({words.begin() + 2, words.end()});
+        groups.at(arguments.at(1))({arguments.begin() + 2, arguments.end()});
     } catch (const std::exception& error) {
         std::cerr << "Benchmark: " << error.what() << std::endl;
         return EXIT_FAILURE;

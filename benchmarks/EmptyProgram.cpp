@@ -1,6 +1,6 @@
-// What the helper's libraries cost by themselves: a program that links the same ones the same way,
-// calls of each one function that the helper calls too, so that none is left out, says when it has
-// come so far, CLOCK_MONOTONIC in ns, and waits.
+// What the helper's libraries cost by themselves: a program that links the same libraries in the
+// same way, calls one function of each, so that the linker keeps them, prints CLOCK_MONOTONIC in
+// ns, and waits.
 
 #include <plist/plist.h>
 #include <systemd/sd-bus.h>
@@ -18,7 +18,7 @@ int main() {
     plist_from_memory(text.data(), static_cast<unsigned>(text.size()), &list);
     plist_free(list);
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    // Padded beyond the place that a string has in itself, so that the C++ library is called.
+    // Longer than the small-string buffer, so that the C++ library allocates.
     const std::string line = std::to_string(now.count()) + std::string(64, ' ') + "\n";
     if (write(STDOUT_FILENO, line.data(), line.size()) < 0) {
         return 1;

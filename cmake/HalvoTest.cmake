@@ -1,22 +1,22 @@
-# How executables of tests are built, and their tests registered: one way for all.
+# Builds test executables and registers their tests with ctest.
 include_guard(GLOBAL)
 find_package(GTest REQUIRED)
 include(GoogleTest)
 add_custom_target(UnitTests)
 add_custom_target(ThreadTests)
 
-# halvo_set_test_options(NAME): how the sources of an executable of tests are compiled.
+# halvo_set_test_options(NAME): the compile options of a test executable.
 #
-# Without optimisation: they are compiled once and run once, and what they test is compiled as ever. With precompiled
-# headers, those that most tests include; a source includes what it uses all the same. One target makes them for all that
-# are compiled with the same options. On the stand-ins for Apple's frameworks there is one executable of tests, in two
-# languages, which makes its own.
+# Without optimisation: tests are compiled once and run once; the code under test has its usual options. With precompiled
+# headers, those that most tests include; sources include what they use all the same. One target builds them for all test
+# executables, except on the stand-ins for Apple's frameworks, where the only test executable, in two languages, builds its
+# own.
 function(halvo_set_test_options name)
     target_compile_options(${name} PRIVATE
         -O0
         # g++ 12 sees an overlap in "text" + std::string(...) where there is none (its bug 105651).
         $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
-        # What ccache(1) needs of each compiler for precompiled headers.
+        # Required by ccache(1) for precompiled headers.
         $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>
         "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
     if(HALVO_FAKE_DARWIN OR name STREQUAL HalvoTestHeaders)
@@ -38,9 +38,9 @@ endif()
 # halvo_add_tests(NAME SOURCES FILE... [LIBRARIES TARGET...] [DEFINITIONS NAME="VALUE"...] [PROGRAMS TARGET...]
 #     [PRIVATE_MACHINE SUITE...] [THREADS])
 #
-# One executable of tests. LIBRARIES are what it links besides HalvoTestSupport; PROGRAMS are built with it, because its
-# tests start them. PRIVATE_MACHINE is handed on to halvo_register_tests(). Their label is "unit", and "unit-threads" with
-# THREADS, where the thread sanitizer has something to see. The targets UnitTests and ThreadTests build what has these.
+# Adds a test executable. LIBRARIES are linked in addition to HalvoTestSupport; PROGRAMS are built with it, because its tests
+# start them. PRIVATE_MACHINE is passed to halvo_register_tests(). The tests' label is "unit", or "unit-threads" with THREADS,
+# for multithreaded code, which the thread sanitizer checks. The targets UnitTests and ThreadTests build these executables.
 function(halvo_add_tests name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "" "SOURCES;LIBRARIES;DEFINITIONS;PROGRAMS;PRIVATE_MACHINE")
     add_executable(${name} ${arg_SOURCES})
@@ -62,18 +62,18 @@ endfunction()
 
 # halvo_register_tests(NAME [PREFIX TEXT] [FILTER FILTER] [PRIVATE_MACHINE SUITE...] [PROPERTIES NAME VALUE...])
 #
-# Lets ctest run each test of the executable by itself, but for what needs people, an /Applications folder and a console
-# of its own: suites that have "PrivateMachine" in their name. PRIVATE_MACHINE names those, up to that word; ctest runs
-# each in a scripts/private-machine of its own. 125 is the status of what cannot run here.
+# Lets ctest run each test of the executable by itself, except suites with "PrivateMachine" in their name, which need their
+# own accounts, /Applications folder and console. PRIVATE_MACHINE lists those, up to that word; ctest runs each suite in its
+# own scripts/private-machine. Exit status 125 means that it cannot run here.
 function(halvo_register_tests name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "PREFIX;FILTER" "PRIVATE_MACHINE;PROPERTIES")
     if(NOT arg_FILTER)
         set(arg_FILTER "-*PrivateMachine*")
     endif()
     gtest_discover_tests(${name}
-        # Found when ctest starts, so that a build never runs what it has built.
+        # When ctest starts, so that a build does not execute test programs.
         DISCOVERY_MODE PRE_TEST
-        # The rows of some tables are no names for tests.
+        # Parameter values of some tests are not usable as names.
         NO_PRETTY_VALUES
         TEST_PREFIX "${arg_PREFIX}"
         TEST_FILTER "${arg_FILTER}"

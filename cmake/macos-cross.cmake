@@ -1,5 +1,5 @@
-# Builds for macOS on Linux: to check, without a Mac, that the product compiles and links there. What
-# comes out is never shipped; see docs/decisions/0009-checking-macos-without-a-mac.md.
+# Cross-compiles for macOS on Linux, to check without a Mac that the product compiles and links. The
+# result is never shipped; see docs/decisions/0009-checking-macos-without-a-mac.md.
 #
 # CMAKE_OSX_ARCHITECTURES (arm64 or x86_64, one of them) and CMAKE_OSX_DEPLOYMENT_TARGET must be set,
 # as the presets macos-arm64 and macos-x86_64 do.
@@ -16,8 +16,8 @@ function(halvo_link_entries from to)
 endfunction()
 
 # Writes to `file` a stub (https://github.com/llvm/llvm-project, TextAPI, version 4) of macOS's
-# libc++ from Debian's of version 19. The one in macOS 26 is newer, and libc++ keeps what it has once
-# exported; so nothing links here for want of which a program could not start there.
+# libc++ from Debian's of version 19. The one in macOS 26 is newer, and libc++ keeps its exported
+# symbols; so every symbol that links here exists there.
 function(halvo_write_libcxx_stub file)
     find_program(HALVO_LLVM_NM llvm-nm-19 REQUIRED)
     execute_process(
@@ -25,7 +25,7 @@ function(halvo_write_libcxx_stub file)
             /usr/lib/llvm-19/lib/libc++.so.1 /usr/lib/llvm-19/lib/libc++abi.so.1
         OUTPUT_VARIABLE symbols
         COMMAND_ERROR_IS_FATAL ANY)
-    # Mangled names and the runtime's own, without versions; in Mach-O each has one more underscore.
+    # Mangled names and those of the runtime, without versions; in Mach-O with another underscore.
     string(REGEX MATCHALL "(_Z|__cxa_|__gxx_|__dynamic_cast)[^\n@]*" symbols "${symbols}")
     list(REMOVE_DUPLICATES symbols)
     list(SORT symbols)
@@ -76,7 +76,7 @@ function(halvo_make_darwin_root root)
         file(CREATE_LINK ${declarations}/${framework}/${framework}.tbd
             ${bundle}/${framework}.tbd SYMBOLIC)
     endforeach()
-    # From it the compiler learns the version of the SDK.
+    # The compiler reads the version of the SDK from it.
     file(CONFIGURE OUTPUT ${sysroot}/SDKSettings.json CONTENT "{
     \"CanonicalName\": \"macosx26.0\",
     \"Version\": \"26.0\",
@@ -89,15 +89,15 @@ function(halvo_make_darwin_root root)
     foreach(library IN ITEMS boost CLI nlohmann)
         file(CREATE_LINK /usr/include/${library} ${root}/third-party/include/${library} SYMBOLIC)
     endforeach()
-    # Copies: they name the headers by where they lie themselves.
+    # Copies: they find the headers relative to their own path.
     file(COPY /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json DESTINATION ${root}/third-party/share/cmake)
 endfunction()
 
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_PROCESSOR ${CMAKE_OSX_ARCHITECTURES})
 
-# The system that is built for, and what of the libraries here works there. Laid out in the build
-# folder: nothing of /usr/include may be seen but what is named.
+# The sysroot, and the header-only libraries that also work there. In the build folder, since nothing
+# else of /usr/include may be found.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES HALVO_DARWIN_ROOT)
 if(NOT HALVO_DARWIN_ROOT)
     set(HALVO_DARWIN_ROOT ${CMAKE_BINARY_DIR}/darwin)
@@ -118,15 +118,15 @@ foreach(tool IN ITEMS AR RANLIB NM STRIP OBJDUMP INSTALL_NAME_TOOL)
     string(REPLACE _ - program ${program})
     find_program(CMAKE_${tool} ${program} REQUIRED)
 endforeach()
-# The version is that of a Mac's linker, for which the compiler generates; without one it would take
-# it for one of long ago. Pointers are left as they are, so that the tools here can follow them.
+# The version of a Mac's linker, which the compiler generates code for; its default is an old one.
+# Without chained fixups, so that the tools here can follow pointers.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -mlinker-version=1115 -Wl,-no_fixup_chains")
 
-# Packages, headers and libraries come from there only, programs from here.
+# Packages, headers and libraries of the target only; programs of the host only.
 set(CMAKE_FIND_ROOT_PATH ${HALVO_DARWIN_ROOT}/third-party)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-# Of Boost only the headers work for another system.
+# Only Boost's headers work for another system.
 set(CMAKE_DISABLE_FIND_PACKAGE_Boost ON)

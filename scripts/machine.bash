@@ -2,7 +2,7 @@
 # What scripts/private-machine and scripts/booted-machine share. Each of them runs several times, each time one step
 # further in: `step` names the variable that says which, as PRIVATE_MACHINE_STEP.
 
-# Who became root by way of su may lack the folders of the administrator's programs.
+# After su(1) the PATH may lack the folders of the administrator's programs.
 PATH=$PATH:/usr/sbin:/sbin
 
 fail() {
@@ -10,15 +10,15 @@ fail() {
     exit 125
 }
 
-# A killed process 1 can be waited for only when every process of its machine is gone.
+# wait(2) for a killed process 1 returns only when every process of its PID namespace is gone.
 take_down() { # SIGNAL_NUMBER
-    exec 2>/dev/null # the shell would report the death that it caused
+    exec 2>/dev/null # the shell would report the killed process
     [[ -z ${!-} ]] || kill -KILL "$!" || true
     wait || true
     leave "$((128 + $1))"
 }
 
-# Asks the real machine's /proc, by whose ids both the keeper and process 1 know each other.
+# From the real machine's /proc: the keeper and process 1 know each other by these pids.
 own_status() { # FIELD
     local field value
     while read -r field value; do
@@ -26,35 +26,35 @@ own_status() { # FIELD
     done </proc/self/status
 }
 
-# The process that unshare(1) has become, in new namespaces: waits for process 1 and takes it down on a signal. The first
-# process that it forks becomes process 1, so it must not use any other program. Ends with leave(), which each script has.
+# The process that unshare(1) has become, in new namespaces: waits for process 1 and kills it on a signal. The first process
+# that it forks becomes process 1, so it must not run any other program before. Ends with leave(), which each script has.
 keep() { # COMMAND...
     local own_status status=0
     trap 'take_down 1' HUP
     trap 'take_down 2' INT
     trap 'take_down 3' QUIT
     trap 'take_down 15' TERM
-    # A shell's background processes lose their input and ignore Ctrl-C; both are given back. In the foreground, the shell
-    # would not act on a signal before the command ends.
+    # A shell gives its background processes /dev/null as input and ignores SIGINT and SIGQUIT in them; both are restored.
+    # With a foreground command, the shell would not act on a signal before the command ends.
     own_status Pid
     env --default-signal=INT,QUIT "$step=inside" MACHINE_KEEPER="$own_status" setpriv --pdeathsig KILL "$@" <&0 &
     wait "$!" || status=$?
     leave "$status"
 }
 
-# The keeper may have been killed before this process had asked to die with it.
+# The keeper may have been killed before PR_SET_PDEATHSIG was set.
 require_keeper() {
     local own_status
     own_status PPid
     [[ $own_status == "$MACHINE_KEEPER" ]] || fail "interrupted"
-    # Those of the real machine name its folders and sockets.
+    # These name folders and sockets of the real machine.
     unset MACHINE_KEEPER "$step" XDG_RUNTIME_DIR XDG_SESSION_ID DBUS_SESSION_BUS_ADDRESS NOTIFY_SOCKET
 }
 
-# Fails with `text` and the last line that FUNCTION printed, when a step of it fails.
+# Fails with TEXT and the last line that FUNCTION printed, when a command in it fails.
 must() { # TEXT FUNCTION
     local status problem
-    # Not as a condition: the shell would then go on after a step of it that failed.
+    # Not as a condition, in which the shell ignores errexit.
     set +e
     problem=$(
         set -e
@@ -65,8 +65,8 @@ must() { # TEXT FUNCTION
     ((status == 0)) || fail "$1 (${problem##*$'\n'})"
 }
 
-# Not in this shell's own place: it stays as the one that reaps. Its remarks on how the command died, an exit status
-# already, are kept off the command's error output.
+# Without exec: this shell stays, to reap processes. Its messages about a killed command are discarded; the exit status
+# tells.
 run_and_exit() { # COMMAND...
     local status=0 errors
     { (exec -- "$@" 2>&"$errors" {errors}>&-) || status=$?; } {errors}>&2 2>/dev/null

@@ -1,4 +1,4 @@
-"""What the scripts of this folder share."""
+"""Functions shared by the scripts of this folder."""
 
 import re
 import shutil
@@ -17,7 +17,7 @@ def fail(text: str) -> NoReturn:
 
 
 def must(command: list[str | Path], **options) -> None:
-    """Runs a step that has to succeed, and shows what it said only when it does not."""
+    """Runs a command that must succeed, and prints its output only when it fails."""
     done = subprocess.run(
         command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options
     )
@@ -29,7 +29,7 @@ def must(command: list[str | Path], **options) -> None:
 def need(*programs: str) -> None:
     missing = [program for program in programs if shutil.which(program) is None]
     if missing:
-        fail(f"missing: {', '.join(missing)}; scripts/setup installs it")
+        fail(f"missing: {', '.join(missing)}; run scripts/setup")
 
 
 def in_private_machine(command: list[str], writable: Path) -> list[str]:
@@ -48,13 +48,13 @@ class Explanation:
     is_used: bool = False
 
     def explains(self, file: str, kind: str, text: str, offset: int) -> bool:
-        """Whether it is about that kind of gap in `file`, whose text has the fragment around `offset`."""
+        """Whether it covers that kind of gap at `offset` of `text`, the content of `file`."""
         found = re.finditer(re.escape(self.fragment), text)
         return (self.file, self.kind) == (file, kind) and any(each.start() <= offset < each.end() for each in found)
 
 
 def read_explanations() -> list[Explanation]:
-    """Ends the program when a line is not understood."""
+    """Ends the program at a line that it cannot parse."""
     path = ROOT / "tests/survivors"
     explanations = []
     for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):

@@ -1,5 +1,4 @@
-// The program of docs/integrating.md, run against helpers that the tests play, and the names in its
-// Swift.
+// The C++ program of docs/integrating.md, run against fake helpers, and the names in its Swift.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +17,7 @@
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 
-// The program, but for its beginning.
+// All of the program but main().
 #define main integrationMain
 #include "Integration.cpp"
 #undef main
@@ -32,7 +31,7 @@ using ::testing::StartsWith;
 
 class IntegrationTest : public ::testing::Test {
   protected:
-    // The program, from its first question on, in a process of its own.
+    // Starts the program in a process of its own.
     TestProcess start(long minutes) const {
         return TestProcess(Start{.body = [this, minutes] {
             HelperClient client(path_);
@@ -47,10 +46,10 @@ class IntegrationTest : public ::testing::Test {
 TEST_F(IntegrationTest, CommitsAndStaysForAsLongAsTheHelperSays) {
     struct Row {
         long minutes;
-        // What the helper says at first; as long as it says yes, the app stays.
+        // The helper's first replies; while they are true, the app stays.
         bool yes;
         bool holding;
-        // Says no after that many requests; without, the program is told to end.
+        // Replies false after that many requests; otherwise the program gets SIGTERM.
         bool letsGo;
         int requests;
         int status;
@@ -62,7 +61,7 @@ TEST_F(IntegrationTest, CommitsAndStaysForAsLongAsTheHelperSays) {
         {5, true, false, true, 4, EX_OK, "Heartbeat false"},
         {5, false, false, true, 2, EXIT_FAILURE, "Begin /Applications/A.app"},
         {0, false, false, true, 1, EX_OK, "Status"},
-        // Nothing new begins while something holds; and being told to end is no end of the session.
+        // No begin while a commitment holds; and SIGTERM alone is not the end of the session.
         {5, true, true, false, 2, EX_OK, "Heartbeat false"},
     };
     for (const Row& row : rows) {
@@ -152,7 +151,7 @@ std::vector<std::string> selectorsOf(const std::string& header) {
     return selectors;
 }
 
-// No compiler for Swift is at hand; that its names are those of the helper can be checked without.
+// There is no Swift compiler here, but the names in the text can be checked.
 TEST(GuideTest, NamesWhatTheHelperHas) {
     using Timing = HelperEngine::Timing;
     const auto digits = [](Seconds span) { return std::to_string(wholeSeconds(span)); };

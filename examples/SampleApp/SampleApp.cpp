@@ -544,12 +544,12 @@ class Companion {
 }  // namespace
 }  // namespace halvo
 
-int main(int count, char** arguments) {
+int main(int argc, char** argv) {
     using namespace halvo;
     PrivateGroup::setAside();
     // The app must outlive a closed pipe.
     std::signal(SIGPIPE, SIG_IGN);
-    const auto parsed = parseArguments({arguments + (count > 0 ? 1 : 0), arguments + count});
+    const auto parsed = parseArguments({argv + (argc > 0 ? 1 : 0), argv + argc});
     if (!parsed) {
         std::fprintf(stderr, "Halvo: %s See Halvo --help.\n", parsed.error().c_str());
         return EX_USAGE;

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What is generated for macOS, for which names, and where the build puts it.
+"""The generated files for macOS, the names that are accepted, and the layout of the bundle.
 
 Needs in its environment what packaging/macos/CMakeLists.txt sets."""
 
@@ -18,7 +18,7 @@ GENERATED, INFO = Path(os.environ["HALVO_PACKAGING"]), Path(os.environ["HALVO_IN
 
 
 class TextTest(unittest.TestCase):
-    """On a Mac a mistake in these shows only as a helper that does not start or is not believed."""
+    """On a Mac a mistake in these shows only as a helper that does not start or that the app refuses."""
 
     def check(self, file, expected):
         found = plistlib.loads(file.read_bytes(), fmt=plistlib.FMT_XML)
@@ -45,7 +45,7 @@ class TextTest(unittest.TestCase):
         self.check(INFO, {"CFBundleIdentifier": HELPER, **names})
 
     def test_the_requirement(self):
-        # As HelperIdentity::helperRequirement() says it; without an end of line, since it is handed over as it is.
+        # The text of HelperIdentity::helperRequirement(), without a newline.
         self.assertEqual(
             (GENERATED / f"{HELPER}.requirement").read_text(),
             f'anchor apple generic and identifier "{HELPER}" and certificate leaf[subject.OU] = "{TEAM}"',
@@ -58,7 +58,7 @@ class TextTest(unittest.TestCase):
 
 
 class LayoutTest(unittest.TestCase):
-    """Builds for macOS, with files in place of the programs, and a codesign that only writes down how it was called."""
+    """Builds for macOS, with text files for the programs, and a codesign that only records its arguments."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -86,10 +86,10 @@ class LayoutTest(unittest.TestCase):
         tool.write_text(f"#!/bin/sh\necho \"$*\" >>'{self.calls}'\n{command}")
         tool.chmod(0o700)
 
-    def configure(self, *words, app=APP, team=TEAM):
-        """What it says when it refuses."""
-        words = [f"-DHALVO_APP_BUNDLE_ID={app}", f"-DHALVO_TEAM_ID={team}", *words]
-        command = [os.environ["HALVO_CMAKE"], "-G", "Ninja", "-S", self.folder, "-B", self.build_folder, *words]
+    def configure(self, *options, app=APP, team=TEAM):
+        """0, or the error message of CMake."""
+        names = [f"-DHALVO_APP_BUNDLE_ID={app}", f"-DHALVO_TEAM_ID={team}"]
+        command = [os.environ["HALVO_CMAKE"], "-G", "Ninja", "-S", self.folder, "-B", self.build_folder, *names, *options]
         done = subprocess.run(command, capture_output=True, text=True, check=False)
         return done.returncode and " ".join(done.stderr.split())
 
@@ -110,7 +110,7 @@ class LayoutTest(unittest.TestCase):
 
         linked = self.folder / "helper"
         linked.write_text("the new helper")
-        # The clock of the file system stands still for some milliseconds at a time.
+        # The time stamps of the file system have a resolution of some milliseconds.
         os.utime(linked, times=(time.time() + 1, time.time() + 1))
         self.assertTrue(self.builds())
         self.assertEqual((self.helpers / "HalvoHelper").read_text(), "the new helper")
