@@ -375,7 +375,7 @@ TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) 
 
 TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
     const FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::NeverAnswer});
-    constexpr Seconds limit{2.5};
+    static constexpr Seconds limit{2.5};
     Decided decided;
     decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), limit - Seconds{0.3}); };
     const Seconds taken = durationOf([&] {

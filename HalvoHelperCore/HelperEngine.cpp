@@ -12,8 +12,8 @@
 namespace halvo {
 namespace {
 
-// The log's names of the reasons, in the order of Lift.
-constexpr std::array liftNames{"ended", "deadline", "expiredAtStartup", "unreadableAtStartup"};
+// The log's names of the reasons, in the order of Lift; unreadableAtStartup has its own message.
+constexpr std::array liftNames{"ended", "deadline", "expiredAtStartup"};
 
 // Makes `commitment` the context of the log.
 void nameInLog(const HelperCommitment& commitment) {
@@ -240,11 +240,8 @@ bool HelperEngine::isSessionEnding(Seconds now) {
     return watch_.sessionEnding != never;
 }
 
-// The only way from holding to idle.
+// The only way from holding to idle. A commitment is held.
 void HelperEngine::lift(Lift reason) {
-    if (!commitment_) {
-        return;
-    }
     if (commitment_->locked) {
         flags_.setLocked(false, commitment_->appPath);
     }

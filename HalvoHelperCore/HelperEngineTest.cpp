@@ -948,7 +948,9 @@ TEST_F(HelperEngineTest, TerminatingTouchesNoFlagThatIsNotOwedAndLiftsNothing) {
     EXPECT_EQ(engine->terminate(), 75);
     EXPECT_EQ(changes(), "save unlocked");
     begin(app, minute);
-    world.clock.advance(minute);
+    world.clock.advance(minute - second / 2);
+    EXPECT_EQ(engine->terminate(), 75) << "half a second before the time runs out";
+    world.clock.advance(second / 2);
     forget();
     EXPECT_EQ(engine->terminate(), 0) << "just after the time ran out";
     EXPECT_EQ(changes(), "save locked, unlock Halvo.app");

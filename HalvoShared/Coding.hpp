@@ -1,4 +1,5 @@
-// How JSON.hpp reads and writes records, for the sources that declare them.
+// How JSON.hpp reads and writes records, for the sources that declare them. What depends on no
+// record is compiled once, in Coding.cpp: the library is slow to compile.
 #pragma once
 
 #include <algorithm>
@@ -37,76 +38,26 @@ class Members : public std::multimap<Key, Value, Rest...> {
 
 using Json = nlohmann::basic_json<Members>;
 
-// The library's own builder of a document, except for whole numbers beyond 64 bits: the library
-// rounds them to a double, which may be a whole number of 64 bits.
-class Builder : public nlohmann::detail::json_sax_dom_parser<Json> {
-  public:
-    using json_sax_dom_parser::json_sax_dom_parser;
-
-    bool number_float(double number, const std::string& text) {
-        const bool isWhole = text.find_first_of(".eE") == std::string::npos;
-        return json_sax_dom_parser::number_float(
-            isWhole ? std::nextafter(number, number * 2) : number, text);
-    }
-};
-
-// Throws an Error without a path.
-[[noreturn]] inline void fail(Error::Kind kind, std::string problem) {
-    // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
-    throw Error{kind, "", std::move(problem)};
-}
-
-// The message of a parse error, without the library's prefix.
-inline std::string problemOf(const Json::exception& exception) {
-    // "[json.exception.parse_error.101] parse error at line 1, column 5: ..."
-    std::string text = exception.what();
-    text.erase(0, text.find("] ") + 2);
-    // It quotes the last token, which may be long and not UTF-8.
-    constexpr std::size_t longest = 200;
-    const char* end = text.size() > longest ? "…" : "";
-    const auto readable =
-        Json(text.substr(0, longest)).dump(-1, ' ', false, Json::error_handler_t::ignore);
-    return Json::parse(readable).get<std::string>() + end;
-}
-
 // Parses `text` into `root`. Returns memory to be freed before `root`: the library allocates to
 // free a document, and ends the process when it cannot. Throws Error.
-inline std::vector<char> parse(std::string_view text, Json& root) {
-    const std::string notJSON = "This is not JSON: ";
-    // The library takes a NUL byte for the end of the text.
-    if (text.contains('\0')) {
-        fail(Error::Kind::Malformed, notJSON + "it holds a zero byte");
-    }
-    std::vector<char> reserve;
-    // Enough for a list of all values, of at least two bytes each, that doubles its capacity.
-    reserve.reserve(3 * sizeof(Json) * text.size() / 2);
-    try {
-        Builder builder(root);
-        Json::sax_parse(text, &builder);
-    } catch (const Json::exception& exception) {
-        fail(Error::Kind::Malformed, notJSON + problemOf(exception));
-    }
-    return reserve;
-}
+std::vector<char> parse(std::string_view text, Json& root);
+
+// The JSON of a text, which must be UTF-8.
+std::string quoted(std::string_view text);
 
 // --- Errors
 
-inline std::string described(const Json& json) {
-    constexpr std::size_t longestQuote = 60;
-    if (json.is_structured()) {
-        return json.is_object() ? "an object" : "a list";
-    }
-    const auto* text = json.get_ptr<const std::string*>();
-    return text != nullptr && text->size() > longestQuote
-               ? "a text of " + std::to_string(text->size()) + " bytes"
-               : json.dump();
-}
+// Throws an Error without a path.
+[[noreturn]] void fail(Error::Kind kind, std::string problem);
 
-// Fails with `expected` and what was found in its place, unless `isRight`.
+// Fails with `expected` and what was found in its place.
+[[noreturn]] void failExpecting(std::string_view expected, const Json& found, Error::Kind kind);
+
+// Does so unless `isRight`.
 inline void expect(bool isRight, std::string_view expected, const Json& found,
                    Error::Kind kind = Error::Kind::TypeMismatch) {
     if (!isRight) {
-        fail(kind, "Expected " + std::string(expected) + ", found " + described(found));
+        failExpecting(expected, found, kind);
     }
 }
 
@@ -199,7 +150,7 @@ struct Coder {
             // Nearly every text; the library's writer is many times slower.
             text.append("\"").append(value).append("\"");
         } else if (isUTF8(value)) {
-            text += Json(value).dump();
+            text += quoted(value);
         } else {
             fail(Error::Kind::BadValue, "is not UTF-8 text");
         }

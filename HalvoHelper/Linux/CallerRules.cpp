@@ -205,27 +205,6 @@ Problem problemOfAccounts(gid_t gid, const std::string& folder) {
     return flaw ? Problem(flaw->finding) : std::nullopt;
 }
 
-// What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
-Problem problemOfBundle(const std::string& executable, const HelperIdentity& identity) {
-    const std::string isOther = executable + " is not in a bundle of this app and team";
-    const std::string cannotBeRead = "its Info.plist cannot be read";
-    const auto bundle = AppLocation::bundlePath(executable);
-    if (!bundle) {
-        return isOther;
-    }
-    const std::string path = Bundle(*bundle).infoPath();
-    if (const auto problem = RootOwnedPath::examine(path)) {
-        const int code = problem->code;
-        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
-                                                              : failed(cannotBeRead, code);
-    }
-    const auto info = readInfoFile(path);
-    if (!info) {
-        return failed(cannotBeRead, info.error().code);
-    }
-    return HelperIdentity::ofBundle(*info) == identity ? std::nullopt : Problem(isOther);
-}
-
 }  // namespace
 
 std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& folder) {
@@ -298,9 +277,7 @@ std::optional<gid_t> privateGroup(const struct stat& executable) {
     return (executable.st_mode & S_ISGID) != 0 ? std::optional(executable.st_gid) : std::nullopt;
 }
 
-std::expected<HelperPeer, std::string> CallerRules::check(int connection,
-                                                          const HelperIdentity& identity,
-                                                          const std::string& accounts) {
+std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
     ucred caller{};
     socklen_t size = sizeof caller;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &caller, &size) != 0) {
@@ -339,20 +316,46 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection,
     if (executable->ends_with(deletedMark)) {
         const std::string path = executable->substr(0, executable->size() - deletedMark.size());
         return std::unexpected(
-            !RootOwnedPath::problem(path) && !problemOfBundle(path, identity)
+            !RootOwnedPath::problem(path) && !problemOfBundle(path)
                 ? "the app was replaced since it started; quit it and start it anew"
                 : "its executable was replaced or removed since it started");
     }
     const auto problem =
         problemOfFile(*executable, status, caller.gid)
-            .or_else([&] { return problemOfAccounts(caller.gid, accounts); })
+            .or_else([&] { return problemOfAccounts(caller.gid, accounts_); })
             .or_else([&] { return problemOfGroup(connection, caller, *executable); })
-            .or_else([&] { return problemOfBundle(*executable, identity); })
+            .or_else([&] { return problemOfBundle(*executable); })
             .or_else([&] { return problemOfLife(pidfd); });
     if (problem) {
         return std::unexpected(*problem);
     }
     return HelperPeer::ofProcess(caller.uid, *executable);
+}
+
+// What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
+std::optional<std::string> CallerRules::problemOfBundle(const std::string& executable) {
+    const std::string isOther = executable + " is not in a bundle of this app and team";
+    const std::string cannotBeRead = "its Info.plist cannot be read";
+    const auto bundle = AppLocation::bundlePath(executable);
+    if (!bundle) {
+        return isOther;
+    }
+    const std::string path = Bundle(*bundle).infoPath();
+    if (const auto problem = RootOwnedPath::examine(path)) {
+        const int code = problem->code;
+        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
+                                                              : failed(cannotBeRead, code);
+    }
+    const auto file = FileStamp::of(path.c_str());
+    Info& known = infos_[path];
+    if (!file || file != known.file) {
+        const auto info = readInfoFile(path);
+        if (!info) {
+            return failed(cannotBeRead, info.error().code);
+        }
+        known = {file && file->isSettled() ? file : std::nullopt, HelperIdentity::ofBundle(*info)};
+    }
+    return known.identity == identity_ ? std::nullopt : Problem(isOther);
 }
 
 }  // namespace halvo

@@ -8,12 +8,15 @@
 #include <sys/types.h>
 
 #include <expected>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoHelperCore/HelperPeer.hpp"
+#include "HalvoPlatform/Linux/FileStamp.hpp"
 
 namespace halvo {
 
@@ -53,29 +56,48 @@ std::optional<GroupFlaw> flawOf(const GroupFacts& facts);
 // set-group-id.
 std::optional<gid_t> privateGroup(const struct stat& executable);
 
-namespace CallerRules {
+// One thread at a time.
+class CallerRules {
+  public:
+    // For the app of `identity`. `accounts`: the folder of the account files.
+    explicit CallerRules(HelperIdentity identity, std::string accounts = "/etc")
+        : identity_(std::move(identity)), accounts_(std::move(accounts)) {}
 
-// Decides whether the process behind the connected socket `connection` is the app of `identity`.
-// `accounts`: the folder of the account files. Returns the caller, or the rule that it failed, as a
-// text for the log. All must hold:
-//
-// 1. The file that it runs lies on a mount of process 1, without nosuid (proc_pid_mountinfo(5)), on
-//    which the kernel honours the set-group-id bit. A file system that a user wrote and mounted
-//    could forge all that follows, and stall the helper; so this is examined before any path is
-//    walked.
-// 2. Its effective group when it connected is the group of its executable, and that file is
-//    set-group-id, owned by root, and, like every folder above it, writable by root alone.
-// 3. The file it runs is the file at that path, which need not be: a path may name another.
-// 4. That group is private (flawOf()), and neither its real group nor one of its supplementary
-//    groups.
-// 5. The executable lies in a bundle whose Info.plist, a regular file of root that no other user
-//    can write, carries `identity`.
-// 6. Where the kernel gives a pidfd (SO_PEERPIDFD, Linux 6.5), the process still lives after that.
-//
-// A look-up that fails means no, and the text says why it did. Reads nothing from the connection,
-// and every file anew. One thread at a time.
-std::expected<HelperPeer, std::string> check(int connection, const HelperIdentity& identity,
-                                             const std::string& accounts = "/etc");
+    // Decides whether the process behind the connected socket `connection` is the app. Returns the
+    // caller, or the rule that it failed, as a text for the log. All must hold:
+    //
+    // 1. The file that it runs lies on a mount of process 1, without nosuid
+    //    (proc_pid_mountinfo(5)), on which the kernel honours the set-group-id bit. A file system
+    //    that a user wrote and mounted could forge all that follows, and stall the helper; so this
+    //    is examined before any path is walked.
+    // 2. Its effective group when it connected is the group of its executable, and that file is
+    //    set-group-id, owned by root, and, like every folder above it, writable by root alone.
+    // 3. The file it runs is the file at that path, which need not be: a path may name another.
+    // 4. That group is private (flawOf()), and neither its real group nor one of its supplementary
+    //    groups.
+    // 5. The executable lies in a bundle whose Info.plist, a regular file of root that no other
+    //    user can write, carries the identity.
+    // 6. Where the kernel gives a pidfd (SO_PEERPIDFD, Linux 6.5), the process still lives after
+    //    that.
+    //
+    // A look-up that fails means no, and the text says why it did. Reads nothing from the
+    // connection; an Info.plist is read again only after it has changed.
+    std::expected<HelperPeer, std::string> check(int connection);
 
-}  // namespace CallerRules
+  private:
+    std::optional<std::string> problemOfBundle(const std::string& executable);
+
+    HelperIdentity identity_;
+    std::string accounts_;
+
+    // The identity in an Info.plist, as long as the file is the same.
+    struct Info {
+        std::optional<FileStamp> file;
+        std::optional<HelperIdentity> identity;
+    };
+
+    // By path. Only root makes such files, so they are few.
+    std::map<std::string, Info> infos_;
+};
+
 }  // namespace halvo

@@ -44,7 +44,7 @@ const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 
 // Why a caller was refused; "admitted" when it was not.
 std::string verdictOn(int connection, const HelperIdentity& wanted = identity) {
-    const auto caller = CallerRules::check(connection, wanted);
+    const auto caller = CallerRules(wanted).check(connection);
     return caller ? "admitted" : caller.error();
 }
 
@@ -280,7 +280,7 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEvery
     for (const Person& person : {user, other, Person{0, 0}}) {
         const Descriptor connection = connectionAfter([&person] { become(person); });
         caller->send(SIGSTOP);
-        const auto verdict = CallerRules::check(connection.get(), identity);
+        const auto verdict = CallerRules(identity).check(connection.get());
         ASSERT_TRUE(verdict) << verdict.error();
         EXPECT_EQ(*verdict, (HelperPeer{person.uid, app->path()}));
     }
@@ -334,7 +334,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotBeRead) {
     const Descriptor connection = connectionOfApp();
-    const auto verdict = CallerRules::check(connection.get(), identity, "/nowhere");
+    const auto verdict = CallerRules(identity, "/nowhere").check(connection.get());
     EXPECT_EQ(verdict.error(), "it cannot be told whose the group " + std::to_string(appGroup) +
                                    " is: /nowhere/group: No such file or directory");
 }
@@ -609,6 +609,44 @@ TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
         EXPECT_EQ(verdict, row.verdict);
     }
     EXPECT_EQ(verdictOn(connection.get()), "admitted");
+}
+
+TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
+    CallerRules rules(identity);
+    const TestBundle stranger("/Applications/Other.app");
+    stranger.writeInfo("com.example.other");
+    stranger.install(appGroup);
+    const Descriptor ours = connectionOfApp();
+    const Descriptor theirs = connectionOf(stranger.executable());
+    // How many files are opened for each caller.
+    const auto opened = [&](const Descriptor& connection) {
+        const std::size_t before = callsMade(SystemCall::open);
+        EXPECT_EQ(rules.check(connection.get()).has_value(), &connection == &ours);
+        return callsMade(SystemCall::open) - before;
+    };
+    // The executable, the groups, the Info.plist.
+    EXPECT_EQ(opened(ours), 3U);
+    sleep(3);  // until a change would show
+    for (const std::size_t count : {3U, 2U, 2U}) {
+        EXPECT_EQ(opened(ours), count);
+        EXPECT_EQ(opened(theirs), count) << "one bundle displaces the other";
+    }
+    app->writeInfo("com.example.other");
+    EXPECT_FALSE(rules.check(ours.get()));
+    app->writeInfo();
+    EXPECT_EQ(opened(ours), 3U);
+    sleep(3);
+    opened(ours);
+    EXPECT_EQ(opened(ours), 2U);
+    // In place, of the same length, and with the previous times, which every user can set.
+    struct stat status{};
+    ASSERT_EQ(stat(app->info().c_str(), &status), 0);
+    std::string text = readTestFile(app->info());
+    text.replace(text.find("7QX4KD19MT"), 10, "7QX4KD19MU");
+    overwriteTestFile(app->info(), text);
+    const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, app->info().c_str(), times.data(), 0), 0);
+    EXPECT_FALSE(rules.check(ours.get()));
 }
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgramAndOneThatBecameTheApp) {

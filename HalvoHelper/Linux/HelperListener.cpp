@@ -45,7 +45,7 @@ constexpr std::int64_t incomingPriority = SD_EVENT_PRIORITY_NORMAL + 10;
 class SocketListener final : public HelperListener {
   public:
     SocketListener(HelperIdentity identity, Descriptor socket, Descriptor lock)
-        : identity_(std::move(identity)), socket_(std::move(socket)), lock_(std::move(lock)) {}
+        : rules_(std::move(identity)), socket_(std::move(socket)), lock_(std::move(lock)) {}
 
     ~SocketListener() override {
         sd_event_source_disable_unref(incoming_);
@@ -90,7 +90,7 @@ class SocketListener final : public HelperListener {
             refusals_.refused(now, "too many connections are open");
             return;
         }
-        auto caller = CallerRules::check(socket.get(), identity_);
+        auto caller = rules_.check(socket.get());
         const auto isTheirs = [&](const auto& other) { return other.uid() == caller->uid; };
         if (!caller) {
             refusals_.refused(now, caller.error());
@@ -146,7 +146,7 @@ class SocketListener final : public HelperListener {
         });
     }
 
-    HelperIdentity identity_;
+    CallerRules rules_;
     Descriptor socket_;
     // Held while this helper serves the socket that it made itself.
     Descriptor lock_;

@@ -15,36 +15,12 @@
 #include "HalvoHelperCore/AppLocation.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoPlatform/Bundle.hpp"
+#include "HalvoPlatform/Linux/FileStamp.hpp"
 #include "HalvoPlatform/Paths.hpp"
 #include "HalvoPlatform/Time.hpp"
 
 namespace halvo {
 namespace {
-
-// Identifies a version of a file without reading it; stat(2). Taken before the file is read, so
-// that a change in between is seen next time.
-struct FileStamp {
-    dev_t device{};
-    ino_t inode{};
-    off_t size{};
-    // In nanoseconds since 1970.
-    std::int64_t modified{};
-    std::int64_t changed{};
-
-    // Nothing when the look-up fails. Allocates nothing.
-    static std::optional<FileStamp> of(const char* path) {
-        constexpr std::int64_t second = 1'000'000'000;
-        struct stat status{};
-        if (stat(path, &status) != 0) {
-            return std::nullopt;
-        }
-        return FileStamp{status.st_dev, status.st_ino, status.st_size,
-                         (status.st_mtim.tv_sec * second) + status.st_mtim.tv_nsec,
-                         (status.st_ctim.tv_sec * second) + status.st_ctim.tv_nsec};
-    }
-
-    bool operator==(const FileStamp&) const = default;
-};
 
 // The property of the session that `ask`, of sd-login(3), reads; empty when that fails.
 std::string told(int (*ask)(const char*, char**), const std::string& session) {
