@@ -377,7 +377,7 @@ TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
     const FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::NeverAnswer});
     static constexpr Seconds limit{2.5};
     Decided decided;
-    decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), limit - Seconds{0.3}); };
+    decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), Seconds{2.2}); };
     const Seconds taken = durationOf([&] {
         EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), limit),
                   std::unexpected(HelperFailure(TimedOut{})));

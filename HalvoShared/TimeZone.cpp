@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <system_error>
+#include <utility>
 
 #include "HalvoPlatform/Files.hpp"
 
@@ -148,7 +149,9 @@ void appendYears(TimeZone& zone, const std::vector<YearlyChange>& rule, sys_seco
         }
     }
     // Where daylight saving time ends and begins at once, the begin comes last and counts.
-    std::ranges::stable_sort(ruled, {}, &OffsetChange::begin);
+    std::ranges::sort(ruled, {}, [summer = rule.back()(begin).offset](const OffsetChange& change) {
+        return std::pair(change.begin, change.offset == summer);
+    });
     for (const OffsetChange& change : ruled) {
         if (change.begin > last) {
             append(zone.changes, change);
