@@ -184,6 +184,14 @@ TEST(SessionTest, IsClosingByItsOwnStateWhereItHasASeatElseByTheUsers) {
     login.reset();
 }
 
+TEST(SignalTest, IsWaitedForNoShorterThanAsked) {
+    sigset_t none;
+    sigemptyset(&none);
+    const Seconds before = timeNow();
+    EXPECT_EQ(waitForSignal(none, Seconds{0.05}), 0);
+    EXPECT_GE(timeNow() - before, Seconds{0.05});
+}
+
 // The app group's folder, empty. All tests have the same, since a process keeps its path. Not a
 // TemporaryFolder, which each child process would remove at its exit.
 class RecordsTest : public ::testing::Test {
