@@ -616,12 +616,13 @@ TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
     const TestBundle stranger("/Applications/Other.app");
     stranger.writeInfo("com.example.other");
     stranger.install(appGroup);
-    const Descriptor ours = connectionOfApp();
-    const Descriptor theirs = connectionOf(stranger.executable());
+    const std::string ours = app->executable();
+    const std::string theirs = stranger.executable();
     // How many files are opened for each caller.
-    const auto opened = [&](const Descriptor& connection) {
+    const auto opened = [&](const std::string& executable) {
+        const Descriptor connection = connectionOf(executable);
         const std::size_t before = callsMade(SystemCall::open);
-        EXPECT_EQ(rules.check(connection.get()).has_value(), &connection == &ours);
+        EXPECT_EQ(rules.check(connection.get()).has_value(), executable == ours);
         return callsMade(SystemCall::open) - before;
     };
     // The executable, the groups, the Info.plist.
@@ -632,7 +633,7 @@ TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
         EXPECT_EQ(opened(theirs), count) << "one bundle displaces the other";
     }
     app->writeInfo("com.example.other");
-    EXPECT_FALSE(rules.check(ours.get()));
+    EXPECT_FALSE(rules.check(connectionOf(ours).get()));
     app->writeInfo();
     EXPECT_EQ(opened(ours), 3U);
     sleep(3);
@@ -646,7 +647,7 @@ TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
     overwriteTestFile(app->info(), text);
     const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
     ASSERT_EQ(utimensat(AT_FDCWD, app->info().c_str(), times.data(), 0), 0);
-    EXPECT_FALSE(rules.check(ours.get()));
+    EXPECT_FALSE(rules.check(connectionOf(ours).get()));
 }
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgramAndOneThatBecameTheApp) {

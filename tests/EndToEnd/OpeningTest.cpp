@@ -216,7 +216,7 @@ TEST_F(UpgradeTest, RefusesNewConnectionsOfTheOldApp) {
                      Seconds{10}))
         << helper->process().output();
     EXPECT_TRUE(eventually(Seconds{10}, [&] {
-        return old.output().find("start it anew") != std::string::npos;
+        return old.output().contains("Quit Halvo and start it again");
     })) << old.output();
     EXPECT_TRUE(helper->says(opening, Seconds{12}));
     waitForApp(Seconds{3});
