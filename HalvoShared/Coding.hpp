@@ -1,5 +1,5 @@
 // How JSON.hpp reads and writes records, for the sources that declare them. What depends on no
-// record is compiled once, in Coding.cpp: the library is slow to compile.
+// record is compiled once, in JSON.cpp: the library is slow to compile.
 #pragma once
 
 #include <algorithm>
