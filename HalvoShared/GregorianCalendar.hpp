@@ -44,14 +44,14 @@ class GregorianCalendar {
     // outside the range.
     [[nodiscard]] std::optional<WallDate> startOfNextDay(WallDate date) const;
 
-    // The same time of day, `days` calendar days later, earlier when negative; as
+    // The same time of day, `count` calendar days later, earlier when negative; as
     // -[NSCalendar dateByAddingUnit:value:toDate:options:] does. A time that is skipped on that day
     // is moved later by the length of the gap. Of a time that comes twice the result is, going
     // forward, the first; going back, the one with the offset of `date`, if there is one. Across a
     // whole day that was skipped, or came twice, each day counts as 24 hours: the next day takes
     // the place of a skipped one, the previous day when going back. Fractions of a second are kept.
     // Nothing when the result or `date` is outside the range.
-    [[nodiscard]] std::optional<WallDate> addingDays(int days, WallDate date) const;
+    [[nodiscard]] std::optional<WallDate> addingDays(int count, WallDate date) const;
 
     // The offset from UTC at `date`, positive east of Greenwich; 0 for a date outside the range.
     [[nodiscard]] Seconds offset(WallDate date) const;

@@ -24,9 +24,10 @@ std::string problemOf(const Json::exception& exception) {
     // It quotes the last token, which may be long and not UTF-8.
     constexpr std::size_t longest = 200;
     const char* end = text.size() > longest ? "…" : "";
+    using nlohmann::json;
     const auto readable =
-        Json(text.substr(0, longest)).dump(-1, ' ', false, Json::error_handler_t::ignore);
-    return Json::parse(readable).get<std::string>() + end;
+        json(text.substr(0, longest)).dump(-1, ' ', false, json::error_handler_t::ignore);
+    return json::parse(readable).get<std::string>() + end;
 }
 
 std::string described(const Json& json) {
