@@ -434,6 +434,18 @@ TEST_F(CompanionTest, ShowsAnEndOnceThatMovesByLessThanTheTolerance) {
     EXPECT_THAT(result.output, MatchesRegex(line + line + "Halvo exits[^\n]*\n"));
 }
 
+TEST_F(CompanionTest, SendsHeartbeatsNoFasterThanItsPace) {
+    startHelper(Seconds{600});
+    const Seconds before = timeNow();
+    run({}, [&](TestProcess& process) {
+        awaitRequests(41);
+        process.send(SIGINT);
+    });
+    // A status, then a heartbeat and a status each time.
+    const double beats = 1 + (timeNow() - before) / Seconds{0.05};
+    EXPECT_LE(helper_->record().requests, 1 + 2 * beats);
+}
+
 TEST_F(CompanionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
     startHelper(Seconds{600});
     const ChildResult back = run({}, [&](TestProcess&) {
