@@ -69,7 +69,7 @@ void run(std::span<const std::string> words) {
     const auto request = parse(words);
     // Single-threaded: until the next look-up the static buffer of getpwuid(3) is unchanged.
     const passwd* user = request ? getpwuid(request->uid) : nullptr;
-    if (user == nullptr) {
+    if (!request || user == nullptr) {
         std::exit(EX_USAGE);
     }
     if (user->pw_name == nullptr || user->pw_dir == nullptr) {

@@ -240,8 +240,11 @@ bool HelperEngine::isSessionEnding(Seconds now) {
     return watch_.sessionEnding != never;
 }
 
-// The only way from holding to idle. A commitment is held.
+// The only way from holding to idle.
 void HelperEngine::lift(Lift reason) {
+    if (!commitment_) {
+        return;
+    }
     if (commitment_->locked) {
         flags_.setLocked(false, commitment_->appPath);
     }

@@ -195,6 +195,17 @@ int forEachEntry(const std::string& path, Next next, Use use) {
     return std::feof(file.get()) != 0 ? 0 : errno;
 }
 
+// Returns 0 or the errno.
+int readShadow(const std::string& path, GroupFacts& facts) {
+    return forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
+        if (facts.name && *facts.name == shadow.sg_namp) {
+            facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
+            append(facts.members, shadow.sg_mem);
+            append(facts.administrators, shadow.sg_adm);
+        }
+    });
+}
+
 // What keeps the group `gid` from being private, by the account files in `folder`.
 Problem problemOfAccounts(gid_t gid, const std::string& folder) {
     const auto facts = readGroup(gid, folder);
@@ -224,13 +235,7 @@ std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& f
     });
     if (code == 0 && facts.hasShadow) {
         path = folder + "/gshadow";
-        code = forEachEntry(path, fgetsgent, [&](const sgrp& shadow) {
-            if (facts.name && *facts.name == shadow.sg_namp) {
-                facts.shadowPassword = shadow.sg_passwd == nullptr ? "" : shadow.sg_passwd;
-                append(facts.members, shadow.sg_mem);
-                append(facts.administrators, shadow.sg_adm);
-            }
-        });
+        code = readShadow(path, facts);
         code = code == ENOENT ? 0 : code;
     }
     if (code == 0) {
@@ -334,7 +339,7 @@ std::expected<HelperPeer, std::string> CallerRules::check(int connection) {
 
 // What keeps `executable` from lying in a bundle of the app, whose Info.plist is root's alone.
 std::optional<std::string> CallerRules::problemOfBundle(const std::string& executable) {
-    const std::string isOther = executable + " is not in a bundle of this app and team";
+    std::string isOther = executable + " is not in a bundle of this app and team";
     const std::string cannotBeRead = "its Info.plist cannot be read";
     const auto bundle = AppLocation::bundlePath(executable);
     if (!bundle) {

@@ -24,8 +24,7 @@ using records::printable;
 // lstat(2) of `path`; all zero when it fails.
 struct stat lstatOf(const std::string& path) {
     struct stat status{};
-    struct stat none{};
-    return lstat(path.c_str(), &status) == 0 ? status : none;
+    return lstat(path.c_str(), &status) == 0 ? status : decltype(status){};
 }
 
 // A unit must be loaded; some must also be enabled, and active.
