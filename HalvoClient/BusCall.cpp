@@ -61,7 +61,7 @@ bool waitBefore(Deadline deadline, Seconds span) {
     return sinceBoot() < deadline;
 }
 
-std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline) {
+std::expected<Descriptor, int> connectToHelper(const std::string& path, Deadline deadline) {
     const auto address = socketAddress(path);
     if (!address) {
         return std::unexpected(ENAMETOOLONG);

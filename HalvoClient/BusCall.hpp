@@ -40,7 +40,7 @@ using BusMessage = std::unique_ptr<sd_bus_message, BusMessageRelease>;
 // effect, if the process has one. Fails with the errno of socket(2) or connect(2), with
 // ENAMETOOLONG when the path is too long (unix(7)), and with ETIMEDOUT when the listener's queue
 // was full until `deadline`.
-std::expected<Descriptor, int> connectAsApp(const std::string& path, Deadline deadline);
+std::expected<Descriptor, int> connectToHelper(const std::string& path, Deadline deadline);
 
 // A connection on `socket`, of which it takes ownership, also on failure. Only begins
 // authentication; callWithin() continues it. Refuses file descriptors from the peer. Fails with an

@@ -123,7 +123,7 @@ TEST(BusCallTest, EndsWithAFaultByWhatThePeerSays) {
 TEST(BusCallTest, GivesAnErrorReplyAsAReply) {
     const TemporaryFolder folder;
     const FakeHelper helper(folder / "socket", {Conduct::Reject});
-    auto socket = connectAsApp(folder / "socket", deadlineAfter(limit));
+    auto socket = connectToHelper(folder / "socket", deadlineAfter(limit));
     ASSERT_TRUE(socket.has_value());
     const auto bus = openBus(std::move(*socket));
     ASSERT_TRUE(bus.has_value());

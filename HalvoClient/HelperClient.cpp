@@ -57,7 +57,7 @@ std::expected<void, int> connectIfNeeded(BusHandle& bus, const std::string& path
     if (bus != nullptr) {
         return {};
     }
-    auto socket = connectAsApp(path, deadline);
+    auto socket = connectToHelper(path, deadline);
     auto made = socket ? openBus(*std::move(socket)) : std::unexpected(socket.error());
     if (made) {
         bus = std::move(*made);

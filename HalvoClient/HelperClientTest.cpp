@@ -292,7 +292,7 @@ TEST_F(HelperClientTest, GivesUpOnAFullQueue) {
     const Descriptor listener = socketAt(path_, 0);
     std::vector<Descriptor> waiting;
     while (true) {
-        auto socket = connectAsApp(path_, deadlineAfter(Seconds{0}));
+        auto socket = connectToHelper(path_, deadlineAfter(Seconds{0}));
         if (!socket) {
             EXPECT_EQ(socket.error(), ETIMEDOUT);
             break;

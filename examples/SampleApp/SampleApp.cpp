@@ -1,5 +1,5 @@
 // A small app that uses the helper the way the real one does. Best read from the end: main(), then
-// Companion, which sends the heartbeats, then what that needs.
+// AppSession, which sends the heartbeats, then what that needs.
 
 #include <sysexits.h>
 #include <systemd/sd-login.h>
@@ -360,7 +360,7 @@ int waitForSignal(const sigset_t& signals, Seconds span) {
     return std::max(sigtimedwait(&signals, nullptr, &limit), 0);
 }
 
-// The time limits of Companion, shorter in tests.
+// The time limits of AppSession, shorter in tests.
 struct Pace {
     // Well below the silence after which the helper looks whether the app runs.
     Seconds heartbeat{2};
@@ -373,10 +373,10 @@ struct Pace {
 // The app while it runs: begins a commitment if asked to, then sends heartbeats, shows what holds
 // and writes the records. It never ends a commitment. Borrows the client and the display. Blocks
 // SIGINT, SIGTERM and SIGHUP in its thread, so it is made before there is another.
-class Companion {
+class AppSession {
   public:
     // The app's bundle is at `appPath`.
-    Companion(HelperClient& client, Display& display, std::string appPath, Pace pace = {})
+    AppSession(HelperClient& client, Display& display, std::string appPath, Pace pace = {})
         : client_(client),
           display_(display),
           records_(appPath),
@@ -568,5 +568,5 @@ int main(int argc, char** argv) {
     }
     HelperClient client(bundle->identity);
     Display display(stdout, isatty(STDOUT_FILENO) == 1);
-    return Companion(client, display, bundle->path).run(*parsed);
+    return AppSession(client, display, bundle->path).run(*parsed);
 }

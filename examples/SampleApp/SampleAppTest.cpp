@@ -285,7 +285,7 @@ TEST_F(RecordsTest, ThatCannotBeWrittenAreReportedOnceAndAgainAfterASuccess) {
     EXPECT_EQ(keeper.end(noon + hour * 3), writeFailure_);
 }
 
-class CompanionTest : public RecordsTest {
+class AppSessionTest : public RecordsTest {
   protected:
     // A system bus of the test's own.
     void SetUp() override { setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + bus_).c_str(), 1); }
@@ -319,7 +319,7 @@ class CompanionTest : public RecordsTest {
             HelperClient client(path_);
             Display display(stdout, /*isTerminal=*/false);
             const Pace hurried{Seconds{0.05}, Seconds{0.2}, Seconds{0.4}};
-            return Companion(client, display, app, hurried).run(arguments);
+            return AppSession(client, display, app, hurried).run(arguments);
         }});
         meanwhile(process);
         const int status = process.wait();
@@ -348,7 +348,7 @@ class CompanionTest : public RecordsTest {
     std::optional<FakeHelper> helper_;
 };
 
-TEST_F(CompanionTest, EndsAtOnceWhereNothingHolds) {
+TEST_F(AppSessionTest, EndsAtOnceWhereNothingHolds) {
     struct Row {
         std::optional<Conduct> helper;
         std::optional<Seconds> commitment;
@@ -380,7 +380,7 @@ TEST_F(CompanionTest, EndsAtOnceWhereNothingHolds) {
     }
 }
 
-TEST_F(CompanionTest, StaysUntilTheHelperLetsGo) {
+TEST_F(AppSessionTest, StaysUntilTheHelperLetsGo) {
     struct Row {
         std::optional<Seconds> commitment;
         bool writesRecords;
@@ -419,7 +419,7 @@ TEST_F(CompanionTest, StaysUntilTheHelperLetsGo) {
     }
 }
 
-TEST_F(CompanionTest, ShowsAnEndOnceThatMovesByLessThanTheTolerance) {
+TEST_F(AppSessionTest, ShowsAnEndOnceThatMovesByLessThanTheTolerance) {
     startHelper(Seconds{600});
     const ChildResult result = run({}, [&](TestProcess& process) {
         awaitRequests(4);
@@ -434,7 +434,7 @@ TEST_F(CompanionTest, ShowsAnEndOnceThatMovesByLessThanTheTolerance) {
     EXPECT_THAT(result.output, MatchesRegex(line + line + "Halvo exits[^\n]*\n"));
 }
 
-TEST_F(CompanionTest, SendsHeartbeatsNoFasterThanItsPace) {
+TEST_F(AppSessionTest, SendsHeartbeatsNoFasterThanItsPace) {
     startHelper(Seconds{600});
     const Seconds before = timeNow();
     run({}, [&](TestProcess& process) {
@@ -446,7 +446,7 @@ TEST_F(CompanionTest, SendsHeartbeatsNoFasterThanItsPace) {
     EXPECT_LE(helper_->record().requests, 1 + 2 * beats);
 }
 
-TEST_F(CompanionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
+TEST_F(AppSessionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
     startHelper(Seconds{600});
     const ChildResult back = run({}, [&](TestProcess&) {
         awaitRequests(4);
@@ -467,7 +467,7 @@ TEST_F(CompanionTest, OutlivesTheHelperUntilTheCommitmentMustBeOver) {
     EXPECT_THAT(alone.output, EndsWith("Halvo exits: the helper has been away for too long.\n"));
 }
 
-TEST_F(CompanionTest, LooksForTheHelperThatOpenedIt) {
+TEST_F(AppSessionTest, LooksForTheHelperThatOpenedIt) {
     const ChildResult alone = run({std::nullopt, /*isReopened=*/true});
     EXPECT_EQ(alone.status, 69);
     EXPECT_THAT(alone.output, StartsWith("The helper opened Halvo again after it was quit.\n"));
@@ -481,7 +481,7 @@ TEST_F(CompanionTest, LooksForTheHelperThatOpenedIt) {
     EXPECT_THAT(result.output, HasSubstr("The helper is back.\nUltra Hard mode holds until "));
 }
 
-TEST_F(CompanionTest, AnnouncesAShutdownButNotAnInterrupt) {
+TEST_F(AppSessionTest, AnnouncesAShutdownButNotAnInterrupt) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         EXPECT_FALSE(announcesAt(signal)) << "without logind, " << signal;
     }
@@ -492,7 +492,7 @@ TEST_F(CompanionTest, AnnouncesAShutdownButNotAnInterrupt) {
     EXPECT_FALSE(announcesAt(SIGTERM)) << "logind says no";
 }
 
-TEST_F(CompanionTest, WaitsForLogindNoLongerThanAllowed) {
+TEST_F(AppSessionTest, WaitsForLogindNoLongerThanAllowed) {
     for (const Conduct conduct : {Conduct::NeverAuthenticate, Conduct::NeverAnswer}) {
         FakeHelper const bus(bus_, {conduct});
         const Seconds before = timeNow();
@@ -502,7 +502,7 @@ TEST_F(CompanionTest, WaitsForLogindNoLongerThanAllowed) {
 }
 
 // In the files that logind keeps of a person who belongs to no session.
-TEST_F(CompanionTest, AnnouncesTheEndOfASessionThatWasOpenBefore) {
+TEST_F(AppSessionTest, AnnouncesTheEndOfASessionThatWasOpenBefore) {
     const PrivateMount run("tmpfs", "run", "/run");
     if (!run.isMounted()) {
         GTEST_SKIP() << "needs the permission to mount a file system";

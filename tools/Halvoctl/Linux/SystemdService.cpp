@@ -29,7 +29,7 @@ using UnitsOrError = std::expected<Units, std::string>;
 class Connection {
   public:
     Connection(const BusAddress& address, Seconds limit) : deadline_(deadlineAfter(limit)) {
-        auto socket = connectAsApp(address.path, deadline_);
+        auto socket = connectToHelper(address.path, deadline_);
         auto bus = socket ? openBus(std::move(*socket)) : std::unexpected(socket.error());
         check(bus ? 0 : -bus.error());
         bus_ = bus ? std::move(*bus) : nullptr;

@@ -177,9 +177,8 @@ Check checkOpening(const std::string& helper, const HelperIdentity& identity) {
           printable(checked ? "" : checked.error()) + "; so the app is not opened again, since " +
               shown,
           "Install the app again."},
-         {flaw && flaw->failure != ENOENT,
-          printable(flaw.value_or(RootOwnedPath::Problem{}).what) +
-              "; so the app is not opened again",
+         {flaw && flaw->code != ENOENT,
+          printable(flaw.value_or(FileError{}).message) + "; so the app is not opened again",
           "rm -r " + shellWord(folder)}},
         "through a checked copy of the helper in " + printable(folder) + ", since " + shown);
 }
