@@ -61,8 +61,9 @@ std::expected<std::string, int> mountOptions(std::uint64_t number) {
     const TextFile mounts = openText("/proc/1/mountinfo");
     std::array<char, 21> id{};
     std::array<char, 4096> options{};
-    while (mounts != nullptr && std::fscanf(mounts.get(), "%20s %*s %*s %*s %*s %4095s%*[^\n]",
-                                            id.data(), options.data()) == 2) {
+    // Words end at a space alone: the kernel leaves the other white space that %s knows in a path.
+    constexpr const char* line = " %20[^ ] %*[^ ] %*[^ ] %*[^ ] %*[^ ] %4095[^ ]%*[^\n]";
+    while (mounts != nullptr && std::fscanf(mounts.get(), line, id.data(), options.data()) == 2) {
         if (id.data() == std::to_string(number)) {
             return options.data();
         }

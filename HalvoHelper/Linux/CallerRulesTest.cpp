@@ -420,6 +420,24 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
     EXPECT_EQ(verdictOn(onMount.get()), elsewhere);
 }
 
+// The kernel escapes blanks, tabs, newlines and backslashes in the paths of mounts, nothing else.
+TEST_F(CallerRulesPrivateMachineTest, TakeNoPathOfAMountForItsOptions) {
+    for (const std::string separator : {"\f", "\v", "\r", " ", "\t", "\n"}) {
+        const std::string folder = "/Library/mount" + separator + "rw,relatime";
+        fs::create_directory(folder);
+        ASSERT_EQ(mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr), 0);
+        copyProgram(HALVO_TEST_APP, folder + "/program");
+        ASSERT_EQ(
+            mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID, nullptr), 0);
+        EXPECT_EQ(
+            verdictOn(connectionOf(folder + "/program").get()),
+            "its executable lies on a file system mounted with nosuid, where the kernel gives "
+            "nobody its group")
+            << int{separator.front()};
+        ASSERT_EQ(umount2(folder.c_str(), MNT_DETACH), 0);
+    }
+}
+
 // In a mount namespace of its own, with everything else as it is with the app: even the group.
 TEST_F(CallerRulesPrivateMachineTest, RefuseTheMountsOfACallersOwn) {
     const Descriptor connection = connectionAfter([&] {
