@@ -375,14 +375,14 @@ TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) 
 
 TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
     const FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::NeverAnswer});
-    static constexpr Seconds limit{2.5};
+    static constexpr Seconds total{2.5};
     Decided decided;
     decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), Seconds{2.2}); };
     const Seconds taken = durationOf([&] {
-        EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), limit),
+        EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), total),
                   std::unexpected(HelperFailure(TimedOut{})));
     });
-    EXPECT_LT(taken, limit + lateness);
+    EXPECT_LT(taken, total + lateness);
 }
 
 TEST_F(HelperClientTest, NeedsAStatusForABegin) {

@@ -11,6 +11,7 @@
 
 #include "HalvoHelper/HelperService.hpp"
 #include "HalvoPlatform/Log.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
@@ -19,10 +20,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-constexpr std::uint32_t ann = 501;
-constexpr std::uint32_t ben = 502;
-constexpr Seconds hour{3600};
 
 // Where callers come in: by hand.
 class FakeListener final : public HelperListener {

@@ -31,13 +31,13 @@ void expectAllDifferent(const std::vector<Record>& records) {
 }
 
 const ClockReading reading{"boot", Seconds{12.5}, wallDate(1'763'249'012.25)};
-const HelperCommitment commitment{"/Applications/Halvo.app",
-                                  501,
-                                  wallDate(1'763'243'700.5),
-                                  Seconds{5312.75},
-                                  Seconds{81088},
-                                  reading,
-                                  true};
+const HelperCommitment held{"/Applications/Halvo.app",
+                            501,
+                            wallDate(1'763'243'700.5),
+                            Seconds{5312.75},
+                            Seconds{81088},
+                            reading,
+                            true};
 
 TEST(HashTest, DependsOnEveryMemberAndOnTheirOrder) {
     EXPECT_EQ(hashOf(1, 2), hashOf(1, 2));
@@ -52,7 +52,7 @@ TEST(HashTest, TellsRecordsApartByEveryMember) {
     readings[2].sinceBoot += Seconds{1};
     readings[3].wall += Seconds{1};
     expectAllDifferent(readings);
-    std::vector<HelperCommitment> commitments(8, commitment);
+    std::vector<HelperCommitment> commitments(8, held);
     commitments[1].appPath = "/Applications/Other.app";
     commitments[2].uid = 502;
     commitments[3].startedWall += Seconds{1};

@@ -10,8 +10,8 @@
 namespace halvo {
 namespace {
 
-constexpr double day = 86400;
-constexpr double hour = 3600;
+constexpr double aDay = 86400;
+constexpr double anHour = 3600;
 
 // The wall clock when the commitment starts, and the time since boot then.
 constexpr double wall = 1'760'000'000;
@@ -21,8 +21,8 @@ constexpr double uptime = 1000;
 const HelperCommitment commitment{"/Applications/Halvo.app",
                                   501,
                                   wallDate(wall),
-                                  Seconds{2 * hour},
-                                  Seconds{day},
+                                  Seconds{2 * anHour},
+                                  Seconds{aDay},
                                   {"boot 1", Seconds{uptime}, wallDate(wall)},
                                   true};
 
@@ -32,7 +32,7 @@ ClockReading look(const char* boot, double sinceBoot, double passed) {
     return {boot, Seconds{sinceBoot}, wallDate(wall + passed)};
 }
 
-TEST(HelperCommitmentTest, LastsADayAtMost) { EXPECT_EQ(HelperCommitment::maximum.count(), day); }
+TEST(HelperCommitmentTest, LastsADayAtMost) { EXPECT_EQ(HelperCommitment::maximum.count(), aDay); }
 
 TEST(HelperCommitmentTest, CountsTheTimePassed) {
     struct Row {
@@ -45,17 +45,17 @@ TEST(HelperCommitmentTest, CountsTheTimePassed) {
     const std::vector<Row> rows{
         {"no time passed", look("boot 1", uptime, 0), 0},
         {"half a minute passed", look("boot 1", uptime + 30, 30), 30},
-        {"the wall clock was set back two hours", look("boot 1", uptime + 30, 30 - 2 * hour), 30},
-        {"the wall clock was set on two hours", look("boot 1", uptime + 30, 30 + 2 * hour), 30},
-        {"it is asleep for two days in the same boot", look("boot 1", uptime + 2 * day, 0),
-         2 * day},
+        {"the wall clock was set back two hours", look("boot 1", uptime + 30, 30 - 2 * anHour), 30},
+        {"the wall clock was set on two hours", look("boot 1", uptime + 30, 30 + 2 * anHour), 30},
+        {"it is asleep for two days in the same boot", look("boot 1", uptime + 2 * aDay, 0),
+         2 * aDay},
         {"since-boot went back, the wall clock says more", look("boot 1", 900, 5000), 5000},
         {"since-boot went back, the wall clock says less", look("boot 1", 900, 60), 900},
         {"since-boot went back by the least", look("boot 1", uptime - 0.001, 0), uptime - 0.001},
         {"rebooted, the wall clock says more", look("boot 2", 40, 300), 300},
         {"rebooted, the wall clock says less", look("boot 2", 40, 10), 40},
         {"rebooted, both say the same", look("boot 2", 40, 40), 40},
-        {"rebooted, the wall clock moved back", look("boot 2", 40, -5 * hour), 40},
+        {"rebooted, the wall clock moved back", look("boot 2", 40, -5 * anHour), 40},
         {"rebooted, since-boot is larger than before", look("boot 2", uptime + 500, 20), 1500},
         {"rebooted, since-boot is zero", look("boot 2", 0, -10), 0},
         {"rebooted, a fraction of a second ago", look("boot 2", 0.25, -10), 0.25},
@@ -76,7 +76,7 @@ TEST(HelperCommitmentTest, CountsTheTimePassed) {
 TEST(HelperCommitmentTest, TrustsTwoUnnamedBootsToBeTheSame) {
     HelperCommitment unnamed = commitment;
     unnamed.checkpoint.bootID = "unknown";
-    EXPECT_EQ(unnamed.elapsed(look("unknown", uptime + 30, hour)).count(), 30);
+    EXPECT_EQ(unnamed.elapsed(look("unknown", uptime + 30, anHour)).count(), 30);
 }
 
 // The commitment with other budgets.
@@ -87,8 +87,8 @@ HelperCommitment with(double remaining, double capRemaining) {
     return other;
 }
 
-const HelperCommitment capped = with(2 * hour, hour);
-const HelperCommitment generous = with(10 * day, 10 * day);
+const HelperCommitment capped = with(2 * anHour, anHour);
+const HelperCommitment generous = with(10 * aDay, 10 * aDay);
 
 TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
     struct Row {
@@ -99,20 +99,20 @@ TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
     };
 
     const std::vector<Row> rows{
-        {"what was asked for", commitment, look("boot 1", uptime + 600, 600), 2 * hour - 600},
-        {"the cap", capped, look("boot 1", uptime + 600, 600), hour - 600},
-        {"less than nothing", commitment, look("boot 1", uptime + 3 * hour, 0), -hour},
-        {"no wall cap within one boot", commitment, look("boot 1", uptime + 30, 2 * day),
-         2 * hour - 30},
-        {"rebooted", commitment, look("boot 2", 40, 600), 2 * hour - 600},
-        {"rebooted, the cap", capped, look("boot 2", 40, 600), hour - 600},
-        {"rebooted, the wall clock set back", commitment, look("boot 2", 40, -5 * hour),
-         2 * hour - 40},
-        {"rebooted, a day from the start", generous, look("boot 2", 40, 20 * hour), 4 * hour},
-        {"rebooted, a day after the start", generous, look("boot 2", 40, day), 0},
-        {"rebooted, more than a day after the start", generous, look("boot 2", 40, day + 5), -5},
-        {"since-boot went back: as after a reboot", generous, look("boot 1", 900, 20 * hour),
-         4 * hour},
+        {"what was asked for", commitment, look("boot 1", uptime + 600, 600), 2 * anHour - 600},
+        {"the cap", capped, look("boot 1", uptime + 600, 600), anHour - 600},
+        {"less than nothing", commitment, look("boot 1", uptime + 3 * anHour, 0), -anHour},
+        {"no wall cap within one boot", commitment, look("boot 1", uptime + 30, 2 * aDay),
+         2 * anHour - 30},
+        {"rebooted", commitment, look("boot 2", 40, 600), 2 * anHour - 600},
+        {"rebooted, the cap", capped, look("boot 2", 40, 600), anHour - 600},
+        {"rebooted, the wall clock set back", commitment, look("boot 2", 40, -5 * anHour),
+         2 * anHour - 40},
+        {"rebooted, a day from the start", generous, look("boot 2", 40, 20 * anHour), 4 * anHour},
+        {"rebooted, a day after the start", generous, look("boot 2", 40, aDay), 0},
+        {"rebooted, more than a day after the start", generous, look("boot 2", 40, aDay + 5), -5},
+        {"since-boot went back: as after a reboot", generous, look("boot 1", 900, 20 * anHour),
+         4 * anHour},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(row.commitment.timeLeft(row.now).count(), row.left) << row.what;
@@ -120,16 +120,16 @@ TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
 }
 
 TEST(HelperCommitmentTest, IsLiveWhileAnythingIsLeft) {
-    EXPECT_TRUE(commitment.isLive(look("boot 1", uptime + 2 * hour - 0.001, 0)));
-    EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * hour, 0)));
-    EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * hour + 1, 0)));
+    EXPECT_TRUE(commitment.isLive(look("boot 1", uptime + 2 * anHour - 0.001, 0)));
+    EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * anHour, 0)));
+    EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * anHour + 1, 0)));
 }
 
 TEST(HelperCommitmentTest, EndsWhenTheTimeLeftWillHavePassedOnTheWallClock) {
-    EXPECT_EQ(commitment.ends(look("boot 1", uptime, 0)), wallDate(wall + 2 * hour));
+    EXPECT_EQ(commitment.ends(look("boot 1", uptime, 0)), wallDate(wall + 2 * anHour));
     // Whoever sets the clock back sees an earlier end; the span to it is the same.
-    EXPECT_EQ(commitment.ends(look("boot 1", uptime + 60, 60 - hour)), wallDate(wall + hour));
-    EXPECT_EQ(commitment.ends(look("boot 1", uptime + 3 * hour, 0)), wallDate(wall - hour));
+    EXPECT_EQ(commitment.ends(look("boot 1", uptime + 60, 60 - anHour)), wallDate(wall + anHour));
+    EXPECT_EQ(commitment.ends(look("boot 1", uptime + 3 * anHour, 0)), wallDate(wall - anHour));
 }
 
 TEST(HelperCommitmentTest, RebasingChargesBothBudgetsAndMovesTheCheckpoint) {
@@ -140,11 +140,11 @@ TEST(HelperCommitmentTest, RebasingChargesBothBudgetsAndMovesTheCheckpoint) {
     };
 
     const std::vector<Row> rows{
-        {commitment, look("boot 1", uptime + 600, -hour), with(2 * hour - 600, day - 600)},
-        {with(2 * hour, 10 * day), look("boot 1", uptime + 60, 3 * day),
-         with(2 * hour - 60, 10 * day - 60)},
+        {commitment, look("boot 1", uptime + 600, -anHour), with(2 * anHour - 600, aDay - 600)},
+        {with(2 * anHour, 10 * aDay), look("boot 1", uptime + 60, 3 * aDay),
+         with(2 * anHour - 60, 10 * aDay - 60)},
         // After a reboot the cap alone is clipped.
-        {generous, look("boot 2", 40, 20 * hour), with(10 * day - 20 * hour, 4 * hour)},
+        {generous, look("boot 2", 40, 20 * anHour), with(10 * aDay - 20 * anHour, 4 * anHour)},
     };
     for (const Row& row : rows) {
         for (const bool locked : {true, false}) {
@@ -159,11 +159,11 @@ TEST(HelperCommitmentTest, RebasingChargesBothBudgetsAndMovesTheCheckpoint) {
 
 TEST(HelperCommitmentTest, RebasingKeepsTheTimeLeftAndChargesNothingTheSecondTime) {
     const std::vector<ClockReading> readings{
-        look("boot 1", uptime + 600, 600), look("boot 1", uptime + 3 * day, 0),
-        look("boot 2", 40, 600),           look("boot 2", 40, 23 * hour),
-        look("boot 2", 40, 3 * day),       look("boot 2", 40, -hour),
-        look("boot 1", 900, 600),          look("boot 1", 900, 22 * hour)};
-    for (const HelperCommitment& before : {commitment, with(10 * day, day)}) {
+        look("boot 1", uptime + 600, 600), look("boot 1", uptime + 3 * aDay, 0),
+        look("boot 2", 40, 600),           look("boot 2", 40, 23 * anHour),
+        look("boot 2", 40, 3 * aDay),      look("boot 2", 40, -anHour),
+        look("boot 1", 900, 600),          look("boot 1", 900, 22 * anHour)};
+    for (const HelperCommitment& before : {commitment, with(10 * aDay, aDay)}) {
         for (const ClockReading& now : readings) {
             const HelperCommitment once = before.rebased(now);
             EXPECT_EQ(once.timeLeft(now), before.timeLeft(now));

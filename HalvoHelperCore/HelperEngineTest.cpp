@@ -13,6 +13,7 @@
 
 #include "HalvoHelperCore/FileCommitmentStore.hpp"
 #include "HalvoHelperCore/HelperEngine.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/Printing.hpp"
@@ -23,19 +24,17 @@ namespace halvo {
 namespace {
 
 using namespace std::string_literals;
+using testing::ann;
+using testing::ben;
+using testing::day;
+using testing::hour;
 using testing::LogCapture;
+using testing::minute;
 using testing::SimulatedWorld;
 using Lift = HelperEngine::Lift;
 using Limits = std::numeric_limits<double>;
 
 constexpr Seconds second{1};
-constexpr Seconds minute{60};
-constexpr Seconds hour{3600};
-constexpr Seconds day{86400};
-
-// Two people.
-constexpr std::uint32_t anna = 501;
-constexpr std::uint32_t ben = 502;
 
 constexpr const char* refusedBundle =
     "error: Refused a begin for a bundle that isn't the caller's own";
@@ -66,7 +65,7 @@ std::string joined(const std::vector<std::string>& parts) {
 // A machine with Anna at the console, and an engine that has started up on it.
 struct Machine {
     Machine() {
-        world.session.console = anna;
+        world.session.console = ann;
         restart();
     }
 
@@ -79,18 +78,18 @@ struct Machine {
     [[nodiscard]] WallDate now() const { return world.clock.now().wall; }
 
     // The caller is `uid`, from the bundle that it asks for; `started` is counted from now.
-    bool begin(const std::string& path, Seconds length, std::uint32_t uid = anna,
+    bool begin(const std::string& path, Seconds length, std::uint32_t uid = ann,
                Seconds started = {}) {
         return engine->begin(path, now() + length, now() + started, {uid, path});
     }
 
-    bool end(std::uint32_t uid = anna) { return engine->end({uid, std::nullopt}); }
+    bool end(std::uint32_t uid = ann) { return engine->end({uid, std::nullopt}); }
 
-    bool heartbeat(std::uint32_t uid = anna, bool sessionEnding = false) {
+    bool heartbeat(std::uint32_t uid = ann, bool sessionEnding = false) {
         return engine->heartbeat(sessionEnding, {uid, app});
     }
 
-    [[nodiscard]] HelperStatus status(std::uint32_t uid = anna) const {
+    [[nodiscard]] HelperStatus status(std::uint32_t uid = ann) const {
         return engine->status({uid, app});
     }
 
@@ -100,7 +99,7 @@ struct Machine {
     }
 
     // Begins, and then lets all of the time pass, and an hour more.
-    void beginAndExpire(std::uint32_t uid = anna) {
+    void beginAndExpire(std::uint32_t uid = ann) {
         begin(app, minute, uid);
         world.clock.advance(hour);
     }
@@ -155,13 +154,13 @@ class HelperEngineTest : public ::testing::Test, protected Machine {};
 // What happens to a machine.
 using Event = void (*)(Machine&);
 const Event nothing = [](Machine&) {};
-const Event appStarts = [](Machine& m) { m.world.session.start(m.app, anna); };
-const Event appQuits = [](Machine& m) { m.world.session.quit(m.app, anna); };
+const Event appStarts = [](Machine& m) { m.world.session.start(m.app, ann); };
+const Event appQuits = [](Machine& m) { m.world.session.quit(m.app, ann); };
 const Event appStartsForBen = [](Machine& m) { m.world.session.start(m.app, ben); };
 const Event heartbeat = [](Machine& m) { EXPECT_TRUE(m.heartbeat()); };
-const Event sessionEnds = [](Machine& m) { EXPECT_TRUE(m.heartbeat(anna, true)); };
+const Event sessionEnds = [](Machine& m) { EXPECT_TRUE(m.heartbeat(ann, true)); };
 const Event begins = [](Machine& m) { EXPECT_TRUE(m.begin(m.app, hour)); };
-const Event annaComes = [](Machine& m) { m.world.session.console = anna; };
+const Event annComes = [](Machine& m) { m.world.session.console = ann; };
 const Event benComes = [](Machine& m) { m.world.session.console = ben; };
 const Event everybodyLeaves = [](Machine& m) { m.world.session.console.reset(); };
 const Event ends = [](Machine& m) { EXPECT_TRUE(m.end()); };
@@ -210,7 +209,7 @@ TEST_F(HelperEngineTest, WithNothingHeldDoesNothingNotEvenLog) {
 TEST_F(HelperEngineTest, ABeginIsHeldStoredAndLocked) {
     forget();
     EXPECT_TRUE(begin(app, hour * 2));
-    const HelperCommitment expected{app, anna, now(), hour * 2, day, world.clock.now(), true};
+    const HelperCommitment expected{app, ann, now(), hour * 2, day, world.clock.now(), true};
     EXPECT_EQ(held(), expected);
     EXPECT_EQ(world.store.stored, StoredCommitment(expected));
     EXPECT_TRUE(world.flags.isSet(app));
@@ -246,7 +245,7 @@ TEST(HelperEngineBeginTest, IsGrantedUpToADayFromItsStart) {
         machine.forget();
         const Seconds length{row.length};
         const Seconds started{row.started};
-        EXPECT_EQ(machine.begin(machine.app, length, anna, started), row.granted.has_value());
+        EXPECT_EQ(machine.begin(machine.app, length, ann, started), row.granted.has_value());
         if (!row.granted) {
             machine.expectNothingDone();
             machine.expectIdle();
@@ -278,7 +277,7 @@ TEST_F(HelperEngineTest, ABeginForAnythingButTheCallersOwnBundleIsRefused) {
     }
     for (const Row& row : rows) {
         forget();
-        EXPECT_FALSE(engine->begin(row.path, now() + hour, now(), {anna, row.own})) << row.path;
+        EXPECT_FALSE(engine->begin(row.path, now() + hour, now(), {ann, row.own})) << row.path;
         EXPECT_EQ(said(), refusedBundle);
         EXPECT_EQ(changes(), "");
         expectIdle();
@@ -286,7 +285,7 @@ TEST_F(HelperEngineTest, ABeginForAnythingButTheCallersOwnBundleIsRefused) {
     beginAndExpire();
     const HelperCommitment before = held();
     forget();
-    EXPECT_FALSE(engine->begin(app, now() + hour, now(), {anna, otherApp}));
+    EXPECT_FALSE(engine->begin(app, now() + hour, now(), {ann, otherApp}));
     EXPECT_EQ(held(), before) << "not even what has expired is let go";
     EXPECT_EQ(said(), refusedBundle);
 }
@@ -297,7 +296,7 @@ TEST_F(HelperEngineTest, ABeginWhileAnotherPersonsCommitmentRunsIsRefused) {
     world.clock.advance(minute);
     for (const Seconds length : {hour, second * -10}) {
         forget();
-        EXPECT_FALSE(begin(app, length, anna));
+        EXPECT_FALSE(begin(app, length, ann));
         EXPECT_EQ(said(), refusedPerson);
         EXPECT_EQ(held(), before) << "not even rebased";
         EXPECT_EQ(changes(), "");
@@ -305,11 +304,11 @@ TEST_F(HelperEngineTest, ABeginWhileAnotherPersonsCommitmentRunsIsRefused) {
 }
 
 TEST_F(HelperEngineTest, ABeginAfterACommitmentExpiredLetsThatGoAndStartsAnew) {
-    for (const std::uint32_t uid : {ben, anna}) {
+    for (const std::uint32_t uid : {ben, ann}) {
         beginAndExpire(uid);
         forget();
-        EXPECT_TRUE(begin(otherApp, hour, anna));
-        EXPECT_EQ(held().uid, anna);
+        EXPECT_TRUE(begin(otherApp, hour, ann));
+        EXPECT_EQ(held().uid, ann);
         EXPECT_EQ(held().startedWall, now());
         EXPECT_EQ(held().capRemaining, day);
         EXPECT_EQ(engine->lastLift(), Lift::deadline);
@@ -339,7 +338,7 @@ TEST(HelperEngineBeginTest, ExtendsWithTheFirstStartAndNeverRaisesTheCap) {
         const WallDate start = machine.now();
         machine.world.clock.advance(minute);
         machine.world.clock.moveWallClock(row.jump);
-        EXPECT_TRUE(machine.begin(machine.app, row.length, anna, row.started));
+        EXPECT_TRUE(machine.begin(machine.app, row.length, ann, row.started));
         EXPECT_EQ(machine.held().startedWall, start);
         EXPECT_EQ(machine.held().remaining, row.length);
         EXPECT_EQ(machine.held().capRemaining, row.cap);
@@ -435,7 +434,7 @@ TEST_F(HelperEngineTest, ABeginOffTheMainQueueEndsTheProcess) {
 }
 
 TEST_F(HelperEngineTest, ASpanThatNoWholeNumberHoldsEndsTheProcess) {
-    HelperCommitment stored{app, anna, now(), Seconds{1e300}, Seconds{1e300}, {}, false};
+    HelperCommitment stored{app, ann, now(), Seconds{1e300}, Seconds{1e300}, {}, false};
     stored.checkpoint = world.clock.now();
     std::vector<std::function<void()>> operations{[&] {
         world.store.stored = stored;
@@ -443,7 +442,7 @@ TEST_F(HelperEngineTest, ASpanThatNoWholeNumberHoldsEndsTheProcess) {
     }};
     for (const double date : {1e300, Limits::infinity(), std::nan("")}) {
         operations.emplace_back(
-            [this, date] { engine->begin(app, wallDate(date), wallDate(date), {anna, app}); });
+            [this, date] { engine->begin(app, wallDate(date), wallDate(date), {ann, app}); });
     }
     for (const auto& operation : operations) {
         const auto result = testing::runInChild(operation);
@@ -479,7 +478,7 @@ TEST(HelperEngineLiftTest, UnlocksRemovesTheRecordAndSaysWhy) {
               [](Machine& m) { EXPECT_FALSE(m.begin(m.app, Seconds{Limits::lowest()})); },
               Lift::ended},
              {"a begin that started long ago", begins,
-              [](Machine& m) { EXPECT_FALSE(m.begin(m.app, hour, anna, Seconds{-1e300})); },
+              [](Machine& m) { EXPECT_FALSE(m.begin(m.app, hour, ann, Seconds{-1e300})); },
               Lift::ended},
              {"a heartbeat after the time ran out", expires,
               [](Machine& m) { EXPECT_FALSE(m.heartbeat()); }, Lift::deadline},
@@ -538,7 +537,7 @@ TEST_F(HelperEngineTest, AHeartbeatIsTrueWhileTheCallersCommitmentIsLive) {
     begin(app, minute);
     forget();
     EXPECT_TRUE(heartbeat());
-    EXPECT_TRUE(engine->heartbeat(true, {anna, std::nullopt}));
+    EXPECT_TRUE(engine->heartbeat(true, {ann, std::nullopt}));
     EXPECT_EQ(calls(), "reading, reading") << "one for each";
     EXPECT_EQ(said(), "");
 }
@@ -584,7 +583,7 @@ TEST_F(HelperEngineTest, AClockThatGoesBackwardsGivesNoTimeBack) {
 }
 
 TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
-    world.session.start(app, anna);
+    world.session.start(app, ann);
     begin(app, hour);
     world.calls.stopRecording();
     engine->tick();
@@ -604,7 +603,7 @@ TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
 TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTickWhoeverIsAtTheConsole) {
     begin(app, hour);
     for (const std::optional<std::uint32_t>& user :
-         {std::optional(anna), std::optional<std::uint32_t>(), std::optional(ben)}) {
+         {std::optional(ann), std::optional<std::uint32_t>(), std::optional(ben)}) {
         world.session.console = user;
         world.flags.setByHand(app, false);
         forget();
@@ -689,7 +688,7 @@ void play(Machine& machine, const Story& story) {
     std::vector<std::string> openings;
     for (const auto& [appPath, uid, afterQuit, at] : machine.world.opener.openings) {
         EXPECT_EQ(appPath, machine.app);
-        EXPECT_EQ(uid, anna);
+        EXPECT_EQ(uid, ann);
         openings.push_back(std::to_string(std::lround((at - start).count())) +
                            (afterQuit ? " quit" : ""));
     }
@@ -722,28 +721,28 @@ const std::vector<Story> stories{
     // Announcing the end again counts from then.
     {"150 quit", {{2, sessionEnds}, {60, sessionEnds}}},
     // The person's leaving, and another person's coming, take the announced end back.
-    {"16", {{2, sessionEnds}, {4, everybodyLeaves}, {10, annaComes}}},
-    {"12", {{2, sessionEnds}, {4, benComes}, {6, annaComes}}},
+    {"16", {{2, sessionEnds}, {4, everybodyLeaves}, {10, annComes}}},
+    {"12", {{2, sessionEnds}, {4, benComes}, {6, annComes}}},
     // The person's coming leaves the announced end standing.
-    {"100", {{3, benComes}, {10, sessionEnds}, {20, annaComes}}},
+    {"100", {{3, benComes}, {10, sessionEnds}, {20, annComes}}},
     // So does a return between two ticks.
-    {"92 quit", {{2, sessionEnds}, {2.5, benComes}, {3.5, annaComes}}},
+    {"92 quit", {{2, sessionEnds}, {2.5, benComes}, {3.5, annComes}}},
     // Nothing is opened while another person, or nobody, is at the console.
     {"", {{3, benComes}}},
     {"", {{3, everybodyLeaves}}},
     // Coming back, seen at 100, gives 6 s of grace.
-    {"106", {{3, benComes}, {99, annaComes}}},
+    {"106", {{3, benComes}, {99, annComes}}},
     // An app seen in this console session is opened as after a quit.
-    {"112 quit", {{3, benComes}, {99, annaComes}, {100, appStarts}, {107, appQuits}}},
+    {"112 quit", {{3, benComes}, {99, annComes}, {100, appStarts}, {107, appQuits}}},
     // Switching between two ticks is not seen.
-    {"6 quit", {{3, benComes}, {3.5, annaComes}}},
+    {"6 quit", {{3, benComes}, {3.5, annComes}}},
     // After a restart of the helper: 6 s later, of an app that was never seen since.
     {"28", {{0, appStarts}, {21, restarts}, {22, appQuits}}},
     // Letting go forgets what was seen, and the last opening, but not the console session.
     {"18 quit, 26 quit", {{0, appStarts}, {13, appQuits}, {19, ends}, {20, begins}}},
-    {"16 quit", {{3, benComes}, {8, annaComes}, {9, ends}, {9.5, begins}}},
+    {"16 quit", {{3, benComes}, {8, annComes}, {9, ends}, {9.5, begins}}},
     // A console change while nothing is held is seen at the next tick after.
-    {"26 quit", {{3, ends}, {5, benComes}, {13, annaComes}, {20, begins}}},
+    {"26 quit", {{3, ends}, {5, benComes}, {13, annComes}, {20, begins}}},
 };
 
 TEST(KeepingTheAppOpenTest, OpensItWhenItIsDueAndSaysWhetherItQuit) {
@@ -769,7 +768,7 @@ TEST_F(HelperEngineTest, DoesNotLookForTheAppBeforeItIsSilentOrWhileTheSessionEn
     EXPECT_EQ(calls(), "reading, state Halvo.app, console");
     tickAfter(second);
     EXPECT_EQ(world.calls.count("running? Halvo.app"), 1U);
-    heartbeat(anna, true);
+    heartbeat(ann, true);
     tickAfter(minute);
     EXPECT_EQ(world.calls.count("running? Halvo.app"), 1U);
 }
@@ -778,7 +777,7 @@ TEST_F(HelperEngineTest, DoesNotLookForTheAppBeforeItIsSilentOrWhileTheSessionEn
 
 // On the disk: a locked commitment of Anna's with an hour left, as of now.
 HelperCommitment storedOn(const Machine& machine) {
-    return {machine.app, anna, machine.now(), hour, day, machine.world.clock.now(), true};
+    return {machine.app, ann, machine.now(), hour, day, machine.world.clock.now(), true};
 }
 
 TEST(HelperEngineStartupTest, TakesALiveCommitmentUpRebasedAndSaved) {
@@ -882,7 +881,7 @@ TEST_F(HelperEngineTest, TheFirstLookNeverComesBeforeTheStartEvenByAClockThatWen
     world.store.stored = storedOn(*this);
     restart();
     world.clock.setSinceBoot(second * 100);
-    for (const std::uint32_t user : {ben, anna}) {
+    for (const std::uint32_t user : {ben, ann}) {
         world.session.console = user;
         engine->tick();
     }
@@ -903,7 +902,7 @@ TEST_F(HelperEngineTest, TheLogNamesTheCommitmentInEachLineFromItsBeginToItsEnd)
         logSink, [](const Logger&, LogLevel, std::string_view) { fields.push_back(logFields()); });
     FileCommitmentStore unwritable("/dev/null/state");
     HelperEngine failing(world.clock, world.flags, unwritable, world.session, world.opener);
-    const HelperPeer peer{anna, app};
+    const HelperPeer peer{ann, app};
     EXPECT_FALSE(failing.begin(otherApp, now() + minute, now(), peer));
     EXPECT_TRUE(failing.begin(app, now() + Seconds{600.4}, now(), peer));
     EXPECT_TRUE(failing.end(peer));

@@ -13,9 +13,6 @@ namespace {
 
 using namespace std::chrono;
 
-// The largest offset from UTC; see TimeZone.
-constexpr seconds largestOffset = hours{26};
-
 constexpr sys_seconds rangeBegin = sys_days{year{1} / 1 / 1};
 constexpr sys_seconds rangeEnd = sys_days{year{10'000} / 1 / 1};
 
@@ -86,7 +83,8 @@ WallDate GregorianCalendar::startOfDay(WallDate date) const {
     const sys_seconds instant = wholeSecondsOf(date);
     const local_days day = floor<days>(localTime(instant, zone_->at(instant).offset));
     // The day may have begun before a transition.
-    return firstInstant(*zone_, zone_->at(instantOf(day, largestOffset)), day, day + days{1});
+    return firstInstant(*zone_, zone_->at(instantOf(day, TimeZone::largestOffset)), day,
+                        day + days{1});
 }
 
 std::optional<WallDate> GregorianCalendar::startOfNextDay(WallDate date) const {

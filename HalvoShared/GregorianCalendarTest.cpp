@@ -32,7 +32,7 @@ using testing::writeTestFile;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-constexpr double hour = 3600;
+constexpr double anHour = 3600;
 
 // The instant of a text such as "2024-03-31T10:00" or "1893-03-31T11:06:32", in UTC.
 WallDate at(const std::string& text) {
@@ -197,9 +197,9 @@ TEST(GregorianCalendarTest, KeepsFractionsOfASecond) {
         EXPECT_EQ(calendar.startOfDay(date), at("2024-03-29T23:00"));
     }
     // Before 1970, where the nearest whole number toward zero is a second later.
-    EXPECT_EQ(calendar.startOfDay(wallDate(-hour - 0.25)), at("1969-12-30T23:00"));
-    EXPECT_EQ(calendar.startOfDay(wallDate(-hour)), at("1969-12-31T23:00"));
-    EXPECT_EQ(calendar.addingDays(-1, wallDate(-hour - 0.25)),
+    EXPECT_EQ(calendar.startOfDay(wallDate(-anHour - 0.25)), at("1969-12-30T23:00"));
+    EXPECT_EQ(calendar.startOfDay(wallDate(-anHour)), at("1969-12-31T23:00"));
+    EXPECT_EQ(calendar.addingDays(-1, wallDate(-anHour - 0.25)),
               at("1969-12-30T22:59:59") + Seconds{0.75});
 }
 
@@ -239,7 +239,7 @@ TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
         const char* zone;
         WallDate date;
         double hours;
-    } rows[] = {{"Europe/Berlin", at("1800-01-01T00:00"), 3208 / hour},
+    } rows[] = {{"Europe/Berlin", at("1800-01-01T00:00"), 3208 / anHour},
                 {"Europe/Berlin", at("2026-03-29T00:59:59") + Seconds{0.75}, 1},
                 {"Europe/Berlin", at("2026-03-29T01:00"), 2},
                 {"Europe/Berlin", at("2026-10-25T00:59:59"), 2},
@@ -249,7 +249,7 @@ TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
                 {"UTC", at("2026-11-20T00:00"), 0}};
 
     for (const auto& [zone, date, hours] : rows) {
-        EXPECT_EQ(calendarOf(zone).offset(date), Seconds{hours * hour});
+        EXPECT_EQ(calendarOf(zone).offset(date), Seconds{hours * anHour});
     }
 }
 
@@ -296,7 +296,7 @@ void setTZ(const char* value) {
 
 // The offset of the system's calendar in winter, in hours.
 double systemOffset() {
-    return GregorianCalendar::system().offset(at("2023-12-01T00:00")) / Seconds{hour};
+    return GregorianCalendar::system().offset(at("2023-12-01T00:00")) / Seconds{anHour};
 }
 
 TEST(SystemCalendarTest, IsThatOfTheZoneThatTZNames) {

@@ -7,6 +7,7 @@
 #include "HalvoShared/JSON.hpp"
 #include "HalvoShared/KeepAliveState.hpp"
 #include "HalvoShared/LaunchReason.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -14,10 +15,10 @@
 namespace halvo {
 namespace {
 
+using testing::hour;
 using testing::nineOClock;
 using testing::readTestFile;
 
-constexpr Seconds hour{3600};
 constexpr Seconds twoMinutes{120};
 
 // Of an app that was killed at nine, an hour before its commitment's end.
@@ -42,11 +43,11 @@ KeepAliveState with(Value KeepAliveState::* member, std::type_identity_t<Value> 
 
 const KeepAliveState released = with(&KeepAliveState::appReleased, true);
 
-const std::string golden = HALVO_GOLDEN "/keepalive.json";
+const std::string keepAliveGolden = HALVO_GOLDEN "/keepalive.json";
 
 TEST(KeepAliveStateTest, IsWrittenAndReadAsItAlwaysWas) {
-    EXPECT_EQ(JSON::encode(released), readTestFile(golden));
-    EXPECT_EQ(JSON::decode<KeepAliveState>(readTestFile(golden)), released);
+    EXPECT_EQ(JSON::encode(released), readTestFile(keepAliveGolden));
+    EXPECT_EQ(JSON::decode<KeepAliveState>(readTestFile(keepAliveGolden)), released);
 }
 
 TEST(KeepAliveStateTest, WritesNoKeyForACommitmentThatIsAbsentAndTakesNullForOne) {
@@ -86,13 +87,13 @@ TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherTyp
         const std::string whole = '"' + member + "\":" + value;
         // No member is of these types, but that a number may be too large for the process's.
         for (const std::string other : {"0.5", "[]", "\"\\u0000\"", "2147483648", "null"}) {
-            std::string json = readTestFile(golden);
+            std::string json = readTestFile(keepAliveGolden);
             json.replace(json.find(whole), whole.size(), '"' + member + "\":" + other);
             const bool isRead =
                 (other == "null" && !isRequired) || (other.front() == '"' && member == "appPath");
             EXPECT_EQ(JSON::decode<KeepAliveState>(json).has_value(), isRead) << json;
         }
-        std::string json = readTestFile(golden);
+        std::string json = readTestFile(keepAliveGolden);
         json.replace(json.find(whole), whole.size(), "\"other\":1");
         const auto state = JSON::decode<KeepAliveState>(json);
         EXPECT_EQ(state.has_value(), !isRequired) << member;

@@ -34,7 +34,7 @@ std::string libraryTextOf(std::int64_t seconds) {
 }
 
 TEST(RFC3339Test, IsWrittenInUTCCutToTheSecond) {
-    constexpr double infinity = std::numeric_limits<double>::infinity();
+    constexpr double infinite = std::numeric_limits<double>::infinity();
     const std::pair<double, const char*> rows[] = {{0, "1970-01-01T00:00:00Z"},
                                                    {1795165200, "2026-11-20T09:00:00Z"},
                                                    {951782399, "2000-02-28T23:59:59Z"},
@@ -47,8 +47,8 @@ TEST(RFC3339Test, IsWrittenInUTCCutToTheSecond) {
                                                    {253402300799.5, "9999-12-31T23:59:59Z"},
                                                    {253402300800, "none"},
                                                    {std::nan(""), "none"},
-                                                   {infinity, "none"},
-                                                   {-infinity, "none"},
+                                                   {infinite, "none"},
+                                                   {-infinite, "none"},
                                                    {1e300, "none"}};
     for (const auto& [seconds, text] : rows) {
         EXPECT_EQ(textOf(seconds), text) << seconds;

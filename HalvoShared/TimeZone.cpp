@@ -229,12 +229,11 @@ std::optional<Tables> takeTables(std::string_view& rest, std::size_t bytesOfTime
 // The offsets of the local time types, RFC 8536 (3.2). Nothing when there are none, or a number is
 // out of range.
 std::optional<std::vector<seconds>> offsetsOf(const Tables& tables) {
-    constexpr seconds largestOffset = hours{26};
     std::vector<seconds> offsets;
     for (std::size_t i = 0; i < tables.kinds.size(); i += bytesOfKind) {
         offsets.emplace_back(numberOf(tables.kinds.substr(i, 4)));
         const auto abbreviation = static_cast<unsigned char>(tables.kinds[i + 5]);
-        if (std::chrono::abs(offsets.back()) > largestOffset ||
+        if (std::chrono::abs(offsets.back()) > TimeZone::largestOffset ||
             abbreviation >= tables.abbreviations.size()) {
             return std::nullopt;
         }

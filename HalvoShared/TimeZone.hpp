@@ -29,10 +29,12 @@ struct OffsetSpan {
 
 // A time zone; UTC by default. A value; any thread.
 struct TimeZone {
+    static constexpr std::chrono::seconds largestOffset = std::chrono::hours{26};
+
     // The transitions of the file, then those of its rule for a little more than the 400 years
     // after which the Gregorian calendar repeats. Ascending; each changes the offset, which is at
-    // most 26 hours. The first begins at sys_seconds::min(); the last, at sys_seconds::max(), only
-    // ends the one before.
+    // most largestOffset. The first begins at sys_seconds::min(); the last, at sys_seconds::max(),
+    // only ends the one before.
     std::vector<OffsetChange> changes{{.begin = std::chrono::sys_seconds::min()},
                                       {.begin = std::chrono::sys_seconds::max()}};
     // From here on the transitions repeat every 400 years.

@@ -72,7 +72,7 @@ std::string zoneFileWith(std::size_t place, char byte) {
     return file;
 }
 
-std::string errorOf(const std::string& bytes) {
+std::string readError(const std::string& bytes) {
     const auto zone = TimeZone::parse(bytes, "Iran");
     return zone ? "none" : zone.error();
 }
@@ -89,9 +89,9 @@ std::string nameError(const std::string& name) {
 constexpr const char* damaged = "the file of the time zone \"Iran\" is damaged";
 constexpr OffsetChange end{sys_seconds::max(), seconds::max()};
 
-constexpr sys_seconds at(std::int64_t second) { return sys_seconds{seconds{second}}; }
+constexpr sys_seconds instant(std::int64_t second) { return sys_seconds{seconds{second}}; }
 
-constexpr sys_seconds day(int y, unsigned month, unsigned day) {
+constexpr sys_seconds date(int y, unsigned month, unsigned day) {
     return sys_days{year{y} / std::chrono::month{month} / std::chrono::day{day}};
 }
 
@@ -100,7 +100,7 @@ TEST(TimeZoneTest, HasTheChangesOfAFile) {
         .kinds = {1, 2}, .times = {-5'000'000'000, 0, 7, 8}, .kindsOfTimes = "\1\1\0\0"s};
     EXPECT_EQ(changesOf(file),
               (std::vector<OffsetChange>{
-                  {sys_seconds::min(), 1h}, {at(-5'000'000'000), 2h}, {at(7), 1h}, end}))
+                  {sys_seconds::min(), 1h}, {instant(-5'000'000'000), 2h}, {instant(7), 1h}, end}))
         << "but for those that change no offset";
 }
 
@@ -112,22 +112,22 @@ TEST(TimeZoneTest, MayHaveNoRule) {
                              .kinds = {1, 2},
                              .times = {-2},
                              .kindsOfTimes = "\1"}),
-                  (std::vector<OffsetChange>{{sys_seconds::min(), 1h}, {at(-2), 2h}, end}));
+                  (std::vector<OffsetChange>{{sys_seconds::min(), 1h}, {instant(-2), 2h}, end}));
     }
 }
 
 TEST(TimeZoneTest, RefusesADamagedFile) {
     for (const auto& bytes : {""s, "TZi"s, "TZif"s, "TZif2"s, "<html>\n\n"s}) {
-        EXPECT_EQ(errorOf(bytes), damaged);
+        EXPECT_EQ(readError(bytes), damaged);
     }
     for (const auto* footer :
          {"", "ABC0", "\nABC0", "ABC0\n", "\n", "\nABC0\n\n", "\n\x1B\n", "\nABC0\n\nABC0\n"}) {
-        EXPECT_EQ(errorOf(ZoneFile{.footer = footer}.bytes()), damaged) << footer;
+        EXPECT_EQ(readError(ZoneFile{.footer = footer}.bytes()), damaged) << footer;
     }
 }
 
 TEST(TimeZoneTest, RefusesAFileWhoseTablesLeadAstray) {
-    ASSERT_EQ(errorOf(ZoneFile{.times = {0, 1}, .kindsOfTimes = "\0\0"s}.bytes()), "none");
+    ASSERT_EQ(readError(ZoneFile{.times = {0, 1}, .kindsOfTimes = "\0\0"s}.bytes()), "none");
     for (const auto& [what, bytes] :
          {std::pair{"no second part", zoneFileWith(0, 'X')},
           {"no kind of time", zoneFileWith(39, 0)},
@@ -144,19 +144,19 @@ TEST(TimeZoneTest, RefusesAFileWhoseTablesLeadAstray) {
           {"two changes at one time", ZoneFile{.times = {0, 0}, .kindsOfTimes = "\0\0"s}.bytes()},
           {"a change before the last", ZoneFile{.times = {2, 1}, .kindsOfTimes = "\0\0"s}.bytes()},
           {"a change to no kind of time", ZoneFile{.times = {0}, .kindsOfTimes = "\1"}.bytes()}}) {
-        EXPECT_EQ(errorOf(bytes), damaged) << what;
+        EXPECT_EQ(readError(bytes), damaged) << what;
     }
-    EXPECT_EQ(errorOf(ZoneFile{.kinds = {26, -26}}.bytes()), "none");
+    EXPECT_EQ(readError(ZoneFile{.kinds = {26, -26}}.bytes()), "none");
 }
 
 TEST(TimeZoneTest, RefusesAFileThatEndsEarlyWhereverThatIs) {
     const std::string whole = ZoneFile{.times = {0, 1}, .kindsOfTimes = "\0\0"s}.bytes();
-    ASSERT_EQ(errorOf(whole), "none");
+    ASSERT_EQ(readError(whole), "none");
     for (std::size_t size = 0; size < whole.size(); ++size) {
-        EXPECT_EQ(errorOf(whole.substr(0, size)), damaged) << size;
+        EXPECT_EQ(readError(whole.substr(0, size)), damaged) << size;
         // The end is there, and what should come before it is not.
         if (size > 4 && size < whole.size() - 6) {
-            EXPECT_EQ(errorOf(whole.substr(0, size) + "\nABC0\n"), damaged) << size;
+            EXPECT_EQ(readError(whole.substr(0, size) + "\nABC0\n"), damaged) << size;
         }
     }
 }
@@ -164,14 +164,14 @@ TEST(TimeZoneTest, RefusesAFileThatEndsEarlyWhereverThatIs) {
 TEST(TimeZoneTest, RefusesAFileThatCountsLeapSeconds) {
     std::string bytes = zoneFileWith(31, 1);
     bytes.insert(bytes.size() - 6, 12, '\1');
-    EXPECT_EQ(errorOf(bytes), "the file of the time zone \"Iran\" counts leap seconds");
+    EXPECT_EQ(readError(bytes), "the file of the time zone \"Iran\" counts leap seconds");
 }
 
 // What begins a file may be older than the calendar, even than the world.
 TEST(TimeZoneTest, MayListChangesOutsideTheRangeOfTheCalendar) {
     constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
     constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
-    constexpr sys_seconds y2000 = day(2000, 1, 1);
+    constexpr sys_seconds y2000 = date(2000, 1, 1);
     const auto calendarOf = [](const std::vector<std::int64_t>& times, const std::string& kinds) {
         const ZoneFile file{.footer = "\nABC-1DEF,M3.5.0,M10.5.0/3\n",
                             .kinds = {1, 2, 3},
@@ -181,25 +181,25 @@ TEST(TimeZoneTest, MayListChangesOutsideTheRangeOfTheCalendar) {
     };
     for (const std::int64_t second : {least + 1, std::int64_t{-576'460'752'303'423'488}}) {
         const auto old = calendarOf({least, second, y2000.time_since_epoch().count()}, "\1\2\0"s);
-        EXPECT_EQ(old.offset(day(1, 1, 1)), Seconds{3 * 3600});
+        EXPECT_EQ(old.offset(date(1, 1, 1)), Seconds{3 * 3600});
         EXPECT_EQ(old.offset(y2000 - 1s), Seconds{3 * 3600});
         EXPECT_EQ(old.offset(y2000), Seconds{3600});
-        EXPECT_EQ(old.offset(day(2000, 7, 1)), Seconds{2 * 3600}) << "the rule's";
-        EXPECT_EQ(old.addingDays(-365 * 1000, day(2000, 6, 1)), day(1001, 1, 29) + 23h);
-        EXPECT_EQ(old.addingDays(1, day(1500, 6, 1)), WallDate(day(1500, 6, 2)));
+        EXPECT_EQ(old.offset(date(2000, 7, 1)), Seconds{2 * 3600}) << "the rule's";
+        EXPECT_EQ(old.addingDays(-365 * 1000, date(2000, 6, 1)), date(1001, 1, 29) + 23h);
+        EXPECT_EQ(old.addingDays(1, date(1500, 6, 1)), WallDate(date(1500, 6, 2)));
     }
     const auto late =
         calendarOf({y2000.time_since_epoch().count(), 253'402'300'800, most}, "\1\2\0"s);
     EXPECT_EQ(late.offset(y2000 - 1s), Seconds{3600});
     EXPECT_EQ(late.offset(y2000), Seconds{2 * 3600});
-    EXPECT_EQ(late.offset(day(9999, 12, 31)), Seconds{2 * 3600});
-    EXPECT_EQ(late.startOfNextDay(day(9999, 12, 31) + 23h), std::nullopt);
+    EXPECT_EQ(late.offset(date(9999, 12, 31)), Seconds{2 * 3600});
+    EXPECT_EQ(late.startOfNextDay(date(9999, 12, 31) + 23h), std::nullopt);
 }
 
 // From the 10th to the 12th, and an hour later back to the 11th.
 TEST(TimeZoneTest, MaySkipADayAndGoBackToIt) {
     const auto second = [](sys_seconds instant) { return instant.time_since_epoch().count(); };
-    const sys_seconds back = day(2024, 6, 11) + 30min;
+    const sys_seconds back = date(2024, 6, 11) + 30min;
     const ZoneFile file{
         .kinds = {0, 26}, .times = {second(back - 1h), second(back)}, .kindsOfTimes = "\1\0"s};
     const GregorianCalendar calendar(zoneOf(file));
@@ -215,38 +215,38 @@ TEST(TimeZoneRuleTest, SaysHowItGoesOn) {
     } rows[] = {
         // The last Sunday of March 2024 is the 31st, that of October the 27th; the time of a
         // change is counted on the clock before it.
-        {"CET-1CEST,M3.5.0,M10.5.0/3", {day(2024, 3, 31) + 1h, 2h}, {day(2024, 10, 27) + 1h, 1h}},
-        {"CET-1CEST,M3.5.0,M10.5.0/3", {day(1900, 3, 25) + 1h, 2h}, {day(1900, 10, 28) + 1h, 1h}},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", {date(2024, 3, 31) + 1h, 2h}, {date(2024, 10, 27) + 1h, 1h}},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", {date(1900, 3, 25) + 1h, 2h}, {date(1900, 10, 28) + 1h, 1h}},
         // A winter time in the place of a summer time; one that ends in the next year.
-        {"IST-1GMT0,M10.5.0,M3.5.0/1", {day(2024, 10, 27) + 1h, 0h}, {day(2025, 3, 30) + 1h, 1h}},
+        {"IST-1GMT0,M10.5.0,M3.5.0/1", {date(2024, 10, 27) + 1h, 0h}, {date(2025, 3, 30) + 1h, 1h}},
         {"ABC3DEF2:30,J60/0,365/-1:30:15",
-         {day(2023, 3, 1) + 3h, -150min},
-         {day(2024, 1, 1) + 59min + 45s, -3h}},
+         {date(2023, 3, 1) + 3h, -150min},
+         {date(2024, 1, 1) + 59min + 45s, -3h}},
         {"LMT-0:53:28LST,J60/0,J61/+0",
-         {day(2023, 3, 1) - 3208s, 6808s},
-         {day(2023, 3, 2) - 6808s, 3208s}},
+         {date(2023, 3, 1) - 3208s, 6808s},
+         {date(2023, 3, 2) - 6808s, 3208s}},
         {"<-01>+1<+01:02>-1:02,J60/0,J61/1:2",
-         {day(2023, 3, 1) + 1h, 62min},
-         {day(2023, 3, 2), -1h}},
+         {date(2023, 3, 1) + 1h, 62min},
+         {date(2023, 3, 2), -1h}},
         // 2024 began on a Monday; its first Friday in March is the 1st, its second the 8th.
-        {"ABC0DEF,M3.1.5/0,M3.2.5/1", {day(2024, 3, 1), 1h}, {day(2024, 3, 8), 0h}},
+        {"ABC0DEF,M3.1.5/0,M3.2.5/1", {date(2024, 3, 1), 1h}, {date(2024, 3, 8), 0h}},
         // Times before midnight and after the day: the last Sundays of March and October 4000
         // are the 26th and the 29th; the fourth Thursday of March 2040 is the 22nd, and 50
         // hours later it is 02:00 on the 24th.
         {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0",
-         {day(4000, 3, 26) + 1h, -1h},
-         {day(4000, 10, 29) + 1h, -2h}},
-        {"EET-2EEST,M3.4.4/50,M10.4.4/50", {day(2040, 3, 24), 3h}, {day(2040, 10, 27) - 1h, 2h}},
+         {date(4000, 3, 26) + 1h, -1h},
+         {date(4000, 10, 29) + 1h, -2h}},
+        {"EET-2EEST,M3.4.4/50,M10.4.4/50", {date(2040, 3, 24), 3h}, {date(2040, 10, 27) - 1h, 2h}},
         {"ABC0DEF,J100/-167,J100/167",
-         {day(2023, 4, 10) - 167h, 1h},
-         {day(2023, 4, 10) + 166h, 0h}},
+         {date(2023, 4, 10) - 167h, 1h},
+         {date(2023, 4, 10) + 166h, 0h}},
         // J60 is 1 March in every year; day 60 counted from 0 is so only in common ones.
-        {"ABC0DEF,J59/0,J60/1", {day(2023, 2, 28), 1h}, {day(2023, 3, 1), 0h}},
-        {"ABC0DEF,J59/0,J60/1", {day(2024, 2, 28), 1h}, {day(2024, 3, 1), 0h}},
-        {"ABC0DEF,59/0,60/1", {day(2023, 3, 1), 1h}, {day(2023, 3, 2), 0h}},
-        {"ABC0DEF,59/0,60/1", {day(2024, 2, 29), 1h}, {day(2024, 3, 1), 0h}},
+        {"ABC0DEF,J59/0,J60/1", {date(2023, 2, 28), 1h}, {date(2023, 3, 1), 0h}},
+        {"ABC0DEF,J59/0,J60/1", {date(2024, 2, 28), 1h}, {date(2024, 3, 1), 0h}},
+        {"ABC0DEF,59/0,60/1", {date(2023, 3, 1), 1h}, {date(2023, 3, 2), 0h}},
+        {"ABC0DEF,59/0,60/1", {date(2024, 2, 29), 1h}, {date(2024, 3, 1), 0h}},
         // Changes that fall into the years beside theirs, to the end of the calendar's range.
-        {"ABC0DEF,J364/100,J2/0", {day(9999, 1, 1) + 23h, 0h}, {day(9999, 1, 3) + 4h, 1h}}};
+        {"ABC0DEF,J364/100,J2/0", {date(9999, 1, 1) + 23h, 0h}, {date(9999, 1, 3) + 4h, 1h}}};
 
     for (const auto& [rule, first, second] : rows) {
         SCOPED_TRACE(rule);
@@ -263,14 +263,14 @@ TEST(TimeZoneRuleTest, ComesAgainEvery400Years) {
     constexpr std::chrono::days cycle{146'097};
     const TimeZone zone = zoneOf({.footer = "\nCET-1CEST,M3.5.0,M10.5.0/3\n",
                                   .kinds = {1},
-                                  .times = {day(2020, 6, 1).time_since_epoch().count()},
+                                  .times = {date(2020, 6, 1).time_since_epoch().count()},
                                   .kindsOfTimes = "\0"s});
-    ASSERT_EQ(zone.repeatsFrom, day(2022, 1, 1));
+    ASSERT_EQ(zone.repeatsFrom, date(2022, 1, 1));
     for (const int y : {2022, 2421, 2422, 2821, 9999}) {
-        EXPECT_EQ(zone.at(day(y, 7, 1)).offset, 2h) << y;
-        EXPECT_EQ(zone.at(day(y, 12, 31)).offset, 1h) << y;
+        EXPECT_EQ(zone.at(date(y, 7, 1)).offset, 2h) << y;
+        EXPECT_EQ(zone.at(date(y, 12, 31)).offset, 1h) << y;
     }
-    for (sys_seconds instant = day(2022, 1, 1); instant < day(2025, 1, 1); instant += 13h) {
+    for (sys_seconds instant = date(2022, 1, 1); instant < date(2025, 1, 1); instant += 13h) {
         const OffsetSpan span = zone.at(instant);
         ASSERT_TRUE(span.begin <= instant && instant < span.end);
         for (const int times : {1, 2, 19}) {
@@ -285,28 +285,28 @@ TEST(TimeZoneRuleTest, ComesAgainEvery400Years) {
 TEST(TimeZoneRuleTest, LetsASummerEndAsTheNextBegins) {
     const TimeZone zone = zoneOf({.footer = "\nXXX3EDT4,0/0,J365/23\n"});
     ASSERT_EQ(zone.changes.size(), 4U) << "until the year 405";
-    EXPECT_EQ(zone.changes[1], (OffsetChange{day(0, 1, 1) + 3h, -4h}));
+    EXPECT_EQ(zone.changes[1], (OffsetChange{date(0, 1, 1) + 3h, -4h}));
     for (const int y : {1, 404, 405, 2024, 9999}) {
-        const OffsetSpan span = zone.at(day(y, 1, 1) + 3h);
+        const OffsetSpan span = zone.at(date(y, 1, 1) + 3h);
         EXPECT_EQ(span.offset, -4h) << y;
-        EXPECT_TRUE(span.begin <= day(y, 1, 1) && day(y + 1, 1, 1) < span.end + 3h) << y;
+        EXPECT_TRUE(span.begin <= date(y, 1, 1) && date(y + 1, 1, 1) < span.end + 3h) << y;
     }
 }
 
 TEST(TimeZoneRuleTest, FollowsTheLastChangeThatIsListed) {
-    const sys_seconds last = day(2025, 3, 30) + 1h;
+    const sys_seconds last = date(2025, 3, 30) + 1h;
     const auto changes = changesOf({.footer = "\nABC-1DEF,M3.5.0,M10.5.0/3\n",
                                     .kinds = {5, 1},
                                     .times = {last.time_since_epoch().count()},
                                     .kindsOfTimes = "\1"});
     ASSERT_GT(changes.size(), 3U);
     EXPECT_EQ(changes[1], (OffsetChange{last, 1h})) << "not the rule's of the same time";
-    EXPECT_EQ(changes[2], (OffsetChange{day(2026, 3, 29) + 1h, 2h}));
+    EXPECT_EQ(changes[2], (OffsetChange{date(2026, 3, 29) + 1h, 2h}));
 }
 
 TEST(TimeZoneRuleTest, IsRefusedWhenItCannotBeRead) {
     const auto error = [](const std::string& rule) {
-        return errorOf(ZoneFile{.footer = "\n" + rule + "\n"}.bytes());
+        return readError(ZoneFile{.footer = "\n" + rule + "\n"}.bytes());
     };
     for (const auto* rule : {"UTC0", "JST-9", "MST+7", "<-0930>9:30", "UTC24:59:59"}) {
         EXPECT_EQ(error(rule), "none") << rule;
@@ -393,8 +393,8 @@ TEST_F(OwnFoldersTest, AreReadAnewByEachCalendar) {
     writeTestFile(path, ZoneFile{.kinds = {2}}.bytes());
     const auto before = GregorianCalendar::named("Turkey").value();
     writeTestFile(path, ZoneFile{.kinds = {3}}.bytes());
-    EXPECT_EQ(GregorianCalendar::named("Turkey")->offset(day(2024, 6, 1)), Seconds{3 * 3600});
-    EXPECT_EQ(before.offset(day(2024, 6, 1)), Seconds{2 * 3600});
+    EXPECT_EQ(GregorianCalendar::named("Turkey")->offset(date(2024, 6, 1)), Seconds{3 * 3600});
+    EXPECT_EQ(before.offset(date(2024, 6, 1)), Seconds{2 * 3600});
 }
 
 TEST_F(OwnFoldersTest, HaveTheZoneOfTheMachineWhereLocaltimeLinksTo) {

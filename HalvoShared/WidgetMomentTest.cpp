@@ -14,14 +14,17 @@
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/RFC3339.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 
 namespace halvo {
 namespace {
 
-using testing::aDay;
+using testing::day;
+using testing::hour;
 using testing::longSnapshot;
+using testing::minute;
 using testing::nineOClock;
 using testing::plainDates;
 using testing::sampleRun;
@@ -30,8 +33,6 @@ using S = WidgetSnapshot;
 using Dates = std::vector<WallDate>;
 
 constexpr std::size_t noLimit = std::numeric_limits<std::size_t>::max();
-constexpr Seconds minute{60};
-constexpr Seconds hour{3600};
 constexpr WallDate today = nineOClock - hour * 9;
 const GregorianCalendar utc{TimeZone{}};
 
@@ -74,19 +75,19 @@ TEST(WidgetMomentTest, HasTheSnapshotsStateAndFacts) {
 
 TEST(WidgetMomentTest, HasTheSevenDaysThatEndTodayAndZerosWhereNothingWasRecorded) {
     S snapshot;
-    snapshot.days = {{today - aDay * 7, 1, 0, 0},           // too old
-                     {today - aDay * 6, 2, 0, 0},           //
-                     {today - aDay * 2, 3, 0, 0},           //
-                     {today - Seconds{0.001}, 4, 0, 0},     // at any time of its day
-                     {today, 5, 0, 0},                      // not the last of its day
-                     {today - aDay * 4, 6, 0, 0},           // in any order
-                     {today + aDay - Seconds{1}, 7, 0, 0},  //
-                     {today + aDay, 8, 0, 0}};
+    snapshot.days = {{today - day * 7, 1, 0, 0},           // too old
+                     {today - day * 6, 2, 0, 0},           //
+                     {today - day * 2, 3, 0, 0},           //
+                     {today - Seconds{0.001}, 4, 0, 0},    // at any time of its day
+                     {today, 5, 0, 0},                     // not the last of its day
+                     {today - day * 4, 6, 0, 0},           // in any order
+                     {today + day - Seconds{1}, 7, 0, 0},  //
+                     {today + day, 8, 0, 0}};
     const WidgetMoment moment = snapshot.moment(nineOClock, utc);
     EXPECT_EQ(moment.week, (std::vector<S::Day>{snapshot.days[1],
-                                                {today - aDay * 5, 0, 0, 0},
+                                                {today - day * 5, 0, 0, 0},
                                                 snapshot.days[5],
-                                                {today - aDay * 3, 0, 0, 0},
+                                                {today - day * 3, 0, 0, 0},
                                                 snapshot.days[2],
                                                 snapshot.days[3],
                                                 snapshot.days[6]}));
@@ -97,9 +98,9 @@ TEST(WidgetMomentTest, HasTheSevenDaysThatEndTodayAndZerosWhereNothingWasRecorde
 // The year 1 begins two days before.
 TEST(WidgetMomentTest, SkipsADayThatTheCalendarDoesNotHave) {
     constexpr WallDate first = wallDate(-62135596800);
-    const auto week = S().moment(first + aDay * 2 + hour, utc).week;
+    const auto week = S().moment(first + day * 2 + hour, utc).week;
     EXPECT_EQ(week, (std::vector<S::Day>{
-                        {first, 0, 0, 0}, {first + aDay, 0, 0, 0}, {first + aDay * 2, 0, 0, 0}}));
+                        {first, 0, 0, 0}, {first + day, 0, 0, 0}, {first + day * 2, 0, 0, 0}}));
 }
 
 // What counts down.
@@ -187,10 +188,10 @@ TEST(TimelineDatesTest, HasThePhasesTheMidnightsAndTheMinutes) {
             << "nothing runs";
     }
     S snapshot = runningSnapshot({});
-    snapshot.horizon = today + aDay * 3;
+    snapshot.horizon = today + day * 3;
     EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, hour, noLimit),
-              (Dates{nineOClock, today + aDay, today + aDay * 2, today + aDay * 3}));
-    EXPECT_EQ(snapshot.timelineDates(today, utc, hour, 2), (Dates{today, today + aDay}));
+              (Dates{nineOClock, today + day, today + day * 2, today + day * 3}));
+    EXPECT_EQ(snapshot.timelineDates(today, utc, hour, 2), (Dates{today, today + day}));
 }
 
 TEST(TimelineDatesTest, MakesNothingOfWhatIsNoNumber) {
@@ -224,10 +225,6 @@ TEST(TimelineDatesTest, EndsForAFromThatIsNoDateOfTheWorld) {
 
 // In real time zones.
 
-GregorianCalendar calendarOf(const std::string& zone) {
-    return GregorianCalendar::named(zone).value();
-}
-
 WallDate dateOf(const std::string& text) { return RFC3339::parse(text).value(); }
 
 TEST(WidgetMomentTest, HasTheDaysOfItsCalendar) {
@@ -258,7 +255,8 @@ TEST(WidgetMomentTest, HasTheDaysOfItsCalendar) {
         for (const std::string& start : row.starts) {
             starts.push_back(dateOf(row.date.substr(0, 8) + start));
         }
-        const WidgetMoment moment = S().moment(dateOf(row.date), calendarOf(row.zone));
+        const WidgetMoment moment =
+            S().moment(dateOf(row.date), GregorianCalendar::named(row.zone).value());
         Dates found;
         std::ranges::transform(moment.week, std::back_inserter(found), &S::Day::start);
         EXPECT_EQ(found, starts) << row.zone;
@@ -287,7 +285,8 @@ TEST(WidgetMomentTest, FindsARecordByItsCalendarDay) {
     for (const auto& row : rows) {
         S snapshot;
         snapshot.days = {{dateOf(row.record), 1, 0, 0}};
-        const auto week = snapshot.moment(dateOf(row.date), calendarOf(row.zone)).week;
+        const auto week =
+            snapshot.moment(dateOf(row.date), GregorianCalendar::named(row.zone).value()).week;
         ASSERT_EQ(week.size(), 7U);
         for (std::size_t i = 0; i < week.size(); ++i) {
             EXPECT_EQ(week[i].breaths, i == row.place ? 1 : 0) << row.record << " " << row.date;
@@ -296,7 +295,7 @@ TEST(WidgetMomentTest, FindsARecordByItsCalendarDay) {
 }
 
 TEST(WidgetMomentTest, HasNothingOfOtherDaysForADateThatNoCalendarHas) {
-    const GregorianCalendar berlin = calendarOf("Europe/Berlin");
+    const GregorianCalendar berlin = GregorianCalendar::named("Europe/Berlin").value();
     for (const double odd : {secondsSince1970(dateOf("0000-06-01T00:00:00Z")), -1e300, 1e300,
                              -std::numeric_limits<double>::infinity()}) {
         const WidgetMoment moment = sampleSnapshot().moment(wallDate(odd), berlin);
@@ -370,11 +369,11 @@ TEST(TimelineDatesTest, AreThoseOfThePlainRuleInAnyZone) {
     RandomSnapshots random(20261121);
     for (const char* zone : {"Europe/Berlin", "America/Santiago", "Africa/Cairo", "Asia/Beirut",
                              "Australia/Lord_Howe", "Asia/Kathmandu", "America/Havana"}) {
-        const GregorianCalendar calendar = calendarOf(zone);
+        const GregorianCalendar calendar = GregorianCalendar::named(zone).value();
         for (int i = 0; i < 300; ++i) {
             S snapshot = random.snapshot();
-            snapshot.horizon += aDay * random.below(400);
-            const WallDate from = random.date() + aDay * random.below(365);
+            snapshot.horizon += day * random.below(400);
+            const WallDate from = random.date() + day * random.below(365);
             const Seconds span{60.0 * random.below(300)};
             for (const std::size_t limit : {std::size_t{7}, std::size_t{60}, noLimit}) {
                 ASSERT_EQ(snapshot.timelineDates(from, calendar, span, limit),
@@ -386,11 +385,11 @@ TEST(TimelineDatesTest, AreThoseOfThePlainRuleInAnyZone) {
 }
 
 TEST(TimelineDatesTest, AreThoseOfThePlainRuleForALongCountdownAndManyPhases) {
-    S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + aDay * 365 * 3)});
-    snapshot.horizon = nineOClock + aDay * 365 * 3;
+    S snapshot = runningSnapshot({blockUntil(nineOClock, nineOClock + day * 365 * 3)});
+    snapshot.horizon = nineOClock + day * 365 * 3;
     for (const std::size_t limit : {std::size_t{60}, std::size_t{5000}}) {
-        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, aDay * 200, limit),
-                  plainDates(snapshot, nineOClock, utc, aDay * 200, limit));
+        EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, day * 200, limit),
+                  plainDates(snapshot, nineOClock, utc, day * 200, limit));
     }
     const S many = longSnapshot(100'000);
     for (const Seconds later : {Seconds{0}, hour * 50'000.5, hour * 99'999}) {
@@ -405,7 +404,7 @@ TEST(TimelineDatesTest, AllocateNoMoreHoweverFarTheHorizonIs) {
     S snapshot = runningSnapshot({blockUntil(nineOClock, farAway)});
     for (const Seconds span : {hour, Seconds{0}}) {
         std::set<std::size_t> costs;
-        for (const WallDate horizon : {nineOClock + aDay * 100, farAway}) {
+        for (const WallDate horizon : {nineOClock + day * 100, farAway}) {
             snapshot.horizon = horizon;
             const std::size_t before = testing::mallocsMade();
             EXPECT_EQ(snapshot.timelineDates(nineOClock, utc, span, 60).size(), 60U);

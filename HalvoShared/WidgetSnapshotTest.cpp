@@ -7,6 +7,7 @@
 
 #include "HalvoShared/Coding.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/SampleSnapshot.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
@@ -14,18 +15,18 @@
 namespace halvo {
 namespace {
 
+using testing::hour;
 using testing::nineOClock;
 using testing::readTestFile;
 using testing::sampleRun;
 using testing::sampleSnapshot;
 using S = WidgetSnapshot;
 
-const std::string golden = HALVO_GOLDEN "/widgets.json";
+const std::string widgetsGolden = HALVO_GOLDEN "/widgets.json";
 
 // Runs that can be told apart, from nine and from noon.
 const S::State fromNine = S::Block{sampleRun(std::nullopt)};
 const S::State fromNoon = S::Focus{sampleRun(std::nullopt)};
-constexpr Seconds hour{3600};
 constexpr WallDate noon = nineOClock + hour * 3;
 
 S twoPhases() {
@@ -35,8 +36,8 @@ S twoPhases() {
 }
 
 TEST(WidgetSnapshotTest, IsWrittenAndReadAsItAlwaysWas) {
-    EXPECT_EQ(JSON::encode(sampleSnapshot()).value(), readTestFile(golden));
-    EXPECT_EQ(JSON::decode<S>(readTestFile(golden)), sampleSnapshot());
+    EXPECT_EQ(JSON::encode(sampleSnapshot()).value(), readTestFile(widgetsGolden));
+    EXPECT_EQ(JSON::decode<S>(readTestFile(widgetsGolden)), sampleSnapshot());
 }
 
 TEST(WidgetSnapshotTest, AStateIsAnObjectWithOneKey) {
@@ -80,7 +81,7 @@ TEST(WidgetSnapshotTest, ALevelIsOneOfThree) {
 }
 
 TEST(WidgetSnapshotTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherType) {
-    const std::string whole = readTestFile(golden);
+    const std::string whole = readTestFile(widgetsGolden);
     std::map<std::string, int> missable;
     std::set<std::string> required;
     for (std::size_t end = whole.find("\":"); end != std::string::npos;

@@ -279,7 +279,8 @@ void markTicks(const Arguments& arguments) {
 
 // ----------------------------------------------------------------------------------------- records
 
-using testing::aDay;
+using testing::day;
+using testing::hour;
 using testing::nineOClock;
 
 // The least that any search for a day in the list does. Aligned, because the time of so short a
@@ -287,14 +288,13 @@ using testing::nineOClock;
 [[gnu::noinline, gnu::aligned(64)]] std::size_t walk(const std::vector<WidgetSnapshot::Day>& days) {
     std::size_t found = 0;
     for (auto each = days.rbegin(); each != days.rend(); ++each) {
-        found += each->start >= nineOClock - aDay * 2 && each->start < nineOClock - aDay ? 1 : 0;
+        found += each->start >= nineOClock - day * 2 && each->start < nineOClock - day ? 1 : 0;
     }
     return found;
 }
 
 // The peers are "library", "plain..." and "walk".
 void serveRecords(const Arguments&) {
-    constexpr Seconds hour{3600};
     constexpr std::size_t limit = 60;
     const GregorianCalendar calendar = GregorianCalendar::named("Europe/Berlin").value();
     Works works;
@@ -312,12 +312,12 @@ void serveRecords(const Arguments&) {
     WidgetSnapshot planned = testing::sampleSnapshot();
     planned.phases.clear();
     for (int i = 0; i < 400; ++i) {
-        const WallDate start = nineOClock + aDay * i;
+        const WallDate start = nineOClock + day * i;
         planned.phases.push_back(
             {start, WidgetSnapshot::Block{testing::sampleRun(start + hour * 8)}});
     }
-    for (const auto& [name, horizon] : {std::pair<std::string, WallDate>{"Day", nineOClock + aDay},
-                                        {"Year", nineOClock + aDay * 365},
+    for (const auto& [name, horizon] : {std::pair<std::string, WallDate>{"Day", nineOClock + day},
+                                        {"Year", nineOClock + day * 365},
                                         {"Millennia", wallDate(64060588800)}}) {  // 4000-01-01
         planned.horizon = horizon;
         works["timeline" + name] = [&, planned] {
@@ -331,11 +331,11 @@ void serveRecords(const Arguments&) {
     // Ten years of days.
     WidgetSnapshot past;
     for (int i = 3650; i > 0; --i) {
-        past.days.push_back({calendar.startOfDay(nineOClock - aDay * i), i, i, i});
+        past.days.push_back({calendar.startOfDay(nineOClock - day * i), i, i, i});
     }
     // The list ends before the week of that date, so all of it must be searched.
-    works["moment"] = [&] { return past.moment(nineOClock + aDay * 30, calendar).week.size(); };
-    works["momentYesterday"] = [&] { return past.moment(nineOClock - aDay, calendar).week.size(); };
+    works["moment"] = [&] { return past.moment(nineOClock + day * 30, calendar).week.size(); };
+    works["momentYesterday"] = [&] { return past.moment(nineOClock - day, calendar).week.size(); };
     works["walk"] = [&] { return walk(past.days); };
     serve(works);
 }

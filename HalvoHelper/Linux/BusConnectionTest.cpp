@@ -28,14 +28,12 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr std::uint32_t ann = 501;
-
 struct Ends {
     Descriptor server;
     Descriptor client;
 };
 
-Ends connectedEnds() {
+Ends nonBlockingEnds() {
     std::array<int, 2> ends{};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
     return {Descriptor(ends[0]), Descriptor(ends[1])};
@@ -179,7 +177,7 @@ class BusConnectionTest : public ::testing::Test {
 
     // Serves one end of a pair, and gives the other.
     Descriptor serve() {
-        Ends ends = connectedEnds();
+        Ends ends = nonBlockingEnds();
         connection = makeConnection();
         EXPECT_TRUE(connection->start(std::move(ends.server)));
         return std::move(ends.client);
@@ -213,12 +211,12 @@ class BusConnectionTest : public ::testing::Test {
     std::unique_ptr<BusClient> client;
 };
 
-constexpr const char* idle = "badb no [] no";
+constexpr const char* idleStatus = "badb no [] no";
 
 TEST_F(BusConnectionTest, CarriesTheFourRequests) {
     connect();
     const std::string held = "badb yes [" + std::to_string(now + 3600.25) + "] yes";
-    EXPECT_EQ(client->call("Status"), idle);
+    EXPECT_EQ(client->call("Status"), idleStatus);
     EXPECT_EQ(client->call(begin()), "b yes");
     EXPECT_EQ(client->call(heartbeat()), "b yes");
     EXPECT_EQ(client->call("Status"), held);
@@ -236,7 +234,7 @@ TEST_F(BusConnectionTest, CarriesTheFourRequests) {
     const auto& all = client->replies();
     ASSERT_EQ(all.size(), 13U);
     EXPECT_THAT(std::vector(all.begin() + 8, all.end()),
-                ElementsAre(idle, "b yes", held, "b yes", idle));
+                ElementsAre(idleStatus, "b yes", held, "b yes", idleStatus));
 }
 
 TEST_F(BusConnectionTest, CarriesTheArgumentsOfABeginAndResolvesLinksInItsPath) {
@@ -283,11 +281,11 @@ TEST_F(BusConnectionTest, RefusesBadArguments) {
         EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
         return message;
     };
-    const double infinite = std::numeric_limits<double>::infinity();
+    const double infinity = std::numeric_limits<double>::infinity();
     world.calls.clear();
     const std::pair<Message, std::string> rows[] = {
-        {begin(app, infinite, now), "until is not a finite number"},
-        {begin(app, now, -infinite), "started is not a finite number"},
+        {begin(app, infinity, now), "until is not a finite number"},
+        {begin(app, now, -infinity), "started is not a finite number"},
         {begin(app, now, 253402300800), "started is after the year 9999"},
         // Resolving it would take the system long.
         {begin(std::string(Limits::appPath + 1, '/'), now + 60, now),
@@ -316,7 +314,7 @@ TEST_F(BusConnectionTest, RefusesWhatItDoesNotKnow) {
                 StartsWith(unknown + "Method"));
     EXPECT_THAT(client->call(client->request("Status", HelperBus::interface, "/other")),
                 StartsWith(unknown + "Object"));
-    EXPECT_EQ(client->call("Status"), idle) << "it still serves";
+    EXPECT_EQ(client->call("Status"), idleStatus) << "it still serves";
 }
 
 TEST_F(BusConnectionTest, SaysWhatItOffers) {
@@ -468,7 +466,7 @@ TEST_F(BusConnectionTest, DisconnectsSilentlyWhenItIsDestroyed) {
 TEST_F(BusConnectionTest, DoesNotStartWithoutASocketOrMemory) {
     connection = makeConnection();
     EXPECT_FALSE(connection->start(Descriptor{}));
-    Ends ends = connectedEnds();
+    Ends ends = nonBlockingEnds();
     connection = makeConnection();
     {
         const Fault once = Fault::returning(SystemCall::sd_bus_start, -ENOMEM);
@@ -513,7 +511,7 @@ TEST_F(BusConnectionTest, IsNotOutdatedBeforeItHasSaidAnything) {
 }
 
 TEST_F(BusConnectionTest, DisconnectsWhoDoesNotReadTheReplies) {
-    Ends ends = connectedEnds();
+    Ends ends = nonBlockingEnds();
     const Descriptor sameSocket(fcntl(ends.server.get(), F_DUPFD_CLOEXEC, 0));
     connection = makeConnection();
     ASSERT_TRUE(connection->start(std::move(ends.server)));

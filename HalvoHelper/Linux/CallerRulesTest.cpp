@@ -40,10 +40,8 @@ using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
-
 // Why a caller was refused; "admitted" when it was not.
-std::string verdictOn(int connection, const HelperIdentity& wanted = identity) {
+std::string verdictOn(int connection, const HelperIdentity& wanted = sampleIdentity) {
     const auto caller = CallerRules(wanted).check(connection);
     return caller ? "admitted" : caller.error();
 }
@@ -280,7 +278,7 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEvery
     for (const Person& person : {user, other, Person{0, 0}}) {
         const Descriptor connection = connectionAfter([&person] { become(person); });
         caller->send(SIGSTOP);
-        const auto verdict = CallerRules(identity).check(connection.get());
+        const auto verdict = CallerRules(sampleIdentity).check(connection.get());
         ASSERT_TRUE(verdict) << verdict.error();
         EXPECT_EQ(*verdict, (HelperPeer{person.uid, app->path()}));
     }
@@ -334,7 +332,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
 
 TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotBeRead) {
     const Descriptor connection = connectionOfApp();
-    const auto verdict = CallerRules(identity, "/nowhere").check(connection.get());
+    const auto verdict = CallerRules(sampleIdentity, "/nowhere").check(connection.get());
     EXPECT_EQ(verdict.error(), "it cannot be told whose the group " + std::to_string(appGroup) +
                                    " is: /nowhere/group: No such file or directory");
 }
@@ -630,7 +628,7 @@ TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
 }
 
 TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
-    CallerRules rules(identity);
+    CallerRules rules(sampleIdentity);
     const TestBundle stranger("/Applications/Other.app");
     stranger.writeInfo("com.example.other");
     stranger.install(appGroup);

@@ -44,10 +44,9 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-const std::string name = "com.example.app.helper";
+const std::string helperName = "com.example.app.helper";
 const std::string socketPath = "/run/com.example.app.helper.sock";
 const std::string lockPath = socketPath + ".lock";
-const HelperIdentity identity{"com.example.app", "7QX4KD19MT"};
 
 // Serves the main thread's event loop until `condition` holds, for 20 s at most. Whether it came to
 // hold.
@@ -108,7 +107,7 @@ class HelperListenerPrivateMachineTest : public PrivateMachineTest {
 void expectNone(const std::function<void()>& prepare, int status, const std::string& message) {
     const ChildResult result = runInChild([&prepare] {
         prepare();
-        makeListener(identity);
+        makeListener(sampleIdentity);
     });
     EXPECT_EQ(result.status, status);
     EXPECT_THAT(result.output, HasSubstr("error: " + message + "\n"));
@@ -117,7 +116,7 @@ void expectNone(const std::function<void()>& prepare, int status, const std::str
 TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilItsProcessExits) {
     inChild([] {
         umask(077);
-        const auto listener = makeListener(identity);
+        const auto listener = makeListener(sampleIdentity);
         EXPECT_EQ(modeOf(socketPath), S_IFSOCK | 0666U);
         EXPECT_EQ(modeOf(lockPath), S_IFREG | 0600U);
         EXPECT_EQ(tryToConnect(socketPath), ECONNREFUSED) << "it serves before its time";
@@ -128,7 +127,7 @@ TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilI
 
 TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsNameAndTakesThePlaceOfOneThatWasKilled) {
     TestProcess first([] {
-        const auto listener = makeListener(identity);
+        const auto listener = makeListener(sampleIdentity);
         std::puts("made");
         std::fflush(stdout);
         pause();
@@ -139,9 +138,9 @@ TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsNameAndTakesThePlaceOf
     first.kill();
     EXPECT_TRUE(fs::exists(socketPath)) << "the second one took the first one's";
     EXPECT_TRUE(fs::exists(lockPath));
-    inChild([] { EXPECT_TRUE(makeListener(identity)); });
+    inChild([] { EXPECT_TRUE(makeListener(sampleIdentity)); });
     bindTo(socketPath, Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get());
-    inChild([] { EXPECT_TRUE(makeListener(identity)) << "in the place of a stale socket"; });
+    inChild([] { EXPECT_TRUE(makeListener(sampleIdentity)) << "in the place of a stale socket"; });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
@@ -165,8 +164,8 @@ TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
 TEST_F(HelperListenerPrivateMachineTest, RefusesANameThatIsTooLong) {
     // sockaddr_un has room for 107 characters and a zero byte.
     const std::string longest(107 - std::string("/run/.helper.sock").size(), 'x');
-    inChild([&] { EXPECT_TRUE(makeListener({longest, identity.teamID})); });
-    expectNone([&] { makeListener({longest + "x", identity.teamID}); }, 78,
+    inChild([&] { EXPECT_TRUE(makeListener({longest, sampleIdentity.teamID})); });
+    expectNone([&] { makeListener({longest + "x", sampleIdentity.teamID}); }, 78,
                "The app's identifier is too long for a socket: /run/" + longest + "x.helper.sock");
     fs::remove("/run/" + longest + "x.helper.sock.lock");
 }
@@ -207,7 +206,7 @@ int boundSocket() {
 TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
     inChild([] {
         handOver({boundSocket()}, getpid());
-        EXPECT_TRUE(makeListener(identity));
+        EXPECT_TRUE(makeListener(sampleIdentity));
         EXPECT_FALSE(fs::exists(lockPath)) << "systemd starts only one";
         EXPECT_EQ(std::getenv("LISTEN_FDS"), nullptr) << "children would believe it";
         EXPECT_NE(fcntl(3, F_GETFL) & O_NONBLOCK, 0);
@@ -221,7 +220,7 @@ TEST_F(HelperListenerPrivateMachineTest, TakesNoSocketThatIsForAnotherProcess) {
     inChild([] {
         handOver({newSocket(AF_UNIX, SOCK_STREAM)}, getpid() + 1);
         ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
-        EXPECT_TRUE(makeListener(identity));
+        EXPECT_TRUE(makeListener(sampleIdentity));
         EXPECT_TRUE(fs::is_socket(socketPath));
         EXPECT_TRUE(fs::exists(lockPath));
     });
@@ -249,7 +248,7 @@ TEST_F(HelperListenerPrivateMachineTest, RefusesWhatSystemdMustNotHandOver) {
         78, message);
     expectNone(
         [] { ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1), 0); }, 78,
-        "systemd handed over no socket: systemctl restart " + name + ".socket");
+        "systemd handed over no socket: systemctl restart " + helperName + ".socket");
     EXPECT_FALSE(fs::exists(socketPath));
 }
 
@@ -259,7 +258,7 @@ struct Service {
 
     LogCapture log;
     SimulatedWorld world;
-    std::unique_ptr<HelperListener> listener = makeListener(identity);
+    std::unique_ptr<HelperListener> listener = makeListener(sampleIdentity);
     HelperService helper{{world.clock, world.flags, world.store, world.session, world.opener},
                          *listener,
                          liveMainQueue()};

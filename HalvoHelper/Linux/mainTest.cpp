@@ -28,7 +28,7 @@ constexpr Person nobody{65534, 65534};
 
 // A process that dropped its privileges cannot be traced for leaks, and the sanitizer's error about
 // that would be taken for the helper's.
-const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0"};
+const Words sanitizerEnvironment{"ASAN_OPTIONS=detect_leaks=0"};
 
 constexpr const char* onlyAsRoot = "error: The helper runs only as root, from launchd\n";
 constexpr const char* noIdentity =
@@ -48,7 +48,7 @@ class MainTest : public ::testing::Test {
             if (geteuid() == 0) {
                 become(nobody);
             }
-            execute(helper, words, helperEnvironment);
+            execute(helper, words, sanitizerEnvironment);
         });
         const int status = process.wait();
         return {status, process.readAll()};
@@ -91,7 +91,7 @@ class MainPrivateMachineTest : public PrivateMachineTest {
     // A service that has started, or null.
     std::unique_ptr<TestProcess> start(const Words& words = {}) const {
         auto process =
-            std::make_unique<TestProcess>([&] { execute(helper, words, helperEnvironment); });
+            std::make_unique<TestProcess>([&] { execute(helper, words, sanitizerEnvironment); });
         const pid_t pid = process->pid();
         const bool started = eventually([pid] { return handlesTermination(pid); });
         EXPECT_TRUE(started);
@@ -127,7 +127,7 @@ TEST_F(MainPrivateMachineTest, EndsWithoutAnIdentity) {
             writeInfo(app, team);
         }
         SCOPED_TRACE(app);
-        TestProcess process([&] { execute(helper, {}, helperEnvironment); });
+        TestProcess process([&] { execute(helper, {}, sanitizerEnvironment); });
         EXPECT_EQ(process.wait(), 78);
         EXPECT_THAT(process.readAll(), HasSubstr(noIdentity));
     }

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -34,8 +35,6 @@ using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-constexpr Seconds minute{60};
-constexpr Seconds hour{3600};
 // 2026-11-20, 11:00 UTC.
 constexpr WallDate noon = wallDate(1795165200);
 const std::string app = "/Applications/Halvo.app";

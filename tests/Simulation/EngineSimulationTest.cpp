@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "HalvoHelperCore/HelperEngine.hpp"
+#include "tests/Support/Durations.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
@@ -32,10 +33,7 @@ using Lift = HelperEngine::Lift;
 
 constexpr std::size_t eventsPerRun = 250;
 constexpr std::size_t eventsInReport = 40;
-constexpr std::uint32_t anna = 501;
-constexpr std::uint32_t ben = 502;
 constexpr Seconds nothing{0};
-constexpr Seconds day{24 * 60 * 60};
 constexpr Seconds checkpointGap{60};
 constexpr std::size_t eighthsPerHour = std::size_t{8} * 60 * 60;
 
@@ -316,10 +314,10 @@ class EngineSimulation {
     EngineSimulation(std::uint64_t seed, const TemporaryFolder& disk, Tally& tally)
         : seed_(seed), random_(seed), tally_(tally), isFoul_(seed % 2 == 1), world_(disk) {
         for (const char* path :
-             {"Applications/A.app", "Users/anna/Applications/B.app", "Applications/Sub/C.app"}) {
+             {"Applications/A.app", "Users/ann/Applications/B.app", "Applications/Sub/C.app"}) {
             bundles_.push_back(world_.addBundle(path));
         }
-        world_.session.console = anna;
+        world_.session.console = ann;
     }
 
     std::size_t run() {
@@ -360,7 +358,7 @@ class EngineSimulation {
 
     std::string anyBundle() { return bundles_[below(bundles_.size())]; }
 
-    std::uint32_t anyUser() { return chance(75) ? anna : ben; }
+    std::uint32_t anyUser() { return chance(75) ? ann : ben; }
 
     // --- Events
 
@@ -597,7 +595,7 @@ class EngineSimulation {
     }
 
     void switchConsole() {
-        constexpr std::array<std::optional<std::uint32_t>, 4> people{anna, anna, ben, std::nullopt};
+        constexpr std::array<std::optional<std::uint32_t>, 4> people{ann, ann, ben, std::nullopt};
         world_.session.console = oneOf(people);
         note("console " + std::to_string(world_.session.console.value_or(0)));
     }
@@ -762,7 +760,7 @@ class EngineSimulation {
                     "what is held: " + inWords(asOf(*held, now())));
             require(held->locked == expected->locked, "whether the unlock is owed");
         }
-        for (const std::uint32_t uid : {anna, ben}) {
+        for (const std::uint32_t uid : {ann, ben}) {
             require(engine_->status({uid, std::nullopt}) == expectation_.status(uid),
                     "the status of " + std::to_string(uid));
         }

@@ -11,13 +11,12 @@
 
 #include "HalvoShared/GregorianCalendar.hpp"
 #include "HalvoShared/WidgetSnapshot.hpp"
+#include "tests/Support/Durations.hpp"
 
 namespace halvo::testing {
 
 // 2026-11-20T09:00:00Z.
 inline constexpr WallDate nineOClock = wallDate(1795165200);
-
-inline constexpr Seconds aDay{86400};
 
 // A run of a block or focus that begins at nine.
 inline WidgetSnapshot::Running sampleRun(std::optional<WallDate> end) {
@@ -55,8 +54,8 @@ inline WidgetSnapshot sampleSnapshot() {
                        {nineOClock + Seconds{7200}, S::Next{upcoming}},
                        {nineOClock + Seconds{43200}, S::NothingScheduled{}},
                        {nineOClock + Seconds{50000}, S::NoBlocks{}}},
-            .horizon = nineOClock + aDay,
-            .days = {{nineOClock - Seconds{32400} - aDay, 3, 15, 2},
+            .horizon = nineOClock + day,
+            .days = {{nineOClock - Seconds{32400} - day, 3, 15, 2},
                      {nineOClock - Seconds{32400}, 1, 5, 0}},
             .breathe = {"box", 5},
             .focusMinutes = 25,
@@ -67,7 +66,6 @@ inline WidgetSnapshot sampleSnapshot() {
 // `phases` consecutive runs of an hour each, from nine on.
 inline WidgetSnapshot longSnapshot(std::size_t phases) {
     using S = WidgetSnapshot;
-    constexpr Seconds hour{3600};
     S snapshot = sampleSnapshot();
     snapshot.phases.clear();
     for (std::size_t i = 0; i < phases; ++i) {
@@ -94,9 +92,9 @@ inline std::vector<WallDate> plainDates(const WidgetSnapshot& snapshot, WallDate
             dates.insert(phase.start);
         }
     }
-    for (auto day = calendar.startOfNextDay(calendar.startOfDay(from)); day && *day <= end;
-         day = calendar.startOfNextDay(*day)) {
-        dates.insert(*day);
+    for (auto midnight = calendar.startOfNextDay(calendar.startOfDay(from));
+         midnight && *midnight <= end; midnight = calendar.startOfNextDay(*midnight)) {
+        dates.insert(*midnight);
     }
     const WallDate countdownLimit = std::min(from + countdownSpan, end);
     for (std::size_t i = 0; i < snapshot.phases.size(); ++i) {

@@ -30,6 +30,10 @@
 
 namespace halvo::testing {
 
+// Two people.
+inline constexpr std::uint32_t ann = 501;
+inline constexpr std::uint32_t ben = 502;
+
 // Thrown instead of the call at which CallLog::crashAt() simulates a crash. Not derived from
 // std::exception, so that no handler catches it by accident.
 struct Crash {};

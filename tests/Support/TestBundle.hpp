@@ -8,7 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "HalvoHelperCore/HelperIdentity.hpp"
+
 namespace halvo::testing {
+
+// Whose a TestBundle is.
+inline const HelperIdentity sampleIdentity{"com.example.app", "7QX4KD19MT"};
 
 // A bundle with the test app as its executable. Folders and the executable have mode 0755, files
 // 0644, whatever the umask; the owner is the user of the test process.

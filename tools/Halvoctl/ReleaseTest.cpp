@@ -59,7 +59,7 @@ constexpr auto expire = [](Scene& m) { m.hold(Seconds{0}); };
 constexpr auto damage = [](Scene& m) { m.world.store.stored = UnreadableCommitment{m.app, true}; };
 constexpr auto damageAll = [](Scene& m) { m.world.store.stored = UnreadableCommitment{}; };
 constexpr auto lock = [](Scene& m) { m.lock(m.app); };
-constexpr auto unlock = [](Scene& m) { m.world.flags.setByHand(m.app, false); };
+constexpr auto unlockByHand = [](Scene& m) { m.world.flags.setByHand(m.app, false); };
 constexpr auto lockSecond = [](Scene& m) { m.lock(m.second); };
 constexpr auto removeApp = [](Scene& m) {
     fs::remove_all(m.app);
@@ -125,7 +125,7 @@ class ReleaseTest : public ::testing::Test {
 
 const std::string ofAnn = "Let go of the commitment of ann (uid 1000) that ";
 const std::string held = ofAnn + "held until 2025-10-09 11:55:25 +02:00; ";
-const std::string damaged = "Removed a damaged state file; ";
+const std::string removedDamaged = "Removed a damaged state file; ";
 
 TEST_F(ReleaseTest, UnlocksThenDeletesThenResumes) {
     fake.hold();
@@ -149,12 +149,12 @@ TEST_F(ReleaseTest, ClearsWhatIsStored) {
          {{hold}, held + "@app is unlocked", gone},
          {{holdOnStop}, held + "@app is unlocked"},
          {{expire}, ofAnn + "had run out at 2025-10-09 10:53:20 +02:00; @app is unlocked"},
-         {{damage, lock}, damaged + "@app is unlocked"},
-         {{damageAll}, damaged + "no lock is known that it owed"},
+         {{damage, lock}, removedDamaged + "@app is unlocked"},
+         {{damageAll}, removedDamaged + "no lock is known that it owed"},
          {{hold, removeApp}, held + forgotten, gone},
-         {{damage, removeApp}, damaged + forgotten, gone},
+         {{damage, removeApp}, removedDamaged + forgotten, gone},
          {{holdBare, removeApp}, held + "@app was not locked"},
-         {{holdBare, unlock}, held + "@app was not locked"},
+         {{holdBare, unlockByHand}, held + "@app was not locked"},
          {{giveAway, lock}, "Nothing was held; " + kept, {}, true},
          {{giveAway, holdBare}, held + kept, {}, true}});
     EXPECT_EQ(log.notices().size(), 11U) << "not without a stored record";
@@ -170,7 +170,7 @@ TEST_F(ReleaseTest, UnlocksOrphans) {
     EXPECT_EQ(log.notices(), Changes(2, "An administrator took off a lock that no record owed"));
     expectReleased({{{addSecond, hold, lockSecond}, held + "@app is unlocked; @second" + off},
                     {{addSecond, holdBare, lockSecond}, held + both},
-                    {{addSecond, damageAll, lock, lockSecond}, damaged + both}});
+                    {{addSecond, damageAll, lock, lockSecond}, removedDamaged + both}});
 }
 
 TEST_F(ReleaseTest, KeepsTheRecordWhenUnlockingFails) {
