@@ -36,6 +36,11 @@ sys_seconds wholeSecondsOf(WallDate date) {
     return sys_seconds{seconds{static_cast<seconds::rep>(std::floor(secondsSince1970(date)))}};
 }
 
+// The span of `instant`, looked up only if that is not `near`.
+OffsetSpan spanOf(sys_seconds instant, const OffsetSpan& near, const TimeZone& zone) {
+    return instant >= near.begin && instant < near.end ? near : zone.at(instant);
+}
+
 // The first instant in `span` or later whose local time is in [first, end).
 sys_seconds firstInstant(const TimeZone& zone, OffsetSpan span, local_seconds first,
                          local_seconds end) {
@@ -81,10 +86,11 @@ WallDate GregorianCalendar::startOfDay(WallDate date) const {
         return date;
     }
     const sys_seconds instant = wholeSecondsOf(date);
-    const local_days day = floor<days>(localTime(instant, zone_->at(instant).offset));
+    const OffsetSpan span = zone_->at(instant);
+    const local_days day = floor<days>(localTime(instant, span.offset));
     // The day may have begun before a transition.
-    return firstInstant(*zone_, zone_->at(instantOf(day, TimeZone::largestOffset)), day,
-                        day + days{1});
+    const sys_seconds earliest = instantOf(day, TimeZone::largestOffset);
+    return firstInstant(*zone_, spanOf(earliest, span, *zone_), day, day + days{1});
 }
 
 std::optional<WallDate> GregorianCalendar::startOfNextDay(WallDate date) const {
@@ -101,19 +107,17 @@ std::optional<WallDate> GregorianCalendar::addingDays(int count, WallDate date) 
     if (!isInRange(date)) {
         return std::nullopt;
     }
-    const auto timeOfDay = [this](sys_seconds instant) {
-        const local_seconds local = localTime(instant, zone_->at(instant).offset);
-        return local - floor<days>(local);
-    };
     const sys_seconds whole = wholeSecondsOf(date);
+    const OffsetSpan before = zone_->at(whole);
     sys_seconds result = whole + days{count};
-    if (timeOfDay(result) != timeOfDay(whole)) {
-        const seconds moved = zone_->at(whole).offset - zone_->at(result).offset;
-        const bool isSkipped = timeOfDay(result + moved) != timeOfDay(whole);
+    OffsetSpan span = spanOf(result, before, *zone_);
+    if (const seconds moved = before.offset - span.offset; moved % days{1} != seconds{0}) {
+        const seconds change = before.offset - zone_->at(result + moved).offset;
         // A skipped time is moved later by the length of the gap, whichever way it is reached.
-        result += isSkipped ? std::max(moved, seconds{0}) : moved;
+        result += (change - moved) % days{1} != seconds{0} ? std::max(moved, seconds{0}) : moved;
+        span = zone_->at(result);
     }
-    if (const OffsetSpan span = zone_->at(result); count > 0 && span.begin > sys_seconds::min()) {
+    if (count > 0 && span.begin > sys_seconds::min()) {
         // The same local time also came before the clock went back.
         const seconds back = zone_->at(span.begin - seconds{1}).offset - span.offset;
         result -= result - back < span.begin ? back : seconds{0};
