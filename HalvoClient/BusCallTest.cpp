@@ -122,7 +122,7 @@ TEST(BusCallTest, EndsWithAFaultByWhatThePeerSays) {
 
 TEST(BusCallTest, GivesAnErrorReplyAsAReply) {
     const TemporaryFolder folder;
-    const FakeHelper helper(folder / "socket", {Conduct::Reject});
+    const FakeHelper helper(folder / "socket", {Behavior::Reject});
     auto socket = connectToHelper(folder / "socket", deadlineAfter(limit));
     ASSERT_TRUE(socket.has_value());
     const auto bus = openBus(std::move(*socket));

@@ -98,7 +98,7 @@ TEST_F(HelperClientTest, CarriesArgumentsAndTheHelpersAnswer) {
         {heartbeat(true), "Heartbeat true"},
         {[](HelperClient& client) { return client.end(); }, "End"},
     };
-    FakeHelper helper(path_, {Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::Answer});
     HelperClient client(path_);
     for (const auto& [request, sent] : rows) {
         for (const bool yes : {true, false}) {
@@ -110,7 +110,7 @@ TEST_F(HelperClientTest, CarriesArgumentsAndTheHelpersAnswer) {
 }
 
 TEST_F(HelperClientTest, RejectsAPathThatDBusCannotCarry) {
-    FakeHelper helper(path_, {Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::Answer});
     HelperClient client(path_);
     for (const std::string& path : {std::string("/a\0b.app", 8), std::string("/\xFF.app")}) {
         const auto answer = client.begin(path, anyway(wallDate(2), wallDate(1)));
@@ -122,7 +122,7 @@ TEST_F(HelperClientTest, RejectsAPathThatDBusCannotCarry) {
 }
 
 TEST_F(HelperClientTest, GivesWhatHolds) {
-    FakeHelper helper(path_, {Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::Answer});
     HelperClient client(path_);
     EXPECT_EQ(client.status(), HelperStatus::idle);
     helper.record().holding = true;
@@ -134,7 +134,7 @@ TEST_F(HelperClientTest, GivesWhatHolds) {
 
 // What comes of asking for the status, whatever the helper does with each connection.
 TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
-    using enum Conduct;
+    using enum Behavior;
     constexpr double usual = 5;
     constexpr double endless = std::numeric_limits<double>::infinity();
     constexpr double none = std::numeric_limits<double>::quiet_NaN();
@@ -148,7 +148,7 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
 
     struct Row {
         const char* rule;
-        std::vector<Conduct> conducts;
+        std::vector<Behavior> behaviors;
         int timesAsked;
         double limit;
         std::optional<HelperFailure> last;
@@ -188,7 +188,7 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.rule);
-        FakeHelper helper(path_, row.conducts);
+        FakeHelper helper(path_, row.behaviors);
         HelperClient client(path_);
         for (int left = row.timesAsked; left > 1; --left) {
             [[maybe_unused]] const auto earlier = client.status();
@@ -208,7 +208,7 @@ TEST_F(HelperClientTest, ConnectsAnewAndGivesUpByRule) {
 }
 
 TEST_F(HelperClientTest, RejectsAYesThatItDoesNotUnderstand) {
-    FakeHelper const helper(path_, {Conduct::AnswerText});
+    FakeHelper const helper(path_, {Behavior::AnswerText});
     const auto answer = HelperClient(path_).heartbeat(false);
     ASSERT_FALSE(answer.has_value());
     EXPECT_EQ(std::get<Rejected>(answer.error()).name,
@@ -242,7 +242,7 @@ TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to become another user";
     }
-    FakeHelper const helper(path_, {Conduct::Answer});
+    FakeHelper const helper(path_, {Behavior::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0700), 0);
     const ChildResult child = runInChild([this] {
         // The uid alone is enough to lose root's right to go anywhere.
@@ -254,7 +254,7 @@ TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
 }
 
 TEST_F(HelperClientTest, SaysWhenThisProcessHasNoDescriptorLeft) {
-    FakeHelper const helper(path_, {Conduct::Answer});
+    FakeHelper const helper(path_, {Behavior::Answer});
     const ChildResult child = runInChild([this] {
         const auto answer = [this] {
             const FewDescriptors none(0);
@@ -268,8 +268,8 @@ TEST_F(HelperClientTest, SaysWhenThisProcessHasNoDescriptorLeft) {
 // A helper that does not answer.
 
 TEST_F(HelperClientTest, GivesUpOnAHelperThatIsSilent) {
-    for (const Conduct conduct : {Conduct::NeverAnswer, Conduct::NeverAuthenticate}) {
-        FakeHelper helper(path_, {conduct});
+    for (const Behavior behavior : {Behavior::NeverAnswer, Behavior::NeverAuthenticate}) {
+        FakeHelper helper(path_, {behavior});
         HelperClient client(path_);
         expectTimeOut(client);
         expectTimeOut(client);
@@ -278,7 +278,7 @@ TEST_F(HelperClientTest, GivesUpOnAHelperThatIsSilent) {
 }
 
 TEST_F(HelperClientTest, GivesUpOnAStoppedHelperAndComesBackToIt) {
-    FakeHelper const helper(path_, {Conduct::Answer});
+    FakeHelper const helper(path_, {Behavior::Answer});
     HelperClient client(path_);
     for (int time = 0; time < 2; ++time) {
         helper.stop();
@@ -310,7 +310,7 @@ TEST_F(HelperClientTest, ConnectsAnewToARestartedHelper) {
     for (int time = 0; time < 2; ++time) {
         EXPECT_EQ(client.status(), std::unexpected(HelperFailure(NotRunning{ENOENT})));
         for (int start = 0; start < 2; ++start) {
-            FakeHelper helper(path_, {Conduct::Answer});
+            FakeHelper helper(path_, {Behavior::Answer});
             EXPECT_TRUE(client.status().has_value());
             EXPECT_EQ(helper.record().connections, 1);
         }
@@ -336,7 +336,7 @@ struct Decided {
 };
 
 TEST_F(HelperClientTest, SendsABeginOverTheConnectionOfItsStatus) {
-    FakeHelper helper(path_, {Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::Answer});
     Decided decided;
     EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()), true);
     EXPECT_THAT(decided.on, ElementsAre(false));
@@ -345,7 +345,7 @@ TEST_F(HelperClientTest, SendsABeginOverTheConnectionOfItsStatus) {
 }
 
 TEST_F(HelperClientTest, SendsNoBeginOverANewConnectionButDecidesAnew) {
-    FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::AnswerOnce, Behavior::Answer});
     Decided decided;
     decided.meanwhile = [&helper] { helper.record().holding = true; };
     EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()), true) << "something holds";
@@ -356,7 +356,7 @@ TEST_F(HelperClientTest, SendsNoBeginOverANewConnectionButDecidesAnew) {
 }
 
 TEST_F(HelperClientTest, BeginsNothingOnceTheLimitIsOver) {
-    FakeHelper helper(path_, {Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::Answer});
     Decided decided;
     decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), shortLimit); };
     EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), shortLimit),
@@ -365,7 +365,7 @@ TEST_F(HelperClientTest, BeginsNothingOnceTheLimitIsOver) {
 }
 
 TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) {
-    FakeHelper helper(path_, {Conduct::AnswerOnce});
+    FakeHelper helper(path_, {Behavior::AnswerOnce});
     Decided decided;
     EXPECT_EQ(HelperClient(path_).begin("x", decided.decision(), Seconds{2}),
               std::unexpected(HelperFailure(TimedOut{})));
@@ -374,7 +374,7 @@ TEST_F(HelperClientTest, BeginsNothingWhereEveryStatusIsTheLastOfItsConnection) 
 }
 
 TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
-    const FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::NeverAnswer});
+    const FakeHelper helper(path_, {Behavior::AnswerOnce, Behavior::NeverAnswer});
     static constexpr Seconds total{2.5};
     Decided decided;
     decided.meanwhile = [] { waitBefore(deadlineAfter(Seconds{60}), Seconds{2.2}); };
@@ -396,12 +396,12 @@ TEST_F(HelperClientTest, NeedsAStatusForABegin) {
 
 TEST_F(HelperClientTest, LeaksNoDescriptorHoweverACallEnds) {
     const auto before = openDescriptors().size();
-    const std::vector<Conduct> all{
-        Conduct::CloseAtAccept, Conduct::CloseOnRequest,    Conduct::AnswerOnce,
-        Conduct::Reject,        Conduct::NeverAuthenticate, Conduct::NeverAnswer,
+    const std::vector<Behavior> all{
+        Behavior::CloseAtAccept, Behavior::CloseOnRequest,    Behavior::AnswerOnce,
+        Behavior::Reject,        Behavior::NeverAuthenticate, Behavior::NeverAnswer,
     };
-    for (const Conduct conduct : all) {
-        FakeHelper const helper(path_, {conduct});
+    for (const Behavior behavior : all) {
+        FakeHelper const helper(path_, {behavior});
         HelperClient client(path_);
         for (int i = 0; i < 3; ++i) {
             [[maybe_unused]] const auto answer = client.status(Seconds{0.15});
@@ -412,7 +412,7 @@ TEST_F(HelperClientTest, LeaksNoDescriptorHoweverACallEnds) {
 }
 
 TEST_F(HelperClientTest, ClosesItsDescriptorsOnExec) {
-    FakeHelper const helper(path_, {Conduct::Answer});
+    FakeHelper const helper(path_, {Behavior::Answer});
     const std::vector<int> before = openDescriptors();
     HelperClient client(path_);
     EXPECT_TRUE(client.status().has_value());
@@ -432,7 +432,7 @@ TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
     }
     static constexpr gid_t ownGroup = 64002;
     static constexpr gid_t privateGroup = 64003;
-    FakeHelper helper(path_, {Conduct::AnswerOnce, Conduct::Answer});
+    FakeHelper helper(path_, {Behavior::AnswerOnce, Behavior::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
     const ChildResult child = runInChild([this, &helper] {
         // Seen from inside: the folders above may be closed to other users.

@@ -23,8 +23,8 @@ void PrintTo(const Request& request, std::ostream* stream) {
 
 namespace {
 
+using testing::Credentials;
 using ::testing::ElementsAre;
-using testing::Person;
 
 using Words = std::vector<std::string>;
 
@@ -105,7 +105,7 @@ TEST(OpenAsUserRequestTest, IsNoneOfTheWrongWords) {
 }
 
 // How the mode ends when `person` calls it with these words after its own. It says nothing.
-int statusOf(const Person& person, const Words& words) {
+int statusOf(const Credentials& person, const Words& words) {
     const testing::ChildResult result = testing::runInChild([&] {
         // A process that has changed its user is closed to ptrace(2), by which leaks are looked
         // for.
@@ -129,8 +129,8 @@ TEST(OpenAsUserModeTest, RefusesBadWords) {
 
 // It takes the privileges of whoever runs it for what they are.
 TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {
-    constexpr Person nobody{65534, 65534};
-    const Person person = geteuid() == 0 ? nobody : Person{geteuid(), getegid()};
+    constexpr Credentials nobody{65534, 65534};
+    const Credentials person = geteuid() == 0 ? nobody : Credentials{geteuid(), getegid()};
     EXPECT_EQ(statusOf(person, {"1", app}), 77);
     EXPECT_EQ(statusOf(person, {std::to_string(person.uid), app}), 77);
 }

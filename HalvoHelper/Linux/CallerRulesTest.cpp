@@ -275,7 +275,7 @@ TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEvery
     copyProgram(HALVO_TEST_APP, second);
     makeSetGroupID(second, appGroup);
     EXPECT_EQ(verdictOn(connectionOf(second).get()), "admitted");
-    for (const Person& person : {user, other, Person{0, 0}}) {
+    for (const Credentials& person : {user, other, Credentials{0, 0}}) {
         const Descriptor connection = connectionAfter([&person] { become(person); });
         caller->send(SIGSTOP);
         const auto verdict = CallerRules(sampleIdentity).check(connection.get());

@@ -288,7 +288,8 @@ class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachi
     }
 
     [[nodiscard]] static std::unique_ptr<TestProcess> startAs(
-        const Person& person, const std::string& program, const std::vector<std::string>& words) {
+        const Credentials& person, const std::string& program,
+        const std::vector<std::string>& words) {
         return std::make_unique<TestProcess>([&] {
             become(person);
             execute(program, words);
@@ -432,7 +433,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGo
             serveWhatComes();
             service.world.calls.clear();
         };
-        constexpr int many = 400;
+        constexpr int many = 100;
         serveSome(many);  // what grows once, the world's notes among it, has its size by now
         const std::size_t before = bytesAllocated();
         serveSome(many);

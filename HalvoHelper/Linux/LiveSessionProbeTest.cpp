@@ -226,7 +226,7 @@ class LiveSessionProbePrivateMachineTest : public PrivateMachineTest {
         bundle.writeInfo();
     }
 
-    [[nodiscard]] bool isRunning(const Person& person) {
+    [[nodiscard]] bool isRunning(const Credentials& person) {
         return probe->isAppRunning(bundle.path(), person.uid);
     }
 

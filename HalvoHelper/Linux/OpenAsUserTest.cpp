@@ -55,7 +55,7 @@ using Words = std::vector<std::string>;
 const Words helperEnvironment{"ASAN_OPTIONS=detect_leaks=0", "LEFT=over", "HOME=/root"};
 
 // The manager's place in the folder of the user's session.
-std::string managerSocket(const Person& user) {
+std::string managerSocket(const Credentials& user) {
     return "/run/user/" + std::to_string(user.uid) + "/systemd/private";
 }
 

@@ -24,7 +24,7 @@ using ::testing::HasSubstr;
 
 using Words = std::vector<std::string>;
 
-constexpr Person nobody{65534, 65534};
+constexpr Credentials nobody{65534, 65534};
 
 // A process that dropped its privileges cannot be traced for leaks, and the sanitizer's error about
 // that would be taken for the helper's.

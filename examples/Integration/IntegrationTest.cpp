@@ -33,7 +33,7 @@ class IntegrationTest : public ::testing::Test {
   protected:
     // Starts the program in a process of its own.
     TestProcess start(long minutes) const {
-        return TestProcess(Start{.body = [this, minutes] {
+        return TestProcess(ProcessOptions{.body = [this, minutes] {
             HelperClient client(path_);
             return ::run(client, "/Applications/A.app", minutes);
         }});
@@ -66,7 +66,7 @@ TEST_F(IntegrationTest, CommitsAndStaysForAsLongAsTheHelperSays) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.lastRequest);
-        const FakeHelper helper(path_, {Conduct::Answer});
+        const FakeHelper helper(path_, {Behavior::Answer});
         FakeHelper::Record& record = helper.record();
         record.yes = row.yes;
         record.holding = row.holding;
@@ -85,7 +85,7 @@ TEST_F(IntegrationTest, CommitsAndStaysForAsLongAsTheHelperSays) {
 }
 
 TEST_F(IntegrationTest, CommitsForTheMinutesGiven) {
-    const FakeHelper helper(path_, {Conduct::Answer});
+    const FakeHelper helper(path_, {Behavior::Answer});
     helper.record().yes = false;
     start(5).wait();
     double until = 0;
@@ -97,14 +97,14 @@ TEST_F(IntegrationTest, CommitsForTheMinutesGiven) {
 }
 
 TEST_F(IntegrationTest, StaysWhileTheHelperIsAway) {
-    std::optional<FakeHelper> helper(std::in_place, path_, std::vector{Conduct::Answer});
+    std::optional<FakeHelper> helper(std::in_place, path_, std::vector{Behavior::Answer});
     helper->record().holding = true;
     TestProcess program = start(0);
     ASSERT_TRUE(eventually([&] { return helper->record().requests >= 2; }));
     helper.reset();
     // More than a heartbeat.
     sleepFor(Seconds{3});
-    helper.emplace(path_, std::vector{Conduct::Answer});
+    helper.emplace(path_, std::vector{Behavior::Answer});
     helper->record().yes = false;
     EXPECT_EQ(program.wait(), EX_OK);
     EXPECT_EQ(helper->record().requests, 1);

@@ -293,7 +293,7 @@ class AppSessionTest : public RecordsTest {
 
     // A helper that has never said anything else than that it holds for `span`.
     void startHelper(Seconds span) {
-        helper_.emplace(path_ + ".new", std::vector{Conduct::Answer});
+        helper_.emplace(path_ + ".new", std::vector{Behavior::Answer});
         hold(span);
         std::filesystem::rename(path_ + ".new", path_);
     }
@@ -314,7 +314,7 @@ class AppSessionTest : public RecordsTest {
     ChildResult run(
         const Arguments& arguments,
         const std::function<void(TestProcess& app)>& meanwhile = [](TestProcess&) {}) {
-        TestProcess process(Start{.body = [&] {
+        TestProcess process(ProcessOptions{.body = [&] {
             HelperClient client(path_);
             Display display(stdout, /*isTerminal=*/false);
             const Pace hurried{Seconds{0.05}, Seconds{0.2}, Seconds{0.4}};
@@ -349,18 +349,18 @@ class AppSessionTest : public RecordsTest {
 
 TEST_F(AppSessionTest, EndsAtOnceWhereNothingHolds) {
     struct Row {
-        std::optional<Conduct> helper;
+        std::optional<Behavior> helper;
         std::optional<Seconds> commitment;
         int status;
         std::string said;
     };
 
     const Row rows[] = {
-        {Conduct::Answer, {}, 0, "Nothing holds. Commit yourself with: Halvo MINUTES\n"},
-        {Conduct::Answer, minute, 1,
+        {Behavior::Answer, {}, 0, "Nothing holds. Commit yourself with: Halvo MINUTES\n"},
+        {Behavior::Answer, minute, 1,
          "The helper did not take the commitment. Another person's may hold, or " + app +
              " is not where the helper sees this app.\n"},
-        {Conduct::CloseAtAccept, {}, 77, advice(HelperFailures::Refused{}) + "\n"},
+        {Behavior::CloseAtAccept, {}, 77, advice(HelperFailures::Refused{}) + "\n"},
         {{}, {}, 69, advice(HelperFailures::NotRunning{ENOENT}) + "\n"},
         {{}, minute, 69, advice(HelperFailures::NotRunning{ENOENT}) + "\n"},
     };
@@ -484,7 +484,7 @@ TEST_F(AppSessionTest, AnnouncesAShutdownButNotAnInterrupt) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         EXPECT_FALSE(announcesAt(signal)) << "without logind, " << signal;
     }
-    FakeHelper const bus(bus_, {Conduct::AnswerForLogind});
+    FakeHelper const bus(bus_, {Behavior::AnswerForLogind});
     EXPECT_TRUE(announcesAt(SIGTERM));
     EXPECT_FALSE(announcesAt(SIGINT));
     bus.record().yes = false;
@@ -492,8 +492,8 @@ TEST_F(AppSessionTest, AnnouncesAShutdownButNotAnInterrupt) {
 }
 
 TEST_F(AppSessionTest, WaitsForLogindNoLongerThanAllowed) {
-    for (const Conduct conduct : {Conduct::NeverAuthenticate, Conduct::NeverAnswer}) {
-        FakeHelper const bus(bus_, {conduct});
+    for (const Behavior behavior : {Behavior::NeverAuthenticate, Behavior::NeverAnswer}) {
+        FakeHelper const bus(bus_, {behavior});
         const Seconds before = timeNow();
         EXPECT_FALSE(isShuttingDown(Seconds{0.2}));
         EXPECT_LT(timeNow() - before, Seconds{3});

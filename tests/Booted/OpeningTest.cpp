@@ -76,7 +76,7 @@ class EmptyManager {
         const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(bind(listener.get(), generic(address), sizeof address), 0);
         EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
-        process_.emplace(Start{.body = [&] {
+        process_.emplace(ProcessOptions{.body = [&] {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             // systemd-run(1) reads SO_PEERCRED, which has no pid for a process outside the
             // machine's pid namespace.

@@ -93,7 +93,7 @@ TEST_F(CrowdTest, RefusedConnectionsDoNotDelayAnAdmittedOne) {
     ASSERT_EQ(connected.readLine(), "idle without end unlocked");
     std::vector<TestProcess> refused;
     for (int i = 0; i < 3; ++i) {
-        refused.emplace_back(Start{.person = world.user, .body = keepConnecting});
+        refused.emplace_back(ProcessOptions{.person = world.user, .body = keepConnecting});
     }
     const Seconds begun = timeNow();
     for (int i = 0; i < turns; ++i) {
@@ -176,7 +176,7 @@ TEST_F(CrowdTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoTick) {
 }
 
 // Limits the memory of the helper.
-Start withMemory(unsigned long long mebibytes) {
+ProcessOptions withMemory(unsigned long long mebibytes) {
     if (isSanitized) {
         // AddressSanitizer reserves too much address space for RLIMIT_DATA, and has its own limit.
         return {.environment = {"ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=" +

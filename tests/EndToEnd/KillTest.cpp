@@ -60,7 +60,7 @@ class KillTest : public ::testing::Test {
     struct Operation {
         // How the helper is started. With `stopped`, the operation is its start-up, from flock(2)
         // of its lock file until it serves.
-        Start start{};
+        ProcessOptions options{};
         // The caller's request. Without one, and not stopped, the operation is SIGTERM.
         std::vector<std::string> request{};
         // Runs before each helper is started.
@@ -76,9 +76,9 @@ class KillTest : public ::testing::Test {
             bool killed = false;
             bool answered = false;
             {
-                RunningHelper helper(operation.start);
+                RunningHelper helper(operation.options);
                 Stepper stepper(helper.process());
-                if (operation.start.stopped) {
+                if (operation.options.stopped) {
                     killed = stepper.goTo(call, SYS_flock, isQuiet(helper));
                 } else if (operation.request.empty()) {
                     helper.process().send(SIGTERM);
@@ -168,19 +168,19 @@ TEST_F(KillTest, DuringAnEnd) {
 
 TEST_F(KillTest, DuringTermination) {
     // LeakSanitizer cannot run in a traced process.
-    killDuring({.start = {.environment = {"ASAN_OPTIONS=detect_leaks=0"}},
+    killDuring({.options = {.environment = {"ASAN_OPTIONS=detect_leaks=0"}},
                 .prepare = commits,
                 .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
 TEST_F(KillTest, DuringAStartUpThatResumes) {
-    killDuring({.start = {.stopped = true},
+    killDuring({.options = {.stopped = true},
                 .prepare = commits,
                 .check = [&](const auto& state, bool) { expectAsBefore(state); }});
 }
 
 TEST_F(KillTest, DuringAStartUpThatLocksAgain) {
-    killDuring({.start = {.stopped = true},
+    killDuring({.options = {.stopped = true},
                 .prepare =
                     [&] {
                         commits();
@@ -191,7 +191,7 @@ TEST_F(KillTest, DuringAStartUpThatLocksAgain) {
 }
 
 TEST_F(KillTest, DuringAStartUpThatExpires) {
-    killDuring({.start = {.stopped = true},
+    killDuring({.options = {.stopped = true},
                 .prepare =
                     [&] {
                         commits();

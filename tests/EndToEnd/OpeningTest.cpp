@@ -89,11 +89,12 @@ TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
 TEST_F(OpeningTest, RunsTheAppAsTheUserAndInheritsNothing) {
     // A helper with groups, variables and descriptors that the app must not inherit.
     helper.reset();
-    helper.emplace(Start{.environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}, .prepare = [] {
-                             constexpr std::array<gid_t, 3> groups{0, 4, 27};
-                             setgroups(groups.size(), groups.data());
-                             open("/etc/passwd", O_RDONLY);
-                         }});
+    helper.emplace(
+        ProcessOptions{.environment = {"SECRET=1", "LD_LIBRARY_PATH=/nowhere"}, .prepare = [] {
+                           constexpr std::array<gid_t, 3> groups{0, 4, 27};
+                           setgroups(groups.size(), groups.data());
+                           open("/etc/passwd", O_RDONLY);
+                       }});
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();
     EXPECT_THAT(processNumbers(app, "Uid"), Each(world.user));

@@ -20,9 +20,9 @@ namespace {
 
 constexpr std::string_view logPrefix = "app.halvo Helper: ";
 
-Start ofHelper(Start start) {
-    start.words.insert(start.words.begin(), Place::helper);
-    return start;
+ProcessOptions ofHelper(ProcessOptions options) {
+    options.words.insert(options.words.begin(), Place::helper);
+    return options;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -54,8 +54,8 @@ bool serves(pid_t helper) {
     return !blocked.empty() && (blocked.front() >> (SIGTERM - 1U) & 1U) != 0;
 }
 
-RunningHelper::RunningHelper(const Start& start) : process_(ofHelper(start)) {
-    if (start.stopped) {
+RunningHelper::RunningHelper(const ProcessOptions& options) : process_(ofHelper(options)) {
+    if (options.stopped) {
         return;
     }
     EXPECT_TRUE(eventually([this] { return !isRunning() || serves(process_.pid()); }))

@@ -16,9 +16,9 @@ namespace halvo::testing {
 // exit status is neither 0 nor 75, or when the helper printed anything but lines of its log.
 class RunningHelper {
   public:
-    // Returns once it serves, has exited or, with `start.stopped`, is stopped. `start.words` follow
-    // the program's path.
-    explicit RunningHelper(const Start& start = {});
+    // Returns once it serves, has exited or, with `options.stopped`, is stopped. `options.words`
+    // follow the program's path.
+    explicit RunningHelper(const ProcessOptions& options = {});
     ~RunningHelper();
     RunningHelper(const RunningHelper&) = delete;
     RunningHelper& operator=(const RunningHelper&) = delete;

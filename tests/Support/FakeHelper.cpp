@@ -35,7 +35,7 @@ void require(bool holds, const char* what) {
 
 struct Serving {
     Record& record;
-    Conduct conduct{};
+    Behavior behavior{};
     bool over = false;
 };
 
@@ -96,37 +96,37 @@ int handle(sd_bus_message* request, void* userdata, sd_bus_error*) {
     }
     note(serving.record, request);
     int result = 0;
-    switch (serving.conduct) {
-        case Conduct::AnswerLate:
+    switch (serving.behavior) {
+        case Behavior::AnswerLate:
             usleep(300'000);
             [[fallthrough]];
-        case Conduct::Answer:
-        case Conduct::AnswerOnce:
+        case Behavior::Answer:
+        case Behavior::AnswerOnce:
             result = answer(request, serving.record);
             break;
-        case Conduct::Reject:
+        case Behavior::Reject:
             result = sd_bus_reply_method_errorf(request, SD_BUS_ERROR_UNKNOWN_METHOD,
                                                 "There is no %s here",
                                                 sd_bus_message_get_member(request));
             break;
-        case Conduct::AnswerText:
+        case Behavior::AnswerText:
             result = sd_bus_reply_method_return(request, "s", "yes");
             break;
-        case Conduct::AnswerTwoDates:
+        case Behavior::AnswerTwoDates:
             result = replyWithDates(request, serving.record, {1, 2});
             break;
-        case Conduct::AnswerForLogind:
+        case Behavior::AnswerForLogind:
             result = answerForLogind(request, serving.record);
             break;
-        case Conduct::CloseAtAccept:
-        case Conduct::CloseOnRequest:
-        case Conduct::NeverAuthenticate:
-        case Conduct::NeverAnswer:
+        case Behavior::CloseAtAccept:
+        case Behavior::CloseOnRequest:
+        case Behavior::NeverAuthenticate:
+        case Behavior::NeverAnswer:
             break;
     }
     // A client that disconnected early is no error.
-    serving.over = result < 0 || serving.conduct == Conduct::AnswerOnce ||
-                   serving.conduct == Conduct::CloseOnRequest;
+    serving.over = result < 0 || serving.behavior == Behavior::AnswerOnce ||
+                   serving.behavior == Behavior::CloseOnRequest;
     return 1;
 }
 
@@ -152,10 +152,10 @@ void serve(Descriptor peer, Serving& serving) {
             "SO_PEERCRED");
     serving.record.group = credentials.gid;
     ++serving.record.connections;
-    if (serving.conduct == Conduct::CloseAtAccept) {
+    if (serving.behavior == Behavior::CloseAtAccept) {
         return;
     }
-    if (serving.conduct == Conduct::NeverAuthenticate) {
+    if (serving.behavior == Behavior::NeverAuthenticate) {
         std::array<char, 256> buffer{};
         while (read(peer.get(), buffer.data(), buffer.size()) > 0) {
         }
@@ -164,18 +164,18 @@ void serve(Descriptor peer, Serving& serving) {
     serveBus(std::move(peer), serving);
 }
 
-[[noreturn]] void runHelper(int listener, const std::vector<Conduct>& conducts, Record& record) {
+[[noreturn]] void runHelper(int listener, const std::vector<Behavior>& behaviors, Record& record) {
     for (std::size_t i = 0;; ++i) {
         Descriptor peer(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
         require(peer.isOpen(), "accept");
-        Serving serving{record, conducts[std::min(i, conducts.size() - 1)]};
+        Serving serving{record, behaviors[std::min(i, behaviors.size() - 1)]};
         serve(std::move(peer), serving);
     }
 }
 
 }  // namespace
 
-FakeHelper::FakeHelper(std::string path, const std::vector<Conduct>& conducts)
+FakeHelper::FakeHelper(std::string path, const std::vector<Behavior>& behaviors)
     : path_(std::move(path)) {
     void* memory =
         mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -190,13 +190,13 @@ FakeHelper::FakeHelper(std::string path, const std::vector<Conduct>& conducts)
     require(bind(listener.get(), generic(*address), sizeof *address) == 0 &&
                 chmod(path_.c_str(), 0666) == 0 && listen(listener.get(), queue) == 0,
             "listening");
-    process_.emplace(Start{.body = [&, test = getpid()]() -> int {
+    process_.emplace(ProcessOptions{.body = [&, test = getpid()]() -> int {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         // The test may have died before prctl(2).
         if (getppid() != test) {
             return EXIT_FAILURE;
         }
-        runHelper(listener.get(), conducts, *record_);
+        runHelper(listener.get(), behaviors, *record_);
     }});
 }
 

@@ -15,7 +15,7 @@
 namespace halvo::testing {
 
 // How it handles one connection.
-enum class Conduct {
+enum class Behavior {
     // Answers as `FakeHelper::Record` says.
     Answer,
     // Answers the first request, then closes.
@@ -44,9 +44,9 @@ enum class Conduct {
 // test's process dies.
 class FakeHelper {
   public:
-    // Listens on `path`, replacing what is there. `conducts` apply to the connections in order, the
-    // last one to all further connections.
-    FakeHelper(std::string path, const std::vector<Conduct>& conducts);
+    // Listens on `path`, replacing what is there. `behaviors` apply to the connections in order,
+    // the last one to all further connections.
+    FakeHelper(std::string path, const std::vector<Behavior>& behaviors);
     ~FakeHelper();
     FakeHelper(const FakeHelper&) = delete;
     FakeHelper& operator=(const FakeHelper&) = delete;

@@ -156,32 +156,32 @@ TimerAsked lastTimerAsked() { return timerAsked; }
 
 std::uint64_t lastTurnAsked() { return turnAsked; }
 
-WallClockJump::WallClockJump(Seconds by) : Change([] { wallClockJump = 0; }) {
+WallClockJump::WallClockJump(Seconds by) : ScopedChange([] { wallClockJump = 0; }) {
     wallClockJump = by.count();
 }
 
-SlowClock::SlowClock(Seconds each) : Change([] { clockTakes = wallClockJump = 0; }) {
+SlowClock::SlowClock(Seconds each) : ScopedChange([] { clockTakes = wallClockJump = 0; }) {
     clockTakes = each.count();
 }
 
 StoppedClock::StoppedClock(long seconds, long nanoseconds)
-    : Change([] { isClockStopped = false; }) {
+    : ScopedChange([] { isClockStopped = false; }) {
     stoppedTime = {seconds, nanoseconds};
     isClockStopped = true;
 }
 
-TimePassing::TimePassing() : Change([] { passed = {}; }) {}
+TimePassing::TimePassing() : ScopedChange([] { passed = {}; }) {}
 
 void TimePassing::pass(Seconds span) {
     passed += std::chrono::duration_cast<std::chrono::nanoseconds>(span);
 }
 
 BeforeNext::BeforeNext(Call call, std::function<void()> work)
-    : Change([call] { EXPECT_EQ(workBefore.erase(call), 0U) << "there was no such call"; }) {
+    : ScopedChange([call] { EXPECT_EQ(workBefore.erase(call), 0U) << "there was no such call"; }) {
     workBefore[call] = std::move(work);
 }
 
-BootedBySystemd::BootedBySystemd() : Change([] { isBooted = false; }) { isBooted = true; }
+BootedBySystemd::BootedBySystemd() : ScopedChange([] { isBooted = false; }) { isBooted = true; }
 
 }  // namespace halvo::testing
 

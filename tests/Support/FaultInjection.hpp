@@ -136,47 +136,47 @@ TimerAsked lastTimerAsked();
 std::uint64_t lastTurnAsked();
 
 // A change of the environment, undone by the destructor. At most one of a kind at a time.
-class Change {
+class ScopedChange {
   public:
-    Change(const Change&) = delete;
-    Change& operator=(const Change&) = delete;
+    ScopedChange(const ScopedChange&) = delete;
+    ScopedChange& operator=(const ScopedChange&) = delete;
 
   protected:
-    explicit Change(std::function<void()> undo) : undo_(std::move(undo)) {}
+    explicit ScopedChange(std::function<void()> undo) : undo_(std::move(undo)) {}
 
-    ~Change() { undo_(); }
+    ~ScopedChange() { undo_(); }
 
   private:
     std::function<void()> undo_;
 };
 
 // Moves the wall clock, as wallNow() sees it, by `by`.
-class WallClockJump : Change {
+class WallClockJump : ScopedChange {
   public:
     explicit WallClockJump(Seconds by);
 };
 
 // Makes every clock_gettime(2) take this long, by the wall clock as wallNow() sees it.
-class SlowClock : Change {
+class SlowClock : ScopedChange {
   public:
     explicit SlowClock(Seconds each);
 };
 
 // Makes every clock_gettime(2) return this time.
-class StoppedClock : Change {
+class StoppedClock : ScopedChange {
   public:
     StoppedClock(long seconds, long nanoseconds);
 };
 
 // Moves CLOCK_BOOTTIME ahead by the sum of all pass() calls.
-class TimePassing : Change {
+class TimePassing : ScopedChange {
   public:
     TimePassing();
     void pass(Seconds span);
 };
 
 // Runs `work` right before the next call of one kind. Fails the test when there was no call.
-class BeforeNext : Change {
+class BeforeNext : ScopedChange {
   public:
     enum class Call { poll };
 
@@ -185,7 +185,7 @@ class BeforeNext : Change {
 
 // Makes sd_booted(3) return 1. Without it the call returns 0, or tests would start units on the
 // machine they run on.
-class BootedBySystemd : Change {
+class BootedBySystemd : ScopedChange {
   public:
     BootedBySystemd();
 };

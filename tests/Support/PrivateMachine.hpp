@@ -23,8 +23,8 @@ class PrivateMachineTest : public ::testing::Test {
     virtual void cleanUp() {}
 
     // Two users; the first is the console user at the start.
-    Person user;
-    Person other;
+    Credentials user;
+    Credentials other;
     std::string userName;
     // A group without members.
     gid_t appGroup = 0;

@@ -63,52 +63,52 @@ Descriptor fileInMemory() {
     _exit(cannotRun);
 }
 
-void setEnvironment(const Start& start) {
+void setEnvironment(const ProcessOptions& options) {
     clearenv();
     setenv("PATH", "/usr/bin:/bin:/usr/sbin:/sbin", 1);
-    if (start.stopped) {
+    if (options.stopped) {
         // LeakSanitizer aborts in a traced process.
         setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     }
-    for (const std::string& variable : start.environment) {
+    for (const std::string& variable : options.environment) {
         const std::size_t sign = variable.find('=');
         setenv(variable.substr(0, sign).c_str(), variable.substr(sign + 1).c_str(), 1);
     }
 }
 
-[[noreturn]] void runChild(const Start& start, const Descriptor& input, const Descriptor& output,
-                           Descriptor& started) {
+[[noreturn]] void runChild(const ProcessOptions& options, const Descriptor& input,
+                           const Descriptor& output, Descriptor& started) {
     if (dup2(input.get(), STDIN_FILENO) < 0 || dup2(output.get(), STDOUT_FILENO) < 0 ||
         dup2(output.get(), STDERR_FILENO) < 0) {
         _exit(cannotRun);
     }
-    if (!start.body) {
+    if (!options.body) {
         // Descriptors of the test, and the other ends of the pipes.
         close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-        setEnvironment(start);
+        setEnvironment(options);
     }
-    if (start.prepare) {
-        start.prepare();
+    if (options.prepare) {
+        options.prepare();
     }
-    if (start.person) {
-        become(*start.person);
+    if (options.person) {
+        become(*options.person);
     }
-    if (start.stopped) {
+    if (options.stopped) {
         started = Descriptor();
         raise(SIGSTOP);
     }
-    if (!start.body) {
-        execv(start.words.at(0).c_str(), ArgumentVector(start.words).data());
-        giveUp(start.words[0].c_str());
+    if (!options.body) {
+        execv(options.words.at(0).c_str(), ArgumentVector(options.words).data());
+        giveUp(options.words[0].c_str());
     }
     started = Descriptor();
-    const int status = start.body();
+    const int status = options.body();
     std::fflush(nullptr);
     // Not _exit(2): coverage and sanitizers report in exit handlers.
     std::exit(status);
 }
 
-Start startOf(const std::function<void()>& body) {
+ProcessOptions optionsOf(const std::function<void()>& body) {
     return {.body = [&body] {
         body();
         return ::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS;
@@ -144,7 +144,7 @@ bool always(Seconds span, const std::function<bool()>& condition) {
 
 // --------------------------------------------------------------------------------------- processes
 
-void become(const Person& person) {
+void become(const Credentials& person) {
     if (setgroups(0, nullptr) != 0 || setresgid(person.gid, person.gid, person.gid) != 0 ||
         setresuid(person.uid, person.uid, person.uid) != 0) {
         giveUp("become");
@@ -158,7 +158,7 @@ void execute(const std::string& path, std::vector<std::string> arguments,
     giveUp(path.c_str());
 }
 
-TestProcess::TestProcess(const Start& start) {
+TestProcess::TestProcess(const ProcessOptions& options) {
     Pipe input;
     Pipe started;
     output_ = fileInMemory();
@@ -170,18 +170,18 @@ TestProcess::TestProcess(const Start& start) {
     }
     if (pid_ == 0) {
         input.writeEnd = Descriptor();
-        runChild(start, input.readEnd, output_, started.writeEnd);
+        runChild(options, input.readEnd, output_, started.writeEnd);
     }
     input_ = std::move(input.writeEnd);
     started.writeEnd = Descriptor();
     char nothing = 0;
     [[maybe_unused]] const ssize_t end = read(started.readEnd.get(), &nothing, 1);
-    if (start.stopped) {
+    if (options.stopped) {
         waitUntilStopped();
     }
 }
 
-TestProcess::TestProcess(const std::function<void()>& body) : TestProcess(startOf(body)) {}
+TestProcess::TestProcess(const std::function<void()>& body) : TestProcess(optionsOf(body)) {}
 
 TestProcess::TestProcess(TestProcess&& other) noexcept
     : pid_(std::exchange(other.pid_, -1)),
@@ -275,15 +275,15 @@ int TestProcess::endingSignal() const {
     return waitStatus_ && WIFSIGNALED(*waitStatus_) ? WTERMSIG(*waitStatus_) : 0;
 }
 
-ChildResult runInChild(const Start& start, Seconds limit) {
-    TestProcess child(start);
+ChildResult runInChild(const ProcessOptions& options, Seconds limit) {
+    TestProcess child(options);
     child.closeInput();
     const int status = child.wait(limit);
     const int signal = child.endingSignal();
     return {signal == 0 ? status : -1, child.output(), signal};
 }
 
-ChildResult runInChild(const std::function<void()>& body) { return runInChild(startOf(body)); }
+ChildResult runInChild(const std::function<void()>& body) { return runInChild(optionsOf(body)); }
 
 void expectInNewProcess(void (*body)()) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -38,15 +38,15 @@ bool always(Seconds span, const std::function<bool()>& condition);
 // --------------------------------------------------------------------------------------- processes
 
 // A user with one group.
-struct Person {
-    constexpr Person() = default;
+struct Credentials {
+    constexpr Credentials() = default;
 
-    constexpr Person(uid_t user, gid_t group) : uid(user), gid(group) {}
+    constexpr Credentials(uid_t user, gid_t group) : uid(user), gid(group) {}
 
     // On a private machine a user's group has the user's number.
-    constexpr Person(uid_t user) : Person(user, user) {}
+    constexpr Credentials(uid_t user) : Credentials(user, user) {}
 
-    bool operator==(const Person&) const = default;
+    bool operator==(const Credentials&) const = default;
 
     uid_t uid{};
     gid_t gid{};
@@ -54,18 +54,18 @@ struct Person {
 
 // Switches this process to `person` for good, without supplementary groups; exits with 127 when it
 // cannot. For the bodies of child processes.
-void become(const Person& person);
+void become(const Credentials& person);
 
 // execve(2); exits with 127 when it fails.
 [[noreturn]] void execute(const std::string& path, std::vector<std::string> arguments,
                           std::vector<std::string> environment = {});
 
-// How to start a child process: a program, or a function.
-struct Start {
+// What a child process runs, a program or a function, and how.
+struct ProcessOptions {
     // The program's path and its arguments.
     std::vector<std::string> words{};
     // The user it switches to; without, that of the test.
-    std::optional<Person> person{};
+    std::optional<Credentials> person{};
     // The program's environment, as "NAME=VALUE"; a default PATH is added.
     std::vector<std::string> environment{};
     // Runs in the new process, with that environment, before it switches to `person`.
@@ -82,7 +82,7 @@ class TestProcess {
   public:
     // Returns once execve(2) has succeeded, or the child has exited because it failed (127); with a
     // body, once that begins. Throws std::system_error when fork(2) fails.
-    explicit TestProcess(const Start& start);
+    explicit TestProcess(const ProcessOptions& options);
 
     // Runs `body`; the child then exits with 0, or with 1 after a failed expectation.
     explicit TestProcess(const std::function<void()>& body);
@@ -164,7 +164,7 @@ struct ChildResult {
 };
 
 // Runs the child to its end, with an empty standard input; see TestProcess.
-ChildResult runInChild(const Start& start, Seconds limit = Seconds{60});
+ChildResult runInChild(const ProcessOptions& options, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
 // Runs `body` in a process that is started anew (execve(2)), and expects no failure in it: for what
