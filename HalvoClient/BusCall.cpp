@@ -107,7 +107,7 @@ std::expected<BusMessage, int> callWithin(Deadline deadline, sd_bus& bus, sd_bus
     const auto broken = [&authenticated] {
         return std::unexpected(authenticated ? ECONNRESET : EPERM);
     };
-    // sd_bus_call() has no time limit for authentication.
+    // libsystemd 252: sd_bus_call() has no time limit for authentication.
     if (sinceBoot() >= deadline) {
         return std::unexpected(ETIMEDOUT);
     }

@@ -43,7 +43,7 @@ std::optional<HelperIdentity> HelperIdentity::app(const std::optional<InfoDictio
 }
 
 std::optional<HelperIdentity> HelperIdentity::ofBundle(const std::optional<InfoDictionary>& info) {
-    return app(info, infoString(info, "CFBundleIdentifier"));
+    return app(info, infoString(info, bundleIDKey));
 }
 
 std::string HelperIdentity::helperBundleID() const { return appBundleID + ".helper"; }

@@ -13,6 +13,7 @@ namespace halvo {
 struct HelperIdentity {
     // The Info.plist keys of the two members.
     static constexpr const char* appBundleIDKey = "HalvoAppBundleID";
+    static constexpr const char* bundleIDKey = "CFBundleIdentifier";
     static constexpr const char* teamKey = "HalvoTeamID";
 
     // At most 200 ASCII letters, digits, "." and "-"; no "." in front, no two in a row.

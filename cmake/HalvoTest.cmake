@@ -63,8 +63,8 @@ endfunction()
 # halvo_register_tests(NAME [PREFIX TEXT] [FILTER FILTER] [PRIVATE_MACHINE SUITE...] [PROPERTIES NAME VALUE...])
 #
 # Lets ctest run each test of the executable by itself, except suites with "PrivateMachine" in their name, which need their
-# own accounts, /Applications folder and console. PRIVATE_MACHINE lists those, up to that word; ctest runs each suite in its
-# own scripts/private-machine. Exit status 125 means that it cannot run here.
+# own accounts, /Applications folder and console. PRIVATE_MACHINE lists how their names begin; ctest runs all that begin so
+# as one test, in its own scripts/private-machine. Exit status 125 means that it cannot run here.
 function(halvo_register_tests name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "PREFIX;FILTER" "PRIVATE_MACHINE;PROPERTIES")
     if(NOT arg_FILTER)

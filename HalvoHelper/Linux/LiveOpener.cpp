@@ -149,7 +149,7 @@ bool managerAnswers(const std::string& sessionFolder) {
 // The identifier of the bundle with "_" for all but ASCII letters, digits and ".", the characters
 // that are safe in a unit's name.
 std::string unitNameOf(const Bundle& bundle) {
-    std::string name = infoString(bundle.info(), "CFBundleIdentifier").value_or("app");
+    std::string name = infoString(bundle.info(), HelperIdentity::bundleIDKey).value_or("app");
     const auto isUnsafe = [](unsigned char c) { return c != '.' && std::isalnum(c) == 0; };
     std::ranges::replace_if(name, isUnsafe, '_');
     return name;

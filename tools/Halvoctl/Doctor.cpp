@@ -38,7 +38,7 @@ std::vector<std::string> installedApps(Machine& machine) {
              item.increment(ignored)) {
             const std::string path = folder + "/" + item->path().filename().string();
             const auto info = AppLocation::isBundlePath(path) ? Bundle(path).info() : std::nullopt;
-            if (infoString(info, "CFBundleIdentifier") == machine.identity.appBundleID) {
+            if (infoString(info, HelperIdentity::bundleIDKey) == machine.identity.appBundleID) {
                 found.insert(path);
             }
         }
@@ -219,7 +219,7 @@ Check checkIdentity(const std::string& app, const HelperIdentity& identity) {
     return firstOf("app's identity",
                    {{!info, path + " cannot be read", "Install the app again."},
                     {HelperIdentity::ofBundle(info) != identity,
-                     path + " has the " + shown("CFBundleIdentifier") + " and the " +
+                     path + " has the " + shown(HelperIdentity::bundleIDKey) + " and the " +
                          shown(HelperIdentity::teamKey) + ", but the helper serves " + served,
                      "Install the app and the helper that were built for each other."}},
                    served);
