@@ -19,8 +19,8 @@ namespace halvo::PrivateGroup {
 // Restores the person's own group as the effective one of the process and keeps the private group
 // as the saved one only (credentials(7)), so that files are created and checked with the person's
 // own. Programs that are executed from then on do not inherit it (execve(2)); a forked child does.
-// Called once, first in main(), before any thread is started. Failure (setresgid(2)) is a fatal
-// error.
+// Failure (setresgid(2)) is a fatal error. Called once, first in main(), before any thread is
+// started.
 void setAside();
 
 // Makes the private group the effective one while this object lives, for the calling thread alone:

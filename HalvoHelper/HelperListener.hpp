@@ -27,13 +27,13 @@ class HelperListener {
 };
 
 // The listener of this system, for callers that are the app of `identity`, on the Mach service
-// named by helperBundleID(). On macOS it is NSXPCListener, whose creation never fails: a name that
+// named by helperBundleID(). A failure is logged and ends the process (sysexits.h): with 78 where
+// the machine's configuration is wrong, with 71 where another helper runs or the system is out of
+// resources. Main thread. On macOS it is NSXPCListener, whose creation never fails: a name that
 // launchd does not know shows only in that no connection arrives; the system refuses callers by
 // their code signature (setConnectionCodeSigningRequirement:). On Linux it takes the socket that
 // systemd hands over (sd_listen_fds(3)), and fails where systemd started the process without one;
-// else it binds its own and holds its lock file. A failure is logged and ends the process
-// (sysexits.h): with 78 where the machine's configuration is wrong, with 71 where another helper
-// runs or the system is out of resources. Main thread.
+// else it binds its own and holds its lock file.
 std::unique_ptr<HelperListener> makeListener(const HelperIdentity& identity);
 
 // How the helper, the program at `executable`, is started by hand on this system, for a user who

@@ -127,8 +127,8 @@ TEST(OpenAsUserModeTest, RefusesBadWords) {
     }
 }
 
-// It takes the privileges of whoever runs it for what they are.
-TEST(OpenAsUserModeTest, RefusesToRunForSomebodyWhoIsNotRoot) {
+// It has the privileges of the user who runs it, and no others.
+TEST(OpenAsUserModeTest, RefusesToRunWithoutRoot) {
     constexpr Credentials nobody{65534, 65534};
     const Credentials person = geteuid() == 0 ? nobody : Credentials{geteuid(), getegid()};
     EXPECT_EQ(statusOf(person, {"1", app}), 77);

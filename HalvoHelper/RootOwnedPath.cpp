@@ -20,8 +20,8 @@ std::optional<FileError> problemAt(const std::string& path, Item item) {
     const bool isOfKind = item == Item::folder ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode);
     if (!isOfKind) {
         return FileError{0, path + (S_ISLNK(status.st_mode) ? " is a symbolic link"
-                                    : item == Item::folder  ? " is no folder"
-                                                            : " is no regular file")};
+                                    : item == Item::folder  ? " is not a folder"
+                                                            : " is not a regular file")};
     }
     if (status.st_uid != 0) {
         return FileError{0, path + " belongs to user " + std::to_string(status.st_uid)};

@@ -14,7 +14,7 @@ enum class Item { file, folder };
 
 // What besides owner and mode keeps the item at `path` itself from being root's alone. One per
 // system: on Linux nothing; on macOS an access-control list that allows anything (acl(3)), and a
-// volume that is not local or on which owners are ignored (statfs(2)).
+// volume that is not local or on which owners are ignored (statfs(2)). Any thread.
 std::optional<std::string> problemBeyondMode(const std::string& path);
 
 // What keeps the item at the absolute `path` from being root's alone to change or to replace: a
@@ -24,11 +24,11 @@ std::optional<std::string> problemBeyondMode(const std::string& path);
 // alone.
 //
 // Looks from "/" downwards and no further than the first folder that is another user's: below it a
-// file system may be mounted whose owner stalls the caller.
+// file system may be mounted whose owner stalls the caller. Any thread.
 std::optional<FileError> examine(const std::string& path, Item item = Item::file,
                                  const std::string& top = "/");
 
-// The text of that alone.
+// The text of that alone. Any thread.
 std::optional<std::string> problem(const std::string& path, Item item = Item::file,
                                    const std::string& top = "/");
 

@@ -38,7 +38,7 @@ class RootOwnedPathPrivateMachineTest : public PrivateMachineTest {
     const std::string file = folder + "/inner/file";
 };
 
-TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemThatSomebodyBesidesRootCanChange) {
+TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemThatUsersOtherThanRootCanChange) {
     EXPECT_EQ(problem(file), std::nullopt);
     EXPECT_EQ(problem(folder, Item::folder), std::nullopt);
     EXPECT_EQ(problem("/", Item::folder), std::nullopt);
@@ -60,9 +60,9 @@ TEST_F(RootOwnedPathPrivateMachineTest, IsTheItemThatSomebodyBesidesRootCanChang
 }
 
 TEST_F(RootOwnedPathPrivateMachineTest, IsAnItemOfAnotherKind) {
-    EXPECT_EQ(problem(folder), folder + " is no regular file");
-    EXPECT_EQ(problem(file, Item::folder), file + " is no folder");
-    EXPECT_EQ(problem(file + "/more"), file + " is no folder");
+    EXPECT_EQ(problem(folder), folder + " is not a regular file");
+    EXPECT_EQ(problem(file, Item::folder), file + " is not a folder");
+    EXPECT_EQ(problem(file + "/more"), file + " is not a folder");
     fs::create_symlink(file, folder + "/link");
     EXPECT_EQ(problem(folder + "/link"), folder + "/link is a symbolic link");
     fs::create_directory_symlink(folder + "/inner", folder + "/way");

@@ -59,10 +59,10 @@ void runService(const std::string& firstWord) {
 
 }  // namespace
 
-int main(int count, char** words) {
-    const std::vector<std::string> arguments(words + (count > 0 ? 1 : 0), words + count);
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (!arguments.empty() && arguments.front() == halvo::OpenAsUser::modeWord) {
         halvo::OpenAsUser::run(std::span(arguments).subspan(1));
     }
-    runService(count > 0 ? words[0] : "");
+    runService(argc > 0 ? argv[0] : "");
 }

@@ -557,7 +557,7 @@ TEST_F(FileCommitmentStoreTest, AnyFailureToRemoveIsLoggedOnce) {
     }
 }
 
-TEST_F(FileCommitmentStoreTest, WhatSomebodyElseRemovesMeanwhileIsNoFailure) {
+TEST_F(FileCommitmentStoreTest, WhatAnotherProcessRemovesMeanwhileIsNoFailure) {
     store.save(sample);
     const Fault fault = Fault::failing(SystemCall::remove, ENOENT);
     store.remove();

@@ -127,7 +127,7 @@ TEST(HelperCommitmentTest, IsLiveWhileAnythingIsLeft) {
 
 TEST(HelperCommitmentTest, EndsWhenTheTimeLeftWillHavePassedOnTheWallClock) {
     EXPECT_EQ(commitment.ends(look("boot 1", uptime, 0)), wallDate(wall + 2 * anHour));
-    // Whoever sets the clock back sees an earlier end; the span to it is the same.
+    // Setting the clock back shows an earlier end; the span to it is the same.
     EXPECT_EQ(commitment.ends(look("boot 1", uptime + 60, 60 - anHour)), wallDate(wall + anHour));
     EXPECT_EQ(commitment.ends(look("boot 1", uptime + 3 * anHour, 0)), wallDate(wall - anHour));
 }

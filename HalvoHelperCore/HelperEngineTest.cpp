@@ -69,7 +69,7 @@ struct Machine {
         restart();
     }
 
-    // A new engine on the same machine, started up; the one before is gone without a word.
+    // A new engine on the same machine, started up; the one before is killed without terminate().
     void restart() {
         engine.emplace(world.clock, world.flags, world.store, world.session, world.opener);
         engine->startup();
@@ -162,7 +162,7 @@ const Event sessionEnds = [](Machine& m) { EXPECT_TRUE(m.heartbeat(ann, true)); 
 const Event begins = [](Machine& m) { EXPECT_TRUE(m.begin(m.app, hour)); };
 const Event annComes = [](Machine& m) { m.world.session.console = ann; };
 const Event benComes = [](Machine& m) { m.world.session.console = ben; };
-const Event everybodyLeaves = [](Machine& m) { m.world.session.console.reset(); };
+const Event allLeave = [](Machine& m) { m.world.session.console.reset(); };
 const Event ends = [](Machine& m) { EXPECT_TRUE(m.end()); };
 const Event restarts = [](Machine& m) { m.restart(); };
 const Event expires = [](Machine& m) { m.beginAndExpire(); };
@@ -388,7 +388,7 @@ TEST(HelperEngineBeginTest, LocksTheBundleWhereItMayAndCan) {
                   m.world.flags.failsToUnlock = true;
               },
               &Machine::otherApp, true, moved},
-             {"another bundle, after one with a flag of somebody else's",
+             {"another bundle, after one with a flag that the helper did not set",
               [](Machine& m) {
                   m.world.flags.setByHand(m.app, true);
                   m.begin(m.app, hour);
@@ -600,7 +600,7 @@ TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {
 
 // --- The periodic check: the lock
 
-TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTickWhoeverIsAtTheConsole) {
+TEST_F(HelperEngineTest, AFlagClearedByHandIsBackWithinOneTickWithAnyConsoleUser) {
     begin(app, hour);
     for (const std::optional<std::uint32_t>& user :
          {std::optional(ann), std::optional<std::uint32_t>(), std::optional(ben)}) {
@@ -721,15 +721,15 @@ const std::vector<Story> stories{
     // Announcing the end again counts from then.
     {"150 quit", {{2, sessionEnds}, {60, sessionEnds}}},
     // The person's leaving, and another person's coming, take the announced end back.
-    {"16", {{2, sessionEnds}, {4, everybodyLeaves}, {10, annComes}}},
+    {"16", {{2, sessionEnds}, {4, allLeave}, {10, annComes}}},
     {"12", {{2, sessionEnds}, {4, benComes}, {6, annComes}}},
     // The person's coming leaves the announced end standing.
     {"100", {{3, benComes}, {10, sessionEnds}, {20, annComes}}},
     // So does a return between two ticks.
     {"92 quit", {{2, sessionEnds}, {2.5, benComes}, {3.5, annComes}}},
-    // Nothing is opened while another person, or nobody, is at the console.
+    // Nothing is opened while another person is at the console, or none.
     {"", {{3, benComes}}},
-    {"", {{3, everybodyLeaves}}},
+    {"", {{3, allLeave}}},
     // Coming back, seen at 100, gives 6 s of grace.
     {"106", {{3, benComes}, {99, annComes}}},
     // An app seen in this console session is opened as after a quit.

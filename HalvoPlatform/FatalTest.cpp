@@ -28,7 +28,7 @@ void closeReader() {
     close(ends[0]);
 }
 
-TEST(FatalTest, AbortsAlsoWhenNobodyReadsTheLine) {
+TEST(FatalTest, AbortsAlsoWhenNoProcessReadsTheLine) {
     const auto result = testing::runInChild([] {
         closeReader();
         fatal("the roof is gone");

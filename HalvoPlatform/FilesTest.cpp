@@ -369,7 +369,7 @@ TEST_F(ReplaceFileTest, GoesOnAfterAShortWriteOrASignal) {
 }
 
 // Each content is one letter many times over; a mixture would show.
-TEST_F(ReplaceFileTest, IsForTwoWritersWithNamesOfTheirOwnAndNobodySeesHalfAFile) {
+TEST_F(ReplaceFileTest, IsForTwoWritersWithNamesOfTheirOwnAndNoReaderSeesHalfAFile) {
     constexpr std::size_t size = 200'000;
     constexpr int times = 50;
     const auto writeMany = [&](char letter) {

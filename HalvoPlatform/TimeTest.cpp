@@ -55,7 +55,7 @@ TEST(TimeTest, TheWallClockIsTheSystemsOwn) {
     EXPECT_TRUE(hasFraction);
 }
 
-TEST(TimeTest, TheWallClockFollowsWhoeverSetsIt) {
+TEST(TimeTest, TheWallClockFollowsItsSetting) {
     const WallDate before = wallNow();
     const WallDate moved = [] {
         const testing::WallClockJump jump(Seconds{-7200});

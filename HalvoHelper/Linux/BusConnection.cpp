@@ -77,7 +77,7 @@ struct BusHandlers {
     }
 
     static int status(sd_bus_message* message, void* self, sd_bus_error*) {
-        of(self).toldStatus_ = true;
+        of(self).hasSentStatus_ = true;
         const HelperStatus status = of(self).requests_.status();
         // An optional is an array of length 0 or 1.
         return status.until ? reply(message, "badb", int{status.holding}, 1,
@@ -88,7 +88,7 @@ struct BusHandlers {
     // A filter, which sd-bus calls before the handler of the message.
     static int message(sd_bus_message*, void* self, sd_bus_error*) {
         sd_bus* bus = of(self).bus_;
-        of(self).heardAt_ = loopTime(bus);
+        of(self).lastMessageAt_ = loopTime(bus);
         // A caller that does not read must not fill the helper's memory.
         std::uint64_t waiting = 0;
         if (sd_bus_get_n_queued_write(bus, &waiting) >= 0 && waiting > Limits::queuedReplies) {
@@ -101,7 +101,7 @@ struct BusHandlers {
     // authentication: it has been read, so the socket never becomes readable for it. Processing by
     // hand finds it.
     static int connected(sd_bus_message*, void* self, sd_bus_error*) {
-        of(self).heardAt_ = loopTime(of(self).bus_);
+        of(self).lastMessageAt_ = loopTime(of(self).bus_);
         sd_event_source_set_enabled(of(self).firstMessages_, SD_EVENT_ON);
         return 0;
     }
@@ -123,9 +123,9 @@ struct BusHandlers {
     // A message does not re-arm the timer: that happens when it fires and there was one since.
     static int deadline(sd_event_source* source, std::uint64_t, void* self) {
         sd_bus* bus = of(self).bus_;
-        const auto heardAt = of(self).heardAt_;
-        const std::uint64_t end = heardAt.value_or(0) + microseconds(Limits::silence);
-        if (!heardAt) {
+        const auto lastMessageAt = of(self).lastMessageAt_;
+        const std::uint64_t end = lastMessageAt.value_or(0) + microseconds(Limits::silence);
+        if (!lastMessageAt) {
             disconnect(bus);
         } else if (loopTime(bus) >= end) {
             hangUp(bus);
@@ -211,7 +211,7 @@ bool BusConnection::start(Descriptor socket) {
 }
 
 void BusConnection::outdate() {
-    if (toldStatus_) {
+    if (hasSentStatus_) {
         hangUp(bus_);
     }
 }

@@ -32,9 +32,9 @@ class BusConnection {
     // Disconnects without calling `gone`.
     ~BusConnection();
 
-    // Serves the connected `socket` on the main thread's event loop. Returns false when memory or
-    // descriptors ran out, or what the caller has sent already is no authentication; the connection
-    // is then unusable. Called once.
+    // Serves the connected `socket`. Called once. Returns false when memory or file descriptors ran
+    // out, or the caller has already sent what is not D-Bus authentication; the connection is then
+    // unusable. Serves on the main thread's event loop.
     bool start(Descriptor socket);
 
     // The user of the caller.
@@ -52,9 +52,9 @@ class BusConnection {
     HelperConnection requests_;
     Callback gone_;
     Callback begun_;
-    bool toldStatus_ = false;
+    bool hasSentStatus_ = false;
     // When the last message arrived, on the event loop's clock; nothing before authentication.
-    std::optional<std::uint64_t> heardAt_;
+    std::optional<std::uint64_t> lastMessageAt_;
     sd_bus* bus_ = nullptr;
     sd_event_source* firstMessages_ = nullptr;
     // Ends the authentication, then a silence.

@@ -524,7 +524,7 @@ TEST_F(BusConnectionTest, DisconnectsWhoDoesNotReadTheReplies) {
     while (gone == 0 && sent < 10'000) {
         // Also of what sd-bus answers by itself.
         const Message message = client->request(sent % 2 == 0 ? "Status" : "Nonsense");
-        // With nobody who wants to know its number no reply would be asked for: sd_bus_send(3).
+        // Without a cookie argument sd_bus_send(3) sets NO_REPLY_EXPECTED.
         std::uint64_t number = 0;
         ASSERT_GE(sd_bus_send(client->bus(), message.get(), &number), 0);
         ASSERT_GE(sd_bus_flush(client->bus()), 0);

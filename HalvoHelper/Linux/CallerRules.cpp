@@ -79,19 +79,19 @@ std::expected<std::string, int> mountOptions(std::uint64_t number) {
 // mount namespace of its own, in which no process outside gets a group.
 Problem problemOfMount(const struct statx& file) {
     if ((file.stx_mask & STATX_MNT_ID) == 0) {
-        return "it cannot be told on which mount its executable lies; that needs Linux 5.8";
+        return "the mount of its executable is unknown: statx() gives no mount ID before Linux 5.8";
     }
     const auto options = mountOptions(file.stx_mnt_id);
     if (!options) {
         return failed("the machine's mounts cannot be read in /proc/1/mountinfo", options.error());
     }
     if (options->empty()) {
-        return "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
+        return "its executable's mount is not in /proc/1/mountinfo";
     }
     return ("," + *options + ",").contains(",nosuid,")
                ? Problem(
                      "its executable lies on a file system mounted with nosuid, where the kernel "
-                     "gives nobody its group")
+                     "ignores the set-group-id bit")
                : std::nullopt;
 }
 
@@ -116,7 +116,8 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
     const unsigned long real = std::strtoul(status->c_str() + at + field.size(), nullptr, 10);
     const std::span groups(others.data(), size / sizeof(gid_t));
     return real == caller.gid || std::ranges::find(groups, caller.gid) != groups.end()
-               ? Problem("it has the private group of " + executable + " by itself")
+               ? Problem("the private group of " + executable +
+                         " is its real or a supplementary group")
                : std::nullopt;
 }
 
@@ -124,7 +125,7 @@ Problem problemOfGroup(int connection, const ucred& caller, const std::string& e
 // set-group-id to `group`.
 Problem problemOfFile(const std::string& path, const struct statx& status, gid_t group) {
     if (const auto problem = RootOwnedPath::examine(path)) {
-        return problem->code == 0 ? "somebody besides root can change " + path
+        return problem->code == 0 ? path + " can be changed by users other than root"
                                   : path + " cannot be examined: " + problem->message;
     }
     struct stat file{};
@@ -150,7 +151,7 @@ Problem problemOfPidfd(int connection, Descriptor& pidfd) {
     }
     return errno == ENOPROTOOPT
                ? std::nullopt
-               : Problem(failed("it cannot be told whether it still lives", errno));
+               : Problem(failed("cannot check whether the process still exists", errno));
 }
 
 // Whether the process of `pidfd`, if that is open, has ended; pidfd_open(2).
@@ -211,7 +212,7 @@ int readShadow(const std::string& path, GroupFacts& facts) {
 Problem problemOfAccounts(gid_t gid, const std::string& folder) {
     const auto facts = readGroup(gid, folder);
     if (!facts) {
-        return "it cannot be told whose the group " + std::to_string(gid) + " is: " + facts.error();
+        return "cannot look up group " + std::to_string(gid) + ": " + facts.error();
     }
     const auto flaw = flawOf(*facts);
     return flaw ? Problem(flaw->finding) : std::nullopt;
@@ -267,7 +268,7 @@ std::optional<GroupFlaw> flawOf(const GroupFacts& facts) {
     using List = std::tuple<Kind, const char*, const std::vector<std::string>&>;
     for (const auto& [kind, what, names] :
          {List{Kind::members, " has members: ", facts.members},
-          List{Kind::owners, " is the own group of ", facts.owners},
+          List{Kind::owners, " is the primary group of ", facts.owners},
           List{Kind::administrators, " has administrators: ", facts.administrators}}) {
         if (!names.empty()) {
             return GroupFlaw{kind, group + what + listed(names)};

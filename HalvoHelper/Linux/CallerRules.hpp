@@ -39,6 +39,7 @@ struct GroupFacts {
 };
 
 // The facts of the group `gid` in the files in `folder`. Fails with "PATH: what the system says".
+// One thread at a time (fgetgrent(3)).
 std::expected<GroupFacts, std::string> readGroup(gid_t gid, const std::string& folder = "/etc");
 
 // Why a group is not private.
@@ -50,10 +51,11 @@ struct GroupFlaw {
     std::string finding;
 };
 
+// The first reason why the group is not private; nothing when it is. Any thread.
 std::optional<GroupFlaw> flawOf(const GroupFacts& facts);
 
 // The group that a process gets from the executable with that status; nothing when it is not
-// set-group-id.
+// set-group-id. Any thread.
 std::optional<gid_t> privateGroup(const struct stat& executable);
 
 // One thread at a time.

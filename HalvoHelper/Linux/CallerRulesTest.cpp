@@ -99,7 +99,7 @@ class AccountFilesTest : public ::testing::Test {
 
 TEST_F(AccountFilesTest, IsPrivate) {
     EXPECT_EQ(problem(), "private");
-    EXPECT_EQ(problem(1000), "the group ann is the own group of ann");
+    EXPECT_EQ(problem(1000), "the group ann is the primary group of ann");
     EXPECT_EQ(problem(0), "the group 0 is root's");
     EXPECT_EQ(problem(991), "the group 991 has no name");
     // And by the machine's own files.
@@ -132,7 +132,7 @@ TEST_F(AccountFilesTest, HasNoMembersOwnersOrPassword) {
         {"gshadow", "halvo-app:*::\n", "private"},
         {"gshadow", "other:$6$hash:ann:ann\n", "private"},
         {"passwd", "ann:x:1000:990::/:/bin/sh\nben:x:1001:990::/:\n",
-         "the group halvo-app is the own group of ann, ben"},
+         "the group halvo-app is the primary group of ann, ben"},
         {"passwd", "", "private"},
         {"group", "", "the group 990 has no name"},
     };
@@ -245,15 +245,14 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
     std::string verdictOnApp() { return verdictOn(connectionOfApp().get()); }
 
     [[nodiscard]] std::string changeable() const {
-        return "somebody besides root can change " + app->executable();
+        return app->executable() + " can be changed by users other than root";
     }
 
     [[nodiscard]] std::string forged() const {
         return "what it runs is not the file at " + app->executable();
     }
 
-    const std::string elsewhere =
-        "its executable lies on no mount of the machine's, by /proc/1/mountinfo";
+    const std::string elsewhere = "its executable's mount is not in /proc/1/mountinfo";
 
     [[nodiscard]] std::string withoutGroup(const std::string& path) const {
         return "it does not run with the private group of " + path;
@@ -270,7 +269,7 @@ class CallerRulesPrivateMachineTest : public PrivateMachineTest {
 };
 
 // Each rule is broken by itself: the rest holds as in this one.
-TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEverybody) {
+TEST_F(CallerRulesPrivateMachineTest, AdmitEveryProgramOfTheInstalledAppForEveryUser) {
     const std::string second = app->folder() + "/Second";
     copyProgram(HALVO_TEST_APP, second);
     makeSetGroupID(second, appGroup);
@@ -305,18 +304,19 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseWhoDoesNotHaveTheGroupOfAnExecutable
 }
 
 // Everything else is as with the app, and the kernel gave the group.
-TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatSomebodyHas) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatIsNotPrivate) {
     app->install(other.gid);
-    EXPECT_THAT(verdictOnApp(), HasSubstr(" is the own group of "));
+    EXPECT_THAT(verdictOnApp(), HasSubstr(" is the primary group of "));
     app->install(4'000'000);
     EXPECT_EQ(verdictOnApp(), "the group 4000000 has no name");
     app->install(0);
     EXPECT_EQ(verdictOnApp(), "the group 0 is root's");
 }
 
-// As who comes from a directory on the network, of whom the account files know nothing.
+// As with a user of a directory service, who is not in the local files.
 TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
-    const std::string byItself = "it has the private group of " + app->executable() + " by itself";
+    const std::string byItself =
+        "the private group of " + app->executable() + " is its real or a supplementary group";
     EXPECT_EQ(verdictOn(connectionAfter([this] { become({user.uid, appGroup}); }).get()), byItself);
     for (const gid_t one : {appGroup, other.gid}) {
         const Descriptor connection = connectionAfter([this, one] {
@@ -330,11 +330,11 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAGroupThatTheCallerHasByItself) {
     }
 }
 
-TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheAccountFilesCannotBeRead) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAllCallersWhereTheAccountFilesCannotBeRead) {
     const Descriptor connection = connectionOfApp();
     const auto verdict = CallerRules(sampleIdentity, "/nowhere").check(connection.get());
-    EXPECT_EQ(verdict.error(), "it cannot be told whose the group " + std::to_string(appGroup) +
-                                   " is: /nowhere/group: No such file or directory");
+    EXPECT_EQ(verdict.error(), "cannot look up group " + std::to_string(appGroup) +
+                                   ": /nowhere/group: No such file or directory");
 }
 
 // Folders not even where they are sticky.
@@ -405,13 +405,12 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
             MS_NOSUID | (std::string(options) == "nosuid" ? 0 : MS_NODEV | MS_NOEXEC | MS_NOATIME);
         ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr),
                   0);
-        EXPECT_EQ(
-            verdictOn(onMount.get()),
-            "its executable lies on a file system mounted with nosuid, where the kernel gives "
-            "nobody its group")
+        EXPECT_EQ(verdictOn(onMount.get()),
+                  "its executable lies on a file system mounted with nosuid, where the kernel "
+                  "ignores the set-group-id bit")
             << options;
     }
-    // And a mount that is no longer anywhere is nobody's to vouch for.
+    // A detached mount (MNT_DETACH) is not in mountinfo.
     ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND, nullptr), 0);
     EXPECT_EQ(verdictOn(onMount.get()), "admitted");
     ASSERT_EQ(umount2(folder.c_str(), MNT_DETACH), 0);
@@ -427,10 +426,9 @@ TEST_F(CallerRulesPrivateMachineTest, TakeNoPathOfAMountForItsOptions) {
         copyProgram(HALVO_TEST_APP, folder + "/program");
         ASSERT_EQ(
             mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID, nullptr), 0);
-        EXPECT_EQ(
-            verdictOn(connectionOf(folder + "/program").get()),
-            "its executable lies on a file system mounted with nosuid, where the kernel gives "
-            "nobody its group")
+        EXPECT_EQ(verdictOn(connectionOf(folder + "/program").get()),
+                  "its executable lies on a file system mounted with nosuid, where the kernel "
+                  "ignores the set-group-id bit")
             << int{separator.front()};
         ASSERT_EQ(umount2(folder.c_str(), MNT_DETACH), 0);
     }
@@ -443,7 +441,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseTheMountsOfACallersOwn) {
         become(user);
     });
     EXPECT_EQ(verdictOn(connection.get()), elsewhere);
-    // As anybody may do it.
+    // As any user can forge it.
     const std::string forgery = "/home/" + userName + "/forgery";
     copyProgram(HALVO_TEST_APP, forgery);
     const Descriptor forger =
@@ -454,7 +452,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseTheMountsOfACallersOwn) {
 }
 
 // As containers may have it.
-TEST_F(CallerRulesPrivateMachineTest, RefuseEverybodyWhereTheMachinesMountsAreHidden) {
+TEST_F(CallerRulesPrivateMachineTest, RefuseAllCallersWhereTheMachinesMountsAreHidden) {
     const Descriptor connection = connectionOfApp();
     ASSERT_EQ(mount("tmpfs", "/proc/1", "tmpfs", 0, nullptr), 0);
     const std::string missing = verdictOn(connection.get());
@@ -600,7 +598,7 @@ TEST_F(CallerRulesPrivateMachineTest, SayWhyALookUpFailed) {
     } rows[] = {
         {SystemCall::getsockopt, 0, EIO, "its credentials cannot be read: Input/output error"},
         {SystemCall::getsockopt, 1, ESRCH,
-         "it cannot be told whether it still lives: No such process"},
+         "cannot check whether the process still exists: No such process"},
         {SystemCall::open, 0, EMFILE, "its executable cannot be read: Too many open files"},
         {SystemCall::statx, 0, EIO, "its executable cannot be examined: Input/output error"},
         {SystemCall::readlink, 0, EIO,
@@ -683,15 +681,15 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnAppThatBecameAnotherProgramAndOneT
 TEST_F(CallerRulesPrivateMachineTest, RefuseAConnectionThatTheAppLeftToAnother) {
     const Descriptor connection = connectionOf(app->executable(), {"connect-share", socketPath});
     EXPECT_EQ(caller->readLine(), "connected");
-    // Ended, and not waited for.
+    // A zombie.
     siginfo_t end{};
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(caller->pid()), &end, WEXITED | WNOWAIT), 0);
     const std::string gone = "its executable cannot be read: No such file or directory";
     EXPECT_EQ(verdictOn(connection.get()), gone);
-    // Waited for: the number is nobody's. What shows it first is a matter of the kernel.
+    // Reaped: the PID is free. Which look-up fails first depends on the kernel.
     caller->wait();
     EXPECT_THAT(verdictOn(connection.get()),
-                AnyOf(gone, StartsWith("it cannot be told whether it still lives: ")));
+                AnyOf(gone, StartsWith("cannot check whether the process still exists: ")));
 }
 
 // Whether the kernel holds on to the process behind a connection: SO_PEERPIDFD, Linux 6.5.
@@ -714,7 +712,7 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatCannotBeHeldOnToOrEndsMea
         const FewDescriptors none(0);
         verdict = verdictOn(connection.get());
     }
-    EXPECT_EQ(verdict, "it cannot be told whether it still lives: Too many open files");
+    EXPECT_EQ(verdict, "cannot check whether the process still exists: Too many open files");
     const BeforeNext end(BeforeNext::Call::poll, [this] { caller->kill(); });
     EXPECT_EQ(verdictOn(connection.get()), "it ended meanwhile");
 }

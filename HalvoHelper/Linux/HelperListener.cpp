@@ -82,7 +82,7 @@ class SocketListener final : public HelperListener {
     void acceptOne() {
         Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.isOpen()) {
-            waitUnlessTheCallersFault(errno);
+            pauseAfterAcceptError(errno);
             return;
         }
         const Seconds now = liveMainQueue().now();
@@ -99,13 +99,15 @@ class SocketListener final : public HelperListener {
             refusals_.refused(
                 now, "too many connections of user " + std::to_string(caller->uid) + " are open");
         } else if (!admit(std::move(socket), *std::move(caller))) {
-            refusals_.refused(now, "what it sent is not D-Bus, or memory or descriptors ran out");
+            refusals_.refused(
+                now,
+                "it did not authenticate as D-Bus requires, or memory or file descriptors ran out");
         }
     }
 
     // When accept() fails for lack of descriptors or memory, or a security module forbids it, the
     // socket stays readable: trying again at once would spin.
-    void waitUnlessTheCallersFault(int code) {
+    void pauseAfterAcceptError(int code) {
         // The caller has closed already, or the wake-up was spurious; accept(2).
         if (code == EAGAIN || code == EINTR || code == ECONNABORTED) {
             return;
@@ -186,8 +188,7 @@ Descriptor bindSocket(const std::string& path) {
     }
     struct stat status{};
     if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
-        fail(EX_CONFIG, "Something that is no socket lies at " + path +
-                            "; remove it and start the helper again");
+        fail(EX_CONFIG, path + " exists and is not a socket; remove it and start the helper again");
     }
     unlink(path.c_str());
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

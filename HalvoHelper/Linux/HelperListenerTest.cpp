@@ -71,7 +71,7 @@ void serveWhatComes() {
     EXPECT_TRUE(serveUntil([&turns] { return ++turns == 10; }));
 }
 
-// Whether somebody listens at `path`: 0, or the errno of connect(2).
+// Whether a process listens at `path`: 0, or the errno of connect(2).
 int tryToConnect(const std::string& path) {
     const auto address = socketAddress(path).value();
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -113,7 +113,7 @@ void expectNone(const std::function<void()>& prepare, int status, const std::str
     EXPECT_THAT(result.output, HasSubstr("error: " + message + "\n"));
 }
 
-TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatEverybodyCanReachUntilItsProcessExits) {
+TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatAllUsersCanReachUntilItsProcessExits) {
     inChild([] {
         umask(077);
         const auto listener = makeListener(sampleIdentity);
@@ -153,9 +153,9 @@ TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
     for (const auto& make : items) {
         make();
         const mode_t before = modeOf(socketPath);
-        expectNone([] {}, 78,
-                   "Something that is no socket lies at " + socketPath +
-                       "; remove it and start the helper again");
+        expectNone(
+            [] {}, 78,
+            socketPath + " exists and is not a socket; remove it and start the helper again");
         EXPECT_EQ(modeOf(socketPath), before);
         fs::remove(socketPath);
     }
@@ -444,7 +444,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, KeepsNothingOfAConnectionThatIsGo
 }
 
 // Whatever it is that keeps it from accepting, the socket stays readable.
-TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondWhenItCannotAcceptAnybody) {
+TEST_F(HelperListenerCallerPrivateMachineTest, WaitsASecondAfterAnAcceptError) {
     for (const int code : {EACCES, EPERM, EMFILE}) {
         serving([this, code](Service& service) {
             const auto caller = startAsking();
@@ -490,8 +490,8 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItCannotServe) {
             EXPECT_TRUE(serveUntil([&] { return !service.log.isEmpty(); }));
             EXPECT_EQ(service.helper.connections(), 0) << "it was never of use";
             EXPECT_THAT(service.log.errors(),
-                        ElementsAre("Refused a caller: what it sent is not D-Bus, or memory or "
-                                    "descriptors ran out"));
+                        ElementsAre("Refused a caller: it did not authenticate as D-Bus requires, "
+                                    "or memory or file descriptors ran out"));
         };
         expectRefusal({"connect-say", socketPath, "GET / HTTP/1.1"});
         {

@@ -108,7 +108,7 @@ int start(std::vector<std::string> words, bool keepsErrorOutput) {
 // ------------------------------------------------------------------------- the open-as-user mode
 
 // How long the user's manager may take to answer: one that hangs must not keep the app closed.
-constexpr Seconds managerPatience{2};
+constexpr Seconds managerTimeout{2};
 
 // A manager that answers may still never reply to systemd-run(1); the next opening by way of it
 // comes after 30 seconds. What it was asked to start stays.
@@ -127,7 +127,7 @@ bool managerAnswers(const std::string& sessionFolder) {
         *static_cast<Answer*>(userdata) = sd_bus_message_is_method_error(reply, nullptr) == 0;
         return 0;
     };
-    const Seconds end = sinceBoot() + managerPatience;
+    const Seconds end = sinceBoot() + managerTimeout;
     sd_bus* bus = nullptr;
     // Connects without waiting; the kernel refuses at once where there is no listener.
     bool isOpen =
@@ -135,7 +135,7 @@ bool managerAnswers(const std::string& sessionFolder) {
         sd_bus_start(bus) >= 0 &&
         sd_bus_call_method_async(bus, nullptr, nullptr, "/org/freedesktop/systemd1",
                                  "org.freedesktop.DBus.Peer", "Ping", onReply, &answer, "") >= 0;
-    Seconds left = managerPatience;
+    Seconds left = managerTimeout;
     while (isOpen && !answer && left > Seconds{0}) {
         // Processes a message, or waits for one.
         const int result = sd_bus_process(bus, nullptr);

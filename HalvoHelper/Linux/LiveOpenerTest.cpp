@@ -28,7 +28,7 @@ using ::testing::IsEmpty;
 constexpr const char* nothing = "0000000000000000";
 
 // Opens with a helper that reports how it was started. In a child process, since the first opening
-// makes the kernel reap the process's children before anybody can wait for them.
+// makes the kernel reap the process's children before waitpid(2) can.
 class LiveOpenerTest : public ::testing::Test {
   protected:
     LiveOpenerTest() {

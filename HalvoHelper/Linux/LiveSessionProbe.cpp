@@ -23,7 +23,7 @@ namespace halvo {
 namespace {
 
 // The property of the session that `ask`, of sd-login(3), reads; empty when that fails.
-std::string told(int (*ask)(const char*, char**), const std::string& session) {
+std::string sessionProperty(int (*ask)(const char*, char**), const std::string& session) {
     char* text = nullptr;
     if (ask(session.c_str(), &text) < 0 || text == nullptr) {
         return {};
@@ -56,7 +56,7 @@ class Console {
   private:
     // The user of the active session; sets leftUntil_ when it is closing.
     std::optional<std::uint32_t> ask() {
-        const std::string session = told(
+        const std::string session = sessionProperty(
             [](const char* seat, char** text) { return sd_seat_get_active(seat, text, nullptr); },
             "seat0");
         if (session.empty()) {
@@ -64,10 +64,10 @@ class Console {
         }
         sessionPath_ = "/run/systemd/sessions/" + session;
         session_ = FileStamp::of(sessionPath_.c_str());
-        const std::string state = told(sd_session_get_state, session);
+        const std::string state = sessionProperty(sd_session_get_state, session);
         uid_t uid = 0;
         // A login screen has the class "greeter".
-        if (told(sd_session_get_class, session) != "user" || state.empty() ||
+        if (sessionProperty(sd_session_get_class, session) != "user" || state.empty() ||
             sd_session_get_uid(session.c_str(), &uid) < 0 || uid == 0) {
             return std::nullopt;
         }

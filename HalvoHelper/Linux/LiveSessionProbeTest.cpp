@@ -209,7 +209,7 @@ TEST_F(LiveSessionProbeTest, AllocatesNothingWhileNothingChanges) {
 
 TEST(MallocCountTest, CountsEveryAllocation) {
     const std::size_t before = mallocsMade();
-    // Volatile, or the compiler would see that nobody needs it.
+    // Volatile, or the compiler would remove the unused allocation.
     void* volatile memory = std::malloc(1);
     std::free(memory);
     EXPECT_GT(mallocsMade(), before);
@@ -332,8 +332,8 @@ class LiveSessionProbeSeatPrivateMachineTest : public LiveSessionProbePrivateMac
                             "\nREMOTE=0\nTYPE=wayland\nCLASS=" + sessionClass + "\nSEAT=seat0\n");
     }
 
-    // Somebody sits at the console, and that is known.
-    void letSomebodySit() {
+    // seat0 has an active user session, and the probe has read it.
+    void openSession() {
         session("1", user.uid);
         seat("1", user.uid);
         ASSERT_EQ(probe->consoleUser(), user.uid);
@@ -352,8 +352,8 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsTheUserOfAnActiveSessionOfAPers
         // The session that the seat names, if any, and the file of session 1, if any.
         const char* session;
         std::string sessionFile;
-        // Whether it is the person of the session who sits there.
-        bool somebody;
+        // Whether the user of the session is the console user.
+        bool isConsoleUser;
     } rows[] = {
         {"1", text("user", "active"), true},
         {"1", text("user", "opening"), true},
@@ -373,7 +373,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsTheUserOfAnActiveSessionOfAPers
         {"", text("user", "active"), false},
     };
 
-    for (const auto& [session, sessionFile, somebody] : rows) {
+    for (const auto& [session, sessionFile, isConsoleUser] : rows) {
         SCOPED_TRACE(session + (" " + sessionFile));
         cleanUp();
         seat(session, 61000);
@@ -381,18 +381,18 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsTheUserOfAnActiveSessionOfAPers
             replaceTestFile(sessions + "/1", sessionFile);
         }
         const auto fresh = makeLiveSessionProbe();
-        const auto expected = somebody ? std::optional(61000U) : std::nullopt;
+        const auto expected = isConsoleUser ? std::optional(61000U) : std::nullopt;
         EXPECT_EQ(fresh->consoleUser(), expected);
         EXPECT_EQ(fresh->consoleUser(), expected) << "the second time";
     }
 }
 
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, IsNobodysWithoutLogind) {
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, HasNoUserWithoutLogind) {
     const std::string away = "/run/systemd-away";
     fs::rename("/run/systemd", away);
     EXPECT_EQ(probe->consoleUser(), std::nullopt);
     fs::rename(away, "/run/systemd");
-    letSomebodySit();
+    openSession();
 }
 
 // At the next question, whatever is remembered.
@@ -421,7 +421,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, NoticesEachChange) {
          other.uid},
     };
     for (const auto& [change, there] : changes) {
-        letSomebodySit();
+        openSession();
         change();
         EXPECT_EQ(probe->consoleUser(), there);
         EXPECT_EQ(probe->consoleUser(), there) << "the second time";
@@ -447,7 +447,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, AllocatesNothingWhileNothingChang
 TEST_F(LiveSessionProbeSeatPrivateMachineTest,
        CountsAPersonWhoseSessionIsKeptClosingAfter90Seconds) {
     TimePassing clock;
-    letSomebodySit();
+    openSession();
     session("1", user.uid, "user", "closing");
     EXPECT_EQ(probe->consoleUser(), std::nullopt);
     clock.pass(Seconds{89});
@@ -460,7 +460,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest,
     EXPECT_EQ(mallocsMade(), before);
 }
 
-TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsASessionThatClosesOnceWhoeverGoesToAndFro) {
+TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsAClosingSessionOnceDespiteSwitches) {
     struct Step {
         const char* session;
         uid_t person;
@@ -475,7 +475,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsASessionThatClosesOnceWhoev
     const uid_t ann = user.uid;
     const uid_t ben = other.uid;
     const std::vector<Step> stories[] = {
-        // Nor does it help to have another session close, or somebody else there for a moment,
+        // Nor does it help to have another session close, or another user at the seat for a moment,
         // whose own 90 seconds begin later.
         {{"1", ann, active, true, 0},
          {"1", ann, closing, false, 15},
@@ -513,7 +513,7 @@ TEST_F(LiveSessionProbeSeatPrivateMachineTest, CountsASessionThatClosesOnceWhoev
             seat(name, person);
             EXPECT_EQ(fresh->consoleUser(), isThere ? std::optional(person) : std::nullopt)
                 << name << " " << state;
-            // A login screen in between changes nothing, nor does nobody.
+            // A login screen in between changes nothing, nor does a seat without a session.
             session("greeter", 110, "greeter");
             seat("greeter", 110);
             EXPECT_EQ(fresh->consoleUser(), std::nullopt);

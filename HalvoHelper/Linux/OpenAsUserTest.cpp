@@ -159,7 +159,7 @@ TEST_F(OpenAsUserPrivateMachineTest, RunsNothingUnlessThePrivilegesAreProvenGone
         // A call did nothing, though it says otherwise.
         [] { return F::returning(SystemCall::setgid, 0); },
         [] { return F::returning(SystemCall::setuid, 0); },
-        // The process is somebody else's.
+        // The process has the IDs of another user.
         [] { return F::returning(SystemCall::getuid, 0); },
         [] { return F::returning(SystemCall::geteuid, 0); },
         [] { return F::returning(SystemCall::getgid, 502); },
@@ -335,7 +335,7 @@ TEST_F(OpenAsUserManagerPrivateMachineTest, FailsWithoutTheProgramThatAsksTheMan
 }
 
 // As that of a manager that was killed.
-TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenNobodyListensAtTheSocket) {
+TEST_F(OpenAsUserManagerPrivateMachineTest, RunsTheAppItselfWhenNoProcessListensAtTheSocket) {
     startManager([](const Descriptor&) {})->wait();
     ASSERT_TRUE(fs::is_socket(managerSocket(user)));
     EXPECT_EQ(open(), 0);

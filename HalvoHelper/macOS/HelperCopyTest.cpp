@@ -140,7 +140,7 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotMadeOfWhatIsNoFileOrMoreThanAHelperCan
     expectRefusal(executable + ": Invalid argument");
 }
 
-TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereSomebodyElseCouldChangeIt) {
+TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereAnotherUserCouldChangeIt) {
     fs::create_directory(disk / "theirs");
     const std::pair<std::function<void()>, std::string> rows[] = {
         {[this] {
@@ -189,7 +189,7 @@ TEST(CodeSignatureTest, IsCheckedAgainstARequirementThatCanBeReadAndLeavesNothin
     EXPECT_FALSE(checkCodeSignature(file, identity.appRequirement()));
     EXPECT_EQ(checkCodeSignature("/nowhere", identity.helperRequirement()),
               Checked(std::unexpected("/nowhere: code signing error -67068")));
-    // Any signature would do if the words could not be read and nobody noticed.
+    // A requirement that cannot be parsed is an error; else any signature would satisfy it.
     fake::world().signatureChecks.clear();
     fake::world().signedFiles["signed"] = "anything";
     EXPECT_EQ(checkCodeSignature(file, "anything"),

@@ -132,7 +132,7 @@ TEST_F(LiveOpenerPrivateMachineTest, SaysWhyTheChildCouldNotBeStarted) {
                                            "Couldn't open Halvo: " + *fake::world().launchError}));
 }
 
-TEST_F(LiveOpenerPrivateMachineTest, NeverStartsAsRootWhatLiesInABundleOfSomebodyElse) {
+TEST_F(LiveOpenerPrivateMachineTest, NeverStartsAsRootWhatLiesInABundleOfAnotherUser) {
     ASSERT_EQ(chown(bundle.c_str(), user.uid, user.gid), 0);
     opener.open(app, 501, true);
     ASSERT_EQ(fake::world().launches.size(), 1U);

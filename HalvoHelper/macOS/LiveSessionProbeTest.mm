@@ -43,7 +43,7 @@ class LiveSessionProbeTest : public ::testing::Test {
         return bundle + "/Contents/MacOS/Sample";
     }
 
-    // Somebody's process with the executable at `path`, and two others before and after it.
+    // A process of `uid` with the executable at `path`, and two others before and after it.
     static void run(const std::string& path, std::uint32_t uid = ann) {
         fake::world().processes = {
             {1, 0, "/sbin/launchd"}, {300, uid, path}, {301, ann, "/usr/bin/tool"}};
@@ -94,8 +94,8 @@ TEST_F(LiveSessionProbeTest, SeesTheAppWhileItRuns) {
     EXPECT_TRUE(fake::world().log.empty());
 }
 
-// Not to that of another user, of what is no process, of one of which the kernel tells not all, or
-// that has no path; and of the first that matches it asks no more.
+// Not for those of another user, a PID that does not exist, a truncated proc_pidinfo() result, or a
+// process without a path; and for none after the first that matches.
 TEST_F(LiveSessionProbeTest, AsksForThePathsOfThatUsersProcessesOnly) {
     const std::string path = executableOf(bundle);
     fake::world().processes = {{0, ann, path},       {-1, ann, path},      {298, ann, path, 0},

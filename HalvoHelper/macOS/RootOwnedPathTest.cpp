@@ -49,7 +49,7 @@ TEST_F(RootOwnedPathOnMacOSPrivateMachineTest, NeedsAVolumeOfTheMachinesOwn) {
     EXPECT_EQ(problem(file), "/: Input/output error");
 }
 
-// /Applications has one that denies everybody to remove it.
+// /Applications has one that denies all users its removal.
 TEST_F(RootOwnedPathOnMacOSPrivateMachineTest, NeedsAccessControlListsThatAllowNothing) {
     for (const char* list : {"", "d", "dd"}) {
         fake::world().accessLists[folder] = list;

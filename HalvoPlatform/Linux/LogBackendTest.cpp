@@ -88,7 +88,7 @@ TEST(LogWithoutJournalTest, WritesToStandardErrorAndNeverFailsTowardsItsCaller) 
         sayWithoutJournal([] { HALVO_LOG_ERROR(helperLog, "errno %d", 13); });
         sayWithoutJournal([] { HALVO_LOG_DEFAULT(helperLog, "Locked Halvo's app again"); });
         const Fault unwritable = Fault::failing(SystemCall::write, EIO);
-        sayWithoutJournal([] { HALVO_LOG_ERROR(helperLog, "nobody hears this"); });
+        sayWithoutJournal([] { HALVO_LOG_ERROR(helperLog, "no process reads this"); });
     });
     EXPECT_EQ(result.output,
               "app.halvo Helper: error: errno 13\napp.halvo Helper: Locked Halvo's app again\n");
@@ -229,7 +229,8 @@ TEST_F(LogToTerminalTest, NeitherWaitsForATerminalThatIsStoppedNorEndsWithOneTha
 
 TEST_F(LogToTerminalTest, IsNotStoppedInTheBackground) {
     EXPECT_EQ(onTerminal([] {
-                  // The terminal is this session's, and stops whoever writes from the background.
+                  // The terminal is this session's, and stops background processes that write
+                  // (TOSTOP).
                   ASSERT_GT(setsid(), 0);
                   ASSERT_EQ(ioctl(STDERR_FILENO, TIOCSCTTY, 0), 0);
                   termios settings{};

@@ -35,7 +35,7 @@ using testing::SystemCall;
 // Ends the child: with 0 when all its expectations held.
 void finish() { liveMainQueue().exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS); }
 
-// Lets `prepare` set up the queue of a child, serves it until somebody calls finish(), and expects
+// Lets `prepare` set up the queue of a child, serves it until finish() is called, and expects
 // that all went well there.
 void serve(const std::function<void(MainQueue&)>& prepare) {
     const ChildResult result = testing::runInChild([&] {
@@ -117,7 +117,7 @@ TEST(MainQueueTest, RunsWorkBeforeATimerThatIsDueAtOnce) {
     });
 }
 
-// The grid is looked at as the loop is told of it: turns themselves come late on a busy machine.
+// Checks the deadlines passed to sd-event: on a busy machine the turns themselves come late.
 TEST(MainQueueTest, KeepsATimerOnItsGridAndMakesUpForNoMissedTurn) {
     serve([](MainQueue& queue) {
         constexpr std::uint64_t interval = 20'000;
@@ -143,7 +143,7 @@ TEST(MainQueueTest, KeepsATimerOnItsGridAndMakesUpForNoMissedTurn) {
     });
 }
 
-// In which order is nobody's promise: on a busy machine all are due when the loop first looks.
+// The order is unspecified: on a busy machine all are due when the loop first looks.
 TEST(MainQueueTest, TurnsSeveralTimersEachNeverBeforeItIsDue) {
     serve([](MainQueue& queue) {
         static std::map<double, int> turns;

@@ -49,7 +49,7 @@ TEST_F(MainBundleTest, IsTheProcessItself) {
     EXPECT_EQ(main.info(), sampleMembers);
 }
 
-// Whose Info.plist is a section of the program. One that lies beside it may be anybody's.
+// Whose Info.plist is a section of the program. One beside it may be writable by other users.
 TEST_F(MainBundleTest, HasTheInfoThatTheProgramCarriesWhateverLiesBesideIt) {
     fake::world().mainExecutable = "/Library/PrivilegedHelperTools/com.example.app.helper";
     fake::world().carriedInfo = sample;

@@ -171,7 +171,7 @@ TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
     EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{});
 }
 
-// What has passed on the clock that counts sleep, whoever sets the wall clock.
+// By the clock that counts sleep, however the wall clock is set.
 TEST_F(MainQueueTest, CountsSleepInADelay) {
     queue.after(Seconds{10}, noted());
     fake::at(1, [] { fake::world().sinceBoot += 8 * second; });
@@ -229,8 +229,8 @@ TEST_F(MainQueueTest, RunsTheTerminationForEverySIGTERM) {
     EXPECT_EQ(turns, (Times{1 * second, 2 * second}));
 }
 
-// Or the signal would end the process before anybody is told.
-TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceSomebodyAsksForItAndNoOtherSignal) {
+// Or the signal would end the process before the callback runs.
+TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceAskedForAndNoOtherSignal) {
     EXPECT_FALSE(isIgnored(SIGTERM));
     EXPECT_FALSE(fake::raise(SIGTERM));
     for (const auto leave : {SIG_DFL, SIG_IGN}) {

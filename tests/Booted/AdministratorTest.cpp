@@ -98,7 +98,7 @@ TEST_F(Administrator, FindsWhatChangedSinceTheInstallation) {
         std::string spoil;
         std::vector<std::string> problems;
         std::string advice;
-        std::string mend;
+        std::string repair;
     };
 
     const Row rows[] = {
@@ -130,7 +130,7 @@ TEST_F(Administrator, FindsWhatChangedSinceTheInstallation) {
         const ChildResult told = machine.run({"halvoctl", "doctor"});
         EXPECT_EQ(told.status, 1);
         EXPECT_THAT(told.output, HasSubstr(row.advice));
-        machine.sh(row.mend);
+        machine.sh(row.repair);
         EXPECT_THAT(problems(), IsEmpty());
     }
 }

@@ -329,8 +329,8 @@ pid_t idInside(pid_t process) {
 
 }  // namespace halvo::testing
 
-int main(int count, char** words) {
-    ::testing::InitGoogleTest(&count, words);
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
     if (!::testing::GTEST_FLAG(list_tests) && std::getenv("BOOTED_MACHINE_TREE") == nullptr) {
         std::fputs(
             "These tests run only beside a booted machine:\n"

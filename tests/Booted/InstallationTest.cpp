@@ -130,10 +130,10 @@ TEST_F(Installation, RefusesTheAppOnAUsersFileSystem) {
     EXPECT_EQ(ask(), 77);
     EXPECT_TRUE(
         machine.says("Refused a caller: its executable lies on a file system mounted with nosuid, "
-                     "where the kernel gives nobody its group"));
+                     "where the kernel ignores the set-group-id bit"));
     mountCopy("suid", "alice");
     EXPECT_EQ(ask(), 77);
-    EXPECT_TRUE(machine.says("Refused a caller: the group alice is the own group of alice"));
+    EXPECT_TRUE(machine.says("Refused a caller: the group alice is the primary group of alice"));
     EXPECT_FALSE(machine.exists(Place::stateFile));
     // With suid and the private group the copy is admitted.
     mountCopy("suid", "_org_example_focus");

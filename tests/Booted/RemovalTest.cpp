@@ -87,7 +87,7 @@ TEST_F(Removal, OfTheHelperAloneEndsACommitment) {
     machine.logInAndCommit();
     const std::string said =
         machine.sh("dpkg --remove --force-depends " HALVO_BOOTED_PACKAGE "-helper 2>&1");
-    EXPECT_THAT(said, HasSubstr("Let go of the commitment of alice"));
+    EXPECT_THAT(said, HasSubstr("Ended the commitment of alice"));
     EXPECT_TRUE(machine.exists(Place::app));
     EXPECT_FALSE(machine.isLocked());
     EXPECT_FALSE(machine.exists(Place::stateFolder));

@@ -107,8 +107,8 @@ TEST_F(AdministratorTest, ReleasesTheCommitmentOfARunningHelper) {
     const ChildResult answer = control({"release"});
     EXPECT_EQ(answer.status, 0);
     EXPECT_THAT(answer.output,
-                MatchesRegex("app.halvo Helper: An administrator let go of what was stored\n" +
-                             named + "Let go of the commitment of " + world.userName + " \\(uid " +
+                MatchesRegex("app.halvo Helper: An administrator ended the stored commitment\n" +
+                             named + "Ended the commitment of " + world.userName + " \\(uid " +
                              std::to_string(world.user) + "\\) that held until [-0-9: +]*; " +
                              Place::app + " is unlocked\\.\n"));
     constexpr int holding = 75;

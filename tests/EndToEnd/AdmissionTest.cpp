@@ -94,7 +94,7 @@ TEST_F(NamespaceTest, ABindMountForgesNeitherTheAppNorItsInfoPlist) {
         expectRefusal(
             {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
              "mount --bind " + forgery + " " + place + " && exec " + Place::caller + " status"},
-            "its executable lies on no mount of the machine's, by /proc/1/mountinfo");
+            "its executable's mount is not in /proc/1/mountinfo");
     };
     expectRefusalWith(mine, Place::caller);
     put(Place::infoPlist, "");
@@ -156,8 +156,8 @@ class UserFileSystemTest : public AdmissionTest {
 
     const std::vector<std::string> ask{callerOnDisk, "status"};
     const std::string withoutSetGroupID =
-        "its executable lies on a file system mounted with nosuid, where the kernel gives nobody "
-        "its group";
+        "its executable lies on a file system mounted with nosuid, where the kernel ignores the "
+        "set-group-id bit";
 };
 
 class UserFileSystemKindTest : public UserFileSystemTest,
@@ -179,7 +179,8 @@ TEST_P(UserFileSystemKindTest, IsRefused) {
 // The rule about groups refuses it by itself, too.
 TEST_P(UserFileSystemKindTest, IsRefusedForTheUsersOwnGroupEvenWithoutNosuid) {
     mountImage(world.user, GetParam() + "suid");
-    expectRefusal(ask, "the group " + world.userName + " is the own group of " + world.userName);
+    expectRefusal(ask,
+                  "the group " + world.userName + " is the primary group of " + world.userName);
 }
 
 // Shows that nothing else is wrong with the image.

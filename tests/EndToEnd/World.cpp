@@ -218,8 +218,8 @@ bool isPrivateMachine() {
 
 // The tests lock folders, kill processes and mount file systems; they refuse to run on a machine in
 // use.
-int main(int count, char** words) {
-    ::testing::InitGoogleTest(&count, words);
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
     if (!::testing::GTEST_FLAG(list_tests) && !isPrivateMachine()) {
         std::fputs(
             "These tests run only inside a private machine:\n"

@@ -10,9 +10,9 @@
 #include "HalvoShared/HalvoLink.hpp"
 #include "HalvoShared/IntentHosting.hpp"
 
-int main(int count, char** words) {
+int main(int argc, char** argv) {
     using namespace halvo;
-    const std::string question = count > 1 ? words[1] : "";
+    const std::string question = argc > 1 ? argv[1] : "";
     if (question == "scheme") {
         std::cout << HalvoLink::scheme();
     } else if (question == "scheme-of-changed-bundle") {

@@ -70,11 +70,11 @@ void reportSignals(std::ostream& report) {
     }
 }
 
-void writeReport(int count, char** words, char** environment, std::ostream& report) {
+void writeReport(int argc, char** argv, char** environment, std::ostream& report) {
     report << "pid=" << getpid() << '\n';
     report << "executable=" << ownPath() << '\n';
-    for (int i = 0; i < count; ++i) {
-        report << "argument=" << words[i] << '\n';
+    for (int i = 0; i < argc; ++i) {
+        report << "argument=" << argv[i] << '\n';
     }
     for (char** variable = environment; *variable != nullptr; ++variable) {
         report << "environment=" << *variable << '\n';
@@ -94,10 +94,10 @@ void writeReport(int count, char** words, char** environment, std::ostream& repo
 
 namespace halvo::testing {
 
-int reportStart(int count, char** words, char** environment) {
+int reportStart(int argc, char** argv, char** environment) {
     const std::string path = ownPath();
     std::ostringstream text;
-    writeReport(count, words, environment, text);
+    writeReport(argc, argv, environment, text);
     // Renamed into place, so that no reader sees a partial report.
     for (const std::string& place : {path, "/tmp" + path.substr(path.find_last_of('/'))}) {
         const std::string part = place + ".part";
@@ -117,6 +117,6 @@ int reportStart(int count, char** words, char** environment) {
 }  // namespace halvo::testing
 
 // For a program that only reports its start; other programs define their own.
-[[gnu::weak]] int main(int count, char** words, char** environment) {
-    return halvo::testing::reportStart(count, words, environment);
+[[gnu::weak]] int main(int argc, char** argv, char** environment) {
+    return halvo::testing::reportStart(argc, argv, environment);
 }

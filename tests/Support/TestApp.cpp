@@ -432,13 +432,13 @@ int run(const Words& words) { return commands.at(words.at(0))({words.begin() + 1
 
 }  // namespace
 
-int main(int count, char** words, char** environment) {
-    const std::string first = count > 1 ? words[1] : "";
+int main(int argc, char** argv, char** environment) {
+    const std::string first = argc > 1 ? argv[1] : "";
     if (first.empty() || (first.starts_with('-') && first != "--socket")) {
-        return halvo::testing::reportStart(count, words, environment);
+        return halvo::testing::reportStart(argc, argv, environment);
     }
     try {
-        return run({words + 1, words + count});
+        return run({argv + 1, argv + argc});
     } catch (const Failure& failure) {
         print(failure.line);
         return failure.status;

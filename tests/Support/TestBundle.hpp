@@ -85,6 +85,6 @@ std::uint64_t ignoredSignals(const TestReport& report);
 
 // For main() of a program that tests start: writes the report of its start. Returns the exit
 // status.
-int reportStart(int count, char** words, char** environment);
+int reportStart(int argc, char** argv, char** environment);
 
 }  // namespace halvo::testing

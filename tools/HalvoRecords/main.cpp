@@ -4,8 +4,8 @@
 
 #include "tools/HalvoRecords/Tool.hpp"
 
-int main(int count, char** words) {
-    return halvo::tools::runProgram("halvo-records", count, words, [](const auto& arguments) {
+int main(int argc, char** argv) {
+    return halvo::tools::runProgram("halvo-records", argc, argv, [](const auto& arguments) {
         return halvo::records::run(arguments, std::cin, halvo::wallNow());
     });
 }

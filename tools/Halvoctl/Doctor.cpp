@@ -47,16 +47,17 @@ std::vector<std::string> installedApps(Machine& machine) {
 }
 
 Check checkLocation(const std::string& app) {
-    return firstOf("app's place",
-                   {{!AppLocation::mayLock(app),
-                     printable(app) + " is no folder directly in one named Applications, so the "
-                                      "helper does not lock it",
-                     "Install the app into /Applications."}},
-                   printable(app));
+    return firstOf(
+        "app's place",
+        {{!AppLocation::mayLock(app),
+          printable(app) + " is not a folder directly inside one named Applications, so the "
+                           "helper does not lock it",
+          "Install the app into /Applications."}},
+        printable(app));
 }
 
 Check checkRunning(const Machine& machine, const Observation& seen) {
-    std::string remedy = "Let it go on: kill -CONT";
+    std::string remedy = "Continue it: kill -CONT";
     for (const pid_t process : seen.stopped) {
         remedy += " " + std::to_string(process);
     }
@@ -138,9 +139,10 @@ Check checkLock(const Machine& machine, const Observation& seen, const AppFlag& 
     const std::string unlock =
         isOrphan ? std::string("halvoctl release") + (isLive ? " (which also ends what holds)" : "")
                  : clearCommand(app.path);
-    const std::string end =
-        isRunning ? "The helper lets go of it within 2 seconds, unless it has forgotten the record."
-                  : "The helper lets go of it when it starts next: " + start;
+    const std::string end = isRunning
+                                ? "The helper ends the commitment within 2 seconds, unless it no "
+                                  "longer has the record in memory."
+                                : "The helper ends the commitment when it starts next: " + start;
     const std::string missing = "There is nothing at " + printable(app.path);
     const std::string unnamed = "The bundle is locked, but no record says that the helper did it";
     const std::string unlocked = "The bundle is not locked";
@@ -199,11 +201,11 @@ Check checkState(const std::string& file, StateFile condition) {
           "A user who can change it can end a commitment. Give it to root, and take the right to "
           "write from all others."},
          {(status.permissions() & others) != fs::perms::none,
-          "others than root can look into " + shown, "chmod 700 " + shellWord(folder)},
+          shown + " is accessible to users other than root", "chmod 700 " + shellWord(folder)},
          {condition == StateFile::damaged, printable(file) + " is damaged",
-          "The helper lets go of it when it starts next; halvoctl release does so now."},
+          "The helper removes it when it starts next; halvoctl release does so now."},
          {condition == StateFile::unreadable, printable(file) + " cannot be read",
-          "Look into the kernel's log for the disk; remove what lies there if it is no file."}},
+          "Check the kernel log for I/O errors; if it is not a regular file, remove it."}},
         (condition == StateFile::whole ? "whole, in " : "nothing is stored, in ") + shown);
 }
 

@@ -50,11 +50,12 @@ TEST_F(DoctorTest, ChecksInstalledAndNamedBundles) {
 
     const std::string other = fake.disk / "Other.app";
     FakeMachine::writeInfo(other, "com.example.other", "OTHERTEAM1");
-    EXPECT_EQ(examined("app's place", other),
-              isProblem("app's place",
-                        other + " is no folder directly in one named Applications, so the helper "
-                                "does not lock it",
-                        "Install the app into /Applications."));
+    EXPECT_EQ(
+        examined("app's place", other),
+        isProblem("app's place",
+                  other + " is not a folder directly inside one named Applications, so the helper "
+                          "does not lock it",
+                  "Install the app into /Applications."));
     EXPECT_EQ(examined("app's identity", other),
               isProblem("app's identity",
                         other +
@@ -90,9 +91,9 @@ TEST_F(DoctorTest, ChecksTheHelperAndTheLock) {
     fake.processes.stopped = {5, 7};
     const std::string stopped = "is stopped (SIGSTOP), and does nothing: pids 5 and 7";
     expectProblem("helper", stopped,
-                  "Let it go on: kill -CONT 5 7; or start another: restart-helper");
+                  "Continue it: kill -CONT 5 7; or start another: restart-helper");
     fake.service.restartCommand = "";
-    expectProblem("helper", stopped, "Let it go on: kill -CONT 5 7");
+    expectProblem("helper", stopped, "Continue it: kill -CONT 5 7");
     fake.machine.isRoot = false;
     for (const char* name : {"helper", "state", "lock"}) {
         EXPECT_EQ(examined(name), needsRoot(name));
@@ -135,7 +136,7 @@ TEST_F(DoctorTest, ChecksTheFilesOfTheHelperAndItsState) {
               "A user who can change it can end a commitment. Give it to root, and take the right "
               "to write from all others.");
     EXPECT_EQ(checkState("/usr/commitment.json", StateFile::whole),
-              isProblem("state", "others than root can look into /usr", "chmod 700 /usr"));
+              isProblem("state", "/usr is accessible to users other than root", "chmod 700 /usr"));
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to make a folder that only root can change";
     }
@@ -147,12 +148,11 @@ TEST_F(DoctorTest, ChecksTheFilesOfTheHelperAndItsState) {
              {StateFile::whole, isOk("state", "whole, in " + closed)},
              {StateFile::damaged,
               isProblem("state", closed + "/state is damaged",
-                        "The helper lets go of it when it starts next; halvoctl release does so "
+                        "The helper removes it when it starts next; halvoctl release does so "
                         "now.")},
-             {StateFile::unreadable,
-              isProblem("state", closed + "/state cannot be read",
-                        "Look into the kernel's log for the disk; remove what lies there if it is "
-                        "no file.")}}) {
+             {StateFile::unreadable, isProblem("state", closed + "/state cannot be read",
+                                               "Check the kernel log for I/O errors; if it is not "
+                                               "a regular file, remove it.")}}) {
         EXPECT_EQ(checkState(closed + "/state", file), check);
     }
     fs::remove(closed);
@@ -160,12 +160,12 @@ TEST_F(DoctorTest, ChecksTheFilesOfTheHelperAndItsState) {
 
 TEST_F(DoctorTest, ReportsAsTextAndJSON) {
     const Checks checks{Check{"first", Verdict::ok, "fine", "Go on."},
-                        isProblem("second", "broken", "Mend it."),
+                        isProblem("second", "broken", "Fix it."),
                         isNotApplicable("third", "not here")};
     EXPECT_EQ(report(checks, false), (Outcome{ExitStatus::problem,
                                               "ok              first   fine\n"
                                               "problem         second  broken\n"
-                                              "                        -> Mend it.\n"
+                                              "                        -> Fix it.\n"
                                               "not applicable  third   not here\n"
                                               "1 problem.\n",
                                               ""}));
@@ -178,7 +178,7 @@ TEST_F(DoctorTest, ReportsAsTextAndJSON) {
               Json::parse(R"({"problems": 1, "checks": [
                   {"name": "first", "verdict": "ok", "finding": "fine", "advice": null},
                   {"name": "second", "verdict": "problem", "finding": "broken",
-                   "advice": "Mend it."},
+                   "advice": "Fix it."},
                   {"name": "fourth", "verdict": "needs root",
                    "finding": "only root can look at it", "advice": null}]})"));
 }

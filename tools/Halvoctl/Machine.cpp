@@ -49,7 +49,7 @@ std::expected<void, std::string> endAll(HelperProcesses& processes, Waiter& wait
                      "Waiting for the helper to end, at most 10 seconds.")) {
         return std::unexpected("The helper (" + pidText(left) +
                                ") does not end. Kill it (kill -KILL), then run halvoctl release "
-                               "again, which takes off the lock that it leaves.");
+                               "again, which clears the lock that it leaves.");
     }
     return {};
 }

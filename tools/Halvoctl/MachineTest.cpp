@@ -55,7 +55,7 @@ TEST(EndAllTest, SignalsEachProcessOnceIncludingNewOnes) {
     processes.areStuck = true;
     EXPECT_EQ(endAll(processes, waiter),
               std::unexpected("The helper (pids 7 and 9) does not end. Kill it (kill -KILL), then "
-                              "run halvoctl release again, which takes off the lock that it "
+                              "run halvoctl release again, which clears the lock that it "
                               "leaves."));
     EXPECT_EQ(processes.terminated, (std::vector<pid_t>{7, 9, 8, 7, 9}));
     EXPECT_EQ(waiter.said,

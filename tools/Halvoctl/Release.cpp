@@ -25,10 +25,10 @@ std::string outOfReach(const std::string& path) {
     const std::string shown = printable(path);
     return (statusOf(path).type() == file_type::none
                 ? shown +
-                      " cannot be looked at, so the commitment stays stored. Mend its disk and try "
-                      "again."
+                      " cannot be looked at, so the commitment stays stored. Repair its disk and "
+                      "try again."
                 : "The bundle that the helper locked is not at " + shown +
-                      ", so its lock cannot be taken off, and the commitment stays stored. If it "
+                      ", so its lock cannot be cleared, and the commitment stays stored. If it "
                       "lies on a disk that is not mounted, or below another mount, make it "
                       "reachable and run halvoctl release again.") +
            " If the bundle is gone for good: halvoctl release --bundle-gone";
@@ -37,7 +37,7 @@ std::string outOfReach(const std::string& path) {
 // Describes a bundle that was not to be unlocked.
 std::string leftAlone(Machine& machine, const std::string& path) {
     return printable(path) + (machine.flags.state(path) == LockState::locked
-                                  ? " keeps a lock that the helper did not set (to take it off: " +
+                                  ? " keeps a lock that the helper did not set (to clear it: " +
                                         clearCommand(path) + ")"
                                   : " was not locked");
 }
@@ -59,16 +59,16 @@ Result unlockAll(Machine& machine, const Observation& seen, bool isGone) {
     for (const std::string& path : locked) {
         if (!machine.flags.setLocked(false, path)) {
             return std::unexpected(
-                "The lock of " + printable(path) + " cannot be taken off" + stays +
+                "The lock of " + printable(path) + " cannot be cleared" + stays +
                 ". The helper's log says why. Is its file system mounted read-only, or does this "
-                "container lack CAP_LINUX_IMMUTABLE? Mend that and try again.");
+                "container lack CAP_LINUX_IMMUTABLE? Fix that and try again.");
         }
         done += "; " + printable(path);
         if (path == seen.owed) {
             done += " is unlocked";
         } else {
             done += " carried a lock that no record owed, and is unlocked";
-            HALVO_LOG_DEFAULT(helperLog, "An administrator took off a lock that no record owed");
+            HALVO_LOG_DEFAULT(helperLog, "An administrator cleared a lock that no record owed");
         }
     }
     for (const std::string& path : seen.installed) {
@@ -89,7 +89,7 @@ std::string removedFile(const Machine& machine, const Observation& seen) {
         return seen.file == StateFile::damaged ? "Removed a damaged state file"
                                                : "Removed a state file that could not be read";
     }
-    return "Let go of the commitment of " + userText(machine, seen.commitment->uid) + " that " +
+    return "Ended the commitment of " + userText(machine, seen.commitment->uid) + " that " +
            (seen.isLive() ? "held until " : "had run out at ") +
            records::zonedDate(seen.commitment->ends(seen.now), machine.calendar);
 }
@@ -111,7 +111,7 @@ Result clear(Machine& machine, bool isGone) {
                                "the commitment up again. Remove it: " +
                                printable(machine.stateFile));
     }
-    HALVO_LOG_DEFAULT(helperLog, "An administrator let go of what was stored");
+    HALVO_LOG_DEFAULT(helperLog, "An administrator ended the stored commitment");
     return removedFile(machine, seen) + *flags + ".";
 }
 
@@ -134,7 +134,7 @@ Outcome release(Machine& machine, const ReleaseOptions& options) {
     if (!lock) {
         return failure(ExitStatus::system,
                        printable(machine.service->releaseLock) + " cannot be locked: " +
-                           errorText(lock.error().code) + ". Mend that and try again.");
+                           errorText(lock.error().code) + ". Fix that and try again.");
     }
     // A helper that runs would lock the bundle again, and store the commitment that it remembers.
     const auto stopped = machine.service->stop();

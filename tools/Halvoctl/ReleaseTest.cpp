@@ -110,11 +110,11 @@ void expectReleased(const std::vector<Row>& rows) {
     }
 }
 
-// A release that fails after the steps, and succeeds after `mend`.
+// A release that fails after the steps, and succeeds after `repair`.
 struct Failure {
     Steps steps;
     std::string problem;
-    void (*mend)(Scene&);
+    void (*repair)(Scene&);
 };
 
 class ReleaseTest : public ::testing::Test {
@@ -123,7 +123,7 @@ class ReleaseTest : public ::testing::Test {
     testing::LogCapture log;
 };
 
-const std::string ofAnn = "Let go of the commitment of ann (uid 1000) that ";
+const std::string ofAnn = "Ended the commitment of ann (uid 1000) that ";
 const std::string held = ofAnn + "held until 2025-10-09 11:55:25 +02:00; ";
 const std::string removedDamaged = "Removed a damaged state file; ";
 
@@ -134,12 +134,11 @@ TEST_F(ReleaseTest, UnlocksThenDeletesThenResumes) {
               (Changes{stopped, "unlock Halvo.app", "remove", resumed}));
     EXPECT_TRUE(fake.waiter.said.empty());
     EXPECT_FALSE(fs::exists(fake.service.releaseLock));
-    EXPECT_EQ(log.notices(), Changes{"An administrator let go of what was stored"});
+    EXPECT_EQ(log.notices(), Changes{"An administrator ended the stored commitment"});
 }
 
 TEST_F(ReleaseTest, ClearsWhatIsStored) {
-    const std::string kept =
-        "@app keeps a lock that the helper did not set (to take it off: @clear)";
+    const std::string kept = "@app keeps a lock that the helper did not set (to clear it: @clear)";
     const std::string forgotten =
         "the lock of @app is forgotten with the bundle, which is not there";
     const ReleaseOptions gone{.isBundleGone = true};
@@ -167,20 +166,20 @@ TEST_F(ReleaseTest, UnlocksOrphans) {
     const std::string off = " carried a lock that no record owed, and is unlocked";
     const std::string both = "@app" + off + "; @second" + off;
     expectReleased({{{addSecond, lock, lockSecond}, "Nothing was held; " + both}});
-    EXPECT_EQ(log.notices(), Changes(2, "An administrator took off a lock that no record owed"));
+    EXPECT_EQ(log.notices(), Changes(2, "An administrator cleared a lock that no record owed"));
     expectReleased({{{addSecond, hold, lockSecond}, held + "@app is unlocked; @second" + off},
                     {{addSecond, holdBare, lockSecond}, held + both},
                     {{addSecond, damageAll, lock, lockSecond}, removedDamaged + both}});
 }
 
 TEST_F(ReleaseTest, KeepsTheRecordWhenUnlockingFails) {
-    const std::string locked = "The lock of @app cannot be taken off";
+    const std::string locked = "The lock of @app cannot be cleared";
     const std::string why =
         ". The helper's log says why. Is its file system mounted read-only, or does this container "
-        "lack CAP_LINUX_IMMUTABLE? Mend that and try again.";
+        "lack CAP_LINUX_IMMUTABLE? Fix that and try again.";
     const std::string stored = ", so the commitment stays stored";
     const std::string away =
-        "The bundle that the helper locked is not at @app, so its lock cannot be taken off, and "
+        "The bundle that the helper locked is not at @app, so its lock cannot be cleared, and "
         "the commitment stays stored. If it lies on a disk that is not mounted, or below another "
         "mount, make it reachable and run halvoctl release again. If the bundle is gone for good: "
         "halvoctl release --bundle-gone";
@@ -204,7 +203,7 @@ TEST_F(ReleaseTest, KeepsTheRecordWhenUnlockingFails) {
         EXPECT_TRUE(machine.world.flags.isSet(machine.app));
         EXPECT_EQ(machine.world.store.stored, before);
         EXPECT_EQ(machine.world.calls.changes().back(), resumed);
-        row.mend(machine);
+        row.repair(machine);
         EXPECT_EQ(machine.released().status, ExitStatus::fine);
         EXPECT_FALSE(machine.world.flags.isSet(machine.app));
         EXPECT_TRUE(machine.world.store.isEmpty());
@@ -239,8 +238,8 @@ TEST_F(ReleaseTest, KeepsTheRecordOfABundleThatCannotBeAccessed) {
         const Outcome outcome = fake.released();
         ASSERT_EQ(seteuid(0), 0);
         EXPECT_EQ(outcome,
-                  fake.failed("@app cannot be looked at, so the commitment stays stored. Mend its "
-                              "disk and try again. If the bundle is gone for good: halvoctl "
+                  fake.failed("@app cannot be looked at, so the commitment stays stored. Repair "
+                              "its disk and try again. If the bundle is gone for good: halvoctl "
                               "release --bundle-gone"));
         EXPECT_FALSE(fake.world.store.isEmpty());
     }
@@ -315,7 +314,7 @@ TEST_F(ReleaseTest, ChangesNothingWithoutTheLock) {
     }
     fs::remove(fake.service.releaseLock);
     fs::create_directory(fake.service.releaseLock);
-    expectFailure("@lock cannot be locked: Is a directory. Mend that and try again.");
+    expectFailure("@lock cannot be locked: Is a directory. Fix that and try again.");
 }
 
 TEST_F(ReleaseTest, HoldsTheLockToTheEnd) {

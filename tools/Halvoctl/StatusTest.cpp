@@ -110,7 +110,8 @@ TEST_F(StatusTest, ComparesRecordAndFlag) {
         "disagree: The bundle is locked, but the record does not say that the helper did it -> It "
         "stays locked. To unlock it: ";
     const std::string unlocked = "agree: The bundle is not locked";
-    const std::string starts = " -> The helper lets go of it when it starts next: start-helper";
+    const std::string starts =
+        " -> The helper ends the commitment when it starts next: start-helper";
     const std::string bareHolds = "The commitment holds without a lock";
     const std::string gone = ": There is nothing at " + fake.app;
     const std::string noOther = "disagree" + gone + " -> The helper locks no other in its place.";
@@ -152,8 +153,8 @@ TEST_F(StatusTest, ComparesRecordAndFlag) {
         {over, isLocked, false, "agree: The bundle is still locked" + starts},
         {over, false, false, unlocked + starts},
         {over, false, isRunning,
-         unlocked +
-             " -> The helper lets go of it within 2 seconds, unless it has forgotten the record."},
+         unlocked + " -> The helper ends the commitment within 2 seconds, unless it no longer has "
+                    "the record in memory."},
         {overBare, isLocked, false, unsaid + unlock},
         {damaged, isLocked, false, "agree: The bundle is still locked" + starts},
         {damagedBare, isLocked, false, unsaid + unlock},
@@ -247,7 +248,7 @@ TEST_F(StatusTest, PrintsEachStateAsTextAndJSON) {
          {named +
               "Nothing holds: the time of uid 4711 has run out, but the record is still there.\n"
               "  until then  2025-10-09 10:55:00 +02:00\n",
-          "The bundle is still locked. The helper lets go of it when it starts next: "
+          "The bundle is still locked. The helper ends the commitment when it starts next: "
           "start-helper\n"},
          {{"/commitment/user", nullptr}, {"/commitment/holds", false}}},
         {[&] {
@@ -268,7 +269,7 @@ TEST_F(StatusTest, PrintsEachStateAsTextAndJSON) {
          {{"/salvaged", {{"app", "/Elsewhere/Third.app"}, {"locked", false}}},
           {"/apps/0/path", "/Elsewhere/Third.app"}}},
         {[&] { stored = UnreadableCommitment{std::nullopt, true}; },
-         {named + "The state file is damaged: what it held cannot be told.\n",
+         {named + "The state file is damaged: its commitment cannot be recovered.\n",
           file + ", damaged\n"},
          {{"/salvaged", {{"app", nullptr}, {"locked", true}}},
           {"/apps/0/path", fake.app},
@@ -277,7 +278,7 @@ TEST_F(StatusTest, PrintsEachStateAsTextAndJSON) {
              stored = NoCommitment{};
              fs::create_directories(fake.machine.stateFile);
          },
-         {named + "The state file cannot be read; the helper takes that for nothing.\n",
+         {named + "The state file cannot be read; the helper treats it as missing.\n",
           file + ", unreadable\n"},
          {{"/stateFile/condition", "unreadable"}}},
         {[&] {

@@ -23,8 +23,8 @@ open until the time is up.
 )";
 
 constexpr const char* footer =
-    R"(COMMAND --help says more about a command. Which app it is about stands in the
-Info.plist that lies with the program.
+    R"(COMMAND --help says more about a command. The app is the one named in the
+Info.plist beside the program.
 
 Exit status: 0 when it was done, 1 when doctor found a problem, 64 for a usage
 error, 71 when the system refused, 74 when the output could not be written, 77
@@ -45,11 +45,11 @@ Members of the object; dates are ISO 8601 in UTC, spans are seconds:
                  there is no such user)
   helper         "identifier", "executable", "pids" of those that run, "starts":
                  in words what starts one, null while one runs; "stopped": the pids
-                 of those that do nothing until they are told to go on (SIGCONT)
+                 of those that are stopped until SIGCONT
   now            when this was so
   salvaged       null, or what can be read of a damaged record: "app", "locked"
   stateFile      "path"; "condition" is whole, damaged, none, or unreadable, which
-                 the helper takes for none
+                 the helper treats as none
   version        of halvoctl and the helper that lies with it
 
 Example: sudo halvoctl status --json | jq .commitment.until)";
@@ -101,10 +101,10 @@ const char* nameOf(Verdict verdict) {
 
 std::string headline(const Machine& machine, const Observation& seen) {
     if (seen.file == StateFile::damaged) {
-        return "The state file is damaged: what it held cannot be told.";
+        return "The state file is damaged: its commitment cannot be recovered.";
     }
     if (seen.file == StateFile::unreadable) {
-        return "The state file cannot be read; the helper takes that for nothing.";
+        return "The state file cannot be read; the helper treats it as missing.";
     }
     if (!seen.commitment) {
         return "Nothing holds.";
@@ -244,7 +244,7 @@ Outcome run(const std::vector<std::string>& words,
     CLI::App* status = add("status", "say what holds, for whom and until when", statusFooter);
     CLI::App* doctor =
         add("doctor", "look whether everything is installed as it must be", doctorFooter);
-    CLI::App* release = add("release", "let go of what holds, as root", releaseFooter);
+    CLI::App* release = add("release", "end the commitment, as root", releaseFooter);
     for (CLI::App* command : {status, doctor}) {
         command->add_flag("--json", asJSON, "print one JSON object, with its keys sorted");
     }
@@ -271,7 +271,7 @@ Outcome run(const std::vector<std::string>& words,
     if (!(*machine)->isRoot) {
         return failure(ExitStatus::noPermission,
                        release->parsed()
-                           ? "Only root can let go of what holds. Type: sudo halvoctl release"
+                           ? "Only root can end the commitment. Type: sudo halvoctl release"
                            : "The state can only be read as root. Type: sudo halvoctl status");
     }
     if (release->parsed()) {

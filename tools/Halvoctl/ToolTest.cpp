@@ -108,7 +108,7 @@ TEST_F(ToolTest, NeedsRootAndTheIdentityOfTheApp) {
                       "The state can only be read as root. Type: sudo halvoctl status"));
     EXPECT_EQ(runWith({"release"}),
               failure(ExitStatus::noPermission,
-                      "Only root can let go of what holds. Type: sudo halvoctl release"));
+                      "Only root can end the commitment. Type: sudo halvoctl release"));
     EXPECT_TRUE(fake.world.calls.calls().empty());
     machine = std::unexpected("It is missing");
     for (const char* command : {"status", "release"}) {

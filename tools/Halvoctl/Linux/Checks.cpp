@@ -38,7 +38,7 @@ Check checkUnit(const Unit& unit, bool mustBeEnabled, bool mustBeActive) {
          {!unit.isLoaded(), finding, "Install the helper's package again."},
          {unit.active == "failed", name + " has failed: " + result,
           "Look into systemctl status " + name +
-              ", mend what it names, then: systemctl reset-failed " + name},
+              ", fix what it names, then: systemctl reset-failed " + name},
          {unit.isRestarting(), name + " ended, and systemd starts it again: " + result,
           "Look again. If it stays so, the journal says why: journalctl --unit=" + name},
          {mustBeEnabled && unit.enabled != "enabled", name + " is not enabled",
@@ -88,13 +88,14 @@ Check checkSocket(const std::string& path, bool isExpected, const std::string& r
     }
     constexpr mode_t permissions = 0777;
     constexpr mode_t allUsers = 0666;
-    return firstOf("socket",
-                   {{mode == 0, "there is none at " + path, remedy},
-                    {!S_ISSOCK(mode), path + " is no socket", "Remove it, then: " + remedy},
-                    {lstatOf(path).st_uid != 0 || (mode & permissions) != allUsers,
-                     path + " is not root's with mode 666, which lets all users call", remedy},
-                    {!isListening(path), "no process listens at " + path, remedy}},
-                   path);
+    return firstOf(
+        "socket",
+        {{mode == 0, "there is none at " + path, remedy},
+         {!S_ISSOCK(mode), path + " is not a socket", "Remove it, then: " + remedy},
+         {lstatOf(path).st_uid != 0 || (mode & permissions) != allUsers,
+          path + " is not owned by root with mode 0666, which lets all users call", remedy},
+         {!isListening(path), "no process listens at " + path, remedy}},
+        path);
 }
 
 Checks checkAppFiles(const std::string& app) {
@@ -145,9 +146,12 @@ Check checkFlagSupport(const std::string& app, bool mayLock) {
     return firstOf(
         "file system",
         {{!folder.isOpen(), shown + ": " + errorText(openError), "Install the app again."},
-         {!hasFlags, "that of " + shown + " has no immutable flag (" + errorText(flagError) + ")",
+         {!hasFlags,
+          "the file system of " + shown + " does not support the immutable flag (" +
+              errorText(flagError) + ")",
           without + "Install the app on ext4, btrfs, xfs or a tmpfs of Linux 6.6."},
-         {(mounted.f_flag & ST_RDONLY) != 0, "that of " + shown + " is mounted read-only",
+         {(mounted.f_flag & ST_RDONLY) != 0,
+          "the file system of " + shown + " is mounted read-only",
           without + "Mount it so that it can be written."},
          {!mayLock, "root may not set the immutable flag here",
           without + "Give this container the capability CAP_LINUX_IMMUTABLE."}},
@@ -163,7 +167,7 @@ Check checkGroup(const std::expected<GroupFacts, std::string>& facts) {
     const std::string name = "app's group";
     if (!facts) {
         return isProblem(name, printable(facts.error()),
-                         "The helper must read it too: mend that file.");
+                         "The helper must read it too: repair that file.");
     }
     const std::string group = printable(facts->name.value_or(""));
     if (const auto flaw = flawOf(*facts)) {
@@ -172,9 +176,9 @@ Check checkGroup(const std::expected<GroupFacts, std::string>& facts) {
             "Give the app a group of its own: groupadd --system NAME, chgrp NAME, chmod 2755.",
             "A new group may get this number, and its members could pass for the app. Install the "
             "app again, or put the group into /etc/group.",
-            "Take them out: gpasswd --delete USER " + group,
+            "Remove them: gpasswd --delete USER " + group,
             "Give the app a group of its own.",
-            "They can add members. Take them out: gpasswd --administrators '' " + group,
+            "They can add members. Remove them: gpasswd --administrators '' " + group,
             "Lock it: gpasswd --restrict " + group};
         return isProblem(name, printable(flaw->finding) + ", so the helper refuses the app",
                          advice.at(static_cast<std::size_t>(flaw->kind)));

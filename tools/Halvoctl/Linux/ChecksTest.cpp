@@ -80,7 +80,7 @@ TEST(GroupTest, HasAdviceForEachFlaw) {
     EXPECT_EQ(checkGroup(fine), isOk("app's group", "halvo-app (990) is the app's alone"));
     EXPECT_EQ(checkGroup(std::unexpected("/etc/group: Input/output\nerror")),
               isProblem("app's group", "/etc/group: Input/output\\nerror",
-                        "The helper must read it too: mend that file."));
+                        "The helper must read it too: repair that file."));
     GroupFacts facts = fine;
     facts.hasShadow = false;
     EXPECT_EQ(checkGroup(facts).finding,
@@ -93,12 +93,12 @@ TEST(GroupTest, HasAdviceForEachFlaw) {
     } const rows[] = {
         {[](GroupFacts& f) { f.members = {"ann", "ben\x1B"}; },
          "the group halvo-app has members: ann, ben\\u001b",
-         "Take them out: gpasswd --delete USER halvo-app"},
-        {[](GroupFacts& f) { f.owners = {"ann"}; }, "the group halvo-app is the own group of ann",
-         "Give the app a group of its own."},
+         "Remove them: gpasswd --delete USER halvo-app"},
+        {[](GroupFacts& f) { f.owners = {"ann"}; },
+         "the group halvo-app is the primary group of ann", "Give the app a group of its own."},
         {[](GroupFacts& f) { f.administrators = {"ann"}; },
          "the group halvo-app has administrators: ann",
-         "They can add members. Take them out: gpasswd --administrators '' halvo-app"},
+         "They can add members. Remove them: gpasswd --administrators '' halvo-app"},
         {[](GroupFacts& f) { f.shadowPassword = "$6$hash"; }, "the group halvo-app has a password",
          "Lock it: gpasswd --restrict halvo-app"},
         {[](GroupFacts& f) { f.name.reset(); }, "the group 990 has no name",
@@ -128,12 +128,13 @@ TEST(SocketCheckTest, RequiresASocketOfRootThatAllUsersMayCall) {
     EXPECT_EQ(checkSocket(path, false, "Restart."),
               isNotApplicable("socket", "the helper makes " + path + " when it runs"));
     testing::writeTestFile(path, "");
-    EXPECT_EQ(check(), isProblem("socket", path + " is no socket", "Remove it, then: Restart."));
+    EXPECT_EQ(check(), isProblem("socket", path + " is not a socket", "Remove it, then: Restart."));
     fs::remove(path);
 
     const Descriptor socket = boundSocket(path);
     ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    const std::string closed = path + " is not root's with mode 666, which lets all users call";
+    const std::string closed =
+        path + " is not owned by root with mode 0666, which lets all users call";
     EXPECT_EQ(check(), problem(closed));
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     EXPECT_EQ(check(), problem("no process listens at " + path));
@@ -158,7 +159,7 @@ TEST(ChecksTest, FindOptionalSocketsAndTheFlag) {
                 StartsWith("/nowhere/Halvo.app: No such file"));
     EXPECT_EQ(checkFlagSupport("/proc", true).verdict, Verdict::problem);
     EXPECT_THAT(checkFlagSupport("/proc", true).finding,
-                StartsWith("that of /proc has no immutable flag ("));
+                StartsWith("the file system of /proc does not support the immutable flag ("));
 }
 
 class ChecksPrivateMachineTest : public testing::PrivateMachineTest {
@@ -206,7 +207,8 @@ TEST_F(ChecksPrivateMachineTest, SeeWhetherTheHelperCanLock) {
     ASSERT_EQ(mount(nullptr, app.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID, nullptr), 0);
     EXPECT_THAT(checkAppFiles(app).front().finding, HasSubstr("mounted with nosuid"));
     ASSERT_EQ(mount(nullptr, app.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-    EXPECT_EQ(checkFlagSupport(app, true).finding, "that of " + app + " is mounted read-only");
+    EXPECT_EQ(checkFlagSupport(app, true).finding,
+              "the file system of " + app + " is mounted read-only");
     EXPECT_EQ(checkAppFiles(app).front().verdict, Verdict::ok);
     ASSERT_EQ(umount(app.c_str()), 0);
 }

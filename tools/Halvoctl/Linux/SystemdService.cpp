@@ -204,7 +204,8 @@ class SystemdService final : public Service {
         }
         if (!socket.isActive()) {
             return "The app cannot call the helper: " + socket_ +
-                   " was stopped before, and stays so. To start it: systemctl start " + socket_;
+                   " was already stopped, and stays stopped. To start it: systemctl start " +
+                   socket_;
         }
         const Done started =
             run("StartUnit", {socket_}, Seconds{10},
@@ -262,8 +263,8 @@ class SystemdService final : public Service {
     Checks examineSession(std::uint32_t uid) override {
         return {checkOptionalSocket(
             "user manager", "/run/user/" + std::to_string(uid) + "/systemd/private",
-            "their own systemd is there, and opens the app",
-            "they have no systemd of their own; the helper opens the app itself")};
+            "their systemd --user instance runs, and opens the app",
+            "they have no systemd --user instance; the helper opens the app itself")};
     }
 
   private:

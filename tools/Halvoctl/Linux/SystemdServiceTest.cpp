@@ -177,7 +177,7 @@ TEST_F(SystemdServiceTest, StopsLoadedUnitsAndStartsTheSocketAgain) {
         {{{".socket Unit.ActiveState", "inactive"}},
          asked + stopsBoth,
          notCalled + ": " + socketName +
-             " was stopped before, and stays so. To start it: systemctl start " + socketName},
+             " was already stopped, and stays stopped. To start it: systemctl start " + socketName},
         {{{".service Unit.ActiveState", "failed"}}, asked + stopsBoth + starts, ""},
         {noSocket, asked + stopsService, ""},
         {nothing, asked, ""},
@@ -317,7 +317,7 @@ TEST_F(SystemdServiceTest, ChecksEachUnit) {
         {".service",
          {{"ActiveState", "failed"}},
          "has failed: success",
-         "Look into systemctl status @, mend what it names, then: systemctl reset-failed @"},
+         "Look into systemctl status @, fix what it names, then: systemctl reset-failed @"},
         {".service",
          {{"ActiveState", "activating"}, {"SubState", "auto-restart"}},
          "ended, and systemd starts it again: success",
