@@ -231,7 +231,7 @@ TEST(MemoryLimitTest, ReadsALongMountTableInBoundedMemory) {
                                     Place::socket, "status"}})
                   .status,
               Reply::refused);
-    EXPECT_TRUE(helper.says("error: Refused a caller: its executable lies on no mount*"));
+    EXPECT_TRUE(helper.says("error: Refused a caller: its executable's mount is not in*"));
     EXPECT_TRUE(helper.isRunning());
     EXPECT_EQ(world.end(), Reply::yes);
     for (int i = 0; i < mounts; ++i) {
