@@ -17,6 +17,7 @@
 #include "HalvoHelper/ArgumentVector.hpp"
 #include "HalvoHelper/OpenAsUser.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
+#include "HalvoHelperCore/HelperIdentity.hpp"
 #include "HalvoPlatform/Bundle.hpp"
 #include "HalvoPlatform/ErrorText.hpp"
 #include "HalvoPlatform/Paths.hpp"
