@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -401,7 +402,8 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseWhereTheKernelDoesNotHonourTheBit) {
     const Descriptor onMount = connectionOfApp();
     EXPECT_EQ(verdictOn(onMount.get()), "admitted");
     // "rw,nosuid", and with options after it.
-    for (const int others : {int{MS_STRICTATIME}, MS_NODEV | MS_NOEXEC | MS_NOATIME}) {
+    for (const unsigned long others :
+         std::initializer_list<unsigned long>{MS_STRICTATIME, MS_NODEV | MS_NOEXEC | MS_NOATIME}) {
         ASSERT_EQ(mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID | others,
                         nullptr),
                   0);
