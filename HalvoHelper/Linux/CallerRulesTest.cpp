@@ -111,6 +111,13 @@ TEST_F(AccountFilesTest, IsPrivate) {
     EXPECT_EQ(root->hasShadow, geteuid() == 0);
 }
 
+// Of such a line, nsswitch.conf(5)'s "compat", the C library gives no password: a null pointer.
+TEST_F(AccountFilesTest, MayHaveALineThatRefersToNIS) {
+    write("group", "+\nroot:x:0:\n");
+    write("gshadow", "+\nroot:*::\n");
+    EXPECT_EQ(problem(0), "the group 0 is root's");
+}
+
 TEST_F(AccountFilesTest, HasNoMembersOwnersOrPassword) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, who alone looks at the shadow";
