@@ -5,6 +5,16 @@ include(GoogleTest)
 add_custom_target(UnitTests)
 add_custom_target(ThreadTests)
 
+# halvo_add_command_test(NAME COMMAND WORD... [PROPERTIES NAME VALUE...])
+#
+# Adds a test that is a command of its own: a script, or a program that is no test executable. Exit status 125 means that it
+# cannot run here.
+function(halvo_add_command_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "COMMAND;PROPERTIES")
+    add_test(NAME ${name} COMMAND ${arg_COMMAND})
+    set_tests_properties(${name} PROPERTIES TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 ${arg_PROPERTIES})
+endfunction()
+
 # halvo_set_test_options(NAME): the compile options of a test executable.
 #
 # Without optimisation: tests are compiled once and run once; the code under test has its usual options. With precompiled
@@ -64,7 +74,7 @@ endfunction()
 #
 # Lets ctest run each test of the executable by itself, except suites with "PrivateMachine" in their name, which need their
 # own accounts, /Applications folder and console. PRIVATE_MACHINE lists how their names begin; ctest runs all that begin so
-# as one test, in its own scripts/private-machine. Exit status 125 means that it cannot run here.
+# as one test, in its own scripts/private-machine.
 function(halvo_register_tests name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "PREFIX;FILTER" "PRIVATE_MACHINE;PROPERTIES")
     if(NOT arg_FILTER)
@@ -79,11 +89,9 @@ function(halvo_register_tests name)
         TEST_FILTER "${arg_FILTER}"
         PROPERTIES TIMEOUT ${HALVO_TEST_LIMIT} ${arg_PROPERTIES})
     foreach(suite IN LISTS arg_PRIVATE_MACHINE)
-        add_test(NAME ${suite}PrivateMachineTest
+        halvo_add_command_test(${suite}PrivateMachineTest
             COMMAND ${PROJECT_SOURCE_DIR}/scripts/private-machine --writable ${PROJECT_BINARY_DIR}
-                -- $<TARGET_FILE:${name}> --gtest_filter=*${suite}*PrivateMachine*)
-        set_tests_properties(${suite}PrivateMachineTest PROPERTIES
-            TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 FAIL_REGULAR_EXPRESSION "Running 0 tests"
-            ${arg_PROPERTIES})
+                -- $<TARGET_FILE:${name}> --gtest_filter=*${suite}*PrivateMachine*
+            PROPERTIES FAIL_REGULAR_EXPRESSION "Running 0 tests" ${arg_PROPERTIES})
     endforeach()
 endfunction()

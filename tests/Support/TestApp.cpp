@@ -43,7 +43,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sysexits.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -65,6 +64,7 @@
 #include <vector>
 
 #include "HalvoHelper/ArgumentVector.hpp"
+#include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/TestBundle.hpp"
 
 namespace {
@@ -102,11 +102,9 @@ const char* text(bool value) { return value ? "true" : "false"; }
 // ------------------------------------------------------------------------------------- connections
 
 int connection() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    helperSocket.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto address = halvo::socketAddress(helperSocket);
     const int number = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (::connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (!address || ::connect(number, halvo::generic(*address), sizeof *address) != 0) {
         throw Failure{"not-running", EX_UNAVAILABLE};
     }
     return number;
