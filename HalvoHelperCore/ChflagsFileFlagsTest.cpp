@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,8 +14,8 @@
 #include <vector>
 
 #include "HalvoHelperCore/ChflagsFileFlags.hpp"
-#include "HalvoPlatform/Descriptor.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/InodeFlags.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -27,8 +26,11 @@ namespace {
 
 using namespace std::string_literals;
 using testing::Fault;
+using testing::inodeFlags;
+using testing::isLockable;
 using testing::LogCapture;
 using testing::PrivateMount;
+using testing::setInodeFlags;
 using testing::SystemCall;
 using testing::TemporaryFolder;
 using testing::writeTestFile;
@@ -36,28 +38,14 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* needsMount = "needs the permission to mount a file system";
 
-// The flags of the inode, as the kernel keeps them.
-int inodeFlags(const std::string& path) {
-    const Descriptor item(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    int flags = 0;
-    EXPECT_EQ(ioctl(item.get(), FS_IOC_GETFLAGS, &flags), 0);
-    return flags;
-}
-
-bool setInodeFlags(const std::string& path, int flags) {
-    const Descriptor item(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return ioctl(item.get(), FS_IOC_SETFLAGS, &flags) == 0;
-}
-
 // On the real kernel.
 class ChflagsFileFlagsTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
-        if (setItemFlags(path, ItemFlag::systemImmutable).refused != 0) {
+        if (!isLockable(path)) {
             GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
         }
-        ASSERT_EQ(setItemFlags(path, 0).refused, 0);
     }
 
     LogCapture log;
@@ -168,8 +156,8 @@ TEST_F(ChflagsFileFlagsTest, ASymbolicLinkIsLookedAtItselfAndNotLocked) {
 }
 
 TEST_F(ChflagsFileFlagsTest, ChangesTheOneFlagThatLinuxHasAndKeepsAllOthers) {
-    ASSERT_TRUE(setInodeFlags(path, inodeFlags(path) | FS_NOATIME_FL | FS_NODUMP_FL));
-    const int before = inodeFlags(path);
+    ASSERT_TRUE(setInodeFlags(path, inodeFlags(path).value() | FS_NOATIME_FL | FS_NODUMP_FL));
+    const int before = inodeFlags(path).value();
     EXPECT_EQ(itemFlags(path), 0U);
     ASSERT_EQ(setItemFlags(path, ItemFlag::systemImmutable).refused, 0);
     EXPECT_EQ(itemFlags(path), ItemFlag::systemImmutable);
@@ -246,10 +234,9 @@ TEST_F(ChflagsFileFlagsTest, LocksOnTmpfs) {
     if (!mount.isMounted()) {
         GTEST_SKIP() << needsMount;
     }
-    if (setItemFlags(path, ItemFlag::systemImmutable).refused != 0) {
+    if (!isLockable(path)) {
         GTEST_SKIP() << "needs a kernel (6.6) whose tmpfs has file flags";
     }
-    ASSERT_EQ(setItemFlags(path, 0).refused, 0);
     expectLockable(path);
 }
 

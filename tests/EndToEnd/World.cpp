@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
 #include <linux/stat.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,7 +16,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/InodeFlags.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -170,11 +168,7 @@ bool isLocked(const std::string& path) {
 }
 
 void setLockedByHand(bool locked, const std::string& path) {
-    const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    int flags = 0;
-    ASSERT_EQ(ioctl(item.get(), FS_IOC_GETFLAGS, &flags), 0) << path << ": " << strerror(errno);
-    flags = locked ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    ASSERT_EQ(ioctl(item.get(), FS_IOC_SETFLAGS, &flags), 0) << path << ": " << strerror(errno);
+    ASSERT_TRUE(setImmutable(locked, path)) << path << ": " << strerror(errno);
 }
 
 bool exists(const std::string& path) {

@@ -16,6 +16,7 @@
 #include "HalvoHelperCore/HelperEngine.hpp"
 #include "HalvoHelperCore/RecordedLocks.hpp"
 #include "tests/Support/FaultInjection.hpp"
+#include "tests/Support/InodeFlags.hpp"
 #include "tests/Support/LogCapture.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -118,8 +119,7 @@ class CrashStates {
 class CrashStateTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (setItemFlags(app, ItemFlag::systemImmutable).refused != 0 ||
-            setItemFlags(app, 0).refused != 0) {
+        if (!testing::isLockable(app)) {
             GTEST_SKIP() << "needs root and a file system with file flags for temporary files";
         }
         trace.emplace();
