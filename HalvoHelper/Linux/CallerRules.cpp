@@ -350,8 +350,7 @@ std::optional<std::string> CallerRules::problemOfBundle(const std::string& execu
     const std::string path = Bundle(*bundle).infoPath();
     if (const auto problem = RootOwnedPath::examine(path)) {
         const int code = problem->code;
-        return code == 0 || code == ENOENT || code == ENOTDIR ? isOther
-                                                              : failed(cannotBeRead, code);
+        return code == 0 || code == ENOENT ? isOther : failed(cannotBeRead, code);
     }
     const auto file = FileStamp::of(path.c_str());
     Info& known = infos_[path];

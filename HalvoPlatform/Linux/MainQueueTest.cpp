@@ -237,6 +237,8 @@ TEST(MainQueueTest, RunsTheTerminationForEverySIGTERM) {
 // How a child ends that sends itself `signal` from its queue.
 ChildResult afterSignal(int signal, bool isAskedFor) {
     return testing::runInChild([=] {
+        // A shell's background jobs ignore SIGINT.
+        std::signal(signal, SIG_DFL);
         MainQueue& queue = liveMainQueue();
         if (isAskedFor) {
             queue.onTermination([&queue] { queue.exit(75); });
