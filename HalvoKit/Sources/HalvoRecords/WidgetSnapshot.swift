@@ -246,6 +246,14 @@ public struct WidgetMoment: Sendable, Hashable, Flat {
         (self.today, self.week, self.breathe, self.focusMinutes) = (today, week, breathe, focusMinutes)
     }
 
+    /// The moment at `date` when there is no snapshot.
+    public static func empty(at date: Date) -> WidgetMoment {
+        WidgetMoment(
+            date: date, state: .noBlocks, isRunning: false, blockCount: 0,
+            today: .init(start: date, breaths: 0, minutesBreathed: 0, stayedOff: 0), week: [],
+            breathe: .init(style: "", minutes: 0), focusMinutes: 0)
+    }
+
     /// The focus run that counts down at `date`; `nil` when nothing runs, and when the state is not a focus, is open-ended or
     /// over.
     public var focus: WidgetSnapshot.Running? { certain(halvo_moment_focus, self) }
