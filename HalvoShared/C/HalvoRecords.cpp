@@ -9,6 +9,7 @@
 #include <exception>
 #include <expected>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
@@ -47,8 +48,6 @@ auto membersOf(T& record) {
         return std::tie(record.style, record.minutes);
     } else if constexpr (std::is_empty_v<Record>) {
         return std::tie();
-    } else if constexpr (requires { std::tuple_size<Record>::value; }) {
-        return record;
     } else {
         return record.members();
     }
@@ -93,18 +92,12 @@ struct FlatWriter {
     std::string bytes;
 };
 
-// Why a function has no result.
-struct Failure {
-    std::string path;
-    std::string problem;
-};
-
 [[noreturn]] void failWith(std::string path, std::string problem) {
     // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
-    throw Failure{std::move(path), std::move(problem)};
+    throw JSON::Error{JSON::Error::Kind::BadValue, std::move(path), std::move(problem)};
 }
 
-// Reads what a caller has written, who may be wrong. Throws Failure.
+// Reads what a caller has written, who may be wrong. Throws JSON::Error.
 class FlatReader {
   public:
     explicit FlatReader(HalvoValues values)
@@ -208,8 +201,8 @@ HalvoReply call(HalvoValues values, Function function, Result (*)(Arguments...))
             std::apply([&](auto&... argument) { (reader.get(argument), ...); }, arguments);
             reader.expectEnd();
             return replyOf(false, std::apply(function, arguments));
-        } catch (const Failure& failure) {
-            return replyOf(true, failure.path, failure.problem);
+        } catch (const JSON::Error& error) {
+            return replyOf(true, error.path, error.problem);
         }
     } catch (...) {
         // The functions throw nothing else.
@@ -284,8 +277,10 @@ auto kinds() {
     return std::array{Kind::status, Kind::breathe, Kind::breatheControl, Kind::focusControl};
 }
 
-auto launchArguments() {
-    return std::pair(LaunchReason::relaunchArgument, LaunchReason::afterQuitArguments);
+std::vector<std::string_view> launchArguments() {
+    std::vector<std::string_view> all{LaunchReason::relaunchArgument};
+    std::ranges::copy(LaunchReason::afterQuitArguments, std::back_inserter(all));
+    return all;
 }
 
 HalvoLink::Screen screenOf(std::string_view url) { return HalvoLink::reading(url).screen; }
@@ -295,10 +290,9 @@ std::string urlOf(const HalvoLink::Screen& screen, const std::optional<std::stri
     return scheme ? link.url(*scheme) : link.url();
 }
 
-// Fails with the sentence `text` about the file at `path`, with which it may begin.
+// Fails with the text about the file at `path`, which begins with that.
 [[noreturn]] void failAbout(const std::string& path, const std::string& text) {
-    const std::string start = path + ": ";
-    failWith(path, text.starts_with(start) ? text.substr(start.size()) : text);
+    failWith(path, text.substr(path.size() + 2));
 }
 
 std::string contentOf(const std::string& path) {
@@ -312,10 +306,10 @@ std::string contentOf(const std::string& path) {
 std::tuple<> storeFile(const std::string& path, std::string_view bytes) {
     try {
         shared_file::store(path, bytes);
+        return {};
     } catch (const SharedFileError& error) {
         failAbout(path, error.what());
     }
-    return {};
 }
 
 std::tuple<> removeFile(const std::string& path) {

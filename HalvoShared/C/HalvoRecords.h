@@ -59,77 +59,54 @@ typedef struct HalvoReply {
 // Frees what a reply holds. Each reply exactly once; one of zeros is allowed.
 void halvo_free(HalvoReply reply) HALVO_NOEXCEPT;
 
-// All functions below fail when the arguments are not what is said here: too few, too many, or out
-// of the range of their type.
+// From arguments to the result, as each function says: ARGUMENTS -> RESULT. All fail when the
+// arguments are not what is said there: too few, too many, or out of the range of their type.
+typedef HalvoReply HalvoFunction(HalvoValues arguments) HALVO_NOEXCEPT;
 
-// --- WidgetSnapshot.hpp
+// --- WidgetSnapshot.hpp; a zone is the name of a time zone, a limit is a number without sign
 
-// text -> WidgetSnapshot. Decodes JSON; fails as JSON::decode().
-HalvoReply halvo_snapshot_decode(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetSnapshot -> text. Encodes it; fails as JSON::encode().
-HalvoReply halvo_snapshot_encode(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> text. The path of WidgetSnapshot::file().
-HalvoReply halvo_snapshot_file(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> list of texts. WidgetSnapshot::Kind: status, breathe, breatheControl, focusControl.
-HalvoReply halvo_snapshot_kinds(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetSnapshot, date -> State. WidgetSnapshot::state().
-HalvoReply halvo_snapshot_state(HalvoValues arguments) HALVO_NOEXCEPT;
-// State -> optional Running. WidgetSnapshot::countdown().
-HalvoReply halvo_snapshot_countdown(HalvoValues arguments) HALVO_NOEXCEPT;
-// Day -> bool. WidgetSnapshot::Day::isEmpty().
-HalvoReply halvo_snapshot_day_is_empty(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetSnapshot, list of dates, text -> list of WidgetMoment. WidgetSnapshot::moment() at each of
-// the dates in the time zone with that name; fails as GregorianCalendar::named().
-HalvoReply halvo_snapshot_moments(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetSnapshot, date, text, span, whole number without sign -> list of dates.
-// WidgetSnapshot::timelineDates() in the time zone with that name; fails as
-// GregorianCalendar::named().
-HalvoReply halvo_snapshot_timeline_dates(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetSnapshot, list of dates, date -> date. WidgetSnapshot::reloadDate().
-HalvoReply halvo_snapshot_reload_date(HalvoValues arguments) HALVO_NOEXCEPT;
-// WidgetMoment -> optional Running. WidgetMoment::focus().
-HalvoReply halvo_moment_focus(HalvoValues arguments) HALVO_NOEXCEPT;
+HalvoFunction halvo_snapshot_decode;     // text of JSON -> WidgetSnapshot; fails as JSON::decode()
+HalvoFunction halvo_snapshot_encode;     // WidgetSnapshot -> text of JSON; fails as JSON::encode()
+HalvoFunction halvo_snapshot_file;       // -> text: the path of WidgetSnapshot::file()
+HalvoFunction halvo_snapshot_kinds;      // -> list of texts: the members of Kind, in their order
+HalvoFunction halvo_snapshot_state;      // WidgetSnapshot, date -> State: state()
+HalvoFunction halvo_snapshot_countdown;  // State -> optional Running: countdown()
+HalvoFunction halvo_snapshot_day_is_empty;  // Day -> bool: Day::isEmpty()
+// WidgetSnapshot, list of dates, text: zone -> list of WidgetMoment: moment() at each of the dates;
+// fails as GregorianCalendar::named()
+HalvoFunction halvo_snapshot_moments;
+// WidgetSnapshot, date, text: zone, span, limit -> list of dates: timelineDates(); fails as
+// GregorianCalendar::named()
+HalvoFunction halvo_snapshot_timeline_dates;
+HalvoFunction halvo_snapshot_reload_date;  // WidgetSnapshot, list of dates, date -> date
+HalvoFunction halvo_moment_focus;          // WidgetMoment -> optional Running: focus()
 
 // --- KeepAliveState.hpp
 
-// text -> KeepAliveState. Decodes JSON; fails as JSON::decode().
-HalvoReply halvo_keep_alive_decode(HalvoValues arguments) HALVO_NOEXCEPT;
-// KeepAliveState -> text. Encodes it; fails as JSON::encode().
-HalvoReply halvo_keep_alive_encode(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> text. The path of KeepAliveState::file().
-HalvoReply halvo_keep_alive_file(HalvoValues arguments) HALVO_NOEXCEPT;
-// KeepAliveState, date -> bool. KeepAliveState::shouldRelaunch().
-HalvoReply halvo_keep_alive_should_relaunch(HalvoValues arguments) HALVO_NOEXCEPT;
-// KeepAliveState, bool, date -> bool. KeepAliveState::wasBypassed().
-HalvoReply halvo_keep_alive_was_bypassed(HalvoValues arguments) HALVO_NOEXCEPT;
-// KeepAliveState, text -> bool. KeepAliveState::mayOpen().
-HalvoReply halvo_keep_alive_may_open(HalvoValues arguments) HALVO_NOEXCEPT;
+HalvoFunction halvo_keep_alive_decode;  // text of JSON -> KeepAliveState; fails as JSON::decode()
+HalvoFunction halvo_keep_alive_encode;  // KeepAliveState -> text of JSON; fails as JSON::encode()
+HalvoFunction halvo_keep_alive_file;    // -> text: the path of KeepAliveState::file()
+HalvoFunction halvo_keep_alive_should_relaunch;  // KeepAliveState, date -> bool
+HalvoFunction halvo_keep_alive_was_bypassed;     // KeepAliveState, bool, date -> bool
+HalvoFunction halvo_keep_alive_may_open;         // KeepAliveState, text -> bool
 
-// --- HalvoLink.hpp; a link is its Screen, a variant, whose Breathe is a record
+// --- HalvoLink.hpp; a link is its Screen, whose Breathe is a record
 
-// text -> link. HalvoLink::reading().
-HalvoReply halvo_link_reading(HalvoValues arguments) HALVO_NOEXCEPT;
-// link, optional text -> text. HalvoLink::url() under that scheme, or else that of the app.
-HalvoReply halvo_link_url(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> text. HalvoLink::scheme(), which reads the main bundle's Info.plist.
-HalvoReply halvo_link_scheme(HalvoValues arguments) HALVO_NOEXCEPT;
+HalvoFunction halvo_link_reading;  // text -> link: reading()
+HalvoFunction halvo_link_url;  // link, optional text: scheme -> text: url(), of scheme() if absent
+HalvoFunction halvo_link_scheme;  // -> text: scheme(), which reads the Info.plist
 
 // --- AppGroup.hpp, SharedFile.hpp, LaunchReason.hpp
 
-// -> optional text. AppGroup::identifier(), which reads the main bundle's Info.plist.
-HalvoReply halvo_group_identifier(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> text. AppGroup::container(), which makes the folder.
-HalvoReply halvo_group_container(HalvoValues arguments) HALVO_NOEXCEPT;
-// text -> text. The content of the file at that path, as SharedFile::load() reads it; fails as that
-// does.
-HalvoReply halvo_file_read(HalvoValues arguments) HALVO_NOEXCEPT;
-// text, text -> nothing. Replaces the file at that path by the second text, as SharedFile::write();
-// fails as that does.
-HalvoReply halvo_file_store(HalvoValues arguments) HALVO_NOEXCEPT;
-// text -> nothing. SharedFile::remove() of the file at that path.
-HalvoReply halvo_file_remove(HalvoValues arguments) HALVO_NOEXCEPT;
-// -> text, list of texts. LaunchReason: relaunchArgument, afterQuitArguments.
-HalvoReply halvo_launch_arguments(HalvoValues arguments) HALVO_NOEXCEPT;
+HalvoFunction halvo_group_identifier;  // -> optional text: identifier(), which reads the Info.plist
+HalvoFunction halvo_group_container;   // -> text: container(), which makes the folder
+// text: path -> text: the file's content, which SharedFile::load() would decode; fails as that does
+HalvoFunction halvo_file_read;
+// text: path, text -> nothing: makes that the file's content, as SharedFile::write(); fails
+// likewise
+HalvoFunction halvo_file_store;
+HalvoFunction halvo_file_remove;       // text: path -> nothing: SharedFile::remove()
+HalvoFunction halvo_launch_arguments;  // -> list of texts: relaunchArgument, afterQuitArguments
 
 #ifdef __cplusplus
 }

@@ -2,8 +2,10 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "HalvoShared/C/HalvoRecords.h"
@@ -16,9 +18,9 @@ namespace {
 using testing::readTestFile;
 using testing::TemporaryFolder;
 
-using Function = HalvoReply (*)(HalvoValues) noexcept;
+using Function = HalvoFunction*;
 
-const char* const mistaken = "The arguments are not those of the function";
+const std::string mistaken = "|The arguments are not those of the function";
 
 // Values that a caller makes, or has been handed.
 struct Flat {
@@ -46,8 +48,6 @@ struct Flat {
     [[nodiscard]] HalvoValues values() const {
         return {words.data(), words.size(), bytes.data(), bytes.size()};
     }
-
-    bool operator==(const Flat&) const = default;
 
     std::vector<std::uint64_t> words;
     std::string bytes;
@@ -79,6 +79,8 @@ constexpr double nine = 1795165200;
 
 class HalvoRecordsTest : public ::testing::Test {
   protected:
+    HalvoRecordsTest() { setenv("XDG_DATA_HOME", folder.path().c_str(), 1); }
+
     struct Case {
         Function function;
         Flat arguments;
@@ -135,7 +137,7 @@ TEST_F(HalvoRecordsTest, PassesRecordsInBothDirections) {
 TEST_F(HalvoRecordsTest, AcceptsNullWhereThereIsNothing) {
     halvo_free({});
     EXPECT_EQ(Result(halvo_link_scheme, HalvoValues{}).bytes, "halvo");
-    EXPECT_EQ(Result(halvo_link_reading, HalvoValues{}).failure(), "|" + std::string(mistaken));
+    EXPECT_EQ(Result(halvo_link_reading, HalvoValues{}).failure(), mistaken);
     const std::uint64_t empty = 0;
     const Result link(halvo_link_reading, HalvoValues{&empty, 1, nullptr, 0});
     EXPECT_EQ(link.words, std::vector<std::uint64_t>{4}) << "main";
@@ -143,27 +145,18 @@ TEST_F(HalvoRecordsTest, AcceptsNullWhereThereIsNothing) {
 
 TEST_F(HalvoRecordsTest, FailsWithThePathAndTheProblem) {
     const std::string missing = folder / "missing/file";
-
-    struct Row {
-        Function function;
-        Flat arguments;
-        std::string failure;
-    };
-
     Flat late = state;
     late.words.back() = std::bit_cast<std::uint64_t>(1e300);
-    for (const auto& [function, arguments, failure] : std::vector<Row>{
+    for (const auto& [function, arguments, failure] :
+         std::vector<std::tuple<Function, Flat, std::string>>{
              {halvo_keep_alive_decode, Flat() + R"({"pid":"7"})",
               R"(pid|Expected a whole number of 32 bits, found "7")"},
              {halvo_snapshot_decode, Flat() + "[]", "|Expected an object, found a list"},
              {halvo_keep_alive_encode, late, "updatedAt|is not a date of the years 0 to 9999"},
              {halvo_snapshot_moments, snapshot + std::uint64_t{0} + "GMT+0200",
               "|no time zone is named \"GMT+0200\""},
-             {halvo_snapshot_timeline_dates, snapshot + nine + "" + 60.0 + std::uint64_t{1},
-              "|no time zone is named \"\""},
              {halvo_file_read, Flat() + missing, missing + "|No such file or directory"},
-             {halvo_file_store, Flat() + missing + "text",
-              missing + "|No such file or directory"}}) {
+             {halvo_file_store, Flat() + missing + "x", missing + "|No such file or directory"}}) {
         EXPECT_EQ(Result(function, arguments).failure(), failure);
     }
 }
@@ -172,11 +165,11 @@ TEST_F(HalvoRecordsTest, RefusesArgumentsThatAreNotThoseOfTheFunction) {
     for (const auto& [function, arguments] : cases()) {
         EXPECT_EQ(Result(function, arguments).failure(), "");
         const Flat more = arguments + std::uint64_t{0};
-        EXPECT_EQ(Result(function, more).failure(), "|" + std::string(mistaken));
+        EXPECT_EQ(Result(function, more).failure(), mistaken);
         HalvoValues fewer = arguments.values();
         while (fewer.wordCount > 0) {
             --fewer.wordCount;
-            EXPECT_EQ(Result(function, fewer).failure(), "|" + std::string(mistaken));
+            EXPECT_EQ(Result(function, fewer).failure(), mistaken);
         }
         // A number that is no count, no index, no size: refused, or a number.
         for (std::size_t i = 0; i < arguments.words.size(); ++i) {

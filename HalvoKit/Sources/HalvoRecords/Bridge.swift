@@ -4,8 +4,8 @@ internal import HalvoRecordsC
 
 /// A value that is passed to C++ and back. Each conformance has its parts in the same order as C++ has them.
 protocol Flat {
-    init(from reader: inout FlatReader)
-    func put(into writer: inout FlatWriter)
+    init(from flat: inout FlatReader)
+    func put(into flat: inout FlatWriter)
 }
 
 /// Reads what the library has written, which is of the same build: words that do not fit end the process.
@@ -19,6 +19,8 @@ struct FlatReader {
     }
 
     mutating func next<T: Flat>() -> T { T(from: &self) }
+
+    mutating func all<each T: Flat>() -> (repeat each T) { (repeat (each T)(from: &self)) }
 
     mutating func word() -> UInt64 { words.next()! }
 
@@ -78,83 +80,83 @@ func certain<each Argument: Flat, Result: Flat>(
 
 /// The result of a function that has none.
 struct Nothing: Flat {
-    init(from reader: inout FlatReader) {}
-    func put(into writer: inout FlatWriter) {}
+    init(from flat: inout FlatReader) {}
+    func put(into flat: inout FlatWriter) {}
 }
 
 extension Bool: Flat {
-    init(from reader: inout FlatReader) { self = reader.word() == 1 }
-    func put(into writer: inout FlatWriter) { writer.put(self ? 1 : 0) }
+    init(from flat: inout FlatReader) { self = flat.word() == 1 }
+    func put(into flat: inout FlatWriter) { flat.put(self ? 1 : 0) }
 }
 
 extension Flat where Self: FixedWidthInteger {
-    init(from reader: inout FlatReader) { self.init(truncatingIfNeeded: reader.word()) }
-    func put(into writer: inout FlatWriter) { writer.put(UInt64(truncatingIfNeeded: self)) }
+    init(from flat: inout FlatReader) { self.init(truncatingIfNeeded: flat.word()) }
+    func put(into flat: inout FlatWriter) { flat.put(UInt64(truncatingIfNeeded: self)) }
 }
 
 extension Int: Flat {}
 extension Int32: Flat {}
 
 extension Flat where Self: RawRepresentable, RawValue == Int {
-    init(from reader: inout FlatReader) { self.init(rawValue: reader.next())! }
-    func put(into writer: inout FlatWriter) { writer.put(rawValue) }
+    init(from flat: inout FlatReader) { self.init(rawValue: flat.next())! }
+    func put(into flat: inout FlatWriter) { flat.put(rawValue) }
 }
 
 /// A span.
 extension Double: Flat {
-    init(from reader: inout FlatReader) { self.init(bitPattern: reader.word()) }
-    func put(into writer: inout FlatWriter) { writer.put(bitPattern) }
+    init(from flat: inout FlatReader) { self.init(bitPattern: flat.word()) }
+    func put(into flat: inout FlatWriter) { flat.put(bitPattern) }
 }
 
 extension Date: Flat {
-    init(from reader: inout FlatReader) { self.init(timeIntervalSince1970: reader.next()) }
-    func put(into writer: inout FlatWriter) { timeIntervalSince1970.put(into: &writer) }
+    init(from flat: inout FlatReader) { self.init(timeIntervalSince1970: flat.next()) }
+    func put(into flat: inout FlatWriter) { timeIntervalSince1970.put(into: &flat) }
 }
 
 extension String: Flat {
-    init(from reader: inout FlatReader) { self.init(decoding: reader.text(), as: UTF8.self) }
-    func put(into writer: inout FlatWriter) { writer.put(text: utf8) }
+    init(from flat: inout FlatReader) { self.init(decoding: flat.text(), as: UTF8.self) }
+    func put(into flat: inout FlatWriter) { flat.put(text: utf8) }
 }
 
 extension Data: Flat {
-    init(from reader: inout FlatReader) { self.init(reader.text()) }
-    func put(into writer: inout FlatWriter) { writer.put(text: self) }
+    init(from flat: inout FlatReader) { self.init(flat.text()) }
+    func put(into flat: inout FlatWriter) { flat.put(text: self) }
 }
 
 extension UUID: Flat {
-    init(from reader: inout FlatReader) {
-        self.init(uuid: unsafeBitCast((reader.word(), reader.word()), to: uuid_t.self))
+    init(from flat: inout FlatReader) {
+        self.init(uuid: unsafeBitCast((flat.word(), flat.word()), to: uuid_t.self))
     }
 
-    func put(into writer: inout FlatWriter) {
+    func put(into flat: inout FlatWriter) {
         let words = unsafeBitCast(uuid, to: (UInt64, UInt64).self)
-        writer.put(words.0)
-        writer.put(words.1)
+        flat.put(words.0)
+        flat.put(words.1)
     }
 }
 
 extension Optional: Flat where Wrapped: Flat {
-    init(from reader: inout FlatReader) { self = reader.word() == 1 ? .some(reader.next()) : .none }
+    init(from flat: inout FlatReader) { self = flat.word() == 1 ? .some(flat.next()) : .none }
 
-    func put(into writer: inout FlatWriter) {
-        writer.put(self == nil ? 0 : 1)
-        self?.put(into: &writer)
+    func put(into flat: inout FlatWriter) {
+        flat.put(self == nil ? 0 : 1)
+        self?.put(into: &flat)
     }
 }
 
 extension Array: Flat where Element: Flat {
-    init(from reader: inout FlatReader) {
-        let count = Int(reader.word())
+    init(from flat: inout FlatReader) {
+        let count = Int(flat.word())
         self.init(unsafeUninitializedCapacity: count) { elements, made in
             while made < count {
-                elements.initializeElement(at: made, to: reader.next())
+                elements.initializeElement(at: made, to: flat.next())
                 made += 1
             }
         }
     }
 
-    func put(into writer: inout FlatWriter) {
-        writer.put(UInt64(count))
-        for element in self { element.put(into: &writer) }
+    func put(into flat: inout FlatWriter) {
+        flat.put(UInt64(count))
+        for element in self { element.put(into: &flat) }
     }
 }

@@ -30,16 +30,16 @@ public enum HalvoLink: Sendable, Hashable {
 }
 
 extension HalvoLink: Flat {
-    init(from reader: inout FlatReader) {
-        let index = Int(reader.word())
-        self = index == 0 ? .breathe(style: reader.next(), minutes: reader.next()) : Self.plain[index - 1]
+    init(from flat: inout FlatReader) {
+        let index = Int(flat.word())
+        self = index == 0 ? .breathe(style: flat.next(), minutes: flat.next()) : Self.plain[index - 1]
     }
 
-    func put(into writer: inout FlatWriter) {
+    func put(into flat: inout FlatWriter) {
         if case .breathe(let style, let minutes) = self {
-            writer.put(0, style, minutes)
+            flat.put(0, style, minutes)
         } else {
-            writer.put(1 + Self.plain.firstIndex(of: self)!)
+            flat.put(1 + Self.plain.firstIndex(of: self)!)
         }
     }
 

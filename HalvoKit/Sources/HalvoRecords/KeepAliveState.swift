@@ -47,8 +47,7 @@ public struct KeepAliveState: SharedRecord, Hashable, Flat {
     public func mayOpen(fromBin path: String) -> Bool { certain(halvo_keep_alive_may_open, self, path) }
 
     init(from flat: inout FlatReader) {
-        (pid, appPath, clean, commitmentUntil) = (flat.next(), flat.next(), flat.next(), flat.next())
-        (ultraHard, appReleased, bypassNoted, updatedAt) = (flat.next(), flat.next(), flat.next(), flat.next())
+        (pid, appPath, clean, commitmentUntil, ultraHard, appReleased, bypassNoted, updatedAt) = flat.all()
     }
 
     func put(into flat: inout FlatWriter) {

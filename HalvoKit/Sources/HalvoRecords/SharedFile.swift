@@ -31,13 +31,13 @@ public struct SharedFile<Record: SharedRecord>: Sendable, Hashable {
     /// The record. Throws the file's path and the reason, also for a file longer than 1 MiB.
     public func load() throws(RecordError) -> Record {
         let json: Data = try call(halvo_file_read, path)
-        return try about(path) { () throws(RecordError) in try Record(json: json) }
+        return try explained { () throws(RecordError) in try Record(json: json) }
     }
 
     /// Replaces the file atomically, with the permissions 0600. The folder must exist. Throws the file's path and the
     /// reason when the record has no JSON, is longer than 1 MiB, or cannot be written; a whole file is there in any case.
     public func write(_ record: Record) throws(RecordError) {
-        let json = try about(path) { () throws(RecordError) in try record.json() }
+        let json = try explained { () throws(RecordError) in try record.json() }
         let _: Nothing = try call(halvo_file_store, path, json)
     }
 
@@ -48,7 +48,8 @@ public struct SharedFile<Record: SharedRecord>: Sendable, Hashable {
 
     private var path: String { url.path(percentEncoded: false) }
 
-    private func about<T>(_ path: String, _ action: () throws(RecordError) -> T) throws(RecordError) -> T {
+    /// Puts the file's path before a failure of the record.
+    private func explained<T>(_ action: () throws(RecordError) -> T) throws(RecordError) -> T {
         do { return try action() } catch { throw RecordError(path: path, problem: error.description) }
     }
 }
@@ -66,17 +67,9 @@ public enum AppGroup {
 /// The app's launch arguments.
 public enum LaunchReason {
     /// Followed by `YES`: the app was quit and is relaunched.
-    public static let relaunchArgument = arguments.relaunch
+    public static let relaunchArgument = all[0]
     /// The arguments of the process that the app leaves running after it has quit.
-    public static let afterQuitArguments = arguments.afterQuit
+    public static let afterQuitArguments = Array(all.dropFirst())
 
-    private static let arguments: Arguments = certain(halvo_launch_arguments)
-
-    private struct Arguments: Flat {
-        let relaunch: String
-        let afterQuit: [String]
-
-        init(from reader: inout FlatReader) { (relaunch, afterQuit) = (reader.next(), reader.next()) }
-        func put(into writer: inout FlatWriter) { writer.put(relaunch, afterQuit) }
-    }
+    private static let all: [String] = certain(halvo_launch_arguments)
 }

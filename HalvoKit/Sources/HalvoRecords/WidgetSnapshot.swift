@@ -23,17 +23,16 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
         public var color, symbol: String
 
         public init(color: String, symbol: String) { (self.color, self.symbol) = (color, symbol) }
-        init(from flat: inout FlatReader) { self.init(color: flat.next(), symbol: flat.next()) }
+        init(from flat: inout FlatReader) { (color, symbol) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(color, symbol) }
     }
 
     /// A pause of what runs.
     public struct Unlock: Sendable, Hashable, Flat {
-        public var name: String
-        public var end: Date
+        public var name: String, end: Date
 
         public init(name: String, end: Date) { (self.name, self.end) = (name, end) }
-        init(from flat: inout FlatReader) { self.init(name: flat.next(), end: flat.next()) }
+        init(from flat: inout FlatReader) { (name, end) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(name, end) }
     }
 
@@ -50,11 +49,7 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
             (self.level, self.listNames, self.unlock) = (level, listNames, unlock)
         }
 
-        init(from flat: inout FlatReader) {
-            (name, names, look, start, end) = (flat.next(), flat.next(), flat.next(), flat.next(), flat.next())
-            (level, listNames, unlock) = (flat.next(), flat.next(), flat.next())
-        }
-
+        init(from flat: inout FlatReader) { (name, names, look, start, end, level, listNames, unlock) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(name, names, look, start, end, level, listNames, unlock) }
     }
 
@@ -66,10 +61,7 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
             (self.name, self.look, self.start, self.end, self.level) = (name, look, start, end, level)
         }
 
-        init(from flat: inout FlatReader) {
-            (name, look, start, end, level) = (flat.next(), flat.next(), flat.next(), flat.next(), flat.next())
-        }
-
+        init(from flat: inout FlatReader) { (name, look, start, end, level) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(name, look, start, end, level) }
     }
 
@@ -105,11 +97,10 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
 
     /// The state from `start` until the next phase.
     public struct Phase: Sendable, Hashable, Flat {
-        public var start: Date
-        public var state: State
+        public var start: Date, state: State
 
         public init(start: Date, state: State) { (self.start, self.state) = (start, state) }
-        init(from flat: inout FlatReader) { self.init(start: flat.next(), state: flat.next()) }
+        init(from flat: inout FlatReader) { (start, state) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(start, state) }
     }
 
@@ -126,20 +117,16 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
         /// Whether all counts are zero.
         public var isEmpty: Bool { certain(halvo_snapshot_day_is_empty, self) }
 
-        init(from flat: inout FlatReader) {
-            (start, breaths, minutesBreathed, stayedOff) = (flat.next(), flat.next(), flat.next(), flat.next())
-        }
-
+        init(from flat: inout FlatReader) { (start, breaths, minutesBreathed, stayedOff) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(start, breaths, minutesBreathed, stayedOff) }
     }
 
     /// The settings of the breathing exercise.
     public struct Breath: Sendable, Hashable, Flat {
-        public var style: String
-        public var minutes: Int
+        public var style: String, minutes: Int
 
         public init(style: String, minutes: Int) { (self.style, self.minutes) = (style, minutes) }
-        init(from flat: inout FlatReader) { self.init(style: flat.next(), minutes: flat.next()) }
+        init(from flat: inout FlatReader) { (style, minutes) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(style, minutes) }
     }
 
@@ -148,7 +135,7 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
         public var id: UUID, name: String, look: Look
 
         public init(id: UUID, name: String, look: Look) { (self.id, self.name, self.look) = (id, name, look) }
-        init(from flat: inout FlatReader) { self.init(id: flat.next(), name: flat.next(), look: flat.next()) }
+        init(from flat: inout FlatReader) { (id, name, look) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(id, name, look) }
     }
 
@@ -161,11 +148,7 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
             (self.isEnabled, self.isRunning) = (isEnabled, isRunning)
         }
 
-        init(from flat: inout FlatReader) {
-            (id, name, look, level) = (flat.next(), flat.next(), flat.next(), flat.next())
-            (isEnabled, isRunning) = (flat.next(), flat.next())
-        }
-
+        init(from flat: inout FlatReader) { (id, name, look, level, isEnabled, isRunning) = flat.all() }
         func put(into flat: inout FlatWriter) { flat.put(id, name, look, level, isEnabled, isRunning) }
     }
 
@@ -220,9 +203,7 @@ public struct WidgetSnapshot: SharedRecord, Hashable, Flat {
     public func reloadDate(after dates: [Date], now: Date) -> Date { certain(halvo_snapshot_reload_date, self, dates, now) }
 
     init(from flat: inout FlatReader) {
-        (writtenAt, isRunning, blockCount, phases) = (flat.next(), flat.next(), flat.next(), flat.next())
-        (horizon, days, breathe, focusMinutes) = (flat.next(), flat.next(), flat.next(), flat.next())
-        (lists, blocks) = (flat.next(), flat.next())
+        (writtenAt, isRunning, blockCount, phases, horizon, days, breathe, focusMinutes, lists, blocks) = flat.all()
     }
 
     func put(into flat: inout FlatWriter) {
@@ -259,8 +240,7 @@ public struct WidgetMoment: Sendable, Hashable, Flat {
     public var focus: WidgetSnapshot.Running? { certain(halvo_moment_focus, self) }
 
     init(from flat: inout FlatReader) {
-        (date, state, isRunning, blockCount) = (flat.next(), flat.next(), flat.next(), flat.next())
-        (today, week, breathe, focusMinutes) = (flat.next(), flat.next(), flat.next(), flat.next())
+        (date, state, isRunning, blockCount, today, week, breathe, focusMinutes) = flat.all()
     }
 
     func put(into flat: inout FlatWriter) {
