@@ -75,17 +75,17 @@ struct FlatWriter {
             }
         } else if constexpr (requires { value.valueless_by_exception(); }) {
             words.push_back(value.index());
-            std::visit([this](const auto& chosen) { put(chosen); }, value);
+            std::visit([&](const auto& chosen) { put(chosen); }, value);
         } else if constexpr (std::ranges::range<T>) {
             words.push_back(value.size());
-            std::ranges::for_each(value, [this](const auto& element) { put(element); });
+            std::ranges::for_each(value, [&](const auto& element) { put(element); });
         } else {
             putAll(membersOf(value));
         }
     }
 
     void putAll(const auto& values) {
-        std::apply([this](const auto&... value) { (put(value), ...); }, values);
+        std::apply([&](const auto&... value) { (put(value), ...); }, values);
     }
 
     std::vector<std::uint64_t> words;
@@ -132,14 +132,14 @@ class FlatReader {
         } else if constexpr (std::ranges::range<T>) {
             // Each element has a word at least.
             value.resize(numberUpTo(words_.size()));
-            std::ranges::for_each(value, [this](auto& element) { get(element); });
+            std::ranges::for_each(value, [&](auto& element) { get(element); });
         } else {
             getAll(membersOf(value));
         }
     }
 
     void getAll(const auto& values) {
-        std::apply([this](auto&... value) { (get(value), ...); }, values);
+        std::apply([&](auto&... value) { (get(value), ...); }, values);
     }
 
     template <class... Cases>
