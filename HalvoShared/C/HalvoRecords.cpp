@@ -186,9 +186,9 @@ HalvoReply replyOf(bool isFailure, const Values&... values) {
 
 // Allocates nothing.
 HalvoReply noMemory() {
-    static constexpr std::string_view problem = "There is not enough memory";
-    static constexpr Words sizes{0, problem.size()};
-    return {{sizes.data(), sizes.size(), problem.data(), problem.size()}, true, nullptr};
+    static constexpr const char* problem = "There is not enough memory";
+    static constexpr Words sizes{0, std::char_traits<char>::length(problem)};
+    return {{sizes.data(), sizes.size(), problem, sizes[1]}, true, nullptr};
 }
 
 // The reply of `function` to arguments of the types that the last parameter has.
@@ -197,6 +197,7 @@ HalvoReply call(HalvoValues values, Function function, Result (*)(Arguments...))
     try {
         try {
             FlatReader reader(values);
+            // NOLINTNEXTLINE(misc-const-correctness): of functions that have some.
             std::tuple<std::decay_t<Arguments>...> arguments;
             std::apply([&](auto&... argument) { (reader.get(argument), ...); }, arguments);
             reader.expectEnd();
@@ -256,6 +257,7 @@ std::vector<WidgetMoment> momentsAt(const WidgetSnapshot& snapshot,
                                     const std::vector<WallDate>& dates, const std::string& zone) {
     const GregorianCalendar calendar = calendarOf(zone);
     std::vector<WidgetMoment> moments;
+    moments.reserve(dates.size());
     for (const WallDate date : dates) {
         moments.push_back(snapshot.moment(date, calendar));
     }

@@ -20,6 +20,7 @@
 // change a file.
 #pragma once
 
+// NOLINTBEGIN(modernize-deprecated-headers,modernize-use-using): this is C.
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -111,3 +112,4 @@ HalvoFunction halvo_launch_arguments;  // -> list of texts: relaunchArgument, af
 #ifdef __cplusplus
 }
 #endif
+// NOLINTEND(modernize-deprecated-headers,modernize-use-using)
