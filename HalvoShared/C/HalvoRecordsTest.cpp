@@ -147,6 +147,8 @@ TEST_F(HalvoRecordsTest, FailsWithThePathAndTheProblem) {
     const std::string missing = folder / "missing/file";
     Flat late = state;
     late.words.back() = std::bit_cast<std::uint64_t>(1e300);
+    Flat great = state;
+    great.words.front() = std::uint64_t{1} << 31U;
     for (const auto& [function, arguments, failure] :
          std::vector<std::tuple<Function, Flat, std::string>>{
              {halvo_keep_alive_decode, Flat() + R"({"pid":"7"})",
@@ -155,6 +157,9 @@ TEST_F(HalvoRecordsTest, FailsWithThePathAndTheProblem) {
              {halvo_keep_alive_encode, late, "updatedAt|is not a date of the years 0 to 9999"},
              {halvo_snapshot_moments, snapshot + std::uint64_t{0} + "GMT+0200",
               "|no time zone is named \"GMT+0200\""},
+             {halvo_snapshot_countdown, Flat() + std::uint64_t{6}, mistaken},
+             {halvo_keep_alive_was_bypassed, state + std::uint64_t{2} + nine, mistaken},
+             {halvo_keep_alive_encode, great, mistaken},
              {halvo_file_read, Flat() + missing, missing + "|No such file or directory"},
              {halvo_file_store, Flat() + missing + "x", missing + "|No such file or directory"}}) {
         EXPECT_EQ(Result(function, arguments).failure(), failure);
