@@ -1,6 +1,7 @@
 #include "tests/Support/MallocCount.hpp"
 
 #include <atomic>
+#include <cerrno>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -13,6 +14,14 @@
 namespace {
 
 std::atomic<std::size_t> allocations{0};
+std::atomic<std::size_t> failing{0};
+
+// Counts an allocation. Whether it is to fail.
+[[maybe_unused]] bool isFailing() {
+    const bool fails = ++allocations == failing;
+    errno = fails ? ENOMEM : errno;
+    return fails;
+}
 
 }  // namespace
 
@@ -40,24 +49,18 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
-void* malloc(std::size_t size) noexcept {
-    ++allocations;
-    return __libc_malloc(size);
-}
+void* malloc(std::size_t size) noexcept { return isFailing() ? nullptr : __libc_malloc(size); }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-    ++allocations;
-    return __libc_calloc(count, size);
+    return isFailing() ? nullptr : __libc_calloc(count, size);
 }
 
 void* realloc(void* memory, std::size_t size) noexcept {
-    ++allocations;
-    return __libc_realloc(memory, size);
+    return isFailing() ? nullptr : __libc_realloc(memory, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-    ++allocations;
-    return __libc_memalign(alignment, size);
+    return isFailing() ? nullptr : __libc_memalign(alignment, size);
 }
 }
 
@@ -66,6 +69,8 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
 namespace halvo::testing {
 
 std::size_t mallocsMade() { return allocations; }
+
+void failMalloc(std::size_t number) { failing = allocations + number; }
 
 std::size_t bytesAllocated() {
 #ifdef HALVO_SANITIZED_ALLOCATOR
