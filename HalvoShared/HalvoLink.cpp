@@ -24,10 +24,9 @@ constexpr auto valueCharacters = urls::pchars + '/' + '?' - '&' - '=';
 // "[" and "]" are valid only in hosts that are not a screen: encoded, these lead to Main too.
 constexpr auto urlCharacters = urls::pchars + '/' + '?';
 
-constexpr urls::grammar::hexdig_chars_t hexDigits;
-
 bool isEscape(std::string_view text) {
-    return text.size() >= 3 && text[0] == '%' && hexDigits(text[1]) && hexDigits(text[2]);
+    return text.size() >= 3 && text[0] == '%' && urls::grammar::hexdig_chars(text[1]) &&
+           urls::grammar::hexdig_chars(text[2]);
 }
 
 // Boost.URL 1.81 accepts a path right after a host or port, without a "/": "halvo://today:port" and

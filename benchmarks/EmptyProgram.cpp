@@ -15,7 +15,7 @@ int main() {
     sd_bus_unref(bus);
     plist_t list = nullptr;
     const std::string text = "<plist version=\"1.0\"><dict/></plist>";
-    plist_from_memory(text.data(), static_cast<unsigned>(text.size()), &list);
+    plist_from_xml(text.data(), static_cast<unsigned>(text.size()), &list);
     plist_free(list);
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     // Longer than the small-string buffer, so that the C++ library allocates.

@@ -21,7 +21,11 @@ constexpr std::size_t infoLimit = std::size_t{1} << 17U;
 // `bytes` are at most infoLimit.
 std::optional<InfoDictionary> parsePropertyList(const std::string& bytes) {
     plist_t raw = nullptr;
-    plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+    const auto length = static_cast<std::uint32_t>(bytes.size());
+    // Not plist_from_memory(): in libplist 2.6 it reads other formats too, and has another type.
+    const auto parse =
+        plist_is_binary(bytes.data(), length) != 0 ? &plist_from_bin : &plist_from_xml;
+    parse(bytes.data(), length, &raw);
     const std::unique_ptr<void, decltype(&plist_free)> root(raw, &plist_free);
     if (root == nullptr || plist_get_node_type(root.get()) != PLIST_DICT) {
         return std::nullopt;

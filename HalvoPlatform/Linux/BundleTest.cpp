@@ -39,7 +39,7 @@ std::string dictionary(const std::string& members) { return xml("<dict>" + membe
 // The same property list in Apple's binary form.
 std::string binary(const std::string& text) {
     plist_t raw = nullptr;
-    plist_from_memory(text.data(), static_cast<std::uint32_t>(text.size()), &raw);
+    plist_from_xml(text.data(), static_cast<std::uint32_t>(text.size()), &raw);
     const std::unique_ptr<void, decltype(&plist_free)> root(raw, &plist_free);
     char* bytes = nullptr;
     std::uint32_t length = 0;

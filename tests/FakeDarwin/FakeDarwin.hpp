@@ -164,6 +164,9 @@ void endAt(double seconds);
 // Serves the main queue for `seconds` (0: only what is due) on a new thread, and returns.
 void serve(double seconds);
 
+// Lets `seconds` pass in a turn of the main queue: timers become due, and wait.
+void keepBusy(double seconds);
+
 // Delivers `signal` to the signal sources that monitor it. False when there is none.
 bool raise(int signal);
 

@@ -430,6 +430,15 @@ void addLinkOptions(CLI::App& command, Call& call) {
         ->needs(to);
 }
 
+// CLI::Range, with a text that does not depend on CLI11's version.
+template <class Number>
+auto range(Number least, Number greatest) {
+    const std::string bounds = std::to_string(least) + " to " + std::to_string(greatest);
+    return [within = CLI::Range(least, greatest), bounds](const std::string& word) {
+        return within(word).empty() ? "" : "Value " + word + " not in range " + bounds;
+    };
+}
+
 void addTimelineOptions(CLI::App& command, Call& call) {
     const auto readFrom = [&call](const std::string& word) -> std::expected<WallDate, std::string> {
         if (const auto date = word == "now" ? call.now : RFC3339::parse(word)) {
@@ -448,11 +457,11 @@ void addTimelineOptions(CLI::App& command, Call& call) {
         .add_option("--span", call.span,
                     "for how long minutes are counted down: seconds, or\n5m, 2h, 1d; else 1h")
         ->transform(asSeconds.description(""))
-        ->check(CLI::Range(std::int64_t{0}, longestSpan).description(""))
+        ->check(range(std::int64_t{0}, longestSpan))
         ->type_name("SPAN");
     constexpr std::size_t mostDates = 10000;
     command.add_option("--limit", call.limit, "at most so many dates, from 1 to 10000; else 60")
-        ->check(CLI::Range(std::size_t{1}, mostDates).description(""))
+        ->check(range(std::size_t{1}, mostDates))
         ->type_name("N");
 }
 

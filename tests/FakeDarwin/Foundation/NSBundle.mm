@@ -23,10 +23,10 @@ id objectOf(plist_t node) {
     return fake::stringOf({text, length});
 }
 
-// The dictionary of a property list in any format; nil when it has none.
+// The dictionary of an XML property list; nil when it has none.
 NSDictionary<NSString*, id>* dictionaryOf(const std::string& propertyList) {
     plist_t root = nullptr;
-    plist_from_memory(propertyList.data(), static_cast<std::uint32_t>(propertyList.size()), &root);
+    plist_from_xml(propertyList.data(), static_cast<std::uint32_t>(propertyList.size()), &root);
     const std::unique_ptr<void, decltype(&plist_free)> owner(root, plist_free);
     if (plist_get_node_type(root) != PLIST_DICT) {
         return nil;

@@ -134,12 +134,13 @@ void fire(const SourcePointer& source) {
     enqueue(source);
 }
 
-// Advances time to the next event of the script or timer that is due by `last`, events first. False
-// when there is none.
+// Advances time to the next event of the script or the next timers that are due by `last`, events
+// first. False when there is none.
 bool passTime(Uptime last) {
     const auto event = state().events.begin();
-    const auto timer = std::ranges::min_element(state().sources, {}, dueOf);
     const Uptime eventDue = event == state().events.end() ? never : event->first;
+    const auto nextTimer = [] { return std::ranges::min_element(state().sources, {}, dueOf); };
+    auto timer = nextTimer();
     const Uptime timerDue = timer == state().sources.end() ? never : dueOf(*timer);
     if (std::min(eventDue, timerDue) > last || std::min(eventDue, timerDue) == never) {
         return false;
@@ -148,7 +149,10 @@ bool passTime(Uptime last) {
     if (eventDue <= timerDue) {
         runElsewhere(state().events.extract(event).mapped());
     } else {
-        fire(*timer);
+        // All that are due, before any turn of them.
+        for (; dueOf(*timer) <= state().uptime; timer = nextTimer()) {
+            fire(*timer);
+        }
     }
     return true;
 }
@@ -218,6 +222,8 @@ void serve(double seconds) {
     serveUntil([=] { return last; });
     moveClock(last);
 }
+
+void keepBusy(double seconds) { moveClock(fromNow(seconds)); }
 
 bool raise(int signal) {
     bool isWatched = false;
