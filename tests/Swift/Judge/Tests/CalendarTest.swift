@@ -1,0 +1,82 @@
+import Foundation
+import Testing
+
+private let day = 86_400
+
+private func date(_ instant: Int) -> Date { Date(timeIntervalSince1970: Double(instant)) }
+private func instant(_ date: Date) -> Int { Int(date.timeIntervalSince1970) }
+
+struct CalendarTest {
+    /// Foundation has data of its own about time zones: only those are judged whose offsets are equal from 1970 to 2040.
+    @Test func agreesAroundEachTransition() async throws {
+        let zones = try equalZones()
+        try #require(zones.count >= 300)
+        let seen: Set<Pattern> = try await withThrowingTaskGroup(of: Set<Pattern>.self) { group in
+            for (zone, transitions) in zones { group.addTask { try differences(zone, transitions) } }
+            return try await group.reduce(into: Set()) { $0.formUnion($1) }
+        }
+        #expect(seen == [.dayComesBack])
+    }
+
+    /// The zones with their transitions. One that is the same in several zones, with all others within ten days of it, is
+    /// listed in the first.
+    private func equalZones() throws -> [(TimeZone, [Int])] {
+        let ours = try Ours()
+        var known: Set<[Int]> = []
+        return try TimeZone.knownTimeZoneIdentifiers.compactMap { name -> (TimeZone, [Int])? in
+            let numbers = try ours.answer("zone", Data(name.utf8)).split(separator: " ").map { try #require(Int($0)) }
+            let changes = stride(from: 0, to: numbers.count, by: 2).map { (begin: numbers[$0], offset: numbers[$0 + 1]) }
+            guard let zone = TimeZone(identifier: name), !changes.isEmpty else { return nil }
+            var transitions: [Int] = []
+            for (change, next) in zip(changes, changes.dropFirst()) {
+                let span = (change.begin..<next.begin).clamped(to: 0..<2_208_988_800)
+                guard !span.isEmpty else { continue }
+                for instant in [Int](stride(from: span.lowerBound, to: span.upperBound, by: 7 * day)) + [span.upperBound - 1] {
+                    guard zone.secondsFromGMT(for: date(instant)) == change.offset else { return nil }
+                }
+                guard next.begin == span.upperBound else { break }
+                let near = changes.filter { (next.begin - 10 * day..<next.begin + 10 * day).contains($0.begin) }
+                let isNew = known.insert([change.offset] + near.flatMap { [$0.begin, $0.offset] }).inserted
+                transitions += isNew ? [next.begin] : []
+            }
+            return (zone, transitions)
+        }
+    }
+
+    private func differences(_ zone: TimeZone, _ transitions: [Int]) throws -> Set<Pattern> {
+        var calendar = Calendar(identifier: .gregorian)
+        calendar.timeZone = zone
+        let instants = transitions.flatMap { transition in
+            let today = calendar.dateInterval(of: .day, for: date(transition))!
+            return [-day, 1800 - day, -1, 0, 1, day - 1800, day].map { transition + $0 } + [instant(today.start), instant(today.end)]
+        }
+        let question = ([zone.identifier] + instants.map(String.init)).joined(separator: " ")
+        let answers = try Ours().answer("days", Data(question.utf8)).split(separator: "\n")
+        try #require(answers.count == instants.count)
+        var seen: Set<Pattern> = []
+        for (instant, answer) in zip(instants, answers) {
+            let ours = answer.split(separator: " ").map { Int($0) }, theirs = foundation(instant, calendar)
+            if ours != theirs {
+                // Nothing but the second number may differ.
+                let isLater = ours[1]! > instant && instant >= theirs[1]!
+                try #require(isLater && [ours[0]] + ours[2...] == [theirs[0]] + theirs[2...], "\(zone) \(instant): \(answer)")
+                seen.insert(.dayComesBack)
+            }
+        }
+        return seen
+    }
+
+    /// What JudgeAnswers answers about an instant.
+    private func foundation(_ now: Int, _ calendar: Calendar) -> [Int?] {
+        let today = calendar.startOfDay(for: date(now))
+        let moved = (-8...8).map { calendar.date(byAdding: .day, value: $0, to: date(now))! }
+        let records = (1...9).map { date(now + ($0 - 8) * day) }
+        let starts = records.map(calendar.startOfDay)
+        let week = (-6...0).flatMap { back -> [Int] in
+            let date = calendar.date(byAdding: .day, value: back, to: today)!
+            let record = starts.lastIndex(of: calendar.startOfDay(for: date))
+            return [instant(record.map { records[$0] } ?? date), record.map { $0 + 1 } ?? 0]
+        }
+        return ([today, calendar.dateInterval(of: .day, for: date(now))!.end] + moved).map(instant) + week
+    }
+}
