@@ -10,7 +10,6 @@
 #include <sstream>
 #include <string>
 #include <utility>
-#include <variant>
 
 #include "HalvoPlatform/Time.hpp"
 #include "HalvoShared/GregorianCalendar.hpp"
@@ -34,16 +33,10 @@ std::string answerRecord(const std::string& text) {
     return std::string("-") + kinds.at(std::to_underlying(error.kind)) + " " + error.path;
 }
 
-// "SCHEME\nURL": screen, minutes, "=" and style, the link's own URL, with NUL bytes between them.
+// "SCHEME\nURL": the URL, under that scheme, of the link that the other URL leads to.
 std::string answerLink(const std::string& question) {
     const std::size_t end = question.find('\n');
-    const HalvoLink link = HalvoLink::reading(question.substr(end + 1));
-    const auto* exercise = std::get_if<HalvoLink::Breathe>(&link.screen);
-    const auto value = exercise == nullptr ? HalvoLink::Breathe{} : *exercise;
-    std::string answer(link.name());
-    answer.append(1, '\0').append(value.minutes ? std::to_string(*value.minutes) : "");
-    answer.append(1, '\0').append(value.style ? "=" + *value.style : "");
-    return answer.append(1, '\0').append(link.url(question.substr(0, end)));
+    return HalvoLink::reading(question.substr(end + 1)).url(question.substr(0, end));
 }
 
 // A zone's name: "INSTANT OFFSET " for each of its transitions; nothing when there is no such zone.

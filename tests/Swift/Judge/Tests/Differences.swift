@@ -2,138 +2,112 @@
 
 /// Differences that too many texts or instants show to list them all.
 enum Pattern {
-    /// Foundation reads dates that it never writes (see below): a record is refused rather than guessed at.
-    case dateForm
-    /// Foundation reads a UUID with a blank or sign in place of a digit: no writer makes one.
-    case idForm
-    /// The path of a bad date or number ends before its key in Foundation: ours leads the person to it.
+    /// Foundation reads dates and UUIDs that nobody writes: see below.
+    case form
+    /// Foundation's path of a bad date or number ends before its key: ours leads the person to it.
     case path
-    /// Of equal members the first counts for Foundation, the last for ours: as RFC 8259, 4 finds in most implementations.
+    /// Of equal members the first counts for Foundation: see below.
     case firstMember
-    /// Foundation encodes the "%" of all escapes of a text that is no URL as it stands: ours only what must be encoded.
+    /// Plain structs have no default for a member that is missing: ours has, for files from before that member.
+    case olderFile
+    /// Foundation encodes each "%" of a text that is no URL as it stands, also of escapes: ours encodes only what must be.
     case escapes
-    /// Foundation takes a NUL byte for a character to be encoded: ours refuses it anywhere, since C functions end there.
+    /// Foundation encodes a NUL byte: ours refuses it anywhere, since functions of C end there.
     case zeroByte
-    /// Foundation accepts "://host" and a user with "@": RFC 3986, 3.1 and 3.2.1 have neither, so ours is the main window.
+    /// Foundation accepts "://host", and "@" in a user: RFC 3986, 3.1 and 3.2.1, does not, so ours is the main window.
     case notURL
-    /// Where a day comes back after midnight, its end in Foundation is the first midnight, which has passed: the timeline
-    /// needs a date in the future, so ours is the second one.
-    case dayComesBack
+    /// Where an evening comes back after midnight, it ends at the first midnight for Foundation, which has passed: a
+    /// timeline needs a later one, so for ours it ends at the second.
+    case eveningComesBack
 }
 
-/// Values of one member, which both sides read alike unless listed.
+/// Values of a member, separated by " | ".
 struct Member: Sendable {
     var kind: String, key: String
     /// The record, with "@" for the value.
     var text: String
-    var agreed: [String]
-    var different: [Difference]
+    /// What both sides read alike, or refuse.
+    var agreed: String
+    /// By the reason: "VALUE -> OURS -> FOUNDATION'S", with "-" for a text that is refused.
+    var different: [String: String] = [:]
 }
 
-struct Difference: Sendable {
-    var why: String
-    /// The text, what ours reads in it and what Foundation does; "-" for a text that is refused.
-    var shown: [(String, String, String)]
-}
-
-private func keepAlive(appPath: String = "", updatedAt: String = "2026-01-01T00:00:00Z", end: String = "}") -> String {
-    #"{"appPath":"\#(appPath)","clean":false,"pid":1,"ultraHard":true,"updatedAt":"\#(updatedAt)""# + end
-}
-
-private func snapshot(number: String = "1", id: String = "00000000-0000-4000-8000-0000000000FF") -> String {
-    #"{"blockCount":\#(number),"blocks":[],"breathe":{"minutes":5,"style":""},"days":[],"focusMinutes":1,"horizon":"#
-        + #""2026-11-21T09:00:00Z","isRunning":true,"lists":[{"id":"\#(id)","look":{"color":"","symbol":""},"name":""}],"#
-        + #""phases":[],"writtenAt":"2026-11-20T08:59:55Z"}"#
-}
+private let snapshot = #"{"blockCount":NUMBER,"blocks":[],"breathe":{"minutes":5,"style":""},"days":[],"focusMinutes":1,"horizon":"#
+    + #""2026-11-21T09:00:00Z","isRunning":true,"lists":[{"id":"ID","look":{"color":"","symbol":""},"name":""}],"phases":[],"#
+    + #""writtenAt":"2026-11-20T08:59:55Z"}"#
 
 let members = [
     Member(
-        kind: "keepalive", key: "updatedAt", text: keepAlive(updatedAt: "@"),
-        agreed: [
-            "2024-02-29T00:00:00Z", "2000-02-29T23:59:59Z", "1582-10-15T00:00:00Z", "9999-12-31T23:59:59Z",
-            "2026-01-01T00:00:00+05:30", "2026-01-01T00:00:00-05:30", "2026-01-01T00:00:00-00:00", "2026-01-01T00:00:00+18:00",
-            "2026-01-01T00:00:00", "2026-01-01t00:00:00Z", "2026-01-01 00:00:00Z", " 2026-01-01T00:00:00Z", "2026-01-01T00:00Z",
-            "2026-02-32T00:00:00Z", "2026-13-01T00:00:00Z", "2026-00-01T00:00:00Z", "2026-01-00T00:00:00Z", "",
-            "20260101T000000Z", "-001-01-01T00:00:00Z", "+2026-01-01T00:00:00Z", "2026-01-01T00:00:00+24:00",
-            "٢٠٢٦-01-01T00:00:00Z",
-        ],
+        kind: "keepalive", key: "updatedAt", text: #"{"appPath":"","clean":true,"pid":1,"ultraHard":true,"updatedAt":"@"}"#,
+        agreed: """
+            2024-02-29T00:00:00Z | 2000-02-29T23:59:59Z | 1582-10-15T00:00:00Z | 9999-12-31T23:59:59Z | 2023-02-32T00:00:00Z \
+            | 2026-01-01T00:00:00+05:30 | 2026-01-01T00:00:00-05:30 | 2026-01-01T00:00:00-00:00 | 2026-01-01T00:00:00+18:00 \
+            | 2026-01-01T00:00:00 | 2026-01-01t00:00:00Z | 2026-01-01 00:00:00Z |  2026-01-01T00:00:00Z | 2026-01-01T00:00Z \
+            | 2026-13-01T00:00:00Z | 2026-00-01T00:00:00Z | 2026-01-00T00:00:00Z | 20260101T000000Z | -001-01-01T00:00:00Z \
+            | +2026-01-01T00:00:00Z | 2026-01-01T00:00:00+24:00 | ٢٠٢٦-01-01T00:00:00Z |\u{20}
+            """,
         different: [
-            Difference(why: "no such day or time: a record is refused rather than guessed at", shown: [
-                ("2023-02-29T00:00:00Z", "-", "2023-03-01T00:00:00Z"), ("2026-04-31T00:00:00Z", "-", "2026-05-01T00:00:00Z"),
-                ("2026-01-01T24:00:00Z", "-", "2026-01-02T00:00:00Z"), ("2026-01-01T23:60:00Z", "-", "2026-01-02T00:00:00Z"),
-                ("2016-12-31T23:59:60Z", "-", "2017-01-01T00:00:00Z"), ("2026-01-01T00:00:00+14:60", "-", "2025-12-31T09:00:00Z"),
-            ]),
-            Difference(why: "not the one form that is written", shown: [
-                ("2026-01-01T00:00:00.5Z", "-", "2026-01-01T00:00:00Z"), ("2026-01-01T00:00:00z", "-", "2026-01-01T00:00:00Z"),
-                ("2026-1-1T0:0:0Z", "-", "2026-01-01T00:00:00Z"), ("2026-01-01T00:00:00Z ", "-", "2026-01-01T00:00:00Z"),
-                ("2026-01-01T00:00:00+0530", "-", "2025-12-31T18:30:00Z"), ("2026-01-01T00:00:00+05", "-", "2025-12-31T19:00:00Z"),
-                ("2026-01-01T00:00:00GMT+1", "-", "2025-12-31T23:00:00Z"), ("226-01-01T00:00:00Z", "-", "0226-01-01T00:00:00Z"),
-            ]),
-            Difference(why: "not in the years 0 to 9999 of RFC 3339", shown: [
-                ("10000-01-01T00:00:00Z", "-", "10000-01-01T00:00:00Z"),
-                ("9999-12-31T23:59:59-01:00", "-", "10000-01-01T00:59:59Z"),
-                ("0000-01-01T00:00:00+01:00", "-", "-0001-12-31T23:00:00Z"),
-            ]),
-            Difference(why: "RFC 3339 has offsets up to 23:59", shown: [
-                ("2026-01-01T00:00:00+18:01", "2025-12-31T05:59:00Z", "-"),
-            ]),
-            Difference(why: "ISO 8601 has the Gregorian calendar at all times, Foundation the Julian one before 1582-10-15", shown: [
-                ("1582-10-10T00:00:00Z", "1582-10-10T00:00:00Z", "1582-10-20T00:00:00Z"),
-                ("1500-02-29T00:00:00Z", "-", "1500-02-29T00:00:00Z"),
-            ]),
+            "no such day or time: refused rather than guessed at":
+                "2023-02-29T00:00:00Z -> - -> 2023-03-01T00:00:00Z | 2026-04-31T00:00:00Z -> - -> 2026-05-01T00:00:00Z"
+                + " | 2026-01-01T24:00:00Z -> - -> 2026-01-02T00:00:00Z | 2026-01-01T23:60:00Z -> - -> 2026-01-02T00:00:00Z"
+                + " | 2016-12-31T23:59:60Z -> - -> 2017-01-01T00:00:00Z | 2026-01-01T00:00:00+14:60 -> - -> 2025-12-31T09:00:00Z",
+            "not the form that both sides write":
+                "2026-01-01T00:00:00.5Z -> - -> 2026-01-01T00:00:00Z | 2026-01-01T00:00:00z -> - -> 2026-01-01T00:00:00Z"
+                + " | 2026-1-1T0:0:0Z -> - -> 2026-01-01T00:00:00Z | 2026-01-01T00:00:00Z  -> - -> 2026-01-01T00:00:00Z"
+                + " | 2026-01-01T00:00:00+0530 -> - -> 2025-12-31T18:30:00Z",
+            "not in the years of RFC 3339, 0 to 9999, in UTC":
+                "10000-01-01T00:00:00Z -> - -> 10000-01-01T00:00:00Z | 9999-12-31T23:59:59-01:00 -> - -> 10000-01-01T00:59:59Z"
+                + " | 0000-01-01T00:00:00+01:00 -> - -> -0001-12-31T23:00:00Z",
+            "RFC 3339 has offsets up to 23:59": "2026-01-01T00:00:00+18:01 -> 2025-12-31T05:59:00Z -> -",
+            "ISO 8601 has no Julian calendar; Foundation has it before 1582-10-15":
+                "1582-10-10T00:00:00Z -> 1582-10-10T00:00:00Z -> 1582-10-20T00:00:00Z"
+                + " | 1500-02-29T00:00:00Z -> - -> 1500-02-29T00:00:00Z",
         ]),
     Member(
-        kind: "widgets", key: "id", text: snapshot(id: "@"),
-        agreed: [
-            "E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "e621e1f8-c36c-495a-93fc-0c247a3e6e5f", "E621e1F8-c36C-495A-93fc-0C247A3E6E5F",
-            "", "E621E1F8-C36C-495A-93FC-0C247A3E6E5", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F0", "E621E1F8C36C495A93FC0C247A3E6E5F",
-            "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}", "E621E1F8-C36C-495A-93FC-0C247A3E6E5G", "E621E1F8_C36C_495A_93FC_0C247A3E6E5F",
-        ],
+        kind: "widgets", key: "id", text: snapshot.replacing("NUMBER", with: "1").replacing("ID", with: "@"),
+        agreed: """
+            E621E1F8-C36C-495A-93FC-0C247A3E6E5F | e621e1f8-c36c-495a-93fc-0c247a3e6e5f | E621e1F8-C36C-495A-93fc-0C247A3E6E5F \
+            | E621E1F8-C36C-495A-93FC-0C247A3E6E5 | E621E1F8-C36C-495A-93FC-0C247A3E6E5F0 | E621E1F8C36C495A93FC0C247A3E6E5F \
+            | {E621E1F8-C36C-495A-93FC-0C247A3E6E5F} | E621E1F8_C36C_495A_93FC_0C247A3E6E5F | E621E1F8-C36C-495A-93FC-0C247A3E6E5G
+            """,
         different: [
-            Difference(why: "36 characters with a digit at each place, nothing else", shown: [
-                (" 621E1F8-C36C-495A-93FC-0C247A3E6E5F", "-", "621E1F08-C36C-495A-93FC-0C247A3E6E5F"),
-                ("-621E1F8-C36C-495A-93FC-0C247A3E6E5F", "-", "FA21E1F8-C36C-495A-93FC-0C247A3E6E5F"),
-                (#"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\u0000"#, "-", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"),
-            ]),
+            "36 characters, with a hexadecimal digit at each place":
+                " 621E1F8-C36C-495A-93FC-0C247A3E6E5F -> - -> 621E1F08-C36C-495A-93FC-0C247A3E6E5F"
+                + " | -621E1F8-C36C-495A-93FC-0C247A3E6E5F -> - -> FA21E1F8-C36C-495A-93FC-0C247A3E6E5F"
+                + #" | E621E1F8-C36C-495A-93FC-0C247A3E6E5F\u0000 -> - -> E621E1F8-C36C-495A-93FC-0C247A3E6E5F"#
         ]),
     Member(
-        kind: "widgets", key: "blockCount", text: snapshot(number: "@"),
-        agreed: [
-            "9223372036854775807", "-9223372036854775808", "9223372036854775808", "-9223372036854775809", "18446744073709551616",
-            "0", "-0", "-0.0", "1.0", "1e3", "1E+3", "10e-1", "15e-1", "1.5", "0e0", "1e-400", "1e18", "-1e18", "1e19", "1e400",
-            "9223372036854774784.0", "9223372036854775807.0", "9007199254740993", "9007199254740992.5", "1.00000000000000000000001",
-            "01", "-01", "+1", ".5", "1.", "1e", "-", "--1", "0x10", "NaN", "1_000", "1 2", "null", "true", #""1""#, "[]", "{}",
-        ],
+        kind: "widgets", key: "blockCount",
+        text: snapshot.replacing("NUMBER", with: "@").replacing("ID", with: "00000000-0000-4000-8000-0000000000FF"),
+        agreed: """
+            9223372036854775807 | -9223372036854775808 | 9223372036854775808 | -9223372036854775809 | 18446744073709551616 | 0 \
+            | -0 | -0.0 | 1.0 | 1e3 | 1E+3 | 10e-1 | 15e-1 | 1.5 | 0e0 | 1e-400 | 1e18 | -1e18 | 1e19 | 1e400 | 9007199254740993 \
+            | 9223372036854774784.0 | 9223372036854775807.0 | 9007199254740992.5 | 1.00000000000000000000001 | 01 | -01 | +1 | .5 \
+            | 1. | 1e | - | --1 | 0x10 | NaN | 1_000 | 1 2 | null | true | "1" | [] | {}
+            """,
         different: [
-            Difference(why: "a number with a fraction or exponent is read as a double: whole numbers are written without", shown: [
-                ("9007199254740993.0", "9007199254740992", "9007199254740993"),
-                ("123456789012345678e0", "123456789012345680", "123456789012345678"),
-                ("9223372036854775295.9", "9223372036854774784", "-"),
-                ("-9223372036854775808.0", "-9223372036854775808", "-"),
-            ]),
+            "a number with a fraction or exponent is read as a double; whole numbers are written without":
+                "9007199254740993.0 -> 9007199254740992 -> 9007199254740993 | 9223372036854775295.9 -> 9223372036854774784 -> -"
+                + " | 123456789012345678e0 -> 123456789012345680 -> 123456789012345678"
+                + " | -9223372036854775808.0 -> -9223372036854775808 -> -"
         ]),
     Member(
-        kind: "keepalive", key: "appPath", text: keepAlive(appPath: "@"),
-        agreed: [
-            #"\u0041\u00e9\uD83D\uDE00\/\\\b\f\n\r\t"#, "é☾😀", "\u{7f}\u{2028}\u{feff}", #"\u0000"#, #"\ud800"#, #"\uDE00\uD83D"#, #"\u00"#,
-            #"\q"#, "\t", "\0",
-        ], different: []),
+        kind: "keepalive", key: "appPath",
+        text: #"{"appPath":"@","clean":true,"pid":1,"ultraHard":true,"updatedAt":"2026-01-01T00:00:00Z"}"#,
+        agreed: "é☾😀 | \u{7f}\u{2028}\u{feff} | \t | \0 | "
+            + #"\u0041\u00e9\uD83D\uDE00\/\\\b\f\n\r\t | \u0000 | \ud800 | \uDE00\uD83D | \u00 | \q"#),
     Member(
-        kind: "keepalive", key: "pid", text: keepAlive(end: "@"),
-        agreed: [
-            "}", " \n}\r\t", #","appReleased":null}"#, #","bypassNoted":1}"#, #","commitmentUntil":null}"#, #","x":{"y":[1,"é",null]}}"#,
-            "}x", "}{}", "}\0", "}//", "\u{b}}", "", #","x":tru}"#, #","x":.5}"#, #","x":+5}"#, #","x":'a'}"#, #","x":"\u00"}"#,
-        ],
+        kind: "keepalive", key: "pid",
+        text: #"{"appPath":"","clean":true,"pid":1,"ultraHard":true,"updatedAt":"2026-01-01T00:00:00Z"@"#,
+        agreed: "} |  \n}\r\t | }\0 | \u{b}} | }x | }{} | }// | "
+            + #","bypassNoted":1} | ,"commitmentUntil":null} | ,"x":{"y":[1,"é",null]}} | ,"x":tru} | ,"x":.5} | ,"x":+5} | ,"x":'a'}"#,
         different: [
-            Difference(why: "what is not JSON is refused, also where it is not needed", shown: [
-                (",}", "-", "1"), (#","x":[1,]}"#, "-", "1"), (#","x":01}"#, "-", "1"), (#","x":-}"#, "-", "1"),
-                (#","x":"\q"}"#, "-", "1"), (#","x":"\ud800"}"#, "-", "1"), (",\"x\":\"\t\"}", "-", "1"), (#","x":1e999}"#, "-", "1"),
-            ]),
-            Difference(why: "of equal members the last one counts, and each must be valid", shown: [
-                (#","pid":2}"#, "2", "1"), (#","\u0070id":2}"#, "2", "1"), (#","pid":"a"}"#, "-", "1"), (#","pid":null}"#, "-", "1"),
-            ]),
-            Difference(why: "the depth of a text is not limited: ours needs no stack for it", shown: [
-                (#","x":"# + String(repeating: "[", count: 512) + String(repeating: "]", count: 512) + "}", "1", "-"),
-            ]),
+            "what is not JSON is refused, needed or not":
+                #",} -> - -> 1 | ,"x":[1,]} -> - -> 1 | ,"x":01} -> - -> 1 | ,"x":-} -> - -> 1 | ,"x":1e999} -> - -> 1"#
+                + #" | ,"x":"\q"} -> - -> 1 | ,"x":"\ud800"} -> - -> 1 | ,"x":"\#t"} -> - -> 1"#,
+            "of equal members the last counts, as in most readers (RFC 8259, 4), and each must be valid":
+                #","pid":2} -> 2 -> 1 | ,"\u0070id":2} -> 2 -> 1 | ,"pid":"a"} -> - -> 1 | ,"pid":null} -> - -> 1"#,
+            "a text may be nested as deeply as it likes: ours needs no stack for it":
+                #","x":\#(String(repeating: "[", count: 512))\#(String(repeating: "]", count: 512))} -> 1 -> -"#,
         ]),
 ]

@@ -3,23 +3,8 @@ import Foundation
 // The records as plain structs, whose conformances the compiler makes.
 
 struct KeepAliveState: Codable {
-    var pid: Int32, appPath: String, clean: Bool, commitmentUntil: Date?, ultraHard, appReleased, bypassNoted: Bool
+    var pid: Int32, appPath: String, clean: Bool, commitmentUntil: Date?, ultraHard: Bool, appReleased, bypassNoted: Bool?
     var updatedAt: Date
-}
-
-extension KeepAliveState {
-    /// By hand, because older files lack two of the members.
-    init(from decoder: any Decoder) throws {
-        let members = try decoder.container(keyedBy: CodingKeys.self)
-        pid = try members.decode(Int32.self, forKey: .pid)
-        appPath = try members.decode(String.self, forKey: .appPath)
-        clean = try members.decode(Bool.self, forKey: .clean)
-        commitmentUntil = try members.decodeIfPresent(Date.self, forKey: .commitmentUntil)
-        ultraHard = try members.decode(Bool.self, forKey: .ultraHard)
-        appReleased = try members.decodeIfPresent(Bool.self, forKey: .appReleased) ?? false
-        bypassNoted = try members.decodeIfPresent(Bool.self, forKey: .bypassNoted) ?? false
-        updatedAt = try members.decode(Date.self, forKey: .updatedAt)
-    }
 }
 
 struct WidgetSnapshot: Codable {
@@ -44,15 +29,14 @@ struct WidgetSnapshot: Codable {
     var focusMinutes: Int, lists: [ListItem], blocks: [BlockItem]
 }
 
-/// Values from a seed, the same ones in each run (splitmix64).
+/// Values from a seed, the same ones in each run.
 struct Random: RandomNumberGenerator {
     var state: UInt64
 
     mutating func next() -> UInt64 {
         state &+= 0x9e37_79b9_7f4a_7c15
         let mixed = (state ^ (state >> 30)) &* 0xbf58_476d_1ce4_e5b9
-        let again = (mixed ^ (mixed >> 27)) &* 0x94d0_49bb_1331_11eb
-        return again ^ (again >> 31)
+        return mixed ^ (mixed >> 27)
     }
 
     mutating func one<T>(of all: [T]) -> T { all.randomElement(using: &self)! }
@@ -81,14 +65,13 @@ struct Random: RandomNumberGenerator {
     mutating func snapshot() -> WidgetSnapshot {
         .init(
             writtenAt: date(), isRunning: bool(), blockCount: number(), phases: list { $0.phase() }, horizon: date(),
-            days: list {
-                .init(start: $0.date(), breaths: $0.number(), minutesBreathed: $0.number(), stayedOff: $0.number())
-            },
+            days: list { .init(start: $0.date(), breaths: $0.number(), minutesBreathed: $0.number(), stayedOff: 0) },
             breathe: .init(style: text(), minutes: number()), focusMinutes: number(),
             lists: list { .init(id: $0.id(), name: $0.text(), look: $0.look()) },
             blocks: list {
-                .init(id: $0.id(), name: $0.text(), look: $0.look(), level: $0.level(), isEnabled: $0.bool(),
-                      isRunning: $0.bool())
+                .init(
+                    id: $0.id(), name: $0.text(), look: $0.look(), level: $0.level(), isEnabled: $0.bool(),
+                    isRunning: $0.bool())
             })
     }
     mutating func keepAlive() -> KeepAliveState {
