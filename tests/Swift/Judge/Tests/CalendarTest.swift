@@ -22,15 +22,16 @@ struct CalendarTest {
         #expect(seen == [.eveningComesBack])
     }
 
-    /// Foundation on Linux has data of its own about time zones, which may be older: transitions count while the offsets
-    /// are equal, from 1970 on. One that other zones have too, with all others within ten days, is judged in the first.
+    /// Foundation on Linux has data of its own about time zones, which may be older: transitions count while the
+    /// offsets are equal, from 1970 on. One that more zones have, with all within ten days, is judged in the first.
     private func zones() throws -> [Zone] {
         let ours = try Ours()
         var known: Set<[Int]> = []
         return try TimeZone.knownTimeZoneIdentifiers.compactMap { name -> Zone? in
             let numbers = try ours.answer("zone", Data(name.utf8)).split(separator: " ").map { try #require(Int($0)) }
-            let changes = stride(from: 0, to: numbers.count, by: 2).map { (begin: numbers[$0], offset: numbers[$0 + 1]) }
-            guard let zone = TimeZone(identifier: name), !changes.isEmpty else { return nil }
+            guard let zone = TimeZone(identifier: name), !numbers.isEmpty else { return nil }
+            let places = stride(from: 0, to: numbers.count, by: 2)
+            let changes = places.map { (begin: numbers[$0], offset: numbers[$0 + 1]) }
             let spans = zip(changes, changes.dropFirst())
             let equalUntil = spans.lazy.compactMap { change, next -> Int? in
                 let span = (change.begin..<next.begin).clamped(to: 0..<end)
@@ -42,7 +43,8 @@ struct CalendarTest {
             let transitions = spans.compactMap { before, change -> Int? in
                 guard 0 <= change.begin, change.begin < min(end, equalUntil - 10 * day) else { return nil }
                 let near = changes.filter { (change.begin - 10 * day..<change.begin + 10 * day).contains($0.begin) }
-                return known.insert([before.offset] + near.flatMap { [$0.begin, $0.offset] }).inserted ? change.begin : nil
+                let isNew = known.insert([before.offset] + near.flatMap { [$0.begin, $0.offset] }).inserted
+                return isNew ? change.begin : nil
             }
             return (zone, transitions, equalUntil)
         }
@@ -65,7 +67,8 @@ struct CalendarTest {
             if ours != theirs {
                 // Nothing but the second number may differ.
                 let isLater = ours[1]! > instant && instant >= theirs[1]!
-                try #require(isLater && [ours[0]] + ours[2...] == [theirs[0]] + theirs[2...], "\(zone) \(instant): \(answer)")
+                let others = [ours[0]] + ours[2...] == [theirs[0]] + theirs[2...]
+                try #require(isLater && others, "\(zone.identifier) \(instant): \(answer), Foundation's \(theirs)")
                 seen.insert(.eveningComesBack)
             }
         }

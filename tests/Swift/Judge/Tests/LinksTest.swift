@@ -2,11 +2,11 @@ import Foundation
 import Testing
 
 struct LinksTest {
-    private let starts = ["", "://", "//", "halvo://", "halvo://breathe", "x:breathe?", "halvo://breathe?style=", "//today"]
+    private let starts = ["", "://", "//", "halvo://", "halvo://breathe", "halvo://breathe?style=", "//today"]
     private let pieces = """
-        halvo : // / ? # & = % %41 %zz %2 + - @ ; breathe focus today settings main Focus style minutes style= style=box \
-        minutes=5 minutes=-3 minutes=+7 minutes=+-7 minutes=007 9223372036854775807 9223372036854775808 é [ ] [::1] \\ ^ | " < ` \
-        { ' ! $ * ( ~ _ . :80 %C3%A9 %FF %00 %26 %3D %2B %2F ann@ 日 xn--
+        halvo : // / ? # & = % %41 %zz %2 + - @ ; breathe focus today settings main Focus style minutes style= \
+        style=box minutes=5 minutes=-3 minutes=+7 minutes=+-7 minutes=007 9223372036854775807 9223372036854775808 \
+        é [ ] [::1] \\ ^ | " < ` { ' ! $ * ( ~ _ . :80 %C3%A9 %FF %00 %26 %3D %2B %2F ann@ 日 xn--
         """.split(separator: " ").map(String.init) + [" ", "\t", "\n", "\0", "\u{7f}"]
 
     @Test func agreeExceptAsListed() throws {
@@ -19,7 +19,7 @@ struct LinksTest {
             let scheme = random.one(of: ["halvo", "H", "x+y-1.z"])
             let answer = try ours.answer("link", Data("\(scheme)\n\(text)".utf8))
             if answer != foundation(text, scheme) {
-                seen.insert(try #require(pattern(text, scheme, answer), "\(text.debugDescription): \(answer.debugDescription)"))
+                seen.insert(try #require(pattern(text, scheme, answer), "\(text.debugDescription): \(answer)"))
             }
         }
         #expect(seen == [.escapes, .zeroByte, .notURL])

@@ -3,8 +3,8 @@ import Foundation
 // The records as plain structs, whose conformances the compiler makes.
 
 struct KeepAliveState: Codable {
-    var pid: Int32, appPath: String, clean: Bool, commitmentUntil: Date?, ultraHard: Bool, appReleased, bypassNoted: Bool?
-    var updatedAt: Date
+    var pid: Int32, appPath: String, clean: Bool, commitmentUntil: Date?, ultraHard: Bool
+    var appReleased, bypassNoted: Bool?, updatedAt: Date
 }
 
 struct WidgetSnapshot: Codable {
@@ -48,10 +48,13 @@ struct Random: RandomNumberGenerator {
     mutating func level() -> WidgetSnapshot.Level { one(of: [.gentle, .firm, .ultraHard]) }
     mutating func look() -> WidgetSnapshot.Look { .init(color: text(), symbol: text()) }
     mutating func text() -> String {
-        list { $0.one(of: ["B9", "/", "\\", "\"", "e\u{301}", "☾", "😀", "\0", "\n", "\u{1f}", "\u{7f}", "\u{2028}"]) }.joined()
+        let pieces = ["B9", "/", "\\", "\"", "e\u{301}", "☾", "😀", "\0", "\n", "\u{1f}", "\u{7f}", "\u{2028}"]
+        return list { $0.one(of: pieces) }.joined()
     }
     /// From 1583 to 9999, with fractions of a second.
-    mutating func date() -> Date { Date(timeIntervalSince1970: .random(in: -12_212_553_600..<253_402_300_800, using: &self)) }
+    mutating func date() -> Date {
+        Date(timeIntervalSince1970: .random(in: -12_212_553_600..<253_402_300_800, using: &self))
+    }
     mutating func phase() -> WidgetSnapshot.Phase {
         let running = WidgetSnapshot.Running(
             name: text(), names: list { $0.text() }, look: maybe { $0.look() }, start: date(), end: maybe { $0.date() },
@@ -76,7 +79,8 @@ struct Random: RandomNumberGenerator {
     }
     mutating func keepAlive() -> KeepAliveState {
         .init(
-            pid: Int32(truncatingIfNeeded: next()), appPath: text(), clean: bool(), commitmentUntil: maybe { $0.date() },
-            ultraHard: bool(), appReleased: bool(), bypassNoted: bool(), updatedAt: date())
+            pid: Int32(truncatingIfNeeded: next()), appPath: text(), clean: bool(),
+            commitmentUntil: maybe { $0.date() }, ultraHard: bool(),
+            appReleased: bool(), bypassNoted: bool(), updatedAt: date())
     }
 }
