@@ -49,8 +49,8 @@ std::string answerZone(const std::string& name) {
 }
 
 // "ZONE INSTANT...", for each instant a line: the starts of its day and of the next one, the dates
-// -8 to 8 days later, and the week, as starts and breaths, of a snapshot with nine records, one for
-// each 24 hours from seven days before on, whose breaths are 1 to 9.
+// -8 to 8 and -364 and 364 days later, and the week, as starts and breaths, of a snapshot with nine
+// records, one for each 24 hours from seven days before on, whose breaths are 1 to 9.
 std::string answerDays(const std::string& question) {
     std::istringstream words(question);
     std::ostringstream answer;
@@ -67,6 +67,8 @@ std::string answerDays(const std::string& question) {
         for (int count = -8; count <= 8; ++count) {
             print(calendar.addingDays(count, date));
         }
+        print(calendar.addingDays(-364, date));
+        print(calendar.addingDays(364, date));
         WidgetSnapshot snapshot;
         for (int day = 1; day <= 9; ++day) {
             snapshot.days.push_back({date + std::chrono::days{day - 8}, day, 0, 0});
