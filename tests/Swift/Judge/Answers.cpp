@@ -1,7 +1,9 @@
-// Answers the questions of the Swift tests until its standard input ends. A question is "KIND
-// SIZE\n" and that many bytes, an answer its size in eight characters and the bytes.
+// Answers the questions of the Swift tests until its standard input ends. A question is a kind, a
+// blank, the size of what follows the line, and that; an answer its size in eight characters, and
+// it.
 
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
@@ -9,7 +11,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <utility>
 
 #include "HalvoPlatform/Time.hpp"
 #include "HalvoShared/GregorianCalendar.hpp"
@@ -30,7 +31,7 @@ std::string answerRecord(const std::string& text) {
     }
     constexpr std::array kinds{"corrupt", "missing", "type", "corrupt"};
     const JSON::Error& error = record.error();
-    return std::string("-") + kinds.at(std::to_underlying(error.kind)) + " " + error.path;
+    return std::string("-") + kinds.at(static_cast<std::size_t>(error.kind)) + " " + error.path;
 }
 
 // "SCHEME\nURL": the URL, under that scheme, of the link that the other URL leads to.
