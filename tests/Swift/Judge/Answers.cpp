@@ -1,6 +1,5 @@
-// Answers the questions of the Swift tests until its standard input ends. A question is a kind, a
-// blank, the size of what follows the line, and that; an answer its size in eight characters, and
-// it.
+// Answers the questions of the Swift tests until its standard input ends. A question is a line of
+// its kind and size, then its bytes; an answer is its size in eight characters, then its bytes.
 
 #include <array>
 #include <cstddef>
