@@ -30,6 +30,7 @@ public final class UltraHardMode {
     /// Well below the 6 seconds after which the helper looks whether the app runs.
     static let beat = Duration.seconds(2)
     static let longestPause = Duration.seconds(30)
+    static let pauseBeforeRegistration = Duration.seconds(1)
     /// How long the helper does not open the app after the announcement.
     static let sessionEndGrace = Duration.seconds(90)
 
@@ -205,6 +206,8 @@ public final class UltraHardMode {
             registrationFailure = error.localizedDescription
             return
         }
+        // Documented as safe at once, but reported to fail then: developer.apple.com/forums/thread/768592.
+        await clock.sleep(until: clock.now + Self.pauseBeforeRegistration)
         register()
     }
 
