@@ -9,6 +9,7 @@ final class FakeClock: HelperClock {
     private(set) var date = Date(timeIntervalSince1970: 1_000_000)
     private var sleepers: [Int: (deadline: ContinuousClock.Instant, sleeper: CheckedContinuation<Void, Never>)] = [:]
     private var count = 0
+    var hasSleepers: Bool { !sleepers.isEmpty }
 
     func sleep(until deadline: ContinuousClock.Instant) async {
         count += 1
@@ -56,8 +57,6 @@ final class FakeHelper: HelperService, HelperMemory {
     let clock = FakeClock()
     var log: [String] = []
     private(set) var connections: [FakeConnection] = []
-    /// When they were closed.
-    var closings: [Date] = []
 
     var holds = HelperStatus(holding: false, until: nil, locked: false)
     /// Instead of a reply.
@@ -154,6 +153,5 @@ final class FakeConnection: HelperConnection {
     func invalidate() {
         isValid = false
         helper.log.append("\(number) closed")
-        helper.closings.append(helper.clock.date)
     }
 }

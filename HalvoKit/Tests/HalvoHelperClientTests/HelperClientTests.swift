@@ -21,6 +21,7 @@ struct HelperClientTests {
         #expect(try await client.begin(minute))
         #expect(try await client.ask(.end).holding)
         #expect(await helper.logged() == "1 status, 1 begin 60, 1 heartbeat, 1 status, 1 status, 1 end")
+        #expect(!helper.clock.hasSleepers)
         client.disconnect()
         #expect(await helper.logged() == "1 closed")
     }
