@@ -179,7 +179,7 @@ TEST(SwiftClientTest, NamesWhatTheHelperHas) {
         std::string("team = try Self.name(\"") + HelperIdentity::teamKey + "\"",
         "machService = \"" + helper + "\"\n",
         "launchdPlist = \"" + helper + ".plist\"\n",
-        "== (\"" + relaunch + "\", \"YES\")",
+        R"(== (")" + relaunch + R"(", "YES"))",
         "limit = Duration.seconds(5)\n",
         "let deadline = clock.now + Self.limit\n",
         "now: ContinuousClock.Instant { .now }\n",
