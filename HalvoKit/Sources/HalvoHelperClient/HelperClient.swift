@@ -2,7 +2,7 @@ import Foundation
 import Synchronization
 
 /// What the helper holds for this user.
-nonisolated public struct HelperStatus: Equatable, Sendable {
+public struct HelperStatus: Equatable, Sendable {
     public let holding: Bool
     /// Nil when nothing is held.
     public let until: Date?
@@ -11,7 +11,7 @@ nonisolated public struct HelperStatus: Equatable, Sendable {
 }
 
 /// The span of a commitment to ask for.
-nonisolated public struct CommitmentSpan: Equatable, Sendable {
+public struct CommitmentSpan: Equatable, Sendable {
     public let until: Date
     public let started: Date
 
@@ -22,7 +22,7 @@ nonisolated public struct CommitmentSpan: Equatable, Sendable {
 }
 
 /// Why there was no reply. Without one, a request may or may not have been carried out.
-nonisolated public enum HelperTrouble: Error, Equatable, Sendable {
+public enum HelperTrouble: Error, Equatable, Sendable {
     /// The helper is not registered, not approved, being replaced or has ended; or it refused this app.
     case away
     /// The reply did not come in time, or the time was over before the request was sent.
@@ -33,7 +33,7 @@ nonisolated public enum HelperTrouble: Error, Equatable, Sendable {
     case incompatible
 }
 
-nonisolated enum HelperRequest: Equatable, Sendable {
+enum HelperRequest: Equatable, Sendable {
     case begin(CommitmentSpan), heartbeat(sessionEnding: Bool), end, status
 }
 
@@ -51,31 +51,16 @@ protocol HelperConnection: AnyObject {
     func invalidate()
 }
 
-/// Monotonic time that goes on while the machine sleeps (mach_continuous_time), so that a deadline is also over for an
-/// app that was stopped or has slept.
-@MainActor
-protocol HelperClock {
-    var now: ContinuousClock.Instant { get }
-    /// The time of day.
-    var date: Date { get }
-    /// Returns early when the task is cancelled.
-    func sleep(until deadline: ContinuousClock.Instant) async
-}
-
 /// The requests, over one connection that is made with the first and made anew after a failure. Each takes at most
 /// `limit`; a request is not sent after that. One begin at a time.
 @MainActor
 final class HelperClient {
     static let limit = Duration.seconds(5)
 
-    private let connect: () -> any HelperConnection
-    private let clock: any HelperClock
+    private let system: any HelperSystem
     private var connection: (any HelperConnection)?
 
-    init(clock: any HelperClock, connect: @escaping () -> any HelperConnection) {
-        self.clock = clock
-        self.connect = connect
-    }
+    init(_ system: any HelperSystem) { self.system = system }
 
     /// Asks for the status, calls `decide` with it, and sends the begin that it returns over the same connection; nil
     /// leaves what holds as it is. Returns whether a commitment holds then.
@@ -84,7 +69,7 @@ final class HelperClient {
     /// another process, this begin would shorten that. When the connection is gone by the time of the decision,
     /// everything starts over, so `decide` may be called again. Status, decision and begin have one deadline.
     func begin(_ decide: (HelperStatus) -> CommitmentSpan?) async throws(HelperTrouble) -> Bool {
-        let deadline = clock.now + Self.limit
+        let deadline = system.now + Self.limit
         while true {
             let carrier = connected()
             let held = try await ask(.status, over: carrier, before: deadline)
@@ -95,7 +80,7 @@ final class HelperClient {
     }
 
     func ask(_ request: HelperRequest) async throws(HelperTrouble) -> HelperStatus {
-        try await ask(request, over: connected(), before: clock.now + Self.limit)
+        try await ask(request, over: connected(), before: system.now + Self.limit)
     }
 
     /// Lets the helper exit when nothing holds.
@@ -110,11 +95,11 @@ final class HelperClient {
         var timer: Task<Void, Never>?
         let result = await withCheckedContinuation { continuation in
             let first = FirstReply(continuation)
-            timer = Task { [clock] in
-                await clock.sleep(until: deadline)
+            timer = Task { [system] in
+                await system.sleep(until: deadline)
                 first.take(.failure(.silent))
             }
-            if clock.now >= deadline {
+            if system.now >= deadline {
                 first.take(.failure(.silent))
             } else {
                 carrier.send(request, answer: first.take)
@@ -127,7 +112,7 @@ final class HelperClient {
 
     private func connected() -> any HelperConnection {
         if let connection { return connection }
-        let made = connect()
+        let made = system.connect()
         connection = made
         made.resume { [weak self, weak made] in
             if let made { self?.forget(made) }
@@ -141,7 +126,7 @@ final class HelperClient {
 }
 
 /// Resumes the continuation with the first of the reply, the error and the timeout: it must be resumed exactly once.
-nonisolated private final class FirstReply: Sendable {
+private final class FirstReply: Sendable {
     private let waiting: Mutex<CheckedContinuation<HelperReply, Never>?>
 
     init(_ continuation: CheckedContinuation<HelperReply, Never>) { waiting = Mutex(continuation) }

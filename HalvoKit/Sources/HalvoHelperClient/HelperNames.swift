@@ -1,7 +1,7 @@
 import Foundation
 
 /// The names that follow from the app's identifier and team.
-nonisolated struct HelperNames: Equatable, Sendable {
+struct HelperNames: Equatable, Sendable {
     let machService: String
     let launchdPlist: String
     /// What the app demands of the helper's signature.
@@ -27,7 +27,7 @@ nonisolated struct HelperNames: Equatable, Sendable {
 }
 
 /// The app's Info.plist has no name, or none of letters, digits, "." and "-", under `key`.
-nonisolated public struct HelperSetupError: LocalizedError, Equatable {
+public struct HelperSetupError: LocalizedError, Equatable {
     public let key: String
     public var errorDescription: String? { "The app's Info.plist has no valid \(key)." }
 }

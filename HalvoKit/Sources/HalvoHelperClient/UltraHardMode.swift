@@ -30,26 +30,21 @@ public final class UltraHardMode {
     /// Well below the 6 seconds after which the helper looks whether the app runs.
     static let beat = Duration.seconds(2)
     static let longestPause = Duration.seconds(30)
+    /// That many calls in a row fail before the job is taken for gone: a helper may just be restarted.
+    static let failuresOfAGoneJob = 2
     static let pauseBeforeRegistration = Duration.seconds(1)
     /// How long the helper does not open the app after the announcement.
     static let sessionEndGrace = Duration.seconds(90)
 
+    @ObservationIgnored private let system: any HelperSystem
     @ObservationIgnored private let client: HelperClient
-    @ObservationIgnored private let service: any HelperService
-    @ObservationIgnored private let memory: any HelperMemory
-    @ObservationIgnored private let clock: any HelperClock
     /// Once in a process, so that a helper that never answers is not registered again and again.
     @ObservationIgnored private var hasRenewed = false
     @ObservationIgnored private var latest: (cancel: () -> Void, isOver: () async -> Void)?
 
-    init(
-        service: any HelperService, memory: any HelperMemory, clock: any HelperClock,
-        connect: @escaping () -> any HelperConnection
-    ) {
-        client = HelperClient(clock: clock, connect: connect)
-        self.service = service
-        self.memory = memory
-        self.clock = clock
+    init(_ system: any HelperSystem) {
+        self.system = system
+        client = HelperClient(system)
     }
 
     /// Whether the helper opened the app after it was quit. Any process can pass that argument: for messages only.
@@ -82,7 +77,7 @@ public final class UltraHardMode {
             try await self.client.begin { held in
                 let span = decide(held)
                 // Before it is sent: it may hold, even if no reply comes.
-                if let span { self.memory.heldUntil = max(span.until, self.memory.heldUntil ?? .distantPast) }
+                if let span { self.defaults.heldUntil = max(span.until, self.defaults.heldUntil ?? .distantPast) }
                 return span
             }
         }
@@ -97,8 +92,8 @@ public final class UltraHardMode {
     /// as long as the announcement counts; if the app still runs after that, as before.
     public func sessionIsEnding() async {
         let announcement = inTurn { _ = try? await self.client.ask(.heartbeat(sessionEnding: true)) }
-        inTurn { [clock] in
-            await clock.sleep(until: clock.now + Self.sessionEndGrace)
+        inTurn {
+            await self.sleep(Self.sessionEndGrace)
             await self.run()
         }
         await announcement.value
@@ -108,7 +103,8 @@ public final class UltraHardMode {
         _ work: @escaping @MainActor () async throws(HelperTrouble) -> Bool
     ) async throws(HelperTrouble) -> Bool {
         try await inTurn {
-            defer { self.start() }
+            // Not when something came after it: that ends with the same, and must not be cut short.
+            defer { if !Task.isCancelled { self.start() } }
             return await resultOf(work)
         }.value.get()
     }
@@ -134,35 +130,55 @@ public final class UltraHardMode {
         var hasRegistered = false
         var isHolding = false
         while !Task.isCancelled {
-            let asked = clock.now
+            let asked = system.now
             let answer = await ask(isHolding: isHolding)
             if Task.isCancelled { return }
             isHolding = answer == .success(true)
             if case .failure = answer { failures += 1 } else { failures = 0 }
-            switch step(answer, failures, hasRegistered) {
-            case .beat:
+            switch (answer, system.registration) {
+            case (.success(true), _):
                 pause = Self.beat
-            case .askAgain(let trouble):
-                state = .noAnswer(trouble)
-                pause = min(pause * 2, Self.longestPause)
-            case .register:
+            case (_, .needsApproval):
+                return stop(as: .needsApproval)
+            case (_, .missing):
+                guard system.isRootsAlone else { return stop(as: .needsInstallation) }
+                if hasRegistered { return stop(as: .notRegistered) }
                 hasRegistered = true
                 register()
                 continue
-            case .renew:
-                // A commitment may have been made since if the app was stopped.
-                guard clock.now < asked + HelperClient.limit else { continue }
-                hasRenewed = true
-                hasRegistered = true
-                await renew()
-                continue
-            case .rest: return stop(as: .ready)
-            case .waitForApproval: return stop(as: .needsApproval)
-            case .waitForInstallation: return stop(as: .needsInstallation)
-            case .giveUp: return stop(as: .notRegistered)
+            case (_, .enabled):
+                if isOutdated(answer, failures), mayRenew {
+                    // A commitment may have been made since if the app was stopped.
+                    guard system.now < asked + HelperClient.limit else { continue }
+                    hasRegistered = true
+                    await renew()
+                    continue
+                }
+                guard case .failure(let trouble) = answer else { return stop(as: .ready) }
+                state = .noAnswer(trouble)
+                pause = min(pause * 2, Self.longestPause)
             }
-            await clock.sleep(until: clock.now + pause)
+            await sleep(pause)
         }
+    }
+
+    /// Whether the job that is registered seems not to be the one in the bundle.
+    private func isOutdated(_ answer: Result<Bool, HelperTrouble>, _ failures: Int) -> Bool {
+        switch answer {
+        // launchd may still run the helper of another version.
+        case .success: defaults.registeredVersion != system.version
+        // launchd does not know the job, or an old helper runs.
+        case .failure(.away), .failure(.incompatible): failures >= Self.failuresOfAGoneJob
+        // It runs, and may hold a commitment.
+        case .failure(.silent), .failure(.untrusted): false
+        }
+    }
+
+    /// Never while a commitment holds or may hold: who is bound by it could then refuse the approval. It may be another
+    /// user's, of which the lock is all that this one sees.
+    private var mayRenew: Bool {
+        let mayHold = system.isBundleLocked || (defaults.heldUntil ?? .distantPast) > system.date
+        return !mayHold && !hasRenewed && system.isRootsAlone
     }
 
     /// Whether a commitment holds: by a heartbeat while one does, otherwise by the status.
@@ -170,44 +186,35 @@ public final class UltraHardMode {
         await resultOf { () async throws(HelperTrouble) in
             if isHolding, try await self.client.ask(.heartbeat(sessionEnding: false)).holding { return true }
             let status = try await self.client.ask(.status)
-            self.memory.heldUntil = status.holding ? status.until : nil
+            self.defaults.heldUntil = status.holding ? status.until : nil
             if status.holding { self.state = .holding(status) }
             return status.holding
         }
     }
 
-    private func step(_ answer: Result<Bool, HelperTrouble>, _ failures: Int, _ hasRegistered: Bool) -> HelperStep {
-        let mayHold = service.isBundleLocked || (memory.heldUntil ?? .distantPast) > clock.date
-        return HelperStep(
-            .init(
-                answer: answer, service: service.status, failures: failures,
-                isCurrent: memory.registeredVersion == service.version, isRootsAlone: service.isRootsAlone,
-                mayHold: mayHold, hasRegistered: hasRegistered, hasRenewed: hasRenewed))
-    }
-
     private func register() {
         do {
-            try service.register()
+            try system.register()
             registrationFailure = nil
         } catch {
-            registrationFailure = service.status == .requiresApproval ? nil : error.localizedDescription
+            registrationFailure = system.registration == .needsApproval ? nil : error.localizedDescription
         }
         // Also when it waits for approval: it is this version that is started after that.
-        if service.status == .enabled || service.status == .requiresApproval {
-            memory.registeredVersion = service.version
-        }
+        if system.registration != .missing { defaults.registeredVersion = system.version }
     }
 
+    /// Unregisters and registers. Stops the helper, and may need an approval again.
     private func renew() async {
+        hasRenewed = true
         client.disconnect()
         do {
-            try await service.unregister()
+            try await system.unregister()
         } catch {
             registrationFailure = error.localizedDescription
             return
         }
         // Documented as safe at once, but reported to fail then: developer.apple.com/forums/thread/768592.
-        await clock.sleep(until: clock.now + Self.pauseBeforeRegistration)
+        await sleep(Self.pauseBeforeRegistration)
         register()
     }
 
@@ -216,6 +223,10 @@ public final class UltraHardMode {
         client.disconnect()
         state = reached
     }
+
+    private var defaults: UserDefaults { system.defaults }
+
+    private func sleep(_ span: Duration) async { await system.sleep(until: system.now + span) }
 }
 
 @MainActor

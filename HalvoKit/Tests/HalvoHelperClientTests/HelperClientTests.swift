@@ -5,13 +5,13 @@ import Testing
 
 @MainActor
 struct HelperClientTests {
-    let helper = FakeHelper()
+    let helper = FakeSystem()
     let client: HelperClient
 
-    init() { client = helper.client() }
+    init() { client = HelperClient(helper) }
 
     private func minute(_ held: HelperStatus) -> CommitmentSpan? {
-        held.holding ? nil : CommitmentSpan(until: helper.clock.date + 60, started: helper.clock.date)
+        held.holding ? nil : CommitmentSpan(until: helper.date + 60, started: helper.date)
     }
 
     @Test func sendsEachRequestOverOneConnection() async throws {
@@ -21,7 +21,7 @@ struct HelperClientTests {
         #expect(try await client.begin(minute))
         #expect(try await client.ask(.end).holding)
         #expect(await helper.logged() == "1 status, 1 begin 60, 1 heartbeat, 1 status, 1 status, 1 end")
-        #expect(!helper.clock.hasSleepers)
+        #expect(!helper.hasSleepers)
         client.disconnect()
         #expect(await helper.logged() == "1 closed")
     }
@@ -42,7 +42,7 @@ struct HelperClientTests {
     @Test(arguments: [(4.9, true), (5, false), (86400, false)])
     func sendsNoBeginAfterTheDeadline(stopped: Double, isSent: Bool) async {
         let held = try? await client.begin { held in
-            helper.clock.jump(stopped)
+            helper.jump(stopped)
             return minute(held)
         }
         #expect(held == (isSent ? true : nil))

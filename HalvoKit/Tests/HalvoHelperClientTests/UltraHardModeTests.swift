@@ -5,236 +5,246 @@ import Testing
 
 @MainActor
 struct UltraHardModeTests {
-    let helper = FakeHelper()
-    let mode: UltraHardMode
+    typealias State = UltraHardMode.State
 
-    init() { mode = helper.mode() }
-
-    /// What is logged at the launch, and the state then.
-    private func launch(
-        _ log: String, _ state: @autoclosure () -> UltraHardMode.State, at place: SourceLocation = #_sourceLocation
-    ) async {
-        mode.start()
-        await expect(log, state(), at: place)
+    struct Change: Sendable {
+        let make: @MainActor @Sendable (FakeSystem) -> Void
+        init(_ make: @escaping @MainActor @Sendable (FakeSystem) -> Void) { self.make = make }
     }
 
+    let helper = FakeSystem()
+    let mode: UltraHardMode
+
+    init() { mode = UltraHardMode(helper) }
+
+    /// What is logged in the time that passes, and the state then; without one, that of what holds.
     private func expect(
-        after span: Double = 0, _ log: String, _ state: @autoclosure () -> UltraHardMode.State? = nil,
-        at place: SourceLocation = #_sourceLocation
+        after span: Double = 0, _ log: String, _ state: State? = nil, at place: SourceLocation = #_sourceLocation
     ) async {
         #expect(await helper.logged(after: span) == log, sourceLocation: place)
-        if let state = state() { #expect(mode.state == state, sourceLocation: place) }
+        #expect(mode.state == state ?? .holding(helper.holds), sourceLocation: place)
     }
 
     private func commit(_ span: Double) -> Task<Bool, any Error> {
-        let start = helper.clock.date
+        let start = helper.date
         return Task { try await mode.commit { _ in CommitmentSpan(until: start + span, started: start) } }
     }
 
-    @Test func sendsHeartbeatsUntilNothingHolds() async {
-        helper.hold(for: 3600)
-        await launch("1 status", .holding(helper.holds))
-        #expect(helper.heldUntil == helper.holds.until)
-        mode.becameActive()
-        await expect(after: 1.9, "")
-        await expect(after: 4.1, "1 heartbeat, 1 heartbeat, 1 heartbeat", .holding(helper.holds))
-        helper.letGo()
-        await expect(after: 2, "1 heartbeat, 1 status, 1 closed", .ready)
-        #expect(helper.heldUntil == nil)
-        mode.becameActive()
-        await expect(after: 600, "", .ready)
-    }
-
-    @Test(arguments: [HelperTrouble.away, .silent, .untrusted, .incompatible])
-    func asksAgainWithPausesThatGrow(trouble: HelperTrouble) async {
-        helper.hold(for: 3600)
-        await launch("1 status", .holding(helper.holds))
-        helper.trouble = trouble
-        let wait = trouble == .silent ? 5.0 : 0
-        for (number, pause) in zip(1..., [2.0, 4, 8, 16, 30, 30]) {
-            await expect(after: pause - 0.1, "")
-            let request = "\(number) \(number == 1 ? "heartbeat" : "status")"
-            await expect(after: 0.1 + wait, "\(request), \(number) closed", .noAnswer(trouble))
-        }
-        helper.trouble = nil
-        await expect(after: 30, "7 status", .holding(helper.holds))
-        await expect(after: 2, "7 heartbeat")
-    }
-
-    @Test func registersAtTheFirstLaunch() async {
-        helper.status = .notFound
-        helper.registeredVersion = "1"
-        _ = await helper.logged()
-        await launch("1 status, 1 closed, register, version 2, 2 status, 2 closed", .ready)
-    }
-
-    @Test func goesOnWhenTheUserHasApproved() async {
-        helper.status = .notRegistered
-        helper.registeredVersion = nil
-        helper.statusAfterRegistration = .requiresApproval
-        helper.refusesToRegister = true
-        _ = await helper.logged()
-        await launch("1 status, 1 closed, register, version 2, 2 status, 2 closed", .needsApproval)
-        #expect(mode.registrationFailure == nil)
-        mode.becameActive()
-        await expect(after: 600, "3 status, 3 closed", .needsApproval)
-        helper.status = .enabled
-        mode.becameActive()
-        // Not registered again: that could need an approval again.
-        await expect(after: 600, "4 status, 4 closed", .ready)
-    }
-
-    @Test func keepsTheReasonOfAFailedRegistration() async {
-        helper.status = .notFound
-        helper.statusAfterRegistration = .notFound
-        helper.refusesToRegister = true
-        helper.registeredVersion = "1"
-        _ = await helper.logged()
-        await launch("1 status, 1 closed, register, 2 status, 2 closed", .notRegistered)
-        #expect(mode.registrationFailure == CocoaError(.userCancelled).localizedDescription)
-        await expect(after: 600, "", .notRegistered)
-        helper.refusesToRegister = false
-        helper.statusAfterRegistration = .enabled
-        mode.becameActive()
-        await expect("3 status, 3 closed, register, version 2, 4 status, 4 closed", .ready)
-        #expect(mode.registrationFailure == nil)
-    }
-
-    @Test func registersNothingThatOthersThanRootCanChange() async {
-        helper.status = .notRegistered
-        helper.isRootsAlone = false
-        await launch("1 status, 1 closed", .needsInstallation)
-        helper.isRootsAlone = true
-        mode.becameActive()
-        await expect("2 status, 2 closed, register, 3 status, 3 closed", .ready)
-    }
-
-    @Test func registersAgainForANewVersionWhenNothingHolds() async {
+    /// The app is of version 3, and 2 was registered last. What it does in the seconds after its launch, the state then,
+    /// and whether that has the reason of a failure.
+    @Test(arguments: [
+        // What holds is kept, whatever else there is to do.
+        (Change { $0.hold(for: 60) }, 1, "1 status", nil, false),
+        (Change { $0.hold(for: 60, registration: .missing) }, 1, "1 status", nil, false),
+        (Change { $0.hold(for: 60, registration: .needsApproval) }, 1, "1 status", nil, false),
+        // Also another user's, of which only the lock shows.
+        (Change { $0.isBundleLocked = true }, 20, "1 status, 1 closed", .ready, false),
+        // Another version is replaced once.
+        (Change { $0.version = "2" }, 20, "1 status, 1 closed", .ready, false),
+        (Change { _ in }, 1, "1 status, 1 closed, unregister, register, 2 status, 2 closed, version 3", .ready, false),
+        (Change { $0.isRootsAlone = false }, 20, "1 status, 1 closed", .ready, false),
+        (Change { $0.refusesToUnregister = true }, 20, "1 status, 1 closed, unregister, 2 status, 2 closed", .ready, true),
+        (
+            Change { $0.nextRegistration = .missing },
+            20, "1 status, 1 closed, unregister, register, 2 status, 2 closed", .notRegistered, true
+        ),
+        // Not registered, or not allowed.
+        (Change { $0.registration = .needsApproval }, 20, "1 status, 1 closed", .needsApproval, false),
+        (
+            Change { ($0.registration, $0.isBundleLocked) = (.missing, true) },
+            20, "1 status, 1 closed, register, 2 status, 2 closed, version 3", .ready, false
+        ),
+        (Change { ($0.registration, $0.isRootsAlone) = (.missing, false) }, 20, "1 status, 1 closed", .needsInstallation, false),
+        (
+            Change { ($0.registration, $0.nextRegistration) = (.missing, .missing) },
+            20, "1 status, 1 closed, register, 2 status, 2 closed", .notRegistered, true
+        ),
+        (
+            Change { ($0.registration, $0.nextRegistration) = (.missing, .needsApproval) },
+            20, "1 status, 1 closed, register, 2 status, 2 closed, version 3", .needsApproval, false
+        ),
+    ] as [(Change, Double, String, State?, Bool)])
+    func launches(given: Change, span: Double, log: String, state: State?, fails: Bool) async {
         helper.version = "3"
-        helper.hold(for: 3600)
-        await launch("1 status", .holding(helper.holds))
-        await expect(after: 4, "1 heartbeat, 1 heartbeat")
-        helper.letGo()
-        await expect(
-            after: 3, "1 heartbeat, 1 status, 1 closed, unregister, register, version 3, 2 status, 2 closed", .ready)
-    }
-
-    @Test func registersAgainOnlyOnAFreshAnswer() async {
-        helper.version = "3"
-        helper.heldBack = []
-        await launch("1 status", .starting)
-        // The reply comes in time, the app is stopped then, and another process makes a commitment.
-        helper.heldBack?.removeFirst()()
-        helper.clock.jump(5)
-        helper.heldBack = nil
-        helper.hold(for: 60)
-        await expect("1 status", .holding(helper.holds))
-    }
-
-    /// Whether it is the removal or the registration that fails.
-    @Test(arguments: [true, false])
-    func keepsTheReasonWhyAnOldHelperCouldNotBeReplaced(stays: Bool) async {
-        helper.version = "3"
-        helper.refusesToUnregister = stays
-        helper.refusesToRegister = true
-        helper.statusAfterRegistration = .notRegistered
+        given.make(helper)
         mode.start()
-        await expect(
-            after: 1, "1 status, 1 closed, unregister, \(stays ? "" : "register, ")2 status, 2 closed",
-            stays ? .ready : .notRegistered)
-        #expect(mode.registrationFailure == CocoaError(.userCancelled).localizedDescription)
+        await expect(after: span, log, state)
+        #expect((mode.registrationFailure == CocoaError(.userCancelled).localizedDescription) == fails)
     }
 
-    @Test func repairsAGoneJobOnce() async {
+    /// Registered, but there is no answer for 20 seconds: whether the job is replaced.
+    @Test(arguments: [
+        (.away, true, Change { _ in }), (.incompatible, true, Change { _ in }),
+        (.silent, false, Change { _ in }), (.untrusted, false, Change { _ in }),
+        (.away, false, Change { $0.isRootsAlone = false }), (.away, false, Change { $0.isBundleLocked = true }),
+        (.away, false, Change { $0.defaults.heldUntil = $0.date + 21 }), (.away, true, Change { $0.defaults.heldUntil = $0.date }),
+    ] as [(HelperTrouble, Bool, Change)])
+    func replacesAGoneJobButNoneThatMayHoldACommitment(trouble: HelperTrouble, isReplaced: Bool, given: Change) async {
+        helper.trouble = trouble
+        given.make(helper)
+        mode.start()
+        #expect(await helper.logged(after: 20).contains("unregister") == isReplaced)
+        #expect(mode.state == .noAnswer(trouble))
+    }
+
+    @Test func replacesAGoneJobAtTheSecondFailureOnce() async {
         helper.trouble = .away
-        await launch("1 status, 1 closed", .noAnswer(.away))
-        await expect(after: 4.9, "2 status, 2 closed, unregister")
+        mode.start()
+        await expect(after: 3.9, "1 status, 1 closed", .noAnswer(.away))
+        await expect(after: 1, "2 status, 2 closed, unregister", .noAnswer(.away))
         await expect(after: 0.1, "register, 3 status, 3 closed", .noAnswer(.away))
         for _ in 0..<2 {
             #expect(await !helper.logged(after: 600).contains("register"))
             mode.becameActive()
         }
-        // The app becoming active shortens the pause.
-        _ = await helper.logged(after: 100)
-        helper.trouble = nil
-        mode.becameActive()
-        _ = await helper.logged()
-        #expect(mode.state == .ready)
     }
 
-    @Test(arguments: [true, false])
-    func repairsNothingWhileACommitmentMayHold(isLocked: Bool) async {
-        helper.trouble = .away
-        helper.version = "3"
-        helper.isBundleLocked = isLocked
-        helper.heldUntil = isLocked ? nil : helper.clock.date + 300
+    /// What the user changes, and what the app does when it becomes active then; before that it does nothing.
+    @Test(arguments: [
+        (Change { $0.registration = .needsApproval }, Change { $0.registration = .enabled }, "2 status, 2 closed"),
+        (
+            Change { ($0.registration, $0.isRootsAlone) = (.missing, false) }, Change { $0.isRootsAlone = true },
+            "2 status, 2 closed, register, 3 status, 3 closed"
+        ),
+        (
+            Change { ($0.registration, $0.nextRegistration) = (.missing, .missing) },
+            Change { $0.nextRegistration = .enabled },
+            "3 status, 3 closed, register, 4 status, 4 closed"
+        ),
+        (Change { $0.trouble = .untrusted }, Change { $0.trouble = nil }, "2 status, 2 closed"),
+    ] as [(Change, Change, String)])
+    func goesOnWhenItBecomesActive(given: Change, change: Change, log: String) async {
+        given.make(helper)
         mode.start()
-        #expect(await !helper.logged(after: 290).contains("register"))
-        helper.isBundleLocked = false
-        #expect(await helper.logged(after: 50).contains("unregister, register"))
+        _ = await helper.logged()
+        if helper.trouble == nil { #expect(await helper.logged(after: 600) == "") }
+        change.make(helper)
+        mode.becameActive()
+        await expect(log, .ready)
+        #expect(mode.registrationFailure == nil)
+        mode.becameActive()
+        await expect(after: 600, "", .ready)
+    }
+
+    @Test func sendsHeartbeatsUntilNothingHolds() async {
+        helper.hold(for: 3600)
+        mode.start()
+        await expect("1 status")
+        #expect(helper.defaults.heldUntil == helper.holds.until)
+        mode.becameActive()
+        await expect(after: 1.9, "")
+        await expect(after: 4.1, "1 heartbeat, 1 heartbeat, 1 heartbeat")
+        helper.letGo()
+        await expect(after: 2, "1 heartbeat, 1 status, 1 closed", .ready)
+        #expect(helper.defaults.heldUntil == nil)
+    }
+
+    @Test(arguments: [HelperTrouble.away, .silent, .untrusted, .incompatible])
+    func asksAgainWithPausesThatGrow(trouble: HelperTrouble) async {
+        helper.hold(for: 3600)
+        mode.start()
+        await expect("1 status")
+        helper.trouble = trouble
+        let wait = trouble == .silent ? 5.0 : 0
+        for (number, pause) in zip(1..., [2.0, 4, 8, 16, 30, 30]) {
+            #expect(await helper.logged(after: pause - 0.1) == "")
+            let request = "\(number) \(number == 1 ? "heartbeat" : "status")"
+            await expect(after: 0.1 + wait, "\(request), \(number) closed", .noAnswer(trouble))
+        }
+        helper.trouble = nil
+        await expect(after: 30, "7 status")
+        await expect(after: 2, "7 heartbeat")
+    }
+
+    @Test func replacesAnotherVersionWhenNothingHoldsAnyMore() async {
+        helper.version = "3"
+        helper.hold(for: 3600)
+        mode.start()
+        await expect(after: 4, "1 status, 1 heartbeat, 1 heartbeat")
+        helper.letGo()
+        await expect(
+            after: 3, "1 heartbeat, 1 status, 1 closed, unregister, register, 2 status, 2 closed, version 3", .ready)
+    }
+
+    @Test func replacesOnlyOnAFreshAnswer() async {
+        helper.version = "3"
+        helper.heldBack = []
+        mode.start()
+        await expect("1 status", .starting)
+        // The reply comes in time, the app is stopped then, and another process makes a commitment.
+        helper.heldBack?.removeFirst()()
+        helper.jump(5)
+        helper.heldBack = nil
+        helper.hold(for: 60)
+        await expect("1 status")
     }
 
     @Test func commitsOverOneConnectionAndSendsHeartbeats() async throws {
-        await launch("1 status, 1 closed", .ready)
         #expect(try await commit(60).value)
-        await expect(after: 4, "2 status, 2 begin 60, 2 status, 2 heartbeat, 2 heartbeat", .holding(helper.holds))
+        await expect(after: 4, "1 status, 1 begin 60, 1 status, 1 heartbeat, 1 heartbeat")
         #expect(try await mode.release())
-        await expect(after: 10, "2 end, 2 status, 2 closed", .ready)
+        await expect(after: 10, "1 end, 1 status, 1 closed", .ready)
         #expect(try await !mode.release())
     }
 
     /// The end of what held before, in seconds, and what may hold then.
     @Test(arguments: [(10.0, 60.0), (90, 90)])
     func remembersACommitmentWhoseReplyDidNotCome(before: Double, after: Double) async {
-        let start = helper.clock.date
-        helper.heldUntil = start + before
+        let start = helper.date
+        helper.defaults.heldUntil = start + before
         helper.heldBack = []
         let begin = commit(60)
-        await expect("1 status")
+        await expect("1 status", .starting)
         helper.trouble = .silent
         helper.heldBack?.removeFirst()()
-        await expect(after: 5, "1 begin 60, 1 closed, 2 status")
-        #expect(helper.heldUntil == start + after)
+        await expect(after: 5, "1 begin 60, 1 closed, 2 status", .starting)
+        #expect(helper.defaults.heldUntil == start + after)
         await #expect(throws: HelperTrouble.silent) { try await begin.value }
     }
 
     @Test func decidesOnWhatTheCommitmentBeforeHasLeft() async throws {
         let both = [commit(60), commit(120)]
-        await expect("1 status, 1 begin 60, 1 status, 1 begin 120, 1 status", .holding(helper.holds))
+        await expect("1 status, 1 begin 60, 1 status, 1 begin 120, 1 status")
         for each in both { #expect(try await each.value) }
     }
 
-    @Test func commitsBeforeItRegistersAgain() async throws {
+    @Test func commitsBeforeItReplaces() async throws {
         helper.version = "3"
         helper.heldBack = []
-        await launch("1 status", .starting)
+        mode.start()
+        await expect("1 status", .starting)
         let begin = commit(60)
         helper.heldBack?.removeFirst()()
         helper.heldBack = nil
-        await expect("1 status, 1 begin 60, 1 status", .holding(helper.holds))
+        await expect("1 status, 1 begin 60, 1 status")
         #expect(try await begin.value)
     }
 
-    @Test func commitsNothingWhileTheHelperIsRegisteredAgain() async throws {
+    @Test func commitsNothingWhileItReplaces() async throws {
         helper.version = "3"
         var isUnregistering = true
         helper.whileUnregistering = { while isUnregistering { await Task.yield() } }
-        await launch("1 status, 1 closed, unregister", .starting)
+        mode.start()
+        await expect("1 status, 1 closed, unregister", .starting)
         let begin = commit(60)
         mode.start()
-        await expect(after: 20, "")
+        await expect(after: 20, "", .starting)
         isUnregistering = false
         #expect(try await begin.value)
-        await expect("register, version 3, 2 status, 2 begin 60, 2 status", .holding(helper.holds))
+        await expect("register, 2 status, 2 begin 60, 2 status, version 3")
     }
 
     @Test func isSilentAfterTheAnnouncementOfTheSessionsEnd() async {
         helper.hold(for: 3600)
-        await launch("1 status", .holding(helper.holds))
+        mode.start()
+        await expect("1 status")
+        // Also when a commitment is just being made.
+        let begin = commit(60)
         let announcement = Task { await mode.sessionIsEnding() }
-        await expect(after: 89.9, "1 ending")
+        await expect(after: 89.9, "1 status, 1 begin 60, 1 ending", mode.state)
         await announcement.value
-        await expect(after: 6.1, "1 status, 1 heartbeat, 1 heartbeat, 1 heartbeat", .holding(helper.holds))
+        await expect(after: 6.1, "1 status, 1 heartbeat, 1 heartbeat, 1 heartbeat")
+        _ = await begin.result
     }
 
     @Test func waitsUntilTheAnnouncementIsAnswered() async {
@@ -244,9 +254,9 @@ struct UltraHardModeTests {
             await mode.sessionIsEnding()
             isAnnounced = true
         }
-        await expect(after: 4.9, "1 ending")
+        await expect(after: 4.9, "1 ending", .starting)
         #expect(!isAnnounced)
-        await expect(after: 0.1, "1 closed")
+        await expect(after: 0.1, "1 closed", .starting)
         #expect(isAnnounced)
     }
 

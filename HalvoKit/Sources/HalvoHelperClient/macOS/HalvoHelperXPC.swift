@@ -3,7 +3,7 @@ import Foundation
 
 /// What the helper can be asked, as `HalvoHelperCore/macOS/HalvoHelperXPC.h` declares it. The selectors are the wire.
 @objc(HalvoHelperXPC)
-nonisolated protocol HalvoHelperXPC {
+protocol HalvoHelperXPC {
     @objc(beginWithAppPath:until:started:reply:)
     func begin(appPath: String, until: Date, started: Date, reply: @escaping @Sendable (Bool) -> Void)
 
@@ -33,9 +33,11 @@ final class XPCHelperConnection: HelperConnection {
         // Interrupted: the helper exited. Used again, the connection would start it and continue with the new process,
         // with a begin that was decided on a status of the old one; so it is invalidated immediately, on NSXPC's queue,
         // before the main actor is notified.
-        let invalidation = Invalidation(connection)
+        // Of an NSXPCConnection, invalidate() may be called from any thread.
+        nonisolated(unsafe) weak var interrupted: NSXPCConnection?
+        interrupted = connection
         connection.interruptionHandler = { @Sendable in
-            invalidation.carryOut()
+            interrupted?.invalidate()
             Task { @MainActor in whenGone() }
         }
         connection.invalidationHandler = { @Sendable in Task { @MainActor in whenGone() } }
@@ -61,16 +63,7 @@ final class XPCHelperConnection: HelperConnection {
     }
 }
 
-/// invalidate() from any thread, as NSXPCConnection allows.
-nonisolated private final class Invalidation: @unchecked Sendable {
-    private weak var connection: NSXPCConnection?
-
-    init(_ connection: NSXPCConnection) { self.connection = connection }
-
-    func carryOut() { connection?.invalidate() }
-}
-
-nonisolated extension HelperTrouble {
+extension HelperTrouble {
     fileprivate init(_ error: any Error) {
         let error = error as NSError
         switch (error.domain, error.code) {

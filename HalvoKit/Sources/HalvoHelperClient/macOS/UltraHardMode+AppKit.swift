@@ -5,10 +5,7 @@ import ServiceManagement
 extension UltraHardMode {
     /// For the app that runs. Throws when its Info.plist lacks what names the helper.
     public convenience init() throws(HelperSetupError) {
-        let names = try HelperNames(info: Bundle.main.infoDictionary ?? [:])
-        self.init(service: AppService(names), memory: UserDefaults.standard, clock: SystemClock()) {
-            XPCHelperConnection(names)
-        }
+        self.init(MacSystem(try HelperNames(info: Bundle.main.infoDictionary ?? [:])))
     }
 
     /// For a button beside the state `.needsApproval`.
@@ -49,15 +46,5 @@ public final class HelperAppEvents: NSObject {
     }
 
     @objc private func becameActive(_ notification: Notification) { mode.becameActive() }
-}
-
-@MainActor
-private struct SystemClock: HelperClock {
-    var now: ContinuousClock.Instant { .now }
-    var date: Date { .now }
-
-    func sleep(until deadline: ContinuousClock.Instant) async {
-        try? await Task.sleep(until: deadline, clock: .continuous)
-    }
 }
 #endif
