@@ -172,7 +172,7 @@ TEST(SwiftClientTest, NamesWhatTheHelperHas) {
     const std::string helper = HelperIdentity{"\\(app)", ""}.helperBundleID();
     const std::string relaunch = LaunchReason::relaunchArgument;
     std::vector<std::string> inSwift{
-        "@objc(HalvoHelperXPC)\nnonisolated protocol",
+        "@objc(HalvoHelperXPC)\nprotocol",
         // What the helper is signed with.
         "#\"" + identity.helperRequirement() + "\"#",
         std::string("app = try Self.name(\"") + HelperIdentity::bundleIDKey + "\"",
@@ -180,8 +180,6 @@ TEST(SwiftClientTest, NamesWhatTheHelperHas) {
         "machService = \"" + helper + "\"\n",
         "launchdPlist = \"" + helper + ".plist\"\n",
         R"(== (")" + relaunch + R"(", "YES"))",
-        "limit = Duration.seconds(5)\n",
-        "let deadline = clock.now + Self.limit\n",
         "now: ContinuousClock.Instant { .now }\n",
         "sessionEndGrace = Duration.seconds(" + digits(Timing::sessionEndGrace) + ")\n",
         "beat = Duration.seconds(" + std::to_string(beat) + ")\n",
@@ -204,18 +202,10 @@ TEST(SwiftClientTest, NamesWhatTheHelperHas) {
         EXPECT_THAT(text, HasSubstr(part));
     }
     EXPECT_LE(Seconds{beat} * 3, Timing::silence);
-    // The requirement is set before the connection is used, a begin follows its status over the
-    // same connection, and the deadline is looked at before it is sent.
-    for (const auto& [first, second] :
-         {std::pair{".setCodeSigningRequirement(names.requirement)", "connection.resume()\n"},
-          {"await ask(.status, over: carrier, before: deadline)",
-           "guard carrier === connection else { continue }\n"},
-          {"guard carrier === connection else { continue }\n",
-           "await ask(.begin(span), over: carrier, before: deadline)"},
-          {"if clock.now >= deadline {\n", "carrier.send(request, answer: first.take)\n"}}) {
-        ASSERT_THAT(swift, HasSubstr(second));
-        EXPECT_LT(swift.find(first), swift.find(second)) << first;
-    }
+    // The requirement is set before the connection is used.
+    const auto isUsed = swift.find("connection.resume()\n");
+    ASSERT_NE(isUsed, std::string::npos);
+    EXPECT_LT(swift.find(".setCodeSigningRequirement(names.requirement)"), isUsed);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@ import Foundation
 
 @testable import HalvoHelperClient
 
-/// A system with a helper, time that passes only when a test says so, and one log of what was asked of the helper and of
+/// A system with a helper, time that passes only when a test says so, and one log of what was asked of the helper and
 /// its job; before a request is the number of its connection.
 @MainActor
 final class FakeSystem: HelperSystem {

@@ -30,8 +30,8 @@ struct UltraHardModeTests {
         return Task { try await mode.commit { _ in CommitmentSpan(until: start + span, started: start) } }
     }
 
-    /// The app is of version 3, and 2 was registered last. What it does in the seconds after its launch, the state then,
-    /// and whether that has the reason of a failure.
+    /// The app is of version 3, and 2 was registered last. What it does in the seconds after its launch, the state
+    /// then, and whether there is a reason of a failure.
     @Test(arguments: [
         // What holds is kept, whatever else there is to do.
         (Change { $0.hold(for: 60) }, 1, "1 status", nil, false),
@@ -43,7 +43,10 @@ struct UltraHardModeTests {
         (Change { $0.version = "2" }, 20, "1 status, 1 closed", .ready, false),
         (Change { _ in }, 1, "1 status, 1 closed, unregister, register, 2 status, 2 closed, version 3", .ready, false),
         (Change { $0.isRootsAlone = false }, 20, "1 status, 1 closed", .ready, false),
-        (Change { $0.refusesToUnregister = true }, 20, "1 status, 1 closed, unregister, 2 status, 2 closed", .ready, true),
+        (
+            Change { $0.refusesToUnregister = true },
+            20, "1 status, 1 closed, unregister, 2 status, 2 closed", .ready, true
+        ),
         (
             Change { $0.nextRegistration = .missing },
             20, "1 status, 1 closed, unregister, register, 2 status, 2 closed", .notRegistered, true
@@ -54,7 +57,10 @@ struct UltraHardModeTests {
             Change { ($0.registration, $0.isBundleLocked) = (.missing, true) },
             20, "1 status, 1 closed, register, 2 status, 2 closed, version 3", .ready, false
         ),
-        (Change { ($0.registration, $0.isRootsAlone) = (.missing, false) }, 20, "1 status, 1 closed", .needsInstallation, false),
+        (
+            Change { ($0.registration, $0.isRootsAlone) = (.missing, false) },
+            20, "1 status, 1 closed", .needsInstallation, false
+        ),
         (
             Change { ($0.registration, $0.nextRegistration) = (.missing, .missing) },
             20, "1 status, 1 closed, register, 2 status, 2 closed", .notRegistered, true
@@ -77,7 +83,8 @@ struct UltraHardModeTests {
         (.away, true, Change { _ in }), (.incompatible, true, Change { _ in }),
         (.silent, false, Change { _ in }), (.untrusted, false, Change { _ in }),
         (.away, false, Change { $0.isRootsAlone = false }), (.away, false, Change { $0.isBundleLocked = true }),
-        (.away, false, Change { $0.defaults.heldUntil = $0.date + 21 }), (.away, true, Change { $0.defaults.heldUntil = $0.date }),
+        (.away, false, Change { $0.defaults.heldUntil = $0.date + 21 }),
+        (.away, true, Change { $0.defaults.heldUntil = $0.date }),
     ] as [(HelperTrouble, Bool, Change)])
     func replacesAGoneJobButNoneThatMayHoldACommitment(trouble: HelperTrouble, isReplaced: Bool, given: Change) async {
         helper.trouble = trouble
