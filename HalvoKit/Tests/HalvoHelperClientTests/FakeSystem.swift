@@ -6,7 +6,7 @@ import Foundation
 /// its job; before a request is the number of its connection.
 @MainActor
 final class FakeSystem: HelperSystem {
-    private(set) var log: [String] = []
+    fileprivate var log: [String] = []
     private(set) var connections: [FakeConnection] = []
 
     var holds = HelperStatus(holding: false, until: nil, locked: false)
@@ -86,8 +86,6 @@ final class FakeSystem: HelperSystem {
         if heldBack == nil { Task { carryOut() } } else { heldBack?.append(carryOut) }
     }
 
-    func close(_ connection: FakeConnection) { log.append("\(connection.number) closed") }
-
     func sleep(until deadline: ContinuousClock.Instant) async {
         while now < deadline && !Task.isCancelled {
             await withTaskCancellationHandler {
@@ -100,8 +98,8 @@ final class FakeSystem: HelperSystem {
 
     /// Those whose time has not come sleep again.
     private func wake() {
-        defer { sleepers = [] }
         for each in sleepers { each.sleeper.resume() }
+        sleepers = []
     }
 
     /// Time passes while the app is stopped: nothing runs.
@@ -154,6 +152,6 @@ final class FakeConnection: HelperConnection {
 
     func invalidate() {
         isValid = false
-        system.close(self)
+        system.log.append("\(number) closed")
     }
 }

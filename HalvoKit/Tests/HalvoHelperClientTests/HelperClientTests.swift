@@ -14,18 +14,6 @@ struct HelperClientTests {
         held.holding ? nil : CommitmentSpan(until: helper.date + 60, started: helper.date)
     }
 
-    @Test func sendsEachRequestOverOneConnection() async throws {
-        #expect(try await client.begin(minute))
-        #expect(try await client.ask(.heartbeat(sessionEnding: false)).holding)
-        #expect(try await client.ask(.status) == helper.holds)
-        #expect(try await client.begin(minute))
-        #expect(try await client.ask(.end).holding)
-        #expect(await helper.logged() == "1 status, 1 begin 60, 1 heartbeat, 1 status, 1 status, 1 end")
-        #expect(!helper.hasSleepers)
-        client.disconnect()
-        #expect(await helper.logged() == "1 closed")
-    }
-
     @Test func beginsOnlyOverTheConnectionOfTheStatus() async throws {
         var decisions = 0
         let held = try await client.begin { held in
