@@ -40,6 +40,8 @@ public final class UltraHardMode {
     @ObservationIgnored private let client: HelperClient
     /// Once in a process, so that a helper that never answers is not registered again and again.
     @ObservationIgnored private var hasRenewed = false
+    /// Over when the end of the session was announced, and that was answered.
+    @ObservationIgnored private(set) var announcement: Task<Void, Never>?
     @ObservationIgnored private var latest: (cancel: () -> Void, isOver: () async -> Void)?
 
     init(_ system: any HelperSystem) {
@@ -53,12 +55,12 @@ public final class UltraHardMode {
     }
 
     /// At launch.
-    public func start() {
+    func start() {
         inTurn { await self.run() }
     }
 
     /// When the app becomes active: the user may have been in System Settings.
-    public func becameActive() {
+    func becameActive() {
         switch state {
         case .needsApproval, .needsInstallation, .notRegistered, .noAnswer: start()
         case .starting, .ready, .holding: break
@@ -88,15 +90,14 @@ public final class UltraHardMode {
         try await request { () async throws(HelperTrouble) in try await self.client.ask(.end).holding }
     }
 
-    /// Before a logout, restart or shutdown: announces it, and returns when that was sent and answered. Then silent for
-    /// as long as the announcement counts; if the app still runs after that, as before.
-    public func sessionIsEnding() async {
-        let announcement = inTurn { _ = try? await self.client.ask(.heartbeat(sessionEnding: true)) }
+    /// Before a logout, restart or shutdown: announces it. Then silent for as long as the announcement counts; if the app
+    /// still runs after that, as before.
+    func sessionIsEnding() {
+        announcement = inTurn { _ = try? await self.client.ask(.heartbeat(sessionEnding: true)) }
         inTurn {
             await self.sleep(Self.sessionEndGrace)
             await self.run()
         }
-        await announcement.value
     }
 
     private func request(

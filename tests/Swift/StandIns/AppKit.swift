@@ -42,7 +42,3 @@ public class NSWorkspace: NSObject {
     nonisolated public static let willPowerOffNotification = Notification.Name("NSWorkspaceWillPowerOff")
     public let notificationCenter = NotificationCenter.default
 }
-
-extension NotificationCenter {
-    public func addObserver(_ observer: Any, selector: Selector, name: Notification.Name?, object: Any?) {}
-}

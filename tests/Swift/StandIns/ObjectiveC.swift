@@ -1,6 +1,5 @@
-// What the compiler needs of Objective-C's runtime to check @objc and #selector.
-public struct Selector: ExpressibleByStringLiteral, Sendable {
-    public init(stringLiteral value: String) {}
+// What the compiler needs of Objective-C's runtime to check @objc.
+public struct Selector {
     public init(_ name: String) {}
 }
 
