@@ -90,8 +90,8 @@ public final class UltraHardMode {
         try await request { () async throws(HelperTrouble) in try await self.client.ask(.end).holding }
     }
 
-    /// Before a logout, restart or shutdown: announces it. Then silent for as long as the announcement counts; if the app
-    /// still runs after that, as before.
+    /// Before a logout, restart or shutdown: announces it. Then silent for as long as the announcement counts; if the
+    /// app still runs after that, as before.
     func sessionIsEnding() {
         announcement = inTurn { _ = try? await self.client.ask(.heartbeat(sessionEnding: true)) }
         inTurn {

@@ -13,7 +13,7 @@ extension UltraHardMode {
 
     /// For applicationDidFinishLaunching(_:), once: starts, and follows the app from then on.
     public func applicationDidFinishLaunching() {
-        // Both are posted on the main thread, this one before a logout, restart or shutdown, which can still be cancelled.
+        // Both are posted on the main thread; this one before a logout, restart or shutdown, which can be cancelled.
         _ = NSWorkspace.shared.notificationCenter.addObserver(
             forName: NSWorkspace.willPowerOffNotification, object: nil, queue: nil
         ) { _ in MainActor.assumeIsolated { self.sessionIsEnding() } }
