@@ -13,7 +13,8 @@ let package = Package(
     name: "Halvo",
     platforms: [.macOS("26.0")],
     products: [
-        .library(name: "HalvoRecords", targets: ["HalvoRecords"])
+        .library(name: "HalvoRecords", targets: ["HalvoRecords"]),
+        .library(name: "HalvoHelperClient", targets: ["HalvoHelperClient"]),
     ],
     targets: [
         bridge,
@@ -27,6 +28,10 @@ let package = Package(
             ]),
         .testTarget(
             name: "HalvoRecordsTests", dependencies: ["HalvoRecords"], path: "HalvoKit/Tests/HalvoRecordsTests"),
+        .target(name: "HalvoHelperClient", path: "HalvoKit/Sources/HalvoHelperClient"),
+        .testTarget(
+            name: "HalvoHelperClientTests", dependencies: ["HalvoHelperClient"],
+            path: "HalvoKit/Tests/HalvoHelperClientTests"),
     ],
     swiftLanguageModes: [.v6]
 )
