@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/InodeFlags.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
@@ -151,10 +150,7 @@ void BootedMachine::write(const std::string& inside, const std::string& bytes) c
 }
 
 bool BootedMachine::isLocked(const std::string& inside) const {
-    const Descriptor item(open(path(inside).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    unsigned int flags = 0;
-    return item.isOpen() && ioctl(item.get(), FS_IOC_GETFLAGS, &flags) == 0 &&
-           (flags & FS_IMMUTABLE_FL) != 0;
+    return (inodeFlags(path(inside)).value_or(0) & FS_IMMUTABLE_FL) != 0;
 }
 
 std::optional<State> BootedMachine::state() const {

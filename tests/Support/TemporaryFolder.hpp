@@ -1,10 +1,8 @@
 // A folder for one test.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <sys/ioctl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,7 +13,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "HalvoPlatform/Descriptor.hpp"
+#include "tests/Support/InodeFlags.hpp"
 
 namespace halvo::testing {
 
@@ -57,12 +55,10 @@ class TemporaryFolder {
   private:
     // An immutable item could not be removed, not even by root.
     static void clearFlags(const std::string& path) {
-        const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        int flags = 0;
-        if (item.isOpen() && ioctl(item.get(), FS_IOC_GETFLAGS, &flags) == 0 &&
-            (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) {
-            flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
-            ioctl(item.get(), FS_IOC_SETFLAGS, &flags);
+        constexpr int locks = FS_IMMUTABLE_FL | FS_APPEND_FL;
+        const auto flags = inodeFlags(path);
+        if (flags && (*flags & locks) != 0) {
+            setInodeFlags(path, *flags & ~locks);
         }
     }
 
