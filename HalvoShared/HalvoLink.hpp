@@ -7,6 +7,8 @@
 #include <string_view>
 #include <variant>
 
+#include "HalvoShared/JSON.hpp"
+
 namespace halvo {
 
 // A deep link: the screen that a widget, a control or an intent opens. A value. Any thread.
@@ -19,7 +21,7 @@ struct HalvoLink {
         std::optional<std::string> style;
         std::optional<std::int64_t> minutes;
 
-        bool operator==(const Breathe&) const = default;
+        HALVO_RECORD(Breathe, style, minutes)
     };
 
     // A screen without parameters; `number` makes distinct types.

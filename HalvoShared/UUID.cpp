@@ -2,12 +2,21 @@
 
 #include <uuid/uuid.h>
 
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+
 namespace halvo {
 
 std::optional<UUID> UUID::fromText(const std::string& text) {
+    // That of macOS, and of Foundation on Linux, takes blanks and signs for digits.
+    constexpr std::string_view form = "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX";
+    const auto isInPlace = [](unsigned char given, char place) {
+        return place == '-' ? given == '-' : std::isxdigit(given) != 0;
+    };
     UUID uuid;
-    // uuid_parse(3) sees a text only up to its first zero byte.
-    const bool isUUID = text.size() == textSize && uuid_parse(text.c_str(), uuid.bytes.data()) == 0;
+    const bool isUUID = std::ranges::equal(text, form, isInPlace) &&
+                        uuid_parse(text.c_str(), uuid.bytes.data()) == 0;
     return isUUID ? std::optional(uuid) : std::nullopt;
 }
 

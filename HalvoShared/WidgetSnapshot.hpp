@@ -239,7 +239,8 @@ struct WidgetMoment {
     WidgetSnapshot::Breath breathe;
     std::int64_t focusMinutes{};
 
-    bool operator==(const WidgetMoment&) const = default;
+    HALVO_RECORD(WidgetMoment, date, state, isRunning, blockCount, today, week, breathe,
+                 focusMinutes)
 
     // The focus run that counts down at `date`; absent when nothing runs, and when the state is not
     // a focus, is open-ended or over.

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <exception>
 #include <expected>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -37,22 +36,6 @@ namespace {
 
 using Words = std::array<std::uint64_t, 2>;
 
-// The members of a record, in their order.
-template <class T>
-auto membersOf(T& record) {
-    using Record = std::remove_const_t<T>;
-    if constexpr (std::same_as<Record, WidgetMoment>) {
-        return std::tie(record.date, record.state, record.isRunning, record.blockCount,
-                        record.today, record.week, record.breathe, record.focusMinutes);
-    } else if constexpr (std::same_as<Record, HalvoLink::Breathe>) {
-        return std::tie(record.style, record.minutes);
-    } else if constexpr (std::is_empty_v<Record>) {
-        return std::tie();
-    } else {
-        return record.members();
-    }
-}
-
 // What a reply owns.
 struct FlatWriter {
     template <class T>
@@ -79,13 +62,9 @@ struct FlatWriter {
         } else if constexpr (std::ranges::range<T>) {
             words.push_back(value.size());
             std::ranges::for_each(value, [&](const auto& element) { put(element); });
-        } else {
-            putAll(membersOf(value));
+        } else if constexpr (!std::is_empty_v<T>) {
+            std::apply([&](const auto&... member) { (put(member), ...); }, value.members());
         }
-    }
-
-    void putAll(const auto& values) {
-        std::apply([&](const auto&... value) { (put(value), ...); }, values);
     }
 
     std::vector<std::uint64_t> words;
@@ -133,13 +112,9 @@ class FlatReader {
             // Each element has a word at least.
             value.resize(numberUpTo(words_.size()));
             std::ranges::for_each(value, [&](auto& element) { get(element); });
-        } else {
-            getAll(membersOf(value));
+        } else if constexpr (!std::is_empty_v<T>) {
+            std::apply([&](auto&... member) { (get(member), ...); }, value.members());
         }
-    }
-
-    void getAll(const auto& values) {
-        std::apply([&](auto&... value) { (get(value), ...); }, values);
     }
 
     template <class... Cases>
@@ -219,13 +194,13 @@ HalvoReply call(HalvoValues values, Result (*function)(Arguments...)) noexcept {
 template <class Result, class Owner, class... Arguments>
 HalvoReply call(HalvoValues values, Result (Owner::*function)(Arguments...) const) noexcept {
     using Plain = Result (*)(const Owner&, Arguments...);
-    return call(values, std::mem_fn(function), Plain());
+    return call(values, function, Plain());
 }
 
 template <class T>
 T valueOf(std::expected<T, JSON::Error> result) {
     if (!result) {
-        failWith(std::move(result.error().path), std::move(result.error().problem));
+        throw std::move(result).error();
     }
     return *std::move(result);
 }
@@ -287,9 +262,8 @@ std::vector<std::string_view> launchArguments() {
 
 HalvoLink::Screen screenOf(std::string_view url) { return HalvoLink::reading(url).screen; }
 
-std::string urlOf(const HalvoLink::Screen& screen, const std::optional<std::string>& scheme) {
-    const HalvoLink link{screen};
-    return scheme ? link.url(*scheme) : link.url();
+std::string urlOf(const HalvoLink::Screen& screen, const std::string& scheme) {
+    return HalvoLink{screen}.url(scheme);
 }
 
 // Fails with the text about the file at `path`, which begins with that.

@@ -94,8 +94,8 @@ HalvoFunction halvo_keep_alive_may_open;         // KeepAliveState, text -> bool
 // --- HalvoLink.hpp; a link is its Screen, whose Breathe is a record
 
 HalvoFunction halvo_link_reading;  // text -> link: reading()
-HalvoFunction halvo_link_url;  // link, optional text: scheme -> text: url(), of scheme() if absent
-HalvoFunction halvo_link_scheme;  // -> text: scheme(), which reads the Info.plist
+HalvoFunction halvo_link_url;      // link, text: scheme -> text: url()
+HalvoFunction halvo_link_scheme;   // -> text: scheme(), which reads the Info.plist
 
 // --- AppGroup.hpp, SharedFile.hpp, LaunchReason.hpp
 

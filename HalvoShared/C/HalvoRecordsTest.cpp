@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "HalvoShared/C/HalvoRecords.h"
@@ -18,19 +18,8 @@ namespace {
 using testing::readTestFile;
 using testing::TemporaryFolder;
 
-using Function = HalvoFunction*;
-
-const std::string mistaken = "|The arguments are not those of the function";
-
 // Values that a caller makes, or has been handed.
 struct Flat {
-    Flat() = default;
-    Flat(const Flat&) = default;
-
-    explicit Flat(HalvoValues values)
-        : words(values.words, values.words + values.wordCount),
-          bytes(static_cast<const char*>(values.bytes), values.byteCount) {}
-
     Flat operator+(std::uint64_t word) const {
         Flat sum = *this;
         sum.words.push_back(word);
@@ -53,145 +42,110 @@ struct Flat {
     std::string bytes;
 };
 
-// A reply, freed.
-struct Result : Flat {
-    Result(Function function, HalvoValues arguments) : Result(function(arguments)) {}
-
-    Result(Function function, const Flat& arguments) : Result(function, arguments.values()) {}
-
-    explicit Result(HalvoReply reply) : Flat(reply.values), isFailure(reply.isFailure) {
-        halvo_free(reply);
+// The values of a reply, which is freed. Of a failure: "PATH|PROBLEM".
+Flat taken(HalvoReply reply) {
+    const auto& [words, wordCount, bytes, byteCount] = reply.values;
+    Flat flat{{words, words + wordCount}, {static_cast<const char*>(bytes), byteCount}};
+    if (reply.isFailure) {
+        flat.bytes.insert(flat.words.at(0), "|");
     }
+    halvo_free(reply);
+    return flat;
+}
 
-    // "PATH|PROBLEM", or nothing after a success.
-    [[nodiscard]] std::string failure() const {
-        std::string text = isFailure ? bytes : "";
-        return isFailure ? text.insert(words.at(0), "|") : text;
-    }
+const std::string mistaken = "|The arguments are not those of the function";
 
-    bool isFailure;
-};
-
-const std::string goldenSnapshot = readTestFile(HALVO_GOLDEN "/widgets.json");
-const std::string goldenState = readTestFile(HALVO_GOLDEN "/keepalive.json");
-
-constexpr double nine = 1795165200;
+using Call = std::pair<HalvoFunction*, Flat>;
 
 class HalvoRecordsTest : public ::testing::Test {
   protected:
     HalvoRecordsTest() { setenv("XDG_DATA_HOME", folder.path().c_str(), 1); }
 
-    struct Case {
-        Function function;
-        Flat arguments;
-    };
-
-    // Valid arguments for every function.
-    [[nodiscard]] std::vector<Case> cases() const {
-        const std::uint64_t one = 1;
-        const Flat dates = snapshot + one + nine;
-        const Flat noBlocks = Flat() + std::uint64_t{5};
-        const Flat link = Flat() + std::uint64_t{0} + one + "box" + std::uint64_t{0};
-        const Flat moments = Result(halvo_snapshot_moments, dates + "Europe/Berlin");
-        Flat moment = moments;
-        moment.words.erase(moment.words.begin());
-        const Flat path = Flat() + (folder / "file");
-        return {{halvo_snapshot_decode, Flat() + goldenSnapshot},
-                {halvo_snapshot_encode, snapshot},
-                {halvo_snapshot_file, {}},
-                {halvo_snapshot_kinds, {}},
-                {halvo_snapshot_state, snapshot + nine},
-                {halvo_snapshot_countdown, noBlocks},
-                {halvo_snapshot_day_is_empty, Flat() + nine + one + one + one},
-                {halvo_snapshot_moments, dates + "Europe/Berlin"},
-                {halvo_snapshot_timeline_dates, snapshot + nine + "Asia/Tokyo" + 60.0 + one},
-                {halvo_snapshot_reload_date, dates + nine},
-                {halvo_moment_focus, moment},
-                {halvo_keep_alive_decode, Flat() + goldenState},
-                {halvo_keep_alive_encode, state},
-                {halvo_keep_alive_file, {}},
-                {halvo_keep_alive_should_relaunch, state + nine},
-                {halvo_keep_alive_was_bypassed, state + one + nine},
-                {halvo_keep_alive_may_open, state + "/Applications"},
-                {halvo_link_reading, Flat() + "halvo://today"},
-                {halvo_link_url, link + one + "halvo"},
-                {halvo_link_scheme, {}},
-                {halvo_group_identifier, {}},
-                {halvo_group_container, {}},
-                {halvo_file_store, path + "text"},
-                {halvo_file_read, path},
-                {halvo_file_remove, path},
-                {halvo_launch_arguments, {}}};
-    }
-
     const TemporaryFolder folder;
-    const Flat snapshot = Result(halvo_snapshot_decode, Flat() + goldenSnapshot);
-    const Flat state = Result(halvo_keep_alive_decode, Flat() + goldenState);
+    const double nine = 1795165200;
+    const std::uint64_t none = 0;
+    const std::uint64_t one = 1;
+    const Flat snapshotJSON = Flat() + readTestFile(HALVO_GOLDEN "/widgets.json");
+    const Flat stateJSON = Flat() + readTestFile(HALVO_GOLDEN "/keepalive.json");
+    const Flat snapshot = taken(halvo_snapshot_decode(snapshotJSON.values()));
+    const Flat state = taken(halvo_keep_alive_decode(stateJSON.values()));
+    const Flat moment = Flat() + nine + std::uint64_t{5} + one + one + nine + one + one + one + none + "" + one + one;
+    const Flat file = Flat() + (folder / "file");
+
+    // Each function with arguments that it accepts.
+    const std::vector<Call> calls{
+        {halvo_snapshot_decode, snapshotJSON},
+        {halvo_snapshot_encode, snapshot},
+        {halvo_snapshot_file, {}},
+        {halvo_snapshot_kinds, {}},
+        {halvo_snapshot_state, snapshot + nine},
+        {halvo_snapshot_countdown, Flat() + std::uint64_t{5}},
+        {halvo_snapshot_day_is_empty, Flat() + nine + one + one + one},
+        {halvo_snapshot_moments, snapshot + one + nine + "Europe/Berlin"},
+        {halvo_snapshot_timeline_dates, snapshot + nine + "Asia/Tokyo" + 60.0 + one},
+        {halvo_snapshot_reload_date, snapshot + one + nine + nine},
+        {halvo_moment_focus, moment},
+        {halvo_keep_alive_decode, stateJSON},
+        {halvo_keep_alive_encode, state},
+        {halvo_keep_alive_file, {}},
+        {halvo_keep_alive_should_relaunch, state + nine},
+        {halvo_keep_alive_was_bypassed, state + one + nine},
+        {halvo_keep_alive_may_open, state + "/Applications"},
+        {halvo_link_reading, Flat() + "halvo://today"},
+        {halvo_link_url, Flat() + none + one + "box" + none + "halvo"},
+        {halvo_link_scheme, {}},
+        {halvo_group_identifier, {}},
+        {halvo_group_container, {}},
+        {halvo_file_store, file + "text"},
+        {halvo_file_read, file},
+        {halvo_file_remove, file},
+        {halvo_launch_arguments, {}}};
 };
 
-TEST_F(HalvoRecordsTest, PassesRecordsInBothDirections) {
-    EXPECT_EQ(Result(halvo_snapshot_encode, snapshot).bytes, goldenSnapshot);
-    EXPECT_EQ(Result(halvo_keep_alive_encode, state).bytes, goldenState);
-}
-
-TEST_F(HalvoRecordsTest, AcceptsNullWhereThereIsNothing) {
-    halvo_free({});
-    EXPECT_EQ(Result(halvo_link_scheme, HalvoValues{}).bytes, "halvo");
-    EXPECT_EQ(Result(halvo_link_reading, HalvoValues{}).failure(), mistaken);
-    const std::uint64_t empty = 0;
-    const Result link(halvo_link_reading, HalvoValues{&empty, 1, nullptr, 0});
-    EXPECT_EQ(link.words, std::vector<std::uint64_t>{4}) << "main";
-}
-
-TEST_F(HalvoRecordsTest, FailsWithThePathAndTheProblem) {
-    const std::string missing = folder / "missing/file";
-    Flat late = state;
-    late.words.back() = std::bit_cast<std::uint64_t>(1e300);
-    Flat great = state;
-    great.words.front() = std::uint64_t{1} << 31U;
-    for (const auto& [function, arguments, failure] :
-         std::vector<std::tuple<Function, Flat, std::string>>{
-             {halvo_keep_alive_decode, Flat() + R"({"pid":"7"})",
-              R"(pid|Expected a whole number of 32 bits, found "7")"},
-             {halvo_snapshot_decode, Flat() + "[]", "|Expected an object, found a list"},
-             {halvo_keep_alive_encode, late, "updatedAt|is not a date of the years 0 to 9999"},
-             {halvo_snapshot_moments, snapshot + std::uint64_t{0} + "GMT+0200",
-              "|no time zone is named \"GMT+0200\""},
-             {halvo_snapshot_countdown, Flat() + std::uint64_t{6}, mistaken},
-             {halvo_keep_alive_was_bypassed, state + std::uint64_t{2} + nine, mistaken},
-             {halvo_keep_alive_encode, great, mistaken},
-             {halvo_file_read, Flat() + missing, missing + "|No such file or directory"},
-             {halvo_file_store, Flat() + missing + "x", missing + "|No such file or directory"}}) {
-        EXPECT_EQ(Result(function, arguments).failure(), failure);
-    }
-}
-
 TEST_F(HalvoRecordsTest, RefusesArgumentsThatAreNotThoseOfTheFunction) {
-    for (const auto& [function, arguments] : cases()) {
-        EXPECT_EQ(Result(function, arguments).failure(), "");
-        const Flat more = arguments + std::uint64_t{0};
-        EXPECT_EQ(Result(function, more).failure(), mistaken);
+    for (const auto& [function, arguments] : calls) {
+        const HalvoReply reply = function(arguments.values());
+        EXPECT_FALSE(reply.isFailure) << taken(reply).bytes;
+        halvo_free(reply);
+        EXPECT_EQ(taken(function((arguments + none).values())).bytes, mistaken);
         HalvoValues fewer = arguments.values();
         while (fewer.wordCount > 0) {
             --fewer.wordCount;
-            EXPECT_EQ(Result(function, fewer).failure(), mistaken);
+            EXPECT_EQ(taken(function(fewer)).bytes, mistaken);
         }
         // A number that is no count, no index, no size: refused, or a number.
         for (std::size_t i = 0; i < arguments.words.size(); ++i) {
             Flat wrong = arguments;
-            wrong.words[i] = ~std::uint64_t{0};
-            const std::string failure = Result(function, wrong).failure();
-            EXPECT_TRUE(failure.empty() || failure.contains(mistaken) ||
-                        failure.contains("is not a date"))
-                << failure;
+            wrong.words[i] = ~none;
+            const HalvoReply answer = function(wrong.values());
+            const bool isFailure = answer.isFailure;
+            const std::string text = taken(answer).bytes;
+            EXPECT_TRUE(!isFailure || text == mistaken || text.contains("is not a date")) << text;
         }
     }
 }
 
+TEST_F(HalvoRecordsTest, RefusesWhatIsJustOutOfRange) {
+    Flat great = state;
+    great.words.front() = one << 31U;
+    EXPECT_EQ(taken(halvo_keep_alive_encode(great.values())).bytes, mistaken);
+    const Flat two = state + std::uint64_t{2} + nine;
+    EXPECT_EQ(taken(halvo_keep_alive_was_bypassed(two.values())).bytes, mistaken);
+    const Flat sixth = Flat() + std::uint64_t{6};
+    EXPECT_EQ(taken(halvo_snapshot_countdown(sixth.values())).bytes, mistaken);
+}
+
+TEST_F(HalvoRecordsTest, AcceptsNullWhereThereIsNothing) {
+    halvo_free({});
+    EXPECT_EQ(taken(halvo_link_scheme({})).bytes, "halvo");
+    EXPECT_EQ(taken(halvo_link_reading({})).bytes, mistaken);
+    EXPECT_EQ(taken(halvo_link_reading({&none, 1, nullptr, 0})).words, std::vector{none + 4});
+}
+
 TEST_F(HalvoRecordsTest, KeepsNothingAfterTheReplyIsFreed) {
-    for (const auto& [function, arguments] : cases()) {
-        const Flat wrong = arguments + std::uint64_t{0};
-        const Result once(function, arguments);
+    for (const auto& [function, arguments] : calls) {
+        const Flat wrong = arguments + none;
+        halvo_free(function(arguments.values()));
         const std::size_t before = testing::bytesAllocated();
         for (int i = 0; i < 50; ++i) {
             halvo_free(function(arguments.values()));
@@ -204,18 +158,16 @@ TEST_F(HalvoRecordsTest, KeepsNothingAfterTheReplyIsFreed) {
 
 #if !HALVO_IS_SANITIZED
 TEST_F(HalvoRecordsTest, FailsWhereThereIsNotTheMemoryForIt) {
-    const std::string failure = "|There is not enough memory";
-    for (const auto& [function, arguments] :
-         {Case{halvo_snapshot_encode, snapshot}, Case{halvo_snapshot_state, snapshot + nine}}) {
+    for (const auto& [function, arguments] : {Call{halvo_snapshot_encode, snapshot},
+                                              Call{halvo_snapshot_state, snapshot + nine}}) {
         const std::size_t before = testing::mallocsMade();
-        const HalvoReply whole = function(arguments.values());
+        halvo_free(function(arguments.values()));
         const std::size_t count = testing::mallocsMade() - before;
-        halvo_free(whole);
         ASSERT_GT(count, 10U);
         for (std::size_t number = 1; number <= count; ++number) {
             testing::failMalloc(number);
             const HalvoReply reply = function(arguments.values());
-            EXPECT_EQ(Result(reply).failure(), failure) << number << " of " << count;
+            EXPECT_EQ(taken(reply).bytes, "|There is not enough memory") << number;
         }
     }
 }

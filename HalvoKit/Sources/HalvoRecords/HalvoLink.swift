@@ -12,15 +12,15 @@ public enum HalvoLink: Sendable, Hashable {
     case main
 
     /// Parses a URL; never fails. The scheme is ignored; of several query items of one name the first counts.
-    public init(url: URL) { self = certain(halvo_link_reading, url.absoluteString) }
+    public init(url: URL) { self.init(text: url.absoluteString) }
+
+    init(text: String) { self = certain(halvo_link_reading, text) }
 
     /// The link's URL under ``scheme``.
-    public var url: URL { url(under: nil) }
+    public var url: URL { url(scheme: Self.scheme) }
 
     /// The link's URL under `scheme`; `file:///` when that is invalid.
-    public func url(scheme: String) -> URL { url(under: scheme) }
-
-    private func url(under scheme: String?) -> URL {
+    public func url(scheme: String) -> URL {
         // What a URL cannot hold is percent-encoded.
         URL(string: certain(halvo_link_url, self, scheme))!
     }

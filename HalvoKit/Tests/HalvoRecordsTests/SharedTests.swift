@@ -2,56 +2,17 @@ import Foundation
 import HalvoRecords
 import Testing
 
-/// What tests/Golden/keepalive.json holds.
-private let state = KeepAliveState(
-    pid: 4711, appPath: "/Applications/Halvo.app", clean: false, commitmentUntil: nine + 3600, ultraHard: true,
-    appReleased: true, bypassNoted: false, updatedAt: nine)
-
-@Suite struct KeepAliveStateTests {
-    @Test func isWhatTheFileHolds() throws {
-        let json = try golden("keepalive.json")
-        #expect(try KeepAliveState(json: json) == state)
-        #expect(try state.json() == json)
+struct KeepAliveStateTests {
+    @Test func answersItsThreeQuestions() throws {
+        var state = try KeepAliveState(json: golden("keepalive"))
+        #expect(state.shouldRelaunch(at: nine + 3599) && !state.shouldRelaunch(at: nine + 3600))
+        #expect(state.wasBypassed(relaunchedByAgent: false, at: nine + 121))
+        #expect(!state.wasBypassed(relaunchedByAgent: false, at: nine + 120))
+        #expect(!state.wasBypassed(relaunchedByAgent: true, at: nine + 121))
+        #expect(state.mayOpen(fromBin: "/Applications") && !state.mayOpen(fromBin: "/a/.Trash/b"))
+        state.appReleased = false
+        #expect(state.mayOpen(fromBin: "/a/.Trash/b"))
     }
-
-    @Test(arguments: [(false, 3599, true), (false, 3600, false), (true, 0, false)])
-    func saysWhetherToRelaunch(clean: Bool, seconds: Double, relaunches: Bool) {
-        var state = state
-        state.clean = clean
-        #expect(state.shouldRelaunch(at: nine + seconds) == relaunches)
-        state.commitmentUntil = nil
-        #expect(!state.shouldRelaunch(at: nine + seconds))
-    }
-
-    @Test(arguments: [(false, 120, false), (false, 121, true), (true, 121, false)])
-    func saysWhetherItWasBypassed(byAgent: Bool, seconds: Double, bypassed: Bool) {
-        #expect(state.wasBypassed(relaunchedByAgent: byAgent, at: nine + seconds) == bypassed)
-    }
-
-    @Test(arguments: [("/Applications", true, true), ("/a/.Trash/b", true, false), ("/a/.Trash/b", false, true)])
-    func saysWhatMayOpen(path: String, released: Bool, may: Bool) {
-        var state = state
-        state.appReleased = released
-        #expect(state.mayOpen(fromBin: path) == may)
-    }
-}
-
-@Suite struct HalvoLinkTests {
-    @Test(arguments: [
-        (.breathe(style: "box", minutes: 5), "halvo://breathe?style=box&minutes=5"), (.breathe(), "halvo://breathe"),
-        (.breathe(style: "süß & gut"), "halvo://breathe?style=s%C3%BC%C3%9F%20%26%20gut"),
-        (.breathe(minutes: -7), "halvo://breathe?minutes=-7"), (.focus, "halvo://focus"), (.today, "halvo://today"),
-        (.settings, "halvo://settings"), (.main, "halvo://main"),
-    ] as [(HalvoLink, String)])
-    func isItsURL(link: HalvoLink, text: String) throws {
-        #expect(link.url.absoluteString == text)
-        #expect(HalvoLink(url: link.url) == link)
-        #expect(link.url(scheme: "x-other").absoluteString == text.replacing("halvo:", with: "x-other:"))
-        #expect(link.url(scheme: "1") == URL(string: "file:///"))
-    }
-
-    @Test(arguments: ["https://example.com/focus", "mailto:ann@example.com", "file:///", "halvo://FOCUS"])
-    func isMainForAnyOtherURL(text: String) { #expect(HalvoLink(url: URL(string: text)!) == .main) }
 }
 
 @Suite final class SharedFileTests {
@@ -64,9 +25,7 @@ private let state = KeepAliveState(
     @Test func hasWhatWasWrittenLast() throws {
         let file = SharedFile<WidgetSnapshot>(name: "a b.json", in: folder)
         #expect(file.read() == nil)
-        for focusMinutes in [25, 50] {
-            var snapshot = sample
-            snapshot.focusMinutes = focusMinutes
+        for snapshot in try [empty, WidgetSnapshot(json: golden("widgets"))] {
             try file.write(snapshot)
             #expect(try file.read() == snapshot && file.load() == snapshot)
         }
@@ -77,7 +36,7 @@ private let state = KeepAliveState(
 
     @Test func saysWhyThereIsNoRecord() throws {
         let file = SharedFile<KeepAliveState>(name: "ü.json", in: folder)
-        let path = file.url.path
+        let path = file.url.path, state = try KeepAliveState(json: golden("keepalive"))
         let problem = { (work: () throws -> Void) in
             let error = #expect(throws: RecordError.self, performing: work)
             #expect(error?.path == path)

@@ -32,14 +32,16 @@ struct Member: Sendable {
     var different: [String: String] = [:]
 }
 
-private let snapshot = #"{"blockCount":NUMBER,"blocks":[],"breathe":{"minutes":5,"style":""},"days":[],"#
-    + #""focusMinutes":1,"horizon":"2026-11-21T09:00:00Z","isRunning":true,"lists":[{"id":"ID","look":{"color":"","#
-    + #""symbol":""},"name":""}],"phases":[],"writtenAt":"2026-11-20T08:59:55Z"}"#
+private let state = #"{"appPath":"","appReleased":true,"bypassNoted":true,"clean":true,"pid":1,"ultraHard":true,"#
+    + #""updatedAt":"2026-01-01T00:00:00Z"}"#
+private let id = "00000000-0000-4000-8000-0000000000FF"
+private let snapshot = #"{"blockCount":1,"blocks":[],"breathe":{"minutes":5,"style":""},"days":[],"focusMinutes":25,"#
+    + #""horizon":"2026-11-21T09:00:00Z","isRunning":true,"lists":[{"id":"\#(id)","look":{"color":"","symbol":""},"#
+    + #""name":""}],"phases":[],"writtenAt":"2026-11-20T08:59:55Z"}"#
 
 let members = [
     Member(
-        kind: "keepalive", key: "updatedAt",
-        text: #"{"appPath":"","clean":true,"pid":1,"ultraHard":true,"updatedAt":"@"}"#,
+        kind: "keepalive", key: "updatedAt", text: state.replacing("2026-01-01T00:00:00Z", with: "@"),
         agreed: """
             2024-02-29T00:00:00Z | 2000-02-29T23:59:59Z | 1582-10-15T00:00:00Z | 9999-12-31T23:59:59Z \
             | 2026-01-01T00:00:00+05:30 | 2026-01-01T00:00:00-05:30 | 2026-01-01T00:00:00-00:00 \
@@ -69,7 +71,7 @@ let members = [
                 + " | 1500-02-29T00:00:00Z -> - -> 1500-02-29T00:00:00Z",
         ]),
     Member(
-        kind: "widgets", key: "id", text: snapshot.replacing("NUMBER", with: "1").replacing("ID", with: "@"),
+        kind: "widgets", key: "id", text: snapshot.replacing(id, with: "@"),
         agreed: """
             E621E1F8-C36C-495A-93FC-0C247A3E6E5F | e621e1f8-c36c-495a-93fc-0c247a3e6E5F \
             | E621E1F8-C36C-495A-93FC-0C247A3E6E5 | E621E1F8-C36C-495A-93FC-0C247A3E6E5F0 \
@@ -83,8 +85,7 @@ let members = [
                 + #" | E621E1F8-C36C-495A-93FC-0C247A3E6E5F\u0000 -> - -> E621E1F8-C36C-495A-93FC-0C247A3E6E5F"#
         ]),
     Member(
-        kind: "widgets", key: "blockCount",
-        text: snapshot.replacing("NUMBER", with: "@").replacing("ID", with: "00000000-0000-4000-8000-0000000000FF"),
+        kind: "widgets", key: "blockCount", text: snapshot.replacing(":1,", with: ":@,"),
         agreed: """
             9223372036854775807 | -9223372036854775808 | 9223372036854775808 | -9223372036854775809 \
             | 18446744073709551616 | 9007199254740993 | 9223372036854774784.0 | 9223372036854775807.0 \
@@ -100,15 +101,16 @@ let members = [
                 + " | -9223372036854775808.0 -> -9223372036854775808 -> -"
         ]),
     Member(
-        kind: "keepalive", key: "appPath",
-        text: #"{"appPath":"@","clean":true,"pid":1,"ultraHard":true,"updatedAt":"2026-01-01T00:00:00Z"}"#,
+        kind: "keepalive", key: "clean", text: state.replacing(#"clean":true"#, with: #"clean":@"#),
+        agreed: #"true | false | True | 1 | 0 | 1.0 | null | "true" | []"#),
+    Member(
+        kind: "keepalive", key: "appPath", text: state.replacing(#""","#, with: #""@","#),
         agreed: "é☾😀 | \u{7f}\u{2028}\u{feff} | \t | \0 | "
             + #"\u0041\u00e9\uD83D\uDE00\/\\\b\f\n\r\t | \u0000 | \ud800 | \uDE00\uD83D | \u00 | \q"#),
     Member(
-        kind: "keepalive", key: "pid",
-        text: #"{"appPath":"","clean":true,"pid":1,"ultraHard":true,"updatedAt":"2026-01-01T00:00:00Z"@"#,
+        kind: "keepalive", key: "pid", text: state.replacing("}", with: "@"),
         agreed: "} |  \n}\r\t | }\0 | \u{b}} | }x | }{} | }// | "
-            + #","bypassNoted":1} | ,"commitmentUntil":null} | ,"x":{"y":[1,null]}} | ,"x":tru} | ,"x":.5}"#,
+            + #","commitmentUntil":1} | ,"commitmentUntil":null} | ,"x":{"y":[1,null]}} | ,"x":tru} | ,"x":.5}"#,
         different: [
             "what is not JSON is refused, needed or not":
                 #",} -> - -> 1 | ,"x":[1,]} -> - -> 1 | ,"x":01} -> - -> 1 | ,"x":-} -> - -> 1 | ,"x":1e999} -> - -> 1"#

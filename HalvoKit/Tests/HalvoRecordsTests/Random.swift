@@ -1,37 +1,9 @@
 import Foundation
-
-// The records as plain structs, whose conformances the compiler makes.
-
-struct KeepAliveState: Codable {
-    var pid: Int32, appPath: String, clean: Bool, commitmentUntil: Date?, ultraHard: Bool
-    var appReleased, bypassNoted: Bool?, updatedAt: Date
-}
-
-struct WidgetSnapshot: Codable {
-    enum Level: String, Codable { case gentle, firm, ultraHard }
-    struct Look: Codable { var color, symbol: String }
-    struct Unlock: Codable { var name: String, end: Date }
-    struct Running: Codable {
-        var name: String, names: [String], look: Look?, start: Date, end: Date?, level: Level, listNames: [String]
-        var unlock: Unlock?
-    }
-    struct Upcoming: Codable { var name: String, look: Look?, start: Date, end: Date, level: Level }
-    enum State: Codable {
-        case block(Running), focus(Running), focusFilter(Running), next(Upcoming), nothingScheduled, noBlocks
-    }
-    struct Phase: Codable { var start: Date, state: State }
-    struct Day: Codable { var start: Date, breaths, minutesBreathed, stayedOff: Int }
-    struct Breath: Codable { var style: String, minutes: Int }
-    struct ListItem: Codable { var id: UUID, name: String, look: Look }
-    struct BlockItem: Codable { var id: UUID, name: String, look: Look, level: Level, isEnabled, isRunning: Bool }
-
-    var writtenAt: Date, isRunning: Bool, blockCount: Int, phases: [Phase], horizon: Date, days: [Day], breathe: Breath
-    var focusMinutes: Int, lists: [ListItem], blocks: [BlockItem]
-}
+import HalvoRecords
 
 /// Values from a seed, the same ones in each run.
 struct Random: RandomNumberGenerator {
-    var state: UInt64
+    var state: UInt64 = 12
 
     mutating func next() -> UInt64 {
         state &+= 0x9e37_79b9_7f4a_7c15
@@ -45,15 +17,15 @@ struct Random: RandomNumberGenerator {
     mutating func bool() -> Bool { .random(using: &self) }
     mutating func number() -> Int { one(of: [0, 7, .max, .min, Int(bitPattern: UInt(next()))]) }
     mutating func id() -> UUID { UUID(uuid: unsafeBitCast((next(), next()), to: uuid_t.self)) }
-    mutating func level() -> WidgetSnapshot.Level { one(of: [.gentle, .firm, .ultraHard]) }
+    mutating func level() -> WidgetSnapshot.Level { one(of: WidgetSnapshot.Level.allCases) }
     mutating func look() -> WidgetSnapshot.Look { .init(color: text(), symbol: text()) }
     mutating func text() -> String {
         let pieces = ["B9", "/", "\\", "\"", "e\u{301}", "☾", "😀", "\0", "\n", "\u{1f}", "\u{7f}", "\u{2028}"]
         return list { $0.one(of: pieces) }.joined()
     }
-    /// From 1583 to 9999, with fractions of a second.
+    /// From 1583 to 9999.
     mutating func date() -> Date {
-        Date(timeIntervalSince1970: .random(in: -12_212_553_600..<253_402_300_800, using: &self))
+        Date(timeIntervalSince1970: Double(Int.random(in: -12_212_553_600..<253_402_300_800, using: &self)))
     }
     mutating func phase() -> WidgetSnapshot.Phase {
         let running = WidgetSnapshot.Running(
@@ -68,7 +40,9 @@ struct Random: RandomNumberGenerator {
     mutating func snapshot() -> WidgetSnapshot {
         .init(
             writtenAt: date(), isRunning: bool(), blockCount: number(), phases: list { $0.phase() }, horizon: date(),
-            days: list { .init(start: $0.date(), breaths: $0.number(), minutesBreathed: $0.number(), stayedOff: 0) },
+            days: list {
+                .init(start: $0.date(), breaths: $0.number(), minutesBreathed: $0.number(), stayedOff: $0.number())
+            },
             breathe: .init(style: text(), minutes: number()), focusMinutes: number(),
             lists: list { .init(id: $0.id(), name: $0.text(), look: $0.look()) },
             blocks: list {
@@ -80,7 +54,7 @@ struct Random: RandomNumberGenerator {
     mutating func keepAlive() -> KeepAliveState {
         .init(
             pid: Int32(truncatingIfNeeded: next()), appPath: text(), clean: bool(),
-            commitmentUntil: maybe { $0.date() }, ultraHard: bool(),
-            appReleased: bool(), bypassNoted: bool(), updatedAt: date())
+            commitmentUntil: maybe { $0.date() }, ultraHard: bool(), appReleased: bool(), bypassNoted: bool(),
+            updatedAt: date())
     }
 }
