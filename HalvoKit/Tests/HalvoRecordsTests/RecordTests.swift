@@ -14,11 +14,14 @@ private func answers(_ kind: String, _ text: Data) -> (ours: String, theirs: Str
         : (ours(WidgetSnapshot.self, text), foundation(Plain.WidgetSnapshot.self, text))
 }
 
+/// A text that is not JSON, or a value of the right type. Made once: that takes longer than decoding.
+nonisolated(unsafe) private let corrupt =
+    /This is not JSON|Expected (a whole .* found [-0-9]|(a date|a UUID|one of) .* found ("|a text))/
+
 private func ours<Record: SharedRecord>(_: Record.Type, _ text: Data) -> String {
     do {
         return "+" + String(decoding: try Record(json: text).json(), as: UTF8.self)
     } catch {
-        let corrupt = /This is not JSON|Expected (a whole .* found [-0-9]|(a date|a UUID|one of) .* found ("|a text))/
         let isMissing = error.problem == "This is missing"
         return "-\(isMissing ? "missing" : error.problem.starts(with: corrupt) ? "corrupt" : "type") \(error.path)"
     }
@@ -29,7 +32,8 @@ private func foundation<Record: Codable>(_: Record.Type, _ text: Data) -> String
         keys.map { key in key.intValue.map { "[\($0)]" } ?? "." + key.stringValue }.joined().drop { $0 == "." } + ""
     }
     do {
-        return "+" + String(decoding: try Plain.encoder.encode(Plain.decoder.decode(Record.self, from: text)), as: UTF8.self)
+        let record = try Plain.decoder.decode(Record.self, from: text)
+        return "+" + String(decoding: try Plain.encoder.encode(record), as: UTF8.self)
     } catch DecodingError.keyNotFound(let key, let context) {
         return "-missing " + path(context.codingPath + [key])
     } catch DecodingError.typeMismatch(_, let context), DecodingError.valueNotFound(_, let context) {
