@@ -71,9 +71,8 @@ struct FlatWriter {
     std::string bytes;
 };
 
-[[noreturn]] void failWith(std::string path, std::string problem) {
-    // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
-    throw JSON::Error{JSON::Error::Kind::BadValue, std::move(path), std::move(problem)};
+[[noreturn]] void failWith(JSON::Error error) {
+    throw error;  // NOLINT(cert-err60-cpp): caught as a reference, never copied by a throw.
 }
 
 // Reads what a caller has written, who may be wrong. Throws JSON::Error.
@@ -128,7 +127,7 @@ class FlatReader {
   private:
     static void expect(bool isRight) {
         if (!isRight) {
-            failWith("", "The arguments are not those of the function");
+            failWith({{}, "", "The arguments are not those of the function"});
         }
     }
 
@@ -200,7 +199,7 @@ HalvoReply call(HalvoValues values, Result (Owner::*function)(Arguments...) cons
 template <class T>
 T valueOf(std::expected<T, JSON::Error> result) {
     if (!result) {
-        throw std::move(result).error();
+        failWith(std::move(result.error()));
     }
     return *std::move(result);
 }
@@ -223,7 +222,7 @@ std::string fileOf() {
 GregorianCalendar calendarOf(const std::string& zone) {
     auto calendar = GregorianCalendar::named(zone);
     if (!calendar) {
-        failWith("", std::move(calendar.error()));
+        failWith({{}, "", std::move(calendar.error())});
     }
     return *calendar;
 }
@@ -268,7 +267,7 @@ std::string urlOf(const HalvoLink::Screen& screen, const std::string& scheme) {
 
 // Fails with the text about the file at `path`, which begins with that.
 [[noreturn]] void failAbout(const std::string& path, const std::string& text) {
-    failWith(path, text.substr(path.size() + 2));
+    failWith({{}, path, text.substr(path.size() + 2)});
 }
 
 std::string contentOf(const std::string& path) {
