@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <concepts>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -20,17 +21,16 @@ using testing::TemporaryFolder;
 
 // Values that a caller makes, or has been handed.
 struct Flat {
-    Flat operator+(std::uint64_t word) const {
+    // A number, a date or a text.
+    template <class T>
+    Flat operator+(const T& value) const {
         Flat sum = *this;
-        sum.words.push_back(word);
-        return sum;
-    }
-
-    Flat operator+(double date) const { return *this + std::bit_cast<std::uint64_t>(date); }
-
-    Flat operator+(std::string_view text) const {
-        Flat sum = *this + std::uint64_t{text.size()};
-        sum.bytes += text;
+        if constexpr (std::convertible_to<T, std::string_view>) {
+            sum.bytes += value;
+            sum.words.push_back(std::string_view(value).size());
+        } else {
+            sum.words.push_back(std::bit_cast<std::uint64_t>(value));
+        }
         return sum;
     }
 

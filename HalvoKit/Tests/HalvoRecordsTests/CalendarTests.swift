@@ -8,7 +8,7 @@ private let day = 86_400.0
 struct CalendarTests {
     /// 1970 to 2040, and a year more.
     private let years = Date(timeIntervalSince1970: 0)..<Date(timeIntervalSince1970: 2_208_988_800)
-    private let looked = Date(timeIntervalSince1970: -366 * day)..<Date(timeIntervalSince1970: 2_208_988_800 + 366 * day)
+    private var looked: Range<Date> { years.lowerBound - 366 * day..<years.upperBound + 366 * day }
 
     @Test func agreesAroundEachTransition() async throws {
         let zones = zones()
@@ -22,9 +22,9 @@ struct CalendarTests {
 
     /// Foundation's zones, each with those of its transitions that no other one has had.
     ///
-    /// Foundation on Linux has data of its own about time zones, which may be older than the system's, as the C library
-    /// reads them: transitions count while the offsets are equal, a year beyond them. One that more zones have, with all
-    /// within ten days, is judged once.
+    /// Foundation on Linux has data of its own about time zones, which may be older than the system's, as the C
+    /// library reads them: transitions count while the offsets are equal, a year beyond them. One that more zones
+    /// have, with all within ten days, is judged once.
     private func zones() -> [(calendar: Calendar, transitions: [Date], equalUntil: Date)] {
         defer { unsetenv("TZ") }
         var known: Set<[Double]> = []
@@ -35,9 +35,11 @@ struct CalendarTests {
             setenv("TZ", name, 1)
             tzset()
             let after = { zone.nextDaylightSavingTimeTransition(after: $0) }
-            let all = [Date](sequence(first: looked.lowerBound, next: after).dropFirst().prefix(while: looked.contains))
-            let weeks = [Date](stride(from: looked.lowerBound, to: looked.upperBound, by: 7 * day))
-            let unequal = (weeks + all + all.map { $0 - 1 }).filter { zone.secondsFromGMT(for: $0) != systemOffset(at: $0) }
+            let all = sequence(first: looked.lowerBound, next: after).dropFirst().prefix(while: looked.contains)
+            let weeks = stride(from: looked.lowerBound, to: looked.upperBound, by: 7 * day)
+            let unequal = (weeks + all + all.map { $0 - 1 }).filter {
+                zone.secondsFromGMT(for: $0) != systemOffset(at: $0)
+            }
             let equalUntil = unequal.min() ?? looked.upperBound
             let transitions = all.filter { transition in
                 let near = all.filter { abs($0.timeIntervalSince(transition)) < 10 * day }

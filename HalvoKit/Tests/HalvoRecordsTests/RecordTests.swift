@@ -6,8 +6,8 @@ func golden(_ name: String) throws -> Data {
     try Data(contentsOf: URL(filePath: "\(#filePath)/../../../../tests/Golden/\(name).json").standardized)
 }
 
-/// What our record and the plain one make of a text: "+" and the record as text again, or "-KIND PATH" with Foundation's
-/// kinds of errors.
+/// What our record and the plain one make of a text: "+" and the record as text again, or "-KIND PATH" with
+/// Foundation's kinds of errors.
 private func answers(_ kind: String, _ text: Data) -> (ours: String, theirs: String) {
     kind == "keepalive"
         ? (ours(KeepAliveState.self, text), foundation(Plain.KeepAliveState.self, text))
@@ -103,9 +103,11 @@ struct RecordTests {
         let corrupt = "-corrupt "
         if ours.hasPrefix(corrupt), theirs.hasPrefix(corrupt), ours.hasPrefix(theirs) { return .path }
         if ours.hasPrefix("-type "), theirs == "-missing " + ours.dropFirst(6) + "s" { return .firstMember }
-        if ours.hasPrefix("+"), theirs.contains(/^-missing (appReleased|bypassNoted)$/) { return .olderFile }
-        guard theirs.hasPrefix("+") else { return nil }
-        return ours.starts(with: /-corrupt .*(start|end|writtenAt|horizon|commitmentUntil|updatedAt|\.id)$/) ? .form : nil
+        if theirs.contains(/^-missing (appReleased|bypassNoted)$/) {
+            return ours.hasPrefix("+") && ours.contains("\"\(theirs.dropFirst(9))\":false") ? .olderFile : nil
+        }
+        let isFormed = ours.starts(with: /-corrupt .*(start|end|writtenAt|horizon|commitmentUntil|updatedAt|\.id)$/)
+        return isFormed && theirs.hasPrefix("+") ? .form : nil
     }
 
     @Test(arguments: members) func membersAgreeExceptAsListed(_ member: Member) throws {

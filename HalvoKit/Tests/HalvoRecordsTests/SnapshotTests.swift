@@ -33,13 +33,6 @@ struct SnapshotTests {
         #expect(moment == made)
     }
 
-    @Test(arguments: [("UTC", [0, 0, 0, 0, 0, 3, 1]), ("America/Los_Angeles", [0, 0, 0, 0, 3, 1, 0])])
-    func hasTheWeekOfTheZone(zone: String, breaths: [Int]) throws {
-        var calendar = calendar
-        calendar.timeZone = TimeZone(identifier: zone)!
-        #expect(try sample.moment(at: nine, calendar: calendar).week.map(\.breaths) == breaths)
-    }
-
     @Test(arguments: [
         (0, 60, [0, 30, 90, 150, 630, 3600, 7200, 43200, 50000, 54000]), (0, 3, [0, 30, 90]), (0, -1, []),
         (60000, 60, [60000]),
