@@ -179,7 +179,6 @@ TEST(SwiftClientTest, NamesWhatTheHelperHas) {
         std::string("team = try Self.name(\"") + HelperIdentity::teamKey + "\"",
         "machService = \"" + helper + "\"\n",
         "launchdPlist = \"" + helper + ".plist\"\n",
-        R"(== (")" + relaunch + R"(", "YES"))",
         "now: ContinuousClock.Instant { .now }\n",
         "sessionEndGrace = Duration.seconds(" + digits(Timing::sessionEndGrace) + ")\n",
         "beat = Duration.seconds(" + std::to_string(beat) + ")\n",

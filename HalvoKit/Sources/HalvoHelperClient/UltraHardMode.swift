@@ -49,11 +49,6 @@ public final class UltraHardMode {
         client = HelperClient(system)
     }
 
-    /// Whether the helper opened the app after it was quit. Any process can pass that argument: for messages only.
-    public static func wasRelaunchedAfterQuit(_ arguments: [String] = ProcessInfo.processInfo.arguments) -> Bool {
-        zip(arguments, arguments.dropFirst()).contains { $0 == ("-halvoRelaunchedAfterQuit", "YES") }
-    }
-
     /// At launch.
     func start() {
         inTurn { await self.run() }
