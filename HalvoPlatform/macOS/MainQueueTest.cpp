@@ -84,35 +84,12 @@ class MainQueueTest : public ::testing::Test {
     MainQueue& queue = liveMainQueue();
 };
 
-TEST_F(MainQueueTest, RunsWorkLaterAndInOrder) {
-    EXPECT_EQ(&queue, &liveMainQueue());
-    std::string order;
-    queue.async([&] {
-        queue.async([&] { order += 'c'; });
-        order += 'a';
-    });
-    queue.async([&] { order += 'b'; });
-    EXPECT_EQ(order, "");
-    fake::serve(0);
-    EXPECT_EQ(order, "abc");
-}
-
+// In what order work, timers and signals have their turns: tests/Swift/Dispatch/DispatchTest.cpp.
 TEST_F(MainQueueTest, RunsWorkOnTheMainQueueWhichIsNotTheInitialThread) {
     queue.async(noted());
     std::thread([this] { queue.async(noted()); }).join();
     fake::serve(0);
     EXPECT_EQ(turns, (Times{0, 0}));
-}
-
-TEST_F(MainQueueTest, RunsWorkBeforeATimerThatIsNotYetDue) {
-    std::string order;
-    queue.after(Seconds{1}, [&] {
-        order += 'a';
-        queue.async([&] { order += 'b'; });
-    });
-    queue.after(Seconds{1.001}, [&] { order += 'c'; });
-    fake::serve(2);
-    EXPECT_EQ(order, "abc");
 }
 
 TEST_F(MainQueueTest, LetsGoOfWorkThatHasRunWhichMayAskForMore) {
@@ -205,15 +182,6 @@ TEST_F(MainQueueTest, KeepsADelayThroughASleepAfterTheWallClockWasSet) {
     EXPECT_EQ(turns.size(), 1U);
 }
 
-TEST_F(MainQueueTest, TurnsSeveralTimersEachInItsTime) {
-    std::string order;
-    queue.after(Seconds{0.2}, [&] { order += 'b'; });
-    queue.repeat(Seconds{0.1}, Seconds{0.15}, Seconds{0}, [&] { order += 'a'; });
-    queue.after(Seconds{0.3}, [&] { order += 'c'; });
-    fake::serve(0.45);
-    EXPECT_EQ(order, "abaca");
-}
-
 // How SIGTERM is disposed of.
 bool isIgnored(int signal) {
     struct sigaction action{};
@@ -249,13 +217,6 @@ TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceAskedForAndNoOtherSignal) {
 }
 
 TEST_F(MainQueueTest, TellsTheTimeSinceBoot) { EXPECT_EQ(queue.now(), sinceBoot()); }
-
-TEST_F(MainQueueTest, IsServedByRunUntilTheScriptIsOver) {
-    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, noted());
-    fake::endAt(5);
-    EXPECT_THROW(queue.run(), fake::Over);
-    EXPECT_EQ(turns, (Times{2 * second, 4 * second}));
-}
 
 TEST_F(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
     for (const int status : {75, 0}) {
