@@ -56,13 +56,11 @@ final class FakeSystem: HelperSystem {
     func unregister() async throws {
         log.append("unregister")
         if refusesToUnregister { throw CocoaError(.userCancelled) }
-        await sleepUncancelled()
+        await wait()
         registration = .missing
     }
 
     func hold(_ span: Double) { heldUntil = date + span }
-
-    fileprivate func sleepUncancelled() async { await Task { await sleep(until: now + exactly(delay)) }.value }
 
     func sleep(until deadline: ContinuousClock.Instant) async {
         while now < deadline && !Task.isCancelled {
@@ -72,6 +70,12 @@ final class FakeSystem: HelperSystem {
                 Task { @MainActor in wake() }
             }
         }
+    }
+
+    /// Whether the task is cancelled or not.
+    fileprivate func wait() async {
+        let deadline = now + exactly(delay)
+        while now < deadline { await withCheckedContinuation { sleepers.append((deadline, $0)) } }
     }
 
     /// Those whose time has not come sleep again.
@@ -87,8 +91,8 @@ final class FakeSystem: HelperSystem {
     func logged(after span: Double = 0) async -> String {
         let end = now + exactly(span)
         while true {
-            // All that can run on the main actor runs.
-            for _ in 0..<100 { await Task.yield() }
+            // All that can run on the main actor runs. Task.yield() alone would be called off the main actor.
+            for _ in 0..<100 { await Task {}.value }
             guard let next = sleepers.map(\.deadline).min(), next <= end else { break }
             now = max(now, next)
             wake()
@@ -130,7 +134,7 @@ final class FakeConnection: HelperConnection {
         let isThere = !isGone && (system.registration == .enabled || system.holds.holding)
         let trouble = isThere ? system.trouble : .away
         Task {
-            await system.sleepUncancelled()
+            await system.wait()
             if let trouble { return trouble == .silent ? () : answer(.failure(trouble)) }
             let before = system.holds
             if case .begin(let span) = request { system.heldUntil = span.until }
