@@ -149,37 +149,28 @@ TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
 }
 
 // By the clock that counts sleep, however the wall clock is set.
-TEST_F(MainQueueTest, CountsSleepInADelay) {
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().sinceBoot += 8 * second; });
-    fake::serve(1.5);
-    EXPECT_EQ(turns, Times{});
-    fake::serve(8);
-    EXPECT_EQ(turns, Times{10 * second});
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().sinceBoot += 3600 * second; });
-    fake::serve(1);
-    EXPECT_EQ(turns.size(), 2U) << "at once after a long sleep";
-}
+TEST_F(MainQueueTest, KeepsADelayThroughSleepWhateverIsDoneToTheWallClock) {
+    struct Row {
+        // Of the wall clock after a second.
+        double jump;
+        // From the next second on.
+        std::uint64_t sleep;
+        // At once after a long sleep.
+        std::uint64_t turn;
+    };
 
-TEST_F(MainQueueTest, KeepsADelayWhateverIsDoneToTheWallClock) {
-    for (const double jump : {-3600.0, -5.0, 5.0, 3600.0}) {
+    for (const auto& [jump, sleep, turn] :
+         {Row{0, 8, 10}, Row{0, 3600, 3602}, Row{-3600, 0, 10}, Row{-5, 0, 10}, Row{5, 0, 10},
+          Row{3600, 0, 10}, Row{3600, 3600, 3602}}) {
         turns.clear();
         start = fake::world().sinceBoot;
         queue.after(Seconds{10}, noted());
-        fake::at(1, [jump] { fake::world().bootedAt += jump; });
+        fake::at(1, [&] { fake::world().bootedAt += jump; });
+        fake::at(2, [&] { fake::world().sinceBoot += sleep * second; });
         fake::serve(20);
-        EXPECT_EQ(turns, Times{10 * second}) << jump;
+        EXPECT_EQ(turns, Times{turn * second}) << jump << ' ' << sleep;
         EXPECT_TRUE(fake::timers().empty());
     }
-}
-
-TEST_F(MainQueueTest, KeepsADelayThroughASleepAfterTheWallClockWasSet) {
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().bootedAt += 3600; });
-    fake::at(2, [] { fake::world().sinceBoot += 3600 * second; });
-    fake::serve(2);
-    EXPECT_EQ(turns.size(), 1U);
 }
 
 // How SIGTERM is disposed of.
