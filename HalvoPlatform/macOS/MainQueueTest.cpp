@@ -129,23 +129,17 @@ TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
     EXPECT_EQ(fake::timers().size(), 1U);
 }
 
-TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDueToTheNanosecond) {
-    queue.after(Seconds{1.523456789}, noted());
-    EXPECT_EQ(timersAsked(), delayAsked(1'523'456'789));
-    fake::serve(1.523);
-    EXPECT_EQ(turns, Times{});
-    fake::serve(100);
-    EXPECT_EQ(turns, Times{1'523'456'789});
-    EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
-}
-
-TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
-    queue.after(Seconds{0}, noted());
-    EXPECT_EQ(turns, Times{});
-    EXPECT_EQ(timersAsked(), delayAsked(0));
-    fake::serve(0);
-    EXPECT_EQ(turns, Times{0});
-    EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{});
+TEST_F(MainQueueTest, RunsDelayedWorkOnceAfterItsCallerAndWhenItIsDueToTheNanosecond) {
+    for (const std::uint64_t wait : {0UL, 1'523'456'789UL}) {
+        turns.clear();
+        start = fake::world().sinceBoot;
+        queue.after(std::chrono::nanoseconds(wait), noted());
+        EXPECT_EQ(turns, Times{});
+        EXPECT_EQ(timersAsked(), delayAsked(wait));
+        fake::serve(100);
+        EXPECT_EQ(turns, Times{wait});
+        EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
+    }
 }
 
 // By the clock that counts sleep, however the wall clock is set.

@@ -1,4 +1,3 @@
-#if os(macOS) || HALVO_STAND_INS
 import Foundation
 
 /// What the helper can be asked, as `HalvoHelperCore/macOS/HalvoHelperXPC.h` declares it. The selectors are the wire.
@@ -68,4 +67,3 @@ extension HelperTrouble {
         }
     }
 }
-#endif

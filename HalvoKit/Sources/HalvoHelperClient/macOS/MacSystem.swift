@@ -1,4 +1,3 @@
-#if os(macOS) || HALVO_STAND_INS
 import AppKit
 import ServiceManagement
 
@@ -80,4 +79,3 @@ extension UltraHardMode {
         return .terminateLater
     }
 }
-#endif
