@@ -110,23 +110,17 @@ TEST_F(MainQueueTest, LetsGoOfWorkThatHasRunWhichMayAskForMore) {
     EXPECT_TRUE(fake::timers().empty());
 }
 
-TEST_F(MainQueueTest, AsksForTheTimerThatIsWanted) {
-    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, [] {});
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false}}));
-    queue.repeat(Seconds{0}, Seconds{0.5}, Seconds{0}, [] {});
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false},
-                                       {0, 500 * millisecond, 0, false}}));
-}
-
-TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
+TEST_F(MainQueueTest, AsksForTheTimersThatAreWantedAndTurnsThemForAsLongAsTheProcessLives) {
     queue.repeat(Seconds{1}, Seconds{2}, Seconds{0.2}, noted());
+    queue.repeat(Seconds{0}, Seconds{0.5}, Seconds{0}, [] {});
+    const std::vector<TimerAsked> both{{1 * second, 2 * second, 200 * millisecond, false},
+                                       {0, 500 * millisecond, 0, false}};
+    EXPECT_EQ(timersAsked(), both);
     fake::serve(0.999);
     EXPECT_EQ(turns, Times{});
     fake::serve(4.5);
     EXPECT_EQ(turns, (Times{1 * second, 3 * second, 5 * second}));
-    EXPECT_EQ(fake::timers().size(), 1U);
+    EXPECT_EQ(timersAsked(), both);
 }
 
 TEST_F(MainQueueTest, RunsDelayedWorkOnceAfterItsCallerAndWhenItIsDueToTheNanosecond) {
