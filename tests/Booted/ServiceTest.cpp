@@ -53,16 +53,6 @@ TEST_F(Service, UnlocksWhileStoppedAndCountsThatTime) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
 }
 
-TEST_F(Service, LocksAgainAfterRootUnlocked) {
-    machine.commit(session);
-    EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
-    EXPECT_NE(machine.run({"mv", Place::app, "/Applications/Other.app"}).status, 0);
-    EXPECT_TRUE(machine.isLocked());
-    machine.must({"chattr", "-i", Place::app});
-    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
-    EXPECT_TRUE(machine.says("Locked Halvo's app again"));
-}
-
 TEST_F(Service, RestartsAfterSIGTERMWhileHolding) {
     machine.commit(session);
     const pid_t first = helper();

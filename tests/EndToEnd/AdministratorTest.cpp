@@ -184,14 +184,5 @@ TEST_F(AdministratorTest, ReleaseIsNotInterruptedByTerminationSignals) {
     expectNothingLeft();
 }
 
-TEST_F(AdministratorTest, KnowsTheAppWhenCalledThroughASymlink) {
-    fs::create_directories("/tmp/sbin");
-    fs::create_symlink(Place::control, "/tmp/sbin/halvoctl");
-    leaveCommitment(world);
-    TestProcess status({.words = {"/tmp/sbin/halvoctl", "status"}});
-    EXPECT_EQ(status.wait(), 0);
-    EXPECT_THAT(status.output(), StartsWith(named + "Ultra Hard mode holds for " + person()));
-}
-
 }  // namespace
 }  // namespace halvo::testing

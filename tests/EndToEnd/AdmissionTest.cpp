@@ -86,22 +86,6 @@ TEST_F(NamespaceTest, AUserNamespaceLosesThePrivateGroup) {
               Reply::refused);
 }
 
-TEST_F(NamespaceTest, ABindMountForgesNeitherTheAppNorItsInfoPlist) {
-    const std::string mine = copyOwnedByTheUser();
-    const std::string plist = world.home + "/Info.plist";
-    put(plist, readTestFile(Place::infoPlist));
-    const auto expectRefusalWith = [this](const std::string& forgery, const std::string& place) {
-        expectRefusal(
-            {"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh", "-c",
-             "mount --bind " + forgery + " " + place + " && exec " + Place::caller + " status"},
-            "its executable's mount is not in /proc/1/mountinfo");
-    };
-    expectRefusalWith(mine, Place::caller);
-    put(Place::infoPlist, "");
-    expectRefusalWith(plist, Place::infoPlist);
-    copyFile(HALVO_APP_BUNDLE "/Contents/Info.plist", Place::infoPlist, 0, 0644);
-}
-
 // ---------------------------------------------------------------- file systems of a user's making
 
 const std::string disk = "/run/media/disk";

@@ -126,15 +126,6 @@ TEST_F(OpeningTest, RunsTheAppAsTheUserAndInheritsNothing) {
     })) << inherited;
 }
 
-TEST_F(OpeningTest, PassesTheRelaunchArgumentAfterAQuit) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    TestProcess app = world.startApp();
-    expectServed(app.pid());
-    app.kill();
-    EXPECT_THAT(processWords(waitForApp()),
-                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
-}
-
 TEST_F(OpeningTest, LetsTheAppKeepItsRecordsAsTheUser) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
     const pid_t app = waitForApp();

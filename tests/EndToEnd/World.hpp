@@ -100,12 +100,12 @@ class World {
     [[nodiscard]] TestProcess startApp() const;
 
     // Begins a commitment of the app for `span` from now; the caller's exit status.
-    [[nodiscard]] int begin(Seconds span, std::optional<uid_t> person = {}) const;
+    [[nodiscard]] int begin(Seconds span) const;
 
     [[nodiscard]] int end() const { return ask({"end"}).status; }
 
     // Fails the test when there is no reply.
-    [[nodiscard]] Status status(std::optional<uid_t> person = {}) const;
+    [[nodiscard]] Status status() const;
 
     // The contents of the state file; nothing without one. Fails the test when it cannot be parsed.
     [[nodiscard]] std::optional<State> state() const;
