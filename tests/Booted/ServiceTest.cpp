@@ -181,19 +181,5 @@ TEST_F(Restart, StartsNoHelperWithoutACommitment) {
     EXPECT_EQ(machine.activeState(Unit::service), "active");
 }
 
-// A premise of the tests of restarts.
-TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
-    BootedMachine machine;
-    const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
-    const std::string bootID = machine.sh("cat /proc/sys/kernel/random/boot_id");
-    ASSERT_TRUE(eventually(Seconds{30}, [&] { return sinceBoot() > 5; }));
-    EXPECT_LT(sinceBoot(), 120) << "the uptime of the real machine";
-    const Seconds before = timeNow();
-    machine.restart();
-    // The start is known to a second.
-    EXPECT_LE(sinceBoot(), (timeNow() - before).count() + 1);
-    EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
-}
-
 }  // namespace
 }  // namespace halvo::testing

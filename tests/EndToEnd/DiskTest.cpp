@@ -1,12 +1,9 @@
-// Commitments that cannot be saved or locked. The tests of the store and of the engine cover each
-// kind of damage and failure.
+// A commitment that cannot be saved. The tests of the store and of the engine cover each kind of
+// damage and failure.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -74,29 +71,6 @@ TEST_F(DiskTest, AFullDiskMeansNoLockAndASaveRetriedEachMinute) {
     EXPECT_EQ(world.end(), Reply::yes);
     EXPECT_FALSE(exists(Place::stateFolder));
     umount2(Place::support.c_str(), MNT_DETACH);
-}
-
-TEST_F(DiskTest, HoldsWithoutTheCapabilityToLock) {
-    const RunningHelper helper({.prepare = [] {
-        // From the bounding set, so execve(2) does not grant it: capabilities(7).
-        if (prctl(PR_CAPBSET_DROP, CAP_LINUX_IMMUTABLE, 0, 0, 0) != 0) {
-            _exit(1);
-        }
-    }});
-    EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_THAT(helper.log(), ElementsAre("error: Couldn't lock Halvo: errno 1",
-                                          "error: Couldn't lock Halvo's app",
-                                          StartsWith("Holding Ultra Hard mode for 59")));
-    const Status status = world.status();
-    EXPECT_TRUE(status.holding);
-    EXPECT_FALSE(status.locked);
-    ASSERT_TRUE(world.state());
-    EXPECT_FALSE(world.state()->locked);
-    // No tick tries again.
-    sleepFor(Seconds{2.5});
-    EXPECT_EQ(helper.log().size(), 3);
-    EXPECT_FALSE(isLocked());
-    EXPECT_EQ(world.end(), Reply::yes);
 }
 
 }  // namespace
