@@ -70,9 +70,10 @@ TEST(KeepAliveStateTest, IsNeitherReleasedNorNotedInAFileFromBeforeTheseWereReco
 }
 
 TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMember) {
-    const std::pair<std::string, bool> rows[] = {
-        {"appPath", true},          {"appReleased", false}, {"bypassNoted", false}, {"clean", true},
-        {"commitmentUntil", false}, {"pid", true},          {"ultraHard", true},    {"updatedAt", true}};
+    const std::pair<std::string, bool> rows[] = {{"appPath", true},          {"appReleased", false},
+                                                 {"bypassNoted", false},     {"clean", true},
+                                                 {"commitmentUntil", false}, {"pid", true},
+                                                 {"ultraHard", true},        {"updatedAt", true}};
     for (const auto& [member, isRequired] : rows) {
         std::string json = readTestFile(keepAliveGolden);
         json.replace(json.find('"' + member + '"'), member.size() + 2, "\"other\"");

@@ -315,9 +315,9 @@ class RandomSnapshots {
 TEST(TimelineDatesTest, AreThoseOfThePlainRuleForAnySnapshotInAnyZone) {
     RandomSnapshots random(20261120);
     std::size_t dates = 0;
-    for (const char* zone : {"UTC", "Europe/Berlin", "America/Santiago", "Africa/Cairo",
-                             "Asia/Beirut", "Australia/Lord_Howe", "Asia/Kathmandu",
-                             "America/Havana"}) {
+    for (const char* zone :
+         {"UTC", "Europe/Berlin", "America/Santiago", "Africa/Cairo", "Asia/Beirut",
+          "Australia/Lord_Howe", "Asia/Kathmandu", "America/Havana"}) {
         const GregorianCalendar calendar = GregorianCalendar::named(zone).value();
         for (int i = 0; i < 1000; ++i) {
             // Of each four, one over days on which clocks change.
