@@ -226,6 +226,14 @@ TEST(TimelineDatesTest, EndsForAFromThatIsNoDateOfTheWorld) {
 
 WallDate dateOf(const std::string& text) { return RFC3339::parse(text).value(); }
 
+// In Cuba 3 November 2024 began twice: a day gone by has the second of its midnights.
+TEST(WidgetMomentTest, HasTheDaysOfItsCalendar) {
+    const auto havana = GregorianCalendar::named("America/Havana").value();
+    const auto week = S().moment(dateOf("2024-11-08T12:00:00-05:00"), havana).week;
+    EXPECT_EQ(week.at(0).start, dateOf("2024-11-02T00:00:00-04:00"));
+    EXPECT_EQ(week.at(1).start, dateOf("2024-11-03T00:00:00-05:00"));
+}
+
 TEST(WidgetMomentTest, FindsARecordByItsCalendarDay) {
     const struct {
         const char* zone;
