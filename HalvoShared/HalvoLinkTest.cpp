@@ -207,11 +207,5 @@ TEST(HalvoLinkTest, TakesTheSchemeOfTheBundleThatItsProgramLiesIn) {
     EXPECT_EQ(none.says("url"), "halvo://today");
 }
 
-// The tests' own bundle has no scheme.
-TEST(HalvoLinkTest, WritesUnderItsOwnScheme) {
-    EXPECT_EQ(HalvoLink::scheme(), "halvo");
-    EXPECT_EQ(todayLink.url(), "halvo://today");
-}
-
 }  // namespace
 }  // namespace halvo

@@ -83,17 +83,5 @@ TEST_F(CommitmentTest, EndsAtTheFirstTickAfterItsDeadline) {
     EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::no);
 }
 
-TEST_F(CommitmentTest, LocksAgainWithinATick) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    for (int times = 1; times <= 2; ++times) {
-        setLockedByHand(false);
-        const Seconds cleared = timeNow();
-        EXPECT_TRUE(eventually(Seconds{10}, [] { return isLocked(); }));
-        EXPECT_LT(timeNow() - cleared, Seconds{3});
-        EXPECT_TRUE(eventually(Seconds{1},
-                               [&] { return helper.count("Locked Halvo's app again") == times; }));
-    }
-}
-
 }  // namespace
 }  // namespace halvo::testing

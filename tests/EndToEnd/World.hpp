@@ -23,7 +23,6 @@ inline const std::string app = applications + "/Halvo.app";
 inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
 // The test caller (tests/Support/TestApp.cpp), in the same bundle.
 inline const std::string caller = app + "/Contents/MacOS/TestCaller";
-inline const std::string infoPlist = app + "/Contents/Info.plist";
 
 inline const std::string support = "/Library/Application Support";
 inline const std::string stateFolder = support + "/" HALVO_APP_BUNDLE_ID ".helper";
