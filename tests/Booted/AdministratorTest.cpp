@@ -145,5 +145,15 @@ TEST_F(Administrator, IsToldTheRemedyWhenSystemdPassesNoSocket) {
     EXPECT_THAT(problems(), IsEmpty());
 }
 
+TEST_F(Administrator, StopsAMaskedSocketAndLeavesTheHelperStopped) {
+    machine.commit(session);
+    machine.must({"systemctl", "mask", "--quiet", Unit::socket});
+    machine.must({"halvoctl", "release", "--and-stop"});
+    EXPECT_FALSE(machine.isLocked());
+    EXPECT_EQ(machine.activeState(Unit::socket), "inactive");
+    machine.must({"systemctl", "unmask", "--quiet", Unit::socket});
+    EXPECT_THAT(machine.must({"halvoctl", "release"}), HasSubstr("systemctl start"));
+}
+
 }  // namespace
 }  // namespace halvo::testing

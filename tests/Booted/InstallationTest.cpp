@@ -48,6 +48,22 @@ TEST_F(Installation, ConfinesTheRunningService) {
     EXPECT_EQ(processField(helper, "CapEff"), "0000000000080200");
 }
 
+TEST_F(Installation, LogsToTheJournal) {
+    machine.logInAndCommit();
+    ASSERT_TRUE(machine.says("Holding Ultra Hard mode for *"));
+    const auto entries = machine.journal({"SUBSYSTEM=app.halvo", "CATEGORY=Helper"});
+    ASSERT_THAT(entries, SizeIs(2));
+    EXPECT_THAT(entries.front().at("MESSAGE"), ::testing::MatchesRegex("Halvo helper .* started"));
+    Entry entry = entries.back();
+    EXPECT_THAT(entry["MESSAGE"], ::testing::AnyOf("Holding Ultra Hard mode for 1500 s",
+                                                   "Holding Ultra Hard mode for 1499 s"));
+    EXPECT_EQ(entry["PRIORITY"], "5");
+    EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "HalvoHelper");
+    EXPECT_EQ(entry["_SYSTEMD_UNIT"], Unit::service);
+    EXPECT_EQ(entry["_EXE"], Place::helper);
+    EXPECT_EQ(entry["_UID"], "0");
+}
+
 TEST_F(Installation, RefusesOtherCallers) {
     const std::string session = machine.logIn("alice");
     const std::string peer = "--peer=unix:path=" + Place::socket;
@@ -75,6 +91,35 @@ TEST_F(Installation, RefusesOtherCallers) {
         EXPECT_EQ(entry["PRIORITY"], entry["MESSAGE"].starts_with("Refused") ? "3" : "5");
     }
     EXPECT_FALSE(machine.exists(Place::stateFile));
+}
+
+// A copy of the app, owned by root, as on a medium that a user wrote and had mounted. The helper
+// must not go by the mounts of its sandbox, which all are nosuid.
+TEST_F(Installation, RefusesTheAppOnAUsersFileSystem) {
+    const std::string session = machine.logIn("alice");
+    const std::string copy = "/mnt/" HALVO_BOOTED_APP ".app/Contents/MacOS/Halvo";
+    const auto mountCopy = [&](const std::string& option, const std::string& group) {
+        machine.sh("mount -t tmpfs -o mode=755," + option + " medium /mnt && cp -rp " + Place::app +
+                   " /mnt && chgrp " + group + " " + copy + " && chmod 2755 " + copy);
+    };
+    const auto ask = [&] {
+        const int status = machine.runIn(session, {copy, "25"}).status;
+        machine.sh("umount /mnt");
+        return status;
+    };
+    mountCopy("nosuid", "alice");
+    EXPECT_EQ(ask(), 77);
+    EXPECT_TRUE(
+        machine.says("Refused a caller: its executable lies on a file system mounted with nosuid, "
+                     "where the kernel ignores the set-group-id bit"));
+    mountCopy("suid", "alice");
+    EXPECT_EQ(ask(), 77);
+    EXPECT_TRUE(machine.says("Refused a caller: the group alice is the primary group of alice"));
+    EXPECT_FALSE(machine.exists(Place::stateFile));
+    // With suid and the private group the copy is admitted.
+    mountCopy("suid", "_org_example_focus");
+    EXPECT_NE(machine.runIn(session, {copy}).status, 77);
+    machine.sh("umount /mnt");
 }
 
 TEST_F(Installation, UpgradesDuringACommitment) {
