@@ -5,8 +5,10 @@ import PackageDescription
 // on Linux a shared library, whose folder scripts/swift-test names to the linker.
 #if os(Linux)
 let bridge = Target.systemLibrary(name: "HalvoRecordsC", path: "HalvoShared/C")
+let otherSystems = ["macOS"]
 #else
 let bridge = Target.binaryTarget(name: "HalvoRecordsC", path: "build/HalvoRecords.xcframework")
+let otherSystems: [String] = []
 #endif
 
 let package = Package(
@@ -28,7 +30,7 @@ let package = Package(
             ]),
         .testTarget(
             name: "HalvoRecordsTests", dependencies: ["HalvoRecords"], path: "HalvoKit/Tests/HalvoRecordsTests"),
-        .target(name: "HalvoHelperClient", path: "HalvoKit/Sources/HalvoHelperClient"),
+        .target(name: "HalvoHelperClient", path: "HalvoKit/Sources/HalvoHelperClient", exclude: otherSystems),
         .testTarget(
             name: "HalvoHelperClientTests", dependencies: ["HalvoHelperClient"],
             path: "HalvoKit/Tests/HalvoHelperClientTests"),

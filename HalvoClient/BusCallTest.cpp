@@ -10,8 +10,6 @@
 #include <utility>
 
 #include "HalvoClient/BusCall.hpp"
-#include "tests/Support/FakeHelper.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo::testing {
 namespace {
@@ -118,19 +116,6 @@ TEST(BusCallTest, EndsWithAFaultByWhatThePeerSays) {
         EXPECT_EQ(callWithin(deadlineAfter(row.limit), **bus, *request).error(), row.code)
             << row.said;
     }
-}
-
-TEST(BusCallTest, GivesAnErrorReplyAsAReply) {
-    const TemporaryFolder folder;
-    const FakeHelper helper(folder / "socket", {Behavior::Reject});
-    auto socket = connectToHelper(folder / "socket", deadlineAfter(limit));
-    ASSERT_TRUE(socket.has_value());
-    const auto bus = openBus(std::move(*socket));
-    ASSERT_TRUE(bus.has_value());
-    const BusMessage request = statusRequest(**bus);
-    const auto reply = callWithin(deadlineAfter(limit), **bus, *request);
-    ASSERT_TRUE(reply.has_value());
-    EXPECT_STREQ(sd_bus_message_get_error(reply->get())->name, SD_BUS_ERROR_UNKNOWN_METHOD);
 }
 
 }  // namespace

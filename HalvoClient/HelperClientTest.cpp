@@ -385,13 +385,6 @@ TEST_F(HelperClientTest, HasOneLimitForAllAttemptsOfABegin) {
     EXPECT_LT(taken, total + lateness);
 }
 
-TEST_F(HelperClientTest, NeedsAStatusForABegin) {
-    Decided decided;
-    EXPECT_EQ(HelperClient(path_).begin("x", decided.decision()),
-              std::unexpected(HelperFailure(NotRunning{ENOENT})));
-    EXPECT_THAT(decided.on, ElementsAre());
-}
-
 // What it leaves behind, and what it does to the process.
 
 TEST_F(HelperClientTest, LeaksNoDescriptorHoweverACallEnds) {

@@ -23,7 +23,7 @@
 
 namespace {
 
-void runService(const std::string& firstWord) {
+void runService(const char* firstWord) {
     using namespace halvo;
     prepareDaemon();
     logToTerminalToo();

@@ -33,4 +33,14 @@ bool ChflagsFileFlags::setLocked(bool locked, const std::string& path) {
     return refused == 0;
 }
 
+void ChflagsFileFlags::sync(const std::string& path) {
+    if (const auto flags = itemFlags(path)) {
+        const auto [refused, unsynced] = setItemFlags(path, *flags);
+        if (refused != 0 || unsynced != 0) {
+            HALVO_LOG_ERROR(helperLog, "Couldn't sync Halvo: errno %d",
+                            refused != 0 ? refused : unsynced);
+        }
+    }
+}
+
 }  // namespace halvo

@@ -55,6 +55,9 @@ class ChflagsFileFlags final : public FileFlags {
     // Halvo: errno %d" is logged and the change stands.
     bool setLocked(bool locked, const std::string& path) override;
 
+    // Logs "Couldn't sync Halvo: errno %d" where that fails.
+    void sync(const std::string& path) override;
+
   private:
     std::uint32_t flag_;
 };

@@ -132,6 +132,24 @@ TEST_F(ChflagsFileFlagsTest, EachChangeOpensTheItemOnceAndIsOnTheDiskWhenItIsDon
     EXPECT_EQ(testing::callsMade(SystemCall::open), opened + 2);
 }
 
+TEST_F(ChflagsFileFlagsTest, BringsALockToTheDiskAsItIs) {
+    for (const bool locked : {true, false}) {
+        ASSERT_TRUE(flags.setLocked(locked, path));
+        const testing::CallTrace trace;
+        flags.sync(path);
+        EXPECT_EQ(trace.calls().back(), "fsync " + path);
+        EXPECT_EQ(flags.state(path), locked ? LockState::locked : LockState::unlocked);
+    }
+    flags.sync(path + "/missing");
+    EXPECT_TRUE(log.isEmpty());
+    for (const SystemCall call : {SystemCall::fsync, SystemCall::open}) {
+        const Fault fault = Fault::failing(call, EIO);
+        flags.sync(path);
+        EXPECT_EQ(log.errors(), Lines{"Couldn't sync Halvo: errno 5"});
+        log.clear();
+    }
+}
+
 TEST_F(ChflagsFileFlagsTest, AChangeThatDoesNotReachTheDiskIsLoggedAndStandsAllTheSame) {
     for (const bool locked : {true, false}) {
         const Fault fault = Fault::failing(SystemCall::fsync, EIO);

@@ -110,7 +110,10 @@ bool FileCommitmentStore::save(const HelperCommitment& commitment) {
         HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", why.c_str());
         return false;
     };
-    if (const auto made = createFolder(folder_, 0700); !made) {
+    // A helper that was killed may have made the folder, and not synced it.
+    const bool isLeftOver = itemExists(folder_) && !itemExists(path());
+    const auto made = isLeftOver ? syncAbove(folder_) : createFolder(folder_, 0700);
+    if (!made) {
         return failed(made.error().message);
     }
     const auto bytes = encode(commitment);

@@ -536,6 +536,16 @@ TEST_F(FileCommitmentStoreTest, WhatWasRemovedStaysRemovedAfterALossOfPower) {
                                         "fsync " + disk.path()}));
 }
 
+TEST_F(FileCommitmentStoreTest, AFolderThatAKilledHelperMadeIsSyncedBeforeTheFirstRecordInIt) {
+    ASSERT_TRUE(fs::create_directory(folder));
+    const testing::CallTrace trace;
+    ASSERT_TRUE(store.save(sample));
+    ASSERT_FALSE(trace.calls().empty());
+    EXPECT_EQ(trace.calls().front(), "fsync " + disk.path());
+    EXPECT_TRUE(store.save(sample));
+    EXPECT_EQ(std::ranges::count(trace.calls(), "fsync " + disk.path()), 1);
+}
+
 TEST_F(FileCommitmentStoreTest, AnyFailureToRemoveIsLoggedOnce) {
     struct Row {
         SystemCall call;

@@ -24,6 +24,10 @@ class FileFlags {
     // Sets or clears the lock on the item at `path` itself. True when the item's flags are as asked
     // afterwards. A failure is false, and logged by the implementation.
     virtual bool setLocked(bool locked, const std::string& path) = 0;
+
+    // Brings the lock of the item at `path`, as it is, to the disk: another process that has
+    // changed it may not have. A failure is logged by the implementation.
+    virtual void sync(const std::string& path) = 0;
 };
 
 }  // namespace halvo

@@ -38,6 +38,9 @@ bool RecordedLocks::setLocked(bool locked, const std::string& path) {
         HALVO_LOG_ERROR(helperLog, "Didn't lock Halvo: no record on the disk owes the unlock");
         return false;
     }
+    if (!locked && flags_.state(path) == LockState::unlocked) {
+        flags_.sync(path);
+    }
     return flags_.setLocked(locked, path);
 }
 

@@ -22,8 +22,11 @@ class RecordedLocks final : public CommitmentStore, public FileFlags {
 
     LockState state(const std::string& path) override { return flags_.state(path); }
 
-    // Also false, with "Didn't lock Halvo: no record on the disk owes the unlock" in the log, where
-    // no record owes it.
+    void sync(const std::string& path) override { flags_.sync(path); }
+
+    // Clearing a lock that is clear already syncs that: a helper that was killed may have cleared
+    // it, and whoever asks removes the record next. Setting it is also false, with "Didn't lock
+    // Halvo: no record on the disk owes the unlock" in the log, where no record owes it.
     bool setLocked(bool locked, const std::string& path) override;
 
   private:

@@ -113,6 +113,15 @@ TEST_F(RecordedLocksTest, TellsTheFlagsAsTheyAreAndFailsAsTheyDo) {
     EXPECT_TRUE(log.isEmpty());
 }
 
+TEST_F(RecordedLocksTest, SyncsALockThatAnotherProcessHasClearedBeforeItsRecordGoes) {
+    save(app, true);
+    EXPECT_TRUE(locks.setLocked(true, app));
+    EXPECT_TRUE(locks.setLocked(false, app));
+    EXPECT_EQ(world.calls.count("sync Halvo.app"), 0U) << "a change is synced with itself";
+    EXPECT_TRUE(locks.setLocked(false, app));
+    EXPECT_EQ(world.calls.count("sync Halvo.app"), 1U);
+}
+
 TEST_F(RecordedLocksTest, ABeginThatCannotBeSavedIsHeldWithoutALock) {
     HelperEngine engine = world.makeEngine();
     world.store.failsToSave = true;

@@ -4,9 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <new>
+
+#include "HalvoPlatform/Fatal.hpp"
+
 namespace halvo {
 
 void prepareDaemon() {
+    std::set_new_handler([] { fatal("Memory ran out"); });
     // open(2) gives the lowest free number, so this fills the gaps and stops past 2.
     int descriptor = 0;
     do {

@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <string>
 
 namespace halvo {
 namespace {
@@ -18,7 +17,10 @@ bool isPending(int signal) {
 }  // namespace
 
 void fatal(std::string_view message) noexcept {
-    writeUndisturbed(STDERR_FILENO, "Fatal error: " + std::string(message) + "\n");
+    // Not as one string: there may be no memory left.
+    for (const std::string_view part : {std::string_view("Fatal error: "), message, {"\n"}}) {
+        writeUndisturbed(STDERR_FILENO, part);
+    }
     std::abort();
 }
 

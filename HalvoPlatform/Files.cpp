@@ -59,14 +59,6 @@ std::string folderOf(const std::string& path) {
     return path.substr(0, name == 0 ? 1 : name);
 }
 
-// Syncs the folder that the item at `path` is in.
-std::expected<void, FileError> syncAbove(const std::string& path) {
-    const std::string above = folderOf(path);
-    const Descriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const int code = folder.isOpen() ? syncToDisk(folder.get()) : errno;
-    return code == 0 ? std::expected<void, FileError>() : failure(code, above);
-}
-
 // Creates one folder, and syncs the one above.
 std::expected<void, FileError> makeFolder(const std::string& path, mode_t mode) {
     if (mkdir(path.c_str(), mode) != 0) {
@@ -133,6 +125,13 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
         }
     }
     return bytes;
+}
+
+std::expected<void, FileError> syncAbove(const std::string& path) {
+    const std::string above = folderOf(path);
+    const Descriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int code = folder.isOpen() ? syncToDisk(folder.get()) : errno;
+    return code == 0 ? std::expected<void, FileError>() : failure(code, above);
 }
 
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode) {

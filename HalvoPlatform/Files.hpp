@@ -34,6 +34,9 @@ std::expected<std::string, FileError> readFile(const std::string& path, std::siz
 // call that failed; with ENOTDIR where something else exists at `path`.
 std::expected<void, FileError> createFolder(const std::string& path, mode_t mode);
 
+// Syncs the folder that the item at `path` is in. Fails with the errno of the call that failed.
+std::expected<void, FileError> syncAbove(const std::string& path);
+
 // Removes the item at `path`, a folder recursively, and syncs the folder that it was in. A symbolic
 // link is removed, never followed. A missing item is no failure. Stops at the first item that
 // cannot be removed, and fails with its errno.

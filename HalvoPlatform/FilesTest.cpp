@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -22,7 +20,6 @@
 #include "HalvoPlatform/Files.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FaultInjection.hpp"
-#include "tests/Support/PrivateMount.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {
@@ -31,7 +28,6 @@ namespace {
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 using testing::Fault;
-using testing::PrivateMount;
 using testing::readTestFile;
 using testing::SystemCall;
 using testing::TemporaryFolder;
@@ -366,55 +362,6 @@ TEST_F(ReplaceFileTest, GoesOnAfterAShortWriteOrASignal) {
     const Fault fault = Fault::failing(SystemCall::write, EINTR);
     ASSERT_TRUE(replace("other bytes"));
     EXPECT_EQ(readTestFile(file), "other bytes");
-}
-
-// Each content is one letter many times over; a mixture would show.
-TEST_F(ReplaceFileTest, IsForTwoWritersWithNamesOfTheirOwnAndNoReaderSeesHalfAFile) {
-    constexpr std::size_t size = 200'000;
-    constexpr int times = 50;
-    const auto writeMany = [&](char letter) {
-        for (int i = 0; i < times; ++i) {
-            if (!replaceFile(folder.path(), "state", std::string(size, letter), 0600,
-                             std::string(1, letter))) {
-                return false;
-            }
-        }
-        return true;
-    };
-    auto first = std::async(std::launch::async, writeMany, 'a');
-    auto second = std::async(std::launch::async, writeMany, 'b');
-    while (first.wait_for(std::chrono::seconds{0}) != std::future_status::ready) {
-        const auto seen = readFile(file, size);
-        if (!seen) {
-            EXPECT_EQ(seen.error().code, ENOENT) << "before the first of them";
-            continue;
-        }
-        EXPECT_EQ(*seen, std::string(size, seen->front()));
-    }
-    EXPECT_TRUE(first.get());
-    EXPECT_TRUE(second.get());
-    EXPECT_EQ(membersOf(folder.path()), Names{"state"});
-}
-
-// A file system that refuses for real: it is full, or read-only, or its folder is immutable.
-TEST(HostileDiskTest, LeavesTheOldFileWhole) {
-    const TemporaryFolder folder;
-    const std::string disk = folder / "disk";
-    ASSERT_EQ(mkdir(disk.c_str(), 0700), 0);
-    const PrivateMount mount("tmpfs", "tmpfs", disk, 0, "size=64k");
-    if (!mount.isMounted()) {
-        GTEST_SKIP() << "needs the permission to mount a file system";
-    }
-    ASSERT_TRUE(replaceFile(disk, "state", "old", 0600));
-    const auto expectRefused = [&disk](int code, const std::string& bytes = "new") {
-        EXPECT_EQ(codeOf(replaceFile(disk, "state", bytes, 0600)), code);
-        EXPECT_EQ(readTestFile(disk + "/state"), "old");
-        EXPECT_EQ(membersOf(disk), Names{"state"});
-    };
-    expectRefused(ENOSPC, std::string(100'000, 'x'));
-    ASSERT_TRUE(mount.makeReadOnly());
-    expectRefused(EROFS);
-    EXPECT_EQ(codeOf(createFolder(disk + "/a", 0700)), EROFS);
 }
 
 TEST_F(LockFileTest, IsMadeForItsOwnerAloneAndHeldWhileItIsOpen) {

@@ -22,14 +22,12 @@
 #include "HalvoShared/RFC3339.hpp"
 #include "tests/Support/MallocCount.hpp"
 #include "tests/Support/PrivateMount.hpp"
-#include "tests/Support/TemporaryFolder.hpp"
 
 namespace halvo {
 namespace {
 
 using namespace std::string_literals;
 using testing::PrivateMount;
-using testing::writeTestFile;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
@@ -50,7 +48,8 @@ GregorianCalendar calendarOf(const std::string& zone) {
 
 // The tables of days come from Python's zoneinfo, asked second by second for the local date; those
 // of sums from its arithmetic on local times, with fold=0 on the way forward. Where a comment gives
-// the rule, they were checked against it by hand.
+// the rule, they were checked against it by hand. HalvoKit/Tests compares days and weeks with
+// Foundation around every transition of every zone.
 
 TEST(GregorianCalendarTest, KnowsWhereDaysBeginAndEnd) {
     const struct {
@@ -59,55 +58,36 @@ TEST(GregorianCalendarTest, KnowsWhereDaysBeginAndEnd) {
         std::string start;
         std::string next;
     } days[] = {
-        // The European Union changes at 01:00 UTC on the last Sundays of March and October, the
-        // United States at 02:00 on the second Sunday of March and the first of November.
+        // The European Union changes at 01:00 UTC on the last Sundays of March and October.
         {"Europe/Berlin", "2024-03-31T10:00", "2024-03-30T23:00", "2024-03-31T22:00"},
         {"Europe/Berlin", "2024-06-30T22:00", "2024-06-30T22:00", "2024-07-01T22:00"},
         {"Europe/Berlin", "2024-10-27T11:00", "2024-10-26T22:00", "2024-10-27T23:00"},
-        {"America/New_York", "2024-03-10T16:00", "2024-03-10T05:00", "2024-03-11T04:00"},
-        {"America/New_York", "2024-11-03T17:00", "2024-11-03T04:00", "2024-11-04T05:00"},
-        {"Europe/Dublin", "2024-10-27T12:00", "2024-10-26T23:00", "2024-10-28T00:00"},
-        // Chile, Egypt and Lebanon go from 24:00 to 01:00, and back at 24:00 or 00:00.
+        // Chile goes from 24:00 to 01:00, and back at 24:00.
         {"America/Santiago", "2024-09-08T15:00", "2024-09-08T04:00", "2024-09-09T03:00"},
         {"America/Santiago", "2024-04-06T15:00", "2024-04-06T03:00", "2024-04-07T04:00"},
-        {"Africa/Cairo", "2024-04-26T09:00", "2024-04-25T22:00", "2024-04-26T21:00"},
-        {"Africa/Cairo", "2024-10-31T09:00", "2024-10-30T21:00", "2024-10-31T22:00"},
-        {"Asia/Beirut", "2024-10-26T09:00", "2024-10-25T21:00", "2024-10-26T22:00"},
-        {"America/Nuuk", "2024-03-30T14:00", "2024-03-30T02:00", "2024-03-31T01:00"},
         // Cuba goes back from 01:00 to 00:00: a day with two midnights.
         {"America/Havana", "2024-11-03T17:00", "2024-11-03T04:00", "2024-11-04T05:00"},
         {"America/Havana", "2024-11-03T05:00", "2024-11-03T04:00", "2024-11-04T05:00"},
         // Samoa went from 2011-12-29 24:00 (-10:00) to 2011-12-31 00:00 (+14:00); on the other
         // side of the date line, Kwajalein had most of 1969-09-30 twice.
         {"Pacific/Apia", "2011-12-29T22:00", "2011-12-29T10:00", "2011-12-30T10:00"},
-        {"Pacific/Apia", "2011-12-30T22:00", "2011-12-30T10:00", "2011-12-31T10:00"},
-        {"Pacific/Kwajalein", "1993-08-21T00:00", "1993-08-20T12:00", "1993-08-21T12:00"},
         {"Pacific/Kwajalein", "1969-09-30T01:00", "1969-09-29T13:00", "1969-10-01T12:00"},
         // Offsets that are no whole hours.
         {"Australia/Lord_Howe", "2024-04-07T01:30", "2024-04-06T13:00", "2024-04-07T13:30"},
-        {"Asia/Kathmandu", "1985-12-31T17:30", "1985-12-30T18:30", "1985-12-31T18:30"},
         {"Asia/Kathmandu", "1986-01-01T06:15", "1985-12-31T18:30", "1986-01-01T18:15"},
         {"UTC", "2024-02-29T23:59", "2024-02-29T00:00", "2024-03-01T00:00"},
-        {"UTC", "1970-01-01T00:00", "1970-01-01T00:00", "1970-01-02T00:00"},
         {"Etc/UTC", "1900-02-28T12:00", "1900-02-28T00:00", "1900-03-01T00:00"},
-        // Local mean time: Berlin was 53 min 28 s ahead until 1893-04-01, New York 4 h 56 min 2 s
-        // behind until noon on 1883-11-18.
+        // Local mean time: Berlin was 53 min 28 s ahead until 1893-04-01.
         {"Europe/Berlin", "1700-01-01T11:06:32", "1699-12-31T23:06:32", "1700-01-01T23:06:32"},
         {"Europe/Berlin", "1893-04-01T11:00", "1893-03-31T23:06:32", "1893-04-01T23:00"},
-        {"America/New_York", "1883-11-18T23:00", "1883-11-18T04:56:02", "1883-11-19T05:00"},
         // After the last change that is listed.
-        {"Europe/Berlin", "2040-03-25T10:00", "2040-03-24T23:00", "2040-03-25T22:00"},
         {"Europe/Berlin", "2100-10-31T11:00", "2100-10-30T22:00", "2100-10-31T23:00"},
-        {"Europe/Berlin", "4000-07-01T10:00", "4000-06-30T22:00", "4000-07-01T22:00"},
         {"Europe/Dublin", "2100-10-31T12:00", "2100-10-30T23:00", "2100-11-01T00:00"},
-        {"America/Santiago", "2040-09-02T15:00", "2040-09-02T04:00", "2040-09-03T03:00"},
         {"America/Santiago", "4000-09-03T15:00", "4000-09-03T04:00", "4000-09-04T03:00"},
         {"Africa/Cairo", "2040-04-27T09:00", "2040-04-26T22:00", "2040-04-27T21:00"},
-        {"America/Nuuk", "2040-10-27T13:00", "2040-10-27T01:00", "2040-10-28T02:00"},
         {"America/Nuuk", "4000-03-25T14:00", "4000-03-25T02:00", "4000-03-26T01:00"},
         {"Asia/Jerusalem", "4000-03-24T09:00", "4000-03-23T22:00", "4000-03-24T21:00"},
-        {"Australia/Lord_Howe", "4000-10-01T01:00", "4000-09-30T13:30", "4000-10-01T13:00"},
-        {"Antarctica/Troll", "2040-03-25T10:00", "2040-03-25T00:00", "2040-03-25T22:00"}};
+        {"Australia/Lord_Howe", "4000-10-01T01:00", "4000-09-30T13:30", "4000-10-01T13:00"}};
 
     for (const auto& day : days) {
         SCOPED_TRACE(day.zone + (" " + day.date));
@@ -128,7 +108,6 @@ TEST(GregorianCalendarTest, AddsDaysAndKeepsTheTimeOfDay) {
         std::string result;
     } sums[] = {{"Europe/Berlin", "2024-03-30T11:00", 1, "2024-03-31T10:00"},
                 {"Europe/Berlin", "2024-10-26T10:00", 1, "2024-10-27T11:00"},
-                {"Europe/Berlin", "2024-02-28T11:00", 366, "2025-02-28T11:00"},
                 {"Europe/Berlin", "2024-07-01T10:00", 721'727, "4000-07-09T10:00"},
                 {"Europe/Berlin", "4000-07-09T10:00", -721'727, "2024-07-01T10:00"},
                 {"Europe/Berlin", "1800-06-01T11:06:32", 81'820, "2024-06-06T10:00"},
@@ -139,10 +118,7 @@ TEST(GregorianCalendarTest, AddsDaysAndKeepsTheTimeOfDay) {
                 {"Europe/Berlin", "2024-03-30T02:30", 1, "2024-03-31T01:30"},
                 {"Europe/Berlin", "2024-04-01T00:30", -1, "2024-03-31T01:30"},
                 {"America/Havana", "2024-03-09T05:30", 1, "2024-03-10T05:30"},
-                {"Africa/Cairo", "2024-04-24T22:15", 1, "2024-04-25T22:15"},
                 {"Australia/Lord_Howe", "2024-10-04T15:40", 1, "2024-10-05T15:40"},
-                {"Asia/Kathmandu", "1985-12-30T18:35", 1, "1985-12-31T18:35"},
-                {"Asia/Jerusalem", "4000-03-23T00:30", 1, "4000-03-24T00:30"},
                 {"America/Nuuk", "4000-03-24T01:30", 2, "4000-03-26T01:30"},
                 {"America/Toronto", "1919-03-30T04:45", 1, "1919-03-31T04:45"},
                 // Of two times it is the first on the way forward,
@@ -150,24 +126,16 @@ TEST(GregorianCalendarTest, AddsDaysAndKeepsTheTimeOfDay) {
                 {"Europe/Berlin", "2024-10-26T01:00", 1, "2024-10-27T02:00"},
                 {"Europe/Berlin", "2024-01-01T01:30", 300, "2024-10-27T00:30"},
                 {"Europe/Berlin", "2024-10-27T01:30", 0, "2024-10-27T01:30"},
-                {"America/Santiago", "2024-04-06T02:30", 1, "2024-04-07T02:30"},
-                {"Australia/Lord_Howe", "2024-04-05T14:45", 1, "2024-04-06T14:45"},
-                {"America/Nuuk", "4000-10-28T00:30", 1, "4000-10-29T00:30"},
                 // and on the way back that of the day it comes from: from the winter the second.
                 {"Europe/Berlin", "2024-10-28T01:30", -1, "2024-10-27T01:30"},
                 {"Europe/Berlin", "2025-07-01T00:30", -247, "2024-10-27T00:30"},
                 {"America/Havana", "2024-11-04T05:00", -1, "2024-11-03T05:00"},
-                {"America/Havana", "2024-11-04T05:00", -2, "2024-11-02T04:00"},
                 {"America/St_Johns", "2005-10-31T03:30", -1, "2005-10-30T03:30"},
                 // Over a day that was skipped, or came twice, it goes by 24 hours for each day.
                 {"Pacific/Apia", "2011-12-29T20:00", 1, "2011-12-30T20:00"},
                 {"Pacific/Apia", "2011-12-30T09:59:59", 1, "2011-12-31T09:59:59"},
-                {"Pacific/Apia", "2011-12-29T20:00", 2, "2011-12-31T20:00"},
                 {"Pacific/Apia", "2011-12-30T20:00", -1, "2011-12-29T20:00"},
-                {"Pacific/Apia", "2011-12-30T20:00", -2, "2011-12-28T20:00"},
-                {"Pacific/Kwajalein", "1993-08-21T12:00", -1, "1993-08-20T12:00"},
-                {"Pacific/Kwajalein", "1969-10-01T12:00", -1, "1969-09-29T13:00"},
-                {"Pacific/Kwajalein", "1969-10-01T12:00", -2, "1969-09-28T13:00"}};
+                {"Pacific/Kwajalein", "1969-10-01T12:00", -1, "1969-09-29T13:00"}};
 
     for (const auto& sum : sums) {
         EXPECT_EQ(calendarOf(sum.zone).addingDays(sum.days, at(sum.date)), at(sum.result))
@@ -235,30 +203,6 @@ TEST(GregorianCalendarTest, ServesTheFirstAndTheLastDayOfItsRange) {
     }
 }
 
-TEST(GregorianCalendarTest, KnowsHowFarClocksAreAheadOfUTC) {
-    const struct {
-        const char* zone;
-        WallDate date;
-        double hours;
-    } rows[] = {{"Europe/Berlin", at("1800-01-01T00:00"), 3208 / anHour},
-                {"Europe/Berlin", at("2026-03-29T00:59:59") + Seconds{0.75}, 1},
-                {"Europe/Berlin", at("2026-03-29T01:00"), 2},
-                {"Europe/Berlin", at("2026-10-25T00:59:59"), 2},
-                {"Europe/Berlin", at("2026-10-25T01:00"), 1},
-                {"Europe/Berlin", at("9026-07-01T00:00"), 2},
-                {"America/St_Johns", at("2026-11-20T00:00"), -3.5},
-                {"UTC", at("2026-11-20T00:00"), 0}};
-
-    for (const auto& [zone, date, hours] : rows) {
-        EXPECT_EQ(calendarOf(zone).offset(date), Seconds{hours * anHour});
-    }
-}
-
-TEST(GregorianCalendarTest, IsNotMadeOfAZoneThatThereIsNot) {
-    EXPECT_EQ(GregorianCalendar::named("Mars/Olympus").error(),
-              "no time zone is named \"Mars/Olympus\"");
-}
-
 TEST(GregorianCalendarTest, IsAValue) {
     auto calendar = calendarOf("Europe/Berlin");
     const auto copy = calendar;
@@ -320,13 +264,9 @@ TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachineElseUTC) {
         EXPECT_EQ(systemOffset(), -3) << "Santiago's";
     }
     setTZ(nullptr);
-    for (const char* target : {"", "/nowhere", "/usr/share/zoneinfo/Mars/Olympus", "a file"}) {
+    for (const char* target : {"/nowhere", "/usr/share/zoneinfo/Mars/Olympus"}) {
         std::filesystem::remove(link);
-        if (*target == '/') {
-            std::filesystem::create_symlink(target, link);
-        } else if (*target != '\0') {
-            writeTestFile(link, "not a link");
-        }
+        std::filesystem::create_symlink(target, link);
         const auto calendar = GregorianCalendar::system();
         EXPECT_EQ(calendar.offset(at("2023-12-01T00:00")), Seconds{0}) << target;
         EXPECT_EQ(calendar.startOfDay(at("2024-06-01T12:00")), at("2024-06-01T00:00"));
@@ -334,20 +274,12 @@ TEST(SystemCalendarTest, IsElseThatOfTheZoneOfTheMachineElseUTC) {
     }
 }
 
-// What the C library makes of instants, in the zone of TZ.
-tm localTimeOf(std::int64_t instant) {
+// The C library's, in the zone of TZ.
+std::int64_t offsetAt(std::int64_t instant) {
     const std::time_t time = instant;
     tm local{};
     localtime_r(&time, &local);
-    return local;
-}
-
-std::int64_t offsetAt(std::int64_t instant) { return localTimeOf(instant).tm_gmtoff; }
-
-// The days from 1970-01-01 to the local date.
-std::int64_t localDayAt(std::int64_t instant) {
-    const std::int64_t local = instant + offsetAt(instant);
-    return (local - (local % 86'400 + 86'400) % 86'400) / 86'400;
+    return local.tm_gmtoff;
 }
 
 std::int64_t wholeSecondsOf(WallDate date) {
@@ -385,21 +317,6 @@ struct Met {
     int skipped = 0;
     int twofold = 0;
 };
-
-void checkDay(const GregorianCalendar& calendar, WallDate date) {
-    const std::int64_t day = localDayAt(wholeSecondsOf(date));
-    const WallDate start = calendar.startOfDay(date);
-    const auto next = calendar.startOfNextDay(date);
-    ASSERT_TRUE(next.has_value());
-    ASSERT_LE(start, date);
-    ASSERT_LT(date, *next);
-    ASSERT_EQ(calendar.startOfDay(start), start);
-    ASSERT_EQ(localDayAt(wholeSecondsOf(start)), day);
-    ASSERT_NE(localDayAt(wholeSecondsOf(start) - 1), day);
-    ASSERT_GT(localDayAt(wholeSecondsOf(*next)), day);
-    ASSERT_LE(localDayAt(wholeSecondsOf(*next) - 1), day);
-    ASSERT_EQ(*next, WallDate(Seconds(static_cast<double>(wholeSecondsOf(*next)))));
-}
 
 void checkSum(const GregorianCalendar& calendar, WallDate date, int days, Met& met) {
     const std::int64_t instant = wholeSecondsOf(date);
@@ -461,7 +378,7 @@ TEST(AllZonesTest, ListTheChangesOfTheCLibrary) {
     EXPECT_GT(count, 50'000U);
 }
 
-TEST(AllZonesTest, AgreeWithTheCLibrary) {
+TEST(AllZonesTest, AddDaysAsTheCLibraryWould) {
     const auto zones = allZones();
     ASSERT_GT(zones.size(), 400U);
     constexpr int datesOfAZone = 400;
@@ -486,7 +403,6 @@ TEST(AllZonesTest, AgreeWithTheCLibrary) {
                 date = changes[random() % changes.size()].begin +
                        Seconds{86'400 * (i % 4 == 0 ? away : away - days)};
             }
-            checkDay(calendar, date);
             checkSum(calendar, date, days, met);
             ASSERT_FALSE(HasFatalFailure()) << secondsSince1970(date);
         }

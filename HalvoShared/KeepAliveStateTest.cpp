@@ -69,32 +69,14 @@ TEST(KeepAliveStateTest, IsNeitherReleasedNorNotedInAFileFromBeforeTheseWereReco
     }
 }
 
-TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherType) {
-    const struct {
-        std::string member;
-        std::string value;
-        bool isRequired;
-    } rows[] = {{"appPath", "\"/Applications/Halvo.app\"", true},
-                {"appReleased", "true", false},
-                {"bypassNoted", "false", false},
-                {"clean", "false", true},
-                {"commitmentUntil", "\"2026-11-20T10:00:00Z\"", false},
-                {"pid", "4711", true},
-                {"ultraHard", "true", true},
-                {"updatedAt", "\"2026-11-20T09:00:00Z\"", true}};
-
-    for (const auto& [member, value, isRequired] : rows) {
-        const std::string whole = '"' + member + "\":" + value;
-        // No member is of these types, but that a number may be too large for the process's.
-        for (const std::string other : {"0.5", "[]", "\"\\u0000\"", "2147483648", "null"}) {
-            std::string json = readTestFile(keepAliveGolden);
-            json.replace(json.find(whole), whole.size(), '"' + member + "\":" + other);
-            const bool isRead =
-                (other == "null" && !isRequired) || (other.front() == '"' && member == "appPath");
-            EXPECT_EQ(JSON::decode<KeepAliveState>(json).has_value(), isRead) << json;
-        }
+TEST(KeepAliveStateTest, CannotBeReadWithoutARequiredMember) {
+    const std::pair<std::string, bool> rows[] = {{"appPath", true},          {"appReleased", false},
+                                                 {"bypassNoted", false},     {"clean", true},
+                                                 {"commitmentUntil", false}, {"pid", true},
+                                                 {"ultraHard", true},        {"updatedAt", true}};
+    for (const auto& [member, isRequired] : rows) {
         std::string json = readTestFile(keepAliveGolden);
-        json.replace(json.find(whole), whole.size(), "\"other\":1");
+        json.replace(json.find('"' + member + '"'), member.size() + 2, "\"other\"");
         const auto state = JSON::decode<KeepAliveState>(json);
         EXPECT_EQ(state.has_value(), !isRequired) << member;
         EXPECT_TRUE(state || state.error().problem == "This is missing");

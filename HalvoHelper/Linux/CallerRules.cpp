@@ -18,6 +18,7 @@
 #include <span>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "HalvoHelper/RootOwnedPath.hpp"
 #include "HalvoHelperCore/AppLocation.hpp"
@@ -359,7 +360,10 @@ std::optional<std::string> CallerRules::problemOfBundle(const std::string& execu
         if (!info) {
             return failed(cannotBeRead, info.error().code);
         }
-        known = {file && file->isSettled() ? file : std::nullopt, HelperIdentity::ofBundle(*info)};
+        auto identity = HelperIdentity::ofBundle(*info);
+        // libplist without memory gives less than the file has: no identity is not remembered.
+        const bool lasts = file && file->isSettled() && identity;
+        known = {lasts ? file : std::nullopt, std::move(identity)};
     }
     return known.identity == identity_ ? std::nullopt : Problem(isOther);
 }

@@ -655,6 +655,11 @@ TEST_F(CallerRulesPrivateMachineTest, ReadAnInfoAgainOnlyAfterItHasChanged) {
         EXPECT_EQ(opened(ours), count);
         EXPECT_EQ(opened(theirs), count) << "one bundle displaces the other";
     }
+    stranger.writeInfo("com.example.other", "");
+    sleep(3);
+    for (const std::size_t count : {3U, 3U}) {
+        EXPECT_EQ(opened(theirs), count) << "a lack of memory, too, gives no identity";
+    }
     app->writeInfo("com.example.other");
     EXPECT_FALSE(rules.check(connectionOf(ours).get()));
     app->writeInfo();

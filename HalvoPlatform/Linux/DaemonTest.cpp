@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <new>
 #include <string>
 
 #include "HalvoPlatform/Daemon.hpp"
@@ -116,6 +117,15 @@ TEST(DaemonTest, KnowsTheRealUser) {
         ASSERT_EQ(setresuid(0, 0, 0), 0);
     });
     EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(DaemonTest, EndsWithOneLineWhenMemoryRunsOut) {
+    const auto result = runInChild([] {
+        prepareDaemon();
+        std::get_new_handler()();
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(result.output, "Fatal error: Memory ran out\n");
 }
 
 }  // namespace

@@ -84,35 +84,12 @@ class MainQueueTest : public ::testing::Test {
     MainQueue& queue = liveMainQueue();
 };
 
-TEST_F(MainQueueTest, RunsWorkLaterAndInOrder) {
-    EXPECT_EQ(&queue, &liveMainQueue());
-    std::string order;
-    queue.async([&] {
-        queue.async([&] { order += 'c'; });
-        order += 'a';
-    });
-    queue.async([&] { order += 'b'; });
-    EXPECT_EQ(order, "");
-    fake::serve(0);
-    EXPECT_EQ(order, "abc");
-}
-
+// In what order work, timers and signals have their turns: tests/Swift/Dispatch/DispatchTest.cpp.
 TEST_F(MainQueueTest, RunsWorkOnTheMainQueueWhichIsNotTheInitialThread) {
     queue.async(noted());
     std::thread([this] { queue.async(noted()); }).join();
     fake::serve(0);
     EXPECT_EQ(turns, (Times{0, 0}));
-}
-
-TEST_F(MainQueueTest, RunsWorkBeforeATimerThatIsNotYetDue) {
-    std::string order;
-    queue.after(Seconds{1}, [&] {
-        order += 'a';
-        queue.async([&] { order += 'b'; });
-    });
-    queue.after(Seconds{1.001}, [&] { order += 'c'; });
-    fake::serve(2);
-    EXPECT_EQ(order, "abc");
 }
 
 TEST_F(MainQueueTest, LetsGoOfWorkThatHasRunWhichMayAskForMore) {
@@ -133,85 +110,55 @@ TEST_F(MainQueueTest, LetsGoOfWorkThatHasRunWhichMayAskForMore) {
     EXPECT_TRUE(fake::timers().empty());
 }
 
-TEST_F(MainQueueTest, AsksForTheTimerThatIsWanted) {
-    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, [] {});
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false}}));
-    queue.repeat(Seconds{0}, Seconds{0.5}, Seconds{0}, [] {});
-    EXPECT_EQ(timersAsked(),
-              (std::vector<TimerAsked>{{2 * second, 2 * second, 200 * millisecond, false},
-                                       {0, 500 * millisecond, 0, false}}));
-}
-
-TEST_F(MainQueueTest, TurnsATimerForAsLongAsTheProcessLives) {
+TEST_F(MainQueueTest, AsksForTheTimersThatAreWantedAndTurnsThemForAsLongAsTheProcessLives) {
     queue.repeat(Seconds{1}, Seconds{2}, Seconds{0.2}, noted());
+    queue.repeat(Seconds{0}, Seconds{0.5}, Seconds{0}, [] {});
+    const std::vector<TimerAsked> both{{1 * second, 2 * second, 200 * millisecond, false},
+                                       {0, 500 * millisecond, 0, false}};
+    EXPECT_EQ(timersAsked(), both);
     fake::serve(0.999);
     EXPECT_EQ(turns, Times{});
     fake::serve(4.5);
     EXPECT_EQ(turns, (Times{1 * second, 3 * second, 5 * second}));
-    EXPECT_EQ(fake::timers().size(), 1U);
+    EXPECT_EQ(timersAsked(), both);
 }
 
-TEST_F(MainQueueTest, RunsDelayedWorkOnceWhenItIsDueToTheNanosecond) {
-    queue.after(Seconds{1.523456789}, noted());
-    EXPECT_EQ(timersAsked(), delayAsked(1'523'456'789));
-    fake::serve(1.523);
-    EXPECT_EQ(turns, Times{});
-    fake::serve(100);
-    EXPECT_EQ(turns, Times{1'523'456'789});
-    EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
-}
-
-TEST_F(MainQueueTest, RunsDelayedWorkOnlyAfterItsCallerEvenWithoutADelay) {
-    queue.after(Seconds{0}, noted());
-    EXPECT_EQ(turns, Times{});
-    EXPECT_EQ(timersAsked(), delayAsked(0));
-    fake::serve(0);
-    EXPECT_EQ(turns, Times{0});
-    EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{});
-}
-
-// By the clock that counts sleep, however the wall clock is set.
-TEST_F(MainQueueTest, CountsSleepInADelay) {
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().sinceBoot += 8 * second; });
-    fake::serve(1.5);
-    EXPECT_EQ(turns, Times{});
-    fake::serve(8);
-    EXPECT_EQ(turns, Times{10 * second});
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().sinceBoot += 3600 * second; });
-    fake::serve(1);
-    EXPECT_EQ(turns.size(), 2U) << "at once after a long sleep";
-}
-
-TEST_F(MainQueueTest, KeepsADelayWhateverIsDoneToTheWallClock) {
-    for (const double jump : {-3600.0, -5.0, 5.0, 3600.0}) {
+TEST_F(MainQueueTest, RunsDelayedWorkOnceAfterItsCallerAndWhenItIsDueToTheNanosecond) {
+    for (const std::uint64_t wait : {0UL, 1'523'456'789UL}) {
         turns.clear();
         start = fake::world().sinceBoot;
-        queue.after(Seconds{10}, noted());
-        fake::at(1, [jump] { fake::world().bootedAt += jump; });
-        fake::serve(20);
-        EXPECT_EQ(turns, Times{10 * second}) << jump;
-        EXPECT_TRUE(fake::timers().empty());
+        queue.after(std::chrono::nanoseconds(wait), noted());
+        EXPECT_EQ(turns, Times{});
+        EXPECT_EQ(timersAsked(), delayAsked(wait));
+        fake::serve(100);
+        EXPECT_EQ(turns, Times{wait});
+        EXPECT_EQ(timersAsked(), std::vector<TimerAsked>{}) << "a timer that has rung is given up";
     }
 }
 
-TEST_F(MainQueueTest, KeepsADelayThroughASleepAfterTheWallClockWasSet) {
-    queue.after(Seconds{10}, noted());
-    fake::at(1, [] { fake::world().bootedAt += 3600; });
-    fake::at(2, [] { fake::world().sinceBoot += 3600 * second; });
-    fake::serve(2);
-    EXPECT_EQ(turns.size(), 1U);
-}
+// By the clock that counts sleep, however the wall clock is set.
+TEST_F(MainQueueTest, KeepsADelayThroughSleepWhateverIsDoneToTheWallClock) {
+    struct Row {
+        // Of the wall clock after a second.
+        double jump;
+        // From the next second on.
+        std::uint64_t sleep;
+        // At once after a long sleep.
+        std::uint64_t turn;
+    };
 
-TEST_F(MainQueueTest, TurnsSeveralTimersEachInItsTime) {
-    std::string order;
-    queue.after(Seconds{0.2}, [&] { order += 'b'; });
-    queue.repeat(Seconds{0.1}, Seconds{0.15}, Seconds{0}, [&] { order += 'a'; });
-    queue.after(Seconds{0.3}, [&] { order += 'c'; });
-    fake::serve(0.45);
-    EXPECT_EQ(order, "abaca");
+    for (const auto& [jump, sleep, turn] :
+         {Row{0, 8, 10}, Row{0, 3600, 3602}, Row{-3600, 0, 10}, Row{-5, 0, 10}, Row{5, 0, 10},
+          Row{3600, 0, 10}, Row{3600, 3600, 3602}}) {
+        turns.clear();
+        start = fake::world().sinceBoot;
+        queue.after(Seconds{10}, noted());
+        fake::at(1, [&] { fake::world().bootedAt += jump; });
+        fake::at(2, [&] { fake::world().sinceBoot += sleep * second; });
+        fake::serve(20);
+        EXPECT_EQ(turns, Times{turn * second}) << jump << ' ' << sleep;
+        EXPECT_TRUE(fake::timers().empty());
+    }
 }
 
 // How SIGTERM is disposed of.
@@ -249,13 +196,6 @@ TEST_F(MainQueueTest, HasSIGTERMIgnoredOnceAskedForAndNoOtherSignal) {
 }
 
 TEST_F(MainQueueTest, TellsTheTimeSinceBoot) { EXPECT_EQ(queue.now(), sinceBoot()); }
-
-TEST_F(MainQueueTest, IsServedByRunUntilTheScriptIsOver) {
-    queue.repeat(Seconds{2}, Seconds{2}, Seconds{0.2}, noted());
-    fake::endAt(5);
-    EXPECT_THROW(queue.run(), fake::Over);
-    EXPECT_EQ(turns, (Times{2 * second, 4 * second}));
-}
 
 TEST_F(MainQueueTest, ExitsWithTheStatusThatTheTerminationChooses) {
     for (const int status : {75, 0}) {

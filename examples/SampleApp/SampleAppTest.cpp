@@ -491,15 +491,6 @@ TEST_F(AppSessionTest, AnnouncesAShutdownButNotAnInterrupt) {
     EXPECT_FALSE(announcesAt(SIGTERM)) << "logind says no";
 }
 
-TEST_F(AppSessionTest, WaitsForLogindNoLongerThanAllowed) {
-    for (const Behavior behavior : {Behavior::NeverAuthenticate, Behavior::NeverAnswer}) {
-        FakeHelper const bus(bus_, {behavior});
-        const Seconds before = timeNow();
-        EXPECT_FALSE(isShuttingDown(Seconds{0.2}));
-        EXPECT_LT(timeNow() - before, Seconds{3});
-    }
-}
-
 // In the files that logind keeps of a person who belongs to no session.
 TEST_F(AppSessionTest, AnnouncesTheEndOfASessionThatWasOpenBefore) {
     const PrivateMount run("tmpfs", "run", "/run");

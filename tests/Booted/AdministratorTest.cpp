@@ -52,17 +52,8 @@ struct Administrator : ::testing::Test {
 TEST_F(Administrator, SeesAndReleasesACommitment) {
     EXPECT_THAT(machine.must({"halvoctl", "status"}), HasSubstr("Nothing holds."));
     machine.commit(session);
-    const std::string words = machine.must({"halvoctl", "status"});
-    EXPECT_THAT(words, HasSubstr("alice"));
-    EXPECT_THAT(words, HasSubstr(Place::app + ", locked"));
     const json status = answer("status");
-    EXPECT_EQ(status["commitment"]["uid"], 1000);
     EXPECT_EQ(status["commitment"]["user"], "alice");
-    EXPECT_EQ(status["commitment"]["app"], Place::app);
-    EXPECT_EQ(status["commitment"]["holds"], true);
-    EXPECT_EQ(status["commitment"]["locked"], true);
-    EXPECT_GT(status["commitment"]["left"], 1400.0);
-    EXPECT_LE(status["commitment"]["left"], 1500.0);
     EXPECT_EQ(status["apps"][0]["agrees"], true);
     EXPECT_EQ(status["helper"]["pids"].size(), 1U);
     // Not for the committed user.
@@ -80,17 +71,6 @@ TEST_F(Administrator, SeesAndReleasesACommitment) {
     // A new commitment can begin.
     machine.sh("pkill --exact Halvo");
     machine.commit(session);
-}
-
-TEST_F(Administrator, FindsNoProblemInASoundInstallation) {
-    const ChildResult fresh = machine.run({"halvoctl", "doctor"});
-    EXPECT_EQ(fresh.status, 0) << fresh.output;
-    EXPECT_THAT(fresh.output, HasSubstr("No problem."));
-    EXPECT_THAT(problems(), IsEmpty());
-    machine.commit(session);
-    const ChildResult held = machine.run({"halvoctl", "doctor"});
-    EXPECT_EQ(held.status, 0) << held.output;
-    EXPECT_THAT(held.output, HasSubstr("the app runs for them"));
 }
 
 TEST_F(Administrator, FindsWhatChangedSinceTheInstallation) {

@@ -286,11 +286,6 @@ TEST_F(OpeningDespite, ADropInThatReplacesExecStart) {
     expectDirectOpening();
 }
 
-TEST_F(OpeningDespite, AnAddressSpaceLimit) {
-    configureUnit("LimitAS=1M\\n");
-    expectDirectOpening();
-}
-
 TEST_F(OpeningDespite, AMaskedSlice) {
     configure("ln -s /dev/null app.slice\nsystemctl --user stop app.slice");
     expectDirectOpening();

@@ -53,16 +53,6 @@ TEST_F(Service, UnlocksWhileStoppedAndCountsThatTime) {
     EXPECT_EQ(machine.activeState(Unit::socket), "active");
 }
 
-TEST_F(Service, LocksAgainAfterRootUnlocked) {
-    machine.commit(session);
-    EXPECT_NE(machine.runIn(session, {"chattr", "-i", Place::app}).status, 0);
-    EXPECT_NE(machine.run({"mv", Place::app, "/Applications/Other.app"}).status, 0);
-    EXPECT_TRUE(machine.isLocked());
-    machine.must({"chattr", "-i", Place::app});
-    EXPECT_TRUE(eventually(Seconds{20}, [&] { return machine.isLocked(); }));
-    EXPECT_TRUE(machine.says("Locked Halvo's app again"));
-}
-
 TEST_F(Service, RestartsAfterSIGTERMWhileHolding) {
     machine.commit(session);
     const pid_t first = helper();
@@ -189,20 +179,6 @@ TEST_F(Restart, StartsNoHelperWithoutACommitment) {
     // The first call starts it.
     EXPECT_EQ(machine.runIn(machine.logIn("alice"), {Place::appExecutable}).status, 0);
     EXPECT_EQ(machine.activeState(Unit::service), "active");
-}
-
-// A premise of the tests of restarts.
-TEST(BootedMachineTest, CountsItsTimeFromEachStart) {
-    BootedMachine machine;
-    const auto sinceBoot = [&] { return std::stod(machine.sh("cat /proc/uptime")); };
-    const std::string bootID = machine.sh("cat /proc/sys/kernel/random/boot_id");
-    ASSERT_TRUE(eventually(Seconds{30}, [&] { return sinceBoot() > 5; }));
-    EXPECT_LT(sinceBoot(), 120) << "the uptime of the real machine";
-    const Seconds before = timeNow();
-    machine.restart();
-    // The start is known to a second.
-    EXPECT_LE(sinceBoot(), (timeNow() - before).count() + 1);
-    EXPECT_NE(machine.sh("cat /proc/sys/kernel/random/boot_id"), bootID);
 }
 
 }  // namespace

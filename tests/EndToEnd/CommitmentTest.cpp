@@ -8,9 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
-#include <vector>
 
 #include "tests/EndToEnd/RunningHelper.hpp"
 #include "tests/EndToEnd/World.hpp"
@@ -83,73 +81,6 @@ TEST_F(CommitmentTest, EndsAtTheFirstTickAfterItsDeadline) {
     EXPECT_TRUE(eventually(Seconds{1}, [] { return !exists(Place::stateFolder); }));
     EXPECT_FALSE(isLocked());
     EXPECT_EQ(world.ask({"heartbeat"}).status, Reply::no);
-}
-
-TEST_F(CommitmentTest, LocksAgainWithinATick) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    for (int times = 1; times <= 2; ++times) {
-        setLockedByHand(false);
-        const Seconds cleared = timeNow();
-        EXPECT_TRUE(eventually(Seconds{10}, [] { return isLocked(); }));
-        EXPECT_LT(timeNow() - cleared, Seconds{3});
-        EXPECT_TRUE(eventually(Seconds{1},
-                               [&] { return helper.count("Locked Halvo's app again") == times; }));
-    }
-}
-
-TEST_F(CommitmentTest, BelongsToOneUser) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_EQ(world.begin(Seconds{1200}, world.other), Reply::no);
-    EXPECT_EQ(helper.count("error: Refused a begin while another person's Ultra Hard mode runs"),
-              1);
-    EXPECT_EQ(world.ask({"end"}, world.other).status, Reply::no);
-    EXPECT_EQ(world.ask({"heartbeat"}, world.other).status, Reply::no);
-    EXPECT_FALSE(world.status(world.other).holding);
-    EXPECT_TRUE(world.status().holding);
-    EXPECT_TRUE(isLocked());
-    ASSERT_EQ(world.end(), Reply::yes);
-    EXPECT_EQ(world.begin(Seconds{600}, world.other), Reply::yes);
-    EXPECT_EQ(world.state()->uid, world.other);
-}
-
-TEST_F(CommitmentTest, BindsOnlyTheCallersOwnBundleAlsoThroughASymlink) {
-    world.installApp(Place::applications + "/Other.app");
-    for (const char* path : {"/Applications/Other.app", "/Applications/Missing.app", "",
-                             "Halvo.app", "/Applications/Halvo.app/Contents/MacOS/Inner.app"}) {
-        const ChildResult answer = world.ask({"begin", path, "600", "0"});
-        EXPECT_EQ(answer.status, Reply::no) << path << ": " << answer.output;
-    }
-    EXPECT_FALSE(isLocked("/Applications/Other.app"));
-    EXPECT_FALSE(exists(Place::stateFolder));
-    std::filesystem::create_directory_symlink(Place::applications, "/tmp/Apps");
-    EXPECT_EQ(world.ask({"begin", "/tmp//Apps/./Halvo.app/", "600", "0"}).status, Reply::yes);
-    EXPECT_EQ(world.state()->appPath, Place::app);
-    std::filesystem::remove("/tmp/Apps");
-}
-
-using RequestTest = CommitmentTest;
-
-TEST_F(RequestTest, MustHaveFiniteDatesAndAStartBeforeTheYearTenThousand) {
-    const std::string notFinite = " is not a finite number";
-    const auto expectRejection = [this](const std::vector<std::string>& words,
-                                        const std::string& why) {
-        const ChildResult answer = world.ask(words);
-        EXPECT_EQ(answer.status, Reply::rejected);
-        EXPECT_EQ(answer.output, "rejected org.freedesktop.DBus.Error.InvalidArgs: " + why + "\n");
-    };
-    for (const char* date : {"nan", "-nan", "inf", "-inf"}) {
-        SCOPED_TRACE(date);
-        expectRejection({"begin-at", Place::app, date, "1e9"}, "until" + notFinite);
-        expectRejection({"begin-at", Place::app, "1e9", date}, "started" + notFinite);
-        EXPECT_EQ(world.ask({"begin-at", "/Applications/Other.app", date, date}).status, Reply::no);
-    }
-    for (const char* date : {"253402300800", "1e300", "1.7976931348623157e308"}) {
-        expectRejection({"begin-at", Place::app, "1e9", date}, "started is after the year 9999");
-    }
-    EXPECT_FALSE(isLocked());
-    EXPECT_FALSE(exists(Place::stateFolder));
-    EXPECT_EQ(helper.count("Holding*"), 0);
-    EXPECT_EQ(helper.count("error: Refused a begin for a bundle that isn't the caller's own"), 4);
 }
 
 }  // namespace

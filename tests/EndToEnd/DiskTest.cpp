@@ -1,12 +1,9 @@
-// Commitments that cannot be saved or locked. The tests of the store and of the engine cover each
-// kind of damage and failure.
+// A commitment that cannot be saved. The tests of the store and of the engine cover each kind of
+// damage and failure.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -74,69 +71,6 @@ TEST_F(DiskTest, AFullDiskMeansNoLockAndASaveRetriedEachMinute) {
     EXPECT_EQ(world.end(), Reply::yes);
     EXPECT_FALSE(exists(Place::stateFolder));
     umount2(Place::support.c_str(), MNT_DETACH);
-}
-
-TEST_F(DiskTest, ADamagedRecordUnlocksOnlyTheBundleThatItNames) {
-    const std::string other = "/Library/Other.app";
-    fs::create_directories(other);
-    fs::create_directory_symlink(other, Place::applications + "/Link.app");
-    const auto owing = [](const std::string& path) {
-        return R"({"locked": true, "appPath": ")" + path + '"';
-    };
-
-    const struct {
-        std::string bytes;
-        bool unlocks;
-    } rows[] = {
-        {owing(Place::app) + "}", true},
-        {owing(Place::app) + R"(, "uid": -1, "remaining": "600"})", true},
-        {owing(Place::app), false},
-        {"", false},
-        // Larger than the store reads.
-        {std::string(20'000'000, ' ') + owing(Place::app) + "}", false},
-        {owing(other) + "}", false},
-        {owing(Place::applications + "/Link.app") + "}", false},
-        {owing(Place::applications + "/../Library/Other.app") + "}", false},
-    };
-
-    for (const auto& [bytes, unlocks] : rows) {
-        SCOPED_TRACE(bytes.substr(0, 200));
-        setLockedByHand(true);
-        setLockedByHand(true, other);
-        fs::create_directories(Place::stateFolder);
-        put(Place::stateFile, bytes, 0600);
-        const RunningHelper helper;
-        EXPECT_THAT(helper.log(),
-                    ElementsAre("error: The state file couldn't be read; everything was lifted"));
-        EXPECT_FALSE(exists(Place::stateFolder));
-        EXPECT_EQ(isLocked(), !unlocks);
-        EXPECT_TRUE(isLocked(other));
-    }
-    setLockedByHand(false, other);
-    fs::remove_all(other);
-}
-
-TEST_F(DiskTest, HoldsWithoutTheCapabilityToLock) {
-    const RunningHelper helper({.prepare = [] {
-        // From the bounding set, so execve(2) does not grant it: capabilities(7).
-        if (prctl(PR_CAPBSET_DROP, CAP_LINUX_IMMUTABLE, 0, 0, 0) != 0) {
-            _exit(1);
-        }
-    }});
-    EXPECT_EQ(world.begin(Seconds{600}), Reply::yes);
-    EXPECT_THAT(helper.log(), ElementsAre("error: Couldn't lock Halvo: errno 1",
-                                          "error: Couldn't lock Halvo's app",
-                                          StartsWith("Holding Ultra Hard mode for 59")));
-    const Status status = world.status();
-    EXPECT_TRUE(status.holding);
-    EXPECT_FALSE(status.locked);
-    ASSERT_TRUE(world.state());
-    EXPECT_FALSE(world.state()->locked);
-    // No tick tries again.
-    sleepFor(Seconds{2.5});
-    EXPECT_EQ(helper.log().size(), 3);
-    EXPECT_FALSE(isLocked());
-    EXPECT_EQ(world.end(), Reply::yes);
 }
 
 }  // namespace

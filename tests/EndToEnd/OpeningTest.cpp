@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -49,14 +48,6 @@ class OpeningTest : public ::testing::Test {
         })) << "the app was not opened";
         const auto processes = processesRunning(Place::appExecutable);
         return processes.empty() ? -1 : processes.front();
-    }
-
-    // Kills the app and waits for its end.
-    static void quit(pid_t app) {
-        ASSERT_GT(app, 0);
-        kill(app, SIGKILL);
-        ASSERT_TRUE(
-            eventually(Seconds{5}, [] { return processesRunning(Place::appExecutable).empty(); }));
     }
 
     // Waits until the helper has admitted that app, and told it that a commitment holds: then the
@@ -126,27 +117,12 @@ TEST_F(OpeningTest, RunsTheAppAsTheUserAndInheritsNothing) {
     })) << inherited;
 }
 
-TEST_F(OpeningTest, PassesTheRelaunchArgumentAfterAQuit) {
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    TestProcess app = world.startApp();
-    expectServed(app.pid());
-    app.kill();
-    EXPECT_THAT(processWords(waitForApp()),
-                ElementsAre(Place::appExecutable, "-halvoRelaunchedAfterQuit", "YES"));
-}
-
 TEST_F(OpeningTest, LetsTheAppKeepItsRecordsAsTheUser) {
     ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const pid_t app = waitForApp();
+    expectServed(waitForApp());
     const SharedFile<WidgetSnapshot> widgets("widgets.json", group);
     ASSERT_TRUE(eventually(Seconds{10}, [&] { return widgets.read().has_value(); }))
         << widgets.load().error();
-    EXPECT_TRUE(widgets.read()->isRunning);
-    const auto state = keepAlive.load();
-    ASSERT_TRUE(state.has_value()) << state.error();
-    EXPECT_EQ(state->pid, app);
-    EXPECT_EQ(state->appPath, Place::app);
-    EXPECT_TRUE(state->shouldRelaunch(wallNow()));
     for (const std::string& path : {keepAlive.url(), widgets.url(), group}) {
         struct stat status{};
         ASSERT_EQ(stat(path.c_str(), &status), 0) << path;
@@ -155,8 +131,6 @@ TEST_F(OpeningTest, LetsTheAppKeepItsRecordsAsTheUser) {
             << "the private group is only for calls of the helper";
         EXPECT_EQ(status.st_mode & 077, 0U) << path;
     }
-    quit(app);
-    EXPECT_TRUE(keepAlive.read()->shouldRelaunch(wallNow())) << "the record after SIGKILL";
 }
 
 TEST_F(OpeningTest, LeavesARunningAppAloneThatIsSilent) {

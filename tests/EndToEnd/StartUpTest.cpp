@@ -20,7 +20,6 @@ namespace halvo::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 constexpr int exitSystem = 71;
 constexpr int exitWhileHolding = 75;
@@ -47,24 +46,6 @@ TEST_F(StartUpTest, ExitsWhenAnotherHelperIsFasterToReplaceTheLast) {
     EXPECT_TRUE(world.status().holding);
     EXPECT_EQ(second.terminate(), exitWhileHolding);
     EXPECT_FALSE(exists(Place::socket));
-}
-
-TEST_F(StartUpTest, ResumesTheCommitmentOfATerminatedHelper) {
-    std::optional<RunningHelper> helper(std::in_place);
-    ASSERT_EQ(world.begin(Seconds{600}), Reply::yes);
-    const auto before = world.state();
-    sleepFor(Seconds{1});
-    EXPECT_EQ(helper->terminate(), exitWhileHolding);
-    EXPECT_FALSE(isLocked());
-    sleepFor(Seconds{1});
-    helper.emplace();
-    EXPECT_THAT(helper->log(), ElementsAre("Locked Halvo's app again",
-                                           StartsWith("Holding Ultra Hard mode for another 59")));
-    EXPECT_TRUE(isLocked());
-    const auto taken = world.state();
-    EXPECT_EQ(taken->startedWall, before->startedWall);
-    EXPECT_LE(taken->capRemaining, before->capRemaining - 2);
-    EXPECT_NEAR(world.status().until.value_or(0), before->wall + before->remaining, 2);
 }
 
 TEST_F(StartUpTest, SurvivesAClosedLogPipe) {

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -56,13 +55,6 @@ std::vector<std::string> callerCommand(std::vector<std::string> words) {
 // Runs a command of the machine, which is on its PATH.
 void runOnMachine(const std::string& command) {
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
-}
-
-// With all digits: the dates are compared later.
-std::string text(double number) {
-    std::ostringstream stream;
-    stream << std::setprecision(17) << number;
-    return stream.str();
 }
 
 }  // namespace
@@ -118,12 +110,12 @@ TestProcess World::startApp() const {
     return TestProcess({.words = {Place::appExecutable}, .person = user});
 }
 
-int World::begin(Seconds span, std::optional<uid_t> person) const {
-    return ask({"begin", ".", text(span.count()), "0"}, person).status;
+int World::begin(Seconds span) const {
+    return ask({"begin", ".", std::to_string(span.count()), "0"}).status;
 }
 
-Status World::status(std::optional<uid_t> person) const {
-    const ChildResult answer = ask({"status"}, person);
+Status World::status() const {
+    const ChildResult answer = ask({"status"});
     Status status;
     std::istringstream words(answer.output);
     std::string word;

@@ -23,7 +23,6 @@ inline const std::string app = applications + "/Halvo.app";
 inline const std::string appExecutable = app + "/Contents/MacOS/Halvo";
 // The test caller (tests/Support/TestApp.cpp), in the same bundle.
 inline const std::string caller = app + "/Contents/MacOS/TestCaller";
-inline const std::string infoPlist = app + "/Contents/Info.plist";
 
 inline const std::string support = "/Library/Application Support";
 inline const std::string stateFolder = support + "/" HALVO_APP_BUNDLE_ID ".helper";
@@ -100,12 +99,12 @@ class World {
     [[nodiscard]] TestProcess startApp() const;
 
     // Begins a commitment of the app for `span` from now; the caller's exit status.
-    [[nodiscard]] int begin(Seconds span, std::optional<uid_t> person = {}) const;
+    [[nodiscard]] int begin(Seconds span) const;
 
     [[nodiscard]] int end() const { return ask({"end"}).status; }
 
     // Fails the test when there is no reply.
-    [[nodiscard]] Status status(std::optional<uid_t> person = {}) const;
+    [[nodiscard]] Status status() const;
 
     // The contents of the state file; nothing without one. Fails the test when it cannot be parsed.
     [[nodiscard]] std::optional<State> state() const;

@@ -30,12 +30,6 @@ class PrivateMount {
     // False without the privileges that mount(2) needs.
     [[nodiscard]] bool isMounted() const { return mounted_; }
 
-    // Remounts it read-only; false when that fails.
-    [[nodiscard]] bool makeReadOnly() const {
-        return mounted_ && mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY,
-                                 nullptr) == 0;
-    }
-
   private:
     // Once per process; false when it fails.
     static bool enterOwnNamespace() {

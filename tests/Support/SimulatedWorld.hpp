@@ -152,6 +152,8 @@ class SimulatedFlags final : public FileFlags {
         return true;
     }
 
+    void sync(const std::string& path) override { log_.enter("sync", path); }
+
     // Setting, or clearing, any flag fails.
     bool failsToLock = false;
     bool failsToUnlock = false;

@@ -5,7 +5,6 @@
 // Requests of an app, to the helper of this build's app
 //     status                       "status holding=true until=1732199527.000000 locked=true"
 //     begin APP UNTIL STARTED      dates in seconds from now; "." is the bundle of this program
-//     begin-at APP UNTIL STARTED   dates in seconds since 1970: 1e9, nan, inf, -1e300
 //     heartbeat [--ending]         alive, or the session is ending
 //     end                          ends the commitment
 //     ask SOCKET REQUEST...        status, heartbeat, end or begin=PATH on one connection, which it
@@ -275,7 +274,12 @@ int show(const char* word, sd_bus_message* call) {
     return yes ? 0 : 1;
 }
 
-int begin(const Words& words, double offset) {
+double now() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+int begin(const Words& words) {
     std::filesystem::path app = words.at(0);
     if (app == ".") {
         app = std::filesystem::read_symlink("/proc/self/exe")
@@ -283,16 +287,8 @@ int begin(const Words& words, double offset) {
                   .parent_path()
                   .parent_path();
     }
-    // strtod(3): std::stod() throws for numbers out of range.
-    const auto date = [&](std::size_t i) {
-        return offset + std::strtod(words.at(i).c_str(), nullptr);
-    };
+    const auto date = [&](std::size_t i) { return now() + std::stod(words.at(i)); };
     return show("begin", newCall(connect(), "Begin", "sdd", app.c_str(), date(1), date(2)));
-}
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
 }
 
 sd_bus_message* newRequest(sd_bus* bus, const std::string& request) {
@@ -389,8 +385,7 @@ int dropGroup(const Words& words) {
 
 const std::map<std::string, Command> commands{
     {"status", [](const Words&) { return showStatus(connect()); }},
-    {"begin", [](const Words& words) { return begin(words, now()); }},
-    {"begin-at", [](const Words& words) { return begin(words, 0); }},
+    {"begin", begin},
     {"heartbeat",
      [](const Words& words) {
          const int ending = words.empty() ? 0 : 1;

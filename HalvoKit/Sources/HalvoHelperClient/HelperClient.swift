@@ -40,19 +40,18 @@ enum HelperRequest: Equatable, Sendable {
 /// Of a status all of it. Of the others only whether a commitment holds; of an end, whether one did.
 typealias HelperReply = Result<HelperStatus, HelperTrouble>
 
-/// One connection to the helper.
+/// One connection to one process of the helper.
 @MainActor
 protocol HelperConnection: AnyObject {
-    /// Called once, before the first request. `whenGone` is called when the connection cannot be used any more: it
-    /// never goes on with another process of the helper.
-    func resume(whenGone: @escaping @MainActor @Sendable () -> Void)
+    /// Whether it cannot be used any more. It never goes on with another process of the helper.
+    var isGone: Bool { get }
     /// Returns before the reply comes. Calls `answer` on any thread, also more than once: the first call counts.
     func send(_ request: HelperRequest, answer: @escaping @Sendable (HelperReply) -> Void)
     func invalidate()
 }
 
-/// The requests, over one connection that is made with the first and made anew after a failure. Each takes at most
-/// `limit`; a request is not sent after that. One begin at a time.
+/// The requests, one at a time, over one connection that is made with the first and made anew after a failure. Each
+/// takes at most `limit`; a request is not sent after that.
 @MainActor
 final class HelperClient {
     static let limit = Duration.seconds(5)
@@ -74,7 +73,7 @@ final class HelperClient {
             let carrier = connected()
             let held = try await ask(.status, over: carrier, before: deadline)
             guard let span = decide(held) else { return held.holding }
-            guard carrier === connection else { continue }
+            guard !carrier.isGone else { continue }
             return try await ask(.begin(span), over: carrier, before: deadline).holding
         }
     }
@@ -106,22 +105,15 @@ final class HelperClient {
             }
         }
         timer?.cancel()
-        if case .failure = result { forget(carrier) }
+        if case .failure = result { disconnect() }
         return try result.get()
     }
 
     private func connected() -> any HelperConnection {
-        if let connection { return connection }
+        if let connection, !connection.isGone { return connection }
         let made = system.connect()
         connection = made
-        made.resume { [weak self, weak made] in
-            if let made { self?.forget(made) }
-        }
         return made
-    }
-
-    private func forget(_ which: any HelperConnection) {
-        if which === connection { disconnect() }
     }
 }
 

@@ -42,16 +42,11 @@ public final class UltraHardMode {
     @ObservationIgnored private var hasRenewed = false
     /// Over when the end of the session was announced, and that was answered.
     @ObservationIgnored private(set) var announcement: Task<Void, Never>?
-    @ObservationIgnored private var latest: (cancel: () -> Void, isOver: () async -> Void)?
+    @ObservationIgnored private var latest: Task<Void, Never>?
 
     init(_ system: any HelperSystem) {
         self.system = system
         client = HelperClient(system)
-    }
-
-    /// Whether the helper opened the app after it was quit. Any process can pass that argument: for messages only.
-    public static func wasRelaunchedAfterQuit(_ arguments: [String] = ProcessInfo.processInfo.arguments) -> Bool {
-        zip(arguments, arguments.dropFirst()).contains { $0 == ("-halvoRelaunchedAfterQuit", "YES") }
     }
 
     /// At launch.
@@ -103,24 +98,27 @@ public final class UltraHardMode {
     private func request(
         _ work: @escaping @MainActor () async throws(HelperTrouble) -> Bool
     ) async throws(HelperTrouble) -> Bool {
-        try await inTurn {
-            // Not when something came after it: that ends with the same, and must not be cut short.
-            defer { if !Task.isCancelled { self.start() } }
-            return await resultOf(work)
-        }.value.get()
+        let result = await withCheckedContinuation { continuation in
+            inTurn {
+                continuation.resume(returning: await resultOf(work))
+                // Not when something came after it: that ends with the same, and must not be cut short.
+                if !Task.isCancelled { self.start() }
+            }
+        }
+        return try result.get()
     }
 
     /// One thing at a time, in the order of the calls: no begin while the helper is registered again. What runs is
     /// cancelled, which ends only pauses.
     @discardableResult
-    private func inTurn<Value: Sendable>(_ work: @escaping @MainActor () async -> Value) -> Task<Value, Never> {
+    private func inTurn(_ work: @escaping @MainActor () async -> Void) -> Task<Void, Never> {
         let before = latest
         before?.cancel()
         let task = Task {
-            await before?.isOver()
-            return await work()
+            await before?.value
+            await work()
         }
-        latest = (cancel: { task.cancel() }, isOver: { _ = await task.value })
+        latest = task
         return task
     }
 

@@ -2,25 +2,31 @@ import Foundation
 
 @testable import HalvoHelperClient
 
+struct Change: Sendable {
+    let make: @MainActor @Sendable (FakeSystem) -> Void
+}
+
 /// A system with a helper, time that passes only when a test says so, and one log of what was asked of the helper and
 /// its job; before a request is the number of its connection.
 @MainActor
 final class FakeSystem: HelperSystem {
-    fileprivate var log: [String] = []
+    fileprivate(set) var log: [String] = []
     private(set) var connections: [FakeConnection] = []
 
-    var holds = HelperStatus(holding: false, until: nil, locked: false)
+    /// The end of the commitment that holds.
+    var heldUntil: Date?
+    var holds: HelperStatus { HelperStatus(holding: heldUntil != nil, until: heldUntil, locked: heldUntil != nil) }
     /// Instead of a reply.
     var trouble: HelperTrouble?
-    /// The replies, when they are held back.
-    var heldBack: [() -> Void]?
+    /// The time until a reply, in seconds.
+    var delay = 0.0
+    /// Done once, between a reply and what the app does on it.
+    var afterReply: () -> Void = {}
 
     var registration = HelperRegistration.enabled
     /// What register() leads to, which throws unless that is `.enabled`.
     var nextRegistration = HelperRegistration.enabled
     var refusesToUnregister = false
-    /// Called in unregister(), which ends after it.
-    var whileUnregistering: () async -> Void = {}
 
     var version: String? = "2"
     var isRootsAlone = true
@@ -31,8 +37,7 @@ final class FakeSystem: HelperSystem {
 
     private(set) var now = ContinuousClock.now
     private let launched = ContinuousClock.now
-    private var sleepers: [(deadline: ContinuousClock.Instant, sleeper: CheckedContinuation<Void, Never>)] = []
-    var hasSleepers: Bool { !sleepers.isEmpty }
+    private(set) var sleepers: [(deadline: ContinuousClock.Instant, sleeper: CheckedContinuation<Void, Never>)] = []
     var date: Date { Date(timeIntervalSince1970: 1_000_000 + (now - launched) / .seconds(1)) }
 
     init() { defaults.registeredVersion = loggedVersion }
@@ -51,40 +56,11 @@ final class FakeSystem: HelperSystem {
     func unregister() async throws {
         log.append("unregister")
         if refusesToUnregister { throw CocoaError(.userCancelled) }
-        await whileUnregistering()
+        await wait()
         registration = .missing
     }
 
-    func hold(for span: Double, registration: HelperRegistration = .enabled) {
-        holds = HelperStatus(holding: true, until: date + span, locked: true)
-        self.registration = registration
-    }
-
-    func letGo() { holds = HelperStatus(holding: false, until: nil, locked: false) }
-
-    /// Replies, or fails, in a later turn, as NSXPC does.
-    func receive(_ request: HelperRequest, over connection: FakeConnection, answer: @escaping (HelperReply) -> Void) {
-        let words =
-            switch request {
-            case .begin(let span): "begin \(Int(span.until.timeIntervalSince(span.started)))"
-            case .heartbeat(let sessionEnding): sessionEnding ? "ending" : "heartbeat"
-            case .end: "end"
-            case .status: "status"
-            }
-        log.append("\(connection.number) \(words)")
-        // One that holds runs, whatever has become of its registration.
-        let isThere = connection.isValid && (registration == .enabled || holds.holding)
-        let trouble = isThere ? trouble : .away
-        if trouble == .silent { return }
-        let carryOut = { @MainActor [self] in
-            if let trouble { return answer(.failure(trouble)) }
-            let before = holds
-            if case .begin(let span) = request { hold(for: span.until.timeIntervalSince(date)) }
-            if request == .end { letGo() }
-            answer(.success(request == .end ? before : holds))
-        }
-        if heldBack == nil { Task { carryOut() } } else { heldBack?.append(carryOut) }
-    }
+    func hold(_ span: Double) { heldUntil = date + span }
 
     func sleep(until deadline: ContinuousClock.Instant) async {
         while now < deadline && !Task.isCancelled {
@@ -94,6 +70,12 @@ final class FakeSystem: HelperSystem {
                 Task { @MainActor in wake() }
             }
         }
+    }
+
+    /// Whether the task is cancelled or not.
+    fileprivate func wait() async {
+        let deadline = now + exactly(delay)
+        while now < deadline { await withCheckedContinuation { sleepers.append((deadline, $0)) } }
     }
 
     /// Those whose time has not come sleep again.
@@ -108,11 +90,12 @@ final class FakeSystem: HelperSystem {
     /// Lets time pass, and returns what was logged since the last call, with the version if another was registered.
     func logged(after span: Double = 0) async -> String {
         let end = now + exactly(span)
-        await settle()
-        while let next = sleepers.map(\.deadline).min(), next <= end {
+        while true {
+            // All that can run on the main actor runs. Task.yield() alone would be called off the main actor.
+            for _ in 0..<100 { await Task {}.value }
+            guard let next = sleepers.map(\.deadline).min(), next <= end else { break }
             now = max(now, next)
             wake()
-            await settle()
         }
         now = max(now, end)
         if defaults.registeredVersion != loggedVersion {
@@ -125,33 +108,45 @@ final class FakeSystem: HelperSystem {
 
     /// Sums of tenths are not what they seem.
     private func exactly(_ span: Double) -> Duration { .milliseconds((span * 1000).rounded()) }
-
-    /// Lets all that can run on the main actor run.
-    private func settle() async {
-        for _ in 0..<100 { await Task.yield() }
-    }
 }
 
 @MainActor
 final class FakeConnection: HelperConnection {
     private let system: FakeSystem
-    let number: Int
-    private(set) var isValid = true
-    private(set) var whenGone: (@MainActor @Sendable () -> Void)?
+    private let number: Int
+    var isGone = false
 
     init(_ system: FakeSystem, _ number: Int) {
         self.system = system
         self.number = number
     }
 
-    func resume(whenGone: @escaping @MainActor @Sendable () -> Void) { self.whenGone = whenGone }
-
+    /// Replies, or fails, in a later turn, as NSXPC does.
     func send(_ request: HelperRequest, answer: @escaping @Sendable (HelperReply) -> Void) {
-        system.receive(request, over: self, answer: answer)
+        let words =
+            switch request {
+            case .begin(let span): "begin \(Int(span.until.timeIntervalSince(span.started)))"
+            case .heartbeat(let sessionEnding): sessionEnding ? "ending" : "heartbeat"
+            case .end, .status: "\(request)"
+            }
+        system.log.append("\(number) \(words)")
+        // One that holds runs, whatever has become of its registration.
+        let isThere = !isGone && (system.registration == .enabled || system.holds.holding)
+        let trouble = isThere ? system.trouble : .away
+        Task {
+            await system.wait()
+            if let trouble { return trouble == .silent ? () : answer(.failure(trouble)) }
+            let before = system.holds
+            if case .begin(let span) = request { system.heldUntil = span.until }
+            if request == .end { system.heldUntil = nil }
+            answer(.success(request == .end ? before : system.holds))
+            system.afterReply()
+            system.afterReply = {}
+        }
     }
 
     func invalidate() {
-        isValid = false
+        isGone = true
         system.log.append("\(number) closed")
     }
 }

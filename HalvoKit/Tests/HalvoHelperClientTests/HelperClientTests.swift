@@ -5,66 +5,36 @@ import Testing
 
 @MainActor
 struct HelperClientTests {
-    let helper = FakeSystem()
-    let client: HelperClient
-
-    init() { client = HelperClient(helper) }
-
-    private func minute(_ held: HelperStatus) -> CommitmentSpan? {
-        held.holding ? nil : CommitmentSpan(until: helper.date + 60, started: helper.date)
-    }
-
-    @Test func beginsOnlyOverTheConnectionOfTheStatus() async throws {
-        var decisions = 0
-        let held = try await client.begin { held in
-            decisions += 1
-            // The helper exits before the first decision.
-            if decisions == 1 { helper.connections[0].whenGone?() }
-            return minute(held)
-        }
-        #expect(held)
-        #expect(await helper.logged() == "1 status, 1 closed, 2 status, 2 begin 60")
-    }
-
-    /// Seconds for which the app is stopped between status and begin, and whether the begin is sent.
-    @Test(arguments: [(4.9, true), (5, false), (86400, false)])
-    func sendsNoBeginAfterTheDeadline(stopped: Double, isSent: Bool) async {
-        let held = try? await client.begin { held in
-            helper.jump(stopped)
-            return minute(held)
-        }
-        #expect(held == (isSent ? true : nil))
-        #expect(await helper.logged() == (isSent ? "1 status, 1 begin 60" : "1 status, 1 closed"))
-    }
-
-    @Test func hasOneDeadlineForStatusAndBegin() async {
-        helper.heldBack = []
-        let begin = Task { try await client.begin(minute) }
-        #expect(await helper.logged(after: 3) == "1 status")
-        helper.heldBack?.removeFirst()()
-        #expect(await helper.logged(after: 1.9) == "1 begin 60")
-        #expect(await helper.logged(after: 0.1) == "1 closed")
-        await #expect(throws: HelperTrouble.silent) { try await begin.value }
-        // A reply that comes too late is ignored.
-        helper.heldBack?.removeFirst()()
-    }
-
-    @Test(arguments: [HelperTrouble.away, .untrusted, .incompatible])
-    func connectsAgainAfterAFailureAndSendsNothingTwice(trouble: HelperTrouble) async throws {
-        await #expect(throws: trouble) {
+    /// What happens between status and begin, what the begin leads to, and what is sent, with a status afterwards.
+    @Test(arguments: [
+        (Change { _ in }, .success(true), "1 status, 1 begin 60, 1 status"),
+        // The helper exits: no begin without a decision on the status over its own connection.
+        (Change { $0.connections[0].isGone = true }, .success(true), "1 status, 2 status, 2 begin 60, 2 status"),
+        // The app is stopped: status and begin have one deadline.
+        (Change { $0.jump(4.9) }, .success(true), "1 status, 1 begin 60, 1 status"),
+        (Change { $0.jump(5) }, .failure(.silent), "1 status, 1 closed, 2 status"),
+        (Change { $0.jump(86400) }, .failure(.silent), "1 status, 1 closed, 2 status"),
+        // The reply takes long; one that comes too late is ignored.
+        (Change { $0.jump(3); $0.delay = 1.9 }, .success(true), "1 status, 1 begin 60, 1 status"),
+        (Change { $0.jump(3); $0.delay = 2.1 }, .failure(.silent), "1 status, 1 begin 60, 1 closed, 2 status"),
+        // Nothing is sent twice.
+        (Change { $0.trouble = .away }, .failure(.away), "1 status, 1 begin 60, 1 closed, 2 status"),
+        (Change { $0.trouble = .untrusted }, .failure(.untrusted), "1 status, 1 begin 60, 1 closed, 2 status"),
+        (Change { $0.trouble = .incompatible }, .failure(.incompatible), "1 status, 1 begin 60, 1 closed, 2 status"),
+    ] as [(Change, Result<Bool, HelperTrouble>, String)])
+    func begins(meanwhile: Change, result: Result<Bool, HelperTrouble>, log: String) async throws {
+        let helper = FakeSystem()
+        let client = HelperClient(helper)
+        let begin = Task {
             try await client.begin { held in
-                helper.trouble = trouble
-                return minute(held)
+                if helper.connections.count == 1 { meanwhile.make(helper) }
+                return held.holding ? nil : CommitmentSpan(until: helper.date + 60, started: helper.date)
             }
         }
-        helper.trouble = nil
+        let before = await helper.logged(after: 9)
+        #expect(await begin.result.mapError { $0 as! HelperTrouble } == result)
+        (helper.trouble, helper.delay) = (nil, 0)
         _ = try await client.ask(.status)
-        #expect(await helper.logged() == "1 status, 1 begin 60, 1 closed, 2 status")
-        // News of a connection that is no longer used.
-        helper.connections[0].whenGone?()
-        _ = try await client.ask(.status)
-        helper.connections[1].whenGone?()
-        _ = try await client.ask(.status)
-        #expect(await helper.logged() == "2 status, 2 closed, 3 status")
+        #expect(await before + ", " + helper.logged() == log)
     }
 }

@@ -24,20 +24,18 @@ struct HelperSystemTests {
         #expect(isRootsAlone(bundle) == (place == nil))
     }
 
-    @Test func hasTheNamesOfTheAppAndTeam() throws {
-        let names = try HelperNames(info: ["CFBundleIdentifier": "com.example.halvo-1", "HalvoTeamID": "7QX4KD19MT"])
-        #expect(names.machService == "com.example.halvo-1.helper")
-        #expect(names.launchdPlist == "com.example.halvo-1.helper.plist")
-    }
-
+    /// The identifier and the team in the Info.plist, and the key of the one that is not valid.
     @Test(arguments: [
+        ("a.b-1", "7QX4KD19MT", nil),
         (nil, "7QX4KD19MT", "CFBundleIdentifier"), ("a\"b", "7QX4KD19MT", "CFBundleIdentifier"),
         ("a.b", nil, "HalvoTeamID"), ("a.b", "", "HalvoTeamID"), ("a.b", "$(DEVELOPMENT_TEAM)", "HalvoTeamID"),
-    ] as [(String?, String?, String)])
-    func saysWhichNameIsMissing(identifier: String?, team: String?, key: String) {
-        let error = #expect(throws: HelperSetupError.self) {
-            try HelperNames(info: ["CFBundleIdentifier": identifier as Any, "HalvoTeamID": team as Any])
+    ] as [(String?, String?, String?)])
+    func hasTheNamesOfTheAppAndTeam(identifier: String?, team: String?, invalid: String?) {
+        do throws(HelperSetupError) {
+            let names = try HelperNames(info: ["CFBundleIdentifier": identifier as Any, "HalvoTeamID": team as Any])
+            #expect([names.machService, names.launchdPlist, invalid] == ["a.b-1.helper", "a.b-1.helper.plist", nil])
+        } catch {
+            #expect(error.localizedDescription == "The app's Info.plist has no valid \(invalid ?? "").")
         }
-        #expect(error?.localizedDescription == "The app's Info.plist has no valid \(key).")
     }
 }

@@ -7,11 +7,6 @@ import Testing
 struct UltraHardModeTests {
     typealias State = UltraHardMode.State
 
-    struct Change: Sendable {
-        let make: @MainActor @Sendable (FakeSystem) -> Void
-        init(_ make: @escaping @MainActor @Sendable (FakeSystem) -> Void) { self.make = make }
-    }
-
     let helper = FakeSystem()
     let mode: UltraHardMode
 
@@ -25,17 +20,22 @@ struct UltraHardModeTests {
         #expect(mode.state == state ?? .holding(helper.holds), sourceLocation: place)
     }
 
-    private func commit(_ span: Double) -> Task<Bool, any Error> {
+    private func commit(_ span: Double, _ then: Change = Change { _ in }) -> Task<Bool, any Error> {
         let start = helper.date
-        return Task { try await mode.commit { _ in CommitmentSpan(until: start + span, started: start) } }
+        return Task {
+            try await mode.commit { _ in
+                then.make(helper)
+                return CommitmentSpan(until: start + span, started: start)
+            }
+        }
     }
 
     /// The app is of version 3, and 2 was registered last. What it does after its launch, and the state then.
     @Test(arguments: [
         // What holds is kept, whatever else there is to do.
-        (Change { $0.hold(for: 60) }, "1 status", nil),
-        (Change { $0.hold(for: 60, registration: .missing) }, "1 status", nil),
-        (Change { $0.hold(for: 60, registration: .needsApproval) }, "1 status", nil),
+        (Change { $0.hold(60) }, "1 status", nil),
+        (Change { $0.hold(60); $0.registration = .missing }, "1 status", nil),
+        (Change { $0.hold(60); $0.registration = .needsApproval }, "1 status", nil),
         // Also another user's, of which only the lock shows.
         (Change { $0.isBundleLocked = true }, "1 status, 1 closed", .ready),
         // Another version is replaced once.
@@ -47,6 +47,8 @@ struct UltraHardModeTests {
             Change { $0.nextRegistration = .missing },
             "1 status, 1 closed, unregister, register, 2 status, 2 closed", .notRegistered
         ),
+        // On a fresh answer only: the app is stopped, and another process makes a commitment.
+        (Change { helper in helper.afterReply = { helper.jump(5); helper.hold(60) } }, "1 status, 1 status", nil),
         // Not registered, or not allowed.
         (Change { $0.registration = .needsApproval }, "1 status, 1 closed", .needsApproval),
         (
@@ -109,8 +111,7 @@ struct UltraHardModeTests {
         ),
         (
             Change { ($0.registration, $0.nextRegistration) = (.missing, .missing) },
-            Change { $0.nextRegistration = .enabled },
-            "3 status, 3 closed, register, 4 status, 4 closed"
+            Change { $0.nextRegistration = .enabled }, "3 status, 3 closed, register, 4 status, 4 closed"
         ),
         (Change { $0.trouble = .untrusted }, Change { $0.trouble = nil }, "2 status, 2 closed"),
     ] as [(Change, Change, String)])
@@ -129,14 +130,14 @@ struct UltraHardModeTests {
 
     @Test func sendsHeartbeatsUntilNothingHoldsAndReplacesAnotherVersionThen() async {
         helper.version = "3"
-        helper.hold(for: 3600)
+        helper.hold(3600)
         mode.start()
         await expect("1 status")
-        #expect(helper.defaults.heldUntil == helper.holds.until)
+        #expect(helper.defaults.heldUntil == helper.heldUntil)
         mode.becameActive()
         await expect(after: 1.9, "")
         await expect(after: 4.1, "1 heartbeat, 1 heartbeat, 1 heartbeat")
-        helper.letGo()
+        helper.heldUntil = nil
         await expect(
             after: 3, "1 heartbeat, 1 status, 1 closed, unregister, register, 2 status, 2 closed, version 3", .ready)
         #expect(helper.defaults.heldUntil == nil)
@@ -144,7 +145,7 @@ struct UltraHardModeTests {
 
     @Test(arguments: [HelperTrouble.away, .silent, .untrusted, .incompatible])
     func asksAgainWithPausesThatGrow(trouble: HelperTrouble) async {
-        helper.hold(for: 3600)
+        helper.hold(3600)
         mode.start()
         await expect("1 status")
         helper.trouble = trouble
@@ -159,29 +160,18 @@ struct UltraHardModeTests {
         await expect(after: 2, "7 heartbeat")
     }
 
-    @Test func replacesOnlyOnAFreshAnswer() async {
-        helper.version = "3"
-        helper.heldBack = []
-        mode.start()
-        await expect("1 status", .starting)
-        // The reply comes in time, the app is stopped then, and another process makes a commitment.
-        helper.heldBack?.removeFirst()()
-        helper.jump(5)
-        helper.heldBack = nil
-        helper.hold(for: 60)
-        await expect("1 status")
-    }
-
     @Test func commitsOverOneConnectionAndSendsHeartbeats() async throws {
-        #expect(try await commit(60).value)
-        await expect(after: 4, "1 status, 1 begin 60, 1 status, 1 heartbeat, 1 heartbeat")
+        // One is decided after the other, on what that has left.
+        let both = [commit(60), commit(120)]
+        await expect(after: 4, "1 status, 1 begin 60, 1 status, 1 begin 120, 1 status, 1 heartbeat, 1 heartbeat")
+        for each in both { #expect(try await each.value) }
         #expect(try await mode.commit { _ in nil })
         await expect("1 status, 1 status")
         #expect(try await mode.release())
         await expect(after: 10, "1 end, 1 status, 1 closed", .ready)
         #expect(try await !mode.release())
         await expect("2 end, 2 status, 2 closed", .ready)
-        #expect(!helper.hasSleepers)
+        #expect(helper.sleepers.isEmpty)
     }
 
     /// The end of what held before, in seconds, and what may hold then.
@@ -189,84 +179,59 @@ struct UltraHardModeTests {
     func remembersACommitmentWhoseReplyDidNotCome(before: Double, after: Double) async {
         let start = helper.date
         helper.defaults.heldUntil = start + before
-        helper.heldBack = []
-        let begin = commit(60)
-        await expect("1 status", .starting)
-        helper.trouble = .silent
-        helper.heldBack?.removeFirst()()
-        await expect(after: 5, "1 begin 60, 1 closed, 2 status", .starting)
+        let begin = commit(60, Change { $0.trouble = .silent })
+        await expect(after: 5, "1 status, 1 begin 60, 1 closed, 2 status", .starting)
         #expect(helper.defaults.heldUntil == start + after)
         await #expect(throws: HelperTrouble.silent) { try await begin.value }
     }
 
-    @Test func decidesOnWhatTheCommitmentBeforeHasLeft() async throws {
-        let both = [commit(60), commit(120)]
-        await expect("1 status, 1 begin 60, 1 status, 1 begin 120, 1 status")
-        for each in both { #expect(try await each.value) }
-    }
-
     @Test func commitsBeforeItReplaces() async throws {
         helper.version = "3"
-        helper.heldBack = []
+        helper.delay = 1
         mode.start()
         await expect("1 status", .starting)
         let begin = commit(60)
-        helper.heldBack?.removeFirst()()
-        helper.heldBack = nil
-        await expect("1 status, 1 begin 60, 1 status")
+        await expect(after: 4, "1 status, 1 begin 60, 1 status")
         #expect(try await begin.value)
     }
 
     @Test func commitsNothingWhileItReplaces() async throws {
         helper.version = "3"
-        var isUnregistering = true
-        helper.whileUnregistering = { while isUnregistering { await Task.yield() } }
+        helper.afterReply = { [helper] in helper.delay = 20 }
         mode.start()
         await expect("1 status, 1 closed, unregister", .starting)
+        helper.delay = 0
         let begin = commit(60)
         mode.start()
-        await expect(after: 20, "", .starting)
-        isUnregistering = false
+        await expect(after: 19.9, "", .starting)
+        await expect(after: 0.1, "register, 2 status, 2 begin 60, 2 status, version 3")
         #expect(try await begin.value)
-        await expect("register, 2 status, 2 begin 60, 2 status, version 3")
     }
 
     @Test func isSilentAfterTheAnnouncementOfTheSessionsEnd() async {
-        helper.hold(for: 3600)
+        helper.hold(3600)
         mode.start()
         await expect("1 status")
         // Also when a commitment is just being made.
-        helper.heldBack = []
+        helper.delay = 1
         let begin = commit(60)
         await expect("1 status")
         mode.sessionIsEnding()
-        helper.heldBack?.removeFirst()()
-        helper.heldBack = nil
-        await expect(after: 89.9, "1 begin 60, 1 ending", mode.state)
+        helper.delay = 0
+        await expect(after: 90.9, "1 begin 60, 1 ending", mode.state)
         await expect(after: 6.1, "1 status, 1 heartbeat, 1 heartbeat, 1 heartbeat")
         _ = await begin.result
     }
 
     @Test func waitsUntilTheAnnouncementIsAnswered() async {
         helper.trouble = .silent
-        var isAnnounced = false
+        let begin = helper.now
         mode.sessionIsEnding()
-        Task {
+        let announced = Task {
             await mode.announcement?.value
-            isAnnounced = true
+            return helper.now
         }
-        await expect(after: 4.9, "1 ending", .starting)
-        #expect(!isAnnounced)
-        await expect(after: 0.1, "1 closed", .starting)
-        #expect(isAnnounced)
-    }
-
-    @Test(arguments: [
-        (["App", "-x", "-halvoRelaunchedAfterQuit", "YES", "y"], true),
-        (["App", "-halvoRelaunchedAfterQuit", "NO"], false), (["App", "-halvoRelaunchedAfterQuit"], false),
-        (["App", "halvoRelaunchedAfterQuit", "YES"], false), ([], false),
-    ])
-    func knowsThatTheHelperOpenedTheApp(arguments: [String], isRelaunch: Bool) {
-        #expect(UltraHardMode.wasRelaunchedAfterQuit(arguments) == isRelaunch)
+        await expect(after: 9, "1 ending, 1 closed", .starting)
+        #expect(await announced.value == begin + .seconds(5))
     }
 }

@@ -34,97 +34,84 @@ const std::string answers =
     // next are in their time.
     "turns 1 3 7 9 11 ";
 
-class Questions {
-  public:
-    void ask() {
-        askForOrder();
-        askForTimers();
-        queue_.onTermination(noting("term"));
-        at(8.5, [this] { terminate("three", 3); });
-        at(9.5, [this] { terminate("one", 1); });
-        at(10.5, [this] { terminate("one", 1); });
-        queue_.after(Seconds{3'155'695'200}, noting("a century has passed"));
-        at(12.5, [this] { end(); });
-        fake::endAt(60);
-        queue_.run();
-    }
+// On a loaded machine a turn is late by less than half of it.
+constexpr Seconds beat{0.4};
 
-  private:
-    // On a loaded machine a turn is late by less than half of it.
-    static constexpr Seconds beat{0.4};
+// Nothing is on main()'s stack: on Linux dispatch_main() unwinds the thread's frames.
+const std::thread::id initial = std::this_thread::get_id();
+std::string notes;
+std::string turns = "turns ";
 
-    void note(const std::string& text) {
-        const bool isInitial = std::this_thread::get_id() == initial_;
-        notes_ += text + (!onMainActor() ? "(not main) " : isInitial ? "(initial) " : " ");
-    }
+void note(const std::string& text) {
+    const bool isInitial = std::this_thread::get_id() == initial;
+    notes += text + (!onMainActor() ? "(not main) " : isInitial ? "(initial) " : " ");
+}
 
-    MainQueue::Work noting(std::string text) {
-        return [this, text = std::move(text)] { note(text); };
-    }
+MainQueue::Work noting(std::string text) {
+    return [text = std::move(text)] { note(text); };
+}
 
-    void at(double beats, MainQueue::Work work) { queue_.after(beats * beat, std::move(work)); }
-
-    // Work that notes `text`, and enqueues work that notes `next`.
-    void noteBoth(const char* text, const char* next) {
-        queue_.async(noting(next));
+// Work that notes `text`, and enqueues work that notes `next`.
+MainQueue::Work notingBoth(const char* text, const char* next) {
+    return [=] {
+        liveMainQueue().async(noting(next));
         note(text);
-    }
+    };
+}
 
-    void askForOrder() {
-        queue_.async([this] { noteBoth("b", "e"); });
-        queue_.async(noting("c"));
-        std::thread([this] { noteBoth("other", "d"); }).join();
-        note("a");
-        at(0.5, [this] {
-            queue_.after(Seconds{0}, noting("delayed"));
-            note("caller");
-        });
-    }
-
-    void askForTimers() {
-        at(1.5, [this] { noteBoth("n1", "n2"); });
-        at(2.5, noting("n3"));
-        at(6.5, noting("t4"));
-        at(5.5, [this] { noteBoth("t3", "t5"); });
-        at(3.5, [this] {
-            noteBoth("t1", "t2");
-            fake::keepBusy(4 * beat.count());
-        });
-        queue_.repeat(beat, 2 * beat, Seconds{0}, [this] {
-            constexpr double rounding = 1e-6;
-            const double beats = (queue_.now() - begin_) / beat;
-            turns_ += std::to_string(static_cast<int>(beats + rounding)) + ' ';
-        });
-    }
-
-    void terminate(const char* text, int count) {
+MainQueue::Work terminating(const char* text, int count) {
+    return [=] {
         note(text);
         for (int i = 0; i < count; ++i) {
             fake::raise(SIGTERM);
         }
         // Until Dispatch has seen all of them.
         fake::keepBusy(beat.count() / 4);
-    }
+    };
+}
 
-    void end() {
-        const std::string found = notes_ + turns_;
+void at(double beats, MainQueue::Work work) {
+    liveMainQueue().after(beats * beat, std::move(work));
+}
+
+void ask(MainQueue& queue) {
+    queue.async(notingBoth("b", "e"));
+    queue.async(noting("c"));
+    std::thread(notingBoth("other", "d")).join();
+    note("a");
+    at(0.5, [&] {
+        queue.after(Seconds{0}, noting("delayed"));
+        note("caller");
+    });
+    at(1.5, notingBoth("n1", "n2"));
+    at(2.5, noting("n3"));
+    at(6.5, noting("t4"));
+    at(5.5, notingBoth("t3", "t5"));
+    at(3.5, [] {
+        notingBoth("t1", "t2")();
+        fake::keepBusy(4 * beat.count());
+    });
+    queue.repeat(beat, 2 * beat, Seconds{0}, [&queue, begin = queue.now()] {
+        constexpr double rounding = 1e-6;
+        turns += std::to_string(static_cast<int>((queue.now() - begin) / beat + rounding)) + ' ';
+    });
+    queue.onTermination(noting("term"));
+    at(8.5, terminating("three", 3));
+    at(9.5, terminating("one", 1));
+    at(10.5, terminating("one", 1));
+    queue.after(Seconds{3'155'695'200}, noting("a century has passed"));
+    at(12.5, [&] {
+        const std::string found = notes + turns;
         std::printf("expected %s\nfound    %s\n", answers.c_str(), found.c_str());
-        queue_.exit(found == answers ? 0 : 1);
-    }
-
-    MainQueue& queue_ = liveMainQueue();
-    const Seconds begin_ = queue_.now();
-    const std::thread::id initial_ = std::this_thread::get_id();
-    std::string notes_;
-    std::string turns_ = "turns ";
-};
+        queue.exit(found == answers ? 0 : 1);
+    });
+}
 
 }  // namespace
 }  // namespace halvo
 
-// Below main() directly, and not on its stack: on Linux dispatch_main() unwinds the thread's
-// frames.
 int main() {
-    static halvo::Questions questions;
-    questions.ask();
+    halvo::ask(halvo::liveMainQueue());
+    fake::endAt(60);
+    halvo::liveMainQueue().run();
 }

@@ -1,4 +1,3 @@
-#if os(macOS) || HALVO_STAND_INS
 import Foundation
 
 /// What the helper can be asked, as `HalvoHelperCore/macOS/HalvoHelperXPC.h` declares it. The selectors are the wire.
@@ -21,26 +20,21 @@ protocol HalvoHelperXPC {
 @MainActor
 final class XPCHelperConnection: HelperConnection {
     private let connection: NSXPCConnection
+    private(set) var isGone = false
 
     init(_ names: HelperNames) {
         connection = NSXPCConnection(machServiceName: names.machService, options: .privileged)
         connection.remoteObjectInterface = NSXPCInterface(with: (any HalvoHelperXPC).self)
         // Before resume(): from then on no message is exchanged with a process that does not meet it.
         connection.setCodeSigningRequirement(names.requirement)
-    }
-
-    func resume(whenGone: @escaping @MainActor @Sendable () -> Void) {
         // Interrupted: the helper exited. Used again, the connection would start it and continue with the new process,
         // with a begin that was decided on a status of the old one; so it is invalidated immediately, on NSXPC's queue,
         // before the main actor is notified.
         // Of an NSXPCConnection, invalidate() may be called from any thread.
         nonisolated(unsafe) weak var interrupted: NSXPCConnection?
         interrupted = connection
-        connection.interruptionHandler = { @Sendable in
-            interrupted?.invalidate()
-            Task { @MainActor in whenGone() }
-        }
-        connection.invalidationHandler = { @Sendable in Task { @MainActor in whenGone() } }
+        connection.interruptionHandler = { @Sendable in interrupted?.invalidate() }
+        connection.invalidationHandler = { @Sendable [weak self] in Task { @MainActor [weak self] in self?.isGone = true } }
         connection.resume()
     }
 
@@ -73,4 +67,3 @@ extension HelperTrouble {
         }
     }
 }
-#endif
