@@ -110,9 +110,13 @@ bool FileCommitmentStore::save(const HelperCommitment& commitment) {
         HALVO_LOG_ERROR(helperLog, "Couldn't save the state: %{public}s", why.c_str());
         return false;
     };
-    // A helper that was killed may have made the folder, and not synced it.
-    const bool isLeftOver = itemExists(folder_) && !itemExists(path());
-    const auto made = isLeftOver ? syncAbove(folder_) : createFolder(folder_, 0700);
+    // The folder may be there and not be on the disk: the helper was killed when it had made it, or
+    // could not sync it.
+    const bool isFirst = !itemExists(path());
+    auto made = createFolder(folder_, 0700);
+    if (made && isFirst) {
+        made = syncAbove(folder_);
+    }
     if (!made) {
         return failed(made.error().message);
     }

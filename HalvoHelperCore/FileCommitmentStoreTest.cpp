@@ -546,6 +546,14 @@ TEST_F(FileCommitmentStoreTest, AFolderThatAKilledHelperMadeIsSyncedBeforeTheFir
     EXPECT_EQ(std::ranges::count(trace.calls(), "fsync " + disk.path()), 1);
 }
 
+TEST_F(FileCommitmentStoreTest, AFolderThatCannotBeExaminedIsSyncedBeforeTheFirstRecordInIt) {
+    ASSERT_TRUE(fs::create_directory(folder));
+    const testing::CallTrace trace;
+    const Fault fault = Fault::failing(SystemCall::access, EIO);
+    ASSERT_TRUE(store.save(sample));
+    EXPECT_EQ(trace.calls().front(), "fsync " + disk.path());
+}
+
 TEST_F(FileCommitmentStoreTest, AnyFailureToRemoveIsLoggedOnce) {
     struct Row {
         SystemCall call;
