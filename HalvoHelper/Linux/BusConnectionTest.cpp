@@ -18,6 +18,7 @@
 #include "HalvoHelperCore/Linux/HelperBus.hpp"
 #include "tests/Support/FaultInjection.hpp"
 #include "tests/Support/LogCapture.hpp"
+#include "tests/Support/MallocCount.hpp"
 #include "tests/Support/SimulatedWorld.hpp"
 
 namespace halvo::testing {
@@ -477,6 +478,27 @@ TEST_F(BusConnectionTest, DoesNotStartWithoutASocketOrMemory) {
     EXPECT_EQ(gone, 0);
     char byte = 0;
     EXPECT_EQ(read(ends.client.get(), &byte, 1), 0) << "its end stays open";
+}
+
+TEST_F(BusConnectionTest, LeavesNobodyWaitingWhereAnAllocationFails) {
+    std::size_t number = 0;
+    std::size_t made = 0;
+    do {
+        SCOPED_TRACE(++number);
+        connect();
+        ASSERT_EQ(client->call("End"), "b no");
+        client->send(client->request("End"));
+        ASSERT_GE(sd_bus_flush(client->bus()), 0);
+        const std::size_t before = mallocsMade();
+        failMalloc(number);
+        loop.run();
+        made = mallocsMade() - before;
+        failMalloc(0);
+        client->settle();
+        // sd-bus gives an error for each reply that can no longer come.
+        EXPECT_EQ(client->replies().size(), 2U);
+    } while (made >= number);
+    EXPECT_GT(number, 5U);
 }
 
 TEST_F(BusConnectionTest, TellsOfABeginThatWasTaken) {
