@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,8 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -18,7 +15,6 @@
 #include <vector>
 
 #include "HalvoClient/HelperClient.hpp"
-#include "HalvoClient/PrivateGroup.hpp"
 #include "HalvoPlatform/Linux/SocketAddress.hpp"
 #include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
@@ -244,25 +240,23 @@ TEST_F(HelperClientTest, TakesASocketThatItMayNotConnectToForARefusal) {
     }
     FakeHelper const helper(path_, {Behavior::Answer});
     ASSERT_EQ(chmod(folder_.path().c_str(), 0700), 0);
-    const ChildResult child = runInChild([this] {
+    expectInChild([this] {
         // The uid alone is enough to lose root's right to go anywhere.
         ASSERT_EQ(seteuid(64001), 0);
         EXPECT_EQ(HelperClient(path_).status(), std::unexpected(HelperFailure(Refused{})));
         ASSERT_EQ(seteuid(0), 0);
     });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST_F(HelperClientTest, SaysWhenThisProcessHasNoDescriptorLeft) {
     FakeHelper const helper(path_, {Behavior::Answer});
-    const ChildResult child = runInChild([this] {
+    expectInChild([this] {
         const auto answer = [this] {
             const FewDescriptors none(0);
             return HelperClient(path_).status();
         }();
         EXPECT_EQ(answer, std::unexpected(HelperFailure(NoResources{EMFILE})));
     });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 // A helper that does not answer.
@@ -417,35 +411,6 @@ TEST_F(HelperClientTest, ClosesItsDescriptorsOnExec) {
     }
     EXPECT_FALSE(flags.empty());
     EXPECT_THAT(flags, Each(FD_CLOEXEC));
-}
-
-TEST_F(HelperClientTest, HasThePrivateGroupInEffectOnlyToConnect) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to give a process a group as the kernel does";
-    }
-    static constexpr gid_t ownGroup = 64002;
-    static constexpr gid_t privateGroup = 64003;
-    FakeHelper helper(path_, {Behavior::AnswerOnce, Behavior::Answer});
-    ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
-    const ChildResult child = runInChild([this, &helper] {
-        // Seen from inside: the folders above may be closed to other users.
-        ASSERT_EQ(chdir(folder_.path().c_str()), 0);
-        ASSERT_EQ(setgroups(0, nullptr), 0);
-        ASSERT_EQ(setresgid(ownGroup, privateGroup, privateGroup), 0);
-        ASSERT_EQ(setresuid(64001, 64001, 64001), 0);
-        PrivateGroup::setAside();
-        HelperClient client("helper.sock");
-        for (int i = 0; i < 2; ++i) {
-            helper.record().group = 0;
-            EXPECT_TRUE(client.status().has_value());
-            EXPECT_EQ(helper.record().group, privateGroup);
-            EXPECT_EQ(getegid(), ownGroup);
-        }
-        // LeakSanitizer aborts in such a process, so it must not get to run.
-        std::fflush(nullptr);
-        _exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
-    });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST(HelperFailureTest, HasASentenceForAPersonAndAnExitStatusForAShell) {

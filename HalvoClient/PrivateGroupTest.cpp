@@ -1,16 +1,17 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 
+#include "HalvoClient/HelperClient.hpp"
 #include "HalvoClient/PrivateGroup.hpp"
+#include "tests/Support/FakeHelper.hpp"
 #include "tests/Support/TemporaryFolder.hpp"
 #include "tests/Support/TestProcess.hpp"
 
@@ -55,26 +56,22 @@ class PrivateGroupTest : public ::testing::Test {
     }
 
     static void expectInSetGroupIDProcess(const std::function<void()>& body) {
-        const ChildResult child = runInChild([&body] {
+        expectInChild([&body] {
             becomeSetGroupID();
             body();
-            // LeakSanitizer aborts in such a process, so it must not get to run.
-            std::fflush(nullptr);
-            _exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+            exitAtOnce();
         });
-        EXPECT_EQ(child.status, 0) << child.output;
     }
 };
 
 TEST(PrivateGroupWithoutOneTest, DoesNothing) {
-    const ChildResult child = runInChild([] {
+    expectInChild([] {
         const Groups before = groupsNow();
         PrivateGroup::setAside();
         EXPECT_EQ(groupsNow(), before);
         const PrivateGroup::InEffect group;
         EXPECT_EQ(groupsNow(), before);
     });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST_F(PrivateGroupTest, IsTheSavedGroupOnlyAndInEffectWhileTheObjectLives) {
@@ -119,6 +116,24 @@ TEST_F(PrivateGroupTest, IsInEffectForTheCallingThreadAlone) {
                 HasSubstr(groupLine(asideGroups)));
         }).join();
         EXPECT_EQ(groupsNow(), asideGroups);
+    });
+}
+
+TEST_F(PrivateGroupTest, IsInEffectOnlyToConnectToTheHelper) {
+    const TemporaryFolder folder;
+    FakeHelper helper(folder / "helper.sock", {Behavior::AnswerOnce, Behavior::Answer});
+    ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+    // Seen from inside: the folders above may be closed to other users.
+    ASSERT_EQ(chdir(folder.path().c_str()), 0);
+    expectInSetGroupIDProcess([&helper] {
+        PrivateGroup::setAside();
+        HelperClient client("helper.sock");
+        for (int i = 0; i < 2; ++i) {
+            helper.record().group = 0;
+            EXPECT_TRUE(client.status().has_value());
+            EXPECT_EQ(helper.record().group, privateGroup);
+            EXPECT_EQ(groupsNow(), asideGroups);
+        }
     });
 }
 

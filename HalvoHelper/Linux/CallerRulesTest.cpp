@@ -47,12 +47,6 @@ std::string verdictOn(int connection, const HelperIdentity& wanted = sampleIdent
     return caller ? "admitted" : caller.error();
 }
 
-// Gives the program at `path` to root and its group `group`, which whatever runs it has then.
-void makeSetGroupID(const std::string& path, gid_t group) {
-    ASSERT_EQ(chown(path.c_str(), 0, group), 0);
-    ASSERT_EQ(chmod(path.c_str(), 02755), 0);
-}
-
 std::array<Descriptor, 2> connectedEnds() {
     std::array<int, 2> ends{};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
@@ -741,19 +735,12 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseACallerThatCannotBeHeldOnToOrEndsMea
 // Of a process in a machine within ours, or around it, there is no number.
 TEST_F(CallerRulesPrivateMachineTest, RefuseACallerOfAnotherMachine) {
     const auto ends = connectedEnds();
-    TestProcess helper([&] {
+    expectInChild([&] {
         ASSERT_EQ(unshare(CLONE_NEWPID), 0);
-        {
-            TestProcess inside(
-                [&] { EXPECT_EQ(verdictOn(ends[0].get()), "its credentials cannot be read"); });
-            EXPECT_EQ(inside.wait(), 0) << inside.readAll();
-        }
-        std::fflush(nullptr);
-        // At once: this process can start no other any more, which the leak sanitizer would want
-        // to.
-        _exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+        expectInChild(
+            [&] { EXPECT_EQ(verdictOn(ends[0].get()), "its credentials cannot be read"); });
+        exitAtOnce();
     });
-    EXPECT_EQ(helper.wait(), 0) << helper.readAll();
 }
 
 }  // namespace

@@ -93,11 +93,6 @@ void bindTo(const std::string& path, int socket) {
 
 // Everything in a child process: a listener is removed when its process exits, and the event loop
 // belongs to the process.
-void inChild(const std::function<void()>& body) {
-    const ChildResult result = runInChild(body);
-    EXPECT_EQ(result.status, 0) << result.output;
-}
-
 class HelperListenerPrivateMachineTest : public PrivateMachineTest {
   protected:
     void cleanUp() override {
@@ -117,7 +112,7 @@ void expectNone(const std::function<void()>& prepare, int status, const std::str
 }
 
 TEST_F(HelperListenerPrivateMachineTest, MakesASocketThatAllUsersCanReachUntilItsProcessExits) {
-    inChild([] {
+    expectInChild([] {
         umask(077);
         const auto listener = makeListener(sampleIdentity);
         EXPECT_EQ(modeOf(socketPath), S_IFSOCK | 0666U);
@@ -137,13 +132,14 @@ TEST_F(HelperListenerPrivateMachineTest, IsTheOnlyOneOfItsNameAndTakesThePlaceOf
     });
     ASSERT_EQ(first.readLine(), "made");
     expectNone([] {}, 71, "Another helper already runs: it holds " + lockPath);
-    inChild([] { EXPECT_TRUE(makeListener({"com.example.other", "7QX4KD19MT"})); });
+    expectInChild([] { EXPECT_TRUE(makeListener({"com.example.other", "7QX4KD19MT"})); });
     first.kill();
     EXPECT_TRUE(fs::exists(socketPath)) << "the second one took the first one's";
     EXPECT_TRUE(fs::exists(lockPath));
-    inChild([] { EXPECT_TRUE(makeListener(sampleIdentity)); });
+    expectInChild([] { EXPECT_TRUE(makeListener(sampleIdentity)); });
     bindTo(socketPath, Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get());
-    inChild([] { EXPECT_TRUE(makeListener(sampleIdentity)) << "in the place of a stale socket"; });
+    expectInChild(
+        [] { EXPECT_TRUE(makeListener(sampleIdentity)) << "in the place of a stale socket"; });
 }
 
 TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
@@ -167,7 +163,7 @@ TEST_F(HelperListenerPrivateMachineTest, LeavesAloneWhatIsNoSocket) {
 TEST_F(HelperListenerPrivateMachineTest, RefusesANameThatIsTooLong) {
     // sockaddr_un has room for 107 characters and a zero byte.
     const std::string longest(107 - std::string("/run/.helper.sock").size(), 'x');
-    inChild([&] { EXPECT_TRUE(makeListener({longest, sampleIdentity.teamID})); });
+    expectInChild([&] { EXPECT_TRUE(makeListener({longest, sampleIdentity.teamID})); });
     expectNone([&] { makeListener({longest + "x", sampleIdentity.teamID}); }, 78,
                "The app's identifier is too long for a socket: /run/" + longest + "x.helper.sock");
     fs::remove("/run/" + longest + "x.helper.sock.lock");
@@ -207,7 +203,7 @@ int boundSocket() {
 }
 
 TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
-    inChild([] {
+    expectInChild([] {
         handOver({boundSocket()}, getpid());
         EXPECT_TRUE(makeListener(sampleIdentity));
         EXPECT_FALSE(fs::exists(lockPath)) << "systemd starts only one";
@@ -220,7 +216,7 @@ TEST_F(HelperListenerPrivateMachineTest, TakesTheSocketOfSystemd) {
 
 // A shell that systemd started, say, has its variables too.
 TEST_F(HelperListenerPrivateMachineTest, TakesNoSocketThatIsForAnotherProcess) {
-    inChild([] {
+    expectInChild([] {
         handOver({newSocket(AF_UNIX, SOCK_STREAM)}, getpid() + 1);
         ASSERT_EQ(setenv("SYSTEMD_EXEC_PID", std::to_string(getppid()).c_str(), 1), 0);
         EXPECT_TRUE(makeListener(sampleIdentity));
@@ -317,7 +313,7 @@ class HelperListenerCallerPrivateMachineTest : public HelperListenerPrivateMachi
 
 // Does `body` in a child process, with a listener that serves.
 void serving(const std::function<void(Service&)>& body) {
-    inChild([&body] {
+    expectInChild([&body] {
         Service service;
         service.serve();
         body(service);
@@ -341,7 +337,7 @@ std::vector<std::string> answersTo(TestProcess& caller, std::size_t count = 1) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, TellsTheServiceManagerWhenItServes) {
-    inChild([] {
+    expectInChild([] {
         // sd_notify(3).
         const std::string path = "/run/notify";
         const Descriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -374,7 +370,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheApp) {
 }
 
 TEST_F(HelperListenerCallerPrivateMachineTest, ServesTheAppOnTheSocketOfSystemd) {
-    inChild([this] {
+    expectInChild([this] {
         const int socket = boundSocket();
         ASSERT_EQ(chmod(socketPath.c_str(), 0666), 0);
         // It is already listening when it is handed over, and the first caller may be waiting.

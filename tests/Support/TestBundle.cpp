@@ -28,10 +28,12 @@ void TestBundle::writeInfo(const std::string& identifier, const std::string& tea
     replaceTestFile(info(), infoText(name_, identifier, team));
 }
 
-void TestBundle::install(gid_t group) const {
+void TestBundle::install(gid_t group) const { makeSetGroupID(executable(), group); }
+
+void makeSetGroupID(const std::string& path, gid_t group) {
     // In this order: chown(2) clears the set-group-id bit.
-    ASSERT_EQ(chown(executable().c_str(), 0, group), 0);
-    ASSERT_EQ(chmod(executable().c_str(), 02755), 0);
+    ASSERT_EQ(chown(path.c_str(), 0, group), 0);
+    ASSERT_EQ(chmod(path.c_str(), 02755), 0);
 }
 
 std::string infoText(const std::string& executable, const std::string& identifier,

@@ -57,6 +57,9 @@ void overwriteTestFile(const std::string& path, const std::string& bytes);
 // `number`. Returns the path of the copy.
 std::string copyProgramAsNumber(const std::string& from, const std::string& folder, ino_t number);
 
+// Gives the program at `path` to root and its group `group`, which whatever runs it has then.
+void makeSetGroupID(const std::string& path, gid_t group);
+
 // Copies the program at `from` to `to`, with the permissions 0755.
 void copyProgram(const std::string& from, const std::string& to);
 

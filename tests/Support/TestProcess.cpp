@@ -285,6 +285,16 @@ ChildResult runInChild(const ProcessOptions& options, Seconds limit) {
 
 ChildResult runInChild(const std::function<void()>& body) { return runInChild(optionsOf(body)); }
 
+void expectInChild(const std::function<void()>& body) {
+    const ChildResult result = runInChild(body);
+    EXPECT_EQ(result.status, 0) << result.output;
+}
+
+void exitAtOnce() {
+    std::fflush(nullptr);
+    _exit(::testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
 void expectInNewProcess(void (*body)()) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto run = [body] {

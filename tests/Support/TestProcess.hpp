@@ -167,6 +167,13 @@ struct ChildResult {
 ChildResult runInChild(const ProcessOptions& options, Seconds limit = Seconds{60});
 ChildResult runInChild(const std::function<void()>& body);
 
+// Runs `body` in a child process and expects no failure in it.
+void expectInChild(const std::function<void()>& body);
+
+// Ends a child process with 0, or with 1 after a failed expectation, without exit handlers: in a
+// process that changed its user, or that can start no other, LeakSanitizer's would abort.
+[[noreturn]] void exitAtOnce();
+
 // Runs `body` in a process that is started anew (execve(2)), and expects no failure in it: for what
 // happens once per process.
 void expectInNewProcess(void (*body)());
