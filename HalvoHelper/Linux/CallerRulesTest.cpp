@@ -558,7 +558,6 @@ TEST_F(CallerRulesPrivateMachineTest, RefuseAnInfoThatIsNotTheAppsOrNotRootOwned
         {"without the team", [&] { without("HalvoTeamID"); }},
         {"writable by its group", [&] { ASSERT_EQ(chmod(info.c_str(), 0664), 0); }},
         {"writable by others", [&] { ASSERT_EQ(chmod(info.c_str(), 0646), 0); }},
-        {"writable by all", [&] { ASSERT_EQ(chmod(info.c_str(), 0666), 0); }},
         {"another person's", [&] { ASSERT_EQ(chown(info.c_str(), user.uid, user.gid), 0); }},
         {"a link",
          [&] {

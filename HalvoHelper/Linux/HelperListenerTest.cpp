@@ -493,7 +493,7 @@ TEST_F(HelperListenerCallerPrivateMachineTest, LetsACallerGoThatItCannotServe) {
                         ElementsAre("Refused a caller: it did not authenticate as D-Bus requires, "
                                     "or memory or file descriptors ran out"));
         };
-        expectRefusal({"connect-say", socketPath, "GET / HTTP/1.1"});
+        expectRefusal({"connect", socketPath, "GET / HTTP/1.1"});
         {
             const Fault once = Fault::returning(SystemCall::sd_bus_start, -ENOMEM);
             expectRefusal({"connect", socketPath});

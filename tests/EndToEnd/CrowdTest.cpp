@@ -51,7 +51,7 @@ class CrowdTest : public ::testing::Test {
     }
 
     // Anonymous resident memory, in KiB.
-    [[nodiscard]] long memory() const {
+    [[nodiscard]] long memory() {
         return std::stol(processField(helper.process().pid(), "RssAnon"));
     }
 

@@ -25,8 +25,6 @@ class RunningHelper {
 
     [[nodiscard]] TestProcess& process() { return process_; }
 
-    [[nodiscard]] const TestProcess& process() const { return process_; }
-
     bool isRunning() { return process_.isRunning(); }
 
     // SIGTERM; the exit status.

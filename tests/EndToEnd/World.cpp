@@ -16,16 +16,12 @@
 #include <sstream>
 
 #include "tests/Support/InodeFlags.hpp"
+#include "tests/Support/PrivateMachine.hpp"
 
 namespace halvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-// scripts/private-machine sets these variables.
-unsigned numberFrom(const char* variable) {
-    return static_cast<unsigned>(std::stoul(std::getenv(variable)));
-}
 
 // Kills all processes of a user; process 1 reaps them.
 void killAllOf(uid_t person) {

@@ -12,6 +12,11 @@
 
 namespace halvo::testing {
 
+// The number in a variable that scripts/private-machine sets.
+inline unsigned numberFrom(const char* variable) {
+    return static_cast<unsigned>(std::stoul(std::getenv(variable)));
+}
+
 // A test inside scripts/private-machine, with what its environment says of the machine. Derived
 // suites have "PrivateMachine" in their name, by which ctest runs them inside one; elsewhere they
 // are skipped, and neither prepare() nor cleanUp() is called.
@@ -34,11 +39,10 @@ class PrivateMachineTest : public ::testing::Test {
         if (std::getenv("HALVO_APP_GID") == nullptr || access("/.machine", F_OK) != 0) {
             GTEST_SKIP() << "needs scripts/private-machine";
         }
-        // The primary group of each user has the user's number.
-        user = {number("HALVO_UID"), number("HALVO_UID")};
-        other = {number("HALVO_OTHER_UID"), number("HALVO_OTHER_UID")};
+        user = numberFrom("HALVO_UID");
+        other = numberFrom("HALVO_OTHER_UID");
         userName = std::getenv("HALVO_USER");
-        appGroup = number("HALVO_APP_GID");
+        appGroup = numberFrom("HALVO_APP_GID");
         prepare();
     }
 
@@ -46,10 +50,6 @@ class PrivateMachineTest : public ::testing::Test {
         if (!IsSkipped()) {
             cleanUp();
         }
-    }
-
-    static unsigned number(const char* variable) {
-        return static_cast<unsigned>(std::stoul(std::getenv(variable)));
     }
 };
 

@@ -17,9 +17,8 @@
 //     hold COUNT                   keeps that many authenticated connections, "holding COUNT"
 //     huge MEGABYTES               a begin with a path of that size
 //     flood COUNT                  that many status calls without reading a reply
-//     connect SOCKET               connects, "connected"; sends nothing and keeps the connection
+//     connect SOCKET [TEXT]        connects, "connected"; sends TEXT and keeps the connection
 //     connect-many SOCKET COUNT    the same with several connections
-//     connect-say SOCKET TEXT      the same, but sends TEXT first
 //     connect-share SOCKET         leaves the connection to a child, says "connected" and ends
 //     connect-run SOCKET PROGRAM ARGUMENTS...
 //                                  becomes the program with the connection as descriptor 3
@@ -401,9 +400,9 @@ const std::map<std::string, Command> commands{
          return show("begin", newCall(connect(), "Begin", "sdd", path.c_str(), 2.0, 1.0));
      }},
     {"flood", [](const Words& words) { return flood(std::stoi(words.at(0))); }},
-    {"connect", at([](const Words&) { return connectOften(1); })},
+    {"connect",
+     at([](const Words& words) { return connectOften(1, words.empty() ? "" : words[0]); })},
     {"connect-many", at([](const Words& words) { return connectOften(std::stoi(words.at(0))); })},
-    {"connect-say", at([](const Words& words) { return connectOften(1, words.at(0)); })},
     {"connect-share", at([](const Words&) { return connectAndShare(); })},
     {"connect-run", at(connectThenBecome)},
     {"use-fd",
