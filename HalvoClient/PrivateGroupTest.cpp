@@ -135,6 +135,7 @@ TEST_F(PrivateGroupTest, IsInEffectOnlyToConnectToTheHelper) {
             EXPECT_EQ(groupsNow(), asideGroups);
         }
     });
+    ASSERT_EQ(chdir("/"), 0);
 }
 
 TEST_F(PrivateGroupTest, IsDroppedByExec) {
