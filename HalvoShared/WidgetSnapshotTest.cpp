@@ -72,14 +72,6 @@ TEST(WidgetSnapshotTest, AStateIsAnObjectWithOneKey) {
     }
 }
 
-TEST(WidgetSnapshotTest, ALevelIsOneOfThree) {
-    EXPECT_EQ(JSON::decode<S::Level>("\"gentle\""), S::Level::gentle);
-    EXPECT_EQ(JSON::decode<S::Level>("\"firm\""), S::Level::firm);
-    EXPECT_EQ(JSON::decode<S::Level>("\"ultraHard\""), S::Level::ultraHard);
-    EXPECT_FALSE(JSON::decode<S::Level>("\"ultrahard\""));
-    EXPECT_FALSE(JSON::decode<S::Level>("2"));
-}
-
 TEST(WidgetSnapshotTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherType) {
     const std::string whole = readTestFile(widgetsGolden);
     std::map<std::string, int> missable;
