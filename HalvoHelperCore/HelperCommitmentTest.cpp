@@ -54,19 +54,14 @@ TEST(HelperCommitmentTest, CountsTheTimePassed) {
         {"since-boot went back by the least", look("boot 1", uptime - 0.001, 0), uptime - 0.001},
         {"rebooted, the wall clock says more", look("boot 2", 40, 300), 300},
         {"rebooted, the wall clock says less", look("boot 2", 40, 10), 40},
-        {"rebooted, both say the same", look("boot 2", 40, 40), 40},
-        {"rebooted, the wall clock moved back", look("boot 2", 40, -5 * anHour), 40},
         {"rebooted, since-boot is larger than before", look("boot 2", uptime + 500, 20), 1500},
         {"rebooted, since-boot is zero", look("boot 2", 0, -10), 0},
-        {"rebooted, a fraction of a second ago", look("boot 2", 0.25, -10), 0.25},
         {"rebooted, since-boot just below zero", look("boot 2", -0.001, -10), 0},
-        {"rebooted, both negative", look("boot 2", -5, -60), 0},
         {"rebooted, only since-boot negative", look("boot 2", -5, 60), 60},
         {"rebooted, since-boot not a number", look("boot 2", nan, 60), 60},
         {"rebooted, since-boot not a number, moved back", look("boot 2", nan, -60), 0},
         {"the same boot, since-boot not a number", look("boot 1", nan, 60), 60},
         {"a boot without a name", look("", uptime + 30, 7), uptime + 30},
-        {"a boot that differs in case", look("BOOT 1", uptime + 30, 7), uptime + 30},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(commitment.elapsed(row.now).count(), row.elapsed) << row.what;
@@ -105,9 +100,6 @@ TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
         {"no wall cap within one boot", commitment, look("boot 1", uptime + 30, 2 * aDay),
          2 * anHour - 30},
         {"rebooted", commitment, look("boot 2", 40, 600), 2 * anHour - 600},
-        {"rebooted, the cap", capped, look("boot 2", 40, 600), anHour - 600},
-        {"rebooted, the wall clock set back", commitment, look("boot 2", 40, -5 * anHour),
-         2 * anHour - 40},
         {"rebooted, a day from the start", generous, look("boot 2", 40, 20 * anHour), 4 * anHour},
         {"rebooted, a day after the start", generous, look("boot 2", 40, aDay), 0},
         {"rebooted, more than a day after the start", generous, look("boot 2", 40, aDay + 5), -5},
@@ -122,7 +114,6 @@ TEST(HelperCommitmentTest, LeavesTheSmallestBudgetLessTheTimePassed) {
 TEST(HelperCommitmentTest, IsLiveWhileAnythingIsLeft) {
     EXPECT_TRUE(commitment.isLive(look("boot 1", uptime + 2 * anHour - 0.001, 0)));
     EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * anHour, 0)));
-    EXPECT_FALSE(commitment.isLive(look("boot 1", uptime + 2 * anHour + 1, 0)));
 }
 
 TEST(HelperCommitmentTest, EndsWhenTheTimeLeftWillHavePassedOnTheWallClock) {

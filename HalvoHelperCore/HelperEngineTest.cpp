@@ -232,12 +232,10 @@ TEST(HelperEngineBeginTest, IsGrantedUpToADayFromItsStart) {
         {-82'800, 10'800, 3'600},
         {18'000, 172'800, 104'400},
         {-3'600, 6e10, 82'800},
-        {-3'600, 1e300, 82'800},
         {-3'600, Limits::max(), 82'800},
         {0, -10, {}},
         {0, 0, {}},
         {-86'400, 3'600, {}},
-        {-172'800, 3'600, {}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.length);
@@ -574,12 +572,6 @@ TEST_F(HelperEngineTest, NeitherFailedSavesNorMissedTicksNorASetClockChangeTheTi
     EXPECT_EQ(status().until, now() + hour / 2 - minute * 3);
     engine->tick();
     EXPECT_EQ(status().until, now() + hour / 2 - minute * 3);
-}
-
-TEST_F(HelperEngineTest, AClockThatGoesBackwardsGivesNoTimeBack) {
-    begin(app, hour);
-    world.clock.setSinceBoot(second * 100);
-    EXPECT_EQ(status().until, now() + hour - second * 100);
 }
 
 TEST_F(HelperEngineTest, AQuietTickAllocatesNothing) {

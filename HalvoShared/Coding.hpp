@@ -48,25 +48,17 @@ std::string quoted(std::string_view text);
 // --- Errors
 
 // Throws an Error without a path.
-[[noreturn]] void fail(Error::Kind kind, std::string problem);
+[[noreturn]] void fail(std::string problem);
 
-// Fails with `expected` and what was found in its place.
-[[noreturn]] void failExpecting(std::string_view expected, const Json& found, Error::Kind kind);
-
-// Does so unless `isRight`.
-inline void expect(bool isRight, std::string_view expected, const Json& found,
-                   Error::Kind kind = Error::Kind::TypeMismatch) {
-    if (!isRight) {
-        failExpecting(expected, found, kind);
-    }
-}
+// Fails with `expected` and what was found in its place, unless `isRight`.
+void expect(bool isRight, std::string_view expected, const Json& found);
 
 // Sets `value` to what `parse` returns for a text.
 template <class Parse, class T>
 void readText(const Json& json, std::string_view expected, Parse parse, T& value) {
     expect(json.is_string(), expected, json);
     const auto parsed = parse(json.get_ref<const std::string&>());
-    expect(parsed.has_value(), expected, json, Error::Kind::BadValue);
+    expect(parsed.has_value(), expected, json);
     value = *parsed;  // NOLINT(bugprone-unchecked-optional-access): expect() throws.
 }
 
@@ -152,7 +144,7 @@ struct Coder {
         } else if (isUTF8(value)) {
             text += quoted(value);
         } else {
-            fail(Error::Kind::BadValue, "is not UTF-8 text");
+            fail("is not UTF-8 text");
         }
     }
 
@@ -163,7 +155,7 @@ struct Coder {
     static void write(std::string& text, WallDate value) {
         text += '"';
         if (!RFC3339::append(value, text)) {
-            fail(Error::Kind::BadValue, "is not a date of the years 0 to 9999");
+            fail("is not a date of the years 0 to 9999");
         }
         text += '"';
     }
@@ -179,8 +171,7 @@ struct Coder {
     static void read(const Json& json, T& value) {
         constexpr auto* expected =
             sizeof(T) == 8 ? "a whole number of 64 bits" : "a whole number of 32 bits";
-        expect(json.is_number(), expected, json);
-        expect(isWhole<T>(json), expected, json, Error::Kind::BadValue);
+        expect(json.is_number() && isWhole<T>(json), expected, json);
         value = json.get<T>();
     }
 
@@ -201,7 +192,7 @@ struct Coder {
         }();
         expect(json.is_string(), expected, json);
         const auto found = std::ranges::find(nameList<T>, json.get_ref<const std::string&>());
-        expect(found != nameList<T>.end(), expected, json, Error::Kind::BadValue);
+        expect(found != nameList<T>.end(), expected, json);
         value = static_cast<T>(found - nameList<T>.begin());
     }
 
@@ -210,7 +201,7 @@ struct Coder {
     static void write(std::string& text, T value) {
         const auto index = static_cast<std::size_t>(value);
         if (index >= nameList<T>.size()) {
-            fail(Error::Kind::BadValue, "is none of the values that have a name");
+            fail("is none of the values that have a name");
         }
         write(text, nameList<T>[index]);
     }
@@ -260,7 +251,7 @@ struct Coder {
         expect(json.is_object(), "an object", json);
         const auto isThere = [&](std::string_view key) { return json.contains(key); };
         if (std::ranges::count_if(keys, isThere) != 1) {
-            fail(Error::Kind::TypeMismatch, "Invalid number of keys found, expected one.");
+            fail("Invalid number of keys found, expected one.");
         }
         const auto* key = keys.begin();
         ((isThere(*key) ? readMember(json, *key, variant.template emplace<Cases>()) : void(),
@@ -288,7 +279,7 @@ struct Coder {
         const auto [first, last] = object.get_ref<const Json::object_t&>().equal_range(key);
         within(key, [&, member = first, end = last]() mutable {
             if (member == end && !isMissable) {
-                fail(Error::Kind::MissingMember, "This is missing");
+                fail("This is missing");
             }
             const Value initial = value;
             for (; member != end; ++member) {

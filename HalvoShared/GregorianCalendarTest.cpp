@@ -84,9 +84,6 @@ TEST(GregorianCalendarTest, KnowsWhereDaysBeginAndEnd) {
         {"Europe/Berlin", "2100-10-31T11:00", "2100-10-30T22:00", "2100-10-31T23:00"},
         {"Europe/Dublin", "2100-10-31T12:00", "2100-10-30T23:00", "2100-11-01T00:00"},
         {"America/Santiago", "4000-09-03T15:00", "4000-09-03T04:00", "4000-09-04T03:00"},
-        {"Africa/Cairo", "2040-04-27T09:00", "2040-04-26T22:00", "2040-04-27T21:00"},
-        {"America/Nuuk", "4000-03-25T14:00", "4000-03-25T02:00", "4000-03-26T01:00"},
-        {"Asia/Jerusalem", "4000-03-24T09:00", "4000-03-23T22:00", "4000-03-24T21:00"},
         {"Australia/Lord_Howe", "4000-10-01T01:00", "4000-09-30T13:30", "4000-10-01T13:00"}};
 
     for (const auto& day : days) {
@@ -107,24 +104,19 @@ TEST(GregorianCalendarTest, AddsDaysAndKeepsTheTimeOfDay) {
         int days;
         std::string result;
     } sums[] = {{"Europe/Berlin", "2024-03-30T11:00", 1, "2024-03-31T10:00"},
-                {"Europe/Berlin", "2024-10-26T10:00", 1, "2024-10-27T11:00"},
                 {"Europe/Berlin", "2024-07-01T10:00", 721'727, "4000-07-09T10:00"},
                 {"Europe/Berlin", "4000-07-09T10:00", -721'727, "2024-07-01T10:00"},
                 {"Europe/Berlin", "1800-06-01T11:06:32", 81'820, "2024-06-06T10:00"},
                 {"UTC", "2024-02-29T12:00", 0, "2024-02-29T12:00"},
-                // A time that is skipped is later by as much; Greenland skips the last hour of a
-                // Saturday, Toronto skipped the half hours around a midnight.
+                // A time that is skipped is later by as much; Toronto skipped the half hours around
+                // a midnight.
                 {"Europe/Berlin", "2024-03-30T01:30", 1, "2024-03-31T01:30"},
                 {"Europe/Berlin", "2024-03-30T02:30", 1, "2024-03-31T01:30"},
                 {"Europe/Berlin", "2024-04-01T00:30", -1, "2024-03-31T01:30"},
-                {"America/Havana", "2024-03-09T05:30", 1, "2024-03-10T05:30"},
-                {"Australia/Lord_Howe", "2024-10-04T15:40", 1, "2024-10-05T15:40"},
-                {"America/Nuuk", "4000-03-24T01:30", 2, "4000-03-26T01:30"},
                 {"America/Toronto", "1919-03-30T04:45", 1, "1919-03-31T04:45"},
                 // Of two times it is the first on the way forward,
                 {"Europe/Berlin", "2024-10-26T00:30", 1, "2024-10-27T00:30"},
                 {"Europe/Berlin", "2024-10-26T01:00", 1, "2024-10-27T02:00"},
-                {"Europe/Berlin", "2024-01-01T01:30", 300, "2024-10-27T00:30"},
                 {"Europe/Berlin", "2024-10-27T01:30", 0, "2024-10-27T01:30"},
                 // and on the way back that of the day it comes from: from the winter the second.
                 {"Europe/Berlin", "2024-10-28T01:30", -1, "2024-10-27T01:30"},

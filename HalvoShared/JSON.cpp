@@ -47,7 +47,7 @@ std::vector<char> parse(std::string_view text, Json& root) {
     const std::string notJSON = "This is not JSON: ";
     // The library takes a NUL byte for the end of the text.
     if (text.contains('\0')) {
-        fail(Error::Kind::Malformed, notJSON + "it holds a zero byte");
+        fail(notJSON + "it holds a zero byte");
     }
     std::vector<char> reserve;
     // Enough for a list of all values, of at least two bytes each, that doubles its capacity.
@@ -56,20 +56,22 @@ std::vector<char> parse(std::string_view text, Json& root) {
         Builder builder(root);
         Json::sax_parse(text, &builder);
     } catch (const Json::exception& exception) {
-        fail(Error::Kind::Malformed, notJSON + problemOf(exception));
+        fail(notJSON + problemOf(exception));
     }
     return reserve;
 }
 
 std::string quoted(std::string_view text) { return Json(text).dump(); }
 
-void fail(Error::Kind kind, std::string problem) {
+void fail(std::string problem) {
     // NOLINTNEXTLINE(cert-err60-cpp): caught as a reference, never copied by a throw.
-    throw Error{kind, "", std::move(problem)};
+    throw Error{"", std::move(problem)};
 }
 
-void failExpecting(std::string_view expected, const Json& found, Error::Kind kind) {
-    fail(kind, "Expected " + std::string(expected) + ", found " + described(found));
+void expect(bool isRight, std::string_view expected, const Json& found) {
+    if (!isRight) {
+        fail("Expected " + std::string(expected) + ", found " + described(found));
+    }
 }
 
 }  // namespace halvo::JSON

@@ -34,18 +34,6 @@ namespace halvo::JSON {
 
 // Why a text is not the JSON of a record, or a record has no JSON.
 struct Error {
-    enum class Kind {
-        // The text is not JSON, or not UTF-8.
-        Malformed,
-        // A required member is missing.
-        MissingMember,
-        // A member is of another JSON type, or a variant has not exactly one alternative.
-        TypeMismatch,
-        // A member is of the right type and its value is invalid.
-        BadValue,
-    };
-
-    Kind kind{};
     // Where the error is, "phases[3].state.block._0.level"; empty for the whole.
     std::string path;
     // A sentence, or the predicate of one, without a full stop.

@@ -72,14 +72,6 @@ TEST(WidgetSnapshotTest, AStateIsAnObjectWithOneKey) {
     }
 }
 
-TEST(WidgetSnapshotTest, ALevelIsOneOfThree) {
-    EXPECT_EQ(JSON::decode<S::Level>("\"gentle\""), S::Level::gentle);
-    EXPECT_EQ(JSON::decode<S::Level>("\"firm\""), S::Level::firm);
-    EXPECT_EQ(JSON::decode<S::Level>("\"ultraHard\""), S::Level::ultraHard);
-    EXPECT_FALSE(JSON::decode<S::Level>("\"ultrahard\""));
-    EXPECT_FALSE(JSON::decode<S::Level>("2"));
-}
-
 TEST(WidgetSnapshotTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherType) {
     const std::string whole = readTestFile(widgetsGolden);
     std::map<std::string, int> missable;
@@ -95,7 +87,7 @@ TEST(WidgetSnapshotTest, CannotBeReadWithoutARequiredMemberOrWithOneOfAnotherTyp
         const auto snapshot = JSON::decode<S>(json.replace(start, key.size(), "unknown"));
         if (snapshot) {
             ++missable[key];
-        } else if (snapshot.error().kind == JSON::Error::Kind::MissingMember) {
+        } else if (snapshot.error().problem == "This is missing") {
             EXPECT_TRUE(snapshot.error().path.ends_with(key)) << snapshot.error().path;
             required.insert(key);
         }

@@ -127,7 +127,7 @@ class FlatReader {
   private:
     static void expect(bool isRight) {
         if (!isRight) {
-            failWith({{}, "", "The arguments are not those of the function"});
+            failWith({"", "The arguments are not those of the function"});
         }
     }
 
@@ -222,7 +222,7 @@ std::string fileOf() {
 GregorianCalendar calendarOf(const std::string& zone) {
     auto calendar = GregorianCalendar::named(zone);
     if (!calendar) {
-        failWith({{}, "", std::move(calendar.error())});
+        failWith({"", std::move(calendar.error())});
     }
     return *calendar;
 }
@@ -267,7 +267,7 @@ std::string urlOf(const HalvoLink::Screen& screen, const std::string& scheme) {
 
 // Fails with the text about the file at `path`, which begins with that.
 [[noreturn]] void failAbout(const std::string& path, const std::string& text) {
-    failWith({{}, path, text.substr(path.size() + 2)});
+    failWith({path, text.substr(path.size() + 2)});
 }
 
 std::string contentOf(const std::string& path) {
