@@ -95,10 +95,9 @@ struct World {
     bool errorsHaveTexts = true;
 
     // The clocks: nanoseconds since boot, which Dispatch advances as a script runs; the wall clock
-    // at boot, in seconds since 1970; how many nanoseconds each clock_gettime_nsec_np(3) takes.
+    // at boot, in seconds since 1970.
     std::uint64_t sinceBoot = 1'000'000'000'000;
     double bootedAt = 1'800'000'000;
-    std::uint64_t readingTakes = 0;
 
     // sysctl(3) "kern.bootsessionuuid": its bytes, without which the call for the size fails;
     // whether the call for the value fails.
@@ -120,7 +119,6 @@ struct World {
     // containerURLForSecurityApplicationGroupIdentifier macOS returns a URL for every group; that
     // of another group lies where no folder can be made.
     std::map<std::string, std::string> groupContainers;
-    std::string otherGroupContainers = "/proc/Group Containers";
     std::string applicationSupport = "/nonexistent";
 
     // NSTask: the launched tasks, a callback for each, and the error that prevents a launch.

@@ -13,14 +13,11 @@ struct HelperClientTests {
         // The app is stopped: status and begin have one deadline.
         (Change { $0.jump(4.9) }, .success(true), "1 status, 1 begin 60, 1 status"),
         (Change { $0.jump(5) }, .failure(.silent), "1 status, 1 closed, 2 status"),
-        (Change { $0.jump(86400) }, .failure(.silent), "1 status, 1 closed, 2 status"),
         // The reply takes long; one that comes too late is ignored.
         (Change { $0.jump(3); $0.delay = 1.9 }, .success(true), "1 status, 1 begin 60, 1 status"),
         (Change { $0.jump(3); $0.delay = 2.1 }, .failure(.silent), "1 status, 1 begin 60, 1 closed, 2 status"),
         // Nothing is sent twice.
         (Change { $0.trouble = .away }, .failure(.away), "1 status, 1 begin 60, 1 closed, 2 status"),
-        (Change { $0.trouble = .untrusted }, .failure(.untrusted), "1 status, 1 begin 60, 1 closed, 2 status"),
-        (Change { $0.trouble = .incompatible }, .failure(.incompatible), "1 status, 1 begin 60, 1 closed, 2 status"),
     ] as [(Change, Result<Bool, HelperTrouble>, String)])
     func begins(meanwhile: Change, result: Result<Bool, HelperTrouble>, log: String) async throws {
         let helper = FakeSystem()

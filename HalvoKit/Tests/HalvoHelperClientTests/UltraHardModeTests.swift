@@ -78,7 +78,6 @@ struct UltraHardModeTests {
     @Test(arguments: [
         (.away, true, Change { _ in }), (.incompatible, true, Change { _ in }),
         (.silent, false, Change { _ in }), (.untrusted, false, Change { _ in }),
-        (.away, false, Change { $0.isRootsAlone = false }), (.away, false, Change { $0.isBundleLocked = true }),
         (.away, false, Change { $0.defaults.heldUntil = $0.date + 21 }),
         (.away, true, Change { $0.defaults.heldUntil = $0.date }),
     ] as [(HelperTrouble, Bool, Change)])

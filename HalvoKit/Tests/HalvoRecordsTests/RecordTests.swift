@@ -132,16 +132,6 @@ struct RecordTests {
         return (found[0], found[1])
     }
 
-    @Test(arguments: [
-        ("[]", "Expected an object, found a list"),
-        (#"{"writtenAt":"2026-11-20T09:30:00Z","isRunning":true}"#, "blockCount: This is missing"),
-        (#"{"writtenAt":"soon"}"#, #"writtenAt: Expected a date such as "2026-11-20T09:30:00Z", found "soon""#),
-    ])
-    func errorsAreForAPerson(json: String, text: String) {
-        let error = #expect(throws: RecordError.self) { try WidgetSnapshot(json: Data(json.utf8)) }
-        #expect(error?.description == text)
-    }
-
     @Test func nothingIsKeptOfWhatWasDecoded() throws {
         let json = try golden("widgets")
         // Returns free memory, which would take up what is lost; malloc_trim(3) is in no module.

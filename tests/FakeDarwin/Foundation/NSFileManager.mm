@@ -17,7 +17,7 @@
     const fake::World& world = fake::world();
     const std::string name = fake::textOf(group);
     const auto found = world.groupContainers.find(name);
-    const std::string other = world.otherGroupContainers + "/" + name;
+    const std::string other = "/proc/Group Containers/" + name;
     return
         [NSURL fileURLWithPath:fake::stringOf(
                                    found == world.groupContainers.end() ? other : found->second)];

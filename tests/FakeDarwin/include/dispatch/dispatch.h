@@ -19,7 +19,6 @@ typedef const struct dispatch_source_type_s* dispatch_source_type_t;
 typedef void (*dispatch_function_t)(void*);
 typedef uint64_t dispatch_time_t;
 
-#define NSEC_PER_SEC 1000000000ull
 #define DISPATCH_TIME_NOW (0ull)
 #define DISPATCH_TIME_FOREVER (~0ull)
 #define DISPATCH_TIMER_STRICT 0x1
