@@ -28,8 +28,8 @@ std::uint64_t loopTime(sd_bus* bus) {
 }
 
 // Replies with `values`, as sd_bus_message_append(3) takes them for the D-Bus signature `types`.
-// Returns what a handler returns to sd-bus. Where memory ran out the caller is disconnected: it must
-// not wait for the reply, nor be told that the request failed, which is done.
+// Returns what a handler returns to sd-bus. Where memory ran out the caller is disconnected: it
+// must not wait for the reply, nor be told that the request failed, which is done.
 template <class... Values>
 int reply(sd_bus_message* request, const char* types, Values... values) {
     if (sd_bus_reply_method_return(request, types, values...) < 0) {
