@@ -76,12 +76,11 @@ TEST_F(AppGroupTest, LiesInTheRootFolderForAnAccountWithoutAHome) {
     if (getuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
-    const testing::ChildResult child = testing::runInChild([] {
+    testing::expectInChild([] {
         testing::become({54321, 54321});
         set("HOME", nullptr);
         EXPECT_EQ(AppGroup::pathOf("g"), "/.local/share/g");
     });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST_F(AppGroupTest, HasAFolderOfItsOwnWhenItsIdentifierIsTheNameOfOne) {

@@ -249,7 +249,7 @@ TEST(IntentHostingBundleTest, KnowsTheAppFromItsExtensions) {
 }
 
 TEST(IntentHostingBundleTest, IsOneForTheProcessAndAnswersOnItsMainQueue) {
-    const auto result = testing::runInChild([] {
+    testing::expectInChild([] {
         IntentHosting& hosting = IntentHosting::shared();
         EXPECT_EQ(&hosting, &IntentHosting::shared());
         // The tests lie in no app.
@@ -261,11 +261,10 @@ TEST(IntentHostingBundleTest, IsOneForTheProcessAndAnswersOnItsMainQueue) {
         });
         liveMainQueue().run();
     });
-    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST(IntentHostingBundleTest, WaitsOnTheLiveQueueByTheWallClock) {
-    const auto result = testing::runInChild([] {
+    testing::expectInChild([] {
         static IntentHosting hosting(liveMainQueue(), true);
         static const auto host = std::make_shared<WillingHost>();
         hosting.current(Seconds{3600}, [](const HostPointer& found) {
@@ -275,7 +274,6 @@ TEST(IntentHostingBundleTest, WaitsOnTheLiveQueueByTheWallClock) {
         liveMainQueue().after(Seconds{0.06}, [] { hosting.registerHost(host); });
         liveMainQueue().run();
     });
-    EXPECT_EQ(result.status, 0) << result.output;
 }
 
 }  // namespace

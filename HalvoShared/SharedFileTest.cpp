@@ -27,6 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using testing::ChildResult;
+using testing::expectInChild;
 using testing::Fault;
 using testing::longSnapshot;
 using testing::readTestFile;
@@ -232,11 +233,10 @@ TEST_F(SharedFileTest, IsWholeWhileManyWriteAtOnce) {
 }
 
 TEST_F(SharedFileTest, IsWrittenBesideTheProcessWhenItsPathIsABareName) {
-    const ChildResult child = runInChild([this] {
+    expectInChild([this] {
         ASSERT_EQ(chdir(folder.path().c_str()), 0);
         SharedFile<WidgetSnapshot>("widgets.json").write(sampleSnapshot());
     });
-    EXPECT_EQ(child.status, 0) << child.output;
     EXPECT_EQ(file.read(), sampleSnapshot());
 }
 
@@ -256,7 +256,7 @@ template <class Record>
 void expectInContainer(const std::string& name) {
     const TemporaryFolder home;
     const TemporaryFolder other;
-    const ChildResult child = runInChild([&] {
+    expectInChild([&] {
         ASSERT_EQ(setenv("XDG_DATA_HOME", home.path().c_str(), 1), 0);
         const std::string url = Record::file().url();
         EXPECT_EQ(url, AppGroup::container() + "/" + name);
@@ -265,7 +265,6 @@ void expectInContainer(const std::string& name) {
         ASSERT_TRUE(AppGroup::container().starts_with(other.path()));
         EXPECT_EQ(Record::file().url(), url) << "it stays where the container was";
     });
-    EXPECT_EQ(child.status, 0) << child.output;
 }
 
 TEST(FileOfRecordTest, LiesInTheContainerUnderItsName) {

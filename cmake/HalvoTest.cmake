@@ -15,6 +15,17 @@ function(halvo_add_command_test name)
     set_tests_properties(${name} PROPERTIES TIMEOUT ${HALVO_TEST_LIMIT} SKIP_RETURN_CODE 125 ${arg_PROPERTIES})
 endfunction()
 
+# halvo_find_tests(VARIABLE FOLDER...)
+#
+# Sets the variable to the sources of tests in these folders. Not listed by hand: a test left out would never run.
+function(halvo_find_tests variable)
+    foreach(folder IN LISTS ARGN)
+        file(GLOB found CONFIGURE_DEPENDS ${folder}/*Test.cpp ${folder}/*Test.mm)
+        list(APPEND all ${found})
+    endforeach()
+    set(${variable} ${all} PARENT_SCOPE)
+endfunction()
+
 # halvo_set_test_options(NAME): the compile options of a test executable.
 #
 # Without optimisation: tests are compiled once and run once; the code under test has its usual options. With precompiled

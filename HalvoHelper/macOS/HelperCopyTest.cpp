@@ -66,14 +66,13 @@ TEST_F(HelperCopyPrivateMachineTest, LiesWhereRootAloneCanReachIt) {
         EXPECT_EQ(status.st_mode & 07777U, 0700U) << path;
         EXPECT_EQ(status.st_uid, 0U) << path;
     }
-    const ChildResult person = runInChild([&] {
+    expectInChild([&] {
         become(user);
         EXPECT_EQ(open(copy.c_str(), O_RDONLY), -1);
         EXPECT_EQ(unlink(copy.c_str()), -1);
         EXPECT_EQ(rename(folder.c_str(), "/tmp/mine"), -1);
         std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
     });
-    EXPECT_EQ(person.status, 0) << person.output;
     HelperCopy::remove(identity);
     EXPECT_FALSE(fs::exists(folder));
 }
@@ -165,14 +164,13 @@ TEST_F(HelperCopyPrivateMachineTest, IsNotPutWhereAnotherUserCouldChangeIt) {
 
 TEST_F(HelperCopyPrivateMachineTest, GoesWhenTheProcessEnds) {
     for (const int openings : {1, 2}) {
-        const ChildResult process = runInChild([&] {
+        expectInChild([&] {
             for (int count = 0; count < openings; ++count) {
                 EXPECT_EQ(HelperCopy::make(executable, identity), Result(copy));
             }
             EXPECT_TRUE(fs::exists(copy));
             std::exit(::testing::Test::HasFailure() ? 1 : 0);
         });
-        EXPECT_EQ(process.status, 0) << process.output;
         EXPECT_FALSE(fs::exists(folder)) << openings;
     }
 }

@@ -52,8 +52,7 @@ TEST(MainActorTest, IsTheInitialThreadAlsoInAChild) {
     bool answer = true;
     std::thread([&] { answer = onMainActor(); }).join();
     EXPECT_FALSE(answer);
-    const ChildResult result = testing::runInChild([] { EXPECT_TRUE(onMainActor()); });
-    EXPECT_EQ(result.status, 0) << result.output;
+    testing::expectInChild([] { EXPECT_TRUE(onMainActor()); });
 }
 
 TEST(MainQueueTest, RunsWorkLaterAndInOrder) {
@@ -283,7 +282,7 @@ class NotifySocket {
 // What the manager hears of a queue that was served for half a second.
 std::string heardWithWatchdog(const char* microseconds) {
     const NotifySocket manager;
-    const ChildResult result = testing::runInChild([&] {
+    testing::expectInChild([&] {
         setenv("NOTIFY_SOCKET", manager.path().c_str(), 1);
         if (microseconds != nullptr) {
             setenv("WATCHDOG_USEC", microseconds, 1);
@@ -292,7 +291,6 @@ std::string heardWithWatchdog(const char* microseconds) {
         queue.after(Seconds{0.5}, finish);
         queue.run();
     });
-    EXPECT_EQ(result.status, 0) << result.output;
     return manager.next();
 }
 
