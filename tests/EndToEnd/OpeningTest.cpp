@@ -35,14 +35,14 @@ const std::string opening = "Halvo isn't running during Ultra Hard mode; opening
 
 constexpr Seconds silence{6};
 // A tick comes every 2 s, and a busy machine is late.
-constexpr Seconds late{5};
+constexpr Seconds lateness{5};
 // By then a silent app would have been opened again.
 constexpr Seconds wellAfter = silence + Seconds{4};
 
 class OpeningTest : public ::testing::Test {
   protected:
     // Waits for the app to run, and fails the test unless it does within `limit`.
-    pid_t waitForApp(Seconds limit = silence + late) const {
+    pid_t waitForApp(Seconds limit = silence + lateness) const {
         EXPECT_TRUE(eventually(limit, [] {
             return !processesRunning(Place::appExecutable).empty();
         })) << "the app was not opened";
@@ -71,7 +71,7 @@ TEST_F(OpeningTest, ComesAfterSixSecondsOfSilence) {
     const Seconds begun = timeNow();
     const pid_t app = waitForApp();
     EXPECT_GE(timeNow() - before, silence);
-    EXPECT_LE(timeNow() - begun, silence + late);
+    EXPECT_LE(timeNow() - begun, silence + lateness);
     EXPECT_EQ(helper->count(opening), 1);
     expectServed(app);
     EXPECT_EQ(processesRunning(Place::appExecutable), std::vector<pid_t>{app});
